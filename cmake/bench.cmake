@@ -1,0 +1,10 @@
+# Benchmarks: bench/NAME.cpp becomes bench_NAME.
+find_package(benchmark REQUIRED)
+file(GLOB benches CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/bench/*.cpp)
+foreach(source ${benches})
+  get_filename_component(name ${source} NAME_WE)
+  add_executable(bench_${name} ${source})
+  target_include_directories(bench_${name} PRIVATE ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/src)
+  target_include_directories(bench_${name} SYSTEM PRIVATE ${PROJECT_SOURCE_DIR}/win32/include)
+  target_link_libraries(bench_${name} PRIVATE ctl_commands keldwick_all benchmark::benchmark)
+endforeach()

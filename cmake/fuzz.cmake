@@ -1,0 +1,10 @@
+# Fuzz targets: fuzz/NAME.cpp becomes fuzz_NAME, with its seeds in fuzz/corpus/NAME.
+file(GLOB targets CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/fuzz/*.cpp)
+foreach(source ${targets})
+  get_filename_component(name ${source} NAME_WE)
+  add_executable(fuzz_${name} ${source})
+  target_include_directories(fuzz_${name} PRIVATE ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/src)
+  target_include_directories(fuzz_${name} SYSTEM PRIVATE ${PROJECT_SOURCE_DIR}/win32/include)
+  target_link_options(fuzz_${name} PRIVATE -fsanitize=fuzzer)
+  target_link_libraries(fuzz_${name} PRIVATE ctl_commands server_parts keldwick_all)
+endforeach()

@@ -1,0 +1,66 @@
+// Makes single calls of a Windows interface fail with a given code, by link-time wrapping: the program that is tested
+// carries no hooks. A test program names the call in its wrapped-calls.txt and defines it once:
+//
+//     WRAP_CALL(LSTATUS, RegSetValueExW, (HKEY k, LPCWSTR n, DWORD r, DWORD t, const BYTE* d, DWORD c), (k, n, r, t, d, c))
+//
+// and a test then says
+//
+//     FAIL_CALL full(RegSetValueExW_calls, ERROR_DISK_FULL, ERROR_DISK_FULL);   // result, last error
+//
+// which makes every call fail until `full` goes out of scope. A success leaves a wrong last error behind, as the
+// documentation allows.
+#pragma once
+
+#include <windows.h>
+
+#include <atomic>
+#include <cstdint>
+
+struct CALL_PLAN {
+    std::atomic<bool> active{false};
+    std::atomic<int> skip{0};    // calls that still go through first
+    std::atomic<int> count{-1};  // calls that then fail; -1: all
+    std::atomic<int> failed{0};  // calls that did fail
+    std::atomic<uintptr_t> result{0};
+    std::atomic<DWORD> error{0};
+
+    bool Fires() {
+        if (!active) return false;
+        if (skip > 0 && skip-- > 0) return false;
+        if (count == 0) return false;
+        if (count > 0) --count;
+        ++failed;
+        return true;
+    }
+};
+
+class FAIL_CALL {
+public:
+    FAIL_CALL(CALL_PLAN& wanted, uintptr_t result, DWORD error, int skip = 0, int count = -1) : plan(wanted) {
+        plan.result = result;
+        plan.error = error;
+        plan.skip = skip;
+        plan.count = count;
+        plan.failed = 0;
+        plan.active = true;
+    }
+    ~FAIL_CALL() { plan.active = false; }
+    FAIL_CALL(const FAIL_CALL&) = delete;
+    FAIL_CALL& operator=(const FAIL_CALL&) = delete;
+    int Failed() const { return plan.failed; }
+
+private:
+    CALL_PLAN& plan;
+};
+
+#define WRAP_CALL(RETURN, NAME, PARAMETERS, ARGUMENTS)                                  \
+    static CALL_PLAN NAME##_calls;                                                      \
+    extern "C" RETURN __real_##NAME PARAMETERS;                                         \
+    extern "C" RETURN __wrap_##NAME PARAMETERS;                                         \
+    extern "C" RETURN __wrap_##NAME PARAMETERS {                                        \
+        if (NAME##_calls.Fires()) {                                                     \
+            SetLastError(NAME##_calls.error);                                           \
+            return (RETURN)(NAME##_calls.result.load());                                \
+        }                                                                               \
+        return __real_##NAME ARGUMENTS;                                                 \
+    }

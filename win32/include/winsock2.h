@@ -1,0 +1,79 @@
+// Windows Sockets, as far as the agent calls them. Socket addresses are the platform's own; the family numbers too.
+// The C library's calls of the same names stand behind win32_ names so that they leave a Winsock error behind.
+#pragma once
+#include <windows.h>
+
+#include <netdb.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+typedef int SOCKET;
+typedef HANDLE WSAEVENT;
+typedef struct sockaddr SOCKADDR, *LPSOCKADDR;
+typedef struct sockaddr_in SOCKADDR_IN;
+typedef struct sockaddr_in6 SOCKADDR_IN6;
+typedef struct sockaddr_storage SOCKADDR_STORAGE;
+typedef struct addrinfo ADDRINFOA, *PADDRINFOA;
+typedef struct _WSAPROTOCOL_INFOW WSAPROTOCOL_INFOW, *LPWSAPROTOCOL_INFOW;
+typedef struct WSAData { WORD wVersion, wHighVersion; char szDescription[257], szSystemStatus[129]; } WSADATA, *LPWSADATA;
+#define INVALID_SOCKET (-1)
+#define SOCKET_ERROR (-1)
+#define MAKEWORD(low, high) (static_cast<WORD>((low) | ((high) << 8)))
+
+#define WSAEINTR 10004
+#define WSAEACCES 10013
+#define WSAEFAULT 10014
+#define WSAEINVAL 10022
+#define WSAEMFILE 10024
+#define WSAEWOULDBLOCK 10035
+#define WSAEINPROGRESS 10036
+#define WSAENOTSOCK 10038
+#define WSAEMSGSIZE 10040
+#define WSAEAFNOSUPPORT 10047
+#define WSAEADDRINUSE 10048
+#define WSAEADDRNOTAVAIL 10049
+#define WSAENETDOWN 10050
+#define WSAENETUNREACH 10051
+#define WSAENETRESET 10052
+#define WSAECONNABORTED 10053
+#define WSAECONNRESET 10054
+#define WSAENOBUFS 10055
+#define WSAEISCONN 10056
+#define WSAENOTCONN 10057
+#define WSAESHUTDOWN 10058
+#define WSAETIMEDOUT 10060
+#define WSAECONNREFUSED 10061
+#define WSAEHOSTDOWN 10064
+#define WSAEHOSTUNREACH 10065
+#define WSASYSNOTREADY 10091
+#define WSANOTINITIALISED 10093
+#define WSAHOST_NOT_FOUND 11001
+#define WSATRY_AGAIN 11002
+#define WSANO_RECOVERY 11003
+#define WSANO_DATA 11004
+
+#define FD_READ 0x01
+#define FD_WRITE 0x02
+#define FD_CONNECT 0x10
+#define FD_CLOSE 0x20
+
+extern "C" {
+int WINAPI WSAStartup(WORD version, LPWSADATA data);
+int WINAPI WSACleanup();
+int WINAPI WSAGetLastError();
+void WINAPI WSASetLastError(int code);
+// text: NUL-terminated. On success *length is the address's size. Too small: WSAEFAULT (10014) and *length the size needed.
+int WINAPI WSAStringToAddressW(LPWSTR text, INT family, LPWSAPROTOCOL_INFOW protocol, LPSOCKADDR address, int* length);
+int WINAPI WSAAddressToStringW(LPSOCKADDR address, DWORD addressLength, LPWSAPROTOCOL_INFOW protocol, LPWSTR text,
+                               LPDWORD units);
+int WINAPI win32_gethostname(char* name, int length);
+int WINAPI win32_getaddrinfo(const char* node, const char* service, const ADDRINFOA* hints, PADDRINFOA* result);
+void WINAPI win32_freeaddrinfo(PADDRINFOA list);
+// Makes the event count as signalled, besides its own state, while the socket has one of the wanted conditions
+// (FD_READ and FD_CLOSE: readable; FD_WRITE and FD_CONNECT: writable). Mask 0 ends the association.
+int WINAPI WSAEventSelect(SOCKET socket, WSAEVENT event, LONG mask);
+}
+#define gethostname win32_gethostname
+#define getaddrinfo win32_getaddrinfo
+#define freeaddrinfo win32_freeaddrinfo

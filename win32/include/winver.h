@@ -1,0 +1,3 @@
+// The version-information interfaces; the layer declares them in windows.h.
+#pragma once
+#include <windows.h>

@@ -1,0 +1,16 @@
+// Settings that only the layer reads: the values of
+// HKEY_LOCAL_MACHINE\SOFTWARE\Vantorel Systems\Keldwick\Linux.
+#pragma once
+
+#include <windows.h>
+
+#include <optional>
+#include <string>
+
+namespace win32 {
+
+// The value as it stands in the registry now; nothing when it is absent or of another type.
+std::optional<DWORD> LinuxNumber(const char16_t* name);
+std::optional<std::u16string> LinuxText(const char16_t* name);
+
+}  // namespace win32

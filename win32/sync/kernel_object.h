@@ -1,0 +1,55 @@
+// What stands behind a HANDLE: one table of reference-counted objects for the whole process.
+#pragma once
+
+#include <windows.h>
+
+#include <memory>
+
+namespace win32 {
+
+// An object behind a handle. Objects that can be waited for give a descriptor that polls readable while signalled.
+class KERNEL_OBJECT {
+public:
+    KERNEL_OBJECT() = default;
+    virtual ~KERNEL_OBJECT() = default;
+    KERNEL_OBJECT(const KERNEL_OBJECT&) = delete;
+    KERNEL_OBJECT& operator=(const KERNEL_OBJECT&) = delete;
+
+    // The descriptor to poll for POLLIN, or -1: the object cannot be waited for.
+    virtual int WaitDescriptor() const { return -1; }
+
+    // A second condition that also signals the object: a socket bound to an event. fd -1: none. events: poll's bits.
+    struct COMPANION { int fd = -1; short events = 0; };
+    virtual COMPANION Companion() const { return {}; }
+
+    // Takes the signal if the object is signalled right now (an auto-reset object becomes unsignalled by it).
+    // False: somebody else was faster.
+    virtual bool TakeSignal() { return false; }
+};
+
+// Enters the object into the table; never null. Closed by CloseHandle.
+HANDLE NewHandle(std::shared_ptr<KERNEL_OBJECT> object);
+
+// The object behind a handle, or null (last error ERROR_INVALID_HANDLE). The caller shares its ownership, so that
+// another thread may close the handle meanwhile.
+std::shared_ptr<KERNEL_OBJECT> ObjectOf(HANDLE handle);
+
+// Removes the handle from the table; the object dies with its last user. False: no such handle (last error set).
+bool RemoveHandle(HANDLE handle);
+
+// The object behind a handle as a T, or null with ERROR_INVALID_HANDLE when it is of another kind.
+template <typename T>
+std::shared_ptr<T> ObjectAs(HANDLE handle) {
+    std::shared_ptr<T> object = std::dynamic_pointer_cast<T>(ObjectOf(handle));
+    if (!object) SetLastError(ERROR_INVALID_HANDLE);
+    return object;
+}
+
+// Signals an event object as SetEvent does; false when the object is not an event. For notifications of the layer,
+// which keep the event alive although its handle may be closed.
+bool SignalEventObject(KERNEL_OBJECT& event);
+
+// Binds a descriptor to an event as its companion (fd -1: none); false when the object is not an event.
+bool SetEventCompanion(KERNEL_OBJECT& event, int fd, short events);
+
+}  // namespace win32
