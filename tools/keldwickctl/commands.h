@@ -1,0 +1,19 @@
+// The command groups of keldwickctl. Each registers its commands with the parser; a command that cannot be done throws
+// COMMAND_ERROR, which main prints as one line on standard error before it ends with exit code 1.
+#pragma once
+
+#include <CLI/CLI.hpp>
+
+#include <stdexcept>
+#include <string>
+
+// What could not be done and why: UTF-8, one line, no line break at its end.
+class COMMAND_ERROR : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+// The commands run while the parser parses, after main has made the machine root known to the layer (KELDWICK_ROOT).
+void AddInitCommand(CLI::App& app);      // init
+void AddSettingsCommands(CLI::App& app);  // settings list, get, set, delete
+void AddEventsCommands(CLI::App& app);    // events write, import, list, clear
