@@ -49,6 +49,6 @@ foreach(test ${system_tests})
   get_filename_component(name ${test} NAME_WE)
   add_test(NAME system/${name} COMMAND Python3::Interpreter -m unittest -v ${name}
     WORKING_DIRECTORY ${PROJECT_SOURCE_DIR}/tests/system)
-  set_tests_properties(system/${name} PROPERTIES LABELS system TIMEOUT 300
+  set_tests_properties(system/${name} PROPERTIES LABELS system TIMEOUT 400
     ENVIRONMENT "KELDWICK_BIN=${CMAKE_RUNTIME_OUTPUT_DIRECTORY};PYTHONDONTWRITEBYTECODE=1")
 endforeach()

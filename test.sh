@@ -1,0 +1,34 @@
+#!/usr/bin/env bash
+# Sets everything up and passes the tests: the layout check, the agent against the real Windows headers, short runs of the
+# fuzz targets, the threaded parts under the thread sanitizer, and the whole suite under the address and
+# undefined-behaviour sanitizers. Ends with the test runner's own closing lines.
+set -euo pipefail
+cd "$(dirname "$0")"
+
+step() { printf '\n== %s (%ss)\n' "$1" "$SECONDS"; }
+build() { cmake --preset "$1" >/dev/null && cmake --build --preset "$1" -- "${@:2}" | tail -n 1; }
+
+step "Packages"
+packaging/install-build-packages test
+
+step "Layout of the source"
+cmake --preset asan >/dev/null
+cmake --build --preset asan --target format-check -- --quiet
+
+step "The agent against the real Windows headers"
+build windows
+
+step "Fuzz targets, a short run each"
+build fuzz
+fuzz/run-briefly build/fuzz/bin
+
+step "The threaded parts under the thread sanitizer"
+threaded=(tests_win32_sync tests_win32_files tests_win32_registry tests_win32_eventlog tests_win32_sockets
+          tests_diagnostics tests_component tests_protocol tests_service)
+build tsan "${threaded[@]}"
+ctest --preset tsan --quiet -L 'layer|unit' -R '^(win32/(sync|files|registry|eventlog|sockets)|diagnostics|component|protocol|service)/' \
+    --no-tests=error
+
+step "The whole suite under the address and undefined-behaviour sanitizers"
+build asan
+ctest --preset asan --no-tests=error

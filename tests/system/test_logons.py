@@ -1,0 +1,93 @@
+"""Logons, from the written record to the bytes at the server and the lines in the log."""
+import unittest
+
+from machine import MachineTest
+from wire import Server, certificate
+
+
+class Logons(MachineTest):
+    address = "127.41.0.1"
+
+    def serve(self, **options):
+        server = Server(self.address, **options)
+        self.addCleanup(server.close)
+        return server
+
+    def test_a_logon_is_reported_and_logged_and_a_repeated_one_only_resets_its_time_to_live(self):
+        server = self.serve()
+        self.prepare()
+        agent = self.start("-V")
+        self.logon("ann", "10.9.8.7", "WS1")
+        got = server.next()
+        self.assertEqual(("logon", 2, 0xFFE, "10.9.8.7"), (got["kind"], got["id"], got["mask"], got["address"]))
+        self.assertEqual((("CORP\\ann", "", ""), ("CORP\\WS1", "", ""), [], (12, 10, 0)),
+                         (got["user"], got["computer"], got["groups"], got["os"]))
+        self.until_logged("Do_EVENT_ACCOUNT_LOGON: Logon reported,\n    User name = \"CORP\\ann\",\n"
+                          "    Computer name = \"CORP\\WS1\",\n    IP address = \"10.9.8.7\",\n    Request length = 78")
+        self.logon("ANN", "10.9.8.7", "WS1")
+        self.until_logged("Do_EVENT_ACCOUNT_LOGON: Reset TTL,\n    User name = \"CORP\\ANN\",\n    IP Address = \"10.9.8.7\"")
+        self.logon("bob", "10.9.8.7", "WS1")
+        self.assertEqual([("logoff", "CORP\\ann"), ("logon", "CORP\\bob")],
+                         [(r["kind"], r["user"][0]) for r in (server.next(), server.next())])
+        self.shut_down(agent)
+        self.assertIn("Stopping Service: Reason = Registry value \"Shutdown\" set", self.messages())
+        self.assertIn("Uninitializing service", self.messages())
+
+    def test_over_tls_the_same_logon_goes_out_and_automatic_prefers_it(self):
+        server = self.serve(tls_files=certificate(self.root))
+        self.prepare(protocol="auto")
+        agent = self.start()
+        self.assertEqual("tls", server.accepted.get(timeout=5))
+        self.logon("ann", "2001:db8::7", "WS1")
+        got = server.next()
+        self.assertEqual(("logon", "2001:db8::7", "CORP\\ann"), (got["kind"], got["address"], got["user"][0]))
+        self.shut_down(agent)
+
+    def test_names_that_an_attacker_chose_arrive_whole(self):
+        server = self.serve()
+        self.prepare()
+        agent = self.start()
+        for user in ("%s%n%lu%%", "a\nKDWK: forged", "\U0001F980crab", "*)(objectClass=*", "x" * 3000, "\u202Eevil"):
+            with self.subTest(user=user[:20]):
+                self.logon(user, "10.0.0.1", "-" if user.startswith("x") else "WS")
+                while (got := server.next())["kind"] != "logon":
+                    pass
+                self.assertEqual("CORP\\" + user, got["user"][0])
+        self.shut_down(agent)
+        self.assertIn('"CORP\\%s%n%lu%%"', self.log())
+
+    def test_what_shows_no_user_at_a_remote_address_is_not_reported(self):
+        server = self.serve()
+        self.prepare()
+        agent = self.start()
+        for user, ip, more in (("WS9$", "10.0.0.9", {}), ("svc", "10.0.0.9", {"kind": "5"}), ("ann", "127.0.0.1", {}),
+                               ("ann", "-", {}), ("ann", "10.0.0.9", {"subject": "S-1-5-18"}),
+                               ("ANONYMOUS LOGON", "10.0.0.9", {"sid": "S-1-5-7"}), ("ann", "10.0.0.9", {"kind": "3a"})):
+            self.logon(user, ip, "WS", **more)
+        self.logon("last", "10.0.0.10", "WS")
+        self.assertEqual("CORP\\last", server.next()["user"][0])
+        self.shut_down(agent)
+
+    def test_the_log_cleared_while_it_is_followed_is_followed_on(self):
+        server = self.serve()
+        self.prepare()
+        agent = self.start()
+        self.logon("ann", "10.0.0.1", "WS")
+        self.assertEqual("CORP\\ann", server.next()["user"][0])
+        self.ctl("events", "clear")
+        self.until_logged("Security event log reopened")
+        self.until(lambda: self.log().count("EVENT_LOG::Process: RecordCount") >= 2, "registered again")
+        for attempt in range(20):  # what was written before the reader stood at the new end is skipped by design
+            self.logon("bob", f"10.0.1.{attempt}", "WS")
+            try:
+                self.assertEqual("CORP\\bob", server.next(timeout=2)["user"][0])
+                break
+            except Exception:  # nothing yet: the next one
+                continue
+        else:
+            self.fail("no logon after the clearing was reported")
+        self.shut_down(agent)
+
+
+if __name__ == "__main__":
+    unittest.main()
