@@ -19,11 +19,14 @@ public:
     virtual int WaitDescriptor() const { return -1; }
 
     // A second condition that also signals the object: a socket bound to an event. fd -1: none. events: poll's bits.
-    struct COMPANION { int fd = -1; short events = 0; };
+    struct COMPANION {
+        int fd = -1;
+        short events = 0;
+    };
     virtual COMPANION Companion() const { return {}; }
 
     // Takes the signal if the object is signalled right now (an auto-reset object becomes unsignalled by it).
-    // False: somebody else was faster.
+    // False: somebody else was faster. Called by waits only, which hold the process's dispatcher lock (dispatcher.h).
     virtual bool TakeSignal() { return false; }
 };
 
@@ -33,6 +36,10 @@ HANDLE NewHandle(std::shared_ptr<KERNEL_OBJECT> object);
 // The object behind a handle, or null (last error ERROR_INVALID_HANDLE). The caller shares its ownership, so that
 // another thread may close the handle meanwhile.
 std::shared_ptr<KERNEL_OBJECT> ObjectOf(HANDLE handle);
+
+// The objects behind `count` handles, all or none of them; false with ERROR_INVALID_HANDLE when one is no handle. The
+// pseudo handle of the process gives a null pointer: it is an object that never becomes signalled.
+bool ObjectsOf(const HANDLE* handles, DWORD count, std::shared_ptr<KERNEL_OBJECT>* objects);
 
 // Removes the handle from the table; the object dies with its last user. False: no such handle (last error set).
 bool RemoveHandle(HANDLE handle);
@@ -49,7 +56,8 @@ std::shared_ptr<T> ObjectAs(HANDLE handle) {
 // which keep the event alive although its handle may be closed.
 bool SignalEventObject(KERNEL_OBJECT& event);
 
-// Binds a descriptor to an event as its companion (fd -1: none); false when the object is not an event.
+// Binds a descriptor to an event as its companion (fd -1: none); false when the object is not an event. Waits that
+// begin afterwards look at it; the descriptor must stay open until it is unbound.
 bool SetEventCompanion(KERNEL_OBJECT& event, int fd, short events);
 
 }  // namespace win32

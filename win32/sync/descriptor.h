@@ -1,0 +1,31 @@
+// The owner of one file descriptor.
+#pragma once
+
+#include <unistd.h>
+
+#include <utility>
+
+namespace win32 {
+
+class DESCRIPTOR {
+public:
+    explicit DESCRIPTOR(int descriptor = -1) : fd(descriptor) {}
+    DESCRIPTOR(DESCRIPTOR&& other) noexcept : fd(std::exchange(other.fd, -1)) {}
+    DESCRIPTOR& operator=(DESCRIPTOR&& other) noexcept {
+        std::swap(fd, other.fd);
+        return *this;
+    }
+    ~DESCRIPTOR() {
+        if (fd >= 0) close(fd);
+    }
+    DESCRIPTOR(const DESCRIPTOR&) = delete;
+    DESCRIPTOR& operator=(const DESCRIPTOR&) = delete;
+
+    explicit operator bool() const { return fd >= 0; }
+    int Get() const { return fd; }
+
+private:
+    int fd;
+};
+
+}  // namespace win32

@@ -1,0 +1,97 @@
+// Event objects over eventfd. The descriptor is readable exactly while the event is signalled.
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <mutex>
+
+#include "win32/sync/descriptor.h"
+#include "win32/sync/dispatcher.h"
+#include "win32/sync/kernel_object.h"
+#include "win32/text/last_error.h"
+
+namespace win32 {
+namespace {
+
+class EVENT final : public KERNEL_OBJECT {
+public:
+    EVENT(DESCRIPTOR descriptor, bool manualReset, bool initiallySet)
+        : fd(std::move(descriptor)), manual(manualReset), signalled(initiallySet) {}
+
+    int WaitDescriptor() const override { return fd.Get(); }
+    COMPANION Companion() const override { return companion.load(std::memory_order_acquire); }
+    void SetCompanion(COMPANION bound) { companion.store(bound, std::memory_order_release); }
+
+    bool TakeSignal() override {
+        if (!signalled) return false;
+        if (!manual) Unsignal();
+        return true;
+    }
+
+    void Set() {
+        const std::lock_guard guard(DispatcherLock());
+        if (signalled) return;
+        const uint64_t one = 1;
+        signalled = write(fd.Get(), &one, sizeof(one)) == sizeof(one);  // fails only on a counter that is full
+    }
+
+    void Reset() {
+        const std::lock_guard guard(DispatcherLock());
+        if (signalled) Unsignal();
+    }
+
+private:
+    void Unsignal() {
+        uint64_t count;
+        if (read(fd.Get(), &count, sizeof(count)) == sizeof(count)) signalled = false;
+    }
+
+    const DESCRIPTOR fd;
+    const bool manual;
+    bool signalled;  // under the dispatcher lock; mirrors the descriptor, to save calls
+    std::atomic<COMPANION> companion{};
+};
+
+}  // namespace
+
+bool SignalEventObject(KERNEL_OBJECT& event) {
+    EVENT* object = dynamic_cast<EVENT*>(&event);
+    if (object) object->Set();
+    return object != nullptr;
+}
+
+bool SetEventCompanion(KERNEL_OBJECT& event, int fd, short events) {
+    EVENT* object = dynamic_cast<EVENT*>(&event);
+    if (object) object->SetCompanion({fd, events});
+    return object != nullptr;
+}
+
+}  // namespace win32
+
+HANDLE WINAPI CreateEventW(LPSECURITY_ATTRIBUTES, BOOL manualReset, BOOL initiallySet, LPCWSTR name) {
+    if (name != nullptr && *name != 0) {  // names shared between processes: nobody asks for them yet
+        SetLastError(ERROR_NOT_SUPPORTED);
+        return nullptr;
+    }
+    win32::DESCRIPTOR fd(eventfd(initiallySet ? 1 : 0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!fd) {
+        win32::FailWithErrno();
+        return nullptr;
+    }
+    return win32::NewHandle(std::make_shared<win32::EVENT>(std::move(fd), manualReset != 0, initiallySet != 0));
+}
+
+BOOL WINAPI SetEvent(HANDLE event) {
+    const auto object = win32::ObjectAs<win32::EVENT>(event);
+    if (object) object->Set();
+    return object != nullptr;
+}
+
+BOOL WINAPI ResetEvent(HANDLE event) {
+    const auto object = win32::ObjectAs<win32::EVENT>(event);
+    if (object) object->Reset();
+    return object != nullptr;
+}
