@@ -1,0 +1,99 @@
+// The agent's one connection to the identity server: chooses between TLS and plain TCP, connects and reconnects, turns
+// the transports' events into bits, and lets its user wait for them with a time-out and with respect for StopEvent.
+// One thread uses it; the transports' handlers may call Set and DataIn from any thread.
+#pragma once
+
+#include <windows.h>
+
+#include <atomic>
+#include <span>
+#include <thread>
+#include <vector>
+
+#include "platform/critical_section.h"
+#include "platform/handles.h"
+#include "platform/string.h"
+#include "protocol/identity_tcp.h"
+#include "protocol/identity_tcps.h"
+#include "protocol/session_events.h"
+
+namespace keldwick {
+
+// How a wait ended.
+enum class WAIT_RESULT : DWORD { STOPPING = 0, FAILED = 1, ARRIVED = 2, TIMED_OUT = 3 };
+
+// The transport that is used or being tried.
+enum class TRANSPORT : DWORD { NONE = 0, TLS = 1, PLAIN = 2 };
+
+class IDENTITY_PROTOCOL {
+public:
+    IDENTITY_PROTOCOL();
+    ~IDENTITY_PROTOCOL();
+    IDENTITY_PROTOCOL(const IDENTITY_PROTOCOL&) = delete;
+    IDENTITY_PROTOCOL& operator=(const IDENTITY_PROTOCOL&) = delete;
+
+    // ---- For its user ----
+
+    // One attempt to connect to the server, by the protocol setting.
+    bool Connect(const STRING& server);
+
+    // Connects to the server of the settings, however often it takes. False: the service is to stop.
+    bool PersistentConnect();
+
+    // Takes over the server name of the settings; true when it differs, ignoring case, from the one held.
+    bool IdentServerChanged();
+
+    // Waits until every wanted bit has arrived, an error has, the seconds have passed, or the service is to stop.
+    WAIT_RESULT Wait(DWORD seconds, SESSION_EVENTS wanted);
+
+    // Hands bytes to the active connection. 0, or the component's error, which LastErrorText describes.
+    int Send(const BYTE* bytes, DWORD length);
+    STRING LastErrorText() const;
+
+    // Waits up to 20 s for data and gives every byte received so far, valid until the next call. False: none came.
+    bool ReceiveResponse(std::span<const BYTE>& bytes);
+
+    // Lets through what happened to the connection since anyone last waited, so that IsDisconnected is up to date.
+    // Bytes that came too late for the last response stay, but do not count as the beginning of the next one.
+    void LetEventsThrough();
+
+    void Disconnect();  // closes the active connection
+    bool IsDisconnected() const { return disconnected; }
+    void SetDisconnected(bool value) { disconnected = value; }
+    TRANSPORT Selector() const { return selector; }
+    const STRING& ServerName() const { return serverName; }
+
+    // ---- For the transports ----
+
+    void Set(SESSION_EVENTS events);
+    void DataIn(const void* bytes, int length);
+    void BeginConnect(TRANSPORT transport);  // selects the transport and forgets pending events
+
+private:
+    template <class ACTION>
+    auto WithActive(ACTION action);
+    bool ConnectByProtocol(const STRING& server);
+    void ProcessEvents();
+    bool ArmTimer(DWORD seconds);
+    void Wake();
+    bool Woken(SESSION_EVENTS wanted, WAIT_RESULT& result);
+    WAIT_RESULT Stopping();
+
+    STRING serverName;
+    CRITICAL_SECTION_OWNER lock;  // guards pending and received
+    IDENTITY_TCPS tls;
+    IDENTITY_TCP plain;
+    TRANSPORT selector = TRANSPORT::NONE;
+    HANDLE_OWNER wakeEvent;
+    HANDLE_OWNER timer;
+    SESSION_EVENTS pending = 0;
+    std::vector<BYTE> received;
+    std::vector<BYTE> response;  // handed out by the last ReceiveResponse
+    std::atomic<bool> disconnected{true};
+    std::atomic<std::thread::id> processor;  // the thread inside ProcessEvents, which needs no event to be woken by
+    bool woken = false;                      // an event came on that thread
+};
+
+extern IDENTITY_PROTOCOL* CurrentSession;  // the one session in use; not owned
+
+}  // namespace keldwick
