@@ -1,0 +1,21 @@
+// File times: 100-ns units since 1601-01-01 UTC, as 64-bit numbers.
+#pragma once
+
+#include <windows.h>
+
+#include <cstdint>
+
+namespace win32 {
+
+constexpr int64_t UnitsPerMillisecond = 10'000;
+constexpr int64_t UnitsPerSecond = 10'000'000;
+constexpr int64_t NanosecondsPerUnit = 100;
+constexpr int64_t UnixEpoch = 116'444'736'000'000'000;  // 1970-01-01 as a file time
+
+constexpr uint64_t ToUnits(const FILETIME& time) { return uint64_t{time.dwHighDateTime} << 32 | time.dwLowDateTime; }
+constexpr FILETIME FromUnits(uint64_t units) { return {static_cast<DWORD>(units), static_cast<DWORD>(units >> 32)}; }
+
+// Local time minus UTC in file-time units, as it is at `utc`. Cheap enough for every line of a log.
+int64_t LocalOffset(int64_t utc);
+
+}  // namespace win32

@@ -1,0 +1,161 @@
+// Threads. A thread object is signalled by the thread's end or by its being abandoned, whichever comes first.
+#include <process.h>
+#include <pthread.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+
+#include "win32/sync/descriptor.h"
+#include "win32/sync/dispatcher.h"
+#include "win32/sync/kernel_object.h"
+#include "win32/text/last_error.h"
+
+namespace win32 {
+namespace {
+
+class THREAD final : public KERNEL_OBJECT {
+public:
+    explicit THREAD(DESCRIPTOR descriptor) : fd(std::move(descriptor)) {}
+
+    int WaitDescriptor() const override { return fd.Get(); }
+    bool TakeSignal() override { return ended; }
+
+    // The first end counts: a thread that was abandoned keeps the exit code it was given then.
+    void End(DWORD code) {
+        const std::lock_guard guard(DispatcherLock());
+        if (ended) return;
+        const uint64_t one = 1;
+        ended = write(fd.Get(), &one, sizeof(one)) == sizeof(one);
+        exitCode = code;
+    }
+
+    DWORD ExitCode() const {
+        const std::lock_guard guard(DispatcherLock());
+        return exitCode;
+    }
+
+    void Started(DWORD number) {
+        id.store(number);
+        id.notify_all();
+    }
+    DWORD Id() const {
+        id.wait(0);
+        return id.load();
+    }
+
+private:
+    const DESCRIPTOR fd;
+    bool ended = false;             // under the dispatcher lock
+    DWORD exitCode = STILL_ACTIVE;  // under the dispatcher lock
+    std::atomic<DWORD> id{0};
+};
+
+// What a new thread is handed.
+template <typename ROUTINE>
+struct START {
+    std::shared_ptr<THREAD> thread;
+    ROUTINE routine;
+    void* argument;
+};
+
+template <typename ROUTINE>
+void* Run(void* memory) {
+    const std::unique_ptr<START<ROUTINE>> start(static_cast<START<ROUTINE>*>(memory));
+    start->thread->Started(GetCurrentThreadId());
+    start->thread->End(start->routine(start->argument));
+    return nullptr;
+}
+
+class THREAD_ATTRIBUTES {
+public:
+    explicit THREAD_ATTRIBUTES(size_t stack) {
+        pthread_attr_init(&attributes);
+        pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+        size_t usual = 0;
+        pthread_attr_getstacksize(&attributes, &usual);
+        if (stack > usual) pthread_attr_setstacksize(&attributes, stack);  // a smaller wish is only a first commitment
+    }
+    ~THREAD_ATTRIBUTES() { pthread_attr_destroy(&attributes); }
+    THREAD_ATTRIBUTES(const THREAD_ATTRIBUTES&) = delete;
+    THREAD_ATTRIBUTES& operator=(const THREAD_ATTRIBUTES&) = delete;
+
+    const pthread_attr_t* Get() const { return &attributes; }
+
+private:
+    pthread_attr_t attributes;
+};
+
+// The new thread's handle, or null (last error set). Flags (suspended start) are not supported.
+template <typename ROUTINE, typename ID>
+HANDLE Start(size_t stack, ROUTINE routine, void* argument, DWORD flags, ID* threadId) {
+    DESCRIPTOR fd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (routine == nullptr || flags != 0 || !fd) {
+        SetLastError(!fd ? ErrorFromErrno(errno) : flags != 0 ? ERROR_NOT_SUPPORTED : ERROR_INVALID_PARAMETER);
+        return nullptr;
+    }
+    const auto thread = std::make_shared<THREAD>(std::move(fd));
+    auto start = std::make_unique<START<ROUTINE>>(START<ROUTINE>{thread, routine, argument});
+    const THREAD_ATTRIBUTES attributes(stack);
+    pthread_t ignored;
+    if (pthread_create(&ignored, attributes.Get(), Run<ROUTINE>, start.get()) != 0) {
+        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+        return nullptr;
+    }
+    start.release();
+    if (threadId) *threadId = thread->Id();
+    return NewHandle(thread);
+}
+
+}  // namespace
+}  // namespace win32
+
+HANDLE WINAPI CreateThread(LPSECURITY_ATTRIBUTES, SIZE_T stack, LPTHREAD_START_ROUTINE routine, LPVOID argument,
+                           DWORD flags, LPDWORD threadId) {
+    return win32::Start(stack, routine, argument, flags, threadId);
+}
+
+uintptr_t _beginthreadex(void*, unsigned stack, unsigned(WINAPI* routine)(void*), void* argument, unsigned flags,
+                         unsigned* threadId) {
+    const HANDLE thread = win32::Start(stack, routine, argument, flags, threadId);
+    if (thread == nullptr) errno = routine == nullptr || flags != 0 ? EINVAL : EAGAIN;
+    return reinterpret_cast<uintptr_t>(thread);
+}
+
+BOOL WINAPI TerminateThread(HANDLE thread, DWORD exitCode) {
+    const auto object = win32::ObjectAs<win32::THREAD>(thread);
+    if (object) object->End(exitCode);
+    return object != nullptr;
+}
+
+BOOL WINAPI GetExitCodeThread(HANDLE thread, LPDWORD exitCode) {
+    const auto object = win32::ObjectAs<win32::THREAD>(thread);
+    if (object) *exitCode = object->ExitCode();
+    return object != nullptr;
+}
+
+// ---- Thread-local slots: the system's own keys, which are empty in every thread when handed out ------------------
+
+DWORD WINAPI TlsAlloc() {
+    pthread_key_t key;
+    if (pthread_key_create(&key, nullptr) == 0) return key;
+    SetLastError(ERROR_NO_MORE_ITEMS);
+    return TLS_OUT_OF_INDEXES;
+}
+
+LPVOID WINAPI TlsGetValue(DWORD index) {
+    SetLastError(index < PTHREAD_KEYS_MAX ? ERROR_SUCCESS
+                                          : ERROR_INVALID_PARAMETER);  // tells a null value from failure
+    return pthread_getspecific(index);
+}
+
+BOOL WINAPI TlsSetValue(DWORD index, LPVOID value) {
+    return pthread_setspecific(index, value) == 0 || win32::FailWith(ERROR_INVALID_PARAMETER);
+}
+
+BOOL WINAPI TlsFree(DWORD index) { return pthread_key_delete(index) == 0 || win32::FailWith(ERROR_INVALID_PARAMETER); }

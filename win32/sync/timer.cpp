@@ -1,0 +1,101 @@
+// Waitable timers over timerfd.
+#include <poll.h>
+#include <sys/timerfd.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <limits>
+#include <memory>
+#include <mutex>
+
+#include "win32/sync/descriptor.h"
+#include "win32/sync/dispatcher.h"
+#include "win32/sync/file_time.h"
+#include "win32/sync/kernel_object.h"
+#include "win32/text/last_error.h"
+
+namespace win32 {
+namespace {
+
+constexpr itimerspec Disarmed{};
+
+timespec SpanOf(int64_t units) { return {units / UnitsPerSecond, units % UnitsPerSecond * NanosecondsPerUnit}; }
+
+// One descriptor serves both kinds of due time: on the real-time clock an absolute time follows changes of the wall
+// clock, and a relative one does not.
+class TIMER final : public KERNEL_OBJECT {
+public:
+    TIMER(DESCRIPTOR descriptor, bool manualReset) : fd(std::move(descriptor)), manual(manualReset) {}
+
+    int WaitDescriptor() const override { return fd.Get(); }
+
+    bool TakeSignal() override {
+        if (manual) {
+            pollfd state{fd.Get(), POLLIN, 0};
+            return poll(&state, 1, 0) > 0;
+        }
+        uint64_t expirations;
+        return read(fd.Get(), &expirations, sizeof(expirations)) == sizeof(expirations);
+    }
+
+    // Also takes back a signal that nobody took.
+    bool Arm(const itimerspec& schedule, bool absolute) {
+        const std::lock_guard guard(DispatcherLock());
+        return timerfd_settime(fd.Get(), absolute ? TFD_TIMER_ABSTIME : 0, &schedule, nullptr) == 0;
+    }
+
+    // A timer that is already signalled stays so.
+    bool Cancel() {
+        const std::lock_guard guard(DispatcherLock());
+        pollfd state{fd.Get(), POLLIN, 0};
+        if (poll(&state, 1, 0) <= 0) return timerfd_settime(fd.Get(), 0, &Disarmed, nullptr) == 0;
+        const itimerspec expired{{0, 0}, {0, 1}};  // in the past: signals at once, and only once
+        return timerfd_settime(fd.Get(), TFD_TIMER_ABSTIME, &expired, nullptr) == 0;
+    }
+
+private:
+    const DESCRIPTOR fd;
+    const bool manual;
+};
+
+}  // namespace
+}  // namespace win32
+
+HANDLE WINAPI CreateWaitableTimerW(LPSECURITY_ATTRIBUTES, BOOL manualReset, LPCWSTR name) {
+    if (name != nullptr && *name != 0) {  // names shared between processes: nobody asks for them yet
+        SetLastError(ERROR_NOT_SUPPORTED);
+        return nullptr;
+    }
+    win32::DESCRIPTOR fd(timerfd_create(CLOCK_REALTIME, TFD_CLOEXEC | TFD_NONBLOCK));
+    if (!fd) {
+        win32::FailWithErrno();
+        return nullptr;
+    }
+    return win32::NewHandle(std::make_shared<win32::TIMER>(std::move(fd), manualReset != 0));
+}
+
+BOOL WINAPI SetWaitableTimer(HANDLE timer, const LARGE_INTEGER* due, LONG periodMs, PTIMERAPCROUTINE routine, LPVOID,
+                             BOOL) {
+    if (due == nullptr || periodMs < 0) return win32::FailWith(ERROR_INVALID_PARAMETER);
+    if (routine != nullptr) return win32::FailWith(ERROR_NOT_SUPPORTED);
+    const auto object = win32::ObjectAs<win32::TIMER>(timer);
+    if (!object) return FALSE;
+
+    const bool absolute = due->QuadPart >= 0;
+    itimerspec schedule{{periodMs / 1000, periodMs % 1000 * 1'000'000L}, {}};
+    if (absolute) {
+        schedule.it_value = win32::SpanOf(due->QuadPart - std::min<int64_t>(due->QuadPart, win32::UnixEpoch));
+    } else {
+        const int64_t units = due->QuadPart;
+        schedule.it_value = win32::SpanOf(units == std::numeric_limits<int64_t>::min() ? -(units + 1) : -units);
+    }
+    // All zeros would disarm the timer; a time that has passed signals at once.
+    if (schedule.it_value.tv_sec == 0 && schedule.it_value.tv_nsec == 0) schedule.it_value.tv_nsec = 1;
+    return object->Arm(schedule, absolute) || win32::FailWithErrno();
+}
+
+BOOL WINAPI CancelWaitableTimer(HANDLE timer) {
+    const auto object = win32::ObjectAs<win32::TIMER>(timer);
+    if (!object) return FALSE;
+    return object->Cancel() || win32::FailWithErrno();
+}
