@@ -1,0 +1,97 @@
+// One classic .evt file as bytes on disk: opening, locking, where its records lie, and its repair. Readers and the
+// writer (evt_reader.h, evt_writer.h) stand on it; docs/evt-format.md describes the bytes.
+#pragma once
+
+#include <windows.h>
+
+#include <string>
+
+#include "win32/eventlog/evt_format.h"
+
+namespace win32 {
+
+// Where the records lie. A logical position counts bytes from the oldest record, round the end of the ring.
+struct EVT_STATE {
+    DWORD start = EvtHeaderBytes, end = EvtHeaderBytes;  // file offsets
+    DWORD current = 1, oldest = 0;                       // record numbers; oldest 0: no records
+    DWORD ringEnd = 0;                                   // file offset where the ring wraps
+    DWORD flags = 0, retention = 0, maxSize = 0;         // as the header has them
+
+    bool Wrapped() const { return end < start; }
+    DWORD Used() const;  // bytes from the oldest record to the end-of-file record
+    DWORD Records() const { return oldest == 0 ? 0 : current - oldest; }
+    DWORD OffsetOf(DWORD position) const;  // position <= Used()
+    DWORD PositionOf(DWORD offset) const;  // above Used() when the offset holds no record
+    // The position at or after `position` where a record may begin: past the filler at the ring's end.
+    DWORD SkipFiller(DWORD position) const;
+};
+
+// An open .evt file. Failures set the last error.
+class EVT_FILE {
+public:
+    EVT_FILE() = default;
+    ~EVT_FILE() { Close(); }
+    EVT_FILE(const EVT_FILE&) = delete;
+    EVT_FILE& operator=(const EVT_FILE&) = delete;
+
+    // ERROR_FILE_NOT_FOUND, ERROR_ACCESS_DENIED ... as the host says; nothing of the content is looked at.
+    bool Open(const std::string& path, bool writable);
+    void Close();
+    bool IsOpen() const { return fd >= 0; }
+    const std::string& Path() const { return name; }
+
+    // Whether the path now names another file than this open one, or none.
+    bool Replaced() const;
+
+    // Where the records lie, by header and end-of-file record, which must agree; where they do not, a writer died or
+    // the header is stale, and the truth is searched in the records themselves. Changes nothing in the file. False,
+    // ERROR_EVENTLOG_FILE_CORRUPT: not an .evt file, or not to be made sense of. Call it under a lock.
+    bool Load(EVT_STATE& state);
+
+    // Writes header and end-of-file record. Only for writable files under the exclusive lock.
+    bool StoreHeader(const EVT_STATE& state) { return Write(HeaderOf(state)); }
+    bool StoreEnd(const EVT_STATE& state);
+
+    // Bytes of the ring from a logical position on; position + count <= Used().
+    bool ReadRing(const EVT_STATE& state, DWORD position, BYTE* bytes, DWORD count) const;
+    bool ReadAt(DWORD offset, void* bytes, size_t count) const;   // all of them, or false (ERROR_HANDLE_EOF: too short)
+    bool WriteAt(DWORD offset, const void* bytes, size_t count);  // all of them, or false
+    bool Resize(DWORD bytes);
+    DWORD Size() const;  // bytes; 0xFFFFFFFF for more
+
+    static EVT_HEADER HeaderOf(const EVT_STATE& state);
+    static EVT_END EndOf(const EVT_STATE& state);
+
+private:
+    friend class EVT_LOCK;
+    bool Write(const EVT_HEADER& header) { return WriteAt(0, &header, sizeof(header)); }
+
+    int fd = -1;
+    std::string name;
+    // What Load found out the hard way, and for which bytes: a damaged file is searched once, not at every read.
+    EVT_HEADER searchedHeader = {};
+    DWORD searchedSize = 0;
+    long long searchedTime = -1;  // time of change in nanoseconds
+    EVT_STATE found;
+};
+
+// The file's lock while it lives: shared for readers, exclusive for the writer. It is the kernel's (flock), so it ends
+// with the process that holds it.
+class EVT_LOCK {
+public:
+    enum KIND { SHARED, EXCLUSIVE };
+    EVT_LOCK(const EVT_FILE& file, KIND kind);
+    ~EVT_LOCK();
+    EVT_LOCK(const EVT_LOCK&) = delete;
+    EVT_LOCK& operator=(const EVT_LOCK&) = delete;
+    explicit operator bool() const { return held; }  // false: last error set
+
+private:
+    const EVT_FILE& locked;
+    bool held;
+};
+
+// Searches the records for where they end, when header and end-of-file record do not tell. See evt_recovery.cpp.
+bool RecoverState(const EVT_FILE& file, DWORD size, const EVT_HEADER& header, EVT_STATE& state);
+
+}  // namespace win32

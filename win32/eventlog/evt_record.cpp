@@ -1,0 +1,116 @@
+#include "win32/eventlog/evt_record.h"
+
+#include <cstring>
+
+#include "win32/text/last_error.h"
+
+namespace win32 {
+namespace {
+
+// Counts the NUL units of UTF-16 text, eight at a time: every record that is read passes here.
+size_t CountNuls(const BYTE* bytes, size_t count) {
+    typedef uint16_t LANES __attribute__((vector_size(16)));
+    LANES sums = {};  // no lane overflows: a record has fewer than 65535 times 16 bytes
+    size_t at = 0;
+    for (; at + sizeof(LANES) <= count; at += sizeof(LANES)) {
+        LANES units;
+        std::memcpy(&units, bytes + at, sizeof(units));
+        sums -= reinterpret_cast<LANES>(units == 0);
+    }
+    size_t nuls = 0;
+    for (size_t lane = 0; lane < 8; ++lane) nuls += sums[lane];
+    for (; at + 2 <= count; at += 2) nuls += bytes[at] == 0 && bytes[at + 1] == 0;
+    return nuls;
+}
+
+bool HasNames(const BYTE* bytes, size_t end) {
+    int nuls = 0;
+    for (size_t at = RecordFixedBytes; at + 2 <= end; at += 2)
+        if (bytes[at] == 0 && bytes[at + 1] == 0 && ++nuls == 2) return true;
+    return false;
+}
+
+bool Inside(DWORD offset, DWORD count, DWORD end) {
+    return offset >= RecordFixedBytes && offset <= end && count <= end - offset;
+}
+
+bool SidIsSound(const EVENTLOGRECORD& record, const BYTE* bytes, DWORD end) {
+    if (record.UserSidLength == 0) return true;
+    if (record.UserSidLength < 8 || !Inside(record.UserSidOffset, record.UserSidLength, end)) return false;
+    return 8u + 4u * bytes[record.UserSidOffset + 1] <= record.UserSidLength;
+}
+
+bool StringsAreSound(const EVENTLOGRECORD& record, const BYTE* bytes, DWORD end) {
+    if (record.NumStrings == 0) return true;
+    if (record.StringOffset % 2 != 0 || !Inside(record.StringOffset, 2, end)) return false;
+    return CountNuls(bytes + record.StringOffset, end - record.StringOffset) >= record.NumStrings;
+}
+
+void PutText(BYTES& record, const std::u16string& text) {
+    const size_t units = std::min(text.find(u'\0'), text.size());
+    const BYTE* bytes = reinterpret_cast<const BYTE*>(text.data());
+    record.insert(record.end(), bytes, bytes + 2 * units);
+    record.insert(record.end(), 2, 0);
+}
+
+void Align(BYTES& record) { record.resize((record.size() + 3) / 4 * 4); }
+
+}  // namespace
+
+bool IsWholeRecord(const BYTE* bytes, size_t available) {
+    if (available < RecordFixedBytes + sizeof(DWORD)) return false;
+    const EVENTLOGRECORD& record = *reinterpret_cast<const EVENTLOGRECORD*>(bytes);
+    const DWORD length = record.Length;
+    if (record.Reserved != EvtSignature || length < RecordFixedBytes + sizeof(DWORD) || length % 4 != 0) return false;
+    if (length > available || length > MaxRecordBytes) return false;
+    const DWORD end = length - sizeof(DWORD);
+    if (*reinterpret_cast<const DWORD*>(bytes + end) != length) return false;
+    return HasNames(bytes, end) && StringsAreSound(record, bytes, end) && SidIsSound(record, bytes, end) &&
+           (record.DataLength == 0 || Inside(record.DataOffset, record.DataLength, end));
+}
+
+bool BuildRecord(const NEW_EVENT& event, BYTES& record) {
+    size_t total = 2 * RecordFixedBytes + 2 * (event.source.size() + event.computer.size()) + event.sid.size();
+    total += event.data.size();
+    for (const std::u16string& text : event.strings) total += 2 * text.size() + 2;
+    if (event.strings.size() > 0xFFFF || total > MaxRecordBytes) return FailWith(ERROR_INVALID_PARAMETER);
+
+    record.assign(RecordFixedBytes, 0);
+    PutText(record, event.source);
+    PutText(record, event.computer);
+    Align(record);
+    EVENTLOGRECORD fixed = {};
+    fixed.UserSidLength = static_cast<DWORD>(event.sid.size());
+    fixed.UserSidOffset = static_cast<DWORD>(record.size());
+    record.insert(record.end(), event.sid.begin(), event.sid.end());
+    Align(record);
+    fixed.StringOffset = static_cast<DWORD>(record.size());
+    for (const std::u16string& text : event.strings) PutText(record, text);
+    fixed.DataLength = static_cast<DWORD>(event.data.size());
+    fixed.DataOffset = static_cast<DWORD>(record.size());
+    record.insert(record.end(), event.data.begin(), event.data.end());
+    Align(record);
+
+    fixed.Length = static_cast<DWORD>(record.size() + sizeof(DWORD));
+    fixed.Reserved = EvtSignature;
+    fixed.TimeGenerated = event.generated;
+    fixed.TimeWritten = event.written;
+    fixed.EventID = event.id;
+    fixed.EventType = event.type;
+    fixed.NumStrings = static_cast<WORD>(event.strings.size());
+    fixed.EventCategory = event.category;
+    std::memcpy(record.data(), &fixed, sizeof(fixed));
+    const BYTE* length = reinterpret_cast<const BYTE*>(&fixed.Length);
+    record.insert(record.end(), length, length + sizeof(DWORD));
+    return true;
+}
+
+DWORD SecondsNow() {
+    constexpr ULONGLONG TicksPerSecond = 10000000, SecondsFrom1601To1970 = 11644473600;
+    FILETIME now;
+    GetSystemTimeAsFileTime(&now);
+    const ULONGLONG ticks = static_cast<ULONGLONG>(now.dwHighDateTime) << 32 | now.dwLowDateTime;
+    return static_cast<DWORD>(ticks / TicksPerSecond - SecondsFrom1601To1970);
+}
+
+}  // namespace win32
