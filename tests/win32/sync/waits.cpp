@@ -1,0 +1,283 @@
+// Events, timers and waits.
+#include <gtest/gtest.h>
+#include <sys/eventfd.h>
+#include <sys/time.h>
+#include <unistd.h>
+#include <windows.h>
+
+#include <array>
+#include <atomic>
+#include <csignal>
+#include <set>
+#include <thread>
+#include <vector>
+
+#include "win32/sync/kernel_object.h"
+
+namespace {
+
+constexpr DWORD SoonEnough = 20000;  // ms that nothing here ever needs
+
+struct CLOSER {
+    HANDLE handle;
+    CLOSER(HANDLE owned) : handle(owned) {}
+    CLOSER(const CLOSER&) = delete;
+    CLOSER& operator=(const CLOSER&) = delete;
+    ~CLOSER() { CloseHandle(handle); }
+    operator HANDLE() const { return handle; }
+};
+
+HANDLE AutoEvent(bool set = false) { return CreateEventW(nullptr, FALSE, set, nullptr); }
+HANDLE ManualEvent(bool set = false) { return CreateEventW(nullptr, TRUE, set, nullptr); }
+bool IsSet(HANDLE handle) { return WaitForSingleObject(handle, 0) == WAIT_OBJECT_0; }
+
+bool Arm(HANDLE timer, LONGLONG due, LONG period = 0) {
+    const LARGE_INTEGER time{.QuadPart = due};
+    return SetWaitableTimer(timer, &time, period, nullptr, nullptr, FALSE);
+}
+
+TEST(Handles, AreNeverNullNorInvalidAndAClosedOneFailsEvenWhenItsPlaceIsTakenAgain) {
+    std::set<HANDLE> seen;
+    for (int i = 0; i < 1000; ++i) {
+        const HANDLE event = AutoEvent();
+        EXPECT_TRUE(event != nullptr && event != INVALID_HANDLE_VALUE);
+        EXPECT_TRUE(seen.insert(event).second);
+        EXPECT_TRUE(CloseHandle(event));
+    }
+    const CLOSER newest(AutoEvent(true));
+    for (const HANDLE stale : seen) {
+        SetLastError(0);
+        EXPECT_FALSE(CloseHandle(stale));
+        EXPECT_EQ(DWORD{ERROR_INVALID_HANDLE}, GetLastError());
+        EXPECT_FALSE(SetEvent(stale));
+        EXPECT_EQ(WAIT_FAILED, WaitForSingleObject(stale, 0));
+    }
+    EXPECT_TRUE(IsSet(newest));
+}
+
+TEST(Handles, AnObjectOutlivesItsHandleWhileSomebodyUsesIt) {
+    const HANDLE event = AutoEvent();
+    const auto object = win32::ObjectOf(event);
+    CloseHandle(event);
+    EXPECT_TRUE(win32::SignalEventObject(*object));
+    EXPECT_EQ(nullptr, win32::ObjectOf(event));
+}
+
+TEST(Handles, ThreadsMayOpenSignalWaitAndCloseAtOnce) {
+    const CLOSER shared(ManualEvent(true));
+    std::atomic<int> good{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([&] {
+            for (int i = 0; i < 500; ++i) {
+                const HANDLE own = AutoEvent();
+                const HANDLE both[] = {own, shared};
+                SetEvent(own);
+                good += WaitForMultipleObjects(2, both, TRUE, SoonEnough) == WAIT_OBJECT_0 && CloseHandle(own);
+            }
+        });
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(2000, good);
+}
+
+TEST(Events, AManualOneStaysSetAndAnAutomaticOneIsTakenOnce) {
+    const CLOSER manual(ManualEvent(true)), automatic(AutoEvent(true));
+    EXPECT_TRUE(IsSet(manual) && IsSet(manual));
+    EXPECT_TRUE(IsSet(automatic));
+    EXPECT_FALSE(IsSet(automatic));
+    SetEvent(automatic);
+    SetEvent(automatic);  // signals do not add up
+    EXPECT_TRUE(IsSet(automatic));
+    EXPECT_FALSE(IsSet(automatic));
+    EXPECT_TRUE(ResetEvent(manual));
+    EXPECT_FALSE(IsSet(manual));
+}
+
+TEST(Waits, ForAnyGiveTheLowestIndexAndTakeOnlyThatSignal) {
+    const CLOSER a(AutoEvent()), b(AutoEvent(true)), c(AutoEvent(true));
+    const HANDLE all[] = {a, b, c};
+    EXPECT_EQ(WAIT_OBJECT_0 + 1, WaitForMultipleObjects(3, all, FALSE, INFINITE));
+    EXPECT_EQ(WAIT_OBJECT_0 + 2, WaitForMultipleObjects(3, all, FALSE, 0));
+    EXPECT_EQ(DWORD{WAIT_TIMEOUT}, WaitForMultipleObjects(3, all, FALSE, 0));
+}
+
+TEST(Waits, ForAllTakeEverySignalOrNone) {
+    const CLOSER a(AutoEvent(true)), b(AutoEvent()), c(ManualEvent(true));
+    const HANDLE all[] = {a, b, c};
+    EXPECT_EQ(DWORD{WAIT_TIMEOUT}, WaitForMultipleObjects(3, all, TRUE, 1));
+    EXPECT_TRUE(IsSet(a));
+    SetEvent(a);
+    SetEvent(b);
+    EXPECT_EQ(WAIT_OBJECT_0, WaitForMultipleObjects(3, all, TRUE, 0));
+    EXPECT_FALSE(IsSet(a) || IsSet(b));
+    EXPECT_TRUE(IsSet(c));
+}
+
+// Two threads that each need both events, and name them in opposite orders, share what a third hands out.
+TEST(Waits, ForAllInOppositeOrdersNeitherLoseSignalsNorBlockEachOther) {
+    constexpr int Rounds = 500;
+    const CLOSER a(AutoEvent()), b(AutoEvent()), taken(AutoEvent());
+    std::atomic<int> takes{0};
+    const auto take = [&](std::array<HANDLE, 2> pair) {
+        while (takes < Rounds && WaitForMultipleObjects(2, pair.data(), TRUE, SoonEnough) == WAIT_OBJECT_0) {
+            ++takes;
+            SetEvent(taken);
+        }
+    };
+    std::thread first(take, std::array<HANDLE, 2>{a, b}), second(take, std::array<HANDLE, 2>{b, a});
+    for (int i = 0; i < Rounds + 1; ++i) {  // one round more releases the thread that still waits
+        SetEvent(a);
+        SetEvent(b);
+        if (i < Rounds) {
+            ASSERT_EQ(WAIT_OBJECT_0, WaitForSingleObject(taken, SoonEnough));
+        }
+    }
+    first.join();
+    second.join();
+    EXPECT_GE(takes, Rounds);
+}
+
+TEST(Waits, RefuseWhatCannotBeWaitedFor) {
+    const CLOSER event(AutoEvent(true));
+    const HANDLE plain = win32::NewHandle(std::make_shared<win32::KERNEL_OBJECT>());
+    const std::vector<HANDLE> most(MAXIMUM_WAIT_OBJECTS, event), many(MAXIMUM_WAIT_OBJECTS + 1, event);
+    const struct CASE {
+        const char* name;
+        std::vector<HANDLE> handles;
+        BOOL all;
+        DWORD result, error;
+    } cases[] = {{"none", {}, FALSE, WAIT_FAILED, ERROR_INVALID_PARAMETER},
+                 {"64", most, FALSE, WAIT_OBJECT_0, 0},
+                 {"65", many, FALSE, WAIT_FAILED, ERROR_INVALID_PARAMETER},
+                 {"one twice for all", {event, event}, TRUE, WAIT_FAILED, ERROR_INVALID_PARAMETER},
+                 {"null", {event, nullptr}, FALSE, WAIT_FAILED, ERROR_INVALID_HANDLE},
+                 {"made up", {event, reinterpret_cast<HANDLE>(0x7FFFFFF0)}, FALSE, WAIT_FAILED, ERROR_INVALID_HANDLE},
+                 {"not an object to wait for", {plain}, FALSE, WAIT_FAILED, ERROR_INVALID_HANDLE},
+                 {"the process, which has not ended", {GetCurrentProcess()}, FALSE, WAIT_TIMEOUT, 0}};
+    for (const CASE& c : cases) {
+        SCOPED_TRACE(c.name);
+        SetLastError(0);
+        SetEvent(event);
+        const DWORD count = static_cast<DWORD>(c.handles.size());
+        EXPECT_EQ(c.result, WaitForMultipleObjects(count, c.handles.data(), c.all, 0));
+        EXPECT_EQ(c.error, GetLastError());
+    }
+    CloseHandle(plain);
+}
+
+TEST(Waits, AreWokenByAnotherThread) {
+    const CLOSER stop(ManualEvent()), wake(AutoEvent()), answer(AutoEvent());
+    std::thread other([&] {
+        const HANDLE both[] = {stop, wake};
+        while (WaitForMultipleObjects(2, both, FALSE, INFINITE) == WAIT_OBJECT_0 + 1) SetEvent(answer);
+    });
+    for (int i = 0; i < 1000; ++i) {
+        SetEvent(wake);
+        ASSERT_EQ(WAIT_OBJECT_0, WaitForSingleObject(answer, SoonEnough));
+    }
+    SetEvent(stop);
+    other.join();
+}
+
+std::atomic<int> interruptions{0};
+
+TEST(Waits, DoNotEndEarlyWhenSignalsInterruptThem) {
+    struct sigaction action {
+    }, before{};
+    action.sa_handler = [](int) { ++interruptions; };
+    sigaction(SIGALRM, &action, &before);
+    const itimerval often{{0, 1000}, {0, 1000}}, never{};
+    setitimer(ITIMER_REAL, &often, nullptr);
+    const CLOSER event(AutoEvent());
+    const ULONGLONG start = GetTickCount64();
+    while (interruptions < 3) {
+        const ULONGLONG now = GetTickCount64();
+        EXPECT_EQ(DWORD{WAIT_TIMEOUT}, WaitForSingleObject(event, 30));
+        EXPECT_GE(GetTickCount64() - now, 29u);
+        ASSERT_LT(GetTickCount64() - start, SoonEnough);
+    }
+    const ULONGLONG asleep = GetTickCount64();
+    Sleep(10);
+    EXPECT_GE(GetTickCount64() - asleep, 9u);
+    setitimer(ITIMER_REAL, &never, nullptr);
+    sigaction(SIGALRM, &before, nullptr);
+}
+
+TEST(Waits, SeeTheCompanionOfAnEvent) {
+    const CLOSER event(AutoEvent()), other(AutoEvent());
+    const int fd = eventfd(0, EFD_NONBLOCK);
+    const auto object = win32::ObjectOf(event);
+    ASSERT_TRUE(win32::SetEventCompanion(*object, fd, 1 /* POLLIN */));
+    const HANDLE both[] = {other, event};
+    EXPECT_EQ(DWORD{WAIT_TIMEOUT}, WaitForMultipleObjects(2, both, FALSE, 0));
+    ASSERT_EQ(0, eventfd_write(fd, 1));
+    EXPECT_EQ(WAIT_OBJECT_0 + 1, WaitForMultipleObjects(2, both, FALSE, INFINITE));
+    EXPECT_TRUE(IsSet(event)) << "the descriptor is still readable";
+    SetEvent(other);
+    EXPECT_EQ(WAIT_OBJECT_0, WaitForMultipleObjects(2, both, TRUE, 0));
+    win32::SetEventCompanion(*object, -1, 0);
+    EXPECT_FALSE(IsSet(event));
+    close(fd);
+}
+
+TEST(Timers, AreSignalledWhenDue) {
+    FILETIME now;
+    GetSystemTimeAsFileTime(&now);
+    const LONGLONG present = static_cast<LONGLONG>(ULONGLONG{now.dwHighDateTime} << 32 | now.dwLowDateTime);
+    constexpr LONGLONG Hour = 36'000'000'000;
+    const struct CASE {
+        const char* name;
+        LONGLONG due;
+        bool comes;
+    } cases[] = {{"at once", 0, true},
+                 {"relative", -10000, true},
+                 {"relative, far", -Hour, false},
+                 {"relative, as far as can be", INT64_MIN, false},
+                 {"absolute, soon", present + 10000, true},
+                 {"absolute, just now", present, true},
+                 {"absolute, before 1970", 1, true},
+                 {"absolute, far", present + Hour, false},
+                 {"absolute, as far as can be", INT64_MAX, false}};
+    for (const BOOL manual : {FALSE, TRUE}) {
+        const CLOSER timer(CreateWaitableTimerW(nullptr, manual, nullptr));
+        for (const CASE& c : cases) {
+            SCOPED_TRACE(c.name);
+            ASSERT_TRUE(Arm(timer, c.due));
+            EXPECT_EQ(c.comes ? WAIT_OBJECT_0 : WAIT_TIMEOUT, WaitForSingleObject(timer, c.comes ? SoonEnough : 0));
+            EXPECT_EQ(c.comes && manual, IsSet(timer));
+        }
+    }
+}
+
+TEST(Timers, ComeAgainAfterTheirPeriodAndArmingTakesBackASignal) {
+    const CLOSER timer(CreateWaitableTimerW(nullptr, FALSE, nullptr));
+    ASSERT_TRUE(Arm(timer, -10000, 1));
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(timer, SoonEnough));
+    ASSERT_TRUE(Arm(timer, 0));
+    ASSERT_TRUE(Arm(timer, -36'000'000'000));
+    EXPECT_FALSE(IsSet(timer));
+}
+
+TEST(Timers, CancellingKeepsASignalThatHasCome) {
+    const CLOSER timer(CreateWaitableTimerW(nullptr, FALSE, nullptr)),
+        manual(CreateWaitableTimerW(nullptr, TRUE, nullptr));
+    ASSERT_TRUE(Arm(timer, 0, 3600000) && Arm(manual, -10000));
+    ASSERT_EQ(WAIT_OBJECT_0, WaitForSingleObject(manual, SoonEnough));
+    EXPECT_TRUE(CancelWaitableTimer(manual));
+    EXPECT_TRUE(IsSet(manual));
+    EXPECT_TRUE(IsSet(timer));
+    EXPECT_TRUE(CancelWaitableTimer(timer));
+    EXPECT_FALSE(IsSet(timer));
+}
+
+TEST(Timers, RefuseWhatTheyCannotDo) {
+    const CLOSER timer(CreateWaitableTimerW(nullptr, FALSE, nullptr)), event(AutoEvent());
+    EXPECT_FALSE(Arm(timer, 0, -1));
+    EXPECT_EQ(DWORD{ERROR_INVALID_PARAMETER}, GetLastError());
+    EXPECT_FALSE(Arm(event, 0));
+    EXPECT_EQ(DWORD{ERROR_INVALID_HANDLE}, GetLastError());
+    EXPECT_FALSE(SetEvent(timer));
+    EXPECT_EQ(DWORD{ERROR_INVALID_HANDLE}, GetLastError());
+}
+
+}  // namespace
