@@ -1,0 +1,84 @@
+// The registry of one machine root: the tree in memory and the file registry.reg behind it, which other processes and
+// editors change too.
+#pragma once
+
+#include "win32/registry/tree.h"
+
+#include <sys/stat.h>
+
+#include <ctime>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+namespace win32 {
+
+class FILE_WATCH;
+
+class REG_STORE {
+public:
+    // The store of the machine root that is in force now. It lives as long as the process.
+    static REG_STORE& Current();
+
+    explicit REG_STORE(std::string file);
+    ~REG_STORE();
+    REG_STORE(const REG_STORE&) = delete;
+    REG_STORE& operator=(const REG_STORE&) = delete;
+
+    // The tree as the file holds it now; costs one stat while the file is unchanged. A file that vanished, cannot be
+    // read or does not parse leaves the last good tree in force. Null: there never was one; `error` then says why
+    // (ERROR_BADDB: it does not parse). No file at all is an empty registry.
+    std::shared_ptr<const REG_TREE> Tree(DWORD* error = nullptr);
+
+    // Changes the file: read afresh under the lock file, changed by `edit`, written beside and renamed over the old; an
+    // edit that changes nothing writes nothing.
+    // Gives what `edit` gives (anything but ERROR_SUCCESS writes nothing), or why the file could not be changed:
+    // ERROR_BADDB while it does not parse, ERROR_LOCK_VIOLATION when another process sits on the lock.
+    DWORD Change(const std::function<DWORD(REG_TREE&)>& edit);
+
+    // Calls `changed` after each change of the tree, on the thread that made or noticed it and with no lock held. The
+    // first call begins to watch the file; false: it cannot be watched, last error set.
+    bool Watch(std::function<void()> changed);
+
+    // What is wrong with the file, one UTF-8 line without a line break; empty: nothing. Taken, it comes again only
+    // when it is another.
+    std::string Problem();
+    std::string TakeProblem();
+
+private:
+    struct IDENTITY {  // what a stat tells apart
+        dev_t device = 0;
+        ino_t inode = 0;
+        off_t size = -1;
+        timespec modified{}, changed{};
+        bool operator==(const IDENTITY& other) const;
+    };
+    static IDENTITY IdentityOf(const struct stat& status);
+
+    bool Fresh();
+    void Load();
+    bool ReadFile(std::string& bytes, IDENTITY& read);
+    DWORD ChangeFile(const std::function<DWORD(REG_TREE&)>& edit);
+    DWORD ReadForChange(std::string& bytes, std::optional<REG_TREE>& fresh);
+    void SetProblem(std::string text);
+    void Announce();
+
+    const std::string path;
+
+    std::mutex writing;  // one writer of this process at a time; taken before `lock`
+    std::mutex lock;     // guards everything below
+    std::shared_ptr<const REG_TREE> tree;
+    IDENTITY identity;
+    bool known = false;   // `identity` is that of what was last read, good or bad
+    bool recent = false;  // read so soon after it was written that the same times need not mean the same bytes
+    DWORD loadError = ERROR_SUCCESS;
+    std::string problem, takenProblem;
+
+    std::mutex watching;  // guards the two below
+    std::function<void()> announce;
+    std::unique_ptr<FILE_WATCH> watch;
+};
+
+}  // namespace win32
