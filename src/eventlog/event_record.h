@@ -1,0 +1,33 @@
+// Reading one event record where it lies: its two names and its replacement strings. Records come from the event-log
+// layer, which has checked their bounds.
+#pragma once
+
+#include <windows.h>
+
+#include "platform/heap_buffer.h"
+
+namespace keldwick {
+
+// The replacement strings of one record as pointers into it: valid only while the record's buffer is. An instance is
+// meant to be used for one record after the other and then allocates only when a record has more strings than any
+// before.
+class REPLACEMENT_STRINGS {
+public:
+    // Takes the record's strings. Out of memory: the list is empty.
+    void Decode(const EVENTLOGRECORD& record);
+    void Clear() { count = 0; }
+
+    DWORD Count() const { return count; }
+    const WCHAR* operator[](DWORD index) const {  // from 0; must be below Count()
+        return pointers.As<const WCHAR*>()[index];
+    }
+
+private:
+    HEAP_BUFFER pointers;  // grows, never shrinks
+    DWORD count = 0;
+};
+
+const WCHAR* SourceName(const EVENTLOGRECORD& record);
+const WCHAR* ComputerName(const EVENTLOGRECORD& record);
+
+}  // namespace keldwick

@@ -1,0 +1,25 @@
+// The text of an event's message, from the message files that the event's source has registered.
+#pragma once
+
+#include <windows.h>
+
+#include "platform/handles.h"
+#include "platform/string.h"
+
+namespace keldwick {
+
+class EVENT_LOG;
+class REPLACEMENT_STRINGS;
+
+// The message as stored, inserts not replaced; `length` in units. Empty, and length 0, when there is none.
+LOCAL_TEXT FormatEventMessage(const EVENTLOGRECORD& record, const EVENT_LOG& log, DWORD& length);
+
+// The source's message files, separated by ";", environment variables expanded. False: none is registered; that the
+// source itself is not registered has been reported.
+bool GetEventMessageFile(const EVENT_LOG& log, const WCHAR* source, STRING& path);
+
+// Replaces %1, %2 ... in the first `length` units by the record's strings, and %n, %r and %t by what they stand for.
+// False: out of memory, the text is as it was.
+bool ExpandInserts(LOCAL_TEXT& text, DWORD length, const REPLACEMENT_STRINGS& strings);
+
+}  // namespace keldwick

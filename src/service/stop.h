@@ -1,0 +1,23 @@
+// How the agent is told to stop and that its settings changed: the process-wide events, and the one routine through
+// which every cause of a stop goes.
+#pragma once
+
+#include <windows.h>
+
+#include <atomic>
+
+#include "platform/string.h"
+
+namespace keldwick {
+
+// Null before ServiceInitialize made them, INVALID_HANDLE_VALUE after ServiceUninitialize closed them.
+extern std::atomic<HANDLE> StopEvent;             // manual reset; once signalled every loop ends, never reset
+extern std::atomic<HANDLE> SettingsNotifyEvent;   // auto reset; the settings key changed
+extern std::atomic<HANDLE> SettingsChangedEvent;  // auto reset; the identity server or the protocol changed
+
+// Logs the reason, reports the "stopped" event unless a stop was asked for before, and signals StopEvent. Any thread
+// may call it, any number of times; before StopEvent exists it only logs.
+void StopService(const WCHAR* reason);
+inline void StopService(const STRING& reason) { StopService(reason.Text()); }
+
+}  // namespace keldwick
