@@ -1,0 +1,59 @@
+#include "win32/files/machine_root.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+
+#include "win32/text/utf.h"
+
+namespace win32 {
+namespace {
+
+namespace fs = std::filesystem;
+
+// Stands for drives and servers that the host does not have: nothing can exist below it, so that every call on it
+// fails with ERROR_PATH_NOT_FOUND.
+constexpr const char* NoSuchPlace = "/dev/null/";
+
+bool IsSeparator(char unit) { return unit == '\\' || unit == '/'; }
+
+bool IsLetter(char unit) { return (unit >= 'A' && unit <= 'Z') || (unit >= 'a' && unit <= 'z'); }
+
+}  // namespace
+
+std::string MachineRoot() {
+    const char* named = std::getenv("KELDWICK_ROOT");
+    std::error_code error;
+    fs::path root;
+    if (named != nullptr && *named != '\0')
+        root = fs::absolute(named, error);
+    else
+        root = fs::read_symlink("/proc/self/exe", error).parent_path();
+    std::string folder = root.lexically_normal().string();
+    while (!folder.empty() && folder.back() == '/') folder.pop_back();
+    return folder;
+}
+
+std::string MachinePath(std::string_view name) { return MachineRoot().append("/").append(name); }
+
+std::string HostPath(std::u16string_view path) {
+    std::string host = ToUtf8(path);
+    if (host.rfind("\\\\?\\", 0) == 0 || host.rfind("\\\\.\\", 0) == 0) {
+        host.erase(0, 4);
+    } else if (host.size() >= 2 && IsSeparator(host[0]) && IsSeparator(host[1])) {
+        return NoSuchPlace;
+    }
+    std::replace(host.begin(), host.end(), '\\', '/');
+    if (host.size() < 2 || host[1] != ':' || !IsLetter(host[0])) return host;
+    if (host[0] != 'C' && host[0] != 'c') return NoSuchPlace;
+    host.erase(0, 2);
+    return host.empty() ? "." : host;
+}
+
+std::u16string WindowsPath(std::string_view path) {
+    std::u16string windows = u"C:" + ToUtf16(path);
+    std::replace(windows.begin(), windows.end(), u'/', u'\\');
+    return windows;
+}
+
+}  // namespace win32

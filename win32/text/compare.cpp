@@ -1,0 +1,106 @@
+// lstrcmpW and lstrcmpiW: the user's collation, as ICU knows it. Names are compared for every event, so texts of
+// printable ASCII go through a table that was made from the collator itself and gives the same answer.
+#include <unicode/ucol.h>
+#include <windows.h>
+
+#include <algorithm>
+#include <array>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "win32/text/user_locale.h"
+#include "win32/text/utf.h"
+
+namespace {
+
+// The order of texts in one locale. Read-only once made: any thread may compare.
+class TEXT_ORDER {
+public:
+    explicit TEXT_ORDER(const std::string& locale) {
+        UErrorCode status = U_ZERO_ERROR;
+        collator = ucol_open(locale.c_str(), &status);
+        if (U_FAILURE(status)) {
+            collator = nullptr;
+            return;
+        }
+        ucol_setStrength(collator, UCOL_TERTIARY);
+        ucol_setAttribute(collator, UCOL_NORMALIZATION_MODE, UCOL_ON, &status);
+        quick = IsRootOrder() && U_SUCCESS(status);
+        if (quick) RankAscii();
+    }
+
+    int Compare(std::u16string_view a, std::u16string_view b, bool ignoreCase) const {
+        if (a == b) return 0;
+        int result = 0;
+        if (quick && CompareQuickly(a, b, ignoreCase, result)) return result;
+        if (ignoreCase) return Collate(win32::FoldName(a), win32::FoldName(b));
+        return Collate(a, b);
+    }
+
+private:
+    // Locales with rules of their own may join letters ("ch", "aa") or order them differently; no table of single
+    // characters can say that.
+    bool IsRootOrder() const {
+        int32_t rules = 0;
+        ucol_getRules(collator, &rules);
+        UErrorCode status = U_ZERO_ERROR;
+        return rules == 0 && ucol_getAttribute(collator, UCOL_CASE_FIRST, &status) == UCOL_OFF &&
+               ucol_getAttribute(collator, UCOL_ALTERNATE_HANDLING, &status) == UCOL_NON_IGNORABLE && U_SUCCESS(status);
+    }
+
+    static constexpr char16_t Lower(char16_t unit) {
+        return unit >= u'A' && unit <= u'Z' ? static_cast<char16_t>(unit + (u'a' - u'A')) : unit;
+    }
+
+    void RankAscii() {
+        std::vector<char16_t> units;
+        for (char16_t unit = u' '; unit <= u'~'; ++unit)
+            if (Lower(unit) == unit) units.push_back(unit);
+        std::sort(units.begin(), units.end(), [&](char16_t a, char16_t b) { return Collate({&a, 1}, {&b, 1}) < 0; });
+        for (size_t i = 0; i < units.size(); ++i) rank[units[i]] = static_cast<unsigned char>(i + 1);
+        for (char16_t unit = u'A'; unit <= u'Z'; ++unit) rank[unit] = rank[Lower(unit)];
+    }
+
+    // False: a unit outside printable ASCII was met, so that only the collator can tell.
+    bool CompareQuickly(std::u16string_view a, std::u16string_view b, bool ignoreCase, int& result) const {
+        const auto isRanked = [&](char16_t unit) { return unit < rank.size() && rank[unit] != 0; };
+        if (!std::all_of(a.begin(), a.end(), isRanked) || !std::all_of(b.begin(), b.end(), isRanked)) return false;
+        const size_t common = std::min(a.size(), b.size());
+        int caseOrder = 0;
+        for (size_t i = 0; i < common; ++i) {
+            if (rank[a[i]] != rank[b[i]]) {
+                result = rank[a[i]] < rank[b[i]] ? -1 : 1;
+                return true;
+            }
+            if (caseOrder == 0 && a[i] != b[i]) caseOrder = a[i] > b[i] ? -1 : 1;  // small letters first
+        }
+        if (a.size() != b.size())
+            result = a.size() < b.size() ? -1 : 1;
+        else
+            result = ignoreCase ? 0 : caseOrder;
+        return true;
+    }
+
+    int Collate(std::u16string_view a, std::u16string_view b) const {
+        if (collator == nullptr) return a < b ? -1 : a > b ? 1 : 0;
+        return ucol_strcoll(collator, a.data(), static_cast<int32_t>(a.size()), b.data(),
+                            static_cast<int32_t>(b.size()));
+    }
+
+    UCollator* collator = nullptr;  // null: ICU has no data for any locale; texts are then ordered by their units
+    bool quick = false;
+    std::array<unsigned char, 128> rank{};  // 0: not for the table
+};
+
+int Compare(LPCWSTR a, LPCWSTR b, bool ignoreCase) {
+    if (a == nullptr || b == nullptr) return a == b ? 0 : a == nullptr ? -1 : 1;
+    // Made once and never destroyed, since threads may still compare while the program ends.
+    static const TEXT_ORDER& order = *new TEXT_ORDER(win32::UserLocale());
+    return order.Compare(a, b, ignoreCase);
+}
+
+}  // namespace
+
+int WINAPI lstrcmpW(LPCWSTR a, LPCWSTR b) { return Compare(a, b, false); }
+int WINAPI lstrcmpiW(LPCWSTR a, LPCWSTR b) { return Compare(a, b, true); }
