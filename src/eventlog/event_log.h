@@ -72,7 +72,6 @@ public:
     const STRING& Name() const { return logName; }
 
 private:
-    DWORD Register(HANDLE changeEvent, HEAP_BUFFER& buffer);
     DWORD PositionToEnd(HEAP_BUFFER& buffer);
     DWORD Follow(std::span<const HANDLE> events, HEAP_BUFFER& buffer);
     DWORD DispatchNewRecords(HEAP_BUFFER& buffer, RECORD_COUNTERS& counters);

@@ -1,0 +1,86 @@
+// The platform's entry function: brings the arguments into the program's form and runs it.
+#include <windows.h>
+
+#include "service/entry.h"
+
+#ifdef _WIN32
+
+#include <stdlib.h>
+
+int WINAPI wWinMain(HINSTANCE, HINSTANCE, LPWSTR, int) { return keldwick::RunProgram(__argc, __wargv); }
+
+#else
+
+#include <cstdio>
+#include <cstring>
+#include <vector>
+
+#include "platform/string.h"
+#include "platform/version_numbers.h"
+
+namespace {
+
+constexpr const char* Usage =
+    "Keldwick, a user-identity agent: follows the Security log and reports who is logged on where.\n"
+    "\n"
+    "Usage: keldwick [OPTION ...]    an option begins with - or /, in any letter case\n"
+    "\n"
+    "How to run\n"
+    "  -A                      as an application, until stopped through the setting Shutdown\n"
+    "  -X                      only apply the settings given here, and end\n"
+    "  -REPORT_IDENTITY        only report this computer's user once (to test a server)\n"
+    "  -REPORT_HEARTBEAT       the same, followed by a heartbeat\n"
+    "  -REPORT_LOGOFF          the same, followed by a logoff\n"
+    "  without these           as a service under systemd, else as an application\n"
+    "\n"
+    "Settings, kept for later runs\n"
+    "  -SERVER HOST            the identity server\n"
+    "  -PROTOCOL WORD          AUTO, TCPS or TCP\n"
+    "  -AD_SERVER HOST         the directory server; an empty text: the global catalog\n"
+    "\n"
+    "For a report by hand\n"
+    "  -USER_NAME NAME         in place of the current user\n"
+    "  -COMPUTER_NAME NAME     in place of this computer\n"
+    "\n"
+    "Debug output, kept for later runs\n"
+    "  -D  -KD                 to the debugger (standard error), to the kernel's\n"
+    "  -L  -O  -R              to the log file: append, overwrite, rename the old one\n"
+    "  -V  -AD  -TCP           also verbose lines, directory look-ups, transports\n"
+    "  -INTERNAL               also the debug output's messages about itself\n"
+    "  -NO_TIME_STAMP          lines without time\n"
+    "  -C                      forget the kept debug output\n"
+    "  -DUMP_PERTINENT  -DUMP_NON_PERTINENT  -DUMP_ALL  -MINI_DUMP\n"
+    "                          dump event records\n"
+    "\n"
+    "  --help  --version       this text, the version\n"
+    "\n"
+    "The machine root is the folder named by KELDWICK_ROOT, else the program's own.\n";
+
+// These two alone have a second hyphen. True: the program's work is done.
+bool AnswerQuestion(const char* argument) {
+    using keldwick::VERSION_NUMBERS;
+    if (std::strcmp(argument, "--help") == 0) {
+        std::fputs(Usage, stdout);
+        return true;
+    }
+    if (std::strcmp(argument, "--version") == 0) {
+        std::printf("keldwick %u.%u.%u build %u\n", VERSION_NUMBERS::Major, VERSION_NUMBERS::Minor,
+                    VERSION_NUMBERS::Revision, VERSION_NUMBERS::Build);
+        return true;
+    }
+    return false;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc > 1 && AnswerQuestion(argv[1])) return 0;
+
+    std::vector<keldwick::STRING> texts;
+    for (int i = 0; i < argc; ++i) texts.emplace_back(argv[i]);
+    std::vector<WCHAR*> arguments;
+    for (keldwick::STRING& text : texts) arguments.push_back(text.Buffer());
+    return keldwick::RunProgram(argc, arguments.data());
+}
+
+#endif

@@ -1,0 +1,125 @@
+#include "service/service_worker.h"
+
+#include "diagnostics/debug_output.h"
+#include "diagnostics/event_source.h"
+#include "eventlog/event_log.h"
+#include "identity/logon_events.h"
+#include "platform/error_text.h"
+#include "platform/privileges.h"
+#include "platform/string.h"
+#include "protocol/identity_protocol.h"
+#include "resources/message_ids.h"
+#include "service/command_line.h"
+#include "service/stop.h"
+#include "service/version_banner.h"
+
+namespace keldwick {
+
+namespace {
+
+constexpr const WCHAR* LogName = TEXT("Security");
+constexpr DWORD UnreadableLogPause = 60000;  // milliseconds
+
+constexpr EVENT_HANDLER Handlers[] = {
+    {EVENT_ACCOUNT_LOGON, Do_EVENT_ACCOUNT_LOGON},
+    {EVENT_ACCOUNT_LOGOFF, Do_EVENT_ACCOUNT_LOGOFF},
+    {EVENT_LOCAL_LOGON, Do_EVENT_LOCAL_LOGON},
+    {EVENT_LOGOFF, Do_EVENT_LOGOFF},
+    {EVENT_LOGON, Do_EVENT_LOGON},
+    {EVENT_SERVICE_TICKET, Do_EVENT_SERVICE_TICKET},
+};
+
+// What the worker does after a piece of its work.
+enum class NEXT { PROCESS, RECONNECT, LEAVE };
+
+const WCHAR* DumpSuffix() {
+    if (CommandLine.dumpPertinent && CommandLine.dumpNonPertinent) return TEXT("; dumping all events");
+    if (CommandLine.dumpPertinent) return TEXT("; dumping pertinent events");
+    if (CommandLine.dumpNonPertinent) return TEXT("; dumping non-pertinent events");
+    return TEXT("");
+}
+
+void ReportStarted() {
+    const STRING version = VersionText();
+    DebugPrint(TEXT("Service version %s started%s"), version, DumpSuffix());
+    ReportServiceEvent(EVENTLOG_INFORMATION_TYPE, MSG_SERVICE_STARTED, {version.Text()});
+}
+
+// Without the privilege the Security log does not open; that is said again, and tried again, by the reader.
+void EnableSecurityPrivilege() {
+    constexpr const WCHAR* name = TEXT("SeSecurityPrivilege");
+    const PRIVILEGE_SET privilege = CreateTokenPrivilegesHelper(SE_PRIVILEGE_ENABLED, name);
+    const DWORD error = privilege ? SetTokenPrivileges(privilege) : GetLastError();
+    if (error == ERROR_SUCCESS) {
+        DebugPrint(TEXT("%s privilege enabled"), name);
+    } else {
+        DebugPrint(TEXT("Unable to enable %s privilege. %s. Error code = %lu."), name, ErrorText(error), error);
+    }
+}
+
+// The log could not be read: waits a minute for anything else to do, then tries with the log opened anew.
+NEXT PauseAndReopen(IDENTITY_PROTOCOL& session, EVENT_LOG& log) {
+    const HANDLE events[] = {StopEvent, SettingsChangedEvent};
+    const DWORD result = WaitForMultipleObjects(2, events, FALSE, UnreadableLogPause);
+    switch (result) {
+        case WAIT_OBJECT_0:
+            DebugPrint(TEXT("Service stop signaled"));
+            return NEXT::LEAVE;
+        case WAIT_OBJECT_0 + 1:
+            if (session.IdentServerChanged()) return NEXT::RECONNECT;
+            DebugPrint(TEXT("Settings changed"));
+            return NEXT::PROCESS;
+        case WAIT_TIMEOUT:
+            log.Close();
+            if (log.Open(LogName)) return NEXT::PROCESS;
+            StopService(FormatString(TEXT("Unable to re-open %s event log"), LogName));
+            return NEXT::LEAVE;
+        default:
+            StopService(FormatString(TEXT("Unexpected event log wait result = %lu"), result));
+            return NEXT::LEAVE;
+    }
+}
+
+NEXT ProcessOnce(IDENTITY_PROTOCOL& session, EVENT_LOG& log) {
+    DebugPrint(TEXT("Processing %s event log ..."), LogName);
+    switch (log.Process(StopEvent, SettingsChangedEvent)) {
+        case PROCESS_STOPPED:
+            return NEXT::LEAVE;
+        case PROCESS_SETTINGS_CHANGED:
+            return session.IdentServerChanged() ? NEXT::RECONNECT : NEXT::PROCESS;
+        default:
+            return PauseAndReopen(session, log);
+    }
+}
+
+// True: the session has been taken from the old server, and is to be connected to the new one.
+bool ProcessWhileConnected(IDENTITY_PROTOCOL& session, EVENT_LOG& log) {
+    NEXT next = NEXT::PROCESS;
+    while (next == NEXT::PROCESS) next = ProcessOnce(session, log);
+    if (next == NEXT::LEAVE) return false;
+    DebugPrint(TEXT("Identity Server changed to \"%s\""), session.ServerName());
+    session.SetDisconnected(true);
+    session.Disconnect();
+    return true;
+}
+
+}  // namespace
+
+void ServiceWorker() {
+    IDENTITY_PROTOCOL session;
+    EVENT_LOG log(CommandLine, Handlers);
+    CurrentSession = &session;
+
+    ReportStarted();
+    EnableSecurityPrivilege();
+    if (log.Open(LogName)) {
+        while (session.PersistentConnect() && ProcessWhileConnected(session, log)) {
+        }
+    }
+
+    log.logons.Clear();
+    log.serviceTickets.Clear();
+    log.Close();
+}
+
+}  // namespace keldwick
