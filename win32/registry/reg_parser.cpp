@@ -198,11 +198,15 @@ private:
             tree.DeleteValue(*key, name);
             return EndValueLine();
         }
+        const size_t start = line;
         DWORD type = REG_NONE;
         std::vector<BYTE> data;
         if (!ReadData(type, data) || !EndValueLine()) return false;
         REG_VALUE* const value = tree.SetValue(*key, name, type, std::move(data));
-        if (value == nullptr) return Fail("too many values");
+        if (value == nullptr) {
+            line = start;
+            return Fail("too many values");
+        }
         TakePending(value->comments);
         return true;
     }

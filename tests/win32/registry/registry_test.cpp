@@ -1,0 +1,415 @@
+#include <windows.h>
+
+#include "tests/support/temporary_root.h"
+#include "win32/registry/linux_settings.h"
+#include "win32/registry/tree.h"
+#include "win32/text/utf.h"
+
+#include <gtest/gtest.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+// The system calls of wrapped-calls.txt fail with these, when not 0.
+static int fsyncFailure = 0, renameFailure = 0;
+
+extern "C" {
+int __real_fsync(int file);
+int __wrap_fsync(int file);
+int __wrap_fsync(int file) {
+    if (fsyncFailure == 0) return __real_fsync(file);
+    errno = fsyncFailure;
+    return -1;
+}
+int __real_rename(const char* from, const char* to);
+int __wrap_rename(const char* from, const char* to);
+int __wrap_rename(const char* from, const char* to) {
+    if (renameFailure == 0) return __real_rename(from, to);
+    errno = renameFailure;
+    return -1;
+}
+}
+
+namespace {
+
+const char16_t* const Path = u"SOFTWARE\\Vantorel Systems\\Keldwick";
+const std::string File = "registry.reg";
+constexpr DWORD WaitMs = 10'000;  // for what must come; a failing test takes this long
+
+std::string Settings(const std::string& values) {
+    return "Windows Registry Editor Version 5.00\n\n[HKEY_LOCAL_MACHINE\\SOFTWARE\\Vantorel Systems\\Keldwick]\n" +
+           values;
+}
+
+HKEY Open(REGSAM access = KEY_ALL_ACCESS, const char16_t* path = Path) {
+    HKEY key = nullptr;
+    EXPECT_EQ(ERROR_SUCCESS, RegOpenKeyExW(HKEY_LOCAL_MACHINE, path, 0, access, &key));
+    return key;
+}
+
+HKEY Create(const char16_t* path = Path) {
+    HKEY key = nullptr;
+    EXPECT_EQ(ERROR_SUCCESS,
+              RegCreateKeyExW(HKEY_LOCAL_MACHINE, path, 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key, nullptr));
+    return key;
+}
+
+LSTATUS SetNumber(HKEY key, const char16_t* name, DWORD number) {
+    return RegSetValueExW(key, name, 0, REG_DWORD, reinterpret_cast<const BYTE*>(&number), sizeof number);
+}
+
+// The number, or minus the error.
+int64_t Number(HKEY key, const char16_t* name) {
+    DWORD number = 0, size = sizeof number, type = 0;
+    const LSTATUS status = RegQueryValueExW(key, name, nullptr, &type, reinterpret_cast<BYTE*>(&number), &size);
+    return status == ERROR_SUCCESS ? number : -static_cast<int64_t>(status);
+}
+
+struct EVENT {
+    HANDLE handle = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+    ~EVENT() { CloseHandle(handle); }
+    DWORD Wait(DWORD ms) const { return WaitForSingleObject(handle, ms); }
+};
+
+LSTATUS Arm(HKEY key, const EVENT& event) {
+    return RegNotifyChangeKeyValue(key, FALSE, REG_NOTIFY_CHANGE_LAST_SET, event.handle, TRUE);
+}
+
+// Another process that writes: this program again, ended before its tests begin. It writes the number 1 to the values
+// NAMEA, NAMEB ... of the settings key.
+const char* const WriterName = "REGISTRY_TEST_WRITER_NAME";
+const char* const WriterCount = "REGISTRY_TEST_WRITER_COUNT";
+
+pid_t StartWriter(const std::string& name, int count) {
+    setenv(WriterName, name.c_str(), 1);
+    setenv(WriterCount, std::to_string(count).c_str(), 1);
+    char program[] = "/proc/self/exe";
+    char* const arguments[] = {program, nullptr};
+    pid_t child = -1;
+    EXPECT_EQ(0, posix_spawn(&child, program, nullptr, nullptr, arguments, environ));
+    unsetenv(WriterName);
+    return child;
+}
+
+bool Succeeds(pid_t child) {
+    int status = -1;
+    return waitpid(child, &status, 0) == child && status == 0;
+}
+
+const bool notTheWriter = [] {
+    const char* const name = getenv(WriterName);
+    if (name == nullptr) return true;
+    bool good = true;
+    const HKEY key = Open();
+    for (char letter = 'A'; letter < 'A' + atoi(getenv(WriterCount)); ++letter) {
+        const std::u16string value = win32::ToUtf16(name + std::string(1, letter));
+        good = SetNumber(key, value.c_str(), 1) == ERROR_SUCCESS && good;
+    }
+    _exit(good ? 0 : 1);
+}();
+
+class Registry : public testing::Test {
+protected:
+    const TEMPORARY_ROOT root;
+};
+
+TEST_F(Registry, TheQueryProtocolGivesSizeTypeAndData) {
+    const HKEY key = Create();
+    const char16_t text[] = u"host";
+    ASSERT_EQ(ERROR_SUCCESS, RegSetValueExW(key, u"IdentServer", 0, REG_SZ, reinterpret_cast<const BYTE*>(text), 10));
+    const struct {
+        const char* name;
+        const char16_t* value;
+        bool buffer;
+        DWORD room;
+        LSTATUS status;
+        DWORD size;
+    } cases[] = {
+        {"size only", u"identserver", false, 0, ERROR_SUCCESS, 10},
+        {"too small", u"IDENTSERVER", true, 9, ERROR_MORE_DATA, 10},
+        {"exact", u"IdentServer", true, 10, ERROR_SUCCESS, 10},
+        {"larger", u"IdentServer", true, 64, ERROR_SUCCESS, 10},
+        {"missing", u"Ident", true, 64, ERROR_FILE_NOT_FOUND, 64},
+        {"default missing", nullptr, true, 64, ERROR_FILE_NOT_FOUND, 64},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        BYTE data[64] = {};
+        DWORD size = c.room, type = 99;
+        EXPECT_EQ(c.status, RegQueryValueExW(key, c.value, nullptr, &type, c.buffer ? data : nullptr, &size));
+        EXPECT_EQ(c.size, size);
+        EXPECT_EQ(c.status == ERROR_FILE_NOT_FOUND ? 99u : REG_SZ, type);
+        EXPECT_EQ(c.buffer && c.status == ERROR_SUCCESS, memcmp(text, data, 10) == 0);
+    }
+    BYTE byte = 0;
+    EXPECT_EQ(ERROR_INVALID_PARAMETER, RegQueryValueExW(key, u"IdentServer", nullptr, nullptr, &byte, nullptr));
+    EXPECT_EQ(ERROR_SUCCESS, RegDeleteValueW(key, u"identSERVER"));
+    EXPECT_EQ(ERROR_FILE_NOT_FOUND, RegDeleteValueW(key, u"IdentServer"));
+    RegCloseKey(key);
+}
+
+TEST_F(Registry, KeysAreFoundWhateverTheirCaseAndClosedOnce) {
+    HKEY key = nullptr;
+    EXPECT_EQ(ERROR_FILE_NOT_FOUND, RegOpenKeyExW(HKEY_LOCAL_MACHINE, Path, 0, KEY_READ, &key));
+    DWORD disposition = 0;
+    for (const DWORD expected : {REG_CREATED_NEW_KEY, REG_OPENED_EXISTING_KEY}) {
+        ASSERT_EQ(ERROR_SUCCESS, RegCreateKeyExW(HKEY_LOCAL_MACHINE, Path, 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key,
+                                                 &disposition));
+        EXPECT_EQ(expected, disposition);
+        EXPECT_LT(reinterpret_cast<uintptr_t>(key), 0x80000000u);
+        EXPECT_EQ(ERROR_SUCCESS, RegCloseKey(key));
+        EXPECT_EQ(ERROR_INVALID_HANDLE, RegCloseKey(key));
+        EXPECT_EQ(-ERROR_INVALID_HANDLE, Number(key, u"Heartbeat"));
+        EXPECT_EQ(ERROR_INVALID_HANDLE, SetNumber(key, u"Heartbeat", 1));
+    }
+    const HKEY parent = Open(KEY_READ, u"software\\VANTOREL systems\\");
+    HKEY child = nullptr;
+    EXPECT_EQ(ERROR_SUCCESS, RegOpenKeyExW(parent, u"keldWICK", 0, KEY_READ, &child));
+    EXPECT_EQ(ERROR_BAD_PATHNAME, RegOpenKeyExW(parent, u"\\keldWICK", 0, KEY_READ, &key));
+    EXPECT_EQ(ERROR_INVALID_PARAMETER, RegOpenKeyExW(parent, std::u16string(256, u'a').c_str(), 0, KEY_READ, &key));
+    EXPECT_EQ(ERROR_SUCCESS, RegCloseKey(HKEY_LOCAL_MACHINE));
+    RegCloseKey(parent);
+    RegCloseKey(child);
+}
+
+TEST_F(Registry, AKeyDoesWhatItWasOpenedForAndNoMore) {
+    RegCloseKey(Create());
+    const EVENT event;
+    const struct {
+        REGSAM access;
+        int64_t query;
+        LSTATUS set, notify;
+    } cases[] = {{KEY_READ, -ERROR_FILE_NOT_FOUND, ERROR_ACCESS_DENIED, ERROR_SUCCESS},
+                 {KEY_QUERY_VALUE, -ERROR_FILE_NOT_FOUND, ERROR_ACCESS_DENIED, ERROR_ACCESS_DENIED},
+                 {KEY_WRITE, -ERROR_ACCESS_DENIED, ERROR_SUCCESS, ERROR_ACCESS_DENIED}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.access);
+        const HKEY key = Open(c.access);
+        EXPECT_EQ(c.query, Number(key, u"Missing"));
+        EXPECT_EQ(c.set, SetNumber(key, u"Heartbeat", 1));
+        EXPECT_EQ(c.notify, Arm(key, event));
+        RegCloseKey(key);
+    }
+}
+
+TEST_F(Registry, WhatCannotBeStoredIsRefusedAndTheFileStays) {
+    const HKEY key = Create();
+    const std::string before = root.Read(File);
+    const BYTE byte = 1;
+    const std::vector<BYTE> large(win32::MaxValueBytes + 1);
+    EXPECT_EQ(ERROR_NO_SYSTEM_RESOURCES, RegSetValueExW(key, u"a", 0, REG_BINARY, &byte, 0xFFFFFFFF));
+    EXPECT_EQ(ERROR_NO_SYSTEM_RESOURCES,
+              RegSetValueExW(key, u"a", 0, REG_BINARY, large.data(), static_cast<DWORD>(large.size())));
+    EXPECT_EQ(ERROR_NOACCESS, RegSetValueExW(key, u"a", 0, REG_BINARY, nullptr, 4));
+    EXPECT_EQ(ERROR_INVALID_PARAMETER, RegSetValueExW(key, u"a\nb", 0, REG_BINARY, &byte, 1));
+    EXPECT_EQ(ERROR_INVALID_PARAMETER,
+              RegSetValueExW(key, std::u16string(16384, u'a').c_str(), 0, REG_BINARY, &byte, 1));
+    EXPECT_EQ(before, root.Read(File));
+    RegCloseKey(key);
+}
+
+TEST_F(Registry, AnEditByHandIsSeenAtOnce) {
+    root.Write(File, Settings("\"Heartbeat\"=dword:00000000\n"));
+    const HKEY key = Open();
+    for (DWORD i = 0; i < 10; ++i) {  // the same size, and more than one within a tick of the file system's clock
+        root.Write(File, Settings("\"Heartbeat\"=dword:0000000" + std::to_string(i) + "\n"));
+        EXPECT_EQ(i, Number(key, u"Heartbeat"));
+    }
+    root.Write(File, Settings("") + "[-HKEY_LOCAL_MACHINE\\SOFTWARE]\n");
+    EXPECT_EQ(-ERROR_KEY_DELETED, Number(key, u"Heartbeat"));
+    EXPECT_EQ(ERROR_KEY_DELETED, SetNumber(key, u"Heartbeat", 1));
+    RegCloseKey(key);
+}
+
+TEST_F(Registry, AFileThatDoesNotParseChangesNothingAndIsComplainedAboutOnce) {
+    const std::string broken = Settings("\"Heartbeat\"=dword:oops\n");
+    HKEY none = nullptr;
+    root.Write(File, Settings("\"Heartbeat\"=dword:00000007\n"));
+    const HKEY key = Open();
+    root.Write(File, broken);
+    testing::internal::CaptureStderr();
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(7, Number(key, u"Heartbeat"));
+    EXPECT_EQ(ERROR_BADDB, SetNumber(key, u"Heartbeat", 8));
+    EXPECT_EQ(ERROR_BADDB, RegDeleteValueW(key, u"Heartbeat"));
+    EXPECT_EQ(broken, root.Read(File));
+    const std::string said = testing::internal::GetCapturedStderr();
+    EXPECT_NE(std::string::npos, said.find("line 4")) << said;
+    EXPECT_EQ(said.find("line 4"), said.rfind("line 4")) << said;
+
+    std::filesystem::remove(root.Path(File));  // an editor between two renames
+    EXPECT_EQ(7, Number(key, u"Heartbeat"));
+    root.Write(File, Settings("\"Heartbeat\"=dword:00000009\n"));
+    EXPECT_EQ(9, Number(key, u"Heartbeat"));
+    EXPECT_EQ(ERROR_SUCCESS, SetNumber(key, u"Heartbeat", 8));
+    RegCloseKey(key);
+
+    const TEMPORARY_ROOT other;
+    other.Write(File, broken);
+    EXPECT_EQ(ERROR_BADDB, RegOpenKeyExW(HKEY_LOCAL_MACHINE, Path, 0, KEY_READ, &none));
+}
+
+TEST_F(Registry, AFailedWriteSaysWhyAndLeavesTheOldFile) {
+    const HKEY key = Create();
+    const std::string before = root.Read(File);
+    const struct {
+        const char* name;
+        int& failure;
+        int number;
+        LSTATUS status;
+    } cases[] = {{"disk full", fsyncFailure, ENOSPC, ERROR_DISK_FULL},
+                 {"not allowed", renameFailure, EACCES, ERROR_ACCESS_DENIED},
+                 {"read-only file system", renameFailure, EROFS, ERROR_WRITE_PROTECT}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        c.failure = c.number;
+        EXPECT_EQ(c.status, SetNumber(key, u"Heartbeat", 1));
+        c.failure = 0;
+        EXPECT_EQ(before, root.Read(File));
+        EXPECT_FALSE(std::filesystem::exists(root.Path(File + ".new")));
+    }
+    root.Write(File + ".new", "left behind by a crash");
+    EXPECT_EQ(ERROR_SUCCESS, SetNumber(key, u"Heartbeat", 1));
+    EXPECT_EQ(1, Number(key, u"Heartbeat"));
+    EXPECT_FALSE(std::filesystem::exists(root.Path(File + ".new")));
+    RegCloseKey(key);
+}
+
+TEST_F(Registry, TheFileKeepsItsModeAndALinkStaysALink) {
+    root.Write("elsewhere/real.reg", Settings(""));
+    chmod(root.Path("elsewhere/real.reg").c_str(), 0600);
+    std::filesystem::create_symlink("elsewhere/real.reg", root.Path(File));
+    const HKEY key = Open();
+    EXPECT_EQ(ERROR_SUCCESS, SetNumber(key, u"Heartbeat", 1));
+    EXPECT_TRUE(std::filesystem::is_symlink(root.Path(File)));
+    struct stat status {};
+    ASSERT_EQ(0, stat(root.Path(File).c_str(), &status));
+    EXPECT_EQ(0600u, status.st_mode & 0777);
+    EXPECT_EQ(1, Number(key, u"Heartbeat"));
+    RegCloseKey(key);
+}
+
+TEST_F(Registry, ProcessesAndThreadsWritingAtOnceLoseNothing) {
+    constexpr int Processes = 3, Threads = 2, Writes = 25;
+    RegCloseKey(Create());
+    std::vector<pid_t> children;
+    for (int p = 0; p < Processes; ++p) children.push_back(StartWriter("p" + std::to_string(p), Writes));
+    std::vector<std::thread> threads;
+    for (int t = 0; t < Threads; ++t) {
+        threads.emplace_back([t] {
+            const HKEY key = Open();
+            for (int i = 0; i < Writes; ++i) {
+                const std::u16string name{u't', static_cast<char16_t>(u'0' + t), static_cast<char16_t>(u'A' + i)};
+                EXPECT_EQ(ERROR_SUCCESS, SetNumber(key, name.c_str(), 1));
+            }
+            RegCloseKey(key);
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    for (const pid_t child : children) EXPECT_TRUE(Succeeds(child));
+    const std::string file = root.Read(File);
+    size_t count = 0;
+    for (size_t at = 0; (at = file.find("=dword:00000001\n", at)) != std::string::npos; ++at) ++count;
+    EXPECT_EQ(static_cast<size_t>((Processes + Threads) * Writes), count);
+}
+
+TEST_F(Registry, OwnValueChangesSignalOnceForEachArming) {
+    const HKEY key = Create(), statistics = Create(u"SOFTWARE\\Vantorel Systems\\Keldwick\\Statistics");
+    const EVENT event;
+    ASSERT_EQ(ERROR_SUCCESS, Arm(key, event));
+    EXPECT_EQ(ERROR_SUCCESS, SetNumber(statistics, u"Logons", 1));  // a subkey's
+    EXPECT_EQ(WAIT_TIMEOUT, event.Wait(0));
+    EXPECT_EQ(ERROR_SUCCESS, SetNumber(key, u"Heartbeat", 1));
+    EXPECT_EQ(WAIT_OBJECT_0, event.Wait(WaitMs));
+    EXPECT_EQ(ERROR_SUCCESS, SetNumber(key, u"Heartbeat", 2));  // not armed: remembered
+    EXPECT_EQ(WAIT_TIMEOUT, event.Wait(0));
+    ASSERT_EQ(ERROR_SUCCESS, Arm(key, event));
+    EXPECT_EQ(WAIT_OBJECT_0, event.Wait(0));
+    ASSERT_EQ(ERROR_SUCCESS, Arm(key, event));
+    EXPECT_EQ(ERROR_SUCCESS, SetNumber(key, u"Heartbeat", 2));  // the same again
+    EXPECT_EQ(WAIT_TIMEOUT, event.Wait(0));
+    EXPECT_EQ(ERROR_SUCCESS, RegDeleteValueW(key, u"Heartbeat"));
+    EXPECT_EQ(WAIT_OBJECT_0, event.Wait(WaitMs));
+    ASSERT_EQ(ERROR_SUCCESS, Arm(key, event));
+    RegCloseKey(key);  // as on Windows, closing the key ends the wait
+    EXPECT_EQ(WAIT_OBJECT_0, event.Wait(0));
+    RegCloseKey(statistics);
+}
+
+TEST_F(Registry, WhoeverChangesTheFileTheKeyIsSignalled) {
+    root.Write(File, Settings("\"Heartbeat\"=dword:00000000\n"));
+    const HKEY key = Open(KEY_READ);
+    const EVENT event;
+    const std::string path = root.Path(File), aside = root.Path("aside");
+    namespace fs = std::filesystem;
+    const struct {
+        const char* name;
+        std::function<void()> act;
+        int64_t value;
+    } cases[] = {
+        {"in place", [&] { root.Write(File, Settings("\"Heartbeat\"=dword:1\n")); }, 1},
+        {"renamed over",
+         [&] {
+             root.Write("aside", Settings("\"Heartbeat\"=dword:2\n"));
+             fs::rename(aside, path);
+         },
+         2},
+        {"in place after that", [&] { root.Write(File, Settings("\"Heartbeat\"=dword:3\n")); }, 3},
+        {"moved away and made anew",
+         [&] {
+             fs::rename(path, aside);
+             root.Write(File, Settings("\"Heartbeat\"=dword:4\n"));
+         },
+         4},
+        {"broken, then mended",
+         [&] {
+             root.Write(File, "half");
+             root.Write(File, Settings("\"Heartbeat\"=dword:5\n"));
+         },
+         5},
+        {"another process", [&] { EXPECT_TRUE(Succeeds(StartWriter("Heartbeat", 1))); }, 5},
+        {"the value removed", [&] { root.Write(File, Settings("")); }, -ERROR_FILE_NOT_FOUND},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        ASSERT_EQ(ERROR_SUCCESS, Arm(key, event));
+        c.act();
+        EXPECT_EQ(WAIT_OBJECT_0, event.Wait(WaitMs));
+        EXPECT_EQ(c.value, Number(key, u"Heartbeat"));
+    }
+    RegCloseKey(key);
+}
+
+TEST_F(Registry, NotificationsThatTheLayerDoesNotKnowAreRefused) {
+    const HKEY key = Create();
+    const EVENT event;
+    EXPECT_EQ(ERROR_NOT_SUPPORTED, RegNotifyChangeKeyValue(key, TRUE, REG_NOTIFY_CHANGE_LAST_SET, event.handle, TRUE));
+    EXPECT_EQ(ERROR_NOT_SUPPORTED, RegNotifyChangeKeyValue(key, FALSE, REG_NOTIFY_CHANGE_NAME, event.handle, TRUE));
+    EXPECT_EQ(ERROR_INVALID_PARAMETER, RegNotifyChangeKeyValue(key, FALSE, REG_NOTIFY_CHANGE_LAST_SET, nullptr, TRUE));
+    EXPECT_EQ(ERROR_INVALID_PARAMETER, RegNotifyChangeKeyValue(key, FALSE, 0, event.handle, TRUE));
+    EXPECT_EQ(ERROR_INVALID_HANDLE,
+              RegNotifyChangeKeyValue(key, FALSE, REG_NOTIFY_CHANGE_LAST_SET, INVALID_HANDLE_VALUE, TRUE));
+    RegCloseKey(key);
+    EXPECT_EQ(ERROR_INVALID_HANDLE, Arm(key, event));
+}
+
+TEST_F(Registry, TheLayersOwnSettingsAreReadAsTheyStand) {
+    EXPECT_FALSE(win32::LinuxNumber(u"Number"));
+    const std::string values = "\"Number\"=dword:fffffffe\n\"Text\"=\"ldap://host\"\n\"Binary\"=hex:01,02,03,04\n";
+    root.Write(File, Settings("\n[HKEY_LOCAL_MACHINE\\SOFTWARE\\Vantorel Systems\\Keldwick\\Linux]\n" + values));
+    EXPECT_EQ(0xFFFFFFFEu, win32::LinuxNumber(u"number"));
+    EXPECT_EQ(u"ldap://host", win32::LinuxText(u"TEXT"));
+    EXPECT_FALSE(win32::LinuxText(u"Number"));
+    EXPECT_FALSE(win32::LinuxNumber(u"Binary"));
+}
+
+}  // namespace
