@@ -27,15 +27,21 @@ public:
 
     bool TakeSignal() override {
         if (!signalled) return false;
-        if (!manual) Unsignal();
+        if (!manual || oneShot) Unsignal();
         return true;
     }
 
     void Set() {
         const std::lock_guard guard(DispatcherLock());
-        if (signalled) return;
-        const uint64_t one = 1;
-        signalled = write(fd.Get(), &one, sizeof(one)) == sizeof(one);  // fails only on a counter that is full
+        oneShot = false;
+        Signal();
+    }
+
+    void Pulse() {
+        const std::lock_guard guard(DispatcherLock());
+        if (signalled) return;  // set for good, or a pulse that nobody has taken yet
+        oneShot = true;
+        Signal();
     }
 
     void Reset() {
@@ -44,6 +50,11 @@ public:
     }
 
 private:
+    void Signal() {
+        if (signalled) return;
+        const uint64_t one = 1;
+        signalled = write(fd.Get(), &one, sizeof(one)) == sizeof(one);  // fails only on a counter that is full
+    }
     void Unsignal() {
         uint64_t count;
         if (read(fd.Get(), &count, sizeof(count)) == sizeof(count)) signalled = false;
@@ -51,7 +62,8 @@ private:
 
     const DESCRIPTOR fd;
     const bool manual;
-    bool signalled;  // under the dispatcher lock; mirrors the descriptor, to save calls
+    bool signalled;        // under the dispatcher lock; mirrors the descriptor, to save calls
+    bool oneShot = false;  // under the dispatcher lock; the signal is a pulse, which the first wait takes with it
     std::atomic<COMPANION> companion{};
 };
 
@@ -60,6 +72,12 @@ private:
 bool SignalEventObject(KERNEL_OBJECT& event) {
     EVENT* object = dynamic_cast<EVENT*>(&event);
     if (object) object->Set();
+    return object != nullptr;
+}
+
+bool PulseEventObject(KERNEL_OBJECT& event) {
+    EVENT* object = dynamic_cast<EVENT*>(&event);
+    if (object) object->Pulse();
     return object != nullptr;
 }
 

@@ -56,6 +56,10 @@ std::shared_ptr<T> ObjectAs(HANDLE handle) {
 // which keep the event alive although its handle may be closed.
 bool SignalEventObject(KERNEL_OBJECT& event);
 
+// Signals an event object for one wait: the wait that is going on or else the next one takes the signal with it, also
+// when the event is a manual-reset one. An event that is set already stays as it is. False: not an event.
+bool PulseEventObject(KERNEL_OBJECT& event);
+
 // Binds a descriptor to an event as its companion (fd -1: none); false when the object is not an event. Waits that
 // begin afterwards look at it; the descriptor must stay open until it is unbound.
 bool SetEventCompanion(KERNEL_OBJECT& event, int fd, short events);
