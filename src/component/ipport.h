@@ -20,8 +20,9 @@ public:
     TCP_CLIENT& operator=(const TCP_CLIENT&) = delete;
 
     // Starts connecting to a name or an address; an earlier connection is closed without an event. The outcome comes as
-    // events within the time-out: Connected (0) and ReadyToSend, or else one of Connected (a code), Error. The result is
-    // 0 when the attempt has begun.
+    // events within the time-out: Connected (0) and ReadyToSend, or else Connected with a code, or Error 280 and
+    // Disconnected when the certificate was not accepted. The result is 0 when the attempt has begun; when it has not,
+    // the code comes as an event all the same.
     int Connect(const char* host, int port);
 
     // Closes the connection or gives up the attempt. Disconnected follows at once if Connected (0) came before.
@@ -30,23 +31,24 @@ public:
     // Delivers what has happened, and never waits.
     void ProcessEvents();
 
-    // Hands all the bytes to the connection, waiting at most the time-out for room. Otherwise the result is an error code,
-    // LastErrorText describes it, and the connection is closed (Disconnected has been delivered). A close by the peer that
-    // arrived before the call is such an error: nothing has been sent then.
+    // Hands all the bytes to the connection, waiting at most the time-out for room. Otherwise the result is an error
+    // code, LastErrorText describes it, and the connection is closed (Disconnected has been delivered). A close by the
+    // peer that arrived before the call is such an error: nothing has been sent then.
     int Send(const void* bytes, int count);
 
-    // Bounds connecting (the TLS handshake included), Send's wait, and how long a vanished peer stays unnoticed. At first 60.
+    // Bounds connecting (the TLS handshake included), Send's wait, and how long a vanished peer stays unnoticed. At
+    // first 60.
     void SetTimeout(int seconds);
 
     // Ends with a period; empty when nothing has failed yet. Valid until the next operation.
     const char* LastErrorText() const;
 
-    // Signalled while ProcessEvents has something to deliver. It lives as long as the object: the caller waits on it and
-    // does nothing else with it. Null when the system had no event to give; then Connect fails.
+    // Signalled while ProcessEvents has something to deliver. It lives as long as the object: the caller waits on it
+    // and does nothing else with it. Null when the system had no event to give; then Connect fails.
     HANDLE EventHandle() const;
 
 protected:
-    explicit TCP_CLIENT(std::unique_ptr<CONNECTION_EVENTS> receiver);
+    TCP_CLIENT(std::unique_ptr<CONNECTION_EVENTS> events, bool secure);
     ~TCP_CLIENT();  // closes without events
 
     TCP_CONNECTION& Connection() { return *connection; }

@@ -1,0 +1,50 @@
+#include "component/ipport.h"
+
+#include "component/tcp_connection.h"
+
+namespace keldwick {
+namespace {
+
+class PLAIN_EVENTS final : public CONNECTION_EVENTS {
+public:
+    explicit PLAIN_EVENTS(IPPort& owner) : port(owner) {}
+    void Connected(int status, const char* text) override { port.FireConnected(status, text); }
+    void ConnectionStatus(const char* what, int status, const char* text) override {
+        port.FireConnectionStatus(what, status, text);
+    }
+    void DataIn(const BYTE* bytes, int count) override { port.FireDataIn(bytes, count); }
+    void Disconnected(int status, const char* text) override { port.FireDisconnected(status, text); }
+    void Error(int code, const char* text) override { port.FireError(code, text); }
+    void ReadyToSend() override { port.FireReadyToSend(); }
+    bool Accept(const TLS_PEER&) override { return false; }
+    void TlsStatus(const std::string&) override {}
+
+private:
+    IPPort& port;
+};
+
+}  // namespace
+
+TCP_CLIENT::TCP_CLIENT(std::unique_ptr<CONNECTION_EVENTS> events, bool secure)
+    : receiver(std::move(events)), connection(std::make_unique<TCP_CONNECTION>(*receiver, secure)) {}
+TCP_CLIENT::~TCP_CLIENT() = default;
+
+int TCP_CLIENT::Connect(const char* host, int port) { return connection->Connect(host, port); }
+void TCP_CLIENT::Disconnect() { connection->Disconnect(); }
+void TCP_CLIENT::ProcessEvents() { connection->ProcessEvents(); }
+int TCP_CLIENT::Send(const void* bytes, int count) { return connection->Send(bytes, count); }
+void TCP_CLIENT::SetTimeout(int seconds) { connection->SetTimeout(seconds); }
+const char* TCP_CLIENT::LastErrorText() const { return connection->LastErrorText(); }
+HANDLE TCP_CLIENT::EventHandle() const { return connection->EventHandle(); }
+
+IPPort::IPPort() : TCP_CLIENT(std::make_unique<PLAIN_EVENTS>(*this), false) {}
+IPPort::~IPPort() = default;
+int IPPort::FireConnected(int, const char*) { return 0; }
+int IPPort::FireConnectionStatus(const char*, int, const char*) { return 0; }
+int IPPort::FireDataIn(const BYTE*, int) { return 0; }
+int IPPort::FireDisconnected(int, const char*) { return 0; }
+int IPPort::FireError(int, const char*) { return 0; }
+int IPPort::FireReadyToSend() { return 0; }
+int IPPort::FireExtendedEvent(int, int, void**) { return 0; }
+
+}  // namespace keldwick

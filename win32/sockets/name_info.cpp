@@ -1,0 +1,122 @@
+// Names of addresses, with a limit on what a dead name server may cost.
+#include <netdb.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "win32/registry/linux_settings.h"
+#include "win32/sockets/lookup_threads.h"
+#include "win32/sockets/socket_error.h"
+#include "win32/text/utf.h"
+
+namespace {
+
+// The C library's flags under names that survive the Windows ones.
+constexpr int HostAsDigits = NI_NUMERICHOST;
+struct FLAG_PAIR {
+    int windows;
+    int ours;
+};
+constexpr FLAG_PAIR flagTable[] = {
+    {0x01, NI_NOFQDN}, {0x02, NI_NUMERICHOST}, {0x04, NI_NAMEREQD}, {0x08, NI_NUMERICSERV}, {0x10, NI_DGRAM}};
+
+}  // namespace
+
+#include <ws2tcpip.h>
+
+namespace {
+
+constexpr DWORD DefaultTimeoutMilliseconds = 2000;
+constexpr DWORD LongestTimeoutMilliseconds = 60'000;
+
+// One question and, once it has been answered, its answer. Shared by the asker and the thread that asks the C library.
+struct LOOKUP {
+    sockaddr_storage address{};
+    socklen_t length = 0;
+    bool wantsHost = false, wantsService = false;
+    int flags = 0;
+
+    std::mutex lock;
+    std::condition_variable answered;
+    bool done = false;
+    int error = 0;  // Winsock's
+    std::string host, service;
+
+    void Ask() {
+        char hostText[NI_MAXHOST] = "", serviceText[NI_MAXSERV] = "";
+        const int result =
+            getnameinfo(reinterpret_cast<const sockaddr*>(&address), length, wantsHost ? hostText : nullptr,
+                        wantsHost ? sizeof(hostText) : 0, wantsService ? serviceText : nullptr,
+                        wantsService ? sizeof(serviceText) : 0, flags);
+        const int code = win32::SocketErrorFromLookup(result, errno);
+        const std::lock_guard guard(lock);
+        error = code;
+        host = hostText;
+        service = serviceText;
+        done = true;
+        answered.notify_all();
+    }
+};
+
+std::atomic<int> lookupsInFlight{0};
+
+// Winsock's code; WSATRY_AGAIN when no answer came in time or too many earlier questions are still unanswered.
+int AskWithinTimeout(const std::shared_ptr<LOOKUP>& lookup) {
+    const DWORD milliseconds = std::min(win32::LinuxNumber(u"NameLookupTimeout").value_or(DefaultTimeoutMilliseconds),
+                                        LongestTimeoutMilliseconds);
+    if (!win32::RunLookup(lookupsInFlight, [lookup] { lookup->Ask(); })) return WSATRY_AGAIN;
+    std::unique_lock guard(lookup->lock);
+    // By the system's clock, since the thread sanitizer of this compiler knows no other kind of timed wait.
+    const auto end = std::chrono::system_clock::now() + std::chrono::milliseconds(milliseconds);
+    if (!lookup->answered.wait_until(guard, end, [&] { return lookup->done; })) return WSATRY_AGAIN;
+    return lookup->error;
+}
+
+// Copies the text with its terminator; a null or empty place wants none. False: it does not fit.
+bool CopyText(const std::string& text, LPWSTR place, DWORD units) {
+    if (place == nullptr || units == 0) return true;
+    const std::u16string wide = win32::ToUtf16(text);
+    if (wide.size() >= units) return false;
+    std::copy_n(wide.c_str(), wide.size() + 1, place);
+    return true;
+}
+
+int Fail(int code) {
+    WSASetLastError(code);
+    return code;
+}
+
+}  // namespace
+
+INT WINAPI GetNameInfoW(const SOCKADDR* address, socklen_t length, LPWSTR host, DWORD hostUnits, LPWSTR service,
+                        DWORD serviceUnits, INT flags) {
+    const auto lookup = std::make_shared<LOOKUP>();
+    if (address == nullptr || length < sizeof(sa_family_t) || length > sizeof(lookup->address)) return Fail(WSAEFAULT);
+    std::memcpy(&lookup->address, address, length);
+    lookup->length = length;
+    lookup->wantsHost = host != nullptr && hostUnits > 0;
+    lookup->wantsService = service != nullptr && serviceUnits > 0;
+    if (!lookup->wantsHost && !lookup->wantsService) return Fail(WSAHOST_NOT_FOUND);
+    for (const FLAG_PAIR& pair : flagTable)
+        if (flags & pair.windows) lookup->flags |= pair.ours;
+
+    int error = 0;
+    if (!lookup->wantsHost || lookup->flags & HostAsDigits) {
+        lookup->Ask();  // asks no name server
+        error = lookup->error;
+    } else {
+        error = AskWithinTimeout(lookup);
+    }
+    if (error != 0) return Fail(error);
+    if (!CopyText(lookup->host, host, hostUnits) || !CopyText(lookup->service, service, serviceUnits))
+        return Fail(ERROR_INSUFFICIENT_BUFFER);
+    return 0;
+}

@@ -1,0 +1,53 @@
+// Starting and ending the use of Winsock, its last error, and the binding of a socket to an event.
+#include <fcntl.h>
+#include <poll.h>
+#include <winsock2.h>
+
+#include <atomic>
+
+#include "win32/sockets/socket_error.h"
+#include "win32/sync/kernel_object.h"
+
+namespace {
+
+std::atomic<int> starts{0};  // only counted: nothing here needs starting
+
+}  // namespace
+
+int WINAPI WSAStartup(WORD version, LPWSADATA data) {
+    constexpr BYTE highestMajor = 2;
+    constexpr WORD highest = MAKEWORD(highestMajor, 2);
+    constexpr int versionNotSupported = 10092;  // WSAVERNOTSUPPORTED
+    const BYTE major = version & 0xFF;
+    if (major == 0) return versionNotSupported;
+    if (data == nullptr) return WSAEFAULT;
+    *data = {};
+    data->wVersion = major > highestMajor ? highest : version;
+    data->wHighVersion = highest;
+    ++starts;
+    return 0;
+}
+
+int WINAPI WSACleanup() {
+    int count = starts;
+    do {
+        if (count == 0) return win32::FailSocketCall(WSANOTINITIALISED);
+    } while (!starts.compare_exchange_weak(count, count - 1));
+    return 0;
+}
+
+int WINAPI WSAGetLastError() { return static_cast<int>(GetLastError()); }
+
+void WINAPI WSASetLastError(int code) { SetLastError(static_cast<DWORD>(code)); }
+
+int WINAPI WSAEventSelect(SOCKET socket, WSAEVENT event, LONG mask) {
+    const auto object = win32::ObjectOf(event);
+    if (!object) return win32::FailSocketCall(WSAEINVAL);
+    if (mask != 0 && fcntl(socket, F_GETFD) < 0) return win32::FailSocketCall(WSAENOTSOCK);
+    short events = 0;
+    if (mask & (FD_READ | FD_CLOSE)) events |= POLLIN;
+    if (mask & FD_CLOSE) events |= POLLRDHUP;
+    if (mask & (FD_WRITE | FD_CONNECT)) events |= POLLOUT;
+    if (!win32::SetEventCompanion(*object, mask == 0 ? -1 : socket, events)) return win32::FailSocketCall(WSAEINVAL);
+    return 0;
+}
