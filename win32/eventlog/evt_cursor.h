@@ -15,7 +15,8 @@ public:
     const EVENTLOGRECORD* At(DWORD position);
 
     // The first whole record at or after `position` whose number is at least `number`; null: none up to the end.
-    // `position` then is where it stands. Bytes that are neither record nor filler add 1 to `damage` for each run of them.
+    // `position` then is where it stands. Bytes that are neither record nor filler add 1 to `damage` for each run of
+    // them.
     const EVENTLOGRECORD* Find(DWORD& position, DWORD number, DWORD& damage);
 
     // The whole record that ends where the record at `position` begins; null when damage or nothing stands there.

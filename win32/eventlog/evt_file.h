@@ -56,8 +56,7 @@ public:
     bool ReadRing(const EVT_STATE& state, DWORD position, BYTE* bytes, DWORD count) const;
     bool ReadAt(DWORD offset, void* bytes, size_t count) const;   // all of them, or false (ERROR_HANDLE_EOF: too short)
     bool WriteAt(DWORD offset, const void* bytes, size_t count);  // all of them, or false
-    bool Resize(DWORD bytes);
-    DWORD Size() const;  // bytes; 0xFFFFFFFF for more
+    DWORD Size() const;                                           // bytes; 0xFFFFFFFF for more
 
     static EVT_HEADER HeaderOf(const EVT_STATE& state);
     static EVT_END EndOf(const EVT_STATE& state);

@@ -41,7 +41,7 @@ struct EVT_END {
 };
 static_assert(sizeof(EVT_END) == 40);
 
-constexpr DWORD EvtHeaderBytes = sizeof(EVT_HEADER);       // the ring begins here
+constexpr DWORD EvtHeaderBytes = sizeof(EVT_HEADER);  // the ring begins here
 constexpr DWORD EvtEndBytes = sizeof(EVT_END);
 constexpr DWORD RecordFixedBytes = sizeof(EVENTLOGRECORD);  // never split by the ring's end
 static_assert(sizeof(EVENTLOGRECORD) == 56);

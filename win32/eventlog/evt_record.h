@@ -26,8 +26,8 @@ struct NEW_EVENT {
     BYTES sid, data;
 };
 
-// The record's bytes, its number left 0: the writer gives that. False, with last error ERROR_INVALID_PARAMETER: too many
-// strings, or more than MaxRecordBytes.
+// The record's bytes, its number left 0: the writer gives that. False, with last error ERROR_INVALID_PARAMETER: too
+// many strings, or more than MaxRecordBytes.
 bool BuildRecord(const NEW_EVENT& event, BYTES& record);
 
 // Seconds since 1970 for now.

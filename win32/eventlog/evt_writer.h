@@ -14,8 +14,8 @@ public:
     EVT_WRITER(const EVT_WRITER&) = delete;
     EVT_WRITER& operator=(const EVT_WRITER&) = delete;
 
-    // maxSize in bytes, rounded down to a multiple of 64 KiB; it takes effect with the first write: a log that is larger
-    // or wrapped at another size is copied into a new file, which readers follow without losing their place.
+    // maxSize in bytes, rounded down to a multiple of 64 KiB; it takes effect with the first write: a log that is
+    // larger or wrapped at another size is copied into a new file, which readers follow without losing their place.
     bool Open(const std::string& path, DWORD maxSize);
     void SetMaxSize(DWORD maxSize);
 
@@ -31,6 +31,7 @@ public:
     DWORD Written() const { return written; }  // records that reached the file
 
 private:
+    bool WriteGathered(bool& again);
     bool Enter();
     bool WriteRun(const BYTE* run, DWORD bytes, DWORD records);
     bool MakeRoom(DWORD bytes);

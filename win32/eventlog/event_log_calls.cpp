@@ -1,0 +1,123 @@
+// OpenEventLogW and its like: event logs of this machine, by name or by path.
+#include <algorithm>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "win32/eventlog/evt_reader.h"
+#include "win32/eventlog/evt_writer.h"
+#include "win32/eventlog/log_names.h"
+#include "win32/eventlog/log_notification.h"
+#include "win32/files/machine_root.h"
+#include "win32/sync/kernel_object.h"
+#include "win32/text/last_error.h"
+#include "win32/text/utf.h"
+
+namespace win32 {
+namespace {
+
+constexpr DWORD ServerUnavailable = 1722;  // RPC_S_SERVER_UNAVAILABLE: there are no other machines here
+
+// What an event-log handle stands for. Its calls may come from several threads.
+struct OPEN_LOG final : KERNEL_OBJECT {
+    std::u16string name;
+    std::mutex lock;  // guards the rest
+    EVT_READER reader;
+    std::unique_ptr<LOG_NOTIFICATION> notification;
+};
+
+BOOL Result(DWORD error) { return error == ERROR_SUCCESS ? TRUE : FailWith(error); }
+
+bool OneOf(DWORD flags, DWORD a, DWORD b) { return ((flags & a) != 0) != ((flags & b) != 0); }
+
+bool ValidFlags(DWORD flags) {
+    return OneOf(flags, EVENTLOG_SEQUENTIAL_READ, EVENTLOG_SEEK_READ) &&
+           OneOf(flags, EVENTLOG_FORWARDS_READ, EVENTLOG_BACKWARDS_READ) && flags <= 0xF;
+}
+
+// Reads into a buffer that a caller may have put at any address.
+DWORD ReadInto(EVT_READER& reader, bool forwards, void* buffer, DWORD bytes, DWORD& bytesRead, DWORD& needed) {
+    if (reinterpret_cast<uintptr_t>(buffer) % alignof(EVENTLOGRECORD) == 0)
+        return reader.Read(forwards, static_cast<BYTE*>(buffer), bytes, bytesRead, needed);
+    BYTES aligned(bytes);
+    const DWORD error = reader.Read(forwards, aligned.data(), bytes, bytesRead, needed);
+    std::memcpy(buffer, aligned.data(), bytesRead);
+    return error;
+}
+
+}  // namespace
+}  // namespace win32
+
+HANDLE WINAPI OpenEventLogW(LPCWSTR server, LPCWSTR name) {
+    if ((server != nullptr && *server != 0) || name == nullptr) {
+        SetLastError(name == nullptr ? ERROR_INVALID_PARAMETER : win32::ServerUnavailable);
+        return nullptr;
+    }
+    const std::string path = win32::LogFile(name);
+    if (path.empty()) return nullptr;
+    const auto log = std::make_shared<win32::OPEN_LOG>();
+    log->name = name;
+    if (log->reader.Open(path)) return win32::NewHandle(log);
+    // The Security log needs a privilege, and says so.
+    if (GetLastError() == ERROR_ACCESS_DENIED && win32::SameName(name, u"Security"))
+        SetLastError(ERROR_PRIVILEGE_NOT_HELD);
+    return nullptr;
+}
+
+BOOL WINAPI CloseEventLog(HANDLE handle) {
+    return win32::ObjectAs<win32::OPEN_LOG>(handle) != nullptr && win32::RemoveHandle(handle);
+}
+
+BOOL WINAPI ReadEventLogW(HANDLE handle, DWORD flags, DWORD offset, LPVOID buffer, DWORD bytes, DWORD* bytesRead,
+                          DWORD* bytesNeeded) {
+    const auto log = win32::ObjectAs<win32::OPEN_LOG>(handle);
+    if (!log) return FALSE;
+    if (!win32::ValidFlags(flags) || buffer == nullptr || bytes > win32::MaxReadBytes || !bytesRead || !bytesNeeded)
+        return win32::FailWith(ERROR_INVALID_PARAMETER);
+    const bool forwards = (flags & EVENTLOG_FORWARDS_READ) != 0;
+    const std::lock_guard guard(log->lock);
+    *bytesRead = *bytesNeeded = 0;
+    if (flags & EVENTLOG_SEEK_READ)
+        if (const DWORD error = log->reader.Seek(offset, forwards); error != ERROR_SUCCESS)
+            return win32::FailWith(error);
+    return win32::Result(win32::ReadInto(log->reader, forwards, buffer, bytes, *bytesRead, *bytesNeeded));
+}
+
+BOOL WINAPI GetNumberOfEventLogRecords(HANDLE handle, PDWORD count) {
+    const auto log = win32::ObjectAs<win32::OPEN_LOG>(handle);
+    if (!log) return FALSE;
+    if (count == nullptr) return win32::FailWith(ERROR_INVALID_PARAMETER);
+    const std::lock_guard guard(log->lock);
+    DWORD current, oldest;
+    return win32::Result(log->reader.Numbers(current, oldest, *count));
+}
+
+BOOL WINAPI GetOldestEventLogRecord(HANDLE handle, PDWORD number) {
+    const auto log = win32::ObjectAs<win32::OPEN_LOG>(handle);
+    if (!log) return FALSE;
+    if (number == nullptr) return win32::FailWith(ERROR_INVALID_PARAMETER);
+    const std::lock_guard guard(log->lock);
+    DWORD current, count;
+    return win32::Result(log->reader.Numbers(current, *number, count));
+}
+
+// One event a log handle: a second call puts its event in the first one's place.
+BOOL WINAPI NotifyChangeEventLog(HANDLE handle, HANDLE event) {
+    const auto log = win32::ObjectAs<win32::OPEN_LOG>(handle);
+    const auto woken = log ? win32::ObjectOf(event) : nullptr;
+    if (!woken) return FALSE;
+    if (woken->WaitDescriptor() < 0) return win32::FailWith(ERROR_INVALID_HANDLE);
+    auto notification = std::make_unique<win32::LOG_NOTIFICATION>(log->reader.Path(), woken);
+    if (!notification->Active()) return FALSE;
+    const std::lock_guard guard(log->lock);
+    log->notification.swap(notification);
+    return TRUE;
+}
+
+BOOL WINAPI ClearEventLogW(HANDLE handle, LPCWSTR backupFile) {
+    const auto log = win32::ObjectAs<win32::OPEN_LOG>(handle);
+    if (!log) return FALSE;
+    const std::string backup = backupFile != nullptr ? win32::HostPath(backupFile) : std::string();
+    return win32::ClearLogFile(log->reader.Path(), win32::LogMaxSize(log->name), backup);
+}

@@ -1,0 +1,140 @@
+// RegisterEventSourceW and ReportEventW: events of the program's own, into the Application log and the system's
+// journal.
+#define SD_JOURNAL_SUPPRESS_LOCATION
+#include <sys/uio.h>
+#include <systemd/sd-journal.h>
+
+#include <array>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "win32/eventlog/evt_record.h"
+#include "win32/eventlog/evt_writer.h"
+#include "win32/eventlog/log_names.h"
+#include "win32/sync/kernel_object.h"
+#include "win32/text/last_error.h"
+#include "win32/text/utf.h"
+
+namespace win32 {
+namespace {
+
+constexpr char16_t SourcesLog[] = u"Application";  // every source's log, as Windows has it for one it does not know
+constexpr WORD MostInserts = 99;                   // %1 to %99 in message texts
+constexpr DWORD ServerUnavailable = 1722;          // RPC_S_SERVER_UNAVAILABLE
+
+struct EVENT_SOURCE_OBJECT final : KERNEL_OBJECT {
+    std::u16string source;
+};
+
+std::u16string ComputerName() {
+    std::array<WCHAR, 256> name;
+    DWORD units = name.size();
+    return GetComputerNameW(name.data(), &units) ? std::u16string(name.data(), units) : std::u16string();
+}
+
+// The event's text from the program's message table; its strings in a row when the table does not know it.
+std::string EventText(const NEW_EVENT& event) {
+    std::array<DWORD_PTR, MostInserts> inserts;
+    inserts.fill(reinterpret_cast<DWORD_PTR>(u""));
+    for (size_t i = 0; i < event.strings.size() && i < inserts.size(); ++i)
+        inserts[i] = reinterpret_cast<DWORD_PTR>(event.strings[i].c_str());
+    LPWSTR text = nullptr;
+    const DWORD units =
+        FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_HMODULE | FORMAT_MESSAGE_ARGUMENT_ARRAY,
+                       GetModuleHandleW(nullptr), event.id, 0, reinterpret_cast<LPWSTR>(&text), 0, inserts.data());
+    std::u16string message(text != nullptr ? text : u"", units);
+    LocalFree(text);
+    if (message.empty())
+        for (const std::u16string& each : event.strings) message += each + u" ";
+    const size_t end = message.find_last_not_of(u" \r\n");
+    message.resize(end == std::u16string::npos ? 0 : end + 1);
+    return ToUtf8(message);
+}
+
+const char* TypeName(WORD type) {
+    switch (type) {
+        case EVENTLOG_ERROR_TYPE:
+            return "error";
+        case EVENTLOG_WARNING_TYPE:
+            return "warning";
+        case EVENTLOG_AUDIT_SUCCESS:
+            return "audit-success";
+        case EVENTLOG_AUDIT_FAILURE:
+            return "audit-failure";
+        default:
+            return "information";
+    }
+}
+
+// syslog's levels
+int Priority(WORD type) { return type == EVENTLOG_ERROR_TYPE ? 3 : type == EVENTLOG_WARNING_TYPE ? 4 : 6; }
+
+// Where no journal runs this does nothing; the Application log is the record that counts.
+void SendToJournal(const NEW_EVENT& event) {
+    const std::string source = ToUtf8(event.source);
+    const std::string fields[] = {
+        "MESSAGE=" + EventText(event),          "PRIORITY=" + std::to_string(Priority(event.type)),
+        "SYSLOG_IDENTIFIER=" + source,          "EVENT_SOURCE=" + source,
+        "EVENT_ID=" + std::to_string(event.id), std::string("EVENT_TYPE=") + TypeName(event.type)};
+    std::array<iovec, std::size(fields)> parts;
+    for (size_t i = 0; i < parts.size(); ++i) parts[i] = {const_cast<char*>(fields[i].data()), fields[i].size()};
+    sd_journal_sendv(parts.data(), static_cast<int>(parts.size()));
+}
+
+bool AppendToLog(const NEW_EVENT& event) {
+    BYTES record;
+    if (!BuildRecord(event, record)) return false;
+    const DWORD maxSize = LogMaxSize(SourcesLog);
+    const std::string path = NewLogFile(SourcesLog);
+    if (path.empty() || !CreateLogFile(path, maxSize)) return false;
+    EVT_WRITER writer;
+    return writer.Open(path, maxSize) && writer.Append(*reinterpret_cast<const EVENTLOGRECORD*>(record.data())) &&
+           writer.Flush();
+}
+
+}  // namespace
+}  // namespace win32
+
+HANDLE WINAPI RegisterEventSourceW(LPCWSTR server, LPCWSTR source) {
+    if ((server != nullptr && *server != 0) || source == nullptr || *source == 0) {
+        SetLastError(source == nullptr || *source == 0 ? ERROR_INVALID_PARAMETER : win32::ServerUnavailable);
+        return nullptr;
+    }
+    const auto object = std::make_shared<win32::EVENT_SOURCE_OBJECT>();
+    object->source = source;
+    return win32::NewHandle(object);
+}
+
+BOOL WINAPI DeregisterEventSource(HANDLE source) {
+    return win32::ObjectAs<win32::EVENT_SOURCE_OBJECT>(source) != nullptr && win32::RemoveHandle(source);
+}
+
+BOOL WINAPI ReportEventW(HANDLE source, WORD type, WORD category, DWORD id, PSID user, WORD strings, DWORD dataBytes,
+                         LPCWSTR* texts, LPVOID data) {
+    const auto object = win32::ObjectAs<win32::EVENT_SOURCE_OBJECT>(source);
+    if (!object) return FALSE;
+    if ((strings > 0 && texts == nullptr) || (dataBytes > 0 && data == nullptr))
+        return win32::FailWith(ERROR_INVALID_PARAMETER);
+    win32::NEW_EVENT event;
+    event.id = id;
+    event.type = type;
+    event.category = category;
+    event.generated = event.written = win32::SecondsNow();
+    event.source = object->source;
+    event.computer = win32::ComputerName();
+    for (WORD i = 0; i < strings; ++i) event.strings.emplace_back(texts[i] != nullptr ? texts[i] : u"");
+    const BYTE* bytes = static_cast<const BYTE*>(data);
+    event.data.assign(bytes, bytes + dataBytes);
+    if (user != nullptr) {
+        const BYTE* sid = static_cast<const BYTE*>(user);
+        event.sid.assign(sid, sid + GetLengthSid(user));
+    }
+    if (!win32::AppendToLog(event)) {
+        const DWORD error = GetLastError();
+        win32::SendToJournal(event);
+        return win32::FailWith(error);
+    }
+    win32::SendToJournal(event);
+    return TRUE;
+}

@@ -1,0 +1,178 @@
+#include "win32/eventlog/evt_file.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "win32/text/last_error.h"
+
+namespace win32 {
+namespace {
+
+constexpr long long NanosecondsPerSecond = 1000000000;
+
+bool SoundHeader(const EVT_HEADER& header) {
+    return header.headerSize == EvtHeaderBytes && header.headerSizeEnd == EvtHeaderBytes &&
+           header.signature == EvtSignature && header.major == 1;
+}
+
+// Whether header and end-of-file record say the same, and something that can be.
+bool Agree(const EVT_HEADER& header, const EVT_END& end) {
+    return header.start == end.start && header.end == end.end && header.current == end.current &&
+           header.oldest == end.oldest && header.oldest <= header.current &&
+           (header.start == header.end) == (header.oldest == 0 || header.oldest == header.current);
+}
+
+}  // namespace
+
+DWORD EVT_STATE::Used() const { return Wrapped() ? (ringEnd - start) + (end - EvtHeaderBytes) : end - start; }
+
+DWORD EVT_STATE::OffsetOf(DWORD position) const {
+    const DWORD beforeEnd = ringEnd - start;
+    if (!Wrapped() || position < beforeEnd) return start + position;
+    return EvtHeaderBytes + (position - beforeEnd);
+}
+
+DWORD EVT_STATE::PositionOf(DWORD offset) const {
+    if (offset < EvtHeaderBytes || offset % 4 != 0) return MAXDWORD;
+    if (offset >= start && (!Wrapped() || offset <= ringEnd)) return offset - start;
+    return Wrapped() && offset <= end ? ringEnd - start + (offset - EvtHeaderBytes) : MAXDWORD;
+}
+
+DWORD EVT_STATE::SkipFiller(DWORD position) const {
+    if (!Wrapped()) return position;
+    const DWORD beforeEnd = ringEnd - start;
+    return position < beforeEnd && beforeEnd - position < RecordFixedBytes ? beforeEnd : position;
+}
+
+bool EVT_FILE::Open(const std::string& path, bool writable) {
+    Close();
+    fd = open(path.c_str(), (writable ? O_RDWR : O_RDONLY) | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
+    if (fd < 0) return FailWithErrno();
+    struct stat about;
+    if (fstat(fd, &about) != 0 || !S_ISREG(about.st_mode)) {
+        Close();
+        return FailWith(ERROR_EVENTLOG_FILE_CORRUPT);
+    }
+    name = path;
+    searchedTime = -1;
+    return true;
+}
+
+void EVT_FILE::Close() {
+    if (fd >= 0) close(fd);
+    fd = -1;
+}
+
+bool EVT_FILE::Replaced() const {
+    struct stat named, opened;
+    return stat(name.c_str(), &named) != 0 || fstat(fd, &opened) != 0 || named.st_ino != opened.st_ino ||
+           named.st_dev != opened.st_dev;
+}
+
+bool EVT_FILE::Load(EVT_STATE& state) {
+    struct stat about;
+    if (fstat(fd, &about) != 0) return FailWithErrno();
+    const DWORD size = static_cast<DWORD>(std::min<long long>(about.st_size, LargestLog)) / 4 * 4;
+    EVT_HEADER header;
+    if (!ReadAt(0, &header, sizeof(header)) || !SoundHeader(header)) return FailWith(ERROR_EVENTLOG_FILE_CORRUPT);
+
+    const bool inside = header.start >= EvtHeaderBytes && header.start % 4 == 0 && header.start <= size &&
+                        header.end >= EvtHeaderBytes && header.end % 4 == 0 && header.end <= size;
+    EVT_END end;
+    if (inside && size - header.end >= EvtEndBytes && ReadAt(header.end, &end, sizeof(end)) &&
+        end.size == EvtEndBytes && end.ones == 0x11111111 && Agree(header, end)) {
+        state = {header.start, header.end,   header.current,   header.start == header.end ? 0 : header.oldest,
+                 size,         header.flags, header.retention, header.maxSize};
+        return true;
+    }
+    const long long changed = about.st_mtim.tv_sec * NanosecondsPerSecond + about.st_mtim.tv_nsec;
+    const bool known =
+        searchedTime == changed && searchedSize == size && std::memcmp(&searchedHeader, &header, sizeof(header)) == 0;
+    if (!known && !RecoverState(*this, size, header, found)) return false;
+    searchedHeader = header;
+    searchedSize = size;
+    searchedTime = changed;
+    state = found;
+    return true;
+}
+
+EVT_HEADER EVT_FILE::HeaderOf(const EVT_STATE& state) {
+    return {EvtHeaderBytes,
+            EvtSignature,
+            1,
+            1,
+            state.start,
+            state.end,
+            state.current,
+            state.oldest,
+            state.maxSize,
+            state.flags,
+            state.retention,
+            EvtHeaderBytes};
+}
+
+EVT_END EVT_FILE::EndOf(const EVT_STATE& state) {
+    return {EvtEndBytes, 0x11111111, 0x22222222,    0x33333333,   0x44444444,
+            state.start, state.end,  state.current, state.oldest, EvtEndBytes};
+}
+
+bool EVT_FILE::StoreEnd(const EVT_STATE& state) {
+    const EVT_END end = EndOf(state);
+    return WriteAt(state.end, &end, sizeof(end));
+}
+
+bool EVT_FILE::ReadRing(const EVT_STATE& state, DWORD position, BYTE* bytes, DWORD count) const {
+    const DWORD offset = state.OffsetOf(position);
+    const DWORD straight = offset < state.ringEnd ? std::min(count, state.ringEnd - offset) : count;
+    if (!ReadAt(offset, bytes, straight)) return false;
+    return straight == count || ReadAt(EvtHeaderBytes, bytes + straight, count - straight);
+}
+
+bool EVT_FILE::ReadAt(DWORD offset, void* bytes, size_t count) const {
+    for (size_t done = 0; done < count;) {
+        const ssize_t got =
+            pread(fd, static_cast<BYTE*>(bytes) + done, count - done, static_cast<off_t>(offset + done));
+        if (got < 0 && errno == EINTR) continue;
+        if (got < 0) return FailWithErrno();
+        if (got == 0) return FailWith(ERROR_HANDLE_EOF);
+        done += static_cast<size_t>(got);
+    }
+    return true;
+}
+
+bool EVT_FILE::WriteAt(DWORD offset, const void* bytes, size_t count) {
+    for (size_t done = 0; done < count;) {
+        const ssize_t put =
+            pwrite(fd, static_cast<const BYTE*>(bytes) + done, count - done, static_cast<off_t>(offset + done));
+        if (put < 0 && errno == EINTR) continue;
+        if (put < 0) return FailWithErrno();
+        done += static_cast<size_t>(put);
+    }
+    return true;
+}
+
+DWORD EVT_FILE::Size() const {
+    struct stat about;
+    if (fstat(fd, &about) != 0) return 0;
+    return static_cast<DWORD>(std::min<long long>(about.st_size, MAXDWORD));
+}
+
+EVT_LOCK::EVT_LOCK(const EVT_FILE& file, KIND kind) : locked(file), held(false) {
+    int result;
+    do result = flock(file.fd, kind == SHARED ? LOCK_SH : LOCK_EX);
+    while (result != 0 && errno == EINTR);
+    held = result == 0;
+    if (!held) FailWithErrno();
+}
+
+EVT_LOCK::~EVT_LOCK() {
+    if (held && locked.fd >= 0) flock(locked.fd, LOCK_UN);
+}
+
+}  // namespace win32

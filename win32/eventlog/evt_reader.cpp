@@ -1,0 +1,199 @@
+#include "win32/eventlog/evt_reader.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "win32/eventlog/evt_record.h"
+
+namespace win32 {
+namespace {
+
+constexpr DWORD Continued = MAXDWORD;  // between the functions here only: the log stands in another file now
+constexpr int MostReplacements = 16;   // followed in one call before it gives up
+
+// The bytes of the whole records that the buffer begins with, numbered from `number` on, which then is the next one.
+DWORD CountWhole(const BYTE* buffer, DWORD bytes, DWORD& number, DWORD end) {
+    DWORD at = 0;
+    while (number < end && IsWholeRecord(buffer + at, bytes - at)) {
+        const EVENTLOGRECORD& record = *reinterpret_cast<const EVENTLOGRECORD*>(buffer + at);
+        if (record.RecordNumber != number) break;
+        ++number;
+        at += record.Length;
+    }
+    return at;
+}
+
+}  // namespace
+
+bool EVT_READER::Open(const std::string& path) {
+    settled = false;
+    damage = 0;
+    if (!file.Open(path, false)) return false;
+    DWORD error = ERROR_SUCCESS;
+    {
+        const EVT_LOCK lock(file, EVT_LOCK::SHARED);
+        if (!lock || !file.Load(state)) error = GetLastError();
+    }
+    if (error == ERROR_SUCCESS) return true;
+    file.Close();
+    SetLastError(error);
+    return false;
+}
+
+DWORD EVT_READER::Enter() {
+    if (file.Replaced()) {
+        EVT_HEADER header;
+        return file.ReadAt(0, &header, sizeof(header)) && (header.flags & EvtContinued) ? Continued
+                                                                                        : ERROR_EVENTLOG_FILE_CHANGED;
+    }
+    if (!file.Load(state)) return GetLastError();
+    if (!settled) return ERROR_SUCCESS;
+    if (next > state.current) return ERROR_EVENTLOG_FILE_CHANGED;  // the numbers began anew in the same file
+    if (state.oldest == 0) {
+        next = state.current;
+        nextOffset = state.end;
+    } else if (next < state.oldest) {
+        next = state.oldest;
+        nextOffset = state.start;
+    } else if (next == state.current) {
+        nextOffset = state.end;
+    } else if (state.PositionOf(nextOffset) >= state.Used()) {  // a copy of another size: look the record up
+        DWORD position = 0, ignored = 0;
+        EVT_CURSOR cursor(file, state);
+        const EVENTLOGRECORD* record = cursor.Find(position, next, ignored);
+        next = record ? record->RecordNumber : state.current;
+        nextOffset = record ? state.OffsetOf(position) : state.end;
+    }
+    return ERROR_SUCCESS;
+}
+
+DWORD EVT_READER::FollowReplacement() {
+    const std::string path = file.Path();
+    nextOffset = 0;
+    if (file.Open(path, false)) return ERROR_SUCCESS;
+    return GetLastError();
+}
+
+void EVT_READER::Settle(bool forwards) {
+    if (settled) return;
+    settled = true;
+    next = forwards && state.oldest != 0 ? state.oldest : state.current;
+    nextOffset = forwards ? state.start : state.end;
+}
+
+DWORD EVT_READER::Read(bool forwards, BYTE* buffer, DWORD bytes, DWORD& bytesRead, DWORD& needed) {
+    bytesRead = needed = 0;
+    for (int attempt = 0; attempt < MostReplacements; ++attempt) {
+        {
+            const EVT_LOCK lock(file, EVT_LOCK::SHARED);
+            if (!lock) return GetLastError();
+            DWORD error = Enter();
+            if (error == ERROR_SUCCESS) {
+                Settle(forwards);
+                return forwards ? ReadForwards(buffer, bytes, bytesRead, needed)
+                                : ReadBackwards(buffer, bytes, bytesRead, needed);
+            }
+            if (error != Continued) return error;
+        }
+        if (const DWORD error = FollowReplacement(); error != ERROR_SUCCESS) return error;
+    }
+    return ERROR_EVENTLOG_FILE_CHANGED;
+}
+
+DWORD EVT_READER::ReadForwards(BYTE* buffer, DWORD bytes, DWORD& bytesRead, DWORD& needed) {
+    DWORD position = state.SkipFiller(state.PositionOf(nextOffset));
+    for (;;) {
+        if (next == state.current || position >= state.Used()) break;
+        const DWORD count = std::min(bytes / 4 * 4, state.Used() - position);
+        if (!file.ReadRing(state, position, buffer, count)) return GetLastError();
+        bytesRead = CountWhole(buffer, count, next, state.current);
+        if (bytesRead > 0) {
+            nextOffset = state.OffsetOf(state.SkipFiller(position + bytesRead));
+            return ERROR_SUCCESS;
+        }
+        EVT_CURSOR cursor(file, state);
+        const EVENTLOGRECORD* record = cursor.Find(position, next, damage);
+        if (record == nullptr) break;
+        next = record->RecordNumber;
+        nextOffset = state.OffsetOf(position);
+        if (record->Length > bytes) {
+            needed = record->Length;
+            return ERROR_INSUFFICIENT_BUFFER;
+        }
+    }
+    next = state.current;
+    nextOffset = state.end;
+    return ERROR_HANDLE_EOF;
+}
+
+const EVENTLOGRECORD* EVT_READER::RecordBefore(EVT_CURSOR& cursor, DWORD& position) {
+    const EVENTLOGRECORD* record = cursor.Before(position);
+    if (record != nullptr && record->RecordNumber < next) return record;
+    // Damage lies before the gap: the last whole record before it is found from the log's start.
+    DWORD at = 0, number = 0, ignored = 0, last = MAXDWORD;
+    while ((record = cursor.Find(at, number, ignored)) != nullptr) {
+        if (record->RecordNumber >= next || at >= position) break;
+        last = at;
+        number = record->RecordNumber + 1;
+        at += record->Length;
+    }
+    if (last == MAXDWORD) return nullptr;
+    position = last;
+    return cursor.At(last);
+}
+
+DWORD EVT_READER::ReadBackwards(BYTE* buffer, DWORD bytes, DWORD& bytesRead, DWORD& needed) {
+    EVT_CURSOR cursor(file, state);
+    DWORD position = state.PositionOf(nextOffset);
+    while (position > 0 && position <= state.Used()) {
+        const EVENTLOGRECORD* record = RecordBefore(cursor, position);
+        if (record == nullptr) break;
+        if (record->Length > bytes - bytesRead) {
+            if (bytesRead > 0) return ERROR_SUCCESS;
+            needed = record->Length;
+            return ERROR_INSUFFICIENT_BUFFER;
+        }
+        std::memcpy(buffer + bytesRead, record, record->Length);
+        bytesRead += record->Length;
+        next = record->RecordNumber;
+        nextOffset = state.OffsetOf(position);
+    }
+    return bytesRead > 0 ? ERROR_SUCCESS : ERROR_HANDLE_EOF;
+}
+
+DWORD EVT_READER::Seek(DWORD number, bool forwards) {
+    DWORD current, oldest, count;
+    if (const DWORD error = Numbers(current, oldest, count); error != ERROR_SUCCESS) return error;
+    const EVT_LOCK lock(file, EVT_LOCK::SHARED);
+    if (!lock || !file.Load(state)) return GetLastError();
+    if (state.oldest == 0 || number < state.oldest || number >= state.current) return ERROR_INVALID_PARAMETER;
+    EVT_CURSOR cursor(file, state);
+    DWORD position = 0, ignored = 0;
+    const EVENTLOGRECORD* record = cursor.Find(position, number, ignored);
+    if (record == nullptr) return ERROR_INVALID_PARAMETER;
+    const bool after = !forwards && record->RecordNumber == number;
+    settled = true;
+    next = record->RecordNumber + (after ? 1 : 0);
+    nextOffset = state.OffsetOf(state.SkipFiller(position + (after ? record->Length : 0)));
+    return ERROR_SUCCESS;
+}
+
+DWORD EVT_READER::Numbers(DWORD& current, DWORD& oldest, DWORD& count) {
+    for (int attempt = 0; attempt < MostReplacements; ++attempt) {
+        {
+            const EVT_LOCK lock(file, EVT_LOCK::SHARED);
+            if (!lock) return GetLastError();
+            const DWORD error = Enter();
+            if (error == ERROR_SUCCESS) {
+                current = state.current;
+                oldest = state.oldest;
+                count = state.Records();
+            }
+            if (error != Continued) return error;
+        }
+        if (const DWORD error = FollowReplacement(); error != ERROR_SUCCESS) return error;
+    }
+    return ERROR_EVENTLOG_FILE_CHANGED;
+}
+
+}  // namespace win32

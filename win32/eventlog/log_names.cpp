@@ -1,0 +1,87 @@
+#include "win32/eventlog/log_names.h"
+
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <windows.h>
+
+#include <cerrno>
+
+#include "win32/eventlog/evt_format.h"
+#include "win32/files/machine_root.h"
+#include "win32/text/last_error.h"
+#include "win32/text/utf.h"
+
+namespace win32 {
+namespace {
+
+constexpr char Extension[] = ".evt";
+constexpr size_t MostNameBytes = 200;  // with the extension within the host's 255
+
+bool IsLogName(const std::string& name) {
+    return !name.empty() && name.size() <= MostNameBytes && name[0] != '.' &&
+           name.find_first_of(std::string_view("/\\:\0", 4)) == std::string::npos;
+}
+
+std::string FileOfName(const std::string& name) { return MachinePath("eventlog/" + name + Extension); }
+
+// The name of the log's file whose letters differ in case only; empty when there is none.
+std::string FoldedMatch(std::u16string_view name) {
+    std::string match;
+    DIR* folder = opendir(MachinePath("eventlog").c_str());
+    if (folder == nullptr) return match;
+    while (const dirent* entry = readdir(folder)) {
+        std::string_view file = entry->d_name;
+        if (!file.ends_with(Extension)) continue;
+        file.remove_suffix(sizeof(Extension) - 1);
+        if (SameName(ToUtf16(file), name) && (match.empty() || file < match)) match = file;
+    }
+    closedir(folder);
+    return match;
+}
+
+}  // namespace
+
+bool IsLogPath(std::u16string_view name) {
+    return name.size() >= 2 && ((name[0] == u'\\' && name[1] == u'\\') || name[1] == u':');
+}
+
+std::string LogFile(std::u16string_view name) {
+    if (IsLogPath(name)) return HostPath(name);
+    const std::string plain = ToUtf8(name);
+    if (!IsLogName(plain)) {
+        SetLastError(ERROR_INVALID_NAME);
+        return {};
+    }
+    if (access(FileOfName(plain).c_str(), F_OK) == 0 || errno != ENOENT) return FileOfName(plain);
+    const std::string match = FoldedMatch(name);
+    if (!match.empty()) return FileOfName(match);
+    SetLastError(ERROR_FILE_NOT_FOUND);
+    return {};
+}
+
+std::string NewLogFile(std::u16string_view name) {
+    const std::string plain = ToUtf8(name);
+    if (!IsLogName(plain)) {
+        SetLastError(ERROR_INVALID_NAME);
+        return {};
+    }
+    if (mkdir(MachinePath("eventlog").c_str(), 0755) != 0 && errno != EEXIST) {
+        FailWithErrno();
+        return {};
+    }
+    const std::string there = LogFile(name);
+    return there.empty() ? FileOfName(plain) : there;
+}
+
+unsigned LogMaxSize(std::u16string_view name) {
+    const std::u16string path = u"SYSTEM\\CurrentControlSet\\services\\EventLog\\" + std::u16string(name);
+    HKEY key;
+    if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, path.c_str(), 0, KEY_READ, &key) != ERROR_SUCCESS) return DefaultMaxSize;
+    DWORD value = 0, type = REG_NONE, bytes = sizeof(value);
+    const LSTATUS error = RegQueryValueExW(key, u"MaxSize", nullptr, &type, reinterpret_cast<BYTE*>(&value), &bytes);
+    RegCloseKey(key);
+    return error == ERROR_SUCCESS && type == REG_DWORD && value != 0 ? value : DefaultMaxSize;
+}
+
+}  // namespace win32

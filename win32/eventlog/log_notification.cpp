@@ -1,0 +1,40 @@
+#include "win32/eventlog/log_notification.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "win32/eventlog/evt_format.h"
+
+namespace win32 {
+
+LOG_NOTIFICATION::LOG_NOTIFICATION(const std::string& path, std::shared_ptr<KERNEL_OBJECT> event)
+    : log(path), woken(std::move(event)), seen(Look()) {
+    watch = std::make_unique<FILE_WATCH>(path, [this] { Changed(); });
+    if (Active()) Changed();  // what happened before the watch began
+}
+
+LOG_NOTIFICATION::MARK LOG_NOTIFICATION::Look() const {
+    MARK mark;
+    const int fd = open(log.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (fd < 0) return mark;
+    struct stat about;
+    EVT_HEADER header;
+    if (fstat(fd, &about) == 0) {
+        mark.device = about.st_dev;
+        mark.file = about.st_ino;
+    }
+    if (pread(fd, &header, sizeof(header), 0) == sizeof(header)) mark.current = header.current;
+    close(fd);
+    return mark;
+}
+
+void LOG_NOTIFICATION::Changed() {
+    const std::lock_guard guard(lock);
+    const MARK mark = Look();
+    if (mark == seen) return;
+    seen = mark;
+    PulseEventObject(*woken);
+}
+
+}  // namespace win32
