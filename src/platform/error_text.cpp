@@ -1,0 +1,61 @@
+#include "platform/error_text.h"
+
+#include <algorithm>
+#include <iterator>
+
+#include "platform/handles.h"
+#include "platform/resource_strings.h"
+
+namespace keldwick {
+namespace {
+
+// The system's text for the code; null when there is none. Its length in units goes to `length`.
+LOCAL_TEXT SystemText(DWORD code, HMODULE module, DWORD& length) {
+    DWORD flags = FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_IGNORE_INSERTS | FORMAT_MESSAGE_FROM_SYSTEM |
+                  FORMAT_MESSAGE_ARGUMENT_ARRAY;
+    if (module != nullptr) flags |= FORMAT_MESSAGE_FROM_HMODULE;
+    LOCAL_TEXT text;
+    // The allocating form takes the place for the pointer where the others take the buffer.
+    const auto place = reinterpret_cast<LPWSTR>(text.Put());
+    length = FormatMessageW(flags, module, code, LOCALE_USER_DEFAULT, place, 1, nullptr);
+    return text;
+}
+
+// Results of the directory interfaces in the order of their texts in the string table, StringDirectoryFirst on.
+constexpr DWORD DirectoryResults[] = {
+    0x80005000, 0x80005001, 0x80005002, 0x80005003, 0x80005004, 0x80005005, 0x80005006, 0x80005007, 0x80005008,
+    0x80005009, 0x8000500A, 0x8000500B, 0x8000500C, 0x8000500D, 0x8000500E, 0x8000500F, 0x80005010, 0x80005014,
+};
+
+}  // namespace
+
+bool LoadErrorText(STRING& text, DWORD code, HMODULE module) {
+    DWORD length = 0;
+    const LOCAL_TEXT system = SystemText(code, module, length);
+    if (!system) length = 0;
+    const WCHAR* const start = system.Get();
+    while (length != 0 && (start[length - 1] == '\r' || start[length - 1] == '\n')) --length;
+    if (length != 0 && start[length - 1] == '.') --length;
+    text.Assign(start, length);
+    return length != 0;
+}
+
+STRING ErrorText(DWORD code, HMODULE module) {
+    STRING text;
+    LoadErrorText(text, code, module);
+    return text;
+}
+
+STRING ErrorText(const ERROR_CODE& code) { return ErrorText(code.Get()); }
+
+STRING DirectoryErrorText(HRESULT result) {
+    const auto* const found =
+        std::find(std::begin(DirectoryResults), std::end(DirectoryResults), static_cast<DWORD>(result));
+    if (found != std::end(DirectoryResults)) {
+        return LoadResourceString(static_cast<WORD>(StringDirectoryFirst + (found - DirectoryResults)));
+    }
+    STRING text = ErrorText(static_cast<DWORD>(result));
+    return text.IsEmpty() ? LoadResourceString(StringUnknownDirectoryError) : text;
+}
+
+}  // namespace keldwick

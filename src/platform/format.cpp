@@ -1,0 +1,178 @@
+#include "platform/format.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <cstring>
+
+namespace keldwick {
+namespace {
+
+// The two passes over a format: one counts, the other writes.
+template <typename UNIT>
+struct COUNTING_SINK {
+    size_t count = 0;
+    void Put(const UNIT*, size_t units) { count += units; }
+    void PutAscii(const char*, size_t units) { count += units; }
+    void Fill(char, size_t units) { count += units; }
+};
+
+template <typename UNIT>
+struct WRITING_SINK {
+    UNIT* at;
+    void Put(const UNIT* text, size_t units) {
+        std::memcpy(at, text, units * sizeof(UNIT));
+        at += units;
+    }
+    void PutAscii(const char* text, size_t units) { at = std::copy(text, text + units, at); }
+    void Fill(char unit, size_t units) { at = std::fill_n(at, units, static_cast<UNIT>(unit)); }
+};
+
+// A number's or text's place in its width: blanks before it or behind it.
+template <typename SINK, typename PRINT>
+void Pad(SINK& sink, const FORMAT_CONVERSION& conversion, size_t length, PRINT print) {
+    const size_t padding = conversion.width > length ? conversion.width - length : 0;
+    if (!conversion.left) sink.Fill(' ', padding);
+    print();
+    if (conversion.left) sink.Fill(' ', padding);
+}
+
+// Sign or 0x, zeros, digits.
+template <typename SINK>
+void PutNumber(SINK& sink, const FORMAT_CONVERSION& conversion, std::string_view sign, std::string_view digits,
+               size_t zeros) {
+    const size_t length = sign.size() + zeros + digits.size();
+    if (conversion.zero && !conversion.left && conversion.width > length) zeros += conversion.width - length;
+    Pad(sink, conversion, sign.size() + zeros + digits.size(), [&] {
+        sink.PutAscii(sign.data(), sign.size());
+        sink.Fill('0', zeros);
+        sink.PutAscii(digits.data(), digits.size());
+    });
+}
+
+std::string_view PositiveSign(const FORMAT_CONVERSION& conversion) {
+    return conversion.plus ? "+" : conversion.blank ? " " : "";
+}
+
+template <typename SINK>
+void PutInteger(SINK& sink, FORMAT_CONVERSION conversion, uint64_t argument) {
+    uint64_t value = conversion.longLong ? argument : static_cast<uint32_t>(argument);
+    std::string_view sign;
+    if (conversion.letter == 'd') {
+        const auto number = conversion.longLong ? static_cast<int64_t>(argument) : static_cast<int32_t>(argument);
+        sign = number < 0 ? "-" : PositiveSign(conversion);
+        value = number < 0 ? 0 - static_cast<uint64_t>(number) : static_cast<uint64_t>(number);
+    } else if (conversion.alternate && conversion.letter != 'u' && value != 0) {
+        sign = conversion.letter == 'X' ? "0X" : "0x";
+    }
+    char digits[24];
+    const bool hexadecimal = conversion.letter == 'x' || conversion.letter == 'X';
+    char* const end = std::to_chars(digits, digits + sizeof(digits), value, hexadecimal ? 16 : 10).ptr;
+    if (conversion.letter == 'X') {
+        std::transform(digits, end, digits, [](char c) { return c >= 'a' ? static_cast<char>(c - 'a' + 'A') : c; });
+    }
+    size_t length = static_cast<size_t>(end - digits);
+    size_t zeros = 0;
+    if (conversion.precision >= 0) {
+        if (conversion.precision == 0 && value == 0) length = 0;
+        zeros =
+            static_cast<size_t>(conversion.precision) > length ? static_cast<size_t>(conversion.precision) - length : 0;
+        conversion.zero = false;  // a precision overrules the flag
+    }
+    PutNumber(sink, conversion, sign, {digits, length}, zeros);
+}
+
+template <typename SINK>
+void PutReal(SINK& sink, FORMAT_CONVERSION conversion, double value) {
+    constexpr size_t LongestReal = 310 + 1 + MaxRealPrecision;  // digits of the largest double, point, decimals
+    char digits[LongestReal];
+    const std::string_view sign = std::signbit(value) ? "-" : PositiveSign(conversion);
+    const int precision = conversion.precision >= 0 ? conversion.precision : 6;
+    const char* const end =
+        std::to_chars(digits, digits + sizeof(digits), std::fabs(value), std::chars_format::fixed, precision).ptr;
+    if (!std::isfinite(value)) conversion.zero = false;
+    PutNumber(sink, conversion, sign, {digits, static_cast<size_t>(end - digits)}, 0);
+}
+
+template <typename UNIT, typename SINK>
+void PutText(SINK& sink, const FORMAT_CONVERSION& conversion, const FORMAT_ARGUMENT& argument) {
+    static constexpr UNIT null[] = {'(', 'n', 'u', 'l', 'l', ')', 0};
+    const UNIT* const given = argument.TextOf<UNIT>();
+    const UNIT* const text = given != nullptr ? given : null;
+    const size_t most =
+        conversion.precision >= 0 ? static_cast<size_t>(conversion.precision) : FORMAT_ARGUMENT::Terminated;
+    size_t length = 0;
+    if (given != nullptr && argument.Length() != FORMAT_ARGUMENT::Terminated) {
+        length = std::min(most, argument.Length());
+    } else {
+        while (length < most && text[length] != 0) ++length;
+    }
+    Pad(sink, conversion, length, [&] { sink.Put(text, length); });
+}
+
+template <typename UNIT, typename SINK>
+void PutUnit(SINK& sink, const FORMAT_CONVERSION& conversion, const FORMAT_ARGUMENT& argument) {
+    const bool fits = sizeof(UNIT) > 1 || argument.Integer() < 0x80 || argument.Type().bytes == 1;
+    const UNIT unit = fits ? static_cast<UNIT>(argument.Integer()) : static_cast<UNIT>('?');
+    Pad(sink, conversion, 1, [&] { sink.Put(&unit, 1); });
+}
+
+template <typename UNIT, typename SINK>
+bool Convert(SINK& sink, const FORMAT_CONVERSION& conversion, const FORMAT_ARGUMENT& argument) {
+    constexpr FORMAT_KIND text = sizeof(UNIT) > 1 ? FORMAT_KIND::WideText : FORMAT_KIND::NarrowText;
+    if (!conversion.Takes(argument.Type(), text)) return false;
+    switch (conversion.letter) {
+        case 's':
+            PutText<UNIT>(sink, conversion, argument);
+            return true;
+        case 'c':
+            PutUnit<UNIT>(sink, conversion, argument);
+            return true;
+        case 'f':
+            PutReal(sink, conversion, argument.Real());
+            return true;
+        default:
+            PutInteger(sink, conversion, argument.Integer());
+            return true;
+    }
+}
+
+// Arguments that no conversion asks for are not looked at, as printf leaves them.
+template <typename UNIT, typename SINK>
+bool Run(SINK& sink, const UNIT* format, FORMAT_ARGUMENTS arguments) {
+    size_t used = 0;
+    while (*format != 0) {
+        const UNIT* const start = format;
+        while (*format != 0 && *format != static_cast<UNIT>('%')) ++format;
+        sink.Put(start, static_cast<size_t>(format - start));
+        if (*format == 0) break;
+        const FORMAT_CONVERSION conversion = ReadConversion(++format);
+        if (conversion.letter == '%') {
+            sink.Fill('%', 1);
+        } else if (used == arguments.size() || !Convert<UNIT>(sink, conversion, arguments[used++])) {
+            return false;
+        }
+    }
+    return true;
+}
+
+template <typename UNIT>
+size_t Measure(const UNIT* format, FORMAT_ARGUMENTS arguments) {
+    COUNTING_SINK<UNIT> sink;
+    return Run(sink, format, arguments) ? sink.count : FormatFailed;
+}
+
+template <typename UNIT>
+void Write(UNIT* to, const UNIT* format, FORMAT_ARGUMENTS arguments) {
+    WRITING_SINK<UNIT> sink{to};
+    Run(sink, format, arguments);
+}
+
+}  // namespace
+
+size_t MeasureFormat(const WCHAR* format, FORMAT_ARGUMENTS arguments) { return Measure(format, arguments); }
+size_t MeasureFormat(const char* format, FORMAT_ARGUMENTS arguments) { return Measure(format, arguments); }
+void WriteFormat(WCHAR* to, const WCHAR* format, FORMAT_ARGUMENTS arguments) { Write(to, format, arguments); }
+void WriteFormat(char* to, const char* format, FORMAT_ARGUMENTS arguments) { Write(to, format, arguments); }
+
+}  // namespace keldwick

@@ -1,0 +1,170 @@
+#include "platform/string.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+
+#include "platform/resource_strings.h"
+
+namespace keldwick {
+
+template <typename UNIT>
+STRING_STORAGE<UNIT>& STRING_STORAGE<UNIT>::operator=(STRING_STORAGE&& other) noexcept {
+    if (this != &other) {
+        Adopt(other.buffer, other.length);
+        other.Forget();
+    }
+    return *this;
+}
+
+template <typename UNIT>
+STRING_STORAGE<UNIT>::~STRING_STORAGE() {
+    std::free(buffer);
+}
+
+template <typename UNIT>
+UNIT* STRING_STORAGE<UNIT>::Allocate(size_t units) {
+    const size_t bytes = (units + 1) * sizeof(UNIT);
+    void* const memory = bytes <= MAXDWORD ? std::malloc(bytes) : nullptr;
+    if (memory == nullptr) throw STRING_NO_MEMORY{static_cast<DWORD>(std::min<size_t>(bytes, MAXDWORD))};
+    return static_cast<UNIT*>(memory);
+}
+
+template <typename UNIT>
+void STRING_STORAGE<UNIT>::Adopt(UNIT* newBuffer, DWORD newLength) {
+    std::free(buffer);
+    buffer = newBuffer;
+    length = newLength;
+}
+
+template <typename UNIT>
+UNIT* STRING_STORAGE<UNIT>::Buffer() {
+    if (buffer == nullptr) {
+        buffer = Allocate(0);
+        buffer[0] = 0;
+    }
+    return buffer;
+}
+
+template <typename UNIT>
+void STRING_STORAGE<UNIT>::Assign(const UNIT* text, DWORD count) {
+    if (count == 0) return Adopt(nullptr, 0);
+    UNIT* const copy = Allocate(count);
+    std::memcpy(copy, text, count * sizeof(UNIT));
+    copy[count] = 0;
+    Adopt(copy, count);
+}
+
+template <typename UNIT>
+void STRING_STORAGE<UNIT>::Resize(DWORD units) {
+    if (units == length) return;
+    if (units == 0) return Adopt(nullptr, 0);
+    UNIT* const resized = Allocate(units);
+    const DWORD kept = std::min(units, length);
+    if (kept != 0) std::memcpy(resized, buffer, kept * sizeof(UNIT));
+    std::memset(resized + kept, 0, (static_cast<size_t>(units - kept) + 1) * sizeof(UNIT));
+    Adopt(resized, units);
+}
+
+template <typename UNIT>
+void STRING_STORAGE<UNIT>::TrimEnd(DWORD units) {
+    if (units <= length) Resize(length - units);
+}
+
+template <typename UNIT>
+void STRING_STORAGE<UNIT>::Clear() {
+    if (length != 0) Adopt(nullptr, 0);
+}
+
+template <typename UNIT>
+void STRING_STORAGE<UNIT>::FormatInto(const UNIT* format, FORMAT_ARGUMENTS arguments) {
+    const size_t needed = MeasureFormat(format, arguments);
+    if (needed == 0 || needed == FormatFailed) return Adopt(nullptr, 0);
+    UNIT* const formatted = Allocate(needed);
+    WriteFormat(formatted, format, arguments);
+    formatted[needed] = 0;
+    Adopt(formatted, static_cast<DWORD>(needed));
+}
+
+template class STRING_STORAGE<WCHAR>;
+template class STRING_STORAGE<char>;
+
+STRING::STRING(const STRING_UTF8& text) { AssignUtf8(text.Text(), text.Length()); }
+
+STRING::STRING(const char* utf8) {
+    if (utf8 != nullptr) AssignUtf8(utf8, static_cast<DWORD>(std::strlen(utf8)));
+}
+
+void STRING::Assign(const WCHAR* text) {
+    if (text == nullptr) return Adopt(nullptr, 0);
+    Assign(text, static_cast<DWORD>(lstrlenW(text)));
+}
+
+void STRING::AssignUtf8(const char* text, DWORD bytes) {
+    const int units = bytes == 0 ? 0 : MultiByteToWideChar(CP_UTF8, 0, text, static_cast<int>(bytes), nullptr, 0);
+    if (units <= 0) return Adopt(nullptr, 0);
+    WCHAR* const wide = Allocate(static_cast<size_t>(units));
+    MultiByteToWideChar(CP_UTF8, 0, text, static_cast<int>(bytes), wide, units);
+    wide[units] = 0;
+    Adopt(wide, static_cast<DWORD>(units));
+}
+
+void STRING::Append(TEXT_VIEW text) {
+    if (text.empty()) return;
+    WCHAR* const longer = Allocate(length + text.size());
+    if (length != 0) std::memcpy(longer, buffer, length * sizeof(WCHAR));
+    std::memcpy(longer + length, text.data(), text.size() * sizeof(WCHAR));
+    longer[length + text.size()] = 0;
+    Adopt(longer, length + static_cast<DWORD>(text.size()));
+}
+
+void STRING::Grow(DWORD units) {
+    const size_t newLength = static_cast<size_t>(length) + units;
+    WCHAR* const grown = Allocate(newLength);
+    lstrcpyW(grown, Text());
+    grown[newLength] = 0;
+    Adopt(grown, static_cast<DWORD>(newLength));
+}
+
+void STRING::FormatV(const WCHAR* format, FORMAT_ARGUMENTS arguments) {
+    const auto id = reinterpret_cast<ULONG_PTR>(format);
+    if (id < 0x10000) {
+        *this = ResourceFormatV(nullptr, static_cast<WORD>(id), arguments);
+    } else {
+        FormatInto(format, arguments);
+    }
+}
+
+void STRING::HexText(const void* bytes, DWORD count, bool lowercase, DWORD group, WCHAR separator) {
+    if (count == 0) return Clear();
+    const char* const digits = lowercase ? "0123456789abcdef" : "0123456789ABCDEF";
+    const size_t separators = group != 0 ? (count - 1) / group : 0;
+    const size_t units = 2 * static_cast<size_t>(count) + separators;
+    WCHAR* const text = Allocate(units);
+    WCHAR* to = text;
+    for (DWORD i = 0; i < count; ++i) {
+        if (group != 0 && i != 0 && i % group == 0) *to++ = separator;
+        const BYTE byte = static_cast<const BYTE*>(bytes)[i];
+        *to++ = static_cast<WCHAR>(digits[byte >> 4]);
+        *to++ = static_cast<WCHAR>(digits[byte & 0xF]);
+    }
+    *to = 0;
+    Adopt(text, static_cast<DWORD>(units));
+}
+
+STRING_UTF8::STRING_UTF8(const WCHAR* text) {
+    if (text != nullptr) AssignWide({text, static_cast<size_t>(lstrlenW(text))});
+}
+
+void STRING_UTF8::AssignWide(TEXT_VIEW text) {
+    const int units = static_cast<int>(text.size());
+    const int bytes =
+        units == 0 ? 0 : WideCharToMultiByte(CP_UTF8, 0, text.data(), units, nullptr, 0, nullptr, nullptr);
+    if (bytes <= 0) return Adopt(nullptr, 0);
+    char* const narrow = Allocate(static_cast<size_t>(bytes));
+    WideCharToMultiByte(CP_UTF8, 0, text.data(), units, narrow, bytes, nullptr, nullptr);
+    narrow[bytes] = 0;
+    Adopt(narrow, static_cast<DWORD>(bytes));
+}
+
+}  // namespace keldwick
