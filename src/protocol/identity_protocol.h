@@ -22,9 +22,6 @@ namespace keldwick {
 // How a wait ended.
 enum class WAIT_RESULT : DWORD { STOPPING = 0, FAILED = 1, ARRIVED = 2, TIMED_OUT = 3 };
 
-// The transport that is used or being tried.
-enum class TRANSPORT : DWORD { NONE = 0, TLS = 1, PLAIN = 2 };
-
 class IDENTITY_PROTOCOL {
 public:
     IDENTITY_PROTOCOL();
@@ -48,7 +45,7 @@ public:
 
     // Hands bytes to the active connection. 0, or the component's error, which LastErrorText describes.
     int Send(const BYTE* bytes, DWORD length);
-    STRING LastErrorText() const;
+    STRING LastErrorText();
 
     // Waits up to 20 s for data and gives every byte received so far, valid until the next call. False: none came.
     bool ReceiveResponse(std::span<const BYTE>& bytes);
@@ -70,12 +67,13 @@ public:
     void BeginConnect(TRANSPORT transport);  // selects the transport and forgets pending events
 
 private:
-    template <class ACTION>
-    auto WithActive(ACTION action);
+    TCP_CLIENT& Active();
     bool ConnectByProtocol(const STRING& server);
+    bool AwaitNextRound();
     void ProcessEvents();
     bool ArmTimer(DWORD seconds);
     void Wake();
+    DWORD NextSignal();
     bool Woken(SESSION_EVENTS wanted, WAIT_RESULT& result);
     WAIT_RESULT Stopping();
 

@@ -9,10 +9,7 @@ class IDENTITY_TCP : public IDENTITY_TRANSPORT<IPPort> {
 public:
     explicit IDENTITY_TCP(IDENTITY_PROTOCOL& owner);
 
-    // One connection attempt of up to 20 s.
-    bool ConnectPlain(const STRING& server);
-
-    int FireError(int errorCode, const char* description) override;
+    bool ConnectPlain(const STRING& server) { return ConnectTo(server); }
 };
 
 }  // namespace keldwick

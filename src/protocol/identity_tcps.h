@@ -9,12 +9,10 @@ class IDENTITY_TCPS : public IDENTITY_TRANSPORT<IPPortS> {
 public:
     explicit IDENTITY_TCPS(IDENTITY_PROTOCOL& owner);
 
-    // One connection attempt of up to 20 s.
-    bool ConnectSecure(const STRING& server);
+    bool ConnectSecure(const STRING& server) { return ConnectTo(server); }
 
-    int FireError(int errorCode, const char* description) override;
-    int FireSSLServerAuthentication(const char* certificate, int length, const char* subject, const char* issuer,
-                                    const char* status, int* accept) override;
+    int FireSSLServerAuthentication(const BYTE* certificate, int certificateLength, const char* subject,
+                                    const char* issuer, const char* status, int* accept) override;
     int FireSSLStatus(const char* message) override;
 };
 

@@ -1,10 +1,11 @@
-// What the plain and the TLS transport have in common: a component whose events become the session's.
+// What the plain and the TLS transport have in common: a component whose events become the session's, and one way to
+// make an attempt to connect.
 #pragma once
 
 #include <windows.h>
 
 #include "component/ipport.h"
-#include "diagnostics/debug_output.h"
+#include "platform/format.h"
 #include "platform/string.h"
 #include "protocol/session_events.h"
 
@@ -14,55 +15,46 @@ class IDENTITY_PROTOCOL;
 
 constexpr int ComponentTimeoutSeconds = 20;
 constexpr DWORD ConnectTimeoutSeconds = 20;
-constexpr DWORD ResponseTimeoutSeconds = 20;
+constexpr int PlainPort = 1306;
+constexpr int SecurePort = 1308;
 
-// The session's operations that the handlers need, declared here because the session holds the transports as members.
-void SetSessionEvents(IDENTITY_PROTOCOL& session, SESSION_EVENTS events);
-void GiveSessionData(IDENTITY_PROTOCOL& session, const void* bytes, int length);
-void MarkSessionDisconnected(IDENTITY_PROTOCOL& session);
+// The transport that is used or being tried.
+enum class TRANSPORT : DWORD { NONE = 0, TLS = 1, PLAIN = 2 };
 
-// BASE is the component; the derived class's NAME begins the messages.
+// What differs between the transports.
+struct TRANSPORT_TRAITS {
+    TRANSPORT selector;
+    int port;
+    const WCHAR* name;                               // begins the handlers' messages
+    FORMAT<STRING, int> connecting;                  // takes the server and a port
+    FORMAT<const WCHAR*, int, STRING> error;         // takes the name, the code and the description
+    SESSION_EVENTS (*eventsOfError)(int errorCode);  // of a code that is not 0
+};
+
+// BASE is the component. The handlers run inside the component's operations and only tell the session; they return 0.
 template <class BASE>
 class IDENTITY_TRANSPORT : public BASE {
 public:
-    IDENTITY_TRANSPORT(IDENTITY_PROTOCOL& owner, const WCHAR* className) : session(owner), name(className) {}
-
-    int FireConnected(int statusCode, const char* description) override {
-        if (statusCode != 0) return Fail(TEXT("FireConnected"), statusCode, description);
-        DebugPrintMasked(DEBUG_TCP, TEXT("%s::FireConnected"), name);
-        SetSessionEvents(session, SESSION_CONNECTED);
-        return 0;
-    }
-    int FireConnectionStatus(const char*, int statusCode, const char* description) override {
-        return statusCode != 0 ? Fail(TEXT("FireConnectionStatus"), statusCode, description) : 0;
-    }
-    int FireDataIn(const char* bytes, int length) override {
-        DebugPrintMasked(DEBUG_TCP, TEXT("%s::FireDataIn: Bytes received = %d"), name, length);
-        GiveSessionData(session, bytes, length);
-        return 0;
-    }
-    int FireDisconnected(int, const char*) override {
-        DebugPrintMasked(DEBUG_TCP, TEXT("%s::FireDisconnected"), name);
-        SetSessionEvents(session, SESSION_ERROR | SESSION_DISCONNECTED);
-        MarkSessionDisconnected(session);
-        return 0;
-    }
-    int FireReadyToSend() override {
-        DebugPrintMasked(DEBUG_TCP, TEXT("%s::FireReadyToSend"), name);
-        SetSessionEvents(session, SESSION_READY_TO_SEND);
-        return 0;
-    }
+    int FireConnected(int status, const char* description) override;
+    int FireConnectionStatus(const char* event, int status, const char* description) override;
+    int FireDataIn(const BYTE* bytes, int count) override;
+    int FireDisconnected(int status, const char* description) override;
+    int FireError(int code, const char* description) override;
+    int FireReadyToSend() override;
 
 protected:
-    int Fail(const WCHAR* handler, int statusCode, const char* description) {
-        DebugPrint(TEXT("%s::%s:\n    StatusCode = %d,\n    Description = %s"), name, handler, statusCode,
-                   STRING(description));
-        SetSessionEvents(session, SESSION_ERROR);
-        return 0;
-    }
+    IDENTITY_TRANSPORT(IDENTITY_PROTOCOL& owner, const TRANSPORT_TRAITS& differences);
+
+    bool ConnectTo(const STRING& server);  // one attempt of up to 20 s
+
+private:
+    int Fail(const WCHAR* handler, int status, const char* description);
 
     IDENTITY_PROTOCOL& session;
-    const WCHAR* const name;
+    const TRANSPORT_TRAITS& traits;
 };
+
+extern template class IDENTITY_TRANSPORT<IPPort>;
+extern template class IDENTITY_TRANSPORT<IPPortS>;
 
 }  // namespace keldwick

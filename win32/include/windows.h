@@ -214,11 +214,15 @@ int WINAPI lstrlenW(LPCWSTR text);
 LPWSTR WINAPI lstrcpyW(LPWSTR to, LPCWSTR from);
 int WINAPI lstrcmpW(LPCWSTR a, LPCWSTR b);
 int WINAPI lstrcmpiW(LPCWSTR a, LPCWSTR b);
+#define NORM_IGNORECASE 0x00000001
+#define LCMAP_SORTKEY 0x00000400
+// Sort keys only, in the user's order whatever the locale: `key` takes bytes, and their number is given (0 bytes of room:
+// only the number). Units below 0: the text ends at its NUL.
+int WINAPI LCMapStringW(LCID locale, DWORD flags, LPCWSTR text, int units, LPWSTR key, int keyBytes);
 // A pointer whose upper bits are 0 is one UTF-16 unit, returned converted; otherwise the text is converted in place.
 LPWSTR WINAPI CharUpperW(LPWSTR text);
 DWORD WINAPI ExpandEnvironmentStringsW(LPCWSTR text, LPWSTR buffer, DWORD units);
 DWORD WINAPI GetEnvironmentVariableW(LPCWSTR name, LPWSTR buffer, DWORD units);
-LPWSTR WINAPI GetCommandLineW();
 LCID WINAPI GetThreadLocale();
 
 // ---- Memory -------------------------------------------------------------------------------------------------------

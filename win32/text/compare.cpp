@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstring>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -36,6 +37,17 @@ public:
         if (quick && CompareQuickly(a, b, ignoreCase, result)) return result;
         if (ignoreCase) return Collate(win32::FoldName(a), win32::FoldName(b));
         return Collate(a, b);
+    }
+
+    // Bytes that are equal for texts that compare equal; their number is given even where `room` is too small.
+    size_t SortKey(std::u16string_view text, bool ignoreCase, unsigned char* key, size_t room) const {
+        const std::u16string folded = ignoreCase ? win32::FoldName(text) : std::u16string(text);
+        if (collator != nullptr)
+            return static_cast<size_t>(ucol_getSortKey(collator, folded.data(), static_cast<int32_t>(folded.size()),
+                                                       key, static_cast<int32_t>(room)));
+        const size_t bytes = folded.size() * sizeof(char16_t);
+        if (bytes < room) std::memcpy(key, folded.c_str(), bytes + 1);
+        return bytes + 1;
     }
 
 private:
@@ -93,14 +105,33 @@ private:
     std::array<unsigned char, 128> rank{};  // 0: not for the table
 };
 
+// Made once and never destroyed, since threads may still compare while the program ends.
+const TEXT_ORDER& UserOrder() {
+    static const TEXT_ORDER& order = *new TEXT_ORDER(win32::UserLocale());
+    return order;
+}
+
 int Compare(LPCWSTR a, LPCWSTR b, bool ignoreCase) {
     if (a == nullptr || b == nullptr) return a == b ? 0 : a == nullptr ? -1 : 1;
-    // Made once and never destroyed, since threads may still compare while the program ends.
-    static const TEXT_ORDER& order = *new TEXT_ORDER(win32::UserLocale());
-    return order.Compare(a, b, ignoreCase);
+    return UserOrder().Compare(a, b, ignoreCase);
 }
 
 }  // namespace
 
 int WINAPI lstrcmpW(LPCWSTR a, LPCWSTR b) { return Compare(a, b, false); }
 int WINAPI lstrcmpiW(LPCWSTR a, LPCWSTR b) { return Compare(a, b, true); }
+
+int WINAPI LCMapStringW(LCID, DWORD flags, LPCWSTR text, int units, LPWSTR key, int keyBytes) {
+    if (text == nullptr || units == 0 || keyBytes < 0 || (flags & ~NORM_IGNORECASE) != LCMAP_SORTKEY) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return 0;
+    }
+    const std::u16string_view source = units < 0 ? std::u16string_view(text) : std::u16string_view(text, units);
+    const size_t needed = UserOrder().SortKey(source, (flags & NORM_IGNORECASE) != 0,
+                                              reinterpret_cast<unsigned char*>(key), static_cast<size_t>(keyBytes));
+    if (keyBytes != 0 && needed > static_cast<size_t>(keyBytes)) {
+        SetLastError(ERROR_INSUFFICIENT_BUFFER);
+        return 0;
+    }
+    return static_cast<int>(needed);
+}

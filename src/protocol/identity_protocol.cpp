@@ -1,0 +1,248 @@
+#include "protocol/identity_protocol.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "diagnostics/debug_output.h"
+#include "platform/error_code.h"
+#include "platform/error_text.h"
+#include "service/command_line.h"
+#include "service/settings.h"
+#include "service/stop.h"
+
+namespace keldwick {
+
+IDENTITY_PROTOCOL* CurrentSession = nullptr;
+
+namespace {
+
+constexpr DWORD LockSpins = 5000;
+constexpr DWORD ReconnectPauseMs = 60000;
+constexpr DWORD ResponseTimeoutSeconds = 20;
+constexpr DWORD PollMs = 2;  // where the component has no event to wait for
+
+// More than any response has. What a server sends beyond that is not kept: the exchange has failed anyway.
+constexpr size_t MaxReceivedBytes = size_t{1} << 20;
+
+}  // namespace
+
+IDENTITY_PROTOCOL::IDENTITY_PROTOCOL()
+    : lock(LockSpins),
+      tls(*this),
+      plain(*this),
+      wakeEvent(CreateEventW(nullptr, FALSE, FALSE, nullptr)),
+      timer(CreateWaitableTimerW(nullptr, FALSE, nullptr)) {}
+
+IDENTITY_PROTOCOL::~IDENTITY_PROTOCOL() = default;
+
+// The TLS component also stands in while none has been chosen.
+TCP_CLIENT& IDENTITY_PROTOCOL::Active() {
+    if (selector == TRANSPORT::PLAIN) return plain;
+    return tls;
+}
+
+int IDENTITY_PROTOCOL::Send(const BYTE* bytes, DWORD length) { return Active().Send(bytes, static_cast<int>(length)); }
+STRING IDENTITY_PROTOCOL::LastErrorText() { return STRING(Active().LastErrorText()); }
+void IDENTITY_PROTOCOL::Disconnect() { Active().Disconnect(); }
+
+// ---- Events ----
+
+void IDENTITY_PROTOCOL::Set(SESSION_EVENTS events) {
+    DebugPrintMasked(DEBUG_TCP, TEXT("IDENTITY_PROTOCOL::Set events = [%s]"), EventNames(events));
+    {
+        const LOCK_GUARD guard(lock);
+        pending |= events;
+    }
+    Wake();
+}
+
+void IDENTITY_PROTOCOL::DataIn(const void* bytes, int length) {
+    DebugPrintMasked(DEBUG_TCP, TEXT("IDENTITY_PROTOCOL::DataIn: Length = %d"), length);
+    const BYTE* const data = static_cast<const BYTE*>(bytes);
+    {
+        const LOCK_GUARD guard(lock);
+        const size_t room = MaxReceivedBytes - received.size();
+        received.insert(received.end(), data, data + std::min(room, static_cast<size_t>(std::max(length, 0))));
+        pending |= SESSION_DATA_IN;
+    }
+    Wake();
+}
+
+// The thread that is about to wait needs no event to be told by; for any other there is the wake event.
+void IDENTITY_PROTOCOL::Wake() {
+    if (processor == std::this_thread::get_id())
+        woken = true;
+    else
+        SetEvent(wakeEvent.Get());
+}
+
+void IDENTITY_PROTOCOL::ProcessEvents() {
+    processor = std::this_thread::get_id();
+    Active().ProcessEvents();
+    processor = std::thread::id();
+}
+
+void IDENTITY_PROTOCOL::LetEventsThrough() {
+    ProcessEvents();
+    const LOCK_GUARD guard(lock);
+    pending &= ~SESSION_DATA_IN;
+}
+
+void IDENTITY_PROTOCOL::BeginConnect(TRANSPORT transport) {
+    selector = transport;
+    const LOCK_GUARD guard(lock);
+    pending = 0;
+}
+
+// ---- Waiting ----
+
+bool IDENTITY_PROTOCOL::ArmTimer(DWORD seconds) {
+    LARGE_INTEGER due;
+    due.QuadPart = -static_cast<LONGLONG>(seconds) * 10'000'000;  // relative, in 100-ns units
+    return SetWaitableTimer(timer.Get(), &due, static_cast<LONG>(seconds * 1000), nullptr, nullptr, FALSE) != FALSE;
+}
+
+// The result of waiting for StopEvent, the wake event, the timer and the component's event, in this order.
+DWORD IDENTITY_PROTOCOL::NextSignal() {
+    if (std::exchange(woken, false)) {
+        const DWORD stop = WaitForSingleObject(StopEvent, 0);
+        return stop == WAIT_TIMEOUT ? WAIT_OBJECT_0 + 1 : stop;
+    }
+    const HANDLE handles[] = {StopEvent, wakeEvent.Get(), timer.Get(), Active().EventHandle()};
+    if (handles[3] != nullptr) return WaitForMultipleObjects(4, handles, FALSE, INFINITE);
+    return WaitForMultipleObjects(3, handles, FALSE, PollMs);
+}
+
+// Whether what is pending ends a wait, and how.
+bool IDENTITY_PROTOCOL::Woken(SESSION_EVENTS wanted, WAIT_RESULT& result) {
+    SESSION_EVENTS events;
+    {
+        const LOCK_GUARD guard(lock);
+        events = pending;
+        const bool failed = (events & SESSION_ERROR) != 0;
+        result = failed ? WAIT_RESULT::FAILED : WAIT_RESULT::ARRIVED;
+        if (failed || (events & wanted) == wanted) pending = 0;
+    }
+    DebugPrintMasked(DEBUG_TCP, TEXT("IDENTITY_PROTOCOL::Wait events signaled = [%s]"), EventNames(events));
+    return (events & SESSION_ERROR) != 0 || (events & wanted) == wanted;
+}
+
+WAIT_RESULT IDENTITY_PROTOCOL::Stopping() {
+    DebugPrint(TEXT("IDENTITY_PROTOCOL::Wait: Service shutting down"));
+    disconnected = true;
+    Disconnect();
+    return WAIT_RESULT::STOPPING;
+}
+
+WAIT_RESULT IDENTITY_PROTOCOL::Wait(DWORD seconds, SESSION_EVENTS wanted) {
+    if (!ArmTimer(seconds)) return WAIT_RESULT::FAILED;
+    DebugPrintMasked(DEBUG_TCP, TEXT("IDENTITY_PROTOCOL::Wait for events = [%s]"), EventNames(wanted));
+    for (;;) {
+        ProcessEvents();
+        const DWORD signal = NextSignal();
+        const ERROR_CODE error;
+        WAIT_RESULT result = WAIT_RESULT::FAILED;
+        switch (signal) {
+            case WAIT_OBJECT_0:
+                return Stopping();
+            case WAIT_OBJECT_0 + 1:
+                if (Woken(wanted, result)) return result;
+                break;
+            case WAIT_OBJECT_0 + 2:
+                DebugPrintMasked(DEBUG_VERBOSE, TEXT("IDENTITY_PROTOCOL::Wait: Time-out"));
+                return WAIT_RESULT::TIMED_OUT;
+            case WAIT_OBJECT_0 + 3:
+            case WAIT_TIMEOUT:
+                break;
+            case WAIT_FAILED:
+                DebugPrint(TEXT("IDENTITY_PROTOCOL::Wait: Wait failed. %s. Error code = %lu."), ErrorText(error),
+                           error.Get());
+                return WAIT_RESULT::FAILED;
+            default:
+                DebugPrint(TEXT("IDENTITY_PROTOCOL::Wait: Unexpected wait result = %ld"), static_cast<LONG>(signal));
+                return WAIT_RESULT::FAILED;
+        }
+    }
+}
+
+bool IDENTITY_PROTOCOL::ReceiveResponse(std::span<const BYTE>& bytes) {
+    Active().SetTimeout(ComponentTimeoutSeconds);
+    if (Wait(ResponseTimeoutSeconds, SESSION_DATA_IN) != WAIT_RESULT::ARRIVED) return false;
+    response.clear();
+    const LOCK_GUARD guard(lock);
+    response.swap(received);
+    bytes = response;
+    return true;
+}
+
+// ---- Connecting ----
+
+// The choice sticks: after one transport has worked, an automatic session never goes back to the other.
+bool IDENTITY_PROTOCOL::ConnectByProtocol(const STRING& server) {
+    Active().SetTimeout(ComponentTimeoutSeconds);
+    switch (static_cast<LONG>(Settings.identProtocol.load())) {
+        case PROTOCOL_TCPS:
+            return tls.ConnectSecure(server);
+        case PROTOCOL_TCP:
+            return plain.ConnectPlain(server);
+        default:
+            break;
+    }
+    if (selector == TRANSPORT::TLS) return tls.ConnectSecure(server);
+    if (selector == TRANSPORT::PLAIN) return plain.ConnectPlain(server);
+    if (tls.ConnectSecure(server) || plain.ConnectPlain(server)) return true;
+    selector = TRANSPORT::NONE;
+    return false;
+}
+
+bool IDENTITY_PROTOCOL::Connect(const STRING& server) {
+    if (!ConnectByProtocol(server)) return false;
+    disconnected = false;
+    return true;
+}
+
+bool IDENTITY_PROTOCOL::PersistentConnect() {
+    for (;;) {
+        GetIdentServer(serverName);
+        DebugPrintMasked(DEBUG_VERBOSE, TEXT("Connecting to Identity server = \"%s\" ..."), serverName);
+        if (ConnectByProtocol(serverName)) break;
+        DebugPrint(TEXT("Connect to Identity server = \"%s\" failed"), serverName);
+        if (!AwaitNextRound()) return false;
+    }
+    disconnected = false;
+    DebugPrint(TEXT("Connected to Identity server = \"%s\" ..."), serverName);
+    return true;
+}
+
+// The pause after a failed attempt, cut short by changed settings. False: no further attempt is to be made.
+bool IDENTITY_PROTOCOL::AwaitNextRound() {
+    const HANDLE handles[] = {StopEvent, SettingsChangedEvent};
+    const DWORD result = WaitForMultipleObjects(2, handles, FALSE, ReconnectPauseMs);
+    const ERROR_CODE error;
+    switch (result) {
+        case WAIT_OBJECT_0:
+            DebugPrint(TEXT("IDENTITY_PROTOCOL::PersistentConnect Service stop signaled"));
+            return false;
+        case WAIT_OBJECT_0 + 1:
+            DebugPrint(TEXT("IDENTITY_PROTOCOL::PersistentConnect Settings changed"));
+            return true;
+        case WAIT_TIMEOUT:
+            return true;
+        case WAIT_FAILED:
+            DebugPrint(TEXT("IDENTITY_PROTOCOL::PersistentConnect Wait failed. %s. Error code = %lu."),
+                       ErrorText(error), error.Get());
+            return false;
+        default:
+            StopService(FormatString(TEXT("Unexpected Identity connect wait result = %lu"), result));
+            return false;
+    }
+}
+
+bool IDENTITY_PROTOCOL::IdentServerChanged() {
+    const LOCK_GUARD guard(SettingsLock);
+    if (serverName.EqualsNoCase(Settings.identServer)) return false;
+    serverName = Settings.identServer;
+    return true;
+}
+
+}  // namespace keldwick
