@@ -14,11 +14,12 @@
 namespace keldwick {
 
 struct SERVICE_TICKET_ENTRY {
-    TIME_STAMP time;      // of its creation; never refreshed
-    STRING userName;      // DOMAIN\user
-    STRING computerName;  // DOMAIN\host, without the computer account's dollar sign
-    STRING ipAddress;     // as the event gave it
-    size_t key = 0;       // of the index: equal for names and addresses that are equal ignoring case
+    TIME_STAMP time;       // of its creation; never refreshed
+    STRING userName;       // DOMAIN\user
+    STRING computerName;   // DOMAIN\host, without the computer account's dollar sign
+    STRING ipAddress;      // as the event gave it
+    size_t key = 0;        // of the index: equal for names and addresses that are equal ignoring case
+    ULONGLONG number = 0;  // of the entry in insertion order
 };
 
 class SERVICE_TICKET_TABLE {
@@ -51,6 +52,7 @@ private:
 
     ENTRIES entries;  // in insertion order
     INDEX index;
+    ULONGLONG nextNumber = 0;
 };
 
 }  // namespace keldwick

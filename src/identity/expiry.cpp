@@ -1,0 +1,58 @@
+// EVENT_LOG's once-a-minute sweep over the identity tables.
+#include "diagnostics/debug_output.h"
+#include "eventlog/event_log.h"
+#include "platform/registry_values.h"
+#include "protocol/identity_reports.h"
+#include "service/settings.h"
+
+namespace keldwick {
+
+namespace {
+
+constexpr ULONGLONG SweepIntervalMs = 60000;
+constexpr ULONGLONG TicketLifeMs = 60000;
+
+void ExpireTickets(SERVICE_TICKET_TABLE& tickets) {
+    const TIME_STAMP now = TIME_STAMP::Now();
+    tickets.RemoveIf([&now](const SERVICE_TICKET_ENTRY& ticket) {
+        if (ticket.time.ElapsedMs(now) <= TicketLifeMs) return false;
+        DebugPrint(
+            TEXT("Service ticket expired,\n    NtUserName = \"%s\",\n    IpAddress = \"%s\",\n    NtComputerName "
+                 "= \"%s\""),
+            ticket.userName, ticket.ipAddress, ticket.computerName);
+        return true;
+    });
+}
+
+// Expired logons are not reported as logged off. A heartbeat counts as sent even when that failed.
+void ExpireLogons(LOGON_TABLE& logons) {
+    const DWORD logonTtl = Settings.logonTtl;
+    const DWORD heartbeat = Settings.heartbeat;
+    TIME_STAMP now = TIME_STAMP::Now();
+    LOGON_ENTRY* next = nullptr;
+    for (LOGON_ENTRY* entry = logons.First(); entry != nullptr; entry = next) {
+        next = LOGON_TABLE::Next(entry);
+        if (entry->logonTime.ElapsedMs(now) > logonTtl) {
+            DebugPrint(TEXT("Logon expired: User name = \"%s\", IP address = \"%s\""), entry->request.UserName(),
+                       entry->request.AddressText());
+            logons.Remove(entry);
+        } else if (entry->heartbeatTime.ElapsedMs(now) > heartbeat) {
+            IdentityReportHeartbeat(entry->request);
+            entry->heartbeatTime = now = TIME_STAMP::Now();  // the report may have taken its time
+        }
+    }
+}
+
+}  // namespace
+
+void EVENT_LOG::ExpireEntries() {
+    if (lastSweep.ElapsedMs() <= SweepIntervalMs) return;
+    ExpireTickets(serviceTickets);
+    ExpireLogons(logons);
+    DebugPrintMasked(DEBUG_VERBOSE, TEXT("Updating statistics"));
+    RegSetDword(StatisticsKey.Get(), TEXT("ServiceTickets"), serviceTickets.Count());
+    RegSetDword(StatisticsKey.Get(), TEXT("Logons"), logons.Count());
+    lastSweep = TIME_STAMP::Now();
+}
+
+}  // namespace keldwick
