@@ -1,10 +1,15 @@
-// Owners of what COM hands out: strings, variants, interface pointers.
+// The directory's COM interfaces, and owners of what COM hands out: strings, variants, interface pointers.
 #pragma once
 
 #include <windows.h>
 
+// In this order: each needs the one before.
 #include <objbase.h>
 #include <oleauto.h>
+
+#include <iads.h>
+
+#include <adshlp.h>
 
 #include <utility>
 

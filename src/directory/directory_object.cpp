@@ -1,7 +1,5 @@
 #include "directory/directory_object.h"
 
-#include <adshlp.h>
-
 #include <algorithm>
 
 #include "diagnostics/debug_output.h"

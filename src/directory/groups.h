@@ -4,8 +4,6 @@
 
 #include <windows.h>
 
-#include <iads.h>
-
 #include "directory/directory_binding.h"
 #include "directory/group_list.h"
 #include "platform/string.h"
