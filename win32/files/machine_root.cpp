@@ -13,7 +13,7 @@ namespace fs = std::filesystem;
 
 // Stands for drives and servers that the host does not have: nothing can exist below it, so that every call on it
 // fails with ERROR_PATH_NOT_FOUND.
-constexpr const char* NoSuchPlace = "/dev/null/";
+constexpr const char* NoSuchPlace = "/dev/null/no-such-place";
 
 bool IsSeparator(char unit) { return unit == '\\' || unit == '/'; }
 

@@ -3,6 +3,7 @@
 #include <unicode/uloc.h>
 #include <windows.h>
 
+#include <algorithm>
 #include <cstdlib>
 
 namespace win32 {

@@ -1,0 +1,162 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <windows.h>
+
+#include <string>
+
+#include "tests/support/temporary_root.h"
+#include "win32/files/machine_root.h"
+
+namespace {
+
+constexpr DWORD Append = FILE_APPEND_DATA;
+constexpr DWORD ShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+
+class FilesTest : public testing::Test {
+protected:
+    std::u16string Path(const std::string& name) const { return win32::WindowsPath(root.Path(name)); }
+
+    HANDLE Open(const std::string& name, DWORD access, DWORD disposition, DWORD share = ShareAll) const {
+        SetLastError(0xDEAD);
+        return CreateFileW(Path(name).c_str(), access, share, nullptr, disposition,
+                           FILE_ATTRIBUTE_NORMAL | FILE_FLAG_WRITE_THROUGH, nullptr);
+    }
+
+    static bool Write(HANDLE file, const std::string& bytes) {
+        DWORD written = 0;
+        return WriteFile(file, bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr) &&
+               written == bytes.size();
+    }
+
+    TEMPORARY_ROOT root;
+};
+
+TEST_F(FilesTest, EachDispositionMeetsAFileThatIsThereAndOneThatIsNot) {
+    const struct {
+        const char* name;
+        DWORD disposition;
+        bool there;
+        bool opens;
+        DWORD error;
+        const char* content;  // after appending "new"
+    } cases[] = {
+        {"new, absent", CREATE_NEW, false, true, ERROR_SUCCESS, "new"},
+        {"new, present", CREATE_NEW, true, false, ERROR_FILE_EXISTS, "old"},
+        {"always, absent", CREATE_ALWAYS, false, true, ERROR_SUCCESS, "new"},
+        {"always, present", CREATE_ALWAYS, true, true, ERROR_ALREADY_EXISTS, "new"},
+        {"open always, absent", OPEN_ALWAYS, false, true, ERROR_SUCCESS, "new"},
+        {"open always, present", OPEN_ALWAYS, true, true, ERROR_ALREADY_EXISTS, "oldnew"},
+        {"existing, absent", OPEN_EXISTING, false, false, ERROR_FILE_NOT_FOUND, ""},
+        {"existing, present", OPEN_EXISTING, true, true, ERROR_SUCCESS, "oldnew"},
+        {"truncate without the right to write", TRUNCATE_EXISTING, true, false, ERROR_INVALID_PARAMETER, "old"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        unlink(root.Path("log").c_str());
+        if (c.there) root.Write("log", "old");
+        const HANDLE file = Open("log", Append, c.disposition);
+        EXPECT_EQ(c.error, GetLastError());
+        EXPECT_EQ(c.opens, file != INVALID_HANDLE_VALUE);
+        if (file != INVALID_HANDLE_VALUE) {
+            EXPECT_TRUE(Write(file, "new"));
+            EXPECT_TRUE(CloseHandle(file));
+        }
+        EXPECT_EQ(c.content, root.Read("log"));
+    }
+}
+
+TEST_F(FilesTest, AppendersNeverOverwriteEachOtherAndEachLineIsThereAtOnce) {
+    const HANDLE first = Open("log", Append, OPEN_ALWAYS);
+    const HANDLE second = Open("log", Append, OPEN_ALWAYS);
+    EXPECT_TRUE(Write(first, "a\n"));
+    EXPECT_EQ("a\n", root.Read("log"));
+    EXPECT_TRUE(Write(second, "b\n"));
+    EXPECT_TRUE(Write(first, "c\n"));
+    EXPECT_EQ("a\nb\nc\n", root.Read("log"));
+    CloseHandle(first);
+    CloseHandle(second);
+}
+
+TEST_F(FilesTest, OpenFailuresHaveTheCodesOfWindows) {
+    root.Write("file", "");
+    const struct {
+        const char16_t* path;
+        DWORD error;
+    } cases[] = {
+        {u"", ERROR_PATH_NOT_FOUND},           {u"C:\\no\\such\\folder\\file", ERROR_PATH_NOT_FOUND},
+        {u"D:\\file", ERROR_PATH_NOT_FOUND},   {u"\\\\server\\share\\file", ERROR_PATH_NOT_FOUND},
+        {u"C:\\tmp\\a?b", ERROR_INVALID_NAME}, {u"C:\\tmp\\a:b", ERROR_INVALID_NAME},
+        {u"C:\\", ERROR_ACCESS_DENIED},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.path, c.path + lstrlenW(c.path)));
+        EXPECT_EQ(INVALID_HANDLE_VALUE, CreateFileW(c.path, Append, ShareAll, nullptr, OPEN_ALWAYS, 0, nullptr));
+        EXPECT_EQ(c.error, GetLastError());
+    }
+    EXPECT_EQ(INVALID_HANDLE_VALUE, Open("file/below", Append, OPEN_ALWAYS));
+    EXPECT_EQ(ERROR_PATH_NOT_FOUND, GetLastError());
+}
+
+TEST_F(FilesTest, AFileThatIsNotSharedIsRefusedAndKeepsItsContent) {
+    root.Write("log", "kept");
+    const HANDLE holder = Open("log", Append, OPEN_ALWAYS, FILE_SHARE_READ);
+    EXPECT_EQ(INVALID_HANDLE_VALUE, Open("log", Append, CREATE_ALWAYS));
+    EXPECT_EQ(ERROR_SHARING_VIOLATION, GetLastError());
+    EXPECT_EQ("kept", root.Read("log"));
+    EXPECT_FALSE(MoveFileW(Path("log").c_str(), Path("aside").c_str()));
+    EXPECT_EQ(ERROR_SHARING_VIOLATION, GetLastError());
+    EXPECT_FALSE(DeleteFileW(Path("log").c_str()));
+    EXPECT_EQ(ERROR_SHARING_VIOLATION, GetLastError());
+    const HANDLE reader = Open("log", GENERIC_READ, OPEN_EXISTING);
+    EXPECT_NE(INVALID_HANDLE_VALUE, reader);
+    CloseHandle(reader);
+    CloseHandle(holder);
+    EXPECT_TRUE(DeleteFileW(Path("log").c_str()));
+}
+
+TEST_F(FilesTest, AWriteThatFailsSaysWhyAndHowFarItCame) {
+    DWORD written = 7;
+    const HANDLE full = CreateFileW(u"C:\\dev\\full", GENERIC_WRITE, ShareAll, nullptr, OPEN_EXISTING, 0, nullptr);
+    EXPECT_FALSE(WriteFile(full, "line", 4, &written, nullptr));
+    EXPECT_EQ(ERROR_DISK_FULL, GetLastError());
+    EXPECT_EQ(0u, written);
+    CloseHandle(full);
+    EXPECT_FALSE(WriteFile(full, "line", 4, &written, nullptr));
+    EXPECT_EQ(ERROR_INVALID_HANDLE, GetLastError());
+
+    root.Write("log", "");
+    const HANDLE reader = Open("log", GENERIC_READ, OPEN_EXISTING);
+    EXPECT_FALSE(WriteFile(reader, "line", 4, &written, nullptr));
+    EXPECT_EQ(ERROR_ACCESS_DENIED, GetLastError());
+    CloseHandle(reader);
+
+    const HANDLE event = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    EXPECT_FALSE(WriteFile(event, "line", 4, &written, nullptr));
+    EXPECT_EQ(ERROR_INVALID_HANDLE, GetLastError());
+    CloseHandle(event);
+}
+
+TEST_F(FilesTest, TheStandardOutputIsWrittenAtOnceAndItsReaderMayLeave) {
+    int ends[2];
+    ASSERT_EQ(0, pipe(ends));
+    const HANDLE output = GetStdHandle(STD_OUTPUT_HANDLE);
+    const int kept = dup(STDOUT_FILENO);
+    ASSERT_EQ(STDOUT_FILENO, dup2(ends[1], STDOUT_FILENO));
+    const bool wrote = Write(output, "line");
+    char line[8] = {};
+    const ssize_t received = read(ends[0], line, sizeof line);
+    close(ends[0]);
+    const bool wroteToNobody = Write(output, "line");
+    const DWORD error = GetLastError();
+    dup2(kept, STDOUT_FILENO);
+    close(kept);
+    close(ends[1]);
+    EXPECT_TRUE(wrote);
+    EXPECT_EQ("line", std::string(line, static_cast<size_t>(received)));
+    EXPECT_FALSE(wroteToNobody);
+    EXPECT_EQ(ERROR_BROKEN_PIPE, error);
+    EXPECT_EQ(INVALID_HANDLE_VALUE, GetStdHandle(0));
+}
+
+}  // namespace

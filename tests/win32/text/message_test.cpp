@@ -1,0 +1,191 @@
+#include <gtest/gtest.h>
+#include <winsock2.h>
+
+#include <string>
+#include <vector>
+
+#include "resources/message_ids.h"
+#include "win32/text/utf.h"
+
+namespace {
+
+constexpr DWORD Allocate = FORMAT_MESSAGE_ALLOCATE_BUFFER;
+constexpr DWORD SystemText = Allocate | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS;
+
+// The text, or "error N".
+std::u16string Message(DWORD flags, LPCVOID source, DWORD id, void* arguments = nullptr, DWORD language = 0) {
+    LPWSTR buffer = nullptr;
+    SetLastError(ERROR_SUCCESS);
+    const DWORD length =
+        FormatMessageW(flags | Allocate, source, id, language, reinterpret_cast<LPWSTR>(&buffer), 1, arguments);
+    if (length == 0) {
+        EXPECT_EQ(nullptr, buffer);
+        return u"error " + win32::ToUtf16(std::to_string(GetLastError()));
+    }
+    std::u16string text(buffer);
+    EXPECT_EQ(text.size(), length);
+    EXPECT_EQ(nullptr, LocalFree(buffer));
+    return text;
+}
+
+std::u16string Formatted(const char16_t* text, DWORD flags, std::vector<DWORD_PTR> arguments) {
+    return Message(FORMAT_MESSAGE_FROM_STRING | FORMAT_MESSAGE_ARGUMENT_ARRAY | flags, text, 0,
+                   arguments.empty() ? nullptr : arguments.data());
+}
+
+DWORD_PTR Text(const char16_t* text) { return reinterpret_cast<DWORD_PTR>(text); }
+
+TEST(SystemMessageTest, CodesHaveTheTextsOfWindows) {
+    const struct {
+        DWORD code;
+        const char16_t* text;
+    } cases[] = {
+        {0, u"The operation completed successfully.\r\n"},
+        {ERROR_FILE_NOT_FOUND, u"The system cannot find the file specified.\r\n"},
+        {ERROR_ACCESS_DENIED, u"Access is denied.\r\n"},
+        {ERROR_FAILED_SERVICE_CONTROLLER_CONNECT,
+         u"The service process could not connect to the service controller.\r\n"},
+        {ERROR_EVENTLOG_FILE_CHANGED, u"The event log file has changed between read operations.\r\n"},
+        {193, u"%1 is not a valid Win32 application.\r\n"},
+        {WSAECONNREFUSED, u"No connection could be made because the target machine actively refused it.\r\n"},
+        {WSAHOST_NOT_FOUND, u"No such host is known.\r\n"},
+        {0x80004005, u"Unspecified error\r\n"},
+        {0x80040154, u"Class not registered\r\n"},
+        {0x80070005, u"Access is denied.\r\n"},
+        {0x8007203A, u"The server is not operational.\r\n"},
+        {0x8007052E, u"The user name or password is incorrect.\r\n"},
+        {0x80072030, u"There is no such object on the server.\r\n"},
+        {0x80072116, u"Name translation: Input name mapped to more than one output name.\r\n"},
+        {0x80005011, u"error 317"},
+        {0x8007FFFF, u"error 317"},
+        {99999, u"error 317"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.code);
+        EXPECT_EQ(c.text, Message(SystemText, nullptr, c.code, nullptr, 0x400));
+    }
+}
+
+TEST(SystemMessageTest, EveryCodeThatTheHostsErrorsBecomeHasAText) {
+    for (const DWORD code : {ERROR_SUCCESS,
+                             ERROR_TOO_MANY_OPEN_FILES,
+                             ERROR_INVALID_HANDLE,
+                             ERROR_NOT_ENOUGH_MEMORY,
+                             ERROR_NOT_SAME_DEVICE,
+                             ERROR_WRITE_PROTECT,
+                             ERROR_NOT_READY,
+                             ERROR_SHARING_VIOLATION,
+                             ERROR_LOCK_VIOLATION,
+                             ERROR_NOT_SUPPORTED,
+                             ERROR_CALL_NOT_IMPLEMENTED,
+                             ERROR_BROKEN_PIPE,
+                             ERROR_DISK_FULL,
+                             ERROR_DIR_NOT_EMPTY,
+                             ERROR_BUSY,
+                             ERROR_FILENAME_EXCED_RANGE,
+                             ERROR_CANTOPEN,
+                             ERROR_FILE_TOO_LARGE,
+                             ERROR_MORE_DATA,
+                             WAIT_TIMEOUT,
+                             ERROR_NOACCESS,
+                             ERROR_NO_UNICODE_TRANSLATION,
+                             ERROR_IO_DEVICE,
+                             ERROR_CANCELLED,
+                             ERROR_GEN_FAILURE,
+                             ERROR_FILE_CORRUPT,
+                             ERROR_LOG_FILE_FULL,
+                             ERROR_NONE_MAPPED,
+                             ERROR_INVALID_DATATYPE}) {
+        const std::u16string text = Message(SystemText, nullptr, code);
+        EXPECT_TRUE(text.size() > 3 && text.substr(text.size() - 3) == u".\r\n") << code;
+    }
+    for (DWORD code = WSAEMSGSIZE; code <= WSAECONNREFUSED; ++code)
+        EXPECT_NE(u"error 317", Message(SystemText, nullptr, code)) << code;
+}
+
+TEST(MessageFormatTest, InsertsAndEscapesAreReplaced) {
+    const char16_t* anna = u"anna";
+    const struct {
+        const char16_t* text;
+        const char16_t* result;
+    } cases[] = {
+        {u"no inserts", u"no inserts"},
+        {u"%1 and %2", u"anna and %1%n"},
+        {u"%2%1%1", u"%1%nannaanna"},
+        {u"%10", u"ten"},
+        {u"a%nb", u"a\r\nb"},
+        {u"a%rb%tc%bd% e", u"a\rb\tc d e"},
+        {u"100%% %. %!", u"100% . !"},
+        {u"line%0 never seen", u"line"},
+        {u"%1!s!", u"anna"},
+        {u"[%3!5u!] [%3!-5d!] [%3!08lX!] [%3!#x!]", u"[   42] [42   ] [0000002A] [0x2a]"},
+        {u"%4", u"(null)"},
+        {u"broken %", u"error 87"},
+        {u"%1!s", u"error 87"},
+        {u"%3!n!", u"error 87"},
+        {u"%3!*d!", u"error 87"},
+        {u"%3!999999999999d!", u"error 87"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(win32::ToUtf8(c.text));
+        EXPECT_EQ(c.result, Formatted(c.text, 0, {Text(anna), Text(u"%1%n"), 42, 0, 0, 0, 0, 0, 0, Text(u"ten")}));
+    }
+    EXPECT_EQ(u"error 87", Formatted(u"%1", 0, {}));
+    EXPECT_EQ(u"%1 %2!u! a\r\n%%", Formatted(u"%1 %2!u! a%n%%", FORMAT_MESSAGE_IGNORE_INSERTS, {}));
+}
+
+TEST(MessageFormatTest, AWidthWrapsAtBlanksAndKeepsOnlyHardBreaks) {
+    const struct {
+        DWORD width;
+        const char16_t* text;
+        const char16_t* result;
+    } cases[] = {
+        {0, u"a\r\nb", u"a\r\nb"},
+        {255, u"a\r\nb\nc%nd", u"a b c\r\nd"},
+        {10, u"12345 7890 2345", u"12345 7890\r\n2345"},
+        {10, u"12345 78901 345", u"12345\r\n78901 345"},
+        {10, u"1234567890", u"1234567890"},
+        {10, u"12345678901", u"1234567890\r\n1"},
+        {10, u"123%n4567 90123", u"123\r\n4567 90123"},
+        {10, u"%1 %1", u"abcdefg\r\nabcdefg"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(win32::ToUtf8(c.text));
+        EXPECT_EQ(c.result, Formatted(c.text, c.width, {Text(u"abcdefg")}));
+    }
+}
+
+TEST(OwnMessageTest, EventsAreFormattedFromTheProgramsOwnTable) {
+    std::vector<DWORD_PTR> inserts = {Text(u"Access is denied"), Text(u"5"), Text(u"HKEY_LOCAL_MACHINE\\SOFTWARE")};
+    const DWORD flags = FORMAT_MESSAGE_FROM_HMODULE | FORMAT_MESSAGE_ARGUMENT_ARRAY;
+    const HMODULE own = GetModuleHandleW(nullptr);
+    EXPECT_EQ(
+        u"Unable to create registry key \"HKEY_LOCAL_MACHINE\\SOFTWARE\"\r\n\r\nAccess is denied. "
+        u"Error code = 5.\r\n\r\n",
+        Message(flags, own, keldwick::MSG_CREATE_REGISTRY_KEY, inserts.data()));
+    EXPECT_EQ(
+        u"Unable to create registry key \"HKEY_LOCAL_MACHINE\\SOFTWARE\" \r\nAccess is denied. "
+        u"Error code = 5.\r\n ",
+        Message(flags | 80, own, keldwick::MSG_CREATE_REGISTRY_KEY, inserts.data()));
+    EXPECT_EQ(u"Unable to create Windows Sockets event.\r\n\r\n%1. Error code = %2\r\n.\r\n",
+              Message(FORMAT_MESSAGE_FROM_HMODULE | FORMAT_MESSAGE_IGNORE_INSERTS, own, 0xC00001F6));
+    EXPECT_EQ(u"error 317", Message(flags, own, 0x40000006, inserts.data()));
+    EXPECT_EQ(u"error 1815", Message(flags, own, 0x40000002, inserts.data(), 0x0407));
+    EXPECT_EQ(u"error 1813", Message(flags, GetModuleHandleW(u"ntdll.dll"), 0x40000002, inserts.data()));
+    EXPECT_EQ(u"Access is denied.\r\n", Message(flags | FORMAT_MESSAGE_FROM_SYSTEM, own, 5));
+}
+
+TEST(FormatMessageTest, TheCallersBufferIsFilledOrLeftAlone) {
+    WCHAR buffer[32] = u"-";
+    EXPECT_EQ(0u, FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM, nullptr, 5, 0, buffer, 19, nullptr));
+    EXPECT_EQ(ERROR_INSUFFICIENT_BUFFER, GetLastError());
+    EXPECT_EQ(u'-', buffer[0]);
+    EXPECT_EQ(19u, FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM, nullptr, 5, 0, buffer, 20, nullptr));
+    EXPECT_EQ(u"Access is denied.\r\n", std::u16string(buffer));
+    EXPECT_EQ(0u, FormatMessageW(0, nullptr, 5, 0, buffer, 32, nullptr));
+    EXPECT_EQ(ERROR_INVALID_PARAMETER, GetLastError());
+    EXPECT_EQ(0u, FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM, nullptr, 5, 0, nullptr, 32, nullptr));
+    EXPECT_EQ(ERROR_INVALID_PARAMETER, GetLastError());
+}
+
+}  // namespace
