@@ -1,0 +1,235 @@
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <ws2tcpip.h>
+
+#include <condition_variable>
+#include <cstring>
+#include <mutex>
+#include <string>
+
+#include "tests/support/temporary_root.h"
+#include "win32/sockets/lookup_threads.h"
+
+// The C library's look-up, which a test can make hang, answer with an error, or answer with a name.
+namespace {
+
+struct NAME_SERVER {
+    std::mutex lock;
+    std::condition_variable changed;
+    bool dead = false;
+    int waiting = 0;
+    int result = 0;
+    int flags = -1;
+    std::string name = "ws1.example";
+} nameServer;
+
+void WaitForWaiting(int count) {
+    std::unique_lock guard(nameServer.lock);
+    nameServer.changed.wait(guard, [=] { return nameServer.waiting == count; });
+}
+
+}  // namespace
+
+extern "C" int __real_getnameinfo(const sockaddr* address, socklen_t length, char* host, socklen_t hostSize,
+                                  char* service, socklen_t serviceSize, int flags);
+extern "C" int __wrap_getnameinfo(const sockaddr* address, socklen_t length, char* host, socklen_t hostSize,
+                                  char* service, socklen_t serviceSize, int flags) {
+    std::unique_lock guard(nameServer.lock);
+    nameServer.flags = flags;
+    if (host == nullptr || flags & 1)  // digits: no server is asked
+        return __real_getnameinfo(address, length, host, hostSize, service, serviceSize, flags);
+    ++nameServer.waiting;
+    nameServer.changed.notify_all();
+    nameServer.changed.wait(guard, [] { return !nameServer.dead; });
+    --nameServer.waiting;
+    nameServer.changed.notify_all();
+    if (nameServer.result == 0) std::strncpy(host, nameServer.name.c_str(), hostSize);
+    return nameServer.result;
+}
+
+namespace {
+
+sockaddr_in Ipv4(const char* text, uint16_t port = 0) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    inet_pton(AF_INET, text, &address.sin_addr);
+    return address;
+}
+
+INT LookUp(std::u16string& host, INT flags = NI_NAMEREQD, DWORD room = 1025) {
+    const sockaddr_in address = Ipv4("192.0.2.1");
+    std::u16string buffer(1025, u'#');
+    SetLastError(0);
+    const INT result = GetNameInfoW(reinterpret_cast<const sockaddr*>(&address), sizeof(address), buffer.data(), room,
+                                    nullptr, 0, flags);
+    EXPECT_EQ(result, WSAGetLastError());
+    host = result == 0 ? buffer.c_str() : u"";
+    return result;
+}
+
+class NameInfo : public testing::Test {
+protected:
+    void SetUp() override {
+        root.Write("registry.reg",
+                   "Windows Registry Editor Version 5.00\r\n\r\n"
+                   "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Vantorel Systems\\Keldwick\\Linux]\r\n"
+                   "\"NameLookupTimeout\"=dword:00000014\r\n");
+    }
+    void TearDown() override { Revive(); }
+    void Revive() {
+        {
+            const std::lock_guard guard(nameServer.lock);
+            nameServer.dead = false;
+            nameServer.result = 0;
+            nameServer.name = "ws1.example";
+            nameServer.changed.notify_all();
+        }
+        WaitForWaiting(0);
+    }
+    void Die() {
+        const std::lock_guard guard(nameServer.lock);
+        nameServer.dead = true;
+    }
+
+    TEMPORARY_ROOT root;
+};
+
+TEST(AnsweredNameInfo, TranslatesFlagsNamesAndErrors) {
+    std::u16string host;
+    struct FLAGS {
+        INT windows;
+        int ours;
+    };
+    for (const FLAGS& c : {FLAGS{0, 0}, {0x01, 4}, {0x04, 8}, {0x08, 2}, {0x10, 16}, {0x1D, 30}}) {
+        EXPECT_EQ(0, LookUp(host, c.windows));
+        EXPECT_EQ(u"ws1.example", host);
+        EXPECT_EQ(c.ours, nameServer.flags) << c.windows;
+    }
+    EXPECT_EQ(0, LookUp(host, 0x02));
+    EXPECT_EQ(u"192.0.2.1", host);
+    EXPECT_EQ(ERROR_INSUFFICIENT_BUFFER, static_cast<DWORD>(LookUp(host, NI_NAMEREQD, 11)));
+    EXPECT_EQ(0, LookUp(host, NI_NAMEREQD, 12));
+    nameServer.name = "\xC3\xA4.example";
+    EXPECT_EQ(0, LookUp(host));
+    EXPECT_EQ(u"\u00E4.example", host);
+    struct ERRORS {
+        int ours;
+        INT windows;
+    };
+    for (const ERRORS& c :
+         {ERRORS{EAI_NONAME, WSAHOST_NOT_FOUND}, {EAI_AGAIN, WSATRY_AGAIN}, {EAI_FAIL, WSANO_RECOVERY}}) {
+        nameServer.result = c.ours;
+        EXPECT_EQ(c.windows, LookUp(host)) << c.ours;
+    }
+    nameServer.result = 0;
+    nameServer.name = "ws1.example";
+    const sockaddr_in address = Ipv4("192.0.2.1", 1306);
+    char16_t service[8];
+    EXPECT_EQ(0,
+              GetNameInfoW(reinterpret_cast<const sockaddr*>(&address), sizeof(address), nullptr, 0, service, 8, 0x08));
+    EXPECT_EQ(std::u16string(u"1306"), service);
+    EXPECT_EQ(WSAEFAULT, GetNameInfoW(nullptr, sizeof(address), service, 8, nullptr, 0, 0));
+    EXPECT_EQ(WSAHOST_NOT_FOUND,
+              GetNameInfoW(reinterpret_cast<const sockaddr*>(&address), sizeof(address), nullptr, 0, nullptr, 0, 0));
+}
+
+TEST_F(NameInfo, ADeadNameServerCostsTheConfiguredTimeAndABoundedNumberOfThreads) {
+    std::u16string host;
+    Die();
+    for (int i = 0; i < win32::MostLookups; ++i) EXPECT_EQ(WSATRY_AGAIN, LookUp(host));
+    WaitForWaiting(win32::MostLookups);
+    EXPECT_EQ(WSATRY_AGAIN, LookUp(host));
+    EXPECT_EQ(0, LookUp(host, 0x02)) << "digits need no server";
+    {
+        const std::lock_guard guard(nameServer.lock);
+        EXPECT_EQ(win32::MostLookups, nameServer.waiting);
+    }
+    Revive();
+    for (int tries = 0; LookUp(host) != 0; ++tries)
+        ASSERT_LT(tries, 1000) << "places become free when the server lives";
+    EXPECT_EQ(u"ws1.example", host);
+}
+
+TEST(HostNames, TheEmptyNameStandsForTheInterfacesOfThisMachine) {
+    PADDRINFOA list = nullptr;
+    ADDRINFOA hints{};
+    ASSERT_EQ(0, getaddrinfo("", nullptr, &hints, &list));
+    ASSERT_NE(nullptr, list);
+    bool loopback = false, other = false;
+    for (const ADDRINFOA* one = list; one != nullptr; one = one->ai_next) {
+        ASSERT_TRUE(one->ai_family == AF_INET || one->ai_family == AF_INET6);
+        if (one->ai_family != AF_INET) continue;
+        sockaddr_in address;
+        std::memcpy(&address, one->ai_addr, sizeof(address));
+        (ntohl(address.sin_addr.s_addr) >> 24 == 127 ? loopback : other) = true;
+    }
+    EXPECT_FALSE(loopback && other) << "loopback stands in only where there is nothing else";
+    freeaddrinfo(list);
+    hints.ai_family = AF_INET;
+    if (getaddrinfo("", nullptr, &hints, &list) == 0) {
+        for (const ADDRINFOA* one = list; one != nullptr; one = one->ai_next) EXPECT_EQ(AF_INET, one->ai_family);
+        freeaddrinfo(list);
+    }
+}
+
+TEST(HostNames, NumericNamesAndFailuresComeThrough) {
+    PADDRINFOA list = nullptr;
+    ADDRINFOA hints{};
+    hints.ai_flags = AI_NUMERICHOST;
+    ASSERT_EQ(0, getaddrinfo("192.0.2.7", "1306", &hints, &list));
+    sockaddr_in address;
+    std::memcpy(&address, list->ai_addr, sizeof(address));
+    EXPECT_EQ(1306, ntohs(address.sin_port));
+    EXPECT_EQ(0xC0000207u, ntohl(address.sin_addr.s_addr));
+    freeaddrinfo(list);
+    freeaddrinfo(nullptr);
+    EXPECT_EQ(WSAHOST_NOT_FOUND, getaddrinfo("no address", nullptr, &hints, &list));
+    EXPECT_EQ(WSAHOST_NOT_FOUND, WSAGetLastError());
+    EXPECT_EQ(nullptr, list);
+    char name[256], small[1];
+    ASSERT_EQ(0, gethostname(name, sizeof(name)));
+    EXPECT_NE(0, name[0]);
+    EXPECT_EQ(SOCKET_ERROR, gethostname(small, sizeof(small)));
+    EXPECT_EQ(WSAEFAULT, WSAGetLastError());
+}
+
+TEST(Winsock, StartsAreCountedAndTheLastErrorIsTheThreadsOwn) {
+    WSADATA data;
+    EXPECT_EQ(0, WSAStartup(MAKEWORD(2, 2), &data));
+    EXPECT_EQ(MAKEWORD(2, 2), data.wVersion);
+    EXPECT_EQ(0, WSACleanup());
+    EXPECT_EQ(SOCKET_ERROR, WSACleanup());
+    EXPECT_EQ(WSANOTINITIALISED, WSAGetLastError());
+    EXPECT_EQ(static_cast<DWORD>(WSANOTINITIALISED), GetLastError());
+    EXPECT_EQ(WSAEFAULT, WSAStartup(MAKEWORD(2, 2), nullptr));
+}
+
+TEST(EventSelect, TheSocketSignalsTheEventAsLongAsItIsReadable) {
+    int pair[2];
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, pair));
+    const HANDLE event = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+    ASSERT_EQ(0, WSAEventSelect(pair[0], event, FD_READ | FD_CLOSE));
+    EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObject(event, 0));
+    ASSERT_EQ(1, write(pair[1], "x", 1));
+    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(event, 5000));
+    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(event, 5000)) << "still readable";
+    char byte;
+    ASSERT_EQ(1, read(pair[0], &byte, 1));
+    EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObject(event, 0));
+    ASSERT_EQ(0, WSAEventSelect(pair[0], event, FD_WRITE));
+    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(event, 5000));
+    ASSERT_EQ(0, WSAEventSelect(pair[0], event, 0));
+    EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObject(event, 0));
+    SetEvent(event);
+    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(event, 0)) << "its own signal is untouched";
+    EXPECT_EQ(SOCKET_ERROR, WSAEventSelect(-1, event, FD_READ));
+    EXPECT_EQ(WSAENOTSOCK, WSAGetLastError());
+    EXPECT_EQ(SOCKET_ERROR, WSAEventSelect(pair[0], nullptr, FD_READ));
+    EXPECT_EQ(WSAEINVAL, WSAGetLastError());
+    CloseHandle(event);
+    close(pair[0]);
+    close(pair[1]);
+}
+
+}  // namespace

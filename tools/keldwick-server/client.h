@@ -1,0 +1,65 @@
+// One client's connection: bytes in, answers out, never waiting.
+#pragma once
+
+#include <openssl/ssl.h>
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "request_reader.h"
+
+namespace keldwick_server {
+
+struct SSL_FREER {
+    void operator()(SSL* session) const { SSL_free(session); }
+};
+
+class CLIENT {
+public:
+    // Owns the descriptor, which must be non-blocking. context: null for plain TCP.
+    CLIENT(int descriptor, std::string peerName, SSL_CTX* context);
+    ~CLIENT();
+    CLIENT(const CLIENT&) = delete;
+    CLIENT& operator=(const CLIENT&) = delete;
+
+    // Reads a bounded amount, answers every whole request with the status, and hands each to `seen` once its answer is
+    // on the way. False: the connection is over; Complaint says why when it did not just end.
+    bool Serve(uint32_t status, const std::function<void(const REQUEST&)>& seen);
+
+    // What to wait for, as epoll's bits.
+    uint32_t Wanted() const;
+
+    int Descriptor() const { return fd; }
+    const std::string& Peer() const { return peer; }
+    const std::string& Complaint() const { return complaint; }
+
+    // Whether there is something to do although the descriptor may not say so.
+    bool HasBuffered() const { return session && !stalled && SSL_has_pending(session.get()) == 1; }
+
+private:
+    enum class RESULT { Some, Stalled, Over };
+
+    bool Handshake();
+    RESULT Read(uint8_t* buffer, size_t capacity, size_t& count);
+    RESULT Write(const uint8_t* bytes, size_t length, size_t& count);
+    RESULT TlsResult(int result);
+    bool Answer(uint32_t status);
+    bool Flush();
+
+    const int fd;
+    const std::string peer;
+    std::unique_ptr<SSL, SSL_FREER> session;
+    bool shaken;           // the handshake is done, or none is needed
+    bool stalled = false;  // the last read found nothing more
+    bool ended = false;    // the client sends nothing more
+    bool tlsWantsRoom = false;
+    std::string complaint;
+    REQUEST_READER reader;
+    std::vector<uint8_t> answers;
+    std::vector<REQUEST> requests;  // of this round
+};
+
+}  // namespace keldwick_server

@@ -1,0 +1,105 @@
+// keldwick-server: the reference identity server's command line.
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+
+#include "report_line.h"
+#include "server.h"
+
+namespace {
+
+using namespace keldwick_server;
+
+constexpr int ExitFailed = 1;
+constexpr int ExitUsage = 2;
+
+struct ARGUMENTS {
+    SERVER_OPTIONS server;
+    bool json = false;
+};
+
+// Nothing: go on with the arguments; otherwise the exit code.
+std::optional<int> ParseArguments(int count, char** texts, ARGUMENTS& arguments) {
+    unsigned tcpPort = 1306, tlsPort = 1308;
+    CLI::App app("The reference identity server: answers the agent's reports and prints one line for each.",
+                 "keldwick-server");
+    app.set_version_flag("--version", "keldwick-server 1.2.5");
+    app.add_option("--host", arguments.server.host, "address or name to listen on")->capture_default_str();
+    app.add_option("--tcp-port", tcpPort, "port for plain TCP; 0: not served")
+        ->check(CLI::Range(0, 65535))
+        ->capture_default_str();
+    app.add_option("--tls-port", tlsPort, "port for TLS; 0: not served")
+        ->check(CLI::Range(0, 65535))
+        ->capture_default_str();
+    CLI::Option* const certificate = app.add_option("--cert", arguments.server.certificateFile,
+                                                    "certificate (PEM); without it, a self-signed one is made");
+    app.add_option("--key", arguments.server.keyFile, "its private key (PEM), when it is not in the same file")
+        ->needs(certificate);
+    app.add_option("--status", arguments.server.status, "status in every answer")->capture_default_str();
+    app.add_flag("--json", arguments.json, "print each request as a JSON object");
+    try {
+        app.parse(count, texts);
+        if (tcpPort == 0 && tlsPort == 0) throw CLI::ValidationError("both ports are 0: there is nothing to serve");
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? 0 : ExitUsage;
+    }
+    if (tcpPort != 0) arguments.server.tcpPort = static_cast<uint16_t>(tcpPort);
+    if (tlsPort != 0) arguments.server.tlsPort = static_cast<uint16_t>(tlsPort);
+    return std::nullopt;
+}
+
+void Complain(const std::string& line) { std::fprintf(stderr, "keldwick-server: %s\n", line.c_str()); }
+
+// A descriptor that becomes readable at SIGINT and SIGTERM.
+int StopDescriptor() {
+    std::signal(SIGPIPE, SIG_IGN);
+    sigset_t stops;
+    sigemptyset(&stops);
+    sigaddset(&stops, SIGINT);
+    sigaddset(&stops, SIGTERM);
+    sigprocmask(SIG_BLOCK, &stops, nullptr);
+    return signalfd(-1, &stops, SFD_CLOEXEC | SFD_NONBLOCK);
+}
+
+class PRINTER {
+public:
+    explicit PRINTER(bool asJson) : json(asJson) {}
+
+    void operator()(const REQUEST& request) {
+        const std::string line = (json ? JsonLine(request) : TextLine(request)) + '\n';
+        const bool written = std::fwrite(line.data(), 1, line.size(), stdout) == line.size();
+        if (std::fflush(stdout) == 0 && written) return;
+        if (!failed) Complain(std::string("cannot print requests: ") + std::strerror(errno));
+        failed = true;
+        std::clearerr(stdout);
+    }
+
+private:
+    const bool json;
+    bool failed = false;  // said once; answering goes on
+};
+
+}  // namespace
+
+int main(int count, char** texts) {
+    ARGUMENTS arguments;
+    if (const std::optional<int> code = ParseArguments(count, texts, arguments)) return *code;
+    const int stop = StopDescriptor();
+    SERVER server({PRINTER(arguments.json), Complain});
+    std::string error;
+    if (stop < 0) error = std::string("cannot receive signals: ") + std::strerror(errno);
+    if (stop < 0 || !server.Open(arguments.server, error)) {
+        Complain(error);
+        return ExitFailed;
+    }
+    std::string served;
+    if (server.TcpPort() != 0) served += " port " + std::to_string(server.TcpPort()) + " (TCP)";
+    if (server.TlsPort() != 0) served += " port " + std::to_string(server.TlsPort()) + " (TLS)";
+    Complain("listening on " + arguments.server.host + served);
+    server.Run(stop);
+    return 0;
+}

@@ -1,0 +1,193 @@
+#include "server.h"
+
+#include <fcntl.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/epoll.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+namespace keldwick_server {
+namespace {
+
+constexpr size_t DescriptorsKept = 32;  // of the process's limit, for everything that is no client
+constexpr int RetryMilliseconds = 200;  // until accepting is tried again after the system had no descriptor left
+
+struct ADDRINFO_FREER {
+    void operator()(addrinfo* list) const { freeaddrinfo(list); }
+};
+
+size_t ClientLimit() {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur <= 2 * DescriptorsKept) return DescriptorsKept;
+    return static_cast<size_t>(limit.rlim_cur) - DescriptorsKept;
+}
+
+std::string NameOf(const sockaddr* address, socklen_t length) {
+    char host[NI_MAXHOST], port[NI_MAXSERV];
+    if (getnameinfo(address, length, host, sizeof(host), port, sizeof(port), NI_NUMERICHOST | NI_NUMERICSERV) != 0)
+        return "?";
+    return (address->sa_family == AF_INET6 ? '[' + std::string(host) + ']' : std::string(host)) + ':' + port;
+}
+
+uint16_t PortOf(int fd) {
+    sockaddr_storage address{};
+    socklen_t length = sizeof(address);
+    if (getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) return 0;
+    return ntohs(address.ss_family == AF_INET6 ? reinterpret_cast<sockaddr_in6&>(address).sin6_port
+                                               : reinterpret_cast<sockaddr_in&>(address).sin_port);
+}
+
+// A listening socket, or -1 with errno.
+int NewListener(const addrinfo& address) {
+    const int fd = socket(address.ai_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (fd < 0) return -1;
+    const int on = 1;
+    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
+    if (bind(fd, address.ai_addr, address.ai_addrlen) == 0 && listen(fd, SOMAXCONN) == 0) return fd;
+    const int error = errno;
+    close(fd);
+    errno = error;
+    return -1;
+}
+
+void Watch(int poller, int fd, uint32_t events) {
+    epoll_event wanted{events, {}};
+    wanted.data.fd = fd;
+    if (epoll_ctl(poller, EPOLL_CTL_MOD, fd, &wanted) != 0) epoll_ctl(poller, EPOLL_CTL_ADD, fd, &wanted);
+}
+
+}  // namespace
+
+SERVER::SERVER(OUTPUT where) : output(std::move(where)), mostClients(ClientLimit()) {}
+
+SERVER::~SERVER() {
+    clients.clear();
+    for (const LISTENER& listener : listeners) close(listener.fd);
+    if (poller >= 0) close(poller);
+}
+
+bool SERVER::Open(const SERVER_OPTIONS& wanted, std::string& error) {
+    options = wanted;
+    poller = epoll_create1(EPOLL_CLOEXEC);
+    if (poller < 0) {
+        error = std::string("cannot wait for sockets: ") + std::strerror(errno);
+        return false;
+    }
+    if (options.tlsPort || !options.certificateFile.empty()) {
+        std::string reason;
+        tls = NewServerContext(options.certificateFile, options.keyFile, reason);
+        if (!tls) {
+            error = "cannot use TLS: " + reason;
+            return false;
+        }
+    }
+    if (options.tcpPort && !Listen(*options.tcpPort, false, tcpPort, error)) return false;
+    if (options.tlsPort && !Listen(*options.tlsPort, true, tlsPort, error)) return false;
+    WatchListeners(true);
+    return true;
+}
+
+bool SERVER::Listen(uint16_t port, bool secure, uint16_t& bound, std::string& error) {
+    addrinfo hints{}, *list = nullptr;
+    hints.ai_socktype = SOCK_STREAM;
+    hints.ai_flags = AI_PASSIVE | AI_NUMERICSERV;
+    const int result = getaddrinfo(options.host.c_str(), std::to_string(port).c_str(), &hints, &list);
+    if (result != 0) {
+        error = "cannot find host " + options.host + ": " + gai_strerror(result);
+        return false;
+    }
+    const std::unique_ptr<addrinfo, ADDRINFO_FREER> owner(list);
+    for (const addrinfo* one = list; one != nullptr; one = one->ai_next) {
+        const int fd = NewListener(*one);
+        if (fd < 0) {
+            error = "cannot listen on " + options.host + " port " + std::to_string(port) + ": " + std::strerror(errno);
+            return false;
+        }
+        listeners.push_back({fd, secure});
+        bound = PortOf(fd);
+    }
+    return true;
+}
+
+void SERVER::Run(int stopDescriptor) {
+    Watch(poller, stopDescriptor, EPOLLIN);
+    std::array<epoll_event, 64> events;
+    for (;;) {
+        const int timeout = !buffered.empty() ? 0 : accepting ? -1 : RetryMilliseconds;
+        const int count = epoll_wait(poller, events.data(), static_cast<int>(events.size()), timeout);
+        if (count < 0 && errno != EINTR) return;
+        if (count == 0 && !accepting) WatchListeners(true);
+        for (int i = 0; i < count; ++i) {
+            const int fd = events[static_cast<size_t>(i)].data.fd;
+            if (fd == stopDescriptor) return;
+            const auto client = clients.find(fd);
+            if (client != clients.end()) {
+                Serve(*client->second);
+                continue;
+            }
+            const auto listener =
+                std::find_if(listeners.begin(), listeners.end(), [fd](const LISTENER& one) { return one.fd == fd; });
+            if (listener != listeners.end()) Accept(*listener);
+        }
+        ServeBuffered();
+    }
+}
+
+void SERVER::Accept(const LISTENER& listener) {
+    sockaddr_storage address{};
+    socklen_t length = sizeof(address);
+    auto* const peer = reinterpret_cast<sockaddr*>(&address);
+    const int fd = accept4(listener.fd, peer, &length, SOCK_NONBLOCK | SOCK_CLOEXEC);
+    if (fd < 0) {
+        if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) WatchListeners(false);
+        return;
+    }
+    const int on = 1;
+    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+    const auto added =
+        clients.emplace(fd, std::make_unique<CLIENT>(fd, NameOf(peer, length), listener.secure ? tls.get() : nullptr));
+    Watch(poller, fd, added.first->second->Wanted());
+    if (clients.size() >= mostClients) WatchListeners(false);
+}
+
+void SERVER::WatchListeners(bool on) {
+    if (on && clients.size() >= mostClients) return;
+    accepting = on;
+    for (const LISTENER& listener : listeners) Watch(poller, listener.fd, on ? static_cast<uint32_t>(EPOLLIN) : 0u);
+}
+
+void SERVER::Serve(CLIENT& client) {
+    const uint32_t before = client.Wanted();
+    if (!client.Serve(options.status, output.request)) {
+        Drop(client.Descriptor());
+        return;
+    }
+    if (client.Wanted() != before) Watch(poller, client.Descriptor(), client.Wanted());
+    if (client.HasBuffered() && (client.Wanted() & EPOLLIN)) buffered.push_back(client.Descriptor());
+}
+
+void SERVER::ServeBuffered() {
+    for (const int fd : std::exchange(buffered, {})) {
+        const auto client = clients.find(fd);
+        if (client != clients.end()) Serve(*client->second);
+    }
+}
+
+void SERVER::Drop(int fd) {
+    const auto client = clients.find(fd);
+    if (!client->second->Complaint().empty())
+        output.complaint(client->second->Peer() + ": " + client->second->Complaint());
+    clients.erase(client);
+    if (!accepting) WatchListeners(true);
+}
+
+}  // namespace keldwick_server

@@ -1,0 +1,69 @@
+// The reference identity server: listens, answers every well-formed request, and shows it. One thread serves everybody.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "client.h"
+#include "server_tls.h"
+
+namespace keldwick_server {
+
+struct SERVER_OPTIONS {
+    std::string host = "127.0.0.1";
+    std::optional<uint16_t> tcpPort, tlsPort;  // absent: not served; 0: the system chooses
+    std::string certificateFile, keyFile;      // empty: a self-signed certificate of its own
+    uint32_t status = 0;                       // in every answer
+};
+
+class SERVER {
+public:
+    struct OUTPUT {
+        std::function<void(const REQUEST&)> request;
+        std::function<void(const std::string&)> complaint;  // about one client, in one line
+    };
+
+    explicit SERVER(OUTPUT where);
+    ~SERVER();
+    SERVER(const SERVER&) = delete;
+    SERVER& operator=(const SERVER&) = delete;
+
+    // Begins to listen. False: error says, in one line, what could not be done.
+    bool Open(const SERVER_OPTIONS& wanted, std::string& error);
+
+    // Serves until the descriptor becomes readable. SIGPIPE must be ignored by the process.
+    void Run(int stopDescriptor);
+
+    uint16_t TcpPort() const { return tcpPort; }  // 0: not served
+    uint16_t TlsPort() const { return tlsPort; }
+
+private:
+    struct LISTENER {
+        int fd;
+        bool secure;
+    };
+
+    bool Listen(uint16_t port, bool secure, uint16_t& bound, std::string& error);
+    void Accept(const LISTENER& listener);
+    void WatchListeners(bool on);
+    void Serve(CLIENT& client);
+    void ServeBuffered();
+    void Drop(int fd);
+
+    const OUTPUT output;
+    SERVER_OPTIONS options;
+    TLS_CONTEXT tls;
+    uint16_t tcpPort = 0, tlsPort = 0;
+    int poller = -1;
+    size_t mostClients = 0;
+    bool accepting = true;
+    std::vector<LISTENER> listeners;
+    std::unordered_map<int, std::unique_ptr<CLIENT>> clients;  // by descriptor
+    std::vector<int> buffered;                                 // clients to be served again without a wake-up
+};
+
+}  // namespace keldwick_server

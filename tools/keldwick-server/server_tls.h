@@ -1,0 +1,20 @@
+// The server's side of TLS.
+#pragma once
+
+#include <openssl/ssl.h>
+
+#include <memory>
+#include <string>
+
+namespace keldwick_server {
+
+struct CONTEXT_FREER {
+    void operator()(SSL_CTX* context) const { SSL_CTX_free(context); }
+};
+using TLS_CONTEXT = std::unique_ptr<SSL_CTX, CONTEXT_FREER>;
+
+// A context for TLS 1.1 and later. certificateFile: PEM, the chain after it; empty: a new self-signed certificate, kept
+// in memory only. keyFile: PEM; empty: the key is in the certificate's file. Null, with the reason, when it cannot be.
+TLS_CONTEXT NewServerContext(const std::string& certificateFile, const std::string& keyFile, std::string& reason);
+
+}  // namespace keldwick_server
