@@ -1,0 +1,17 @@
+#include "tools/keldwickctl/failure.h"
+
+#include "platform/error_text.h"
+#include "tools/keldwickctl/commands.h"
+#include "win32/registry/store.h"
+#include "win32/text/utf.h"
+
+void FailCommand(const std::string& what, DWORD code) {
+    const std::string text = win32::ToUtf8(keldwick::ErrorText(code).View());
+    throw COMMAND_ERROR(what + ": " + (text.empty() ? "error " + std::to_string(code) : text));
+}
+
+void FailRegistry(const std::string& what, DWORD code) {
+    const std::string problem = win32::REG_STORE::Current().Problem();
+    if (code == ERROR_BADDB && !problem.empty()) throw COMMAND_ERROR(what + ": " + problem);
+    FailCommand(what, code);
+}

@@ -1,0 +1,72 @@
+// keldwickctl, the administrator's tool. Exit codes: 0 done, 1 it could not be done, 2 wrong usage.
+#include "platform/version_numbers.h"
+#include "tools/keldwickctl/commands.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <iostream>
+#include <string>
+
+namespace {
+
+constexpr int ExitDone = 0, ExitFailed = 1, ExitUsage = 2;
+
+std::string VersionText() {
+    using keldwick::VERSION_NUMBERS;
+    return "keldwickctl " + std::to_string(VERSION_NUMBERS::Major) + "." + std::to_string(VERSION_NUMBERS::Minor) +
+           "." + std::to_string(VERSION_NUMBERS::Revision) + " build " + std::to_string(VERSION_NUMBERS::Build);
+}
+
+// --root wins over KELDWICK_ROOT; without either the current folder is the machine root.
+void ChooseRoot(const std::string& root) {
+    const char* const named = std::getenv("KELDWICK_ROOT");
+    if (!root.empty()) {
+        setenv("KELDWICK_ROOT", root.c_str(), 1);
+    } else if (named == nullptr || *named == '\0') {
+        setenv("KELDWICK_ROOT", std::filesystem::current_path().c_str(), 1);
+    }
+}
+
+int Complain(std::string text, int exitCode) {
+    std::fflush(stdout);
+    while (!text.empty() && text.back() == '\n') text.pop_back();
+    std::replace(text.begin(), text.end(), '\n', ' ');
+    std::fprintf(stderr, "keldwickctl: %s\n", text.c_str());
+    return exitCode;
+}
+
+// What was said to a full disk or a closed pipe was not said.
+int Finish() {
+    std::cout.flush();
+    const bool said = std::cout.good() && std::fflush(stdout) == 0 && std::ferror(stdout) == 0;
+    return said ? ExitDone : Complain("standard output could not be written", ExitFailed);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    CLI::App app("Makes, feeds, shows and sets up a Keldwick machine root.", "keldwickctl");
+    std::string root;
+    app.add_option("--root", root, "the machine root (else KELDWICK_ROOT, else the current folder)")
+        ->type_name("DIR")
+        ->check([](const std::string& text) { return text.empty() ? "must name a folder" : ""; });
+    app.set_version_flag("--version", VersionText());
+    app.require_subcommand(1);
+    app.fallthrough();
+    app.parse_complete_callback([&] { ChooseRoot(root); });
+    try {
+        AddInitCommand(app);
+        AddSettingsCommands(app);
+        AddEventsCommands(app);
+        app.parse(argc, argv);
+        return Finish();
+    } catch (const CLI::ParseError& error) {
+        if (error.get_exit_code() != 0) return Complain(error.what(), ExitUsage);
+        app.exit(error);  // help or version
+        return Finish();
+    } catch (const std::exception& error) {  // COMMAND_ERROR, or what the machine ran out of
+        return Complain(error.what(), ExitFailed);
+    }
+}

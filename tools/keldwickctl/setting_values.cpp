@@ -1,0 +1,247 @@
+#include "tools/keldwickctl/setting_values.h"
+
+#include "win32/text/utf.h"
+
+#include <CLI/CLI.hpp>
+
+#include <charconv>
+#include <cstdio>
+#include <iterator>
+
+namespace {
+
+struct KNOWN_SETTING {
+    const char16_t* name;
+    DWORD type;
+    const char* unit;
+};
+
+constexpr KNOWN_SETTING KnownSettings[] = {
+    {u"IdentServer", REG_SZ, ""},
+    {u"IdentProtocol", REG_DWORD, ""},
+    {u"AdServer", REG_SZ, ""},
+    {u"Heartbeat", REG_DWORD, "minutes"},
+    {u"LogonTTL", REG_DWORD, "minutes"},
+    {u"Shutdown", REG_DWORD, ""},
+    {u"DebugOutput", REG_DWORD, ""},
+    {u"Statistics\\ServiceTickets", REG_DWORD, ""},
+    {u"Statistics\\Logons", REG_DWORD, ""},
+    {u"Linux\\NameLookupTimeout", REG_DWORD, "milliseconds"},
+    {u"Linux\\OsMajor", REG_DWORD, ""},
+    {u"Linux\\OsMinor", REG_DWORD, ""},
+    {u"Linux\\OsBuild", REG_DWORD, ""},
+    {u"Linux\\OsProductType", REG_DWORD, ""},
+    {u"Linux\\OsServicePack", REG_DWORD, ""},
+};
+
+struct TYPE_WORD {
+    DWORD type;
+    const char* word;
+};
+
+constexpr TYPE_WORD Types[] = {{REG_SZ, "sz"},         {REG_DWORD, "dword"},       {REG_QWORD, "qword"},
+                               {REG_BINARY, "binary"}, {REG_MULTI_SZ, "multi_sz"}, {REG_EXPAND_SZ, "expand_sz"}};
+
+constexpr const char* ProtocolWords[] = {"auto", "tcps", "tcp"};  // by their number
+
+const KNOWN_SETTING* Known(std::u16string_view name) {
+    for (const KNOWN_SETTING& setting : KnownSettings) {
+        if (win32::SameName(setting.name, name)) return &setting;
+    }
+    return nullptr;
+}
+
+[[noreturn]] void Misfit(std::u16string_view name, const std::string& reason) {
+    throw CLI::ValidationError(win32::ToUtf8(name), reason);
+}
+
+// Decimal, or hexadecimal behind 0x.
+std::optional<uint64_t> ParseNumber(std::string_view text) {
+    const bool hex = text.starts_with("0x") || text.starts_with("0X");
+    if (hex) text.remove_prefix(2);
+    uint64_t number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number, hex ? 16 : 10);
+    if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
+    return number;
+}
+
+std::vector<BYTE> LittleEndian(uint64_t number, size_t bytes) {
+    std::vector<BYTE> data;
+    for (size_t i = 0; i < bytes; ++i) data.push_back(static_cast<BYTE>(number >> 8 * i));
+    return data;
+}
+
+uint64_t NumberOf(const std::vector<BYTE>& data) {
+    uint64_t number = 0;
+    for (size_t i = data.size(); i-- > 0;) number = number << 8 | data[i];
+    return number;
+}
+
+bool IsNumber(const win32::REG_VALUE& value) {
+    return (value.type == REG_DWORD && value.data.size() == 4) || (value.type == REG_QWORD && value.data.size() == 8);
+}
+
+std::vector<BYTE> ParseNumberSetting(std::u16string_view name, const std::string& text, DWORD type) {
+    std::optional<uint64_t> number = ParseNumber(text);
+    if (!number && win32::SameName(name, u"IdentProtocol")) number = ProtocolNumber(text);
+    const bool fits = number && (type == REG_QWORD || *number <= MAXDWORD);
+    if (!fits) {
+        const bool protocol = win32::SameName(name, u"IdentProtocol");
+        Misfit(name, "takes " + std::string(protocol ? "auto, tcps, tcp or " : "") + "a number of at most " +
+                         (type == REG_QWORD ? "64" : "32") + " bits, not \"" + text + "\"");
+    }
+    return LittleEndian(*number, type == REG_QWORD ? 8 : 4);
+}
+
+// Pairs of hexadecimal digits; blanks and commas between the pairs do not count.
+std::vector<BYTE> ParseBytes(std::u16string_view name, const std::string& text) {
+    std::vector<BYTE> data;
+    for (size_t at = 0; at < text.size();) {
+        if (text[at] == ' ' || text[at] == ',') {
+            ++at;
+            continue;
+        }
+        BYTE byte = 0;
+        const char* const end = text.data() + std::min(at + 2, text.size());
+        const auto [stop, error] = std::from_chars(text.data() + at, end, byte, 16);
+        if (error != std::errc() || stop != text.data() + at + 2) {
+            Misfit(name, "takes pairs of hexadecimal digits, not \"" + text + "\"");
+        }
+        data.push_back(byte);
+        at += 2;
+    }
+    return data;
+}
+
+std::vector<BYTE> ParseTexts(std::u16string_view name, const std::vector<std::string>& texts) {
+    std::u16string joined;
+    for (const std::string& text : texts) {
+        if (text.empty()) Misfit(name, "of type multi_sz cannot hold an empty text");
+        joined += FromArgument(text) + u'\0';
+    }
+    return win32::TextBytes(joined);
+}
+
+std::vector<std::u16string> TextsOf(const std::vector<BYTE>& data) {
+    std::vector<std::u16string> texts;
+    for (size_t at = 0; at + 1 < data.size();) {
+        texts.push_back(win32::BytesText({data.begin() + static_cast<ptrdiff_t>(at), data.end()}));
+        at += (texts.back().size() + 1) * 2;
+    }
+    if (!texts.empty() && texts.back().empty()) texts.pop_back();
+    return texts;
+}
+
+std::string HexOf(const std::vector<BYTE>& data) {
+    std::string hex;
+    char digits[3];
+    for (const BYTE byte : data) {
+        std::snprintf(digits, sizeof digits, "%02x", byte);
+        hex += digits;
+    }
+    return hex;
+}
+
+// A terminal must not obey what somebody wrote into a value.
+std::string WithoutControls(const std::string& text) {
+    std::string safe;
+    for (const char c : text) {
+        char escaped[5];
+        const auto unit = static_cast<unsigned char>(c);
+        std::snprintf(escaped, sizeof escaped, "\\x%02x", unit);
+        safe += unit < 0x20 || unit == 0x7F ? escaped : std::string(1, c);
+    }
+    return safe;
+}
+
+}  // namespace
+
+const win32::REG_PATH& SettingsPath() {
+    static const win32::REG_PATH path{u"HKEY_LOCAL_MACHINE", u"SOFTWARE", u"Vantorel Systems", u"Keldwick"};
+    return path;
+}
+
+std::optional<DWORD> SettingType(std::u16string_view name) {
+    const KNOWN_SETTING* const setting = Known(name);
+    return setting != nullptr ? std::optional(setting->type) : std::nullopt;
+}
+
+std::string TypeWord(DWORD type) {
+    for (const TYPE_WORD& entry : Types) {
+        if (entry.type == type) return entry.word;
+    }
+    char number[16];
+    std::snprintf(number, sizeof number, "type %#x", type);
+    return number;
+}
+
+std::optional<DWORD> TypeOfWord(std::string_view word) {
+    for (const TYPE_WORD& entry : Types) {
+        if (entry.word == word) return entry.type;
+    }
+    return std::nullopt;
+}
+
+const std::vector<std::string>& TypeWords() {
+    static const std::vector<std::string> words = [] {
+        std::vector<std::string> all;
+        for (const TYPE_WORD& entry : Types) all.emplace_back(entry.word);
+        return all;
+    }();
+    return words;
+}
+
+std::optional<DWORD> ProtocolNumber(std::string_view word) {
+    for (DWORD number = 0; number < std::size(ProtocolWords); ++number) {
+        if (win32::SameName(win32::ToUtf16(word), win32::ToUtf16(ProtocolWords[number]))) return number;
+    }
+    return std::nullopt;
+}
+
+SETTING_DATA NumberSetting(DWORD number) { return {REG_DWORD, LittleEndian(number, 4)}; }
+
+SETTING_DATA ParseSetting(std::u16string_view name, const std::vector<std::string>& texts, DWORD type) {
+    if (type == REG_MULTI_SZ) return {type, ParseTexts(name, texts)};
+    if (texts.size() != 1) Misfit(name, "takes one value");
+    const std::string& text = texts.front();
+    if (type == REG_DWORD || type == REG_QWORD) return {type, ParseNumberSetting(name, text, type)};
+    if (type == REG_SZ || type == REG_EXPAND_SZ) return {type, win32::TextBytes(FromArgument(text))};
+    return {type, ParseBytes(name, text)};
+}
+
+std::string ShowValue(const win32::REG_VALUE& value) {
+    if (IsNumber(value)) return std::to_string(NumberOf(value.data));
+    if (value.type == REG_SZ || value.type == REG_EXPAND_SZ) return win32::ToUtf8(win32::BytesText(value.data));
+    if (value.type != REG_MULTI_SZ) return HexOf(value.data);
+    std::string lines;
+    for (const std::u16string& text : TextsOf(value.data)) lines += (lines.empty() ? "" : "\n") + win32::ToUtf8(text);
+    return lines;
+}
+
+std::string ExplainValue(std::u16string_view name, const win32::REG_VALUE& value) {
+    std::string text;
+    if (value.type == REG_MULTI_SZ) {
+        for (const std::u16string& item : TextsOf(value.data))
+            text += (text.empty() ? "" : " | ") + win32::ToUtf8(item);
+    } else {
+        text = ShowValue(value);
+    }
+    if (IsNumber(value)) {
+        const KNOWN_SETTING* const setting = Known(name);
+        const uint64_t number = NumberOf(value.data);
+        char hex[24];
+        std::snprintf(hex, sizeof hex, " (%#llx)", static_cast<unsigned long long>(number));
+        if (setting != nullptr && *setting->unit != '\0') text += std::string(" (") + setting->unit + ")";
+        if (win32::SameName(name, u"DebugOutput")) text += hex;
+        if (win32::SameName(name, u"IdentProtocol")) {
+            text += std::string(" (") + ProtocolWords[number < std::size(ProtocolWords) ? number : 0] + ")";
+        }
+    }
+    return WithoutControls(text);
+}
+
+std::u16string FromArgument(const std::string& text) {
+    std::u16string wide = win32::ToUtf16(text);
+    if (win32::ToUtf8(wide) != text) throw CLI::ValidationError("text", "is not UTF-8");
+    return wide;
+}

@@ -1,0 +1,42 @@
+// The values of the settings key as an administrator writes and reads them.
+#pragma once
+
+#include "win32/registry/tree.h"
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+struct SETTING_DATA {
+    DWORD type;
+    std::vector<BYTE> bytes;
+};
+
+const win32::REG_PATH& SettingsPath();  // HKEY_LOCAL_MACHINE\SOFTWARE\Vantorel Systems\Keldwick
+
+// The type that a value of this name has ("Heartbeat", "Linux\OsMajor"); nothing for a name that is not known.
+std::optional<DWORD> SettingType(std::u16string_view name);
+
+// "sz", "dword" ...; the number in hexadecimal for a type without a word.
+std::string TypeWord(DWORD type);
+std::optional<DWORD> TypeOfWord(std::string_view word);
+const std::vector<std::string>& TypeWords();
+
+// "auto", "tcps", "tcp" in any case.
+std::optional<DWORD> ProtocolNumber(std::string_view word);
+
+SETTING_DATA NumberSetting(DWORD number);
+
+// Texts as data of a type; only multi_sz takes other than one text. Throws CLI::ValidationError when they do not fit.
+SETTING_DATA ParseSetting(std::u16string_view name, const std::vector<std::string>& texts, DWORD type);
+
+// The value alone, as a script wants it: a text as it is, a number in decimal, bytes in hexadecimal, the texts of a
+// multi_sz one a line.
+std::string ShowValue(const win32::REG_VALUE& value);
+
+// The value for a person, on one line, without control characters: with its unit or the word for it.
+std::string ExplainValue(std::u16string_view name, const win32::REG_VALUE& value);
+
+// Text of the command line, which must be UTF-8. Throws CLI::ValidationError.
+std::u16string FromArgument(const std::string& text);
