@@ -1,0 +1,39 @@
+// Runs the built keldwickctl as a user would.
+#pragma once
+
+#include "tests/support/temporary_root.h"
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+struct OUTCOME {
+    int exitCode = -1;  // -1: it did not end by itself
+    std::string out, error;
+};
+
+inline OUTCOME RunKeldwickctl(const TEMPORARY_ROOT& root, const std::vector<std::string>& words) {
+    std::string program = KELDWICK_BIN "/keldwickctl";
+    const std::string out = root.Path("stdout.txt"), error = root.Path("stderr.txt");
+    std::vector<char*> arguments{program.data()};
+    for (const std::string& word : words) arguments.push_back(const_cast<char*>(word.c_str()));
+    arguments.push_back(nullptr);
+    posix_spawn_file_actions_t files;
+    posix_spawn_file_actions_init(&files);
+    posix_spawn_file_actions_addopen(&files, 0, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_addopen(&files, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    posix_spawn_file_actions_addopen(&files, 2, error.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    OUTCOME outcome;
+    pid_t child = -1;
+    int status = 0;
+    const bool ran = posix_spawn(&child, program.c_str(), &files, nullptr, arguments.data(), environ) == 0;
+    if (ran && waitpid(child, &status, 0) == child && WIFEXITED(status)) outcome.exitCode = WEXITSTATUS(status);
+    posix_spawn_file_actions_destroy(&files);
+    outcome.out = root.Read("stdout.txt");
+    outcome.error = root.Read("stderr.txt");
+    return outcome;
+}
