@@ -18,6 +18,7 @@ namespace keldwick {
 
 namespace {
 
+constexpr HRESULT PropertyNotFound = static_cast<HRESULT>(0x8000500D);  // E_ADS_PROPERTY_NOT_FOUND
 constexpr const WCHAR* MemberOf = TEXT("memberOf");
 constexpr const WCHAR* PrimaryGroupId = TEXT("primaryGroupID");
 constexpr const WCHAR* ObjectSid = TEXT("objectSid");
@@ -36,7 +37,7 @@ public:
     bool Read(IADs* object, const WCHAR* dn) {
         const COM_STRING attribute(MemberOf);
         const HRESULT hr = object->GetEx(attribute.Get(), values.Put());
-        if (hr == E_ADS_PROPERTY_NOT_FOUND) return true;
+        if (hr == PropertyNotFound) return true;
         if (FAILED(hr)) {
             DebugPrintMasked(
                 DEBUG_AD,
