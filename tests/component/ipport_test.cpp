@@ -1,0 +1,246 @@
+#include "component/ipport.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <thread>
+
+#include "names.h"
+#include "peer.h"
+#include "recorder.h"
+#include "win32/sockets/lookup_threads.h"
+
+namespace {
+
+using namespace keldwick;
+using CLIENT = EVENT_RECORDER<IPPort>;
+
+// A client connected to a peer.
+struct CONNECTED {
+    LISTENING listening;
+    CLIENT client;
+    ACCEPTED peer;
+
+    CONNECTED() : peer(Establish()) {}
+
+private:
+    ACCEPTED Establish() {
+        client.SetTimeout(20);
+        EXPECT_EQ(0, client.Connect("127.0.0.1", listening.Port()));
+        EXPECT_TRUE(client.Await("ReadyToSend"));
+        EXPECT_EQ(Open, client.events);
+        return listening.Accept();
+    }
+};
+
+int Send(IPPort& client, const std::string& text) { return client.Send(text.data(), static_cast<int>(text.size())); }
+
+TEST(PlainConnection, CarriesBytesBothWaysAndIsQuietInBetween) {
+    CONNECTED pair;
+    EXPECT_TRUE(pair.client.Idle());
+    EXPECT_EQ(0, Send(pair.client, "request"));
+    EXPECT_EQ("request", pair.peer.Hear(7));
+    EXPECT_TRUE(pair.client.Idle());
+    pair.peer.Say("answer");
+    EXPECT_TRUE(pair.client.AwaitBytes(6));
+    EXPECT_EQ("answer", pair.client.received);
+    EXPECT_TRUE(pair.client.Idle());
+    EXPECT_EQ(Open + EVENTS{"DataIn"}, pair.client.events);
+    pair.client.Disconnect();
+    pair.client.Disconnect();
+    EXPECT_EQ(Open + EVENTS({"DataIn", "Disconnected 0"}), pair.client.events);
+    EXPECT_EQ("", pair.peer.Hear(1)) << "the peer sees the close";
+    EXPECT_EQ(NotConnected, Send(pair.client, "x"));
+    EXPECT_STREQ("Not connected.", pair.client.LastErrorText());
+}
+
+TEST(PlainConnection, AttemptsThatCannotSucceedEndInOneEvent) {
+    LISTENING closed;
+    const int port = closed.Port();
+    closed.Close();
+    struct CASE {
+        const char* host;
+        int port;
+        int status;
+    };
+    const CASE cases[] = {{"127.0.0.1", port, Refused},           {"[127.0.0.1]", port, Refused},
+                          {"nobody.example", port, HostNotFound}, {"", port, AddressInvalid},
+                          {nullptr, port, AddressInvalid},        {"127.0.0.1", 0, AddressInvalid},
+                          {"127.0.0.1", 65536, AddressInvalid}};
+    CLIENT client;
+    for (const CASE& c : cases) {
+        SCOPED_TRACE(std::string(c.host != nullptr ? c.host : "null") + " " + std::to_string(c.port));
+        client.events.clear();
+        client.texts.clear();
+        client.Connect(c.host, c.port);
+        EXPECT_TRUE(client.events.empty()) << "events come from ProcessEvents";
+        ASSERT_TRUE(client.Await("Connected"));
+        EXPECT_EQ(EVENTS{"Connected " + std::to_string(c.status)}, client.events);
+        EXPECT_EQ(client.texts.front(), client.LastErrorText());
+        EXPECT_EQ('.', client.texts.front().back());
+        EXPECT_TRUE(client.Idle());
+    }
+}
+
+TEST(PlainConnection, ACloseIsSeenBeforeTheNextSendAndNothingBeforeItIsLost) {
+    struct CASE {
+        const char* name;
+        std::string last;  // what the peer still says
+        bool reset;
+        EVENTS events;
+    };
+    const CASE cases[] = {{"closed", "", false, {"Disconnected 0"}},
+                          {"last words, then closed", "bye", false, {"DataIn", "Disconnected 0"}},
+                          {"reset", "", true, {"Disconnected 10054"}}};
+    for (const CASE& c : cases) {
+        SCOPED_TRACE(c.name);
+        CONNECTED pair;
+        if (!c.last.empty()) pair.peer.Say(c.last);
+        c.reset ? pair.peer.Reset() : pair.peer.Close();
+        EXPECT_EQ(Reset, Send(pair.client, "request"));
+        EXPECT_EQ(Open + c.events, pair.client.events);
+        EXPECT_EQ(c.last, pair.client.received);
+        EXPECT_NE("", std::string(pair.client.LastErrorText()));
+        EXPECT_TRUE(pair.client.Idle());
+        pair.client.ProcessEvents();
+        EXPECT_EQ(Open + c.events, pair.client.events) << "said once";
+    }
+}
+
+TEST(PlainConnection, ACloseWakesTheWaiterAfterTheBytesBeforeIt) {
+    for (const bool reset : {false, true}) {
+        CONNECTED pair;
+        pair.peer.Say("half an ans");
+        reset ? pair.peer.Reset() : pair.peer.Close();
+        ASSERT_TRUE(pair.client.Await("Disconnected"));
+        EXPECT_EQ("half an ans", pair.client.received);
+        EXPECT_EQ(Open + EVENTS({"DataIn", reset ? "Disconnected 10054" : "Disconnected 0"}), pair.client.events);
+    }
+}
+
+TEST(PlainConnection, ASendThatFindsNoRoomWithinTheTimeOutEndsTheConnection) {
+    CONNECTED pair;
+    pair.client.SetTimeout(1);
+    EXPECT_EQ(TimedOut, Send(pair.client, std::string(64 << 20, 'x')));
+    EXPECT_EQ(Open + EVENTS{"Disconnected 10060"}, pair.client.events);
+    EXPECT_EQ(NotConnected, Send(pair.client, "x"));
+}
+
+TEST(PlainConnection, ASendLargerThanTheBuffersWaitsForThePeerToRead) {
+    CONNECTED pair;
+    const std::string large(32 << 20, 'x');
+    std::string heard;
+    std::thread reader([&] { heard = pair.peer.Hear(large.size()); });
+    EXPECT_EQ(0, Send(pair.client, large));
+    reader.join();
+    EXPECT_TRUE(heard == large);
+}
+
+TEST(PlainConnection, APeerThatResetsWhileItIsSentToIsAnErrorAndNoSignal) {
+    CONNECTED pair;
+    std::thread resetter([&] {
+        pair.peer.Hear(1);
+        pair.peer.Reset();
+    });
+    EXPECT_EQ(Reset, Send(pair.client, std::string(64 << 20, 'x')));
+    resetter.join();
+    EXPECT_EQ(Open + EVENTS{"Disconnected 10054"}, pair.client.events);
+}
+
+TEST(PlainConnection, EveryAddressOfANameIsTriedAndASilentOneLeavesTimeForTheNext) {
+    const LISTENING silent("127.0.0.2", 0, 0);
+    const LISTENING good("127.0.0.1", silent.Port());
+    std::vector<std::unique_ptr<CLIENT>> fillers;  // until the kernel drops what else arrives at the silent one
+    for (int i = 0; i < 2; ++i) {
+        fillers.push_back(std::make_unique<CLIENT>());
+        fillers.back()->Connect("127.0.0.2", silent.Port());
+    }
+    knownNames["several.example"] = {"127.0.0.3", "127.0.0.2", "127.0.0.1"};  // refused, silent, good
+    CLIENT client;
+    client.SetTimeout(2);
+    EXPECT_EQ(0, client.Connect("several.example", good.Port()));
+    ASSERT_TRUE(client.Await("ReadyToSend")) << testing::PrintToString(client.texts);
+    EXPECT_EQ(Open, client.events);
+    ACCEPTED peer = good.Accept();
+    EXPECT_EQ(0, Send(client, "x"));
+    EXPECT_EQ("x", peer.Hear(1));
+
+    knownNames["several.example"] = {"127.0.0.3", "127.0.0.4"};
+    CLIENT other;
+    other.Connect("several.example", good.Port());
+    ASSERT_TRUE(other.Await("Connected"));
+    EXPECT_EQ(EVENTS{"Connected 10061"}, other.events);
+}
+
+TEST(PlainConnection, AHangingNameServerHoldsUpNobodyAndIsBounded) {
+    {
+        CLIENT client;
+        client.SetTimeout(1);
+        EXPECT_EQ(0, client.Connect("hang.example", 1306));
+        client.ProcessEvents();
+        EXPECT_TRUE(client.events.empty());
+        ASSERT_TRUE(client.Await("Connected"));
+        EXPECT_EQ(EVENTS{"Connected 11002"}, client.events);
+        for (int i = 1; i < win32::MostLookups; ++i) {
+            EXPECT_EQ(0, client.Connect("hang.example", 1306));
+            client.Disconnect();
+        }
+        EXPECT_EQ(TryAgain, client.Connect("hang.example", 1306)) << "no more threads";
+        client.events.clear();
+        ASSERT_TRUE(client.Await("Connected"));
+        EXPECT_EQ(EVENTS{"Connected 11002"}, client.events);
+        LISTENING listening;
+        client.events.clear();
+        client.Connect("127.0.0.1", listening.Port());
+        ASSERT_TRUE(client.Await("ReadyToSend")) << "an address needs no name server";
+    }  // the client goes while its look-ups hang
+    ReviveNameServer();
+    EXPECT_EQ(0, HangingLookups());
+}
+
+TEST(PlainConnection, HandlersMayDisconnectAndConnectAgain) {
+    CONNECTED pair;
+    const std::string sent(100'000, 'x');
+    pair.client.onEvent = [&](const std::string& event) {
+        if (event == "DataIn") pair.client.Disconnect();
+        if (event.starts_with("Disconnected")) pair.client.Connect("127.0.0.1", pair.listening.Port());
+    };
+    pair.peer.Say(sent);
+    ASSERT_TRUE(pair.client.Await("Disconnected"));
+    EXPECT_LT(pair.client.received.size(), sent.size()) << "nothing is delivered after the disconnect";
+    pair.client.onEvent = nullptr;
+    pair.client.events.clear();
+    ASSERT_TRUE(pair.client.Await("ReadyToSend"));
+    EXPECT_EQ(Open, pair.client.events);
+    ACCEPTED second = pair.listening.Accept();
+    pair.client.onEvent = [&](const std::string& event) {
+        if (event == "DataIn") {
+            EXPECT_EQ(0, Send(pair.client, "echo"));
+        }
+    };
+    second.Say("hello");
+    ASSERT_TRUE(pair.client.Await("DataIn"));
+    EXPECT_EQ("echo", second.Hear(4));
+}
+
+TEST(PlainConnection, ANewAttemptDropsTheOldConnectionWithoutAWord) {
+    CONNECTED pair;
+    pair.peer.Say("stale");
+    pair.client.events.clear();
+    pair.client.Connect("127.0.0.1", pair.listening.Port());
+    ASSERT_TRUE(pair.client.Await("ReadyToSend"));
+    EXPECT_EQ(Open, pair.client.events);
+    EXPECT_EQ("", pair.client.received);
+}
+
+TEST(PlainConnection, AFloodOfBytesIsDeliveredInTurns) {
+    CONNECTED pair;
+    const std::string flood(8 << 20, 'x');
+    std::thread writer([&] { pair.peer.Say(flood); });
+    EXPECT_TRUE(pair.client.AwaitBytes(flood.size()));
+    writer.join();
+    EXPECT_TRUE(pair.client.received == flood);
+    EXPECT_TRUE(pair.client.Idle());
+}
+
+}  // namespace

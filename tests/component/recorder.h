@@ -1,0 +1,79 @@
+// A client whose events are written down, and that is driven by its event handle alone.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "component/ipport.h"
+
+// Winsock's numbers; winsock2.h would replace the C library's calls, which the peers use.
+constexpr int AddressInvalid = 10022, Aborted = 10053, Reset = 10054, NotConnected = 10057, TimedOut = 10060,
+              Refused = 10061, HostNotFound = 11001, TryAgain = 11002;
+
+template <typename BASE>
+class EVENT_RECORDER : public BASE {
+public:
+    std::vector<std::string> events;
+    std::vector<std::string> texts;  // descriptions, in the order of the events that carry one
+    std::string received;            // of all DataIn events
+    std::function<void(const std::string&)> onEvent;
+
+    int FireConnected(int status, const char* text) override {
+        return Note("Connected " + std::to_string(status), text);
+    }
+    int FireDataIn(const BYTE* bytes, int count) override {
+        received.append(reinterpret_cast<const char*>(bytes), static_cast<size_t>(count));
+        return Note("DataIn");
+    }
+    int FireDisconnected(int status, const char* text) override {
+        return Note("Disconnected " + std::to_string(status), text);
+    }
+    int FireError(int code, const char* text) override { return Note("Error " + std::to_string(code), text); }
+    int FireReadyToSend() override { return Note("ReadyToSend"); }
+
+    // Lets events through until one begins so. Nothing moves on but by the handle.
+    bool Await(const std::string& wanted) {
+        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(15);
+        while (!Seen(wanted)) {
+            const auto left =
+                std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+            if (left.count() <= 0) return false;
+            if (WaitForSingleObject(this->EventHandle(), static_cast<DWORD>(left.count())) != WAIT_OBJECT_0)
+                return false;
+            this->ProcessEvents();
+        }
+        return true;
+    }
+    bool AwaitBytes(size_t count) {
+        while (received.size() < count) {
+            if (WaitForSingleObject(this->EventHandle(), 15'000) != WAIT_OBJECT_0) return false;
+            this->ProcessEvents();
+        }
+        return true;
+    }
+    bool Seen(const std::string& wanted) const {
+        for (const std::string& event : events)
+            if (event.starts_with(wanted)) return true;
+        return false;
+    }
+    bool Idle() { return WaitForSingleObject(this->EventHandle(), 0) == WAIT_TIMEOUT; }
+
+protected:
+    int Note(const std::string& event, const char* text = nullptr) {
+        events.push_back(event);
+        if (text != nullptr) texts.emplace_back(text);
+        if (onEvent) onEvent(event);
+        return 0;
+    }
+};
+
+using EVENTS = std::vector<std::string>;
+inline const EVENTS Open = {"Connected 0", "ReadyToSend"};
+inline EVENTS operator+(EVENTS a, const EVENTS& b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
