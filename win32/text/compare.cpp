@@ -31,12 +31,13 @@ public:
         if (quick) RankAscii();
     }
 
-    int Compare(std::u16string_view a, std::u16string_view b, bool ignoreCase) const {
-        if (a == b) return 0;
+    int Compare(LPCWSTR a, LPCWSTR b, bool ignoreCase) const {
         int result = 0;
         if (quick && CompareQuickly(a, b, ignoreCase, result)) return result;
-        if (ignoreCase) return Collate(win32::FoldName(a), win32::FoldName(b));
-        return Collate(a, b);
+        const std::u16string_view textA(a);
+        const std::u16string_view textB(b);
+        if (textA == textB) return 0;
+        return ignoreCase ? Collate(win32::FoldName(textA), win32::FoldName(textB)) : Collate(textA, textB);
     }
 
     // Bytes that are equal for texts that compare equal; their number is given even where `room` is too small.
@@ -74,23 +75,21 @@ private:
         for (char16_t unit = u'A'; unit <= u'Z'; ++unit) rank[unit] = rank[Lower(unit)];
     }
 
+    unsigned char Rank(char16_t unit) const { return unit < rank.size() ? rank[unit] : 0; }
+
+    bool IsRanked(LPCWSTR text) const {
+        while (Rank(*text) != 0) ++text;
+        return *text == 0;
+    }
+
     // False: a unit outside printable ASCII was met, so that only the collator can tell.
-    bool CompareQuickly(std::u16string_view a, std::u16string_view b, bool ignoreCase, int& result) const {
-        const auto isRanked = [&](char16_t unit) { return unit < rank.size() && rank[unit] != 0; };
-        if (!std::all_of(a.begin(), a.end(), isRanked) || !std::all_of(b.begin(), b.end(), isRanked)) return false;
-        const size_t common = std::min(a.size(), b.size());
-        int caseOrder = 0;
-        for (size_t i = 0; i < common; ++i) {
-            if (rank[a[i]] != rank[b[i]]) {
-                result = rank[a[i]] < rank[b[i]] ? -1 : 1;
-                return true;
-            }
-            if (caseOrder == 0 && a[i] != b[i]) caseOrder = a[i] > b[i] ? -1 : 1;  // small letters first
-        }
-        if (a.size() != b.size())
-            result = a.size() < b.size() ? -1 : 1;
-        else
-            result = ignoreCase ? 0 : caseOrder;
+    bool CompareQuickly(LPCWSTR a, LPCWSTR b, bool ignoreCase, int& result) const {
+        int caseOrder = 0;  // of the first letters that differ in case alone: small letters come first
+        for (; Rank(*a) != 0 && Rank(*a) == Rank(*b); ++a, ++b)
+            if (caseOrder == 0 && *a != *b) caseOrder = *a > *b ? -1 : 1;
+        if (!IsRanked(a) || !IsRanked(b)) return false;
+        const int order = Rank(*a) - Rank(*b);  // the end of a text comes before every unit
+        result = order != 0 ? (order < 0 ? -1 : 1) : ignoreCase ? 0 : caseOrder;
         return true;
     }
 
