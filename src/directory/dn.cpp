@@ -1,5 +1,7 @@
 #include "directory/dn.h"
 
+#include <utility>
+
 namespace keldwick {
 
 namespace {
@@ -33,8 +35,9 @@ void DnToOu(const WCHAR* dn, STRING& ou) {
     if (units == 0) return;
     STRING path(units - 1);  // without a period behind the last
     WCHAR* to = path.Buffer();
-    ForEachOu(dn, [&to, start = to](TEXT_VIEW value) {
-        if (to != start) *to++ = TEXT('.');
+    bool first = true;
+    ForEachOu(dn, [&](TEXT_VIEW value) {
+        if (!std::exchange(first, false)) *to++ = TEXT('.');
         to += value.copy(to, value.size());
     });
     ou = std::move(path);

@@ -1,0 +1,260 @@
+#include <gtest/gtest.h>
+
+#include "directory/directory_object.h"
+#include "directory/dn.h"
+#include "directory/groups.h"
+#include "directory/name_translation.h"
+#include "platform/error_text.h"
+#include "tests/support/debug_lines.h"
+#include "tests/support/fail_call.h"
+#include "tests/support/fake_directory.h"
+
+WRAP_CALL(BSTR, SysAllocString, (const OLECHAR* text), (text))
+
+namespace keldwick {
+
+namespace {
+
+using LINES = std::vector<std::string>;
+
+// S-1-5-21-1-2-3-1104
+const std::string UserSid("\1\5\0\0\0\0\0\5\x15\0\0\0\1\0\0\0\2\0\0\0\3\0\0\0\x50\4\0\0", 28);
+
+class DIRECTORY_TEST : public testing::Test {
+protected:
+    void AddUser(const FAKE_DIRECTORY::OBJECT& user) {
+        directory.names[{ADS_NAME_TYPE_NT4, u"CORP\\ann", ADS_NAME_TYPE_1779}] = u"CN=Ann";
+        directory.objects[u"LDAP://CN=Ann"] = user;
+    }
+    void AddGroupObject(const std::u16string& name, const std::vector<std::u16string>& memberOf) {
+        directory.names[{ADS_NAME_TYPE_1779, u"CN=" + name, ADS_NAME_TYPE_NT4}] = u"CORP\\" + name;
+        directory.objects[u"LDAP://CN=" + name] = {.memberOf = memberOf};
+    }
+    // "DOMAIN=DN" of each entry.
+    static LINES Listed(const GROUP_LIST& list) {
+        LINES entries;
+        for (const GROUP& group : list)
+            entries.push_back(std::string(STRING_UTF8(group.domain).Text()) + "=" + STRING_UTF8(group.dn).Text());
+        return entries;
+    }
+
+    DEBUG_LINES lines{DEBUG_VERBOSE | DEBUG_AD};
+    FAKE_DIRECTORY directory;
+    GROUP_LIST list;
+};
+
+TEST_F(DIRECTORY_TEST, GroupsComeDepthFirstWithThePrimaryGroupBeforeAllAndCirclesEnd) {
+    AddUser({.memberOf = {u"CN=A", u"CN=C"}, .primaryGroupId = 513, .sid = UserSid});
+    directory.names[{ADS_NAME_TYPE_SID_OR_SID_HISTORY_NAME, u"S-1-5-21-1-2-3-513", ADS_NAME_TYPE_1779}] = u"CN=Users";
+    AddGroupObject(u"Users", {});
+    AddGroupObject(u"A", {u"CN=B", u"cn=a"});
+    AddGroupObject(u"B", {u"CN=A"});
+    AddGroupObject(u"C", {u"CN=B"});
+    EXPECT_TRUE(GetGroups(u"CORP\\ann", list, nullptr));
+    EXPECT_EQ((LINES{"CORP\\Users=CN=Users", "CORP\\A=CN=A", "CORP\\B=CN=B", "CORP\\C=CN=C"}), Listed(list));
+    EXPECT_EQ(0, directory.live);
+    const LINES written = lines.Take();
+    for (const char* line :
+         {"Getting groups for \"CN=Ann\"", "GetPrimaryGroup: DN = \"CN=Users\".",
+          "AddGroup:\n    Domain = \"CORP\\A\",\n    DN = \"CN=A\"", "AddGroup: \"CN=A\" already in list; ignoring",
+          "AddGroup: \"cn=a\" already in list; ignoring", "AddGroup: \"CN=B\" already in list; ignoring",
+          "Translated NT name \"CORP\\ann\" to Distinguished name \"CN=Ann\""})
+        EXPECT_EQ(1u, DEBUG_LINES::Count(written, line)) << line;
+}
+
+TEST_F(DIRECTORY_TEST, AUserWithoutAnyGroupHasAnEmptyListAndNoFailure) {
+    AddUser({});
+    EXPECT_TRUE(GetGroups(u"CORP\\ann", list, nullptr));
+    EXPECT_EQ(0u, list.Count());
+}
+
+TEST_F(DIRECTORY_TEST, AGroupThatCannotBeOpenedFailsTheWalkButStaysListed) {
+    AddUser({.memberOf = {u"CN=Gone/West"}, .single = true});
+    EXPECT_FALSE(GetGroups(u"CORP\\ann", list, nullptr));
+    EXPECT_EQ((LINES{"=CN=Gone/West"}), Listed(list));
+    EXPECT_EQ(0, directory.live);
+    const std::string text = STRING_UTF8(DirectoryErrorText(E_ADS_BAD_PATHNAME)).Text();
+    EXPECT_EQ(1u, DEBUG_LINES::Count(lines.Take(),
+                                     "ADsOpenObject failed:\n    Group DN = \"CN=Gone/West\"\n    Group DN escaped = "
+                                     "\"CN=Gone\\/West\"\n    " +
+                                         text + ". Error code = 0x80005000."));
+}
+
+TEST_F(DIRECTORY_TEST, NestingDeeperThanAnyStackIsWalked) {
+    constexpr int depth = 20000;
+    AddUser({.memberOf = {u"CN=0"}});
+    std::u16string name = u"0";
+    for (int i = 1; i <= depth; ++i) {
+        std::u16string inner;
+        for (const char digit : std::to_string(i)) inner += static_cast<char16_t>(digit);
+        AddGroupObject(name, {u"CN=" + inner});
+        name = inner;
+    }
+    AddGroupObject(name, {});
+    EXPECT_TRUE(GetGroups(u"CORP\\ann", list, nullptr));
+    EXPECT_EQ(depth + 1u, list.Count());
+}
+
+TEST_F(DIRECTORY_TEST, APrimaryGroupThatCannotBeFoundSaysWhyAndIsLeftOut) {
+    struct CASE {
+        const char* name;
+        FAKE_DIRECTORY::OBJECT user;
+        const char* line;
+    };
+    FAKE_DIRECTORY::OBJECT wrongType{.primaryGroupId = 513, .sid = UserSid, .sidType = VT_I4};
+    const CASE cases[] = {
+        {"no primaryGroupID",
+         {.sid = UserSid},
+         "GetPrimaryGroup: Unable to get \"primaryGroupID\" property for \"CN=Ann\".\n    The Active Directory "
+         "property "
+         "cannot be found in the cache. Error code = 0x8000500d."},
+        {"no objectSid",
+         {.primaryGroupId = 513},
+         "GetPrimaryGroup: Unable to get \"objectSid\" property for \"CN=Ann\".\n    Property not found. Error code = "
+         "0x8000500d."},
+        {"objectSid is a number", wrongType, "AddObjectGroups: Unexpected VARIANT type = 0x3"},
+        {"SID cut short",
+         {.primaryGroupId = 513, .sid = UserSid.substr(0, 27)},
+         "GetPrimaryGroup: Unable to convert primary group SID to a string."},
+        {"SID states more than it has",
+         {.primaryGroupId = 513, .sid = std::string("\1\xFF\0\0\0\0\0\5", 8)},
+         "GetPrimaryGroup: Unable to convert primary group SID to a string."},
+        {"unknown SID",
+         {.primaryGroupId = -1, .sid = UserSid},
+         "GetPrimaryGroup: Unable to convert SID \"S-1-5-21-1-2-3-4294967295\" to a DN."},
+    };
+    for (const CASE& c : cases) {
+        SCOPED_TRACE(c.name);
+        AddUser(c.user);
+        lines.Forget();
+        EXPECT_TRUE(GetGroups(u"CORP\\ann", list, nullptr));
+        EXPECT_EQ(0u, list.Count());
+        const LINES written = lines.Take();
+        const size_t found = DEBUG_LINES::Count(written, c.line);
+        EXPECT_EQ(1u, found) << testing::PrintToString(written);
+        EXPECT_EQ(0, directory.live);
+    }
+}
+
+TEST_F(DIRECTORY_TEST, EveryStepOfATranslationNamesItselfWhenItFails) {
+    HRESULT hr = S_OK;
+    STRING output(u"old");
+    directory.initResult = E_ACCESSDENIED;
+    EXPECT_FALSE(TranslateName(ADS_NAME_TYPE_NT4, u"X%s\\y", ADS_NAME_TYPE_1779, output, hr, nullptr));
+    EXPECT_EQ(E_ACCESSDENIED, hr);
+    EXPECT_TRUE(output.IsEmpty());
+    directory.initResult = S_OK;
+    directory.setResult = E_FAIL;
+    EXPECT_FALSE(TranslateName(7, u"n", ADS_NAME_TYPE_1779, output, hr, nullptr));
+    directory.setResult = S_OK;
+    EXPECT_FALSE(DnsNameToNt4Name(u"ann@corp.example", output));
+    EXPECT_EQ(0x80072116u, GetLastError());
+    FAKE_DIRECTORY::Current() = nullptr;
+    EXPECT_FALSE(Nt4NameToDn(u"CORP\\ann", output, nullptr));
+    EXPECT_EQ(0x80040154u, GetLastError());
+    FAKE_DIRECTORY::Current() = &directory;
+    const LINES written = lines.Take();
+    ASSERT_EQ(4u, written.size());
+    const char* const beginnings[] = {"NT name = \"X%s\\y\".\n    Unable to initialize IADsNameTranslate.\n    ",
+                                      "IADsNameTranslate::Set failed.\n    <unknown> name = \"n\".\n    ",
+                                      "IADsNameTranslate::Get failed.\n    Domain name = \"ann@corp.example\".\n    ",
+                                      "NT name = \"CORP\\ann\".\n    Unable to create IADsNameTranslate object.\n    "};
+    const char* const codes[] = {"0x80070005.", "0x80004005.", "0x80072116.", "0x80040154."};
+    for (size_t i = 0; i < 4; ++i) {
+        EXPECT_EQ(0u, written[i].find(beginnings[i])) << written[i];
+        EXPECT_NE(std::string::npos, written[i].find(std::string(". Error code = ") + codes[i])) << written[i];
+    }
+    EXPECT_EQ(0, directory.live);
+}
+
+TEST_F(DIRECTORY_TEST, ABindingDecidesWhereAndAsWhomALookUpGoes) {
+    STRING dn;
+    DIRECTORY_BINDING binding;
+    Nt4NameToDn(u"a", dn, &binding);
+    SetBindingServer(binding, u"dc1");
+    Nt4NameToDn(u"a", dn, &binding);
+    COM_POINTER<IADs> object;
+    EXPECT_FALSE(OpenDirectoryObject(u"User", u"CN=Ann", IID_IADs, object.Put(), &binding));
+    SetBindingServer(binding, u"dc1", u"X\\CORP\\adm", u"secret");
+    Nt4NameToDn(u"a", dn, &binding);
+    EXPECT_FALSE(OpenDirectoryObject(u"User", u"CN=Ann", IID_IADs, object.Put(), &binding));
+    EXPECT_FALSE(OpenDirectoryObject(u"User", u"CN=Ann", IID_IADs, object.Put(), nullptr));
+    EXPECT_EQ(
+        (LINES{"Init 3 null", "Init 2 dc1", "Open LDAP://dc1/CN=Ann null null 513", "InitEx 2 dc1 adm X\\CORP secret",
+               "Open LDAP://dc1/CN=Ann X\\CORP\\adm secret 513", "Open LDAP://CN=Ann null null 1"}),
+        directory.calls);
+}
+
+TEST_F(DIRECTORY_TEST, EveryComStringThatCannotBeAllocatedThrowsAndLeavesNothingBehind) {
+    AddUser({.memberOf = {u"CN=A"}, .primaryGroupId = 513, .sid = UserSid});
+    directory.names[{ADS_NAME_TYPE_SID_OR_SID_HISTORY_NAME, u"S-1-5-21-1-2-3-513", ADS_NAME_TYPE_1779}] = u"CN=Users";
+    AddGroupObject(u"Users", {});
+    AddGroupObject(u"A", {});
+    int thrown = 0;
+    bool failed = true;
+    for (int skip = 0; failed && skip < 100; ++skip) {
+        FAIL_CALL noMemory(SysAllocString_calls, 0, ERROR_NOT_ENOUGH_MEMORY, skip, 1);
+        GROUP_LIST groups;
+        try {
+            GetGroups(u"CORP\\ann", groups, nullptr);  // a translation that has no memory only fails
+        } catch (const COM_ERROR& error) {
+            EXPECT_EQ(E_OUTOFMEMORY, error.result);
+            ++thrown;
+        }
+        EXPECT_EQ(0, directory.live) << skip;
+        failed = noMemory.Failed() != 0;
+    }
+    EXPECT_FALSE(failed);
+    EXPECT_LE(7, thrown);
+}
+
+TEST(DnTest, TheOuPathIsCutOutOfADn) {
+    const struct {
+        const WCHAR *dn, *ou;
+    } cases[] = {{u"CN=Ann,OU=Sales,OU=West,DC=corp,DC=example", u"Sales.West"},
+                 {u"OU=Top,DC=x", u"Top"},
+                 {u"CN=u,ou=Low,OU=Top,DC=x", u"Low.Top"},
+                 {u"CN=u,DC=x", u""},
+                 {u"", u""},
+                 {u"CN=u, OU=Blank,OUX=No,O=No,OU=Yes", u"Yes"},
+                 {u"OU=,OU=a=b,OU", u".a=b"},
+                 {u"CN=a\\,OU=Sly,OU=Real", u"Sly.Real"},
+                 {u"OU,OU=After", u"After"},
+                 {u"=,,==,OU=\xD800", u"\xD800"}};
+    for (const auto& c : cases) {
+        STRING ou(u"old");
+        DnToOu(c.dn, ou);
+        EXPECT_EQ(TEXT_VIEW(c.ou), ou.View()) << STRING_UTF8(c.dn).Text();
+    }
+}
+
+TEST(DnTest, OnlySlashesAreEscaped) {
+    STRING scratch;
+    bool changed = true;
+    const WCHAR* plain = u"CN=a\\,b,DC=\"x\"";
+    EXPECT_EQ(plain, EscapeDn(plain, scratch, changed));
+    EXPECT_FALSE(changed);
+    EXPECT_EQ(TEXT_VIEW(u"CN=a\\/b,OU=\\/"), EscapeDn(u"CN=a/b,OU=/", scratch, changed));
+    EXPECT_TRUE(changed);
+}
+
+// Equal texts must share a hash, or a list would hold a group twice.
+TEST(GroupListTest, ADnIsListedOnceHoweverItIsSpelt) {
+    const struct {
+        const WCHAR *first, *second;
+    } same[] = {{u"CN=Bürö", u"cn=BÜRÖ"}, {u"CN=B\u00E9", u"CN=Be\u0301"}, {u"CN=a\u00ADb", u"CN=AB"}};
+    for (const auto& c : same) {
+        if (lstrcmpiW(c.first, c.second) != 0) continue;
+        GROUP_LIST list;
+        EXPECT_NE(nullptr, list.Add(c.first));
+        EXPECT_EQ(nullptr, list.Add(c.second)) << STRING_UTF8(c.first).Text();
+    }
+    GROUP_LIST list;
+    list.Add(u"CN=Büro");
+    EXPECT_EQ(nullptr, list.Add(u"CN=BÜRO"));
+    EXPECT_NE(nullptr, list.Add(u"CN=Buro"));
+}
+
+}  // namespace
+
+}  // namespace keldwick

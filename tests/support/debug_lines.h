@@ -1,0 +1,52 @@
+// The debug output's lines, caught while a test runs; nothing of them goes anywhere else but to the test's own root.
+#pragma once
+
+#include <windows.h>
+
+#include <algorithm>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "diagnostics/debug_output.h"
+#include "platform/string.h"
+
+class DEBUG_LINES {
+public:
+    // categories: of DEBUG_CATEGORIES, the ones that are wanted besides the lines without one.
+    explicit DEBUG_LINES(DWORD categories = 0) {
+        Forget();
+        keldwick::SetDebugOutputMode(categories);
+        keldwick::SetDebugOutputHook(Take);
+    }
+    ~DEBUG_LINES() {
+        keldwick::SetDebugOutputHook(nullptr);
+        keldwick::SetDebugOutputMode(0);
+    }
+    DEBUG_LINES(const DEBUG_LINES&) = delete;
+    DEBUG_LINES& operator=(const DEBUG_LINES&) = delete;
+
+    // What has been written since the last call, in order, as UTF-8.
+    std::vector<std::string> Take() {
+        const std::lock_guard lock(Mutex());
+        return std::exchange(Lines(), {});
+    }
+    void Forget() { Take(); }
+    static size_t Count(const std::vector<std::string>& lines, const std::string& line) {
+        return static_cast<size_t>(std::count(lines.begin(), lines.end(), line));
+    }
+
+private:
+    static std::mutex& Mutex() {
+        static std::mutex mutex;
+        return mutex;
+    }
+    static std::vector<std::string>& Lines() {
+        static std::vector<std::string> lines;
+        return lines;
+    }
+    static void Take(const WCHAR* line) {
+        const std::lock_guard lock(Mutex());
+        Lines().emplace_back(keldwick::STRING_UTF8(line).Text());
+    }
+};
