@@ -2,6 +2,7 @@
 #include <unicode/ucol.h>
 #include <windows.h>
 
+#include <cstdlib>
 #include <memory>
 #include <random>
 #include <string>
@@ -12,6 +13,9 @@
 #include "win32/text/utf.h"
 
 namespace {
+
+// The orders below are those of US English, whatever the user of this machine speaks. Set before anything is compared.
+[[maybe_unused]] const int pinned = setenv("LC_ALL", "en_US.UTF-8", 1);
 
 int Sign(int value) { return value < 0 ? -1 : value > 0 ? 1 : 0; }
 
@@ -71,6 +75,30 @@ TEST(CompareTest, PlainTextsCompareAsTheCollatorSays) {
         ASSERT_EQ(collate(a, b), lstrcmpW(a.c_str(), b.c_str())) << win32::ToUtf8(a + u" | " + b);
         ASSERT_EQ(collate(win32::FoldName(a), win32::FoldName(b)), lstrcmpiW(a.c_str(), b.c_str()))
             << win32::ToUtf8(a + u" | " + b);
+    }
+}
+
+TEST(CompareTest, SortKeysAreEqualExactlyWhenTheTextsAre) {
+    const auto key = [](const char16_t* text, DWORD flags) {
+        const int needed = LCMapStringW(LOCALE_USER_DEFAULT, LCMAP_SORTKEY | flags, text, -1, nullptr, 0);
+        std::string bytes(static_cast<size_t>(needed), '\0');
+        EXPECT_EQ(needed, LCMapStringW(LOCALE_USER_DEFAULT, LCMAP_SORTKEY | flags, text, -1,
+                                       reinterpret_cast<LPWSTR>(bytes.data()), needed));
+        std::string cut(bytes);
+        SetLastError(ERROR_SUCCESS);
+        EXPECT_EQ(0, LCMapStringW(LOCALE_USER_DEFAULT, LCMAP_SORTKEY | flags, text, -1,
+                                  reinterpret_cast<LPWSTR>(cut.data()), needed - 1));
+        EXPECT_EQ(ERROR_INSUFFICIENT_BUFFER, GetLastError());
+        return bytes;
+    };
+    const char16_t* texts[] = {u"WS01$",     u"ws01$",      u"WS01", u"\u00C9ric",
+                               u"\u00E9RIC", u"e\u0301ric", u"Eric", u"10.1"};
+    for (const char16_t* a : texts) {
+        for (const char16_t* b : texts) {
+            SCOPED_TRACE(win32::ToUtf8(a) + " and " + win32::ToUtf8(b));
+            EXPECT_EQ(lstrcmpW(a, b) == 0, key(a, 0) == key(b, 0));
+            EXPECT_EQ(lstrcmpiW(a, b) == 0, key(a, NORM_IGNORECASE) == key(b, NORM_IGNORECASE));
+        }
     }
 }
 
