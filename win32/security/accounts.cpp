@@ -27,7 +27,7 @@ constexpr DWORD UnixUsers = 1;
 constexpr size_t FirstBuffer = 1024;
 constexpr size_t MaxBuffer = 1 << 20;  // of an entry of the account databases
 
-const sd_id128_t Purpose = SD_ID128_MAKE(5e, 0b, 1c, 47, 9a, 2d, 4f, 63, b8, 71, 0f, d3, 66, a4, 29, 1e);
+constexpr sd_id128_t Purpose = SD_ID128_ARRAY(5e, 0b, 1c, 47, 9a, 2d, 4f, 63, b8, 71, 0f, d3, 66, a4, 29, 1e);
 
 // The entry's name, by getpwuid_r or getgrgid_r.
 template <typename ENTRY, typename ID>

@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 #include <windows.h>
 
+#include <array>
+#include <bit>
 #include <cstdlib>
 #include <optional>
 #include <string>
@@ -35,14 +37,8 @@ TEST(Calendar, ConvertsFileTimesAndBack) {
         SYSTEMTIME fields{};
         const FILETIME time = Time(m.units);
         ASSERT_TRUE(FileTimeToSystemTime(&time, &fields));
-        EXPECT_EQ(m.fields.wYear, fields.wYear);
-        EXPECT_EQ(m.fields.wMonth, fields.wMonth);
-        EXPECT_EQ(m.fields.wDayOfWeek, fields.wDayOfWeek);
-        EXPECT_EQ(m.fields.wDay, fields.wDay);
-        EXPECT_EQ(m.fields.wHour, fields.wHour);
-        EXPECT_EQ(m.fields.wMinute, fields.wMinute);
-        EXPECT_EQ(m.fields.wSecond, fields.wSecond);
-        EXPECT_EQ(m.fields.wMilliseconds, fields.wMilliseconds);
+        const auto wanted = std::bit_cast<std::array<WORD, 8>>(m.fields);
+        EXPECT_EQ(wanted, (std::bit_cast<std::array<WORD, 8>>(fields)));
         FILETIME back{};
         if (fields.wYear > 30827) continue;  // beyond what SystemTimeToFileTime takes
         ASSERT_TRUE(SystemTimeToFileTime(&fields, &back));

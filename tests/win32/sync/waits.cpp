@@ -165,20 +165,6 @@ TEST(Waits, RefuseWhatCannotBeWaitedFor) {
     CloseHandle(plain);
 }
 
-TEST(Waits, AreWokenByAnotherThread) {
-    const CLOSER stop(ManualEvent()), wake(AutoEvent()), answer(AutoEvent());
-    std::thread other([&] {
-        const HANDLE both[] = {stop, wake};
-        while (WaitForMultipleObjects(2, both, FALSE, INFINITE) == WAIT_OBJECT_0 + 1) SetEvent(answer);
-    });
-    for (int i = 0; i < 1000; ++i) {
-        SetEvent(wake);
-        ASSERT_EQ(WAIT_OBJECT_0, WaitForSingleObject(answer, SoonEnough));
-    }
-    SetEvent(stop);
-    other.join();
-}
-
 std::atomic<int> interruptions{0};
 
 TEST(Waits, DoNotEndEarlyWhenSignalsInterruptThem) {
