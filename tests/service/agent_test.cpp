@@ -1,0 +1,188 @@
+#include "agent_test.h"
+
+#include <process.h>
+
+#include <algorithm>
+#include <mutex>
+
+#include "diagnostics/debug_output.h"
+#include "platform/registry_values.h"
+#include "service/command_line.h"
+#include "service/settings.h"
+#include "service/settings_watch.h"
+#include "service/stop.h"
+
+using keldwick::Recorded;
+using keldwick::Script;
+
+WRAP_CALL(HANDLE, CreateEventW, (LPSECURITY_ATTRIBUTES s, BOOL m, BOOL i, LPCWSTR n), (s, m, i, n))
+WRAP_CALL(LSTATUS, RegCreateKeyExW,
+          (HKEY k, LPCWSTR s, DWORD r, LPWSTR c, DWORD o, REGSAM a, const LPSECURITY_ATTRIBUTES sec, PHKEY p,
+           LPDWORD d),
+          (k, s, r, c, o, a, sec, p, d))
+WRAP_CALL(LSTATUS, RegSetValueExW, (HKEY k, LPCWSTR n, DWORD r, DWORD t, const BYTE* d, DWORD c), (k, n, r, t, d, c))
+WRAP_CALL(LSTATUS, RegQueryValueExW, (HKEY k, LPCWSTR n, LPDWORD r, LPDWORD t, LPBYTE d, LPDWORD c), (k, n, r, t, d, c))
+WRAP_CALL(LSTATUS, RegDeleteValueW, (HKEY k, LPCWSTR n), (k, n))
+WRAP_CALL(BOOL, StartServiceCtrlDispatcherW, (const SERVICE_TABLE_ENTRYW* t), (t))
+WRAP_CALL(BOOL, NotifyChangeEventLog, (HANDLE l, HANDLE e), (l, e))
+WRAP_CALL(DWORD, WaitForSingleObject, (HANDLE h, DWORD m), (h, m))
+WRAP_CALL(uintptr_t, _beginthreadex, (void* s, unsigned st, unsigned (*r)(void*), void* a, unsigned f, unsigned* t),
+          (s, st, r, a, f, t))
+
+static CALL_PLAN RegisterServiceCtrlHandlerExW_calls, OpenEventLogW_calls;
+static HANDLE const FakeHandle = reinterpret_cast<HANDLE>(0x1230);
+
+extern "C" {
+
+// Every report, those that the source's own limit would keep from the event log included.
+void __wrap__ZN8keldwick18ReportServiceEventEtjSt16initializer_listIPKDsE(WORD type, DWORD id,
+                                                                          std::initializer_list<const WCHAR*> texts) {
+    char head[32];
+    snprintf(head, sizeof head, "%u %08X:", type, id);
+    std::string event = head;
+    for (const WCHAR* const& text : texts) event += (&text == texts.begin() ? " " : " | ") + keldwick::Narrow(text);
+    Recorded.events.push_back(event);
+}
+
+SERVICE_STATUS_HANDLE __wrap_RegisterServiceCtrlHandlerExW(LPCWSTR, LPHANDLER_FUNCTION_EX, LPVOID) {
+    if (RegisterServiceCtrlHandlerExW_calls.Fires()) {
+        SetLastError(RegisterServiceCtrlHandlerExW_calls.error);
+        return nullptr;
+    }
+    return reinterpret_cast<SERVICE_STATUS_HANDLE>(0x1);
+}
+
+BOOL __wrap_SetServiceStatus(SERVICE_STATUS_HANDLE, LPSERVICE_STATUS status) {
+    Recorded.states.push_back(*status);
+    if (!Script.setStatus || Script.setStatus(*status)) return TRUE;
+    SetLastError(ERROR_INVALID_HANDLE);
+    return FALSE;
+}
+
+int __wrap_MessageBoxW(HWND, LPCWSTR text, LPCWSTR caption, UINT) {
+    Recorded.boxes.push_back(keldwick::Narrow(caption) + ": " + keldwick::Narrow(text));
+    return 1;
+}
+void __wrap_OutputDebugStringW(LPCWSTR text) { Recorded.debugger.push_back(keldwick::Narrow(text)); }
+
+HANDLE __real_OpenEventLogW(LPCWSTR server, LPCWSTR log);
+HANDLE __wrap_OpenEventLogW(LPCWSTR server, LPCWSTR log) {
+    if (OpenEventLogW_calls.Fires()) {
+        SetLastError(OpenEventLogW_calls.error);
+        return nullptr;
+    }
+    return Script.fakeLogs ? FakeHandle : __real_OpenEventLogW(server, log);
+}
+BOOL __real_CloseEventLog(HANDLE log);
+BOOL __wrap_CloseEventLog(HANDLE log) { return log == FakeHandle || __real_CloseEventLog(log); }
+
+DWORD __real_WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL all, DWORD milliseconds);
+DWORD __wrap_WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL all, DWORD milliseconds) {
+    if (Script.wait) {
+        if (const auto result = Script.wait(count, milliseconds)) {
+            SetLastError(ERROR_INVALID_HANDLE);
+            return *result;
+        }
+    }
+    return __real_WaitForMultipleObjects(count, handles, all, milliseconds);
+}
+
+BOOL __wrap_TerminateThread(HANDLE thread, DWORD) {
+    Recorded.terminated.push_back(thread);
+    return TRUE;
+}
+
+void __real_GetSystemTimeAsFileTime(LPFILETIME time);
+void __wrap_GetSystemTimeAsFileTime(LPFILETIME time) {
+    if (Script.clock == 0) return __real_GetSystemTimeAsFileTime(time);
+    const ULONGLONG units = Script.clock * 10000;
+    *time = {static_cast<DWORD>(units), static_cast<DWORD>(units >> 32)};
+}
+
+bool __real__ZN8keldwick17IDENTITY_PROTOCOL17PersistentConnectEv(void* session);
+bool __wrap__ZN8keldwick17IDENTITY_PROTOCOL17PersistentConnectEv(void* session) {
+    ++Recorded.connects;
+    return Script.connect ? Script.connect() : __real__ZN8keldwick17IDENTITY_PROTOCOL17PersistentConnectEv(session);
+}
+}
+
+namespace keldwick {
+
+CALL_PLAN &createEvent = CreateEventW_calls, &regCreateKey = RegCreateKeyExW_calls, &regSetValue = RegSetValueExW_calls,
+          &regQueryValue = RegQueryValueExW_calls, &regDeleteValue = RegDeleteValueW_calls,
+          &registerHandler = RegisterServiceCtrlHandlerExW_calls, &startDispatcher = StartServiceCtrlDispatcherW_calls,
+          &waitForOne = WaitForSingleObject_calls, &beginThread = _beginthreadex_calls,
+          &openEventLog = OpenEventLogW_calls, &notifyChange = NotifyChangeEventLog_calls;
+
+RECORD Recorded;
+SCRIPT Script;
+
+namespace {
+
+std::mutex LinesLock;
+std::vector<std::string> LinesSoFar;
+
+void TakeLine(const WCHAR* line) {
+    const std::lock_guard lock(LinesLock);
+    LinesSoFar.push_back(Narrow(line));
+}
+
+}  // namespace
+
+std::string Narrow(const WCHAR* text) { return STRING_UTF8(text).Text(); }
+
+AGENT_TEST::AGENT_TEST() {
+    CommandLine = COMMAND_LINE();
+    Settings.adServer.Clear();
+    Settings.identServer.Clear();
+    Settings.identProtocol = Settings.heartbeat = Settings.logonTtl = 0;
+    StopEvent = SettingsChangedEvent = SettingsNotifyEvent = nullptr;
+    Script = SCRIPT();
+    SetDebugOutputMode(0);
+    SetDebugOutputHook(TakeLine);
+    Forget();
+}
+
+AGENT_TEST::~AGENT_TEST() {
+    Script = SCRIPT();
+    SetDebugOutputHook(nullptr);
+    SetDebugOutputMode(0);  // closes the log file before its folder goes
+    SettingsKey.Reset();
+    StatisticsKey.Reset();
+}
+
+void AGENT_TEST::MakeSettings(const std::string& values) {
+    root.Write("registry.reg",
+               "Windows Registry Editor Version 5.00\r\n\r\n"
+               "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Vantorel Systems\\Keldwick]\r\n" +
+                   values);
+    ASSERT_EQ(ERROR_SUCCESS, RegOpenKeyExW(HKEY_LOCAL_MACHINE, SettingsKeyPath, 0, KEY_ALL_ACCESS, SettingsKey.Put()));
+}
+
+std::optional<DWORD> AGENT_TEST::Number(const WCHAR* name) {
+    DWORD value = 0;
+    return RegGetDword(SettingsKey.Get(), name, value) ? std::optional(value) : std::nullopt;
+}
+
+std::optional<std::string> AGENT_TEST::Text(const WCHAR* name) {
+    STRING value;
+    return RegGetString(SettingsKey.Get(), name, value) ? std::optional(Narrow(value.Text())) : std::nullopt;
+}
+
+std::vector<std::string> AGENT_TEST::Lines() {
+    const std::lock_guard lock(LinesLock);
+    return LinesSoFar;
+}
+
+void AGENT_TEST::Forget() {
+    const std::lock_guard lock(LinesLock);
+    LinesSoFar.clear();
+    Recorded = RECORD();
+}
+
+bool AGENT_TEST::Said(const std::string& line) {
+    const std::vector<std::string> lines = Lines();
+    return std::find(lines.begin(), lines.end(), line) != lines.end();
+}
+
+}  // namespace keldwick

@@ -1,0 +1,63 @@
+// What the tests of the service host share: a machine root with a settings key, everything that the agent says to the
+// outside (lines, events, states, message boxes) recorded, and the calls that they make fail.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <windows.h>
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/string.h"
+#include "tests/support/fail_call.h"
+#include "tests/support/temporary_root.h"
+
+namespace keldwick {
+
+extern CALL_PLAN &createEvent, &regCreateKey, &regSetValue, &regQueryValue, &regDeleteValue, &registerHandler,
+    &startDispatcher, &waitForOne, &beginThread, &openEventLog, &notifyChange;
+
+// What the wrapped calls recorded since the last Forget().
+struct RECORD {
+    std::vector<std::string> events;     // "type id: string | string"
+    std::vector<SERVICE_STATUS> states;  // as given to SetServiceStatus
+    std::vector<std::string> boxes;      // "caption: text"
+    std::vector<std::string> debugger;   // texts of OutputDebugStringW
+    std::vector<HANDLE> terminated;      // by TerminateThread
+    int connects = 0;                    // calls of PersistentConnect
+};
+
+struct SCRIPT {
+    // Stand-ins while they are set; no answer: the real call.
+    std::function<std::optional<DWORD>(DWORD count, DWORD milliseconds)> wait;
+    std::function<bool(const SERVICE_STATUS&)> setStatus;
+    std::function<bool()> connect;
+    ULONGLONG clock = 0;    // system time in ms; 0: the real one
+    bool fakeLogs = false;  // OpenEventLogW gives a handle that stands for nothing
+};
+
+extern RECORD Recorded;
+extern SCRIPT Script;
+
+std::string Narrow(const WCHAR* text);
+
+class AGENT_TEST : public ::testing::Test {
+protected:
+    AGENT_TEST();
+    ~AGENT_TEST() override;
+
+    // Makes the settings key with these lines in it, as registry editors write them, and opens it.
+    void MakeSettings(const std::string& values);
+    static std::optional<DWORD> Number(const WCHAR* name);
+    static std::optional<std::string> Text(const WCHAR* name);
+
+    static std::vector<std::string> Lines();  // of the debug output, without prefix
+    static void Forget();                     // what was recorded
+    static bool Said(const std::string& line);
+
+    TEMPORARY_ROOT root;
+};
+
+}  // namespace keldwick
