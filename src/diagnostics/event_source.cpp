@@ -12,11 +12,8 @@ namespace {
 
 constexpr DWORD LimiterPeriodMs = 60000;
 constexpr DWORD StopWaitMs = 5000;          // for the limiter thread, which only waits
-constexpr DWORD ReportsPerMinute = 30;      // of the program's own source
 constexpr DWORD EchoWidth = 80;             // characters to a line
 constexpr size_t MaxInsertionStrings = 99;  // %1 to %99
-
-EVENT_SOURCE ServiceEvents(TEXT("Keldwick"), ReportsPerMinute, nullptr);
 
 }  // namespace
 
@@ -80,11 +77,5 @@ void EVENT_SOURCE::Echo(DWORD id, std::span<const WCHAR* const> strings) const {
     while (!message.empty() && message.back() == ' ') message.remove_suffix(1);
     if (!message.empty()) DebugPrint(TEXT("%s"), message);
 }
-
-void ReportServiceEvent(WORD type, DWORD id, std::initializer_list<const WCHAR*> strings) {
-    ServiceEvents.Report(type, id, std::span(strings.begin(), strings.size()));
-}
-
-void SetEventSourceModule(HMODULE module) { ServiceEvents.SetModule(module); }
 
 }  // namespace keldwick
