@@ -93,6 +93,21 @@ TEST(Events, AManualOneStaysSetAndAnAutomaticOneIsTakenOnce) {
     EXPECT_FALSE(IsSet(manual));
 }
 
+TEST(Events, APulseIsTakenByOneWaitUnlessTheEventIsSetForGood) {
+    for (const BOOL manual : {FALSE, TRUE}) {
+        const CLOSER event(CreateEventW(nullptr, manual, FALSE, nullptr));
+        const auto object = win32::ObjectOf(event);
+        EXPECT_TRUE(win32::PulseEventObject(*object) && win32::PulseEventObject(*object));
+        EXPECT_TRUE(IsSet(event));
+        EXPECT_FALSE(IsSet(event));
+        win32::PulseEventObject(*object);
+        SetEvent(event);
+        win32::PulseEventObject(*object);
+        EXPECT_TRUE(IsSet(event));
+        EXPECT_EQ(manual != FALSE, IsSet(event));
+    }
+}
+
 TEST(Waits, ForAnyGiveTheLowestIndexAndTakeOnlyThatSignal) {
     const CLOSER a(AutoEvent()), b(AutoEvent(true)), c(AutoEvent(true));
     const HANDLE all[] = {a, b, c};
