@@ -105,9 +105,8 @@ TEST_F(DIRECTORY_TEST, APrimaryGroupThatCannotBeFoundSaysWhyAndIsLeftOut) {
     const CASE cases[] = {
         {"no primaryGroupID",
          {.sid = UserSid},
-         "GetPrimaryGroup: Unable to get \"primaryGroupID\" property for \"CN=Ann\".\n    The Active Directory "
-         "property "
-         "cannot be found in the cache. Error code = 0x8000500d."},
+         "GetPrimaryGroup: Unable to get \"primaryGroupID\" property for \"CN=Ann\".\n    Property not found. Error "
+         "code = 0x8000500d."},
         {"no objectSid",
          {.primaryGroupId = 513},
          "GetPrimaryGroup: Unable to get \"objectSid\" property for \"CN=Ann\".\n    Property not found. Error code = "
