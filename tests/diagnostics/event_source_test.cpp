@@ -1,0 +1,134 @@
+#include "diagnostics/event_source.h"
+
+#include <atomic>
+
+#include "tests/diagnostics/log_fixture.h"
+
+WRAP_CALL(HANDLE, RegisterEventSourceW, (LPCWSTR server, LPCWSTR source), (server, source))
+
+namespace {
+
+struct REPORTED {
+    WORD type;
+    DWORD id;
+    std::vector<std::string> strings;
+};
+std::vector<REPORTED> Reported;
+bool ReportFails = false;
+
+// Minutes pass when a test says so: the limiter's wait ends when `minute` is signalled, and `waiting` tells that it
+// waits again, so that the counter has been reset.
+struct MINUTES {
+    keldwick::HANDLE_OWNER minute{CreateEventW(nullptr, FALSE, FALSE, nullptr)};
+    keldwick::HANDLE_OWNER waiting{CreateEventW(nullptr, FALSE, FALSE, nullptr)};
+};
+MINUTES& Minutes() {
+    static auto& minutes = *new MINUTES;
+    return minutes;
+}
+
+}  // namespace
+
+extern "C" BOOL __wrap_ReportEventW(HANDLE source, WORD type, WORD category, DWORD id, PSID user, WORD count,
+                                    DWORD bytes, LPCWSTR* texts, LPVOID data);
+extern "C" BOOL __wrap_ReportEventW(HANDLE, WORD type, WORD category, DWORD id, PSID user, WORD count, DWORD bytes,
+                                    LPCWSTR* texts, LPVOID data) {
+    EXPECT_TRUE(category == 0 && user == nullptr && bytes == 0 && data == nullptr);
+    if (ReportFails) {
+        SetLastError(ERROR_INVALID_HANDLE);
+        return FALSE;
+    }
+    REPORTED report{type, id, {}};
+    for (WORD i = 0; i < count; ++i) report.strings.push_back(Narrow(texts[i]));
+    Reported.push_back(report);
+    return TRUE;
+}
+
+extern "C" DWORD __real_WaitForSingleObject(HANDLE handle, DWORD milliseconds);
+extern "C" DWORD __wrap_WaitForSingleObject(HANDLE handle, DWORD milliseconds);
+extern "C" DWORD __wrap_WaitForSingleObject(HANDLE handle, DWORD milliseconds) {
+    if (milliseconds != 60000) return __real_WaitForSingleObject(handle, milliseconds);
+    SetEvent(Minutes().waiting.Get());
+    const HANDLE either[] = {handle, Minutes().minute.Get()};
+    return WaitForMultipleObjects(2, either, FALSE, INFINITE) == WAIT_OBJECT_0 ? WAIT_OBJECT_0 : WAIT_TIMEOUT;
+}
+
+namespace keldwick {
+namespace {
+
+constexpr DWORD StartedId = 0x40000002;
+
+class EventSource : public LOG_TEST {
+protected:
+    EventSource() {
+        Reported.clear();
+        ReportFails = false;
+        ResetEvent(Minutes().waiting.Get());
+    }
+    static void Wait() { ASSERT_EQ(WAIT_OBJECT_0, __real_WaitForSingleObject(Minutes().waiting.Get(), 30000)); }
+    static void PassAMinute() {
+        SetEvent(Minutes().minute.Get());
+        Wait();
+    }
+};
+
+TEST_F(EventSource, TheThirtyFirstReportOfAMinuteIsOnlyEchoed) {
+    SetDebugOutputMode(0x40002);
+    EVENT_SOURCE source(TEXT("Keldwick"), 30, GetModuleHandleW(nullptr));
+    Wait();
+    const WCHAR* const strings[] = {TEXT("1.2.5 build 26 Release x64")};
+    for (int i = 0; i < 31; ++i) source.Report(EVENTLOG_INFORMATION_TYPE, StartedId, strings);
+    ASSERT_EQ(30u, Reported.size());
+    EXPECT_EQ(EVENTLOG_INFORMATION_TYPE, Reported[0].type);
+    EXPECT_EQ(StartedId, Reported[0].id);
+    EXPECT_EQ(std::vector<std::string>{"1.2.5 build 26 Release x64"}, Reported[0].strings);
+    const std::string line = "KDWK: (*) KDWK Service version 1.2.5 build 26 Release x64 started.";
+    int echoes = 0;
+    for (size_t at = 0; (at = Log().find(line, at)) != std::string::npos; at += line.size()) ++echoes;
+    EXPECT_EQ(31, echoes);
+    PassAMinute();
+    source.Report(EVENTLOG_INFORMATION_TYPE, StartedId, strings);
+    EXPECT_EQ(31u, Reported.size());
+}
+
+TEST_F(EventSource, WithoutALimitNothingIsSuppressed) {
+    EVENT_SOURCE source(TEXT("Keldwick"), 0, nullptr);
+    for (int i = 0; i < 100; ++i) source.Report(EVENTLOG_ERROR_TYPE, 0xC0000001, {});
+    ASSERT_EQ(100u, Reported.size());
+    EXPECT_TRUE(Reported[0].strings.empty());
+}
+
+TEST_F(EventSource, TheEchoNeedsAModuleAndASink) {
+    EVENT_SOURCE source(TEXT("Keldwick"), 0, nullptr);
+    const WCHAR* const strings[] = {TEXT("%s%n"), TEXT("5"), TEXT("a key")};
+    source.Report(EVENTLOG_ERROR_TYPE, 0xC0000006, strings);
+    source.SetModule(GetModuleHandleW(nullptr));
+    source.Report(EVENTLOG_ERROR_TYPE, 0xC0000006, strings);
+    EXPECT_FALSE(Exists("Keldwick.log"));
+    SetDebugOutputMode(0x40002);
+    source.Report(EVENTLOG_ERROR_TYPE, 0x1234567, strings);
+    EXPECT_FALSE(Exists("Keldwick.log")) << "no such message";
+    source.Report(EVENTLOG_ERROR_TYPE, 0xC0000006, strings);
+    EXPECT_EQ(0u, Log().find("KDWK: (*) Unable to create registry key \"a key\""));
+    EXPECT_NE(std::string::npos, Log().find("%s%n. Error code = 5."));
+    EXPECT_NE(' ', Log()[Log().size() - 3]) << "trailing blanks are cut";
+    EXPECT_EQ(4u, Reported.size());
+}
+
+TEST_F(EventSource, AFailedReportIsSaidEverywhereAndAFailedRegistrationNowhere) {
+    ReportFails = true;
+    EVENT_SOURCE source(TEXT("Keldwick"), 30, nullptr);
+    Wait();
+    source.Report(EVENTLOG_ERROR_TYPE, 0xC0000015, {});
+    const std::string text = "Unable to report event ID = 21. The handle is invalid. Error code = 6.";
+    EXPECT_NE(std::string::npos, Log().find(text));
+    EXPECT_TRUE(DebuggerSaw(text));
+    const size_t before = Log().size();
+    const FAIL_CALL unregistered(RegisterEventSourceW_calls, 0, ERROR_ACCESS_DENIED);
+    EVENT_SOURCE silent(TEXT("Keldwick"), 0, nullptr);
+    silent.Report(EVENTLOG_ERROR_TYPE, 0xC0000015, {});
+    EXPECT_EQ(before, Log().size());
+}
+
+}  // namespace
+}  // namespace keldwick

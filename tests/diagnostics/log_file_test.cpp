@@ -1,0 +1,220 @@
+// The log file's life: first and later opens, renames, and everything that goes wrong with it.
+#include "diagnostics/log_file.h"
+
+#include <atomic>
+
+#include "diagnostics/log_rename.h"
+#include "platform/time_stamp.h"
+#include "tests/diagnostics/log_fixture.h"
+
+namespace {
+
+// The rename timer, as it was last set.
+struct TIMER {
+    std::atomic<HANDLE> handle{nullptr};
+    std::atomic<LONGLONG> due{0};
+    std::atomic<LONG> periodMs{0};
+} Timer;
+
+}  // namespace
+
+extern "C" BOOL __real_SetWaitableTimer(HANDLE timer, const LARGE_INTEGER* due, LONG periodMs, PTIMERAPCROUTINE routine,
+                                        LPVOID argument, BOOL resume);
+extern "C" BOOL __wrap_SetWaitableTimer(HANDLE timer, const LARGE_INTEGER* due, LONG periodMs, PTIMERAPCROUTINE routine,
+                                        LPVOID argument, BOOL resume);
+extern "C" BOOL __wrap_SetWaitableTimer(HANDLE timer, const LARGE_INTEGER* due, LONG periodMs, PTIMERAPCROUTINE, LPVOID,
+                                        BOOL) {
+    Timer.handle = timer;
+    Timer.due = due->QuadPart;
+    Timer.periodMs = periodMs;
+    return TRUE;  // it comes when a test says so
+}
+
+namespace keldwick {
+namespace {
+
+class LogFile : public LOG_TEST {
+protected:
+    void Print() { DebugPrintMasked(DEBUG_RAW, TEXT("new")); }
+};
+
+TEST_F(LogFile, TheFirstOpenTreatsAnExistingFileAsTheModeSays) {
+    const struct {
+        DWORD mode;
+        const char* log;  // after one line
+        DWORD disposition;
+        bool renamed;
+    } cases[] = {
+        {0x6, "new\r\n", CREATE_ALWAYS, false},
+        {0x2, "old\r\nnew\r\n", OPEN_ALWAYS, false},
+        {0xA, "new\r\n", CREATE_NEW, true},
+        {0xE, "new\r\n", CREATE_NEW, true},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.mode);
+        SetDebugOutputMode(0);
+        std::filesystem::remove(root.Path("Keldwick_2026-11-16@14_05_09.log"));
+        root.Write("Keldwick.log", "old\r\n");
+        DebugState().log.firstOpen = true;
+        Dispositions().clear();
+        SetDebugOutputMode(c.mode);
+        Print();
+        EXPECT_EQ(c.log, Log());
+        EXPECT_EQ(c.disposition, Dispositions().back());
+        EXPECT_EQ(c.renamed ? "old\r\n" : "", Log("Keldwick_2026-11-16@14_05_09.log"));
+        SetDebugOutputMode(0);
+        SetDebugOutputMode(c.mode);
+        Print();
+        EXPECT_EQ(std::string(c.log) + "new\r\n", Log()) << "a later open appends";
+        EXPECT_EQ(DWORD(OPEN_ALWAYS), Dispositions().back());
+    }
+}
+
+TEST_F(LogFile, OpeningIsTold) {
+    SetDebugOutputMode(0x10002);
+    Print();
+    EXPECT_TRUE(DebuggerSaw("Log file \"" + Narrow(LogFilePath(DebugState())) + "\" created"));
+    SetDebugOutputMode(0x10000);
+    SetDebugOutputMode(0x10002);
+    Print();
+    EXPECT_TRUE(DebuggerSaw("Keldwick.log\" opened"));
+    SetDebugOutputMode(0x10000);
+    DebugState().log.firstOpen = true;
+    SetDebugOutputMode(0x10006);
+    Print();
+    EXPECT_TRUE(DebuggerSaw("Keldwick.log\" overwritten"));
+}
+
+TEST_F(LogFile, RenamedFilesAreNamedAfterTheTimeAsFarAsItSaysAnything) {
+    const struct {
+        SYSTEMTIME time;
+        const char* name;
+    } cases[] = {
+        {{2026, 11, 1, 16, 14, 5, 9, 0}, "Keldwick_2026-11-16@14_05_09.log"},
+        {{2026, 11, 1, 16, 15, 0, 0, 9}, "Keldwick_2026-11-16@15.log"},
+        {{2026, 11, 1, 16, 0, 0, 0, 0}, "Keldwick_2026-11-16.log"},
+        {{2026, 11, 1, 16, 0, 0, 1, 0}, "Keldwick_2026-11-16@00_00_01.log"},
+        {{2026, 11, 1, 16, 0, 0, 0, 0}, "Keldwick_2026-11-16#001.log"},
+        {{2026, 11, 1, 16, 0, 0, 0, 0}, "Keldwick_2026-11-16#002.log"},
+    };
+    for (const auto& c : cases) {
+        root.Write("Keldwick.log", c.name);
+        EXPECT_TRUE(RenameLogFile(DebugState(), LogFilePath(DebugState()), &c.time));
+        EXPECT_EQ(c.name, root.Read(c.name));
+        EXPECT_FALSE(Exists("Keldwick.log"));
+    }
+}
+
+TEST_F(LogFile, ARenameEndsAfterAThousandTakenNamesOrAnyOtherError) {
+    const SYSTEMTIME time{2026, 11, 1, 16, 0, 0, 0, 0};
+    {
+        const FAIL_CALL taken(MoveFileCalls, FALSE, ERROR_ALREADY_EXISTS);
+        EXPECT_FALSE(RenameLogFile(DebugState(), LogFilePath(DebugState()), &time));
+        EXPECT_EQ(1000, taken.Failed());
+        EXPECT_TRUE(DebuggerSaw("Name collision renaming log path \""));
+        EXPECT_TRUE(DebuggerSaw("Keldwick_2026-11-16#999.log\"\n\n"));
+    }
+    const FAIL_CALL denied(MoveFileCalls, FALSE, ERROR_ACCESS_DENIED);
+    EXPECT_FALSE(RenameLogFile(DebugState(), LogFilePath(DebugState()), nullptr));
+    EXPECT_EQ(1, denied.Failed());
+}
+
+TEST_F(LogFile, AFileThatCannotBeOpenedCostsTheLineOnly) {
+    SetDebugOutputMode(0xA);
+    {
+        const FAIL_CALL denied(CreateFileCalls, static_cast<uintptr_t>(-1), ERROR_ACCESS_DENIED);
+        Print();
+        EXPECT_TRUE(DebuggerSaw("Unable to create log file \"" + Narrow(LogFilePath(DebugState())) +
+                                "\". Access is denied. Error code = 5.\n    "));
+    }
+    Print();
+    EXPECT_EQ("new\r\n", Log());
+    EXPECT_EQ(DWORD(OPEN_ALWAYS), Dispositions().back()) << "the first open is over";
+}
+
+TEST_F(LogFile, AFullDiskCostsTheLineAndTheFileStaysOpen) {
+    SetDebugOutputMode(0x2);
+    Print();
+    const size_t opened = Dispositions().size();
+    {
+        const FAIL_CALL full(WriteFileCalls, FALSE, ERROR_DISK_FULL);
+        Print();
+        EXPECT_TRUE(DebuggerSaw("Unable to write 5 bytes to log file. "));
+        EXPECT_TRUE(DebuggerSaw(". Error code = 112."));
+    }
+    Print();
+    EXPECT_EQ("new\r\nnew\r\n", Log());
+    EXPECT_EQ(opened, Dispositions().size());
+}
+
+TEST_F(LogFile, OneWriteALine) {
+    SetDebugOutputMode(0x2);
+    Print();
+    const FAIL_CALL counts(WriteFileCalls, FALSE, ERROR_DISK_FULL);
+    DebugPrint(TEXT("\nmany\nlines\n%s"), TEXT("\n\n"));
+    EXPECT_EQ(1, counts.Failed());
+}
+
+// One thread, one schedule: its whole life in one test.
+TEST_F(LogFile, TheThreadRenamesAtMidnightAndGoesOnWhateverHappenedToTheFile) {
+    const auto due = [](const SYSTEMTIME& local) { return TIME_STAMP::FromFields(local).FromLocal().Units(); };
+    const struct {
+        DWORD hour;
+        SYSTEMTIME due;
+    } schedules[] = {
+        {20, {2026, 11, 1, 16, 20, 0, 0, 0}},
+        {14, {2026, 11, 2, 17, 14, 0, 0, 0}},
+        {3, {2026, 11, 2, 17, 3, 0, 0, 0}},
+        {0, {2026, 11, 2, 17, 0, 0, 0, 0}},
+    };
+    for (const auto& schedule : schedules) {
+        StartLogRename(schedule.hour, 1);
+        EXPECT_EQ(due(schedule.due), Timer.due);
+        EXPECT_EQ(86400000, Timer.periodMs);
+    }
+    // The timer comes; the thread tells the debugger once it has the lock, which it keeps until it is done.
+    const auto midnight = [] {
+        static std::atomic<int> signalled;
+        signalled = 0;
+        SetDebugOutputMode(DebugOutputMode() | DEBUG_MODE_INTERNAL);
+        const LARGE_INTEGER now{{1, 0}};
+        ASSERT_TRUE(__real_SetWaitableTimer(Timer.handle, &now, 0, nullptr, nullptr, FALSE));
+        const auto told = [] {
+            const LOCK_GUARD guard(DebugState().lock);
+            const bool seen = !Debugger().empty() && std::any_of(Debugger().begin(), Debugger().end(), [](auto& line) {
+                return line.find("Rename timer signaled") != std::string::npos;
+            });
+            if (seen) Debugger().clear();
+            return seen;
+        };
+        const ULONGLONG start = GetTickCount64();
+        while (!told()) ASSERT_LT(GetTickCount64() - start, 30000u);
+    };
+    SetDebugOutputMode(0x2);
+    midnight();
+    EXPECT_FALSE(Exists("Keldwick_2026-11-16.log")) << "no file is open, nothing is renamed";
+    DebugPrintMasked(DEBUG_RAW, TEXT("monday"));
+    midnight();
+    EXPECT_EQ("monday\r\n", Log("Keldwick_2026-11-16.log"));
+    EXPECT_FALSE(Exists("Keldwick.log"));
+    DebugPrintMasked(DEBUG_RAW, TEXT("tuesday"));
+    root.Write("Keldwick_2026-11-17.log", "taken");
+    midnight();
+    EXPECT_EQ("tuesday\r\n", Log("Keldwick_2026-11-17#001.log"));
+    DebugPrintMasked(DEBUG_RAW, TEXT("wednesday"));
+    std::filesystem::rename(root.Path("Keldwick.log"), root.Path("stolen.log"));
+    DebugPrintMasked(DEBUG_RAW, TEXT("still wednesday"));
+    midnight();
+    EXPECT_FALSE(Exists("Keldwick_2026-11-18.log"));
+    DebugPrintMasked(DEBUG_RAW, TEXT("thursday"));
+    EXPECT_EQ("thursday\r\n", Log());
+    std::filesystem::remove(root.Path("Keldwick.log"));
+    DebugPrintMasked(DEBUG_RAW, TEXT("lost"));
+    midnight();
+    DebugPrintMasked(DEBUG_RAW, TEXT("friday"));
+    midnight();
+    EXPECT_EQ("friday\r\n", Log("Keldwick_2026-11-20.log"));
+}
+
+}  // namespace
+}  // namespace keldwick

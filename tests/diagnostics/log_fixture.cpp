@@ -1,0 +1,51 @@
+#include "tests/diagnostics/log_fixture.h"
+
+#include <mutex>
+
+WRAP_CALL(HANDLE, CreateFileW,
+          (LPCWSTR path, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES security, DWORD disposition, DWORD flags,
+           HANDLE templateFile),
+          (path, access, share, security, (Dispositions().push_back(disposition), disposition), flags, templateFile))
+WRAP_CALL(BOOL, WriteFile, (HANDLE file, LPCVOID bytes, DWORD count, LPDWORD written, LPOVERLAPPED overlapped),
+          (file, bytes, count, written, overlapped))
+WRAP_CALL(BOOL, MoveFileW, (LPCWSTR from, LPCWSTR to), (from, to))
+WRAP_CALL(BOOL, DeleteFileW, (LPCWSTR path), (path))
+CALL_PLAN& CreateFileCalls = CreateFileW_calls;
+CALL_PLAN& WriteFileCalls = WriteFile_calls;
+CALL_PLAN& MoveFileCalls = MoveFileW_calls;
+CALL_PLAN& DeleteFileCalls = DeleteFileW_calls;
+
+namespace {
+
+std::mutex ClockLock;
+SYSTEMTIME Clock{2026, 11, 1, 16, 14, 5, 9, 0};
+
+}  // namespace
+
+void SetClock(const SYSTEMTIME& time) {
+    const std::lock_guard guard(ClockLock);
+    Clock = time;
+}
+
+std::vector<std::string>& Debugger() {
+    static auto& texts = *new std::vector<std::string>;
+    return texts;
+}
+
+std::vector<DWORD>& Dispositions() {
+    static auto& dispositions = *new std::vector<DWORD>;
+    return dispositions;
+}
+
+extern "C" void __wrap_GetLocalTime(LPSYSTEMTIME time);
+extern "C" void __wrap_GetLocalTime(LPSYSTEMTIME time) {
+    const std::lock_guard guard(ClockLock);
+    *time = Clock;
+}
+
+extern "C" void __real_OutputDebugStringW(LPCWSTR text);
+extern "C" void __wrap_OutputDebugStringW(LPCWSTR text);
+extern "C" void __wrap_OutputDebugStringW(LPCWSTR text) {
+    Debugger().push_back(Narrow(text));
+    __real_OutputDebugStringW(text);
+}

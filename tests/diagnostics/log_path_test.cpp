@@ -1,0 +1,216 @@
+#include "diagnostics/log_path.h"
+
+#include <shlobj.h>
+
+#include "platform/handles.h"
+#include "tests/diagnostics/log_fixture.h"
+#include "win32/files/machine_root.h"
+
+WRAP_CALL(DWORD, GetFileAttributesW, (LPCWSTR path), (path))
+WRAP_CALL(BOOL, CreateDirectoryW, (LPCWSTR path, LPSECURITY_ATTRIBUTES security), (path, security))
+
+namespace {
+
+std::u16string ModulePath;  // what GetModuleFileNameW answers, when not empty
+std::u16string AppData;     // what SHGetFolderPathW answers
+HRESULT AppDataResult = S_OK;
+
+}  // namespace
+
+extern "C" DWORD __real_GetModuleFileNameW(HMODULE module, LPWSTR buffer, DWORD units);
+extern "C" DWORD __wrap_GetModuleFileNameW(HMODULE module, LPWSTR buffer, DWORD units);
+extern "C" DWORD __wrap_GetModuleFileNameW(HMODULE module, LPWSTR buffer, DWORD units) {
+    if (ModulePath.empty()) return __real_GetModuleFileNameW(module, buffer, units);
+    if (ModulePath == u"fails") return 0;
+    const size_t copied = ModulePath.copy(buffer, units);
+    if (copied == units) return buffer[units - 1] = 0, SetLastError(ERROR_INSUFFICIENT_BUFFER), units;
+    buffer[copied] = 0;
+    return static_cast<DWORD>(copied);
+}
+
+extern "C" HRESULT __wrap_SHGetFolderPathW(HWND owner, int folder, HANDLE token, DWORD flags, LPWSTR path);
+extern "C" HRESULT __wrap_SHGetFolderPathW(HWND, int folder, HANDLE, DWORD, LPWSTR path) {
+    if (folder != 28) return E_INVALIDARG;
+    if (AppDataResult == S_OK) path[AppData.copy(path, MAX_PATH - 1)] = 0;
+    return AppDataResult;
+}
+
+namespace keldwick {
+namespace {
+
+class LogPath : public LOG_TEST {
+protected:
+    ~LogPath() override {
+        ModulePath.clear();
+        AppDataResult = S_OK;
+    }
+    std::u16string Windows(const std::string& name) const { return win32::WindowsPath(root.Path(name)); }
+    static std::string ChosenPath() { return Narrow(LogFilePath(DebugState())); }
+};
+
+TEST_F(LogPath, ChoicesOfFolderNameAndExtension) {
+    ModulePath = Windows("Program.exe");
+    AppData = Windows("appdata");
+    const STRING own((Windows("own") + u"/").c_str());
+    const STRING unended(Windows("unended").c_str());
+    const std::string here = Narrow(win32::WindowsPath(root.Path("")).c_str());
+    const std::string base = here.back() == '\\' ? here : here + "\\";
+    const struct {
+        LOG_PATH_CHOICE folder, name, extension;
+        std::string expected;
+    } cases[] = {
+        {2, TEXT("Keldwick"), 0, base + "Keldwick.log"},
+        {1, 1, 1, base + "Keldwick.log"},
+        {2, 0, TEXT("TXT"), base + "Debug.txt"},
+        {2, 4, TEXT("Log"), base + "Debug.log"},
+        {2, 2, 0, base + "Program.exe.log"},
+        {2, 3, 0, base + "Program.log"},
+        {3, 3, TEXT("out"), base + "Program.out"},
+        {1, 3, TEXT("EXE"), base + "Program.exe.EXE"},
+        {1, TEXT("PROGRAM"), TEXT("exe"), base + "PROGRAM.log"},
+        {1, TEXT("n"), TEXT(""), base + "n"},
+        {4, TEXT("n"), 0, base + "appdata\\n.log"},
+        {own.Text(), TEXT("n"), 1, base + "own/n.log"},
+        {unended.Text(), TEXT("n"), 7, base + "unended\\n.log"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.expected);
+        EXPECT_TRUE(SetLogPath(c.folder, c.name, c.extension));
+        EXPECT_EQ(c.expected, ChosenPath());
+    }
+    EXPECT_TRUE(std::filesystem::is_directory(root.Path("unended")));
+    EXPECT_TRUE(std::filesystem::is_empty(root.Path("unended"))) << "the probe file goes away again";
+}
+
+TEST_F(LogPath, TheLogNeverIsTheProgramFile) {
+    const std::u16string folder = Windows("");
+    for (const auto& [program, expected] :
+         {std::pair<const WCHAR*, const char*>{TEXT("tool.log"), "tool.txt"}, {TEXT("tool.txt"), "tool.log"}}) {
+        ModulePath = folder + (folder.back() == '\\' ? u"" : u"\\") + program;
+        EXPECT_TRUE(
+            SetLogPath(2, TEXT("Tool"), STRING(program).View().ends_with(TEXT("txt")) ? TEXT("txt") : TEXT("log")));
+        const std::string path = ChosenPath();
+        EXPECT_EQ(std::string("Tool") + (expected + 4), path.substr(path.rfind('\\') + 1));
+    }
+}
+
+TEST_F(LogPath, WithoutAModulePathOrAppDataTheCurrentFolderServes) {
+    AppDataResult = E_FAIL;
+    ModulePath = u"fails";
+    const FAIL_CALL noFiles(CreateFileCalls, static_cast<uintptr_t>(-1), ERROR_ACCESS_DENIED);
+    for (const DWORD choice : {0, 2, 3, 4}) {
+        EXPECT_FALSE(SetLogPath(choice, TEXT("n"), 0));
+        EXPECT_EQ("n.log", ChosenPath());
+    }
+}
+
+TEST_F(LogPath, AFolderThatCannotBeWrittenToIsFoundOut) {
+    {
+        const FAIL_CALL taken(CreateFileCalls, static_cast<uintptr_t>(-1), ERROR_FILE_EXISTS, 0, 999);
+        EXPECT_TRUE(SetLogPath(1, 1, 1));
+        EXPECT_EQ(999, taken.Failed());
+    }
+    {
+        const FAIL_CALL taken(CreateFileCalls, static_cast<uintptr_t>(-1), ERROR_FILE_EXISTS);
+        EXPECT_FALSE(SetLogPath(1, 1, 1));
+        EXPECT_EQ(1000, taken.Failed());
+    }
+    {
+        const FAIL_CALL readOnly(CreateFileCalls, static_cast<uintptr_t>(-1), ERROR_ACCESS_DENIED);
+        EXPECT_FALSE(SetLogPath(1, 1, 1));
+        EXPECT_EQ(1, readOnly.Failed());
+    }
+    {
+        const FAIL_CALL kept(DeleteFileCalls, FALSE, ERROR_ACCESS_DENIED);
+        EXPECT_TRUE(SetLogPath(1, 1, 1));
+        EXPECT_TRUE(DebuggerSaw("Unable to delete \"" + ChosenPath() + "\".\n    Access is denied. Error code = 5."));
+    }
+    SetDebugOutputMode(0x10000);
+    root.Write("file", "");
+    EXPECT_FALSE(SetLogPath((Windows("file") + u"\\x").c_str(), 1, 1));
+    EXPECT_TRUE(
+        DebuggerSaw("Unable to create log directory = \"" + Narrow(Windows("file").c_str()) + "\\x\\\". \n    "));
+    EXPECT_TRUE(DebuggerSaw(". Error code = 267."));
+}
+
+TEST_F(LogPath, AnOpenFileIsClosedWhenItsPathChanges) {
+    SetDebugOutputMode(0x2);
+    DebugPrintMasked(DEBUG_RAW, TEXT("first"));
+    EXPECT_TRUE(SetLogPath(1, 1, 1));
+    EXPECT_TRUE(DebugState().log.file) << "the same path";
+    EXPECT_TRUE(SetLogPath(1, TEXT("Other"), 1));
+    DebugPrintMasked(DEBUG_RAW, TEXT("second"));
+    EXPECT_EQ("first\r\n", Log());
+    EXPECT_EQ("second\r\n", Log("Other.log"));
+}
+
+TEST_F(LogPath, EveryMissingFolderIsMade) {
+    EXPECT_TRUE(CreateDirectoryPath((Windows("a") + u"\\.\\b/..\\c\\\\d\\").c_str()));
+    for (const char* made : {"a", "a/b", "a/c", "a/c/d"}) EXPECT_TRUE(std::filesystem::is_directory(root.Path(made)));
+    EXPECT_TRUE(CreateDirectoryPath(Windows("a").c_str()));
+    root.Write("a/file", "");
+    EXPECT_FALSE(CreateDirectoryPath((Windows("a") + u"\\file\\b").c_str()));
+    EXPECT_EQ(DWORD(ERROR_DIRECTORY), GetLastError());
+    {
+        const FAIL_CALL raced(CreateDirectoryW_calls, FALSE, ERROR_ALREADY_EXISTS, 0, 1);
+        EXPECT_TRUE(CreateDirectoryPath(Windows("e").c_str())) << "somebody else made it meanwhile";
+    }
+    const FAIL_CALL denied(CreateDirectoryW_calls, FALSE, ERROR_ACCESS_DENIED);
+    EXPECT_FALSE(CreateDirectoryPath(Windows("f").c_str()));
+    EXPECT_EQ(5u, GetLastError());
+}
+
+TEST_F(LogPath, RootsAreSkippedWithoutLooking) {
+    const FAIL_CALL looked(GetFileAttributesW_calls, INVALID_FILE_ATTRIBUTES, ERROR_ACCESS_DENIED);
+    for (const WCHAR* path :
+         {TEXT(""), TEXT("\\\\server"), TEXT("\\\\server\\share"), TEXT("\\\\server\\share\\"),
+          TEXT("\\\\server/share/"), TEXT("C:"), TEXT("C:\\"), TEXT("C:/"), TEXT(".\\.."), TEXT("/")}) {
+        EXPECT_TRUE(CreateDirectoryPath(path)) << Narrow(path);
+    }
+    EXPECT_EQ(0, looked.Failed());
+    for (const WCHAR* path : {TEXT("\\\\server\\share\\a"), TEXT("C:a"), TEXT("C:\\a"), TEXT("a"), TEXT("\\a")}) {
+        EXPECT_FALSE(CreateDirectoryPath(path)) << Narrow(path);
+        EXPECT_EQ(5u, GetLastError());
+    }
+}
+
+TEST_F(LogPath, LocalApplicationData) {
+    const struct {
+        HRESULT result;
+        const WCHAR* folder;
+        const WCHAR* name;
+        const char* path;
+        DWORD error;
+    } cases[] = {
+        {S_OK, TEXT("C:\\Data"), TEXT(""), "C:\\Data\\", 0},
+        {S_OK, TEXT("C:\\"), TEXT("n.log"), "C:\\n.log", 0},
+        {E_FAIL, TEXT(""), TEXT(""), "old", ERROR_PATH_NOT_FOUND},
+        {S_FALSE, TEXT(""), TEXT(""), "old", ERROR_PATH_NOT_FOUND},
+        {E_ACCESSDENIED, TEXT(""), TEXT(""), "old", ERROR_ACCESS_DENIED},
+    };
+    for (const auto& c : cases) {
+        AppDataResult = c.result;
+        AppData = c.folder;
+        STRING path(TEXT("old"));
+        SetLastError(0);
+        EXPECT_EQ(c.error == 0, LocalAppDataPath(path, c.name));
+        EXPECT_EQ(c.error, GetLastError());
+        EXPECT_EQ(c.path, Narrow(path));
+    }
+}
+
+TEST_F(LogPath, AModulePathOfAnyLengthIsReadWhole) {
+    STRING path(TEXT("old"));
+    for (const size_t units : {1u, 259u, 260u, 261u, 387u, 388u, 389u, 5000u}) {
+        ModulePath.assign(units, 'p');
+        GetModulePath(path);
+        EXPECT_EQ(units, path.Length());
+        EXPECT_EQ(0, path.Text()[units]);
+    }
+    ModulePath = u"fails";
+    GetModulePath(path);
+    EXPECT_TRUE(path.IsEmpty());
+}
+
+}  // namespace
+}  // namespace keldwick
