@@ -23,7 +23,7 @@ struct ELEMENT_TYPE {
 constexpr ELEMENT_TYPE elementTypes[] = {{VT_I4, sizeof(LONG), 0},
                                          {VT_UI1, sizeof(BYTE), 0},
                                          {VT_BSTR, sizeof(BSTR), OfStrings},
-                                         {VT_DISPATCH, sizeof(IUnknown*), OfInterfaces},
+                                         {VT_DISPATCH, sizeof(void*), OfInterfaces},
                                          {VT_VARIANT, sizeof(VARIANT), OfVariants}};
 
 // The block of an array: its element type, then the descriptor that callers see, then the elements.
@@ -48,7 +48,7 @@ HRESULT CopyElement(USHORT features, ULONG bytes, const void* from, void* to) {
     if ((features & OfVariants) != 0)
         return CopyVariant(*static_cast<const VARIANT*>(from), *static_cast<VARIANT*>(to));
     if ((features & OfStrings) != 0) {
-        const BSTR text = *static_cast<const BSTR*>(from);
+        BSTR text = *static_cast<const BSTR*>(from);
         BSTR& copy = *static_cast<BSTR*>(to);
         copy = text ? SysAllocStringLen(text, SysStringLen(text)) : nullptr;
         return text && !copy ? E_OUTOFMEMORY : S_OK;

@@ -52,7 +52,7 @@ public:
     LSA_UNICODE_STRING TakeText(const std::u16string& text) {
         const USHORT bytes = TextBytes(text);
         WCHAR* buffer = Take<WCHAR>(bytes / sizeof(WCHAR));
-        memcpy(buffer, text.data(), bytes);
+        std::copy_n(text.data(), bytes / sizeof(WCHAR), buffer);
         return {bytes, bytes, buffer};
     }
     static USHORT TextBytes(const std::u16string& text) {

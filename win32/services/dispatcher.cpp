@@ -77,8 +77,7 @@ void SERVICE::End() {
 bool SERVICE::Run(const SERVICE_TABLE_ENTRYW& entry) {
     if (!Begin(entry)) return false;
     STOP_SIGNALS signals;
-    const HANDLE thread =
-        signals.Descriptor() < 0 ? nullptr : CreateThread(nullptr, 0, ServiceThread, this, 0, nullptr);
+    HANDLE thread = signals.Descriptor() < 0 ? nullptr : CreateThread(nullptr, 0, ServiceThread, this, 0, nullptr);
     if (thread != nullptr) {
         DispatchUntilStopped(signals);
         WaitForSingleObject(thread, LastWordsMs);

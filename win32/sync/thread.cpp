@@ -107,7 +107,7 @@ HANDLE Start(size_t stack, ROUTINE routine, void* argument, DWORD flags, ID* thr
         SetLastError(ERROR_NOT_ENOUGH_MEMORY);
         return nullptr;
     }
-    start.release();
+    static_cast<void>(start.release());  // the thread owns it now
     if (threadId) *threadId = thread->Id();
     return NewHandle(thread);
 }
@@ -122,7 +122,7 @@ HANDLE WINAPI CreateThread(LPSECURITY_ATTRIBUTES, SIZE_T stack, LPTHREAD_START_R
 
 uintptr_t _beginthreadex(void*, unsigned stack, unsigned(WINAPI* routine)(void*), void* argument, unsigned flags,
                          unsigned* threadId) {
-    const HANDLE thread = win32::Start(stack, routine, argument, flags, threadId);
+    HANDLE thread = win32::Start(stack, routine, argument, flags, threadId);
     if (thread == nullptr) errno = routine == nullptr || flags != 0 ? EINVAL : EAGAIN;
     return reinterpret_cast<uintptr_t>(thread);
 }
