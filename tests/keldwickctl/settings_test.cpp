@@ -160,6 +160,7 @@ TEST_F(Keldwickctl, WhatCannotBeDoneIsOneAndWrongUsageIsTwo) {
         {"settings", "set", "a\nb", "1", "--type", "sz"},
     };
     for (const std::vector<std::string>& words : wrong) Refused(2, words);
+    EXPECT_THAT(Refused(2, {"settings", "nonsense"}), HasSubstr("\"nonsense\""));
     EXPECT_EQ(before, root.Read(File));
     root.Write(File, before + "[");
     EXPECT_THAT(Refused(1, {"settings", "list"}), HasSubstr("closing bracket"));

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <iostream>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -27,6 +28,16 @@ void ChooseRoot(const std::string& root) {
     } else if (named == nullptr || *named == '\0') {
         setenv("KELDWICK_ROOT", std::filesystem::current_path().c_str(), 1);
     }
+}
+
+// The parser asks for a command before it says that it does not know the one that was given.
+std::string UsageFault(const CLI::App& app, const CLI::ParseError& error) {
+    if (error.get_name() != "RequiredError" || std::string(error.what()).find("subcommand") == std::string::npos) {
+        return error.what();
+    }
+    const std::vector<std::string> unknown = app.remaining(true);
+    return (unknown.empty() ? "a command is missing" : "there is no command \"" + unknown.front() + "\"") +
+           "; --help names them";
 }
 
 int Complain(std::string text, int exitCode) {
@@ -63,7 +74,7 @@ int main(int argc, char** argv) {
         app.parse(argc, argv);
         return Finish();
     } catch (const CLI::ParseError& error) {
-        if (error.get_exit_code() != 0) return Complain(error.what(), ExitUsage);
+        if (error.get_exit_code() != 0) return Complain(UsageFault(app, error), ExitUsage);
         app.exit(error);  // help or version
         return Finish();
     } catch (const std::exception& error) {  // COMMAND_ERROR, or what the machine ran out of

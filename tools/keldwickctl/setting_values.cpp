@@ -52,7 +52,7 @@ const KNOWN_SETTING* Known(std::u16string_view name) {
 }
 
 [[noreturn]] void Misfit(std::u16string_view name, const std::string& reason) {
-    throw CLI::ValidationError(win32::ToUtf8(name), reason);
+    throw CLI::ValidationError(win32::ToUtf8(name) + " " + reason);
 }
 
 // Decimal, or hexadecimal behind 0x.
@@ -242,6 +242,6 @@ std::string ExplainValue(std::u16string_view name, const win32::REG_VALUE& value
 
 std::u16string FromArgument(const std::string& text) {
     std::u16string wide = win32::ToUtf16(text);
-    if (win32::ToUtf8(wide) != text) throw CLI::ValidationError("text", "is not UTF-8");
+    if (win32::ToUtf8(wide) != text) throw CLI::ValidationError("a text of the command line is not UTF-8");
     return wide;
 }

@@ -19,6 +19,8 @@ using win32::REG_STORE;
 using win32::REG_TREE;
 using win32::REG_VALUE;
 
+constexpr const char* NameHelp = "the value's name; those of a subkey as KEY\\NAME";
+
 struct SETTING_OPTIONS {
     std::string name, type;
     std::vector<std::string> values;
@@ -36,7 +38,7 @@ struct SETTING_NAME {
         value = slash == std::u16string::npos ? whole : whole.substr(slash + 1);
         const bool good = !value.empty() && value.size() <= win32::MaxValueNameUnits && win32::WritableName(value) &&
                           (slash == std::u16string::npos || win32::SplitKeyPath(whole.substr(0, slash), key));
-        if (!good) throw CLI::ValidationError("NAME", "is not the name of a value: \"" + text + "\"");
+        if (!good) throw CLI::ValidationError("\"" + text + "\" cannot be the name of a value");
     }
 };
 
@@ -100,8 +102,7 @@ DWORD ChooseType(const SETTING_OPTIONS& options, const SETTING_NAME& name, const
     if (!options.type.empty()) return TypeOfWord(options.type).value();
     if (const std::optional<DWORD> known = SettingType(name.whole)) return *known;
     if (present != nullptr) return present->type;
-    throw CLI::ValidationError("NAME",
-                               "is none that Keldwick reads: \"" + options.name + "\"; --type stores it anyway");
+    throw CLI::ValidationError("Keldwick reads no value \"" + options.name + "\"; --type stores it anyway");
 }
 
 DWORD SetValue(REG_TREE& tree, const SETTING_OPTIONS& options, const SETTING_NAME& name) {
@@ -142,17 +143,17 @@ void AddSettingsCommands(CLI::App& app) {
     settings->add_subcommand("list", "Shows every value with its type.")->callback([] { List(); });
 
     CLI::App* const get = settings->add_subcommand("get", "Shows one value and nothing else.");
-    get->add_option("NAME", options->name, "the value's name; those of a subkey as KEY\\NAME")->required();
+    get->add_option("NAME", options->name, NameHelp)->required();
     get->callback([options] { Get(*options); });
 
     CLI::App* const set = settings->add_subcommand(
         "set", "Sets a value; its type follows its name. IdentProtocol also takes auto, tcps and tcp.");
-    set->add_option("NAME", options->name, "the value's name; those of a subkey as KEY\\NAME")->required();
+    set->add_option("NAME", options->name, NameHelp)->required();
     set->add_option("VALUE", options->values, "the value; several only for multi_sz")->required();
     set->add_option("--type", options->type, "forces a type")->check(CLI::IsMember(TypeWords()));
     set->callback([options] { Set(*options); });
 
     CLI::App* const remove = settings->add_subcommand("delete", "Deletes a value.");
-    remove->add_option("NAME", options->name, "the value's name; those of a subkey as KEY\\NAME")->required();
+    remove->add_option("NAME", options->name, NameHelp)->required();
     remove->callback([options] { Delete(*options); });
 }
