@@ -96,10 +96,9 @@ int main(int count, char** texts) {
         Complain(error);
         return ExitFailed;
     }
-    std::string served;
-    if (server.TcpPort() != 0) served += " port " + std::to_string(server.TcpPort()) + " (TCP)";
-    if (server.TlsPort() != 0) served += " port " + std::to_string(server.TlsPort()) + " (TLS)";
-    Complain("listening on " + arguments.server.host + served);
+    const std::string place = "listening on " + arguments.server.host + " port ";
+    if (server.TcpPort() != 0) Complain(place + std::to_string(server.TcpPort()) + " (TCP)");
+    if (server.TlsPort() != 0) Complain(place + std::to_string(server.TlsPort()) + " (TLS)");
     server.Run(stop);
     return 0;
 }
