@@ -64,9 +64,14 @@ bool FindEnd(const EVT_FILE& file, DWORD current, EVT_STATE& state) {
 
 // Goes on from the header's end over whole records that carry on its numbering.
 void WalkOn(const EVT_FILE& file, EVT_STATE& state) {
-    EVT_STATE rest = state;  // the whole ring, seen from the header's end
+    // What may have been written there: up to the oldest record, and round the file's end only once it is fully grown.
+    EVT_STATE rest = state;
+    const bool grown = state.ringEnd >= state.maxSize, empty = state.start == state.end;
     rest.start = state.end;
-    rest.end = state.end == EvtHeaderBytes ? state.ringEnd : state.end - 4;
+    if (state.Wrapped() || (grown && !empty))
+        rest.end = state.start;
+    else
+        rest.end = grown && state.end > EvtHeaderBytes ? state.end - 4 : state.ringEnd;
     EVT_CURSOR cursor(file, rest);
     DWORD position = 0;
     for (;;) {
@@ -80,7 +85,12 @@ void WalkOn(const EVT_FILE& file, EVT_STATE& state) {
         ++state.current;
         position = next + record->Length;
     }
-    state.end = rest.OffsetOf(rest.SkipFiller(position));
+    if (position == 0) return;
+    const DWORD filled = rest.SkipFiller(position);
+    DWORD filler = 0;
+    if (filled != position && file.ReadAt(rest.OffsetOf(position), &filler, sizeof(filler)) && filler == EvtFiller)
+        position = filled;
+    state.end = rest.OffsetOf(position);
 }
 
 // Collects what whole records there are from the start to the end of a file that was cut off.

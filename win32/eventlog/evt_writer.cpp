@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 
 #include "win32/eventlog/evt_cursor.h"
 #include "win32/text/last_error.h"
@@ -169,10 +170,23 @@ bool EVT_WRITER::Enter() {
     return (headerStands && endStands) || StoreBoth(*file, state);  // a torn tail is mended here
 }
 
+// Where less than a record's fixed part is left before the ring's end, filler goes there and the next bytes to its
+// start.
+void EVT_WRITER::FillRingEnd(DWORD& offset) {
+    const DWORD left = offset < limit ? limit - offset : 0;
+    if (left >= RecordFixedBytes) return;
+    const BYTE filler[] = {EvtFiller, 0, 0, 0};
+    for (DWORD filled = 0; filled < left; filled += sizeof(filler))
+        stream.insert(stream.end(), std::begin(filler), std::end(filler));
+    offset = EvtHeaderBytes;
+}
+
 // Appends records of together at most LargestRun bytes, or one record.
 bool EVT_WRITER::WriteRun(const BYTE* run, DWORD bytes, DWORD records) {
     stream.clear();
     DWORD offset = state.end, number = state.current;
+    FillRingEnd(offset);
+    const DWORD firstOffset = offset;
     for (DWORD at = 0; at < bytes;) {
         const size_t begin = stream.size();
         const DWORD length = reinterpret_cast<const EVENTLOGRECORD*>(run + at)->Length;
@@ -181,20 +195,14 @@ bool EVT_WRITER::WriteRun(const BYTE* run, DWORD bytes, DWORD records) {
         at += length;
         offset += length;
         if (offset >= limit) offset = EvtHeaderBytes + (offset - limit);
-        if (const DWORD left = limit - offset; left < RecordFixedBytes) {
-            const DWORD filler = EvtFiller;
-            for (DWORD filled = 0; filled < left; filled += sizeof(filler))
-                stream.insert(stream.end(), reinterpret_cast<const BYTE*>(&filler),
-                              reinterpret_cast<const BYTE*>(&filler) + sizeof(filler));
-            offset = EvtHeaderBytes;
-        }
+        FillRingEnd(offset);
     }
     if (!MakeRoom(static_cast<DWORD>(stream.size()) + EvtEndBytes)) return false;
 
     EVT_STATE after = state;
     if (after.oldest == 0) {
         after.oldest = after.current;
-        after.start = after.end;
+        after.start = firstOffset;
     }
     after.end = offset;
     after.current += records;

@@ -34,6 +34,7 @@ private:
     bool WriteGathered(bool& again);
     bool Enter();
     bool WriteRun(const BYTE* run, DWORD bytes, DWORD records);
+    void FillRingEnd(DWORD& offset);
     bool MakeRoom(DWORD bytes);
     bool Rebuild();
 
@@ -49,7 +50,7 @@ private:
 bool CreateLogFile(const std::string& path, DWORD maxSize);
 
 // Replaces the log by an empty one under its lock; `backup`, when not empty, first gets a copy and must not exist yet
-// (ERROR_FILE_EXISTS). Readers of the old file meet ERROR_EVENTLOG_FILE_CHANGED.
+// (ERROR_ALREADY_EXISTS). Readers of the old file meet ERROR_EVENTLOG_FILE_CHANGED.
 bool ClearLogFile(const std::string& path, DWORD maxSize, const std::string& backup = {});
 
 }  // namespace win32

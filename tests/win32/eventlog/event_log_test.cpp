@@ -1,0 +1,283 @@
+// The event-log calls: positions, codes, the circle, clearing, resizing, notification.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <thread>
+
+#include "tests/win32/eventlog/log_fixture.h"
+#include "win32/files/machine_root.h"
+
+namespace win32 {
+namespace {
+
+using EVENT_LOG_CALLS = LOG_TEST;
+
+struct HANDLE_CLOSER {
+    void operator()(HANDLE handle) const { CloseHandle(handle); }
+};
+using EVENT = std::unique_ptr<void, HANDLE_CLOSER>;
+
+TEST_F(EVENT_LOG_CALLS, TheForwardsReadAfterABackwardsReadGivesTheSameRecordsAndThenTheEnd) {
+    MakeLog();
+    ASSERT_TRUE(Append(1, 300));
+    const LOG log = OpenLog();
+    READ back = ReadOnce(log.get(), Backwards, 4096);
+    ASSERT_GT(back.ids.size(), 5u);
+    EXPECT_EQ(Range(300, 300 - static_cast<DWORD>(back.ids.size()) + 1), back.ids);
+    const READ forth = ReadOnce(log.get(), Forwards, 4096);
+    EXPECT_EQ(std::vector<DWORD>(back.ids.rbegin(), back.ids.rend()), forth.ids);
+    EXPECT_EQ(DWORD{ERROR_HANDLE_EOF}, ReadOnce(log.get(), Forwards).error);
+    ASSERT_TRUE(Append(301, 2));
+    EXPECT_EQ(Range(301, 302), ReadOnce(log.get(), Forwards).ids);
+    EXPECT_EQ(Range(302, 1), ReadAll(log.get(), Backwards, 1000).ids);
+}
+
+TEST_F(EVENT_LOG_CALLS, AnEmptyLogIsAtItsEndBothWaysAndGivesTheFirstRecordThatComes) {
+    MakeLog();
+    const LOG log = OpenLog();
+    EXPECT_EQ(DWORD{ERROR_HANDLE_EOF}, ReadOnce(log.get(), Backwards).error);
+    EXPECT_EQ(DWORD{ERROR_HANDLE_EOF}, ReadOnce(log.get(), Forwards).error);
+    DWORD count = 9, oldest = 9;
+    EXPECT_TRUE(GetNumberOfEventLogRecords(log.get(), &count) && GetOldestEventLogRecord(log.get(), &oldest));
+    EXPECT_EQ(0u, count);
+    EXPECT_EQ(0u, oldest);
+    ASSERT_TRUE(Append(7, 1));
+    EXPECT_EQ(Range(7, 7), ReadOnce(log.get(), Forwards).ids);
+    EXPECT_TRUE(GetNumberOfEventLogRecords(log.get(), &count) && GetOldestEventLogRecord(log.get(), &oldest));
+    EXPECT_EQ(1u, count);
+    EXPECT_EQ(1u, oldest);
+}
+
+TEST_F(EVENT_LOG_CALLS, FlagsOffsetsAndBufferSizesAreAnsweredWithTheDocumentedCodes) {
+    MakeLog();
+    ASSERT_TRUE(Append(101, 10));
+    const struct {
+        const char* name;
+        DWORD flags, bytes, offset, error;
+        std::vector<DWORD> ids;
+    } cases[] = {
+        {"no direction", 1, 4096, 0, ERROR_INVALID_PARAMETER, {}},
+        {"both directions", 1 | 4 | 8, 4096, 0, ERROR_INVALID_PARAMETER, {}},
+        {"sequential and seek", 1 | 2 | 4, 4096, 1, ERROR_INVALID_PARAMETER, {}},
+        {"neither sequential nor seek", 4, 4096, 0, ERROR_INVALID_PARAMETER, {}},
+        {"unknown flag", 1 | 4 | 16, 4096, 0, ERROR_INVALID_PARAMETER, {}},
+        {"buffer above the limit", 1 | 4, MaxReadBytes + 1, 0, ERROR_INVALID_PARAMETER, {}},
+        {"seek before the oldest", 2 | 4, 4096, 0, ERROR_INVALID_PARAMETER, {}},
+        {"seek behind the newest", 2 | 4, 4096, 11, ERROR_INVALID_PARAMETER, {}},
+        {"seek forwards", 2 | 4, 65536, 8, 0, Range(108, 110)},
+        {"seek backwards", 2 | 8, 65536, 3, 0, Range(103, 101)},
+        {"no buffer to speak of", 2 | 4, 0, 8, ERROR_INSUFFICIENT_BUFFER, {}},
+        {"one byte short", 2 | 4, AsRecord(MakeRecord(1)).Length - 1, 8, ERROR_INSUFFICIENT_BUFFER, {}},
+        {"one byte short, backwards", 2 | 8, AsRecord(MakeRecord(1)).Length - 1, 8, ERROR_INSUFFICIENT_BUFFER, {}},
+        {"just enough for one", 2 | 4, AsRecord(MakeRecord(1)).Length, 8, 0, Range(108, 108)},
+        {"not enough for two", 2 | 4, 2 * AsRecord(MakeRecord(1)).Length - 1, 8, 0, Range(108, 108)},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        const READ read = ReadOnce(OpenLog().get(), c.flags, c.bytes, c.offset);
+        EXPECT_EQ(c.error, read.error);
+        EXPECT_EQ(c.ids, read.ids);
+        EXPECT_EQ(c.error == ERROR_INSUFFICIENT_BUFFER ? AsRecord(MakeRecord(1)).Length : 0, read.needed);
+    }
+}
+
+TEST_F(EVENT_LOG_CALLS, NamesThatMeanNoLogAreRefused) {
+    MakeLog();
+    root.Write("eventlog/Broken.evt", "no log");
+    const std::u16string longName(300, u'a');
+    const struct {
+        const char* name;
+        const char16_t* log;
+        DWORD error;
+    } cases[] = {
+        {"plain", u"Security", 0},
+        {"other letters' case", u"sECURITY", 0},
+        {"not there", u"Nonesuch", ERROR_FILE_NOT_FOUND},
+        {"empty", u"", ERROR_INVALID_NAME},
+        {"way up", u"../eventlog/Security", ERROR_INVALID_NAME},
+        {"hidden", u".Security", ERROR_INVALID_NAME},
+        {"too long", longName.c_str(), ERROR_INVALID_NAME},
+        {"no log inside", u"Broken", ERROR_EVENTLOG_FILE_CORRUPT},
+        {"path of nothing", u"C:\\nonesuch\\x.evt", ERROR_FILE_NOT_FOUND},
+        {"path of a folder", u"C:\\tmp", ERROR_EVENTLOG_FILE_CORRUPT},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        const LOG log = OpenLog(c.log);
+        EXPECT_EQ(c.error, log ? 0 : GetLastError());
+    }
+    EXPECT_TRUE(OpenLog(WindowsPath(Path()).c_str()));
+    EXPECT_EQ(nullptr, OpenEventLogW(u"\\\\other", u"Security"));
+    EXPECT_EQ(1722u, GetLastError());
+    EXPECT_FALSE(CloseEventLog(nullptr));
+    EXPECT_EQ(DWORD{ERROR_INVALID_HANDLE}, GetLastError());
+}
+
+TEST_F(EVENT_LOG_CALLS, ALogThatGoesRoundKeepsItsNewestRecordsWholeForEveryRecordSize) {
+    for (size_t units = 0; units < 60; ++units) {  // every way to meet the ring's end
+        SCOPED_TRACE(units);
+        MakeLog();
+        DWORD written = 0;
+        for (const DWORD batch : {700u, 1u, 300u, 1u, 1u, 500u}) {
+            ASSERT_TRUE(Append(written + 1, batch, SmallestLog, units));
+            written += batch;
+            ASSERT_LE(std::filesystem::file_size(Path()), SmallestLog);
+            const READ all = ReadAll(OpenLog().get(), Forwards, 2000);
+            ASSERT_GT(all.ids.size(), SmallestLog / 400);
+            ASSERT_EQ(Range(written + 1 - static_cast<DWORD>(all.ids.size()), written), all.ids);
+            ASSERT_EQ(all.ids, all.numbers);
+            ASSERT_EQ(std::vector<DWORD>(all.ids.rbegin(), all.ids.rend()),
+                      ReadAll(OpenLog().get(), Backwards, 2000).ids);
+        }
+        std::filesystem::remove(Path());
+    }
+}
+
+TEST_F(EVENT_LOG_CALLS, AFollowerOfALogThatGoesRoundSeesEveryRecordOnceAndAnOvertakenOneTheOldestLeft) {
+    MakeLog();
+    const LOG follower = OpenLog(), overtaken = OpenLog();
+    EXPECT_EQ(DWORD{ERROR_HANDLE_EOF}, ReadOnce(overtaken.get(), Forwards).error);
+    for (DWORD next = 1; next < 3000; next += 7) {
+        ASSERT_TRUE(Append(next, 7));
+        ASSERT_EQ(Range(next, next + 6), ReadAll(follower.get(), Forwards).ids);
+    }
+    DWORD oldest = 0;
+    ASSERT_TRUE(GetOldestEventLogRecord(overtaken.get(), &oldest));
+    EXPECT_EQ(oldest, ReadOnce(overtaken.get(), Forwards).numbers.at(0));
+}
+
+TEST_F(EVENT_LOG_CALLS, AChangedMaxSizeKeepsTheNewestRecordsAndTheReadersPlace) {
+    MakeLog();
+    ASSERT_TRUE(Append(1, 1000));
+    const LOG log = OpenLog();
+    ReadAll(log.get(), Forwards);
+    for (const DWORD size : {3 * SmallestLog, SmallestLog, 2 * SmallestLog}) {
+        SCOPED_TRACE(size);
+        ASSERT_TRUE(Append(1001, 1500, size));
+        const std::vector<DWORD> followed = ReadAll(log.get(), Forwards).numbers;
+        const std::vector<DWORD> held = ReadAll(OpenLog().get(), Forwards).numbers;
+        EXPECT_EQ(held.back(), followed.back());
+        EXPECT_EQ(Range(followed.front(), followed.back()), followed);
+        EXPECT_GE(followed.front(), held.front());
+        EXPECT_LE(std::filesystem::file_size(Path()), size);
+        EXPECT_GT(std::filesystem::file_size(Path()), size / 2);
+    }
+}
+
+TEST_F(EVENT_LOG_CALLS, ARecordThatCannotFitIsRefusedAndTheLogStaysAsItIs) {
+    MakeLog();
+    ASSERT_TRUE(Append(1, 3));
+    const std::string before = root.Read("eventlog/Security.evt");
+    EXPECT_FALSE(Append(4, 1, SmallestLog, 40000));
+    EXPECT_EQ(DWORD{ERROR_LOG_FILE_FULL}, GetLastError());
+    NEW_EVENT event;
+    event.strings = {std::u16string(MaxRecordBytes / 2, u'x')};
+    BYTES record;
+    EXPECT_FALSE(BuildRecord(event, record));
+    EXPECT_EQ(DWORD{ERROR_INVALID_PARAMETER}, GetLastError());
+    EXPECT_EQ(before, root.Read("eventlog/Security.evt"));
+    EXPECT_TRUE(Append(4, 3, SmallestLog, 30000));  // one fills nearly all of it
+    EXPECT_EQ(Range(6, 6), ReadOnce(OpenLog().get(), Forwards, MaxReadBytes).ids);
+}
+
+TEST_F(EVENT_LOG_CALLS, AClearedLogIsMetAs1503ByItsReadersAndBeginsAnew) {
+    MakeLog();
+    ASSERT_TRUE(Append(1, 5));
+    const std::string held = root.Read("eventlog/Security.evt");
+    const LOG reader = OpenLog(), other = OpenLog();
+    ASSERT_TRUE(ClearEventLogW(other.get(), WindowsPath(Path("old")).c_str()));
+    EXPECT_EQ(held, root.Read("eventlog/old.evt"));
+    EXPECT_EQ(DWORD{ERROR_EVENTLOG_FILE_CHANGED}, ReadOnce(reader.get(), Forwards).error);
+    EXPECT_EQ(DWORD{ERROR_EVENTLOG_FILE_CHANGED}, ReadOnce(reader.get(), Backwards).error);
+    ASSERT_TRUE(Append(50, 1));
+    EXPECT_EQ(Range(1, 1), ReadOnce(OpenLog().get(), Forwards).numbers);
+    const LOG again = OpenLog();
+    EXPECT_FALSE(ClearEventLogW(again.get(), WindowsPath(Path("old")).c_str()));
+    EXPECT_EQ(DWORD{ERROR_ALREADY_EXISTS}, GetLastError());
+    EXPECT_EQ(Range(50, 50), ReadOnce(again.get(), Forwards).ids);
+}
+
+TEST_F(EVENT_LOG_CALLS, AManualResetEventWakesOneWaitForEachChangeAndThenNoMore) {
+    MakeLog();
+    const LOG log = OpenLog();
+    const EVENT changed(CreateEventW(nullptr, TRUE, FALSE, nullptr)),
+        never(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    ASSERT_TRUE(NotifyChangeEventLog(log.get(), changed.get()));
+    DWORD seen = 0;
+    for (DWORD id = 1; id <= 20; ++id) {
+        ASSERT_TRUE(Append(id, 1));
+        ASSERT_EQ(WAIT_OBJECT_0, WaitForSingleObject(changed.get(), 5000));
+        const READ read = ReadAll(log.get(), Forwards);
+        seen += static_cast<DWORD>(read.ids.size());
+    }
+    EXPECT_EQ(20u, seen);
+    EXPECT_EQ(DWORD{WAIT_TIMEOUT}, WaitForSingleObject(changed.get(), 0)) << "the wake-up was used up";
+    const LOG other = OpenLog();
+    ASSERT_TRUE(ClearEventLogW(other.get(), nullptr));
+    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(changed.get(), 5000));
+    EXPECT_FALSE(NotifyChangeEventLog(log.get(), nullptr));
+    EXPECT_EQ(DWORD{ERROR_INVALID_HANDLE}, GetLastError());
+}
+
+TEST_F(EVENT_LOG_CALLS, AFollowerWaitsForWritersOfOtherThreadsAndMissesNothing) {
+    MakeLog(8 * SmallestLog);
+    const LOG log = OpenLog();
+    const EVENT changed(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    ASSERT_TRUE(NotifyChangeEventLog(log.get(), changed.get()));
+    constexpr DWORD Each = 200;
+    auto write = [this](DWORD first) {
+        for (DWORD i = 0; i < Each; ++i) EXPECT_TRUE(Append(first + i, 1, 8 * SmallestLog));
+    };
+    std::thread a(write, 1000), b(write, 2000);
+    std::vector<DWORD> numbers;
+    while (numbers.size() < 2 * Each && WaitForSingleObject(changed.get(), 10000) == WAIT_OBJECT_0) {
+        const READ read = ReadAll(log.get(), Forwards);
+        numbers.insert(numbers.end(), read.numbers.begin(), read.numbers.end());
+    }
+    a.join();
+    b.join();
+    EXPECT_EQ(Range(1, 2 * Each), numbers);
+}
+
+TEST_F(EVENT_LOG_CALLS, AReportedEventStandsInTheApplicationLog) {
+    const HANDLE source = RegisterEventSourceW(nullptr, u"Keldwick");
+    ASSERT_NE(nullptr, source);
+    LPCWSTR strings[] = {u"one", u"two"};
+    BYTE data[] = {0xAB};
+    ASSERT_TRUE(ReportEventW(source, EVENTLOG_WARNING_TYPE, 3, 0x80000019, nullptr, 2, 1, strings, data));
+    ASSERT_TRUE(ReportEventW(source, EVENTLOG_ERROR_TYPE, 0, 0xC0000001, nullptr, 0, 0, nullptr, nullptr));
+    EXPECT_FALSE(ReportEventW(source, 1, 0, 1, nullptr, 1, 0, nullptr, nullptr));
+    EXPECT_EQ(DWORD{ERROR_INVALID_PARAMETER}, GetLastError());
+    EXPECT_TRUE(DeregisterEventSource(source));
+    EXPECT_FALSE(ReportEventW(source, 1, 0, 1, nullptr, 0, 0, nullptr, nullptr));
+
+    const LOG log = OpenLog(u"Application");
+    alignas(4) BYTE buffer[2000];
+    DWORD got = 0, needed = 0;
+    ASSERT_TRUE(ReadEventLogW(log.get(), Forwards, 0, buffer, sizeof(buffer), &got, &needed));
+    const EVENTLOGRECORD& record = *reinterpret_cast<EVENTLOGRECORD*>(buffer);
+    EXPECT_EQ(0x80000019u, record.EventID);
+    EXPECT_EQ(EVENTLOG_WARNING_TYPE, record.EventType);
+    EXPECT_EQ(3, record.EventCategory);
+    EXPECT_EQ(u"Keldwick", std::u16string(reinterpret_cast<WCHAR*>(buffer + sizeof(record))));
+    const WCHAR* text = reinterpret_cast<WCHAR*>(buffer + record.StringOffset);
+    EXPECT_EQ(std::u16string(u"one\0two\0", 8), std::u16string(text, 8));
+    EXPECT_EQ(0xAB, buffer[record.DataOffset]);
+    EXPECT_LT(record.Length, got);
+}
+
+TEST_F(EVENT_LOG_CALLS, ALogThatMayNotBeReadSaysWhichRightIsMissing) {
+    if (geteuid() == 0) GTEST_SKIP() << "root may read everything";
+    MakeLog();
+    std::filesystem::copy_file(Path(), Path("Other"));
+    ASSERT_EQ(0, chmod(Path().c_str(), 0));
+    ASSERT_EQ(0, chmod(Path("Other").c_str(), 0));
+    EXPECT_FALSE(OpenLog());
+    EXPECT_EQ(DWORD{ERROR_PRIVILEGE_NOT_HELD}, GetLastError());
+    EXPECT_FALSE(OpenLog(u"Other"));
+    EXPECT_EQ(DWORD{ERROR_ACCESS_DENIED}, GetLastError());
+}
+
+}  // namespace
+}  // namespace win32

@@ -1,0 +1,229 @@
+#include "tools/keldwickctl/event_xml_import.h"
+
+#include <algorithm>
+
+namespace {
+
+constexpr size_t LargestTag = 64 * 1024;
+constexpr std::string_view EventsNamespace = "http://schemas.microsoft.com/win/2004/08/events/event";
+constexpr std::string_view ByteOrderMark = "\xEF\xBB\xBF";
+
+void PutUtf8(std::string& text, unsigned point) {
+    if (point < 0x80) {
+        text += static_cast<char>(point);
+    } else if (point < 0x800) {
+        text += {static_cast<char>(0xC0 | point >> 6), static_cast<char>(0x80 | (point & 63))};
+    } else if (point < 0x10000) {
+        text += {static_cast<char>(0xE0 | point >> 12), static_cast<char>(0x80 | (point >> 6 & 63)),
+                 static_cast<char>(0x80 | (point & 63))};
+    } else {
+        text += {static_cast<char>(0xF0 | point >> 18), static_cast<char>(0x80 | (point >> 12 & 63)),
+                 static_cast<char>(0x80 | (point >> 6 & 63)), static_cast<char>(0x80 | (point & 63))};
+    }
+}
+
+// The end of the tag that begins at `open`, past its '>', which may stand in quoted attribute values too; npos: not
+// there.
+size_t TagEnd(const std::string& text, size_t open) {
+    char quote = 0;
+    const size_t limit = std::min(text.size(), open + LargestTag);
+    for (size_t i = open + 1; i < limit; ++i) {
+        if (quote != 0) {
+            if (text[i] == quote) quote = 0;
+        } else if (text[i] == '"' || text[i] == '\'') {
+            quote = text[i];
+        } else if (text[i] == '>') {
+            return i + 1;
+        }
+    }
+    return std::string::npos;
+}
+
+}  // namespace
+
+void EVENT_XML_IMPORT::Feed(const char* bytes, size_t count) {
+    if (units == UNKNOWN) {
+        raw.append(bytes, count);
+        if (raw.size() < 4) return;
+        DetectUnits();
+        const std::string first = std::move(raw);
+        raw.clear();
+        Decode(first.data(), first.size());
+    } else {
+        Decode(bytes, count);
+    }
+    Scan(false);
+}
+
+void EVENT_XML_IMPORT::Finish() {
+    if (units == UNKNOWN) {
+        DetectUnits();
+        const std::string first = std::move(raw);
+        raw.clear();
+        Decode(first.data(), first.size());
+    }
+    if (units != BYTES_8 && !raw.empty()) Stray("half a character", buffer.size());
+    Scan(true);
+    if (begin != npos) CutShort("cut short by the end");
+}
+
+void EVENT_XML_IMPORT::DetectUnits() {
+    const auto starts = [this](std::string_view with) { return raw.starts_with(with); };
+    units = starts("\xFF\xFE") || starts(std::string_view("<\0", 2))   ? LITTLE_16
+            : starts("\xFE\xFF") || starts(std::string_view("\0<", 2)) ? BIG_16
+                                                                       : BYTES_8;
+}
+
+void EVENT_XML_IMPORT::Decode(const char* bytes, size_t count) {
+    if (units == BYTES_8) {
+        buffer.append(bytes, count);
+        return;
+    }
+    for (size_t i = 0; i < count; ++i) {
+        raw += bytes[i];
+        if (raw.size() < 2) continue;
+        const unsigned first = static_cast<unsigned char>(raw[0]), second = static_cast<unsigned char>(raw[1]);
+        const unsigned unit = units == LITTLE_16 ? first | second << 8 : first << 8 | second;
+        raw.clear();
+        constexpr unsigned Replacement = 0xFFFD;
+        const bool low = unit >= 0xDC00 && unit < 0xE000;
+        if (highSurrogate != 0) {
+            PutUtf8(buffer, low ? 0x10000 + ((highSurrogate - 0xD800) << 10) + (unit - 0xDC00) : Replacement);
+            highSurrogate = 0;
+            if (low) continue;
+        }
+        if (unit >= 0xD800 && unit < 0xDC00)
+            highSurrogate = unit;
+        else
+            PutUtf8(buffer, low ? Replacement : unit);
+    }
+}
+
+void EVENT_XML_IMPORT::Scan(bool last) {
+    while (at < buffer.size()) {
+        const size_t open = std::min(buffer.find('<', at), buffer.size());
+        if (begin == npos) CheckOutside(at, open);
+        at = open;
+        if (open == buffer.size() || !ScanMarkup(open, last)) break;
+    }
+    if (begin != npos && buffer.size() - begin > LargestEvent) CutShort("larger than 4 MiB");
+    const size_t keep = begin != npos ? begin : at;
+    buffer.erase(0, keep);
+    passed += keep;
+    at -= keep;
+    if (begin != npos) begin = 0;
+}
+
+// Goes past the markup at `open`. False: its end has not come yet.
+bool EVENT_XML_IMPORT::ScanMarkup(size_t open, bool last) {
+    const std::string_view rest = std::string_view(buffer).substr(open, 9);
+    constexpr std::string_view Cdata = "<![CDATA[", Comment = "<!--", Instruction = "<?";
+    if (!last && rest.size() < Cdata.size()) return false;
+    if (rest.starts_with(Comment)) return SkipTo(open, open + Comment.size(), "-->", last);
+    if (rest == Cdata) return SkipTo(open, open + Cdata.size(), "]]>", last);
+    if (rest.starts_with(Instruction)) return SkipTo(open, open + Instruction.size(), "?>", last);
+    const size_t close = TagEnd(buffer, open);
+    if (close == npos) {
+        if (!last && buffer.size() - open < LargestTag) return false;
+        if (begin == npos) Stray("a broken tag", open);
+        at = open + 1;  // an event with this in it is refused when it is parsed
+        return true;
+    }
+    at = close;
+    ScanTag(open, close);
+    return true;
+}
+
+bool EVENT_XML_IMPORT::SkipTo(size_t open, size_t from, std::string_view end, bool last) {
+    const size_t found = buffer.find(end, from);
+    if (found != npos) {
+        at = found + end.size();
+        if (begin == npos && end == "?>") ReadDeclaration(std::string_view(buffer).substr(open, at - open));
+        return true;
+    }
+    if (!last && buffer.size() - open < LargestEvent) return false;
+    if (begin == npos) Stray("a comment or instruction without its end", open);
+    at = open + 1;
+    return true;
+}
+
+void EVENT_XML_IMPORT::ScanTag(size_t open, size_t close) {
+    const std::string_view tag = std::string_view(buffer).substr(open, close - open);
+    const bool ends = tag[1] == '/', empty = tag[tag.size() - 2] == '/';
+    std::string_view name = tag.substr(ends ? 2 : 1);
+    name = name.substr(0, name.find_first_of(" \t\r\n/>"));
+    if (const size_t colon = name.find(':'); colon != npos) name.remove_prefix(colon + 1);
+    if (name != "Event") {
+        if (begin == npos && name != "Events") Stray("the element " + std::string(name.substr(0, 40)), open);
+        return;
+    }
+    if (ends) {
+        if (begin == npos)
+            Stray("the end of an event", open);
+        else if (--depth == 0)
+            EndEvent(close);
+        return;
+    }
+    // An Event within an Event is data of its own kind, unless it declares what only a whole event declares.
+    if (begin != npos && tag.find(EventsNamespace) == npos) {
+        if (!empty) ++depth;
+        return;
+    }
+    if (begin != npos) CutShort("cut short by the next event");
+    BeginEvent(open);
+    if (empty) EndEvent(close);
+}
+
+void EVENT_XML_IMPORT::BeginEvent(size_t open) {
+    begin = open;
+    depth = 1;
+    ++number;
+    strayReported = false;
+}
+
+void EVENT_XML_IMPORT::EndEvent(size_t end) {
+    const std::string_view xml = std::string_view(buffer).substr(begin, end - begin);
+    if (parser.Parse(xml, units == BYTES_8 ? encoding : std::string(), event))
+        sink.Take(event);
+    else
+        sink.Unreadable("event " + std::to_string(number) + " at byte " + std::to_string(passed + begin) + ": " +
+                        parser.Reason());
+    begin = npos;
+}
+
+void EVENT_XML_IMPORT::CutShort(const char* why) {
+    sink.Unreadable("event " + std::to_string(number) + " at byte " + std::to_string(passed + begin) + ": " + why);
+    begin = npos;
+    depth = 0;
+    strayReported = true;  // what is left of it is part of this report
+}
+
+void EVENT_XML_IMPORT::CheckOutside(size_t from, size_t to) {
+    std::string_view between = std::string_view(buffer).substr(from, to - from);
+    for (size_t i = 0; i < between.size(); ++i) {
+        if (between.substr(i).starts_with(ByteOrderMark)) {
+            i += ByteOrderMark.size() - 1;
+        } else if (between[i] != ' ' && between[i] != '\t' && between[i] != '\r' && between[i] != '\n') {
+            Stray("text outside of events", from + i);
+            return;
+        }
+    }
+}
+
+void EVENT_XML_IMPORT::Stray(const std::string& what, size_t where) {
+    if (strayReported) return;
+    strayReported = true;
+    sink.Unreadable(what + " at byte " + std::to_string(passed + where));
+}
+
+void EVENT_XML_IMPORT::ReadDeclaration(std::string_view declaration) {
+    if (!declaration.starts_with("<?xml ") && !declaration.starts_with("<?xml\t")) return;
+    encoding.clear();
+    const size_t name = declaration.find("encoding");
+    if (name == npos) return;
+    const size_t open = declaration.find_first_of("\"'", name);
+    const size_t close = open == npos ? npos : declaration.find(declaration[open], open + 1);
+    if (close != npos) encoding = declaration.substr(open + 1, close - open - 1);
+    // A file that was converted to UTF-8 may still say that it is UTF-16: its bytes tell better.
+    if (encoding.starts_with("UTF-16") || encoding.starts_with("utf-16")) encoding.clear();
+}

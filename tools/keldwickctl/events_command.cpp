@@ -1,0 +1,138 @@
+// keldwickctl events: write, import, list, clear.
+#include <array>
+#include <memory>
+
+#include "tools/keldwickctl/commands.h"
+#include "tools/keldwickctl/event_import.h"
+#include "tools/keldwickctl/event_listing.h"
+#include "tools/keldwickctl/event_log_access.h"
+#include "tools/keldwickctl/event_values.h"
+#include "tools/keldwickctl/failure.h"
+#include "win32/eventlog/evt_record.h"
+#include "win32/text/utf.h"
+
+namespace {
+
+struct WRITE_OPTIONS {
+    std::string id, log = "Security", type = "audit-success", source, computer, time, data;
+    std::vector<std::string> strings;
+};
+
+struct LIST_OPTIONS {
+    std::string log = "Security";
+    unsigned last = 0;
+    bool json = false;
+};
+
+std::u16string OwnComputer() {
+    std::array<WCHAR, 256> name;
+    DWORD units = name.size();
+    return GetComputerNameW(name.data(), &units) ? std::u16string(name.data(), units) : std::u16string();
+}
+
+// The source that writes to the log on Windows, when none is named.
+const char* UsualSource(const std::string& log) {
+    return win32::SameName(win32::ToUtf16(log), u"Security") ? "Microsoft-Windows-Security-Auditing" : "Keldwick";
+}
+
+// The options have been checked while they were parsed.
+void Write(const WRITE_OPTIONS& options) {
+    win32::NEW_EVENT event;
+    event.id = static_cast<DWORD>(*ParseNumber(options.id, MAXDWORD));
+    event.type = *EventTypeOf(options.type);
+    event.written = win32::SecondsNow();
+    event.generated = options.time.empty() ? event.written : *ParseIsoTime(options.time);
+    event.source = win32::ToUtf16(options.source.empty() ? UsualSource(options.log) : options.source);
+    event.computer = options.computer.empty() ? OwnComputer() : win32::ToUtf16(options.computer);
+    event.data = *ParseHex(options.data);
+    for (const std::string& text : options.strings) event.strings.push_back(win32::ToUtf16(text));
+
+    win32::BYTES record;
+    win32::EVT_WRITER writer;
+    OpenWriter(writer, options.log);
+    if (!win32::BuildRecord(event, record) || !writer.Append(*reinterpret_cast<const EVENTLOGRECORD*>(record.data())) ||
+        !writer.Flush())
+        FailCommand("cannot write to the " + options.log + " log", GetLastError());
+}
+
+template <typename PARSER>
+CLI::Validator Checked(PARSER parse, const char* what) {
+    return CLI::Validator(
+        [parse, what](std::string& text) {
+            return parse(text) ? std::string() : "must be " + std::string(what) + ", not \"" + text + "\"";
+        },
+        "");
+}
+
+CLI::Option* AddLog(CLI::App* command, std::string& log) {
+    return command->add_option("--log", log, "the log's name")->type_name("LOG")->capture_default_str();
+}
+
+void AddWrite(CLI::App* events) {
+    const auto options = std::make_shared<WRITE_OPTIONS>();
+    CLI::App* const write = events->add_subcommand("write", "Appends one record with the given replacement strings.");
+    const auto isNumber = [](const std::string& text) { return ParseNumber(text, MAXDWORD).has_value(); };
+    write->add_option("--id", options->id, "the event ID, decimal or with 0x")
+        ->type_name("N")
+        ->required()
+        ->check(Checked(isNumber, "a number of 32 bits"));
+    AddLog(write, options->log);
+    write->add_option("--type", options->type)
+        ->description("error, warning, information, audit-success or audit-failure")
+        ->type_name("TYPE")
+        ->capture_default_str()
+        ->check(Checked(EventTypeOf, "error, warning, information, audit-success or audit-failure"));
+    write->add_option("--source", options->source, "the event source (else the log's usual one)")->type_name("S");
+    write->add_option("--computer", options->computer, "the computer (else this one)")->type_name("C");
+    write->add_option("--time", options->time, "when it happened, like 2026-11-16T08:00:12Z (else now)")
+        ->type_name("ISO")
+        ->check(Checked(ParseIsoTime, "a time like 2026-11-16T08:00:12Z"));
+    write->add_option("--data", options->data, "the record's data, two digits a byte")
+        ->type_name("HEX")
+        ->check(Checked(ParseHex, "pairs of hexadecimal digits"));
+    constexpr int MostStrings = 0xFFFF;
+    write->add_option("STRING", options->strings, "the replacement strings, after --")
+        ->allow_extra_args(false)  // or the parser would take [a,b] apart
+        ->expected(0, MostStrings);
+    write->callback([options] { Write(*options); });
+}
+
+void AddImport(CLI::App* events) {
+    const auto file = std::make_shared<std::string>();
+    const auto log = std::make_shared<std::string>("Security");
+    CLI::App* const import = events->add_subcommand(
+        "import", "Appends the events of an .evtx file, of event XML, or of an .evt file, told apart by content.");
+    import->add_option("FILE", *file, "the file; - is standard input")->required();
+    AddLog(import, *log);
+    import->callback([file, log] { ImportEvents(*file, *log);
+});
+}  // namespace
+
+void AddList(CLI::App* events) {
+    const auto options = std::make_shared<LIST_OPTIONS>();
+    CLI::App* const list = events->add_subcommand("list", "Shows a log, the oldest record first.");
+    AddLog(list, options->log);
+    list->add_option("--last", options->last, "only the newest N records")
+        ->type_name("N")
+        ->check(CLI::Range(1u, 0xFFFFFFFFu, "N"));
+    list->add_flag("--json", options->json, "one JSON object a line");
+    list->callback([options] { ListEvents(options->log, options->last, options->json); });
+}
+
+void AddClear(CLI::App* events) {
+    const auto log = std::make_shared<std::string>("Security");
+    CLI::App* const clear = events->add_subcommand("clear", "Clears a log; it takes its MaxSize value anew.");
+    AddLog(clear, *log);
+    clear->callback([log] { ClearLog(*log); });
+}
+
+}  // namespace
+
+void AddEventsCommands(CLI::App& app) {
+    CLI::App* const events = app.add_subcommand("events", "Writes, imports, shows and clears event logs.");
+    events->require_subcommand(1);
+    AddWrite(events);
+    AddImport(events);
+    AddList(events);
+    AddClear(events);
+}

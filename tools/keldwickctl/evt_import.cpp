@@ -1,0 +1,29 @@
+#include "tools/keldwickctl/evt_import.h"
+
+#include "tools/keldwickctl/failure.h"
+#include "win32/eventlog/evt_reader.h"
+
+void ImportEvt(const std::string& path, EVENT_SINK& sink) {
+    win32::EVT_READER reader;
+    DWORD end = 0, oldest = 0, count = 0;
+    if (!reader.Open(path)) FailCommand("cannot read " + path, GetLastError());
+    if (const DWORD error = reader.Numbers(end, oldest, count); error != ERROR_SUCCESS)
+        FailCommand("cannot read " + path, error);
+    win32::BYTES buffer(win32::MaxReadBytes / 4 * 4);
+    DWORD last = 0, damage = 0, taken = 0;
+    for (;;) {
+        DWORD bytes = 0, needed = 0;
+        const DWORD error = reader.Read(true, buffer.data(), static_cast<DWORD>(buffer.size()), bytes, needed);
+        for (; damage < reader.Damage(); ++damage) sink.Unreadable("damage after record " + std::to_string(last));
+        if (error == ERROR_HANDLE_EOF) return;
+        if (error != ERROR_SUCCESS) FailCommand("cannot read " + path, error);
+        for (DWORD at = 0; at < bytes;) {
+            const EVENTLOGRECORD& record = *reinterpret_cast<const EVENTLOGRECORD*>(buffer.data() + at);
+            if (record.RecordNumber >= end) return;
+            sink.TakeRecord(record);
+            last = record.RecordNumber;
+            at += record.Length;
+            sink.Reached(++taken);
+        }
+    }
+}
