@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <mutex>
+#include <thread>
 
 #include "diagnostics/debug_output.h"
 #include "platform/registry_values.h"
@@ -29,6 +30,16 @@ WRAP_CALL(DWORD, WaitForSingleObject, (HANDLE h, DWORD m), (h, m))
 WRAP_CALL(uintptr_t, _beginthreadex, (void* s, unsigned st, unsigned (*r)(void*), void* a, unsigned f, unsigned* t),
           (s, st, r, a, f, t))
 
+// The agent's other threads must neither see the stand-ins nor disturb the record.
+static const std::thread::id TestThread = std::this_thread::get_id();
+static std::mutex RecordLock;
+static bool OnTestThread() { return std::this_thread::get_id() == TestThread; }
+template <typename LIST, typename ITEM>
+static void Record(LIST& list, const ITEM& item) {
+    const std::lock_guard lock(RecordLock);
+    list.push_back(item);
+}
+
 static CALL_PLAN RegisterServiceCtrlHandlerExW_calls, OpenEventLogW_calls;
 static HANDLE const FakeHandle = reinterpret_cast<HANDLE>(0x1230);
 
@@ -41,7 +52,7 @@ void __wrap__ZN8keldwick18ReportServiceEventEtjSt16initializer_listIPKDsE(WORD t
     snprintf(head, sizeof head, "%u %08X:", type, id);
     std::string event = head;
     for (const WCHAR* const& text : texts) event += (&text == texts.begin() ? " " : " | ") + keldwick::Narrow(text);
-    Recorded.events.push_back(event);
+    Record(Recorded.events, event);
 }
 
 SERVICE_STATUS_HANDLE __wrap_RegisterServiceCtrlHandlerExW(LPCWSTR, LPHANDLER_FUNCTION_EX, LPVOID) {
@@ -53,17 +64,17 @@ SERVICE_STATUS_HANDLE __wrap_RegisterServiceCtrlHandlerExW(LPCWSTR, LPHANDLER_FU
 }
 
 BOOL __wrap_SetServiceStatus(SERVICE_STATUS_HANDLE, LPSERVICE_STATUS status) {
-    Recorded.states.push_back(*status);
+    Record(Recorded.states, *status);
     if (!Script.setStatus || Script.setStatus(*status)) return TRUE;
     SetLastError(ERROR_INVALID_HANDLE);
     return FALSE;
 }
 
 int __wrap_MessageBoxW(HWND, LPCWSTR text, LPCWSTR caption, UINT) {
-    Recorded.boxes.push_back(keldwick::Narrow(caption) + ": " + keldwick::Narrow(text));
+    Record(Recorded.boxes, keldwick::Narrow(caption) + ": " + keldwick::Narrow(text));
     return 1;
 }
-void __wrap_OutputDebugStringW(LPCWSTR text) { Recorded.debugger.push_back(keldwick::Narrow(text)); }
+void __wrap_OutputDebugStringW(LPCWSTR text) { Record(Recorded.debugger, keldwick::Narrow(text)); }
 
 HANDLE __real_OpenEventLogW(LPCWSTR server, LPCWSTR log);
 HANDLE __wrap_OpenEventLogW(LPCWSTR server, LPCWSTR log) {
@@ -78,7 +89,7 @@ BOOL __wrap_CloseEventLog(HANDLE log) { return log == FakeHandle || __real_Close
 
 DWORD __real_WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL all, DWORD milliseconds);
 DWORD __wrap_WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL all, DWORD milliseconds) {
-    if (Script.wait) {
+    if (OnTestThread() && Script.wait) {
         if (const auto result = Script.wait(count, milliseconds)) {
             SetLastError(ERROR_INVALID_HANDLE);
             return *result;
@@ -88,13 +99,13 @@ DWORD __wrap_WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL all
 }
 
 BOOL __wrap_TerminateThread(HANDLE thread, DWORD) {
-    Recorded.terminated.push_back(thread);
+    Record(Recorded.terminated, thread);
     return TRUE;
 }
 
 void __real_GetSystemTimeAsFileTime(LPFILETIME time);
 void __wrap_GetSystemTimeAsFileTime(LPFILETIME time) {
-    if (Script.clock == 0) return __real_GetSystemTimeAsFileTime(time);
+    if (!OnTestThread() || Script.clock == 0) return __real_GetSystemTimeAsFileTime(time);
     const ULONGLONG units = Script.clock * 10000;
     *time = {static_cast<DWORD>(units), static_cast<DWORD>(units >> 32)};
 }
