@@ -1,0 +1,426 @@
+// What each event does to the tables, the server and the log; and the sweep, with the clock moved by hand.
+#include "identity/logon_events.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <memory>
+
+#include "eventlog/event_log.h"
+#include "protocol/identity_protocol.h"
+#include "service/settings.h"
+#include "service/stop.h"
+#include "tests/support/debug_lines.h"
+#include "tests/support/fake_directory.h"
+#include "tests/support/scripted_server.h"
+#include "tests/support/temporary_root.h"
+
+namespace {
+ULONGLONG minutesAhead = 0;       // of the real clock
+const WCHAR* hostName = nullptr;  // of every address; null: none has one
+}  // namespace
+
+extern "C" {
+void __real_GetSystemTimeAsFileTime(LPFILETIME);
+void __wrap_GetSystemTimeAsFileTime(LPFILETIME);
+void __wrap_GetSystemTimeAsFileTime(LPFILETIME time) {
+    __real_GetSystemTimeAsFileTime(time);
+    ULARGE_INTEGER moved;
+    moved.LowPart = time->dwLowDateTime;
+    moved.HighPart = time->dwHighDateTime;
+    moved.QuadPart += minutesAhead * 600'000'000;
+    *time = {moved.LowPart, moved.HighPart};
+}
+INT __wrap_GetNameInfoW(const SOCKADDR*, socklen_t, LPWSTR host, DWORD, LPWSTR, DWORD, INT);
+INT __wrap_GetNameInfoW(const SOCKADDR*, socklen_t, LPWSTR host, DWORD, LPWSTR, DWORD, INT) {
+    if (hostName == nullptr) {
+        WSASetLastError(WSAHOST_NOT_FOUND);
+        return WSAHOST_NOT_FOUND;
+    }
+    lstrcpyW(host, hostName);
+    return 0;
+}
+}
+
+namespace keldwick {
+
+namespace {
+
+using LINES = std::vector<std::string>;
+using STRINGS = std::vector<std::u16string>;
+using HANDLER = void (*)(const EVENTLOGRECORD&, EVENT_LOG&, const REPLACEMENT_STRINGS&);
+
+// A record's bytes, for as long as it lives.
+class RECORD {
+public:
+    explicit RECORD(const STRINGS& strings) {
+        std::u16string text = std::u16string(u"Security\0DC1\0", 13);
+        const DWORD offset = static_cast<DWORD>(sizeof(EVENTLOGRECORD) + text.size() * 2);
+        for (const std::u16string& string : strings) text += string + u'\0';
+        bytes.resize(sizeof(EVENTLOGRECORD) / 4 + text.size() / 2 + 2);
+        EVENTLOGRECORD& record = *reinterpret_cast<EVENTLOGRECORD*>(bytes.data());
+        record.Length = static_cast<DWORD>(bytes.size() * 4);
+        record.RecordNumber = 77;
+        record.NumStrings = static_cast<WORD>(strings.size());
+        record.StringOffset = offset;
+        std::memcpy(&record + 1, text.data(), text.size() * 2);
+    }
+    const EVENTLOGRECORD& Get() const { return *reinterpret_cast<const EVENTLOGRECORD*>(bytes.data()); }
+
+private:
+    std::vector<DWORD> bytes;
+};
+
+// Strings of one event with some replaced: {position, text}.
+using CHANGES = std::vector<std::pair<size_t, std::u16string>>;
+STRINGS With(STRINGS strings, const CHANGES& changes) {
+    for (const auto& [position, text] : changes) strings[position] = text;
+    return strings;
+}
+
+const STRINGS Logon4624 = {u"S-1-0-0", u"",    u"", u"", u"S-1-5-21-1", u"ann", u"CORP", u"0x1f", u"3",        u"",
+                           u"",        u"PC1", u"", u"", u"",           u"",    u"",     u"",     u"10.0.0.5", u"0"};
+const STRINGS Logoff4634 = {u"S-1-5-21-1", u"ann", u"CORP", u"0x1f", u"3"};
+const STRINGS Logon528 = {u"ann", u"CORP", u"(0x0,0x1)", u"10", u"", u"",         u"PC1", u"",
+                          u"",    u"",     u"",          u"",   u"", u"10.0.0.5", u"0"};
+const STRINGS Logoff538 = {u"ann", u"CORP", u"(0x0,0x1)", u"5"};
+const STRINGS Logon540 = {u"ann", u"CORP", u"(0x0,0x1)", u"3", u"", u"",         u"", u"",
+                          u"-",   u"-",    u"-",         u"-", u"", u"10.0.0.5", u"0"};
+const STRINGS Ticket673 = {u"ann@CORP.EX", u"CORP.EX", u"PC9$", u"", u"", u"", u"10.0.0.5", u"-"};
+
+class EVENTS_TEST : public testing::Test {
+protected:
+    EVENTS_TEST() {
+        stop = HANDLE_OWNER(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+        changed = HANDLE_OWNER(CreateEventW(nullptr, FALSE, FALSE, nullptr));
+        StopEvent = stop.Get();
+        SettingsChangedEvent = changed.Get();
+        Settings.identServer = STRING(SCRIPTED_SERVER::Host().c_str());
+        Settings.identProtocol = PROTOCOL_TCP;
+        Settings.logonTtl = 12 * 60000;
+        Settings.heartbeat = 30 * 60000;
+        minutesAhead = 0;
+        hostName = nullptr;
+        session = std::make_unique<IDENTITY_PROTOCOL>();
+        CurrentSession = session.get();
+        EXPECT_TRUE(session->PersistentConnect());
+        for (const auto& [name, nt4] : {std::pair{u"ann@CORP.EX", u"CORP\\ann"}, {u"PC9$@CORP.EX", u"CORP\\PC9$"}})
+            directory.names[{ADS_NAME_TYPE_DOMAIN_SIMPLE, name, ADS_NAME_TYPE_NT4}] = nt4;
+        lines.Forget();
+    }
+    ~EVENTS_TEST() override {
+        StatisticsKey.Reset();
+        CurrentSession = nullptr;
+        session.reset();
+        StopEvent = SettingsChangedEvent = nullptr;
+    }
+
+    void Run(HANDLER handler, const STRINGS& strings) {
+        const RECORD record(strings);
+        REPLACEMENT_STRINGS decoded;
+        decoded.Decode(record.Get());
+        handler(record.Get(), log, decoded);
+    }
+    // The kinds of the reports since the last call, with the user's name: " CORP\ann".
+    LINES Reports() {
+        LINES reports;
+        for (const std::string& request : server.TakeRequests()) {
+            std::string text;
+            for (size_t i = 31; i + 1 < request.size(); ++i)
+                if (request[i] >= '$' && request[i] < 127 && request[i + 1] == 0) text += request[i];
+            reports.push_back(request.back() + text);
+        }
+        return reports;
+    }
+    // The lines that the handlers themselves wrote.
+    LINES Written() {
+        LINES written;
+        for (const std::string& line : lines.Take())
+            if (line.find("Do_EVENT") != line.npos || line.find("GetHostName") == 0 ||
+                line.find("expired") != line.npos)
+                written.push_back(line);
+        return written;
+    }
+
+    TEMPORARY_ROOT root;
+    DEBUG_LINES lines;
+    FAKE_DIRECTORY directory;
+    SCRIPTED_SERVER server;
+    HANDLE_OWNER stop;
+    HANDLE_OWNER changed;
+    std::unique_ptr<IDENTITY_PROTOCOL> session;
+    EVENT_LOG log{CommandLine, {}};
+};
+
+TEST_F(EVENTS_TEST, WhatIsNoUsersOwnRemoteLogonIsDroppedWithItsReason) {
+    const struct {
+        HANDLER handler;
+        STRINGS strings;
+        LINES written;
+    } cases[] = {
+        {Do_EVENT_ACCOUNT_LOGON, STRINGS(19), {"Do_EVENT_ACCOUNT_LOGON: Insufficient strings (19)."}},
+        {Do_EVENT_ACCOUNT_LOGON,
+         With(Logon4624, {{8, u"3a"}}),
+         {"Do_EVENT_ACCOUNT_LOGON: Invalid logon type = \"3a\"."}},
+        {Do_EVENT_ACCOUNT_LOGON,
+         With(Logon4624, {{0, u"S-1-5-18"}, {5, u"x%s$"}}),
+         {"Do_EVENT_ACCOUNT_LOGON: Ignoring proxied logon, Subject User SID = \"S-1-5-18\", User name = \"x%s$\""}},
+        {Do_EVENT_ACCOUNT_LOGON,
+         With(Logon4624, {{0, u"s-1-0-0"}, {4, u"s-1-5-7"}, {8, u"5"}}),
+         {"Do_EVENT_ACCOUNT_LOGON: Ignoring anonymous logon, Target user SID = \"s-1-5-7\", User name = \"ann\""}},
+        {Do_EVENT_ACCOUNT_LOGON,
+         With(Logon4624, {{8, u"5"}}),
+         {"Do_EVENT_ACCOUNT_LOGON:\n    Ignoring logon type = SERVICE\n    Record number = 77\n    Logon ID = "
+          "\"0x1f\"\n    IP address = \"10.0.0.5\""}},
+        {Do_EVENT_ACCOUNT_LOGON,
+         With(Logon4624, {{8, u""}}),
+         {"Do_EVENT_ACCOUNT_LOGON:\n    Ignoring logon type = 0\n    Record number = 77\n    Logon ID = \"0x1f\"\n    "
+          "IP "
+          "address = \"10.0.0.5\""}},
+        {Do_EVENT_ACCOUNT_LOGON,
+         With(Logon4624, {{5, u"PC1$"}, {18, u"-"}}),
+         {"Do_EVENT_ACCOUNT_LOGON: ignoring; computer name \"PC1$\"."}},
+        {Do_EVENT_ACCOUNT_LOGON,
+         With(Logon4624, {{18, u"-"}}),
+         {"Do_EVENT_ACCOUNT_LOGON:\n    Invalid IP address = \"-\""}},
+        {Do_EVENT_ACCOUNT_LOGON,
+         With(Logon4624, {{18, u"::1"}}),
+         {"Do_EVENT_ACCOUNT_LOGON:\n    Ignoring loopback IP address = ::1"}},
+        {Do_EVENT_ACCOUNT_LOGOFF, STRINGS(4), {"Do_EVENT_ACCOUNT_LOGOFF: Insufficient strings (4)."}},
+        {Do_EVENT_ACCOUNT_LOGOFF,
+         With(Logoff4634, {{4, u"x"}}),
+         {"Do_EVENT_ACCOUNT_LOGOFF: Invalid logon type = \"x\"."}},
+        {Do_EVENT_ACCOUNT_LOGOFF,
+         With(Logoff4634, {{0, u"S-1-5-7"}}),
+         {"Do_EVENT_ACCOUNT_LOGOFF:\n    Ignoring anonymous logff,\n    SID = \"S-1-5-7\",\n    User name = \"ann\""}},
+        {Do_EVENT_ACCOUNT_LOGOFF,
+         Logoff4634,
+         {"Do_EVENT_ACCOUNT_LOGOFF:\n    UserName = \"ann\",\n    DomainName = \"CORP\",\n    LogonId = \"0x1f\""}},
+        {Do_EVENT_LOCAL_LOGON, STRINGS(14), {"Do_EVENT_LOCAL_LOGON:: Insufficient strings (14)."}},
+        {Do_EVENT_LOCAL_LOGON,
+         With(Logon528, {{3, u"?"}}),
+         {"Do_EVENT_LOCAL_LOGON:: Invalid logon type = \"?\".",
+          "Do_EVENT_LOCAL_LOGON: \n    Ignoring logon type = 0,\n    Logon ID = \"(0x0,0x1)\",\n    User name = ann"}},
+        {Do_EVENT_LOCAL_LOGON,
+         With(Logon528, {{13, u"x"}}),
+         {"Do_EVENT_LOCAL_LOGON: \n    Logon ID = \"(0x0,0x1)\",\n    User name = \"ann\",\n    Domain name = "
+          "\"CORP\",\n    Computer name = \"PC1\",\n    IP address = \"x\"",
+          "Do_EVENT_LOCAL_LOGON:\n    Invalid IP address = \"x\""}},
+        {Do_EVENT_LOCAL_LOGON,
+         With(Logon528, {{13, u"127.0.0.1"}}),
+         {"Do_EVENT_LOCAL_LOGON: \n    Logon ID = \"(0x0,0x1)\",\n    User name = \"ann\",\n    Domain name = "
+          "\"CORP\",\n    Computer name = \"PC1\",\n    IP address = \"127.0.0.1\"",
+          "Do_EVENT_LOCAL_LOGON:\n    Ignoring loopback IP address = \"127.0.0.1\""}},
+        {Do_EVENT_LOGOFF, STRINGS(3), {"Do_EVENT_LOGOFF: Insufficient strings (3)."}},
+        {Do_EVENT_LOGOFF, With(Logoff538, {{0, u"PC$"}}), {"Do_EVENT_LOGOFF: ignoring: computer name = \"PC$\"."}},
+        {Do_EVENT_LOGOFF, With(Logoff538, {{3, u"-"}}), {"Do_EVENT_LOGOFF: invalid logon type = \"-\"."}},
+        {Do_EVENT_LOGOFF,
+         Logoff538,
+         {"Do_EVENT_LOGOFF: \n    Ignoring Logon type = SERVICE\n    Record number = 77\n    Logon ID = "
+          "\"(0x0,0x1)\""}},
+        {Do_EVENT_LOGOFF, With(Logoff538, {{3, u"11"}}), {}},
+        {Do_EVENT_LOGON, STRINGS(14), {"Do_EVENT_LOGON: Insufficient replacement strings (14)."}},
+        {Do_EVENT_LOGON, With(Logon540, {{11, u"4"}}), {"Do_EVENT_LOGON: Ignoring proxied logon, UserName = \"ann\"."}},
+        {Do_EVENT_LOGON, With(Logon540, {{0, u"PC$"}}), {"Do_EVENT_LOGON: Ignoring computer name \"PC$\"."}},
+        {Do_EVENT_LOGON, With(Logon540, {{3, u"0x"}}), {"Do_EVENT_LOGON: Invalid logon type = \"0x\"."}},
+        {Do_EVENT_LOGON,
+         With(Logon540, {{0, u""}, {1, u""}}),
+         {"Do_EVENT_LOGON: Ignoring; no user name and domain name"}},
+        {Do_EVENT_LOGON, With(Logon540, {{13, u"-"}}), {"Do_EVENT_LOGON: No IP Address."}},
+        {Do_EVENT_LOGON, With(Logon540, {{13, u"1.2.3.x"}}), {"Do_EVENT_LOGON:\n    Invalid IP address = \"1.2.3.x\""}},
+        {Do_EVENT_SERVICE_TICKET, STRINGS(7), {"Do_EVENT_SERVICE_TICKET: Insufficient replacement strings (7)."}},
+        {Do_EVENT_SERVICE_TICKET, With(Ticket673, {{7, u"0x1B"}}), {"Do_EVENT_SERVICE_TICKET: failure = \"0x1B\"."}},
+        {Do_EVENT_SERVICE_TICKET,
+         With(Ticket673, {{2, u"krbtgt"}}),
+         {"Do_EVENT_SERVICE_TICKET: ignoring; non-computer name \"krbtgt\"."}},
+        {Do_EVENT_SERVICE_TICKET,
+         With(Ticket673, {{2, u""}}),
+         {"Do_EVENT_SERVICE_TICKET: ignoring; non-computer name \"\"."}},
+        {Do_EVENT_SERVICE_TICKET,
+         With(Ticket673, {{2, u"dc1$"}}),
+         {"Do_EVENT_SERVICE_TICKET: ignoring; service name \"dc1\" matches computer name."}},
+        {Do_EVENT_SERVICE_TICKET,
+         With(Ticket673, {{0, u"bob@CORP.EX"}}),
+         {"Do_EVENT_SERVICE_TICKET: \n    Cannot translate DNS user name = \"bob@CORP.EX\",\n    IP address = "
+          "\"10.0.0.5\""}},
+        {Do_EVENT_SERVICE_TICKET,
+         With(Ticket673, {{2, u"PC8$"}}),
+         {"\nDo_EVENT_SERVICE_TICKET: \n    Cannot translate DNS computer name = \"PC8$@CORP.EX\",\n    IP address = "
+          "\"10.0.0.5\""}},
+    };
+    for (const auto& c : cases) {
+        Run(c.handler, c.strings);
+        EXPECT_EQ(c.written, Written());
+        EXPECT_EQ(LINES(), Reports());
+        EXPECT_EQ(0u, log.logons.Count() + log.serviceTickets.Count());
+    }
+}
+
+TEST_F(EVENTS_TEST, ARepeatedLogonOnlyRenewsAndAnotherUserReplaces) {
+    Run(Do_EVENT_ACCOUNT_LOGON, With(Logon4624, {{8, u"0x3"}}));
+    EXPECT_EQ((LINES{" CORP\\PC1CORP\\ann"}), Reports());
+    EXPECT_EQ((LINES{"Do_EVENT_ACCOUNT_LOGON: Logon reported,\n    User name = \"CORP\\ann\",\n    Computer name = "
+                     "\"CORP\\PC1\",\n    IP address = \"10.0.0.5\",\n    Request length = 78"}),
+              Written());
+    minutesAhead = 5;
+    Run(Do_EVENT_ACCOUNT_LOGON, With(Logon4624, {{5, u"ANN"}}));
+    Run(Do_EVENT_LOGON, Logon540);
+    EXPECT_EQ(LINES(), Reports());
+    EXPECT_EQ(
+        (LINES{"Do_EVENT_ACCOUNT_LOGON: Reset TTL,\n    User name = \"CORP\\ANN\",\n    IP Address = \"10.0.0.5\"",
+               "Do_EVENT_ACCOUNT_LOGON: Reset TTL,\n    User name = \"CORP\\ann\",\n    IP Address = \"10.0.0.5\""}),
+        Written());
+    EXPECT_LT(log.logons.First()->logonTime.ElapsedMs(), 60000u);
+    EXPECT_GE(log.logons.First()->heartbeatTime.ElapsedMs(), 300000u);
+    Run(Do_EVENT_ACCOUNT_LOGON, With(Logon4624, {{5, u"bob"}, {11, u""}}));
+    EXPECT_EQ((LINES{"!CORP\\PC1CORP\\ann", " CORP\\bob"}), Reports());
+    EXPECT_EQ(
+        "Do_EVENT_ACCOUNT_LOGON: User name changed \n    from \"CORP\\ann\" to \"CORP\\bob\" for IP address 10.0.0.5",
+        Written().at(0));
+    EXPECT_EQ(1u, log.logons.Count());
+}
+
+TEST_F(EVENTS_TEST, AUserOfADomainWithADotIsReportedAnewEachTime) {
+    for (int i = 0; i < 2; ++i) Run(Do_EVENT_ACCOUNT_LOGON, With(Logon4624, {{6, u"CORP.LOCAL"}}));
+    EXPECT_EQ((LINES{" CORP\\PC1CORP\\ann", "!CORP\\PC1CORP\\ann", " CORP\\PC1CORP\\ann"}), Reports());
+    EXPECT_EQ(1u, log.logons.Count());
+}
+
+TEST_F(EVENTS_TEST, ALogonThatTheServerDoesNotTakeIsForgotten) {
+    server.Answer([](const std::string&) { return SCRIPTED_SERVER::ANSWER{"no"}; });
+    Run(Do_EVENT_ACCOUNT_LOGON, Logon4624);
+    EXPECT_EQ(
+        (LINES{"Do_EVENT_ACCOUNT_LOGON: Unable to report logon,\n    User name = \"CORP\\ann\",\n    Computer name "
+               "= \"CORP\\PC1\",\n    IP address = \"10.0.0.5\""}),
+        Written());
+    Run(Do_EVENT_LOCAL_LOGON, Logon528);
+    Run(Do_EVENT_LOGON, Logon540);
+    EXPECT_EQ(0u, log.logons.Count());
+}
+
+TEST_F(EVENTS_TEST, AComputerThatIsNotNamedIsLookedUpByItsAddress) {
+    Run(Do_EVENT_ACCOUNT_LOGON, With(Logon4624, {{11, u"-"}, {18, u"fe80::7"}}));
+    hostName = u"pc7.corp.example";
+    Run(Do_EVENT_ACCOUNT_LOGON, With(Logon4624, {{11, u""}, {18, u"fe80::8"}}));
+    hostName = u"pc9";
+    Run(Do_EVENT_ACCOUNT_LOGON, With(Logon4624, {{11, u""}, {18, u"fe80::9"}}));
+    EXPECT_EQ((LINES{" CORP\\ann", " CORP\\pc7CORP\\ann", " CORP\\pc9CORP\\ann"}), Reports());
+    const LINES written = Written();
+    EXPECT_EQ(0u, written.at(0).find("GetHostName:\n    Unable to get host name for IP address = fe80::7\n    "));
+    EXPECT_NE(std::string::npos, written.at(0).find(". Error code = 11001."));
+    EXPECT_EQ("GetHostName: Host name = \"pc7.corp.example\" found for IP address = fe80::8", written.at(2));
+}
+
+TEST_F(EVENTS_TEST, ALocalLogonIsAddedWithoutASearch) {
+    for (int i = 0; i < 2; ++i) Run(Do_EVENT_LOCAL_LOGON, With(Logon528, {{0, u"pc$"}, {6, u"-"}}));
+    EXPECT_EQ((LINES{" CORP\\-CORP\\pc$", " CORP\\-CORP\\pc$"}), Reports());
+    EXPECT_EQ(2u, log.logons.Count());
+    EXPECT_EQ(
+        "Do_EVENT_LOCAL_LOGON: Logon reported, Logon ID = \"(0x0,0x1)\",\n    User name = \"CORP\\pc$\",\n    "
+        "Computer name = \"CORP\\-\",\n    IPv4 address = \"10.0.0.5\",\n    Request length = 74",
+        Written().back());
+}
+
+TEST_F(EVENTS_TEST, ATicketNamesTheComputerOfTheLogonThatFollowsOnce) {
+    Run(Do_EVENT_SERVICE_TICKET, Ticket673);
+    Run(Do_EVENT_SERVICE_TICKET, Ticket673);
+    const std::string names =
+        "    DNS user name = \"ann@CORP.EX\",\n    User name = \"CORP\\ann\",\n    Computer name = "
+        "\"CORP\\PC9\",\n    IP address = \"10.0.0.5\"";
+    EXPECT_EQ((LINES{"\nDo_EVENT_SERVICE_TICKET: CREATED\n" + names, "Do_EVENT_SERVICE_TICKET: EXISTING\n" + names}),
+              Written());
+    server.Answer([](const std::string&) { return SCRIPTED_SERVER::ANSWER{"no"}; });
+    Run(Do_EVENT_LOGON, With(Logon540, {{0, u"ANN"}}));
+    EXPECT_EQ(1u, log.serviceTickets.Count());
+    EXPECT_EQ(
+        (LINES{"Do_EVENT_LOGON: \n    Logon ID = \"(0x0,0x1)\",\n    User name = \"CORP\\ann\",\n    Computer name "
+               "= \"CORP\\PC9\",\n    IP address = \"10.0.0.5\""}),
+        Written());
+    server.Answer(nullptr);
+    Run(Do_EVENT_LOGON, Logon540);
+    EXPECT_EQ(0u, log.serviceTickets.Count());
+    EXPECT_EQ((LINES{" CORP\\PC9CORP\\ANN", " CORP\\PC9CORP\\ann"}), Reports());
+    EXPECT_EQ(
+        "\nDo_EVENT_LOGON: Logon reported, SERVICE TICKET DELETED\n    Logon ID = \"(0x0,0x1)\",\n    User name = "
+        "\"CORP\\ann\",\n    IP address = \"10.0.0.5\",\n    Request length = 78",
+        Written().back());
+    Run(Do_EVENT_LOGON, With(Logon540, {{13, u"127.0.0.1"}}));
+    EXPECT_EQ((LINES{" CORP\\ann"}), Reports());
+    EXPECT_EQ(
+        (LINES{"\nDo_EVENT_LOGON: NO SERVICE TICKET, \n    Logon ID = \"(0x0,0x1)\",\n    User name = "
+               "\"CORP\\ann\",\n    IP address = \"127.0.0.1\"",
+               "Do_EVENT_LOGON: Logon reported,\n    Logon ID = \"(0x0,0x1)\",\n    User name = \"CORP\\ann\",\n   "
+               " IP address = \"127.0.0.1\",\n    Request length = 56"}),
+        Written());
+}
+
+TEST_F(EVENTS_TEST, HostileNamesPassThroughUnharmed) {
+    const std::u16string name = u"%s%n%99999d\n\xD800\xDC00\xDC00" + std::u16string(5000, u'%');
+    Run(Do_EVENT_ACCOUNT_LOGON, With(Logon4624, {{5, name}, {6, u"%"}, {7, name}, {11, name}}));
+    ASSERT_EQ(1u, log.logons.Count());
+    EXPECT_EQ(u"%\\" + name, std::u16string(log.logons.First()->request.UserName().Text()));
+    Run(Do_EVENT_ACCOUNT_LOGON, With(Logon4624, {{5, name}, {6, u"%"}}));
+    EXPECT_EQ(1u, server.TakeRequests().size());
+}
+
+// ---- The sweep ----
+
+TEST_F(EVENTS_TEST, ASweepComesOnceAMinuteAndWritesTheTablesSizes) {
+    const auto Value = [](const WCHAR* name) {
+        DWORD value = 0;
+        DWORD bytes = sizeof(value);
+        return RegQueryValueExW(StatisticsKey.Get(), name, nullptr, nullptr, reinterpret_cast<LPBYTE>(&value),
+                                &bytes) == ERROR_SUCCESS
+                   ? static_cast<int>(value)
+                   : -1;
+    };
+    ASSERT_EQ(ERROR_SUCCESS, RegCreateKeyExW(HKEY_LOCAL_MACHINE, u"SOFTWARE\\Statistics", 0, nullptr, 0, KEY_ALL_ACCESS,
+                                             nullptr, StatisticsKey.Put(), nullptr));
+    Run(Do_EVENT_SERVICE_TICKET, Ticket673);
+    Run(Do_EVENT_LOCAL_LOGON, Logon528);
+    lines.Forget();
+    log.ExpireEntries();
+    EXPECT_EQ(-1, Value(u"Logons"));
+    minutesAhead = 2;
+    log.ExpireEntries();
+    EXPECT_EQ(1, Value(u"Logons"));
+    EXPECT_EQ(0, Value(u"ServiceTickets"));
+    EXPECT_EQ((LINES{"Service ticket expired,\n    NtUserName = \"CORP\\ann\",\n    IpAddress = \"10.0.0.5\",\n    "
+                     "NtComputerName = \"CORP\\PC9\""}),
+              Written());
+    StatisticsKey.Reset();  // writing that fails is no matter
+    minutesAhead = 13;
+    log.ExpireEntries();
+    EXPECT_EQ((LINES{"Logon expired: User name = \"CORP\\ann\", IP address = \"10.0.0.5\""}), Written());
+    EXPECT_EQ(0u, log.logons.Count());
+    EXPECT_EQ((LINES{" CORP\\PC1CORP\\ann"}), Reports());  // an expired logon is no logoff
+}
+
+TEST_F(EVENTS_TEST, HeartbeatsKeepTheirPaceWhetherOrNotTheyArrive) {
+    Settings.heartbeat = 5 * 60000;
+    Run(Do_EVENT_ACCOUNT_LOGON, Logon4624);
+    Reports();
+    server.Answer([](const std::string&) { return SCRIPTED_SERVER::ANSWER{"no"}; });
+    LINES sent;
+    for (minutesAhead = 2; minutesAhead <= 24; minutesAhead += 2) {
+        if (minutesAhead % 10 == 0) Run(Do_EVENT_ACCOUNT_LOGON, Logon4624);
+        log.ExpireEntries();
+        for (size_t i = Reports().size(); i > 0; --i) sent.push_back(std::to_string(minutesAhead));
+    }
+    EXPECT_EQ((LINES{"6", "12", "18", "24"}), sent);
+    EXPECT_EQ(1u, log.logons.Count());
+}
+
+TEST_F(EVENTS_TEST, AClockSetBackExpiresEverything) {
+    minutesAhead = 100;
+    log.lastSweep = TIME_STAMP::Now();
+    Run(Do_EVENT_SERVICE_TICKET, Ticket673);
+    Run(Do_EVENT_LOCAL_LOGON, Logon528);
+    minutesAhead = 90;
+    log.ExpireEntries();
+    EXPECT_EQ(0u, log.logons.Count() + log.serviceTickets.Count());
+}
+
+}  // namespace
+
+}  // namespace keldwick

@@ -1,0 +1,163 @@
+// The identity tables, against plain lists that do the same the slow way.
+#include <gtest/gtest.h>
+
+#include <list>
+#include <random>
+
+#include "identity/logon_table.h"
+#include "identity/logon_types.h"
+#include "identity/service_ticket_table.h"
+
+namespace keldwick {
+
+namespace {
+
+IP_ADDRESS Address(const WCHAR* text) {
+    IP_ADDRESS address;
+    EXPECT_TRUE(ParseAddress(address, text));
+    return address;
+}
+
+// A request that holds nothing but the address, or none for an empty text.
+void GiveAddress(LOGON_ENTRY* entry, const WCHAR* text) {
+    if (*text == 0) return;
+    const IP_ADDRESS address = Address(text);
+    const BYTE version = AddressVersion(address);
+    ASSERT_TRUE(entry->request.request.Resize(1 + AddressLength(address)));
+    entry->request.request.Data()[0] = version;
+    std::copy_n(AddressBytes(address), AddressLength(address), entry->request.request.Data() + 1);
+    entry->request.addressPosition = 0;
+}
+
+LOGON_ENTRY* Add(LOGON_TABLE& table, const WCHAR* address) {
+    LOGON_ENTRY* const entry = table.Append();
+    GiveAddress(entry, address);
+    table.Index(entry);
+    return entry;
+}
+
+TEST(LogonTableTest, AnEntryIsFoundOnlyOnceItsLogonWasReported) {
+    LOGON_TABLE table;
+    LOGON_ENTRY* const entry = table.Append();
+    EXPECT_EQ(nullptr, table.Find(Address(u"10.0.0.1")));
+    GiveAddress(entry, u"10.0.0.1");
+    table.Index(entry);
+    EXPECT_EQ(entry, table.Find(Address(u"10.0.0.1")));
+    EXPECT_EQ(nullptr, table.Find(IP_ADDRESS()));
+    table.Remove(Add(table, u""));
+    table.Remove(entry);
+    EXPECT_EQ(nullptr, table.Find(Address(u"10.0.0.1")));
+    EXPECT_EQ(0u, table.Count());
+    EXPECT_EQ(nullptr, table.First());
+}
+
+TEST(LogonTableTest, TheSameBytesInTheOtherVersionAreAnotherAddress) {
+    LOGON_TABLE table;
+    LOGON_ENTRY* const v4 = Add(table, u"10.0.0.1");
+    EXPECT_EQ(nullptr, table.Find(Address(u"a00:1::")));
+    LOGON_ENTRY* const v6 = Add(table, u"a00:1::");
+    EXPECT_EQ(v4, table.Find(Address(u"10.0.0.1")));
+    EXPECT_EQ(v6, table.Find(Address(u"a00:1::")));
+}
+
+// Adds and removes at random among few addresses, so that many are held twice, and compares every answer.
+TEST(LogonTableTest, TheFirstMatchInInsertionOrderIsFoundWhateverCameAndWent) {
+    std::minstd_rand random(1);
+    const WCHAR* const addresses[] = {u"10.0.0.1", u"10.0.0.2", u"10.0.0.3", u"fe80::1", u"fe80::2", u""};
+    LOGON_TABLE table;
+    std::list<std::pair<const WCHAR*, LOGON_ENTRY*>> reference;
+    for (int step = 0; step < 20000; ++step) {
+        const WCHAR* const address = addresses[random() % std::size(addresses)];
+        if (reference.size() < 40 && random() % 2 == 0) {
+            reference.emplace_back(address, Add(table, address));
+        } else if (!reference.empty()) {
+            const auto removed = std::next(reference.begin(), static_cast<long>(random() % reference.size()));
+            table.Remove(removed->second);
+            reference.erase(removed);
+        }
+        ASSERT_EQ(reference.size(), table.Count());
+        const LOGON_ENTRY* listed = table.First();
+        for (const auto& [wanted, entry] : reference) {
+            ASSERT_EQ(entry, listed);
+            listed = LOGON_TABLE::Next(listed);
+        }
+        ASSERT_EQ(nullptr, listed);
+        if (*address == 0) continue;
+        const auto first =
+            std::find_if(reference.begin(), reference.end(), [&](const auto& held) { return held.first == address; });
+        ASSERT_EQ(first == reference.end() ? nullptr : first->second, table.Find(Address(address))) << step;
+    }
+}
+
+TEST(LogonTableTest, ManyAddressesAreAllFoundAndAnEntryTakesLittleMemory) {
+    LOGON_TABLE table;
+    std::vector<LOGON_ENTRY*> entries;
+    for (DWORD i = 0; i < 100000; ++i)
+        entries.push_back(Add(table, FormatString(TEXT("10.%u.%u.%u"), i >> 16, i >> 8 & 0xFF, i & 0xFF).Text()));
+    for (DWORD i = 0; i < 100000; i += 777)
+        EXPECT_EQ(entries[i],
+                  table.Find(Address(FormatString(TEXT("10.%u.%u.%u"), i >> 16, i >> 8 & 0xFF, i & 0xFF).Text())));
+    constexpr size_t heapBlock = 8 + 15;           // what an allocator adds to a block at most: its header and rounding
+    constexpr size_t buckets = 2 * sizeof(void*);  // of an index that is half full
+    EXPECT_GE(200u, sizeof(LOGON_ENTRY) + 2 * heapBlock + buckets);
+}
+
+TEST(ServiceTicketTableTest, TheOldestTicketOfAUserAndAddressIsFoundIgnoringCase) {
+    SERVICE_TICKET_TABLE table;
+    SERVICE_TICKET_ENTRY* const first = table.Append(STRING(u"CORP\\Jürgen"), STRING(u"CORP\\A"), u"fe80::AB");
+    SERVICE_TICKET_ENTRY* const second = table.Append(STRING(u"CORP\\JÜRGEN"), STRING(u"CORP\\B"), u"FE80::ab");
+    table.Append(STRING(u"CORP\\Jurgen"), STRING(u"CORP\\C"), u"fe80::ab");
+    EXPECT_EQ(first, table.Find(u"corp\\jürgen", u"fe80::ab"));
+    EXPECT_EQ(nullptr, table.Find(u"corp\\jürgen", u"fe80::ac"));
+    EXPECT_EQ(nullptr, table.Find(u"fe80::ab", u"corp\\jürgen"));
+    table.Remove(first);
+    EXPECT_EQ(second, table.Find(u"corp\\jürgen", u"fe80::ab"));
+    table.RemoveIf([&](const SERVICE_TICKET_ENTRY& ticket) { return &ticket == second; });
+    EXPECT_EQ(nullptr, table.Find(u"corp\\jürgen", u"fe80::ab"));
+    EXPECT_EQ(1u, table.Count());
+    table.Clear();
+    EXPECT_EQ(nullptr, table.Find(u"CORP\\Jurgen", u"fe80::ab"));
+}
+
+TEST(LogonTypesTest, ATypesTextIsReadAsTheCLibraryReadsNumbers) {
+    constexpr DWORD invalid = 0xDEAD;
+    const struct {
+        const WCHAR* text;
+        DWORD type;
+    } cases[] = {{u"3", 3},
+                 {u"", 0},
+                 {u"0x3", 3},
+                 {u"0XfF", 255},
+                 {u"3a", invalid},
+                 {u" 3", 3},
+                 {u"\t+10", 10},
+                 {u"-1", MAXDWORD},
+                 {u"3 ", invalid},
+                 {u"0x", invalid},
+                 {u"0xg", invalid},
+                 {u" 0x3", invalid},
+                 {u"-", invalid},
+                 {u" ", invalid},
+                 {u"012", 12},
+                 {u"4294967295", MAXDWORD},
+                 {u"x", invalid},
+                 {u"4294967298", MAXDWORD},
+                 {u"99999999999999999999999", MAXDWORD},
+                 {u"-4294967294", 2},
+                 {u"\xFF13", invalid},
+                 {u"0x-3", invalid}};
+    for (const auto& c : cases) {
+        DWORD type = 1;
+        const bool valid = ParseLogonType(c.text, type);
+        EXPECT_EQ(c.type, valid ? type : invalid) << STRING_UTF8(c.text).Text();
+    }
+    NUMBER_TEXT number;
+    EXPECT_EQ(TEXT_VIEW(u"REMOTE_INTERACTIVE"), LogonTypeName(10, number));
+    EXPECT_EQ(TEXT_VIEW(u"6"), LogonTypeName(6, number));
+    EXPECT_EQ(TEXT_VIEW(u"4294967295"), LogonTypeName(MAXDWORD, number));
+    for (DWORD type = 0; type < 300; ++type) EXPECT_EQ(((type - 2) & ~9u) == 0, IsPersonalLogonType(type)) << type;
+}
+
+}  // namespace
+
+}  // namespace keldwick
