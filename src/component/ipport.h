@@ -37,7 +37,7 @@ public:
     int Send(const void* bytes, int count);
 
     // Bounds connecting (the TLS handshake included), Send's wait, and how long a vanished peer stays unnoticed. At
-    // first 60.
+    // first 20.
     void SetTimeout(int seconds);
 
     // Ends with a period; empty when nothing has failed yet. Valid until the next operation.

@@ -90,7 +90,7 @@ private:
     CONNECTION_EVENTS& receiver;
     const bool secure;
     DWORD protocols = TlsProtocol1_2;
-    std::chrono::seconds timeout{60};
+    std::chrono::seconds timeout{20};
     HANDLE event;
     win32::DESCRIPTOR poller, timer;
 

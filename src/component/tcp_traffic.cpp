@@ -15,6 +15,18 @@ namespace {
 constexpr int MostReadsPerCall = 16;  // 256 KiB; then the caller has its turn again
 constexpr int MostReadRounds = 64;    // before a send, so that a peer that never stops talking cannot hold it up
 
+// True while in scope, however the scope is left.
+class RAISED {
+public:
+    explicit RAISED(bool& which) : flag(which) { flag = true; }
+    ~RAISED() { flag = false; }
+    RAISED(const RAISED&) = delete;
+    RAISED& operator=(const RAISED&) = delete;
+
+private:
+    bool& flag;
+};
+
 constexpr const char* ClosedByServer = "The server closed the connection.";
 
 }  // namespace
@@ -45,9 +57,10 @@ bool TCP_CONNECTION::ReadAvailable() {
         switch (result) {
             case RESULT::Done: {
                 const unsigned mine = generation;
-                delivering = true;
-                receiver.DataIn(buffer.data(), count);
-                delivering = false;
+                {
+                    const RAISED raised(delivering);
+                    receiver.DataIn(buffer.data(), count);
+                }
                 if (generation != mine) return false;
                 const bool maybeMore = tls ? tls->HasBuffered() : static_cast<size_t>(count) == buffer.size();
                 if (!maybeMore) return false;

@@ -35,6 +35,14 @@ private:
 
 int Send(IPPort& client, const std::string& text) { return client.Send(text.data(), static_cast<int>(text.size())); }
 
+bool HasIpv6() {
+    const win32::DESCRIPTOR probe(socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_in6 loopback{};
+    loopback.sin6_family = AF_INET6;
+    loopback.sin6_addr = in6addr_loopback;
+    return probe && bind(probe.Get(), reinterpret_cast<sockaddr*>(&loopback), sizeof(loopback)) == 0;
+}
+
 TEST(PlainConnection, CarriesBytesBothWaysAndIsQuietInBetween) {
     CONNECTED pair;
     EXPECT_TRUE(pair.client.Idle());
@@ -170,6 +178,18 @@ TEST(PlainConnection, EveryAddressOfANameIsTriedAndASilentOneLeavesTimeForTheNex
     other.Connect("several.example", good.Port());
     ASSERT_TRUE(other.Await("Connected"));
     EXPECT_EQ(EVENTS{"Connected 10061"}, other.events);
+}
+
+TEST(PlainConnection, ReachesIpv6Addresses) {
+    if (!HasIpv6()) GTEST_SKIP() << "this machine has no IPv6";
+    LISTENING listening("::1");
+    for (const char* host : {"::1", "[::1]", "0:0:0:0:0:0:0:1"}) {
+        CLIENT client;
+        client.Connect(host, listening.Port());
+        ASSERT_TRUE(client.Await("ReadyToSend")) << host << testing::PrintToString(client.texts);
+        listening.Accept().Say("x");
+        EXPECT_TRUE(client.AwaitBytes(1));
+    }
 }
 
 TEST(PlainConnection, AHangingNameServerHoldsUpNobodyAndIsBounded) {

@@ -39,19 +39,21 @@ private:
 class LISTENING {
 public:
     // port 0: the kernel's choice.
-    explicit LISTENING(const char* address = "127.0.0.1", int port = 0, int backlog = 16)
-        : fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_in name{};
-        name.sin_family = AF_INET;
-        name.sin_port = htons(static_cast<uint16_t>(port));
-        inet_pton(AF_INET, address, &name.sin_addr);
-        socklen_t length = sizeof(name);
+    explicit LISTENING(const std::string& address = "127.0.0.1", int port = 0, int backlog = 16) {
+        const bool ipv6 = address.find(':') != std::string::npos;
+        fd = win32::DESCRIPTOR(socket(ipv6 ? AF_INET6 : AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        sockaddr_in6 name{};  // the port is at the same place in both kinds
+        name.sin6_port = htons(static_cast<uint16_t>(port));
+        name.sin6_family = ipv6 ? AF_INET6 : AF_INET;
+        void* const bytes = ipv6 ? static_cast<void*>(&name.sin6_addr) : &name.sin6_flowinfo;
+        inet_pton(name.sin6_family, address.c_str(), bytes);
+        socklen_t length = ipv6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
         const int on = 1;
         setsockopt(fd.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
         EXPECT_EQ(0, bind(fd.Get(), reinterpret_cast<sockaddr*>(&name), length));
         EXPECT_EQ(0, listen(fd.Get(), backlog));
         getsockname(fd.Get(), reinterpret_cast<sockaddr*>(&name), &length);
-        number = ntohs(name.sin_port);
+        number = ntohs(name.sin6_port);
     }
     int Port() const { return number; }
     ACCEPTED Accept() const { return ACCEPTED(accept4(fd.Get(), nullptr, nullptr, SOCK_CLOEXEC)); }

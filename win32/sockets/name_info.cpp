@@ -1,12 +1,13 @@
 // Names of addresses, with a limit on what a dead name server may cost.
 #include <netdb.h>
+#include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <condition_variable>
 #include <cstring>
 #include <memory>
 #include <mutex>
@@ -15,6 +16,7 @@
 #include "win32/registry/linux_settings.h"
 #include "win32/sockets/lookup_threads.h"
 #include "win32/sockets/socket_error.h"
+#include "win32/sync/descriptor.h"
 #include "win32/text/utf.h"
 
 namespace {
@@ -44,9 +46,8 @@ struct LOOKUP {
     bool wantsHost = false, wantsService = false;
     int flags = 0;
 
+    const win32::DESCRIPTOR answered{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};  // readable once it has been
     std::mutex lock;
-    std::condition_variable answered;
-    bool done = false;
     int error = 0;  // Winsock's
     std::string host, service;
 
@@ -61,8 +62,7 @@ struct LOOKUP {
         error = code;
         host = hostText;
         service = serviceText;
-        done = true;
-        answered.notify_all();
+        eventfd_write(answered.Get(), 1);
     }
 };
 
@@ -72,11 +72,17 @@ std::atomic<int> lookupsInFlight{0};
 int AskWithinTimeout(const std::shared_ptr<LOOKUP>& lookup) {
     const DWORD milliseconds = std::min(win32::LinuxNumber(u"NameLookupTimeout").value_or(DefaultTimeoutMilliseconds),
                                         LongestTimeoutMilliseconds);
+    if (!lookup->answered) return WSAEMFILE;
     if (!win32::RunLookup(lookupsInFlight, [lookup] { lookup->Ask(); })) return WSATRY_AGAIN;
-    std::unique_lock guard(lookup->lock);
-    // By the system's clock, since the thread sanitizer of this compiler knows no other kind of timed wait.
-    const auto end = std::chrono::system_clock::now() + std::chrono::milliseconds(milliseconds);
-    if (!lookup->answered.wait_until(guard, end, [&] { return lookup->done; })) return WSATRY_AGAIN;
+    pollfd polled{lookup->answered.Get(), POLLIN, 0};
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
+    int ready;
+    do {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now()).count();
+        ready = poll(&polled, 1, std::max(0, static_cast<int>(left)));
+    } while (ready < 0 && errno == EINTR);
+    if (ready <= 0) return WSATRY_AGAIN;
+    const std::lock_guard guard(lookup->lock);
     return lookup->error;
 }
 
