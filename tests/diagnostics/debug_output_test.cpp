@@ -60,19 +60,19 @@ TEST_F(DebugOutput, EachSinkHasItsOwnFrame) {
     SetDebugOutputMode(0x3);
     DebugPrint(TEXT("\r\n\nfirst\nsecond\r\nthird"));
     DebugPrintMasked(DEBUG_NO_LINE_END, TEXT("open"));
-    DebugPrintMasked(DEBUG_RAW, TEXT(" \nraw"));
+    DebugPrintMasked(DEBUG_RAW, TEXT("\nraw"));
     DebugPrintMasked(DEBUG_RAW | DEBUG_NO_LINE_END, TEXT("raw and open"));
     DebugPrint(TEXT("\n\n"));
     SetDebugOutputMode(0x40003);
     DebugPrintTextMasked(0, TEXT("100%s %n"));
     DebugPrintNarrow("%s %u", TEXT("narrow"), 7u);
-    EXPECT_EQ("\r\n\r\n" + Stamp + "first\r\nsecond\r\nthird\r\n" + Stamp + "open \r\nraw\r\nraw and open" + Stamp +
+    EXPECT_EQ("\r\n\r\n" + Stamp + "first\r\nsecond\r\nthird\r\n" + Stamp + "open\r\nraw\r\nraw and open" + Stamp +
                   "\r\n\r\n\r\nKDWK: (*) 100%s %n\r\nKDWK: (*) narrow 7\r\n",
               Log());
     const std::string ids =
         "(" + std::to_string(GetCurrentProcessId()) + "." + std::to_string(GetCurrentThreadId()) + ") ";
     EXPECT_EQ("\r\n\n2026/11/16 02:05:09 PM KDWK: " + ids + "first\nsecond\r\nthird\n\n", Debugger()[0]);
-    EXPECT_EQ(" \nraw\n\n", Debugger()[2]);
+    EXPECT_EQ("\nraw\n\n", Debugger()[2]);
     EXPECT_EQ("raw and open", Debugger()[3]);
     EXPECT_EQ("KDWK: " + ids + "100%s %n\n\n", Debugger()[5]);
 }
@@ -95,6 +95,8 @@ TEST_F(DebugOutput, AnyTextReachesTheLogAsUtf8) {
     const WCHAR lone[] = {'<', 0xD83D, '>', 0xDE00, 0};
     DebugPrint(TEXT("%s %s %s"), TEXT("\u00FC\u65E5"), STRING("\xF0\x9F\x98\x80"), lone);
     EXPECT_EQ("KDWK: (*) \xC3\xBC\xE6\x97\xA5 \xF0\x9F\x98\x80 <\xEF\xBF\xBD>\xEF\xBF\xBD\r\n", Log());
+    DebugPrintMasked(DEBUG_RAW | DEBUG_NO_LINE_END, TEXT("\u65E5\u65E5\u65E5"));
+    EXPECT_TRUE(Log().ends_with("\xE6\x97\xA5\xE6\x97\xA5\xE6\x97\xA5"));
     const STRING huge(FormatString(TEXT("%s"), STRING(std::string(70000, 'y').c_str())));
     DebugPrint(TEXT("%s"), huge);
     EXPECT_NE(std::string::npos, Log().find(std::string(70000, 'y') + "\r\n"));
@@ -112,6 +114,7 @@ TEST_F(DebugOutput, DeferredLinesWaitForTheirThreadsNextLine) {
         DebugPrintMasked(DEBUG_RAW, TEXT("a3"));
         DebugPrintMasked(DEBUG_DEFER | DEBUG_RAW, TEXT("a4"));
         DebugPrintMasked(DEBUG_DEFER | DEBUG_RAW | 0x2, TEXT("a5"));
+        EXPECT_TRUE(Log().ends_with("a4\r\na5\r\n")) << "flag 0x2 overrules the deferral";
         DebugPrintMasked(DEBUG_DEFER | DEBUG_RAW, TEXT("a6"));
         FlushDebugOutput(true);
     });

@@ -155,8 +155,12 @@ TEST_F(LogFile, OneWriteALine) {
     EXPECT_EQ(1, counts.Failed());
 }
 
+// West of Greenwich, so that local times are told from UTC.
+const bool ZoneSet = setenv("TZ", "KDW5", 1) == 0;
+
 // One thread, one schedule: its whole life in one test.
 TEST_F(LogFile, TheThreadRenamesAtMidnightAndGoesOnWhateverHappenedToTheFile) {
+    ASSERT_TRUE(ZoneSet);
     const auto due = [](const SYSTEMTIME& local) { return TIME_STAMP::FromFields(local).FromLocal().Units(); };
     const struct {
         DWORD hour;
