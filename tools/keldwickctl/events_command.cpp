@@ -68,6 +68,24 @@ CLI::Option* AddLog(CLI::App* command, std::string& log) {
     return command->add_option("--log", log, "the log's name")->type_name("LOG")->capture_default_str();
 }
 
+// The usual help, but for the many positionals.
+class WRITE_HELP final : public CLI::Formatter {
+    std::string make_usage(const CLI::App*, std::string name) const override {
+        return "Usage: " + name + " [OPTIONS] -- [STRING ...]\n";
+    }
+};
+
+// One positional for each string: a single one for all of them would take "[a,b]" apart.
+std::vector<CLI::Option*> AddStrings(CLI::App* write) {
+    constexpr int MostStrings = 1000;
+    std::vector<CLI::Option*> strings;
+    strings.push_back(write->add_option("STRING")->description("the replacement strings, after -- (at most 1000)"));
+    while (strings.size() < MostStrings)
+        strings.push_back(write->add_option("STRING" + std::to_string(strings.size() + 1))->group(""));
+    for (CLI::Option* each : strings) each->type_name("...")->expected(1);
+    return strings;
+}
+
 void AddWrite(CLI::App* events) {
     const auto options = std::make_shared<WRITE_OPTIONS>();
     CLI::App* const write = events->add_subcommand("write", "Appends one record with the given replacement strings.");
@@ -90,11 +108,13 @@ void AddWrite(CLI::App* events) {
     write->add_option("--data", options->data, "the record's data, two digits a byte")
         ->type_name("HEX")
         ->check(Checked(ParseHex, "pairs of hexadecimal digits"));
-    constexpr int MostStrings = 0xFFFF;
-    write->add_option("STRING", options->strings, "the replacement strings, after --")
-        ->allow_extra_args(false)  // or the parser would take [a,b] apart
-        ->expected(0, MostStrings);
-    write->callback([options] { Write(*options); });
+    const std::vector<CLI::Option*> strings = AddStrings(write);
+    write->formatter(std::make_shared<WRITE_HELP>());
+    write->callback([options, strings] {
+        for (const CLI::Option* each : strings)
+            if (each->count() > 0) options->strings.push_back(each->results().front());
+        Write(*options);
+    });
 }
 
 void AddImport(CLI::App* events) {
