@@ -1,0 +1,51 @@
+// What every COM object of the layer's own has: a count of references, and its one interface beside the common ones.
+#pragma once
+
+#include <windows.h>
+
+#include <iads.h>
+
+#include <atomic>
+
+#include "win32/directory/class_registry.h"
+
+namespace win32 {
+
+template <class INTERFACE, const IID& INTERFACE_ID>
+class COM_OBJECT : public INTERFACE {
+public:
+    COM_OBJECT() = default;
+    COM_OBJECT(const COM_OBJECT&) = delete;
+    COM_OBJECT& operator=(const COM_OBJECT&) = delete;
+    virtual ~COM_OBJECT() = default;
+
+    HRESULT QueryInterface(REFIID iid, void** object) final {
+        if (object == nullptr) return E_POINTER;
+        *object = nullptr;
+        if (!SameGuid(iid, INTERFACE_ID) && !SameGuid(iid, IID_IDispatch) && !SameGuid(iid, IID_IUnknown))
+            return E_NOINTERFACE;
+        *object = static_cast<INTERFACE*>(this);
+        AddRef();
+        return S_OK;
+    }
+    ULONG AddRef() final { return ++references; }
+    ULONG Release() final {
+        const ULONG left = --references;
+        if (left == 0) delete this;
+        return left;
+    }
+
+private:
+    std::atomic<ULONG> references = 0;
+};
+
+// Hands a new object out by the interface asked for; gone again when it does not have it.
+template <class OBJECT>
+HRESULT HandOut(OBJECT* made, REFIID iid, void** object) {
+    made->AddRef();
+    const HRESULT result = made->QueryInterface(iid, object);
+    made->Release();
+    return result;
+}
+
+}  // namespace win32

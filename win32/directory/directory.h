@@ -1,0 +1,77 @@
+// The directory as the layer's COM objects ask it: one interface, behind it either a server (LDAP) or a file (LDIF).
+// Texts are UTF-8 here. Every answer is fresh; nothing of it is kept.
+#pragma once
+
+#include <windows.h>
+
+#include <iads.h>
+
+#include <memory>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace win32 {
+
+// What Windows answers, by <winerror.h> and <adserr.h>.
+constexpr HRESULT DirectoryNotFound = HRESULT(0x80072116u);       // ERROR_DS_NAME_ERROR_NOT_FOUND
+constexpr HRESULT DirectoryNotUnique = HRESULT(0x80072117u);      // ERROR_DS_NAME_ERROR_NOT_UNIQUE
+constexpr HRESULT DirectoryNoMapping = HRESULT(0x80072118u);      // ERROR_DS_NAME_ERROR_NO_MAPPING
+constexpr HRESULT DirectoryNoSuchObject = HRESULT(0x80072030u);   // ERROR_DS_NO_SUCH_OBJECT
+constexpr HRESULT DirectoryInvalidDn = HRESULT(0x80072032u);      // ERROR_DS_INVALID_DN_SYNTAX
+constexpr HRESULT DirectoryServerDown = HRESULT(0x8007203Au);     // ERROR_DS_SERVER_DOWN
+constexpr HRESULT DirectoryNeedsSecrecy = HRESULT(0x8007202Du);   // ERROR_DS_CONFIDENTIALITY_REQUIRED
+constexpr HRESULT DirectoryLogonFailure = HRESULT(0x8007052Eu);   // ERROR_LOGON_FAILURE
+constexpr HRESULT DirectoryTimeout = HRESULT(0x800705B4u);        // ERROR_TIMEOUT
+constexpr HRESULT DirectoryDecodingError = HRESULT(0x8007203Du);  // ERROR_DS_DECODING_ERROR
+
+// A domain of the forest, as its partition's entry names it.
+struct DIRECTORY_DOMAIN {
+    std::string dn;           // nCName
+    std::string dnsName;      // dnsRoot
+    std::string netbiosName;  // nETBIOSName
+};
+
+struct DIRECTORY_ENTRY {
+    std::string dn;
+    std::vector<std::pair<std::string, std::vector<std::string>>> attributes;  // values are bytes
+
+    // Null: the entry has no such attribute. The name's letter case does not count.
+    const std::vector<std::string>* Values(std::string_view attribute) const;
+    std::string_view First(std::string_view attribute) const;  // the first value; empty: there is none
+};
+
+using ATTRIBUTE_NAMES = std::vector<const char*>;
+
+// Used by one thread at a time.
+class DIRECTORY {
+public:
+    virtual ~DIRECTORY() = default;
+
+    virtual HRESULT Domains(std::vector<DIRECTORY_DOMAIN>& domains) = 0;
+
+    // The entries at and below `base` whose attribute equals the value: none, one or, where it is not unique, some.
+    virtual HRESULT Find(const std::string& base, const char* attribute, const std::string& value,
+                         const ATTRIBUTE_NAMES& wanted, std::vector<DIRECTORY_ENTRY>& found) = 0;
+
+    // The entry with that DN or that SID in its binary form; DirectoryNoSuchObject when there is none.
+    virtual HRESULT Read(const std::string& dn, const ATTRIBUTE_NAMES& wanted, DIRECTORY_ENTRY& entry) = 0;
+    virtual HRESULT ReadSid(const std::string& sid, const ATTRIBUTE_NAMES& wanted, DIRECTORY_ENTRY& entry) = 0;
+};
+
+// Which directory, and as whom. An empty server: the one that the settings name. An empty user: as the settings say.
+struct DIRECTORY_TARGET {
+    std::string server;    // a host's name or address, perhaps with a port
+    std::string user;      // DOMAIN\account, or any name that the server takes in a simple bind
+    std::string password;  // goes out over a secret connection only
+};
+
+// Opens the directory of the settings. REGDB_E_CLASSNOTREG: this machine has none.
+HRESULT OpenDirectory(const DIRECTORY_TARGET& target, std::unique_ptr<DIRECTORY>& directory);
+
+// What the layer's objects are made of; entered in register_classes.cpp.
+HRESULT MakeNameTranslator(REFIID iid, void** object);
+HRESULT OpenDirectoryPath(LPCWSTR path, LPCWSTR user, LPCWSTR password, DWORD flags, REFIID iid, void** object);
+
+}  // namespace win32

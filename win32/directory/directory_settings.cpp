@@ -1,0 +1,138 @@
+#include "win32/directory/directory_settings.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <mutex>
+
+#include "win32/directory/directory_text.h"
+#include "win32/files/machine_root.h"
+#include "win32/registry/linux_settings.h"
+#include "win32/text/utf.h"
+
+namespace win32 {
+
+namespace {
+
+constexpr size_t MaxPasswordBytes = 1024;
+
+std::string Setting(const char16_t* name) {
+    const std::optional<std::u16string> text = LinuxText(name);
+    return text ? ToUtf8(*text) : std::string();
+}
+
+bool Exists(const std::string& path) {
+    struct stat status;
+    return stat(path.c_str(), &status) == 0;
+}
+
+bool IsUri(const std::string& uri) {
+    const auto fits = [](char c) { return c > ' ' && c < 0x7F; };
+    if (uri.size() > 1024 || !std::all_of(uri.begin(), uri.end(), fits)) return false;
+    if (uri.starts_with("ldapi://")) return true;
+    for (const char* scheme : {"ldap://", "ldaps://"}) {
+        if (!uri.starts_with(scheme)) continue;
+        std::string server = uri.substr(strlen(scheme));
+        if (server.ends_with('/')) server.pop_back();
+        return IsServerName(server);
+    }
+    return false;
+}
+
+std::optional<LDAP_BIND> BindOf(const std::string& word, bool local) {
+    const std::string lower = LowerName(word);
+    if (lower == "gssapi") return LDAP_BIND::GSSAPI;
+    if (lower == "simple") return LDAP_BIND::SIMPLE;
+    if (lower == "none" && local) return LDAP_BIND::NONE;
+    if (lower.empty()) return local ? LDAP_BIND::NONE : LDAP_BIND::GSSAPI;
+    return std::nullopt;
+}
+
+std::string Complaint(const LDAP_SETTINGS& settings, bool bindKnown) {
+    const bool plain = settings.uri.starts_with("ldap://") || settings.uri.empty();
+    if (settings.uri.empty() && settings.domain.empty()) return "neither DirectoryUri nor DirectoryDomain is set";
+    if (!settings.uri.empty() && !IsUri(settings.uri))
+        return "DirectoryUri must be ldap://HOST, ldaps://HOST or ldapi://SOCKET, not \"" + settings.uri + "\"";
+    if (!settings.domain.empty() && !IsServerName(settings.domain)) return "DirectoryDomain is not a DNS name";
+    if (!bindKnown) return "DirectoryBind must be gssapi or simple, or, for an ldapi socket, none";
+    if (settings.startTls && !plain) return "DirectoryStartTls is for ldap:// only";
+    if (settings.bind != LDAP_BIND::SIMPLE) {
+        if (settings.bind == LDAP_BIND::GSSAPI && (settings.startTls || settings.uri.starts_with("ldaps://")))
+            return "DirectoryBind gssapi encrypts by itself: use ldap:// without DirectoryStartTls";
+        return {};
+    }
+    if (settings.user.empty()) return "DirectoryBind simple needs DirectoryUser";
+    if (settings.passwordFile.empty()) return "DirectoryBind simple needs DirectoryPasswordFile";
+    if (plain && !settings.startTls)
+        return "DirectoryBind simple sends a password: use ldaps://, or set DirectoryStartTls to 1";
+    return {};
+}
+
+}  // namespace
+
+DIRECTORY_BACKEND ConfiguredBackend() {
+    const std::string backend = LowerName(Setting(u"DirectoryBackend"));
+    if (backend == "ldap") return DIRECTORY_BACKEND::LDAP;
+    if (backend == "ldif") return DIRECTORY_BACKEND::LDIF;
+    if (!backend.empty()) ComplainOnce("DirectoryBackend must be ldap or ldif, not \"" + backend + "\"");
+    if (Exists(LdifPath())) return DIRECTORY_BACKEND::LDIF;
+    const bool named = !Setting(u"DirectoryUri").empty() || !Setting(u"DirectoryDomain").empty();
+    return named ? DIRECTORY_BACKEND::LDAP : DIRECTORY_BACKEND::NONE;
+}
+
+std::string LdifPath() { return MachinePath("directory.ldif"); }
+
+std::optional<LDAP_SETTINGS> ReadLdapSettings(std::string& complaint) {
+    LDAP_SETTINGS settings;
+    settings.uri = Setting(u"DirectoryUri");
+    settings.domain = Setting(u"DirectoryDomain");
+    settings.user = Setting(u"DirectoryUser");
+    settings.passwordFile = Setting(u"DirectoryPasswordFile");
+    settings.keytab = Setting(u"DirectoryKeytab");
+    settings.caFile = Setting(u"DirectoryCaFile");
+    settings.startTls = LinuxNumber(u"DirectoryStartTls").value_or(0) != 0;
+    const auto bind = BindOf(Setting(u"DirectoryBind"), settings.uri.starts_with("ldapi://"));
+    settings.bind = bind.value_or(LDAP_BIND::GSSAPI);
+    complaint = Complaint(settings, bind.has_value());
+    return complaint.empty() ? std::optional(settings) : std::nullopt;
+}
+
+std::optional<std::string> ReadPasswordFile(const std::string& path, std::string& complaint) {
+    const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+    if (file < 0) {
+        complaint = "the password file " + path + " cannot be read: " + strerror(errno);
+        return std::nullopt;
+    }
+    struct stat status {};
+    char bytes[MaxPasswordBytes];
+    const bool known = fstat(file, &status) == 0;
+    const bool regular = known && S_ISREG(status.st_mode);
+    const bool secret = regular && (status.st_mode & 077) == 0 && (status.st_uid == 0 || status.st_uid == geteuid());
+    const ssize_t size = secret ? read(file, bytes, sizeof(bytes)) : -1;
+    close(file);
+    if (!regular)
+        complaint = "the password file " + path + " is not a plain file";
+    else if (!secret)
+        complaint = "the password file " + path +
+                    " is refused: nobody but its owner (root, or the user this runs as) may read it; use chmod 600";
+    else if (size <= 0)
+        complaint = "the password file " + path + " is empty or cannot be read";
+    if (size <= 0) return std::nullopt;
+    const std::string_view text(bytes, static_cast<size_t>(size));
+    return std::string(text.substr(0, text.find_first_of("\r\n")));
+}
+
+void ComplainOnce(const std::string& complaint) {
+    static std::mutex lock;
+    static std::string& last = *new std::string;
+    const std::lock_guard guard(lock);
+    if (complaint == last) return;
+    last = complaint;
+    OutputDebugStringW((u"Directory: " + ToUtf16(complaint) + u"\n").c_str());
+}
+
+}  // namespace win32

@@ -1,0 +1,40 @@
+// The layer's settings about the directory: which one, and how to reach it. See docs/directory.md.
+#pragma once
+
+#include <windows.h>
+
+#include <optional>
+#include <string>
+
+namespace win32 {
+
+enum class DIRECTORY_BACKEND { NONE, LDIF, LDAP };
+
+// DirectoryBackend when it is set; else LDIF when the machine root holds a directory.ldif, else LDAP when the settings
+// name a server or a domain.
+DIRECTORY_BACKEND ConfiguredBackend();
+
+// directory.ldif in the machine root.
+std::string LdifPath();
+
+enum class LDAP_BIND { NONE, SIMPLE, GSSAPI };
+
+struct LDAP_SETTINGS {
+    std::string uri;     // ldap://, ldaps:// or ldapi://; empty: servers are found by the domain's DNS records
+    std::string domain;  // its DNS name
+    LDAP_BIND bind = LDAP_BIND::GSSAPI;
+    std::string user, passwordFile, keytab, caFile;
+    bool startTls = false;
+};
+
+// Nothing: they do not make sense, and `complaint` says why in one sentence.
+std::optional<LDAP_SETTINGS> ReadLdapSettings(std::string& complaint);
+
+// The file's first line. Only a file that nobody but its owner may read, owned by this process's user or by root, is
+// read.
+std::optional<std::string> ReadPasswordFile(const std::string& path, std::string& complaint);
+
+// Writes the complaint to the debug output unless it is the one written last.
+void ComplainOnce(const std::string& complaint);
+
+}  // namespace win32

@@ -1,0 +1,173 @@
+#include "win32/directory/ldif_directory.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <mutex>
+#include <tuple>
+
+#include "win32/directory/directory_settings.h"
+#include "win32/directory/directory_text.h"
+#include "win32/directory/ldif_file.h"
+
+namespace win32 {
+
+namespace {
+
+using LDIF_POINTER = std::shared_ptr<const LDIF_DATA>;
+
+// What tells one state of a file from another without reading it.
+using FILE_MARK = std::tuple<std::string, dev_t, ino_t, off_t, time_t, long, time_t, long>;
+
+FILE_MARK MarkOf(const std::string& path, const struct stat& status) {
+    return {path,
+            status.st_dev,
+            status.st_ino,
+            status.st_size,
+            status.st_mtim.tv_sec,
+            status.st_mtim.tv_nsec,
+            status.st_ctim.tv_sec,
+            status.st_ctim.tv_nsec};
+}
+
+bool ReadWhole(const std::string& path, std::string& bytes, std::string& complaint) {
+    const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+    struct stat status {};
+    bool read = file >= 0 && fstat(file, &status) == 0;
+    if (read && (!S_ISREG(status.st_mode) || static_cast<size_t>(status.st_size) > MaxLdifBytes)) {
+        complaint = path + " is not a plain file of at most 256 MiB";
+        close(file);
+        return false;
+    }
+    bytes.resize(read ? static_cast<size_t>(status.st_size) : 0);
+    size_t got = 0;
+    while (read && got < bytes.size()) {
+        const ssize_t count = ::read(file, bytes.data() + got, bytes.size() - got);
+        if (count < 0 && errno == EINTR) continue;
+        read = count >= 0;
+        if (count <= 0) break;
+        got += static_cast<size_t>(count);
+    }
+    bytes.resize(got);
+    if (!read) complaint = path + " cannot be read: " + strerror(errno);
+    if (file >= 0) close(file);
+    return read;
+}
+
+LDIF_POINTER Load(const std::string& path, std::string& complaint) {
+    std::string bytes;
+    if (!ReadWhole(path, bytes, complaint)) return nullptr;
+    LDIF_ERROR error;
+    std::optional<LDIF_DATA> data = LDIF_DATA::Parse(bytes, error);
+    if (data) return std::make_shared<const LDIF_DATA>(std::move(*data));
+    complaint = path + ", line " + std::to_string(error.line) + ": " + error.reason;
+    return nullptr;
+}
+
+// The last good state of the file, shared by all who search it.
+class LDIF_STORE {
+public:
+    static LDIF_STORE& Current() {
+        static LDIF_STORE& store = *new LDIF_STORE;
+        return store;
+    }
+
+    LDIF_POINTER Data() {
+        const std::lock_guard guard(lock);
+        const std::string path = LdifPath();
+        struct stat status {};
+        if (path != dataPath) data = nullptr;  // another machine root
+        dataPath = path;
+        if (stat(path.c_str(), &status) != 0) {
+            ComplainOnce(path + " cannot be read: " + strerror(errno));
+            mark = {};
+            return data;
+        }
+        if (const FILE_MARK now = MarkOf(path, status); now != mark) {
+            mark = now;
+            std::string complaint;
+            if (LDIF_POINTER loaded = Load(path, complaint))
+                data = std::move(loaded);
+            else
+                ComplainOnce(complaint);
+        }
+        return data;
+    }
+
+private:
+    std::mutex lock;
+    FILE_MARK mark;
+    std::string dataPath;
+    LDIF_POINTER data;
+};
+
+class LDIF_DIRECTORY final : public DIRECTORY {
+public:
+    explicit LDIF_DIRECTORY(LDIF_POINTER read) : data(std::move(read)) {}
+
+    HRESULT Domains(std::vector<DIRECTORY_DOMAIN>& domains) override {
+        domains = data->Domains();
+        return S_OK;
+    }
+
+    HRESULT Find(const std::string& base, const char* attribute, const std::string& value,
+                 const ATTRIBUTE_NAMES& wanted, std::vector<DIRECTORY_ENTRY>& found) override {
+        found.clear();
+        const auto above = SplitDn(base);
+        if (!above) return DirectoryInvalidDn;
+        for (const DIRECTORY_ENTRY* entry : data->WithValue(attribute, value)) {
+            const auto components = SplitDn(entry->dn);
+            if (components && IsAtOrBelow(*components, *above)) found.push_back(Part(*entry, wanted));
+        }
+        return S_OK;
+    }
+
+    HRESULT Read(const std::string& dn, const ATTRIBUTE_NAMES& wanted, DIRECTORY_ENTRY& entry) override {
+        const auto components = SplitDn(dn);
+        if (!components) return DirectoryInvalidDn;
+        const DIRECTORY_ENTRY* const found = data->AtDn(*components);
+        if (found == nullptr) return DirectoryNoSuchObject;
+        entry = Part(*found, wanted);
+        return S_OK;
+    }
+
+    HRESULT ReadSid(const std::string& sid, const ATTRIBUTE_NAMES& wanted, DIRECTORY_ENTRY& entry) override {
+        const std::vector<const DIRECTORY_ENTRY*> found = data->WithValue("objectSid", sid);
+        if (found.empty()) return DirectoryNoSuchObject;
+        if (found.size() > 1) return DirectoryNotUnique;
+        entry = Part(*found[0], wanted);
+        return S_OK;
+    }
+
+private:
+    // The wanted attributes only: a group's entry may list a hundred thousand members.
+    static DIRECTORY_ENTRY Part(const DIRECTORY_ENTRY& whole, const ATTRIBUTE_NAMES& wanted) {
+        DIRECTORY_ENTRY part{whole.dn, {}};
+        for (const char* name : wanted)
+            if (const std::vector<std::string>* values = whole.Values(name))
+                part.attributes.emplace_back(name, *values);
+        return part;
+    }
+
+    LDIF_POINTER data;
+};
+
+}  // namespace
+
+HRESULT OpenLdifDirectory(std::unique_ptr<DIRECTORY>& directory) {
+    LDIF_POINTER data = LDIF_STORE::Current().Data();
+    if (!data) return DirectoryServerDown;
+    directory = std::make_unique<LDIF_DIRECTORY>(std::move(data));
+    return S_OK;
+}
+
+LDIF_STATE CheckLdifFile() {
+    LDIF_STATE state;
+    if (const LDIF_POINTER data = Load(LdifPath(), state.complaint)) state.entries = data->Entries().size();
+    return state;
+}
+
+}  // namespace win32

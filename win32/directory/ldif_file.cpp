@@ -1,0 +1,228 @@
+#include "win32/directory/ldif_file.h"
+
+#include "win32/directory/directory_text.h"
+#include "win32/text/utf.h"
+
+namespace win32 {
+
+namespace {
+
+constexpr const char* Indexed[] = {"samaccountname", "userprincipalname", "objectsid"};  // in lower case
+
+bool IsSid(std::string_view lowerName) { return lowerName == "objectsid"; }
+
+// Bytes of a SID are compared as they are, texts without regard to letter case.
+std::string IndexKey(std::string_view lowerName, std::string_view value) {
+    return std::string(lowerName) + '\0' + (IsSid(lowerName) ? std::string(value) : ToUtf8(FoldName(ToUtf16(value))));
+}
+
+// The text's lines, folded ones joined and comments gone, each with the number of its first line.
+class LDIF_LINES {
+public:
+    explicit LDIF_LINES(std::string_view text) : rest(text) { ReadPhysical(); }
+
+    // False: the end.
+    bool Next(std::string& line, size_t& number) {
+        do {
+            if (!hasPhysical) return false;
+            line = physical;
+            number = physicalNumber;
+            ReadPhysical();
+            while (hasPhysical && physical.starts_with(' ')) {
+                line += physical.substr(1);
+                ReadPhysical();
+            }
+        } while (line.starts_with('#'));
+        return true;
+    }
+
+private:
+    void ReadPhysical() {
+        hasPhysical = !rest.empty();
+        if (!hasPhysical) return;
+        const size_t end = rest.find('\n');
+        physical = rest.substr(0, end);
+        if (physical.ends_with('\r')) physical.remove_suffix(1);
+        rest.remove_prefix(end == rest.npos ? rest.size() : end + 1);
+        ++physicalNumber;
+    }
+
+    std::string_view rest, physical;
+    size_t physicalNumber = 0;
+    bool hasPhysical = false;
+};
+
+struct LDIF_FIELD {
+    std::string name, value;
+};
+
+// "name: value", "name:: base64"; false: the reason says why not.
+bool ParseField(std::string_view line, LDIF_FIELD& field, std::string& reason) {
+    const size_t colon = line.find(':');
+    if (colon == line.npos || colon == 0) return reason = "it has no \"NAME:\"", false;
+    field.name = line.substr(0, colon);
+    std::string_view value = line.substr(colon + 1);
+    const bool encoded = value.starts_with(':'), elsewhere = value.starts_with('<');
+    if (elsewhere) return reason = "values kept in other files are not read", false;
+    if (encoded) value.remove_prefix(1);
+    while (value.starts_with(' ')) value.remove_prefix(1);
+    if (!encoded) {
+        if (value.find('\0') != value.npos) return reason = "it holds a NUL", false;
+        field.value = value;
+        return true;
+    }
+    while (value.ends_with(' ')) value.remove_suffix(1);
+    std::optional<std::string> bytes = FromBase64(value);
+    if (!bytes) return reason = "its value is not base64", false;
+    field.value = std::move(*bytes);
+    return true;
+}
+
+// Makes entries of the fields between empty lines.
+class LDIF_READER {
+public:
+    // An entry is complete at an empty line and at the end.
+    bool TakeField(LDIF_FIELD field, std::string& reason) {
+        const std::string name = LowerName(field.name.substr(0, field.name.find(';')));
+        if (!open) {
+            open = true;
+            isEntry = name == "dn";
+            if (isEntry)
+                entry.dn = std::move(field.value);
+            else if (name != "version" && name != "search" && name != "result" && name != "ref")
+                return reason = "an entry must begin with \"dn:\"", false;
+            else if (name == "version")
+                open = false;  // the first entry may follow at once
+            return true;
+        }
+        if (!isEntry) return true;  // of ldapsearch's closing lines, or of a referral
+        if (name == "dn") return reason = "an empty line is missing before it", false;
+        if (name == "changetype") {
+            if (LowerName(field.value) == "add") return true;
+            return reason = "only entries are read, no changes", false;
+        }
+        if (IsSid(name) && !SidToText(field.value)) {
+            const std::optional<std::string> sid = SidFromText(field.value);
+            if (!sid) return reason = "it is not a SID", false;
+            field.value = *sid;
+        }
+        Values(name, field.name).push_back(std::move(field.value));
+        return true;
+    }
+
+    // The entry that is now complete, if there is one.
+    std::optional<DIRECTORY_ENTRY> Finish() {
+        const bool complete = open && isEntry;
+        open = false;
+        if (!complete) return std::nullopt;
+        positions.clear();
+        return std::exchange(entry, {});
+    }
+
+private:
+    std::vector<std::string>& Values(const std::string& lowerName, const std::string& name) {
+        const auto [position, isNew] = positions.try_emplace(lowerName, entry.attributes.size());
+        if (isNew) entry.attributes.emplace_back(name.substr(0, name.find(';')), std::vector<std::string>());
+        return entry.attributes[position->second].second;
+    }
+
+    bool open = false, isEntry = false;
+    DIRECTORY_ENTRY entry;
+    std::unordered_map<std::string, size_t> positions;  // of the entry's attributes, by their names in lower case
+};
+
+int Base64Value(char c) {
+    if (c >= 'A' && c <= 'Z') return c - 'A';
+    if (c >= 'a' && c <= 'z') return c - 'a' + 26;
+    if (c >= '0' && c <= '9') return c - '0' + 52;
+    return c == '+' ? 62 : c == '/' ? 63 : -1;
+}
+
+// ldifde writes UTF-16 when asked to, with a byte order mark.
+std::string AsUtf8(std::string_view text) {
+    if (text.starts_with("\xEF\xBB\xBF")) text.remove_prefix(3);
+    if (!text.starts_with("\xFF\xFE")) return std::string(text);
+    std::u16string wide;
+    for (size_t i = 2; i + 1 < text.size(); i += 2)
+        wide += static_cast<char16_t>(static_cast<BYTE>(text[i]) | static_cast<BYTE>(text[i + 1]) << 8);
+    return ToUtf8(wide);
+}
+
+}  // namespace
+
+std::optional<std::string> FromBase64(std::string_view text) {
+    if (text.size() % 4 != 0) return std::nullopt;
+    std::string bytes;
+    unsigned bits = 0, group = 0, padding = 0;
+    for (const char c : text) {
+        const int value = Base64Value(c);
+        if (c == '=' && group >= 2) {
+            ++padding;
+        } else if (value < 0 || padding != 0) {
+            return std::nullopt;
+        }
+        bits = bits << 6 | static_cast<unsigned>(value < 0 ? 0 : value);
+        if (++group < 4) continue;
+        for (unsigned i = 0; i < 3 - padding; ++i) bytes += static_cast<char>(bits >> (16 - 8 * i));
+        bits = group = 0;
+    }
+    return padding <= 2 ? std::optional(bytes) : std::nullopt;
+}
+
+bool LDIF_DATA::Add(DIRECTORY_ENTRY entry) {
+    auto components = SplitDn(entry.dn);
+    if (!components || components->empty()) return false;
+    if (!byDn.emplace(std::move(*components), entries.size()).second) return false;
+    for (const char* name : Indexed)
+        if (const std::vector<std::string>* values = entry.Values(name))
+            for (const std::string& value : *values) byValue.emplace(IndexKey(name, value), entries.size());
+    if (!entry.First("nCName").empty() && !entry.First("nETBIOSName").empty())
+        domains.push_back({std::string(entry.First("nCName")), std::string(entry.First("dnsRoot")),
+                           std::string(entry.First("nETBIOSName"))});
+    entries.push_back(std::move(entry));
+    return true;
+}
+
+std::optional<LDIF_DATA> LDIF_DATA::Parse(std::string_view text, LDIF_ERROR& error) {
+    const std::string utf8 = AsUtf8(text);
+    LDIF_LINES lines(utf8);
+    LDIF_READER reader;
+    LDIF_DATA data;
+    size_t begin = 0;
+    const auto finish = [&] {
+        std::optional<DIRECTORY_ENTRY> entry = reader.Finish();
+        if (!entry || data.Add(std::move(*entry))) return true;
+        error = {begin, "its DN is not one, or stands in the file twice"};
+        return false;
+    };
+    std::string line;
+    for (size_t number = 0; lines.Next(line, number);) {
+        if (line.empty()) {
+            if (!finish()) return std::nullopt;
+            continue;
+        }
+        LDIF_FIELD field;
+        std::string reason;
+        if (!ParseField(line, field, reason) || !reader.TakeField(std::move(field), reason)) {
+            error = {number, reason};
+            return std::nullopt;
+        }
+        if (LowerName(line.substr(0, 3)) == "dn:") begin = number;
+    }
+    if (!finish()) return std::nullopt;
+    return data;
+}
+
+const DIRECTORY_ENTRY* LDIF_DATA::AtDn(const std::vector<std::string>& components) const {
+    const auto found = byDn.find(components);
+    return found != byDn.end() ? &entries[found->second] : nullptr;
+}
+
+std::vector<const DIRECTORY_ENTRY*> LDIF_DATA::WithValue(std::string_view attribute, std::string_view value) const {
+    std::vector<const DIRECTORY_ENTRY*> found;
+    const auto [begin, end] = byValue.equal_range(IndexKey(LowerName(attribute), value));
+    for (auto i = begin; i != end; ++i) found.push_back(&entries[i->second]);
+    return found;
+}
+
+}  // namespace win32
