@@ -81,7 +81,7 @@ TEST(EVENT_XML, EachFormOfStreamGivesItsReadableEventsAndOneReportForEachThingTh
          Event(1, "<!-- </Event> --><EventData><Data><![CDATA[</Event>]]></Data></EventData>"),
          {1},
          {}},
-        {"'>' in an attribute", Event(1, "<EventData><Data Name='a>b</Event'>x</Data></EventData>"), {1}, {}},
+        {"'>' in an attribute", Event(1, "<EventData><Data Name='a>b/>'>x</Data></EventData>"), {1}, {}},
         {"an Event inside an Event", Event(1, "<UserData><Event><X>y</X></Event></UserData>") + Event(2), {1, 2}, {}},
         {"broken one in the middle", Event(1) + broken + Event(3), {1, 3}, {"event 2 at byte"}},
         {"cut short by the next",

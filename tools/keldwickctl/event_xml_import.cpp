@@ -22,6 +22,13 @@ void PutUtf8(std::string& text, unsigned point) {
     }
 }
 
+// How many bytes at the text's end may be the beginning of a byte order mark.
+size_t HalfMark(const std::string& text) {
+    for (size_t bytes = ByteOrderMark.size() - 1; bytes > 0; --bytes)
+        if (text.ends_with(ByteOrderMark.substr(0, bytes))) return bytes;
+    return 0;
+}
+
 // The end of the tag that begins at `open`, past its '>', which may stand in quoted attribute values too; npos: not
 // there.
 size_t TagEnd(const std::string& text, size_t open) {
@@ -102,9 +109,11 @@ void EVENT_XML_IMPORT::Decode(const char* bytes, size_t count) {
 void EVENT_XML_IMPORT::Scan(bool last) {
     while (at < buffer.size()) {
         const size_t open = std::min(buffer.find('<', at), buffer.size());
-        if (begin == npos) CheckOutside(at, open);
-        at = open;
-        if (open == buffer.size() || !ScanMarkup(open, last)) break;
+        const bool found = open < buffer.size();
+        const size_t known = found || last ? open : std::max(at, open - HalfMark(buffer));
+        if (begin == npos) CheckOutside(at, known);
+        at = known;
+        if (!found || !ScanMarkup(open, last)) break;
     }
     if (begin != npos && buffer.size() - begin > LargestEvent) CutShort("larger than 4 MiB");
     const size_t keep = begin != npos ? begin : at;
