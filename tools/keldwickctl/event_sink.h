@@ -11,5 +11,4 @@ public:
     virtual void Take(const win32::NEW_EVENT& event) = 0;
     virtual void TakeRecord(const EVENTLOGRECORD& record) = 0;  // a whole record of another log
     virtual void Unreadable(const std::string& what) = 0;       // one thing that is not in the log now, and why
-    virtual void Reached(unsigned long long) {}                 // bytes or records of the source dealt with so far
 };

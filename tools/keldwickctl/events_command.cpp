@@ -77,9 +77,9 @@ class WRITE_HELP final : public CLI::Formatter {
 
 // One positional for each string: a single one for all of them would take "[a,b]" apart.
 std::vector<CLI::Option*> AddStrings(CLI::App* write) {
-    constexpr int MostStrings = 1000;
+    constexpr size_t MostStrings = 256;
     std::vector<CLI::Option*> strings;
-    strings.push_back(write->add_option("STRING")->description("the replacement strings, after -- (at most 1000)"));
+    strings.push_back(write->add_option("STRING")->description("the replacement strings, after -- (at most 256)"));
     while (strings.size() < MostStrings)
         strings.push_back(write->add_option("STRING" + std::to_string(strings.size() + 1))->group(""));
     for (CLI::Option* each : strings) each->type_name("...")->expected(1);

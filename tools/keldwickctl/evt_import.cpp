@@ -10,7 +10,7 @@ void ImportEvt(const std::string& path, EVENT_SINK& sink) {
     if (const DWORD error = reader.Numbers(end, oldest, count); error != ERROR_SUCCESS)
         FailCommand("cannot read " + path, error);
     win32::BYTES buffer(win32::MaxReadBytes / 4 * 4);
-    DWORD last = 0, damage = 0, taken = 0;
+    DWORD last = 0, damage = 0;
     for (;;) {
         DWORD bytes = 0, needed = 0;
         const DWORD error = reader.Read(true, buffer.data(), static_cast<DWORD>(buffer.size()), bytes, needed);
@@ -23,7 +23,6 @@ void ImportEvt(const std::string& path, EVENT_SINK& sink) {
             sink.TakeRecord(record);
             last = record.RecordNumber;
             at += record.Length;
-            sink.Reached(++taken);
         }
     }
 }

@@ -47,6 +47,9 @@ public:
         return libevtx_file_get_number_of_records(file, &count, nullptr) == 1 ? count : 0;
     }
 
+    // Whether libevtx met parts with wrong checksums, of which it tells nothing else.
+    bool Damaged() const { return libevtx_file_is_corrupted(file, nullptr) == 1; }
+
     // The record as event XML; false: `reason` says why not.
     bool Xml(int index, std::string& xml, std::string& reason) const {
         libevtx_error_t* error = nullptr;
@@ -117,7 +120,7 @@ void ImportEvtx(const std::string& path, EVENT_SINK& sink) {
     EVENT_XML_PARSER parser;
     win32::NEW_EVENT event;
     std::string xml;
-    const int records = std::min(file.Records(), MostRecords);
+    const int held = file.Records(), records = std::min(held, MostRecords);
     for (int index = 0; index < records; ++index) {
         std::string reason;
         if (!file.Xml(index, xml, reason)) {
@@ -133,6 +136,7 @@ void ImportEvtx(const std::string& path, EVENT_SINK& sink) {
             RestoreControls(event.computer);
             sink.Take(event);
         }
-        sink.Reached(static_cast<unsigned long long>(index) + 1);
     }
+    if (held > records) sink.Unreadable(std::to_string(held - records) + " records beyond the first ten million");
+    if (file.Damaged()) sink.Unreadable("damaged parts of " + path + ", whose records are not known");
 }
