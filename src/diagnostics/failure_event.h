@@ -12,7 +12,7 @@ namespace keldwick {
 // `more` are the wide texts for %3 and on.
 template <typename... MORE>
 void ReportFailureEvent(WORD type, DWORD eventId, DWORD error, MORE... more) {
-    ReportServiceEvent(type, eventId, {ErrorText(error).Text(), STRING(TEXT("%lu"), error).Text(), more...});
+    ReportServiceEvent(type, eventId, {ErrorText(error).Text(), FormatString(TEXT("%lu"), error).Text(), more...});
 }
 
 }  // namespace keldwick
