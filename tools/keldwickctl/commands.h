@@ -14,6 +14,7 @@ public:
 };
 
 // The commands run while the parser parses, after main has made the machine root known to the layer (KELDWICK_ROOT).
-void AddInitCommand(CLI::App& app);       // init
-void AddSettingsCommands(CLI::App& app);  // settings list, get, set, delete
-void AddEventsCommands(CLI::App& app);    // events write, import, list, clear
+void AddInitCommand(CLI::App& app);        // init
+void AddSettingsCommands(CLI::App& app);   // settings list, get, set, delete
+void AddEventsCommands(CLI::App& app);     // events write, import, list, clear
+void AddDirectoryCommands(CLI::App& app);  // directory lookup, check

@@ -71,6 +71,7 @@ int main(int argc, char** argv) {
         AddInitCommand(app);
         AddSettingsCommands(app);
         AddEventsCommands(app);
+        AddDirectoryCommands(app);
         app.parse(argc, argv);
         return Finish();
     } catch (const CLI::ParseError& error) {

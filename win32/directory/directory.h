@@ -21,6 +21,7 @@ constexpr HRESULT DirectoryNoMapping = HRESULT(0x80072118u);      // ERROR_DS_NA
 constexpr HRESULT DirectoryNoSuchObject = HRESULT(0x80072030u);   // ERROR_DS_NO_SUCH_OBJECT
 constexpr HRESULT DirectoryInvalidDn = HRESULT(0x80072032u);      // ERROR_DS_INVALID_DN_SYNTAX
 constexpr HRESULT DirectoryServerDown = HRESULT(0x8007203Au);     // ERROR_DS_SERVER_DOWN
+constexpr HRESULT DirectoryReferral = HRESULT(0x8007202Bu);       // ERROR_DS_REFERRAL
 constexpr HRESULT DirectoryNeedsSecrecy = HRESULT(0x8007202Du);   // ERROR_DS_CONFIDENTIALITY_REQUIRED
 constexpr HRESULT DirectoryLogonFailure = HRESULT(0x8007052Eu);   // ERROR_LOGON_FAILURE
 constexpr HRESULT DirectoryTimeout = HRESULT(0x800705B4u);        // ERROR_TIMEOUT

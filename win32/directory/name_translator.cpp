@@ -81,7 +81,7 @@ private:
         for (const DIRECTORY_DOMAIN& known : domains) {
             ACCOUNT candidate;
             const HRESULT found = InDomain(known, "userPrincipalName", name, candidate);
-            if (found == DirectoryNotFound) continue;
+            if (found == DirectoryNotFound || found == DirectoryReferral) continue;
             if (FAILED(found)) return found;
             if (result == S_OK) return DirectoryNotUnique;
             account = std::move(candidate);

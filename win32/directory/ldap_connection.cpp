@@ -1,0 +1,313 @@
+#include "win32/directory/ldap_connection.h"
+
+#include <ldap.h>
+#include <sasl/sasl.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdlib>
+#include <mutex>
+#include <system_error>
+#include <thread>
+
+namespace win32 {
+
+namespace {
+
+constexpr const char* SystemCaFile = "/etc/ssl/certs/ca-certificates.crt";
+
+constexpr HRESULT OperationsError = HRESULT(0x80072020u);     // ERROR_DS_OPERATIONS_ERROR
+constexpr HRESULT TimeLimitExceeded = HRESULT(0x80072022u);   // ERROR_DS_TIMELIMIT_EXCEEDED
+constexpr HRESULT StrongAuthRequired = HRESULT(0x80072028u);  // ERROR_DS_STRONG_AUTH_REQUIRED
+
+HRESULT ResultOf(int code) {
+    switch (code) {
+        case LDAP_SUCCESS:
+            return S_OK;
+        case LDAP_NO_SUCH_OBJECT:
+            return DirectoryNoSuchObject;
+        case LDAP_INVALID_DN_SYNTAX:
+        case LDAP_NAMING_VIOLATION:
+            return DirectoryInvalidDn;
+        case LDAP_INVALID_CREDENTIALS:
+            return DirectoryLogonFailure;
+        case LDAP_REFERRAL:
+            return DirectoryReferral;
+        case LDAP_INSUFFICIENT_ACCESS:
+            return E_ACCESSDENIED;
+        case LDAP_STRONG_AUTH_REQUIRED:
+            return StrongAuthRequired;
+        case LDAP_CONFIDENTIALITY_REQUIRED:
+            return DirectoryNeedsSecrecy;
+        case LDAP_TIMELIMIT_EXCEEDED:
+            return TimeLimitExceeded;
+        case LDAP_TIMEOUT:
+            return DirectoryTimeout;
+        case LDAP_NO_MEMORY:
+            return E_OUTOFMEMORY;
+        case LDAP_SERVER_DOWN:
+        case LDAP_CONNECT_ERROR:
+        case LDAP_BUSY:
+        case LDAP_UNAVAILABLE:
+            return DirectoryServerDown;
+        case LDAP_DECODING_ERROR:
+            return DirectoryDecodingError;
+        default:
+            return OperationsError;
+    }
+}
+
+timeval TimeValue(std::chrono::seconds time) { return {time.count(), 0}; }
+
+// Answers nothing but what the mechanism suggests itself: the ticket says who this is.
+int AcceptDefaults(LDAP*, unsigned, void*, void* questions) {
+    for (sasl_interact_t* question = static_cast<sasl_interact_t*>(questions); question->id != SASL_CB_LIST_END;
+         ++question) {
+        question->result = question->defresult != nullptr ? question->defresult : "";
+        question->len =
+            static_cast<unsigned>(std::char_traits<char>::length(static_cast<const char*>(question->result)));
+    }
+    return LDAP_SUCCESS;
+}
+
+// Kerberos finds the keytab by the environment only. Tickets stay in this process's memory then.
+void UseKeytab(const std::string& keytab) {
+    static std::mutex lock;
+    const std::lock_guard guard(lock);
+    const char* const current = getenv("KRB5_CLIENT_KTNAME");
+    if (keytab.empty() || (current != nullptr && keytab == current)) return;
+    setenv("KRB5_CLIENT_KTNAME", keytab.c_str(), 1);
+    setenv("KRB5CCNAME", "MEMORY:keldwick", 1);
+}
+
+std::vector<std::string> ValuesOf(LDAP* ldap, LDAPMessage* message, const char* name) {
+    std::vector<std::string> values;
+    berval** const bytes = ldap_get_values_len(ldap, message, name);
+    for (size_t i = 0; bytes != nullptr && bytes[i] != nullptr; ++i)
+        values.emplace_back(bytes[i]->bv_val, bytes[i]->bv_len);
+    ldap_value_free_len(bytes);
+    return values;
+}
+
+DIRECTORY_ENTRY EntryOf(LDAP* ldap, LDAPMessage* message) {
+    DIRECTORY_ENTRY entry;
+    char* const dn = ldap_get_dn(ldap, message);
+    if (dn != nullptr) entry.dn = dn;
+    ldap_memfree(dn);
+    BerElement* position = nullptr;
+    for (char* name = ldap_first_attribute(ldap, message, &position); name != nullptr;
+         name = ldap_next_attribute(ldap, message, position)) {
+        entry.attributes.emplace_back(name, ValuesOf(ldap, message, name));
+        ldap_memfree(name);
+    }
+    ber_free(position, 0);
+    return entry;
+}
+
+}  // namespace
+
+// The library's handle. The thread that connects and the one that gives up on it may both be at work.
+struct LDAP_CONNECTION::HANDLE_STATE {
+    LDAP* ldap = nullptr;
+    ldap_conncb callbacks{Connected, Closing, this};
+    std::mutex lock;
+    int socket = -1;         // while it is open
+    bool abandoned = false;  // nobody waits for it any more
+
+    HANDLE_STATE() = default;
+    HANDLE_STATE(const HANDLE_STATE&) = delete;
+    HANDLE_STATE& operator=(const HANDLE_STATE&) = delete;
+    ~HANDLE_STATE() {
+        if (ldap != nullptr) ldap_unbind_ext_s(ldap, nullptr, nullptr);
+    }
+
+    // Ends what waits on the socket: neither the TLS handshake nor a record cut short heeds the library's own limits.
+    void Abandon() {
+        const std::lock_guard guard(lock);
+        abandoned = true;
+        if (socket >= 0) shutdown(socket, SHUT_RDWR);
+    }
+
+    static int Connected(LDAP*, Sockbuf* buffer, LDAPURLDesc*, sockaddr*, ldap_conncb* callbacks) {
+        HANDLE_STATE& state = *static_cast<HANDLE_STATE*>(callbacks->lc_arg);
+        const std::lock_guard guard(state.lock);
+        ber_sockbuf_ctrl(buffer, LBER_SB_OPT_GET_FD, &state.socket);
+        const timeval limit = TimeValue(LdapAnswerTime);
+        setsockopt(state.socket, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
+        setsockopt(state.socket, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
+        return state.abandoned ? -1 : 0;
+    }
+    static void Closing(LDAP*, Sockbuf* buffer, ldap_conncb* callbacks) {
+        if (buffer == nullptr) return;  // the handle itself goes
+        HANDLE_STATE& state = *static_cast<HANDLE_STATE*>(callbacks->lc_arg);
+        const std::lock_guard guard(state.lock);
+        state.socket = -1;
+    }
+
+    void SetOptions(const LDAP_ACCESS& access) {
+        const int version = LDAP_VERSION3, keepAliveIdle = 60, keepAliveProbes = 3, keepAliveInterval = 5;
+        const unsigned unacknowledged = 10000;  // milliseconds
+        const timeval connect = TimeValue(LdapConnectTime), answer = TimeValue(LdapAnswerTime);
+        ldap_set_option(ldap, LDAP_OPT_PROTOCOL_VERSION, &version);
+        ldap_set_option(ldap, LDAP_OPT_REFERRALS, LDAP_OPT_OFF);
+        ldap_set_option(ldap, LDAP_OPT_NETWORK_TIMEOUT, &connect);
+        ldap_set_option(ldap, LDAP_OPT_TIMEOUT, &answer);
+        ldap_set_option(ldap, LDAP_OPT_X_KEEPALIVE_IDLE, &keepAliveIdle);
+        ldap_set_option(ldap, LDAP_OPT_X_KEEPALIVE_PROBES, &keepAliveProbes);
+        ldap_set_option(ldap, LDAP_OPT_X_KEEPALIVE_INTERVAL, &keepAliveInterval);
+        ldap_set_option(ldap, LDAP_OPT_TCP_USER_TIMEOUT, &unacknowledged);
+        ldap_set_option(ldap, LDAP_OPT_X_SASL_NOCANON, LDAP_OPT_ON);
+        ldap_set_option(ldap, LDAP_OPT_CONNECT_CB, &callbacks);
+        const int demand = LDAP_OPT_X_TLS_DEMAND, client = 0;
+        const char* const caFile = access.caFile.empty() ? SystemCaFile : access.caFile.c_str();
+        ldap_set_option(ldap, LDAP_OPT_X_TLS_REQUIRE_CERT, &demand);
+        ldap_set_option(ldap, LDAP_OPT_X_TLS_CACERTFILE, caFile);
+        ldap_set_option(ldap, LDAP_OPT_X_TLS_NEWCTX, &client);
+    }
+
+    int Connect(const LDAP_ACCESS& access) {
+        int code = ldap_initialize(&ldap, access.uri.c_str());
+        if (code != LDAP_SUCCESS) return code;
+        SetOptions(access);
+        code = ldap_connect(ldap);
+        if (code == LDAP_SUCCESS && access.startTls) code = ldap_start_tls_s(ldap, nullptr, nullptr);
+        return code;
+    }
+
+    int Bind(const LDAP_ACCESS& access) const {
+        if (access.bind == LDAP_BIND::GSSAPI)
+            return ldap_sasl_interactive_bind_s(ldap, nullptr, "GSSAPI", nullptr, nullptr, LDAP_SASL_QUIET,
+                                                AcceptDefaults, nullptr);
+        std::string password = access.password;
+        berval secret{password.size(), password.data()};
+        return ldap_sasl_bind_s(ldap, access.user.c_str(), LDAP_SASL_SIMPLE, &secret, nullptr, nullptr, nullptr);
+    }
+
+    // The library's words for the code, and the server's or the TLS library's own.
+    std::string Explain(int code) const {
+        std::string text = ldap_err2string(code);
+        char* detail = nullptr;
+        if (ldap != nullptr) ldap_get_option(ldap, LDAP_OPT_DIAGNOSTIC_MESSAGE, &detail);
+        if (detail != nullptr && *detail != '\0') text += std::string(" (") + detail + ")";
+        ldap_memfree(detail);
+        return text;
+    }
+};
+
+bool FinishesWithin(std::chrono::milliseconds time, std::function<void()> work) {
+    struct PROGRESS {
+        std::mutex lock;
+        std::condition_variable ended;
+        bool hasEnded = false;
+    };
+    const auto progress = std::make_shared<PROGRESS>();
+    const auto run = [progress, action = std::move(work)]() mutable {
+        action();
+        action = nullptr;  // what it owns goes first
+        const std::lock_guard guard(progress->lock);
+        progress->hasEnded = true;
+        progress->ended.notify_all();
+    };
+    try {
+        std::thread(run).detach();
+    } catch (const std::system_error&) {
+        return false;  // no thread to be had
+    }
+    std::unique_lock guard(progress->lock);
+    return progress->ended.wait_for(guard, time, [&] { return progress->hasEnded; });
+}
+
+LDAP_CONNECTION::LDAP_CONNECTION() : state(std::make_shared<HANDLE_STATE>()) {}
+
+LDAP_CONNECTION::~LDAP_CONNECTION() {
+    if (broken) state->Abandon();
+}
+
+HRESULT LDAP_CONNECTION::Fail(int code) {
+    reason = state->Explain(code);
+    if (code < 0) broken = true;
+    return ResultOf(code);
+}
+
+HRESULT LDAP_CONNECTION::Connect(const LDAP_ACCESS& access) {
+    const auto code = std::make_shared<std::atomic<int>>(LDAP_SUCCESS);
+    if (!FinishesWithin(LdapConnectTime, [shared = state, access, code] { *code = shared->Connect(access); })) {
+        state->Abandon();
+        broken = true;
+        reason = "no connection within 5 s";
+        return DirectoryServerDown;
+    }
+    if (*code == LDAP_SUCCESS) return S_OK;
+    const HRESULT result = Fail(*code);
+    return result == DirectoryTimeout ? DirectoryServerDown : result;
+}
+
+HRESULT LDAP_CONNECTION::Bind(const LDAP_ACCESS& access) {
+    if (access.bind == LDAP_BIND::NONE) {
+        identity = "the owner of the socket";
+        return S_OK;
+    }
+    if (access.bind == LDAP_BIND::SIMPLE && !access.IsSecret()) {
+        reason = "a password is not sent over a connection that others can read";
+        return DirectoryNeedsSecrecy;
+    }
+    if (access.bind == LDAP_BIND::SIMPLE && access.password.empty()) {  // the server would take it as anonymous
+        reason = "the password is empty";
+        return DirectoryLogonFailure;
+    }
+    if (access.bind == LDAP_BIND::GSSAPI) UseKeytab(access.keytab);
+    const auto code = std::make_shared<std::atomic<int>>(LDAP_SUCCESS);
+    if (!FinishesWithin(LdapAnswerTime, [shared = state, access, code] { *code = shared->Bind(access); })) {
+        state->Abandon();
+        broken = true;
+        reason = "no answer to the bind within 10 s";
+        return DirectoryTimeout;
+    }
+    if (*code != LDAP_SUCCESS) {
+        const HRESULT result = Fail(*code);
+        // Without a ticket the library speaks of a local error, or of an unknown method without its plug-in.
+        const bool noTicket = *code == LDAP_LOCAL_ERROR || *code == LDAP_AUTH_UNKNOWN;
+        return noTicket ? DirectoryLogonFailure : result;
+    }
+    identity = access.user;
+    char* name = nullptr;
+    if (access.bind == LDAP_BIND::GSSAPI) ldap_get_option(state->ldap, LDAP_OPT_X_SASL_USERNAME, &name);
+    if (name != nullptr) identity = name;
+    ldap_memfree(name);
+    return S_OK;
+}
+
+HRESULT LDAP_CONNECTION::ReadRoot() {
+    std::vector<DIRECTORY_ENTRY> found;
+    const HRESULT result = Search("", SCOPE::BASE, "(objectClass=*)", {"configurationNamingContext"}, 1, found);
+    if (FAILED(result)) return result;
+    configurationDn = found.empty() ? "" : found[0].First("configurationNamingContext");
+    if (!configurationDn.empty()) return S_OK;
+    reason = "it is not an Active Directory: it names no configurationNamingContext";
+    return DirectoryNoSuchObject;
+}
+
+HRESULT LDAP_CONNECTION::Search(const std::string& base, SCOPE scope, const std::string& filter,
+                                const ATTRIBUTE_NAMES& wanted, int limit, std::vector<DIRECTORY_ENTRY>& found) {
+    found.clear();
+    const int number = scope == SCOPE::BASE       ? LDAP_SCOPE_BASE
+                       : scope == SCOPE::CHILDREN ? LDAP_SCOPE_ONELEVEL
+                                                  : LDAP_SCOPE_SUBTREE;
+    std::vector<char*> names;  // the library does not write to them
+    for (const char* name : wanted) names.push_back(const_cast<char*>(name));
+    names.push_back(nullptr);
+    timeval time = TimeValue(LdapAnswerTime);
+    LDAPMessage* answer = nullptr;
+    const int code = ldap_search_ext_s(state->ldap, base.c_str(), number, filter.c_str(), names.data(), 0, nullptr,
+                                       nullptr, &time, limit, &answer);
+    if (code == LDAP_SUCCESS || code == LDAP_SIZELIMIT_EXCEEDED)
+        for (LDAPMessage* entry = ldap_first_entry(state->ldap, answer);
+             entry != nullptr && found.size() < static_cast<size_t>(limit); entry = ldap_next_entry(state->ldap, entry))
+            found.push_back(EntryOf(state->ldap, entry));
+    ldap_msgfree(answer);
+    return code == LDAP_SUCCESS || code == LDAP_SIZELIMIT_EXCEEDED ? S_OK : Fail(code);
+}
+
+}  // namespace win32

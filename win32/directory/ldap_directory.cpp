@@ -1,0 +1,258 @@
+#include "win32/directory/ldap_directory.h"
+
+#include <map>
+#include <mutex>
+
+#include "win32/directory/directory_text.h"
+
+namespace win32 {
+
+namespace {
+
+using CLOCK = std::chrono::steady_clock;
+using CONNECTION = std::unique_ptr<LDAP_CONNECTION>;
+
+constexpr std::chrono::seconds FailurePause{10};  // until a server that failed is tried again
+constexpr std::chrono::minutes MaxIdleTime{5};    // servers close idle connections, often after 15 minutes
+constexpr size_t MaxIdle = 8;
+constexpr size_t MaxFailures = 64;
+constexpr int MaxFound = 64;         // of one name: more than one is already too many
+constexpr int MaxDomains = 1000;     // a server's usual limit for one answer
+constexpr size_t MaxRanges = 10000;  // parts of one attribute
+
+// Everything that makes a connection another one.
+std::string KeyOf(const LDAP_ACCESS& access) {
+    std::string key;
+    for (const std::string* part : {&access.uri, &access.user, &access.password, &access.keytab, &access.caFile})
+        key += *part + '\0';
+    return key + static_cast<char>('0' + static_cast<int>(access.bind)) + (access.startTls ? 's' : 'p');
+}
+
+HRESULT OpenConnection(const LDAP_ACCESS& access, CONNECTION& connection) {
+    connection = std::make_unique<LDAP_CONNECTION>();
+    HRESULT result = connection->Connect(access);
+    if (SUCCEEDED(result)) result = connection->Bind(access);
+    if (SUCCEEDED(result)) result = connection->ReadRoot();
+    if (FAILED(result)) ComplainOnce(access.uri + ": " + connection->Reason());
+    return result;
+}
+
+// Idle connections, and servers that failed lately.
+class LDAP_POOL {
+public:
+    // Never destroyed: look-ups may go on while the process ends.
+    static LDAP_POOL& Current() {
+        static LDAP_POOL& pool = *new LDAP_POOL;
+        return pool;
+    }
+
+    CONNECTION TakeIdle(const std::string& key) {
+        const std::lock_guard guard(lock);
+        std::erase_if(idle, [](const IDLE& one) { return one.since + MaxIdleTime < CLOCK::now(); });
+        for (size_t i = idle.size(); i-- > 0;) {
+            if (idle[i].key != key) continue;
+            CONNECTION connection = std::move(idle[i].connection);
+            idle.erase(idle.begin() + static_cast<ptrdiff_t>(i));
+            return connection;
+        }
+        return nullptr;
+    }
+
+    void GiveBack(const std::string& key, CONNECTION connection) {
+        const std::lock_guard guard(lock);
+        if (idle.size() >= MaxIdle) idle.erase(idle.begin());
+        idle.push_back({key, std::move(connection), CLOCK::now()});
+    }
+
+    // S_OK: it has not failed within the pause.
+    HRESULT LastFailure(const std::string& key) {
+        const std::lock_guard guard(lock);
+        std::erase_if(failures, [](const auto& one) { return one.second.until < CLOCK::now(); });
+        const auto found = failures.find(key);
+        return found != failures.end() ? found->second.result : S_OK;
+    }
+
+    void RememberFailure(const std::string& key, HRESULT result) {
+        const std::lock_guard guard(lock);
+        if (failures.size() >= MaxFailures) failures.clear();
+        failures[key] = {result, CLOCK::now() + FailurePause};
+        std::erase_if(idle, [&](const IDLE& one) { return one.key == key; });
+    }
+
+private:
+    struct IDLE {
+        std::string key;
+        CONNECTION connection;
+        CLOCK::time_point since;
+    };
+    struct FAILURE {
+        HRESULT result;
+        CLOCK::time_point until;
+    };
+
+    std::mutex lock;
+    std::vector<IDLE> idle;
+    std::map<std::string, FAILURE> failures;
+};
+
+// One server's connection, taken out of the pool or opened, and given back.
+class LDAP_DIRECTORY final : public DIRECTORY {
+public:
+    explicit LDAP_DIRECTORY(LDAP_ACCESS server) : access(std::move(server)), key(KeyOf(access)) {}
+    LDAP_DIRECTORY(const LDAP_DIRECTORY&) = delete;
+    LDAP_DIRECTORY& operator=(const LDAP_DIRECTORY&) = delete;
+    ~LDAP_DIRECTORY() override {
+        if (connection && !connection->IsBroken()) LDAP_POOL::Current().GiveBack(key, std::move(connection));
+    }
+
+    HRESULT Open() {
+        const HRESULT failure = LDAP_POOL::Current().LastFailure(key);
+        if (FAILED(failure)) return failure;
+        connection = LDAP_POOL::Current().TakeIdle(key);
+        isFresh = connection == nullptr;
+        return isFresh ? OpenFresh() : S_OK;
+    }
+
+    HRESULT Domains(std::vector<DIRECTORY_DOMAIN>& domains) override {
+        return Ask([&](LDAP_CONNECTION& asked) { return SearchDomains(asked, domains); });
+    }
+
+    HRESULT Find(const std::string& base, const char* attribute, const std::string& value,
+                 const ATTRIBUTE_NAMES& wanted, std::vector<DIRECTORY_ENTRY>& found) override {
+        const std::string filter = "(" + std::string(attribute) + "=" + FilterText(value) + ")";
+        return Search(base, LDAP_CONNECTION::SCOPE::SUBTREE, filter, wanted, found);
+    }
+
+    HRESULT Read(const std::string& dn, const ATTRIBUTE_NAMES& wanted, DIRECTORY_ENTRY& entry) override {
+        std::vector<DIRECTORY_ENTRY> found;
+        const HRESULT result = Search(dn, LDAP_CONNECTION::SCOPE::BASE, "(objectClass=*)", wanted, found);
+        if (FAILED(result)) return result;
+        if (found.empty()) return DirectoryNoSuchObject;  // there, but not to be seen by whoever asks
+        entry = std::move(found[0]);
+        return ReadRanges(dn, entry);
+    }
+
+    HRESULT ReadSid(const std::string& sid, const ATTRIBUTE_NAMES& wanted, DIRECTORY_ENTRY& entry) override {
+        return Read("<SID=" + Hex(sid) + ">", wanted, entry);
+    }
+
+private:
+    HRESULT OpenFresh() {
+        isFresh = true;
+        const HRESULT result = OpenConnection(access, connection);
+        if (FAILED(result)) {
+            connection.reset();
+            LDAP_POOL::Current().RememberFailure(key, result);
+        }
+        return result;
+    }
+
+    // A kept connection that the server has closed meanwhile is opened again, once.
+    template <class QUESTION>
+    HRESULT Ask(QUESTION question) {
+        if (!connection) return DirectoryServerDown;
+        HRESULT result = question(*connection);
+        if (result == DirectoryServerDown && connection->IsBroken() && !isFresh) {
+            result = OpenFresh();
+            if (FAILED(result)) return result;
+            result = question(*connection);
+        }
+        if (FAILED(result) && connection->IsBroken()) {
+            ComplainOnce(access.uri + ": " + connection->Reason());
+            LDAP_POOL::Current().RememberFailure(key, result);
+            connection.reset();
+        }
+        return result;
+    }
+
+    HRESULT Search(const std::string& base, LDAP_CONNECTION::SCOPE scope, const std::string& filter,
+                   const ATTRIBUTE_NAMES& wanted, std::vector<DIRECTORY_ENTRY>& found) {
+        return Ask([&](LDAP_CONNECTION& asked) { return asked.Search(base, scope, filter, wanted, MaxFound, found); });
+    }
+
+    // A server may give a long attribute in parts: the rest is fetched and everything stands under the plain name.
+    HRESULT ReadRanges(const std::string& dn, DIRECTORY_ENTRY& entry) {
+        for (size_t i = 0; i < entry.attributes.size(); ++i) {
+            const std::string full = entry.attributes[i].first;
+            std::optional<ATTRIBUTE_RANGE> range = ParseRange(full);
+            if (!range) continue;
+            const std::string name = full.substr(0, full.find(';'));
+            std::vector<std::string> values = std::move(entry.attributes[i].second);
+            for (size_t part = 0; range->last; ++part) {
+                const HRESULT result = part < MaxRanges ? ReadRange(dn, name, range, values) : DirectoryDecodingError;
+                if (FAILED(result)) return result;
+            }
+            std::erase_if(entry.attributes, [&](const auto& one) { return LowerName(one.first) == LowerName(name); });
+            std::erase_if(entry.attributes, [&](const auto& one) { return one.first == full; });
+            entry.attributes.insert(entry.attributes.begin(), {name, std::move(values)});
+            i = 0;  // it stands first now
+        }
+        return S_OK;
+    }
+
+    // The part behind `range`, which becomes the range of what was read. It must begin where the last one ended.
+    HRESULT ReadRange(const std::string& dn, const std::string& name, std::optional<ATTRIBUTE_RANGE>& range,
+                      std::vector<std::string>& values) {
+        const unsigned long next = *range->last + 1;
+        const std::string wanted = name + ";range=" + std::to_string(next) + "-*";
+        std::vector<DIRECTORY_ENTRY> found;
+        const HRESULT result = Search(dn, LDAP_CONNECTION::SCOPE::BASE, "(objectClass=*)", {wanted.c_str()}, found);
+        if (FAILED(result)) return result;
+        for (const DIRECTORY_ENTRY& entry : found)
+            for (const auto& [partName, part] : entry.attributes) {
+                const std::optional<ATTRIBUTE_RANGE> got = ParseRange(partName);
+                if (!got || got->first != next || LowerName(partName).find(LowerName(name) + ";") != 0) continue;
+                values.insert(values.end(), part.begin(), part.end());
+                range = got;
+                return S_OK;
+            }
+        return DirectoryDecodingError;
+    }
+
+    static std::string Hex(const std::string& bytes) {
+        std::string text;
+        for (const char byte : bytes) {
+            const unsigned value = static_cast<unsigned char>(byte);
+            text += {"0123456789abcdef"[value >> 4], "0123456789abcdef"[value & 15]};
+        }
+        return text;
+    }
+
+    const LDAP_ACCESS access;
+    const std::string key;
+    CONNECTION connection;
+    bool isFresh = false;
+};
+
+}  // namespace
+
+HRESULT SearchDomains(LDAP_CONNECTION& connection, std::vector<DIRECTORY_DOMAIN>& domains) {
+    std::vector<DIRECTORY_ENTRY> found;
+    const HRESULT result =
+        connection.Search("CN=Partitions," + connection.ConfigurationDn(), LDAP_CONNECTION::SCOPE::CHILDREN,
+                          "(nETBIOSName=*)", {"nCName", "dnsRoot", "nETBIOSName"}, MaxDomains, found);
+    if (FAILED(result)) return result;
+    domains.clear();
+    for (const DIRECTORY_ENTRY& entry : found)
+        if (!entry.First("nCName").empty())
+            domains.push_back({std::string(entry.First("nCName")), std::string(entry.First("dnsRoot")),
+                               std::string(entry.First("nETBIOSName"))});
+    return S_OK;
+}
+
+HRESULT OpenLdapDirectory(const DIRECTORY_TARGET& target, std::unique_ptr<DIRECTORY>& directory) {
+    std::vector<LDAP_ACCESS> servers;
+    std::string complaint;
+    HRESULT result = FindLdapServers(target, servers, complaint);
+    if (FAILED(result)) ComplainOnce(complaint);
+    for (LDAP_ACCESS& server : servers) {
+        auto opened = std::make_unique<LDAP_DIRECTORY>(std::move(server));
+        result = opened->Open();
+        if (FAILED(result)) continue;
+        directory = std::move(opened);
+        break;
+    }
+    return result;
+}
+
+}  // namespace win32

@@ -1,0 +1,22 @@
+// The directory of an Active Directory domain, by LDAP.
+#pragma once
+
+#include <functional>
+
+#include "win32/directory/directory.h"
+#include "win32/directory/ldap_connection.h"
+
+namespace win32 {
+
+// Connections are kept for the next look-up, for each server and identity, and opened again when they turn out to be
+// closed. A server that failed is not tried again for 10 s: until then the same failure is given at once.
+HRESULT OpenLdapDirectory(const DIRECTORY_TARGET& target, std::unique_ptr<DIRECTORY>& directory);
+
+// The servers to try, in order, each with how and as whom; what it takes to find them is bounded by 5 s. When it fails,
+// the complaint says why.
+HRESULT FindLdapServers(const DIRECTORY_TARGET& target, std::vector<LDAP_ACCESS>& servers, std::string& complaint);
+
+// The forest's domains, from the partitions container.
+HRESULT SearchDomains(LDAP_CONNECTION& connection, std::vector<DIRECTORY_DOMAIN>& domains);
+
+}  // namespace win32
