@@ -24,6 +24,12 @@ constexpr DWORD PollMs = 2;  // where the component has no event to wait for
 // More than any response has. What a server sends beyond that is not kept: the exchange has failed anyway.
 constexpr size_t MaxReceivedBytes = size_t{1} << 20;
 
+// Different for every thread that runs.
+const void* ThisThread() {
+    static thread_local char mark;
+    return &mark;
+}
+
 }  // namespace
 
 IDENTITY_PROTOCOL::IDENTITY_PROTOCOL()
@@ -70,16 +76,16 @@ void IDENTITY_PROTOCOL::DataIn(const void* bytes, int length) {
 
 // The thread that is about to wait needs no event to be told by; for any other there is the wake event.
 void IDENTITY_PROTOCOL::Wake() {
-    if (processor == std::this_thread::get_id())
+    if (processor == ThisThread())
         woken = true;
     else
         SetEvent(wakeEvent.Get());
 }
 
 void IDENTITY_PROTOCOL::ProcessEvents() {
-    processor = std::this_thread::get_id();
+    processor = ThisThread();
     Active().ProcessEvents();
-    processor = std::thread::id();
+    processor = nullptr;
 }
 
 void IDENTITY_PROTOCOL::LetEventsThrough() {

@@ -7,7 +7,6 @@
 
 #include <atomic>
 #include <span>
-#include <thread>
 #include <vector>
 
 #include "platform/critical_section.h"
@@ -88,8 +87,9 @@ private:
     std::vector<BYTE> received;
     std::vector<BYTE> response;  // handed out by the last ReceiveResponse
     std::atomic<bool> disconnected{true};
-    std::atomic<std::thread::id> processor;  // the thread inside ProcessEvents, which needs no event to be woken by
-    bool woken = false;                      // an event came on that thread
+    std::atomic<const void*> processor{
+        nullptr};        // the thread inside ProcessEvents, which needs no event to be woken by
+    bool woken = false;  // an event came on that thread
 };
 
 extern IDENTITY_PROTOCOL* CurrentSession;  // the one session in use; not owned

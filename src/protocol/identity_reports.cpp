@@ -205,28 +205,6 @@ bool SendWithRetries(const WCHAR* operation, BYTE* request, DWORD length) {
     return false;
 }
 
-bool CheckResponse(const WCHAR* operation, const BYTE* request, std::span<const BYTE> response) {
-    if (response.size() != ResponseLength) {
-        DebugPrintMasked(DEBUG_ERROR, TEXT("%s request response length = %d; %lu expected"), operation,
-                         static_cast<int>(response.size()), ResponseLength);
-        return false;
-    }
-    const DWORD requestId = LoadDword(request + IdOffset);
-    const DWORD responseId = LoadDword(response.data() + IdOffset);
-    const WORD requestCode = LoadLittleEndianWord(request + CodeOffset);
-    const WORD responseCode = LoadLittleEndianWord(response.data() + CodeOffset);
-    constexpr WORD responseBitAsRead = ResponseBit >> 8;  // the codes stay in the order in which they lie in the bytes
-    if (responseCode != (requestCode | responseBitAsRead) || responseId != requestId) {
-        DebugPrintMasked(DEBUG_ERROR,
-                         TEXT("Unexpected response for %s request: Code: request = %#x, response = %#x; ID: request = "
-                              "%I32u, response = %I32u"),
-                         operation, requestCode, responseCode, requestId, responseId);
-        return false;
-    }
-    DebugPrint(TEXT("%s request status = %I32u"), operation, LoadDword(response.data() + StatusOffset));
-    return true;
-}
-
 }  // namespace
 
 STRING TrimDomainSuffix(const WCHAR* name) {
@@ -281,7 +259,29 @@ bool SendRequest(const WCHAR* operation, BYTE* request, DWORD length) {
     std::span<const BYTE> response;
     if (!CurrentSession->ReceiveResponse(response)) response = {};
     DebugPrintMasked(DEBUG_VERBOSE, TEXT("%s request received %d bytes"), operation, static_cast<int>(response.size()));
-    return CheckResponse(operation, request, response);
+    return IsAnswerTo(operation, request, response);
+}
+
+bool IsAnswerTo(const WCHAR* operation, const BYTE* request, std::span<const BYTE> response) {
+    if (response.size() != ResponseLength) {
+        DebugPrintMasked(DEBUG_ERROR, TEXT("%s request response length = %d; %lu expected"), operation,
+                         static_cast<int>(response.size()), ResponseLength);
+        return false;
+    }
+    const DWORD requestId = LoadDword(request + IdOffset);
+    const DWORD responseId = LoadDword(response.data() + IdOffset);
+    const WORD requestCode = LoadLittleEndianWord(request + CodeOffset);
+    const WORD responseCode = LoadLittleEndianWord(response.data() + CodeOffset);
+    constexpr WORD responseBitAsRead = ResponseBit >> 8;  // the codes stay in the order in which they lie in the bytes
+    if (responseCode != (requestCode | responseBitAsRead) || responseId != requestId) {
+        DebugPrintMasked(DEBUG_ERROR,
+                         TEXT("Unexpected response for %s request: Code: request = %#x, response = %#x; ID: request = "
+                              "%I32u, response = %I32u"),
+                         operation, requestCode, responseCode, requestId, responseId);
+        return false;
+    }
+    DebugPrint(TEXT("%s request status = %I32u"), operation, LoadDword(response.data() + StatusOffset));
+    return true;
 }
 
 }  // namespace keldwick

@@ -5,6 +5,8 @@
 
 #include <windows.h>
 
+#include <span>
+
 #include "platform/ip_address.h"
 #include "platform/string.h"
 #include "protocol/identity_request.h"
@@ -26,6 +28,10 @@ bool IdentityReportLogoff(IDENTITY_REQUEST& request);
 // One exchange: gives the request a new ID, sends it in at most three attempts, reconnecting when necessary, and checks
 // the response. The operation's name stands in the messages. False: no well-formed answer came.
 bool SendRequest(const WCHAR* operation, BYTE* request, DWORD length);
+
+// Whether the bytes are a well-formed answer to the request; the status in it decides nothing. What is wrong with them
+// is written to the debug output.
+bool IsAnswerTo(const WCHAR* operation, const BYTE* request, std::span<const BYTE> response);
 
 // Drops the last label of the domain part: EXAMPLE.LOCAL\jdoe becomes EXAMPLE\jdoe. Null or empty gives an empty text.
 STRING TrimDomainSuffix(const WCHAR* name);
