@@ -103,6 +103,8 @@ void* operator new(size_t bytes) {
     if (void* memory = std::malloc(bytes)) return memory;
     throw std::bad_alloc();
 }
+// GCC takes the pair for mismatched where it inlines only one of the two.
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
 void operator delete(void* memory) noexcept { std::free(memory); }
 void operator delete(void* memory, size_t) noexcept { std::free(memory); }
 

@@ -15,7 +15,9 @@ bool RegGetDword(HKEY key, const WCHAR* name, DWORD& value) {
     DWORD type = REG_NONE;
     DWORD found = 0;
     DWORD bytes = sizeof(found);
-    if (!Succeed(RegQueryValueExW(key, name, nullptr, &type, reinterpret_cast<BYTE*>(&found), &bytes))) return false;
+    const LSTATUS result = RegQueryValueExW(key, name, nullptr, &type, reinterpret_cast<BYTE*>(&found), &bytes);
+    if (result == ERROR_MORE_DATA && type != REG_DWORD) return Succeed(ERROR_INVALID_DATATYPE);
+    if (!Succeed(result)) return false;
     if (type != REG_DWORD || bytes != sizeof(found)) return Succeed(ERROR_INVALID_DATATYPE);
     value = found;
     return true;

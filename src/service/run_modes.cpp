@@ -34,6 +34,7 @@ int RunAsManualReport() {
         IDENTITY_PROTOCOL session;
         CurrentSession = &session;
         RunManualReport();
+        CurrentSession = nullptr;
     }
     CloseHandle(StopEvent.exchange(INVALID_HANDLE_VALUE));
     return EXIT_DONE;

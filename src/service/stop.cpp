@@ -14,6 +14,7 @@ std::atomic<HANDLE> SettingsChangedEvent;
 void StopService(const WCHAR* reason) {
     DebugPrint(TEXT("Stopping Service: Reason = %s"), reason);
     const HANDLE stopEvent = StopEvent;
+    if (stopEvent == INVALID_HANDLE_VALUE) return;  // closed: as a handle it would stand for this process
     if (WaitForSingleObject(stopEvent, 0) != WAIT_TIMEOUT) return;
     ReportServiceEvent(EVENTLOG_INFORMATION_TYPE, MSG_SERVICE_STOPPED, {VersionText().Text(), reason});
     SetEvent(stopEvent);

@@ -49,6 +49,7 @@ public:
     // In chunks as large as one wait takes. After each chunk the whole time since the start is taken off what remains,
     // so later chunks get less than the clock would leave them: the accounting that is wanted.
     void Wait(DWORD timeout) {
+        start = TIME_STAMP::Now();
         DWORD remaining = timeout;
         for (size_t first = 0; first < threads.size() && remaining > 0;) {
             const DWORD count = static_cast<DWORD>(std::min<size_t>(threads.size() - first, MAXIMUM_WAIT_OBJECTS));
@@ -111,7 +112,7 @@ private:
 
     const THREAD_LOG log;
     std::vector<COLLECTED_THREAD> threads;
-    const TIME_STAMP start = TIME_STAMP::Now();
+    TIME_STAMP start;  // of the waiting: what the stop routines take does not count
 };
 
 }  // namespace

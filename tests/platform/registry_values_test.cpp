@@ -36,7 +36,10 @@ TEST_F(RegistryValues, NumbersMustBeDwordsOfFourBytes) {
     Store(REG_DWORD, "\1\0", 2);
     EXPECT_FALSE(RegGetDword(key.Get(), TEXT("V"), value));
     EXPECT_EQ(1804u, GetLastError());
-    Store(REG_BINARY, "12345", 5);
+    Store(REG_SZ, "3\0000\0\0", 6);  // a text of two digits is longer than a number, yet it is the type that is wrong
+    EXPECT_FALSE(RegGetDword(key.Get(), TEXT("V"), value));
+    EXPECT_EQ(1804u, GetLastError());
+    Store(REG_DWORD, "12345", 5);
     EXPECT_FALSE(RegGetDword(key.Get(), TEXT("V"), value));
     EXPECT_EQ(234u, GetLastError());
     EXPECT_EQ(7u, value);
