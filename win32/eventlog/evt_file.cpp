@@ -60,7 +60,9 @@ bool EVT_FILE::Open(const std::string& path, bool writable) {
         return FailWith(ERROR_EVENTLOG_FILE_CORRUPT);
     }
     name = path;
-    searchedTime = -1;
+    device = about.st_dev;
+    file = about.st_ino;
+    loaded = UNKNOWN;
     return true;
 }
 
@@ -70,9 +72,8 @@ void EVT_FILE::Close() {
 }
 
 bool EVT_FILE::Replaced() const {
-    struct stat named, opened;
-    return stat(name.c_str(), &named) != 0 || fstat(fd, &opened) != 0 || named.st_ino != opened.st_ino ||
-           named.st_dev != opened.st_dev;
+    struct stat named;
+    return stat(name.c_str(), &named) != 0 || named.st_ino != file || named.st_dev != device;
 }
 
 bool EVT_FILE::Load(EVT_STATE& state) {
@@ -81,25 +82,36 @@ bool EVT_FILE::Load(EVT_STATE& state) {
     const DWORD size = static_cast<DWORD>(std::min<long long>(about.st_size, LargestLog)) / 4 * 4;
     EVT_HEADER header;
     if (!ReadAt(0, &header, sizeof(header)) || !SoundHeader(header)) return FailWith(ERROR_EVENTLOG_FILE_CORRUPT);
+    const long long changed = about.st_mtim.tv_sec * NanosecondsPerSecond + about.st_mtim.tv_nsec;
+    const bool same =
+        loaded != UNKNOWN && size == loadedSize && std::memcmp(&loadedHeader, &header, sizeof(header)) == 0;
+    // A header that agreed with the end is as good now: what was written since came before a header that is still to
+    // come.
+    if (!same || (loaded == SEARCHED && changed != loadedTime)) {
+        loaded = UNKNOWN;
+        if (Agrees(header, size)) {
+            found = {header.start, header.end,   header.current,   header.start == header.end ? 0 : header.oldest,
+                     size,         header.flags, header.retention, header.maxSize};
+            loaded = AGREED;
+        } else if (RecoverState(*this, size, header, found)) {
+            loaded = SEARCHED;
+        } else {
+            return false;
+        }
+        loadedHeader = header;
+        loadedSize = size;
+        loadedTime = changed;
+    }
+    state = found;
+    return true;
+}
 
+bool EVT_FILE::Agrees(const EVT_HEADER& header, DWORD size) const {
     const bool inside = header.start >= EvtHeaderBytes && header.start % 4 == 0 && header.start <= size &&
                         header.end >= EvtHeaderBytes && header.end % 4 == 0 && header.end <= size;
     EVT_END end;
-    if (inside && size - header.end >= EvtEndBytes && ReadAt(header.end, &end, sizeof(end)) &&
-        end.size == EvtEndBytes && end.ones == 0x11111111 && Agree(header, end)) {
-        state = {header.start, header.end,   header.current,   header.start == header.end ? 0 : header.oldest,
-                 size,         header.flags, header.retention, header.maxSize};
-        return true;
-    }
-    const long long changed = about.st_mtim.tv_sec * NanosecondsPerSecond + about.st_mtim.tv_nsec;
-    const bool known =
-        searchedTime == changed && searchedSize == size && std::memcmp(&searchedHeader, &header, sizeof(header)) == 0;
-    if (!known && !RecoverState(*this, size, header, found)) return false;
-    searchedHeader = header;
-    searchedSize = size;
-    searchedTime = changed;
-    state = found;
-    return true;
+    return inside && size - header.end >= EvtEndBytes && ReadAt(header.end, &end, sizeof(end)) &&
+           end.size == EvtEndBytes && end.ones == 0x11111111 && Agree(header, end);
 }
 
 EVT_HEADER EVT_FILE::HeaderOf(const EVT_STATE& state) {

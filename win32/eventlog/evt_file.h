@@ -63,14 +63,18 @@ public:
 
 private:
     friend class EVT_LOCK;
+    bool Agrees(const EVT_HEADER& header, DWORD size) const;
     bool Write(const EVT_HEADER& header) { return WriteAt(0, &header, sizeof(header)); }
 
     int fd = -1;
     std::string name;
-    // What Load found out the hard way, and for which bytes: a damaged file is searched once, not at every read.
-    EVT_HEADER searchedHeader = {};
-    DWORD searchedSize = 0;
-    long long searchedTime = -1;  // time of change in nanoseconds
+    unsigned long long device = 0, file = 0;  // which file of the host is open
+    // What Load found last, and for which bytes: the same header is not checked at every read, and a damaged file is
+    // searched once.
+    enum LOADED { UNKNOWN, AGREED, SEARCHED } loaded = UNKNOWN;
+    EVT_HEADER loadedHeader = {};
+    DWORD loadedSize = 0;
+    long long loadedTime = 0;  // time of change in nanoseconds
     EVT_STATE found;
 };
 

@@ -23,11 +23,10 @@ size_t CountNuls(const BYTE* bytes, size_t count) {
     return nuls;
 }
 
-bool HasNames(const BYTE* bytes, size_t end) {
-    int nuls = 0;
-    for (size_t at = RecordFixedBytes; at + 2 <= end; at += 2)
-        if (bytes[at] == 0 && bytes[at + 1] == 0 && ++nuls == 2) return true;
-    return false;
+// The two names end before the strings, or before the record's end when it has none.
+bool HasNames(const EVENTLOGRECORD& record, const BYTE* bytes, DWORD end) {
+    const bool bounded = record.StringOffset > RecordFixedBytes && record.StringOffset < end;
+    return CountNuls(bytes + RecordFixedBytes, (bounded ? record.StringOffset : end) - RecordFixedBytes) >= 2;
 }
 
 bool Inside(DWORD offset, DWORD count, DWORD end) {
@@ -65,7 +64,7 @@ bool IsWholeRecord(const BYTE* bytes, size_t available) {
     if (length > available || length > MaxRecordBytes) return false;
     const DWORD end = length - sizeof(DWORD);
     if (*reinterpret_cast<const DWORD*>(bytes + end) != length) return false;
-    return HasNames(bytes, end) && StringsAreSound(record, bytes, end) && SidIsSound(record, bytes, end) &&
+    return HasNames(record, bytes, end) && StringsAreSound(record, bytes, end) && SidIsSound(record, bytes, end) &&
            (record.DataLength == 0 || Inside(record.DataOffset, record.DataLength, end));
 }
 
