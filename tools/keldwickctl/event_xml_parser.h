@@ -34,7 +34,7 @@ private:
     void Refuse(const std::string& why);
 
     struct PARSER_FREE {
-        void operator()(XML_Parser parser) const { XML_ParserFree(parser); }
+        void operator()(XML_Parser done) const { XML_ParserFree(done); }
     };
     std::unique_ptr<XML_ParserStruct, PARSER_FREE> parser;
     win32::NEW_EVENT* target = nullptr;
