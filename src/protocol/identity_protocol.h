@@ -87,9 +87,9 @@ private:
     std::vector<BYTE> received;
     std::vector<BYTE> response;  // handed out by the last ReceiveResponse
     std::atomic<bool> disconnected{true};
-    std::atomic<const void*> processor{
-        nullptr};        // the thread inside ProcessEvents, which needs no event to be woken by
-    bool woken = false;  // an event came on that thread
+    // Which thread is inside ProcessEvents: what it tells the session needs no event to wake it, only the flag.
+    std::atomic<const void*> processor{nullptr};
+    bool woken = false;
 };
 
 extern IDENTITY_PROTOCOL* CurrentSession;  // the one session in use; not owned
