@@ -72,16 +72,37 @@ std::string Complaint(const LDAP_SETTINGS& settings, bool bindKnown) {
     return {};
 }
 
+struct BACKEND_SETTINGS {
+    std::optional<DIRECTORY_BACKEND> chosen;  // by name; nothing: by what there is
+    bool serverNamed = false;
+};
+
+BACKEND_SETTINGS ReadBackendSettings() {
+    BACKEND_SETTINGS settings;
+    const std::string backend = LowerName(Setting(u"DirectoryBackend"));
+    if (backend == "ldap")
+        settings.chosen = DIRECTORY_BACKEND::LDAP;
+    else if (backend == "ldif")
+        settings.chosen = DIRECTORY_BACKEND::LDIF;
+    else if (!backend.empty())
+        ComplainOnce("DirectoryBackend must be ldap or ldif, not \"" + backend + "\"");
+    settings.serverNamed = !Setting(u"DirectoryUri").empty() || !Setting(u"DirectoryDomain").empty();
+    return settings;
+}
+
 }  // namespace
 
 DIRECTORY_BACKEND ConfiguredBackend() {
-    const std::string backend = LowerName(Setting(u"DirectoryBackend"));
-    if (backend == "ldap") return DIRECTORY_BACKEND::LDAP;
-    if (backend == "ldif") return DIRECTORY_BACKEND::LDIF;
-    if (!backend.empty()) ComplainOnce("DirectoryBackend must be ldap or ldif, not \"" + backend + "\"");
+    // Asked for with every name: the settings are read again only when the registry has changed.
+    static thread_local std::shared_ptr<const void> lastVersion;
+    static thread_local BACKEND_SETTINGS settings;
+    if (const auto version = LinuxSettingsVersion(); !version || version != lastVersion) {
+        settings = ReadBackendSettings();
+        lastVersion = version;
+    }
+    if (settings.chosen) return *settings.chosen;
     if (Exists(LdifPath())) return DIRECTORY_BACKEND::LDIF;
-    const bool named = !Setting(u"DirectoryUri").empty() || !Setting(u"DirectoryDomain").empty();
-    return named ? DIRECTORY_BACKEND::LDAP : DIRECTORY_BACKEND::NONE;
+    return settings.serverNamed ? DIRECTORY_BACKEND::LDAP : DIRECTORY_BACKEND::NONE;
 }
 
 std::string LdifPath() { return MachinePath("directory.ldif"); }

@@ -23,6 +23,9 @@ bool IsLetter(char unit) { return (unit >= 'A' && unit <= 'Z') || (unit >= 'a' &
 
 std::string MachineRoot() {
     const char* named = std::getenv("KELDWICK_ROOT");
+    // Asked for several times in every report: an absolute name is made tidy once.
+    static thread_local std::string lastName, lastFolder;
+    if (named != nullptr && *named == '/' && lastName == named) return lastFolder;
     std::error_code error;
     fs::path root;
     if (named != nullptr && *named != '\0')
@@ -31,6 +34,10 @@ std::string MachineRoot() {
         root = fs::read_symlink("/proc/self/exe", error).parent_path();
     std::string folder = root.lexically_normal().string();
     while (!folder.empty() && folder.back() == '/') folder.pop_back();
+    if (named != nullptr && *named == '/') {
+        lastName = named;
+        lastFolder = folder;
+    }
     return folder;
 }
 

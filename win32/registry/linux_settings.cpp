@@ -16,6 +16,8 @@ std::optional<REG_VALUE> LinuxValue(const char16_t* name) {
 
 }  // namespace
 
+std::shared_ptr<const void> LinuxSettingsVersion() { return REG_STORE::Current().Tree(); }
+
 std::optional<DWORD> LinuxNumber(const char16_t* name) {
     const std::optional<REG_VALUE> value = LinuxValue(name);
     if (!value || value->type != REG_DWORD || value->data.size() != 4) return std::nullopt;

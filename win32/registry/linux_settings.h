@@ -4,6 +4,7 @@
 
 #include <windows.h>
 
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -12,5 +13,8 @@ namespace win32 {
 // The value as it stands in the registry now; nothing when it is absent or of another type.
 std::optional<DWORD> LinuxNumber(const char16_t* name);
 std::optional<std::u16string> LinuxText(const char16_t* name);
+
+// What the values above were read from: while it stays the same pointer, they are the same. Costs one stat.
+std::shared_ptr<const void> LinuxSettingsVersion();
 
 }  // namespace win32
