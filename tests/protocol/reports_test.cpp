@@ -226,15 +226,12 @@ TEST_F(REPORT_TEST, OnlyAWholeAnswerToThisRequestCounts) {
 }
 
 TEST_F(REPORT_TEST, AnAnswerTooLateSpoilsTheNextExchangeAndNoOther) {
-    std::string late;
-    server.Answer([&](const std::string& r) {
-        late = SCRIPTED_SERVER::GoodAnswer(r);
-        return SCRIPTED_SERVER::ANSWER{};
-    });
+    server.Answer([](const std::string&) { return SCRIPTED_SERVER::ANSWER{}; });
     timeFlies = true;
     EXPECT_FALSE(Report(u"CORP\\ann", nullptr));
     EXPECT_EQ("IdentityReportLogon request response length = 0; 14 expected", lines.Take().back());
     timeFlies = false;
+    const std::string late = SCRIPTED_SERVER::GoodAnswer(server.TakeRequests().at(0));
     session->DataIn(late.data(), static_cast<int>(late.size()));
     server.Answer(nullptr);
     EXPECT_FALSE(IdentityReportHeartbeat(request));

@@ -164,6 +164,7 @@ TEST_F(SESSION_TEST, ConnectingGoesOnUntilTheServerIsThereOrTheServiceStops) {
     EXPECT_EQ("IDENTITY_PROTOCOL::PersistentConnect Service stop signaled", written.back());
 
     timeFlies = false;
+    minutesPaused = 0;
     SCRIPTED_SERVER server;
     const STRING reachable(SCRIPTED_SERVER::Host().c_str());
     std::thread editor([&] {
@@ -174,7 +175,6 @@ TEST_F(SESSION_TEST, ConnectingGoesOnUntilTheServerIsThereOrTheServiceStops) {
         }
         SetEvent(changed.Get());
     });
-    minutesPaused = 0;
     EXPECT_TRUE(session->PersistentConnect());
     editor.join();
     EXPECT_FALSE(session->IsDisconnected());
