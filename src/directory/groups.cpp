@@ -115,7 +115,7 @@ struct TASK_MEMORY_CLOSER {
 };
 using TASK_MEMORY = OWNER<TASK_MEMORY_CLOSER>;
 
-// A copy of a byte array's bytes; nothing is said when it is empty or memory runs out (false then).
+// A copy of a byte array's bytes; nothing is said when it is empty. Throws COM_ERROR when memory runs out.
 bool CopySidBytes(const VARIANT& value, const WCHAR* dn, TASK_MEMORY& bytes, size_t& size) {
     LONG lower = 0;
     LONG upper = 0;

@@ -26,17 +26,15 @@ void ExpireTickets(SERVICE_TICKET_TABLE& tickets) {
 
 // Expired logons are not reported as logged off. A heartbeat counts as sent even when that failed.
 void ExpireLogons(LOGON_TABLE& logons) {
-    const DWORD logonTtl = Settings.logonTtl;
-    const DWORD heartbeat = Settings.heartbeat;
     TIME_STAMP now = TIME_STAMP::Now();
     LOGON_ENTRY* next = nullptr;
     for (LOGON_ENTRY* entry = logons.First(); entry != nullptr; entry = next) {
         next = LOGON_TABLE::Next(entry);
-        if (entry->logonTime.ElapsedMs(now) > logonTtl) {
+        if (entry->logonTime.ElapsedMs(now) > Settings.logonTtl) {
             DebugPrint(TEXT("Logon expired: User name = \"%s\", IP address = \"%s\""), entry->request.UserName(),
                        entry->request.AddressText());
             logons.Remove(entry);
-        } else if (entry->heartbeatTime.ElapsedMs(now) > heartbeat) {
+        } else if (entry->heartbeatTime.ElapsedMs(now) > Settings.heartbeat) {
             IdentityReportHeartbeat(entry->request);
             entry->heartbeatTime = now = TIME_STAMP::Now();  // the report may have taken its time
         }

@@ -125,9 +125,10 @@ void Do_EVENT_ACCOUNT_LOGON(const EVENTLOGRECORD& record, EVENT_LOG& log, const 
     const STRING userName = QualifiedName(strings[LOGON::TargetDomainName], strings[LOGON::TargetUserName]);
     if (RenewOrReplace(log.logons, address, ipText, userName)) return;
 
+    NEW_LOGON logon(log.logons);  // its times are those of now, however long the name of the address takes
     const STRING computerName = ComputerNameOf(strings);
     DebugPrintMasked(DEBUG_VERBOSE, TEXT("Do_EVENT_ACCOUNT_LOGON: IdentityReportLogon"));
-    const LOGON_ENTRY* const entry = AddReportedLogon(log.logons, address, ipText, userName, computerName.Text());
+    const LOGON_ENTRY* const entry = logon.Report(address, ipText, userName, computerName.Text());
     if (entry == nullptr) {
         DebugPrint(TEXT("Do_EVENT_ACCOUNT_LOGON: Unable to report logon,\n    User name = \"%s\",\n    Computer name = "
                         "\"%s\",\n    IP address = \"%s\""),

@@ -41,15 +41,21 @@ bool RenewOrReplace(LOGON_TABLE& logons, const IP_ADDRESS& address, const WCHAR*
     return false;
 }
 
-LOGON_ENTRY* AddReportedLogon(LOGON_TABLE& logons, const IP_ADDRESS& address, const WCHAR* ipText,
-                              const STRING& userName, const WCHAR* computerName) {
-    LOGON_ENTRY* const entry = logons.Append();
-    if (!IdentityReportLogon(entry->request, address, ipText, userName.Text(), computerName)) {
-        logons.Remove(entry);
-        return nullptr;
-    }
+NEW_LOGON::~NEW_LOGON() {
+    if (!taken) logons.Remove(entry);
+}
+
+LOGON_ENTRY* NEW_LOGON::Report(const IP_ADDRESS& address, const WCHAR* ipText, const STRING& userName,
+                               const WCHAR* computerName) {
+    taken = IdentityReportLogon(entry->request, address, ipText, userName.Text(), computerName);
+    if (!taken) return nullptr;
     logons.Index(entry);
     return entry;
+}
+
+LOGON_ENTRY* AddReportedLogon(LOGON_TABLE& logons, const IP_ADDRESS& address, const WCHAR* ipText,
+                              const STRING& userName, const WCHAR* computerName) {
+    return NEW_LOGON(logons).Report(address, ipText, userName, computerName);
 }
 
 }  // namespace keldwick

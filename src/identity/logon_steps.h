@@ -25,6 +25,25 @@ STRING QualifiedName(const WCHAR* domain, const WCHAR* name);  // DOMAIN\name
 // do. Another user is reported as logged off and removed.
 bool RenewOrReplace(LOGON_TABLE& logons, const IP_ADDRESS& address, const WCHAR* ipText, const STRING& userName);
 
+// A logon that stands in the table from now on, both its times now, and leaves it again unless the server takes its
+// report.
+class NEW_LOGON {
+public:
+    explicit NEW_LOGON(LOGON_TABLE& table) : logons(table), entry(table.Append()) {}
+    ~NEW_LOGON();
+    NEW_LOGON(const NEW_LOGON&) = delete;
+    NEW_LOGON& operator=(const NEW_LOGON&) = delete;
+
+    // The reported entry, which the table keeps, or null. Called once.
+    LOGON_ENTRY* Report(const IP_ADDRESS& address, const WCHAR* ipText, const STRING& userName,
+                        const WCHAR* computerName);
+
+private:
+    LOGON_TABLE& logons;
+    LOGON_ENTRY* const entry;
+    bool taken = false;
+};
+
 // Adds a logon and reports it. Null: the server did not take the report, and the logon is not in the table.
 LOGON_ENTRY* AddReportedLogon(LOGON_TABLE& logons, const IP_ADDRESS& address, const WCHAR* ipText,
                               const STRING& userName, const WCHAR* computerName);
