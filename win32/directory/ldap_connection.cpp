@@ -2,6 +2,7 @@
 
 #include <ldap.h>
 #include <sasl/sasl.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 
@@ -59,7 +60,34 @@ HRESULT ResultOf(int code) {
     }
 }
 
+std::string CaFileOf(const LDAP_ACCESS& access) { return access.caFile.empty() ? SystemCaFile : access.caFile; }
+
 timeval TimeValue(std::chrono::seconds time) { return {time.count(), 0}; }
+
+// While it lives, this thread's writing to a connection that the server has closed raises no signal: the library does
+// not see to that itself.
+class NO_PIPE_SIGNAL {
+public:
+    NO_PIPE_SIGNAL() {
+        sigemptyset(&pipeSignal);
+        sigaddset(&pipeSignal, SIGPIPE);
+        sigset_t pending;
+        sigpending(&pending);
+        wasPending = sigismember(&pending, SIGPIPE) == 1;
+        pthread_sigmask(SIG_BLOCK, &pipeSignal, &before);
+    }
+    ~NO_PIPE_SIGNAL() {
+        const timespec none{};
+        while (!wasPending && sigtimedwait(&pipeSignal, nullptr, &none) == SIGPIPE) continue;
+        pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    }
+    NO_PIPE_SIGNAL(const NO_PIPE_SIGNAL&) = delete;
+    NO_PIPE_SIGNAL& operator=(const NO_PIPE_SIGNAL&) = delete;
+
+private:
+    sigset_t pipeSignal, before;
+    bool wasPending = false;
+};
 
 // Answers nothing but what the mechanism suggests itself: the ticket says who this is.
 int AcceptDefaults(LDAP*, unsigned, void*, void* questions) {
@@ -114,12 +142,14 @@ struct LDAP_CONNECTION::HANDLE_STATE {
     ldap_conncb callbacks{Connected, Closing, this};
     std::mutex lock;
     int socket = -1;         // while it is open
+    bool reached = false;    // a socket has been connected
     bool abandoned = false;  // nobody waits for it any more
 
     HANDLE_STATE() = default;
     HANDLE_STATE(const HANDLE_STATE&) = delete;
     HANDLE_STATE& operator=(const HANDLE_STATE&) = delete;
     ~HANDLE_STATE() {
+        const NO_PIPE_SIGNAL quiet;
         if (ldap != nullptr) ldap_unbind_ext_s(ldap, nullptr, nullptr);
     }
 
@@ -134,6 +164,7 @@ struct LDAP_CONNECTION::HANDLE_STATE {
         HANDLE_STATE& state = *static_cast<HANDLE_STATE*>(callbacks->lc_arg);
         const std::lock_guard guard(state.lock);
         ber_sockbuf_ctrl(buffer, LBER_SB_OPT_GET_FD, &state.socket);
+        state.reached = true;
         const timeval limit = TimeValue(LdapAnswerTime);
         setsockopt(state.socket, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
         setsockopt(state.socket, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
@@ -161,9 +192,8 @@ struct LDAP_CONNECTION::HANDLE_STATE {
         ldap_set_option(ldap, LDAP_OPT_X_SASL_NOCANON, LDAP_OPT_ON);
         ldap_set_option(ldap, LDAP_OPT_CONNECT_CB, &callbacks);
         const int demand = LDAP_OPT_X_TLS_DEMAND, client = 0;
-        const char* const caFile = access.caFile.empty() ? SystemCaFile : access.caFile.c_str();
         ldap_set_option(ldap, LDAP_OPT_X_TLS_REQUIRE_CERT, &demand);
-        ldap_set_option(ldap, LDAP_OPT_X_TLS_CACERTFILE, caFile);
+        ldap_set_option(ldap, LDAP_OPT_X_TLS_CACERTFILE, CaFileOf(access).c_str());
         ldap_set_option(ldap, LDAP_OPT_X_TLS_NEWCTX, &client);
     }
 
@@ -204,6 +234,7 @@ bool FinishesWithin(std::chrono::milliseconds time, std::function<void()> work) 
     };
     const auto progress = std::make_shared<PROGRESS>();
     const auto run = [progress, action = std::move(work)]() mutable {
+        const NO_PIPE_SIGNAL quiet;
         action();
         action = nullptr;  // what it owns goes first
         const std::lock_guard guard(progress->lock);
@@ -241,6 +272,12 @@ HRESULT LDAP_CONNECTION::Connect(const LDAP_ACCESS& access) {
     }
     if (*code == LDAP_SUCCESS) return S_OK;
     const HRESULT result = Fail(*code);
+    // The library says no more than that it failed.
+    if (state->reached && (access.startTls || access.uri.starts_with("ldaps://")))
+        reason +=
+            "; it was reached, but the TLS handshake failed: is its certificate valid today, for this name, and "
+            "signed by an authority of " +
+            CaFileOf(access) + "?";
     return result == DirectoryTimeout ? DirectoryServerDown : result;
 }
 
@@ -298,6 +335,7 @@ HRESULT LDAP_CONNECTION::Search(const std::string& base, SCOPE scope, const std:
     std::vector<char*> names;  // the library does not write to them
     for (const char* name : wanted) names.push_back(const_cast<char*>(name));
     names.push_back(nullptr);
+    const NO_PIPE_SIGNAL quiet;
     timeval time = TimeValue(LdapAnswerTime);
     LDAPMessage* answer = nullptr;
     const int code = ldap_search_ext_s(state->ldap, base.c_str(), number, filter.c_str(), names.data(), 0, nullptr,

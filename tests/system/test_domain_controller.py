@@ -1,0 +1,284 @@
+"""Look-ups in a real Active Directory, Samba's, in a network namespace of its own: what keldwickctl and the agent find is
+compared with what ldapsearch and samba-tool say. Needs root, for the namespace."""
+import base64
+import ctypes
+import json
+import os
+import re
+import shutil
+import subprocess
+import tempfile
+import threading
+import time
+import unittest
+
+from machine import BIN, PATIENCE, MachineTest
+from wire import Server
+
+SCRIPT = f"{os.path.dirname(os.path.abspath(__file__))}/samba-dc"
+BASE = "DC=corp,DC=example,DC=com"
+CLONE_NEWNET = 0x40000000
+
+
+class DomainController:
+    def __init__(self):
+        self.folder = tempfile.mkdtemp(prefix="keldwick-dc-")
+        try:
+            self.script("start")
+            self.script("populate")
+            with open(f"{self.folder}/env", encoding="utf-8") as file:
+                self.env = dict(re.findall(r"^(\w+)='?([^'\n]*)'?$", file.read(), re.M))
+        except BaseException:
+            self.close()
+            raise
+
+    def script(self, command, *arguments):
+        done = subprocess.run([SCRIPT, command, self.folder, *arguments], capture_output=True, text=True, timeout=180)
+        if done.returncode:
+            raise RuntimeError(f"samba-dc {command}: {done.stdout}{done.stderr}")
+        return done.stdout
+
+    def pid(self):
+        with open(f"{self.folder}/run/dc.pid", encoding="utf-8") as file:
+            return int(file.read())
+
+    def inside(self, function):
+        """Runs the function with the namespace's network: sockets made there stay there."""
+        result = []
+
+        def run():
+            with open(f"/proc/{self.pid()}/ns/net", encoding="utf-8") as namespace:
+                if ctypes.CDLL(None, use_errno=True).setns(namespace.fileno(), CLONE_NEWNET):
+                    raise OSError(ctypes.get_errno(), "setns")
+            result.append(function())
+
+        thread = threading.Thread(target=run)
+        thread.start()
+        thread.join()
+        return result[0]
+
+    def close(self):
+        subprocess.run([SCRIPT, "stop", self.folder], capture_output=True, timeout=60)
+        shutil.rmtree(self.folder, ignore_errors=True)
+
+
+class Truth:
+    """The directory as ldapsearch shows it, and the groups of a user by the rule alone: the primary group first, then
+    each membership, every group followed at once by its own, none twice."""
+
+    def __init__(self, controller):
+        text = controller.script("run", "ldapsearch", "-LLL", "-x", "-o", "ldif-wrap=no", "-H",
+                                 controller.env["DC_LDAPI_SYSTEM"], "-b", BASE, "(objectSid=*)", "sAMAccountName", "memberOf",
+                                 "primaryGroupID", "objectSid")
+        self.objects, self.by_sid = {}, {}
+        for block in text.split("\n\n"):
+            values = {}
+            for name, encoded, value in re.findall(r"^(\w+):(:?) (.*)$", block, re.M):
+                values.setdefault(name, []).append(base64.b64decode(value) if encoded else value.encode())
+            if "dn" in values:
+                dn = values["dn"][0].decode()
+                self.objects[dn] = values
+                self.by_sid[values["objectSid"][0]] = dn
+
+    def nt4_name(self, dn):
+        domain = "BUILTIN" if dn.endswith(f",CN=Builtin,{BASE}") else "CORP"
+        return f"{domain}\\{self.objects[dn]['sAMAccountName'][0].decode()}"
+
+    def dn(self, account):
+        return next(dn for dn, values in self.objects.items() if values.get("sAMAccountName") == [account.encode()])
+
+    def groups(self, account):
+        found = []
+
+        def add(dn):
+            if dn not in found:
+                found.append(dn)
+                for parent in self.objects[dn].get("memberOf", []):
+                    add(parent.decode())
+
+        user = self.objects[self.dn(account)]
+        add(self.by_sid[user["objectSid"][0][:-4] + int(user["primaryGroupID"][0]).to_bytes(4, "little")])
+        for parent in user.get("memberOf", []):
+            add(parent.decode())
+        return [(self.nt4_name(dn), dn) for dn in found]
+
+
+def setUpModule():
+    global DC, TRUTH
+    DC = DomainController()
+    unittest.addModuleCleanup(DC.close)
+    DC.script("crowd")
+    TRUTH = Truth(DC)
+
+
+class InTheDomain(MachineTest):
+    def ctl(self, *arguments, code=0, text=None):
+        done = subprocess.run([SCRIPT, "run", DC.folder, f"{BIN}/keldwickctl", "--root", self.root, *arguments], input=text,
+                              capture_output=True, text=True, timeout=60)
+        self.assertEqual(code, done.returncode, f"keldwickctl {arguments}: {done.stdout}{done.stderr}")
+        return done.stdout if code == 0 else done.stderr
+
+    def use(self, **settings):
+        for name, value in settings.items():
+            self.ctl("settings", "set", f"Linux\\Directory{name}", str(value))
+
+    def lookup(self, name):
+        return json.loads(self.ctl("directory", "lookup", "--json", name))
+
+    def secret(self, text, mode=0o600):
+        path = f"{self.root}/password"
+        with open(path, "w", encoding="utf-8") as file:
+            file.write(text + "\n")
+        os.chmod(path, mode)
+        return path
+
+
+class Lookups(InTheDomain):
+    def setUp(self):
+        super().setUp()
+        self.ctl("init")
+        self.use(Uri=DC.env["DC_LDAPI_SYSTEM"])
+
+    def test_every_account_is_found_with_the_groups_that_ldapsearch_shows(self):
+        for account in ("ann", "bob", "dora", "eve", "zoë", "WS01$", "Administrator", "many"):
+            with self.subTest(account=account):
+                found = self.lookup(f"corp\\{account}")
+                self.assertEqual(TRUTH.dn(account), found["dn"])
+                self.assertEqual(TRUTH.groups(account), [(group["domain"], group["dn"]) for group in found["groups"]])
+        self.assertGreater(len(TRUTH.groups("many")), 2000)
+        self.assertEqual(TRUTH.groups("bob")[0][0], "CORP\\contractors", "a primary group of his own")
+        self.assertTrue({"CORP\\opsnet", "CORP\\plusminus", "CORP\\sayhi", "CORP\\größe"} <= {
+            name for name, _ in TRUTH.groups("dora")})
+
+    def test_direct_groups_are_those_of_samba_tool(self):
+        said = DC.script("run", "samba-tool", "user", "getgroups", "ann", f"--configfile={DC.folder}/etc/smb.conf").split("\n")
+        found = {group["domain"].split("\\")[1] for group in self.lookup("CORP\\ann")["groups"]}
+        self.assertTrue({line for line in said if line} <= found, (said, found))
+
+    def test_names_with_a_dns_domain_and_principal_names(self):
+        for name, wanted in (("ann@corp.example.com", "CORP\\ann"), ("BOB@CORP.EXAMPLE.COM", "CORP\\bob"),
+                             ("robert.baker@corp.example.com", "CORP\\bob"), ("ws01$@corp.example.com", "CORP\\WS01$")):
+            self.assertEqual(wanted, self.lookup(name)["name"])
+
+    def test_hostile_and_unknown_names_find_nobody(self):
+        for name in ("CORP\\*", "CORP\\*)(objectClass=*", "CORP\\nobody", "NOWHERE\\ann", "CORP\\", "CORP\\" + "a" * 1000,
+                     "CORP\\ann\\", "*@corp.example.com", "ann@*", "ann@nowhere.example", "ann", "@", "CORP\\a\x01\\2a"):
+            with self.subTest(name=name):
+                self.assertIn("(0x80072116)", self.ctl("directory", "lookup", name, code=1))
+
+
+class Binds(InTheDomain):
+    def setUp(self):
+        super().setUp()
+        self.ctl("init")
+
+    def check(self, wanted):
+        """wanted: an identity, or (error code, a word of the reason)."""
+        if isinstance(wanted, str):
+            shown = self.ctl("directory", "check")
+            self.assertIn(f"this is {wanted}\n", shown)
+            self.assertIn("CORP (corp.example.com)", shown)
+            self.assertIn("ou", self.lookup("CORP\\ann"))
+        else:
+            error = self.ctl("directory", "check", code=1)
+            for word in wanted:
+                self.assertIn(word, error)
+
+    def test_by_name_and_password_over_tls_only(self):
+        host, user = DC.env["DC_HOST"], DC.env["DC_ADMIN"]
+        password, wrong = DC.env["DC_ADMIN_PASSWORD"], ("0x8007052e",)
+        self.use(Uri=f"ldaps://{host}", Bind="simple", User=user, CaFile=DC.env["DC_CA"])
+        for settings, secret, mode, wanted in (
+                ({}, password, 0o600, user), ({}, password, 0o640, ("0x80070005", "refused")), ({}, "wrong", 0o600, wrong),
+                ({}, "", 0o600, wrong), ({"CaFile": "/etc/ssl/certs/ca-certificates.crt"}, password, 0o600, ("0x8007203a", "TLS")),
+                ({"CaFile": DC.env["DC_CA"], "Uri": f"ldap://{host}"}, password, 0o600, ("StartTls",)),
+                ({"StartTls": 1}, password, 0o600, user)):
+            with self.subTest(settings=settings, mode=oct(mode), secret=secret):
+                self.use(PasswordFile=self.secret(secret, mode), **settings)
+                self.check(wanted)
+
+    def test_by_keytab_to_a_named_server_and_to_those_of_dns(self):
+        keytab = f"{self.root}/agent.keytab"
+        self.use(Uri=f"ldap://{DC.env['DC_HOST']}", Keytab=keytab)
+        self.check(("0x8007052e",))
+        DC.script("run", "samba-tool", "domain", "exportkeytab", keytab, "--principal=DC1$",
+                  f"--configfile={DC.folder}/etc/smb.conf")
+        self.check("DC1$@CORP.EXAMPLE.COM")
+        self.use(Uri="", Domain="corp.example.com")
+        self.check("DC1$@CORP.EXAMPLE.COM")
+        self.ctl("settings", "set", "AdServer", DC.env["DC_HOST"])
+        self.assertEqual(TRUTH.dn("ann"), self.lookup("CORP\\ann")["dn"])
+        self.use(Domain="nowhere.example")
+        self.check(("0x8007203a", "_ldap._tcp.dc._msdcs.nowhere.example"))
+
+    def test_an_expired_certificate_is_refused_until_there_is_a_new_one(self):
+        self.use(Uri=f"ldaps://{DC.env['DC_HOST']}", Bind="simple", User=DC.env["DC_ADMIN"], CaFile=DC.env["DC_CA"],
+                 PasswordFile=self.secret(DC.env["DC_ADMIN_PASSWORD"]))
+        for days, wanted in ((0, ("0x8007203a", "certificate")), (2, DC.env["DC_ADMIN"])):
+            DC.script("certify", str(days))
+            DC.script("restart")
+            self.check(wanted)
+
+
+class Reports(InTheDomain):
+    def setUp(self):
+        super().setUp()
+        self.server = DC.inside(lambda: Server("127.0.0.1"))
+        self.addCleanup(self.server.close)
+        self.prepare()
+        self.use(Uri=DC.env["DC_LDAPI_SYSTEM"])
+        self.hosts = 0
+
+    def start(self, *arguments, wait=True):
+        agent = subprocess.Popen([SCRIPT, "run", DC.folder, f"{BIN}/keldwick", *arguments],
+                                 env={**os.environ, "KELDWICK_ROOT": self.root}, stdout=subprocess.PIPE,
+                                 stderr=subprocess.PIPE, text=True)
+        self.agents.append(agent)
+        self.until(lambda: "PositionToEnd: FORWARDS" in self.log(), "the agent follows the log")
+        return agent
+
+    def report(self, user):
+        """A logon from another address each time, its report, and how long that took."""
+        self.hosts += 1
+        begin = time.monotonic()
+        self.logon(user, f"10.9.0.{self.hosts}", workstation="WS01")
+        return self.server.next(timeout=PATIENCE), time.monotonic() - begin
+
+    def assert_full(self, report, user):
+        self.assertEqual(("CORP\\" + user, TRUTH.dn(user)), report["user"][:2])
+        self.assertEqual(TRUTH.dn("WS01$"), report["computer"][1])
+        self.assertEqual(TRUTH.groups(user), report["groups"])
+
+    def test_a_logon_is_reported_with_everything_the_directory_knows(self):
+        agent = self.start("-A", "-V")
+        for user in ("ann", "bob", "dora", "zoë"):
+            report, _ = self.report(user)
+            self.assert_full(report, user)
+        self.assertEqual(("CORP\\dora", TRUTH.dn("dora"), "Research/Lab.West"), self.report("dora")[0]["user"])
+        self.shut_down(agent)
+
+    def test_a_restarted_directory_goes_unnoticed_and_a_halted_one_costs_one_bounded_delay(self):
+        self.start("-A", "-V")
+        self.assert_full(self.report("ann")[0], "ann")
+        DC.script("restart")
+        self.assert_full(self.report("bob")[0], "bob")
+        os.kill(DC.pid(), 19)
+        try:
+            report, delay = self.report("ann")
+            self.assertEqual(("CORP\\ann", "", ""), report["user"])
+            self.assertEqual([], report["groups"])
+            self.assertLess(delay, 16, "ten seconds for an answer, and the rest at once")
+            report, delay = self.report("dora")
+            self.assertEqual(("CORP\\dora", "", ""), report["user"])
+            self.assertLess(delay, 5, "a server just found dead is not asked again")
+        finally:
+            os.kill(DC.pid(), 18)
+        end = time.monotonic() + PATIENCE
+        while not (report := self.report("dora")[0])["groups"]:
+            self.assertLess(time.monotonic(), end, "the directory is asked again")
+            time.sleep(0.5)
+        self.assert_full(report, "dora")
+
+
+if __name__ == "__main__":
+    unittest.main()
