@@ -28,10 +28,14 @@ void AppendPrefix(const DEBUG_STATE& state, WIDE_LINE& line) {
     AppendFormatted(line, TEXT("%s(%lu.%lu) "), state.prefix, GetCurrentProcessId(), GetCurrentThreadId());
 }
 
-void AppendTime(const DEBUG_STATE& state, WIDE_LINE& line) {
-    if ((state.mode & DEBUG_MODE_NO_TIME_STAMP) != 0) return;
-    SYSTEMTIME now;
+// The time that a line carries, read into `now`; null when it carries none.
+const SYSTEMTIME* ReadTime(const DEBUG_STATE& state, bool framed, SYSTEMTIME& now) {
+    if (!framed || (state.mode & DEBUG_MODE_NO_TIME_STAMP) != 0) return nullptr;
     GetLocalTime(&now);
+    return &now;
+}
+
+void AppendTime(WIDE_LINE& line, const SYSTEMTIME& now) {
     const WORD hour = now.wHour % 12 == 0 ? WORD(12) : static_cast<WORD>(now.wHour % 12);
     AppendFormatted(line, TEXT("%04u/%02u/%02u %02u:%02u:%02u %cM "), now.wYear, now.wMonth, now.wDay, hour,
                     now.wMinute, now.wSecond, now.wHour < 12 ? 'A' : 'P');
@@ -46,7 +50,7 @@ size_t LeadingBreaks(TEXT_VIEW message) {
 // The parts of a line that differ from sink to sink.
 struct LINE_FORM {
     bool prefix;
-    bool time;
+    const SYSTEMTIME* time;  // null: none
     TEXT_VIEW end;
 };
 
@@ -55,7 +59,7 @@ bool Compose(const DEBUG_STATE& state, WIDE_LINE& line, TEXT_VIEW message, const
     line.Clear();
     const size_t breaks = form.prefix ? LeadingBreaks(message) : 0;
     line.Append(message.substr(0, breaks));
-    if (form.time) AppendTime(state, line);
+    if (form.time != nullptr) AppendTime(line, *form.time);
     if (form.prefix) AppendPrefix(state, line);
     line.Append(message.substr(breaks));
     line.Append(form.end);
@@ -73,6 +77,11 @@ void AppendUtf8(LINE_BUFFER<char>& bytes, TEXT_VIEW text) {
     const int written = WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), at,
                                             static_cast<int>(room), nullptr, nullptr);
     bytes.Truncate(before + static_cast<size_t>(written > 0 ? written : 0));
+}
+
+void ToHook(const DEBUG_STATE& state, WIDE_LINE& line) {
+    const WCHAR* const text = line.Terminated();
+    if (text != nullptr) state.hook(text);
 }
 
 void ToDebugger(const DEBUG_STATE& state, WIDE_LINE& line) {
@@ -95,8 +104,9 @@ void ToConsole(DEBUG_STATE& state, TEXT_VIEW text) {
     WriteFile(console, state.bytes.View().data(), static_cast<DWORD>(state.bytes.View().size()), &written, nullptr);
 }
 
-// The line as the file gets it: each line feed that has no carriage return before it is given one.
-void ToLogFile(DEBUG_STATE& state, TEXT_VIEW text) {
+// The line as the file gets it, in the state's bytes: each line feed that has no carriage return before it is given
+// one.
+void ToLogBytes(DEBUG_STATE& state, TEXT_VIEW text) {
     state.bytes.Clear();
     while (!text.empty()) {
         size_t at = text.find(WCHAR('\n'));
@@ -106,6 +116,11 @@ void ToLogFile(DEBUG_STATE& state, TEXT_VIEW text) {
         state.bytes.Append(std::string_view("\r\n"));
         text.remove_prefix(at + 1);
     }
+}
+
+void ToLogFile(DEBUG_STATE& state, TEXT_VIEW text) {
+    if (!OpenLogFile(state)) return;
+    ToLogBytes(state, text);
     if (!state.bytes.Failed()) WriteLogFile(state, state.bytes.View());
 }
 
@@ -126,38 +141,42 @@ void WriteLine(DEBUG_STATE& state, DWORD flags, TEXT_VIEW message) {
     const bool ended = (flags & DEBUG_NO_LINE_END) == 0;
     const bool debugger = ((state.mode & DEBUG_MODE_DEBUGGER) | (flags & DEBUG_FORCE_DEBUGGER)) != 0;
     const bool logFile = ((state.mode & DEBUG_MODE_LOG) | (flags & DEBUG_FORCE_LOG)) != 0;
+    SYSTEMTIME now;
+    const SYSTEMTIME* const time = ReadTime(state, framed, now);
     WIDE_LINE& line = state.composed;
-    if (state.hook != nullptr) {
-        const WCHAR* const text = Compose(state, line, message, {false, false, {}}) ? line.Terminated() : nullptr;
-        if (text != nullptr) state.hook(text);
+    if (state.hook != nullptr && Compose(state, line, message, {false, nullptr, {}})) {
+        WithinMemory([&] { ToHook(state, line); });
     }
-    if (debugger && Compose(state, line, message, {framed, framed, ended ? DebuggerLineEnd : TEXT_VIEW()})) {
-        ToDebugger(state, line);
+    if (debugger && Compose(state, line, message, {framed, time, ended ? DebuggerLineEnd : TEXT_VIEW()})) {
+        WithinMemory([&] { ToDebugger(state, line); });
     }
-    if ((state.mode & DEBUG_MODE_CONSOLE) != 0 && Compose(state, line, message, {framed, false, DebuggerLineEnd})) {
-        ToConsole(state, line.View());
+    if ((state.mode & DEBUG_MODE_CONSOLE) != 0 && Compose(state, line, message, {framed, nullptr, DebuggerLineEnd})) {
+        WithinMemory([&] { ToConsole(state, line.View()); });
     }
-    if (logFile && OpenLogFile(state) &&
-        Compose(state, line, message, {framed, framed, ended ? LogLineEnd : TEXT_VIEW()})) {
-        ToLogFile(state, line.View());
+    if (logFile && Compose(state, line, message, {framed, time, ended ? LogLineEnd : TEXT_VIEW()})) {
+        WithinMemory([&] { ToLogFile(state, line.View()); });
     }
 }
 
 void WriteSeparator(DEBUG_STATE& state) {
-    if (state.hook != nullptr) state.hook(TEXT("\n"));
-    if ((state.mode & DEBUG_MODE_DEBUGGER) != 0 && Compose(state, state.composed, TEXT("\n"), {false, false, {}})) {
-        ToDebugger(state, state.composed);
+    WIDE_LINE& line = state.composed;
+    if (Compose(state, line, TEXT("\n"), {false, nullptr, {}})) {
+        if (state.hook != nullptr) WithinMemory([&] { ToHook(state, line); });
+        if ((state.mode & DEBUG_MODE_DEBUGGER) != 0) WithinMemory([&] { ToDebugger(state, line); });
     }
-    if ((state.mode & DEBUG_MODE_CONSOLE) != 0) ToConsole(state, TEXT("\n"));
-    if ((state.mode & DEBUG_MODE_LOG) != 0 && OpenLogFile(state)) ToLogFile(state, LogLineEnd);
+    if ((state.mode & DEBUG_MODE_CONSOLE) != 0) WithinMemory([&] { ToConsole(state, TEXT("\n")); });
+    if ((state.mode & DEBUG_MODE_LOG) != 0) WithinMemory([&] { ToLogFile(state, LogLineEnd); });
 }
 
 void WriteDebuggerLine(DEBUG_STATE& state, bool withPrefix, const WCHAR* format, FORMAT_ARGUMENTS arguments) {
-    STRING message;
-    message.FormatV(format, arguments);
-    WIDE_LINE line;
-    const TEXT_VIEW end = withPrefix ? DebuggerLineEnd : TEXT_VIEW();
-    if (Compose(state, line, message.View(), {withPrefix, withPrefix, end})) ToDebugger(state, line);
+    WithinMemory([&] {
+        STRING message;
+        message.FormatV(format, arguments);
+        SYSTEMTIME now;
+        const LINE_FORM form{withPrefix, ReadTime(state, withPrefix, now), withPrefix ? DebuggerLineEnd : TEXT_VIEW()};
+        WIDE_LINE line;
+        if (Compose(state, line, message.View(), form)) ToDebugger(state, line);
+    });
 }
 
 }  // namespace keldwick

@@ -5,7 +5,8 @@
 
 namespace keldwick {
 
-// Gives the message to every sink that the mode and the line's flags name.
+// Gives the message to every sink that the mode and the line's flags name, with the same time for all. Never throws: a
+// sink for which there is no memory misses the line.
 void WriteLine(DEBUG_STATE& state, DWORD flags, TEXT_VIEW message);
 
 // An empty line to every active sink.

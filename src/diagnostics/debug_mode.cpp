@@ -2,6 +2,7 @@
 
 #include <array>
 
+#include "diagnostics/debug_state.h"
 #include "platform/critical_section.h"
 
 namespace keldwick {
@@ -63,8 +64,10 @@ PRINTED_NAMES CompleteNames() {
 void SetDebugCategoryName(DWORD category, const WCHAR* name) {
     CATEGORY_NAMES& names = CategoryNames();
     const LOCK_GUARD guard(names.lock);
-    if (category == DEBUG_AD) names.ad.Assign(name);
-    if (category == DEBUG_TCP) names.tcp.Assign(name);
+    WithinMemory([&] {
+        if (category == DEBUG_AD) names.ad.Assign(name);
+        if (category == DEBUG_TCP) names.tcp.Assign(name);
+    });
 }
 
 STRING FormatDebugOutputMode(DWORD mode) {

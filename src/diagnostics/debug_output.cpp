@@ -1,7 +1,5 @@
 #include "diagnostics/debug_output.h"
 
-#include <new>
-
 #include "diagnostics/debug_line.h"
 #include "diagnostics/debug_state.h"
 #include "diagnostics/log_file.h"
@@ -33,10 +31,10 @@ DEFERRED_LINES* ThreadLines(const DEBUG_STATE& state) {
 DEFERRED_LINES* MakeThreadLines(DEBUG_STATE& state) {
     if (DEFERRED_LINES* const lines = ThreadLines(state)) return lines;
     if (state.deferredSlot == TLS_OUT_OF_INDEXES) return nullptr;
-    auto lines = std::make_unique<DEFERRED_LINES>();
-    if (!TlsSetValue(state.deferredSlot, lines.get())) return nullptr;
-    state.deferred.push_back(std::move(lines));
-    return state.deferred.back().get();
+    state.deferred.push_back(std::make_unique<DEFERRED_LINES>());
+    if (TlsSetValue(state.deferredSlot, state.deferred.back().get())) return state.deferred.back().get();
+    state.deferred.pop_back();
+    return nullptr;
 }
 
 void Defer(DEBUG_STATE& state, DWORD flags) {
@@ -50,20 +48,18 @@ void WriteDeferred(DEBUG_STATE& state, DEFERRED_LINES* lines) {
 }
 
 // Formats the line and hands it on, under the lock.
-void PrintWanted(DEBUG_STATE& state, DWORD flags, const WCHAR* format, FORMAT_ARGUMENTS arguments) try {
+void PrintWanted(DEBUG_STATE& state, DWORD flags, const WCHAR* format, FORMAT_ARGUMENTS arguments) {
     const ERROR_CODE error;
     state.message.Clear();
     AppendFormat(state.message, format, arguments);
     if (state.message.Failed()) return;
     if ((flags & DEBUG_DEFER) != 0 && (flags & DeferOverruled) == 0) {
-        Defer(state, flags);
+        WithinMemory([&] { Defer(state, flags); });
     } else {
         WriteDeferred(state, ThreadLines(state));
         WriteLine(state, flags, state.message.View());
     }
     error.Restore();
-} catch (const STRING_NO_MEMORY&) {  // the line is dropped
-} catch (const std::bad_alloc&) {
 }
 
 // Ends the output with the process: what was deferred is written, and from then on nothing is wanted any more.
@@ -100,7 +96,8 @@ void DebugPrintV(DWORD flags, const WCHAR* format, FORMAT_ARGUMENTS arguments) {
 void DebugPrintNarrowV(DWORD flags, const char* format, FORMAT_ARGUMENTS arguments) {
     DEBUG_STATE& state = DebugState();
     const LOCK_GUARD guard(state.lock);
-    if (IsWanted(state, flags)) PrintWanted(state, flags, STRING(format).Text(), arguments);
+    if (!IsWanted(state, flags)) return;
+    WithinMemory([&] { PrintWanted(state, flags, STRING(format).Text(), arguments); });
 }
 
 void DebuggerPrintV(bool withPrefix, const WCHAR* format, FORMAT_ARGUMENTS arguments) {
@@ -132,7 +129,7 @@ DWORD DebugOutputMode() {
 void SetDebugOutputPrefix(const WCHAR* prefix) {
     DEBUG_STATE& state = DebugState();
     const LOCK_GUARD guard(state.lock);
-    state.prefix.Assign(TEXT_VIEW(prefix).substr(0, MaxPrefix));
+    WithinMemory([&] { state.prefix.Assign(TEXT_VIEW(prefix).substr(0, MaxPrefix)); });
 }
 
 DWORD DebugOutputActive() {

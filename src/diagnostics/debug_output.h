@@ -72,7 +72,7 @@ void DebugOutputError(FORMAT<ARGUMENTS...> format, const ARGUMENTS&... arguments
 
 void SetDebugOutputMode(DWORD mode);  // closes the log file when the new mode has no "Log"; ignored at process end
 DWORD DebugOutputMode();
-void SetDebugOutputPrefix(const WCHAR* prefix);  // at most 32 units are kept
+void SetDebugOutputPrefix(const WCHAR* prefix);  // at most 32 units are kept; stays as it was without memory
 DWORD DebugOutputActive();                       // its low byte is 1 when "Debugger", "Log" or "Console" is set
 void FlushDebugOutput(bool separator);           // the thread's deferred lines, then, when asked, an empty line
 

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <memory>
+#include <new>
 #include <vector>
 
 #include "diagnostics/debug_output.h"
@@ -12,6 +13,14 @@
 #include "platform/heap_buffer.h"
 
 namespace keldwick {
+
+// Takes the step as far as memory allows: the debug output never fails its callers.
+template <typename STEP>
+void WithinMemory(STEP step) try {
+    step();
+} catch (const STRING_NO_MEMORY&) {
+} catch (const std::bad_alloc&) {
+}
 
 // A growing block of text units, used again for every line so that lines cost no allocation. What cannot be allocated
 // is left out, and Failed says so.
@@ -48,10 +57,15 @@ private:
         if (bytes <= block.Size()) return true;
         constexpr size_t Step = 4096;
         const size_t rounded = (bytes + bytes / 2 + Step - 1) / Step * Step;
-        if (rounded <= MAXDWORD && block.Resize(static_cast<DWORD>(rounded))) return true;
-        failed = true;
-        length = 0;
-        return false;
+        HEAP_BUFFER larger;
+        if (rounded > MAXDWORD || !larger.Resize(static_cast<DWORD>(rounded))) {
+            failed = true;
+            length = 0;
+            return false;
+        }
+        View().copy(larger.As<UNIT>(), length);
+        block = std::move(larger);
+        return true;
     }
 
     HEAP_BUFFER block;

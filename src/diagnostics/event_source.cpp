@@ -21,6 +21,7 @@ EVENT_SOURCE::EVENT_SOURCE(const WCHAR* name, DWORD limit, HMODULE module)
     : messages(module), source(RegisterEventSourceW(nullptr, name)), reportLimit(limit) {
     if (reportLimit == 0) return;
     limiterStop.Reset(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    if (!limiterStop) return;
     limiter.Reset(reinterpret_cast<HANDLE>(_beginthreadex(nullptr, 0, LimiterThread, this, 0, &limiterId)));
 }
 
@@ -35,16 +36,18 @@ EVENT_SOURCE::~EVENT_SOURCE() {
 
 unsigned WINAPI EVENT_SOURCE::LimiterThread(void* source) {
     auto& self = *static_cast<EVENT_SOURCE*>(source);
-    while (WaitForSingleObject(self.limiterStop.Get(), LimiterPeriodMs) == WAIT_TIMEOUT) {
+    for (;;) {
+        const DWORD wait = WaitForSingleObject(self.limiterStop.Get(), LimiterPeriodMs);
+        if (wait == WAIT_OBJECT_0) return 0;
+        if (wait == WAIT_FAILED) Sleep(LimiterPeriodMs);
         const LOCK_GUARD guard(self.lock);
         self.reports = 0;
     }
-    return 0;
 }
 
-// Counts the report; true when the minute has had its share.
+// Counts the report; true when the minute has had its share. Never without the thread that begins a new minute.
 bool EVENT_SOURCE::Suppress() {
-    if (reportLimit == 0) return false;
+    if (!limiter) return false;
     const LOCK_GUARD guard(lock);
     return ++reports > reportLimit;
 }

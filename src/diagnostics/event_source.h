@@ -14,8 +14,8 @@ namespace keldwick {
 
 class EVENT_SOURCE {
 public:
-    // limit: reports that reach the event log in one minute; 0 for no limit. A source that cannot be registered
-    // writes no events, silently.
+    // limit: reports that reach the event log in one minute; 0 for no limit, as when its thread cannot be had. A source
+    // that cannot be registered writes no events, silently.
     EVENT_SOURCE(const WCHAR* name, DWORD limit, HMODULE module);
     ~EVENT_SOURCE();
     EVENT_SOURCE(const EVENT_SOURCE&) = delete;

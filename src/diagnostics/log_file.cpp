@@ -75,7 +75,7 @@ STRING RenamedPath(const LOG_FILE_STATE& log, const STRING& stamp, int attempt) 
 
 STRING LogFilePath(const DEBUG_STATE& state) { return PathOf(state.log, state.log.baseName); }
 
-bool OpenLogFile(DEBUG_STATE& state) try {
+bool OpenLogFile(DEBUG_STATE& state) {
     LOG_FILE_STATE& log = state.log;
     if (log.file) return true;
     STRING path = LogFilePath(state);
@@ -84,8 +84,6 @@ bool OpenLogFile(DEBUG_STATE& state) try {
     log.file = first ? FirstOpen(state, path) : OpenOrCreate(path, OPEN_ALWAYS, TEXT("opened"));
     if (log.file) log.openPath = std::move(path);
     return static_cast<bool>(log.file);
-} catch (const STRING_NO_MEMORY&) {
-    return false;
 }
 
 void CloseLogFile(DEBUG_STATE& state) {

@@ -1,5 +1,6 @@
 // The log file: UTF-8 text beside the program. It opens with the first line that needs it and stays open until it is
-// renamed, its path changes or the mode no longer has "Log". All of this under the debug-output lock.
+// renamed, its path changes or the mode no longer has "Log". All of this under the debug-output lock; where memory
+// runs out it throws.
 #pragma once
 
 #include <string_view>

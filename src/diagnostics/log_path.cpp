@@ -130,11 +130,8 @@ bool MakeDirectory(const STRING& path, LPSECURITY_ATTRIBUTES security) {
     return false;
 }
 
-}  // namespace
-
-bool SetLogPath(LOG_PATH_CHOICE folder, LOG_PATH_CHOICE baseName, LOG_PATH_CHOICE extension, HMODULE module) {
-    DEBUG_STATE& state = DebugState();
-    const LOCK_GUARD guard(state.lock);
+bool ChooseLogPath(DEBUG_STATE& state, LOG_PATH_CHOICE folder, LOG_PATH_CHOICE baseName, LOG_PATH_CHOICE extension,
+                   HMODULE module) {
     LOG_FILE_STATE& log = state.log;
     STRING program;
     GetModulePath(program, module);
@@ -147,6 +144,16 @@ bool SetLogPath(LOG_PATH_CHOICE folder, LOG_PATH_CHOICE baseName, LOG_PATH_CHOIC
     if (!MakeFolder(log.folder)) return false;
     if (log.file && log.openPath.DiffersNoCase(path)) CloseLogFile(state);
     return ProbeFolder(path);
+}
+
+}  // namespace
+
+bool SetLogPath(LOG_PATH_CHOICE folder, LOG_PATH_CHOICE baseName, LOG_PATH_CHOICE extension, HMODULE module) {
+    DEBUG_STATE& state = DebugState();
+    const LOCK_GUARD guard(state.lock);
+    bool writable = false;
+    WithinMemory([&] { writable = ChooseLogPath(state, folder, baseName, extension, module); });
+    return writable;
 }
 
 bool CreateDirectoryPath(const WCHAR* path, LPSECURITY_ATTRIBUTES security) {

@@ -28,8 +28,8 @@ constexpr DWORD LogPathProgram = 2;       // the program's folder; the program's
 constexpr DWORD LogPathProgramNoExt = 3;  // as a base name: the program's name without its extension
 constexpr DWORD LogPathLocalAppData = 4;  // as a folder: the local application data
 
-// Chooses the log file: true when its folder exists (or was made) and can be written to. The file itself is opened by
-// the first line; one that is open elsewhere is closed.
+// Chooses the log file: true when its folder exists (or was made) and can be written to; false, too, when there is no
+// memory for the choice. The file itself is opened by the first line; one that is open elsewhere is closed.
 bool SetLogPath(LOG_PATH_CHOICE folder, LOG_PATH_CHOICE baseName, LOG_PATH_CHOICE extension, HMODULE module = nullptr);
 
 // Makes every folder of the path that does not exist; true when all exist. False: the last error says why.

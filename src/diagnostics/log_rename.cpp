@@ -60,18 +60,18 @@ SCHEDULE FirstSchedule(DWORD hour) {
 }
 
 // The timer came: a file that is open is put aside; the next line makes a new one.
-void RenameOpenFile(RENAME_STATE& rename) try {
+void RenameOpenFile(RENAME_STATE& rename) {
     DEBUG_STATE& debug = DebugState();
     const LOCK_GUARD guard(debug.lock);
     InternalPrint(TEXT("Rename timer signaled"));
     if (!debug.log.file) return;
-    const STRING path = debug.log.openPath;
+    const STRING path = std::move(debug.log.openPath);
     CloseLogFile(debug);
     SYSTEMTIME named{};
     rename.naming.ToFields(named);
-    RenameLogFile(debug, path, &named);
     rename.naming.AddMs(rename.periodMs);
-} catch (const STRING_NO_MEMORY&) {  // the next line opens the file again
+    // A file that is not renamed, be it for lack of memory, is opened again by the next line.
+    WithinMemory([&] { RenameLogFile(debug, path, &named); });
 }
 
 unsigned WINAPI RenameThread(void*) {

@@ -102,7 +102,7 @@ void PutText(SINK& sink, const FORMAT_CONVERSION& conversion, const FORMAT_ARGUM
     const size_t most =
         conversion.precision >= 0 ? static_cast<size_t>(conversion.precision) : FORMAT_ARGUMENT::Terminated;
     size_t length = 0;
-    if (given != nullptr && argument.Length() != FORMAT_ARGUMENT::Terminated) {
+    if (argument.Length() != FORMAT_ARGUMENT::Terminated) {
         length = std::min(most, argument.Length());
     } else {
         while (length < most && text[length] != 0) ++length;

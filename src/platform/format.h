@@ -89,7 +89,8 @@ public:
     FORMAT_TYPE Type() const { return type; }
     uint64_t Integer() const { return integer; }  // sign-extended from the argument's own width
     double Real() const { return real; }
-    // The text, or null; Length() units of it, or up to its NUL when Length() is Terminated.
+    // The text, or null; Length() units of it, or up to its NUL when Length() is Terminated. A view without data is the
+    // empty text.
     template <typename UNIT>
     const UNIT* TextOf() const {
         if constexpr (std::is_same_v<UNIT, WCHAR>)

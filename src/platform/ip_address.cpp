@@ -85,7 +85,7 @@ bool AddressToText(const SOCKADDR* address, DWORD length, STRING& text) {
         return true;
     }
     ERROR_CODE error = ERROR_CODE::FromSockets();
-    if (error.Get() == WSAEFAULT && units > TextArea) {
+    if (error.Get() == WSAEFAULT && units != 0) {
         text.Resize(units - 1);
         if (WSAAddressToStringW(source, length, nullptr, text.Buffer(), &units) == 0) return true;
         error = ERROR_CODE::FromSockets();

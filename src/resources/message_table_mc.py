@@ -11,11 +11,13 @@ def main() -> int:
     if len(sys.argv) != 2:
         print("usage: message_table_mc.py message_table.inc", file=sys.stderr)
         return 2
+    # The message compiler takes a text's line breaks as it finds them, and the table's are CR LF.
+    sys.stdout.reconfigure(newline="\r\n")
     with open(sys.argv[1], encoding="utf-8") as file:
         entries = ENTRY.findall(file.read())
     for name, number, text in entries:
         identifier = int(number, 16)
-        # Every line of a message ends in CR LF by itself, so the text's own last line break is not written out.
+        # The last line ends where it is printed, so the text's own last line break is not written out.
         lines = text.replace('\\"', '"').removesuffix("\\r\\n").replace("\\r\\n", "\n")
         print(f"MessageId=0x{identifier & 0xFFFF:X}\nSeverity={SEVERITIES[identifier >> 30]}\n"
               f"SymbolicName={name}\nLanguage=English\n{lines}\n.\n")

@@ -90,6 +90,14 @@ TEST_F(DebugOutput, TheClockHasTwelveHours) {
     EXPECT_EQ(expected, Log());
 }
 
+TEST_F(DebugOutput, ALineHasOneTimeInAllSinks) {
+    SetDebugOutputMode(0x3);
+    SetClock({2026, 11, 1, 16, 14, 5, 9, 0}, true);
+    DebugPrint(TEXT("x"));
+    EXPECT_EQ(Stamp + "x\r\n", Log());
+    EXPECT_TRUE(DebuggerSaw("2026/11/16 02:05:09 PM KDWK: ("));
+}
+
 TEST_F(DebugOutput, AnyTextReachesTheLogAsUtf8) {
     SetDebugOutputMode(0x40002);
     const WCHAR lone[] = {'<', 0xD83D, '>', 0xDE00, 0};
@@ -136,6 +144,72 @@ TEST_F(DebugOutput, ALineThatCannotBeDeferredIsDroppedAlone) {
         DebugPrintMasked(DEBUG_RAW, TEXT("written"));
     }).join();
     EXPECT_EQ("written\r\n", Log());
+}
+
+TEST_F(DebugOutput, AThreadWhoseLinesCouldNotBeKeptCanDeferLater) {
+    SetDebugOutputMode(0x2);
+    std::string expected;
+    for (int skip = 0; skip < 3; ++skip) {
+        std::thread([&] {
+            {
+                const LOCK_GUARD guard(DebugState().lock);
+                DebugState().deferred.shrink_to_fit();  // the next list needs a larger block
+                const FAIL_CALL exhausted(NewCalls, 0, 0, skip, 1);
+                DebugPrintMasked(DEBUG_DEFER | DEBUG_RAW, TEXT("dropped"));
+                EXPECT_EQ(1, exhausted.Failed());
+            }
+            DebugPrintMasked(DEBUG_DEFER | DEBUG_RAW, TEXT("kept"));
+            DebugPrintMasked(DEBUG_RAW, TEXT("written"));
+        }).join();
+        expected += "kept\r\nwritten\r\n";
+    }
+    EXPECT_EQ(expected, Log());
+}
+
+// Every allocation of these calls fails once, of the debug output as of the system below it.
+TEST_F(DebugOutput, WhereverMemoryRunsOutCallersAreSparedAndNoLineComesTwice) {
+    for (CALL_PLAN* const plan : {&MallocCalls, &ReallocCalls, &NewCalls}) {
+        for (int skip = 0, failed = 1; failed != 0; ++skip) {
+            SCOPED_TRACE(skip);
+            SetDebugOutputMode(0);
+            for (const auto& file : std::filesystem::directory_iterator(root.Path(""))) remove(file.path());
+            SetDebugOutputMode(0x10003);
+            DebugPrintMasked(DEBUG_DEFER | DEBUG_RAW, TEXT("first"));
+            DebugPrintMasked(DEBUG_DEFER | DEBUG_RAW, TEXT("second"));
+            {
+                const FAIL_CALL exhausted(*plan, 0, ERROR_NOT_ENOUGH_MEMORY, skip, 1);
+                EXPECT_NO_THROW({
+                    FlushDebugOutput(true);
+                    SetLogPath(2, TEXT("Keldwick"), 0);
+                    SetDebugOutputPrefix(TEXT("KDWK: "));
+                    SetDebugCategoryName(DEBUG_AD, TEXT("AD"));
+                    DebugPrintNarrow("%s", TEXT("narrow"));
+                    DebuggerPrint(100);
+                    const FAIL_CALL full(WriteFileCalls, FALSE, ERROR_DISK_FULL);
+                    DebugPrintMasked(DEBUG_DEFER, TEXT("lost"));
+                    DebugPrint(TEXT("lost"));
+                });
+                failed = exhausted.Failed();
+            }
+            DebugPrintMasked(DEBUG_RAW, TEXT("last"));
+            const std::string text = Log();
+            EXPECT_EQ(text.find("first"), text.rfind("first"));
+            EXPECT_EQ(text.find("second"), text.rfind("second"));
+            EXPECT_TRUE(text.ends_with("last\r\n"));
+        }
+    }
+}
+
+TEST(LineBuffer, KeepsItsTextHoweverItGrows) {
+    LINE_BUFFER<char> line;
+    const std::string text(4000, 'a');
+    line.Append(text);
+    const FAIL_CALL elsewhere(ReallocCalls, 0, ERROR_NOT_ENOUGH_MEMORY);
+    line.Append(text);
+    EXPECT_EQ(text + text, line.View());
+    const FAIL_CALL nowhere(MallocCalls, 0, ERROR_NOT_ENOUGH_MEMORY);
+    line.Append(text);
+    EXPECT_TRUE(line.Failed());
 }
 
 TEST_F(DebugOutput, LinesOfManyThreadsStayWhole) {

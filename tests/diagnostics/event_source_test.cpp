@@ -1,10 +1,18 @@
 #include "diagnostics/event_source.h"
 
+#include <process.h>
+
 #include <atomic>
 
 #include "tests/diagnostics/log_fixture.h"
 
 WRAP_CALL(HANDLE, RegisterEventSourceW, (LPCWSTR server, LPCWSTR source), (server, source))
+WRAP_CALL(HANDLE, CreateEventW, (LPSECURITY_ATTRIBUTES security, BOOL manual, BOOL set, LPCWSTR name),
+          (security, manual, set, name))
+WRAP_CALL(uintptr_t, _beginthreadex,
+          (void* security, unsigned stack, unsigned(WINAPI* routine)(void*), void* argument, unsigned flags,
+           unsigned* id),
+          (security, stack, routine, argument, flags, id))
 
 namespace {
 
@@ -15,6 +23,8 @@ struct REPORTED {
 };
 std::vector<REPORTED> Reported;
 bool ReportFails = false;
+std::atomic<DWORD> MinuteEnd = WAIT_TIMEOUT;  // what the limiter's wait then answers
+std::atomic<int> Slept = 0;                   // minutes
 
 // Minutes pass when a test says so: the limiter's wait ends when `minute` is signalled, and `waiting` tells that it
 // waits again, so that the counter has been reset.
@@ -50,7 +60,14 @@ extern "C" DWORD __wrap_WaitForSingleObject(HANDLE handle, DWORD milliseconds) {
     if (milliseconds != 60000) return __real_WaitForSingleObject(handle, milliseconds);
     SetEvent(Minutes().waiting.Get());
     const HANDLE either[] = {handle, Minutes().minute.Get()};
-    return WaitForMultipleObjects(2, either, FALSE, INFINITE) == WAIT_OBJECT_0 ? WAIT_OBJECT_0 : WAIT_TIMEOUT;
+    return WaitForMultipleObjects(2, either, FALSE, INFINITE) == WAIT_OBJECT_0 ? WAIT_OBJECT_0 : MinuteEnd.load();
+}
+
+extern "C" void __real_Sleep(DWORD milliseconds);
+extern "C" void __wrap_Sleep(DWORD milliseconds);
+extern "C" void __wrap_Sleep(DWORD milliseconds) {
+    if (milliseconds != 60000) return __real_Sleep(milliseconds);
+    ++Slept;
 }
 
 namespace keldwick {
@@ -96,6 +113,28 @@ TEST_F(EventSource, WithoutALimitNothingIsSuppressed) {
     for (int i = 0; i < 100; ++i) source.Report(EVENTLOG_ERROR_TYPE, 0xC0000001, {});
     ASSERT_EQ(100u, Reported.size());
     EXPECT_TRUE(Reported[0].strings.empty());
+}
+
+TEST_F(EventSource, ALimitThatCannotBeKeptSuppressesNothingForGood) {
+    for (CALL_PLAN* const plan : {&CreateEventW_calls, &_beginthreadex_calls}) {
+        Reported.clear();
+        const FAIL_CALL missing(*plan, 0, ERROR_NOT_ENOUGH_MEMORY);
+        EVENT_SOURCE source(TEXT("Keldwick"), 30, nullptr);
+        for (int i = 0; i < 100; ++i) source.Report(EVENTLOG_ERROR_TYPE, 0xC0000001, {});
+        EXPECT_EQ(100u, Reported.size());
+    }
+    Reported.clear();
+    EVENT_SOURCE source(TEXT("Keldwick"), 1, nullptr);
+    Wait();
+    MinuteEnd = WAIT_FAILED;
+    for (int minute = 0; minute < 3; ++minute) {
+        source.Report(EVENTLOG_ERROR_TYPE, 0xC0000001, {});
+        source.Report(EVENTLOG_ERROR_TYPE, 0xC0000001, {});
+        PassAMinute();
+    }
+    MinuteEnd = WAIT_TIMEOUT;
+    EXPECT_EQ(3u, Reported.size());
+    EXPECT_EQ(3, Slept) << "a wait that fails at once must not keep the processor busy";
 }
 
 TEST_F(EventSource, TheEchoNeedsAModuleAndASink) {

@@ -1,6 +1,7 @@
 #include "tests/diagnostics/log_fixture.h"
 
 #include <mutex>
+#include <new>
 
 WRAP_CALL(HANDLE, CreateFileW,
           (LPCWSTR path, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES security, DWORD disposition, DWORD flags,
@@ -10,21 +11,35 @@ WRAP_CALL(BOOL, WriteFile, (HANDLE file, LPCVOID bytes, DWORD count, LPDWORD wri
           (file, bytes, count, written, overlapped))
 WRAP_CALL(BOOL, MoveFileW, (LPCWSTR from, LPCWSTR to), (from, to))
 WRAP_CALL(BOOL, DeleteFileW, (LPCWSTR path), (path))
+WRAP_CALL(void*, malloc, (size_t bytes), (bytes))
+WRAP_CALL(void*, realloc, (void* block, size_t bytes), (block, bytes))
 CALL_PLAN& CreateFileCalls = CreateFileW_calls;
 CALL_PLAN& WriteFileCalls = WriteFile_calls;
 CALL_PLAN& MoveFileCalls = MoveFileW_calls;
 CALL_PLAN& DeleteFileCalls = DeleteFileW_calls;
+CALL_PLAN& MallocCalls = malloc_calls;
+CALL_PLAN& ReallocCalls = realloc_calls;
+CALL_PLAN NewCalls;
+
+extern "C" void* __real__Znwm(size_t bytes);
+extern "C" void* __wrap__Znwm(size_t bytes);
+extern "C" void* __wrap__Znwm(size_t bytes) {
+    if (NewCalls.Fires()) throw std::bad_alloc();
+    return __real__Znwm(bytes);
+}
 
 namespace {
 
 std::mutex ClockLock;
 SYSTEMTIME Clock{2026, 11, 1, 16, 14, 5, 9, 0};
+bool ClockRuns = false;
 
 }  // namespace
 
-void SetClock(const SYSTEMTIME& time) {
+void SetClock(const SYSTEMTIME& time, bool runs) {
     const std::lock_guard guard(ClockLock);
     Clock = time;
+    ClockRuns = runs;
 }
 
 std::vector<std::string>& Debugger() {
@@ -41,6 +56,7 @@ extern "C" void __wrap_GetLocalTime(LPSYSTEMTIME time);
 extern "C" void __wrap_GetLocalTime(LPSYSTEMTIME time) {
     const std::lock_guard guard(ClockLock);
     *time = Clock;
+    if (ClockRuns) ++Clock.wSecond;
 }
 
 extern "C" void __real_OutputDebugStringW(LPCWSTR text);

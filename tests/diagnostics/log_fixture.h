@@ -19,10 +19,14 @@ extern CALL_PLAN& CreateFileCalls;
 extern CALL_PLAN& WriteFileCalls;
 extern CALL_PLAN& MoveFileCalls;
 extern CALL_PLAN& DeleteFileCalls;
+extern CALL_PLAN& MallocCalls;   // of STRING and HEAP_BUFFER
+extern CALL_PLAN& ReallocCalls;  // of HEAP_BUFFER
+extern CALL_PLAN NewCalls;       // operator new, which then throws
 
-void SetClock(const SYSTEMTIME& time);  // what GetLocalTime answers
-std::vector<std::string>& Debugger();   // what OutputDebugStringW was given
-std::vector<DWORD>& Dispositions();     // of the files that were opened
+// What GetLocalTime answers; the seconds go on by one with each reading when it runs.
+void SetClock(const SYSTEMTIME& time, bool runs = false);
+std::vector<std::string>& Debugger();  // what OutputDebugStringW was given
+std::vector<DWORD>& Dispositions();    // of the files that were opened
 
 namespace keldwick {
 

@@ -53,6 +53,7 @@ TEST(Format, EveryConventionOfTheMessages) {
         {TEXT("[%5s|%-5s|%.2s|%2s]"), {TEXT("ab"), TEXT("ab"), TEXT("abc"), TEXT("abc")}, "[   ab|ab   |ab|abc]"},
         {TEXT("%s"), {null}, "(null)"},
         {TEXT("%s"), {STRING()}, ""},
+        {TEXT("[%s|%2s]"), {TEXT_VIEW(), TEXT_VIEW()}, "[|  ]"},
         {TEXT("%s"), {TEXT_VIEW(TEXT("cut here")).substr(0, 3)}, "cut"},
         {TEXT("%s!"), {TEXT("100%s %n%lu\\%")}, "100%s %n%lu\\%!"},
         {TEXT("nothing to say"), {}, "nothing to say"},

@@ -106,6 +106,15 @@ TEST(IpAddress, AnAreaThatIsTooSmallIsTriedAgainInABuffer) {
     EXPECT_EQ(AF_INET, address.As<SOCKADDR>()->sa_family);
 }
 
+TEST(IpAddress, ATextForWhichTheAreaIsTooSmallIsTriedAgainInTheString) {
+    IP_ADDRESS address;
+    ASSERT_TRUE(ParseAddress(address, TEXT("10.0.0.5")));
+    const FAIL_CALL small(WSAAddressToStringW_calls, static_cast<uintptr_t>(SOCKET_ERROR), WSAEFAULT, 0, 1);
+    STRING text;
+    EXPECT_TRUE(AddressToText(address.SocketAddress(), address.SocketAddressLength(), text));
+    EXPECT_EQ("10.0.0.5", Narrow(text.Text()));
+}
+
 TEST(IpAddress, AnAddressThatCannotBePrintedIsDumpedUpToSixteenBytes) {
     const CAPTURED_LINES lines;
     BYTE bytes[28] = {0xFF, 0x7F, 0xAB};
