@@ -81,6 +81,8 @@ bool ParseField(std::string_view line, LDIF_FIELD& field, std::string& reason) {
 // Makes entries of the fields between empty lines.
 class LDIF_READER {
 public:
+    bool IsOpen() const { return open; }  // fields have come since the last empty line
+
     // An entry is complete at an empty line and at the end.
     bool TakeField(LDIF_FIELD field, std::string& reason) {
         const std::string name = LowerName(field.name.substr(0, field.name.find(';')));
@@ -201,13 +203,13 @@ std::optional<LDIF_DATA> LDIF_DATA::Parse(std::string_view text, LDIF_ERROR& err
             if (!finish()) return std::nullopt;
             continue;
         }
+        if (!reader.IsOpen()) begin = number;
         LDIF_FIELD field;
         std::string reason;
         if (!ParseField(line, field, reason) || !reader.TakeField(std::move(field), reason)) {
             error = {number, reason};
             return std::nullopt;
         }
-        if (LowerName(line.substr(0, 3)) == "dn:") begin = number;
     }
     if (!finish()) return std::nullopt;
     return data;
