@@ -202,13 +202,13 @@ TEST_F(DebugOutput, WhereverMemoryRunsOutCallersAreSparedAndNoLineComesTwice) {
 
 TEST(LineBuffer, KeepsItsTextHoweverItGrows) {
     LINE_BUFFER<char> line;
-    const std::string text(4000, 'a');
+    const std::string text(20000, 'a');
     line.Append(text);
     const FAIL_CALL elsewhere(ReallocCalls, 0, ERROR_NOT_ENOUGH_MEMORY);
     line.Append(text);
     EXPECT_EQ(text + text, line.View());
     const FAIL_CALL nowhere(MallocCalls, 0, ERROR_NOT_ENOUGH_MEMORY);
-    line.Append(text);
+    line.Append(std::string(40000, 'b'));
     EXPECT_TRUE(line.Failed());
 }
 
