@@ -127,8 +127,12 @@ DWORD EVT_READER::ReadForwards(BYTE* buffer, DWORD bytes, DWORD& bytesRead, DWOR
 }
 
 const EVENTLOGRECORD* EVT_READER::RecordBefore(EVT_CURSOR& cursor, DWORD& position) {
-    const EVENTLOGRECORD* record = cursor.Before(position);
-    if (record != nullptr && record->RecordNumber + 1 == next) return record;
+    DWORD before = position;
+    const EVENTLOGRECORD* record = cursor.Before(before);
+    if (record != nullptr && record->RecordNumber + 1 == next) {
+        position = before;
+        return record;
+    }
     // Damage lies before the gap: the last whole record before it is found from the log's start.
     DWORD at = 0, number = 0, ignored = 0, last = MAXDWORD;
     while ((record = cursor.Find(at, number, ignored)) != nullptr) {

@@ -66,7 +66,8 @@ bool FindEnd(const EVT_FILE& file, DWORD current, EVT_STATE& state) {
 void WalkOn(const EVT_FILE& file, EVT_STATE& state) {
     // What may have been written there: up to the oldest record, and round the file's end only once it is fully grown.
     EVT_STATE rest = state;
-    const bool grown = state.ringEnd >= state.maxSize, empty = state.start == state.end;
+    const bool grown = state.ringEnd >= state.maxSize;
+    bool empty = state.start == state.end;
     rest.start = state.end;
     if (state.Wrapped() || (grown && !empty))
         rest.end = state.start;
@@ -78,9 +79,10 @@ void WalkOn(const EVT_FILE& file, EVT_STATE& state) {
         const DWORD next = rest.SkipFiller(position);
         const EVENTLOGRECORD* record = cursor.At(next);
         if (record == nullptr || record->RecordNumber != state.current) break;
-        if (state.oldest == 0) {
+        if (empty) {
             state.oldest = state.current;
             state.start = rest.OffsetOf(next);
+            empty = false;
         }
         ++state.current;
         position = next + record->Length;
@@ -118,6 +120,15 @@ bool Salvage(const EVT_FILE& file, EVT_STATE& state) {
     return true;
 }
 
+// Begins the log at its first whole record, whatever was said of the oldest; without one it is empty.
+void BeginAtFirst(const EVT_FILE& file, EVT_STATE& state) {
+    EVT_CURSOR cursor(file, state);
+    DWORD position = 0, ignored = 0;
+    const EVENTLOGRECORD* record = cursor.Find(position, 1, ignored);
+    state.start = record ? state.OffsetOf(position) : state.end;
+    state.oldest = record ? record->RecordNumber : 0;
+}
+
 }  // namespace
 
 bool RecoverState(const EVT_FILE& file, DWORD size, const EVT_HEADER& header, EVT_STATE& state) {
@@ -129,7 +140,7 @@ bool RecoverState(const EVT_FILE& file, DWORD size, const EVT_HEADER& header, EV
     if (endsThere && (Holds(file, state) || Adopt(file, end, state))) return true;
     if (InRing(header.start, size) && InRing(header.end, size) && header.oldest <= header.current) {
         WalkOn(file, state);
-        FindEnd(file, state.current, state);
+        if (!FindEnd(file, state.current, state)) BeginAtFirst(file, state);
         return true;
     }
     if (FindEnd(file, 0, state) || Salvage(file, state)) return true;

@@ -46,6 +46,18 @@ TEST_F(DAMAGE, EachHarmLeavesTheOtherRecordsReadableAndTheNextAppendWorks) {
         {"end not a multiple of 4", [](FILE_BYTES& b) { b[HeaderEnd] ^= 1; }, 0, all},
         {"next number wrong", [](FILE_BYTES& b) { Poke(b, HeaderCurrent, 900); }, 0, all},
         {"oldest number wrong", [](FILE_BYTES& b) { Poke(b, HeaderOldest, 900); }, 0, all},
+        {"oldest number 0, no end-of-file record",
+         [](FILE_BYTES& b) {
+             Poke(b, HeaderOldest, 0);
+             Poke(b, b.size() - 36, 7);
+         },
+         0, all},
+        {"next number far off, no end-of-file record",
+         [](FILE_BYTES& b) {
+             Poke(b, HeaderCurrent, 0xFFFFFFF0);
+             Poke(b, b.size() - 36, 7);
+         },
+         0, all},
         {"end-of-file record cut off", [](FILE_BYTES& b) { b.resize(b.size() - 1); }, 0, all},
         {"end-of-file record gone", [](FILE_BYTES& b) { b.resize(b.size() - 40); }, 0, all},
         {"end-of-file record overwritten", [](FILE_BYTES& b) { Poke(b, b.size() - 36, 7); }, 0, all},

@@ -81,7 +81,7 @@ protected:
     // Reads up to the first error, which it gives with all that was read before.
     static READ ReadAll(HANDLE log, DWORD flags, DWORD bytes = 65536) {
         READ all;
-        while (all.error == 0) {
+        for (int reads = 0; all.error == 0 && reads < 100000; ++reads) {
             const READ part = ReadOnce(log, flags, bytes);
             all.ids.insert(all.ids.end(), part.ids.begin(), part.ids.end());
             all.numbers.insert(all.numbers.end(), part.numbers.begin(), part.numbers.end());
