@@ -28,7 +28,8 @@ public:
     // Closes the connection or gives up the attempt. Disconnected follows at once if Connected (0) came before.
     void Disconnect();
 
-    // Delivers what has happened, and never waits.
+    // Delivers what has happened, and never waits. An end of the connection right behind bytes is left to the next call
+    // (or to Send), so that the bytes can be taken first.
     void ProcessEvents();
 
     // Hands all the bytes to the connection, waiting at most the time-out for room. Otherwise the result is an error

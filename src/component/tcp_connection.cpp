@@ -305,6 +305,8 @@ void TCP_CONNECTION::Remember(int code, std::string text) {
 void TCP_CONNECTION::Close() {
     ++generation;
     BindEvent(-1, 0);
+    if (event != nullptr) ResetEvent(event);
+    ending.reset();
     if (timer) WakeAt({});
     if (lookup) Unwatch(lookup->Descriptor());
     lookup.reset();

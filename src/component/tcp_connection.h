@@ -8,6 +8,7 @@
 #include <array>
 #include <chrono>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -52,6 +53,10 @@ public:
 private:
     using CLOCK = std::chrono::steady_clock;
     using RESULT = TLS_ENGINE::RESULT;
+    struct ENDING {
+        int code;
+        std::string text;
+    };
     enum class STATE { Idle, Failed, Resolving, Connecting, Handshaking, Open };
 
     // Making the connection. Each step says whether the next one can be taken at once.
@@ -71,6 +76,7 @@ private:
     RESULT Receive(int& count);
     RESULT Transmit(const BYTE* bytes, int length, int& count);
     bool ReadAvailable();
+    bool Ended(int code, const std::string& text, bool behindBytes);
     bool NoticeClose();
     bool AwaitRoom(RESULT wanted, CLOCK::time_point end);
     void Lost(int code, const std::string& text);
@@ -104,6 +110,7 @@ private:
     win32::DESCRIPTOR socket;
     std::unique_ptr<TLS_ENGINE> tls;
     bool delivering = false;         // DataIn is running: the buffer is in use
+    std::optional<ENDING> ending;    // seen behind bytes that were delivered, and not yet told
     bool awaitsRoom = false;         // TLS can read on only after it has written
     std::array<BYTE, 16384> buffer;  // the most that one TLS record holds
 

@@ -48,9 +48,13 @@ TCP_CONNECTION::RESULT TCP_CONNECTION::Transmit(const BYTE* bytes, int length, i
     return errno == EAGAIN || errno == EINTR ? RESULT::WantWrite : RESULT::Failed;
 }
 
-// Delivers what has arrived, the end of the connection included. False always: there is no next step.
+// Delivers what has arrived: bytes, or else the end of the connection. False always: there is no next step.
 bool TCP_CONNECTION::ReadAvailable() {
     if (delivering) return false;
+    if (ending) {
+        const ENDING known = *ending;
+        return Ended(known.code, known.text, false);
+    }
     for (int round = 0; round < MostReadsPerCall; ++round) {
         int count = 0;
         const RESULT result = Receive(count);
@@ -74,16 +78,26 @@ bool TCP_CONNECTION::ReadAvailable() {
                 }
                 return false;
             case RESULT::Closed:
-                Lost(0, ClosedByServer);
-                return false;
+                return Ended(0, ClosedByServer, round > 0);
             case RESULT::Failed: {
                 const int code = tls ? tls->FailureCode() : win32::SocketErrorFromErrno(errno);
-                Lost(code, tls ? FailureSentence(*tls) : SocketErrorText(code));
-                return false;
+                return Ended(code, tls ? FailureSentence(*tls) : SocketErrorText(code), round > 0);
             }
         }
     }
     if (tls && tls->HasBuffered()) SetEvent(event);  // the socket does not poll readable for it
+    return false;
+}
+
+// Tells of the end; behind bytes that the caller has only just been given not before the next call, so that whoever
+// waits for an answer can take it from a server that closes behind it. False always.
+bool TCP_CONNECTION::Ended(int code, const std::string& text, bool behindBytes) {
+    if (behindBytes) {
+        ending = ENDING{code, text};
+        SetEvent(event);
+    } else {
+        Lost(code, text);
+    }
     return false;
 }
 
@@ -92,11 +106,12 @@ bool TCP_CONNECTION::NoticeClose() {
     const unsigned mine = generation;
     for (int round = 0; round < MostReadRounds && !delivering; ++round) {
         pollfd polled{socket.Get(), POLLIN | POLLRDHUP, 0};
-        if (poll(&polled, 1, 0) <= 0) return true;
+        const bool arrived = poll(&polled, 1, 0) > 0 || (tls && tls->HasBuffered());
+        if (!arrived && !ending) return true;
         const bool ends = (polled.revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0;
         ReadAvailable();
         if (generation != mine) return false;
-        if (!ends) return true;
+        if (!ends && !ending) return true;
     }
     if (delivering) return true;
     Lost(WSAECONNABORTED, ClosedByServer);  // it has closed, behind more bytes than anybody wants

@@ -126,6 +126,24 @@ TEST(PlainConnection, ACloseWakesTheWaiterAfterTheBytesBeforeIt) {
     }
 }
 
+TEST(PlainConnection, ACloseBehindAFullBufferLeavesTimeToTakeTheBytes) {
+    constexpr size_t readAtOnce = 16384;
+    for (const bool bySend : {false, true}) {
+        CONNECTED pair;
+        pair.peer.Say(std::string(readAtOnce, 'x'));
+        pair.peer.Close();
+        ASSERT_TRUE(pair.client.AwaitBytes(readAtOnce));
+        EXPECT_FALSE(pair.client.Seen("Disconnected"));
+        if (bySend)
+            EXPECT_EQ(Reset, Send(pair.client, "request"));
+        else
+            EXPECT_TRUE(pair.client.Await("Disconnected"));
+        EXPECT_EQ("Disconnected 0", pair.client.events.back());
+        EXPECT_EQ(readAtOnce, pair.client.received.size());
+        EXPECT_TRUE(pair.client.Idle());
+    }
+}
+
 TEST(PlainConnection, ASendThatFindsNoRoomWithinTheTimeOutEndsTheConnection) {
     CONNECTED pair;
     pair.client.SetTimeout(1);
@@ -214,7 +232,7 @@ TEST(PlainConnection, AHangingNameServerHoldsUpNobodyAndIsBounded) {
         client.Connect("127.0.0.1", listening.Port());
         ASSERT_TRUE(client.Await("ReadyToSend")) << "an address needs no name server";
     }  // the client goes while its look-ups hang
-    ReviveNameServer();
+    ReviveNameServer(win32::MostLookups);
     EXPECT_EQ(0, HangingLookups());
 }
 

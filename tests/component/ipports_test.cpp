@@ -271,6 +271,49 @@ TEST(SecureConnection, EveryKindOfEndIsSeenAfterTheBytesBeforeIt) {
         }
 }
 
+// How the client meets an end that lies behind bytes.
+enum class MEETS { Waiting, Processing, Sending, SendingFirst };
+
+TEST(SecureConnection, AnEndThatArrivesWithBytesLeavesTimeToTakeThem) {
+    for (const bool clean : {true, false})
+        for (const MEETS how : {MEETS::Waiting, MEETS::Processing, MEETS::Sending, MEETS::SendingFirst}) {
+            SCOPED_TRACE(std::string(clean ? "goodbye " : "garbage ") + std::to_string(static_cast<int>(how)));
+            std::string heardBehind;
+            const EVENTS end{clean ? "Disconnected 0" : "Disconnected " + std::to_string(Aborted)};
+            {
+                PLAYED server(SERVER_KIND{}, [&](SSL* session, ACCEPTED& peer) {
+                    Hear(session, 7);
+                    BIO* const records = BIO_new(BIO_s_mem());
+                    SSL_set0_wbio(session, records);
+                    Say(session, "answer");
+                    if (clean) SSL_shutdown(session);
+                    char* bytes = nullptr;
+                    const auto count = static_cast<size_t>(BIO_get_mem_data(records, &bytes));
+                    peer.Say(std::string(bytes, count) + (clean ? "" : "garbage garbage"));
+                    heardBehind = peer.Hear(1 << 20);
+                });
+                CLIENT client;
+                client.Connect("127.0.0.1", server.Port());
+                ASSERT_TRUE(client.Await("ReadyToSend"));
+                EXPECT_EQ(0, client.SendText("request"));
+                if (how == MEETS::SendingFirst)
+                    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(client.EventHandle(), 15'000));
+                else
+                    EXPECT_EQ(EVENTS{"DataIn"}, client.Turn());
+                if (how == MEETS::Waiting)
+                    EXPECT_EQ(end, client.Turn());
+                else if (how == MEETS::Processing)
+                    client.ProcessEvents();
+                else
+                    EXPECT_EQ(clean ? Reset : Aborted, client.SendText("another"));
+                EXPECT_EQ(Open + EVENTS{"DataIn"} + end, client.events);
+                EXPECT_EQ("answer", client.received);
+                EXPECT_TRUE(client.Idle());
+            }
+            EXPECT_FALSE(heardBehind.starts_with("\x17")) << "a record of data went out into the end";
+        }
+}
+
 TEST(SecureConnection, LargeMessagesGoThroughWhole) {
     const std::string large(3 << 20, 'x');
     PLAYED server(SERVER_KIND{}, [&](SSL* session, ACCEPTED&) {

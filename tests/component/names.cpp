@@ -24,6 +24,7 @@ extern "C" int __wrap_getaddrinfo(const char* node, const char* service, const a
     if (name == "hang.example") {
         std::unique_lock guard(lock);
         ++hanging;
+        changed.notify_all();
         changed.wait(guard, [] { return !dead; });
         --hanging;
         changed.notify_all();
@@ -43,8 +44,9 @@ extern "C" int __wrap_getaddrinfo(const char* node, const char* service, const a
     return 0;
 }
 
-void ReviveNameServer() {
+void ReviveNameServer(int lookups) {
     std::unique_lock guard(lock);
+    changed.wait(guard, [=] { return hanging == lookups; });
     dead = false;
     changed.notify_all();
     changed.wait(guard, [] { return hanging == 0; });

@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-// Lets all hanging look-ups end, and waits until they have.
-void ReviveNameServer();
+// Waits until so many look-ups hang, lets them end, and waits until they have.
+void ReviveNameServer(int lookups);
 int HangingLookups();
 
 // Of each name, its IPv4 addresses. "hang.example" is answered only by ReviveNameServer; all others are not found.

@@ -55,6 +55,13 @@ public:
         }
         return true;
     }
+    // What the next call of ProcessEvents delivers.
+    std::vector<std::string> Turn() {
+        EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(this->EventHandle(), 15'000));
+        const auto before = static_cast<std::ptrdiff_t>(events.size());
+        this->ProcessEvents();
+        return {events.begin() + before, events.end()};
+    }
     bool Seen(const std::string& wanted) const {
         for (const std::string& event : events)
             if (event.starts_with(wanted)) return true;

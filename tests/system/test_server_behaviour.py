@@ -1,10 +1,12 @@
 """What servers do to the agent: absent, changed, closing, answering wrongly. The next event is always handled."""
+import contextlib
 import socket
+import ssl
 import struct
 import unittest
 
 from machine import MachineTest
-from wire import Server, answer
+from wire import Server, answer, certificate
 
 
 class ServerBehaviour(MachineTest):
@@ -28,6 +30,27 @@ class ServerBehaviour(MachineTest):
             self.assertEqual(f"CORP\\u{number}", server.next()["user"][0])
             self.until_logged(f"Logon reported,\n    User name = \"CORP\\u{number}\"")
         self.assertNotIn("Unable to report logon", self.log())
+        self.shut_down(agent)
+
+    def test_a_server_that_answers_over_tls_and_closes_each_time_gets_every_report(self):
+        def answer_and_close(connection, _request, fields):
+            connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_CORK, 1)  # answer, goodbye and close arrive as one
+            connection.sendall(answer(fields["id"]))
+            connection.setblocking(False)
+            with contextlib.suppress(ssl.SSLWantReadError):
+                connection.unwrap()
+            connection.shutdown(socket.SHUT_RDWR)
+
+        server = self.serve(tls_files=certificate(self.root), reply=answer_and_close)
+        self.prepare("tcps")
+        agent = self.start()
+        for number in range(5):
+            self.logon(f"u{number}", f"10.0.0.{number}", "WS")
+            self.assertEqual(f"CORP\\u{number}", server.next()["user"][0])
+            self.until_logged(f"Logon reported,\n    User name = \"CORP\\u{number}\"")
+        self.assertNotIn("Unable to report logon", self.log())
+        self.assertEqual(["tls"] * 5, [server.accepted.get(timeout=0) for _ in range(5)])
+        self.assertTrue(server.requests.empty(), "no report goes out twice")
         self.shut_down(agent)
 
     def test_wrong_answers_fail_their_report_and_the_next_one_succeeds(self):
