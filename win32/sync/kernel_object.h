@@ -19,7 +19,7 @@ public:
     virtual int WaitDescriptor() const { return -1; }
 
     // A second condition that also signals the object: a socket bound to an event. fd -1: none. events: poll's bits.
-    struct COMPANION {
+    struct alignas(8) COMPANION {  // aligned so that it can be exchanged in one go
         int fd = -1;
         short events = 0;
     };
