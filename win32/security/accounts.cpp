@@ -10,6 +10,7 @@
 #include <cstring>
 #include <vector>
 
+#include "win32/security/domain_accounts.h"
 #include "win32/security/well_known.h"
 #include "win32/text/utf.h"
 
@@ -98,7 +99,8 @@ std::optional<ACCOUNT> FindAccount(const SID_VALUE& sid) {
     if (sid.Subs().empty()) return std::nullopt;
     const DWORD last = sid.Subs().back();
     if (sid.Domain() == SID_VALUE{UnixAuthority, {UnixUsers}} && last > MaxMappedId) return User(last);
-    if (sid.Domain() != machine || last < FirstRelativeId) return std::nullopt;
+    if (sid.Domain() != machine) return FindDomainAccount(sid);
+    if (last < FirstRelativeId) return std::nullopt;
     const DWORD id = (last - FirstRelativeId) / 2;
     return last % 2 == 0 ? User(id) : Group(id);
 }

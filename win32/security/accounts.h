@@ -1,4 +1,4 @@
-// Accounts and their SIDs: the well-known ones, and the users and groups of this machine.
+// Accounts and their SIDs: the well-known ones, the users and groups of this machine, and those of the directory.
 #pragma once
 
 #include <sys/types.h>
@@ -17,7 +17,8 @@ struct ACCOUNT {
     SID_NAME_USE use = SidTypeUnknown;
 };
 
-// The account behind a SID, in the English names that Windows has; nothing for a SID that is not known here.
+// The account behind a SID, in the English names that Windows has; nothing for a SID that is not known here. A domain's
+// SID may cost as long as the directory takes to answer.
 std::optional<ACCOUNT> FindAccount(const SID_VALUE& sid);
 
 // S-1-5-21-a-b-c, the same for the life of the installation: derived from the machine id, from which it does not let
