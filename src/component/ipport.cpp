@@ -32,7 +32,7 @@ TCP_CLIENT::~TCP_CLIENT() = default;
 int TCP_CLIENT::Connect(const char* host, int port) { return connection->Connect(host, port); }
 void TCP_CLIENT::Disconnect() { connection->Disconnect(); }
 void TCP_CLIENT::ProcessEvents() { connection->ProcessEvents(); }
-int TCP_CLIENT::Send(const void* bytes, int count) { return connection->Send(bytes, count); }
+int TCP_CLIENT::Send(const void* bytes, int count, SEND_LOOK look) { return connection->Send(bytes, count, look); }
 void TCP_CLIENT::SetTimeout(int seconds) { connection->SetTimeout(seconds); }
 const char* TCP_CLIENT::LastErrorText() const { return connection->LastErrorText(); }
 HANDLE TCP_CLIENT::EventHandle() const { return connection->EventHandle(); }

@@ -6,6 +6,8 @@
 
 #include <windows.h>
 
+#include "component/send_look.h"
+
 #include <memory>
 
 namespace keldwick {
@@ -35,7 +37,8 @@ public:
     // Hands all the bytes to the connection, waiting at most the time-out for room. Otherwise the result is an error
     // code, LastErrorText describes it, and the connection is closed (Disconnected has been delivered). A close by the
     // peer that arrived before the call is such an error: nothing has been sent then.
-    int Send(const void* bytes, int count);
+    // A caller that has called ProcessEvents just before spares itself the look for a close.
+    int Send(const void* bytes, int count, SEND_LOOK look = SEND_LOOK::FIRST);
 
     // Bounds connecting (the TLS handshake included), Send's wait, and how long a vanished peer stays unnoticed. At
     // first 20.

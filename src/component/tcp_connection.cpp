@@ -307,6 +307,7 @@ void TCP_CONNECTION::Close() {
     BindEvent(-1, 0);
     if (event != nullptr) ResetEvent(event);
     ending.reset();
+    foundNothing = false;
     if (timer) WakeAt({});
     if (lookup) Unwatch(lookup->Descriptor());
     lookup.reset();

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "component/resolver.h"
+#include "component/send_look.h"
 #include "component/tls_engine.h"
 #include "win32/sync/descriptor.h"
 
@@ -44,7 +45,7 @@ public:
     int Connect(const char* host, int port);
     void Disconnect();
     void ProcessEvents();
-    int Send(const void* bytes, int count);
+    int Send(const void* bytes, int count, SEND_LOOK look);
     void SetTimeout(int seconds);
     void SetProtocols(DWORD bits) { protocols = bits; }
     const char* LastErrorText() const { return lastErrorText.c_str(); }
@@ -111,6 +112,7 @@ private:
     std::unique_ptr<TLS_ENGINE> tls;
     bool delivering = false;         // DataIn is running: the buffer is in use
     std::optional<ENDING> ending;    // seen behind bytes that were delivered, and not yet told
+    bool foundNothing = false;       // the last look at the socket found neither bytes nor an end
     bool awaitsRoom = false;         // TLS can read on only after it has written
     std::array<BYTE, 16384> buffer;  // the most that one TLS record holds
 

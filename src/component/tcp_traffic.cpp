@@ -51,6 +51,7 @@ TCP_CONNECTION::RESULT TCP_CONNECTION::Transmit(const BYTE* bytes, int length, i
 // Delivers what has arrived: bytes, or else the end of the connection. False always: there is no next step.
 bool TCP_CONNECTION::ReadAvailable() {
     if (delivering) return false;
+    foundNothing = false;
     if (ending) {
         const ENDING known = *ending;
         return Ended(known.code, known.text, false);
@@ -72,6 +73,7 @@ bool TCP_CONNECTION::ReadAvailable() {
             }
             case RESULT::WantRead:
             case RESULT::WantWrite:
+                foundNothing = true;
                 if (awaitsRoom != (result == RESULT::WantWrite)) {
                     awaitsRoom = !awaitsRoom;
                     BindEvent(socket.Get(), awaitsRoom ? FD_READ | FD_CLOSE | FD_WRITE : FD_READ | FD_CLOSE);
@@ -118,13 +120,14 @@ bool TCP_CONNECTION::NoticeClose() {
     return false;
 }
 
-int TCP_CONNECTION::Send(const void* bytes, int count) {
+int TCP_CONNECTION::Send(const void* bytes, int count, SEND_LOOK look) {
     if (state != STATE::Open || bytes == nullptr || count < 0) {
         Remember(state != STATE::Open ? WSAENOTCONN : WSAEINVAL, state != STATE::Open ? "Not connected." : "No bytes.");
         return lastError;
     }
     lastError = 0;
-    if (!NoticeClose()) return lastError != 0 ? lastError : WSAECONNRESET;
+    const bool looked = look == SEND_LOOK::HAPPENED && foundNothing;
+    if (!looked && !NoticeClose()) return lastError != 0 ? lastError : WSAECONNRESET;
     const auto* next = static_cast<const BYTE*>(bytes);
     CLOCK::time_point end{};  // set when room is first waited for
     while (count > 0) {

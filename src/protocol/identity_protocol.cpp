@@ -47,7 +47,9 @@ TCP_CLIENT& IDENTITY_PROTOCOL::Active() {
     return tls;
 }
 
-int IDENTITY_PROTOCOL::Send(const BYTE* bytes, DWORD length) { return Active().Send(bytes, static_cast<int>(length)); }
+int IDENTITY_PROTOCOL::Send(const BYTE* bytes, DWORD length) {
+    return Active().Send(bytes, static_cast<int>(length), SEND_LOOK::HAPPENED);
+}
 STRING IDENTITY_PROTOCOL::LastErrorText() { return STRING(Active().LastErrorText()); }
 void IDENTITY_PROTOCOL::Disconnect() { Active().Disconnect(); }
 
@@ -143,8 +145,8 @@ WAIT_RESULT IDENTITY_PROTOCOL::Stopping() {
 WAIT_RESULT IDENTITY_PROTOCOL::Wait(DWORD seconds, SESSION_EVENTS wanted) {
     if (!ArmTimer(seconds)) return WAIT_RESULT::FAILED;
     DebugPrintMasked(DEBUG_TCP, TEXT("IDENTITY_PROTOCOL::Wait for events = [%s]"), EventNames(wanted));
+    if (Active().EventHandle() == nullptr) ProcessEvents();  // otherwise its event says when there is something to do
     for (;;) {
-        ProcessEvents();
         const DWORD signal = NextSignal();
         const ERROR_CODE error;
         WAIT_RESULT result = WAIT_RESULT::FAILED;
@@ -159,6 +161,8 @@ WAIT_RESULT IDENTITY_PROTOCOL::Wait(DWORD seconds, SESSION_EVENTS wanted) {
                 return WAIT_RESULT::TIMED_OUT;
             case WAIT_OBJECT_0 + 3:
             case WAIT_TIMEOUT:
+                ProcessEvents();
+                if (std::exchange(woken, false) && Woken(wanted, result)) return result;
                 break;
             case WAIT_FAILED:
                 DebugPrint(TEXT("IDENTITY_PROTOCOL::Wait: Wait failed. %s. Error code = %lu."), ErrorText(error),

@@ -42,7 +42,8 @@ public:
     // Waits until every wanted bit has arrived, an error has, the seconds have passed, or the service is to stop.
     WAIT_RESULT Wait(DWORD seconds, SESSION_EVENTS wanted);
 
-    // Hands bytes to the active connection. 0, or the component's error, which LastErrorText describes.
+    // Hands bytes to the active connection, which LetEventsThrough or a connect has just looked at. 0, or the
+    // component's error, which LastErrorText describes.
     int Send(const BYTE* bytes, DWORD length);
     STRING LastErrorText();
 
