@@ -1,7 +1,8 @@
 // Makes single calls of a Windows interface fail with a given code, by link-time wrapping: the program that is tested
 // carries no hooks. A test program names the call in its wrapped-calls.txt and defines it once:
 //
-//     WRAP_CALL(LSTATUS, RegSetValueExW, (HKEY k, LPCWSTR n, DWORD r, DWORD t, const BYTE* d, DWORD c), (k, n, r, t, d, c))
+//     WRAP_CALL(LSTATUS, RegSetValueExW, (HKEY k, LPCWSTR n, DWORD r, DWORD t, const BYTE* d, DWORD c), (k, n, r, t, d,
+//     c))
 //
 // and a test then says
 //
@@ -53,14 +54,14 @@ private:
     CALL_PLAN& plan;
 };
 
-#define WRAP_CALL(RETURN, NAME, PARAMETERS, ARGUMENTS)                                  \
-    static CALL_PLAN NAME##_calls;                                                      \
-    extern "C" RETURN __real_##NAME PARAMETERS;                                         \
-    extern "C" RETURN __wrap_##NAME PARAMETERS;                                         \
-    extern "C" RETURN __wrap_##NAME PARAMETERS {                                        \
-        if (NAME##_calls.Fires()) {                                                     \
-            SetLastError(NAME##_calls.error);                                           \
-            return (RETURN)(NAME##_calls.result.load());                                \
-        }                                                                               \
-        return __real_##NAME ARGUMENTS;                                                 \
+#define WRAP_CALL(RETURN, NAME, PARAMETERS, ARGUMENTS)   \
+    static CALL_PLAN NAME##_calls;                       \
+    extern "C" RETURN __real_##NAME PARAMETERS;          \
+    extern "C" RETURN __wrap_##NAME PARAMETERS;          \
+    extern "C" RETURN __wrap_##NAME PARAMETERS {         \
+        if (NAME##_calls.Fires()) {                      \
+            SetLastError(NAME##_calls.error);            \
+            return (RETURN)(NAME##_calls.result.load()); \
+        }                                                \
+        return __real_##NAME ARGUMENTS;                  \
     }

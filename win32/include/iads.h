@@ -36,11 +36,11 @@ protected:
 };
 
 extern "C" {
-extern const CLSID CLSID_NameTranslate;      // {274FAE1F-3626-11D1-A3A4-00C04FB950DC}
-extern const IID IID_IADsNameTranslate;      // {B1B272A3-3625-11D1-A3A4-00C04FB950DC}
-extern const IID IID_IADs;                   // {FD8256D0-FD15-11CE-ABC4-02608C9E7553}
-extern const IID IID_IUnknown;               // {00000000-0000-0000-C000-000000000046}
-extern const IID IID_IDispatch;              // {00020400-0000-0000-C000-000000000046}
+extern const CLSID CLSID_NameTranslate;  // {274FAE1F-3626-11D1-A3A4-00C04FB950DC}
+extern const IID IID_IADsNameTranslate;  // {B1B272A3-3625-11D1-A3A4-00C04FB950DC}
+extern const IID IID_IADs;               // {FD8256D0-FD15-11CE-ABC4-02608C9E7553}
+extern const IID IID_IUnknown;           // {00000000-0000-0000-C000-000000000046}
+extern const IID IID_IDispatch;          // {00020400-0000-0000-C000-000000000046}
 }
 
 #define E_ADS_BAD_PATHNAME (static_cast<HRESULT>(0x80005000u))

@@ -2,8 +2,20 @@
 #pragma once
 #include <objbase.h>
 
-enum VARENUM { VT_EMPTY = 0, VT_NULL = 1, VT_I4 = 3, VT_BSTR = 8, VT_DISPATCH = 9, VT_VARIANT = 12, VT_UI1 = 17, VT_ARRAY = 0x2000 };
-typedef struct tagSAFEARRAYBOUND { ULONG cElements; LONG lLbound; } SAFEARRAYBOUND;
+enum VARENUM {
+    VT_EMPTY = 0,
+    VT_NULL = 1,
+    VT_I4 = 3,
+    VT_BSTR = 8,
+    VT_DISPATCH = 9,
+    VT_VARIANT = 12,
+    VT_UI1 = 17,
+    VT_ARRAY = 0x2000
+};
+typedef struct tagSAFEARRAYBOUND {
+    ULONG cElements;
+    LONG lLbound;
+} SAFEARRAYBOUND;
 typedef struct tagSAFEARRAY {
     USHORT cDims, fFeatures;
     ULONG cbElements, cLocks;

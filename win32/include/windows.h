@@ -39,7 +39,9 @@ typedef LONG HRESULT, NTSTATUS, LSTATUS, SCODE;
 typedef DWORD LCID, ACCESS_MASK, REGSAM;
 typedef WORD LANGID, ATOM;
 
-#define DECLARE_HANDLE(name) struct name##__; typedef struct name##__* name
+#define DECLARE_HANDLE(name) \
+    struct name##__;         \
+    typedef struct name##__* name
 DECLARE_HANDLE(HINSTANCE);
 DECLARE_HANDLE(HKEY);
 DECLARE_HANDLE(HRSRC);
@@ -49,22 +51,40 @@ typedef HINSTANCE HMODULE;
 typedef HKEY* PHKEY;
 
 typedef union _LARGE_INTEGER {
-    struct { DWORD LowPart; LONG HighPart; };
+    struct {
+        DWORD LowPart;
+        LONG HighPart;
+    };
     LONGLONG QuadPart;
 } LARGE_INTEGER, *PLARGE_INTEGER;
 typedef union _ULARGE_INTEGER {
-    struct { DWORD LowPart; DWORD HighPart; };
+    struct {
+        DWORD LowPart;
+        DWORD HighPart;
+    };
     ULONGLONG QuadPart;
 } ULARGE_INTEGER;
-typedef struct _FILETIME { DWORD dwLowDateTime, dwHighDateTime; } FILETIME, *PFILETIME, *LPFILETIME;
+typedef struct _FILETIME {
+    DWORD dwLowDateTime, dwHighDateTime;
+} FILETIME, *PFILETIME, *LPFILETIME;
 typedef struct _SYSTEMTIME {
     WORD wYear, wMonth, wDayOfWeek, wDay, wHour, wMinute, wSecond, wMilliseconds;
 } SYSTEMTIME, *PSYSTEMTIME, *LPSYSTEMTIME;
-typedef struct _LUID { DWORD LowPart; LONG HighPart; } LUID, *PLUID;
-typedef struct _GUID { DWORD Data1; WORD Data2, Data3; BYTE Data4[8]; } GUID, IID, CLSID;
+typedef struct _LUID {
+    DWORD LowPart;
+    LONG HighPart;
+} LUID, *PLUID;
+typedef struct _GUID {
+    DWORD Data1;
+    WORD Data2, Data3;
+    BYTE Data4[8];
+} GUID, IID, CLSID;
 typedef const GUID &REFGUID, &REFIID, &REFCLSID;
-typedef struct _SECURITY_ATTRIBUTES { DWORD nLength; LPVOID lpSecurityDescriptor; BOOL bInheritHandle; }
-    SECURITY_ATTRIBUTES, *PSECURITY_ATTRIBUTES, *LPSECURITY_ATTRIBUTES;
+typedef struct _SECURITY_ATTRIBUTES {
+    DWORD nLength;
+    LPVOID lpSecurityDescriptor;
+    BOOL bInheritHandle;
+} SECURITY_ATTRIBUTES, *PSECURITY_ATTRIBUTES, *LPSECURITY_ATTRIBUTES;
 typedef struct _OVERLAPPED OVERLAPPED, *LPOVERLAPPED;
 typedef PVOID PSID;
 
@@ -79,9 +99,9 @@ typedef PVOID PSID;
 #define MAX_PATH 260
 #define MAXDWORD 0xFFFFFFFFu
 #define INVALID_HANDLE_VALUE (reinterpret_cast<HANDLE>(static_cast<INT_PTR>(-1)))
-#define LOBYTE(w) (static_cast<BYTE>((w) & 0xFF))
+#define LOBYTE(w) (static_cast<BYTE>((w)&0xFF))
 #define HIBYTE(w) (static_cast<BYTE>(((w) >> 8) & 0xFF))
-#define LOWORD(l) (static_cast<WORD>((l) & 0xFFFF))
+#define LOWORD(l) (static_cast<WORD>((l)&0xFFFF))
 #define HIWORD(l) (static_cast<WORD>(((l) >> 16) & 0xFFFF))
 #define MAKELANGID(primary, sub) (static_cast<WORD>(((sub) << 10) | (primary)))
 #define MAKEINTRESOURCEW(id) (reinterpret_cast<LPWSTR>(static_cast<ULONG_PTR>(static_cast<WORD>(id))))
@@ -173,7 +193,7 @@ extern "C" {
 #define SUCCEEDED(hr) (static_cast<HRESULT>(hr) >= 0)
 #define FAILED(hr) (static_cast<HRESULT>(hr) < 0)
 #define HRESULT_FROM_WIN32(x) \
-    (static_cast<HRESULT>(x) <= 0 ? static_cast<HRESULT>(x) : static_cast<HRESULT>(((x) & 0x0000FFFFu) | 0x80070000u))
+    (static_cast<HRESULT>(x) <= 0 ? static_cast<HRESULT>(x) : static_cast<HRESULT>(((x)&0x0000FFFFu) | 0x80070000u))
 #define S_OK (static_cast<HRESULT>(0))
 #define S_FALSE (static_cast<HRESULT>(1))
 #define E_NOTIMPL (static_cast<HRESULT>(0x80004001u))
@@ -216,8 +236,8 @@ int WINAPI lstrcmpW(LPCWSTR a, LPCWSTR b);
 int WINAPI lstrcmpiW(LPCWSTR a, LPCWSTR b);
 #define NORM_IGNORECASE 0x00000001
 #define LCMAP_SORTKEY 0x00000400
-// Sort keys only, in the user's order whatever the locale: `key` takes bytes, and their number is given (0 bytes of room:
-// only the number). Units below 0: the text ends at its NUL.
+// Sort keys only, in the user's order whatever the locale: `key` takes bytes, and their number is given (0 bytes of
+// room: only the number). Units below 0: the text ends at its NUL.
 int WINAPI LCMapStringW(LCID locale, DWORD flags, LPCWSTR text, int units, LPWSTR key, int keyBytes);
 // A pointer whose upper bits are 0 is one UTF-16 unit, returned converted; otherwise the text is converted in place.
 LPWSTR WINAPI CharUpperW(LPWSTR text);
@@ -269,7 +289,9 @@ DWORD WINAPI WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL all
 BOOL WINAPI CloseHandle(HANDLE handle);
 
 // A recursive lock; the layer keeps its mutex in Storage.
-typedef struct _RTL_CRITICAL_SECTION { alignas(16) BYTE Storage[64]; } CRITICAL_SECTION, *LPCRITICAL_SECTION;
+typedef struct _RTL_CRITICAL_SECTION {
+    alignas(16) BYTE Storage[64];
+} CRITICAL_SECTION, *LPCRITICAL_SECTION;
 void WINAPI InitializeCriticalSection(LPCRITICAL_SECTION section);
 BOOL WINAPI InitializeCriticalSectionAndSpinCount(LPCRITICAL_SECTION section, DWORD spins);
 void WINAPI EnterCriticalSection(LPCRITICAL_SECTION section);
@@ -284,8 +306,8 @@ inline LONG InterlockedExchange(LONG volatile* target, LONG value) {
 // ---- Processes and threads ----------------------------------------------------------------------------------------
 
 typedef DWORD(WINAPI* LPTHREAD_START_ROUTINE)(LPVOID argument);
-HANDLE WINAPI CreateThread(LPSECURITY_ATTRIBUTES security, SIZE_T stack, LPTHREAD_START_ROUTINE routine, LPVOID argument,
-                           DWORD flags, LPDWORD threadId);
+HANDLE WINAPI CreateThread(LPSECURITY_ATTRIBUTES security, SIZE_T stack, LPTHREAD_START_ROUTINE routine,
+                           LPVOID argument, DWORD flags, LPDWORD threadId);
 // Abandons the thread: it is never interrupted midway, its handle becomes signalled at once.
 BOOL WINAPI TerminateThread(HANDLE thread, DWORD exitCode);
 BOOL WINAPI GetExitCodeThread(HANDLE thread, LPDWORD exitCode);
@@ -425,8 +447,10 @@ typedef struct _SERVICE_STATUS {
 } SERVICE_STATUS, *LPSERVICE_STATUS;
 typedef void(WINAPI* LPSERVICE_MAIN_FUNCTIONW)(DWORD count, LPWSTR* arguments);
 typedef DWORD(WINAPI* LPHANDLER_FUNCTION_EX)(DWORD control, DWORD eventType, LPVOID eventData, LPVOID context);
-typedef struct _SERVICE_TABLE_ENTRYW { LPWSTR lpServiceName; LPSERVICE_MAIN_FUNCTIONW lpServiceProc; }
-    SERVICE_TABLE_ENTRYW, *LPSERVICE_TABLE_ENTRYW;
+typedef struct _SERVICE_TABLE_ENTRYW {
+    LPWSTR lpServiceName;
+    LPSERVICE_MAIN_FUNCTIONW lpServiceProc;
+} SERVICE_TABLE_ENTRYW, *LPSERVICE_TABLE_ENTRYW;
 #define SERVICE_WIN32_OWN_PROCESS 0x00000010
 #define SERVICE_INTERACTIVE_PROCESS 0x00000100
 #define SERVICE_STOPPED 1
@@ -474,32 +498,56 @@ int WINAPI MessageBoxW(HWND owner, LPCWSTR text, LPCWSTR caption, UINT type);
 
 // ---- Security -----------------------------------------------------------------------------------------------------
 
-typedef struct _SID_IDENTIFIER_AUTHORITY { BYTE Value[6]; } SID_IDENTIFIER_AUTHORITY, *PSID_IDENTIFIER_AUTHORITY;
+typedef struct _SID_IDENTIFIER_AUTHORITY {
+    BYTE Value[6];
+} SID_IDENTIFIER_AUTHORITY, *PSID_IDENTIFIER_AUTHORITY;
 typedef enum _SID_NAME_USE {
-    SidTypeUser = 1, SidTypeGroup, SidTypeDomain, SidTypeAlias, SidTypeWellKnownGroup, SidTypeDeletedAccount,
-    SidTypeInvalid, SidTypeUnknown, SidTypeComputer
-} SID_NAME_USE, *PSID_NAME_USE;
+    SidTypeUser = 1,
+    SidTypeGroup,
+    SidTypeDomain,
+    SidTypeAlias,
+    SidTypeWellKnownGroup,
+    SidTypeDeletedAccount,
+    SidTypeInvalid,
+    SidTypeUnknown,
+    SidTypeComputer
+} SID_NAME_USE,
+    *PSID_NAME_USE;
 typedef struct _LUID_AND_ATTRIBUTES {
     LUID Luid;
     DWORD Attributes;
 } LUID_AND_ATTRIBUTES;
-typedef struct _TOKEN_PRIVILEGES { DWORD PrivilegeCount; LUID_AND_ATTRIBUTES Privileges[1]; }
-    TOKEN_PRIVILEGES, *PTOKEN_PRIVILEGES;
-typedef struct _SID_AND_ATTRIBUTES { PSID Sid; DWORD Attributes; } SID_AND_ATTRIBUTES;
-typedef struct _TOKEN_USER { SID_AND_ATTRIBUTES User; } TOKEN_USER, *PTOKEN_USER;
+typedef struct _TOKEN_PRIVILEGES {
+    DWORD PrivilegeCount;
+    LUID_AND_ATTRIBUTES Privileges[1];
+} TOKEN_PRIVILEGES, *PTOKEN_PRIVILEGES;
+typedef struct _SID_AND_ATTRIBUTES {
+    PSID Sid;
+    DWORD Attributes;
+} SID_AND_ATTRIBUTES;
+typedef struct _TOKEN_USER {
+    SID_AND_ATTRIBUTES User;
+} TOKEN_USER, *PTOKEN_USER;
 typedef enum _TOKEN_INFORMATION_CLASS { TokenUser = 1, TokenSessionId = 12 } TOKEN_INFORMATION_CLASS;
 #define SE_PRIVILEGE_ENABLED 0x00000002
 #define SE_SECURITY_NAME TEXT("SeSecurityPrivilege")
 #define TOKEN_QUERY 0x0008
 #define TOKEN_ADJUST_PRIVILEGES 0x0020
 #define TOKEN_ALL_ACCESS 0xF01FF
-#define SECURITY_NULL_SID_AUTHORITY {0, 0, 0, 0, 0, 0}
-#define SECURITY_WORLD_SID_AUTHORITY {0, 0, 0, 0, 0, 1}
-#define SECURITY_LOCAL_SID_AUTHORITY {0, 0, 0, 0, 0, 2}
-#define SECURITY_CREATOR_SID_AUTHORITY {0, 0, 0, 0, 0, 3}
-#define SECURITY_NON_UNIQUE_AUTHORITY {0, 0, 0, 0, 0, 4}
-#define SECURITY_NT_AUTHORITY {0, 0, 0, 0, 0, 5}
-#define SECURITY_RESOURCE_MANAGER_AUTHORITY {0, 0, 0, 0, 0, 9}
+#define SECURITY_NULL_SID_AUTHORITY \
+    { 0, 0, 0, 0, 0, 0 }
+#define SECURITY_WORLD_SID_AUTHORITY \
+    { 0, 0, 0, 0, 0, 1 }
+#define SECURITY_LOCAL_SID_AUTHORITY \
+    { 0, 0, 0, 0, 0, 2 }
+#define SECURITY_CREATOR_SID_AUTHORITY \
+    { 0, 0, 0, 0, 0, 3 }
+#define SECURITY_NON_UNIQUE_AUTHORITY \
+    { 0, 0, 0, 0, 0, 4 }
+#define SECURITY_NT_AUTHORITY \
+    { 0, 0, 0, 0, 0, 5 }
+#define SECURITY_RESOURCE_MANAGER_AUTHORITY \
+    { 0, 0, 0, 0, 0, 9 }
 BOOL WINAPI OpenProcessToken(HANDLE process, DWORD access, PHANDLE token);
 BOOL WINAPI GetTokenInformation(HANDLE token, TOKEN_INFORMATION_CLASS what, LPVOID buffer, DWORD bytes, PDWORD needed);
 BOOL WINAPI AdjustTokenPrivileges(HANDLE token, BOOL disableAll, PTOKEN_PRIVILEGES set, DWORD bytes,

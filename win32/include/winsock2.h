@@ -16,7 +16,10 @@ typedef struct sockaddr_in6 SOCKADDR_IN6;
 typedef struct sockaddr_storage SOCKADDR_STORAGE;
 typedef struct addrinfo ADDRINFOA, *PADDRINFOA;
 typedef struct _WSAPROTOCOL_INFOW WSAPROTOCOL_INFOW, *LPWSAPROTOCOL_INFOW;
-typedef struct WSAData { WORD wVersion, wHighVersion; char szDescription[257], szSystemStatus[129]; } WSADATA, *LPWSADATA;
+typedef struct WSAData {
+    WORD wVersion, wHighVersion;
+    char szDescription[257], szSystemStatus[129];
+} WSADATA, *LPWSADATA;
 #define INVALID_SOCKET (-1)
 #define SOCKET_ERROR (-1)
 #define MAKEWORD(low, high) (static_cast<WORD>((low) | ((high) << 8)))
@@ -63,7 +66,8 @@ int WINAPI WSAStartup(WORD version, LPWSADATA data);
 int WINAPI WSACleanup();
 int WINAPI WSAGetLastError();
 void WINAPI WSASetLastError(int code);
-// text: NUL-terminated. On success *length is the address's size. Too small: WSAEFAULT (10014) and *length the size needed.
+// text: NUL-terminated. On success *length is the address's size. Too small: WSAEFAULT (10014) and *length the size
+// needed.
 int WINAPI WSAStringToAddressW(LPWSTR text, INT family, LPWSAPROTOCOL_INFOW protocol, LPSOCKADDR address, int* length);
 int WINAPI WSAAddressToStringW(LPSOCKADDR address, DWORD addressLength, LPWSAPROTOCOL_INFOW protocol, LPWSTR text,
                                LPDWORD units);
