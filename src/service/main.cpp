@@ -17,6 +17,7 @@ int WINAPI wWinMain(HINSTANCE, HINSTANCE, LPWSTR, int) { return keldwick::RunPro
 
 #include "platform/string.h"
 #include "platform/version_numbers.h"
+#include "win32/services/exit_status.h"
 
 namespace {
 
@@ -81,7 +82,9 @@ int main(int argc, char** argv) {
     for (int i = 0; i < argc; ++i) texts.emplace_back(argv[i]);
     std::vector<WCHAR*> arguments;
     for (keldwick::STRING& text : texts) arguments.push_back(text.Buffer());
-    return keldwick::RunProgram(argc, arguments.data());
+    // A service's own exit code reaches the manager as the process's.
+    const int code = keldwick::RunProgram(argc, arguments.data());
+    return code != 0 ? code : win32::ServiceExitStatus();
 }
 
 #endif

@@ -4,12 +4,17 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
+#include <fstream>
 #include <mutex>
 #include <string>
+#include <vector>
 
+#include "win32/services/exit_status.h"
 #include "win32/services/service_manager.h"
+#include "win32/services/watchdog.h"
 #include "win32/sync/descriptor.h"
 #include "win32/text/last_error.h"
 #include "win32/text/utf.h"
@@ -22,6 +27,16 @@ constexpr DWORD ProcessAborted = 1067;    // ERROR_PROCESS_ABORTED
 constexpr DWORD NotInThisProgram = 1083;  // ERROR_SERVICE_NOT_IN_EXE
 constexpr DWORD LastWordsMs = 5000;       // for what ServiceMain does after its report of SERVICE_STOPPED
 
+// What the process was started with, but for the program's name: the unit's arguments.
+std::vector<std::u16string> ProcessArguments() {
+    std::ifstream file("/proc/self/cmdline", std::ios::binary);
+    std::vector<std::u16string> arguments;
+    std::string argument;
+    std::getline(file, argument, '\0');  // the program
+    while (std::getline(file, argument, '\0')) arguments.push_back(ToUtf16(argument));
+    return arguments;
+}
+
 // The one service of this process, from the dispatcher's start to its end.
 class SERVICE {
 public:
@@ -30,6 +45,7 @@ public:
     bool Run(const SERVICE_TABLE_ENTRYW& entry);
     SERVICE_STATUS_HANDLE Register(LPCWSTR wanted, LPHANDLER_FUNCTION_EX function, LPVOID argument);
     bool Report(SERVICE_STATUS_HANDLE handle, const SERVICE_STATUS& status);
+    DWORD ExitCode();
 
 private:
     static DWORD WINAPI ServiceThread(LPVOID argument);
@@ -50,7 +66,10 @@ private:
     LPSERVICE_MAIN_FUNCTIONW main = nullptr;
     LPHANDLER_FUNCTION_EX handler = nullptr;
     LPVOID context = nullptr;
+    std::vector<std::u16string> startParameters;  // the service's name, the unit's arguments
+    std::atomic<pid_t> thread = 0;                // the kernel's number of the service's thread
     DWORD accepted = 0;
+    DWORD exitCode = 0;
     bool stopWanted = false;
     bool stopped = false;
 };
@@ -61,9 +80,12 @@ bool SERVICE::Begin(const SERVICE_TABLE_ENTRYW& entry) {
     if (!changed) return FailWith(ERROR_TOO_MANY_OPEN_FILES);
     active = true;
     name = entry.lpServiceName;
+    startParameters = ProcessArguments();
+    startParameters.insert(startParameters.begin(), name);
     main = entry.lpServiceProc;
     handler = nullptr;
-    accepted = 0;
+    accepted = exitCode = 0;
+    thread = 0;
     stopWanted = stopped = false;
     return true;
 }
@@ -77,21 +99,23 @@ void SERVICE::End() {
 bool SERVICE::Run(const SERVICE_TABLE_ENTRYW& entry) {
     if (!Begin(entry)) return false;
     STOP_SIGNALS signals;
-    HANDLE thread = signals.Descriptor() < 0 ? nullptr : CreateThread(nullptr, 0, ServiceThread, this, 0, nullptr);
-    if (thread != nullptr) {
+    HANDLE started = signals.Descriptor() < 0 ? nullptr : CreateThread(nullptr, 0, ServiceThread, this, 0, nullptr);
+    if (started != nullptr) {
         DispatchUntilStopped(signals);
-        WaitForSingleObject(thread, LastWordsMs);
-        CloseHandle(thread);
+        WaitForSingleObject(started, LastWordsMs);
+        CloseHandle(started);
     }
     End();
-    return thread != nullptr || FailWith(ERROR_NOT_ENOUGH_MEMORY);
+    return started != nullptr || FailWith(ERROR_NOT_ENOUGH_MEMORY);
 }
 
 DWORD WINAPI SERVICE::ServiceThread(LPVOID argument) {
     SERVICE& service = *static_cast<SERVICE*>(argument);
-    std::u16string own = service.name;
-    LPWSTR arguments[] = {own.data(), nullptr};
-    service.main(1, arguments);
+    service.thread = gettid();
+    std::vector<LPWSTR> arguments;
+    for (std::u16string& parameter : service.startParameters) arguments.push_back(parameter.data());
+    arguments.push_back(nullptr);
+    service.main(static_cast<DWORD>(arguments.size() - 1), arguments.data());
     if (!service.Stopped()) {  // nobody else would tell the manager
         SERVICE_STATUS status{};
         status.dwServiceType = SERVICE_WIN32_OWN_PROCESS;
@@ -103,9 +127,10 @@ DWORD WINAPI SERVICE::ServiceThread(LPVOID argument) {
 }
 
 void SERVICE::DispatchUntilStopped(STOP_SIGNALS& signals) {
+    WATCHDOG watchdog;
     while (!Stopped()) {
         pollfd polled[] = {{signals.Descriptor(), POLLIN, 0}, {changed.Get(), POLLIN, 0}};
-        if (poll(polled, 2, -1) < 0 && errno != EINTR) return;
+        if (poll(polled, 2, watchdog.PeriodMs()) < 0 && errno != EINTR) return;
         if (signals.Take()) {
             const std::lock_guard guard(lock);
             stopWanted = true;
@@ -113,6 +138,7 @@ void SERVICE::DispatchUntilStopped(STOP_SIGNALS& signals) {
         uint64_t changes;
         if (read(changed.Get(), &changes, sizeof(changes)) < 0 && errno != EAGAIN) return;
         PassOnStop();
+        if (thread != 0) watchdog.Look(thread);
     }
 }
 
@@ -127,6 +153,7 @@ void SERVICE::PassOnStop() {
         function = handler;
         argument = context;
     }
+    NotifyServiceManager(StoppingMessage());  // a service need not report that it is about to stop
     function(SERVICE_CONTROL_STOP, 0, nullptr, argument);
 }
 
@@ -163,7 +190,10 @@ bool SERVICE::Report(SERVICE_STATUS_HANDLE handle, const SERVICE_STATUS& status)
             return FailWith(ERROR_INVALID_DATA);
         // Told under the lock, so that the manager sees the states in the order in which they were reported.
         const bool delivered = NotifyServiceManager(StateMessage(status));
-        if (status.dwCurrentState == SERVICE_STOPPED) stopped = true;  // delivered or not: the dispatcher must end
+        if (status.dwCurrentState == SERVICE_STOPPED) {
+            stopped = true;  // delivered or not: the dispatcher must end
+            exitCode = CodeOf(status);
+        }
         if (!delivered) {
             if (stopped) Wake();
             return false;
@@ -174,6 +204,11 @@ bool SERVICE::Report(SERVICE_STATUS_HANDLE handle, const SERVICE_STATUS& status)
     return true;
 }
 
+DWORD SERVICE::ExitCode() {
+    const std::lock_guard guard(lock);
+    return exitCode;
+}
+
 // Never destroyed: a service thread that outlives the dispatcher may still report.
 SERVICE& TheService() {
     static SERVICE& service = *new SERVICE;
@@ -181,6 +216,13 @@ SERVICE& TheService() {
 }
 
 }  // namespace
+
+int ServiceExitStatus() {
+    const DWORD code = TheService().ExitCode();
+    const int status = static_cast<int>(code & 0xFF);
+    return code != 0 && status == 0 ? 1 : status;
+}
+
 }  // namespace win32
 
 BOOL WINAPI StartServiceCtrlDispatcherW(const SERVICE_TABLE_ENTRYW* table) {

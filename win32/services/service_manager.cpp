@@ -37,7 +37,7 @@ std::string Pending(const char* text, DWORD waitHintMs) {
 
 std::string Stopped(const SERVICE_STATUS& status) {
     const bool specific = status.dwWin32ExitCode == ERROR_SERVICE_SPECIFIC_ERROR;
-    const DWORD code = specific ? status.dwServiceSpecificExitCode : status.dwWin32ExitCode;
+    const DWORD code = CodeOf(status);
     std::string message = "STOPPING=1\nSTATUS=Stopped";
     if (code != 0) message += (specific ? ", service-specific exit code " : ", exit code ") + std::to_string(code);
     return message;
@@ -50,6 +50,13 @@ bool ServiceManagerPresent() {
     return socket != nullptr && *socket != 0;
 }
 
+DWORD CodeOf(const SERVICE_STATUS& status) {
+    return status.dwWin32ExitCode == ERROR_SERVICE_SPECIFIC_ERROR ? status.dwServiceSpecificExitCode
+                                                                  : status.dwWin32ExitCode;
+}
+
+std::string StoppingMessage(DWORD waitHintMs) { return Pending("STOPPING=1\nSTATUS=Stopping", waitHintMs); }
+
 std::string StateMessage(const SERVICE_STATUS& status) {
     switch (status.dwCurrentState) {
         case SERVICE_START_PENDING:
@@ -57,7 +64,7 @@ std::string StateMessage(const SERVICE_STATUS& status) {
         case SERVICE_RUNNING:
             return "READY=1\nSTATUS=Running";
         case SERVICE_STOP_PENDING:
-            return Pending("STOPPING=1\nSTATUS=Stopping", status.dwWaitHint);
+            return StoppingMessage(status.dwWaitHint);
         default:
             return Stopped(status);
     }

@@ -14,6 +14,12 @@ bool ServiceManagerPresent();
 // The message for a state that a service reports. The state must be one of SERVICE_STOPPED to SERVICE_RUNNING.
 std::string StateMessage(const SERVICE_STATUS& status);
 
+// The message for a service that is about to stop; hint: milliseconds that it asks for, 0 none.
+std::string StoppingMessage(DWORD waitHintMs = 0);
+
+// The code that a stopped service gives its manager, service-specific or not.
+DWORD CodeOf(const SERVICE_STATUS& status);
+
 // Sends a message; false when it could not be delivered (last error set).
 bool NotifyServiceManager(const std::string& message);
 

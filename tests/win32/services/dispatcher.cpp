@@ -12,6 +12,9 @@
 #include <vector>
 
 #include "tests/support/temporary_root.h"
+#include "win32/services/exit_status.h"
+#include "win32/services/watchdog.h"
+#include "win32/text/utf.h"
 
 namespace {
 
@@ -36,6 +39,17 @@ public:
     void GoAway() {
         if (fd >= 0) close(fd);
         fd = -1;
+    }
+
+    // Whether the message comes in time; takes what comes before it.
+    bool Hears(const std::string& wanted) const {
+        pollfd polled{fd, POLLIN, 0};
+        while (poll(&polled, 1, 20000) > 0) {
+            for (const std::string& message : Received()) {
+                if (message == wanted) return true;
+            }
+        }
+        return false;
     }
 
     MESSAGES Received() const {
@@ -71,8 +85,12 @@ BOOL Report(DWORD state, DWORD exitCode = 0, DWORD specific = 0, DWORD hint = 0)
 }
 
 void WINAPI Main(DWORD count, LPWSTR* arguments) {
-    ASSERT_EQ(1u, count);
-    EXPECT_EQ(std::u16string(u"Keldwick"), arguments[0]);
+    const std::vector<std::u16string> given(arguments, arguments + count);
+    std::vector<std::u16string> wanted{u"Keldwick"};  // in place of the program's name
+    for (const std::string& own : testing::internal::GetArgvs()) wanted.push_back(win32::ToUtf16(own));
+    wanted.erase(wanted.begin() + 1);
+    EXPECT_EQ(wanted, given);
+    EXPECT_EQ(nullptr, arguments[count]);
     EXPECT_EQ(nullptr, RegisterServiceCtrlHandlerExW(u"Another", Handler, &play));
     EXPECT_EQ(1083u, GetLastError());
     play.handle = RegisterServiceCtrlHandlerExW(u"KELDWICK", Handler, &play);
@@ -120,6 +138,7 @@ TEST(Service, AStopSignalThatComesBeforeTheServiceAcceptsItIsPassedOnOnceItDoes)
         }));
         EXPECT_EQ(std::vector<DWORD>{SERVICE_CONTROL_STOP}, play.controls);
         EXPECT_EQ((MESSAGES{"STATUS=Starting\nEXTEND_TIMEOUT_USEC=30000000", "READY=1\nSTATUS=Running",
+                            "STOPPING=1\nSTATUS=Stopping",  // with the control
                             "STOPPING=1\nSTATUS=Stopping", "STOPPING=1\nSTATUS=Stopped"}),
                   manager.Received());
         EXPECT_FALSE(Report(SERVICE_RUNNING)) << "the handle went with the dispatcher";
@@ -130,17 +149,56 @@ TEST(Service, TheManagerLearnsWhyItStopped) {
     const struct CASE {
         void (*act)();
         std::string message;
+        int exitStatus;
     } cases[] = {
-        {[] { Report(SERVICE_STOPPED, ERROR_ACCESS_DENIED); }, "STOPPING=1\nSTATUS=Stopped, exit code 5"},
+        {[] { Report(SERVICE_STOPPED, ERROR_ACCESS_DENIED); }, "STOPPING=1\nSTATUS=Stopped, exit code 5", 5},
         {[] { Report(SERVICE_STOPPED, ERROR_SERVICE_SPECIFIC_ERROR, 2); },
-         "STOPPING=1\nSTATUS=Stopped, service-specific exit code 2"},
-        {[] {}, "STOPPING=1\nSTATUS=Stopped, exit code 1067"},
+         "STOPPING=1\nSTATUS=Stopped, service-specific exit code 2", 2},
+        {[] { Report(SERVICE_STOPPED, ERROR_SERVICE_SPECIFIC_ERROR, 256); },
+         "STOPPING=1\nSTATUS=Stopped, service-specific exit code 256", 1},
+        {[] {}, "STOPPING=1\nSTATUS=Stopped, exit code 1067", 1067 & 0xFF},
+        {[] { Report(SERVICE_STOPPED); }, "STOPPING=1\nSTATUS=Stopped", 0},
     };
     for (const CASE& c : cases) {
         MANAGER manager;
         EXPECT_TRUE(Dispatch(c.act));
         EXPECT_EQ(MESSAGES{c.message}, manager.Received());
+        EXPECT_EQ(c.exitStatus, win32::ServiceExitStatus()) << c.message;
     }
+}
+
+TEST(Service, AManagerThatWatchesIsToldThatAllIsWell) {
+    static MANAGER* listening;
+    MANAGER manager;
+    listening = &manager;
+    setenv("WATCHDOG_USEC", "40000", 1);
+    EXPECT_TRUE(Dispatch([] {
+        EXPECT_TRUE(Report(SERVICE_RUNNING));
+        for (int i = 0; i < 3; ++i) EXPECT_TRUE(listening->Hears("WATCHDOG=1"));
+        EXPECT_TRUE(Report(SERVICE_STOPPED));
+    }));
+    unsetenv("WATCHDOG_USEC");
+}
+
+TEST(Service, AThreadHangsOnceItHasNotSleptForLongerThanTheLimit) {
+    using std::chrono::milliseconds;
+    const struct STEP {
+        int atMs;
+        std::optional<uint64_t> count;
+        bool made;
+    } steps[] = {{0, 5, true},    {100, 5, true},
+                 {101, 5, false}, {102, 6, true},
+                 {202, 6, true},  {203, std::nullopt, false},
+                 {204, 7, true},  {304, std::nullopt, true},
+                 {305, 8, true}};
+    win32::PROGRESS progress(milliseconds(100));
+    for (const STEP& step : steps)
+        EXPECT_EQ(step.made, progress.Made(step.count, win32::PROGRESS::TIME(milliseconds(step.atMs)))) << step.atMs;
+
+    const std::optional<uint64_t> before = win32::TimesAsleep(gettid());
+    poll(nullptr, 0, 1);
+    EXPECT_LT(before.value(), win32::TimesAsleep(gettid()).value());
+    EXPECT_EQ(std::nullopt, win32::TimesAsleep(0));
 }
 
 TEST(Service, AReportThatTheManagerCannotGetFailsAndTheDispatcherStillEnds) {
