@@ -1,0 +1,125 @@
+"""The Debian package: built from the programs under test, then installed, used, upgraded, removed and purged on a copy of
+this machine (an overlay in a mount namespace of the test's own, so that this machine keeps what it has)."""
+import os
+import re
+import shutil
+import subprocess
+import tempfile
+import unittest
+
+from machine import BIN
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+PACKAGING = f"{HERE}/../../packaging"
+ROOT = "/var/lib/keldwick"
+OVERLAY = """mount -t tmpfs tmpfs "$1" && mkdir "$1/upper" "$1/work" "$1/copy" &&
+mount -t overlay overlay -o "lowerdir=/,upperdir=$1/upper,workdir=$1/work" "$1/copy" &&
+mount --rbind /dev "$1/copy/dev" && mount -t proc proc "$1/copy/proc" && echo ready && exec cat"""
+
+
+class Package(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.folder = tempfile.mkdtemp(prefix="keldwick-package-")
+        cls.addClassCleanup(shutil.rmtree, cls.folder, ignore_errors=True)
+        cls.package = subprocess.run([f"{PACKAGING}/build-deb", BIN, cls.folder], check=True, capture_output=True,
+                                     text=True, timeout=120).stdout.strip()
+
+    def setUp(self):
+        mounts = tempfile.mkdtemp(prefix="keldwick-copy-")
+        self.addCleanup(os.rmdir, mounts)
+        self.copy = f"{mounts}/copy"
+        self.keeper = subprocess.Popen(["unshare", "--mount", "--propagation", "private", "sh", "-c", OVERLAY, "sh", mounts],
+                                       stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        self.addCleanup(self.keeper.communicate)
+        if self.keeper.stdout.readline() != "ready\n":
+            self.fail("this machine has no overlays for the test (it needs root): " + self.keeper.communicate()[1])
+
+    def inside(self, *command, code=0):
+        done = subprocess.run(["nsenter", f"--mount=/proc/{self.keeper.pid}/ns/mnt", "chroot", self.copy, *command],
+                              capture_output=True, text=True, timeout=120,
+                              env={"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "DEBIAN_FRONTEND": "noninteractive",
+                                   "KELDWICK_ROOT": ROOT, "LC_ALL": "C.UTF-8"})
+        self.assertEqual(code, done.returncode, f"{command}: {done.stdout}{done.stderr}")
+        return done.stdout.strip()
+
+    def as_agent(self, *command):
+        return self.inside("runuser", "-u", "keldwick", "--", *command)
+
+    def put(self, path):
+        """Copies a file into the copy, at the same path."""
+        with open(path, "rb") as file:
+            subprocess.run(["nsenter", f"--mount=/proc/{self.keeper.pid}/ns/mnt", "chroot", self.copy, "sh", "-c",
+                            'mkdir -p "${1%/*}" && cat >"$1"', "sh", path], check=True, stdin=file)
+        return path
+
+    def install(self, package):
+        return self.inside("dpkg", "--install", self.put(package))
+
+    def newer(self):
+        tree = f"{self.folder}/tree"
+        subprocess.run(["dpkg-deb", "--raw-extract", self.package, tree], check=True)
+        with open(f"{tree}/DEBIAN/control", encoding="utf-8") as file:
+            control = file.read()
+        with open(f"{tree}/DEBIAN/control", "w", encoding="utf-8") as file:
+            file.write(re.sub(r"(?m)^Version: .*", "Version: 99", control))
+        package = f"{self.folder}/newer.deb"
+        subprocess.run(["dpkg-deb", "--root-owner-group", "--build", tree, package], check=True, capture_output=True)
+        return package
+
+    def test_installed_used_upgraded_removed_purged(self):
+        self.install(self.package)
+        self.assertEqual("keldwick keldwick 2750", self.inside("stat", "-c", "%U %G %a", ROOT))
+        self.assertEqual("keldwick keldwick 660", self.inside("stat", "-c", "%U %G %a", f"{ROOT}/eventlog/Security.evt"))
+
+        with self.subTest("what root does with the tool, the agent's user can go on with"):
+            self.inside("keldwickctl", "settings", "set", "IdentServer", "identity.example.net")
+            self.inside("keldwickctl", "events", "clear")
+            self.inside("keldwickctl", "events", "clear", "--log", "Application")
+            self.as_agent("keldwickctl", "settings", "set", "Heartbeat", "7")
+            self.as_agent("keldwickctl", "events", "write", "--id", "4608", "--", "-")
+            self.as_agent("keldwick", "-X", "-L", "-V")
+            self.assertEqual("keldwick 1.2.5", self.inside("keldwick", "--version").split(" build")[0])
+
+        with self.subTest("an upgrade keeps settings and events"):
+            self.install(self.newer())
+            self.assertEqual("7", self.inside("keldwickctl", "settings", "get", "Heartbeat").split()[0])
+            self.assertIn("4608", self.inside("keldwickctl", "events", "list", "--json"))
+
+        with self.subTest("removing keeps the machine root, purging does not"):
+            self.inside("dpkg", "--remove", "keldwick")
+            self.inside("test", "-e", f"{ROOT}/registry.reg", "-a", "!", "-e", "/usr/sbin/keldwick")
+            self.inside("sh", "-c", "mkdir -p /etc/keldwick && echo secret >/etc/keldwick/password")
+            self.inside("dpkg", "--purge", "keldwick")
+            self.inside("sh", "-c", f"! test -e {ROOT} && ! test -e /etc/keldwick")
+            self.inside("dpkg", "--status", "keldwick", code=1)
+
+    @unittest.skipUnless(shutil.which("systemd-analyze"), "systemd-analyze is not installed")
+    def test_systemd_takes_the_units(self):
+        self.install(self.package)
+        units = [f"/lib/systemd/system/{unit}" for unit in os.listdir(f"{PACKAGING}/systemd")]
+        self.inside("systemd-analyze", "verify", "--man=no", "--recursive-errors=no", *units)
+        self.inside("systemd-analyze", "security", "--offline=yes", "--threshold=20", "/lib/systemd/system/keldwick.service")
+
+    @unittest.skipUnless(shutil.which("lintian"), "lintian is not installed")
+    def test_lintian_finds_no_errors(self):
+        done = subprocess.run(["lintian", "--fail-on", "error", "--allow-root", self.package], capture_output=True, text=True,
+                              timeout=120)
+        self.assertEqual(0, done.returncode, done.stdout + done.stderr)
+
+
+class Completion(unittest.TestCase):
+    def test_completion_knows_the_commands(self):
+        for words, wanted in ((["ev"], "events"), (["events", "im"], "import"), (["--root", "/tmp", "settings", "se"], "set"),
+                              (["settings", "set", "Heart"], "Heartbeat"), (["events", "list", "--log", "S"], "Security"),
+                              (["init", "--protocol", "tcps"], "tcps"), (["directory", ""], "lookup check"),
+                              (["settings", "set", "IdentProtocol", "a"], "auto"), (["init", "--server", ""], "")):
+            with self.subTest(words=words):
+                script = (f'. {PACKAGING}/keldwickctl.bash; COMP_WORDS=(keldwickctl "$@"); COMP_CWORD=$#; _keldwickctl; '
+                          'echo "${COMPREPLY[*]}"')
+                said = subprocess.run(["bash", "-c", script, "bash", *words], capture_output=True, text=True, check=True)
+                self.assertEqual(wanted, said.stdout.strip(), said.stderr)
+
+
+if __name__ == "__main__":
+    unittest.main()
