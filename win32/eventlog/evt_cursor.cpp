@@ -46,6 +46,7 @@ const EVENTLOGRECORD* EVT_CURSOR::At(DWORD position) {
 }
 
 const EVENTLOGRECORD* EVT_CURSOR::Find(DWORD& position, DWORD number, DWORD& damage) {
+    number = std::max<DWORD>(number, 1);  // 0 is no record's
     unsigned long long spent = 0;
     bool damaged = false;
     const DWORD used = state.Used();

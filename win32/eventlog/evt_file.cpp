@@ -24,7 +24,7 @@ bool SoundHeader(const EVT_HEADER& header) {
 // Whether header and end-of-file record say the same, and something that can be.
 bool Agree(const EVT_HEADER& header, const EVT_END& end) {
     return header.start == end.start && header.end == end.end && header.current == end.current &&
-           header.oldest == end.oldest && header.oldest <= header.current &&
+           header.oldest == end.oldest && header.oldest <= header.current && header.current != 0 &&
            (header.start == header.end) == (header.oldest == 0 || header.oldest == header.current);
 }
 

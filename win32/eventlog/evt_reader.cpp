@@ -129,7 +129,7 @@ DWORD EVT_READER::ReadForwards(BYTE* buffer, DWORD bytes, DWORD& bytesRead, DWOR
 const EVENTLOGRECORD* EVT_READER::RecordBefore(EVT_CURSOR& cursor, DWORD& position) {
     DWORD before = position;
     const EVENTLOGRECORD* record = cursor.Before(before);
-    if (record != nullptr && record->RecordNumber + 1 == next) {
+    if (record != nullptr && record->RecordNumber + 1 == next && record->RecordNumber >= state.oldest) {
         position = before;
         return record;
     }

@@ -22,8 +22,9 @@ bool InRing(DWORD offset, DWORD size) { return offset >= EvtHeaderBytes && offse
 
 // Whether first and last record stand where the state says, or it is plainly empty.
 bool Holds(const EVT_FILE& file, const EVT_STATE& state) {
-    if (!InRing(state.start, state.ringEnd) || !InRing(state.end, state.ringEnd)) return false;
+    if (!InRing(state.start, state.ringEnd) || !InRing(state.end, state.ringEnd) || state.current == 0) return false;
     if (state.start == state.end) return state.oldest == 0 || state.oldest == state.current;
+    if (state.oldest == 0 || state.oldest >= state.current) return false;
     EVT_CURSOR cursor(file, state);
     const EVENTLOGRECORD* record = cursor.At(0);
     if (record == nullptr || record->RecordNumber != state.oldest) return false;
@@ -120,11 +121,17 @@ bool Salvage(const EVT_FILE& file, EVT_STATE& state) {
     return true;
 }
 
-// Begins the log at its first whole record, whatever was said of the oldest; without one it is empty.
-void BeginAtFirst(const EVT_FILE& file, EVT_STATE& state) {
+// Lets the log begin at its first whole record and number on from its last, whatever was said of the oldest and the
+// next; without a record it is empty.
+void BelieveRecords(const EVT_FILE& file, EVT_STATE& state) {
+    DWORD position = state.Used(), ignored = 0;
+    EVT_CURSOR back(file, state);
+    const EVENTLOGRECORD* record = back.Before(position);
+    if (record != nullptr && record->RecordNumber != MAXDWORD)
+        state.current = std::max(state.current, record->RecordNumber + 1);
     EVT_CURSOR cursor(file, state);
-    DWORD position = 0, ignored = 0;
-    const EVENTLOGRECORD* record = cursor.Find(position, 1, ignored);
+    position = 0;
+    record = cursor.Find(position, 1, ignored);
     state.start = record ? state.OffsetOf(position) : state.end;
     state.oldest = record ? record->RecordNumber : 0;
 }
@@ -134,13 +141,14 @@ void BeginAtFirst(const EVT_FILE& file, EVT_STATE& state) {
 bool RecoverState(const EVT_FILE& file, DWORD size, const EVT_HEADER& header, EVT_STATE& state) {
     state = {header.start, header.end,   header.current,   header.start == header.end ? 0 : header.oldest,
              size,         header.flags, header.retention, header.maxSize};
+    state.current = std::max<DWORD>(state.current, 1);  // no record has the number 0
     EVT_END end;
     const bool endsThere =
         InRing(header.end, size) && file.ReadAt(header.end, &end, sizeof(end)) && IsEnd(end, header.end);
     if (endsThere && (Holds(file, state) || Adopt(file, end, state))) return true;
     if (InRing(header.start, size) && InRing(header.end, size) && header.oldest <= header.current) {
         WalkOn(file, state);
-        if (!FindEnd(file, state.current, state)) BeginAtFirst(file, state);
+        if (!FindEnd(file, state.current, state)) BelieveRecords(file, state);
         return true;
     }
     if (FindEnd(file, 0, state) || Salvage(file, state)) return true;

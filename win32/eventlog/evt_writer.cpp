@@ -183,6 +183,8 @@ void EVT_WRITER::FillRingEnd(DWORD& offset) {
 
 // Appends records of together at most LargestRun bytes, or one record.
 bool EVT_WRITER::WriteRun(const BYTE* run, DWORD bytes, DWORD records) {
+    if (records >= MAXDWORD - state.current)
+        return FailWith(ERROR_LOG_FILE_FULL);  // no numbers are left: it must be cleared
     stream.clear();
     DWORD offset = state.end, number = state.current;
     FillRingEnd(offset);

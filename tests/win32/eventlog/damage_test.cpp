@@ -58,6 +58,13 @@ TEST_F(DAMAGE, EachHarmLeavesTheOtherRecordsReadableAndTheNextAppendWorks) {
              Poke(b, b.size() - 36, 7);
          },
          0, all},
+        {"next number 0, no end-of-file record",
+         [](FILE_BYTES& b) {
+             Poke(b, HeaderCurrent, 0);
+             Poke(b, HeaderOldest, 0);
+             Poke(b, b.size() - 36, 7);
+         },
+         0, all},
         {"end-of-file record cut off", [](FILE_BYTES& b) { b.resize(b.size() - 1); }, 0, all},
         {"end-of-file record gone", [](FILE_BYTES& b) { b.resize(b.size() - 40); }, 0, all},
         {"end-of-file record overwritten", [](FILE_BYTES& b) { Poke(b, b.size() - 36, 7); }, 0, all},
