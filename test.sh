@@ -19,7 +19,7 @@ step "The agent against the real Windows headers"
 build windows
 
 step "Fuzz targets, a short run each"
-build fuzz
+build fuzz fuzz-targets
 fuzz/run-briefly build/fuzz/bin
 
 step "The threaded parts under the thread sanitizer"

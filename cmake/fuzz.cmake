@@ -1,5 +1,6 @@
 # Fuzz targets: fuzz/NAME.cpp becomes fuzz_NAME, with its seeds in fuzz/corpus/NAME.
 file(GLOB targets CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/fuzz/*.cpp)
+add_custom_target(fuzz-targets)
 foreach(source ${targets})
   get_filename_component(name ${source} NAME_WE)
   add_executable(fuzz_${name} ${source})
@@ -7,4 +8,5 @@ foreach(source ${targets})
   target_include_directories(fuzz_${name} SYSTEM PRIVATE ${PROJECT_SOURCE_DIR}/win32/include)
   target_link_options(fuzz_${name} PRIVATE -fsanitize=fuzzer)
   target_link_libraries(fuzz_${name} PRIVATE ctl_commands server_parts keldwick_all)
+  add_dependencies(fuzz-targets fuzz_${name})
 endforeach()

@@ -167,7 +167,8 @@ bool TCP_CONNECTION::AwaitRoom(RESULT wanted, CLOCK::time_point end) {
 void TCP_CONNECTION::Lost(int code, const std::string& text) {
     Close();
     Remember(code, text);
-    const std::string description = text;  // a handler may make the next attempt
+    // A copy: a handler may make the next attempt, and with it another text.
+    const std::string description = text;  // NOLINT(performance-unnecessary-copy-initialization)
     receiver.Disconnected(code, description.c_str());
     Remember(code, description);
 }

@@ -32,6 +32,7 @@ struct FORMAT_TYPE {
     uint8_t bytes = 0;  // of an integer
 };
 
+// NOLINTBEGIN(bugprone-branch-clone): of the chain one branch is compiled
 template <typename TYPE>
 constexpr FORMAT_TYPE FormatTypeOf() {
     using PLAIN = std::decay_t<TYPE>;
@@ -57,6 +58,7 @@ constexpr FORMAT_TYPE FormatTypeOf() {
         return {};
     }
 }
+// NOLINTEND(bugprone-branch-clone)
 
 // One argument of a format. Texts are borrowed: they must live until the formatting is done.
 class FORMAT_ARGUMENT {
