@@ -18,3 +18,4 @@ void AddInitCommand(CLI::App& app);        // init
 void AddSettingsCommands(CLI::App& app);   // settings list, get, set, delete
 void AddEventsCommands(CLI::App& app);     // events write, import, list, clear
 void AddDirectoryCommands(CLI::App& app);  // directory lookup, check
+void AddFeedCommands(CLI::App& app);       // feed samba-audit, xml, json

@@ -127,7 +127,8 @@ void EVENT_XML_IMPORT::Scan(bool last) {
 bool EVENT_XML_IMPORT::ScanMarkup(size_t open, bool last) {
     const std::string_view rest = std::string_view(buffer).substr(open, 9);
     constexpr std::string_view Cdata = "<![CDATA[", Comment = "<!--", Instruction = "<?";
-    if (!last && rest.size() < Cdata.size()) return false;
+    const bool mayBeLonger = rest.size() == 1 || rest[1] == '!';  // a tag is told apart by its second character
+    if (!last && rest.size() < Cdata.size() && mayBeLonger) return false;
     if (rest.starts_with(Comment)) return SkipTo(open, open + Comment.size(), "-->", last);
     if (rest == Cdata) return SkipTo(open, open + Cdata.size(), "]]>", last);
     if (rest.starts_with(Instruction)) return SkipTo(open, open + Instruction.size(), "?>", last);

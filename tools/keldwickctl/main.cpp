@@ -72,6 +72,7 @@ int main(int argc, char** argv) {
         AddSettingsCommands(app);
         AddEventsCommands(app);
         AddDirectoryCommands(app);
+        AddFeedCommands(app);
         app.parse(argc, argv);
         return Finish();
     } catch (const CLI::ParseError& error) {

@@ -1,0 +1,28 @@
+#include "tools/keldwickctl/feed_aside.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+
+#include "tools/keldwickctl/event_values.h"
+#include "win32/eventlog/evt_record.h"
+
+void FEED_ASIDE::Keep(const std::string& reason, std::string_view line) {
+    constexpr size_t Longest = 64 * 1024;
+    std::string entry = "# " + IsoTime(win32::SecondsNow()) + " " + reason;
+    if (line.size() > Longest) entry += " (its first 64 KiB)";
+    entry += '\n';
+    if (!line.empty()) entry.append(line.substr(0, Longest)) += '\n';
+    struct stat about;
+    if (stat(path.c_str(), &about) == 0 && static_cast<size_t>(about.st_size) + entry.size() > Most / 2)
+        std::rename(path.c_str(), (path + ".old").c_str());
+    const int fd = open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+    if (fd < 0) return;
+    // Cut back when it does not fit the disk, so that the next entry begins on a line of its own.
+    if (fstat(fd, &about) == 0 && write(fd, entry.data(), entry.size()) != static_cast<ssize_t>(entry.size()) &&
+        ftruncate(fd, about.st_size) != 0)
+        unlink(path.c_str());
+    close(fd);
+}

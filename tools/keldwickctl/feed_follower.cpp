@@ -1,0 +1,279 @@
+#include "tools/keldwickctl/feed_follower.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/inotify.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+
+#include "tools/keldwickctl/commands.h"
+
+namespace {
+
+constexpr size_t ChunkBytes = 64 * 1024, TailBytes = 256;
+constexpr size_t MostSiblings = 1000, MostOpen = 8, MostDone = 64;
+using CLOCK = std::chrono::steady_clock;
+
+// A rotated file's name after the path's: .1, -20261124, .2026-11-24T17, .old; nothing that is packed.
+bool IsRotated(std::string_view suffix) {
+    if (suffix == ".old") return true;
+    return suffix.size() > 1 && (suffix[0] == '.' || suffix[0] == '-') &&
+           suffix.find_first_not_of("0123456789.-_:T", 1) == std::string_view::npos;
+}
+
+bool Before(const timespec& a, const timespec& b) {
+    return a.tv_sec != b.tv_sec ? a.tv_sec < b.tv_sec : a.tv_nsec < b.tv_nsec;
+}
+
+bool Same(const timespec& a, const timespec& b) { return !Before(a, b) && !Before(b, a); }
+
+}  // namespace
+
+struct FEED_FOLLOWER::OPEN_FILE {
+    explicit OPEN_FILE(int descriptor) : fd(descriptor) {}
+    ~OPEN_FILE() { close(fd); }
+    OPEN_FILE(const OPEN_FILE&) = delete;
+    OPEN_FILE& operator=(const OPEN_FILE&) = delete;
+
+    struct stat About() const {
+        struct stat about = {};
+        fstat(fd, &about);
+        return about;
+    }
+
+    unsigned long long Offset() const { return readTo - lines.Pending(); }  // after the last whole line
+
+    // FNV-1a of up to TailBytes bytes before the offset; 0 when they are not there, or there is nothing before it.
+    unsigned long long Tail(unsigned long long offset) const {
+        std::array<char, TailBytes> bytes;
+        const size_t count = std::min<unsigned long long>(offset, TailBytes);
+        if (count == 0 ||
+            pread(fd, bytes.data(), count, static_cast<off_t>(offset - count)) != static_cast<ssize_t>(count))
+            return 0;
+        unsigned long long hash = 0xCBF29CE484222325;
+        for (size_t i = 0; i < count; ++i) hash = (hash ^ static_cast<unsigned char>(bytes[i])) * 0x100000001B3;
+        return hash;
+    }
+
+    // Whether the content that was read is still what the file begins with.
+    bool IsUnchanged(const struct stat& about) const {
+        return static_cast<unsigned long long>(about.st_size) >= readTo && (readTo == 0 || Tail(readTo) == tail);
+    }
+
+    void GoTo(unsigned long long offset) {
+        readTo = offset;
+        tail = Tail(offset);
+        lines = {};
+    }
+
+    const int fd;
+    std::string name;
+    unsigned long long device = 0, inode = 0;
+    unsigned long long readTo = 0, tail = 0;
+    FEED_LINES lines;
+    CLOCK::time_point replaced;  // when a newer file was found
+};
+
+FEED_FOLLOWER::FEED_FOLLOWER(const std::string& file) : path(file) {
+    const size_t slash = path.rfind('/');
+    folder = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+    base = path.substr(slash == std::string::npos ? 0 : slash + 1);
+    inotify = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    if (inotify >= 0 &&
+        inotify_add_watch(inotify, folder.c_str(), IN_MODIFY | IN_CREATE | IN_MOVED_TO | IN_CLOSE_WRITE) < 0) {
+        close(inotify);
+        inotify = -1;
+    }
+}
+
+FEED_FOLLOWER::~FEED_FOLLOWER() {
+    if (inotify >= 0) close(inotify);
+}
+
+// Null: it is not there. Throws when it is there and cannot be read.
+FEED_FOLLOWER::FILE_POINTER FEED_FOLLOWER::Open(const std::string& name) const {
+    const int fd = open(name.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (fd < 0 && errno == ENOENT) return nullptr;
+    if (fd < 0) throw COMMAND_ERROR("cannot read " + name + ": " + std::strerror(errno));
+    auto file = std::make_unique<OPEN_FILE>(fd);
+    const struct stat about = file->About();
+    if (!S_ISREG(about.st_mode)) throw COMMAND_ERROR("cannot follow " + name + ": it is not a regular file");
+    file->name = name;
+    file->device = about.st_dev;
+    file->inode = about.st_ino;
+    return file;
+}
+
+// The path itself and what rotation made of it, packed files left out.
+std::vector<std::string> FEED_FOLLOWER::Siblings() const {
+    std::vector<std::string> names = {path};
+    DIR* const listing = opendir(folder.c_str());
+    if (listing == nullptr) return names;
+    while (const dirent* entry = readdir(listing)) {
+        const std::string_view name = entry->d_name;
+        if (!name.starts_with(base) || !IsRotated(name.substr(base.size()))) continue;
+        names.push_back(folder + "/" + std::string(name));
+        if (names.size() >= MostSiblings) break;
+    }
+    closedir(listing);
+    return names;
+}
+
+// The file with the content of which the place is the end: the same file if it is one of those, else a copy.
+FEED_FOLLOWER::FILE_POINTER FEED_FOLLOWER::Locate(const FEED_PLACE& place) const {
+    FILE_POINTER copy;
+    for (const std::string& name : Siblings()) {
+        struct stat about;
+        if (stat(name.c_str(), &about) != 0 || !S_ISREG(about.st_mode)) continue;
+        const bool same = about.st_dev == place.device && about.st_ino == place.inode;
+        if ((!same && place.offset == 0) || static_cast<unsigned long long>(about.st_size) < place.offset) continue;
+        FILE_POINTER file = Open(name);
+        if (!file || file->Tail(place.offset) != place.tail) continue;
+        file->GoTo(place.offset);
+        if (same) return file;
+        copy = std::move(file);
+    }
+    return copy;
+}
+
+bool FEED_FOLLOWER::Resume(const std::vector<FEED_PLACE>& places) {
+    files.clear();
+    bool found = places.empty();
+    for (const FEED_PLACE& place : places) {
+        FILE_POINTER file = Locate(place);
+        found = file != nullptr;  // of the newest
+        if (file && !IsOpen(*file)) files.push_back(std::move(file));
+    }
+    AppendSuccessors();
+    MarkReplaced();
+    return found;
+}
+
+bool FEED_FOLLOWER::IsOpen(const OPEN_FILE& file) const {
+    return std::any_of(files.begin(), files.end(), [&](const FILE_POINTER& each) {
+        return each->device == file.device && each->inode == file.inode;
+    });
+}
+
+// Opens what came after the newest file: rotated ones that were last written later, and the path itself.
+bool FEED_FOLLOWER::AppendSuccessors() {
+    FILE_POINTER current = Open(path);
+    if (!current || IsOpen(*current)) return false;
+    done.erase({current->device, current->inode});  // a new file under an old one's number
+    if (!files.empty()) {
+        const timespec last = files.back()->About().st_mtim;
+        std::vector<std::pair<timespec, FILE_POINTER>> between;
+        for (const std::string& name : Siblings()) {
+            struct stat about;
+            if (name == path || stat(name.c_str(), &about) != 0 || !S_ISREG(about.st_mode)) continue;
+            const bool later = Before(last, about.st_mtim) || (Same(last, about.st_mtim) && name < files.back()->name);
+            if (!later) continue;
+            FILE_POINTER file = Open(name);
+            if (file && !IsOpen(*file) && !done.contains({file->device, file->inode}) && file->inode != current->inode)
+                between.emplace_back(about.st_mtim, std::move(file));
+        }
+        std::stable_sort(between.begin(), between.end(),
+                         [](const auto& a, const auto& b) { return Before(a.first, b.first); });
+        for (auto& [time, file] : between) files.push_back(std::move(file));
+    }
+    files.push_back(std::move(current));
+    MarkReplaced();
+    return true;
+}
+
+void FEED_FOLLOWER::MarkReplaced() {
+    for (size_t i = 0; i + 1 < files.size(); ++i)
+        if (files[i]->replaced == CLOCK::time_point()) files[i]->replaced = CLOCK::now();
+}
+
+void FEED_FOLLOWER::Remember(size_t bytes, FEED_LINE_TAKER& taker) const {
+    for (const FILE_POINTER& file : files) {
+        const unsigned long long end = file->Offset(), begin = end - std::min<unsigned long long>(end, bytes);
+        std::string text(end - begin, '\0');
+        const ssize_t got = pread(file->fd, text.data(), text.size(), static_cast<off_t>(begin));
+        if (got <= 0) continue;
+        std::string_view whole(text.data(), static_cast<size_t>(got));
+        if (begin > 0) whole.remove_prefix(std::min(whole.find('\n'), whole.size()));
+        FEED_LINES lines;
+        lines.Feed(whole, taker);
+    }
+}
+
+// The file holds less than was read of it, or something else. What was not read yet may stand in a copy.
+void FEED_FOLLOWER::FollowTruncation(OPEN_FILE& file) {
+    const FEED_PLACE place = {file.device, file.inode, file.readTo, file.tail};
+    FEED_LINES unfinished = std::move(file.lines);
+    file.GoTo(0);
+    FILE_POINTER copy = place.offset > 0 ? Locate(place) : nullptr;
+    if (!copy || IsOpen(*copy)) return;
+    copy->lines = std::move(unfinished);
+    copy->replaced = CLOCK::now();
+    const auto self =
+        std::find_if(files.begin(), files.end(), [&](const FILE_POINTER& each) { return each.get() == &file; });
+    files.insert(self, std::move(copy));
+}
+
+bool FEED_FOLLOWER::ReadSome(FEED_LINE_TAKER& taker) {
+    std::array<char, ChunkBytes> chunk;
+    for (size_t i = 0; i < files.size(); ++i) {
+        OPEN_FILE& file = *files[i];
+        const struct stat about = file.About();
+        if (static_cast<unsigned long long>(about.st_size) == file.readTo) continue;
+        if (!file.IsUnchanged(about)) {
+            FollowTruncation(file);
+            return true;
+        }
+        const ssize_t got = pread(file.fd, chunk.data(), chunk.size(), static_cast<off_t>(file.readTo));
+        if (got < 0 && errno == EINTR) return true;
+        if (got < 0) throw COMMAND_ERROR("cannot read " + file.name + ": " + std::strerror(errno));
+        if (got == 0) continue;
+        file.readTo += static_cast<unsigned long long>(got);
+        file.tail = file.Tail(file.readTo);
+        file.lines.Feed({chunk.data(), static_cast<size_t>(got)}, taker);
+        return true;
+    }
+    RetireOld(taker);
+    return AppendSuccessors();
+}
+
+// A file that was read to its end and that nobody has written to for long, or one of too many.
+void FEED_FOLLOWER::RetireOld(FEED_LINE_TAKER& taker) {
+    const CLOCK::time_point now = CLOCK::now();
+    while (files.size() > 1 &&
+           (files.size() > MostOpen || now - files.front()->replaced > std::chrono::seconds(Linger))) {
+        files.front()->lines.Finish(taker);  // nobody will end that line
+        if (done.size() >= MostDone) done.clear();
+        done.insert({files.front()->device, files.front()->inode});
+        files.pop_front();
+    }
+}
+
+std::vector<FEED_PLACE> FEED_FOLLOWER::Places() const {
+    std::vector<FEED_PLACE> places;
+    for (const FILE_POINTER& file : files) {
+        const unsigned long long offset = file->Offset();
+        places.push_back({file->device, file->inode, offset, file->Tail(offset)});
+    }
+    return places;
+}
+
+unsigned long long FEED_FOLLOWER::Behind() const {
+    unsigned long long bytes = 0;
+    for (const FILE_POINTER& file : files) {
+        const auto size = static_cast<unsigned long long>(file->About().st_size);
+        if (size > file->readTo) bytes += size - file->readTo;
+    }
+    return bytes;
+}
+
+void FEED_FOLLOWER::TakeNotices() const {
+    std::array<char, 4096> notices;
+    while (read(inotify, notices.data(), notices.size()) > 0) {
+    }
+}

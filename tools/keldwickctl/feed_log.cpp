@@ -1,0 +1,114 @@
+#include "tools/keldwickctl/feed_log.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <functional>
+#include <string_view>
+
+#include "tools/keldwickctl/event_log_access.h"
+#include "tools/keldwickctl/failure.h"
+#include "win32/eventlog/log_names.h"
+#include "win32/text/utf.h"
+
+namespace {
+
+// The writer writes a mebibyte as a whole, of a small log half.
+size_t BatchBytes(DWORD logBytes) { return std::min<size_t>(256 * 1024, logBytes / 4); }
+
+// What makes two records the same one: all but number and times.
+size_t ContentKey(const EVENTLOGRECORD& record) {
+    const auto* const bytes = reinterpret_cast<const char*>(&record);
+    const std::string_view content(bytes + sizeof(EVENTLOGRECORD), record.Length - sizeof(EVENTLOGRECORD));
+    return std::hash<std::string_view>()(content) ^ (size_t{record.EventID} << 16) ^ record.EventType;
+}
+
+}  // namespace
+
+FEED_LOG::FEED_LOG(const std::string& log)
+    : name(log), path(LogPath(log)), largestBatch(BatchBytes(win32::LogMaxSize(win32::ToUtf16(log)))) {
+    OpenWriter(writer, log);
+}
+
+void FEED_LOG::RecogniseFrom(unsigned long long nextRecord) {
+    win32::EVT_READER reader;
+    OpenReader(reader, name);
+    DWORD current = 0, oldest = 0, count = 0;
+    if (const DWORD error = reader.Numbers(current, oldest, count))
+        FailCommand("cannot read the " + name + " log", error);
+    if (count == 0 || nextRecord == current) return;
+    // Beyond the end: the log was cleared since.
+    const bool held = nextRecord >= oldest && nextRecord < current;
+    if (reader.Seek(held ? static_cast<DWORD>(nextRecord) : oldest, true) != ERROR_SUCCESS) return;
+    std::vector<DWORD> buffer(64 * 1024 / sizeof(DWORD));
+    for (;;) {
+        DWORD got = 0, needed = 0;
+        const DWORD error = reader.Read(true, reinterpret_cast<BYTE*>(buffer.data()),
+                                        static_cast<DWORD>(buffer.size() * sizeof(DWORD)), got, needed);
+        if (error == ERROR_INSUFFICIENT_BUFFER && needed > buffer.size() * sizeof(DWORD)) {
+            buffer.resize(needed / sizeof(DWORD) + 1);
+            continue;
+        }
+        if (error != ERROR_SUCCESS || got == 0) return;
+        for (DWORD at = 0; at < got;) {
+            const auto& record = *reinterpret_cast<const EVENTLOGRECORD*>(reinterpret_cast<BYTE*>(buffer.data()) + at);
+            ++known[ContentKey(record)];
+            at += record.Length;
+        }
+    }
+}
+
+bool FEED_LOG::Take(const win32::NEW_EVENT& event, std::string& reason) {
+    win32::BYTES record;
+    if (!win32::BuildRecord(event, record)) {
+        reason = "larger than a record may be";
+        return false;
+    }
+    const auto& built = *reinterpret_cast<const EVENTLOGRECORD*>(record.data());
+    if (!known.empty()) {
+        const auto found = known.find(ContentKey(built));
+        if (found != known.end() && found->second > 0) {
+            --found->second;
+            return true;
+        }
+        known.clear();
+    }
+    if (gathered && !writer.Append(built)) {
+        if (GetLastError() == ERROR_LOG_FILE_FULL) {
+            reason = "larger than the log may be";
+            return false;
+        }
+        gathered = false;  // Flush tries again, and tells
+    }
+    bytes += record.size();
+    batch.push_back(std::move(record));
+    return true;
+}
+
+bool FEED_LOG::Flush() {
+    if (batch.empty()) return true;
+    for (size_t i = 0; !gathered && i < batch.size(); ++i)
+        if (!writer.Append(*reinterpret_cast<const EVENTLOGRECORD*>(batch[i].data()))) return false;
+    gathered = writer.Flush();
+    if (!gathered) return false;
+    batch.clear();
+    bytes = 0;
+    return true;
+}
+
+void FEED_LOG::Sync() const {
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return;
+    fdatasync(fd);
+    close(fd);
+}
+
+DWORD FEED_LOG::NextRecord() const {
+    win32::EVT_READER reader;
+    OpenReader(reader, name);
+    DWORD current = 0, oldest = 0, count = 0;
+    if (const DWORD error = reader.Numbers(current, oldest, count))
+        FailCommand("cannot read the " + name + " log", error);
+    return current;
+}

@@ -1,0 +1,40 @@
+// The log a feed writes to: in batches that reach it as a whole or not at all, and nothing twice.
+#pragma once
+
+#include <unordered_map>
+#include <vector>
+
+#include "win32/eventlog/evt_record.h"
+#include "win32/eventlog/evt_writer.h"
+
+class FEED_LOG {
+public:
+    explicit FEED_LOG(const std::string& log);  // throws COMMAND_ERROR when it cannot be opened
+
+    // A feed that ended between writing and marking its place meets what it wrote again: records that stand in the log
+    // from this number on are recognised, up to the first that does not.
+    void RecogniseFrom(unsigned long long nextRecord);
+
+    // Adds to the batch. False: no record can hold it, or the log could not; `reason` says which.
+    bool Take(const win32::NEW_EVENT& event, std::string& reason);
+
+    bool Full() const { return bytes >= largestBatch; }  // Flush before the next Take
+    bool Empty() const { return batch.empty(); }
+
+    // Writes the batch. False: last error says why, the log is as it was, and the batch is kept for the next try.
+    bool Flush();
+
+    // Brings the log's file to the disk, for a place that is marked next.
+    void Sync() const;
+
+    DWORD NextRecord() const;  // the number of the first record after the log's last; throws COMMAND_ERROR
+
+private:
+    const std::string name, path;
+    const size_t largestBatch;  // bytes; what the writer surely writes as a whole
+    win32::EVT_WRITER writer;
+    std::vector<win32::BYTES> batch;
+    size_t bytes = 0;
+    bool gathered = true;                        // the writer holds the batch
+    std::unordered_map<size_t, unsigned> known;  // records in the log that may come again, by their content
+};

@@ -1,0 +1,307 @@
+#include "tools/keldwickctl/feed_run.h"
+
+#include <poll.h>
+#include <signal.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <functional>
+
+#include "tools/keldwickctl/commands.h"
+#include "tools/keldwickctl/event_sink.h"
+#include "tools/keldwickctl/event_xml_import.h"
+#include "tools/keldwickctl/failure.h"
+#include "tools/keldwickctl/feed_aside.h"
+#include "tools/keldwickctl/feed_follower.h"
+#include "tools/keldwickctl/feed_log.h"
+#include "tools/keldwickctl/feed_state.h"
+
+namespace {
+
+using CLOCK = std::chrono::steady_clock;
+constexpr int MarkMilliseconds = 1000;  // between two marks of the place
+constexpr int RetryMilliseconds = 1000;
+constexpr int LookMilliseconds = 1000;  // a file system that gives no notice is looked at this often
+constexpr int LookUnnoticedMilliseconds = 200;
+constexpr unsigned long long LinesPerProgress = 10000;
+
+// SIGTERM and SIGINT as a descriptor that becomes readable and stays so.
+class STOP_SIGNALS {
+public:
+    STOP_SIGNALS() {
+        sigset_t signals;
+        sigemptyset(&signals);
+        sigaddset(&signals, SIGTERM);
+        sigaddset(&signals, SIGINT);
+        sigprocmask(SIG_BLOCK, &signals, &before);
+        fd = signalfd(-1, &signals, SFD_CLOEXEC);
+        if (fd < 0) throw COMMAND_ERROR(std::string("cannot wait for signals: ") + std::strerror(errno));
+    }
+    ~STOP_SIGNALS() {
+        close(fd);
+        sigprocmask(SIG_SETMASK, &before, nullptr);
+    }
+    STOP_SIGNALS(const STOP_SIGNALS&) = delete;
+    STOP_SIGNALS& operator=(const STOP_SIGNALS&) = delete;
+
+    // Waits for a stop, input on `input` (-1: none) or the time. True: stop.
+    bool Wait(int input, int milliseconds, bool* ready = nullptr) const {
+        std::array<pollfd, 2> both = {{{fd, POLLIN, 0}, {input, POLLIN, 0}}};
+        const int got = poll(both.data(), both.size(), milliseconds);
+        if (ready != nullptr) *ready = got > 0 && both[1].revents != 0;
+        return got > 0 && both[0].revents != 0;
+    }
+
+private:
+    sigset_t before;
+    int fd = -1;
+};
+
+// What all feeds have: the log, the state, what is kept aside, progress and the count at the end.
+class FEED : public FEED_LINE_TAKER, public EVENT_SINK {
+public:
+    FEED(const FEED_OPTIONS& given, FEED_LINE_READER* lineReader)
+        : options(given), reader(lineReader), files(given.name), log(given.log), aside(files.Path("aside")) {
+        resumed = files.Load(state);
+        // A stream has no place to go back to: what comes is new, though it look the same.
+        if (resumed && !state.places.empty()) log.RecogniseFrom(state.nextRecord);
+        records = state.records;
+        skipped = state.skipped;
+        unreadable = state.unreadable;
+        state.source = options.source;
+        state.file = options.file;
+        state.log = options.log;
+        terminal = isatty(STDERR_FILENO) == 1;
+    }
+
+    void TakeLine(std::string_view line) override {
+        std::string reason;
+        switch (reader->Read(line, event, reason)) {
+            case FEED_LINE_READER::RECORD:
+                Put(line);
+                break;
+            case FEED_LINE_READER::SKIPPED:
+                ++state.skipped;
+                break;
+            case FEED_LINE_READER::UNREADABLE:
+                SetAside(reason, line);
+                break;
+        }
+        CountLine();
+    }
+    void TakeTooLong(std::string_view beginning) override {
+        SetAside("longer than 1 MiB, its beginning", beginning);
+        CountLine();
+    }
+
+    // Of event XML. The importer has no lines: an event that cannot be read is kept aside as what was wrong with it.
+    void Take(const win32::NEW_EVENT& taken) override {
+        event = taken;
+        Put({});
+        CountLine();
+        if (log.Full()) Flush();
+    }
+    void TakeRecord(const EVENTLOGRECORD&) override {}  // never from XML
+    void Unreadable(const std::string& what) override {
+        SetAside(what, {});
+        CountLine();
+    }
+
+    // Waits out a full disk, unless the feed is to end soon.
+    void Flush() {
+        bool told = false;
+        while (!log.Flush()) {
+            const DWORD error = GetLastError();
+            if (options.once || stopped) FailCommand("cannot write to the " + options.log + " log", error);
+            if (!told)
+                Tell("cannot write to the " + options.log + " log, trying again: error " + std::to_string(error));
+            told = true;
+            stopped = signals.Wait(-1, RetryMilliseconds);
+        }
+        if (told) Tell("the " + options.log + " log can be written again");
+    }
+
+    // Marks the place: everything up to it is in the log, or recognised there at the next start.
+    void Mark(std::vector<FEED_PLACE> places, unsigned long long behind) {
+        log.Sync();
+        state.nextRecord = log.NextRecord();
+        state.places = std::move(places);
+        state.behind = behind;
+        markDue = false;
+        marked = CLOCK::now();
+        if (files.Save(state)) {
+            troubled = false;
+            return;
+        }
+        const std::string why = "cannot write " + files.Path("state") + ": " + std::strerror(errno);
+        if (options.once || stopped) throw COMMAND_ERROR(why);
+        if (!troubled) Tell(why + ", trying again");
+        troubled = true;
+        markDue = true;
+    }
+    int MillisecondsToMark() const {
+        const auto passed = std::chrono::duration_cast<std::chrono::milliseconds>(CLOCK::now() - marked).count();
+        return passed >= MarkMilliseconds ? 0 : static_cast<int>(MarkMilliseconds - passed);
+    }
+
+    void Finish() {
+        if (shown) std::fputs("\r\033[K", stderr);
+        std::printf("%llu records written to the %s log, %llu skipped, %llu unreadable.\n", state.records - records,
+                    options.log.c_str(), state.skipped - skipped, state.unreadable - unreadable);
+    }
+
+    void ShowProgress(unsigned long long behind) {
+        if (!terminal || lines < nextProgress) return;
+        nextProgress = lines + LinesPerProgress;
+        std::fprintf(stderr, "\r\033[K%llu lines, %llu MiB to go ...", lines, behind / (1024 * 1024));
+        shown = true;
+    }
+
+    void Tell(const std::string& what) {
+        if (shown) std::fputs("\r\033[K", stderr);
+        shown = false;
+        std::fprintf(stderr, "keldwickctl: %s\n", what.c_str());
+    }
+
+    bool IsNew() const { return !resumed; }
+    bool IsMarkDue() const { return markDue; }
+    bool IsFull() const { return log.Full(); }
+    bool Once() const { return options.once; }
+    const std::vector<FEED_PLACE>& Places() const { return state.places; }
+    FEED_LINE_READER& Reader() { return *reader; }
+
+    // Waits for a stop signal, for input, or for the time. Whether there is input.
+    bool Wait(int input, int milliseconds) {
+        bool ready = false;
+        stopped = signals.Wait(input, milliseconds, &ready) || stopped;
+        return ready;
+    }
+    bool Stopped() const { return stopped; }
+
+private:
+    void Put(std::string_view line) {
+        std::string reason;
+        if (log.Take(event, reason))
+            ++state.records;
+        else
+            SetAside(reason, line);
+    }
+    void SetAside(const std::string& reason, std::string_view line) {
+        ++state.unreadable;
+        aside.Keep(reason, line);
+    }
+    void CountLine() {
+        ++lines;
+        markDue = true;
+    }
+
+    const FEED_OPTIONS& options;
+    FEED_LINE_READER* const reader;
+    STOP_SIGNALS signals;
+    FEED_STATE_FILE files;
+    FEED_LOG log;
+    FEED_ASIDE aside;
+    FEED_STATE state;
+    win32::NEW_EVENT event;
+    unsigned long long records = 0, skipped = 0, unreadable = 0;  // of earlier runs
+    unsigned long long lines = 0, nextProgress = LinesPerProgress;
+    CLOCK::time_point marked;
+    bool resumed = false;   // a state was there
+    bool stopped = false;   // a stop signal came
+    bool markDue = false;   // something was taken since the last mark
+    bool troubled = false;  // the last mark could not be written
+    bool terminal = false, shown = false;
+};
+
+// Lets a reader see again what it must remember, and drops what it makes of it.
+class REMEMBERING final : public FEED_LINE_TAKER {
+public:
+    explicit REMEMBERING(FEED_LINE_READER& lineReader) : reader(lineReader) {}
+    void TakeLine(std::string_view line) override { reader.Read(line, event, reason); }
+    void TakeTooLong(std::string_view) override {}
+
+private:
+    FEED_LINE_READER& reader;
+    win32::NEW_EVENT event;
+    std::string reason;
+};
+
+// Standard input until its end; `feed` gets the bytes, `finish` the end.
+void ReadStandardInput(FEED& feed, const std::function<void(std::string_view)>& take,
+                       const std::function<void()>& finish) {
+    std::array<char, 64 * 1024> chunk;
+    for (;;) {
+        bool ready = feed.Wait(STDIN_FILENO, 0);
+        if (!ready && !feed.Stopped()) {  // the input pauses
+            feed.Flush();
+            if (feed.IsMarkDue() && feed.MillisecondsToMark() == 0) feed.Mark({}, 0);
+            ready = feed.Wait(STDIN_FILENO, feed.IsMarkDue() ? feed.MillisecondsToMark() : -1);
+        }
+        if (feed.Stopped()) break;
+        if (!ready) continue;
+        const ssize_t got = read(STDIN_FILENO, chunk.data(), chunk.size());
+        if (got < 0 && (errno == EINTR || errno == EAGAIN)) continue;
+        if (got < 0) throw COMMAND_ERROR(std::string("cannot read standard input: ") + std::strerror(errno));
+        if (got == 0) break;
+        take({chunk.data(), static_cast<size_t>(got)});
+        if (feed.IsFull()) feed.Flush();
+        feed.ShowProgress(0);
+    }
+    finish();
+    feed.Flush();
+    feed.Mark({}, 0);
+    feed.Finish();
+}
+
+}  // namespace
+
+void FollowFile(const FEED_OPTIONS& options, FEED_LINE_READER& reader) {
+    FEED feed(options, &reader);
+    FEED_FOLLOWER follower(options.file);
+    if (!follower.Resume(feed.Places()))
+        feed.Tell("what was read last is there no more; " + options.file + " is read from its beginning");
+    if (follower.Waiting()) {
+        if (options.once) throw COMMAND_ERROR("cannot read " + options.file + ": there is no such file");
+        feed.Tell("waiting for " + options.file);
+    }
+    REMEMBERING remembering(reader);
+    follower.Remember(reader.Memory(), remembering);
+    if (feed.IsNew()) feed.Mark(follower.Places(), follower.Behind());
+    while (!feed.Stopped()) {
+        if (follower.ReadSome(feed)) {
+            if (feed.IsFull()) feed.Flush();
+            feed.ShowProgress(follower.Behind());
+            feed.Wait(-1, 0);
+            continue;
+        }
+        feed.Flush();
+        if (options.once) break;
+        if (feed.IsMarkDue() && feed.MillisecondsToMark() == 0) feed.Mark(follower.Places(), follower.Behind());
+        const int look = follower.Notices() >= 0 ? LookMilliseconds : LookUnnoticedMilliseconds;
+        if (feed.Wait(follower.Notices(), feed.IsMarkDue() ? std::min(feed.MillisecondsToMark(), look) : look))
+            follower.TakeNotices();
+    }
+    feed.Flush();
+    feed.Mark(follower.Places(), follower.Behind());
+    feed.Finish();
+}
+
+void ReadLines(const FEED_OPTIONS& options, FEED_LINE_READER& reader) {
+    FEED feed(options, &reader);
+    FEED_LINES lines;
+    ReadStandardInput(
+        feed, [&](std::string_view bytes) { lines.Feed(bytes, feed); }, [&] { lines.Finish(feed); });
+}
+
+void ReadEventXml(const FEED_OPTIONS& options) {
+    FEED feed(options, nullptr);
+    EVENT_XML_IMPORT import(feed);
+    ReadStandardInput(
+        feed, [&](std::string_view bytes) { import.Feed(bytes.data(), bytes.size()); }, [&] { import.Finish(); });
+}

@@ -1,0 +1,134 @@
+#include "tools/keldwickctl/feed_state.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <nlohmann/json.hpp>
+
+#include "tools/keldwickctl/commands.h"
+#include "tools/keldwickctl/event_values.h"
+#include "win32/eventlog/evt_record.h"
+#include "win32/files/machine_root.h"
+
+using nlohmann::json;
+
+namespace {
+
+constexpr size_t LargestState = 64 * 1024;
+
+[[noreturn]] void Fail(const std::string& act, const std::string& path) {
+    throw COMMAND_ERROR("cannot " + act + " " + path + ": " + std::strerror(errno));
+}
+
+unsigned long long Number(const json& object, const char* name) {
+    const auto found = object.find(name);
+    if (found == object.end() || !found->is_number_unsigned()) throw COMMAND_ERROR(name);
+    return found->get<unsigned long long>();
+}
+
+json PlaceObject(const FEED_PLACE& place) {
+    return {{"device", place.device}, {"inode", place.inode}, {"offset", place.offset}, {"tail", place.tail}};
+}
+
+FEED_PLACE ReadPlace(const json& object) {
+    return {Number(object, "device"), Number(object, "inode"), Number(object, "offset"), Number(object, "tail")};
+}
+
+void ReadState(const json& object, FEED_STATE& state) {
+    state.nextRecord = Number(object, "nextRecord");
+    state.records = Number(object, "records");
+    state.skipped = Number(object, "skipped");
+    state.unreadable = Number(object, "unreadable");
+    const auto earlier = object.find("earlier");
+    if (earlier != object.end() && earlier->is_array())
+        for (const json& each : *earlier) state.places.push_back(ReadPlace(each));
+    if (object.contains("offset")) state.places.push_back(ReadPlace(object));
+}
+
+bool WriteAll(int fd, const std::string& bytes) {
+    for (size_t done = 0; done < bytes.size();) {
+        const ssize_t put = write(fd, bytes.data() + done, bytes.size() - done);
+        if (put < 0 && errno == EINTR) continue;
+        if (put < 0) return false;
+        done += static_cast<size_t>(put);
+    }
+    return true;
+}
+
+}  // namespace
+
+bool IsFeedName(const std::string& name) {
+    constexpr size_t LongestName = 64;
+    return !name.empty() && name.size() <= LongestName && name[0] != '.' &&
+           name.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_.-") ==
+               std::string::npos;
+}
+
+FEED_STATE_FILE::FEED_STATE_FILE(const std::string& feed) : name(feed) {
+    const std::string folder = win32::MachinePath("feed");
+    if (mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) Fail("make", folder);
+    const std::string path = Path("lock");
+    lock = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+    if (lock < 0) Fail("make", path);
+    if (flock(lock, LOCK_EX | LOCK_NB) == 0) return;
+    const bool held = errno == EWOULDBLOCK;
+    close(lock);
+    if (held) throw COMMAND_ERROR("the feed " + name + " is running already (--name gives another one its own name)");
+    Fail("lock", path);
+}
+
+FEED_STATE_FILE::~FEED_STATE_FILE() { close(lock); }
+
+std::string FEED_STATE_FILE::Path(const char* kind) const { return win32::MachinePath("feed/" + name + "." + kind); }
+
+bool FEED_STATE_FILE::Load(FEED_STATE& state) const {
+    const std::string path = Path("state");
+    std::ifstream file(path, std::ios::binary);
+    if (!file) {
+        if (errno == ENOENT) return false;
+        Fail("read", path);
+    }
+    std::string text(LargestState, '\0');
+    file.read(text.data(), static_cast<std::streamsize>(text.size()));
+    text.resize(static_cast<size_t>(file.gcount()));
+    const json object = json::parse(text, nullptr, false);
+    try {
+        if (!object.is_object()) throw COMMAND_ERROR("JSON");
+        ReadState(object, state);
+    } catch (const std::exception& fault) {
+        throw COMMAND_ERROR(path + " is damaged (" + fault.what() +
+                            "); without it the feed begins anew and writes again what is in the log already");
+    }
+    return true;
+}
+
+bool FEED_STATE_FILE::Save(const FEED_STATE& state) const {
+    json object = {{"source", state.source},
+                   {"file", state.file},
+                   {"log", state.log},
+                   {"records", state.records},
+                   {"skipped", state.skipped},
+                   {"unreadable", state.unreadable},
+                   {"behind", state.behind},
+                   {"nextRecord", state.nextRecord},
+                   {"saved", IsoTime(win32::SecondsNow())}};
+    if (!state.places.empty()) {
+        object.update(PlaceObject(state.places.back()));
+        object["earlier"] = json::array();
+        for (size_t i = 0; i + 1 < state.places.size(); ++i) object["earlier"].push_back(PlaceObject(state.places[i]));
+    }
+    const std::string path = Path("state"), fresh = Path("state.new");
+    const int fd = open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
+    if (fd < 0) return false;
+    const bool whole = WriteAll(fd, object.dump(1, ' ', true, json::error_handler_t::replace) + "\n") && fsync(fd) == 0;
+    const int why = errno;
+    close(fd);
+    errno = why;
+    return whole && std::rename(fresh.c_str(), path.c_str()) == 0;
+}

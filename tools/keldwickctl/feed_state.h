@@ -1,0 +1,43 @@
+// What a feed must know after a restart, in feed/NAME.state below the machine root: one JSON object.
+#pragma once
+
+#include <windows.h>
+
+#include <string>
+#include <vector>
+
+// How far one file was read.
+struct FEED_PLACE {
+    unsigned long long device = 0, inode = 0, offset = 0;
+    unsigned long long tail = 0;  // fingerprint of the bytes before the offset: is it still the same content?
+};
+
+struct FEED_STATE {
+    std::string source, file, log;
+    std::vector<FEED_PLACE> places;     // the file that is followed last; before it those rotated away a moment ago
+    unsigned long long nextRecord = 0;  // the first record after the log's last when the places were right
+    unsigned long long records = 0, skipped = 0, unreadable = 0, behind = 0;  // behind: bytes not read yet
+};
+
+// A feed's files, for one process at a time.
+class FEED_STATE_FILE {
+public:
+    // Makes the folder and takes the feed's lock. Throws COMMAND_ERROR: a name that is none, a feed that is running
+    // already, a folder that cannot be written.
+    explicit FEED_STATE_FILE(const std::string& name);
+    ~FEED_STATE_FILE();
+    FEED_STATE_FILE(const FEED_STATE_FILE&) = delete;
+    FEED_STATE_FILE& operator=(const FEED_STATE_FILE&) = delete;
+
+    bool Load(FEED_STATE& state) const;  // false: there is none. Throws COMMAND_ERROR when it is damaged
+    bool Save(
+        const FEED_STATE& state) const;  // replaced as a whole, on the disk when it returns; false: errno says why
+
+    std::string Path(const char* kind) const;  // of NAME.kind in the feed folder
+
+private:
+    const std::string name;
+    int lock = -1;
+};
+
+bool IsFeedName(const std::string& name);

@@ -1,0 +1,177 @@
+#include "tools/keldwickctl/samba_audit.h"
+
+#include <arpa/inet.h>
+
+#include <array>
+
+#include "tools/keldwickctl/event_values.h"
+#include "win32/text/utf.h"
+
+using nlohmann::json;
+
+struct SAMBA_AUDIT::LOGON {
+    long long time = 0;  // seconds since 1970, by the audit's clock
+    std::string sid, account, domain, id = "0x0", type = "3", process, package, workstation, ntlm = "-", guid, address,
+                                      port;
+    bool ownSession = false;  // a session of this account at this address may follow that belongs to it
+
+    // Accounts are told apart by their SID; the name's letter case may differ from one service to the next.
+    std::string Key() const { return sid + '|' + address; }
+};
+
+namespace {
+
+constexpr DWORD LogonEvent = 4624;
+constexpr WORD LogonCategory = 12544;  // the audit subcategory Logon
+constexpr size_t MostSeen = 200000;    // accounts at addresses
+constexpr const char* Anonymous = "S-1-5-7";
+constexpr const char* NoGuid = "{00000000-0000-0000-0000-000000000000}";
+
+bool SameText(const std::string& a, const std::string& b) {
+    return win32::SameName(win32::ToUtf16(a), win32::ToUtf16(b));
+}
+
+// Null where the other side gave no name; SamLogon has back slashes in front.
+std::string Workstation(const json& fields) {
+    std::string name = MemberText(fields, "workstation");
+    name.erase(0, name.find_first_not_of('\\'));
+    return name;
+}
+
+bool IsHex(const std::string& text) {
+    return !text.empty() && text.size() <= 16 && text.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos;
+}
+
+void FillEvent(const std::vector<std::string>& strings, long long time, win32::NEW_EVENT& event) {
+    event = {};
+    event.id = LogonEvent;
+    event.type = EVENTLOG_AUDIT_SUCCESS;
+    event.category = LogonCategory;
+    event.generated = static_cast<DWORD>(time);
+    event.written = win32::SecondsNow();
+    event.source = u"Microsoft-Windows-Security-Auditing";
+    event.computer = OwnComputerName();
+    for (const std::string& each : strings) event.strings.push_back(win32::ToUtf16(each.empty() ? "-" : each));
+}
+
+// Header lines of the server's own log, when it shares the file.
+bool IsLogHeader(std::string_view line) {
+    return line.size() > 1 && line[0] == '[' && line[1] >= '0' && line[1] <= '9';
+}
+
+}  // namespace
+
+bool SplitAuditAddress(std::string_view text, std::string& address, std::string& port) {
+    const bool v4 = text.starts_with("ipv4:"), v6 = text.starts_with("ipv6:");
+    const size_t colon = text.rfind(':');
+    constexpr size_t Prefix = 5;
+    if ((!v4 && !v6) || colon <= Prefix) return false;
+    address = text.substr(Prefix, colon - Prefix);
+    port = text.substr(colon + 1);
+    constexpr std::string_view Mapped = "::ffff:";
+    const bool isMapped = v6 && address.starts_with(Mapped) && address.find('.') != std::string::npos;
+    if (isMapped) address.erase(0, Mapped.size());
+    const auto number = ParseNumber(port, 65535);
+    std::array<BYTE, 16> bytes = {};
+    constexpr std::array<BYTE, 16> unspecified = {};
+    return number && !port.starts_with("0x") &&
+           inet_pton(v4 || isMapped ? AF_INET : AF_INET6, address.c_str(), bytes.data()) == 1 && bytes != unspecified;
+}
+
+FEED_LINE_READER::RESULT SAMBA_AUDIT::Read(std::string_view line, win32::NEW_EVENT& event, std::string& reason) {
+    line.remove_prefix(std::min(line.find_first_not_of(" \t\r"), line.size()));
+    if (line.empty() || IsLogHeader(line)) return SKIPPED;
+    const json object = ParseFeedObject(line);
+    if (object.is_discarded()) {
+        reason = "not a JSON object";
+        return UNREADABLE;
+    }
+    const std::string type = MemberText(object, "type");
+    if (type != "Authentication" && type != "Authorization") return SKIPPED;
+    const auto fields = object.find(type);
+    const auto time = ParseShippedTime(MemberText(object, "timestamp"));
+    if (fields == object.end() || !fields->is_object() || !time) {
+        reason = time ? "without its fields" : "without a usable time stamp";
+        return UNREADABLE;
+    }
+    LOGON logon;
+    logon.time = *time;
+    const RESULT result = type == "Authentication" ? ReadAuthentication(*fields, logon, reason)
+                                                   : ReadAuthorization(*fields, logon, reason);
+    if (result != RECORD) return result;
+    FillEvent({"S-1-0-0",     "-",        "-",        "0x0",         logon.sid,     logon.account,
+               logon.domain,  logon.id,   logon.type, logon.process, logon.package, logon.workstation,
+               logon.guid,    "-",        logon.ntlm, "0",           "0x0",         "-",
+               logon.address, logon.port, "%%1833",   "-",           "-",           "-",
+               "%%1843",      "0x0",      "%%1842"},
+              logon.time, event);
+    return RECORD;
+}
+
+// Only what the account became is the controller's word: the client's claims come along in client* and mapped*.
+FEED_LINE_READER::RESULT SAMBA_AUDIT::ReadAuthentication(const json& fields, LOGON& logon, std::string& reason) {
+    if (MemberText(fields, "status") != "NT_STATUS_OK") return SKIPPED;
+    logon.account = MemberText(fields, "becameAccount");
+    logon.domain = MemberText(fields, "becameDomain");
+    logon.sid = MemberText(fields, "becameSid");
+    if (logon.account.empty() || logon.sid == Anonymous) return SKIPPED;
+    if (!SplitAuditAddress(MemberText(fields, "remoteAddress"), logon.address, logon.port)) return SKIPPED;
+    logon.type = MemberText(fields, "logonType");
+    const std::string id = MemberText(fields, "logonId");
+    if (!ParseSid(logon.sid) || !ParseNumber(logon.type, MAXDWORD) || (!id.empty() && !IsHex(id))) {
+        reason = "a SID, logon type or logon ID that is none";
+        return UNREADABLE;
+    }
+    if (!id.empty()) logon.id = "0x" + id;
+    logon.guid = NoGuid;
+    const std::string service = MemberText(fields, "serviceDescription");
+    const bool kdc = service == "Kerberos KDC", passedOn = service == "SamLogon";
+    logon.workstation = service == "LDAP" ? "" : Workstation(fields);  // LDAP: the controller's own name
+    if (passedOn && logon.type != "2" && !SameText(logon.workstation, MemberText(fields, "netlogonComputer")))
+        return SKIPPED;
+    logon.process = kdc ? "Kerberos" : passedOn ? "NtLmSsp" : service.substr(0, 64);
+    logon.package = kdc ? "Kerberos" : service == "LDAP" ? "Negotiate" : "NTLM";
+    if (MemberText(fields, "passwordType") == "NTLMv2") logon.ntlm = "NTLM V2";
+    // A simple bind is an application's look at a password: the user's own session may still follow.
+    logon.ownSession = logon.type == "2" || logon.type == "3" || logon.type == "10" || logon.type == "11";
+    if (kdc && SeenWithin(logon, RepeatSeconds)) {
+        Remember(logon);
+        return SKIPPED;
+    }
+    if (logon.ownSession) Remember(logon);
+    return RECORD;
+}
+
+FEED_LINE_READER::RESULT SAMBA_AUDIT::ReadAuthorization(const json& fields, LOGON& logon, std::string& reason) {
+    if (MemberText(fields, "authType") != "krb5") return SKIPPED;  // any other has an Authentication of its own
+    logon.account = MemberText(fields, "account");
+    logon.domain = MemberText(fields, "domain");
+    logon.sid = MemberText(fields, "sid");
+    if (logon.account.empty() || logon.sid == Anonymous) return SKIPPED;
+    if (!SplitAuditAddress(MemberText(fields, "remoteAddress"), logon.address, logon.port)) return SKIPPED;
+    if (!ParseSid(logon.sid)) {
+        reason = "a SID that is none";
+        return UNREADABLE;
+    }
+    const bool known = SeenWithin(logon, SessionSeconds);
+    if (known) return SKIPPED;
+    const std::string session = MemberText(fields, "sessionId");
+    logon.process = logon.package = "Kerberos";
+    logon.guid = session.size() == 36 ? "{" + session + "}" : NoGuid;
+    Remember(logon);
+    return RECORD;
+}
+
+// Either way in time: a clock that was set back makes nothing older than it is.
+bool SAMBA_AUDIT::SeenWithin(const LOGON& logon, long long seconds) const {
+    const auto found = seen.find(logon.Key());
+    return found != seen.end() && std::abs(logon.time - found->second) <= seconds;
+}
+
+void SAMBA_AUDIT::Remember(const LOGON& logon) {
+    if (seen.size() >= MostSeen) {
+        std::erase_if(seen, [&](const auto& each) { return std::abs(logon.time - each.second) > SessionSeconds; });
+        if (seen.size() >= MostSeen) seen.clear();
+    }
+    seen[logon.Key()] = logon.time;
+}

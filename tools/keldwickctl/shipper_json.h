@@ -1,0 +1,13 @@
+// Windows events as log shippers write them, one JSON object a line, as records with their strings in position.
+#pragma once
+
+#include "tools/keldwickctl/feed_line_reader.h"
+#include "tools/keldwickctl/feed_values.h"
+
+// Two forms, nested objects and dotted names alike: winlog.event_id with winlog.event_data.NAME, and the flat EventID
+// with NAME beside it. Read are 4624, 4634, 4769, 528, 538, 540 and 673 of the Security log; any other event is
+// skipped.
+class SHIPPER_JSON final : public FEED_LINE_READER {
+public:
+    RESULT Read(std::string_view line, win32::NEW_EVENT& event, std::string& reason) override;
+};
