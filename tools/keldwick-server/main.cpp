@@ -6,6 +6,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 
 #include "report_line.h"
 #include "server.h"
@@ -83,9 +84,7 @@ private:
     bool failed = false;  // said once; answering goes on
 };
 
-}  // namespace
-
-int main(int count, char** texts) {
+int Serve(int count, char** texts) {
     ARGUMENTS arguments;
     if (const std::optional<int> code = ParseArguments(count, texts, arguments)) return *code;
     const int stop = StopDescriptor();
@@ -101,4 +100,15 @@ int main(int count, char** texts) {
     if (server.TlsPort() != 0) Complain(place + std::to_string(server.TlsPort()) + " (TLS)");
     server.Run(stop);
     return 0;
+}
+
+}  // namespace
+
+int main(int count, char** texts) {
+    try {
+        return Serve(count, texts);
+    } catch (const std::exception& error) {  // out of memory
+        Complain(error.what());
+        return ExitFailed;
+    }
 }
