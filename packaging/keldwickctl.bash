@@ -3,10 +3,12 @@
 # The words that may stand after the commands so far (options and their values left out).
 _keldwickctl_words() {
     case "$*" in
-        '') echo 'init settings events directory --root --version --help' ;;
+        '') echo 'init settings events feed directory --root --version --help' ;;
         init) echo '--server --protocol --help' ;;
         settings) echo 'list get set delete' ;;
         events) echo 'write import list clear' ;;
+        feed) echo 'samba-audit xml json' ;;
+        'feed '*) echo '--log --name --once' ;;
         directory) echo 'lookup check' ;;
         'settings set') echo "--type $(_keldwickctl_settings)" ;;
         'settings get' | 'settings delete') _keldwickctl_settings ;;
@@ -33,17 +35,17 @@ _keldwickctl() {
             [[ " ${COMP_WORDS[*]} " == *' write '* ]] && types='error warning information audit-success audit-failure'
             mapfile -t COMPREPLY < <(compgen -W "$types" -- "$current") && return
             ;;
-        --server | --id | --source | --computer | --time | --data | --last) return ;;
+        --server | --id | --source | --computer | --time | --data | --last | --name) return ;;
     esac
     for ((i = 1; i < COMP_CWORD; ++i)); do
         case ${COMP_WORDS[i]} in
-            --root | --log | --protocol | --type | --server | --last) ((++i)) ;;
+            --root | --log | --protocol | --type | --server | --last | --name) ((++i)) ;;
             -*) ;;
             *) said+=("${COMP_WORDS[i]}") ;;
         esac
     done
     mapfile -t COMPREPLY < <(compgen -W "$(_keldwickctl_words "${said[@]}")" -- "$current")
-    if [[ ${said[*]} == 'events import' && $current != -* ]]; then
+    if [[ ${said[*]} =~ ^('events import'|'feed samba-audit'|'feed json')$ && $current != -* ]]; then
         mapfile -t -O "${#COMPREPLY[@]}" COMPREPLY < <(compgen -f -- "$current")
     fi
 }
