@@ -241,7 +241,7 @@ class Reports(InTheDomain):
         """A logon from another address each time, its report, and how long that took."""
         self.hosts += 1
         begin = time.monotonic()
-        self.logon(user, f"10.9.0.{self.hosts}", workstation="WS01")
+        self.logon(user, f"10.9.{self.hosts >> 8}.{self.hosts & 255}", workstation="WS01")
         return self.server.next(timeout=PATIENCE), time.monotonic() - begin
 
     def assert_full(self, report, user):
@@ -268,9 +268,11 @@ class Reports(InTheDomain):
             self.assertEqual(("CORP\\ann", "", ""), report["user"])
             self.assertEqual([], report["groups"])
             self.assertLess(delay, 16, "ten seconds for an answer, and the rest at once")
-            report, delay = self.report("dora")
-            self.assertEqual(("CORP\\dora", "", ""), report["user"])
-            self.assertLess(delay, 5, "a server just found dead is not asked again")
+            end = time.monotonic() + 12  # beyond the pause after which it is tried again
+            while time.monotonic() < end:
+                report, delay = self.report("dora")
+                self.assertEqual(("CORP\\dora", "", ""), report["user"])
+                self.assertLess(delay, 5, "nobody waits a second time for a server that was found dead")
         finally:
             os.kill(DC.pid(), 18)
         end = time.monotonic() + PATIENCE

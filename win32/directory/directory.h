@@ -1,5 +1,6 @@
 // The directory as the layer's COM objects ask it: one interface, behind it either a server (LDAP) or a file (LDIF).
-// Texts are UTF-8 here. Every answer is fresh; nothing of it is kept.
+// Texts are UTF-8 here. What is said of accounts is fresh, nothing of it is kept; the forest's domains are as of
+// when the connection was opened.
 #pragma once
 
 #include <windows.h>

@@ -90,25 +90,14 @@ BACKEND_SETTINGS ReadBackendSettings() {
     return settings;
 }
 
-}  // namespace
-
-DIRECTORY_BACKEND ConfiguredBackend() {
-    // Asked for with every name: the settings are read again only when the registry has changed.
-    static thread_local std::shared_ptr<const void> lastVersion;
-    static thread_local BACKEND_SETTINGS settings;
-    if (const auto version = LinuxSettingsVersion(); !version || version != lastVersion) {
-        settings = ReadBackendSettings();
-        lastVersion = version;
-    }
-    if (settings.chosen) return *settings.chosen;
-    if (Exists(LdifPath())) return DIRECTORY_BACKEND::LDIF;
-    return settings.serverNamed ? DIRECTORY_BACKEND::LDAP : DIRECTORY_BACKEND::NONE;
-}
-
-std::string LdifPath() { return MachinePath("directory.ldif"); }
-
-std::optional<LDAP_SETTINGS> ReadLdapSettings(std::string& complaint) {
+struct CHECKED_LDAP_SETTINGS {
     LDAP_SETTINGS settings;
+    std::string complaint;  // empty: they make sense
+};
+
+CHECKED_LDAP_SETTINGS ReadCheckedSettings() {
+    CHECKED_LDAP_SETTINGS read;
+    LDAP_SETTINGS& settings = read.settings;
     settings.uri = Setting(u"DirectoryUri");
     settings.domain = Setting(u"DirectoryDomain");
     settings.user = Setting(u"DirectoryUser");
@@ -118,8 +107,37 @@ std::optional<LDAP_SETTINGS> ReadLdapSettings(std::string& complaint) {
     settings.startTls = LinuxNumber(u"DirectoryStartTls").value_or(0) != 0;
     const auto bind = BindOf(Setting(u"DirectoryBind"), settings.uri.starts_with("ldapi://"));
     settings.bind = bind.value_or(LDAP_BIND::GSSAPI);
-    complaint = Complaint(settings, bind.has_value());
-    return complaint.empty() ? std::optional(settings) : std::nullopt;
+    read.complaint = Complaint(settings, bind.has_value());
+    return read;
+}
+
+// Settings are asked for with every name: they are read again only when the registry has changed.
+template <typename SETTINGS>
+const SETTINGS& Current(SETTINGS (*read)()) {
+    static thread_local std::shared_ptr<const void> lastVersion;
+    static thread_local SETTINGS settings;
+    if (const auto version = LinuxSettingsVersion(); !version || version != lastVersion) {
+        settings = read();
+        lastVersion = version;
+    }
+    return settings;
+}
+
+}  // namespace
+
+DIRECTORY_BACKEND ConfiguredBackend() {
+    const BACKEND_SETTINGS& settings = Current(ReadBackendSettings);
+    if (settings.chosen) return *settings.chosen;
+    if (Exists(LdifPath())) return DIRECTORY_BACKEND::LDIF;
+    return settings.serverNamed ? DIRECTORY_BACKEND::LDAP : DIRECTORY_BACKEND::NONE;
+}
+
+std::string LdifPath() { return MachinePath("directory.ldif"); }
+
+std::optional<LDAP_SETTINGS> ReadLdapSettings(std::string& complaint) {
+    const CHECKED_LDAP_SETTINGS& current = Current(ReadCheckedSettings);
+    complaint = current.complaint;
+    return complaint.empty() ? std::optional(current.settings) : std::nullopt;
 }
 
 std::optional<std::string> ReadPasswordFile(const std::string& path, std::string& complaint) {

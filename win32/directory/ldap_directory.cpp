@@ -10,10 +10,12 @@ namespace win32 {
 namespace {
 
 using CLOCK = std::chrono::steady_clock;
-using CONNECTION = std::unique_ptr<LDAP_CONNECTION>;
 
-constexpr std::chrono::seconds FailurePause{10};  // until a server that failed is tried again
-constexpr std::chrono::minutes MaxIdleTime{5};    // servers close idle connections, often after 15 minutes
+constexpr std::chrono::seconds FailurePause{10};         // until a server that failed is tried again
+constexpr std::chrono::milliseconds RetryPatience{200};  // of the look-up that has it tried again
+constexpr std::chrono::minutes MaxRetryTime{1};          // longer than its steps together can take
+constexpr std::chrono::minutes MaxIdleTime{5};           // servers close idle connections, often after 15 minutes
+constexpr std::chrono::minutes MaxAge{15};               // of a connection, and so of the domains read with it
 constexpr size_t MaxIdle = 8;
 constexpr size_t MaxFailures = 64;
 constexpr int MaxFound = 64;         // of one name: more than one is already too many
@@ -28,16 +30,28 @@ std::string KeyOf(const LDAP_ACCESS& access) {
     return key + static_cast<char>('0' + static_cast<int>(access.bind)) + (access.startTls ? 's' : 'p');
 }
 
+// A connection with what it takes to ask by it.
+struct OPEN_CONNECTION {
+    LDAP_CONNECTION ldap;
+    std::vector<DIRECTORY_DOMAIN> domains;
+    const CLOCK::time_point since = CLOCK::now();
+};
+using CONNECTION = std::unique_ptr<OPEN_CONNECTION>;
+
 HRESULT OpenConnection(const LDAP_ACCESS& access, CONNECTION& connection) {
-    connection = std::make_unique<LDAP_CONNECTION>();
-    HRESULT result = connection->Connect(access);
-    if (SUCCEEDED(result)) result = connection->Bind(access);
-    if (SUCCEEDED(result)) result = connection->ReadRoot();
-    if (FAILED(result)) ComplainOnce(access.uri + ": " + connection->Reason());
+    connection = std::make_unique<OPEN_CONNECTION>();
+    LDAP_CONNECTION& ldap = connection->ldap;
+    HRESULT result = ldap.Connect(access);
+    if (SUCCEEDED(result)) result = ldap.Bind(access);
+    if (SUCCEEDED(result)) result = ldap.ReadRoot();
+    if (SUCCEEDED(result)) result = SearchDomains(ldap, connection->domains);
+    if (FAILED(result)) ComplainOnce(access.uri + ": " + ldap.Reason());
     return result;
 }
 
-// Idle connections, and servers that failed lately.
+// Idle connections, and servers that have failed. When the pause behind a failure is over the server is tried again
+// beside the look-ups: one that lives answers before the first of them gives up, a dead one costs it a moment, and the
+// others nothing.
 class LDAP_POOL {
 public:
     // Never destroyed: look-ups may go on while the process ends.
@@ -48,7 +62,10 @@ public:
 
     CONNECTION TakeIdle(const std::string& key) {
         const std::lock_guard guard(lock);
-        std::erase_if(idle, [](const IDLE& one) { return one.since + MaxIdleTime < CLOCK::now(); });
+        const CLOCK::time_point now = CLOCK::now();
+        std::erase_if(idle, [now](const IDLE& one) {
+            return one.since + MaxIdleTime < now || one.connection->since + MaxAge < now;
+        });
         for (size_t i = idle.size(); i-- > 0;) {
             if (idle[i].key != key) continue;
             CONNECTION connection = std::move(idle[i].connection);
@@ -64,10 +81,10 @@ public:
         idle.push_back({key, std::move(connection), CLOCK::now()});
     }
 
-    // S_OK: it has not failed within the pause.
-    HRESULT LastFailure(const std::string& key) {
+    // S_OK: it has not failed, or has answered since.
+    HRESULT LastFailure(const std::string& key, const LDAP_ACCESS& access) {
+        if (IsRetryDue(key)) FinishesWithin(RetryPatience, [this, key, access] { Retry(key, access); });
         const std::lock_guard guard(lock);
-        std::erase_if(failures, [](const auto& one) { return one.second.until < CLOCK::now(); });
         const auto found = failures.find(key);
         return found != failures.end() ? found->second.result : S_OK;
     }
@@ -80,6 +97,24 @@ public:
     }
 
 private:
+    // True once: whoever is told so tries.
+    bool IsRetryDue(const std::string& key) {
+        const std::lock_guard guard(lock);
+        const auto found = failures.find(key);
+        if (found == failures.end() || CLOCK::now() < found->second.until) return false;
+        found->second.until = CLOCK::now() + MaxRetryTime;
+        return true;
+    }
+
+    void Retry(const std::string& key, const LDAP_ACCESS& access) {
+        CONNECTION connection;
+        const HRESULT result = OpenConnection(access, connection);
+        if (FAILED(result)) return RememberFailure(key, result);
+        GiveBack(key, std::move(connection));
+        const std::lock_guard guard(lock);
+        failures.erase(key);
+    }
+
     struct IDLE {
         std::string key;
         CONNECTION connection;
@@ -102,11 +137,11 @@ public:
     LDAP_DIRECTORY(const LDAP_DIRECTORY&) = delete;
     LDAP_DIRECTORY& operator=(const LDAP_DIRECTORY&) = delete;
     ~LDAP_DIRECTORY() override {
-        if (connection && !connection->IsBroken()) LDAP_POOL::Current().GiveBack(key, std::move(connection));
+        if (connection && !connection->ldap.IsBroken()) LDAP_POOL::Current().GiveBack(key, std::move(connection));
     }
 
     HRESULT Open() {
-        const HRESULT failure = LDAP_POOL::Current().LastFailure(key);
+        const HRESULT failure = LDAP_POOL::Current().LastFailure(key, access);
         if (FAILED(failure)) return failure;
         connection = LDAP_POOL::Current().TakeIdle(key);
         isFresh = connection == nullptr;
@@ -114,7 +149,9 @@ public:
     }
 
     HRESULT Domains(std::vector<DIRECTORY_DOMAIN>& domains) override {
-        return Ask([&](LDAP_CONNECTION& asked) { return SearchDomains(asked, domains); });
+        if (!connection) return DirectoryServerDown;
+        domains = connection->domains;
+        return S_OK;
     }
 
     HRESULT Find(const std::string& base, const char* attribute, const std::string& value,
@@ -151,14 +188,14 @@ private:
     template <class QUESTION>
     HRESULT Ask(QUESTION question) {
         if (!connection) return DirectoryServerDown;
-        HRESULT result = question(*connection);
-        if (result == DirectoryServerDown && connection->IsBroken() && !isFresh) {
+        HRESULT result = question(connection->ldap);
+        if (result == DirectoryServerDown && connection->ldap.IsBroken() && !isFresh) {
             result = OpenFresh();
             if (FAILED(result)) return result;
-            result = question(*connection);
+            result = question(connection->ldap);
         }
-        if (FAILED(result) && connection->IsBroken()) {
-            ComplainOnce(access.uri + ": " + connection->Reason());
+        if (FAILED(result) && connection->ldap.IsBroken()) {
+            ComplainOnce(access.uri + ": " + connection->ldap.Reason());
             LDAP_POOL::Current().RememberFailure(key, result);
             connection.reset();
         }
