@@ -27,6 +27,16 @@ bool IsRotated(std::string_view suffix) {
            suffix.find_first_not_of("0123456789.-_:T", 1) == std::string_view::npos;
 }
 
+// Which of two rotated names is the newer one: numbers count upwards with age, dates do not.
+bool IsNewerName(std::string_view a, std::string_view b) {
+    const auto isNumber = [](std::string_view name) {
+        const std::string_view digits = name.substr(name.rfind('.') + 1);
+        return digits.size() < 5 && digits.find_first_not_of("0123456789") == std::string_view::npos;
+    };
+    if (isNumber(a) && isNumber(b)) return a.size() != b.size() ? a.size() < b.size() : a < b;
+    return a > b;
+}
+
 bool Before(const timespec& a, const timespec& b) {
     return a.tv_sec != b.tv_sec ? a.tv_sec < b.tv_sec : a.tv_nsec < b.tv_nsec;
 }
@@ -166,25 +176,42 @@ bool FEED_FOLLOWER::AppendSuccessors() {
     FILE_POINTER current = Open(path);
     if (!current || IsOpen(*current)) return false;
     done.erase({current->device, current->inode});  // a new file under an old one's number
-    if (!files.empty()) {
-        const timespec last = files.back()->About().st_mtim;
-        std::vector<std::pair<timespec, FILE_POINTER>> between;
-        for (const std::string& name : Siblings()) {
-            struct stat about;
-            if (name == path || stat(name.c_str(), &about) != 0 || !S_ISREG(about.st_mode)) continue;
-            const bool later = Before(last, about.st_mtim) || (Same(last, about.st_mtim) && name < files.back()->name);
-            if (!later) continue;
-            FILE_POINTER file = Open(name);
-            if (file && !IsOpen(*file) && !done.contains({file->device, file->inode}) && file->inode != current->inode)
-                between.emplace_back(about.st_mtim, std::move(file));
-        }
-        std::stable_sort(between.begin(), between.end(),
-                         [](const auto& a, const auto& b) { return Before(a.first, b.first); });
-        for (auto& [time, file] : between) files.push_back(std::move(file));
-    }
+    if (!files.empty()) AppendRotated(*current);
     files.push_back(std::move(current));
     MarkReplaced();
     return true;
+}
+
+// Opens the rotated files between the newest open one and `current`, in the order they were written in.
+void FEED_FOLLOWER::AppendRotated(const OPEN_FILE& current) {
+    const OPEN_FILE& newest = *files.back();
+    const timespec last = newest.About().st_mtim;
+    struct CANDIDATE {
+        std::string name;
+        struct stat about;
+    };
+    std::vector<CANDIDATE> candidates;
+    std::string newestName;  // it may have been renamed since
+    for (const std::string& name : Siblings()) {
+        CANDIDATE each = {name, {}};
+        if (name == path || stat(name.c_str(), &each.about) != 0 || !S_ISREG(each.about.st_mode)) continue;
+        if (each.about.st_dev == newest.device && each.about.st_ino == newest.inode) newestName = name;
+        candidates.push_back(std::move(each));
+    }
+    std::erase_if(candidates, [&](const CANDIDATE& each) {
+        const timespec& time = each.about.st_mtim;
+        if (Same(last, time)) return newestName.empty() || !IsNewerName(each.name, newestName);
+        return Before(time, last);
+    });
+    std::sort(candidates.begin(), candidates.end(), [](const CANDIDATE& a, const CANDIDATE& b) {
+        if (!Same(a.about.st_mtim, b.about.st_mtim)) return Before(a.about.st_mtim, b.about.st_mtim);
+        return IsNewerName(b.name, a.name);
+    });
+    for (const CANDIDATE& each : candidates) {
+        FILE_POINTER file = Open(each.name);
+        if (file && !IsOpen(*file) && !done.contains({file->device, file->inode}) && file->inode != current.inode)
+            files.push_back(std::move(file));
+    }
 }
 
 void FEED_FOLLOWER::MarkReplaced() {

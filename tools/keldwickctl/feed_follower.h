@@ -44,6 +44,7 @@ private:
     FILE_POINTER Locate(const FEED_PLACE& place) const;
     std::vector<std::string> Siblings() const;
     bool AppendSuccessors();
+    void AppendRotated(const OPEN_FILE& current);
     void MarkReplaced();
     bool IsOpen(const OPEN_FILE& file) const;
     void FollowTruncation(OPEN_FILE& file);

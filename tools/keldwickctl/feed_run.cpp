@@ -40,10 +40,13 @@ public:
         sigaddset(&signals, SIGTERM);
         sigaddset(&signals, SIGINT);
         sigprocmask(SIG_BLOCK, &signals, &before);
-        fd = signalfd(-1, &signals, SFD_CLOEXEC);
+        fd = signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
         if (fd < 0) throw COMMAND_ERROR(std::string("cannot wait for signals: ") + std::strerror(errno));
     }
     ~STOP_SIGNALS() {
+        signalfd_siginfo taken;
+        while (read(fd, &taken, sizeof taken) > 0) {  // or it would end the process once it is let through
+        }
         close(fd);
         sigprocmask(SIG_SETMASK, &before, nullptr);
     }

@@ -54,9 +54,9 @@ void FillEvent(const std::vector<std::string>& strings, long long time, win32::N
     for (const std::string& each : strings) event.strings.push_back(win32::ToUtf16(each.empty() ? "-" : each));
 }
 
-// Header lines of the server's own log, when it shares the file.
+// Header lines of the server's own log, "[2026/11/16 08:00:12 ...", when it shares the file.
 bool IsLogHeader(std::string_view line) {
-    return line.size() > 1 && line[0] == '[' && line[1] >= '0' && line[1] <= '9';
+    return line.size() > 8 && line[0] == '[' && line[5] == '/' && line[8] == '/';
 }
 
 }  // namespace

@@ -1,0 +1,30 @@
+// The readers of the live sources on any line: shippers' JSON and the audit log. What becomes a record must be one.
+#include <cstdlib>
+#include <string>
+
+#include "tools/keldwickctl/samba_audit.h"
+#include "tools/keldwickctl/shipper_json.h"
+
+namespace {
+
+void Read(FEED_LINE_READER& reader, std::string_view line, size_t least) {
+    win32::NEW_EVENT event;
+    std::string reason;
+    const FEED_LINE_READER::RESULT result = reader.Read(line, event, reason);
+    if ((result == FEED_LINE_READER::UNREADABLE) == reason.empty()) std::abort();
+    if (result != FEED_LINE_READER::RECORD) return;
+    win32::BYTES record;
+    if (event.strings.size() < least) std::abort();
+    if (win32::BuildRecord(event, record) && !win32::IsWholeRecord(record.data(), record.size())) std::abort();
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    const std::string_view line(reinterpret_cast<const char*>(data), size);
+    SHIPPER_JSON shipped;
+    SAMBA_AUDIT audit;
+    Read(shipped, line, 4);
+    Read(audit, line, 27);
+    return 0;
+}

@@ -1,0 +1,133 @@
+"""Live sources, end to end: what a source says is at the identity server, once, whatever happens to its file or the feed."""
+import json
+import os
+import signal
+import subprocess
+import unittest
+
+from machine import BIN, PATIENCE, MachineTest
+from wire import Server
+
+EVENT = """<Event xmlns="http://schemas.microsoft.com/win/2004/08/events/event"><System><Provider Name="P"/>
+<EventID>4624</EventID><TimeCreated SystemTime="2026-11-16T08:00:12.5Z"/><Computer>DC1</Computer></System><EventData>"""
+
+
+def authentication(user, address, **changes):
+    fields = {"eventId": 4624, "logonId": "0", "logonType": 3, "status": "NT_STATUS_OK",
+              "remoteAddress": f"ipv4:{address}:49152", "serviceDescription": "SMB2", "clientAccount": "mallory",
+              "becameDomain": "CORP", "becameAccount": user, "becameSid": "S-1-5-21-1-2-3-1104", "workstation": "WS1",
+              "netlogonComputer": None, "passwordType": "NTLMv2", **changes}
+    return "  " + json.dumps({"timestamp": "2026-11-16T08:00:12.123456+0000", "type": "Authentication",
+                              "Authentication": fields}) + "\n"
+
+
+def xml(user, address):
+    strings = ["S-1-0-0", "-", "-", "0x0", "S-1-5-21-1-2-3-1104", user, "CORP", "0x1", "3", "K", "K", "WS1", "{0}", "-", "-",
+               "0", "0x0", "-", address, "1"]
+    return EVENT + "".join(f"<Data>{each}</Data>" for each in strings) + "</EventData></Event>"
+
+
+def shipped(user, address):
+    data = {"SubjectUserSid": "S-1-0-0", "TargetUserSid": "S-1-5-21-1-2-3-1104", "TargetUserName": user,
+            "TargetDomainName": "CORP", "LogonType": "3", "WorkstationName": "WS1", "IpAddress": address}
+    return json.dumps({"@timestamp": "2026-11-16T08:00:12.123Z", "winlog": {"event_id": 4624, "channel": "Security",
+                                                                           "event_data": data}}) + "\n"
+
+
+class Feeds(MachineTest):
+    address = "127.48.0.1"
+
+    def setUp(self):
+        super().setUp()
+        self.file = f"{self.root}/audit.jsonl"
+
+    def feed(self, *arguments):
+        process = subprocess.Popen([f"{BIN}/keldwickctl", "--root", self.root, "feed", *arguments], stdin=subprocess.PIPE,
+                                   stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        self.agents.append(process)
+        return process
+
+    def end(self, process):
+        process.send_signal(signal.SIGTERM)
+        said, complaint = process.communicate(timeout=PATIENCE)
+        self.assertEqual(0, process.returncode, complaint)
+        return said
+
+    def append(self, text):
+        with open(self.file, "a", encoding="utf-8") as file:
+            file.write(text)
+
+    def serve(self):
+        self.server = Server(self.address)
+        self.addCleanup(self.server.close)
+        self.prepare()
+        return self.start()
+
+    def expect(self, user, address):
+        got = self.server.next()
+        self.assertEqual(("logon", f"CORP\\{user}", address, "CORP\\WS1"),
+                         (got["kind"], got["user"][0], got["address"], got["computer"][0]))
+
+    def test_an_audit_line_is_a_report_at_once_and_only_once_through_rotation_and_restart(self):
+        agent = self.serve()
+        feed = self.feed("samba-audit", self.file)
+        self.assertIn(f"waiting for {self.file}", feed.stderr.readline())
+        self.append(authentication("ann", "10.0.0.1"))
+        self.expect("ann", "10.0.0.1")
+        self.append(authentication("nobody", "10.0.0.9", status="NT_STATUS_WRONG_PASSWORD") + "rubbish\n" +
+                    authentication("WS1$", "10.0.0.9") + authentication("bob", "10.0.0.2"))
+        self.expect("bob", "10.0.0.2")
+        os.rename(self.file, self.file + ".1")
+        self.append(authentication("carl", "10.0.0.3"))
+        self.expect("carl", "10.0.0.3")
+        self.assertIn("4 records written to the Security log, 1 skipped, 1 unreadable.", self.end(feed))
+        self.append(authentication("dora", "10.0.0.4"))
+        feed = self.feed("samba-audit", self.file)
+        self.expect("dora", "10.0.0.4")
+        self.assertIn("1 records written", self.end(feed))
+        self.shut_down(agent)
+        with open(f"{self.root}/feed/samba-audit.aside", encoding="utf-8") as aside:
+            self.assertIn("\nrubbish\n", aside.read())
+
+    def test_a_stream_is_reported_element_by_element_and_line_by_line(self):
+        agent = self.serve()
+        for number, (source, make, rubbish) in enumerate((("xml", xml, "<Event>oops</Event>"), ("json", shipped, "oops\n"))):
+            with self.subTest(source=source):
+                feed = self.feed(source)
+                for user in ("ann", "bob"):
+                    feed.stdin.write(make(user, f"10.{number}.0.{len(user) + ord(user[0])}"))
+                    feed.stdin.flush()
+                    self.expect(user, f"10.{number}.0.{len(user) + ord(user[0])}")
+                    feed.stdin.write(rubbish)
+                said, complaint = feed.communicate(timeout=PATIENCE)
+                self.assertEqual((0, ""), (feed.returncode, complaint))
+                self.assertIn("2 records written to the Security log, 0 skipped, 2 unreadable.", said)
+        self.shut_down(agent)
+
+    def test_a_feed_that_is_killed_again_and_again_loses_nothing_and_doubles_nothing(self):
+        self.ctl("init", "--server", self.address)
+        users = [f"u{number}" for number in range(4000)]
+        for at in range(0, len(users), 200):
+            self.append("".join(authentication(user, "10.0.0.1") for user in users[at:at + 200]))
+            feed = self.feed("samba-audit", self.file)
+            if at % 400 == 0:  # some in the middle of writing, some before they have begun
+                self.until(lambda: f'"{users[at]}"' in self.ctl("events", "list", "--last", "200"), "records of this turn")
+            feed.kill()
+            feed.communicate()
+        self.ctl("feed", "samba-audit", self.file, "--once")
+        listed = [json.loads(line)["strings"][5] for line in self.ctl("events", "list", "--json").splitlines()]
+        self.assertEqual(users, listed)
+
+    def test_wrong_use_and_what_cannot_be_done_are_told_apart(self):
+        self.ctl("init", "--server", self.address)
+        for arguments, code, text in ((("samba-audit",), 2, "FILE"), (("nothing",), 2, "there is no command"), ((), 2, "missing"),
+                                      (("json", "--name", "../x"), 2, "must be letters"),
+                                      (("samba-audit", "/nowhere/file", "--once"), 1, "there is no such file"),
+                                      (("samba-audit", self.root, "--once"), 1, "not a regular file"),
+                                      (("xml", "--log", "Nope"), 1, "there is no Nope log")):
+            with self.subTest(arguments=arguments):
+                self.assertIn(text, self.ctl("feed", *arguments, code=code, text=""))
+
+
+if __name__ == "__main__":
+    unittest.main()
