@@ -3,8 +3,9 @@
 # The words that may stand after the commands so far (options and their values left out).
 _keldwickctl_words() {
     case "$*" in
-        '') echo 'init settings events feed directory --root --version --help' ;;
+        '') echo 'init status settings events feed directory --root --version --help' ;;
         init) echo '--server --protocol --help' ;;
+        status) echo '--json --prometheus' ;;
         settings) echo 'list get set delete' ;;
         events) echo 'write import list clear' ;;
         feed) echo 'samba-audit xml json' ;;
@@ -27,6 +28,7 @@ _keldwickctl() {
     local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]} said=() i
     COMPREPLY=()
     case $previous in
+        --prometheus) mapfile -t COMPREPLY < <(compgen -f -- "$current") && return ;;
         --root) mapfile -t COMPREPLY < <(compgen -d -- "$current") && return ;;
         --log) mapfile -t COMPREPLY < <(compgen -W 'Security Application' -- "$current") && return ;;
         --protocol) mapfile -t COMPREPLY < <(compgen -W 'auto tcps tcp' -- "$current") && return ;;
@@ -39,7 +41,7 @@ _keldwickctl() {
     esac
     for ((i = 1; i < COMP_CWORD; ++i)); do
         case ${COMP_WORDS[i]} in
-            --root | --log | --protocol | --type | --server | --last | --name) ((++i)) ;;
+            --root | --log | --protocol | --type | --server | --last | --name | --prometheus) ((++i)) ;;
             -*) ;;
             *) said+=("${COMP_WORDS[i]}") ;;
         esac

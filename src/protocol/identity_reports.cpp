@@ -205,6 +205,14 @@ bool SendWithRetries(const WCHAR* operation, BYTE* request, DWORD length) {
     return false;
 }
 
+bool Exchange(const WCHAR* operation, BYTE* request, DWORD length) {
+    if (!SendWithRetries(operation, request, length)) return false;
+    std::span<const BYTE> response;
+    if (!CurrentSession->ReceiveResponse(response)) response = {};
+    DebugPrintMasked(DEBUG_VERBOSE, TEXT("%s request received %d bytes"), operation, static_cast<int>(response.size()));
+    return IsAnswerTo(operation, request, response);
+}
+
 }  // namespace
 
 STRING TrimDomainSuffix(const WCHAR* name) {
@@ -254,12 +262,12 @@ bool IdentityReportLogoff(IDENTITY_REQUEST& request) {
     return SendRequest(TEXT("IdentityReportLogoff"), request.request.Data(), request.Length());
 }
 
+REPORT_COUNTS ReportCounts;
+
 bool SendRequest(const WCHAR* operation, BYTE* request, DWORD length) {
-    if (!SendWithRetries(operation, request, length)) return false;
-    std::span<const BYTE> response;
-    if (!CurrentSession->ReceiveResponse(response)) response = {};
-    DebugPrintMasked(DEBUG_VERBOSE, TEXT("%s request received %d bytes"), operation, static_cast<int>(response.size()));
-    return IsAnswerTo(operation, request, response);
+    const bool answered = Exchange(operation, request, length);
+    ++(answered ? ReportCounts.answered : ReportCounts.failed);
+    return answered;
 }
 
 bool IsAnswerTo(const WCHAR* operation, const BYTE* request, std::span<const BYTE> response) {

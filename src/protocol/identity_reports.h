@@ -21,6 +21,13 @@ constexpr WORD LogonRequestCode = 0x0010;
 bool IdentityReportLogon(IDENTITY_REQUEST& request, const IP_ADDRESS& address, const WCHAR* ipText,
                          const WCHAR* userName, const WCHAR* computerName);
 
+// The exchanges of this process so far, every kind together; the worker's own.
+struct REPORT_COUNTS {
+    DWORD answered = 0;  // by a well-formed answer
+    DWORD failed = 0;
+};
+extern REPORT_COUNTS ReportCounts;
+
 // Both need a request whose logon has been reported.
 bool IdentityReportHeartbeat(IDENTITY_REQUEST& request);
 bool IdentityReportLogoff(IDENTITY_REQUEST& request);

@@ -1,9 +1,12 @@
 """The agent as a service: the test plays the service manager with a notify socket and signals."""
+import json
 import os
 import signal
 import socket
 import subprocess
+import time
 import unittest
+from datetime import datetime
 
 from machine import BIN, PATIENCE, MachineTest
 
@@ -63,6 +66,43 @@ class Service(MachineTest):
         self.assertGreaterEqual(heard.count(b"WATCHDOG=1"), 6)
         agent.send_signal(signal.SIGTERM)
         self.assertEqual(0, agent.wait(PATIENCE))
+
+    def status(self):
+        return json.loads(self.ctl("status", "--json"))
+
+    def test_status_is_seen_from_outside(self):
+        self.prepare()
+        self.assertFalse(self.status()["running"])
+        server = subprocess.Popen([f"{BIN}/keldwick-server", "--host", self.address, "--tls-port", "0"],
+                                  stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        self.agents.append(server)
+        agent = self.start("-L", "-V")
+        self.until(lambda: self.status()["connection"], "a connection")
+        status = self.status()
+        self.assertEqual((True, agent.pid, self.address, "tcp"),
+                         tuple(status[key] for key in ("running", "pid", "server", "protocol")))
+        self.assertEqual({"address": self.address, "port": 1306, "over": "TCP"}, status["connection"])
+        self.assertLess(abs(datetime.fromisoformat(status["since"]).timestamp() - time.time()), PATIENCE)
+        self.assertIsNone(status["identities"])  # nothing was counted yet
+
+        self.logon("cleo", "10.0.0.8", workstation="PC2")
+        self.until(lambda: self.status()["behind"] == 0, "the agent has read the first logon")
+        agent.send_signal(signal.SIGSTOP)
+        for user in ("ann", "bob"):
+            self.logon(user, "10.0.0.7", workstation="PC1")
+        status = self.status()
+        self.assertEqual((4, 2), (status["last_event"]["record"], status["behind"]), status)
+        self.assertLessEqual(status["behind_since"], status["last_event"]["time"])
+        agent.send_signal(signal.SIGCONT)
+        self.until(lambda: self.status()["behind"] == 0, "the agent catches up")
+
+        figures = f"{self.root}/keldwick.prom"
+        self.assertEqual("", self.ctl("status", "--prometheus", figures))
+        with open(figures, encoding="utf-8") as file:
+            self.assertRegex(file.read(), r"(?m)^keldwick_connected 1$")
+        self.assertIn(f"process {agent.pid}", self.ctl("status"))
+        self.shut_down(agent)
+        self.assertFalse(self.status()["running"])
 
 
 if __name__ == "__main__":

@@ -19,3 +19,4 @@ void AddSettingsCommands(CLI::App& app);   // settings list, get, set, delete
 void AddEventsCommands(CLI::App& app);     // events write, import, list, clear
 void AddDirectoryCommands(CLI::App& app);  // directory lookup, check
 void AddFeedCommands(CLI::App& app);       // feed samba-audit, xml, json
+void AddStatusCommand(CLI::App& app);      // status

@@ -73,6 +73,7 @@ int main(int argc, char** argv) {
         AddEventsCommands(app);
         AddDirectoryCommands(app);
         AddFeedCommands(app);
+        AddStatusCommand(app);
         app.parse(argc, argv);
         return Finish();
     } catch (const CLI::ParseError& error) {

@@ -169,6 +169,8 @@ bool EVT_FILE::WriteAt(DWORD offset, const void* bytes, size_t count) {
     return true;
 }
 
+void EVT_FILE::Mark(DWORD number) const { lseek(fd, static_cast<off_t>(number), SEEK_SET); }
+
 DWORD EVT_FILE::Size() const {
     struct stat about;
     if (fstat(fd, &about) != 0) return 0;

@@ -58,6 +58,10 @@ public:
     bool WriteAt(DWORD offset, const void* bytes, size_t count);  // all of them, or false
     DWORD Size() const;                                           // bytes; 0xFFFFFFFF for more
 
+    // Leaves a number as the descriptor's file position, which nothing here uses: who may look at the process finds it
+    // in /proc/PID/fdinfo.
+    void Mark(DWORD number) const;
+
     static EVT_HEADER HeaderOf(const EVT_STATE& state);
     static EVT_END EndOf(const EVT_STATE& state);
 

@@ -90,6 +90,7 @@ DWORD EVT_READER::Read(bool forwards, BYTE* buffer, DWORD bytes, DWORD& bytesRea
             DWORD error = Enter();
             if (error == ERROR_SUCCESS) {
                 Settle(forwards);
+                if (forwards) file.Mark(next);
                 return forwards ? ReadForwards(buffer, bytes, bytesRead, needed)
                                 : ReadBackwards(buffer, bytes, bytesRead, needed);
             }

@@ -1,0 +1,32 @@
+// The running agent of a machine root, as /proc shows it: nothing is asked of the agent itself.
+#pragma once
+
+#include <windows.h>
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <istream>
+#include <optional>
+#include <set>
+#include <string>
+
+struct AGENT_CONNECTION {
+    std::string address;
+    WORD port;
+    const char* over;  // "TLS" or "TCP", which the port tells
+};
+
+struct AGENT_PROCESS {
+    pid_t pid = 0;
+    int64_t since = 0;  // seconds since 1970
+    std::optional<AGENT_CONNECTION> connection;
+    std::optional<DWORD> nextRecord;  // of the Security log: those before it are done with; nothing: not read yet
+};
+
+// Nothing: no agent of that machine root runs. Throws COMMAND_ERROR when there is one that may not be looked at.
+std::optional<AGENT_PROCESS> FindAgent(const std::string& root);
+
+// The established connection to an identity server's port among the sockets with these inodes, in a table of the form
+// of /proc/net/tcp and tcp6.
+std::optional<AGENT_CONNECTION> ServerConnection(std::istream& table, const std::set<std::string>& inodes);

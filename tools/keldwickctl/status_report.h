@@ -1,0 +1,33 @@
+// What the agent of a machine root is doing, put together from what lies there and from its process.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "tools/keldwickctl/status_process.h"
+
+struct LOGGED_EVENT {
+    DWORD number;
+    DWORD time;  // seconds since 1970
+};
+
+struct STATUS {
+    std::string root;
+    int64_t now = 0;
+    std::optional<AGENT_PROCESS> agent;
+    std::string server, protocol;  // as set
+    // The figures of the agent's last sweep; nothing: it does not run, or has not swept yet.
+    std::optional<DWORD> identities, tickets, answered, failed;
+    std::optional<LOGGED_EVENT> lastEvent;  // the Security log's newest
+    std::optional<DWORD> behind;            // records that wait; nothing: the agent does not read
+    std::optional<DWORD> behindSince;       // the time of the first of them
+    std::string lastError;                  // the newest error event of the Application log, as a JSON object; or empty
+    std::string logFile;                    // empty: there is none
+};
+
+// Reads it all. Throws COMMAND_ERROR: what cannot be read.
+STATUS ReadStatus();
+
+std::string StatusAsText(const STATUS& status);
+std::string StatusAsJson(const STATUS& status);        // one object
+std::string StatusAsPrometheus(const STATUS& status);  // the text format of the node exporter's textfile collector
