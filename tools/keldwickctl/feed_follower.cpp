@@ -106,10 +106,10 @@ FEED_FOLLOWER::~FEED_FOLLOWER() {
     if (inotify >= 0) close(inotify);
 }
 
-// Null: it is not there. Throws when it is there and cannot be read.
+// Null: it is not there, or is a rotated file that cannot be read. Throws when the path itself cannot be read.
 FEED_FOLLOWER::FILE_POINTER FEED_FOLLOWER::Open(const std::string& name) const {
     const int fd = open(name.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    if (fd < 0 && errno == ENOENT) return nullptr;
+    if (fd < 0 && (errno == ENOENT || name != path)) return nullptr;
     if (fd < 0) throw COMMAND_ERROR("cannot read " + name + ": " + std::strerror(errno));
     auto file = std::make_unique<OPEN_FILE>(fd);
     const struct stat about = file->About();
@@ -157,7 +157,7 @@ bool FEED_FOLLOWER::Resume(const std::vector<FEED_PLACE>& places) {
     bool found = places.empty();
     for (const FEED_PLACE& place : places) {
         FILE_POINTER file = Locate(place);
-        found = file != nullptr;  // of the newest
+        found = file != nullptr || place.offset == 0;  // of the newest
         if (file && !IsOpen(*file)) files.push_back(std::move(file));
     }
     AppendSuccessors();

@@ -14,9 +14,6 @@
 
 namespace {
 
-// The writer writes a mebibyte as a whole, of a small log half.
-size_t BatchBytes(DWORD logBytes) { return std::min<size_t>(256 * 1024, logBytes / 4); }
-
 // What makes two records the same one: all but number and times.
 size_t ContentKey(const EVENTLOGRECORD& record) {
     const auto* const bytes = reinterpret_cast<const char*>(&record);
@@ -27,7 +24,10 @@ size_t ContentKey(const EVENTLOGRECORD& record) {
 }  // namespace
 
 FEED_LOG::FEED_LOG(const std::string& log)
-    : name(log), path(LogPath(log)), largestBatch(BatchBytes(win32::LogMaxSize(win32::ToUtf16(log)))) {
+    : name(log),
+      path(LogPath(log)),
+      logBytes(win32::LogMaxSize(win32::ToUtf16(log))),
+      largestBatch(std::min<size_t>(256 * 1024, logBytes / 4)) {  // the writer writes a mebibyte, of a small log half
     OpenWriter(writer, log);
 }
 
@@ -93,11 +93,13 @@ bool FEED_LOG::Flush() {
     gathered = writer.Flush();
     if (!gathered) return false;
     batch.clear();
+    unmarked += bytes;
     bytes = 0;
     return true;
 }
 
-void FEED_LOG::Sync() const {
+void FEED_LOG::Sync() {
+    unmarked = 0;
     const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) return;
     fdatasync(fd);

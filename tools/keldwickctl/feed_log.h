@@ -24,17 +24,21 @@ public:
     // Writes the batch. False: last error says why, the log is as it was, and the batch is kept for the next try.
     bool Flush();
 
+    // So much was written since Sync that what is not marked may be driven out of the log before it could be
+    // recognised.
+    bool IsMarkPressing() const { return unmarked >= logBytes / 4; }
+
     // Brings the log's file to the disk, for a place that is marked next.
-    void Sync() const;
+    void Sync();
 
     DWORD NextRecord() const;  // the number of the first record after the log's last; throws COMMAND_ERROR
 
 private:
     const std::string name, path;
-    const size_t largestBatch;  // bytes; what the writer surely writes as a whole
+    const size_t logBytes, largestBatch;  // the log's largest size, and what the writer surely writes as a whole
     win32::EVT_WRITER writer;
     std::vector<win32::BYTES> batch;
-    size_t bytes = 0;
+    size_t bytes = 0, unmarked = 0;
     bool gathered = true;                        // the writer holds the batch
     std::unordered_map<size_t, unsigned> known;  // records in the log that may come again, by their content
 };

@@ -149,6 +149,7 @@ public:
         markDue = true;
     }
     int MillisecondsToMark() const {
+        if (log.IsMarkPressing()) return 0;
         const auto passed = std::chrono::duration_cast<std::chrono::milliseconds>(CLOCK::now() - marked).count();
         return passed >= MarkMilliseconds ? 0 : static_cast<int>(MarkMilliseconds - passed);
     }
@@ -278,7 +279,10 @@ void FollowFile(const FEED_OPTIONS& options, FEED_LINE_READER& reader) {
     if (feed.IsNew()) feed.Mark(follower.Places(), follower.Behind());
     while (!feed.Stopped()) {
         if (follower.ReadSome(feed)) {
-            if (feed.IsFull()) feed.Flush();
+            if (feed.IsFull()) {
+                feed.Flush();
+                if (feed.MillisecondsToMark() == 0) feed.Mark(follower.Places(), follower.Behind());
+            }
             feed.ShowProgress(follower.Behind());
             feed.Wait(-1, 0);
             continue;
