@@ -44,6 +44,7 @@ step "A machine root with settings, and a logon from before the start, which is 
 step "An identity server and the agent"
 "$bin/keldwick-server" --host "$host" --json >"$root/reports" 2>"$root/server-errors" &
 server=$!
+await "port 1306" "$root/server-errors"  # the agent would come again only after a minute
 "$bin/keldwick" -A 2>"$root/agent-errors" &
 agent=$!
 await "PositionToEnd: FORWARDS" "$root/Keldwick.log"

@@ -5,7 +5,7 @@ import re
 import sys
 
 STAMP = re.compile(r"^\d{4}/\d\d/\d\d (\d\d:\d\d:\d\d [AP]M) KDWK: \(\d+\.\d+\) ", re.M)
-ABOUT_EVENTS = re.compile(r"^(Do_EVENT_|Identity|GetHostName)")
+ABOUT_EVENTS = re.compile(r"^(Do_EVENT_|IdentityReport|GetHostName)")
 
 
 def messages(log):
