@@ -55,9 +55,7 @@ int Finish() {
     return said ? ExitDone : Complain("standard output could not be written", ExitFailed);
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int Run(int argc, char** argv) {
     CLI::App app("Makes, feeds, shows and sets up a Keldwick machine root.", "keldwickctl");
     std::string root;
     app.add_option("--root", root, "the machine root (else KELDWICK_ROOT, else the current folder)")
@@ -82,5 +80,15 @@ int main(int argc, char** argv) {
         return Finish();
     } catch (const std::exception& error) {  // COMMAND_ERROR, or what the machine ran out of
         return Complain(error.what(), ExitFailed);
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    try {
+        return Run(argc, argv);
+    } catch (...) {  // not even memory for a complaint
+        return ExitFailed;
     }
 }
