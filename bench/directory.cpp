@@ -29,6 +29,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench/answering_server.h"
 #include "diagnostics/debug_mode.h"
 #include "diagnostics/debug_output.h"
 #include "diagnostics/log_path.h"
@@ -119,19 +120,6 @@ private:
     std::vector<SEARCH> searches;
     std::vector<std::vector<char*>> names;
 };
-
-void AnswerEverything(int listener) {
-    const int connection = accept(listener, nullptr, nullptr);
-    const int on = 1;
-    setsockopt(connection, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-    unsigned char request[65536];
-    while (recv(connection, request, sizeof request, 0) > 0) {
-        unsigned char answer[14] = {0, 14, 0, 3, 0x80, 0x10};
-        memcpy(answer + 6, request + 6, 4);
-        if (send(connection, answer, sizeof answer, MSG_NOSIGNAL) < 0) break;
-    }
-    close(connection);
-}
 
 int Listen() {
     const int listener = socket(AF_INET, SOCK_STREAM, 0), on = 1;

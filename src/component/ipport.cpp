@@ -1,26 +1,15 @@
 #include "component/ipport.h"
 
-#include "component/tcp_connection.h"
+#include "component/port_events.h"
 
 namespace keldwick {
 namespace {
 
-class PLAIN_EVENTS final : public CONNECTION_EVENTS {
+class PLAIN_EVENTS final : public PORT_EVENTS<IPPort> {
 public:
-    explicit PLAIN_EVENTS(IPPort& owner) : port(owner) {}
-    void Connected(int status, const char* text) override { port.FireConnected(status, text); }
-    void ConnectionStatus(const char* what, int status, const char* text) override {
-        port.FireConnectionStatus(what, status, text);
-    }
-    void DataIn(const BYTE* bytes, int count) override { port.FireDataIn(bytes, count); }
-    void Disconnected(int status, const char* text) override { port.FireDisconnected(status, text); }
-    void Error(int code, const char* text) override { port.FireError(code, text); }
-    void ReadyToSend() override { port.FireReadyToSend(); }
+    using PORT_EVENTS::PORT_EVENTS;
     bool Accept(const TLS_PEER&) override { return false; }
     void TlsStatus(const std::string&) override {}
-
-private:
-    IPPort& port;
 };
 
 }  // namespace

@@ -4,22 +4,14 @@
 #include <string_view>
 
 #include "component/ipport.h"
-#include "component/tcp_connection.h"
+#include "component/port_events.h"
 
 namespace keldwick {
 namespace {
 
-class SECURE_EVENTS final : public CONNECTION_EVENTS {
+class SECURE_EVENTS final : public PORT_EVENTS<IPPortS> {
 public:
-    explicit SECURE_EVENTS(IPPortS& owner) : port(owner) {}
-    void Connected(int status, const char* text) override { port.FireConnected(status, text); }
-    void ConnectionStatus(const char* what, int status, const char* text) override {
-        port.FireConnectionStatus(what, status, text);
-    }
-    void DataIn(const BYTE* bytes, int count) override { port.FireDataIn(bytes, count); }
-    void Disconnected(int status, const char* text) override { port.FireDisconnected(status, text); }
-    void Error(int code, const char* text) override { port.FireError(code, text); }
-    void ReadyToSend() override { port.FireReadyToSend(); }
+    using PORT_EVENTS::PORT_EVENTS;
     bool Accept(const TLS_PEER& peer) override {
         int accept = peer.trusted ? 1 : 0;
         port.FireSSLServerAuthentication(peer.certificate.data(), static_cast<int>(peer.certificate.size()),
@@ -27,9 +19,6 @@ public:
         return accept != 0;
     }
     void TlsStatus(const std::string& message) override { port.FireSSLStatus(message.c_str()); }
-
-private:
-    IPPortS& port;
 };
 
 }  // namespace

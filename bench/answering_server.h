@@ -1,0 +1,23 @@
+// The other end of benchmarks that run a session in their own process: it answers and does nothing else.
+#pragma once
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstring>
+
+// Answers every request of the one client that connects, until it closes.
+inline void AnswerEverything(int listener) {
+    const int connection = accept(listener, nullptr, nullptr);
+    const int on = 1;
+    setsockopt(connection, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    unsigned char request[65536];
+    while (recv(connection, request, sizeof request, 0) > 0) {
+        unsigned char answer[14] = {0, 14, 0, 3, 0x80, 0x10};
+        std::memcpy(answer + 6, request + 6, 4);
+        if (send(connection, answer, sizeof answer, MSG_NOSIGNAL) < 0) break;
+    }
+    close(connection);
+}
