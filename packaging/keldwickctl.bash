@@ -3,9 +3,10 @@
 # The words that may stand after the commands so far (options and their values left out).
 _keldwickctl_words() {
     case "$*" in
-        '') echo 'init status settings events feed directory --root --version --help' ;;
+        '') echo 'init status identities settings events feed directory --root --version --help' ;;
         init) echo '--server --protocol --help' ;;
         status) echo '--json --prometheus' ;;
+        identities) echo '--json' ;;
         settings) echo 'list get set delete' ;;
         events) echo 'write import list clear' ;;
         feed) echo 'samba-audit xml json' ;;

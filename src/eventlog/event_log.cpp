@@ -119,6 +119,7 @@ DWORD EVENT_LOG::PositionToEnd(HEAP_BUFFER& buffer) {
 
 DWORD EVENT_LOG::Follow(std::span<const HANDLE> events, HEAP_BUFFER& buffer) {
     for (;;) {
+        identityFile.Update(logons, serviceTickets);  // when all there was to do is done
         const DWORD result =
             WaitForMultipleObjects(static_cast<DWORD>(events.size()), events.data(), FALSE, WakeUpInterval);
         if (result == WAIT_OBJECT_0 + 1) return PROCESS_STOPPED;

@@ -8,6 +8,7 @@
 #include <span>
 
 #include "eventlog/event_record.h"
+#include "identity/identity_file.h"
 #include "identity/logon_table.h"
 #include "identity/service_ticket_table.h"
 #include "platform/handles.h"
@@ -88,6 +89,7 @@ public:
     // The identity tables, which the handlers change and the sweep clears. They go before the log is closed.
     SERVICE_TICKET_TABLE serviceTickets;
     LOGON_TABLE logons;
+    IDENTITY_FILE identityFile;                // what they hold, for those who look from outside
     TIME_STAMP lastSweep = TIME_STAMP::Now();  // of the last completed sweep; at first the reader's beginning
 };
 

@@ -50,8 +50,6 @@ void EVENT_LOG::ExpireEntries() {
     DebugPrintMasked(DEBUG_VERBOSE, TEXT("Updating statistics"));
     RegSetDword(StatisticsKey.Get(), TEXT("ServiceTickets"), serviceTickets.Count());
     RegSetDword(StatisticsKey.Get(), TEXT("Logons"), logons.Count());
-    RegSetDword(StatisticsKey.Get(), TEXT("ReportsAnswered"), ReportCounts.answered);
-    RegSetDword(StatisticsKey.Get(), TEXT("ReportsFailed"), ReportCounts.failed);
     lastSweep = TIME_STAMP::Now();
 }
 

@@ -29,7 +29,7 @@ bool RenewOrReplace(LOGON_TABLE& logons, const IP_ADDRESS& address, const WCHAR*
     LOGON_ENTRY* const known = logons.Find(address);
     if (known == nullptr) return false;
     if (known->request.HasUserName(userName)) {
-        known->logonTime = TIME_STAMP::Now();
+        logons.Renew(known);
         DebugPrint(TEXT("Do_EVENT_ACCOUNT_LOGON: Reset TTL,\n    User name = \"%s\",\n    IP Address = \"%s\""),
                    userName, ipText);
         return true;

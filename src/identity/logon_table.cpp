@@ -46,6 +46,7 @@ LOGON_ENTRY* LOGON_TABLE::Append() {
     (last != nullptr ? last->next : first) = entry;
     last = entry;
     ++count;
+    ++changes;
     return entry;
 }
 
@@ -69,10 +70,17 @@ void LOGON_TABLE::Remove(LOGON_ENTRY* entry) {
     (entry->previous != nullptr ? entry->previous->next : first) = entry->next;
     (entry->next != nullptr ? entry->next->previous : last) = entry->previous;
     --count;
+    ++changes;
     delete entry;
 }
 
+void LOGON_TABLE::Renew(LOGON_ENTRY* entry) {
+    entry->logonTime = TIME_STAMP::Now();
+    ++changes;
+}
+
 void LOGON_TABLE::Clear() {
+    changes += count;
     while (first != nullptr) {
         LOGON_ENTRY* const entry = first;
         first = entry->next;

@@ -52,8 +52,12 @@ public:
 
     void Clear();
 
+    // Starts the entry's time-to-live again.
+    void Renew(LOGON_ENTRY* entry);
+
     DWORD Count() const { return count; }
-    LOGON_ENTRY* First() const { return first; }  // the oldest; null: the table is empty
+    ULONGLONG Changes() const { return changes; }  // entries that came, went or were renewed, ever
+    LOGON_ENTRY* First() const { return first; }   // the oldest; null: the table is empty
     static LOGON_ENTRY* Next(const LOGON_ENTRY* entry) { return entry->next; }
 
 private:
@@ -67,6 +71,7 @@ private:
     LOGON_ENTRY* first = nullptr;
     LOGON_ENTRY* last = nullptr;
     DWORD count = 0;
+    ULONGLONG changes = 0;
     std::unique_ptr<LOGON_ENTRY*[]> buckets;
     size_t bucketCount = 0;  // a power of two, or 0
     size_t headCount = 0;    // addresses in the index

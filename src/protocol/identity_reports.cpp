@@ -20,6 +20,8 @@
 
 namespace keldwick {
 
+REPORT_COUNTS ReportCounts;
+
 namespace {
 
 // The request's header: length, format, message code, request ID.
@@ -195,6 +197,7 @@ bool SendWithRetries(const WCHAR* operation, BYTE* request, DWORD length) {
             DebugPrint(TEXT("%s: disconnect recieved"), operation);
             if (!session.PersistentConnect()) return false;
         }
+        if (attempt > 1) ++ReportCounts.retried;
         StoreDword(request + IdOffset, ++RequestId);
         DebugPrintMasked(DEBUG_VERBOSE, TEXT("%s sending %lu bytes"), operation, length);
         const int result = session.Send(request, length);
@@ -261,8 +264,6 @@ bool IdentityReportLogoff(IDENTITY_REQUEST& request) {
                request.UserName(), request.AddressText(), request.Length());
     return SendRequest(TEXT("IdentityReportLogoff"), request.request.Data(), request.Length());
 }
-
-REPORT_COUNTS ReportCounts;
 
 bool SendRequest(const WCHAR* operation, BYTE* request, DWORD length) {
     const bool answered = Exchange(operation, request, length);

@@ -25,6 +25,8 @@ bool IdentityReportLogon(IDENTITY_REQUEST& request, const IP_ADDRESS& address, c
 struct REPORT_COUNTS {
     DWORD answered = 0;  // by a well-formed answer
     DWORD failed = 0;
+    DWORD retried = 0;  // attempts to send beyond an exchange's first
+    bool operator==(const REPORT_COUNTS&) const = default;
 };
 extern REPORT_COUNTS ReportCounts;
 

@@ -24,16 +24,20 @@ TEXT_FIELD FieldAt(const HEAP_BUFFER& request, DWORD position) {
     return {field + sizeof(WORD), count};
 }
 
+STRING TextAt(const HEAP_BUFFER& request, DWORD position) {
+    const TEXT_FIELD field = FieldAt(request, position);
+    STRING text(field.count);
+    if (field.count != 0) std::memcpy(text.Buffer(), field.units, field.count * sizeof(WCHAR));
+    return text;
+}
+
 constexpr DWORD LengthOfVersion(BYTE version) { return version == 4 ? 4 : version == 6 ? 16 : 0; }
 
 }  // namespace
 
-STRING IDENTITY_REQUEST::UserName() const {
-    const TEXT_FIELD field = FieldAt(request, userPosition);
-    STRING name(field.count);
-    if (field.count != 0) std::memcpy(name.Buffer(), field.units, field.count * sizeof(WCHAR));
-    return name;
-}
+STRING IDENTITY_REQUEST::UserName() const { return TextAt(request, userPosition); }
+
+STRING IDENTITY_REQUEST::ComputerName() const { return TextAt(request, computerPosition); }
 
 bool IDENTITY_REQUEST::HasUserName(const STRING& name) const {
     const TEXT_FIELD field = FieldAt(request, userPosition);

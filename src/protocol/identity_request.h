@@ -26,6 +26,9 @@ struct IDENTITY_REQUEST {
     // The user name as it was encoded; empty without a user block.
     STRING UserName() const;
 
+    // The computer name as it was encoded; empty without a computer block.
+    STRING ComputerName() const;
+
     // Whether the encoded user name equals the given one, ignoring case. Allocates only when the letters' case differs.
     bool HasUserName(const STRING& name) const;
 

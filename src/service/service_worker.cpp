@@ -119,6 +119,7 @@ void ServiceWorker() {
 
     log.logons.Clear();
     log.serviceTickets.Clear();
+    log.identityFile.Write(log.logons, log.serviceTickets);
     log.Close();
 }
 

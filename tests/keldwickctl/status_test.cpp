@@ -54,15 +54,23 @@ TEST(Status, FiguresThatAreNotKnownAreNeverShownAsZero) {
     EXPECT_NE(std::string::npos, StatusAsText(status).find("identities       not known yet"));
     EXPECT_NE(std::string::npos, StatusAsJson(status).find("\"identities\":null"));
 
-    status.identities = 3;
-    status.failed = 0;
+    status.figures = IDENTITY_HEADING{7, 980, 720000, 3, 0, 12, 0, 1};
     status.behind = 5;
+    status.feeds = {{"a", "json", "", "Security", true, 4, 5, 6, 0, "1970-01-01T00:10:00Z", ""},
+                    {"b", "json", "/x", "Security", false, 0, 0, 0, 77, "1970-01-01T00:10:00Z", ""},
+                    {"c", "", "", "", false, 0, 0, 0, 0, "", "c.state is damaged"}};
     status.behindSince = 960;
     const std::string text = StatusAsText(status), figures = StatusAsPrometheus(status);
     EXPECT_NE(std::string::npos, text.find("running since 1970-01-01T00:15:00Z, process 7\n")) << text;
     EXPECT_NE(std::string::npos, text.find("connected to 10.0.0.1 port 1308 over TLS\nidentities       3;")) << text;
     EXPECT_NE(std::string::npos, text.find("5 wait, the first since 1970-01-01T00:16:00Z")) << text;
-    for (const char* wanted : {"\nkeldwick_connected 1\n", "\nkeldwick_identities 3\n", "\nkeldwick_waiting_events 5\n",
+    EXPECT_NE(std::string::npos, text.find("answered 12; failed 0; sent again 1\n")) << text;
+    EXPECT_NE(std::string::npos, text.find("a, running; records 4, skipped 5, unreadable 6; marked")) << text;
+    EXPECT_NE(std::string::npos, text.find("b, not running; /x, 77 bytes behind; records 0")) << text;
+    EXPECT_NE(std::string::npos, text.find("c, not running; c.state is damaged")) << text;
+    EXPECT_EQ(std::string::npos, figures.find("feed=\"c\""));
+    for (const char* wanted : {"\nkeldwick_feed_up{feed=\"a\"} 1\n", "\nkeldwick_feed_behind_bytes{feed=\"b\"} 77\n",
+                               "\nkeldwick_connected 1\n", "\nkeldwick_identities 3\n", "\nkeldwick_waiting_events 5\n",
                                "\nkeldwick_reports_failed_total 0\n", "\nkeldwick_behind_seconds 40\n"})
         EXPECT_NE(std::string::npos, figures.find(wanted)) << wanted << figures;
 }

@@ -9,6 +9,7 @@ import unittest
 from datetime import datetime
 
 from machine import BIN, PATIENCE, MachineTest
+from wire import Server
 
 
 class Service(MachineTest):
@@ -83,8 +84,6 @@ class Service(MachineTest):
                          tuple(status[key] for key in ("running", "pid", "server", "protocol")))
         self.assertEqual({"address": self.address, "port": 1306, "over": "TCP"}, status["connection"])
         self.assertLess(abs(datetime.fromisoformat(status["since"]).timestamp() - time.time()), PATIENCE)
-        self.assertIsNone(status["identities"])  # nothing was counted yet
-
         self.logon("cleo", "10.0.0.8", workstation="PC2")
         self.until(lambda: self.status()["behind"] == 0, "the agent has read the first logon")
         agent.send_signal(signal.SIGSTOP)
@@ -101,8 +100,38 @@ class Service(MachineTest):
         with open(figures, encoding="utf-8") as file:
             self.assertRegex(file.read(), r"(?m)^keldwick_connected 1$")
         self.assertIn(f"process {agent.pid}", self.ctl("status"))
+        self.assertEqual(0, self.status()["reports_failed"])
         self.shut_down(agent)
         self.assertFalse(self.status()["running"])
+
+    def identities(self):
+        return [json.loads(line) for line in self.ctl("identities", "--json").splitlines()]
+
+    def test_who_is_where_is_told_at_once_and_only_while_the_agent_knows_it(self):
+        self.prepare()
+        server = Server(self.address)
+        self.addCleanup(server.close)
+        self.assertIn("no agent runs", self.ctl("identities", code=1))
+        agent = self.start("-L", "-V")
+        self.until(lambda: self.status()["identities"] == 0, "the agent shows itself")
+        for user, address, workstation in (("ann", "10.0.0.7", "PC1"), ('b"\x1b[2J\\', "2001:db8::1", "-"),
+                                           ("zoë", "10.0.0.8", "PC2"), ("cleo", "10.0.0.7", "PC1")):
+            self.logon(user, address, workstation=workstation)
+        self.until(lambda: self.status()["reports_answered"] == 5, "four logons and a logoff")
+        found = self.identities()
+        self.assertEqual([("2001:db8::1", 'CORP\\b"\x1b[2J\\'), ("10.0.0.8", "CORP\\zoë"), ("10.0.0.7", "CORP\\cleo")],
+                         [(entry["address"], entry["user"]) for entry in found])
+        self.assertEqual(["", "CORP\\PC2", "CORP\\PC1"], [entry["computer"] for entry in found])
+        for entry in found:
+            logon, expires = (datetime.fromisoformat(entry[key]).timestamp() for key in ("logon", "expires"))
+            self.assertLess(abs(logon - time.time()), PATIENCE)
+            self.assertEqual(12 * 60, expires - logon)
+        shown = self.ctl("identities").splitlines()
+        self.assertIn('CORP\\\\b\\"\\u001b[2J\\\\  ', shown[0])
+        self.assertRegex(shown[3], "^3 identities, as of ")
+        self.shut_down(agent)
+        with open(f"{self.root}/Keldwick.identities", encoding="utf-8") as file:
+            self.assertEqual(0, json.loads(file.read())["identities"], "nobody is left in the file")
 
 
 if __name__ == "__main__":

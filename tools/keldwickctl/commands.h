@@ -20,3 +20,4 @@ void AddEventsCommands(CLI::App& app);     // events write, import, list, clear
 void AddDirectoryCommands(CLI::App& app);  // directory lookup, check
 void AddFeedCommands(CLI::App& app);       // feed samba-audit, xml, json
 void AddStatusCommand(CLI::App& app);      // status
+void AddIdentitiesCommand(CLI::App& app);  // identities

@@ -58,8 +58,8 @@ public:
             FailCommand("cannot write to the " + name + " log after " + std::to_string(writer.Written()) + " events",
                         GetLastError());
         ClearProgress();
-        std::printf("%lu events imported into the %s log.\n", static_cast<unsigned long>(writer.Written()),
-                    name.c_str());
+        std::printf("%lu event%s imported into the %s log.\n", static_cast<unsigned long>(writer.Written()),
+                    writer.Written() == 1 ? "" : "s", name.c_str());
         if (unreadable == 0) return;
         std::fflush(stdout);
         throw COMMAND_ERROR(std::to_string(unreadable) + (unreadable == 1 ? " thing" : " things") +

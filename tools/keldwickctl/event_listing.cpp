@@ -41,25 +41,6 @@ std::string DataDigits(const EVENTLOGRECORD& record) {
     return record.DataLength == 0 ? std::string() : HexDigits(BytesOf(record) + record.DataOffset, record.DataLength);
 }
 
-// As it is, but for control characters (those of the terminal beyond ASCII too), quotes and back slashes.
-std::string Escaped(const std::string& text) {
-    std::string safe;
-    for (size_t i = 0; i < text.size(); ++i) {
-        const unsigned char byte = static_cast<unsigned char>(text[i]);
-        const bool c1 = byte == 0xC2 && i + 1 < text.size() && static_cast<unsigned char>(text[i + 1]) < 0xA0;
-        if (byte == '"' || byte == '\\') {
-            safe += {'\\', static_cast<char>(byte)};
-        } else if (byte < 0x20 || byte == 0x7F || c1) {
-            std::array<char, 8> code;
-            std::snprintf(code.data(), code.size(), "\\u%04x", c1 ? static_cast<unsigned char>(text[++i]) : byte);
-            safe += code.data();
-        } else {
-            safe += text[i];
-        }
-    }
-    return safe;
-}
-
 }  // namespace
 
 std::string RecordAsText(const EVENTLOGRECORD& record) {

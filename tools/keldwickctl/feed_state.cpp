@@ -41,6 +41,11 @@ FEED_PLACE ReadPlace(const json& object) {
 }
 
 void ReadState(const json& object, FEED_STATE& state) {
+    state.source = object.value("source", "");
+    state.file = object.value("file", "");
+    state.log = object.value("log", "");
+    state.saved = object.value("saved", "");
+    state.behind = Number(object, "behind");
     state.nextRecord = Number(object, "nextRecord");
     state.records = Number(object, "records");
     state.skipped = Number(object, "skipped");
@@ -85,10 +90,12 @@ FEED_STATE_FILE::FEED_STATE_FILE(const std::string& feed) : name(feed) {
 
 FEED_STATE_FILE::~FEED_STATE_FILE() { close(lock); }
 
-std::string FEED_STATE_FILE::Path(const char* kind) const { return win32::MachinePath("feed/" + name + "." + kind); }
+std::string FeedPath(const std::string& name, const char* kind) {
+    return win32::MachinePath("feed/" + name + "." + kind);
+}
 
-bool FEED_STATE_FILE::Load(FEED_STATE& state) const {
-    const std::string path = Path("state");
+bool LoadFeedState(const std::string& name, FEED_STATE& state) {
+    const std::string path = FeedPath(name, "state");
     std::ifstream file(path, std::ios::binary);
     if (!file) {
         if (errno == ENOENT) return false;

@@ -17,7 +17,13 @@ struct FEED_STATE {
     std::vector<FEED_PLACE> places;     // the file that is followed last; before it those rotated away a moment ago
     unsigned long long nextRecord = 0;  // the first record after the log's last when the places were right
     unsigned long long records = 0, skipped = 0, unreadable = 0, behind = 0;  // behind: bytes not read yet
+    std::string saved;                                                        // when, ISO; set by Load only
 };
+
+std::string FeedPath(const std::string& name, const char* kind);  // of NAME.kind in the feed folder
+
+// False: there is no state. Throws COMMAND_ERROR when it cannot be read or is damaged.
+bool LoadFeedState(const std::string& name, FEED_STATE& state);
 
 // A feed's files, for one process at a time.
 class FEED_STATE_FILE {
@@ -29,11 +35,11 @@ public:
     FEED_STATE_FILE(const FEED_STATE_FILE&) = delete;
     FEED_STATE_FILE& operator=(const FEED_STATE_FILE&) = delete;
 
-    bool Load(FEED_STATE& state) const;  // false: there is none. Throws COMMAND_ERROR when it is damaged
+    bool Load(FEED_STATE& state) const { return LoadFeedState(name, state); }
     bool Save(
         const FEED_STATE& state) const;  // replaced as a whole, on the disk when it returns; false: errno says why
 
-    std::string Path(const char* kind) const;  // of NAME.kind in the feed folder
+    std::string Path(const char* kind) const { return FeedPath(name, kind); }
 
 private:
     const std::string name;

@@ -72,6 +72,7 @@ int Run(int argc, char** argv) {
         AddDirectoryCommands(app);
         AddFeedCommands(app);
         AddStatusCommand(app);
+        AddIdentitiesCommand(app);
         app.parse(argc, argv);
         return Finish();
     } catch (const CLI::ParseError& error) {

@@ -18,9 +18,6 @@
 
 namespace {
 
-// The agent sweeps once in a minute, at the next of its wake-ups, which are at most 15 s apart. What stands in the
-// registry before that is of an earlier run.
-constexpr int64_t FirstSweepSeconds = 76;
 constexpr DWORD MostErrorsSearched = 20000;  // of the Application log's newest records
 
 // Calls back with each record, one way from the reader's position, while that returns true.
@@ -63,57 +60,73 @@ void LookAtSecurityLog(STATUS& status) {
     if (const auto event = EventAt(reader, next)) status.behindSince = event->time;
 }
 
-std::string LastError() {
+void LookForLastError(STATUS& status) {
     win32::EVT_READER reader;
     OpenReader(reader, "Application");
-    std::string found;
     DWORD searched = 0;
     EachRecord(reader, false, [&](const EVENTLOGRECORD& record) {
-        if (record.EventType == EVENTLOG_ERROR_TYPE) found = RecordAsJson(record);
-        return found.empty() && ++searched < MostErrorsSearched;
+        if (record.EventType != EVENTLOG_ERROR_TYPE) return ++searched < MostErrorsSearched;
+        status.lastError = RecordAsText(record);
+        status.lastErrorJson = RecordAsJson(record);
+        return false;
     });
-    return found;
+}
+
+void LookAtFigures(STATUS& status) {
+    IDENTITY_LIST list;
+    const auto heading = status.agent ? list.Open() : std::nullopt;
+    if (heading && heading->process == status.agent->pid) status.figures = heading;  // else of an earlier run
 }
 
 void LookAtRegistry(STATUS& status) {
     DWORD error = ERROR_SUCCESS;
     const std::shared_ptr<const win32::REG_TREE> tree = win32::REG_STORE::Current().Tree(&error);
     if (!tree) FailRegistry("cannot read the settings", error);
-    win32::REG_PATH path = SettingsPath();
-    const win32::REG_NODE* const settings = tree->Find(path);
+    const win32::REG_NODE* const settings = tree->Find(SettingsPath());
     if (settings == nullptr)
         throw COMMAND_ERROR("there is no settings key in " + status.root + "; \"keldwickctl init\" makes it");
     if (const auto* server = win32::FindValue(*settings, u"IdentServer")) status.server = ShowValue(*server);
     const auto* protocol = win32::FindValue(*settings, u"IdentProtocol");
     const std::string number = protocol != nullptr ? ShowValue(*protocol) : "0";
     status.protocol = number == "1" ? "tcps" : number == "2" ? "tcp" : "auto";
-
-    path.emplace_back(u"Statistics");
-    const win32::REG_NODE* const statistics = tree->Find(path);
-    if (statistics == nullptr || !status.agent || status.now - status.agent->since < FirstSweepSeconds) return;
-    const struct {
-        const char16_t* name;
-        std::optional<DWORD>& figure;
-    } figures[] = {{u"Logons", status.identities},
-                   {u"ServiceTickets", status.tickets},
-                   {u"ReportsAnswered", status.answered},
-                   {u"ReportsFailed", status.failed}};
-    for (const auto& [name, figure] : figures) {
-        const auto* const value = win32::FindValue(*statistics, name);
-        if (value != nullptr && value->type == REG_DWORD)
-            figure = static_cast<DWORD>(std::strtoul(ShowValue(*value).c_str(), nullptr, 10));
-    }
 }
 
 std::string Time(int64_t seconds) { return IsoTime(static_cast<DWORD>(seconds)); }
 
-std::string Figure(const std::optional<DWORD>& figure) { return figure ? std::to_string(*figure) : "not known yet"; }
+std::string FiguresText(const std::optional<IDENTITY_HEADING>& figures) {
+    if (!figures) return "\nidentities       not known yet";
+    return "\nidentities       " + std::to_string(figures->identities) + "; service tickets " +
+           std::to_string(figures->tickets) + "; as of " + Time(figures->written) + "\nreports          answered " +
+           std::to_string(figures->answered) + "; failed " + std::to_string(figures->failed) + "; sent again " +
+           std::to_string(figures->retried);
+}
 
 std::string BehindText(const STATUS& status) {
     if (!status.behind) return "the log is not being read";
     if (*status.behind == 0) return "nothing waits";
     return std::to_string(*status.behind) + " wait" + (*status.behind == 1 ? "s" : "") +
            (status.behindSince ? ", the first since " + Time(*status.behindSince) : "");
+}
+
+// Names of feeds are letters, digits and the like; the file's is the administrator's own.
+std::string FeedText(const FEED_STATUS& feed) {
+    const std::string text = "\nfeed             " + feed.name + (feed.running ? ", running" : ", not running");
+    if (!feed.damage.empty()) return text + "; " + feed.damage;
+    if (feed.marked.empty()) return text;
+    return text +
+           (feed.file.empty() ? "" : "; " + Escaped(feed.file) + ", " + std::to_string(feed.behind) + " bytes behind") +
+           "; records " + std::to_string(feed.records) + ", skipped " + std::to_string(feed.skipped) + ", unreadable " +
+           std::to_string(feed.unreadable) + "; marked " + feed.marked;
+}
+
+nlohmann::ordered_json FeedObject(const FEED_STATUS& feed) {
+    nlohmann::ordered_json object = {{"name", feed.name}, {"running", feed.running}};
+    if (!feed.damage.empty()) object["damage"] = feed.damage;
+    if (feed.marked.empty()) return object;
+    object.update({{"source", feed.source}, {"file", feed.file}, {"log", feed.log}});
+    object.update({{"behind_bytes", feed.behind}, {"records", feed.records}, {"skipped", feed.skipped}});
+    object.update({{"unreadable", feed.unreadable}, {"marked", feed.marked}});
+    return object;
 }
 
 template <class VALUE>
@@ -130,7 +143,9 @@ STATUS ReadStatus() {
     status.agent = FindAgent(status.root.empty() ? "/" : status.root);
     LookAtRegistry(status);
     LookAtSecurityLog(status);
-    status.lastError = LastError();
+    LookAtFigures(status);
+    LookForLastError(status);
+    status.feeds = ReadFeeds();
     const std::string log = win32::MachinePath("Keldwick.log");
     std::error_code error;
     if (std::filesystem::is_regular_file(log, error)) status.logFile = log;
@@ -148,14 +163,14 @@ std::string StatusAsText(const STATUS& status) {
         text += connection ? "; connected to " + connection->address + " port " + std::to_string(connection->port) +
                                  " over " + connection->over
                            : "; no connection";
-        text += "\nidentities       " + Figure(status.identities) + "; service tickets " + Figure(status.tickets);
-        text += "\nreports          answered " + Figure(status.answered) + "; failed " + Figure(status.failed);
+        text += FiguresText(status.figures);
     }
     text += "\nlast event       ";
     text += status.lastEvent
                 ? "record " + std::to_string(status.lastEvent->number) + ", " + Time(status.lastEvent->time)
                 : "none";
     if (status.agent) text += "; " + BehindText(status);
+    for (const FEED_STATUS& feed : status.feeds) text += FeedText(feed);
     if (!status.lastError.empty()) text += "\nlast error       " + status.lastError;
     if (!status.logFile.empty()) text += "\nlog file         " + status.logFile;
     return text;
@@ -174,47 +189,26 @@ std::string StatusAsJson(const STATUS& status) {
         const AGENT_CONNECTION& connection = *status.agent->connection;
         object["connection"] = {{"address", connection.address}, {"port", connection.port}, {"over", connection.over}};
     }
-    object["identities"] = OrNull(status.identities);
-    object["tickets"] = OrNull(status.tickets);
-    object["reports_answered"] = OrNull(status.answered);
-    object["reports_failed"] = OrNull(status.failed);
+    const auto figure = [&status](int64_t IDENTITY_HEADING::*member) {
+        return status.figures ? nlohmann::ordered_json((*status.figures).*member) : nlohmann::ordered_json();
+    };
+    object["identities"] = figure(&IDENTITY_HEADING::identities);
+    object["tickets"] = figure(&IDENTITY_HEADING::tickets);
+    object["reports_answered"] = figure(&IDENTITY_HEADING::answered);
+    object["reports_failed"] = figure(&IDENTITY_HEADING::failed);
+    object["reports_retried"] = figure(&IDENTITY_HEADING::retried);
+    object["as_of"] = status.figures ? nlohmann::ordered_json(Time(status.figures->written)) : nlohmann::ordered_json();
     object["last_event"] = nullptr;
     if (status.lastEvent)
         object["last_event"] = {{"record", status.lastEvent->number}, {"time", Time(status.lastEvent->time)}};
     object["behind"] = OrNull(status.behind);
     object["behind_since"] =
         status.behindSince ? nlohmann::ordered_json(Time(*status.behindSince)) : nlohmann::ordered_json();
-    object["last_error"] = status.lastError.empty() ? nlohmann::ordered_json()
-                                                    : nlohmann::ordered_json::parse(status.lastError, nullptr, false);
+    object["last_error"] = nullptr;
+    if (!status.lastErrorJson.empty())
+        object["last_error"] = nlohmann::ordered_json::parse(status.lastErrorJson, nullptr, false);
     object["log_file"] = status.logFile;
+    object["feeds"] = nlohmann::ordered_json::array();
+    for (const FEED_STATUS& feed : status.feeds) object["feeds"].push_back(FeedObject(feed));
     return object.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
-}
-
-std::string StatusAsPrometheus(const STATUS& status) {
-    std::string text;
-    const auto add = [&text](const char* name, const char* type, const char* help, std::optional<int64_t> value) {
-        if (!value) return;
-        const std::string whole = std::string("keldwick_") + name;
-        text += "# HELP " + whole + " " + help + "\n# TYPE " + whole + " " + type + "\n" + whole + " " +
-                std::to_string(*value) + "\n";
-    };
-    const auto& agent = status.agent;
-    using VALUE = std::optional<int64_t>;
-    add("up", "gauge", "Whether the agent runs.", agent ? 1 : 0);
-    add("start_time_seconds", "gauge", "When the agent started, since 1970.", agent ? VALUE(agent->since) : VALUE());
-    add("connected", "gauge", "Whether it has a connection to its identity server.",
-        agent && agent->connection ? 1 : 0);
-    add("identities", "gauge", "Identities it keeps alive.", status.identities);
-    add("service_tickets", "gauge", "Service tickets it remembers.", status.tickets);
-    add("reports_answered_total", "counter", "Reports that the server has answered.", status.answered);
-    add("reports_failed_total", "counter", "Reports that no good answer came to.", status.failed);
-    add("last_event_time_seconds", "gauge", "Time of the Security log's newest event, since 1970.",
-        status.lastEvent ? VALUE(status.lastEvent->time) : VALUE());
-    add("waiting_events", "gauge", "Events that the agent has yet to read.", status.behind);
-    add("behind_seconds", "gauge", "Age of the first event that waits.",
-        status.behindSince ? std::max<int64_t>(0, status.now - *status.behindSince)
-        : status.behind    ? VALUE(0)
-                           : VALUE());
-    add("status_time_seconds", "gauge", "When these figures were taken, since 1970.", status.now);
-    return text;
 }

@@ -4,6 +4,8 @@
 #include <optional>
 #include <string>
 
+#include "tools/keldwickctl/identity_list.h"
+#include "tools/keldwickctl/status_feeds.h"
 #include "tools/keldwickctl/status_process.h"
 
 struct LOGGED_EVENT {
@@ -15,14 +17,14 @@ struct STATUS {
     std::string root;
     int64_t now = 0;
     std::optional<AGENT_PROCESS> agent;
-    std::string server, protocol;  // as set
-    // The figures of the agent's last sweep; nothing: it does not run, or has not swept yet.
-    std::optional<DWORD> identities, tickets, answered, failed;
-    std::optional<LOGGED_EVENT> lastEvent;  // the Security log's newest
-    std::optional<DWORD> behind;            // records that wait; nothing: the agent does not read
-    std::optional<DWORD> behindSince;       // the time of the first of them
-    std::string lastError;                  // the newest error event of the Application log, as a JSON object; or empty
-    std::string logFile;                    // empty: there is none
+    std::string server, protocol;             // as set
+    std::optional<IDENTITY_HEADING> figures;  // the agent's own; nothing: it does not run, or has shown none yet
+    std::optional<LOGGED_EVENT> lastEvent;    // the Security log's newest
+    std::optional<DWORD> behind;              // records that wait; nothing: the agent does not read
+    std::optional<DWORD> behindSince;         // the time of the first of them
+    std::string lastError, lastErrorJson;     // the newest error event of the Application log; empty: there is none
+    std::string logFile;                      // empty: there is none
+    std::vector<FEED_STATUS> feeds;
 };
 
 // Reads it all. Throws COMMAND_ERROR: what cannot be read.

@@ -103,6 +103,19 @@ BOOL WINAPI MoveFileW(LPCWSTR from, LPCWSTR to) {
     return RenameToFree(source, target) == 0 || win32::FailOnPath(target);
 }
 
+BOOL WINAPI MoveFileExW(LPCWSTR from, LPCWSTR to, DWORD flags) {
+    if (flags == 0) return MoveFileW(from, to);
+    std::string source;
+    std::string target;
+    if (flags != MOVEFILE_REPLACE_EXISTING) return win32::FailWith(ERROR_INVALID_PARAMETER);
+    if (!win32::ResolvePath(from, source) || !win32::ResolvePath(to, target) || !MayGoAway(source)) return FALSE;
+    struct stat status;
+    const bool replaces = stat(target.c_str(), &status) == 0;
+    if (replaces && (S_ISDIR(status.st_mode) || !win32::FILE_SHARE::AllowsDelete(status)))
+        return win32::FailWith(ERROR_ACCESS_DENIED);
+    return rename(source.c_str(), target.c_str()) == 0 || win32::FailOnPath(target);
+}
+
 BOOL WINAPI DeleteFileW(LPCWSTR path) {
     std::string host;
     if (!win32::ResolvePath(path, host) || !MayGoAway(host)) return FALSE;

@@ -50,28 +50,32 @@ TEST_F(PathsTest, TheRootIsAbsoluteWithoutATrailingSlash) {
     ASSERT_EQ(0, chdir(before));
 }
 
-TEST_F(PathsTest, AMoveNeverReplacesAndTellsWhatWasMissing) {
+TEST_F(PathsTest, AMoveReplacesOnlyWhenAskedToAndTellsWhatWasMissing) {
     root.Write("a", "a");
     root.Write("b", "b");
     const struct {
         const char* name;
         const char* from;
         const char* to;
-        DWORD error;
+        DWORD flags, error;
     } cases[] = {
-        {"target there", "a", "b", ERROR_ALREADY_EXISTS},
-        {"source missing", "c", "d", ERROR_FILE_NOT_FOUND},
-        {"target's folder missing", "a", "no/d", ERROR_PATH_NOT_FOUND},
-        {"free target", "a", "c", ERROR_SUCCESS},
+        {"target there", "a", "b", 0, ERROR_ALREADY_EXISTS},
+        {"source missing", "c", "d", 0, ERROR_FILE_NOT_FOUND},
+        {"target's folder missing", "a", "no/d", 0, ERROR_PATH_NOT_FOUND},
+        {"free target", "a", "c", 0, ERROR_SUCCESS},
+        {"what the layer cannot do", "b", "c", 0x8, ERROR_INVALID_PARAMETER},
+        {"nothing to replace it with", "a", "c", MOVEFILE_REPLACE_EXISTING, ERROR_FILE_NOT_FOUND},
+        {"a folder is not replaced", "c", "folder", MOVEFILE_REPLACE_EXISTING, ERROR_ACCESS_DENIED},
+        {"target replaced", "b", "c", MOVEFILE_REPLACE_EXISTING, ERROR_SUCCESS},
     };
+    ASSERT_TRUE(CreateDirectoryW(Path("folder").c_str(), nullptr));
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         SetLastError(ERROR_SUCCESS);
-        EXPECT_EQ(c.error == ERROR_SUCCESS, MoveFileW(Path(c.from).c_str(), Path(c.to).c_str()) != FALSE);
+        EXPECT_EQ(c.error == ERROR_SUCCESS, MoveFileExW(Path(c.from).c_str(), Path(c.to).c_str(), c.flags) != FALSE);
         EXPECT_EQ(c.error, GetLastError());
     }
-    EXPECT_EQ("b", root.Read("b"));
-    EXPECT_EQ("a", root.Read("c"));
+    EXPECT_EQ("b", root.Read("c"));
 }
 
 TEST_F(PathsTest, AttributesFoldersAndDeletionTellWhatIsThere) {

@@ -1,0 +1,128 @@
+#include "identity/identity_file.h"
+
+#include <algorithm>
+#include <string>
+#include <string_view>
+
+#include "diagnostics/debug_output.h"
+#include "diagnostics/log_path.h"
+#include "platform/error_text.h"
+#include "platform/handles.h"
+#include "service/settings.h"
+
+namespace keldwick {
+
+namespace {
+
+constexpr size_t ChunkBytes = 65536;
+constexpr ULONGLONG RefreshMs = 60000;  // an unchanged file is written anew so often: its time tells that it is right
+constexpr ULONGLONG ShareOfTime = 100;  // one part in so many may go into writing
+
+// The path beside the program file: its own name with another extension. Empty when that is not known.
+STRING PathOf(const WCHAR* extension) {
+    STRING path;
+    GetModulePath(path);
+    const size_t stop = path.View().rfind(TEXT('.'));
+    if (stop == TEXT_VIEW::npos) return STRING();
+    path.Resize(static_cast<DWORD>(stop));
+    path.Append(extension);
+    return path;
+}
+
+ULONGLONG SecondsSince1970(const TIME_STAMP& time) {
+    constexpr ULONGLONG secondsBefore1970 = 11644473600;  // file times begin in 1601
+    return static_cast<ULONGLONG>(time.Units()) / (TIME_STAMP::UnitsPerMillisecond * 1000) - secondsBefore1970;
+}
+
+// Names come from events, which anybody who tries to log on can fill with anything.
+void AppendQuoted(std::string& text, const STRING& value) {
+    constexpr std::string_view digits = "0123456789abcdef";
+    const STRING_UTF8 utf8(value);
+    text += '"';
+    for (const char unit : utf8.View()) {
+        const auto byte = static_cast<BYTE>(unit);
+        if (unit == '"' || unit == '\\') {
+            (text += '\\') += unit;
+        } else if (byte < 0x20 || byte == 0x7f) {
+            ((text += "\\u00") += digits[byte >> 4]) += digits[byte & 15];
+        } else {
+            text += unit;
+        }
+    }
+    text += '"';
+}
+
+void AppendEntry(std::string& text, const LOGON_ENTRY& entry) {
+    AppendQuoted(text += "{\"address\":", entry.request.AddressText());
+    AppendQuoted(text += ",\"user\":", entry.request.UserName());
+    AppendQuoted(text += ",\"computer\":", entry.request.ComputerName());
+    text += ",\"logon\":" + std::to_string(SecondsSince1970(entry.logonTime)) + "}\n";
+}
+
+std::string Heading(const LOGON_TABLE& logons, const SERVICE_TICKET_TABLE& tickets, const TIME_STAMP& now) {
+    return "{\"process\":" + std::to_string(GetCurrentProcessId()) +
+           ",\"written\":" + std::to_string(SecondsSince1970(now)) +
+           ",\"ttl\":" + std::to_string(Settings.logonTtl.load()) +
+           ",\"identities\":" + std::to_string(logons.Count()) + ",\"tickets\":" + std::to_string(tickets.Count()) +
+           ",\"answered\":" + std::to_string(ReportCounts.answered) +
+           ",\"failed\":" + std::to_string(ReportCounts.failed) +
+           ",\"retried\":" + std::to_string(ReportCounts.retried) + "}\n";
+}
+
+// Empties the chunk into the file. False: the last error says why not.
+bool Put(HANDLE file, std::string& chunk) {
+    DWORD written = 0;
+    if (!WriteFile(file, chunk.data(), static_cast<DWORD>(chunk.size()), &written, nullptr)) return false;
+    chunk.clear();
+    return true;
+}
+
+bool WriteAll(const STRING& path, std::string chunk, const LOGON_TABLE& logons) {
+    const FILE_HANDLE file(
+        CreateFileW(path.Text(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+    if (!file) return false;
+    for (const LOGON_ENTRY* entry = logons.First(); entry != nullptr; entry = LOGON_TABLE::Next(entry)) {
+        AppendEntry(chunk, *entry);
+        if (chunk.size() >= ChunkBytes && !Put(file.Get(), chunk)) return false;
+    }
+    return Put(file.Get(), chunk);
+}
+
+// The error code, or 0.
+DWORD Replace(const LOGON_TABLE& logons, const SERVICE_TICKET_TABLE& tickets, const TIME_STAMP& now) {
+    const STRING path = PathOf(TEXT(".identities")), fresh = PathOf(TEXT(".identities.new"));
+    const bool done = WriteAll(fresh, Heading(logons, tickets, now), logons) &&
+                      MoveFileExW(fresh.Text(), path.Text(), MOVEFILE_REPLACE_EXISTING);
+    return done ? ERROR_SUCCESS : GetLastError();
+}
+
+}  // namespace
+
+IDENTITY_FILE::VERSION IDENTITY_FILE::VersionOf(const LOGON_TABLE& logons, const SERVICE_TICKET_TABLE& tickets) {
+    return {logons.Changes(), tickets.Count(), ReportCounts};
+}
+
+// A clock that was set back makes the file look very old, and so due.
+bool IDENTITY_FILE::IsDue(const VERSION& current) const {
+    const ULONGLONG age = writtenAt.ElapsedMs();
+    return age >= RefreshMs || (current != written && age >= std::min(ShareOfTime * writingMs, RefreshMs));
+}
+
+void IDENTITY_FILE::Update(const LOGON_TABLE& logons, const SERVICE_TICKET_TABLE& tickets) {
+    if (IsDue(VersionOf(logons, tickets))) Write(logons, tickets);
+}
+
+void IDENTITY_FILE::Write(const LOGON_TABLE& logons, const SERVICE_TICKET_TABLE& tickets) {
+    const TIME_STAMP begin = TIME_STAMP::Now();
+    const DWORD result = Replace(logons, tickets, begin);
+    if (result != ERROR_SUCCESS && result != error) {
+        DebugPrint(TEXT("Unable to write the list of identities. %s. Error code = %lu."), ErrorText(result), result);
+    }
+    error = result;
+    if (error != ERROR_SUCCESS) return;
+    written = VersionOf(logons, tickets);
+    writtenAt = begin;
+    writingMs = begin.ElapsedMs();
+}
+
+}  // namespace keldwick

@@ -1,0 +1,44 @@
+// Keldwick.identities beside the program: who is logged on where, and what became of the reports, for those who look at
+// the agent from outside. Lines of JSON in UTF-8, replaced as a whole:
+//
+//     {"process":N,"written":T,"ttl":MS,"identities":N,"tickets":N,"answered":N,"failed":N,"retried":N}
+//     {"address":"...","user":"...","computer":"...","logon":T}      one for each identity, the oldest first
+//
+// Times are seconds since 1970, UTC. One thread uses it.
+#pragma once
+
+#include <windows.h>
+
+#include "identity/logon_table.h"
+#include "identity/service_ticket_table.h"
+#include "platform/time_stamp.h"
+#include "protocol/identity_reports.h"
+
+namespace keldwick {
+
+class IDENTITY_FILE {
+public:
+    // Writes the file when something has changed since, or a minute has passed, unless that would make writing take
+    // more than a hundredth of the time. A failure is logged once, and tried again at the next call.
+    void Update(const LOGON_TABLE& logons, const SERVICE_TICKET_TABLE& tickets);
+
+    // Writes it now, changed or not.
+    void Write(const LOGON_TABLE& logons, const SERVICE_TICKET_TABLE& tickets);
+
+private:
+    struct VERSION {
+        ULONGLONG logons = 0;
+        DWORD tickets = 0;
+        REPORT_COUNTS reports;
+        bool operator==(const VERSION&) const = default;
+    };
+    static VERSION VersionOf(const LOGON_TABLE& logons, const SERVICE_TICKET_TABLE& tickets);
+    bool IsDue(const VERSION& current) const;
+
+    VERSION written;              // what the file shows
+    TIME_STAMP writtenAt;         // the zero time: never
+    ULONGLONG writingMs = 0;      // how long that took
+    DWORD error = ERROR_SUCCESS;  // of the latest attempt
+};
+
+}  // namespace keldwick

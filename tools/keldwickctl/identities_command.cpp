@@ -1,0 +1,58 @@
+// keldwickctl identities: who is logged on where, as the running agent knows it.
+#include <algorithm>
+#include <cstdio>
+#include <memory>
+#include <nlohmann/json.hpp>
+
+#include "tools/keldwickctl/commands.h"
+#include "tools/keldwickctl/event_values.h"
+#include "tools/keldwickctl/identity_list.h"
+#include "tools/keldwickctl/status_process.h"
+#include "win32/files/machine_root.h"
+
+namespace {
+
+std::string Time(int64_t seconds) { return IsoTime(static_cast<DWORD>(seconds)); }
+
+void ShowAsText(const LISTED_IDENTITY& identity) {
+    constexpr const char* noComputer = "-";
+    std::printf("%-15s  %s  %-24s  %s\n", identity.address.c_str(), Time(identity.logon).c_str(),
+                Escaped(identity.user).c_str(),
+                identity.computer.empty() ? noComputer : Escaped(identity.computer).c_str());
+}
+
+void ShowAsJson(const LISTED_IDENTITY& identity, int64_t ttlMs) {
+    constexpr int64_t perSecond = 1000;
+    const nlohmann::ordered_json object = {{"address", identity.address},
+                                           {"user", identity.user},
+                                           {"computer", identity.computer},
+                                           {"logon", Time(identity.logon)},
+                                           {"expires", Time(identity.logon + ttlMs / perSecond)}};
+    std::printf("%s\n", object.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace).c_str());
+}
+
+void ShowIdentities(bool asJson) {
+    const std::string root = win32::MachineRoot();
+    const auto agent = FindAgent(root.empty() ? "/" : root);
+    if (!agent) throw COMMAND_ERROR("no agent runs in " + root + ", so nothing is known of who is where");
+    IDENTITY_LIST list;
+    const auto heading = list.Open();
+    if (!heading || heading->process != agent->pid)
+        throw COMMAND_ERROR("the agent, process " + std::to_string(agent->pid) +
+                            ", has not said yet who is where: it does so once it is connected and follows the log");
+    int64_t shown = 0;
+    for (LISTED_IDENTITY identity; list.Next(identity); ++shown)
+        asJson ? ShowAsJson(identity, heading->ttl) : ShowAsText(identity);
+    if (!asJson)
+        std::printf("%lld identit%s, as of %s\n", static_cast<long long>(shown), shown == 1 ? "y" : "ies",
+                    Time(heading->written).c_str());
+}
+
+}  // namespace
+
+void AddIdentitiesCommand(CLI::App& app) {
+    const auto json = std::make_shared<bool>(false);
+    CLI::App* const identities = app.add_subcommand("identities", "Shows who is logged on where.");
+    identities->add_flag("--json", *json, "one object a line");
+    identities->callback([json] { ShowIdentities(*json); });
+}
