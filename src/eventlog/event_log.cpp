@@ -117,11 +117,23 @@ DWORD EVENT_LOG::PositionToEnd(HEAP_BUFFER& buffer) {
     return ERROR_SUCCESS;
 }
 
+// Waits for one of the events, the wake-up interval at most. All there was to do is done: the time for the file in
+// which others look at the tables, and when it was written a moment ago, for it once more within the wait.
+DWORD EVENT_LOG::Await(std::span<const HANDLE> events) {
+    const auto wait = [events](DWORD milliseconds) {
+        return WaitForMultipleObjects(static_cast<DWORD>(events.size()), events.data(), FALSE, milliseconds);
+    };
+    const DWORD due = identityFile.Update(logons, serviceTickets);
+    if (due >= WakeUpInterval) return wait(WakeUpInterval);
+    const DWORD result = wait(due);
+    if (result != WAIT_TIMEOUT) return result;
+    identityFile.Update(logons, serviceTickets);
+    return wait(WakeUpInterval - due);
+}
+
 DWORD EVENT_LOG::Follow(std::span<const HANDLE> events, HEAP_BUFFER& buffer) {
     for (;;) {
-        identityFile.Update(logons, serviceTickets);  // when all there was to do is done
-        const DWORD result =
-            WaitForMultipleObjects(static_cast<DWORD>(events.size()), events.data(), FALSE, WakeUpInterval);
+        const DWORD result = Await(events);
         if (result == WAIT_OBJECT_0 + 1) return PROCESS_STOPPED;
         if (result == WAIT_OBJECT_0 + 2) return PROCESS_SETTINGS_CHANGED;
         if (result == WAIT_FAILED) {

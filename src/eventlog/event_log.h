@@ -74,6 +74,7 @@ public:
 
 private:
     DWORD PositionToEnd(HEAP_BUFFER& buffer);
+    DWORD Await(std::span<const HANDLE> events);
     DWORD Follow(std::span<const HANDLE> events, HEAP_BUFFER& buffer);
     DWORD DispatchNewRecords(HEAP_BUFFER& buffer, RECORD_COUNTERS& counters);
     DWORD ReopenCleared();

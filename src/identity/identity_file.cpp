@@ -15,8 +15,10 @@ namespace keldwick {
 namespace {
 
 constexpr size_t ChunkBytes = 65536;
-constexpr ULONGLONG RefreshMs = 60000;  // an unchanged file is written anew so often: its time tells that it is right
-constexpr ULONGLONG ShareOfTime = 100;  // one part in so many may go into writing
+constexpr LONGLONG ShareOfTime = 100;  // one part in so many may go into writing
+
+// An unchanged file is written anew so often: its time tells that it is right.
+constexpr LONGLONG RefreshUnits = 60000 * TIME_STAMP::UnitsPerMillisecond;
 
 // The path beside the program file: its own name with another extension. Empty when that is not known.
 STRING PathOf(const WCHAR* extension) {
@@ -102,14 +104,22 @@ IDENTITY_FILE::VERSION IDENTITY_FILE::VersionOf(const LOGON_TABLE& logons, const
     return {logons.Changes(), tickets.Count(), ReportCounts};
 }
 
-// A clock that was set back makes the file look very old, and so due.
-bool IDENTITY_FILE::IsDue(const VERSION& current) const {
-    const ULONGLONG age = writtenAt.ElapsedMs();
-    return age >= RefreshMs || (current != written && age >= std::min(ShareOfTime * writingMs, RefreshMs));
+// In the past, or 0: it is due now, as also when the clock was set back.
+LONGLONG IDENTITY_FILE::UnitsToDue(const VERSION& current) const {
+    const LONGLONG age = TIME_STAMP::Now().Units() - writtenAt.Units();
+    const LONGLONG pause = current == written ? RefreshUnits : std::min(ShareOfTime * writingUnits, RefreshUnits);
+    return age < 0 ? 0 : pause - age;
 }
 
-void IDENTITY_FILE::Update(const LOGON_TABLE& logons, const SERVICE_TICKET_TABLE& tickets) {
-    if (IsDue(VersionOf(logons, tickets))) Write(logons, tickets);
+DWORD IDENTITY_FILE::Update(const LOGON_TABLE& logons, const SERVICE_TICKET_TABLE& tickets) {
+    const VERSION current = VersionOf(logons, tickets);
+    const LONGLONG units = UnitsToDue(current);
+    if (units <= 0) {
+        Write(logons, tickets);
+    } else if (current != written) {
+        return static_cast<DWORD>(units / TIME_STAMP::UnitsPerMillisecond) + 1;
+    }
+    return INFINITE;
 }
 
 void IDENTITY_FILE::Write(const LOGON_TABLE& logons, const SERVICE_TICKET_TABLE& tickets) {
@@ -122,7 +132,7 @@ void IDENTITY_FILE::Write(const LOGON_TABLE& logons, const SERVICE_TICKET_TABLE&
     if (error != ERROR_SUCCESS) return;
     written = VersionOf(logons, tickets);
     writtenAt = begin;
-    writingMs = begin.ElapsedMs();
+    writingUnits = std::max<LONGLONG>(TIME_STAMP::Now().Units() - begin.Units(), 0);
 }
 
 }  // namespace keldwick

@@ -18,9 +18,10 @@ namespace keldwick {
 
 class IDENTITY_FILE {
 public:
-    // Writes the file when something has changed since, or a minute has passed, unless that would make writing take
-    // more than a hundredth of the time. A failure is logged once, and tried again at the next call.
-    void Update(const LOGON_TABLE& logons, const SERVICE_TICKET_TABLE& tickets);
+    // Writes the file when something has changed since, or a minute has passed, but so seldom that writing takes no
+    // more than a hundredth of the time. Gives the milliseconds after which a change that was put off is due; INFINITE:
+    // there is none. A failure is logged once, and tried again at the next call.
+    DWORD Update(const LOGON_TABLE& logons, const SERVICE_TICKET_TABLE& tickets);
 
     // Writes it now, changed or not.
     void Write(const LOGON_TABLE& logons, const SERVICE_TICKET_TABLE& tickets);
@@ -33,11 +34,11 @@ private:
         bool operator==(const VERSION&) const = default;
     };
     static VERSION VersionOf(const LOGON_TABLE& logons, const SERVICE_TICKET_TABLE& tickets);
-    bool IsDue(const VERSION& current) const;
+    LONGLONG UnitsToDue(const VERSION& current) const;
 
     VERSION written;              // what the file shows
     TIME_STAMP writtenAt;         // the zero time: never
-    ULONGLONG writingMs = 0;      // how long that took
+    LONGLONG writingUnits = 0;    // how long that took
     DWORD error = ERROR_SUCCESS;  // of the latest attempt
 };
 

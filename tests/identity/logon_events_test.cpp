@@ -18,6 +18,7 @@
 
 namespace {
 ULONGLONG minutesAhead = 0;       // of the real clock
+ULONGLONG millisecondsALook = 0;  // by which the clock goes on whenever it is looked at
 const WCHAR* hostName = nullptr;  // of every address; null: none has one
 }  // namespace
 
@@ -29,7 +30,9 @@ void __wrap_GetSystemTimeAsFileTime(LPFILETIME time) {
     ULARGE_INTEGER moved;
     moved.LowPart = time->dwLowDateTime;
     moved.HighPart = time->dwHighDateTime;
-    moved.QuadPart += minutesAhead * 600'000'000;
+    static ULONGLONG looks = 0;
+    looks += millisecondsALook;
+    moved.QuadPart += minutesAhead * 600'000'000 + looks * 10'000;
     *time = {moved.LowPart, moved.HighPart};
 }
 INT __wrap_GetNameInfoW(const SOCKADDR*, socklen_t, LPWSTR host, DWORD, LPWSTR, DWORD, INT);
@@ -100,7 +103,7 @@ protected:
         Settings.identProtocol = PROTOCOL_TCP;
         Settings.logonTtl = 12 * 60000;
         Settings.heartbeat = 30 * 60000;
-        minutesAhead = 0;
+        minutesAhead = millisecondsALook = 0;
         hostName = nullptr;
         session = std::make_unique<IDENTITY_PROTOCOL>();
         CurrentSession = session.get();
@@ -410,6 +413,31 @@ TEST_F(EVENTS_TEST, HeartbeatsKeepTheirPaceWhetherOrNotTheyArrive) {
     }
     EXPECT_EQ((LINES{"6", "12", "18", "24"}), sent);
     EXPECT_EQ(1u, log.logons.Count());
+}
+
+TEST_F(EVENTS_TEST, TheListForOthersCostsAHundredthOfTheTimeAndMissesNoChange) {
+    const auto Listed = [this](const char* text) {
+        return root.Read("Keldwick.identities").find(text) != std::string::npos;
+    };
+    const auto Update = [this] { return log.identityFile.Update(log.logons, log.serviceTickets); };
+    EXPECT_EQ(INFINITE, Update());
+    EXPECT_TRUE(Listed("\"identities\":0"));
+    Run(Do_EVENT_LOCAL_LOGON, Logon528);
+    minutesAhead = 1;
+    millisecondsALook = 20;  // writing takes so long
+    EXPECT_EQ(INFINITE, Update());
+    EXPECT_TRUE(Listed("{\"address\":\"10.0.0.5\",\"user\":\"CORP\\\\ann\",\"computer\":\"CORP\\\\PC1\",\"logon\":"));
+    log.logons.Remove(log.logons.First());
+    const DWORD due = Update();
+    EXPECT_TRUE(due > 1000 && due <= 2001) << due;
+    EXPECT_TRUE(Listed("10.0.0.5"));
+    millisecondsALook = due;
+    EXPECT_EQ(INFINITE, Update());
+    EXPECT_FALSE(Listed("10.0.0.5"));
+    const std::string before = root.Read("Keldwick.identities");
+    minutesAhead = 3;
+    EXPECT_EQ(INFINITE, Update());
+    EXPECT_NE(before, root.Read("Keldwick.identities"));  // nothing changed: it tells that
 }
 
 TEST_F(EVENTS_TEST, AClockSetBackExpiresEverything) {

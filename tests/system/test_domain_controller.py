@@ -6,11 +6,13 @@ import json
 import os
 import re
 import shutil
+import signal
 import subprocess
 import tempfile
 import threading
 import time
 import unittest
+from datetime import datetime
 
 from machine import BIN, PATIENCE, MachineTest
 from wire import Server
@@ -225,7 +227,7 @@ class Binds(InTheDomain):
         self.check(DC.env["DC_ADMIN"])
 
 
-class Reports(InTheDomain):
+class WithAgent(InTheDomain):
     def setUp(self):
         super().setUp()
         self.server = DC.inside(lambda: Server("127.0.0.1"))
@@ -242,6 +244,8 @@ class Reports(InTheDomain):
         self.until(lambda: "PositionToEnd: FORWARDS" in self.log(), "the agent follows the log")
         return agent
 
+
+class Reports(WithAgent):
     def report(self, user):
         """A logon from another address each time, its report, and how long that took."""
         self.hosts += 1
@@ -285,6 +289,62 @@ class Reports(InTheDomain):
             self.assertLess(time.monotonic(), end, "the directory is asked again")
             time.sleep(0.5)
         self.assert_full(report, "dora")
+
+
+class LiveLogons(WithAgent):
+    """Users log on to the domain controller from workstations; its audit log is fed to the agent."""
+    NTLM = ("smbclient", "//dc1.corp.example.com/sysvol", "--use-kerberos=off", "-n", "WS01", "-c", "ls")
+    KERBEROS = 'echo "$1" | kinit "$2" >&2 && smbclient //dc1.corp.example.com/sysvol --use-kerberos=required -c ls'
+
+    def setUp(self):
+        super().setUp()
+        self.audit = DC.env["DC_AUTH_LOG"]
+        self.ctl("feed", "samba-audit", self.audit, "--once")  # what other tests left is no matter here
+        self.agent = self.start("-A", "-V")
+        self.feed = subprocess.Popen([f"{BIN}/keldwickctl", "--root", self.root, "feed", "samba-audit", self.audit],
+                                     stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        self.agents.append(self.feed)
+
+    def log_on(self, address, *command):
+        """Runs the command on the workstation with that address. Gives its reports with the time that each came at."""
+        process = subprocess.Popen([SCRIPT, "ws", DC.folder, address, *command], stdout=subprocess.PIPE,
+                                   stderr=subprocess.STDOUT, text=True)
+        report = self.server.next(timeout=PATIENCE)
+        heard = time.time()
+        said, _ = process.communicate(timeout=PATIENCE)
+        self.assertEqual(0, process.returncode, said)
+        self.assertEqual(("logon", address), (report["kind"], report["address"]))
+        return report, heard
+
+    def audited(self, address):
+        """When the controller wrote its first line about a successful logon from the address."""
+        with open(self.audit, encoding="utf-8") as file:
+            for line in file:
+                event = json.loads(line)
+                fields = event[event["type"]]
+                if fields["remoteAddress"].startswith(f"ipv4:{address}:") and fields.get("status", "NT_STATUS_OK") == "NT_STATUS_OK":
+                    return datetime.fromisoformat(event["timestamp"]).timestamp()
+        return self.fail(f"no line about {address}")
+
+    def test_a_logon_over_ntlm_or_kerberos_is_one_report_with_groups_within_a_second(self):
+        delays = []
+        for number, (user, ntlm) in enumerate((("ann", True), ("bob", False), ("zoë", True), ("dora", False))):
+            address, password = f"10.53.57.{20 + number}", DC.env["DC_USER_PASSWORD"]
+            with self.subTest(user=user):
+                command = ((*self.NTLM, "-U", f"CORP\\{user}%{password}") if ntlm
+                           else ("sh", "-c", self.KERBEROS, "sh", password, f"{user}@{DC.env['DC_REALM']}"))
+                report, heard = self.log_on(address, *command)
+                self.assertEqual((f"CORP\\{user}", TRUTH.dn(user)), report["user"][:2])
+                self.assertEqual(TRUTH.groups(user), report["groups"])
+                if ntlm:
+                    self.assertEqual(("CORP\\WS01", TRUTH.dn("WS01$")), report["computer"][:2])
+                delays.append(heard - self.audited(address))
+        self.assertLess(max(delays), 1, delays)
+        self.feed.send_signal(signal.SIGTERM)
+        said, complaint = self.feed.communicate(timeout=PATIENCE)
+        self.assertEqual((0, ""), (self.feed.returncode, complaint), said)
+        self.assertIn("4 records written to the Security log", said, "a ticket and the session it opens are one logon")
+        self.until(lambda: len(self.ctl("identities", "--json").splitlines()) == 4, "four are listed")
 
 
 if __name__ == "__main__":
