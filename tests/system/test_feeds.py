@@ -1,6 +1,8 @@
 """Live sources, end to end: what a source says is at the identity server, once, whatever happens to its file or the feed."""
 import json
 import os
+import pty
+import re
 import signal
 import subprocess
 import unittest
@@ -117,6 +119,61 @@ class Feeds(MachineTest):
         self.ctl("feed", "samba-audit", self.file, "--once")
         listed = [json.loads(line)["strings"][5] for line in self.ctl("events", "list", "--json").splitlines()]
         self.assertEqual(users, listed)
+
+    def test_feeds_beside_each_other_share_a_log_and_one_name_runs_once(self):
+        self.ctl("init", "--server", self.address)
+        other = f"{self.root}/other.jsonl"
+        feeds = [self.feed("samba-audit", self.file), self.feed("json", other, "--name", "other")]
+        for at in range(0, 2000, 50):
+            self.append("".join(authentication(f"a{number}", "10.0.0.1") for number in range(at, at + 50)))
+            with open(other, "a", encoding="utf-8") as file:
+                file.write("".join(shipped(f"b{number}", "10.0.0.2") for number in range(at, at + 50)))
+            if at == 1000:
+                self.assertIn("is running already", self.ctl("feed", "json", other, "--name", "other", code=1))
+                feeds[1].kill()
+                feeds[1].communicate()
+                feeds[1] = self.feed("json", other, "--name", "other")
+        listed = lambda: [json.loads(line)["strings"][5] for line in self.ctl("events", "list", "--json").splitlines()]
+        self.until(lambda: len(listed()) >= 4000, "both feeds' records")
+        status = json.loads(self.ctl("status", "--json"))["feeds"]
+        self.assertEqual([("other", True), ("samba-audit", True)], [(feed["name"], feed["running"]) for feed in status])
+        for feed in feeds:
+            self.end(feed)
+        for letter in "ab":
+            self.assertEqual([f"{letter}{number}" for number in range(2000)],
+                             [user for user in listed() if user.startswith(letter)])
+        self.assertEqual([0, 0], [feed["behind_bytes"] for feed in json.loads(self.ctl("status", "--json"))["feeds"]])
+
+    def test_a_backlog_shows_on_a_terminal_how_far_it_is(self):
+        self.ctl("init", "--server", self.address)
+        self.append("".join(authentication(f"u{number}", "10.0.0.1") for number in range(25000)))
+        terminal, end = pty.openpty()
+        process = subprocess.Popen([f"{BIN}/keldwickctl", "--root", self.root, "feed", "samba-audit", self.file, "--once"],
+                                   stderr=end, stdout=subprocess.PIPE, text=True)
+        self.agents.append(process)
+        os.close(end)
+        said, _ = process.communicate(timeout=PATIENCE)
+        self.assertIn("25000 records written", said)
+        shown = os.read(terminal, 65536).decode()
+        os.close(terminal)
+        steps = [(int(lines), int(left)) for lines, left in re.findall(r"(\d+) lines, (\d+) MiB to go", shown)]
+        self.assertGreater(len(steps), 1, shown)
+        self.assertEqual(steps, sorted(steps, key=lambda step: (step[0], -step[1])), "forwards, and nearer to the end")
+
+    @unittest.skipUnless(os.geteuid() == 0, "mounting needs root")
+    def test_a_machine_root_that_cannot_be_written_is_named(self):
+        self.ctl("init", "--server", self.address)
+        self.append(authentication("ann", "10.0.0.1"))
+        for name, change in (("read-only", "mount --bind -o ro $1 $1 && mount -o remount,bind,ro $1"),
+                             ("full", "mount -t tmpfs -o size=4k,nr_inodes=9 none $1/feed && head -c 4096 /dev/zero >$1/feed/x")):
+            with self.subTest(name):
+                os.makedirs(f"{self.root}/feed", exist_ok=True)
+                done = subprocess.run(["unshare", "--mount", "--propagation", "private", "sh", "-c",
+                                       f'{change} && shift && exec "$@"', "sh", self.root, f"{BIN}/keldwickctl", "--root",
+                                       self.root, "feed", "samba-audit", self.file, "--once"], capture_output=True, text=True,
+                                      timeout=60)
+                self.assertEqual(1, done.returncode, done.stdout + done.stderr)
+                self.assertRegex(done.stderr, f"keldwickctl: cannot .*{self.root}/.*: (Read-only file system|No space left)")
 
     def test_wrong_use_and_what_cannot_be_done_are_told_apart(self):
         self.ctl("init", "--server", self.address)
