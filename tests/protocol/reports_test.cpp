@@ -231,7 +231,7 @@ TEST_F(REPORT_TEST, AnAnswerTooLateSpoilsTheNextExchangeAndNoOther) {
     EXPECT_FALSE(Report(u"CORP\\ann", nullptr));
     EXPECT_EQ("IdentityReportLogon request response length = 0; 14 expected", lines.Take().back());
     timeFlies = false;
-    const std::string late = SCRIPTED_SERVER::GoodAnswer(server.TakeRequests().at(0));
+    const std::string late = SCRIPTED_SERVER::GoodAnswer(server.AwaitRequest());
     session->DataIn(late.data(), static_cast<int>(late.size()));
     server.Answer(nullptr);
     EXPECT_FALSE(IdentityReportHeartbeat(request));

@@ -63,6 +63,14 @@ public:
         const std::lock_guard lock(mutex);
         expectedLength = bytes;
     }
+    // The next request, once it is there: the agent may have given up on its answer long before.
+    std::string AwaitRequest() {
+        std::unique_lock lock(mutex);
+        changed.wait(lock, [&] { return !requests.empty(); });
+        const std::string request = requests.front();
+        requests.erase(requests.begin());
+        return request;
+    }
     std::vector<std::string> TakeRequests() {
         const std::lock_guard lock(mutex);
         return std::exchange(requests, {});
@@ -133,6 +141,7 @@ private:
             const std::string request = client.bytes.substr(0, length);
             client.bytes.erase(0, length);
             requests.push_back(request);
+            changed.notify_all();
             const ANSWER answer = script ? script(request) : ANSWER{GoodAnswer(request)};
             if (!answer.bytes.empty()) send(client.socket, answer.bytes.data(), answer.bytes.size(), MSG_NOSIGNAL);
             if (answer.close) return false;

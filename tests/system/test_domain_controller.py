@@ -15,7 +15,7 @@ import unittest
 from datetime import datetime
 
 from machine import BIN, PATIENCE, MachineTest
-from wire import Server
+from wire import Server, certificate
 
 SCRIPT = f"{os.path.dirname(os.path.abspath(__file__))}/samba-dc"
 BASE = "DC=corp,DC=example,DC=com"
@@ -192,7 +192,8 @@ class Binds(InTheDomain):
         self.use(Uri=f"ldaps://{host}", Bind="simple", User=user, CaFile=DC.env["DC_CA"])
         for settings, secret, mode, wanted in (
                 ({}, password, 0o600, user), ({}, password, 0o640, ("0x80070005", "refused")), ({}, "wrong", 0o600, wrong),
-                ({}, "", 0o600, wrong), ({"CaFile": "/etc/ssl/certs/ca-certificates.crt"}, password, 0o600, ("0x8007203a", "TLS")),
+                ({}, "", 0o600, wrong), ({"CaFile": certificate(self.root)[0]}, password, 0o600, ("0x8007203a", "TLS")),
+                ({"CaFile": f"{self.root}/no-file"}, password, 0o600, ("0x8007203a", "cannot be read", "no-file")),
                 ({"CaFile": DC.env["DC_CA"], "Uri": f"ldap://{host}"}, password, 0o600, ("StartTls",)),
                 ({"StartTls": 1}, password, 0o600, user)):
             with self.subTest(settings=settings, mode=oct(mode), secret=secret):

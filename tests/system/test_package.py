@@ -79,6 +79,9 @@ class Package(unittest.TestCase):
             self.inside("keldwickctl", "settings", "set", "IdentServer", "identity.example.net")
             self.inside("keldwickctl", "events", "clear")
             self.inside("keldwickctl", "events", "clear", "--log", "Application")
+            self.inside("keldwick", "-X", "-L", "-V")
+            self.inside("sh", "-c", "echo oops | keldwickctl feed json")
+            self.assertEqual([], self.inside("find", ROOT, "!", "-user", "keldwick").splitlines())
             self.as_agent("keldwickctl", "settings", "set", "Heartbeat", "7")
             self.as_agent("keldwickctl", "events", "write", "--id", "4608", "--", "-")
             self.as_agent("keldwick", "-X", "-L", "-V")
@@ -100,8 +103,9 @@ class Package(unittest.TestCase):
     @unittest.skipUnless(shutil.which("systemd-analyze"), "systemd-analyze is not installed")
     def test_systemd_takes_the_units(self):
         self.install(self.package)
-        units = [f"/lib/systemd/system/{unit}" for unit in os.listdir(f"{PACKAGING}/systemd")]
-        self.inside("systemd-analyze", "verify", "--man=no", "--recursive-errors=no", *units)
+        units = [unit for unit in os.listdir(f"{PACKAGING}/systemd") if not unit.endswith(".d")]
+        self.inside("systemd-analyze", "verify", "--man=no", "--recursive-errors=no",
+                    *(f"/lib/systemd/system/{unit}" for unit in units))
         self.inside("systemd-analyze", "security", "--offline=yes", "--threshold=20", "/lib/systemd/system/keldwick.service")
 
     @unittest.skipUnless(shutil.which("lintian"), "lintian is not installed")

@@ -127,7 +127,7 @@ class Service(MachineTest):
             self.assertLess(abs(logon - time.time()), PATIENCE)
             self.assertEqual(12 * 60, expires - logon)
         shown = self.ctl("identities").splitlines()
-        self.assertIn('CORP\\\\b\\"\\u001b[2J\\\\  ', shown[0])
+        self.assertIn('CORP\\b"\\u001b[2J\\  ', shown[0])
         self.assertRegex(shown[3], "^3 identities, as of ")
         self.shut_down(agent)
         with open(f"{self.root}/Keldwick.identities", encoding="utf-8") as file:

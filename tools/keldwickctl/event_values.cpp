@@ -143,12 +143,12 @@ std::optional<unsigned long long> ParseNumber(std::string_view text, unsigned lo
     return value;
 }
 
-std::string Escaped(const std::string& text) {
+std::string Escaped(const std::string& text, ESCAPES escapes) {
     std::string safe;
     for (size_t i = 0; i < text.size(); ++i) {
         const unsigned char byte = static_cast<unsigned char>(text[i]);
         const bool c1 = byte == 0xC2 && i + 1 < text.size() && static_cast<unsigned char>(text[i + 1]) < 0xA0;
-        if (byte == '"' || byte == '\\') {
+        if (escapes == ESCAPES::QUOTED && (byte == '"' || byte == '\\')) {
             safe += {'\\', static_cast<char>(byte)};
         } else if (byte < 0x20 || byte == 0x7F || c1) {
             std::array<char, 8> code;

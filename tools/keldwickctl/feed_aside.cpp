@@ -8,6 +8,7 @@
 
 #include "tools/keldwickctl/event_values.h"
 #include "win32/eventlog/evt_record.h"
+#include "win32/files/file_owner.h"
 
 void FEED_ASIDE::Keep(const std::string& reason, std::string_view line) {
     constexpr size_t Longest = 64 * 1024;
@@ -20,6 +21,7 @@ void FEED_ASIDE::Keep(const std::string& reason, std::string_view line) {
         std::rename(path.c_str(), (path + ".old").c_str());
     const int fd = open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
     if (fd < 0) return;
+    win32::GiveToFolderOwner(fd, path);
     // Cut back when it does not fit the disk, so that the next entry begins on a line of its own.
     if (fstat(fd, &about) == 0 && write(fd, entry.data(), entry.size()) != static_cast<ssize_t>(entry.size()) &&
         ftruncate(fd, about.st_size) != 0)

@@ -14,6 +14,7 @@
 #include "tools/keldwickctl/commands.h"
 #include "tools/keldwickctl/event_values.h"
 #include "win32/eventlog/evt_record.h"
+#include "win32/files/file_owner.h"
 #include "win32/files/machine_root.h"
 
 using nlohmann::json;
@@ -66,6 +67,17 @@ bool WriteAll(int fd, const std::string& bytes) {
     return true;
 }
 
+void MakeFolder(const std::string& path) {
+    if (mkdir(path.c_str(), 0700) != 0) {
+        if (errno == EEXIST) return;
+        Fail("make", path);
+    }
+    const int made = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (made < 0) return;
+    win32::GiveToFolderOwner(made, path);
+    close(made);
+}
+
 }  // namespace
 
 bool IsFeedName(const std::string& name) {
@@ -77,10 +89,11 @@ bool IsFeedName(const std::string& name) {
 
 FEED_STATE_FILE::FEED_STATE_FILE(const std::string& feed) : name(feed) {
     const std::string folder = win32::MachinePath("feed");
-    if (mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) Fail("make", folder);
+    MakeFolder(folder);
     const std::string path = Path("lock");
     lock = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
     if (lock < 0) Fail("make", path);
+    win32::GiveToFolderOwner(lock, path);
     if (flock(lock, LOCK_EX | LOCK_NB) == 0) return;
     const bool held = errno == EWOULDBLOCK;
     close(lock);
@@ -133,6 +146,7 @@ bool FEED_STATE_FILE::Save(const FEED_STATE& state) const {
     const std::string path = Path("state"), fresh = Path("state.new");
     const int fd = open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
     if (fd < 0) return false;
+    win32::TakeOver(fd, path);
     const bool whole = WriteAll(fd, object.dump(1, ' ', true, json::error_handler_t::replace) + "\n") && fsync(fd) == 0;
     const int why = errno;
     close(fd);

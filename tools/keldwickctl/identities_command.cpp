@@ -14,11 +14,19 @@ namespace {
 
 std::string Time(int64_t seconds) { return IsoTime(static_cast<DWORD>(seconds)); }
 
+// The text and blanks up to that many characters.
+std::string Column(const std::string& text, size_t width) {
+    const std::string shown = Escaped(text, ESCAPES::PLAIN);
+    const auto continues = [](char unit) { return (static_cast<unsigned char>(unit) & 0xC0) == 0x80; };
+    const size_t length = shown.size() - static_cast<size_t>(std::count_if(shown.begin(), shown.end(), continues));
+    return shown + std::string(width - std::min(width, length), ' ');
+}
+
 void ShowAsText(const LISTED_IDENTITY& identity) {
-    constexpr const char* noComputer = "-";
-    std::printf("%-15s  %s  %-24s  %s\n", identity.address.c_str(), Time(identity.logon).c_str(),
-                Escaped(identity.user).c_str(),
-                identity.computer.empty() ? noComputer : Escaped(identity.computer).c_str());
+    constexpr size_t addressWidth = 15, userWidth = 24;
+    std::printf("%s  %s  %s  %s\n", Column(identity.address, addressWidth).c_str(), Time(identity.logon).c_str(),
+                Column(identity.user, userWidth).c_str(),
+                identity.computer.empty() ? "-" : Column(identity.computer, 0).c_str());
 }
 
 void ShowAsJson(const LISTED_IDENTITY& identity, int64_t ttlMs) {

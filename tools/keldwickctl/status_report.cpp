@@ -114,7 +114,9 @@ std::string FeedText(const FEED_STATUS& feed) {
     if (!feed.damage.empty()) return text + "; " + feed.damage;
     if (feed.marked.empty()) return text;
     return text +
-           (feed.file.empty() ? "" : "; " + Escaped(feed.file) + ", " + std::to_string(feed.behind) + " bytes behind") +
+           (feed.file.empty()
+                ? ""
+                : "; " + Escaped(feed.file, ESCAPES::PLAIN) + ", " + std::to_string(feed.behind) + " bytes behind") +
            "; records " + std::to_string(feed.records) + ", skipped " + std::to_string(feed.skipped) + ", unreadable " +
            std::to_string(feed.unreadable) + "; marked " + feed.marked;
 }

@@ -134,6 +134,8 @@ DIRECTORY_ENTRY EntryOf(LDAP* ldap, LDAPMessage* message) {
     return entry;
 }
 
+bool UsesTls(const LDAP_ACCESS& access) { return access.startTls || access.uri.starts_with("ldaps://"); }
+
 }  // namespace
 
 // The library's handle. The thread that connects and the one that gives up on it may both be at work.
@@ -141,9 +143,10 @@ struct LDAP_CONNECTION::HANDLE_STATE {
     LDAP* ldap = nullptr;
     ldap_conncb callbacks{Connected, Closing, this};
     std::mutex lock;
-    int socket = -1;         // while it is open
-    bool reached = false;    // a socket has been connected
-    bool abandoned = false;  // nobody waits for it any more
+    int socket = -1;             // while it is open
+    bool reached = false;        // a socket has been connected
+    bool noAuthorities = false;  // there are none to check the server's certificate with
+    bool abandoned = false;      // nobody waits for it any more
 
     HANDLE_STATE() = default;
     HANDLE_STATE(const HANDLE_STATE&) = delete;
@@ -177,7 +180,9 @@ struct LDAP_CONNECTION::HANDLE_STATE {
         state.socket = -1;
     }
 
-    void SetOptions(const LDAP_ACCESS& access) {
+    // False: there is no TLS context of our own. The library would use one made from its own configuration instead, and
+    // trust authorities that nobody named here.
+    bool SetOptions(const LDAP_ACCESS& access) {
         const int version = LDAP_VERSION3, keepAliveIdle = 60, keepAliveProbes = 3, keepAliveInterval = 5;
         const unsigned unacknowledged = 10000;  // milliseconds
         const timeval connect = TimeValue(LdapConnectTime), answer = TimeValue(LdapAnswerTime);
@@ -194,13 +199,14 @@ struct LDAP_CONNECTION::HANDLE_STATE {
         const int demand = LDAP_OPT_X_TLS_DEMAND, client = 0;
         ldap_set_option(ldap, LDAP_OPT_X_TLS_REQUIRE_CERT, &demand);
         ldap_set_option(ldap, LDAP_OPT_X_TLS_CACERTFILE, CaFileOf(access).c_str());
-        ldap_set_option(ldap, LDAP_OPT_X_TLS_NEWCTX, &client);
+        return ldap_set_option(ldap, LDAP_OPT_X_TLS_NEWCTX, &client) == LDAP_OPT_SUCCESS;
     }
 
     int Connect(const LDAP_ACCESS& access) {
         int code = ldap_initialize(&ldap, access.uri.c_str());
         if (code != LDAP_SUCCESS) return code;
-        SetOptions(access);
+        noAuthorities = !SetOptions(access) && UsesTls(access);
+        if (noAuthorities) return LDAP_CONNECT_ERROR;
         code = ldap_connect(ldap);
         if (code == LDAP_SUCCESS && access.startTls) code = ldap_start_tls_s(ldap, nullptr, nullptr);
         return code;
@@ -273,7 +279,9 @@ HRESULT LDAP_CONNECTION::Connect(const LDAP_ACCESS& access) {
     if (*code == LDAP_SUCCESS) return S_OK;
     const HRESULT result = Fail(*code);
     // The library says no more than that it failed.
-    if (state->reached && (access.startTls || access.uri.starts_with("ldaps://")))
+    if (state->noAuthorities)
+        reason = "the authorities that may sign its certificate cannot be read: " + CaFileOf(access);
+    if (state->reached && UsesTls(access))
         reason +=
             "; it was reached, but the TLS handshake failed: is its certificate valid today, for this name, and "
             "signed by an authority of " +

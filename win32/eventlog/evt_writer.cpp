@@ -12,6 +12,7 @@
 #include <iterator>
 
 #include "win32/eventlog/evt_cursor.h"
+#include "win32/files/file_owner.h"
 #include "win32/text/last_error.h"
 
 namespace win32 {
@@ -38,8 +39,8 @@ public:
             error = ErrorFromErrno(errno);
             return;
         }
-        struct stat old;
-        fchmod(fd, stat(path.c_str(), &old) == 0 ? old.st_mode & 07777 : LogMode);
+        fchmod(fd, LogMode);
+        TakeOver(fd, path);
         close(fd);
         made = true;
         if (!file.Open(name, true)) error = GetLastError();

@@ -8,6 +8,8 @@
 #include <string>
 
 #include "win32/files/file_object.h"
+#include "win32/files/file_owner.h"
+#include "win32/files/machine_root.h"
 #include "win32/text/last_error.h"
 
 namespace {
@@ -37,6 +39,7 @@ OPENED OpenFile(const std::string& path, int flags, DWORD disposition) {
     for (int race = 0; race < maxRaces; ++race) {
         if (creates) {
             const int made = open(path.c_str(), flags | O_CREAT | O_EXCL, mode);
+            if (made >= 0 && path.starts_with(win32::MachinePath(""))) win32::GiveToFolderOwner(made, path);
             if (made >= 0 || errno != EEXIST || disposition == CREATE_NEW) return {made, false};
         }
         const int found = open(path.c_str(), flags);

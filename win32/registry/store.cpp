@@ -1,5 +1,6 @@
 #include "win32/registry/store.h"
 
+#include "win32/files/file_owner.h"
 #include "win32/files/file_watch.h"
 #include "win32/files/machine_root.h"
 #include "win32/registry/reg_text.h"
@@ -47,17 +48,6 @@ public:
 private:
     int number;
 };
-
-// A new file gets the mode and owner of the one it replaces; without one, root gives it to the owner of the folder, as
-// whom the agent runs. What may not be changed stays as it is.
-void TakeOver(int descriptor, const std::string& old) {
-    struct stat status;
-    if (stat(old.c_str(), &status) == 0) {
-        if (fchown(descriptor, status.st_uid, status.st_gid) == 0) fchmod(descriptor, status.st_mode & 0777);
-    } else if (geteuid() == 0 && stat(old.substr(0, old.rfind('/') + 1).c_str(), &status) == 0) {
-        if (fchown(descriptor, status.st_uid, status.st_gid) != 0) return;
-    }
-}
 
 // Bounded: a process that was stopped with the lock in its hands must not stop all others.
 DWORD TakeLock(int descriptor) {

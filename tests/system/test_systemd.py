@@ -1,0 +1,150 @@
+"""The installed package under a real systemd: a copy of this machine (an overlay) is booted in a container of its own without
+network, and its service, feeds and sockets are used as an administrator uses them. Needs root and systemd-nspawn."""
+import json
+import os
+import shutil
+import subprocess
+import tempfile
+import time
+import unittest
+
+from machine import BIN, PATIENCE
+from test_feeds import authentication, shipped, xml
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+INIT = "/lib/systemd/systemd"
+OVERLAY = """mount -t tmpfs tmpfs "$1" && mkdir "$1/upper" "$1/work" "$1/copy" &&
+mount -t overlay overlay -o "lowerdir=/,upperdir=$1/upper,workdir=$1/work" "$1/copy" &&
+cp "$2" "$1/copy/keldwick.deb" && mount -t proc proc "$1/copy/proc" && chroot "$1/copy" dpkg --install /keldwick.deb &&
+umount "$1/copy/proc" && rm -f "$1/copy/etc/machine-id" &&
+ln -sf /dev/null "$1/copy/etc/systemd/system/network-online.target" &&
+exec systemd-nspawn --quiet --directory="$1/copy" --register=no --keep-unit --private-network --capability=all \\
+    --console=pipe --kill-signal=SIGRTMIN+3 --setenv=SYSTEMD_LOG_TARGET=console """ + INIT + """ --unit=basic.target"""
+# What the sanitizers need beyond what the units allow: a process that looks for leaks at its end traces itself.
+SANITIZERS = "[Service]\nEnvironment=ASAN_OPTIONS=detect_leaks=0\n"
+
+
+def may_boot():
+    return os.geteuid() == 0 and shutil.which("systemd-nspawn") and os.path.exists(INIT)
+
+
+@unittest.skipUnless(may_boot(), "needs root, systemd and systemd-nspawn")
+class BootedMachine(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.folder = tempfile.mkdtemp(prefix="keldwick-systemd-")
+        cls.addClassCleanup(shutil.rmtree, cls.folder, ignore_errors=True)
+        package = subprocess.run([f"{HERE}/../../packaging/build-deb", BIN, cls.folder], check=True, capture_output=True,
+                                 text=True, timeout=300, env={**os.environ, "DPKG_DEB_COMPRESSOR_TYPE": "gzip",
+                                                              "DPKG_DEB_COMPRESSOR_LEVEL": "1"}).stdout.strip()
+        mounts = f"{cls.folder}/mounts"
+        os.mkdir(mounts)
+        cls.output = open(f"{cls.folder}/output", "w+", encoding="utf-8", errors="replace")
+        cls.addClassCleanup(cls.output.close)
+        cls.container = subprocess.Popen(["unshare", "--mount", "--propagation", "private", "sh", "-c", OVERLAY, "sh", mounts,
+                                          package], stdin=subprocess.DEVNULL, stdout=cls.output, stderr=cls.output)
+        cls.addClassCleanup(cls.end_container)
+        cls.until(lambda: cls.init() and cls.run_inside("systemctl", "is-active", "basic.target").returncode == 0,
+                  "the machine has booted")
+        cls.inside("sh", "-c", "mkdir -p $1 && printf '%s' \"$2\" >$1/sanitizers.conf && cp -r $1 $3 && systemctl daemon-reload",
+                   "sh", "/etc/systemd/system/keldwick.service.d", SANITIZERS, "/etc/systemd/system/keldwick-.service.d")
+
+    @classmethod
+    def end_container(cls):
+        cls.container.terminate()  # systemd-nspawn hands it on as a wish to halt
+        try:
+            cls.container.wait(PATIENCE)
+        except subprocess.TimeoutExpired:
+            cls.container.kill()
+            cls.container.wait()
+
+    @classmethod
+    def init(cls):
+        """The process that is process 1 inside, or None."""
+        with open(f"/proc/{cls.container.pid}/task/{cls.container.pid}/children", encoding="utf-8") as file:
+            return next((child for child in file.read().split() if os.readlink(f"/proc/{child}/exe").endswith("/systemd")), None)
+
+    @classmethod
+    def run_inside(cls, *command, text=None):
+        return subprocess.run(["nsenter", "--target", cls.init(), "--all", "--", "env", "-i",
+                               "PATH=/usr/sbin:/usr/bin:/sbin:/bin", "KELDWICK_ROOT=/var/lib/keldwick", "LC_ALL=C.UTF-8",
+                               *command], input=text, capture_output=True, text=True, timeout=PATIENCE)
+
+    @classmethod
+    def inside(cls, *command, text=None):
+        done = cls.run_inside(*command, text=text)
+        if done.returncode:
+            raise AssertionError(f"{command}: {done.stdout}{done.stderr}")
+        return done.stdout.strip()
+
+    @classmethod
+    def until(cls, condition, what):
+        end = time.monotonic() + 2 * PATIENCE
+        while not condition():
+            if time.monotonic() > end or cls.container.poll() is not None:
+                cls.output.seek(0)
+                raise AssertionError(f"never came: {what}\n{cls.output.read()[-3000:]}")
+            time.sleep(0.1)
+
+    def show(self, unit, *properties):
+        shown = self.inside("systemctl", "show", *(f"--property={each}" for each in properties), unit)
+        values = dict(line.split("=", 1) for line in shown.split("\n"))
+        return [values[each] for each in properties]
+
+    def identities(self):
+        return {entry["address"]: entry["user"] for entry in
+                map(json.loads, self.inside("keldwickctl", "identities", "--json").splitlines())}
+
+    def settings(self, **values):
+        for name, value in values.items():
+            self.inside("keldwickctl", "settings", "set", name, value)
+
+    def test_service_feeds_and_sockets_work_as_installed(self):
+        with self.subTest("without a server to report to it says that it failed, and with what"):
+            self.inside("sh", "-c", "! systemctl start keldwick")
+            self.assertIn("service-specific exit code 2", self.show("keldwick", "StatusText")[0])
+            self.inside("systemctl", "stop", "keldwick")
+
+        self.inside("systemd-run", "--quiet", "--unit=identity-server", "keldwick-server")
+        self.settings(IdentServer="127.0.0.1", IdentProtocol="tcps")
+        self.inside("systemctl", "start", "keldwick")
+        self.assertEqual(["active", "Running"], self.show("keldwick", "ActiveState", "StatusText"))
+        self.until(lambda: self.run_inside("keldwickctl", "identities").returncode == 0, "the agent follows the log")
+        self.assertEqual("1073741826", json.loads(self.inside("journalctl", "-t", "Keldwick", "-n", "1", "-o", "json"))["EVENT_ID"])
+
+        with self.subTest("a feed that follows a file which group adm may read"):
+            self.inside("sh", "-c", "install -d -m 750 -g adm /var/log/audit-of-test && cat >/var/log/audit-of-test/auth.jsonl && "
+                        "chmod 640 /var/log/audit-of-test/auth.jsonl && chgrp adm /var/log/audit-of-test/auth.jsonl && "
+                        "echo FEED=\\\"samba-audit /var/log/audit-of-test/auth.jsonl\\\" >/etc/keldwick/feed-dc.conf && "
+                        "systemctl start keldwick-feed@dc", text=authentication("ann", "10.0.0.1"))
+            self.until(lambda: "10.0.0.1" in self.identities(), "the audit log's logon")
+        with self.subTest("sockets that take streams"):
+            self.inside("systemctl", "start", "keldwick-feed-xml.socket", "keldwick-feed-json.socket")
+            send = "import socket, sys; s = socket.socket(socket.AF_UNIX); s.connect(sys.argv[1]); s.sendall(sys.stdin.buffer.read())"
+            for source, event in (("xml", xml("bob", "10.0.0.2")), ("json", shipped("zoë", "10.0.0.3"))):
+                self.inside("python3", "-c", send, f"/run/keldwick/{source}", text=event)
+            self.until(lambda: len(self.identities()) == 3, "the logons of both streams")
+        self.assertEqual({"10.0.0.1": "CORP\\ann", "10.0.0.2": "CORP\\bob", "10.0.0.3": "CORP\\zoë"}, self.identities())
+        def feed():
+            return next(feed for feed in json.loads(self.inside("keldwickctl", "status", "--json"))["feeds"] if feed["name"] == "dc")
+
+        self.until(lambda: feed()["behind_bytes"] == 0, "the feed has marked its place")
+        self.assertEqual((True, 1), (feed()["running"], feed()["records"]))
+
+        with self.subTest("stopped by its setting, and started again"):
+            self.settings(Shutdown="1")
+            self.until(lambda: self.show("keldwick", "ActiveState") == ["inactive"], "the agent stops")
+            self.assertEqual(["success", "Stopped"], self.show("keldwick", "Result", "StatusText"))
+            self.inside("systemctl", "start", "keldwick")
+
+        with self.subTest("an agent that hangs is ended and started again"):
+            self.inside("sh", "-c", "printf '[Service]\\nWatchdogSec=2s\\nTimeoutAbortSec=1s\\nRestartSec=100ms\\n' "
+                        ">/etc/systemd/system/keldwick.service.d/watchdog.conf && systemctl daemon-reload && "
+                        "systemctl restart keldwick && kill -STOP $(systemctl show --value -p MainPID keldwick)")
+            self.until(lambda: self.show("keldwick", "NRestarts", "ActiveState") == ["1", "active"], "it is started again")
+        self.inside("systemctl", "stop", "keldwick")
+        self.assertEqual(["inactive", "Stopped"], self.show("keldwick", "ActiveState", "StatusText"))
+
+
+if __name__ == "__main__":
+    unittest.main()
