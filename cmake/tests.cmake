@@ -26,7 +26,7 @@ function(keldwick_tests folder)
   endif()
   target_link_libraries(${name} PRIVATE ${arg_UNPARSED_ARGUMENTS} GTest::gtest GTest::gmock GTest::gtest_main)
   gtest_discover_tests(${name} TEST_PREFIX ${folder}/ DISCOVERY_MODE PRE_TEST
-    PROPERTIES LABELS "${arg_LABEL}" TIMEOUT 120)
+    DISCOVERY_TIMEOUT 60 PROPERTIES LABELS "${arg_LABEL}" TIMEOUT 120)
 endfunction()
 
 foreach(folder ${layer_folders})

@@ -115,6 +115,7 @@ TEST(SAMBA_AUDIT, WhatShowsNoUserAtAnAddressIsNoLogonAndRubbishIsNamed) {
         {"no address", Authentication({{"remoteAddress", nullptr}}), SKIPPED},
         {"a socket's path", Authentication({{"remoteAddress", "unix:/run/ldapi"}}), SKIPPED},
         {"the unspecified address", Authentication({{"remoteAddress", "ipv4:0.0.0.0:0"}}), SKIPPED},
+        {"from the controller itself", Authentication({{"localAddress", "ipv4:10.0.0.7:445"}}), SKIPPED},
         {"no port", Authentication({{"remoteAddress", "ipv4:10.0.0.7"}}), SKIPPED},
         {"passed on by a file server: its address, not the user's",
          Authentication({{"serviceDescription", "SamLogon"}, {"workstation", "WS5"}, {"netlogonComputer", "FS1"}}),

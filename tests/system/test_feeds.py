@@ -106,6 +106,26 @@ class Feeds(MachineTest):
                 self.assertIn("2 records written to the Security log, 0 skipped, 2 unreadable.", said)
         self.shut_down(agent)
 
+    def test_streams_share_a_name_and_its_counts(self):
+        self.ctl("init", "--server", self.address)
+        feeds = [self.feed("json") for _ in range(3)]
+        for turn in range(3):
+            for number, feed in enumerate(feeds):
+                feed.stdin.write(shipped(f"u{turn}{number}", "10.0.0.1") + ("oops\n" if turn == number else ""))
+                feed.stdin.flush()
+        status = lambda: next(iter(json.loads(self.ctl("status", "--json"))["feeds"]), {})
+        self.until(lambda: (status().get("records"), status().get("unreadable")) == (9, 3), "what all three have counted")
+        self.assertTrue(status()["running"])
+        self.append("")
+        self.assertIn("is running already", self.ctl("feed", "json", self.file, "--once", code=1))
+        for feed in feeds:
+            said, complaint = feed.communicate(timeout=PATIENCE)
+            self.assertEqual((0, ""), (feed.returncode, complaint))
+            self.assertIn("3 records written to the Security log, 0 skipped, 1 unreadable.", said)
+        self.assertEqual((9, 3, False), tuple(status()[key] for key in ("records", "unreadable", "running")))
+        self.ctl("feed", "json", self.file, "--once", "--name", "lines")
+        self.assertIn(f"follows {self.file}", self.ctl("feed", "json", "--name", "lines", code=1, text=""))
+
     def test_a_feed_that_is_killed_again_and_again_loses_nothing_and_doubles_nothing(self):
         self.ctl("init", "--server", self.address)
         users = [f"u{number}" for number in range(4000)]

@@ -121,10 +121,12 @@ class BootedMachine(unittest.TestCase):
         with self.subTest("sockets that take streams"):
             self.inside("systemctl", "start", "keldwick-feed-xml.socket", "keldwick-feed-json.socket")
             send = "import socket, sys; s = socket.socket(socket.AF_UNIX); s.connect(sys.argv[1]); s.sendall(sys.stdin.buffer.read())"
-            for source, event in (("xml", xml("bob", "10.0.0.2")), ("json", shipped("zoë", "10.0.0.3"))):
+            for source, event in (("xml", xml("bob", "10.0.0.2")), ("json", shipped("zoë", "10.0.0.3")),
+                                  ("json", shipped("cleo", "10.0.0.4"))):
                 self.inside("python3", "-c", send, f"/run/keldwick/{source}", text=event)
-            self.until(lambda: len(self.identities()) == 3, "the logons of both streams")
-        self.assertEqual({"10.0.0.1": "CORP\\ann", "10.0.0.2": "CORP\\bob", "10.0.0.3": "CORP\\zoë"}, self.identities())
+            self.until(lambda: len(self.identities()) == 4, "the logons of both streams")
+        self.assertEqual({"10.0.0.1": "CORP\\ann", "10.0.0.2": "CORP\\bob", "10.0.0.3": "CORP\\zoë",
+                          "10.0.0.4": "CORP\\cleo"}, self.identities())
         def feed():
             return next(feed for feed in json.loads(self.inside("keldwickctl", "status", "--json"))["feeds"] if feed["name"] == "dc")
 

@@ -70,13 +70,17 @@ private:
 class FEED : public FEED_LINE_TAKER, public EVENT_SINK {
 public:
     FEED(const FEED_OPTIONS& given, FEED_LINE_READER* lineReader)
-        : options(given), reader(lineReader), files(given.name), log(given.log), aside(files.Path("aside")) {
+        : options(given),
+          reader(lineReader),
+          files(given.name, given.file.empty() ? FEED_KIND::STREAM : FEED_KIND::FOLLOWER),
+          log(given.log),
+          aside(files.Path("aside")) {
         resumed = files.Load(state);
+        if (options.file.empty() && !state.file.empty())
+            throw COMMAND_ERROR("the feed " + options.name + " follows " + state.file +
+                                "; --name gives this one its own name");
         // A stream has no place to go back to: what comes is new, though it look the same.
         if (resumed && !state.places.empty()) log.RecogniseFrom(state.nextRecord);
-        records = state.records;
-        skipped = state.skipped;
-        unreadable = state.unreadable;
         state.source = options.source;
         state.file = options.file;
         state.log = options.log;
@@ -90,7 +94,7 @@ public:
                 Put(line);
                 break;
             case FEED_LINE_READER::SKIPPED:
-                ++state.skipped;
+                ++counts.skipped;
                 break;
             case FEED_LINE_READER::UNREADABLE:
                 SetAside(reason, line);
@@ -138,7 +142,9 @@ public:
         state.behind = behind;
         markDue = false;
         marked = CLOCK::now();
-        if (files.Save(state)) {
+        if (files.Save(state, {counts.records - saved.records, counts.skipped - saved.skipped,
+                               counts.unreadable - saved.unreadable})) {
+            saved = counts;
             troubled = false;
             return;
         }
@@ -156,8 +162,8 @@ public:
 
     void Finish() {
         if (shown) std::fputs("\r\033[K", stderr);
-        std::printf("%llu records written to the %s log, %llu skipped, %llu unreadable.\n", state.records - records,
-                    options.log.c_str(), state.skipped - skipped, state.unreadable - unreadable);
+        std::printf("%llu records written to the %s log, %llu skipped, %llu unreadable.\n", counts.records,
+                    options.log.c_str(), counts.skipped, counts.unreadable);
     }
 
     void ShowProgress(unsigned long long behind) {
@@ -192,12 +198,12 @@ private:
     void Put(std::string_view line) {
         std::string reason;
         if (log.Take(event, reason))
-            ++state.records;
+            ++counts.records;
         else
             SetAside(reason, line);
     }
     void SetAside(const std::string& reason, std::string_view line) {
-        ++state.unreadable;
+        ++counts.unreadable;
         aside.Keep(reason, line);
     }
     void CountLine() {
@@ -213,7 +219,7 @@ private:
     FEED_ASIDE aside;
     FEED_STATE state;
     win32::NEW_EVENT event;
-    unsigned long long records = 0, skipped = 0, unreadable = 0;  // of earlier runs
+    FEED_COUNTS counts, saved;  // of this run; what of it the state holds
     unsigned long long lines = 0, nextProgress = LinesPerProgress;
     CLOCK::time_point marked;
     bool resumed = false;   // a state was there

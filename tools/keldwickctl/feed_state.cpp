@@ -57,6 +57,24 @@ void ReadState(const json& object, FEED_STATE& state) {
     if (object.contains("offset")) state.places.push_back(ReadPlace(object));
 }
 
+std::string StateText(const FEED_STATE& state) {
+    json object = {{"source", state.source},
+                   {"file", state.file},
+                   {"log", state.log},
+                   {"records", state.records},
+                   {"skipped", state.skipped},
+                   {"unreadable", state.unreadable},
+                   {"behind", state.behind},
+                   {"nextRecord", state.nextRecord},
+                   {"saved", IsoTime(win32::SecondsNow())}};
+    if (!state.places.empty()) {
+        object.update(PlaceObject(state.places.back()));
+        object["earlier"] = json::array();
+        for (size_t i = 0; i + 1 < state.places.size(); ++i) object["earlier"].push_back(PlaceObject(state.places[i]));
+    }
+    return object.dump(1, ' ', true, json::error_handler_t::replace) + "\n";
+}
+
 bool WriteAll(int fd, const std::string& bytes) {
     for (size_t done = 0; done < bytes.size();) {
         const ssize_t put = write(fd, bytes.data() + done, bytes.size() - done);
@@ -65,6 +83,14 @@ bool WriteAll(int fd, const std::string& bytes) {
         done += static_cast<size_t>(put);
     }
     return true;
+}
+
+// As a lock of the descriptor, which, unlike flock's, can be asked about without being taken.
+struct flock WholeFile(short type) {
+    struct flock lock = {};
+    lock.l_type = type;
+    lock.l_whence = SEEK_SET;
+    return lock;
 }
 
 void MakeFolder(const std::string& path) {
@@ -87,21 +113,31 @@ bool IsFeedName(const std::string& name) {
                std::string::npos;
 }
 
-FEED_STATE_FILE::FEED_STATE_FILE(const std::string& feed) : name(feed) {
+FEED_STATE_FILE::FEED_STATE_FILE(const std::string& feed, FEED_KIND kind) : name(feed) {
     const std::string folder = win32::MachinePath("feed");
     MakeFolder(folder);
     const std::string path = Path("lock");
     lock = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
     if (lock < 0) Fail("make", path);
     win32::GiveToFolderOwner(lock, path);
-    if (flock(lock, LOCK_EX | LOCK_NB) == 0) return;
-    const bool held = errno == EWOULDBLOCK;
+    struct flock wanted = WholeFile(kind == FEED_KIND::FOLLOWER ? F_WRLCK : F_RDLCK);
+    if (fcntl(lock, F_OFD_SETLK, &wanted) == 0) return;
+    const bool held = errno == EAGAIN || errno == EACCES;
     close(lock);
     if (held) throw COMMAND_ERROR("the feed " + name + " is running already (--name gives another one its own name)");
     Fail("lock", path);
 }
 
 FEED_STATE_FILE::~FEED_STATE_FILE() { close(lock); }
+
+bool IsFeedRunning(const std::string& name) {
+    const int fd = open(FeedPath(name, "lock").c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+    if (fd < 0) return false;
+    struct flock other = WholeFile(F_WRLCK);
+    const bool held = fcntl(fd, F_OFD_GETLK, &other) == 0 && other.l_type != F_UNLCK;
+    close(fd);
+    return held;
+}
 
 std::string FeedPath(const std::string& name, const char* kind) {
     return win32::MachinePath("feed/" + name + "." + kind);
@@ -128,26 +164,42 @@ bool LoadFeedState(const std::string& name, FEED_STATE& state) {
     return true;
 }
 
-bool FEED_STATE_FILE::Save(const FEED_STATE& state) const {
-    json object = {{"source", state.source},
-                   {"file", state.file},
-                   {"log", state.log},
-                   {"records", state.records},
-                   {"skipped", state.skipped},
-                   {"unreadable", state.unreadable},
-                   {"behind", state.behind},
-                   {"nextRecord", state.nextRecord},
-                   {"saved", IsoTime(win32::SecondsNow())}};
-    if (!state.places.empty()) {
-        object.update(PlaceObject(state.places.back()));
-        object["earlier"] = json::array();
-        for (size_t i = 0; i + 1 < state.places.size(); ++i) object["earlier"].push_back(PlaceObject(state.places[i]));
+// Taken while the state is written; other streams of the name wait for their turn, which is a matter of milliseconds.
+class FEED_STATE_FILE::WRITE_LOCK {
+public:
+    explicit WRITE_LOCK(const std::string& path)
+        : fd(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600)) {
+        if (fd < 0) return;
+        win32::GiveToFolderOwner(fd, path);
+        while (flock(fd, LOCK_EX) != 0 && errno == EINTR) {
+        }
     }
+    ~WRITE_LOCK() {
+        const int why = errno;
+        if (fd >= 0) close(fd);
+        errno = why;
+    }
+    WRITE_LOCK(const WRITE_LOCK&) = delete;
+    WRITE_LOCK& operator=(const WRITE_LOCK&) = delete;
+    explicit operator bool() const { return fd >= 0; }
+
+private:
+    const int fd;
+};
+
+bool FEED_STATE_FILE::Save(FEED_STATE& state, const FEED_COUNTS& added) const {
+    const WRITE_LOCK turn(Path("writing"));
+    if (!turn) return false;
+    FEED_STATE before;
+    Load(before);
+    state.records = before.records + added.records;
+    state.skipped = before.skipped + added.skipped;
+    state.unreadable = before.unreadable + added.unreadable;
     const std::string path = Path("state"), fresh = Path("state.new");
     const int fd = open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
     if (fd < 0) return false;
     win32::TakeOver(fd, path);
-    const bool whole = WriteAll(fd, object.dump(1, ' ', true, json::error_handler_t::replace) + "\n") && fsync(fd) == 0;
+    const bool whole = WriteAll(fd, StateText(state)) && fsync(fd) == 0;
     const int why = errno;
     close(fd);
     errno = why;

@@ -12,36 +12,49 @@ struct FEED_PLACE {
     unsigned long long tail = 0;  // fingerprint of the bytes before the offset: is it still the same content?
 };
 
-struct FEED_STATE {
+struct FEED_COUNTS {
+    unsigned long long records = 0, skipped = 0, unreadable = 0;
+};
+
+struct FEED_STATE : FEED_COUNTS {  // the counts of all runs
     std::string source, file, log;
     std::vector<FEED_PLACE> places;     // the file that is followed last; before it those rotated away a moment ago
     unsigned long long nextRecord = 0;  // the first record after the log's last when the places were right
-    unsigned long long records = 0, skipped = 0, unreadable = 0, behind = 0;  // behind: bytes not read yet
-    std::string saved;                                                        // when, ISO; set by Load only
+    unsigned long long behind = 0;      // bytes not read yet
+    std::string saved;                  // when, ISO; set by Load only
 };
 
 std::string FeedPath(const std::string& name, const char* kind);  // of NAME.kind in the feed folder
 
+bool IsFeedRunning(const std::string& name);
+
 // False: there is no state. Throws COMMAND_ERROR when it cannot be read or is damaged.
 bool LoadFeedState(const std::string& name, FEED_STATE& state);
 
-// A feed's files, for one process at a time.
+// A feed that follows a file runs alone. Streams have no place that two processes could dispute: any number of them
+// share a name and its counts.
+enum class FEED_KIND { FOLLOWER, STREAM };
+
+// A feed's files.
 class FEED_STATE_FILE {
 public:
     // Makes the folder and takes the feed's lock. Throws COMMAND_ERROR: a name that is none, a feed that is running
     // already, a folder that cannot be written.
-    explicit FEED_STATE_FILE(const std::string& name);
+    explicit FEED_STATE_FILE(const std::string& name, FEED_KIND kind = FEED_KIND::FOLLOWER);
     ~FEED_STATE_FILE();
     FEED_STATE_FILE(const FEED_STATE_FILE&) = delete;
     FEED_STATE_FILE& operator=(const FEED_STATE_FILE&) = delete;
 
     bool Load(FEED_STATE& state) const { return LoadFeedState(name, state); }
-    bool Save(
-        const FEED_STATE& state) const;  // replaced as a whole, on the disk when it returns; false: errno says why
+    // Replaces the state as a whole, on the disk when it returns. Its counts become those in the file and what is
+    // added. False: errno says why not.
+    bool Save(FEED_STATE& state, const FEED_COUNTS& added) const;
 
     std::string Path(const char* kind) const { return FeedPath(name, kind); }
 
 private:
+    class WRITE_LOCK;
+
     const std::string name;
     int lock = -1;
 };

@@ -54,6 +54,14 @@ void FillEvent(const std::vector<std::string>& strings, long long time, win32::N
     for (const std::string& each : strings) event.strings.push_back(win32::ToUtf16(each.empty() ? "-" : each));
 }
 
+// From where the client asked. False: from nowhere, or from the controller itself, whose services, the agent's look-ups
+// among them, log on at their own machine's address all the time.
+bool ComesFromElsewhere(const json& fields, std::string& address, std::string& port) {
+    std::string own, ownPort;
+    return SplitAuditAddress(MemberText(fields, "remoteAddress"), address, port) &&
+           !(SplitAuditAddress(MemberText(fields, "localAddress"), own, ownPort) && own == address);
+}
+
 // Header lines of the server's own log, "[2026/11/16 08:00:12 ...", when it shares the file.
 bool IsLogHeader(std::string_view line) {
     return line.size() > 8 && line[0] == '[' && line[5] == '/' && line[8] == '/';
@@ -115,7 +123,7 @@ FEED_LINE_READER::RESULT SAMBA_AUDIT::ReadAuthentication(const json& fields, LOG
     logon.domain = MemberText(fields, "becameDomain");
     logon.sid = MemberText(fields, "becameSid");
     if (logon.account.empty() || logon.sid == Anonymous) return SKIPPED;
-    if (!SplitAuditAddress(MemberText(fields, "remoteAddress"), logon.address, logon.port)) return SKIPPED;
+    if (!ComesFromElsewhere(fields, logon.address, logon.port)) return SKIPPED;
     logon.type = MemberText(fields, "logonType");
     const std::string id = MemberText(fields, "logonId");
     if (!ParseSid(logon.sid) || !ParseNumber(logon.type, MAXDWORD) || (!id.empty() && !IsHex(id))) {
@@ -148,7 +156,7 @@ FEED_LINE_READER::RESULT SAMBA_AUDIT::ReadAuthorization(const json& fields, LOGO
     logon.domain = MemberText(fields, "domain");
     logon.sid = MemberText(fields, "sid");
     if (logon.account.empty() || logon.sid == Anonymous) return SKIPPED;
-    if (!SplitAuditAddress(MemberText(fields, "remoteAddress"), logon.address, logon.port)) return SKIPPED;
+    if (!ComesFromElsewhere(fields, logon.address, logon.port)) return SKIPPED;
     if (!ParseSid(logon.sid)) {
         reason = "a SID that is none";
         return UNREADABLE;

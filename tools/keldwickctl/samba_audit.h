@@ -12,7 +12,8 @@
 //   is written twice by the KDC and counts once (RepeatSeconds);
 // - an Authorization of a Kerberos session is one when the same account was not seen at the same address within
 //   SessionSeconds: its ticket came from another controller, or is hours old;
-// - what has no address or no user, and what failed, is none; nor is a network logon that another server passed on: the
+// - what has no address or no user, what comes from the controller's own address, and what failed, is none; nor is a
+// network logon that another server passed on: the
 //   address is that server's, not the user's.
 // Machine accounts are records like others: who reads the log knows them by their "$".
 class SAMBA_AUDIT final : public FEED_LINE_READER {

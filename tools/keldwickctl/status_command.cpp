@@ -23,7 +23,11 @@ void WriteWhole(const std::string& path, const std::string& text) {
     file << text;
     file.close();
     std::error_code error;
-    if (file) std::filesystem::rename(beside, path, error);
+    using std::filesystem::perms;
+    if (file)  // another user's program reads it, whatever this one's mask
+        std::filesystem::permissions(
+            beside, perms::owner_read | perms::owner_write | perms::group_read | perms::others_read, error);
+    if (file && !error) std::filesystem::rename(beside, path, error);
     if (file && !error) return;
     const std::string why = error ? error.message() : std::strerror(errno);
     std::filesystem::remove(beside, error);

@@ -1,9 +1,6 @@
 #include "tools/keldwickctl/status_feeds.h"
 
-#include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -15,15 +12,6 @@
 namespace fs = std::filesystem;
 
 namespace {
-
-// Whether a process holds the feed's lock.
-bool IsLocked(const std::string& path) {
-    const int lock = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (lock < 0) return false;
-    const bool held = flock(lock, LOCK_SH | LOCK_NB) != 0;
-    close(lock);
-    return held;
-}
 
 // What the file holds beyond the place, looked at now: the state tells how it was at the last mark.
 unsigned long long BytesBehind(const FEED_STATE& state) {
@@ -38,7 +26,7 @@ unsigned long long BytesBehind(const FEED_STATE& state) {
 FEED_STATUS ReadFeed(const std::string& name) {
     FEED_STATUS feed;
     feed.name = name;
-    feed.running = IsLocked(FeedPath(name, "lock"));
+    feed.running = IsFeedRunning(name);
     FEED_STATE state;
     try {
         if (!LoadFeedState(name, state)) return feed;

@@ -56,6 +56,40 @@ private:
     std::atomic<DWORD> id{0};
 };
 
+// A thread has ended when nothing of it is left: libraries clean up after it in destructors of their own, which must
+// have run before somebody who waited for the thread ends the process. So its end is the destructor of a thread-local
+// key that comes back in every round of destructors but the last.
+class THREAD_END {
+public:
+    THREAD_END(std::shared_ptr<THREAD> object, DWORD exitCode) : thread(std::move(object)), code(exitCode) {}
+
+    // Ends the calling thread's object once the thread is gone; at once, when there is no key to be had.
+    static void Await(std::unique_ptr<THREAD_END> end) {
+        static const KEY key;
+        if (end->rounds++ < PTHREAD_DESTRUCTOR_ITERATIONS && pthread_setspecific(key.number, end.get()) == 0) {
+            static_cast<void>(end.release());
+            return;
+        }
+        const std::shared_ptr<THREAD> thread = end->thread;
+        const DWORD code = end->code;
+        end.reset();
+        thread->End(code);
+    }
+
+private:
+    struct KEY {
+        pthread_key_t number = PTHREAD_KEYS_MAX;  // which is none, and so refused
+        KEY() {
+            pthread_key_create(&number,
+                               [](void* end) { Await(std::unique_ptr<THREAD_END>(static_cast<THREAD_END*>(end))); });
+        }
+    };
+
+    const std::shared_ptr<THREAD> thread;
+    const DWORD code;
+    int rounds = 0;
+};
+
 // What a new thread is handed.
 template <typename ROUTINE>
 struct START {
@@ -68,7 +102,8 @@ template <typename ROUTINE>
 void* Run(void* memory) {
     const std::unique_ptr<START<ROUTINE>> start(static_cast<START<ROUTINE>*>(memory));
     start->thread->Started(GetCurrentThreadId());
-    start->thread->End(start->routine(start->argument));
+    const DWORD code = start->routine(start->argument);
+    THREAD_END::Await(std::make_unique<THREAD_END>(start->thread, code));
     return nullptr;
 }
 

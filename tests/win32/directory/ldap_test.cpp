@@ -97,6 +97,19 @@ TEST_F(LdapSettings, APasswordThatOthersMayReadIsNotUsed) {
 }
 
 // Listens on a free port and never says a word.
+// An authority of nobody's.
+constexpr const char* Authority = R"(-----BEGIN CERTIFICATE-----
+MIIBbjCCARWgAwIBAgIUV5d4SMHL/RiH7icn7NoJVHgEhrYwCgYIKoZIzj0EAwIw
+DDEKMAgGA1UEAwwBQTAgFw0yNjExMjUwMTIwMzVaGA8yMTI2MTEwMTAxMjAzNVow
+DDEKMAgGA1UEAwwBQTBZMBMGByqGSM49AgEGCCqGSM49AwEHA0IABLBS6R1fWxGE
+O69JgfANVnJdKDB1zyE1XpEdbKt1rxkwo55h67c+exo0UrUZKfyrbP/RYjQ0ldgl
++EfHeqbXWwWjUzBRMB0GA1UdDgQWBBRJS2zatyxfO2JE7Jf/+VQqTqxxaDAfBgNV
+HSMEGDAWgBRJS2zatyxfO2JE7Jf/+VQqTqxxaDAPBgNVHRMBAf8EBTADAQH/MAoG
+CCqGSM49BAMCA0cAMEQCIAwM2k0+T9uljZk76RJaF3ZQKNqM0HrgGD1JjhJwT8mj
+AiBuW+Ol+/gagaj8pxt8ceIG9pU23sj3YuOVYLTt4wed7w==
+-----END CERTIFICATE-----
+)";
+
 class SILENT_SERVER {
 public:
     SILENT_SERVER() : listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
@@ -127,8 +140,10 @@ public:
 TEST_F(LdapSettings, AServerThatNeverFinishesTheTlsHandshakeIsGivenUpAndLeftAloneForAWhile) {
     const SILENT_SERVER server;
     root.Write("password", "secret");
+    root.Write("authority", Authority);
     ASSERT_EQ(0, chmod(root.Path("password").c_str(), 0600));
     Set({{"Uri", "\"ldaps://127.0.0.1:" + std::to_string(server.port) + "\""},
+         {"CaFile", "\"" + root.Path("authority") + "\""},
          {"Bind", "\"simple\""},
          {"User", "\"ann\""},
          {"PasswordFile", "\"" + root.Path("password") + "\""}});

@@ -1,8 +1,11 @@
 // Threads, critical sections and thread-local slots.
 #include <gtest/gtest.h>
 #include <process.h>
+#include <pthread.h>
+#include <sched.h>
 #include <windows.h>
 
+#include <atomic>
 #include <vector>
 
 namespace {
@@ -31,6 +34,30 @@ DWORD ExitCode(HANDLE thread) {
     DWORD code = 0;
     EXPECT_TRUE(GetExitCodeThread(thread, &code));
     return code;
+}
+
+std::atomic<int> cleanedUp;
+
+// What a library does that keeps something for each thread; slowly.
+void CleanUp(void* slot) {
+    for (int i = 0; i < 1000; ++i) sched_yield();
+    ++cleanedUp;
+    if (cleanedUp < 3) pthread_setspecific(*static_cast<pthread_key_t*>(slot), slot);
+}
+
+DWORD WINAPI LeaveSomethingBehind(LPVOID key) {
+    return static_cast<DWORD>(pthread_setspecific(*static_cast<pthread_key_t*>(key), key));
+}
+
+TEST(Threads, AreGoneWithAllThatLibrariesKeepForThemWhenTheyAreSignalled) {
+    pthread_key_t key;
+    ASSERT_EQ(0, pthread_key_create(&key, CleanUp));
+    const HANDLE thread = CreateThread(nullptr, 0, LeaveSomethingBehind, &key, 0, nullptr);
+    ASSERT_EQ(WAIT_OBJECT_0, WaitForSingleObject(thread, SoonEnough));
+    EXPECT_EQ(3, cleanedUp);
+    EXPECT_EQ(0u, ExitCode(thread));
+    EXPECT_TRUE(CloseHandle(thread));
+    pthread_key_delete(key);
 }
 
 TEST(Threads, AreSignalledAtTheirEndAndKeepTheirExitCode) {
