@@ -58,7 +58,7 @@ private:
 
 // A thread has ended when nothing of it is left: libraries clean up after it in destructors of their own, which must
 // have run before somebody who waited for the thread ends the process. So its end is the destructor of a thread-local
-// key that comes back in every round of destructors but the last.
+// key that comes back in the rounds of destructors, but for the last one, which the sanitizers keep for themselves.
 class THREAD_END {
 public:
     THREAD_END(std::shared_ptr<THREAD> object, DWORD exitCode) : thread(std::move(object)), code(exitCode) {}
@@ -66,7 +66,8 @@ public:
     // Ends the calling thread's object once the thread is gone; at once, when there is no key to be had.
     static void Await(std::unique_ptr<THREAD_END> end) {
         static const KEY key;
-        if (end->rounds++ < PTHREAD_DESTRUCTOR_ITERATIONS && pthread_setspecific(key.number, end.get()) == 0) {
+        constexpr int rounds = PTHREAD_DESTRUCTOR_ITERATIONS - 1;
+        if (end->round++ < rounds && pthread_setspecific(key.number, end.get()) == 0) {
             static_cast<void>(end.release());
             return;
         }
@@ -87,7 +88,7 @@ private:
 
     const std::shared_ptr<THREAD> thread;
     const DWORD code;
-    int rounds = 0;
+    int round = 0;
 };
 
 // What a new thread is handed.
