@@ -19,7 +19,8 @@ using win32::REG_STORE;
 using win32::REG_TREE;
 using win32::REG_VALUE;
 
-constexpr const char* NameHelp = "the value's name; those of a subkey as KEY\\NAME";
+constexpr const char* NameHelp =
+    "the value's name; those of a subkey as KEY\\NAME; any other in full, from HKEY_LOCAL_MACHINE on";
 
 struct SETTING_OPTIONS {
     std::string name, type;
@@ -28,13 +29,15 @@ struct SETTING_OPTIONS {
 
 std::string RegistryFile() { return win32::MachinePath("registry.reg"); }
 
-// "Linux\OsMajor" is the value OsMajor of the subkey Linux.
+// "Linux\OsMajor" is the value OsMajor of the subkey Linux; a name that begins with a root key's is none of the
+// settings'.
 struct SETTING_NAME {
     win32::REG_PATH key = SettingsPath();
     std::u16string whole, value;
 
     explicit SETTING_NAME(const std::string& text) : whole(FromArgument(text)) {
         const size_t slash = whole.rfind(u'\\');
+        if (whole.starts_with(u"HKEY_LOCAL_MACHINE\\")) key.clear();
         value = slash == std::u16string::npos ? whole : whole.substr(slash + 1);
         const bool good = !value.empty() && value.size() <= win32::MaxValueNameUnits && win32::WritableName(value) &&
                           (slash == std::u16string::npos || win32::SplitKeyPath(whole.substr(0, slash), key));
