@@ -36,6 +36,9 @@ def shipped(user, address):
                                                                            "event_data": data}}) + "\n"
 
 
+LOG_SIZE = r"HKEY_LOCAL_MACHINE\SYSTEM\CurrentControlSet\services\EventLog\Security\MaxSize"
+
+
 class Feeds(MachineTest):
     address = "127.48.0.1"
 
@@ -163,6 +166,18 @@ class Feeds(MachineTest):
             self.assertEqual([f"{letter}{number}" for number in range(2000)],
                              [user for user in listed() if user.startswith(letter)])
         self.assertEqual([0, 0], [feed["behind_bytes"] for feed in json.loads(self.ctl("status", "--json"))["feeds"]])
+
+    def test_a_backlog_larger_than_the_log_waits_for_the_agent(self):
+        self.ctl("init", "--server", self.address)
+        self.ctl("settings", "set", "--type", "dword", LOG_SIZE, "65536")  # room for some 120 records
+        self.ctl("events", "clear")
+        agent = self.serve()
+        hosts = [f"10.1.{number >> 8}.{number & 255}" for number in range(2000)]
+        self.append("".join(authentication(f"u{number}", host) for number, host in enumerate(hosts)))
+        feed = self.feed("samba-audit", self.file)
+        self.assertEqual(hosts, [self.server.next()["address"] for _ in hosts])
+        self.assertIn("2000 records written", self.end(feed))
+        self.shut_down(agent)
 
     def test_a_backlog_shows_on_a_terminal_how_far_it_is(self):
         self.ctl("init", "--server", self.address)

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <functional>
 #include <string_view>
 
@@ -94,8 +95,22 @@ bool FEED_LOG::Flush() {
     if (!gathered) return false;
     batch.clear();
     unmarked += bytes;
+    unlooked += bytes;
     bytes = 0;
     return true;
+}
+
+double FEED_LOG::UnreadShare(DWORD nextRecord) {
+    unlooked = 0;
+    win32::EVT_READER reader;
+    OpenReader(reader, name);
+    DWORD current = 0, oldest = 0, count = 0;
+    if (const DWORD error = reader.Numbers(current, oldest, count))
+        FailCommand("cannot read the " + name + " log", error);
+    std::error_code none;
+    const auto size = static_cast<double>(std::filesystem::file_size(path, none));
+    const DWORD next = std::clamp(nextRecord, oldest, current);
+    return count == 0 || none ? 0 : size / static_cast<double>(logBytes) * (current - next) / count;
 }
 
 void FEED_LOG::Sync() {

@@ -14,6 +14,8 @@ public:
     // A feed that ended between writing and marking its place meets what it wrote again: records that stand in the log
     // from this number on are recognised, up to the first that does not.
     void RecogniseFrom(unsigned long long nextRecord);
+    bool IsRecognising() const { return !known.empty(); }
+    void EndRecognition() { known.clear(); }  // all that was written before has come again
 
     // Adds to the batch. False: no record can hold it, or the log could not; `reason` says which.
     bool Take(const win32::NEW_EVENT& event, std::string& reason);
@@ -28,6 +30,13 @@ public:
     // recognised.
     bool IsMarkPressing() const { return unmarked >= logBytes / 4; }
 
+    // So much goes into the log with the next Flush, and went since UnreadShare was asked, that the circle might
+    // overtake a reader.
+    bool IsLookDue() const { return unlooked + bytes >= logBytes / 8; }
+
+    // How much of the log's largest size, 0 to 1, the records from that number on take. Throws COMMAND_ERROR.
+    double UnreadShare(DWORD nextRecord);
+
     // Brings the log's file to the disk, for a place that is marked next.
     void Sync();
 
@@ -38,7 +47,7 @@ private:
     const size_t logBytes, largestBatch;  // the log's largest size, and what the writer surely writes as a whole
     win32::EVT_WRITER writer;
     std::vector<win32::BYTES> batch;
-    size_t bytes = 0, unmarked = 0;
+    size_t bytes = 0, unmarked = 0, unlooked = 0;
     bool gathered = true;                        // the writer holds the batch
     std::unordered_map<size_t, unsigned> known;  // records in the log that may come again, by their content
 };

@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstring>
 #include <functional>
+#include <optional>
 
 #include "tools/keldwickctl/commands.h"
 #include "tools/keldwickctl/event_sink.h"
@@ -21,6 +22,8 @@
 #include "tools/keldwickctl/feed_follower.h"
 #include "tools/keldwickctl/feed_log.h"
 #include "tools/keldwickctl/feed_state.h"
+#include "tools/keldwickctl/status_process.h"
+#include "win32/files/machine_root.h"
 
 namespace {
 
@@ -112,7 +115,6 @@ public:
         event = taken;
         Put({});
         CountLine();
-        if (log.Full()) Flush();
     }
     void TakeRecord(const EVENTLOGRECORD&) override {}  // never from XML
     void Unreadable(const std::string& what) override {
@@ -122,6 +124,7 @@ public:
 
     // Waits out a full disk, unless the feed is to end soon.
     void Flush() {
+        if (log.IsLookDue()) AwaitAgent();
         bool told = false;
         while (!log.Flush()) {
             const DWORD error = GetLastError();
@@ -134,8 +137,28 @@ public:
         if (told) Tell("the " + options.log + " log can be written again");
     }
 
-    // Marks the place: everything up to it is in the log, or recognised there at the next start.
+    // A backlog comes faster than it is reported, and the log is a circle: waits while a running agent has more than
+    // half of it still to read. The lines lie safe in their file meanwhile, a stream's sender waits. An agent that does
+    // not run will not read what is written now, whatever a feed does.
+    void AwaitAgent() {
+        const std::string root = win32::MachineRoot();
+        constexpr double enough = 0.5;
+        while (!options.once && !stopped) {
+            std::optional<AGENT_PROCESS> agent;
+            try {
+                agent = FindAgent(root.empty() ? "/" : root);
+            } catch (const COMMAND_ERROR&) {
+                return;  // another user's, which this one may not look at
+            }
+            if (!agent || !agent->nextRecord || log.UnreadShare(*agent->nextRecord) <= enough) return;
+            stopped = signals.Wait(-1, LookUnnoticedMilliseconds);
+        }
+    }
+
+    // Marks the place: everything up to it is in the log. Not while records are recognised: those of lines behind the
+    // place are in the log, too, before the record from which the next start would look for them.
     void Mark(std::vector<FEED_PLACE> places, unsigned long long behind) {
+        if (log.IsRecognising()) return;
         log.Sync();
         state.nextRecord = log.NextRecord();
         state.places = std::move(places);
@@ -179,9 +202,9 @@ public:
         std::fprintf(stderr, "keldwickctl: %s\n", what.c_str());
     }
 
+    void EndRecognition() { log.EndRecognition(); }
     bool IsNew() const { return !resumed; }
     bool IsMarkDue() const { return markDue; }
-    bool IsFull() const { return log.Full(); }
     bool Once() const { return options.once; }
     const std::vector<FEED_PLACE>& Places() const { return state.places; }
     FEED_LINE_READER& Reader() { return *reader; }
@@ -197,10 +220,9 @@ public:
 private:
     void Put(std::string_view line) {
         std::string reason;
-        if (log.Take(event, reason))
-            ++counts.records;
-        else
-            SetAside(reason, line);
+        if (!log.Take(event, reason)) return SetAside(reason, line);
+        ++counts.records;
+        if (log.Full()) Flush();
     }
     void SetAside(const std::string& reason, std::string_view line) {
         ++counts.unreadable;
@@ -260,7 +282,6 @@ void ReadStandardInput(FEED& feed, const std::function<void(std::string_view)>& 
         if (got < 0) throw COMMAND_ERROR(std::string("cannot read standard input: ") + std::strerror(errno));
         if (got == 0) break;
         take({chunk.data(), static_cast<size_t>(got)});
-        if (feed.IsFull()) feed.Flush();
         feed.ShowProgress(0);
     }
     finish();
@@ -285,15 +306,16 @@ void FollowFile(const FEED_OPTIONS& options, FEED_LINE_READER& reader) {
     if (feed.IsNew()) feed.Mark(follower.Places(), follower.Behind());
     while (!feed.Stopped()) {
         if (follower.ReadSome(feed)) {
-            if (feed.IsFull()) {
+            if (feed.IsMarkDue() && feed.MillisecondsToMark() == 0) {
                 feed.Flush();
-                if (feed.MillisecondsToMark() == 0) feed.Mark(follower.Places(), follower.Behind());
+                feed.Mark(follower.Places(), follower.Behind());
             }
             feed.ShowProgress(follower.Behind());
             feed.Wait(-1, 0);
             continue;
         }
         feed.Flush();
+        feed.EndRecognition();
         if (options.once) break;
         if (feed.IsMarkDue() && feed.MillisecondsToMark() == 0) feed.Mark(follower.Places(), follower.Behind());
         const int look = follower.Notices() >= 0 ? LookMilliseconds : LookUnnoticedMilliseconds;
