@@ -1,6 +1,6 @@
 #include "platform/ip_address.h"
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include "platform/host_names.h"
 #include "tests/support/captured_lines.h"
@@ -24,12 +24,9 @@ extern "C" int __real_win32_getaddrinfo(const char* node, const char* service, c
                                         PADDRINFOA* list);
 extern "C" int __wrap_win32_getaddrinfo(const char* node, const char* service, const ADDRINFOA* hints,
                                         PADDRINFOA* list);
-extern "C" int __wrap_win32_getaddrinfo(const char* node, const char* service, const ADDRINFOA* hints,
-                                        PADDRINFOA* list) {
-    if (LocalAddresses == nullptr) {
-        WSASetLastError(WSAHOST_NOT_FOUND);
-        return WSAHOST_NOT_FOUND;
-    }
+extern "C" int __wrap_win32_getaddrinfo(const char*, const char* service, const ADDRINFOA*, PADDRINFOA* list) {
+    WSASetLastError(WSAHOST_NOT_FOUND);
+    if (LocalAddresses == nullptr) return WSAHOST_NOT_FOUND;
     // Copies made by the C library's own call, so that freeaddrinfo can free them.
     PADDRINFOA* end = list;
     for (const ADDRINFOA* each = LocalAddresses; each != nullptr; each = each->ai_next) {
@@ -41,13 +38,16 @@ extern "C" int __wrap_win32_getaddrinfo(const char* node, const char* service, c
         if (__real_win32_getaddrinfo(text, service, &numeric, end) != 0) return WSANO_RECOVERY;
         end = &(*end)->ai_next;
     }
-    (void)node;
-    (void)hints;
     return 0;
 }
 
 namespace keldwick {
 namespace {
+
+using testing::HasSubstr;
+using testing::StartsWith;
+
+constexpr auto SocketError = static_cast<uintptr_t>(SOCKET_ERROR);
 
 TEST(IpAddress, TextsAndWhatTheyMean) {
     const struct {
@@ -62,11 +62,9 @@ TEST(IpAddress, TextsAndWhatTheyMean) {
         {TEXT("::1"), 6, true, "00000000000000000000000000000001"},
         {TEXT("fe80::1"), 6, false, "FE800000000000000000000000000001"},
         {TEXT("::ffff:10.0.0.5"), 6, false, "00000000000000000000FFFF0A000005"},
-        {TEXT("::ffff:127.0.0.1"), 6, false, "00000000000000000000FFFF7F000001"},
         {TEXT("-"), 0, false, ""},
         {TEXT(""), 0, false, ""},
         {TEXT("10.0.0.256"), 0, false, ""},
-        {TEXT("%s%n"), 0, false, ""},
         {TEXT("::g"), 0, false, ""},
     };
     for (const auto& c : cases) {
@@ -93,25 +91,20 @@ TEST(IpAddress, FailuresToReadAnAddressAreSaid) {
     HEAP_BUFFER address;
     EXPECT_FALSE(TextToAddress(TEXT("-"), AF_INET, address));
     EXPECT_EQ("Address \"-\" is not valid for family 2.", lines.Last());
-    const FAIL_CALL broken(WSAStringToAddressW_calls, static_cast<uintptr_t>(SOCKET_ERROR), WSAENOBUFS);
+    const FAIL_CALL broken(WSAStringToAddressW_calls, SocketError, WSAENOBUFS);
     EXPECT_FALSE(TextToAddress(TEXT("10.0.0.5"), AF_INET, address));
-    EXPECT_EQ(0u, lines.Last().find("Unable to convert address \"10.0.0.5\", family = 2.\n    "));
-    EXPECT_NE(std::string::npos, lines.Last().find(". Error code = 10055."));
+    EXPECT_THAT(lines.Last(), AllOf(StartsWith("Unable to convert address \"10.0.0.5\", family = 2.\n    "),
+                                    HasSubstr(". Error code = 10055.")));
 }
 
-TEST(IpAddress, AnAreaThatIsTooSmallIsTriedAgainInABuffer) {
+TEST(IpAddress, WhereAnAreaIsTooSmallABufferIsTried) {
     HEAP_BUFFER address;
-    const FAIL_CALL small(WSAStringToAddressW_calls, static_cast<uintptr_t>(SOCKET_ERROR), WSAEFAULT, 0, 1);
-    EXPECT_TRUE(TextToAddress(TEXT("10.0.0.5"), AF_INET, address));
+    const FAIL_CALL smallAddress(WSAStringToAddressW_calls, SocketError, WSAEFAULT, 0, 1);
+    ASSERT_TRUE(TextToAddress(TEXT("10.0.0.5"), AF_INET, address));
     EXPECT_EQ(AF_INET, address.As<SOCKADDR>()->sa_family);
-}
-
-TEST(IpAddress, ATextForWhichTheAreaIsTooSmallIsTriedAgainInTheString) {
-    IP_ADDRESS address;
-    ASSERT_TRUE(ParseAddress(address, TEXT("10.0.0.5")));
-    const FAIL_CALL small(WSAAddressToStringW_calls, static_cast<uintptr_t>(SOCKET_ERROR), WSAEFAULT, 0, 1);
+    const FAIL_CALL smallText(WSAAddressToStringW_calls, SocketError, WSAEFAULT, 0, 1);
     STRING text;
-    EXPECT_TRUE(AddressToText(address.SocketAddress(), address.SocketAddressLength(), text));
+    EXPECT_TRUE(AddressToText(address.As<SOCKADDR>(), address.Size(), text));
     EXPECT_EQ("10.0.0.5", Narrow(text.Text()));
 }
 
@@ -120,11 +113,13 @@ TEST(IpAddress, AnAddressThatCannotBePrintedIsDumpedUpToSixteenBytes) {
     BYTE bytes[28] = {0xFF, 0x7F, 0xAB};
     STRING text(TEXT("old"));
     EXPECT_FALSE(AddressToText(reinterpret_cast<const SOCKADDR*>(bytes), sizeof(bytes), text));
-    EXPECT_EQ(0u, lines.Last().find("Unable to convert address = [FF 7F AB 00 00 00 00 00 00 00 00 00 00 00 00 00],\n"
-                                    "    Length = 28, Family = 32767 to a string.\n    "));
-    const FAIL_CALL broken(WSAAddressToStringW_calls, static_cast<uintptr_t>(SOCKET_ERROR), WSAEFAULT);
+    EXPECT_THAT(lines.Last(),
+                StartsWith("Unable to convert address = [FF 7F AB 00 00 00 00 00 00 00 00 00 00 00 00 00],\n"
+                           "    Length = 28, Family = 32767 to a string.\n    "));
+    const FAIL_CALL broken(WSAAddressToStringW_calls, SocketError, WSAEFAULT);
     EXPECT_FALSE(AddressToText(reinterpret_cast<const SOCKADDR*>(bytes), 1, text));
-    EXPECT_EQ(0u, lines.Last().find("Unable to convert address = [FF],\n    Length = 1, Family = 0 to a string.\n"));
+    EXPECT_THAT(lines.Last(),
+                StartsWith("Unable to convert address = [FF],\n    Length = 1, Family = 0 to a string.\n"));
 }
 
 class LocalHost : public ::testing::Test {
@@ -155,35 +150,31 @@ TEST_F(LocalHost, TheFirstAddressOfEachFamilyButTheLoopbackWins) {
     Provide(
         {TEXT("127.0.0.1"), TEXT("::1"), TEXT("fe80::7"), TEXT("192.0.2.9"), TEXT("2001:db8::1"), TEXT("10.1.1.1")});
     LoadLocalHostInfo();
-    EXPECT_EQ("192.0.2.9", Narrow(LocalHostInfo.ipV4));
-    EXPECT_EQ("fe80::7", Narrow(LocalHostInfo.ipV6));
-    EXPECT_EQ(
-        "HostName = \"" + Narrow(LocalHostInfo.hostName) + "\",\n    HostIpV4 = 192.0.2.9,\n    HostIpV6 = fe80::7",
-        lines.Last());
+    EXPECT_EQ("192.0.2.9 fe80::7", Narrow(LocalHostInfo.ipV4) + " " + Narrow(LocalHostInfo.ipV6));
+    const std::string host = Narrow(LocalHostInfo.hostName);
+    EXPECT_EQ("HostName = \"" + host + "\",\n    HostIpV4 = 192.0.2.9,\n    HostIpV6 = fe80::7", lines.Last());
 }
 
 TEST_F(LocalHost, WhatIsMissingIsNone) {
     Provide({TEXT("127.0.0.1"), TEXT("2001:db8::1")});
     LoadLocalHostInfo();
-    EXPECT_NE(std::string::npos, lines.Last().find("HostIpV4 = None,\n    HostIpV6 = 2001:db8::1"));
+    EXPECT_THAT(lines.Last(), HasSubstr("HostIpV4 = None,\n    HostIpV6 = 2001:db8::1"));
     LocalAddresses = nullptr;
     LoadLocalHostInfo();
     ASSERT_LE(2u, CAPTURED_LINES::Lines().size());
-    EXPECT_EQ(0u, CAPTURED_LINES::Lines().rbegin()[1].find("Unable to get IP address information for " +
-                                                           Narrow(LocalHostInfo.hostName) + ".\n    "));
-    EXPECT_NE(std::string::npos, CAPTURED_LINES::Lines().rbegin()[1].find(" Error code = 11001"));
-    const FAIL_CALL nameless(win32_gethostname_calls, static_cast<uintptr_t>(SOCKET_ERROR), WSAENETDOWN);
+    EXPECT_THAT(CAPTURED_LINES::Lines().rbegin()[1], AllOf(StartsWith("Unable to get IP address information for " +
+                                                                      Narrow(LocalHostInfo.hostName) + ".\n    "),
+                                                           HasSubstr(" Error code = 11001")));
+    const FAIL_CALL nameless(win32_gethostname_calls, SocketError, WSAENETDOWN);
     LoadLocalHostInfo();
-    EXPECT_EQ(0u, lines.Last().find("Unable to get host name.\n    "));
-    EXPECT_NE(std::string::npos, lines.Last().find(" Error code = 10050"));
+    EXPECT_THAT(lines.Last(), AllOf(StartsWith("Unable to get host name.\n    "), HasSubstr(" Error code = 10050")));
     EXPECT_TRUE(LocalHostInfo.hostName.IsEmpty());
 }
 
 TEST_F(LocalHost, TheAddressOfTheOtherFamilyServesWhenThereIsNoneOfTheWanted) {
     const struct {
         WORD wanted;
-        const WCHAR* v4;
-        const WCHAR* v6;
+        const WCHAR *v4, *v6;
         bool found;
         WORD family;
         const char* text;

@@ -66,44 +66,40 @@ TEST(Sids, AListThatIsNoneIsRefusedWithoutAskingTheSystem) {
     EXPECT_EQ("AllocateAndInitializeSid failed. Access is denied. Error code = 5.", lines.Last());
 }
 
-TEST(AccountNames, TheLsaIsAskedOnlyThroughAnOpenPolicy) {
-    const SID_OWNER anonymous(AllocateSid(5, 0xFFFFFFFF, 7, 0));
-    STRING domain(TEXT("old"));
-    STRING account(TEXT("old"));
-    EXPECT_FALSE(LsaLookupSidName(anonymous.Get(), domain, account));
-    EXPECT_TRUE(domain.IsEmpty() && account.IsEmpty());
-    ASSERT_TRUE(OpenLsaPolicy());
-    SID_NAME_USE type{};
-    EXPECT_TRUE(LsaLookupSidName(anonymous.Get(), domain, account, &type));
-    EXPECT_EQ("NT AUTHORITY\\ANONYMOUS LOGON", Narrow(domain) + "\\" + Narrow(account));
-    EXPECT_EQ(SidTypeWellKnownGroup, type);
+class AccountNames : public testing::Test {
+protected:
+    std::string Names() const { return Narrow(domain) + "\\" + Narrow(account); }
 
-    const CAPTURED_LINES lines;
-    {
-        constexpr NTSTATUS AccessDenied = static_cast<NTSTATUS>(0xC0000022);
-        const FAIL_CALL refuses(LsaLookupSids_calls, static_cast<uintptr_t>(AccessDenied), 0);
-        EXPECT_FALSE(LsaLookupSidName(anonymous.Get(), domain, account));
-        EXPECT_EQ(5u, GetLastError());
-        EXPECT_EQ("Unable to open lookup SID. Access is denied. Error code = 0x5.", lines.Last());
-        EXPECT_EQ("ANONYMOUS LOGON", Narrow(account)) << "a look-up that failed leaves the names";
-    }
+    const SID_OWNER anonymous{AllocateSid(5, 0xFFFFFFFF, 7, 0)};
+    STRING account{TEXT("old")}, domain{TEXT("old")};
+    SID_NAME_USE type{};
+    CAPTURED_LINES lines;
+};
+
+TEST_F(AccountNames, TheLsaIsAskedOnlyThroughAnOpenPolicy) {
+    EXPECT_FALSE(LsaLookupSidName(anonymous.Get(), domain, account));
+    EXPECT_EQ("\\", Names());
+    ASSERT_TRUE(OpenLsaPolicy());
+    EXPECT_TRUE(LsaLookupSidName(anonymous.Get(), domain, account, &type));
+    EXPECT_EQ("NT AUTHORITY\\ANONYMOUS LOGON", Names());
+    EXPECT_EQ(SidTypeWellKnownGroup, type);
+    const FAIL_CALL refuses(LsaLookupSids_calls, 0xC0000022, 0);  // access is denied
+    EXPECT_FALSE(LsaLookupSidName(anonymous.Get(), domain, account));
+    EXPECT_EQ(5u, GetLastError());
+    EXPECT_EQ("Unable to open lookup SID. Access is denied. Error code = 0x5.", lines.Last());
+    EXPECT_EQ("ANONYMOUS LOGON", Narrow(account)) << "a look-up that failed leaves the names";
 }
 
-TEST(AccountNames, LookupAccountSidsFailuresAreSaid) {
-    const SID_OWNER anonymous(AllocateSid(5, 0xFFFFFFFF, 7, 0));
-    STRING account(TEXT("old"));
-    STRING domain(TEXT("old"));
-    SID_NAME_USE type{};
+TEST_F(AccountNames, LookupAccountSidsFailuresAreSaid) {
     EXPECT_TRUE(LookupSidAccount(anonymous.Get(), &account, &domain, &type));
-    EXPECT_EQ("NT AUTHORITY\\ANONYMOUS LOGON", Narrow(domain) + "\\" + Narrow(account));
+    EXPECT_EQ("NT AUTHORITY\\ANONYMOUS LOGON", Names());
     EXPECT_TRUE(LookupSidAccount(anonymous.Get(), nullptr));
-    const CAPTURED_LINES lines;
     for (const int callsThatWork : {0, 1}) {
         const FAIL_CALL fails(LookupAccountSidW_calls, FALSE, ERROR_ACCESS_DENIED, callsThatWork);
         account.Assign(TEXT("old"));
         EXPECT_FALSE(LookupSidAccount(anonymous.Get(), &account, &domain, &type));
         EXPECT_EQ("LookupAccountSid failed. Access is denied. Error code = 5.", lines.Last());
-        EXPECT_TRUE(account.IsEmpty() && domain.IsEmpty());
+        EXPECT_EQ("\\", Names());
     }
     const FAIL_CALL needsNothing(LookupAccountSidW_calls, TRUE, 0);
     EXPECT_TRUE(LookupSidAccount(anonymous.Get(), &account));
@@ -112,10 +108,6 @@ TEST(AccountNames, LookupAccountSidsFailuresAreSaid) {
 
 TEST(Privileges, AFailedLookUpWritesItsPrefixAloneAndKeepsItsReason) {
     const CAPTURED_LINES lines;
-    PRIVILEGE_SET set = CreateTokenPrivilegesHelper(SE_PRIVILEGE_ENABLED, SE_SECURITY_NAME);
-    ASSERT_TRUE(set);
-    EXPECT_EQ(1u, set->PrivilegeCount);
-    EXPECT_EQ(DWORD(SE_PRIVILEGE_ENABLED), set->Privileges[0].Attributes);
     const FAIL_CALL unknown(LookupPrivilegeValueW_calls, FALSE, ERROR_NO_SUCH_PRIVILEGE);
     EXPECT_FALSE(CreateTokenPrivilegesHelper(SE_PRIVILEGE_ENABLED, TEXT("SeNoPrivilege")));
     EXPECT_EQ(DWORD(ERROR_NO_SUCH_PRIVILEGE), GetLastError());
@@ -125,6 +117,8 @@ TEST(Privileges, AFailedLookUpWritesItsPrefixAloneAndKeepsItsReason) {
 TEST(Privileges, WhatIsNotHeldIsAFailureThoughTheCallSucceeds) {
     const CAPTURED_LINES lines;
     const PRIVILEGE_SET set = CreateTokenPrivilegesHelper(SE_PRIVILEGE_ENABLED, SE_SECURITY_NAME);
+    ASSERT_TRUE(set);
+    EXPECT_TRUE(set->PrivilegeCount == 1 && set->Privileges[0].Attributes == SE_PRIVILEGE_ENABLED);
     PRIVILEGE_SET previous;
     {
         const FAIL_CALL partly(AdjustTokenPrivileges_calls, TRUE, ERROR_NOT_ALL_ASSIGNED);
@@ -143,27 +137,20 @@ TEST(Privileges, WhatIsNotHeldIsAFailureThoughTheCallSucceeds) {
     EXPECT_EQ("SetTokenPrivileges: ", lines.Last());
 }
 
-TEST(TokenHandle, TheProcessesUserAndSession) {
+TEST(TokenHandle, FailuresToAskTheTokenAreSaidButForItsSize) {
+    const CAPTURED_LINES lines;
     HEAP_BUFFER sid;
     DWORD session = 77;
     ASSERT_TRUE(GetProcessUserSid(sid, session));
     EXPECT_NE(77u, session);
     EXPECT_EQ(GetLengthSid(sid.Data()), sid.Size());
     EXPECT_EQ(0u, SidText(sid.Data()).find("S-1-"));
-}
-
-TEST(TokenHandle, FailuresToAskTheTokenAreSaidButForItsSize) {
-    const CAPTURED_LINES lines;
-    HEAP_BUFFER sid;
-    DWORD session = 0;
     {
         const FAIL_CALL fails(GetTokenInformation_calls, FALSE, ERROR_ACCESS_DENIED);
         EXPECT_FALSE(GetProcessUserSid(sid, session));
         EXPECT_EQ(5u, GetLastError());
-        EXPECT_EQ(
-            "TOKEN_HANDLE::GetInformation: GetTokenInformation class = 12 failed. Access is denied. "
-            "Error code = 5.",
-            lines.Last());
+        const std::string call = "TOKEN_HANDLE::GetInformation: GetTokenInformation class = 12";
+        EXPECT_EQ(call + " failed. Access is denied. Error code = 5.", lines.Last());
     }
     const size_t before = CAPTURED_LINES::Lines().size();
     {
