@@ -15,9 +15,8 @@
 #include "tests/support/scripted_server.h"
 #include "tests/support/temporary_root.h"
 
-// While set, a waitable timer is due after a millisecond, and a pause of a minute is none.
+// While set, a waitable timer is due after a millisecond.
 extern std::atomic<bool> timeFlies;
-extern std::atomic<int> minutesPaused;
 extern std::atomic<bool> timerFails;
 
 namespace keldwick {
@@ -48,7 +47,6 @@ protected:
     }
     ~SESSION_TEST() override {
         timeFlies = timerFails = false;
-        minutesPaused = 0;
         CurrentSession = nullptr;
         session.reset();
         StopEvent = SettingsChangedEvent = nullptr;
