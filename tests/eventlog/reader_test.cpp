@@ -16,7 +16,6 @@ WRAP_CALL(DWORD, FormatMessageW, (DWORD f, LPCVOID s, DWORD m, DWORD l, LPWSTR b
           (f, s, m, l, b, z, a))
 
 extern "C" DWORD __real_WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL all, DWORD milliseconds);
-extern "C" DWORD __wrap_WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL all, DWORD milliseconds);
 extern "C" DWORD __wrap_WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL all, DWORD milliseconds) {
     if (keldwick::WaitScript && count == 3) {
         if (const auto result = keldwick::WaitScript(count, milliseconds)) {

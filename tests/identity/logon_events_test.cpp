@@ -35,7 +35,6 @@ void __wrap_GetSystemTimeAsFileTime(LPFILETIME time) {
     const ULONGLONG moved = start + minutesAhead * 600'000'000 + looks * 10'000;
     *time = {static_cast<DWORD>(moved), static_cast<DWORD>(moved >> 32)};
 }
-INT __wrap_GetNameInfoW(const SOCKADDR*, socklen_t, LPWSTR host, DWORD, LPWSTR, DWORD, INT);
 INT __wrap_GetNameInfoW(const SOCKADDR*, socklen_t, LPWSTR host, DWORD, LPWSTR, DWORD, INT) {
     WSASetLastError(WSAHOST_NOT_FOUND);
     if (hostName == nullptr) return WSAHOST_NOT_FOUND;
@@ -158,7 +157,7 @@ protected:
         }
     }
     void Refuse() {
-        server.Answer([](const std::string&) { return SCRIPTED_SERVER::ANSWER{"no"}; });
+        server.Answer([](const std::string&) { return "no"; });
     }
 
     TEMPORARY_ROOT root;

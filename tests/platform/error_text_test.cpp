@@ -8,22 +8,17 @@
 #include "tests/support/fail_call.h"
 #include "tests/support/temporary_root.h"
 
-namespace {
-
 // What FormatMessageW answers, and what it was asked; null: the layer's own answer, empty: failure.
-const WCHAR* Answer = nullptr;
-DWORD AskedFlags = 0;
+static const WCHAR* Answer = nullptr;
+static DWORD AskedFlags = 0;
 
-}  // namespace
-
-extern "C" DWORD __real_FormatMessageW(DWORD flags, LPCVOID source, DWORD id, DWORD language, LPWSTR buffer, DWORD size,
-                                       void* arguments);
-extern "C" DWORD __wrap_FormatMessageW(DWORD flags, LPCVOID source, DWORD id, DWORD language, LPWSTR buffer, DWORD size,
-                                       void* arguments);
-extern "C" DWORD __wrap_FormatMessageW(DWORD flags, LPCVOID source, DWORD id, DWORD language, LPWSTR buffer, DWORD size,
-                                       void* arguments) {
+extern "C" {
+DWORD __real_FormatMessageW(DWORD flags, LPCVOID source, DWORD id, DWORD language, LPWSTR buffer, DWORD size,
+                            void* more);
+DWORD __wrap_FormatMessageW(DWORD flags, LPCVOID source, DWORD id, DWORD language, LPWSTR buffer, DWORD size,
+                            void* more) {
     AskedFlags = flags;
-    if (Answer == nullptr) return __real_FormatMessageW(flags, source, id, language, buffer, size, arguments);
+    if (Answer == nullptr) return __real_FormatMessageW(flags, source, id, language, buffer, size, more);
     const int units = lstrlenW(Answer);
     if (units == 0) {
         SetLastError(ERROR_MR_MID_NOT_FOUND);
@@ -32,6 +27,7 @@ extern "C" DWORD __wrap_FormatMessageW(DWORD flags, LPCVOID source, DWORD id, DW
         *reinterpret_cast<WCHAR**>(buffer) = lstrcpyW(static_cast<WCHAR*>(copy), Answer);
     }
     return static_cast<DWORD>(units);
+}
 }
 
 namespace keldwick {

@@ -6,39 +6,26 @@
 #include "tests/support/captured_lines.h"
 #include "tests/support/fail_call.h"
 
-WRAP_CALL(int, WSAStringToAddressW,
-          (LPWSTR text, INT family, LPWSAPROTOCOL_INFOW protocol, LPSOCKADDR address, int* length),
-          (text, family, protocol, address, length))
-WRAP_CALL(int, WSAAddressToStringW,
-          (LPSOCKADDR address, DWORD bytes, LPWSAPROTOCOL_INFOW protocol, LPWSTR text, LPDWORD units),
-          (address, bytes, protocol, text, units))
+WRAP_CALL(int, WSAStringToAddressW, (LPWSTR t, INT f, LPWSAPROTOCOL_INFOW p, LPSOCKADDR a, int* n), (t, f, p, a, n))
+WRAP_CALL(int, WSAAddressToStringW, (LPSOCKADDR a, DWORD b, LPWSAPROTOCOL_INFOW p, LPWSTR t, LPDWORD n),
+          (a, b, p, t, n))
 WRAP_CALL(int, win32_gethostname, (char* name, int length), (name, length))
 
-namespace {
+static std::vector<const char*> LocalAddresses;  // what getaddrinfo gives
 
-const ADDRINFOA* LocalAddresses = nullptr;  // what getaddrinfo gives, when set
-
-}  // namespace
-
-extern "C" int __real_win32_getaddrinfo(const char* node, const char* service, const ADDRINFOA* hints,
-                                        PADDRINFOA* list);
-extern "C" int __wrap_win32_getaddrinfo(const char* node, const char* service, const ADDRINFOA* hints,
-                                        PADDRINFOA* list);
-extern "C" int __wrap_win32_getaddrinfo(const char*, const char* service, const ADDRINFOA*, PADDRINFOA* list) {
-    WSASetLastError(WSAHOST_NOT_FOUND);
-    if (LocalAddresses == nullptr) return WSAHOST_NOT_FOUND;
-    // Copies made by the C library's own call, so that freeaddrinfo can free them.
-    PADDRINFOA* end = list;
-    for (const ADDRINFOA* each = LocalAddresses; each != nullptr; each = each->ai_next) {
-        char text[INET6_ADDRSTRLEN];
-        ::getnameinfo(each->ai_addr, each->ai_addrlen, text, sizeof(text), nullptr, 0, NI_NUMERICHOST);
-        ADDRINFOA numeric{};
-        numeric.ai_flags = AI_NUMERICHOST;
-        numeric.ai_socktype = SOCK_STREAM;
-        if (__real_win32_getaddrinfo(text, service, &numeric, end) != 0) return WSANO_RECOVERY;
-        end = &(*end)->ai_next;
+extern "C" {
+int __real_win32_getaddrinfo(const char* node, const char* service, const ADDRINFOA* hints, PADDRINFOA* list);
+int __wrap_win32_getaddrinfo(const char*, const char* service, const ADDRINFOA*, PADDRINFOA* list) {
+    ADDRINFOA numeric{};
+    numeric.ai_flags = AI_NUMERICHOST;
+    numeric.ai_socktype = SOCK_STREAM;
+    for (const char* each : LocalAddresses) {
+        if (__real_win32_getaddrinfo(each, service, &numeric, list) != 0) std::abort();
+        list = &(*list)->ai_next;
     }
-    return 0;
+    WSASetLastError(WSAHOST_NOT_FOUND);
+    return LocalAddresses.empty() ? WSAHOST_NOT_FOUND : 0;
+}
 }
 
 namespace keldwick {
@@ -124,31 +111,15 @@ TEST(IpAddress, AnAddressThatCannotBePrintedIsDumpedUpToSixteenBytes) {
 
 class LocalHost : public ::testing::Test {
 protected:
-    void Provide(const std::vector<const WCHAR*>& texts) {
-        addresses = std::vector<IP_ADDRESS>(texts.size());
-        entries = std::vector<ADDRINFOA>(texts.size());
-        for (size_t i = 0; i < texts.size(); ++i) {
-            ASSERT_TRUE(ParseAddress(addresses[i], texts[i]));
-            entries[i].ai_family = addresses[i].family;
-            entries[i].ai_addr = addresses[i].address.As<SOCKADDR>();
-            entries[i].ai_addrlen = addresses[i].SocketAddressLength();
-            if (i != 0) entries[i - 1].ai_next = &entries[i];
-        }
-        LocalAddresses = entries.data();
-    }
     ~LocalHost() override {
-        LocalAddresses = nullptr;
+        LocalAddresses.clear();
         LocalHostInfo = {};
     }
-
-    std::vector<IP_ADDRESS> addresses;
-    std::vector<ADDRINFOA> entries;
     CAPTURED_LINES lines;
 };
 
 TEST_F(LocalHost, TheFirstAddressOfEachFamilyButTheLoopbackWins) {
-    Provide(
-        {TEXT("127.0.0.1"), TEXT("::1"), TEXT("fe80::7"), TEXT("192.0.2.9"), TEXT("2001:db8::1"), TEXT("10.1.1.1")});
+    LocalAddresses = {"127.0.0.1", "::1", "fe80::7", "192.0.2.9", "2001:db8::1", "10.1.1.1"};
     LoadLocalHostInfo();
     EXPECT_EQ("192.0.2.9 fe80::7", Narrow(LocalHostInfo.ipV4) + " " + Narrow(LocalHostInfo.ipV6));
     const std::string host = Narrow(LocalHostInfo.hostName);
@@ -156,10 +127,10 @@ TEST_F(LocalHost, TheFirstAddressOfEachFamilyButTheLoopbackWins) {
 }
 
 TEST_F(LocalHost, WhatIsMissingIsNone) {
-    Provide({TEXT("127.0.0.1"), TEXT("2001:db8::1")});
+    LocalAddresses = {"127.0.0.1", "2001:db8::1"};
     LoadLocalHostInfo();
     EXPECT_THAT(lines.Last(), HasSubstr("HostIpV4 = None,\n    HostIpV6 = 2001:db8::1"));
-    LocalAddresses = nullptr;
+    LocalAddresses.clear();
     LoadLocalHostInfo();
     ASSERT_LE(2u, CAPTURED_LINES::Lines().size());
     EXPECT_THAT(CAPTURED_LINES::Lines().rbegin()[1], AllOf(StartsWith("Unable to get IP address information for " +

@@ -3,8 +3,6 @@
 #include <ntsecapi.h>
 #include <sddl.h>
 
-#include <cstring>
-
 #include "platform/account_names.h"
 #include "platform/privileges.h"
 #include "platform/sids.h"
@@ -12,26 +10,19 @@
 #include "tests/support/captured_lines.h"
 #include "tests/support/fail_call.h"
 
-WRAP_CALL(BOOL, LookupAccountSidW,
-          (LPCWSTR system, PSID sid, LPWSTR account, LPDWORD accountUnits, LPWSTR domain, LPDWORD domainUnits,
-           PSID_NAME_USE use),
-          (system, sid, account, accountUnits, domain, domainUnits, use))
+WRAP_CALL(BOOL, LookupAccountSidW, (LPCWSTR s, PSID i, LPWSTR a, LPDWORD n, LPWSTR d, LPDWORD m, PSID_NAME_USE u),
+          (s, i, a, n, d, m, u))
 WRAP_CALL(BOOL, LookupPrivilegeValueW, (LPCWSTR system, LPCWSTR name, PLUID luid), (system, name, luid))
-WRAP_CALL(BOOL, AdjustTokenPrivileges,
-          (HANDLE token, BOOL disableAll, PTOKEN_PRIVILEGES set, DWORD bytes, PTOKEN_PRIVILEGES previous,
-           PDWORD needed),
-          (token, disableAll, set, bytes, previous, needed))
+WRAP_CALL(BOOL, AdjustTokenPrivileges, (HANDLE t, BOOL a, PTOKEN_PRIVILEGES s, DWORD b, PTOKEN_PRIVILEGES p, PDWORD n),
+          (t, a, s, b, p, n))
 WRAP_CALL(BOOL, AllocateAndInitializeSid,
-          (PSID_IDENTIFIER_AUTHORITY authority, BYTE count, DWORD s0, DWORD s1, DWORD s2, DWORD s3, DWORD s4, DWORD s5,
-           DWORD s6, DWORD s7, PSID* sid),
-          (authority, count, s0, s1, s2, s3, s4, s5, s6, s7, sid))
-WRAP_CALL(BOOL, GetTokenInformation,
-          (HANDLE token, TOKEN_INFORMATION_CLASS what, LPVOID buffer, DWORD bytes, PDWORD needed),
-          (token, what, buffer, bytes, needed))
+          (PSID_IDENTIFIER_AUTHORITY i, BYTE n, DWORD a, DWORD b, DWORD c, DWORD d, DWORD e, DWORD f, DWORD g, DWORD h,
+           PSID* s),
+          (i, n, a, b, c, d, e, f, g, h, s))
+WRAP_CALL(BOOL, GetTokenInformation, (HANDLE t, TOKEN_INFORMATION_CLASS c, LPVOID p, DWORD b, PDWORD n),
+          (t, c, p, b, n))
 WRAP_CALL(NTSTATUS, LsaLookupSids,
-          (LSA_HANDLE policy, ULONG count, PSID* sids, PLSA_REFERENCED_DOMAIN_LIST* domains,
-           PLSA_TRANSLATED_NAME* names),
-          (policy, count, sids, domains, names))
+          (LSA_HANDLE p, ULONG n, PSID* s, PLSA_REFERENCED_DOMAIN_LIST* d, PLSA_TRANSLATED_NAME* t), (p, n, s, d, t))
 
 namespace keldwick {
 namespace {

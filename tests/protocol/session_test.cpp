@@ -6,7 +6,6 @@ std::atomic<bool> timerFails{false};
 
 extern "C" {
 BOOL __real_SetWaitableTimer(HANDLE, const LARGE_INTEGER*, LONG, PTIMERAPCROUTINE, LPVOID, BOOL);
-BOOL __wrap_SetWaitableTimer(HANDLE, const LARGE_INTEGER*, LONG, PTIMERAPCROUTINE, LPVOID, BOOL);
 BOOL __wrap_SetWaitableTimer(HANDLE timer, const LARGE_INTEGER* due, LONG period, PTIMERAPCROUTINE routine,
                              LPVOID argument, BOOL resume) {
     if (timerFails) return FALSE;

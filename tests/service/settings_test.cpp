@@ -25,11 +25,6 @@ protected:
         }
         return lines;
     }
-    static void Override(const WCHAR* adServer) {
-        CommandLine.adServer = adServer;
-        CommandLine.identServer = TEXT("other");
-        CommandLine.protocol = PROTOCOL_TCPS;
-    }
 };
 
 TEST_F(SettingsTest, EveryValueIsLoadedLoggedAndConverted) {
@@ -84,42 +79,39 @@ TEST_F(SettingsTest, WhatIsMissingOrBadFallsBackAndOnlyTheIdentityServerIsNeeded
     EXPECT_EQ(71583u * 60000u, Settings.logonTtl);  // 12704: it wraps
 }
 
-TEST_F(SettingsTest, OverridesAreUsedAndWrittenBack) {
-    MakeSettings(Complete);
-    Override(TEXT("dc2"));
-    EXPECT_TRUE(LoadSettings());
-    LINES lines = LinesAfter("Loading settings ...");
-    lines.resize(3);
-    EXPECT_EQ((LINES{"Active Directory server = \"dc2\" (/AD_SERVER)", "Identity server = \"other\" (/SERVER)",
-                     "Identity protocol = secure TCP (/PROTOCOL)"}),
-              lines);
-    EXPECT_EQ("dc2", Text(TEXT("AdServer")));
-    EXPECT_EQ("other", Text(TEXT("IdentServer")));
-    EXPECT_EQ(1u, Number(TEXT("IdentProtocol")));
-
-    Forget();
-    Override(TEXT(""));
-    EXPECT_TRUE(LoadSettings());
-    EXPECT_EQ("Using the Active Directory Global Cache", Lines()[1]);
-    EXPECT_EQ(std::nullopt, Text(TEXT("AdServer")));
-    EXPECT_TRUE(Settings.adServer.IsEmpty());
-}
-
-TEST_F(SettingsTest, OverridesThatCannotBeWrittenBackAreUsedAllTheSame) {
-    MakeSettings(Complete);
-    Override(TEXT("dc2"));
-    const FAIL_CALL full(regSetValue, ERROR_DISK_FULL, 0);
-    EXPECT_TRUE(LoadSettings());
-    LINES lines = LinesAfter("Loading settings ...");
-    lines.resize(3);
+TEST_F(SettingsTest, OverridesAreUsedWhetherOrNotTheyCanBeWrittenBack) {
     const auto unable = [](const std::string& name, const std::string& value) {
         return "Unable to set registry value \"" + name + "\" in key \"" + KeyName + "\" to " + value +
                ". Error code = 112.";
     };
-    EXPECT_EQ((LINES{unable("AdServer", "\"dc2\""), unable("IdentServer", "\"other\""), unable("IdentProtocol", "1")}),
-              lines);
-    EXPECT_EQ("dc2 other", Narrow(Settings.adServer) + " " + Narrow(Settings.identServer));
-    EXPECT_EQ(1u, Settings.identProtocol);
+    for (const bool full : {true, false}) {
+        MakeSettings(Complete);
+        Forget();
+        CommandLine.adServer = TEXT("dc2");
+        CommandLine.identServer = TEXT("other");
+        CommandLine.protocol = PROTOCOL_TCPS;
+        std::optional<FAIL_CALL> writing;
+        if (full) writing.emplace(regSetValue, ERROR_DISK_FULL, 0);
+        EXPECT_TRUE(LoadSettings());
+        LINES lines = LinesAfter("Loading settings ...");
+        lines.resize(3);
+        EXPECT_EQ(full ? (LINES{unable("AdServer", "\"dc2\""), unable("IdentServer", "\"other\""),
+                                unable("IdentProtocol", "1")})
+                       : (LINES{"Active Directory server = \"dc2\" (/AD_SERVER)",
+                                "Identity server = \"other\" (/SERVER)", "Identity protocol = secure TCP (/PROTOCOL)"}),
+                  lines);
+        EXPECT_EQ("dc2 other", Narrow(Settings.adServer) + " " + Narrow(Settings.identServer));
+        EXPECT_EQ(1u, Settings.identProtocol);
+        EXPECT_EQ(full ? "dc1" : "dc2", Text(TEXT("AdServer")));
+        EXPECT_EQ(full ? "ident" : "other", Text(TEXT("IdentServer")));
+        EXPECT_EQ(full ? 2u : 1u, Number(TEXT("IdentProtocol")));
+    }
+    Forget();
+    CommandLine.adServer = TEXT("");
+    EXPECT_TRUE(LoadSettings());
+    EXPECT_EQ("Using the Active Directory Global Cache", Lines()[1]);
+    EXPECT_EQ(std::nullopt, Text(TEXT("AdServer")));
+    EXPECT_TRUE(Settings.adServer.IsEmpty());
 }
 
 TEST_F(SettingsTest, AReloadTakesWhatChangedAndTellsTheWorkerOnlyOfTheConnection) {
@@ -140,6 +132,7 @@ TEST_F(SettingsTest, AReloadTakesWhatChangedAndTellsTheWorkerOnlyOfTheConnection
         {" LogonTTL=dword:8", {"Logon time-to-live = 8 (minutes)"}, false},
         {" Heartbeat='6' LogonTTL='8'", {}, false},
         {" Shutdown=dword:3", {}, false},
+        {" IdentServer='n' Shutdown=dword:1", {"Stopping Service: Reason = Registry value \"Shutdown\" set"}, false},
     };
     const HANDLE_OWNER changed(CreateEventW(nullptr, FALSE, FALSE, nullptr));
     SettingsChangedEvent = changed.Get();
@@ -153,9 +146,7 @@ TEST_F(SettingsTest, AReloadTakesWhatChangedAndTellsTheWorkerOnlyOfTheConnection
         EXPECT_EQ(c.lines, LinesAfter("Reloading settings ..."));
         EXPECT_EQ(c.changed ? WAIT_OBJECT_0 : DWORD{WAIT_TIMEOUT}, WaitForSingleObject(changed.Get(), 0));
     }
-}
-
-TEST_F(SettingsTest, EveryReloadWithoutDirectoryServerSaysSo) {
+    EXPECT_EQ(2u, Number(TEXT("Shutdown")));
     MakeSettings("IdentServer='ident'");
     ASSERT_TRUE(LoadSettings());
     for (int i = 0; i < 2; ++i) {
@@ -163,18 +154,6 @@ TEST_F(SettingsTest, EveryReloadWithoutDirectoryServerSaysSo) {
         ReloadSettings();
         EXPECT_EQ(LINES{"Using the Active Directory Global Cache"}, LinesAfter("Reloading settings ..."));
     }
-}
-
-TEST_F(SettingsTest, AStopRequestIsAnsweredAndNothingElseIsReloaded) {
-    const HANDLE_OWNER stop(CreateEventW(nullptr, TRUE, FALSE, nullptr));
-    StopEvent = stop.Get();
-    MakeSettings("IdentServer='new' Shutdown=dword:1");
-    ReloadSettings();
-    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(stop.Get(), 0));
-    EXPECT_EQ(2u, Number(TEXT("Shutdown")));
-    EXPECT_EQ(LINES{"Stopping Service: Reason = Registry value \"Shutdown\" set"},
-              LinesAfter("Reloading settings ..."));
-    EXPECT_TRUE(Settings.identServer.IsEmpty());
 }
 
 }  // namespace

@@ -139,7 +139,6 @@ private:
 
 }  // namespace fake
 
-extern "C" HRESULT __wrap_CoCreateInstance(REFCLSID, LPUNKNOWN, DWORD, REFIID, LPVOID* object);
 extern "C" HRESULT __wrap_CoCreateInstance(REFCLSID, LPUNKNOWN, DWORD, REFIID, LPVOID* object) {
     *object = nullptr;
     if (FAKE_DIRECTORY::Current() == nullptr) return REGDB_E_CLASSNOTREG;
@@ -147,8 +146,6 @@ extern "C" HRESULT __wrap_CoCreateInstance(REFCLSID, LPUNKNOWN, DWORD, REFIID, L
     return S_OK;
 }
 
-extern "C" HRESULT __wrap_ADsOpenObject(LPCWSTR path, LPCWSTR user, LPCWSTR password, DWORD flags, REFIID,
-                                        void** object);
 extern "C" HRESULT __wrap_ADsOpenObject(LPCWSTR path, LPCWSTR user, LPCWSTR password, DWORD flags, REFIID,
                                         void** object) {
     *object = nullptr;
