@@ -2,7 +2,7 @@
 // unreadable.
 #include <gmock/gmock.h>
 
-#include "tests/support/temporary_root.h"
+#include "tests/keldwickctl/program.h"
 #include "tools/keldwickctl/commands.h"
 #include "tools/keldwickctl/event_import.h"
 #include "tools/keldwickctl/event_listing.h"
@@ -185,12 +185,10 @@ protected:
     }
     // Runs a command, split at its blanks, with more arguments as they stand. Empty when done, else what it says;
     // "usage" for wrong usage.
-    std::string Run(const std::string& command, const std::vector<std::string>& more = {}) {
+    std::string Run(const std::string& command, const WORDS& more = {}) {
         CLI::App app;
         AddEventsCommands(app);
-        std::istringstream words(command);
-        std::vector<std::string> arguments{std::istream_iterator<std::string>(words), {}};
-        arguments.insert(arguments.end(), more.begin(), more.end());
+        WORDS arguments = Words(command, more);
         std::reverse(arguments.begin(), arguments.end());
         testing::internal::CaptureStdout();
         testing::internal::CaptureStderr();

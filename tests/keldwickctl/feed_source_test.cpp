@@ -26,44 +26,32 @@ struct READ {
 
 const char* const AnnSid = "S-1-5-21-7-8-9-1103";
 
-std::string Authentication(const json& changes, const char* time = "2026-11-16T08:00:12.500000+0000") {
-    json fields = {{"eventId", 4624},
-                   {"logonId", "1a2b"},
-                   {"logonType", 3},
-                   {"status", "NT_STATUS_OK"},
-                   {"remoteAddress", "ipv4:10.0.0.7:49152"},
-                   {"serviceDescription", "SMB2"},
-                   {"authDescription", "NTLMSSP"},
-                   {"clientDomain", "OTHER"},
-                   {"clientAccount", "mallory"},
-                   {"mappedAccount", "mallory"},
-                   {"becameDomain", "CORP"},
-                   {"becameAccount", "ann"},
-                   {"becameSid", AnnSid},
-                   {"workstation", "WS1"},
-                   {"netlogonComputer", nullptr},
-                   {"passwordType", "NTLMv2"}};
+// A line of that type, with some of its fields changed.
+std::string Line(const char* type, json fields, const json& changes, const std::string& time) {
     if (!changes.is_null()) fields.update(changes);
-    return json{{"timestamp", time}, {"type", "Authentication"}, {"Authentication", fields}}.dump();
+    return json{{"timestamp", time}, {"type", type}, {type, fields}}.dump();
 }
 
-std::string Kdc(const json& changes, const char* time) {
+std::string Authentication(const json& changes, const std::string& time = "2026-11-16T08:00:12.500000+0000") {
+    static const json fields = json::parse(R"({"eventId":4624,"logonId":"1a2b","logonType":3,"status":"NT_STATUS_OK",
+        "remoteAddress":"ipv4:10.0.0.7:49152","serviceDescription":"SMB2","authDescription":"NTLMSSP",
+        "clientDomain":"OTHER","clientAccount":"mallory","mappedAccount":"mallory","becameDomain":"CORP",
+        "becameAccount":"ann","becameSid":"S-1-5-21-7-8-9-1103","workstation":"WS1","netlogonComputer":null,
+        "passwordType":"NTLMv2"})");
+    return Line("Authentication", fields, changes, time);
+}
+
+std::string Kdc(const json& changes, const std::string& time) {
     json fields = {{"serviceDescription", "Kerberos KDC"}, {"workstation", nullptr}};
     if (!changes.is_null()) fields.update(changes);
     return Authentication(fields, time);
 }
 
-std::string Authorization(const json& changes, const char* time = "2026-11-16T08:00:12.600000+0000") {
-    json fields = {{"remoteAddress", "ipv4:10.0.0.7:49153"},
-                   {"serviceDescription", "SMB2"},
-                   {"authType", "krb5"},
-                   {"domain", "CORP"},
-                   {"account", "ann"},
-                   {"sid", AnnSid},
-                   {"accountFlags", "0x00000010"},
-                   {"sessionId", "00000000-0000-0000-0000-0000000000aa"}};
-    if (!changes.is_null()) fields.update(changes);
-    return json{{"timestamp", time}, {"type", "Authorization"}, {"Authorization", fields}}.dump();
+std::string Authorization(const json& changes, const std::string& time = "2026-11-16T08:00:12.600000+0000") {
+    static const json fields = json::parse(R"({"remoteAddress":"ipv4:10.0.0.7:49153","serviceDescription":"SMB2",
+        "authType":"krb5","domain":"CORP","account":"ann","sid":"S-1-5-21-7-8-9-1103","accountFlags":"0x00000010",
+        "sessionId":"00000000-0000-0000-0000-0000000000aa"})");
+    return Line("Authorization", fields, changes, time);
 }
 
 TEST(SAMBA_AUDIT, ASuccessfulLogonsFieldsStandWhereA4624RecordHasThem) {
@@ -122,7 +110,7 @@ TEST(SAMBA_AUDIT, OneLogonIsOneRecord) {
     const json bob = {{"becameAccount", "bob"}, {"becameSid", "S-1-5-21-7-8-9-1104"}};
     const json bind = {{"serviceDescription", "LDAP"}, {"logonType", 8}};
     const auto at = [](const std::string& time, const json& changes = {}) {
-        return Kdc(changes, ("2026-11-16T" + time + "Z").c_str());
+        return Kdc(changes, "2026-11-16T" + time + "Z");
     };
     const std::string session = Authorization({}), ldap = Authorization({{"serviceDescription", "LDAP"}});
     const struct {

@@ -24,12 +24,9 @@ namespace keldwick {
 using LINES = std::vector<std::string>;
 
 inline std::string Hex(const std::string& bytes) {
-    std::string text;
-    for (const unsigned char byte : bytes) {
-        text += "0123456789ABCDEF"[byte >> 4];
-        text += "0123456789ABCDEF"[byte & 15];
-    }
-    return text;
+    STRING text;
+    text.HexText(bytes.data(), static_cast<DWORD>(bytes.size()), false, 0, ' ');
+    return STRING_UTF8(text).Text();
 }
 
 class SESSION_TEST : public testing::Test {
