@@ -18,18 +18,22 @@ protected:
         ASSERT_TRUE(log.Open(LogName));
         Forget();
     }
+    // Follows the log until it is stopped after the last of these.
+    void Followed(const std::vector<std::function<void()>>& beforeWait) {
+        EXPECT_EQ(PROCESS_STOPPED, Follow(log, beforeWait));
+    }
     EVENT_LOG log;
 };
 
 TEST_F(EventLogTest, WhatIsAlreadyInTheLogIsSkippedAndOnlyTheNewIsDispatched) {
     Write(4769);
     Open();
-    EXPECT_EQ(PROCESS_STOPPED, Follow(log, {[] {
-                                                Write(4624, {"a", "", "c"});
-                                                Write(4769, {"unwanted"});
-                                                Write(0x80000000 | 4624);  // compared as a whole
-                                            },
-                                            [] { Write(528); }}));
+    Followed({[] {
+                  Write(4624, {"a", "", "c"});
+                  Write(4769, {"unwanted"});
+                  Write(0x80000000 | 4624);  // compared as a whole
+              },
+              [] { Write(528); }});
     EXPECT_EQ((LINES{"4624: a |  | c", "528:"}), Handled);
     EXPECT_EQ((LINES{"EVENT_LOG::Process: RecordCount = 2", "EVENT_LOG::Process: OldestRecordNumber = 1",
                      "PositionToEnd: BACKWARDS, Records: Count = 2, First = 2, Last = 1",
@@ -44,7 +48,7 @@ TEST_F(EventLogTest, AnEmptyLogIsFollowedFromItsFirstRecord) {
     ClearLog();
     ASSERT_TRUE(log.Open(LogName));
     Forget();
-    EXPECT_EQ(PROCESS_STOPPED, Follow(log, {[] { Write(4624); }}));
+    Followed({[] { Write(4624); }});
     EXPECT_EQ(1u, Handled.size());
     EXPECT_THAT(Lines(), Each(Not(StartsWith("PositionToEnd"))));
 }
@@ -52,28 +56,28 @@ TEST_F(EventLogTest, AnEmptyLogIsFollowedFromItsFirstRecord) {
 TEST_F(EventLogTest, MoreThanOneBufferAtTheStartIsSkippedToTheLastRecord) {
     for (int i = 0; i < 40; ++i) Write(4624, {std::string(2000, 'x')});
     Open();
-    EXPECT_EQ(PROCESS_STOPPED, Follow(log, {[] { Write(528); }}));
+    Followed({[] { Write(528); }});
     EXPECT_EQ(LINES{"528:"}, Handled);
 }
 
 TEST_F(EventLogTest, ARecordLargerThanTheBufferMakesItGrow) {
     Open();
     const std::string big(30000, 'x');
-    EXPECT_EQ(PROCESS_STOPPED, Follow(log, {[&] {
-                                          Write(528);
-                                          Write(4624, {big, big, big});
-                                          Write(528);
-                                      }}));
+    Followed({[&] {
+        Write(528);
+        Write(4624, {big, big, big});
+        Write(528);
+    }});
     EXPECT_EQ((LINES{"528:", "4624: " + big + " | " + big + " | " + big, "528:"}), Handled);
 }
 
 TEST_F(EventLogTest, AClearedLogIsOpenedAgainAndFollowedFromItsNewEnd) {
     Open();
-    EXPECT_EQ(PROCESS_STOPPED, Follow(log, {[] {
-                                                ClearLog();
-                                                Write(4624, {"between clearing and reopening"});
-                                            },
-                                            [] { Write(528); }}));
+    Followed({[] {
+                  ClearLog();
+                  Write(4624, {"between clearing and reopening"});
+              },
+              [] { Write(528); }});
     EXPECT_EQ(LINES{"528:"}, Handled);
     const LINES lines = Lines();
     EXPECT_EQ("Application event log has been cleared", lines.at(4));
@@ -93,10 +97,10 @@ TEST_F(EventLogTest, ALogThatIsClearedAndGoneEndsTheProcessing) {
 TEST_F(EventLogTest, AReaderThatTheCircleOvertookGoesOnAtTheOldestRecordLeft) {
     Configure("", "'MaxSize'=dword:00010000");
     Open();
-    EXPECT_EQ(PROCESS_STOPPED, Follow(log, {[&] {
-                                          for (int i = 0; i < 100; ++i) Write(4769, {std::string(1000, 'x')});
-                                          Write(4624, {"last"});
-                                      }}));
+    Followed({[&] {
+        for (int i = 0; i < 100; ++i) Write(4769, {std::string(1000, 'x')});
+        Write(4624, {"last"});
+    }});
     EXPECT_EQ(LINES{"4624: last"}, Handled);
 }
 
@@ -163,7 +167,7 @@ TEST_F(EventLogTest, UnknownCountsAreSaidAndDoNotMatter) {
     Open();
     const FAIL_CALL count(countRecords, FALSE, ERROR_ACCESS_DENIED);
     const FAIL_CALL oldest(oldestRecord, FALSE, ERROR_ACCESS_DENIED);
-    EXPECT_EQ(PROCESS_STOPPED, Follow(log, {[] { Write(528); }}));
+    Followed({[] { Write(528); }});
     EXPECT_EQ("Unable to get event record count. ?. Error code = 5.", Lines().at(0));
     EXPECT_EQ("Unable to get oldest event record number. ?. Error code = 5.", Lines().at(1));
     EXPECT_EQ(LINES{"528:"}, Handled);

@@ -6,42 +6,21 @@
 #include "eventlog/event_names.h"
 #include "eventlog/message_files.h"
 #include "reader_test.h"
+#include "win32/eventlog/evt_record.h"
 
 namespace keldwick {
 namespace {
 
-// A record as the log gives it, in a block of its own.
-class RECORD_BYTES {
-public:
+// A record as the log gives it.
+struct RECORD_BYTES {
     RECORD_BYTES(DWORD id, WORD type, const std::vector<std::u16string>& strings, const std::string& data = {}) {
-        bytes.resize(sizeof(EVENTLOGRECORD));
-        AddText(u"Source");
-        AddText(u"PC");
-        const DWORD stringOffset = Size();
-        for (const std::u16string& text : strings) AddText(text);
-        const DWORD dataOffset = Size();
-        bytes.insert(bytes.end(), data.begin(), data.end());
-        bytes.resize((bytes.size() + 3) / 4 * 4 + 4);
-        EVENTLOGRECORD& record = *reinterpret_cast<EVENTLOGRECORD*>(bytes.data());
-        record.Length = Size();
-        record.RecordNumber = 77;
-        record.TimeGenerated = 1700000000;  // 2023-11-14 22:13:20 UTC
-        record.EventID = id;
-        record.EventType = type;
-        record.NumStrings = static_cast<WORD>(strings.size());
-        record.StringOffset = stringOffset;
-        record.DataLength = static_cast<DWORD>(data.size());
-        record.DataOffset = dataOffset;
+        constexpr DWORD generated = 1700000000;  // 2023-11-14 22:13:20 UTC
+        EXPECT_TRUE(win32::BuildRecord(
+            {id, type, 0, generated, 0, u"Source", u"PC", strings, {}, {data.begin(), data.end()}}, bytes));
+        reinterpret_cast<EVENTLOGRECORD*>(bytes.data())->RecordNumber = 77;
     }
     const EVENTLOGRECORD& Record() const { return *reinterpret_cast<const EVENTLOGRECORD*>(bytes.data()); }
-
-private:
-    DWORD Size() const { return static_cast<DWORD>(bytes.size()); }
-    void AddText(const std::u16string& text) {
-        const auto* start = reinterpret_cast<const BYTE*>(text.c_str());
-        bytes.insert(bytes.end(), start, start + (text.size() + 1) * 2);
-    }
-    std::vector<BYTE> bytes;
+    win32::BYTES bytes;
 };
 
 class RecordDumpTest : public READER_TEST {

@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <memory>
 
 #include "eventlog/event_log.h"
@@ -16,6 +15,7 @@
 #include "tests/support/fake_directory.h"
 #include "tests/support/scripted_server.h"
 #include "tests/support/temporary_root.h"
+#include "win32/eventlog/evt_record.h"
 
 namespace {
 // The clock stands still, but for these.
@@ -50,27 +50,6 @@ namespace {
 using LINES = std::vector<std::string>;
 using STRINGS = std::vector<std::u16string>;
 using HANDLER = void (*)(const EVENTLOGRECORD&, EVENT_LOG&, const REPLACEMENT_STRINGS&);
-
-// A record's bytes, for as long as it lives.
-class RECORD {
-public:
-    explicit RECORD(const STRINGS& strings) {
-        std::u16string text = std::u16string(u"Security\0DC1\0", 13);
-        const DWORD offset = static_cast<DWORD>(sizeof(EVENTLOGRECORD) + text.size() * 2);
-        for (const std::u16string& string : strings) text += string + u'\0';
-        bytes.resize(sizeof(EVENTLOGRECORD) / 4 + text.size() / 2 + 2);
-        EVENTLOGRECORD& record = *reinterpret_cast<EVENTLOGRECORD*>(bytes.data());
-        record.Length = static_cast<DWORD>(bytes.size() * 4);
-        record.RecordNumber = 77;
-        record.NumStrings = static_cast<WORD>(strings.size());
-        record.StringOffset = offset;
-        std::memcpy(&record + 1, text.data(), text.size() * 2);
-    }
-    const EVENTLOGRECORD& Get() const { return *reinterpret_cast<const EVENTLOGRECORD*>(bytes.data()); }
-
-private:
-    std::vector<DWORD> bytes;
-};
 
 // Strings of one event with some replaced: {position, text}.
 using CHANGES = std::vector<std::pair<size_t, std::u16string>>;
@@ -117,10 +96,16 @@ protected:
     }
 
     void Run(HANDLER handler, const STRINGS& strings) {
-        const RECORD record(strings);
+        win32::NEW_EVENT event;
+        event.computer = u"DC1";
+        event.strings = strings;
+        win32::BYTES bytes;
+        ASSERT_TRUE(win32::BuildRecord(event, bytes));
+        EVENTLOGRECORD& record = *reinterpret_cast<EVENTLOGRECORD*>(bytes.data());
+        record.RecordNumber = 77;
         REPLACEMENT_STRINGS decoded;
-        decoded.Decode(record.Get());
-        handler(record.Get(), log, decoded);
+        decoded.Decode(record);
+        handler(record, log, decoded);
     }
     // The kinds of the reports since the last call, with the user's name: " CORP\ann".
     LINES Reports() {

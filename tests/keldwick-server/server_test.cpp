@@ -60,9 +60,10 @@ private:
     std::thread thread;
 };
 
+// A client; what it says and hears goes over TLS when it is a secure one.
 class VISITOR {
 public:
-    explicit VISITOR(int port) : fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    explicit VISITOR(int port, bool secure = false) : fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
         sockaddr_in address{};
         address.sin_family = AF_INET;
         address.sin_port = htons(static_cast<uint16_t>(port));
@@ -70,44 +71,32 @@ public:
         EXPECT_EQ(0, connect(fd.Get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)));
         const timeval patience{15, 0};
         setsockopt(fd.Get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
+        if (!secure) return;
+        context.reset(SSL_CTX_new(TLS_client_method()));
+        session.reset(SSL_new(context.get()));
+        SSL_set_fd(session.get(), fd.Get());
+        EXPECT_EQ(1, SSL_connect(session.get()));
     }
-    void Say(const BYTES& bytes) const { send(fd.Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL); }
+    void Say(const BYTES& bytes) const {
+        if (session) {
+            SSL_write(session.get(), bytes.data(), static_cast<int>(bytes.size()));
+        } else {
+            send(fd.Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+        }
+    }
     BYTES Hear(size_t count) const {
         BYTES bytes(count);
-        const ssize_t got = recv(fd.Get(), bytes.data(), count, MSG_WAITALL);
-        bytes.resize(got > 0 ? static_cast<size_t>(got) : 0);
+        size_t heard = 0;
+        for (ssize_t got = 1; heard < count && got > 0; heard += got > 0 ? static_cast<size_t>(got) : 0)
+            got = session ? SSL_read(session.get(), bytes.data() + heard, static_cast<int>(count - heard))
+                          : recv(fd.Get(), bytes.data() + heard, count - heard, 0);
+        bytes.resize(heard);
         return bytes;
     }
     void Finish() const { shutdown(fd.Get(), SHUT_WR); }
-    int Get() const { return fd.Get(); }
 
 private:
     DESCRIPTOR fd;
-};
-
-// The same over TLS.
-class TLS_VISITOR {
-public:
-    explicit TLS_VISITOR(int port)
-        : visitor(port), context(SSL_CTX_new(TLS_client_method())), session(SSL_new(context.get())) {
-        SSL_set_fd(session.get(), visitor.Get());
-        EXPECT_EQ(1, SSL_connect(session.get()));
-    }
-    void Say(const BYTES& bytes) const { SSL_write(session.get(), bytes.data(), static_cast<int>(bytes.size())); }
-    BYTES Hear(size_t count) const {
-        BYTES bytes;
-        uint8_t buffer[64];
-        while (bytes.size() < count) {
-            const int got =
-                SSL_read(session.get(), buffer, static_cast<int>(std::min(sizeof(buffer), count - bytes.size())));
-            if (got <= 0) break;
-            bytes.insert(bytes.end(), buffer, buffer + got);
-        }
-        return bytes;
-    }
-
-private:
-    VISITOR visitor;
     TLS_CONTEXT context;
     std::unique_ptr<SSL, SSL_FREER> session;
 };
@@ -115,7 +104,7 @@ private:
 TEST(Server, AnswersEachRequestOverBothTransportsWithTheStatus) {
     RUNNING server(0xFFFFFFFF);
     const VISITOR plain(server.TcpPort());
-    const TLS_VISITOR secure(server.TlsPort());
+    const VISITOR secure(server.TlsPort(), true);
     for (uint32_t id = 1; id <= 3; ++id) {
         plain.Say(Request(id));
         EXPECT_EQ(Answer(id, 0xFFFFFFFF), plain.Hear(14));

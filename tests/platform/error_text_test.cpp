@@ -39,10 +39,7 @@ protected:
 };
 
 TEST_F(ErrorTexts, LineBreaksAtTheEndAndOnePeriodAreDropped) {
-    const struct {
-        const WCHAR* system;
-        const char* expected;
-    } cases[] = {
+    const std::pair<const WCHAR*, const char*> cases[] = {
         {TEXT("Access is denied.\r\n"), "Access is denied"},
         {TEXT("Two line breaks\r\n\r\n"), "Two line breaks"},
         {TEXT("Two periods..\r\n"), "Two periods."},
@@ -52,11 +49,11 @@ TEST_F(ErrorTexts, LineBreaksAtTheEndAndOnePeriodAreDropped) {
         {TEXT("."), ""},
         {TEXT(""), ""},
     };
-    for (const auto& c : cases) {
-        Answer = c.system;
+    for (const auto& [system, expected] : cases) {
+        Answer = system;
         STRING text(TEXT("old"));
-        EXPECT_EQ(*c.expected != 0, LoadErrorText(text, 5));
-        EXPECT_EQ(c.expected, Narrow(text));
+        EXPECT_EQ(*expected != 0, LoadErrorText(text, 5));
+        EXPECT_EQ(expected, Narrow(text));
         EXPECT_EQ(0x3300u, AskedFlags);
     }
     ErrorText(5, GetModuleHandleW(nullptr));

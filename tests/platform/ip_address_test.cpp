@@ -143,30 +143,22 @@ TEST_F(LocalHost, WhatIsMissingIsNone) {
 }
 
 TEST_F(LocalHost, TheAddressOfTheOtherFamilyServesWhenThereIsNoneOfTheWanted) {
-    const struct {
-        WORD wanted;
-        const WCHAR *v4, *v6;
-        bool found;
-        WORD family;
-        const char* text;
-    } cases[] = {
-        {AF_INET, TEXT("10.0.0.1"), TEXT("fe80::1"), true, AF_INET, "10.0.0.1"},
-        {AF_INET, TEXT(""), TEXT("fe80::1"), true, AF_INET6, "fe80::1"},
-        {AF_INET6, TEXT("10.0.0.1"), TEXT("fe80::1"), true, AF_INET6, "fe80::1"},
-        {AF_INET6, TEXT("10.0.0.1"), TEXT(""), true, AF_INET, "10.0.0.1"},
-        {AF_INET, TEXT(""), TEXT(""), false, AF_INET, ""},
-        {77, TEXT("10.0.0.1"), TEXT("fe80::1"), false, 77, ""},
-        {AF_INET, TEXT("no address"), TEXT(""), true, 0, "no address"},
-    };
-    for (const auto& c : cases) {
-        LocalHostInfo.ipV4.Assign(c.v4);
-        LocalHostInfo.ipV6.Assign(c.v6);
-        IP_ADDRESS address(c.wanted);
+    const auto local = [](WORD wanted, const WCHAR* v4, const WCHAR* v6) {
+        LocalHostInfo.ipV4.Assign(v4);
+        LocalHostInfo.ipV6.Assign(v6);
+        IP_ADDRESS address(wanted);
         const STRING* text = nullptr;
-        EXPECT_EQ(c.found, GetLocalAddress(address, &text));
-        EXPECT_EQ(c.family, address.family);
-        EXPECT_EQ(c.text, text != nullptr ? Narrow(*text) : "");
-    }
+        const bool found = GetLocalAddress(address, &text);
+        return std::tuple(found, address.family, text != nullptr ? Narrow(*text) : "");
+    };
+    const std::tuple<bool, WORD, std::string> v4(true, AF_INET, "10.0.0.1"), v6(true, AF_INET6, "fe80::1");
+    EXPECT_EQ(v4, local(AF_INET, u"10.0.0.1", u"fe80::1"));
+    EXPECT_EQ(v6, local(AF_INET, u"", u"fe80::1"));
+    EXPECT_EQ(v6, local(AF_INET6, u"10.0.0.1", u"fe80::1"));
+    EXPECT_EQ(v4, local(AF_INET6, u"10.0.0.1", u""));
+    EXPECT_EQ(std::tuple(false, AF_INET, ""), local(AF_INET, u"", u""));
+    EXPECT_EQ(std::tuple(false, 77, ""), local(77, u"10.0.0.1", u"fe80::1"));
+    EXPECT_EQ(std::tuple(true, 0, "no address"), local(AF_INET, u"no address", u""));
 }
 
 }  // namespace

@@ -82,29 +82,28 @@ TEST_F(DebugModesTest, TheFirstSourceWithAModeWinsAndThereIsAlwaysALogFile) {
 TEST_F(DebugModesTest, SavingKeepsTheCommandLinesModeAndOptionCDeletesIt) {
     MakeSettings("");
     COMMAND_LINE line;
-    SaveDebugOutputMode(line, SettingsKey.Get());  // no mode given: nothing to keep
-    EXPECT_EQ(std::nullopt, Number(TEXT("DebugOutput")));
+    const auto saved = [&] {
+        SaveDebugOutputMode(line, SettingsKey.Get());
+        return Number(TEXT("DebugOutput"));
+    };
+    EXPECT_EQ(std::nullopt, saved());  // no mode given: nothing to keep
     line.debugMode = 0x102;
     SaveDebugOutputMode(line, nullptr);
     EXPECT_EQ(LINES(), Lines());
-    SaveDebugOutputMode(line, SettingsKey.Get());
-    EXPECT_EQ(0x102u, Number(TEXT("DebugOutput")));
+    EXPECT_EQ(0x102u, saved());
     line.clearSavedMode = true;
-    SaveDebugOutputMode(line, SettingsKey.Get());
-    EXPECT_EQ(std::nullopt, Number(TEXT("DebugOutput")));
-    SaveDebugOutputMode(line, SettingsKey.Get());  // nothing there: cleared all the same
+    EXPECT_EQ(std::nullopt, saved());
+    EXPECT_EQ(std::nullopt, saved());  // nothing there: cleared all the same
     const std::string cleared = "Saved debug output mode cleared";
     EXPECT_EQ((LINES{"Debug output mode saved", cleared, cleared}), Lines());
 
     Forget();
-    {
-        const FAIL_CALL denied(regDeleteValue, ERROR_ACCESS_DENIED, 0);
-        SaveDebugOutputMode(line, SettingsKey.Get());
-        EXPECT_EQ(DWORD{ERROR_ACCESS_DENIED}, GetLastError());
-    }
+    const FAIL_CALL denied(regDeleteValue, ERROR_ACCESS_DENIED, 0);
+    SaveDebugOutputMode(line, SettingsKey.Get());
+    EXPECT_EQ(DWORD{ERROR_ACCESS_DENIED}, GetLastError());
     line.clearSavedMode = false;
     const FAIL_CALL full(regSetValue, ERROR_DISK_FULL, 0);
-    SaveDebugOutputMode(line, SettingsKey.Get());
+    EXPECT_EQ(std::nullopt, saved());
     EXPECT_EQ(LINES(), Lines());
 }
 

@@ -28,8 +28,8 @@ public:
 
     // What has been written since the last call, in order, as UTF-8.
     std::vector<std::string> Take() {
-        const std::lock_guard lock(Mutex());
-        return std::exchange(Lines(), {});
+        const std::lock_guard lock(mutex);
+        return std::exchange(seen, {});
     }
     // The same, each line break with its indentation written as "|" and each quote as "'".
     std::vector<std::string> TakePlain() {
@@ -42,24 +42,18 @@ public:
     }
     void Forget() { Take(); }
     static std::vector<std::string> Seen() {
-        const std::lock_guard lock(Mutex());
-        return Lines();
+        const std::lock_guard lock(mutex);
+        return seen;
     }
     static size_t Count(const std::vector<std::string>& lines, const std::string& line) {
         return static_cast<size_t>(std::count(lines.begin(), lines.end(), line));
     }
 
 private:
-    static std::mutex& Mutex() {
-        static std::mutex mutex;
-        return mutex;
-    }
-    static std::vector<std::string>& Lines() {
-        static std::vector<std::string> lines;
-        return lines;
-    }
     static void Take(const WCHAR* line) {
-        const std::lock_guard lock(Mutex());
-        Lines().emplace_back(keldwick::STRING_UTF8(line).Text());
+        const std::lock_guard lock(mutex);
+        seen.emplace_back(keldwick::STRING_UTF8(line).Text());
     }
+    inline static std::mutex mutex;
+    inline static std::vector<std::string> seen;
 };
