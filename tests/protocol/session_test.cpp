@@ -13,6 +13,13 @@ BOOL __wrap_SetWaitableTimer(HANDLE timer, const LARGE_INTEGER* due, LONG period
     soon.QuadPart = -10000;  // a millisecond
     return __real_SetWaitableTimer(timer, timeFlies ? &soon : due, period, routine, argument, resume);
 }
+DWORD __real_WaitForMultipleObjects(DWORD, const HANDLE*, BOOL, DWORD);
+DWORD __wrap_WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL all, DWORD milliseconds) {
+    const bool minute = timeFlies && milliseconds == 60000;
+    static int minutes = 0;
+    if (minute && ++minutes == 3) SetEvent(handles[0]);
+    return __real_WaitForMultipleObjects(count, handles, all, minute ? 0 : milliseconds);
+}
 }
 
 namespace keldwick {
@@ -138,6 +145,15 @@ TEST_F(WAIT_TEST, AnAutomaticSessionTriesTlsThenPlainAndSticksToWhatWorked) {
     Settings.identProtocol = PROTOCOL_TCPS;
     EXPECT_FALSE(session->Connect(host));
     EXPECT_EQ(0u, tried().second);
+}
+
+TEST_F(SESSION_TEST, ConnectingIsTriedAgainAfterEachPauseUntilTheServiceStops) {
+    timeFlies = true;
+    Settings.identServer.Clear();  // no such host
+    EXPECT_FALSE(session->PersistentConnect());
+    const LINES written = lines.TakePlain();
+    EXPECT_EQ(3u, DEBUG_LINES::Count(written, "Connect to Identity server = '' failed"));
+    EXPECT_EQ("IDENTITY_PROTOCOL::PersistentConnect Service stop signaled", written.back());
 }
 
 TEST_F(SESSION_TEST, AnotherServerIsNoticedOnceAndNotByItsLetterCase) {
