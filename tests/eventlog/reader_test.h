@@ -12,7 +12,6 @@
 
 #include "eventlog/event_log.h"
 #include "platform/handles.h"
-#include "tests/support/captured_lines.h"
 #include "tests/support/debug_lines.h"
 #include "tests/support/fail_call.h"
 #include "tests/support/temporary_root.h"

@@ -4,7 +4,7 @@
 
 #include "platform/file_version.h"
 #include "platform/resource_strings.h"
-#include "tests/support/captured_lines.h"
+#include "tests/support/debug_lines.h"
 #include "tests/support/fail_call.h"
 #include "tests/support/temporary_root.h"
 

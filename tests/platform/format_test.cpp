@@ -7,7 +7,7 @@
 #include <cstdio>
 
 #include "platform/string.h"
-#include "tests/support/captured_lines.h"
+#include "tests/support/debug_lines.h"
 
 namespace keldwick {
 namespace {

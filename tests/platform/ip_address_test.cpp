@@ -3,7 +3,7 @@
 #include <gmock/gmock.h>
 
 #include "platform/host_names.h"
-#include "tests/support/captured_lines.h"
+#include "tests/support/debug_lines.h"
 #include "tests/support/fail_call.h"
 
 WRAP_CALL(int, WSAStringToAddressW, (LPWSTR t, INT f, LPWSAPROTOCOL_INFOW p, LPSOCKADDR a, int* n), (t, f, p, a, n))
@@ -74,7 +74,7 @@ TEST(IpAddress, TextsAndWhatTheyMean) {
 }
 
 TEST(IpAddress, FailuresToReadAnAddressAreSaid) {
-    const CAPTURED_LINES lines;
+    const DEBUG_LINES lines;
     HEAP_BUFFER address;
     EXPECT_FALSE(TextToAddress(TEXT("-"), AF_INET, address));
     EXPECT_EQ("Address \"-\" is not valid for family 2.", lines.Last());
@@ -96,7 +96,7 @@ TEST(IpAddress, WhereAnAreaIsTooSmallABufferIsTried) {
 }
 
 TEST(IpAddress, AnAddressThatCannotBePrintedIsDumpedUpToSixteenBytes) {
-    const CAPTURED_LINES lines;
+    const DEBUG_LINES lines;
     BYTE bytes[28] = {0xFF, 0x7F, 0xAB};
     STRING text(TEXT("old"));
     EXPECT_FALSE(AddressToText(reinterpret_cast<const SOCKADDR*>(bytes), sizeof(bytes), text));
@@ -115,7 +115,7 @@ protected:
         LocalAddresses.clear();
         LocalHostInfo = {};
     }
-    CAPTURED_LINES lines;
+    DEBUG_LINES lines;
 };
 
 TEST_F(LocalHost, TheFirstAddressOfEachFamilyButTheLoopbackWins) {
@@ -132,10 +132,11 @@ TEST_F(LocalHost, WhatIsMissingIsNone) {
     EXPECT_THAT(lines.Last(), HasSubstr("HostIpV4 = None,\n    HostIpV6 = 2001:db8::1"));
     LocalAddresses.clear();
     LoadLocalHostInfo();
-    ASSERT_LE(2u, CAPTURED_LINES::Lines().size());
-    EXPECT_THAT(CAPTURED_LINES::Lines().rbegin()[1], AllOf(StartsWith("Unable to get IP address information for " +
-                                                                      Narrow(LocalHostInfo.hostName) + ".\n    "),
-                                                           HasSubstr(" Error code = 11001")));
+    const std::vector<std::string> seen = DEBUG_LINES::Seen();
+    ASSERT_LE(2u, seen.size());
+    EXPECT_THAT(seen.rbegin()[1], AllOf(StartsWith("Unable to get IP address information for " +
+                                                   Narrow(LocalHostInfo.hostName) + ".\n    "),
+                                        HasSubstr(" Error code = 11001")));
     const FAIL_CALL nameless(win32_gethostname_calls, SocketError, WSAENETDOWN);
     LoadLocalHostInfo();
     EXPECT_THAT(lines.Last(), AllOf(StartsWith("Unable to get host name.\n    "), HasSubstr(" Error code = 10050")));

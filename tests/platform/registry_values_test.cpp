@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/handles.h"
-#include "tests/support/captured_lines.h"
+#include "tests/support/debug_lines.h"
 #include "tests/support/fail_call.h"
 #include "tests/support/temporary_root.h"
 

@@ -7,7 +7,7 @@
 #include "platform/privileges.h"
 #include "platform/sids.h"
 #include "platform/token_handle.h"
-#include "tests/support/captured_lines.h"
+#include "tests/support/debug_lines.h"
 #include "tests/support/fail_call.h"
 
 WRAP_CALL(BOOL, LookupAccountSidW, (LPCWSTR s, PSID i, LPWSTR a, LPDWORD n, LPWSTR d, LPDWORD m, PSID_NAME_USE u),
@@ -41,7 +41,7 @@ TEST(Sids, TheListIsReadInPairsUpToItsZero) {
 }
 
 TEST(Sids, AListThatIsNoneIsRefusedWithoutAskingTheSystem) {
-    const CAPTURED_LINES lines;
+    const DEBUG_LINES lines;
     const FAIL_CALL system(AllocateAndInitializeSid_calls, FALSE, ERROR_ACCESS_DENIED);
     const std::vector<std::vector<DWORD>> lists = {
         {1, 7, 0}, {0xFFFFFFFF, 7, 1}, {0xFFFFFFFF, 7}, {0xFFFFFFFF}, {}, std::vector<DWORD>(18, 0xFFFFFFFF)};
@@ -64,7 +64,7 @@ protected:
     const SID_OWNER anonymous{AllocateSid(5, 0xFFFFFFFF, 7, 0)};
     STRING account{TEXT("old")}, domain{TEXT("old")};
     SID_NAME_USE type{};
-    CAPTURED_LINES lines;
+    DEBUG_LINES lines;
 };
 
 TEST_F(AccountNames, TheLsaIsAskedOnlyThroughAnOpenPolicy) {
@@ -98,7 +98,7 @@ TEST_F(AccountNames, LookupAccountSidsFailuresAreSaid) {
 }
 
 TEST(Privileges, AFailedLookUpWritesItsPrefixAloneAndKeepsItsReason) {
-    const CAPTURED_LINES lines;
+    const DEBUG_LINES lines;
     const FAIL_CALL unknown(LookupPrivilegeValueW_calls, FALSE, ERROR_NO_SUCH_PRIVILEGE);
     EXPECT_FALSE(CreateTokenPrivilegesHelper(SE_PRIVILEGE_ENABLED, TEXT("SeNoPrivilege")));
     EXPECT_EQ(DWORD(ERROR_NO_SUCH_PRIVILEGE), GetLastError());
@@ -106,7 +106,7 @@ TEST(Privileges, AFailedLookUpWritesItsPrefixAloneAndKeepsItsReason) {
 }
 
 TEST(Privileges, WhatIsNotHeldIsAFailureThoughTheCallSucceeds) {
-    const CAPTURED_LINES lines;
+    const DEBUG_LINES lines;
     const PRIVILEGE_SET set = CreateTokenPrivilegesHelper(SE_PRIVILEGE_ENABLED, SE_SECURITY_NAME);
     ASSERT_TRUE(set);
     EXPECT_TRUE(set->PrivilegeCount == 1 && set->Privileges[0].Attributes == SE_PRIVILEGE_ENABLED);
@@ -116,7 +116,7 @@ TEST(Privileges, WhatIsNotHeldIsAFailureThoughTheCallSucceeds) {
         EXPECT_EQ(1300u, SetTokenPrivileges(set));
         EXPECT_EQ(1300u, SetTokenPrivileges(set, &previous));
         EXPECT_TRUE(previous);
-        EXPECT_TRUE(CAPTURED_LINES::Lines().empty());
+        EXPECT_TRUE(DEBUG_LINES::Seen().empty());
     }
     {
         const FAIL_CALL all(AdjustTokenPrivileges_calls, TRUE, ERROR_SUCCESS);
@@ -129,7 +129,7 @@ TEST(Privileges, WhatIsNotHeldIsAFailureThoughTheCallSucceeds) {
 }
 
 TEST(TokenHandle, FailuresToAskTheTokenAreSaidButForItsSize) {
-    const CAPTURED_LINES lines;
+    const DEBUG_LINES lines;
     HEAP_BUFFER sid;
     DWORD session = 77;
     ASSERT_TRUE(GetProcessUserSid(sid, session));
@@ -143,11 +143,11 @@ TEST(TokenHandle, FailuresToAskTheTokenAreSaidButForItsSize) {
         const std::string call = "TOKEN_HANDLE::GetInformation: GetTokenInformation class = 12";
         EXPECT_EQ(call + " failed. Access is denied. Error code = 5.", lines.Last());
     }
-    const size_t before = CAPTURED_LINES::Lines().size();
+    const size_t before = DEBUG_LINES::Seen().size();
     {
         const FAIL_CALL noSize(GetTokenInformation_calls, FALSE, ERROR_INVALID_HANDLE, 1);
         EXPECT_FALSE(GetProcessUserSid(sid, session));
-        EXPECT_EQ(before, CAPTURED_LINES::Lines().size());
+        EXPECT_EQ(before, DEBUG_LINES::Seen().size());
     }
     const FAIL_CALL noUser(GetTokenInformation_calls, FALSE, ERROR_ACCESS_DENIED, 2);
     EXPECT_FALSE(GetProcessUserSid(sid, session));

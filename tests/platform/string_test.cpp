@@ -6,7 +6,7 @@
 #include <cstring>
 
 #include "platform/heap_buffer.h"
-#include "tests/support/captured_lines.h"
+#include "tests/support/debug_lines.h"
 #include "tests/support/fail_call.h"
 
 WRAP_CALL(void*, malloc, (size_t bytes), (bytes))

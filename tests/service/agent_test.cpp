@@ -25,6 +25,8 @@ WRAP_CALL(LSTATUS, RegCreateKeyExW,
 WRAP_CALL(LSTATUS, RegSetValueExW, (HKEY k, LPCWSTR n, DWORD r, DWORD t, const BYTE* d, DWORD c), (k, n, r, t, d, c))
 WRAP_CALL(LSTATUS, RegQueryValueExW, (HKEY k, LPCWSTR n, LPDWORD r, LPDWORD t, LPBYTE d, LPDWORD c), (k, n, r, t, d, c))
 WRAP_CALL(LSTATUS, RegDeleteValueW, (HKEY k, LPCWSTR n), (k, n))
+WRAP_CALL(SERVICE_STATUS_HANDLE, RegisterServiceCtrlHandlerExW, (LPCWSTR n, LPHANDLER_FUNCTION_EX h, LPVOID c),
+          (n, h, c))
 WRAP_CALL(BOOL, StartServiceCtrlDispatcherW, (const SERVICE_TABLE_ENTRYW* t), (t))
 WRAP_CALL(BOOL, NotifyChangeEventLog, (HANDLE l, HANDLE e), (l, e))
 WRAP_CALL(DWORD, WaitForSingleObject, (HANDLE h, DWORD m), (h, m))
@@ -41,7 +43,7 @@ static void Record(LIST& list, const ITEM& item) {
     list.push_back(item);
 }
 
-static CALL_PLAN RegisterServiceCtrlHandlerExW_calls, OpenEventLogW_calls;
+static CALL_PLAN OpenEventLogW_calls;
 static HANDLE const FakeHandle = reinterpret_cast<HANDLE>(0x1230);
 
 extern "C" {
@@ -54,14 +56,6 @@ void __wrap__ZN8keldwick18ReportServiceEventEtjSt16initializer_listIPKDsE(WORD t
     std::string event = head;
     for (const WCHAR* const& text : texts) event += (&text == texts.begin() ? " " : " | ") + Narrow(text);
     Record(Recorded.events, event);
-}
-
-SERVICE_STATUS_HANDLE __wrap_RegisterServiceCtrlHandlerExW(LPCWSTR, LPHANDLER_FUNCTION_EX, LPVOID) {
-    if (RegisterServiceCtrlHandlerExW_calls.Fires()) {
-        SetLastError(RegisterServiceCtrlHandlerExW_calls.error);
-        return nullptr;
-    }
-    return reinterpret_cast<SERVICE_STATUS_HANDLE>(0x1);
 }
 
 BOOL __wrap_SetServiceStatus(SERVICE_STATUS_HANDLE, LPSERVICE_STATUS status) {

@@ -10,7 +10,6 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/captured_lines.h"
 #include "tests/support/debug_lines.h"
 #include "tests/support/fail_call.h"
 #include "tests/support/temporary_root.h"
@@ -68,7 +67,8 @@ protected:
     }
 
     TEMPORARY_ROOT root;
-    DEBUG_LINES debugLines;  // ends before its folder, and closes the log file there
+    FAIL_CALL registered{registerHandler, 1, NO_ERROR};  // by a manager that there is none of
+    DEBUG_LINES debugLines;                              // ends before its folder, and closes the log file there
 };
 
 }  // namespace keldwick

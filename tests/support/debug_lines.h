@@ -11,6 +11,12 @@
 #include "diagnostics/debug_output.h"
 #include "platform/string.h"
 
+inline std::string Narrow(const WCHAR* text) { return keldwick::STRING_UTF8(text).Text(); }
+inline std::string Narrow(const keldwick::STRING& text) {
+    const keldwick::STRING_UTF8 narrow(text);
+    return {narrow.Text(), narrow.Length()};
+}
+
 class DEBUG_LINES {
 public:
     // categories: of DEBUG_CATEGORIES, the ones that are wanted besides the lines without one.
@@ -45,6 +51,7 @@ public:
         const std::lock_guard lock(mutex);
         return seen;
     }
+    static std::string Last() { return Seen().empty() ? "" : Seen().back(); }
     static size_t Count(const std::vector<std::string>& lines, const std::string& line) {
         return static_cast<size_t>(std::count(lines.begin(), lines.end(), line));
     }
@@ -52,7 +59,7 @@ public:
 private:
     static void Take(const WCHAR* line) {
         const std::lock_guard lock(mutex);
-        seen.emplace_back(keldwick::STRING_UTF8(line).Text());
+        seen.push_back(Narrow(line));
     }
     inline static std::mutex mutex;
     inline static std::vector<std::string> seen;
