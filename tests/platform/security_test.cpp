@@ -111,18 +111,15 @@ TEST(Privileges, WhatIsNotHeldIsAFailureThoughTheCallSucceeds) {
     ASSERT_TRUE(set);
     EXPECT_TRUE(set->PrivilegeCount == 1 && set->Privileges[0].Attributes == SE_PRIVILEGE_ENABLED);
     PRIVILEGE_SET previous;
-    {
-        const FAIL_CALL partly(AdjustTokenPrivileges_calls, TRUE, ERROR_NOT_ALL_ASSIGNED);
-        EXPECT_EQ(1300u, SetTokenPrivileges(set));
-        EXPECT_EQ(1300u, SetTokenPrivileges(set, &previous));
-        EXPECT_TRUE(previous);
-        EXPECT_TRUE(DEBUG_LINES::Seen().empty());
-    }
-    {
-        const FAIL_CALL all(AdjustTokenPrivileges_calls, TRUE, ERROR_SUCCESS);
-        EXPECT_EQ(0u, SetTokenPrivileges(set));
-    }
-    const FAIL_CALL none(AdjustTokenPrivileges_calls, FALSE, ERROR_ACCESS_DENIED);
+    const FAIL_CALL adjusting(AdjustTokenPrivileges_calls, TRUE, ERROR_NOT_ALL_ASSIGNED);
+    EXPECT_EQ(1300u, SetTokenPrivileges(set));
+    EXPECT_EQ(1300u, SetTokenPrivileges(set, &previous));
+    EXPECT_TRUE(previous);
+    AdjustTokenPrivileges_calls.error = ERROR_SUCCESS;
+    EXPECT_EQ(0u, SetTokenPrivileges(set));
+    EXPECT_EQ("", lines.Last());
+    AdjustTokenPrivileges_calls.result = FALSE;
+    AdjustTokenPrivileges_calls.error = ERROR_ACCESS_DENIED;
     EXPECT_EQ(5u, SetTokenPrivileges(set, &previous));
     EXPECT_FALSE(previous);
     EXPECT_EQ("SetTokenPrivileges: ", lines.Last());
@@ -136,23 +133,18 @@ TEST(TokenHandle, FailuresToAskTheTokenAreSaidButForItsSize) {
     EXPECT_NE(77u, session);
     EXPECT_EQ(GetLengthSid(sid.Data()), sid.Size());
     EXPECT_EQ(0u, SidText(sid.Data()).find("S-1-"));
-    {
-        const FAIL_CALL fails(GetTokenInformation_calls, FALSE, ERROR_ACCESS_DENIED);
-        EXPECT_FALSE(GetProcessUserSid(sid, session));
-        EXPECT_EQ(5u, GetLastError());
-        const std::string call = "TOKEN_HANDLE::GetInformation: GetTokenInformation class = 12";
-        EXPECT_EQ(call + " failed. Access is denied. Error code = 5.", lines.Last());
-    }
-    const size_t before = DEBUG_LINES::Seen().size();
-    {
-        const FAIL_CALL noSize(GetTokenInformation_calls, FALSE, ERROR_INVALID_HANDLE, 1);
-        EXPECT_FALSE(GetProcessUserSid(sid, session));
-        EXPECT_EQ(before, DEBUG_LINES::Seen().size());
-    }
-    const FAIL_CALL noUser(GetTokenInformation_calls, FALSE, ERROR_ACCESS_DENIED, 2);
-    EXPECT_FALSE(GetProcessUserSid(sid, session));
-    EXPECT_NE(std::string::npos, lines.Last().find("class = 1 failed."));
-    EXPECT_EQ(5u, GetLastError());
+    // The session is asked for first, then the user's size, then the user.
+    const auto failure = [&](DWORD error, int callsThatWork) {
+        const FAIL_CALL fails(GetTokenInformation_calls, FALSE, error, callsThatWork);
+        return GetProcessUserSid(sid, session) ? 0 : GetLastError();
+    };
+    const std::string asking = "TOKEN_HANDLE::GetInformation: GetTokenInformation class = ";
+    const std::string denied = " failed. Access is denied. Error code = 5.";
+    EXPECT_EQ(5u, failure(ERROR_ACCESS_DENIED, 0));
+    EXPECT_EQ(asking + "12" + denied, lines.Last());
+    EXPECT_NE(0u, failure(ERROR_INVALID_HANDLE, 1));
+    EXPECT_EQ(5u, failure(ERROR_ACCESS_DENIED, 2));
+    EXPECT_EQ((std::vector<std::string>{asking + "12" + denied, asking + "1" + denied}), DEBUG_LINES::Seen());
 }
 
 }  // namespace
