@@ -79,8 +79,6 @@ protected:
         Settings.identProtocol = PROTOCOL_TCP;
         Settings.logonTtl = 12 * 60000;
         Settings.heartbeat = 30 * 60000;
-        minutesAhead = millisecondsALook = 0;
-        hostName = nullptr;
         session = std::make_unique<IDENTITY_PROTOCOL>();
         CurrentSession = session.get();
         EXPECT_TRUE(session->PersistentConnect());
@@ -89,6 +87,8 @@ protected:
         lines.Forget();
     }
     ~EVENTS_TEST() override {
+        minutesAhead = millisecondsALook = 0;  // before the next test's log takes its first look
+        hostName = nullptr;
         StatisticsKey.Reset();
         CurrentSession = nullptr;
         session.reset();
