@@ -11,7 +11,7 @@
 #include "diagnostics/debug_state.h"
 #include "diagnostics/log_file.h"
 #include "diagnostics/log_path.h"
-#include "tests/support/captured_lines.h"
+#include "tests/support/debug_lines.h"
 #include "tests/support/fail_call.h"
 #include "tests/support/temporary_root.h"
 

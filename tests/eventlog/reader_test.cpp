@@ -1,6 +1,5 @@
 #include "reader_test.h"
 
-#include "diagnostics/debug_output.h"
 #include "service/stop.h"
 
 WRAP_CALL(BOOL, ReadEventLogW, (HANDLE l, DWORD f, DWORD o, LPVOID b, DWORD n, DWORD* r, DWORD* m),
@@ -17,7 +16,6 @@ WRAP_CALL(DWORD, FormatMessageW, (DWORD f, LPCVOID s, DWORD m, DWORD l, LPWSTR b
           (f, s, m, l, b, z, a))
 
 extern "C" DWORD __real_WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL all, DWORD milliseconds);
-extern "C" DWORD __wrap_WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL all, DWORD milliseconds);
 extern "C" DWORD __wrap_WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL all, DWORD milliseconds) {
     if (keldwick::WaitScript && count == 3) {
         if (const auto result = keldwick::WaitScript(count, milliseconds)) {
@@ -40,8 +38,6 @@ std::function<std::optional<DWORD>(DWORD, DWORD)> WaitScript;
 
 namespace {
 
-LINES Said;
-
 void Handle(const EVENTLOGRECORD& record, EVENT_LOG&, const REPLACEMENT_STRINGS& strings) {
     std::string text = std::to_string(record.EventID) + ":";
     for (DWORD i = 0; i < strings.Count(); ++i) text += (i == 0 ? " " : " | ") + Narrow(strings[i]);
@@ -52,11 +48,7 @@ void Handle(const EVENTLOGRECORD& record, EVENT_LOG&, const REPLACEMENT_STRINGS&
 
 const EVENT_HANDLER TestHandlers[2] = {{528, Handle}, {4624, Handle}};
 
-std::string Narrow(const WCHAR* text) { return STRING_UTF8(text).Text(); }
-
 READER_TEST::READER_TEST() {
-    SetDebugOutputMode(DEBUG_VERBOSE);
-    SetDebugOutputHook([](const WCHAR* line) { Said.push_back(Narrow(line)); });
     StopEvent = stop.Get();
     WaitScript = nullptr;
     Forget();
@@ -65,16 +57,17 @@ READER_TEST::READER_TEST() {
 READER_TEST::~READER_TEST() {
     WaitScript = nullptr;
     StopEvent = nullptr;
-    SetDebugOutputHook(nullptr);
 }
 
-void READER_TEST::Write(DWORD id, std::vector<STRING> strings, const std::string& data) {
+void READER_TEST::Write(DWORD id, const std::vector<std::string>& strings) {
     const EVENT_SOURCE_HANDLE source(RegisterEventSourceW(nullptr, TEXT("Test")));
     ASSERT_TRUE(source);
+    std::vector<STRING> wide;
+    for (const std::string& text : strings) wide.emplace_back(text.c_str());
     std::vector<const WCHAR*> texts;
-    for (const STRING& text : strings) texts.push_back(text.Text());
-    ASSERT_TRUE(ReportEventW(source.Get(), EVENTLOG_AUDIT_SUCCESS, 0, id, nullptr, static_cast<WORD>(texts.size()),
-                             static_cast<DWORD>(data.size()), texts.data(), const_cast<char*>(data.data())));
+    for (const STRING& text : wide) texts.push_back(text.Text());
+    ASSERT_TRUE(ReportEventW(source.Get(), EVENTLOG_AUDIT_SUCCESS, 0, id, nullptr, static_cast<WORD>(texts.size()), 0,
+                             texts.data(), nullptr));
 }
 
 void READER_TEST::ClearLog() {
@@ -83,16 +76,24 @@ void READER_TEST::ClearLog() {
     ASSERT_TRUE(ClearEventLogW(log.Get(), nullptr));
 }
 
+void READER_TEST::Configure(const std::string& key, const std::string& values) {
+    std::string text =
+        "Windows Registry Editor Version 5.00\r\n\r\n"
+        "[HKEY_LOCAL_MACHINE\\SYSTEM\\CurrentControlSet\\services\\EventLog\\Application" +
+        key + "]\r\n" + values + "\r\n";
+    std::replace(text.begin(), text.end(), '\'', '"');
+    root.Write("registry.reg", text);
+}
+
 DWORD READER_TEST::Follow(EVENT_LOG& log, std::vector<std::function<void()>> beforeWait) {
     ResetEvent(stop.Get());
     WaitScript = [this, beforeWait, next = size_t{0}](DWORD, DWORD milliseconds) mutable -> std::optional<DWORD> {
         EXPECT_EQ(15000u, milliseconds);
-        if (next < beforeWait.size()) {
-            beforeWait[next++]();
-        } else {
+        if (next == beforeWait.size()) {
             SetEvent(stop.Get());
             return WAIT_OBJECT_0 + 1;
         }
+        beforeWait[next++]();
         return std::nullopt;
     };
     const DWORD result = log.Process(stop.Get(), settings.Get());
@@ -100,26 +101,20 @@ DWORD READER_TEST::Follow(EVENT_LOG& log, std::vector<std::function<void()>> bef
     return result;
 }
 
-LINES READER_TEST::Lines() { return Said; }
-
-void READER_TEST::Forget() {
-    Said.clear();
-    Handled.clear();
-}
-
-LINES READER_TEST::Without(const std::string& beginning) {
-    LINES lines;
-    for (const std::string& line : Said) {
-        if (line.rfind(beginning, 0) != 0) lines.push_back(line);
+LINES READER_TEST::Lines() {
+    LINES lines = DEBUG_LINES::Seen();
+    for (std::string& line : lines) {
+        const size_t code = line.find(". Error code = ");
+        if (code == std::string::npos) continue;
+        const size_t text = line.rfind(". ", code - 1) + 2;
+        line.replace(text, code - text, "?");
     }
     return lines;
 }
 
-std::string READER_TEST::Anonymous(std::string line) {
-    const size_t code = line.find(". Error code = ");
-    if (code == std::string::npos) return line;
-    const size_t text = line.rfind(". ", code - 1) + 2;
-    return line.replace(text, code - text, "?");
+void READER_TEST::Forget() {
+    debugLines.Forget();
+    Handled.clear();
 }
 
 }  // namespace keldwick

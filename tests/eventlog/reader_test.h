@@ -2,7 +2,7 @@
 // what they get, and the calls that they make fail.
 #pragma once
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 #include <windows.h>
 
 #include <functional>
@@ -12,7 +12,7 @@
 
 #include "eventlog/event_log.h"
 #include "platform/handles.h"
-#include "platform/string.h"
+#include "tests/support/debug_lines.h"
 #include "tests/support/fail_call.h"
 #include "tests/support/temporary_root.h"
 
@@ -22,8 +22,8 @@ extern CALL_PLAN &readLog, &openLog, &notifyChange, &countRecords, &oldestRecord
     &localAlloc, &loadLibrary, &formatMessage;
 
 using LINES = std::vector<std::string>;
-
-std::string Narrow(const WCHAR* text);
+using testing::ElementsAre;
+using testing::StartsWith;
 
 // The agent's only log that one may write to by the documented calls stands for the Security log here.
 constexpr const WCHAR* LogName = TEXT("Application");
@@ -33,18 +33,19 @@ protected:
     READER_TEST();
     ~READER_TEST() override;
 
-    static void Write(DWORD id, std::vector<STRING> strings = {}, const std::string& data = {});
+    static void Write(DWORD id, const std::vector<std::string>& strings = {});
     static void ClearLog();
+    // Values of a key below the log's own, with quotes written as "'".
+    void Configure(const std::string& key, const std::string& values);
 
     // Follows the log: before the n-th wait of Process does `beforeWait[n]`, then waits for real; stops after the last.
     DWORD Follow(EVENT_LOG& log, std::vector<std::function<void()>> beforeWait);
 
-    static LINES Lines();  // of the debug output since the last Forget
-    static void Forget();
-    static LINES Without(const std::string& beginning);  // the lines but those that begin so
-    static std::string Anonymous(std::string line);      // an error text replaced by "?"
+    static LINES Lines();  // of the debug output since the last Forget, error texts replaced by "?"
+    void Forget();
 
     TEMPORARY_ROOT root;
+    DEBUG_LINES debugLines{DEBUG_VERBOSE};
     COMMAND_LINE options;
     HANDLE_OWNER stop{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
     HANDLE_OWNER settings{CreateEventW(nullptr, FALSE, FALSE, nullptr)};

@@ -44,20 +44,16 @@ TEST(LogonTableTest, AnEntryIsFoundOnlyOnceItsLogonWasReported) {
     table.Index(entry);
     EXPECT_EQ(entry, table.Find(Address(u"10.0.0.1")));
     EXPECT_EQ(nullptr, table.Find(IP_ADDRESS()));
+    EXPECT_EQ(nullptr, table.Find(Address(u"a00:1::"))) << "the same bytes in the other version";
+    LOGON_ENTRY* const v6 = Add(table, u"a00:1::");
+    EXPECT_EQ(v6, table.Find(Address(u"a00:1::")));
+    EXPECT_EQ(entry, table.Find(Address(u"10.0.0.1")));
+    table.Remove(v6);
     table.Remove(Add(table, u""));
     table.Remove(entry);
     EXPECT_EQ(nullptr, table.Find(Address(u"10.0.0.1")));
     EXPECT_EQ(0u, table.Count());
     EXPECT_EQ(nullptr, table.First());
-}
-
-TEST(LogonTableTest, TheSameBytesInTheOtherVersionAreAnotherAddress) {
-    LOGON_TABLE table;
-    LOGON_ENTRY* const v4 = Add(table, u"10.0.0.1");
-    EXPECT_EQ(nullptr, table.Find(Address(u"a00:1::")));
-    LOGON_ENTRY* const v6 = Add(table, u"a00:1::");
-    EXPECT_EQ(v4, table.Find(Address(u"10.0.0.1")));
-    EXPECT_EQ(v6, table.Find(Address(u"a00:1::")));
 }
 
 // Adds and removes at random among few addresses, so that many are held twice, and compares every answer.
@@ -120,37 +116,20 @@ TEST(ServiceTicketTableTest, TheOldestTicketOfAUserAndAddressIsFoundIgnoringCase
 }
 
 TEST(LogonTypesTest, ATypesTextIsReadAsTheCLibraryReadsNumbers) {
-    constexpr DWORD invalid = 0xDEAD;
-    const struct {
-        const WCHAR* text;
-        DWORD type;
-    } cases[] = {{u"3", 3},
-                 {u"", 0},
-                 {u"0x3", 3},
-                 {u"0XfF", 255},
-                 {u"3a", invalid},
-                 {u" 3", 3},
-                 {u"\t+10", 10},
-                 {u"-1", MAXDWORD},
-                 {u"3 ", invalid},
-                 {u"0x", invalid},
-                 {u"0xg", invalid},
-                 {u" 0x3", invalid},
-                 {u"-", invalid},
-                 {u" ", invalid},
-                 {u"012", 12},
-                 {u"4294967295", MAXDWORD},
-                 {u"x", invalid},
-                 {u"4294967298", MAXDWORD},
-                 {u"99999999999999999999999", MAXDWORD},
-                 {u"-4294967294", 2},
-                 {u"\xFF13", invalid},
-                 {u"0x-3", invalid}};
-    for (const auto& c : cases) {
+    const auto Parsed = [](const WCHAR* text) -> int64_t {
         DWORD type = 1;
-        const bool valid = ParseLogonType(c.text, type);
-        EXPECT_EQ(c.type, valid ? type : invalid) << STRING_UTF8(c.text).Text();
-    }
+        return ParseLogonType(text, type) ? int64_t{type} : -1;
+    };
+    EXPECT_EQ(0, Parsed(u""));
+    EXPECT_EQ(2, Parsed(u"-4294967294"));
+    for (const WCHAR* text : {u"3", u"0x3", u" 3"}) EXPECT_EQ(3, Parsed(text));
+    EXPECT_EQ(10, Parsed(u"\t+10"));
+    EXPECT_EQ(12, Parsed(u"012"));
+    EXPECT_EQ(255, Parsed(u"0XfF"));
+    for (const WCHAR* text : {u"-1", u"4294967295", u"4294967298", u"99999999999999999999999"})
+        EXPECT_EQ(MAXDWORD, Parsed(text)) << STRING_UTF8(text).Text();
+    for (const WCHAR* text : {u"3a", u"3 ", u"0x", u"0xg", u" 0x3", u"-", u" ", u"x", u"\xFF13", u"0x-3"})
+        EXPECT_EQ(-1, Parsed(text)) << STRING_UTF8(text).Text();
     NUMBER_TEXT number;
     EXPECT_EQ(TEXT_VIEW(u"REMOTE_INTERACTIVE"), LogonTypeName(10, number));
     EXPECT_EQ(TEXT_VIEW(u"6"), LogonTypeName(6, number));

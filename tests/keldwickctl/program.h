@@ -8,15 +8,27 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <iterator>
+#include <sstream>
 #include <string>
 #include <vector>
+
+using WORDS = std::vector<std::string>;
+
+// A command's words, which blanks part, and then others as they stand.
+inline WORDS Words(const std::string& command, const WORDS& more = {}) {
+    std::istringstream stream(command);
+    WORDS words{std::istream_iterator<std::string>(stream), {}};
+    words.insert(words.end(), more.begin(), more.end());
+    return words;
+}
 
 struct OUTCOME {
     int exitCode = -1;  // -1: it did not end by itself
     std::string out, error;
 };
 
-inline OUTCOME RunKeldwickctl(const TEMPORARY_ROOT& root, const std::vector<std::string>& words) {
+inline OUTCOME RunKeldwickctl(const TEMPORARY_ROOT& root, const WORDS& words) {
     std::string program = KELDWICK_BIN "/keldwickctl";
     const std::string out = root.Path("stdout.txt"), error = root.Path("stderr.txt");
     std::vector<char*> arguments{program.data()};

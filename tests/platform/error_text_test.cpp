@@ -2,39 +2,32 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
-
 #include "platform/file_version.h"
 #include "platform/resource_strings.h"
-#include "tests/support/captured_lines.h"
+#include "tests/support/debug_lines.h"
 #include "tests/support/fail_call.h"
 #include "tests/support/temporary_root.h"
 
-namespace {
-
 // What FormatMessageW answers, and what it was asked; null: the layer's own answer, empty: failure.
-const WCHAR* Answer = nullptr;
-DWORD AskedFlags = 0;
+static const WCHAR* Answer = nullptr;
+static DWORD AskedFlags = 0;
 
-}  // namespace
-
-extern "C" DWORD __real_FormatMessageW(DWORD flags, LPCVOID source, DWORD id, DWORD language, LPWSTR buffer, DWORD size,
-                                       void* arguments);
-extern "C" DWORD __wrap_FormatMessageW(DWORD flags, LPCVOID source, DWORD id, DWORD language, LPWSTR buffer, DWORD size,
-                                       void* arguments);
-extern "C" DWORD __wrap_FormatMessageW(DWORD flags, LPCVOID source, DWORD id, DWORD language, LPWSTR buffer, DWORD size,
-                                       void* arguments) {
+extern "C" {
+DWORD __real_FormatMessageW(DWORD flags, LPCVOID source, DWORD id, DWORD language, LPWSTR buffer, DWORD size,
+                            void* more);
+DWORD __wrap_FormatMessageW(DWORD flags, LPCVOID source, DWORD id, DWORD language, LPWSTR buffer, DWORD size,
+                            void* more) {
     AskedFlags = flags;
-    if (Answer == nullptr) return __real_FormatMessageW(flags, source, id, language, buffer, size, arguments);
-    const auto units = static_cast<DWORD>(lstrlenW(Answer));
+    if (Answer == nullptr) return __real_FormatMessageW(flags, source, id, language, buffer, size, more);
+    const int units = lstrlenW(Answer);
     if (units == 0) {
         SetLastError(ERROR_MR_MID_NOT_FOUND);
-        return 0;
+    } else {
+        void* const copy = LocalAlloc(LMEM_FIXED, static_cast<SIZE_T>(units + 1) * sizeof(WCHAR));
+        *reinterpret_cast<WCHAR**>(buffer) = lstrcpyW(static_cast<WCHAR*>(copy), Answer);
     }
-    auto* const copy = static_cast<WCHAR*>(LocalAlloc(LMEM_FIXED, (units + 1) * sizeof(WCHAR)));
-    std::memcpy(copy, Answer, (units + 1) * sizeof(WCHAR));
-    *reinterpret_cast<WCHAR**>(buffer) = copy;
-    return units;
+    return static_cast<DWORD>(units);
+}
 }
 
 namespace keldwick {
@@ -46,10 +39,7 @@ protected:
 };
 
 TEST_F(ErrorTexts, LineBreaksAtTheEndAndOnePeriodAreDropped) {
-    const struct {
-        const WCHAR* system;
-        const char* expected;
-    } cases[] = {
+    const std::pair<const WCHAR*, const char*> cases[] = {
         {TEXT("Access is denied.\r\n"), "Access is denied"},
         {TEXT("Two line breaks\r\n\r\n"), "Two line breaks"},
         {TEXT("Two periods..\r\n"), "Two periods."},
@@ -59,32 +49,30 @@ TEST_F(ErrorTexts, LineBreaksAtTheEndAndOnePeriodAreDropped) {
         {TEXT("."), ""},
         {TEXT(""), ""},
     };
-    for (const auto& c : cases) {
-        Answer = c.system;
+    for (const auto& [system, expected] : cases) {
+        Answer = system;
         STRING text(TEXT("old"));
-        EXPECT_EQ(*c.expected != 0, LoadErrorText(text, 5));
-        EXPECT_EQ(c.expected, Narrow(text));
+        EXPECT_EQ(*expected != 0, LoadErrorText(text, 5));
+        EXPECT_EQ(expected, Narrow(text));
         EXPECT_EQ(0x3300u, AskedFlags);
     }
     ErrorText(5, GetModuleHandleW(nullptr));
     EXPECT_EQ(0x3B00u, AskedFlags);
 }
 
-TEST_F(ErrorTexts, TheSystemsOwnTexts) {
+TEST_F(ErrorTexts, DirectoryResultsHaveTextsOfTheirOwnBesideTheSystems) {
+    const auto directory = [](DWORD result) { return Narrow(DirectoryErrorText(static_cast<HRESULT>(result))); };
     EXPECT_EQ("The system cannot find the file specified", Narrow(ErrorText(ERROR_CODE(2))));
     EXPECT_TRUE(ErrorText(0x20001234).IsEmpty());
-}
-
-TEST_F(ErrorTexts, DirectoryResultsHaveTextsOfTheirOwn) {
-    EXPECT_EQ("Bad pathname", Narrow(DirectoryErrorText(static_cast<HRESULT>(0x80005000))));
-    EXPECT_EQ("Cant convert datatype", Narrow(DirectoryErrorText(static_cast<HRESULT>(0x8000500C))));
-    EXPECT_EQ("Property not found", Narrow(DirectoryErrorText(static_cast<HRESULT>(0x8000500D))));
-    EXPECT_EQ("Column not set", Narrow(DirectoryErrorText(static_cast<HRESULT>(0x80005010))));
-    EXPECT_EQ("Invalid filter", Narrow(DirectoryErrorText(static_cast<HRESULT>(0x80005014))));
+    EXPECT_EQ("Bad pathname", directory(0x80005000));
+    EXPECT_EQ("Cant convert datatype", directory(0x8000500C));
+    EXPECT_EQ("Property not found", directory(0x8000500D));
+    EXPECT_EQ("Column not set", directory(0x80005010));
+    EXPECT_EQ("Invalid filter", directory(0x80005014));
     Answer = TEXT("The system's text.\r\n");
-    EXPECT_EQ("The system's text", Narrow(DirectoryErrorText(static_cast<HRESULT>(0x80005011))));
+    EXPECT_EQ("The system's text", directory(0x80005011));
     Answer = TEXT("");
-    EXPECT_EQ("Unknown Active Directory error", Narrow(DirectoryErrorText(static_cast<HRESULT>(0x80005012))));
+    EXPECT_EQ("Unknown Active Directory error", directory(0x80005012));
 }
 
 TEST(ResourceStrings, AMissingEntryLeavesTheTargetAlone) {
@@ -96,23 +84,22 @@ TEST(ResourceStrings, AMissingEntryLeavesTheTargetAlone) {
     STRING_UTF8 narrow;
     LoadResourceString(narrow, 122);
     EXPECT_STREQ("Unknown Active Directory error", narrow.Text());
-    EXPECT_TRUE(LoadResourceString(0).IsEmpty());
-    EXPECT_TRUE(LoadResourceString(65535).IsEmpty());
+    EXPECT_TRUE(LoadResourceString(0).IsEmpty() && LoadResourceString(65535).IsEmpty());
     EXPECT_EQ("Invalid command line argument:  \"-q\"", Narrow(ResourceFormat(nullptr, 101, TEXT("-q"))));
 }
 
 TEST(FileVersion, TheProgramsOwnAndWhatIsMissing) {
     const TEMPORARY_ROOT root;
-    STRING version(TEXT("old"));
-    STRING other(TEXT("old"));
-    EXPECT_EQ(0u,
-              GetFileVersionStrings(false, nullptr, {{TEXT("NoSuchName"), &other}, {TEXT("FileVersion"), &version}}));
-    EXPECT_EQ("1.02.05", Narrow(version));
-    EXPECT_TRUE(other.IsEmpty());
-    version.Clear();
-    EXPECT_EQ(2u,
-              GetFileVersionStrings(true, nullptr, {{TEXT("NoSuchName"), &other}, {TEXT("FileVersion"), &version}}));
-    EXPECT_EQ("1.02.05", Narrow(version)) << "the remaining names are still read";
+    STRING version, other;
+    for (const bool all : {false, true}) {
+        other.Assign(TEXT("old"));
+        version.Assign(TEXT("old"));
+        const std::initializer_list<VERSION_STRING> wanted = {{TEXT("NoSuchName"), &other},
+                                                              {TEXT("FileVersion"), &version}};
+        EXPECT_EQ(all ? 2u : 0u, GetFileVersionStrings(all, nullptr, wanted));
+        EXPECT_EQ("1.02.05", Narrow(version)) << "names after a missing one are still read";
+        EXPECT_TRUE(other.IsEmpty());
+    }
     EXPECT_EQ(2u, GetFileVersionStrings(false, TEXT("no such file.exe"), {{TEXT("FileVersion"), &version}}));
     EXPECT_TRUE(version.IsEmpty());
 }

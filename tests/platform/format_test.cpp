@@ -3,11 +3,11 @@
 
 #include <gtest/gtest.h>
 
+#include <climits>
 #include <cstdio>
-#include <limits>
 
 #include "platform/string.h"
-#include "tests/support/captured_lines.h"
+#include "tests/support/debug_lines.h"
 
 namespace keldwick {
 namespace {
@@ -31,32 +31,19 @@ void Check(const std::vector<CASE>& cases) {
 TEST(Format, EveryConventionOfTheMessages) {
     const WCHAR* const null = nullptr;
     Check({
-        {TEXT("%lu"), {DWORD(4294967295u)}, "4294967295"},
-        {TEXT("%u %u"), {WORD(65535), BYTE(255)}, "65535 255"},
-        {TEXT("%u"), {-1}, "4294967295"},
-        {TEXT("%ld %d"), {LONG(-2147483647 - 1), -1}, "-2147483648 -1"},
-        {TEXT("%d"), {DWORD(0xFFFFFFFF)}, "-1"},
+        {TEXT("%lu %u %ld %d"),
+         {MAXDWORD, WORD(65535), LONG(INT_MIN), DWORD(MAXDWORD)},
+         "4294967295 65535 -2147483648 -1"},
         {TEXT("%#lx"), {HRESULT(-2147024882)}, "0x8007000e"},
-        {TEXT("%#lx"), {DWORD(0)}, "0"},
-        {TEXT("%#x %#X"), {255, 255}, "0xff 0XFF"},
-        {TEXT("%0.4X%0.4X"), {WORD(0x409), WORD(0x4B0)}, "040904B0"},
-        {TEXT("%02u:%03u:%04u"), {5, 7, 2026}, "05:007:2026"},
-        {TEXT("%.2d %.2d"), {7, -7}, "07 -07"},
-        {TEXT("%.3f %.3f"), {0.0005, 1234567.25}, "0.001 1234567.250"},
         {TEXT("%I32u"), {DWORD(3000000000u)}, "3000000000"},
-        {TEXT("%I64u %lld"),
-         {~uint64_t{0}, std::numeric_limits<int64_t>::min()},
-         "18446744073709551615 -9223372036854775808"},
+        {TEXT("%I64u %lld"), {~uint64_t{0}, INT64_MIN}, "18446744073709551615 -9223372036854775808"},
         {TEXT("%cM %c"), {'A', WCHAR(0xE9)}, "AM \xC3\xA9"},
-        {TEXT("%%"), {}, "%"},
         {TEXT("%%Waiting %.3f seconds"), {5.0}, "%Waiting 5.000 seconds"},
         {TEXT("[%5s|%-5s|%.2s|%2s]"), {TEXT("ab"), TEXT("ab"), TEXT("abc"), TEXT("abc")}, "[   ab|ab   |ab|abc]"},
         {TEXT("%s"), {null}, "(null)"},
-        {TEXT("%s"), {STRING()}, ""},
         {TEXT("[%s|%2s]"), {TEXT_VIEW(), TEXT_VIEW()}, "[|  ]"},
         {TEXT("%s"), {TEXT_VIEW(TEXT("cut here")).substr(0, 3)}, "cut"},
         {TEXT("%s!"), {TEXT("100%s %n%lu\\%")}, "100%s %n%lu\\%!"},
-        {TEXT("nothing to say"), {}, "nothing to say"},
         {TEXT("%d"), {1, TEXT("left over")}, "1"},
     });
 }
@@ -65,8 +52,6 @@ TEST(Format, AFormatThatDoesNotFitItsArgumentsGivesNothing) {
     Check({
         {TEXT("before %"), {1}, ""},
         {TEXT("%y"), {1}, ""},
-        {TEXT("%Waiting"), {1}, ""},
-        {TEXT("%zu"), {1}, ""},
         {TEXT("%*d"), {1, 2}, ""},
         {TEXT("%n"), {1}, ""},
         {TEXT("%I16u"), {1}, ""},
@@ -86,36 +71,28 @@ TEST(Format, AFormatThatDoesNotFitItsArgumentsGivesNothing) {
 }
 
 TEST(Format, NumbersAreThoseOfTheCLibraryForEveryFlagWidthAndPrecision) {
-    const int values[] = {0, 1, -1, 9, 255, -4096, std::numeric_limits<int>::max(), std::numeric_limits<int>::min()};
+    const auto check = [](const std::string& format, auto value) {
+        char expected[512];
+        std::snprintf(expected, sizeof(expected), format.c_str(), value);
+        STRING text;
+        text.FormatV(STRING(format.c_str()).Text(), FormatArguments(value));
+        ASSERT_EQ(expected, Narrow(text)) << format << " of " << value;
+    };
     for (int flags = 0; flags < 32; ++flags) {
         for (const char* size : {"", "1", "12", ".0", ".3", "8.3", "3.8"}) {
             for (const char letter : {'d', 'u', 'x', 'X'}) {
                 std::string format = "%";
                 for (int bit = 0; bit < 5; ++bit) {
-                    if ((flags >> bit & 1) != 0 && !(letter == 'u' && bit == 3) && !(letter == 'd' && bit == 3)) {
-                        format += "-+ #0"[bit];
-                    }
+                    const bool undefined = bit == 3 && (letter == 'u' || letter == 'd');
+                    if ((flags >> bit & 1) != 0 && !undefined) format += "-+ #0"[bit];
                 }
-                format += size;
-                format += letter;
-                for (const int value : values) {
-                    char expected[64];
-                    std::snprintf(expected, sizeof(expected), format.c_str(), value);
-                    STRING text;
-                    text.FormatV(STRING(format.c_str()).Text(), FormatArguments(value));
-                    ASSERT_EQ(expected, Narrow(text)) << format << " of " << value;
-                }
+                (format += size) += letter;
+                for (const int value : {0, 1, -1, 9, 255, -4096, INT_MAX, INT_MIN}) check(format, value);
             }
         }
     }
     for (const char* format : {"%f", "%.0f", "%.3f", "%12.4f", "%-12.1f|", "%+f", "%012.2f", "% .2f"}) {
-        for (const double value : {0.0, -0.0, 1.5, -2.675, 0.0005, 1e15, 1.7976931348623157e308}) {
-            char expected[512];
-            std::snprintf(expected, sizeof(expected), format, value);
-            STRING text;
-            text.FormatV(STRING(format).Text(), FormatArguments(value));
-            ASSERT_EQ(expected, Narrow(text)) << format << " of " << value;
-        }
+        for (const double value : {0.0, -0.0, 1.5, -2.675, 0.0005, 1e15, 1.7976931348623157e308}) check(format, value);
     }
 }
 

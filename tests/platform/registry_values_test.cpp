@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/handles.h"
-#include "tests/support/captured_lines.h"
+#include "tests/support/debug_lines.h"
 #include "tests/support/fail_call.h"
 #include "tests/support/temporary_root.h"
 
@@ -28,45 +28,35 @@ protected:
 
 TEST_F(RegistryValues, NumbersMustBeDwordsOfFourBytes) {
     DWORD value = 7;
-    EXPECT_FALSE(RegGetDword(key.Get(), TEXT("V"), value));
-    EXPECT_EQ(2u, GetLastError());
+    const auto failure = [&] { return RegGetDword(key.Get(), TEXT("V"), value) ? 0 : GetLastError(); };
+    EXPECT_EQ(2u, failure());
     Store(REG_BINARY, "\1\0\0\0", 4);
-    EXPECT_FALSE(RegGetDword(key.Get(), TEXT("V"), value));
-    EXPECT_EQ(1804u, GetLastError());
+    EXPECT_EQ(1804u, failure());
     Store(REG_DWORD, "\1\0", 2);
-    EXPECT_FALSE(RegGetDword(key.Get(), TEXT("V"), value));
-    EXPECT_EQ(1804u, GetLastError());
+    EXPECT_EQ(1804u, failure());
     Store(REG_SZ, "3\0000\0\0", 6);  // a text of two digits is longer than a number, yet it is the type that is wrong
-    EXPECT_FALSE(RegGetDword(key.Get(), TEXT("V"), value));
-    EXPECT_EQ(1804u, GetLastError());
+    EXPECT_EQ(1804u, failure());
     Store(REG_DWORD, "12345", 5);
-    EXPECT_FALSE(RegGetDword(key.Get(), TEXT("V"), value));
-    EXPECT_EQ(234u, GetLastError());
+    EXPECT_EQ(234u, failure());
     EXPECT_EQ(7u, value);
     EXPECT_TRUE(RegSetDword(key.Get(), TEXT("V"), 0xFFFFFFFF));
-    EXPECT_TRUE(RegGetDword(key.Get(), TEXT("V"), value));
+    EXPECT_EQ(0u, failure());
     EXPECT_EQ(0xFFFFFFFFu, value);
 }
 
 TEST_F(RegistryValues, TextsAreReadWhateverTheirStoredEnd) {
-    const WCHAR* const text = TEXT("abcd");
     const struct {
-        const char* name;
-        DWORD type;
-        DWORD bytes;
+        DWORD type, bytes;
         const char* expected;
-    } cases[] = {
-        {"with its terminator", REG_SZ, 10, "abcd"},
-        {"not expanded", REG_EXPAND_SZ, 10, "abcd"},
-        {"without", REG_SZ, 8, "abc"},
-        {"an odd size", REG_SZ, 9, "abcd"},
-        {"one byte", REG_SZ, 1, ""},
-        {"the terminator alone", REG_SZ, 2, ""},
-        {"nothing", REG_SZ, 0, ""},
-    };
+    } cases[] = {{REG_EXPAND_SZ, 10, "abcd"},
+                 {REG_SZ, 8, "abc"},
+                 {REG_SZ, 9, "abcd"},
+                 {REG_SZ, 1, ""},
+                 {REG_SZ, 2, ""},
+                 {REG_SZ, 0, ""}};
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        Store(c.type, text, c.bytes);
+        SCOPED_TRACE(c.bytes);
+        Store(c.type, TEXT("abcd"), c.bytes);
         STRING value(TEXT("old"));
         EXPECT_TRUE(RegGetString(key.Get(), TEXT("V"), value));
         EXPECT_EQ(c.expected, Narrow(value.Text()));
@@ -83,11 +73,9 @@ TEST_F(RegistryValues, TextsAreReadWhateverTheirStoredEnd) {
 
 TEST_F(RegistryValues, ASetTextIsStoredWithItsTerminator) {
     ASSERT_TRUE(RegSetString(key.Get(), TEXT("V"), TEXT("abcd")));
-    DWORD type = 0;
-    DWORD bytes = 0;
+    DWORD type = 0, bytes = 0;
     EXPECT_TRUE(RegGetValueInfo(key.Get(), TEXT("V"), &type, &bytes));
-    EXPECT_EQ(DWORD(REG_SZ), type);
-    EXPECT_EQ(10u, bytes);
+    EXPECT_TRUE(type == REG_SZ && bytes == 10) << type << " " << bytes;
     EXPECT_TRUE(RegGetValueInfo(key.Get(), TEXT("V"), nullptr, nullptr));
     EXPECT_FALSE(RegGetValueInfo(key.Get(), TEXT("none"), &type, nullptr));
     EXPECT_EQ(2u, GetLastError());

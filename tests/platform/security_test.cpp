@@ -3,35 +3,26 @@
 #include <ntsecapi.h>
 #include <sddl.h>
 
-#include <cstring>
-
 #include "platform/account_names.h"
 #include "platform/privileges.h"
 #include "platform/sids.h"
 #include "platform/token_handle.h"
-#include "tests/support/captured_lines.h"
+#include "tests/support/debug_lines.h"
 #include "tests/support/fail_call.h"
 
-WRAP_CALL(BOOL, LookupAccountSidW,
-          (LPCWSTR system, PSID sid, LPWSTR account, LPDWORD accountUnits, LPWSTR domain, LPDWORD domainUnits,
-           PSID_NAME_USE use),
-          (system, sid, account, accountUnits, domain, domainUnits, use))
+WRAP_CALL(BOOL, LookupAccountSidW, (LPCWSTR s, PSID i, LPWSTR a, LPDWORD n, LPWSTR d, LPDWORD m, PSID_NAME_USE u),
+          (s, i, a, n, d, m, u))
 WRAP_CALL(BOOL, LookupPrivilegeValueW, (LPCWSTR system, LPCWSTR name, PLUID luid), (system, name, luid))
-WRAP_CALL(BOOL, AdjustTokenPrivileges,
-          (HANDLE token, BOOL disableAll, PTOKEN_PRIVILEGES set, DWORD bytes, PTOKEN_PRIVILEGES previous,
-           PDWORD needed),
-          (token, disableAll, set, bytes, previous, needed))
+WRAP_CALL(BOOL, AdjustTokenPrivileges, (HANDLE t, BOOL a, PTOKEN_PRIVILEGES s, DWORD b, PTOKEN_PRIVILEGES p, PDWORD n),
+          (t, a, s, b, p, n))
 WRAP_CALL(BOOL, AllocateAndInitializeSid,
-          (PSID_IDENTIFIER_AUTHORITY authority, BYTE count, DWORD s0, DWORD s1, DWORD s2, DWORD s3, DWORD s4, DWORD s5,
-           DWORD s6, DWORD s7, PSID* sid),
-          (authority, count, s0, s1, s2, s3, s4, s5, s6, s7, sid))
-WRAP_CALL(BOOL, GetTokenInformation,
-          (HANDLE token, TOKEN_INFORMATION_CLASS what, LPVOID buffer, DWORD bytes, PDWORD needed),
-          (token, what, buffer, bytes, needed))
+          (PSID_IDENTIFIER_AUTHORITY i, BYTE n, DWORD a, DWORD b, DWORD c, DWORD d, DWORD e, DWORD f, DWORD g, DWORD h,
+           PSID* s),
+          (i, n, a, b, c, d, e, f, g, h, s))
+WRAP_CALL(BOOL, GetTokenInformation, (HANDLE t, TOKEN_INFORMATION_CLASS c, LPVOID p, DWORD b, PDWORD n),
+          (t, c, p, b, n))
 WRAP_CALL(NTSTATUS, LsaLookupSids,
-          (LSA_HANDLE policy, ULONG count, PSID* sids, PLSA_REFERENCED_DOMAIN_LIST* domains,
-           PLSA_TRANSLATED_NAME* names),
-          (policy, count, sids, domains, names))
+          (LSA_HANDLE p, ULONG n, PSID* s, PLSA_REFERENCED_DOMAIN_LIST* d, PLSA_TRANSLATED_NAME* t), (p, n, s, d, t))
 
 namespace keldwick {
 namespace {
@@ -50,7 +41,7 @@ TEST(Sids, TheListIsReadInPairsUpToItsZero) {
 }
 
 TEST(Sids, AListThatIsNoneIsRefusedWithoutAskingTheSystem) {
-    const CAPTURED_LINES lines;
+    const DEBUG_LINES lines;
     const FAIL_CALL system(AllocateAndInitializeSid_calls, FALSE, ERROR_ACCESS_DENIED);
     const std::vector<std::vector<DWORD>> lists = {
         {1, 7, 0}, {0xFFFFFFFF, 7, 1}, {0xFFFFFFFF, 7}, {0xFFFFFFFF}, {}, std::vector<DWORD>(18, 0xFFFFFFFF)};
@@ -66,44 +57,40 @@ TEST(Sids, AListThatIsNoneIsRefusedWithoutAskingTheSystem) {
     EXPECT_EQ("AllocateAndInitializeSid failed. Access is denied. Error code = 5.", lines.Last());
 }
 
-TEST(AccountNames, TheLsaIsAskedOnlyThroughAnOpenPolicy) {
-    const SID_OWNER anonymous(AllocateSid(5, 0xFFFFFFFF, 7, 0));
-    STRING domain(TEXT("old"));
-    STRING account(TEXT("old"));
-    EXPECT_FALSE(LsaLookupSidName(anonymous.Get(), domain, account));
-    EXPECT_TRUE(domain.IsEmpty() && account.IsEmpty());
-    ASSERT_TRUE(OpenLsaPolicy());
-    SID_NAME_USE type{};
-    EXPECT_TRUE(LsaLookupSidName(anonymous.Get(), domain, account, &type));
-    EXPECT_EQ("NT AUTHORITY\\ANONYMOUS LOGON", Narrow(domain) + "\\" + Narrow(account));
-    EXPECT_EQ(SidTypeWellKnownGroup, type);
+class AccountNames : public testing::Test {
+protected:
+    std::string Names() const { return Narrow(domain) + "\\" + Narrow(account); }
 
-    const CAPTURED_LINES lines;
-    {
-        constexpr NTSTATUS AccessDenied = static_cast<NTSTATUS>(0xC0000022);
-        const FAIL_CALL refuses(LsaLookupSids_calls, static_cast<uintptr_t>(AccessDenied), 0);
-        EXPECT_FALSE(LsaLookupSidName(anonymous.Get(), domain, account));
-        EXPECT_EQ(5u, GetLastError());
-        EXPECT_EQ("Unable to open lookup SID. Access is denied. Error code = 0x5.", lines.Last());
-        EXPECT_EQ("ANONYMOUS LOGON", Narrow(account)) << "a look-up that failed leaves the names";
-    }
+    const SID_OWNER anonymous{AllocateSid(5, 0xFFFFFFFF, 7, 0)};
+    STRING account{TEXT("old")}, domain{TEXT("old")};
+    SID_NAME_USE type{};
+    DEBUG_LINES lines;
+};
+
+TEST_F(AccountNames, TheLsaIsAskedOnlyThroughAnOpenPolicy) {
+    EXPECT_FALSE(LsaLookupSidName(anonymous.Get(), domain, account));
+    EXPECT_EQ("\\", Names());
+    ASSERT_TRUE(OpenLsaPolicy());
+    EXPECT_TRUE(LsaLookupSidName(anonymous.Get(), domain, account, &type));
+    EXPECT_EQ("NT AUTHORITY\\ANONYMOUS LOGON", Names());
+    EXPECT_EQ(SidTypeWellKnownGroup, type);
+    const FAIL_CALL refuses(LsaLookupSids_calls, 0xC0000022, 0);  // access is denied
+    EXPECT_FALSE(LsaLookupSidName(anonymous.Get(), domain, account));
+    EXPECT_EQ(5u, GetLastError());
+    EXPECT_EQ("Unable to open lookup SID. Access is denied. Error code = 0x5.", lines.Last());
+    EXPECT_EQ("ANONYMOUS LOGON", Narrow(account)) << "a look-up that failed leaves the names";
 }
 
-TEST(AccountNames, LookupAccountSidsFailuresAreSaid) {
-    const SID_OWNER anonymous(AllocateSid(5, 0xFFFFFFFF, 7, 0));
-    STRING account(TEXT("old"));
-    STRING domain(TEXT("old"));
-    SID_NAME_USE type{};
+TEST_F(AccountNames, LookupAccountSidsFailuresAreSaid) {
     EXPECT_TRUE(LookupSidAccount(anonymous.Get(), &account, &domain, &type));
-    EXPECT_EQ("NT AUTHORITY\\ANONYMOUS LOGON", Narrow(domain) + "\\" + Narrow(account));
+    EXPECT_EQ("NT AUTHORITY\\ANONYMOUS LOGON", Names());
     EXPECT_TRUE(LookupSidAccount(anonymous.Get(), nullptr));
-    const CAPTURED_LINES lines;
     for (const int callsThatWork : {0, 1}) {
         const FAIL_CALL fails(LookupAccountSidW_calls, FALSE, ERROR_ACCESS_DENIED, callsThatWork);
         account.Assign(TEXT("old"));
         EXPECT_FALSE(LookupSidAccount(anonymous.Get(), &account, &domain, &type));
         EXPECT_EQ("LookupAccountSid failed. Access is denied. Error code = 5.", lines.Last());
-        EXPECT_TRUE(account.IsEmpty() && domain.IsEmpty());
+        EXPECT_EQ("\\", Names());
     }
     const FAIL_CALL needsNothing(LookupAccountSidW_calls, TRUE, 0);
     EXPECT_TRUE(LookupSidAccount(anonymous.Get(), &account));
@@ -111,11 +98,7 @@ TEST(AccountNames, LookupAccountSidsFailuresAreSaid) {
 }
 
 TEST(Privileges, AFailedLookUpWritesItsPrefixAloneAndKeepsItsReason) {
-    const CAPTURED_LINES lines;
-    PRIVILEGE_SET set = CreateTokenPrivilegesHelper(SE_PRIVILEGE_ENABLED, SE_SECURITY_NAME);
-    ASSERT_TRUE(set);
-    EXPECT_EQ(1u, set->PrivilegeCount);
-    EXPECT_EQ(DWORD(SE_PRIVILEGE_ENABLED), set->Privileges[0].Attributes);
+    const DEBUG_LINES lines;
     const FAIL_CALL unknown(LookupPrivilegeValueW_calls, FALSE, ERROR_NO_SUCH_PRIVILEGE);
     EXPECT_FALSE(CreateTokenPrivilegesHelper(SE_PRIVILEGE_ENABLED, TEXT("SeNoPrivilege")));
     EXPECT_EQ(DWORD(ERROR_NO_SUCH_PRIVILEGE), GetLastError());
@@ -123,58 +106,45 @@ TEST(Privileges, AFailedLookUpWritesItsPrefixAloneAndKeepsItsReason) {
 }
 
 TEST(Privileges, WhatIsNotHeldIsAFailureThoughTheCallSucceeds) {
-    const CAPTURED_LINES lines;
+    const DEBUG_LINES lines;
     const PRIVILEGE_SET set = CreateTokenPrivilegesHelper(SE_PRIVILEGE_ENABLED, SE_SECURITY_NAME);
+    ASSERT_TRUE(set);
+    EXPECT_TRUE(set->PrivilegeCount == 1 && set->Privileges[0].Attributes == SE_PRIVILEGE_ENABLED);
     PRIVILEGE_SET previous;
-    {
-        const FAIL_CALL partly(AdjustTokenPrivileges_calls, TRUE, ERROR_NOT_ALL_ASSIGNED);
-        EXPECT_EQ(1300u, SetTokenPrivileges(set));
-        EXPECT_EQ(1300u, SetTokenPrivileges(set, &previous));
-        EXPECT_TRUE(previous);
-        EXPECT_TRUE(CAPTURED_LINES::Lines().empty());
-    }
-    {
-        const FAIL_CALL all(AdjustTokenPrivileges_calls, TRUE, ERROR_SUCCESS);
-        EXPECT_EQ(0u, SetTokenPrivileges(set));
-    }
-    const FAIL_CALL none(AdjustTokenPrivileges_calls, FALSE, ERROR_ACCESS_DENIED);
+    const FAIL_CALL adjusting(AdjustTokenPrivileges_calls, TRUE, ERROR_NOT_ALL_ASSIGNED);
+    EXPECT_EQ(1300u, SetTokenPrivileges(set));
+    EXPECT_EQ(1300u, SetTokenPrivileges(set, &previous));
+    EXPECT_TRUE(previous);
+    AdjustTokenPrivileges_calls.error = ERROR_SUCCESS;
+    EXPECT_EQ(0u, SetTokenPrivileges(set));
+    EXPECT_EQ("", lines.Last());
+    AdjustTokenPrivileges_calls.result = FALSE;
+    AdjustTokenPrivileges_calls.error = ERROR_ACCESS_DENIED;
     EXPECT_EQ(5u, SetTokenPrivileges(set, &previous));
     EXPECT_FALSE(previous);
     EXPECT_EQ("SetTokenPrivileges: ", lines.Last());
 }
 
-TEST(TokenHandle, TheProcessesUserAndSession) {
+TEST(TokenHandle, FailuresToAskTheTokenAreSaidButForItsSize) {
+    const DEBUG_LINES lines;
     HEAP_BUFFER sid;
     DWORD session = 77;
     ASSERT_TRUE(GetProcessUserSid(sid, session));
     EXPECT_NE(77u, session);
     EXPECT_EQ(GetLengthSid(sid.Data()), sid.Size());
     EXPECT_EQ(0u, SidText(sid.Data()).find("S-1-"));
-}
-
-TEST(TokenHandle, FailuresToAskTheTokenAreSaidButForItsSize) {
-    const CAPTURED_LINES lines;
-    HEAP_BUFFER sid;
-    DWORD session = 0;
-    {
-        const FAIL_CALL fails(GetTokenInformation_calls, FALSE, ERROR_ACCESS_DENIED);
-        EXPECT_FALSE(GetProcessUserSid(sid, session));
-        EXPECT_EQ(5u, GetLastError());
-        EXPECT_EQ(
-            "TOKEN_HANDLE::GetInformation: GetTokenInformation class = 12 failed. Access is denied. "
-            "Error code = 5.",
-            lines.Last());
-    }
-    const size_t before = CAPTURED_LINES::Lines().size();
-    {
-        const FAIL_CALL noSize(GetTokenInformation_calls, FALSE, ERROR_INVALID_HANDLE, 1);
-        EXPECT_FALSE(GetProcessUserSid(sid, session));
-        EXPECT_EQ(before, CAPTURED_LINES::Lines().size());
-    }
-    const FAIL_CALL noUser(GetTokenInformation_calls, FALSE, ERROR_ACCESS_DENIED, 2);
-    EXPECT_FALSE(GetProcessUserSid(sid, session));
-    EXPECT_NE(std::string::npos, lines.Last().find("class = 1 failed."));
-    EXPECT_EQ(5u, GetLastError());
+    // The session is asked for first, then the user's size, then the user.
+    const auto failure = [&](DWORD error, int callsThatWork) {
+        const FAIL_CALL fails(GetTokenInformation_calls, FALSE, error, callsThatWork);
+        return GetProcessUserSid(sid, session) ? 0 : GetLastError();
+    };
+    const std::string asking = "TOKEN_HANDLE::GetInformation: GetTokenInformation class = ";
+    const std::string denied = " failed. Access is denied. Error code = 5.";
+    EXPECT_EQ(5u, failure(ERROR_ACCESS_DENIED, 0));
+    EXPECT_EQ(asking + "12" + denied, lines.Last());
+    EXPECT_NE(0u, failure(ERROR_INVALID_HANDLE, 1));
+    EXPECT_EQ(5u, failure(ERROR_ACCESS_DENIED, 2));
+    EXPECT_EQ((std::vector<std::string>{asking + "12" + denied, asking + "1" + denied}), DEBUG_LINES::Seen());
 }
 
 }  // namespace

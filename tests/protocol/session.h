@@ -15,9 +15,8 @@
 #include "tests/support/scripted_server.h"
 #include "tests/support/temporary_root.h"
 
-// While set, a waitable timer is due after a millisecond, and a pause of a minute is none.
+// While set, a waitable timer is due after a millisecond, and a pause of a minute is none; the third ends in a stop.
 extern std::atomic<bool> timeFlies;
-extern std::atomic<int> minutesPaused;
 extern std::atomic<bool> timerFails;
 
 namespace keldwick {
@@ -25,12 +24,9 @@ namespace keldwick {
 using LINES = std::vector<std::string>;
 
 inline std::string Hex(const std::string& bytes) {
-    std::string text;
-    for (const unsigned char byte : bytes) {
-        text += "0123456789ABCDEF"[byte >> 4];
-        text += "0123456789ABCDEF"[byte & 15];
-    }
-    return text;
+    STRING text;
+    text.HexText(bytes.data(), static_cast<DWORD>(bytes.size()), false, 0, ' ');
+    return STRING_UTF8(text).Text();
 }
 
 class SESSION_TEST : public testing::Test {
@@ -48,7 +44,6 @@ protected:
     }
     ~SESSION_TEST() override {
         timeFlies = timerFails = false;
-        minutesPaused = 0;
         CurrentSession = nullptr;
         session.reset();
         StopEvent = SettingsChangedEvent = nullptr;

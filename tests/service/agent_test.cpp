@@ -3,10 +3,11 @@
 #include <process.h>
 
 #include <algorithm>
+#include <map>
 #include <mutex>
+#include <sstream>
 #include <thread>
 
-#include "diagnostics/debug_output.h"
 #include "platform/registry_values.h"
 #include "service/command_line.h"
 #include "service/settings.h"
@@ -24,6 +25,8 @@ WRAP_CALL(LSTATUS, RegCreateKeyExW,
 WRAP_CALL(LSTATUS, RegSetValueExW, (HKEY k, LPCWSTR n, DWORD r, DWORD t, const BYTE* d, DWORD c), (k, n, r, t, d, c))
 WRAP_CALL(LSTATUS, RegQueryValueExW, (HKEY k, LPCWSTR n, LPDWORD r, LPDWORD t, LPBYTE d, LPDWORD c), (k, n, r, t, d, c))
 WRAP_CALL(LSTATUS, RegDeleteValueW, (HKEY k, LPCWSTR n), (k, n))
+WRAP_CALL(SERVICE_STATUS_HANDLE, RegisterServiceCtrlHandlerExW, (LPCWSTR n, LPHANDLER_FUNCTION_EX h, LPVOID c),
+          (n, h, c))
 WRAP_CALL(BOOL, StartServiceCtrlDispatcherW, (const SERVICE_TABLE_ENTRYW* t), (t))
 WRAP_CALL(BOOL, NotifyChangeEventLog, (HANDLE l, HANDLE e), (l, e))
 WRAP_CALL(DWORD, WaitForSingleObject, (HANDLE h, DWORD m), (h, m))
@@ -40,7 +43,7 @@ static void Record(LIST& list, const ITEM& item) {
     list.push_back(item);
 }
 
-static CALL_PLAN RegisterServiceCtrlHandlerExW_calls, OpenEventLogW_calls;
+static CALL_PLAN OpenEventLogW_calls;
 static HANDLE const FakeHandle = reinterpret_cast<HANDLE>(0x1230);
 
 extern "C" {
@@ -51,16 +54,8 @@ void __wrap__ZN8keldwick18ReportServiceEventEtjSt16initializer_listIPKDsE(WORD t
     char head[32];
     snprintf(head, sizeof head, "%u %08X:", type, id);
     std::string event = head;
-    for (const WCHAR* const& text : texts) event += (&text == texts.begin() ? " " : " | ") + keldwick::Narrow(text);
+    for (const WCHAR* const& text : texts) event += (&text == texts.begin() ? " " : " | ") + Narrow(text);
     Record(Recorded.events, event);
-}
-
-SERVICE_STATUS_HANDLE __wrap_RegisterServiceCtrlHandlerExW(LPCWSTR, LPHANDLER_FUNCTION_EX, LPVOID) {
-    if (RegisterServiceCtrlHandlerExW_calls.Fires()) {
-        SetLastError(RegisterServiceCtrlHandlerExW_calls.error);
-        return nullptr;
-    }
-    return reinterpret_cast<SERVICE_STATUS_HANDLE>(0x1);
 }
 
 BOOL __wrap_SetServiceStatus(SERVICE_STATUS_HANDLE, LPSERVICE_STATUS status) {
@@ -71,10 +66,10 @@ BOOL __wrap_SetServiceStatus(SERVICE_STATUS_HANDLE, LPSERVICE_STATUS status) {
 }
 
 int __wrap_MessageBoxW(HWND, LPCWSTR text, LPCWSTR caption, UINT) {
-    Record(Recorded.boxes, keldwick::Narrow(caption) + ": " + keldwick::Narrow(text));
+    Record(Recorded.boxes, Narrow(caption) + ": " + Narrow(text));
     return 1;
 }
-void __wrap_OutputDebugStringW(LPCWSTR text) { Record(Recorded.debugger, keldwick::Narrow(text)); }
+void __wrap_OutputDebugStringW(LPCWSTR text) { Record(Recorded.debugger, Narrow(text)); }
 
 HANDLE __real_OpenEventLogW(LPCWSTR server, LPCWSTR log);
 HANDLE __wrap_OpenEventLogW(LPCWSTR server, LPCWSTR log) {
@@ -128,20 +123,6 @@ CALL_PLAN &createEvent = CreateEventW_calls, &regCreateKey = RegCreateKeyExW_cal
 RECORD Recorded;
 SCRIPT Script;
 
-namespace {
-
-std::mutex LinesLock;
-std::vector<std::string> LinesSoFar;
-
-void TakeLine(const WCHAR* line) {
-    const std::lock_guard lock(LinesLock);
-    LinesSoFar.push_back(Narrow(line));
-}
-
-}  // namespace
-
-std::string Narrow(const WCHAR* text) { return STRING_UTF8(text).Text(); }
-
 AGENT_TEST::AGENT_TEST() {
     CommandLine = COMMAND_LINE();
     Settings.adServer.Clear();
@@ -149,24 +130,27 @@ AGENT_TEST::AGENT_TEST() {
     Settings.identProtocol = Settings.heartbeat = Settings.logonTtl = 0;
     StopEvent = SettingsChangedEvent = SettingsNotifyEvent = nullptr;
     Script = SCRIPT();
-    SetDebugOutputMode(0);
-    SetDebugOutputHook(TakeLine);
-    Forget();
+    Recorded = RECORD();
 }
 
 AGENT_TEST::~AGENT_TEST() {
     Script = SCRIPT();
-    SetDebugOutputHook(nullptr);
-    SetDebugOutputMode(0);  // closes the log file before its folder goes
     SettingsKey.Reset();
     StatisticsKey.Reset();
 }
 
 void AGENT_TEST::MakeSettings(const std::string& values) {
-    root.Write("registry.reg",
-               "Windows Registry Editor Version 5.00\r\n\r\n"
-               "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Vantorel Systems\\Keldwick]\r\n" +
-                   values);
+    std::map<std::string, std::string> settings;
+    std::istringstream words(values);
+    for (std::string name, value; std::getline(words >> std::ws, name, '=');) {
+        std::getline(words, value, ' ');
+        settings[name] = value;
+    }
+    std::string text = "Windows Registry Editor Version 5.00\r\n\r\n[" + KeyName + "]\r\n";
+    for (const auto& [name, value] : settings)
+        if (!value.empty()) text += "'" + name + "'=" + value + "\r\n";
+    std::replace(text.begin(), text.end(), '\'', '"');
+    root.Write("registry.reg", text);
     ASSERT_EQ(ERROR_SUCCESS, RegOpenKeyExW(HKEY_LOCAL_MACHINE, SettingsKeyPath, 0, KEY_ALL_ACCESS, SettingsKey.Put()));
 }
 
@@ -178,22 +162,6 @@ std::optional<DWORD> AGENT_TEST::Number(const WCHAR* name) {
 std::optional<std::string> AGENT_TEST::Text(const WCHAR* name) {
     STRING value;
     return RegGetString(SettingsKey.Get(), name, value) ? std::optional(Narrow(value.Text())) : std::nullopt;
-}
-
-std::vector<std::string> AGENT_TEST::Lines() {
-    const std::lock_guard lock(LinesLock);
-    return LinesSoFar;
-}
-
-void AGENT_TEST::Forget() {
-    const std::lock_guard lock(LinesLock);
-    LinesSoFar.clear();
-    Recorded = RECORD();
-}
-
-bool AGENT_TEST::Said(const std::string& line) {
-    const std::vector<std::string> lines = Lines();
-    return std::find(lines.begin(), lines.end(), line) != lines.end();
 }
 
 }  // namespace keldwick

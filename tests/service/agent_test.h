@@ -2,7 +2,7 @@
 // outside (lines, events, states, message boxes) recorded, and the calls that they make fail.
 #pragma once
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 #include <windows.h>
 
 #include <functional>
@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/string.h"
+#include "tests/support/debug_lines.h"
 #include "tests/support/fail_call.h"
 #include "tests/support/temporary_root.h"
 
@@ -41,23 +41,34 @@ struct SCRIPT {
 extern RECORD Recorded;
 extern SCRIPT Script;
 
-std::string Narrow(const WCHAR* text);
+using LINES = std::vector<std::string>;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+const std::string KeyName = "HKEY_LOCAL_MACHINE\\SOFTWARE\\Vantorel Systems\\Keldwick";
 
 class AGENT_TEST : public ::testing::Test {
 protected:
     AGENT_TEST();
     ~AGENT_TEST() override;
 
-    // Makes the settings key with these lines in it, as registry editors write them, and opens it.
+    // Makes the settings key with these values in it and opens it: "Name='text' Other=dword:1", of one name the last;
+    // without text behind its "=", no such value.
     void MakeSettings(const std::string& values);
     static std::optional<DWORD> Number(const WCHAR* name);
     static std::optional<std::string> Text(const WCHAR* name);
 
-    static std::vector<std::string> Lines();  // of the debug output, without prefix
-    static void Forget();                     // what was recorded
-    static bool Said(const std::string& line);
+    static LINES Lines() { return DEBUG_LINES::Seen(); }  // without prefix
+    static bool Said(const std::string& line) { return DEBUG_LINES::Count(Lines(), line) != 0; }
+    void Forget() {  // what was recorded
+        debugLines.Forget();
+        Recorded = RECORD();
+    }
 
     TEMPORARY_ROOT root;
+    FAIL_CALL registered{registerHandler, 1, NO_ERROR};  // by a manager that there is none of
+    DEBUG_LINES debugLines;                              // ends before its folder, and closes the log file there
 };
 
 }  // namespace keldwick

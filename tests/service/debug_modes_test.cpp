@@ -3,100 +3,67 @@
 #include <cstdlib>
 
 #include "agent_test.h"
-#include "diagnostics/debug_output.h"
 #include "service/settings.h"
 
 namespace keldwick {
 namespace {
 
-using DebugModesTest = AGENT_TEST;
+class DebugModesTest : public AGENT_TEST {
+protected:
+    static COMMAND_LINE Loaded() {
+        COMMAND_LINE line;
+        line.environmentDebugMode = line.registryDebugMode = 77;
+        LoadSavedDebugOutputModes(line);
+        return line;
+    }
+};
 
 TEST_F(DebugModesTest, TheEnvironmentCountsOnlyWhenItIsAllOneNumber) {
-    const struct {
-        const char* text;
-        DWORD mode;
-    } cases[] = {{"0x101", 0x101},
-                 {"0XaB", 0xAB},
-                 {"257", 0x101},
-                 {"12abc", 0},
-                 {"0X", 0},
-                 {"", 0},
-                 {"-1", 0},
-                 {"0x1 ", 0},
-                 {"4294967295", MAXDWORD},
-                 {"ff", 0},
-                 {"99999999999999999999999", MAXDWORD}};
     MakeSettings("");
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.text);
-        setenv("Keldwick", c.text, 1);
-        COMMAND_LINE line;
-        line.environmentDebugMode = 77;
-        LoadSavedDebugOutputModes(line);
-        EXPECT_EQ(c.mode, line.environmentDebugMode);
-    }
+    EXPECT_EQ(0u, Loaded().environmentDebugMode);
+    const auto mode = [](const char* text) {
+        setenv("Keldwick", text, 1);
+        return Loaded().environmentDebugMode;
+    };
+    EXPECT_EQ(0x101u, mode("0x101"));
+    EXPECT_EQ(0xABu, mode("0XaB"));
+    EXPECT_EQ(0x101u, mode("257"));
+    for (const char* most : {"4294967295", "99999999999999999999999"}) EXPECT_EQ(MAXDWORD, mode(most)) << most;
+    for (const char* none : {"12abc", "0X", "", "-1", "0x1 ", "ff"}) EXPECT_EQ(0u, mode(none)) << none;
     unsetenv("Keldwick");
-    COMMAND_LINE line;
-    LoadSavedDebugOutputModes(line);
-    EXPECT_EQ(0u, line.environmentDebugMode);
 }
 
 TEST_F(DebugModesTest, TheRegistryModeIsReadAndItsProblemsGoToTheDebugger) {
-    const struct {
-        const char* name;
-        const char* values;
-        DWORD mode;
-        const char* debugger;
-    } cases[] = {
-        {"present", "\"DebugOutput\"=dword:00000102\r\n", 0x102, ""},
-        {"absent", "", 0, ""},
-        {"a text", "\"DebugOutput\"=\"5\"\r\n", 0, "Unable to read registry value = \"DebugOutput\". \n    "},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        Forget();
-        MakeSettings(c.values);
-        COMMAND_LINE line;
-        LoadSavedDebugOutputModes(line);
-        EXPECT_EQ(c.mode, line.registryDebugMode);
-        if (*c.debugger == 0) {
-            EXPECT_TRUE(Recorded.debugger.empty());
-        } else {
-            ASSERT_EQ(1u, Recorded.debugger.size());
-            EXPECT_EQ(0u, Recorded.debugger[0].find(c.debugger));
-            EXPECT_NE(std::string::npos, Recorded.debugger[0].find(". Error code = 1804.\n\n"));
-        }
-    }
-}
-
-TEST_F(DebugModesTest, AMissingKeyIsSaidToTheDebuggerWithItsFullName) {
-    COMMAND_LINE line;
-    LoadSavedDebugOutputModes(line);
-    ASSERT_EQ(1u, Recorded.debugger.size());
-    EXPECT_EQ(0u,
-              Recorded.debugger[0].find(
-                  "Unable to open registry key \"HKEY_LOCAL_MACHINE\\SOFTWARE\\Vantorel Systems\\Keldwick\".\n    "));
-    EXPECT_NE(std::string::npos, Recorded.debugger[0].find(". Error code = 2.\n\n"));
+    EXPECT_EQ(0u, Loaded().registryDebugMode);
+    EXPECT_THAT(Recorded.debugger,
+                ElementsAre(AllOf(StartsWith("Unable to open registry key \"" + KeyName + "\".\n    "),
+                                  HasSubstr(". Error code = 2.\n\n"))));
+    Forget();
+    MakeSettings("DebugOutput=dword:102");
+    EXPECT_EQ(0x102u, Loaded().registryDebugMode);
+    MakeSettings("");
+    EXPECT_EQ(0u, Loaded().registryDebugMode);
+    EXPECT_THAT(Recorded.debugger, ElementsAre());
+    MakeSettings("DebugOutput='5'");
+    EXPECT_EQ(0u, Loaded().registryDebugMode);
+    EXPECT_THAT(Recorded.debugger,
+                ElementsAre(AllOf(StartsWith("Unable to read registry value = \"DebugOutput\". \n    "),
+                                  HasSubstr(". Error code = 1804.\n\n"))));
 }
 
 TEST_F(DebugModesTest, TheFirstSourceWithAModeWinsAndThereIsAlwaysALogFile) {
     const struct {
-        const char* name;
-        DWORD commandLine, registry, environment;
+        DWORD commandLine, registry, environment, mode;
         const char* line;
-        DWORD mode;
     } cases[] = {
-        {"none", 0, 0, 0, "Debug output mode (from defaults) = Log, Overwrite existing", 0x6},
-        {"command line", 0x1, 0x8, 0x8, "Debug output mode (from command line) = Debugger, Log, Overwrite existing",
-         0x7},
-        {"registry", 0, 0xA, 0x1, "Debug output mode (from registry value = \"DebugOutput\") = Log, Rename existing ",
-         0xA},
-        {"environment", 0, 0, 0x102, "Debug output mode (from environment variable = \"Keldwick\") = Log, Verbose ",
-         0x102},
+        {0, 0, 0, 0x6, "defaults) = Log, Overwrite existing"},
+        {0x1, 0x8, 0x8, 0x7, "command line) = Debugger, Log, Overwrite existing"},
+        {0, 0xA, 0x1, 0xA, "registry value = \"DebugOutput\") = Log, Rename existing "},
+        {0, 0, 0x102, 0x102, "environment variable = \"Keldwick\") = Log, Verbose "},
     };
     const WCHAR* arguments[] = {TEXT("Keldwick.exe"), TEXT("-A")};
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
+        SCOPED_TRACE(c.line);
         Forget();
         COMMAND_LINE line;
         ASSERT_EQ(nullptr, ParseCommandLine(line, arguments, 2));
@@ -105,62 +72,57 @@ TEST_F(DebugModesTest, TheFirstSourceWithAModeWinsAndThereIsAlwaysALogFile) {
         line.environmentDebugMode = c.environment;
         ApplyDebugOutputMode(line);
         EXPECT_EQ(c.mode, DebugOutputMode());
-        EXPECT_TRUE(Said(c.line)) << ::testing::PrintToString(Lines());
+        const std::string said = std::string("Debug output mode (from ") + c.line;
+        EXPECT_TRUE(Said(said)) << testing::PrintToString(Lines());
         EXPECT_EQ((c.mode & DEBUG_VERBOSE) != 0, Said("Argument[1] = \"-A\""));
-        EXPECT_NE(std::string::npos, root.Read("Keldwick.log").find(c.line));
+        EXPECT_THAT(root.Read("Keldwick.log"), HasSubstr(said));
     }
 }
 
 TEST_F(DebugModesTest, SavingKeepsTheCommandLinesModeAndOptionCDeletesIt) {
     MakeSettings("");
     COMMAND_LINE line;
-    SaveDebugOutputMode(line, SettingsKey.Get());  // no mode given: nothing to keep
-    EXPECT_EQ(std::nullopt, Number(TEXT("DebugOutput")));
+    const auto saved = [&] {
+        SaveDebugOutputMode(line, SettingsKey.Get());
+        return Number(TEXT("DebugOutput"));
+    };
+    EXPECT_EQ(std::nullopt, saved());  // no mode given: nothing to keep
     line.debugMode = 0x102;
     SaveDebugOutputMode(line, nullptr);
-    EXPECT_TRUE(Lines().empty());
-    SaveDebugOutputMode(line, SettingsKey.Get());
-    EXPECT_EQ(0x102u, Number(TEXT("DebugOutput")));
+    EXPECT_EQ(LINES(), Lines());
+    EXPECT_EQ(0x102u, saved());
     line.clearSavedMode = true;
-    SaveDebugOutputMode(line, SettingsKey.Get());
-    EXPECT_EQ(std::nullopt, Number(TEXT("DebugOutput")));
-    SaveDebugOutputMode(line, SettingsKey.Get());  // nothing there: cleared all the same
-    const std::vector<std::string> expected{"Debug output mode saved", "Saved debug output mode cleared",
-                                            "Saved debug output mode cleared"};
-    EXPECT_EQ(expected, Lines());
+    EXPECT_EQ(std::nullopt, saved());
+    EXPECT_EQ(std::nullopt, saved());  // nothing there: cleared all the same
+    const std::string cleared = "Saved debug output mode cleared";
+    EXPECT_EQ((LINES{"Debug output mode saved", cleared, cleared}), Lines());
 
     Forget();
-    {
-        const FAIL_CALL denied(regDeleteValue, ERROR_ACCESS_DENIED, 0);
-        SaveDebugOutputMode(line, SettingsKey.Get());
-        EXPECT_EQ(DWORD{ERROR_ACCESS_DENIED}, GetLastError());
-    }
+    const FAIL_CALL denied(regDeleteValue, ERROR_ACCESS_DENIED, 0);
+    SaveDebugOutputMode(line, SettingsKey.Get());
+    EXPECT_EQ(DWORD{ERROR_ACCESS_DENIED}, GetLastError());
     line.clearSavedMode = false;
     const FAIL_CALL full(regSetValue, ERROR_DISK_FULL, 0);
-    SaveDebugOutputMode(line, SettingsKey.Get());
-    EXPECT_TRUE(Lines().empty());
+    EXPECT_EQ(std::nullopt, saved());
+    EXPECT_EQ(LINES(), Lines());
 }
 
 TEST_F(DebugModesTest, AReloadTakesAChangedModeAsItStandsAndSaysNothingOfZero) {
     COMMAND_LINE line;
     line.registryDebugMode = 0x2;
-    MakeSettings("\"DebugOutput\"=dword:00000120\r\n");
-    ReloadDebugOutputMode(line, SettingsKey.Get());
+    MakeSettings("DebugOutput=dword:120");
+    for (int i = 0; i < 2; ++i) ReloadDebugOutputMode(line, SettingsKey.Get());
     EXPECT_EQ(0x120u, DebugOutputMode());
-    EXPECT_EQ(std::vector<std::string>{"Debug output mode (from registry value = \"DebugOutput\") = Verbose, Console "},
-              Lines());
+    EXPECT_EQ(LINES{"Debug output mode (from registry value = \"DebugOutput\") = Verbose, Console "}, Lines());
     Forget();
-    ReloadDebugOutputMode(line, SettingsKey.Get());  // the same again
-    EXPECT_TRUE(Lines().empty());
-    line.clearSavedMode = true;
     MakeSettings("");
-    ReloadDebugOutputMode(line, SettingsKey.Get());
-    EXPECT_EQ(0x120u, DebugOutputMode());
-    line.clearSavedMode = false;
-    ReloadDebugOutputMode(line, SettingsKey.Get());
-    EXPECT_EQ(0u, DebugOutputMode());
+    for (const bool clear : {true, false}) {
+        line.clearSavedMode = clear;
+        ReloadDebugOutputMode(line, SettingsKey.Get());
+        EXPECT_EQ(clear ? 0x120u : 0u, DebugOutputMode());
+    }
     EXPECT_EQ(0u, line.registryDebugMode);
-    EXPECT_TRUE(Lines().empty());
+    EXPECT_EQ(LINES(), Lines());
 }
 
 }  // namespace

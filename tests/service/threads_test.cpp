@@ -1,13 +1,10 @@
 #include "service/threads.h"
 
 #include "agent_test.h"
-#include "diagnostics/debug_output.h"
 #include "platform/handles.h"
 
 namespace keldwick {
 namespace {
-
-using LINES = std::vector<std::string>;
 
 // Events stand for threads: signalled, they have ended.
 class ThreadsTest : public AGENT_TEST {
@@ -29,56 +26,51 @@ int Asked = 0;
 void CountAsking(HANDLE) { ++Asked; }
 
 TEST_F(ThreadsTest, ThreadsThatEndAreCountedNamedAndTheirSlotsEmptied) {
-    HANDLE single = Thread(true);
-    HANDLE none = nullptr;
-    HANDLE array[] = {Thread(true), Thread(true)};
-    EveryWait(250, std::nullopt);
-    Asked = 0;
-    StopThreads(5000, DebugPrintText,
-                {{TEXT("A"), CountAsking, nullptr, &single},
-                 {TEXT("None"), CountAsking, nullptr, &none},
-                 {TEXT("B"), CountAsking, nullptr, array, true, 2}});
-    EXPECT_EQ(
-        (LINES{"Stopping A thread", "Stopping B thread #1", "Stopping B thread #2",
-               "%Waiting 5.000 seconds for 3 threads to stop ...", "3 threads stopped normally in 0.250 seconds"}),
-        Lines());
-    EXPECT_EQ(3, Asked);
-    EXPECT_EQ(nullptr, single);
-    EXPECT_EQ(nullptr, array[0]);
-    EXPECT_EQ(nullptr, array[1]);
-}
-
-TEST_F(ThreadsTest, WhatAWaitLeavesBehindIsTerminatedOrNoted) {
-    const struct {
-        const char* name;
-        DWORD result;
-        const char* line;  // its beginning; null: none
-    } cases[] = {
-        {"time-out", WAIT_TIMEOUT, nullptr},
-        {"failure", WAIT_FAILED, "Failure waiting for 2 threads to complete. "},
-        {"abandoned", WAIT_ABANDONED_0, "Unexpected result = 128 waiting for 2 threads to stop"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
+    for (const THREAD_LOG log : {THREAD_LOG{DebugPrintText}, THREAD_LOG{}}) {
         Forget();
-        HANDLE array[] = {Thread(true), Thread(false)};
-        const HANDLE running = array[1];
-        EveryWait(5000, c.result);
-        StopThreads(5000, DebugPrintText, {{TEXT("B"), nullptr, nullptr, array, true, 2}});
-        LINES lines = Lines();
-        ASSERT_EQ(c.line ? 6u : 5u, lines.size());
-        if (c.line) {
-            EXPECT_EQ(0u, lines[3].find(c.line));
-            lines.erase(lines.begin() + 3);
-        }
-        EXPECT_EQ("B thread #1 stopped", lines[3]);
-        EXPECT_EQ("Terminating B thread #2", lines[4]);
-        EXPECT_EQ(std::vector<HANDLE>{running}, Recorded.terminated);
-        EXPECT_EQ(nullptr, array[1]);
+        HANDLE single = Thread(true);
+        HANDLE none = nullptr;
+        HANDLE array[] = {Thread(true), Thread(true)};
+        EveryWait(250, std::nullopt);
+        Asked = 0;
+        StopThreads(5000, log,
+                    {{TEXT("A"), CountAsking, nullptr, &single},
+                     {TEXT("None"), CountAsking, nullptr, &none},
+                     {TEXT("B"), CountAsking, nullptr, array, true, 2}});
+        const LINES expected{"Stopping A thread", "Stopping B thread #1", "Stopping B thread #2",
+                             "%Waiting 5.000 seconds for 3 threads to stop ...",
+                             "3 threads stopped normally in 0.250 seconds"};
+        EXPECT_EQ(log ? expected : LINES(), Lines());
+        EXPECT_EQ(3, Asked);
+        for (const HANDLE slot : {single, array[0], array[1]}) EXPECT_EQ(nullptr, slot);
     }
 }
 
-TEST_F(ThreadsTest, ASingleThreadThatHangsIsTerminatedByItsName) {
+TEST_F(ThreadsTest, WhatAWaitLeavesBehindIsTerminatedOrNoted) {
+    const std::pair<DWORD, const char*> cases[] = {
+        // the wait's result and how the line about it begins
+        {WAIT_TIMEOUT, ""},
+        {WAIT_FAILED, "Failure waiting for 2 threads to complete. "},
+        {WAIT_ABANDONED_0, "Unexpected result = 128 waiting for 2 threads to stop"}};
+    for (const auto& [result, line] : cases) {
+        SCOPED_TRACE(line);
+        Forget();
+        HANDLE array[] = {Thread(true), Thread(false)};
+        const HANDLE running = array[1];
+        EveryWait(5000, result);
+        StopThreads(5000, DebugPrintText, {{TEXT("B"), nullptr, nullptr, array, true, 2}});
+        LINES lines = Lines();
+        if (*line != 0) {
+            EXPECT_THAT(lines.at(3), StartsWith(line));
+            lines.erase(lines.begin() + 3);
+        }
+        ASSERT_EQ(5u, lines.size());
+        EXPECT_EQ("B thread #1 stopped", lines[3]);
+        EXPECT_EQ("Terminating B thread #2", lines[4]);
+        EXPECT_THAT(Recorded.terminated, ElementsAre(running));
+        EXPECT_EQ(nullptr, array[1]);
+    }
+    Forget();
     HANDLE slot = Thread(false);
     EveryWait(5000, WAIT_TIMEOUT);
     StopThreads(5000, DebugPrintText, {{TEXT("Settings"), nullptr, nullptr, &slot}});
@@ -89,46 +81,31 @@ TEST_F(ThreadsTest, ASingleThreadThatHangsIsTerminatedByItsName) {
 
 // The whole time since the start is taken off after every chunk of 64.
 TEST_F(ThreadsTest, LaterChunksGetTheTimeThatTheAccountingLeaves) {
-    const struct {
-        DWORD timeout;
-        LINES waits;
-    } cases[] = {
-        {5000,
-         {"%Waiting 5.000 seconds for 64 threads to stop ...", "%Waiting 4.000 seconds for 64 threads to stop ...",
-          "%Waiting 2.000 seconds for 1 thread to stop ..."}},
-        {2500,
-         {"%Waiting 2.500 seconds for 64 threads to stop ...", "%Waiting 1.500 seconds for 64 threads to stop ..."}},
-        {1000, {"%Waiting 1.000 seconds for 64 threads to stop ..."}},
-        {0, {}},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.timeout);
+    const std::pair<DWORD, LINES> cases[] = {
+        {5000, {"5.000 seconds for 64 threads", "4.000 seconds for 64 threads", "2.000 seconds for 1 thread"}},
+        {2500, {"2.500 seconds for 64 threads", "1.500 seconds for 64 threads"}},
+        {1000, {"1.000 seconds for 64 threads"}},
+        {0, {}}};
+    for (const auto& [timeout, expected] : cases) {
+        SCOPED_TRACE(timeout);
         Forget();
         std::vector<HANDLE> array;
         for (int i = 0; i < 129; ++i) array.push_back(Thread(false));
         EveryWait(1000, WAIT_OBJECT_0);
-        StopThreads(c.timeout, DebugPrintText, {{TEXT("B"), nullptr, nullptr, array.data(), true, 129}});
+        StopThreads(timeout, DebugPrintText, {{TEXT("B"), nullptr, nullptr, array.data(), true, 129}});
         LINES waits;
-        for (const std::string& line : Lines()) {
-            if (line[0] == '%') waits.push_back(line);
-        }
-        EXPECT_EQ(c.waits, waits);
+        for (const std::string& line : Lines())
+            if (line[0] == '%') waits.push_back(line.substr(9, line.find(" to stop ...") - 9));
+        EXPECT_EQ(expected, waits);
         EXPECT_EQ(std::vector<HANDLE>(129), array);
     }
-}
-
-TEST_F(ThreadsTest, WithoutALogNothingIsSaid) {
-    HANDLE slot = Thread(true);
-    StopThreads(5000, nullptr, {{TEXT("A"), nullptr, nullptr, &slot}});
-    EXPECT_TRUE(Lines().empty());
-    EXPECT_EQ(nullptr, slot);
 }
 
 HANDLE Gate;
 unsigned WINAPI WaitAtGate(void*) { return WaitForSingleObject(Gate, 5000); }
 void OpenGate(HANDLE gate) { SetEvent(gate); }
 
-TEST_F(ThreadsTest, AGroupStopsItsThreadsUnlessItWasReleased) {
+TEST_F(ThreadsTest, AGroupStopsItsThreadsUnlessItWasReleasedOrHasNone) {
     Script = SCRIPT();
     const HANDLE_OWNER gate(CreateEventW(nullptr, TRUE, FALSE, nullptr));
     Gate = gate.Get();
@@ -149,17 +126,15 @@ TEST_F(ThreadsTest, AGroupStopsItsThreadsUnlessItWasReleased) {
     EXPECT_EQ("Stopping Gate thread", Lines()[0]);
     EXPECT_TRUE(Recorded.terminated.empty());
     StopThreads(5000, nullptr, {{TEXT("Gate"), nullptr, nullptr, slots}});
-}
 
-TEST_F(ThreadsTest, AGroupWithoutAThreadHasNothingToStop) {
-    HANDLE slot = nullptr;
+    Forget();
+    const FAIL_CALL none(beginThread, 0, ERROR_NOT_ENOUGH_MEMORY);
     {
-        const FAIL_CALL none(beginThread, 0, ERROR_NOT_ENOUGH_MEMORY);
-        THREAD_GROUP group(TEXT("Gate"), &slot, DebugPrintText, OpenGate, nullptr);
+        THREAD_GROUP group(TEXT("Gate"), slots, DebugPrintText, OpenGate, nullptr);
         EXPECT_FALSE(group.Start(WaitAtGate));
     }
-    EXPECT_EQ(nullptr, slot);
-    EXPECT_TRUE(Lines().empty());
+    EXPECT_EQ(nullptr, slots[0]);
+    EXPECT_EQ(LINES(), Lines());
 }
 
 }  // namespace

@@ -11,6 +11,12 @@
 #include "diagnostics/debug_output.h"
 #include "platform/string.h"
 
+inline std::string Narrow(const WCHAR* text) { return keldwick::STRING_UTF8(text).Text(); }
+inline std::string Narrow(const keldwick::STRING& text) {
+    const keldwick::STRING_UTF8 narrow(text);
+    return {narrow.Text(), narrow.Length()};
+}
+
 class DEBUG_LINES {
 public:
     // categories: of DEBUG_CATEGORIES, the ones that are wanted besides the lines without one.
@@ -28,25 +34,33 @@ public:
 
     // What has been written since the last call, in order, as UTF-8.
     std::vector<std::string> Take() {
-        const std::lock_guard lock(Mutex());
-        return std::exchange(Lines(), {});
+        const std::lock_guard lock(mutex);
+        return std::exchange(seen, {});
+    }
+    // The same, each line break with its indentation written as "|" and each quote as "'".
+    std::vector<std::string> TakePlain() {
+        std::vector<std::string> lines = Take();
+        for (std::string& line : lines) {
+            std::replace(line.begin(), line.end(), '"', '\'');
+            for (size_t at; (at = line.find("\n    ")) != line.npos;) line.replace(at, 5, "|");
+        }
+        return lines;
     }
     void Forget() { Take(); }
+    static std::vector<std::string> Seen() {
+        const std::lock_guard lock(mutex);
+        return seen;
+    }
+    static std::string Last() { return Seen().empty() ? "" : Seen().back(); }
     static size_t Count(const std::vector<std::string>& lines, const std::string& line) {
         return static_cast<size_t>(std::count(lines.begin(), lines.end(), line));
     }
 
 private:
-    static std::mutex& Mutex() {
-        static std::mutex mutex;
-        return mutex;
-    }
-    static std::vector<std::string>& Lines() {
-        static std::vector<std::string> lines;
-        return lines;
-    }
     static void Take(const WCHAR* line) {
-        const std::lock_guard lock(Mutex());
-        Lines().emplace_back(keldwick::STRING_UTF8(line).Text());
+        const std::lock_guard lock(mutex);
+        seen.push_back(Narrow(line));
     }
+    inline static std::mutex mutex;
+    inline static std::vector<std::string> seen;
 };

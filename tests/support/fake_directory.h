@@ -27,10 +27,7 @@ public:
     FAKE_DIRECTORY(const FAKE_DIRECTORY&) = delete;
     FAKE_DIRECTORY& operator=(const FAKE_DIRECTORY&) = delete;
 
-    static FAKE_DIRECTORY*& Current() {
-        static FAKE_DIRECTORY* current = nullptr;
-        return current;
-    }
+    static FAKE_DIRECTORY*& Current() { return current; }
 
     std::map<std::tuple<LONG, std::u16string, LONG>, std::u16string> names;  // (type, name, wanted type) to name
     std::map<std::u16string, OBJECT> objects;                                // by ADsPath
@@ -40,6 +37,9 @@ public:
     int live = 0;                    // interface pointers not yet released
 
     void Called(const std::string& what) { calls.push_back(what); }
+
+private:
+    inline static FAKE_DIRECTORY* current = nullptr;
 };
 
 namespace fake {
@@ -139,7 +139,6 @@ private:
 
 }  // namespace fake
 
-extern "C" HRESULT __wrap_CoCreateInstance(REFCLSID, LPUNKNOWN, DWORD, REFIID, LPVOID* object);
 extern "C" HRESULT __wrap_CoCreateInstance(REFCLSID, LPUNKNOWN, DWORD, REFIID, LPVOID* object) {
     *object = nullptr;
     if (FAKE_DIRECTORY::Current() == nullptr) return REGDB_E_CLASSNOTREG;
@@ -147,8 +146,6 @@ extern "C" HRESULT __wrap_CoCreateInstance(REFCLSID, LPUNKNOWN, DWORD, REFIID, L
     return S_OK;
 }
 
-extern "C" HRESULT __wrap_ADsOpenObject(LPCWSTR path, LPCWSTR user, LPCWSTR password, DWORD flags, REFIID,
-                                        void** object);
 extern "C" HRESULT __wrap_ADsOpenObject(LPCWSTR path, LPCWSTR user, LPCWSTR password, DWORD flags, REFIID,
                                         void** object) {
     *object = nullptr;

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -18,27 +19,25 @@
 
 class SCRIPTED_SERVER {
 public:
-    // What is sent for a request. After it the connection is closed when `close` says so.
-    struct ANSWER {
-        std::string bytes;
-        bool close = false;
-    };
-    using SCRIPT = std::function<ANSWER(const std::string& request)>;
+    using SCRIPT = std::function<std::string(const std::string& request)>;  // gives what is sent for a request
 
-    explicit SCRIPTED_SERVER(uint16_t port = 1306) {
+    SCRIPTED_SERVER() {
         listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
         const int on = 1;
         setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
-        const sockaddr_in address = Address(port);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(1306);
+        inet_pton(AF_INET, Host().c_str(), &address.sin_addr);
         if (bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
-            listen(listener, 16) != 0 || pipe(wake) != 0)
+            listen(listener, 16) != 0 || pipe2(wake, O_CLOEXEC) != 0)
             std::abort();
         thread = std::thread([this] { Serve(); });
     }
     ~SCRIPTED_SERVER() {
-        Do('q');
+        close(wake[1]);
         thread.join();
-        for (const int descriptor : {listener, wake[0], wake[1]}) close(descriptor);
+        for (const int descriptor : {listener, wake[0]}) close(descriptor);
     }
     SCRIPTED_SERVER(const SCRIPTED_SERVER&) = delete;
     SCRIPTED_SERVER& operator=(const SCRIPTED_SERVER&) = delete;
@@ -66,7 +65,7 @@ public:
     // The next request, once it is there: the agent may have given up on its answer long before.
     std::string AwaitRequest() {
         std::unique_lock lock(mutex);
-        changed.wait(lock, [&] { return !requests.empty(); });
+        arrived.wait(lock, [&] { return !requests.empty(); });
         const std::string request = requests.front();
         requests.erase(requests.begin());
         return request;
@@ -75,26 +74,8 @@ public:
         const std::lock_guard lock(mutex);
         return std::exchange(requests, {});
     }
-    // Closes every connection, as a server that restarts does, and returns when that is done.
-    void CloseConnections() {
-        std::unique_lock lock(mutex);
-        const int wanted = closes + 1;
-        Do('c');
-        changed.wait(lock, [&] { return closes >= wanted; });
-    }
 
 private:
-    static sockaddr_in Address(uint16_t port) {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(port);
-        inet_pton(AF_INET, Host().c_str(), &address.sin_addr);
-        return address;
-    }
-    void Do(char what) {
-        if (write(wake[1], &what, 1) != 1) std::abort();
-    }
-
     struct CLIENT {
         int socket;
         std::string bytes;
@@ -102,20 +83,11 @@ private:
 
     void Serve() {
         std::vector<CLIENT> clients;
-        for (bool running = true; running;) {
+        for (;;) {
             std::vector<pollfd> wanted{{wake[0], POLLIN, 0}, {listener, POLLIN, 0}};
             for (const CLIENT& client : clients) wanted.push_back({client.socket, POLLIN, 0});
             if (poll(wanted.data(), wanted.size(), -1) < 0) continue;
-            char what = 0;
-            if (wanted[0].revents != 0 && read(wake[0], &what, 1) == 1 && what != 0) {
-                for (const CLIENT& client : clients) close(client.socket);
-                clients.clear();
-                running = what != 'q';
-                const std::lock_guard lock(mutex);
-                ++closes;
-                changed.notify_all();
-                continue;
-            }
+            if (wanted[0].revents != 0) break;
             for (size_t i = clients.size(); i-- > 0;)
                 if (wanted[i + 2].revents != 0 && !Read(clients[i])) {
                     close(clients[i].socket);
@@ -123,6 +95,7 @@ private:
                 }
             if (wanted[1].revents != 0) clients.push_back({accept(listener, nullptr, nullptr), {}});
         }
+        for (const CLIENT& client : clients) close(client.socket);
     }
 
     bool Read(CLIENT& client) {
@@ -141,20 +114,18 @@ private:
             const std::string request = client.bytes.substr(0, length);
             client.bytes.erase(0, length);
             requests.push_back(request);
-            changed.notify_all();
-            const ANSWER answer = script ? script(request) : ANSWER{GoodAnswer(request)};
-            if (!answer.bytes.empty()) send(client.socket, answer.bytes.data(), answer.bytes.size(), MSG_NOSIGNAL);
-            if (answer.close) return false;
+            arrived.notify_all();
+            const std::string answer = script ? script(request) : GoodAnswer(request);
+            if (!answer.empty()) send(client.socket, answer.data(), answer.size(), MSG_NOSIGNAL);
         }
     }
 
     int listener = -1;
     int wake[2] = {-1, -1};
     std::mutex mutex;  // over what follows
-    std::condition_variable changed;
     SCRIPT script;
     size_t expectedLength = 0;
     std::vector<std::string> requests;
-    int closes = 0;
+    std::condition_variable arrived;
     std::thread thread;
 };

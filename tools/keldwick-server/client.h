@@ -37,7 +37,7 @@ public:
     const std::string& Complaint() const { return complaint; }
 
     // Whether there is something to do although the descriptor may not say so.
-    bool HasBuffered() const { return session && !stalled && SSL_has_pending(session.get()) == 1; }
+    bool HasBuffered() const { return session && shaken && !stalled && SSL_has_pending(session.get()) == 1; }
 
 private:
     enum class RESULT { Some, Stalled, Over };
