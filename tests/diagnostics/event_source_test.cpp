@@ -39,8 +39,6 @@ MINUTES& Minutes() {
 
 }  // namespace
 
-extern "C" BOOL __wrap_ReportEventW(HANDLE source, WORD type, WORD category, DWORD id, PSID user, WORD count,
-                                    DWORD bytes, LPCWSTR* texts, LPVOID data);
 extern "C" BOOL __wrap_ReportEventW(HANDLE, WORD type, WORD category, DWORD id, PSID user, WORD count, DWORD bytes,
                                     LPCWSTR* texts, LPVOID data) {
     EXPECT_TRUE(category == 0 && user == nullptr && bytes == 0 && data == nullptr);
@@ -55,7 +53,6 @@ extern "C" BOOL __wrap_ReportEventW(HANDLE, WORD type, WORD category, DWORD id, 
 }
 
 extern "C" DWORD __real_WaitForSingleObject(HANDLE handle, DWORD milliseconds);
-extern "C" DWORD __wrap_WaitForSingleObject(HANDLE handle, DWORD milliseconds);
 extern "C" DWORD __wrap_WaitForSingleObject(HANDLE handle, DWORD milliseconds) {
     if (milliseconds != 60000) return __real_WaitForSingleObject(handle, milliseconds);
     SetEvent(Minutes().waiting.Get());
@@ -64,7 +61,6 @@ extern "C" DWORD __wrap_WaitForSingleObject(HANDLE handle, DWORD milliseconds) {
 }
 
 extern "C" void __real_Sleep(DWORD milliseconds);
-extern "C" void __wrap_Sleep(DWORD milliseconds);
 extern "C" void __wrap_Sleep(DWORD milliseconds) {
     if (milliseconds != 60000) return __real_Sleep(milliseconds);
     ++Slept;
