@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/last_error.h"
 #include "tests/support/temporary_root.h"
 #include "win32/eventlog/evt_record.h"
 #include "win32/eventlog/evt_writer.h"
@@ -47,6 +48,8 @@ protected:
         ASSERT_TRUE(CreateLogFile(Path(), maxSize));
     }
 
+    std::string Bytes() const { return root.Read("eventlog/Security.evt"); }
+
     // Appends records with event IDs first, first + 1, ...
     bool Append(DWORD first, DWORD count, DWORD maxSize = SmallestLog, size_t textUnits = 20) {
         EVT_WRITER writer;
@@ -67,8 +70,7 @@ protected:
         READ result;
         std::vector<DWORD> buffer(bytes / 4 + 1);
         DWORD got = 0;
-        if (!ReadEventLogW(log, flags, offset, buffer.data(), bytes, &got, &result.needed))
-            result.error = GetLastError();
+        result.error = ErrorOf(ReadEventLogW(log, flags, offset, buffer.data(), bytes, &got, &result.needed));
         const BYTE* at = reinterpret_cast<const BYTE*>(buffer.data());
         for (const BYTE* end = at + got; at < end;) {
             const EVENTLOGRECORD& record = *reinterpret_cast<const EVENTLOGRECORD*>(at);

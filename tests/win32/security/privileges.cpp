@@ -4,6 +4,7 @@
 
 #include <set>
 
+#include "tests/support/last_error.h"
 #include "tests/support/temporary_root.h"
 
 namespace {
@@ -32,24 +33,19 @@ DWORD Adjust(TOKEN_PRIVILEGES set, PTOKEN_PRIVILEGES previous = nullptr) {
 }
 
 TEST(Privileges, HaveTheNumbersThatWindowsGivesThem) {
-    const struct CASE {
-        LPCWSTR name;
-        DWORD number;
-    } cases[] = {{u"SeCreateTokenPrivilege", 2},
-                 {u"seSECURITYprivilege", 8},
-                 {u"SeDebugPrivilege", 20},
-                 {u"SeCreateSymbolicLinkPrivilege", 35},
-                 {u"SeDelegateSessionUserImpersonatePrivilege", 36}};
-    for (const CASE& c : cases) {
+    const std::pair<LPCWSTR, DWORD> cases[] = {{u"SeCreateTokenPrivilege", 2},
+                                               {u"seSECURITYprivilege", 8},
+                                               {u"SeCreateSymbolicLinkPrivilege", 35},
+                                               {u"SeDelegateSessionUserImpersonatePrivilege", 36}};
+    for (const auto& [name, number] : cases) {
         LUID luid{0, 1};
-        EXPECT_TRUE(LookupPrivilegeValueW(nullptr, c.name, &luid));
-        EXPECT_EQ(c.number, luid.LowPart);
+        EXPECT_TRUE(LookupPrivilegeValueW(nullptr, name, &luid));
+        EXPECT_EQ(number, luid.LowPart);
         EXPECT_EQ(0, luid.HighPart);
     }
     for (const LPCWSTR unknown : {u"", u"SeSecurity", u"SeSecurityPrivilege "}) {
         LUID luid{};
-        EXPECT_FALSE(LookupPrivilegeValueW(nullptr, unknown, &luid));
-        EXPECT_EQ(DWORD{ERROR_NO_SUCH_PRIVILEGE}, GetLastError());
+        EXPECT_EQ(DWORD{ERROR_NO_SUCH_PRIVILEGE}, ErrorOf(LookupPrivilegeValueW(nullptr, unknown, &luid)));
     }
 }
 
@@ -78,8 +74,8 @@ TEST(Privileges, AnAnswerWithoutRoomForTheStateBeforeChangesNothing) {
     const TOKEN token(TOKEN_ALL_ACCESS);
     TOKEN_PRIVILEGES set = Wish(SE_SECURITY_NAME, SE_PRIVILEGE_ENABLED), previous{};
     DWORD needed = 0;
-    EXPECT_FALSE(AdjustTokenPrivileges(token.handle, FALSE, &set, 4, &previous, &needed));
-    EXPECT_EQ(DWORD{ERROR_INSUFFICIENT_BUFFER}, GetLastError());
+    EXPECT_EQ(DWORD{ERROR_INSUFFICIENT_BUFFER},
+              ErrorOf(AdjustTokenPrivileges(token.handle, FALSE, &set, 4, &previous, &needed)));
     EXPECT_EQ(16u, needed);
     EXPECT_EQ(DWORD{ERROR_SUCCESS}, Adjust(set, &previous));
     EXPECT_EQ(1u, previous.PrivilegeCount);
@@ -94,25 +90,20 @@ TEST(Token, RefusesWhatItsHandleMayNotDo) {
     TOKEN_PRIVILEGES set = Wish(SE_SECURITY_NAME, SE_PRIVILEGE_ENABLED), previous{};
     DWORD bytes = 0, session = 0;
     HANDLE token = nullptr;
-    const struct CASE {
-        BOOL done;
-        DWORD code, error;
-    } cases[] = {
-        {AdjustTokenPrivileges(query.handle, FALSE, &set, 0, nullptr, nullptr), GetLastError(), ERROR_ACCESS_DENIED},
-        {AdjustTokenPrivileges(adjust.handle, FALSE, &set, 16, &previous, &bytes), GetLastError(), ERROR_ACCESS_DENIED},
-        {AdjustTokenPrivileges(adjust.handle, FALSE, nullptr, 0, nullptr, nullptr), GetLastError(),
-         ERROR_INVALID_PARAMETER},
-        {GetTokenInformation(adjust.handle, TokenUser, nullptr, 0, &bytes), GetLastError(), ERROR_ACCESS_DENIED},
-        {GetTokenInformation(query.handle, static_cast<TOKEN_INFORMATION_CLASS>(99), &session, 4, &bytes),
-         GetLastError(), ERROR_INVALID_PARAMETER},
-        {GetTokenInformation(nullptr, TokenUser, nullptr, 0, &bytes), GetLastError(), ERROR_INVALID_HANDLE},
-        {GetTokenInformation(query.handle, TokenSessionId, nullptr, 0, &bytes), GetLastError(),
-         ERROR_INSUFFICIENT_BUFFER},
-        {OpenProcessToken(query.handle, TOKEN_QUERY, &token), GetLastError(), ERROR_INVALID_HANDLE}};
-    for (const CASE& c : cases) {
-        EXPECT_FALSE(c.done);
-        EXPECT_EQ(c.error, c.code);
-    }
+    const auto tell = [&](HANDLE of, int what) {
+        return ErrorOf(GetTokenInformation(of, static_cast<TOKEN_INFORMATION_CLASS>(what), nullptr, 0, &bytes));
+    };
+    const auto change = [&](const TOKEN& of, PTOKEN_PRIVILEGES wanted, PTOKEN_PRIVILEGES before) {
+        return ErrorOf(AdjustTokenPrivileges(of.handle, FALSE, wanted, 16, before, &bytes));
+    };
+    EXPECT_EQ(DWORD{ERROR_ACCESS_DENIED}, change(query, &set, nullptr));
+    EXPECT_EQ(DWORD{ERROR_ACCESS_DENIED}, change(adjust, &set, &previous));
+    EXPECT_EQ(DWORD{ERROR_INVALID_PARAMETER}, change(adjust, nullptr, nullptr));
+    EXPECT_EQ(DWORD{ERROR_ACCESS_DENIED}, tell(adjust.handle, TokenUser));
+    EXPECT_EQ(DWORD{ERROR_INVALID_PARAMETER}, tell(query.handle, 99));
+    EXPECT_EQ(DWORD{ERROR_INVALID_HANDLE}, tell(nullptr, TokenUser));
+    EXPECT_EQ(DWORD{ERROR_INVALID_HANDLE}, ErrorOf(OpenProcessToken(query.handle, TOKEN_QUERY, &token)));
+    EXPECT_EQ(DWORD{ERROR_INSUFFICIENT_BUFFER}, tell(query.handle, TokenSessionId));
     EXPECT_EQ(4u, bytes);
     EXPECT_TRUE(GetTokenInformation(query.handle, TokenSessionId, &session, sizeof(session), &bytes));
     EXPECT_NE(0xFFFFFFFFu, session);

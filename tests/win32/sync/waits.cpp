@@ -12,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "tests/support/last_error.h"
 #include "win32/sync/kernel_object.h"
 
 namespace {
@@ -44,23 +45,21 @@ TEST(Handles, AreNeverNullNorInvalidAndAClosedOneFailsEvenWhenItsPlaceIsTakenAga
         EXPECT_TRUE(seen.insert(event).second);
         EXPECT_TRUE(CloseHandle(event));
     }
+    const HANDLE event = AutoEvent();
+    const auto object = win32::ObjectOf(event);
+    CloseHandle(event);
+    EXPECT_TRUE(win32::SignalEventObject(*object)) << "an object outlives its handle while somebody uses it";
+    EXPECT_EQ(nullptr, win32::ObjectOf(event));
+    seen.insert(event);
     const CLOSER newest(AutoEvent(true));
     for (const HANDLE stale : seen) {
         SetLastError(0);
-        EXPECT_FALSE(CloseHandle(stale));
-        EXPECT_EQ(DWORD{ERROR_INVALID_HANDLE}, GetLastError());
+        EXPECT_EQ(DWORD{ERROR_INVALID_HANDLE}, ErrorOf(CloseHandle(stale)));
+        EXPECT_EQ(nullptr, win32::ObjectOf(stale));
         EXPECT_FALSE(SetEvent(stale));
         EXPECT_EQ(WAIT_FAILED, WaitForSingleObject(stale, 0));
     }
     EXPECT_TRUE(IsSet(newest));
-}
-
-TEST(Handles, AnObjectOutlivesItsHandleWhileSomebodyUsesIt) {
-    const HANDLE event = AutoEvent();
-    const auto object = win32::ObjectOf(event);
-    CloseHandle(event);
-    EXPECT_TRUE(win32::SignalEventObject(*object));
-    EXPECT_EQ(nullptr, win32::ObjectOf(event));
 }
 
 TEST(Handles, ThreadsMayOpenSignalWaitAndCloseAtOnce) {
@@ -80,22 +79,14 @@ TEST(Handles, ThreadsMayOpenSignalWaitAndCloseAtOnce) {
     EXPECT_EQ(2000, good);
 }
 
-TEST(Events, AManualOneStaysSetAndAnAutomaticOneIsTakenOnce) {
-    const CLOSER manual(ManualEvent(true)), automatic(AutoEvent(true));
-    EXPECT_TRUE(IsSet(manual) && IsSet(manual));
-    EXPECT_TRUE(IsSet(automatic));
-    EXPECT_FALSE(IsSet(automatic));
-    SetEvent(automatic);
-    SetEvent(automatic);  // signals do not add up
-    EXPECT_TRUE(IsSet(automatic));
-    EXPECT_FALSE(IsSet(automatic));
-    EXPECT_TRUE(ResetEvent(manual));
-    EXPECT_FALSE(IsSet(manual));
-}
-
-TEST(Events, APulseIsTakenByOneWaitUnlessTheEventIsSetForGood) {
+TEST(Events, AManualOneStaysSetAndAnAutomaticOneOrAPulseIsTakenOnce) {
     for (const BOOL manual : {FALSE, TRUE}) {
-        const CLOSER event(CreateEventW(nullptr, manual, FALSE, nullptr));
+        const CLOSER event(CreateEventW(nullptr, manual, TRUE, nullptr));
+        SetEvent(event);  // signals do not add up
+        EXPECT_TRUE(IsSet(event));
+        EXPECT_EQ(manual != FALSE, IsSet(event));
+        EXPECT_TRUE(ResetEvent(event));
+        EXPECT_FALSE(IsSet(event));
         const auto object = win32::ObjectOf(event);
         EXPECT_TRUE(win32::PulseEventObject(*object) && win32::PulseEventObject(*object));
         EXPECT_TRUE(IsSet(event));
@@ -143,9 +134,7 @@ TEST(Waits, ForAllInOppositeOrdersNeitherLoseSignalsNorBlockEachOther) {
     for (int i = 0; i < Rounds + 1; ++i) {  // one round more releases the thread that still waits
         SetEvent(a);
         SetEvent(b);
-        if (i < Rounds) {
-            ASSERT_EQ(WAIT_OBJECT_0, WaitForSingleObject(taken, SoonEnough));
-        }
+        ASSERT_TRUE(i == Rounds || WaitForSingleObject(taken, SoonEnough) == WAIT_OBJECT_0);
     }
     first.join();
     second.join();
@@ -156,26 +145,25 @@ TEST(Waits, RefuseWhatCannotBeWaitedFor) {
     const CLOSER event(AutoEvent(true));
     const HANDLE plain = win32::NewHandle(std::make_shared<win32::KERNEL_OBJECT>());
     const std::vector<HANDLE> most(MAXIMUM_WAIT_OBJECTS, event), many(MAXIMUM_WAIT_OBJECTS + 1, event);
-    const struct CASE {
-        const char* name;
+    const HANDLE madeUp = reinterpret_cast<HANDLE>(0x7FFFFFF0);
+    const struct {
         std::vector<HANDLE> handles;
         BOOL all;
         DWORD result, error;
-    } cases[] = {{"none", {}, FALSE, WAIT_FAILED, ERROR_INVALID_PARAMETER},
-                 {"64", most, FALSE, WAIT_OBJECT_0, 0},
-                 {"65", many, FALSE, WAIT_FAILED, ERROR_INVALID_PARAMETER},
-                 {"one twice for all", {event, event}, TRUE, WAIT_FAILED, ERROR_INVALID_PARAMETER},
-                 {"null", {event, nullptr}, FALSE, WAIT_FAILED, ERROR_INVALID_HANDLE},
-                 {"made up", {event, reinterpret_cast<HANDLE>(0x7FFFFFF0)}, FALSE, WAIT_FAILED, ERROR_INVALID_HANDLE},
-                 {"not an object to wait for", {plain}, FALSE, WAIT_FAILED, ERROR_INVALID_HANDLE},
-                 {"the process, which has not ended", {GetCurrentProcess()}, FALSE, WAIT_TIMEOUT, 0}};
-    for (const CASE& c : cases) {
-        SCOPED_TRACE(c.name);
+    } cases[] = {{{}, FALSE, WAIT_FAILED, ERROR_INVALID_PARAMETER},
+                 {most, FALSE, WAIT_OBJECT_0, 0},
+                 {many, FALSE, WAIT_FAILED, ERROR_INVALID_PARAMETER},
+                 {{event, event}, TRUE, WAIT_FAILED, ERROR_INVALID_PARAMETER},
+                 {{event, nullptr}, FALSE, WAIT_FAILED, ERROR_INVALID_HANDLE},
+                 {{event, madeUp}, FALSE, WAIT_FAILED, ERROR_INVALID_HANDLE},
+                 {{plain}, FALSE, WAIT_FAILED, ERROR_INVALID_HANDLE},
+                 {{GetCurrentProcess()}, FALSE, WAIT_TIMEOUT, 0}};  // which has not ended
+    for (const auto& c : cases) {
         SetLastError(0);
         SetEvent(event);
         const DWORD count = static_cast<DWORD>(c.handles.size());
-        EXPECT_EQ(c.result, WaitForMultipleObjects(count, c.handles.data(), c.all, 0));
-        EXPECT_EQ(c.error, GetLastError());
+        EXPECT_EQ(c.result, WaitForMultipleObjects(count, c.handles.data(), c.all, 0)) << &c - cases;
+        EXPECT_EQ(c.error, GetLastError()) << &c - cases;
     }
     CloseHandle(plain);
 }
@@ -226,26 +214,16 @@ TEST(Timers, AreSignalledWhenDue) {
     GetSystemTimeAsFileTime(&now);
     const LONGLONG present = static_cast<LONGLONG>(ULONGLONG{now.dwHighDateTime} << 32 | now.dwLowDateTime);
     constexpr LONGLONG Hour = 36'000'000'000;
-    const struct CASE {
-        const char* name;
-        LONGLONG due;
-        bool comes;
-    } cases[] = {{"at once", 0, true},
-                 {"relative", -10000, true},
-                 {"relative, far", -Hour, false},
-                 {"relative, as far as can be", INT64_MIN, false},
-                 {"absolute, soon", present + 10000, true},
-                 {"absolute, just now", present, true},
-                 {"absolute, before 1970", 1, true},
-                 {"absolute, far", present + Hour, false},
-                 {"absolute, as far as can be", INT64_MAX, false}};
+    const std::pair<LONGLONG, bool> cases[] = {
+        // the due time; whether it comes
+        {0, true},      {-10000, true},     {present + 10000, true}, {present, true},   {1, true},  // before 1970
+        {-Hour, false}, {INT64_MIN, false}, {present + Hour, false}, {INT64_MAX, false}};
     for (const BOOL manual : {FALSE, TRUE}) {
         const CLOSER timer(CreateWaitableTimerW(nullptr, manual, nullptr));
-        for (const CASE& c : cases) {
-            SCOPED_TRACE(c.name);
-            ASSERT_TRUE(Arm(timer, c.due));
-            EXPECT_EQ(c.comes ? WAIT_OBJECT_0 : WAIT_TIMEOUT, WaitForSingleObject(timer, c.comes ? SoonEnough : 0));
-            EXPECT_EQ(c.comes && manual, IsSet(timer));
+        for (const auto& [due, comes] : cases) {
+            ASSERT_TRUE(Arm(timer, due));
+            EXPECT_EQ(comes ? WAIT_OBJECT_0 : WAIT_TIMEOUT, WaitForSingleObject(timer, comes ? SoonEnough : 0)) << due;
+            EXPECT_EQ(comes && manual, IsSet(timer)) << due;
         }
     }
 }
@@ -273,12 +251,9 @@ TEST(Timers, CancellingKeepsASignalThatHasCome) {
 
 TEST(Timers, RefuseWhatTheyCannotDo) {
     const CLOSER timer(CreateWaitableTimerW(nullptr, FALSE, nullptr)), event(AutoEvent());
-    EXPECT_FALSE(Arm(timer, 0, -1));
-    EXPECT_EQ(DWORD{ERROR_INVALID_PARAMETER}, GetLastError());
-    EXPECT_FALSE(Arm(event, 0));
-    EXPECT_EQ(DWORD{ERROR_INVALID_HANDLE}, GetLastError());
-    EXPECT_FALSE(SetEvent(timer));
-    EXPECT_EQ(DWORD{ERROR_INVALID_HANDLE}, GetLastError());
+    EXPECT_EQ(DWORD{ERROR_INVALID_PARAMETER}, ErrorOf(Arm(timer, 0, -1)));
+    EXPECT_EQ(DWORD{ERROR_INVALID_HANDLE}, ErrorOf(Arm(event, 0)));
+    EXPECT_EQ(DWORD{ERROR_INVALID_HANDLE}, ErrorOf(SetEvent(timer)));
 }
 
 }  // namespace
