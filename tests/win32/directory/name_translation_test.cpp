@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/entry_lines.h"
 #include "tests/support/temporary_root.h"
 #include "win32/registry/store.h"
 #include "win32/text/utf.h"
@@ -20,54 +21,21 @@ constexpr HRESULT NotFound = HRESULT(0x80072116u), NotUnique = HRESULT(0x8007211
 constexpr LONG Dn = ADS_NAME_TYPE_1779, Nt4 = ADS_NAME_TYPE_NT4, Simple = ADS_NAME_TYPE_DOMAIN_SIMPLE,
                Sid = ADS_NAME_TYPE_SID_OR_SID_HISTORY_NAME;
 
-constexpr const char* TwoDomains = R"(dn: CN=CORP,CN=Partitions,CN=Configuration,DC=corp
-nCName: DC=corp
-dnsRoot: corp.example
-nETBIOSName: CORP
-
-dn: CN=EU,CN=Partitions,CN=Configuration,DC=corp
-nCName: DC=eu,DC=corp
-dnsRoot: eu.corp.example
-nETBIOSName: EU
-
-dn: CN=Ann,OU=Ops\, all,DC=corp
-sAMAccountName: ann
-userPrincipalName: ann.a@corp.example
-objectSid: S-1-5-21-1-2-3-1104
-primaryGroupID: 513
-memberOf: CN=Ops/Net,DC=corp
-
-dn: CN=Ann,DC=eu,DC=corp
-sAMAccountName: Ann
-userPrincipalName: both@mail.example
-objectSid: S-1-5-21-4-5-6-1104
-
-dn: CN=Bob,DC=corp
-sAMAccountName: bob
-userPrincipalName: both@mail.example
-objectSid: S-1-5-21-1-2-3-1105
-memberOf: CN=Ops/Net,DC=corp
-memberOf: CN=Users,CN=Builtin,DC=corp
-primaryGroupID: many
-
-dn: CN=Ops/Net,DC=corp
-sAMAccountName: opsnet
-
-dn: CN=Users,CN=Builtin,DC=corp
-sAMAccountName: Users
-objectSid: S-1-5-32-545
-
-dn: CN=Twin 1,DC=corp
-sAMAccountName: twin
-
-dn: CN=Twin 2,DC=corp
-sAMAccountName: TWIN
-
+const std::string TwoDomains = Entries(
+    R"(dn: CN=CORP,CN=Partitions,CN=Configuration,DC=corp|nCName: DC=corp|dnsRoot: corp.example|nETBIOSName: CORP
+dn: CN=EU,CN=Partitions,CN=Configuration,DC=corp|nCName: DC=eu,DC=corp|dnsRoot: eu.corp.example|nETBIOSName: EU
+dn: CN=Ann,OU=Ops\, all,DC=corp|sAMAccountName: ann|userPrincipalName: ann.a@corp.example|
+objectSid: S-1-5-21-1-2-3-1104|primaryGroupID: 513|memberOf: CN=Ops/Net,DC=corp
+dn: CN=Ann,DC=eu,DC=corp|sAMAccountName: Ann|userPrincipalName: both@mail.example|objectSid: S-1-5-21-4-5-6-1104
+dn: CN=Bob,DC=corp|sAMAccountName: bob|userPrincipalName: both@mail.example|objectSid: S-1-5-21-1-2-3-1105|
+memberOf: CN=Ops/Net,DC=corp|memberOf: CN=Users,CN=Builtin,DC=corp|primaryGroupID: many
+dn: CN=Ops/Net,DC=corp|sAMAccountName: opsnet
+dn: CN=Users,CN=Builtin,DC=corp|sAMAccountName: Users|objectSid: S-1-5-32-545
+dn: CN=Twin 1,DC=corp|sAMAccountName: twin
+dn: CN=Twin 2,DC=corp|sAMAccountName: TWIN
 dn: OU=Ops\, all,DC=corp
-
-dn: CN=Elsewhere,DC=other
-sAMAccountName: else
-)";
+dn: CN=Elsewhere,DC=other|sAMAccountName: else
+)");
 
 class Directory : public testing::Test {
 protected:
@@ -153,7 +121,7 @@ TEST_F(Directory, TranslatesEveryKindOfNameIntoEveryOther) {
 }
 
 TEST_F(Directory, TheFilesChangesShowAtOnceAndABrokenFileChangesNothing) {
-    root.Write("directory.ldif", std::string(TwoDomains) + "\ndn: CN=New,DC=corp\nsAMAccountName: new\n");
+    root.Write("directory.ldif", TwoDomains + "dn: CN=New,DC=corp\nsAMAccountName: new\n");
     EXPECT_EQ("CN=New,DC=corp", Translate(Nt4, "CORP\\new", Dn).second);
     root.Write("directory.ldif", "dn: CN=broken\nthis is no attribute\n");
     testing::internal::CaptureStderr();

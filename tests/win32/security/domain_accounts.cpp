@@ -5,6 +5,7 @@
 
 #include <string>
 
+#include "tests/support/entry_lines.h"
 #include "tests/support/last_error.h"
 #include "tests/support/temporary_root.h"
 #include "win32/security/accounts.h"
@@ -14,38 +15,22 @@ using win32::SID_VALUE;
 
 namespace {
 
-// An object's entry in the directory's file.
-std::string Entry(const std::string& dn, const std::string& sid, const std::string& name,
-                  const std::string& more = "") {
-    return "\ndn: CN=" + dn + "\n" + (name.empty() ? "" : "sAMAccountName: " + name + "\n") + "objectSid: S-1-5-" +
-           sid + "\n" + more;
-}
-
-const std::string Domains = R"(dn: CN=CORP,CN=Partitions,CN=Configuration,DC=corp
-nCName: DC=corp
-dnsRoot: corp.example
-nETBIOSName: CORP
-
-dn: CN=EU,CN=Partitions,CN=Configuration,DC=corp
-nCName: DC=eu,DC=corp
-dnsRoot: eu.corp.example
-nETBIOSName: EU
-
-dn: DC=corp
-objectClass: domain
-objectClass: domainDNS
-objectSid: S-1-5-21-1-2-3
-)";
-
-const std::string TwoDomains =
-    Domains + Entry("Ann Archer,DC=corp", "21-1-2-3-1104", "ann", "objectClass: user\n") +
-    Entry("WS1,DC=eu,DC=corp", "21-4-5-6-1105", "WS1$", "objectClass: user\nobjectClass: computer\n") +
-    Entry("Größe,DC=corp", "21-1-2-3-1106", "größe", "objectClass: top\nobjectClass: Group\ngroupType: -2147483646\n") +
-    Entry("Local,DC=corp", "21-1-2-3-1107", "local", "objectClass: group\ngroupType: -2147483644\n") +
-    Entry("Bare,DC=corp", "21-1-2-3-1108", "bare") + Entry("Nameless,DC=corp", "21-1-2-3-1109", "") +
-    Entry("Stray,DC=other", "21-1-2-3-1110", "stray") + Entry("Twin 1,DC=corp", "21-1-2-3-1111", "one") +
-    Entry("Twin 2,DC=corp", "21-1-2-3-1111", "two") +
-    Entry("Administrators,CN=Builtin,DC=corp", "32-544", "Renamed", "objectClass: group\n");
+const std::string TwoDomains = Entries(
+    R"(dn: CN=CORP,CN=Partitions,CN=Configuration,DC=corp|nCName: DC=corp|dnsRoot: corp.example|nETBIOSName: CORP
+dn: CN=EU,CN=Partitions,CN=Configuration,DC=corp|nCName: DC=eu,DC=corp|dnsRoot: eu.corp.example|nETBIOSName: EU
+dn: DC=corp|objectClass: domain|objectClass: domainDNS|objectSid: S-1-5-21-1-2-3
+dn: CN=Ann Archer,DC=corp|objectClass: user|sAMAccountName: ann|objectSid: S-1-5-21-1-2-3-1104
+dn: CN=WS1,DC=eu,DC=corp|objectClass: user|objectClass: computer|sAMAccountName: WS1$|objectSid: S-1-5-21-4-5-6-1105
+dn: CN=Größe,DC=corp|objectClass: top|objectClass: Group|groupType: -2147483646|sAMAccountName: größe|
+objectSid: S-1-5-21-1-2-3-1106
+dn: CN=Local,DC=corp|objectClass: group|groupType: -2147483644|sAMAccountName: local|objectSid: S-1-5-21-1-2-3-1107
+dn: CN=Bare,DC=corp|sAMAccountName: bare|objectSid: S-1-5-21-1-2-3-1108
+dn: CN=Nameless,DC=corp|objectSid: S-1-5-21-1-2-3-1109
+dn: CN=Stray,DC=other|sAMAccountName: stray|objectSid: S-1-5-21-1-2-3-1110
+dn: CN=Twin 1,DC=corp|sAMAccountName: one|objectSid: S-1-5-21-1-2-3-1111
+dn: CN=Twin 2,DC=corp|sAMAccountName: two|objectSid: S-1-5-21-1-2-3-1111
+dn: CN=Administrators,CN=Builtin,DC=corp|objectClass: group|sAMAccountName: Renamed|objectSid: S-1-5-32-544
+)");
 
 // What LsaLookupSids says of one SID, and what LookupAccountSidW says; they must agree.
 struct NAME {
@@ -119,9 +104,10 @@ TEST_F(DomainAccounts, AreNamedByTheDirectoryThatHoldsThem) {
 TEST_F(DomainAccounts, OfThisMachineAreNotLookedForInTheDirectory) {
     std::vector<DWORD> subs = win32::MachineSid().Subs();
     subs.push_back(500);  // below the first that is mapped
-    std::string sid = std::to_string(subs[0]);
-    for (size_t i = 1; i < subs.size(); ++i) sid += "-" + std::to_string(subs[i]);
-    root.Write("directory.ldif", TwoDomains + Entry("Impostor,DC=corp", sid, "impostor"));
+    std::string sid = "S-1-5";
+    for (const DWORD sub : subs) sid += "-" + std::to_string(sub);
+    root.Write("directory.ldif",
+               TwoDomains + Entries("dn: CN=Impostor,DC=corp|sAMAccountName: impostor|objectSid: " + sid));
     EXPECT_EQ(NAME{}, Lookup({NtAuthority, subs}));
 }
 
