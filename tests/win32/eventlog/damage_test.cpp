@@ -69,8 +69,7 @@ TEST_F(DAMAGE, EachHarmLeavesTheOtherRecordsReadableAndTheNextAppendWorks) {
          {{"number of an older record", [](auto& b) { Poke(b, Record(b, 3) + 8, 1); }},
           {"number of a record to come", [](auto& b) { Poke(b, Record(b, 3) + 8, 77); }}}},
     };
-    MakeLog();
-    ASSERT_TRUE(Append(1, 4));
+    MakeLog(4);
     const FILE_BYTES whole = Bytes();
     for (const auto& [readable, harms] : cases)
         for (const auto& harm : harms) {
@@ -94,8 +93,7 @@ TEST_F(DAMAGE, EachHarmLeavesTheOtherRecordsReadableAndTheNextAppendWorks) {
 }
 
 TEST_F(DAMAGE, AnAppendCutOffAtAnyByteGivesTheOldOrTheNewRecordAndTheNextAppendSucceeds) {
-    MakeLog();
-    ASSERT_TRUE(Append(1, 3));
+    MakeLog(3);
     const FILE_BYTES before = Bytes();
     ASSERT_TRUE(Append(4, 1));
     const FILE_BYTES after = Bytes();
@@ -135,8 +133,7 @@ TEST_F(DAMAGE, AWriterThatDiedInTheMiddleOfAFullLogLosesNoMoreThanTheRecordItWas
 }
 
 TEST_F(DAMAGE, ALogThatAnotherSystemLeftOpenIsReadToItsEndOfFileRecord) {
-    MakeLog(2 * SmallestLog);
-    ASSERT_TRUE(Append(1, 1, 2 * SmallestLog));
+    MakeLog(1, 2 * SmallestLog);
     const FILE_BYTES early = Bytes();
     ASSERT_TRUE(Append(2, 9, 2 * SmallestLog));
     FILE_BYTES bytes = Bytes();

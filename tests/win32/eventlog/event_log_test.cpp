@@ -13,14 +13,8 @@ namespace {
 
 using EVENT_LOG_CALLS = LOG_TEST;
 
-struct HANDLE_CLOSER {
-    void operator()(HANDLE handle) const { CloseHandle(handle); }
-};
-using EVENT = std::unique_ptr<void, HANDLE_CLOSER>;
-
 TEST_F(EVENT_LOG_CALLS, TheForwardsReadAfterABackwardsReadGivesTheSameRecordsAndThenTheEnd) {
-    MakeLog();
-    ASSERT_TRUE(Append(1, 300));
+    MakeLog(300);
     const LOG log = OpenLog();
     READ back = ReadOnce(log.get(), Backwards, 4096);
     ASSERT_GT(back.ids.size(), 5u);
@@ -136,8 +130,7 @@ TEST_F(EVENT_LOG_CALLS, AFollowerOfALogThatGoesRoundSeesEveryRecordOnceAndAnOver
 }
 
 TEST_F(EVENT_LOG_CALLS, AChangedMaxSizeKeepsTheNewestRecordsAndTheReadersPlace) {
-    MakeLog();
-    ASSERT_TRUE(Append(1, 1000));
+    MakeLog(1000);
     const LOG log = OpenLog();
     ReadAll(log.get(), Forwards);
     for (const DWORD size : {3 * SmallestLog, SmallestLog, 2 * SmallestLog}) {
@@ -154,8 +147,7 @@ TEST_F(EVENT_LOG_CALLS, AChangedMaxSizeKeepsTheNewestRecordsAndTheReadersPlace) 
 }
 
 TEST_F(EVENT_LOG_CALLS, ARecordThatCannotFitIsRefusedAndTheLogStaysAsItIs) {
-    MakeLog();
-    ASSERT_TRUE(Append(1, 3));
+    MakeLog(3);
     const std::string before = Bytes();
     EXPECT_EQ(DWORD{ERROR_LOG_FILE_FULL}, ErrorOf(Append(4, 1, SmallestLog, 40000)));
     NEW_EVENT event;
@@ -168,8 +160,7 @@ TEST_F(EVENT_LOG_CALLS, ARecordThatCannotFitIsRefusedAndTheLogStaysAsItIs) {
 }
 
 TEST_F(EVENT_LOG_CALLS, AClearedLogIsMetAs1503ByItsReadersAndBeginsAnew) {
-    MakeLog();
-    ASSERT_TRUE(Append(1, 5));
+    MakeLog(5);
     const std::string held = Bytes();
     const LOG reader = OpenLog(), other = OpenLog();
     ASSERT_TRUE(ClearEventLogW(other.get(), WindowsPath(Path("old")).c_str()));
@@ -186,36 +177,35 @@ TEST_F(EVENT_LOG_CALLS, AClearedLogIsMetAs1503ByItsReadersAndBeginsAnew) {
 TEST_F(EVENT_LOG_CALLS, AManualResetEventWakesOneWaitForEachChangeAndThenNoMore) {
     MakeLog();
     const LOG log = OpenLog();
-    const EVENT changed(CreateEventW(nullptr, TRUE, FALSE, nullptr));
-    ASSERT_TRUE(NotifyChangeEventLog(log.get(), changed.get()));
+    const OWNED_HANDLE changed(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    ASSERT_TRUE(NotifyChangeEventLog(log.get(), changed));
     DWORD seen = 0;
     for (DWORD id = 1; id <= 20; ++id) {
         ASSERT_TRUE(Append(id, 1));
-        ASSERT_EQ(WAIT_OBJECT_0, WaitForSingleObject(changed.get(), 5000));
+        ASSERT_EQ(WAIT_OBJECT_0, WaitForSingleObject(changed, 5000));
         seen += static_cast<DWORD>(ReadAll(log.get(), Forwards).ids.size());
     }
     EXPECT_EQ(20u, seen);
-    EXPECT_EQ(DWORD{WAIT_TIMEOUT}, WaitForSingleObject(changed.get(), 0)) << "the wake-up was used up";
+    EXPECT_EQ(DWORD{WAIT_TIMEOUT}, WaitForSingleObject(changed, 0)) << "the wake-up was used up";
     const LOG other = OpenLog();
     ASSERT_TRUE(ClearEventLogW(other.get(), nullptr));
-    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(changed.get(), 5000));
+    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(changed, 5000));
     EXPECT_EQ(DWORD{ERROR_INVALID_HANDLE}, ErrorOf(NotifyChangeEventLog(log.get(), nullptr)));
 }
 
 TEST_F(EVENT_LOG_CALLS, AFollowerWaitsForWritersOfOtherThreadsAndMissesNothing) {
-    MakeLog(8 * SmallestLog);
+    MakeLog(0, 8 * SmallestLog);
     const LOG log = OpenLog();
-    const EVENT changed(CreateEventW(nullptr, TRUE, FALSE, nullptr));
-    ASSERT_TRUE(NotifyChangeEventLog(log.get(), changed.get()));
+    const OWNED_HANDLE changed(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    ASSERT_TRUE(NotifyChangeEventLog(log.get(), changed));
     constexpr DWORD Each = 200;
     auto write = [this](DWORD first) {
         for (DWORD i = 0; i < Each; ++i) EXPECT_TRUE(Append(first + i, 1, 8 * SmallestLog));
     };
     std::thread a(write, 1000), b(write, 2000);
     std::vector<DWORD> numbers;
-    while (numbers.size() < 2 * Each && WaitForSingleObject(changed.get(), 10000) == WAIT_OBJECT_0) {
-        const READ read = ReadAll(log.get(), Forwards);
-        numbers.insert(numbers.end(), read.numbers.begin(), read.numbers.end());
+    while (numbers.size() < 2 * Each && WaitForSingleObject(changed, 10000) == WAIT_OBJECT_0) {
+        for (const DWORD number : ReadAll(log.get(), Forwards).numbers) numbers.push_back(number);
     }
     a.join();
     b.join();
@@ -238,9 +228,8 @@ TEST_F(EVENT_LOG_CALLS, AReportedEventStandsInTheApplicationLog) {
     DWORD got = 0, needed = 0;
     ASSERT_TRUE(ReadEventLogW(log.get(), Forwards, 0, buffer, sizeof(buffer), &got, &needed));
     const EVENTLOGRECORD& record = *reinterpret_cast<EVENTLOGRECORD*>(buffer);
-    EXPECT_EQ(0x80000019u, record.EventID);
-    EXPECT_EQ(EVENTLOG_WARNING_TYPE, record.EventType);
-    EXPECT_EQ(3, record.EventCategory);
+    EXPECT_EQ(std::tuple(0x80000019u, EVENTLOG_WARNING_TYPE, 3),
+              std::tuple(record.EventID, record.EventType, record.EventCategory));
     EXPECT_EQ(u"Keldwick", std::u16string(reinterpret_cast<WCHAR*>(buffer + sizeof(record))));
     const WCHAR* text = reinterpret_cast<WCHAR*>(buffer + record.StringOffset);
     EXPECT_EQ(std::u16string(u"one\0two\0", 8), std::u16string(text, 8));

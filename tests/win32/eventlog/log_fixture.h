@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "tests/support/last_error.h"
+#include "tests/support/owned_handle.h"
 #include "tests/support/temporary_root.h"
 #include "win32/eventlog/evt_record.h"
 #include "win32/eventlog/evt_writer.h"
@@ -43,9 +44,10 @@ class LOG_TEST : public testing::Test {
 protected:
     std::string Path(const std::string& log = "Security") const { return root.Path("eventlog/" + log + ".evt"); }
 
-    void MakeLog(DWORD maxSize = SmallestLog) {
+    // With so many records, whose event IDs and numbers are 1, 2, ...
+    void MakeLog(DWORD records = 0, DWORD maxSize = SmallestLog) {
         std::filesystem::create_directories(root.Path("eventlog"));
-        ASSERT_TRUE(CreateLogFile(Path(), maxSize));
+        ASSERT_TRUE(CreateLogFile(Path(), maxSize) && Append(1, records, maxSize));
     }
 
     std::string Bytes() const { return root.Read("eventlog/Security.evt"); }

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "tests/support/last_error.h"
+#include "tests/support/owned_handle.h"
 #include "tests/support/temporary_root.h"
 #include "win32/files/machine_root.h"
 
@@ -63,15 +64,12 @@ TEST_F(FilesTest, EachDispositionMeetsAFileThatIsThereAndOneThatIsNot) {
 }
 
 TEST_F(FilesTest, AppendersNeverOverwriteEachOtherAndEachLineIsThereAtOnce) {
-    const HANDLE first = Open("log", Append, OPEN_ALWAYS);
-    const HANDLE second = Open("log", Append, OPEN_ALWAYS);
+    const OWNED_HANDLE first = Open("log", Append, OPEN_ALWAYS), second = Open("log", Append, OPEN_ALWAYS);
     EXPECT_TRUE(Write(first, "a\n"));
     EXPECT_EQ("a\n", root.Read("log"));
     EXPECT_TRUE(Write(second, "b\n"));
     EXPECT_TRUE(Write(first, "c\n"));
     EXPECT_EQ("a\nb\nc\n", root.Read("log"));
-    CloseHandle(first);
-    CloseHandle(second);
 }
 
 TEST_F(FilesTest, OpenFailuresHaveTheCodesOfWindows) {
@@ -97,29 +95,22 @@ TEST_F(FilesTest, AFileThatIsNotSharedIsRefusedAndKeepsItsContent) {
     EXPECT_EQ("kept", root.Read("log"));
     EXPECT_EQ(ERROR_SHARING_VIOLATION, ErrorOf(MoveFileW(Path("log").c_str(), Path("aside").c_str())));
     EXPECT_EQ(ERROR_SHARING_VIOLATION, ErrorOf(DeleteFileW(Path("log").c_str())));
-    const HANDLE reader = Open("log", GENERIC_READ, OPEN_EXISTING);
-    EXPECT_NE(INVALID_HANDLE_VALUE, reader);
-    CloseHandle(reader);
+    EXPECT_NE(INVALID_HANDLE_VALUE, OWNED_HANDLE(Open("log", GENERIC_READ, OPEN_EXISTING)).handle);
     CloseHandle(holder);
     EXPECT_TRUE(DeleteFileW(Path("log").c_str()));
 }
 
 TEST_F(FilesTest, AWriteThatFailsSaysWhyAndHowFarItCame) {
     DWORD written = 7;
+    const auto write = [&](HANDLE to) { return ErrorOf(WriteFile(to, "line", 4, &written, nullptr)); };
     const HANDLE full = CreateFileW(u"C:\\dev\\full", GENERIC_WRITE, ShareAll, nullptr, OPEN_EXISTING, 0, nullptr);
-    EXPECT_EQ(ERROR_DISK_FULL, ErrorOf(WriteFile(full, "line", 4, &written, nullptr)));
+    EXPECT_EQ(ERROR_DISK_FULL, write(full));
     EXPECT_EQ(0u, written);
     CloseHandle(full);
-    EXPECT_EQ(ERROR_INVALID_HANDLE, ErrorOf(WriteFile(full, "line", 4, &written, nullptr)));
-
+    EXPECT_EQ(ERROR_INVALID_HANDLE, write(full));
+    EXPECT_EQ(ERROR_INVALID_HANDLE, write(OWNED_HANDLE(CreateEventW(nullptr, TRUE, FALSE, nullptr))));
     root.Write("log", "");
-    const HANDLE reader = Open("log", GENERIC_READ, OPEN_EXISTING);
-    EXPECT_EQ(ERROR_ACCESS_DENIED, ErrorOf(WriteFile(reader, "line", 4, &written, nullptr)));
-    CloseHandle(reader);
-
-    const HANDLE event = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-    EXPECT_EQ(ERROR_INVALID_HANDLE, ErrorOf(WriteFile(event, "line", 4, &written, nullptr)));
-    CloseHandle(event);
+    EXPECT_EQ(ERROR_ACCESS_DENIED, write(OWNED_HANDLE(Open("log", GENERIC_READ, OPEN_EXISTING))));
 }
 
 TEST_F(FilesTest, TheStandardOutputIsWrittenAtOnceAndItsReaderMayLeave) {

@@ -4,6 +4,7 @@
 
 #include <map>
 #include <string>
+#include <tuple>
 
 #include "tests/support/last_error.h"
 #include "tests/support/temporary_root.h"
@@ -49,23 +50,21 @@ protected:
 };
 
 TEST_F(MachineTest, PresentsWindowsServer2022UnlessTheSettingsNameAnother) {
+    const auto numbers = [](const auto& version) {
+        return std::tuple(version.dwMajorVersion, version.dwMinorVersion, version.dwBuildNumber,
+                          std::u16string(version.szCSDVersion));
+    };
     OSVERSIONINFOEXW version = {};
     version.dwOSVersionInfoSize = sizeof version;
     ASSERT_TRUE(GetVersionExW(reinterpret_cast<LPOSVERSIONINFOW>(&version)));
-    EXPECT_EQ(10u, version.dwMajorVersion);
-    EXPECT_EQ(0u, version.dwMinorVersion);
-    EXPECT_EQ(20348u, version.dwBuildNumber);
+    EXPECT_EQ(std::tuple(10u, 0u, 20348u, u""), numbers(version));
     EXPECT_EQ(VER_NT_SERVER, version.wProductType);
-    EXPECT_EQ(u"", std::u16string(version.szCSDVersion));
 
     Settings({{u"OsMajor", 6}, {u"OsMinor", 1}, {u"OsBuild", 7601}, {u"OsProductType", 1}, {u"OsServicePack", 1}});
     OSVERSIONINFOW shorter = {};
     shorter.dwOSVersionInfoSize = sizeof shorter;
     ASSERT_TRUE(GetVersionExW(&shorter));
-    EXPECT_EQ(6u, shorter.dwMajorVersion);
-    EXPECT_EQ(1u, shorter.dwMinorVersion);
-    EXPECT_EQ(7601u, shorter.dwBuildNumber);
-    EXPECT_EQ(u"Service Pack 1", std::u16string(shorter.szCSDVersion));
+    EXPECT_EQ(std::tuple(6u, 1u, 7601u, u"Service Pack 1"), numbers(shorter));
     EXPECT_TRUE(IsWorkstation());
 
     shorter.dwOSVersionInfoSize = 8;

@@ -6,26 +6,23 @@
 #include <vector>
 
 #include "tests/support/last_error.h"
+#include "tests/support/owned_handle.h"
 
 namespace {
 
 constexpr DWORD SoonEnough = 20000;
 
-struct EVENT {
-    const HANDLE handle = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-    ~EVENT() { CloseHandle(handle); }
-};
-
 struct GATE {
-    EVENT open, passed;
+    const OWNED_HANDLE open{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
+    const OWNED_HANDLE passed{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
     DWORD thread = 0;
 };
 
 DWORD WINAPI PassGate(LPVOID argument) {
     GATE& gate = *static_cast<GATE*>(argument);
     gate.thread = GetCurrentThreadId();
-    WaitForSingleObject(gate.open.handle, INFINITE);
-    SetEvent(gate.passed.handle);
+    WaitForSingleObject(gate.open, INFINITE);
+    SetEvent(gate.passed);
     return 7;
 }
 
@@ -45,7 +42,7 @@ TEST(Threads, AreSignalledAtTheirEndAndKeepTheirExitCode) {
     EXPECT_EQ(DWORD{WAIT_TIMEOUT}, WaitForSingleObject(thread, 0));
     EXPECT_TRUE(GetExitCodeThread(thread, &code));
     EXPECT_EQ(DWORD{STILL_ACTIVE}, code);
-    SetEvent(gate.open.handle);
+    SetEvent(gate.open);
     EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(thread, SoonEnough));
     EXPECT_EQ(gate.thread, id);
     EXPECT_NE(GetCurrentThreadId(), id);
@@ -58,8 +55,8 @@ TEST(Threads, ATerminatedOneIsSignalledAtOnceKeepsThatCodeAndIsNotInterrupted) {
     const HANDLE thread = CreateThread(nullptr, 0, PassGate, &gate, 0, nullptr);
     EXPECT_TRUE(TerminateThread(thread, 0xFFFFFFFF));
     EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(thread, 0));
-    SetEvent(gate.open.handle);
-    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(gate.passed.handle, SoonEnough));
+    SetEvent(gate.open);
+    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(gate.passed, SoonEnough));
     EXPECT_EQ(0xFFFFFFFFu, EndOf(thread));
 }
 

@@ -13,20 +13,12 @@
 #include <vector>
 
 #include "tests/support/last_error.h"
+#include "tests/support/owned_handle.h"
 #include "win32/sync/kernel_object.h"
 
 namespace {
 
 constexpr DWORD SoonEnough = 20000;  // ms that nothing here ever needs
-
-struct CLOSER {
-    HANDLE handle;
-    CLOSER(HANDLE owned) : handle(owned) {}
-    CLOSER(const CLOSER&) = delete;
-    CLOSER& operator=(const CLOSER&) = delete;
-    ~CLOSER() { CloseHandle(handle); }
-    operator HANDLE() const { return handle; }
-};
 
 HANDLE AutoEvent(bool set = false) { return CreateEventW(nullptr, FALSE, set, nullptr); }
 HANDLE ManualEvent(bool set = false) { return CreateEventW(nullptr, TRUE, set, nullptr); }
@@ -51,7 +43,7 @@ TEST(Handles, AreNeverNullNorInvalidAndAClosedOneFailsEvenWhenItsPlaceIsTakenAga
     EXPECT_TRUE(win32::SignalEventObject(*object)) << "an object outlives its handle while somebody uses it";
     EXPECT_EQ(nullptr, win32::ObjectOf(event));
     seen.insert(event);
-    const CLOSER newest(AutoEvent(true));
+    const OWNED_HANDLE newest(AutoEvent(true));
     for (const HANDLE stale : seen) {
         SetLastError(0);
         EXPECT_EQ(DWORD{ERROR_INVALID_HANDLE}, ErrorOf(CloseHandle(stale)));
@@ -63,7 +55,7 @@ TEST(Handles, AreNeverNullNorInvalidAndAClosedOneFailsEvenWhenItsPlaceIsTakenAga
 }
 
 TEST(Handles, ThreadsMayOpenSignalWaitAndCloseAtOnce) {
-    const CLOSER shared(ManualEvent(true));
+    const OWNED_HANDLE shared(ManualEvent(true));
     std::atomic<int> good{0};
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t)
@@ -81,7 +73,7 @@ TEST(Handles, ThreadsMayOpenSignalWaitAndCloseAtOnce) {
 
 TEST(Events, AManualOneStaysSetAndAnAutomaticOneOrAPulseIsTakenOnce) {
     for (const BOOL manual : {FALSE, TRUE}) {
-        const CLOSER event(CreateEventW(nullptr, manual, TRUE, nullptr));
+        const OWNED_HANDLE event(CreateEventW(nullptr, manual, TRUE, nullptr));
         SetEvent(event);  // signals do not add up
         EXPECT_TRUE(IsSet(event));
         EXPECT_EQ(manual != FALSE, IsSet(event));
@@ -99,21 +91,18 @@ TEST(Events, AManualOneStaysSetAndAnAutomaticOneOrAPulseIsTakenOnce) {
     }
 }
 
-TEST(Waits, ForAnyGiveTheLowestIndexAndTakeOnlyThatSignal) {
-    const CLOSER a(AutoEvent()), b(AutoEvent(true)), c(AutoEvent(true));
+TEST(Waits, ForAnyTakeTheLowestSignalAndForAllEveryOneOrNone) {
+    const OWNED_HANDLE a(AutoEvent()), b(AutoEvent(true)), c(ManualEvent(true));
     const HANDLE all[] = {a, b, c};
     EXPECT_EQ(WAIT_OBJECT_0 + 1, WaitForMultipleObjects(3, all, FALSE, INFINITE));
     EXPECT_EQ(WAIT_OBJECT_0 + 2, WaitForMultipleObjects(3, all, FALSE, 0));
+    ResetEvent(c);
     EXPECT_EQ(DWORD{WAIT_TIMEOUT}, WaitForMultipleObjects(3, all, FALSE, 0));
-}
-
-TEST(Waits, ForAllTakeEverySignalOrNone) {
-    const CLOSER a(AutoEvent(true)), b(AutoEvent()), c(ManualEvent(true));
-    const HANDLE all[] = {a, b, c};
-    EXPECT_EQ(DWORD{WAIT_TIMEOUT}, WaitForMultipleObjects(3, all, TRUE, 1));
-    EXPECT_TRUE(IsSet(a));
+    SetEvent(c);
     SetEvent(a);
-    SetEvent(b);
+    EXPECT_EQ(DWORD{WAIT_TIMEOUT}, WaitForMultipleObjects(3, all, TRUE, 1));
+    EXPECT_TRUE(IsSet(a)) << "a wait for all takes every signal or none";
+    for (const HANDLE event : all) SetEvent(event);
     EXPECT_EQ(WAIT_OBJECT_0, WaitForMultipleObjects(3, all, TRUE, 0));
     EXPECT_FALSE(IsSet(a) || IsSet(b));
     EXPECT_TRUE(IsSet(c));
@@ -122,7 +111,7 @@ TEST(Waits, ForAllTakeEverySignalOrNone) {
 // Two threads that each need both events, and name them in opposite orders, share what a third hands out.
 TEST(Waits, ForAllInOppositeOrdersNeitherLoseSignalsNorBlockEachOther) {
     constexpr int Rounds = 500;
-    const CLOSER a(AutoEvent()), b(AutoEvent()), taken(AutoEvent());
+    const OWNED_HANDLE a(AutoEvent()), b(AutoEvent()), taken(AutoEvent());
     std::atomic<int> takes{0};
     const auto take = [&](std::array<HANDLE, 2> pair) {
         while (takes < Rounds && WaitForMultipleObjects(2, pair.data(), TRUE, SoonEnough) == WAIT_OBJECT_0) {
@@ -142,8 +131,8 @@ TEST(Waits, ForAllInOppositeOrdersNeitherLoseSignalsNorBlockEachOther) {
 }
 
 TEST(Waits, RefuseWhatCannotBeWaitedFor) {
-    const CLOSER event(AutoEvent(true));
-    const HANDLE plain = win32::NewHandle(std::make_shared<win32::KERNEL_OBJECT>());
+    const OWNED_HANDLE event(AutoEvent(true));
+    const OWNED_HANDLE plain(win32::NewHandle(std::make_shared<win32::KERNEL_OBJECT>()));
     const std::vector<HANDLE> most(MAXIMUM_WAIT_OBJECTS, event), many(MAXIMUM_WAIT_OBJECTS + 1, event);
     const HANDLE madeUp = reinterpret_cast<HANDLE>(0x7FFFFFF0);
     const struct {
@@ -165,7 +154,6 @@ TEST(Waits, RefuseWhatCannotBeWaitedFor) {
         EXPECT_EQ(c.result, WaitForMultipleObjects(count, c.handles.data(), c.all, 0)) << &c - cases;
         EXPECT_EQ(c.error, GetLastError()) << &c - cases;
     }
-    CloseHandle(plain);
 }
 
 std::atomic<int> interruptions{0};
@@ -177,7 +165,7 @@ TEST(Waits, DoNotEndEarlyWhenSignalsInterruptThem) {
     sigaction(SIGALRM, &action, &before);
     const itimerval often{{0, 1000}, {0, 1000}}, never{};
     setitimer(ITIMER_REAL, &often, nullptr);
-    const CLOSER event(AutoEvent());
+    const OWNED_HANDLE event(AutoEvent());
     const ULONGLONG start = GetTickCount64();
     while (interruptions < 3) {
         const ULONGLONG now = GetTickCount64();
@@ -193,7 +181,7 @@ TEST(Waits, DoNotEndEarlyWhenSignalsInterruptThem) {
 }
 
 TEST(Waits, SeeTheCompanionOfAnEvent) {
-    const CLOSER event(AutoEvent()), other(AutoEvent());
+    const OWNED_HANDLE event(AutoEvent()), other(AutoEvent());
     const int fd = eventfd(0, EFD_NONBLOCK);
     const auto object = win32::ObjectOf(event);
     ASSERT_TRUE(win32::SetEventCompanion(*object, fd, 1 /* POLLIN */));
@@ -219,7 +207,7 @@ TEST(Timers, AreSignalledWhenDue) {
         {0, true},      {-10000, true},     {present + 10000, true}, {present, true},   {1, true},  // before 1970
         {-Hour, false}, {INT64_MIN, false}, {present + Hour, false}, {INT64_MAX, false}};
     for (const BOOL manual : {FALSE, TRUE}) {
-        const CLOSER timer(CreateWaitableTimerW(nullptr, manual, nullptr));
+        const OWNED_HANDLE timer(CreateWaitableTimerW(nullptr, manual, nullptr));
         for (const auto& [due, comes] : cases) {
             ASSERT_TRUE(Arm(timer, due));
             EXPECT_EQ(comes ? WAIT_OBJECT_0 : WAIT_TIMEOUT, WaitForSingleObject(timer, comes ? SoonEnough : 0)) << due;
@@ -229,7 +217,7 @@ TEST(Timers, AreSignalledWhenDue) {
 }
 
 TEST(Timers, ComeAgainAfterTheirPeriodAndArmingTakesBackASignal) {
-    const CLOSER timer(CreateWaitableTimerW(nullptr, FALSE, nullptr));
+    const OWNED_HANDLE timer(CreateWaitableTimerW(nullptr, FALSE, nullptr));
     ASSERT_TRUE(Arm(timer, -10000, 1));
     for (int i = 0; i < 3; ++i) EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(timer, SoonEnough));
     ASSERT_TRUE(Arm(timer, 0));
@@ -238,7 +226,7 @@ TEST(Timers, ComeAgainAfterTheirPeriodAndArmingTakesBackASignal) {
 }
 
 TEST(Timers, CancellingKeepsASignalThatHasCome) {
-    const CLOSER timer(CreateWaitableTimerW(nullptr, FALSE, nullptr)),
+    const OWNED_HANDLE timer(CreateWaitableTimerW(nullptr, FALSE, nullptr)),
         manual(CreateWaitableTimerW(nullptr, TRUE, nullptr));
     ASSERT_TRUE(Arm(timer, 0, 3600000) && Arm(manual, -10000));
     ASSERT_EQ(WAIT_OBJECT_0, WaitForSingleObject(manual, SoonEnough));
@@ -250,7 +238,7 @@ TEST(Timers, CancellingKeepsASignalThatHasCome) {
 }
 
 TEST(Timers, RefuseWhatTheyCannotDo) {
-    const CLOSER timer(CreateWaitableTimerW(nullptr, FALSE, nullptr)), event(AutoEvent());
+    const OWNED_HANDLE timer(CreateWaitableTimerW(nullptr, FALSE, nullptr)), event(AutoEvent());
     EXPECT_EQ(DWORD{ERROR_INVALID_PARAMETER}, ErrorOf(Arm(timer, 0, -1)));
     EXPECT_EQ(DWORD{ERROR_INVALID_HANDLE}, ErrorOf(Arm(event, 0)));
     EXPECT_EQ(DWORD{ERROR_INVALID_HANDLE}, ErrorOf(SetEvent(timer)));
