@@ -42,15 +42,6 @@ public:
         fd = -1;
     }
 
-    // Whether the message comes in time; takes what comes before it.
-    bool Hears(const std::string& wanted) const {
-        pollfd polled{fd, POLLIN, 0};
-        while (poll(&polled, 1, 20000) > 0)
-            for (const std::string& message : Received())
-                if (message == wanted) return true;
-        return false;
-    }
-
     MESSAGES Received() const {
         MESSAGES messages;
         char text[1024];
@@ -159,19 +150,6 @@ TEST(Service, TheManagerLearnsWhyItStopped) {
         EXPECT_EQ(MESSAGES{std::string("STOPPING=1\nSTATUS=Stopped") + c.told}, manager.Received());
         EXPECT_EQ(c.exitStatus, win32::ServiceExitStatus()) << c.told;
     }
-}
-
-TEST(Service, AManagerThatWatchesIsToldThatAllIsWell) {
-    static MANAGER* listening;
-    MANAGER manager;
-    listening = &manager;
-    setenv("WATCHDOG_USEC", "40000", 1);
-    EXPECT_TRUE(Dispatch([] {
-        EXPECT_TRUE(Report(SERVICE_RUNNING));
-        for (int i = 0; i < 3; ++i) EXPECT_TRUE(listening->Hears("WATCHDOG=1"));
-        EXPECT_TRUE(Report(SERVICE_STOPPED));
-    }));
-    unsetenv("WATCHDOG_USEC");
 }
 
 TEST(Service, AThreadHangsOnceItHasNotSleptForLongerThanTheLimit) {
