@@ -132,29 +132,23 @@ TEST_F(LogPath, EveryMissingFolderIsMade) {
     for (const char* made : {"a", "a/b", "a/c", "a/c/d"}) EXPECT_TRUE(std::filesystem::is_directory(root.Path(made)));
     EXPECT_TRUE(CreateDirectoryPath(Windows("a").c_str()));
     root.Write("a/file", "");
-    EXPECT_FALSE(CreateDirectoryPath((Windows("a") + u"\\file\\b").c_str()));
-    EXPECT_EQ(DWORD(ERROR_DIRECTORY), GetLastError());
+    EXPECT_EQ(DWORD(ERROR_DIRECTORY), ErrorOf(CreateDirectoryPath((Windows("a") + u"\\file\\b").c_str())));
     {
         const FAIL_CALL raced(CreateDirectoryW_calls, FALSE, ERROR_ALREADY_EXISTS, 0, 1);
         EXPECT_TRUE(CreateDirectoryPath(Windows("e").c_str())) << "somebody else made it meanwhile";
     }
     const FAIL_CALL denied(CreateDirectoryW_calls, FALSE, ERROR_ACCESS_DENIED);
-    EXPECT_FALSE(CreateDirectoryPath(Windows("f").c_str()));
-    EXPECT_EQ(5u, GetLastError());
+    EXPECT_EQ(5u, ErrorOf(CreateDirectoryPath(Windows("f").c_str())));
 }
 
 TEST_F(LogPath, RootsAreSkippedWithoutLooking) {
     const FAIL_CALL looked(GetFileAttributesW_calls, INVALID_FILE_ATTRIBUTES, ERROR_ACCESS_DENIED);
-    for (const WCHAR* path :
-         {TEXT(""), TEXT("\\\\server"), TEXT("\\\\server\\share"), TEXT("\\\\server\\share\\"),
-          TEXT("\\\\server/share/"), TEXT("C:"), TEXT("C:\\"), TEXT("C:/"), TEXT(".\\.."), TEXT("/")}) {
+    for (const WCHAR* path : {u"", u"\\\\server", u"\\\\server\\share", u"\\\\server\\share\\", u"\\\\server/share/",
+                              u"C:", u"C:\\", u"C:/", u".\\..", u"/"})
         EXPECT_TRUE(CreateDirectoryPath(path)) << Narrow(path);
-    }
     EXPECT_EQ(0, looked.Failed());
-    for (const WCHAR* path : {TEXT("\\\\server\\share\\a"), TEXT("C:a"), TEXT("C:\\a"), TEXT("a"), TEXT("\\a")}) {
-        EXPECT_FALSE(CreateDirectoryPath(path)) << Narrow(path);
-        EXPECT_EQ(5u, GetLastError());
-    }
+    for (const WCHAR* path : {u"\\\\server\\share\\a", u"C:a", u"C:\\a", u"a", u"\\a"})
+        EXPECT_EQ(5u, ErrorOf(CreateDirectoryPath(path))) << Narrow(path);
 }
 
 TEST_F(LogPath, LocalApplicationData) {
