@@ -189,7 +189,7 @@ TEST(SecureConnection, TheOwnerDecidesAboutTheCertificate) {
 }
 
 TEST(SecureConnection, AHandshakeThatGoesWrongIsOneEvent) {
-    static const std::string half("\x16\x03\x03\0\x50\x02", 6);
+    static const std::string half("\x16\x03\x03\0\x50\x02", 6), alert("\x15\x03\x03\0\x02\x02\x28", 7);
     const struct {
         const char* name;
         PLAYED::SCRIPT script;
@@ -197,11 +197,7 @@ TEST(SecureConnection, AHandshakeThatGoesWrongIsOneEvent) {
     } cases[] = {
         {"garbage", [](ACCEPTED& peer) { peer.Say("HTTP/1.1 400 Bad Request\r\n\r\n"), peer.Hear(1); }, Aborted},
         {"zeros", [](ACCEPTED& peer) { peer.Say(std::string(70'000, 0)), peer.Hear(1); }, Aborted},
-        {"alert",
-         [](ACCEPTED& peer) {
-             peer.Say({"\x15\x03\x03\0\x02\x02\x28", 7}), peer.Hear(1);
-         },
-         Aborted},
+        {"alert", [](ACCEPTED& peer) { peer.Say(alert), peer.Hear(1); }, Aborted},
         {"close at once", [](ACCEPTED& peer) { peer.Hear(100), peer.Close(); }, Reset},
         {"close in the middle", [](ACCEPTED& peer) { peer.Hear(100), peer.Say(half); }, Reset},
         {"reset", [](ACCEPTED& peer) { peer.Hear(100), peer.Reset(); }, Reset},
