@@ -52,11 +52,7 @@ TEST_F(LogPath, ChoicesOfFolderNameAndExtensionNeverNameTheProgramFile) {
     const STRING unended(Windows("unended").c_str());
     const std::string here = Narrow(win32::WindowsPath(root.Path("")).c_str());
     const std::string base = here.back() == '\\' ? here : here + "\\";
-    const struct {
-        const char* program;
-        LOG_PATH_CHOICE folder, name, extension;
-        std::string expected;
-    } cases[] = {
+    const std::tuple<const char*, LOG_PATH_CHOICE, LOG_PATH_CHOICE, LOG_PATH_CHOICE, std::string> cases[] = {
         {"Program.exe", 2, TEXT("Keldwick"), 0, base + "Keldwick.log"},
         {"Program.exe", 1, 1, 1, base + "Keldwick.log"},
         {"Program.exe", 2, 0, TEXT("TXT"), base + "Debug.txt"},
@@ -72,10 +68,10 @@ TEST_F(LogPath, ChoicesOfFolderNameAndExtensionNeverNameTheProgramFile) {
         {"Program.exe", own.Text(), TEXT("n"), 1, base + "own/n.log"},
         {"Program.exe", unended.Text(), TEXT("n"), 7, base + "unended\\n.log"},
     };
-    for (const auto& c : cases) {
-        ModulePath = Windows(c.program);
-        EXPECT_TRUE(SetLogPath(c.folder, c.name, c.extension));
-        EXPECT_EQ(c.expected, ChosenPath());
+    for (const auto& [program, folder, name, extension, expected] : cases) {
+        ModulePath = Windows(program);
+        EXPECT_TRUE(SetLogPath(folder, name, extension));
+        EXPECT_EQ(expected, ChosenPath());
     }
     EXPECT_TRUE(std::filesystem::is_directory(root.Path("unended")));
     EXPECT_TRUE(std::filesystem::is_empty(root.Path("unended"))) << "the probe file goes away again";
@@ -152,23 +148,20 @@ TEST_F(LogPath, RootsAreSkippedWithoutLooking) {
 }
 
 TEST_F(LogPath, LocalApplicationData) {
-    const struct {
-        HRESULT result;
-        const WCHAR *folder, *name;
-        const char* path;
-        DWORD error;
-    } cases[] = {{S_OK, TEXT("C:\\Data"), TEXT(""), "C:\\Data\\", 0},
-                 {S_OK, TEXT("C:\\"), TEXT("n.log"), "C:\\n.log", 0},
-                 {S_FALSE, TEXT(""), TEXT(""), "old", ERROR_PATH_NOT_FOUND},
-                 {E_ACCESSDENIED, TEXT(""), TEXT(""), "old", ERROR_ACCESS_DENIED}};
-    for (const auto& c : cases) {
-        AppDataResult = c.result;
-        AppData = c.folder;
+    const std::tuple<HRESULT, const WCHAR*, const WCHAR*, const char*, DWORD> cases[] = {
+        {S_OK, TEXT("C:\\Data"), TEXT(""), "C:\\Data\\", 0},
+        {S_OK, TEXT("C:\\"), TEXT("n.log"), "C:\\n.log", 0},
+        {S_FALSE, TEXT(""), TEXT(""), "old", ERROR_PATH_NOT_FOUND},
+        {E_ACCESSDENIED, TEXT(""), TEXT(""), "old", ERROR_ACCESS_DENIED},
+    };
+    for (const auto& [result, folder, name, expected, error] : cases) {
+        AppDataResult = result;
+        AppData = folder;
         STRING path(TEXT("old"));
         SetLastError(0);
-        EXPECT_EQ(c.error == 0, LocalAppDataPath(path, c.name));
-        EXPECT_EQ(c.error, GetLastError());
-        EXPECT_EQ(c.path, Narrow(path));
+        EXPECT_EQ(error == 0, LocalAppDataPath(path, name));
+        EXPECT_EQ(error, GetLastError());
+        EXPECT_EQ(expected, Narrow(path));
     }
 }
 

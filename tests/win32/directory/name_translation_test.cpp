@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "tests/support/entry_lines.h"
@@ -97,12 +98,7 @@ TEST_F(Directory, TranslatesEveryKindOfNameIntoEveryOther) {
     };
     for (const auto& c : cases) EXPECT_EQ((NAME{S_OK, c.wanted}), Translate(c.from, c.name, c.to)) << c.name;
     using NAMES = std::vector<std::string>;
-    const struct {
-        HRESULT result;
-        LONG from;
-        NAMES names;
-        LONG to;
-    } refused[] = {
+    const std::tuple<HRESULT, LONG, NAMES, LONG> refused[] = {
         {NotUnique, Simple, {"both@mail.example"}, Nt4},
         {NotUnique, Nt4, {"CORP\\twin"}, Dn},
         {NotFound, Simple, {"ann", std::string(1000, '@')}, Nt4},
@@ -115,9 +111,9 @@ TEST_F(Directory, TranslatesEveryKindOfNameIntoEveryOther) {
         {E_NOTIMPL, 4, {"CORP\\ann"}, Dn},
         {E_NOTIMPL, Nt4, {"CORP\\ann"}, 4},
     };
-    for (const auto& c : refused)
-        for (const std::string& name : c.names)
-            EXPECT_EQ((NAME{c.result, ""}), Translate(c.from, name, c.to)) << name.substr(0, 60);
+    for (const auto& [result, from, names, to] : refused)
+        for (const std::string& name : names)
+            EXPECT_EQ((NAME{result, ""}), Translate(from, name, to)) << name.substr(0, 60);
 }
 
 TEST_F(Directory, TheFilesChangesShowAtOnceAndABrokenFileChangesNothing) {

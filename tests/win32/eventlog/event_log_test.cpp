@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <thread>
+#include <tuple>
 
 #include "tests/win32/eventlog/log_fixture.h"
 #include "win32/files/machine_root.h"
@@ -47,10 +48,7 @@ TEST_F(EVENT_LOG_CALLS, FlagsOffsetsAndBufferSizesAreAnsweredWithTheDocumentedCo
     MakeLog();
     ASSERT_TRUE(Append(101, 10));
     const DWORD one = AsRecord(MakeRecord(1)).Length;
-    const struct {
-        DWORD flags, bytes, offset, error;
-        std::vector<DWORD> ids;
-    } cases[] = {
+    const std::tuple<DWORD, DWORD, DWORD, DWORD, std::vector<DWORD>> cases[] = {
         {1, 4096, 0, ERROR_INVALID_PARAMETER, {}},
         {1 | 4 | 8, 4096, 0, ERROR_INVALID_PARAMETER, {}},
         {1 | 2 | 4, 4096, 1, ERROR_INVALID_PARAMETER, {}},
@@ -67,12 +65,12 @@ TEST_F(EVENT_LOG_CALLS, FlagsOffsetsAndBufferSizesAreAnsweredWithTheDocumentedCo
         {2 | 4, one, 8, 0, Range(108, 108)},
         {2 | 4, 2 * one - 1, 8, 0, Range(108, 108)},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(testing::Message() << c.flags << ", " << c.bytes << " bytes from " << c.offset);
-        const READ read = ReadOnce(OpenLog().get(), c.flags, c.bytes, c.offset);
-        EXPECT_EQ(c.error, read.error);
-        EXPECT_EQ(c.ids, read.ids);
-        EXPECT_EQ(c.error == ERROR_INSUFFICIENT_BUFFER ? one : 0, read.needed);
+    for (const auto& [flags, bytes, offset, error, ids] : cases) {
+        SCOPED_TRACE(testing::Message() << flags << ", " << bytes << " bytes from " << offset);
+        const READ read = ReadOnce(OpenLog().get(), flags, bytes, offset);
+        EXPECT_EQ(error, read.error);
+        EXPECT_EQ(ids, read.ids);
+        EXPECT_EQ(error == ERROR_INSUFFICIENT_BUFFER ? one : 0, read.needed);
     }
 }
 

@@ -4,6 +4,7 @@
 #include <windows.h>
 
 #include <string>
+#include <tuple>
 
 #include "tests/support/last_error.h"
 #include "tests/support/owned_handle.h"
@@ -35,12 +36,8 @@ protected:
 };
 
 TEST_F(FilesTest, EachDispositionMeetsAFileThatIsThereAndOneThatIsNot) {
-    const struct {
-        DWORD disposition;
-        bool there, opens;
-        DWORD error;
-        const char* content;  // after appending "new"
-    } cases[] = {
+    const std::tuple<DWORD, bool, bool, DWORD, const char*> cases[] = {
+        // What is in the file after appending "new" stands last.
         {CREATE_NEW, false, true, ERROR_SUCCESS, "new"},
         {CREATE_NEW, true, false, ERROR_FILE_EXISTS, "old"},
         {CREATE_ALWAYS, false, true, ERROR_SUCCESS, "new"},
@@ -51,15 +48,15 @@ TEST_F(FilesTest, EachDispositionMeetsAFileThatIsThereAndOneThatIsNot) {
         {OPEN_EXISTING, true, true, ERROR_SUCCESS, "oldnew"},
         {TRUNCATE_EXISTING, true, false, ERROR_INVALID_PARAMETER, "old"},  // without the right to write
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(testing::Message() << c.disposition << c.there);
+    for (const auto& [disposition, there, opens, error, content] : cases) {
+        SCOPED_TRACE(testing::Message() << disposition << there);
         unlink(root.Path("log").c_str());
-        if (c.there) root.Write("log", "old");
-        const HANDLE file = Open("log", Append, c.disposition);
-        EXPECT_EQ(c.error, GetLastError());
-        EXPECT_EQ(c.opens, file != INVALID_HANDLE_VALUE);
-        EXPECT_EQ(c.opens, Write(file, "new") && CloseHandle(file));
-        EXPECT_EQ(c.content, root.Read("log"));
+        if (there) root.Write("log", "old");
+        const HANDLE file = Open("log", Append, disposition);
+        EXPECT_EQ(error, GetLastError());
+        EXPECT_EQ(opens, file != INVALID_HANDLE_VALUE);
+        EXPECT_EQ(opens, Write(file, "new") && CloseHandle(file));
+        EXPECT_EQ(content, root.Read("log"));
     }
 }
 

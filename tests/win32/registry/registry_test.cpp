@@ -18,6 +18,7 @@
 #include <functional>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 // The system calls of wrapped-calls.txt fail with these, when not 0.
@@ -125,25 +126,19 @@ TEST_F(Registry, TheQueryProtocolGivesSizeTypeAndData) {
     const KEY key;
     const char16_t text[] = u"host";
     ASSERT_EQ(ERROR_SUCCESS, RegSetValueExW(key, u"IdentServer", 0, REG_SZ, reinterpret_cast<const BYTE*>(text), 10));
-    const struct {
-        const char16_t* value;
-        bool buffer;
-        DWORD room;
-        LSTATUS status;
-        DWORD size;
-    } cases[] = {
+    const std::tuple<const char16_t*, bool, DWORD, LSTATUS, DWORD> cases[] = {
         {u"identserver", false, 0, ERROR_SUCCESS, 10}, {u"IDENTSERVER", true, 9, ERROR_MORE_DATA, 10},
         {u"IdentServer", true, 10, ERROR_SUCCESS, 10}, {u"Ident", true, 64, ERROR_FILE_NOT_FOUND, 64},
         {nullptr, true, 64, ERROR_FILE_NOT_FOUND, 64},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.room);
+    for (const auto& [value, buffer, room, status, needed] : cases) {
+        SCOPED_TRACE(room);
         BYTE data[64] = {};
-        DWORD size = c.room, type = 99;
-        EXPECT_EQ(c.status, RegQueryValueExW(key, c.value, nullptr, &type, c.buffer ? data : nullptr, &size));
-        EXPECT_EQ(c.size, size);
-        EXPECT_EQ(c.status == ERROR_FILE_NOT_FOUND ? 99u : REG_SZ, type);
-        EXPECT_EQ(c.buffer && c.status == ERROR_SUCCESS, memcmp(text, data, 10) == 0);
+        DWORD size = room, type = 99;
+        EXPECT_EQ(status, RegQueryValueExW(key, value, nullptr, &type, buffer ? data : nullptr, &size));
+        EXPECT_EQ(needed, size);
+        EXPECT_EQ(status == ERROR_FILE_NOT_FOUND ? 99u : REG_SZ, type);
+        EXPECT_EQ(buffer && status == ERROR_SUCCESS, memcmp(text, data, 10) == 0);
     }
     BYTE byte = 0;
     EXPECT_EQ(ERROR_INVALID_PARAMETER, RegQueryValueExW(key, u"IdentServer", nullptr, nullptr, &byte, nullptr));
@@ -322,11 +317,7 @@ TEST_F(Registry, WhoeverChangesTheFileTheKeyIsSignalled) {
         std::filesystem::rename(root.Path(from), root.Path(to));
     };
     const auto write = [&](int value) { root.Write(File, Heartbeat(value)); };
-    const struct {
-        const char* name;
-        std::function<void()> act;
-        int64_t value;
-    } cases[] = {
+    const std::tuple<const char*, std::function<void()>, int64_t> cases[] = {
         {"in place", [&] { write(1); }, 1},
         {"renamed over", [&] { root.Write("aside", Heartbeat(2)), move("aside", File); }, 2},
         {"in place after that", [&] { write(3); }, 3},
@@ -335,12 +326,12 @@ TEST_F(Registry, WhoeverChangesTheFileTheKeyIsSignalled) {
         {"another process", [&] { EXPECT_TRUE(Succeeds(StartWriter("Heartbeat"))); }, 5},
         {"the value removed", [&] { root.Write(File, Settings("")); }, -ERROR_FILE_NOT_FOUND},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
+    for (const auto& [name, act, value] : cases) {
+        SCOPED_TRACE(name);
         ASSERT_EQ(ERROR_SUCCESS, Arm(key, event));
-        c.act();
+        act();
         EXPECT_EQ(WAIT_OBJECT_0, event.Wait(WaitMs));
-        EXPECT_EQ(c.value, Number(key, u"Heartbeat"));
+        EXPECT_EQ(value, Number(key, u"Heartbeat"));
     }
 }
 

@@ -4,6 +4,7 @@
 
 #include <cstring>
 #include <string>
+#include <tuple>
 
 namespace {
 
@@ -90,12 +91,7 @@ int Print(sockaddr* address, DWORD length, TEXT_UNITS& text, DWORD& units) {
 }
 
 TEST(AddressToText, WritesWhatWindowsWrites) {
-    const struct {
-        const char* address;
-        uint16_t port;
-        uint32_t scope;
-        const char16_t* text;
-    } cases[] = {
+    const std::tuple<const char*, uint16_t, uint32_t, const char16_t*> cases[] = {
         {"10.0.0.5", 0, 0, u"10.0.0.5"},
         {"255.255.255.255", 65535, 0, u"255.255.255.255:65535"},
         {"::", 0, 0, u"::"},
@@ -114,19 +110,19 @@ TEST(AddressToText, WritesWhatWindowsWrites) {
     };
     TEXT_UNITS text;
     DWORD units = 1025;
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.address);
-        sockaddr_in6 ipv6{AF_INET6, htons(c.port), 0, {}, c.scope};
-        sockaddr_in ipv4{AF_INET, htons(c.port), {}, {}};
-        const bool old = inet_pton(AF_INET, c.address, &ipv4.sin_addr) == 1;
-        ASSERT_TRUE(old || inet_pton(AF_INET6, c.address, &ipv6.sin6_addr) == 1);
+    for (const auto& [input, port, scope, wanted] : cases) {
+        SCOPED_TRACE(input);
+        sockaddr_in6 ipv6{AF_INET6, htons(port), 0, {}, scope};
+        sockaddr_in ipv4{AF_INET, htons(port), {}, {}};
+        const bool old = inet_pton(AF_INET, input, &ipv4.sin_addr) == 1;
+        ASSERT_TRUE(old || inet_pton(AF_INET6, input, &ipv6.sin6_addr) == 1);
         auto* const address = old ? reinterpret_cast<sockaddr*>(&ipv4) : reinterpret_cast<sockaddr*>(&ipv6);
         const DWORD length = old ? sizeof(ipv4) : sizeof(ipv6),
-                    needed = static_cast<DWORD>(TEXT_UNITS(c.text).size() + 1);
+                    needed = static_cast<DWORD>(TEXT_UNITS(wanted).size() + 1);
         for (const DWORD room : {1025u, needed, needed - 1, 0u}) {
             units = room;
             EXPECT_EQ(room < needed ? WSAEFAULT : 0, Print(address, length, text, units)) << room;
-            EXPECT_EQ(room < needed ? u"" : c.text, text) << room;
+            EXPECT_EQ(room < needed ? u"" : wanted, text) << room;
             EXPECT_EQ(needed, units) << room;
         }
         EXPECT_EQ(WSAEFAULT, Print(address, length - 1, text, units = 1025));
