@@ -6,6 +6,7 @@
 
 #include "resources/message_ids.h"
 #include "tests/support/last_error.h"
+#include "win32/text/last_error.h"
 #include "win32/text/utf.h"
 
 namespace {
@@ -54,34 +55,8 @@ TEST(SystemMessageTest, CodesHaveTheTextsOfWindows) {
 }
 
 TEST(SystemMessageTest, EveryCodeThatTheHostsErrorsBecomeHasAText) {
-    std::vector<DWORD> codes{ERROR_TOO_MANY_OPEN_FILES,
-                             ERROR_INVALID_HANDLE,
-                             ERROR_NOT_ENOUGH_MEMORY,
-                             ERROR_NOT_SAME_DEVICE,
-                             ERROR_WRITE_PROTECT,
-                             ERROR_NOT_READY,
-                             ERROR_SHARING_VIOLATION,
-                             ERROR_LOCK_VIOLATION,
-                             ERROR_NOT_SUPPORTED,
-                             ERROR_BROKEN_PIPE,
-                             ERROR_CALL_NOT_IMPLEMENTED,
-                             ERROR_DISK_FULL,
-                             ERROR_DIR_NOT_EMPTY,
-                             ERROR_BUSY,
-                             ERROR_FILENAME_EXCED_RANGE,
-                             ERROR_CANTOPEN,
-                             ERROR_FILE_TOO_LARGE,
-                             ERROR_MORE_DATA,
-                             WAIT_TIMEOUT,
-                             ERROR_NOACCESS,
-                             ERROR_NO_UNICODE_TRANSLATION,
-                             ERROR_IO_DEVICE,
-                             ERROR_CANCELLED,
-                             ERROR_GEN_FAILURE,
-                             ERROR_FILE_CORRUPT,
-                             ERROR_LOG_FILE_FULL,
-                             ERROR_NONE_MAPPED,
-                             ERROR_INVALID_DATATYPE};
+    std::vector<DWORD> codes{ERROR_FILE_CORRUPT, ERROR_LOG_FILE_FULL, ERROR_NONE_MAPPED, ERROR_INVALID_DATATYPE};
+    for (int number = 0; number < 134; ++number) codes.push_back(win32::ErrorFromErrno(number));
     for (DWORD code = WSAEMSGSIZE; code <= WSAECONNREFUSED; ++code) codes.push_back(code);
     for (const DWORD code : codes) EXPECT_TRUE(Message(SystemText, nullptr, code).ends_with(u".\r\n")) << code;
 }
