@@ -3,6 +3,7 @@
 #include <process.h>
 
 #include <atomic>
+#include <tuple>
 
 #include "tests/diagnostics/log_fixture.h"
 
@@ -16,11 +17,7 @@ WRAP_CALL(uintptr_t, _beginthreadex,
 
 namespace {
 
-struct REPORTED {
-    WORD type;
-    DWORD id;
-    std::vector<std::string> strings;
-};
+using REPORTED = std::tuple<WORD, DWORD, std::vector<std::string>>;  // type, ID, strings
 std::vector<REPORTED> Reported;
 bool ReportFails = false;
 std::atomic<DWORD> MinuteEnd = WAIT_TIMEOUT;  // what the limiter's wait then answers
@@ -46,9 +43,9 @@ extern "C" BOOL __wrap_ReportEventW(HANDLE, WORD type, WORD category, DWORD id, 
         SetLastError(ERROR_INVALID_HANDLE);
         return FALSE;
     }
-    REPORTED report{type, id, {}};
-    for (WORD i = 0; i < count; ++i) report.strings.push_back(Narrow(texts[i]));
-    Reported.push_back(report);
+    std::vector<std::string> strings;
+    for (WORD i = 0; i < count; ++i) strings.push_back(Narrow(texts[i]));
+    Reported.emplace_back(type, id, strings);
     return TRUE;
 }
 
@@ -92,9 +89,7 @@ TEST_F(EventSource, TheThirtyFirstReportOfAMinuteIsOnlyEchoed) {
     const WCHAR* const strings[] = {TEXT("1.2.5 build 26 Release x64")};
     for (int i = 0; i < 31; ++i) source.Report(EVENTLOG_INFORMATION_TYPE, StartedId, strings);
     ASSERT_EQ(30u, Reported.size());
-    EXPECT_EQ(EVENTLOG_INFORMATION_TYPE, Reported[0].type);
-    EXPECT_EQ(StartedId, Reported[0].id);
-    EXPECT_EQ(std::vector<std::string>{"1.2.5 build 26 Release x64"}, Reported[0].strings);
+    EXPECT_EQ(REPORTED(EVENTLOG_INFORMATION_TYPE, StartedId, {"1.2.5 build 26 Release x64"}), Reported[0]);
     const std::string line = "KDWK: (*) KDWK Service version 1.2.5 build 26 Release x64 started.";
     int echoes = 0;
     for (size_t at = 0; (at = Log().find(line, at)) != std::string::npos; at += line.size()) ++echoes;
