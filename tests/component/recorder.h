@@ -3,7 +3,7 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
+#include <algorithm>
 #include <functional>
 #include <string>
 #include <vector>
@@ -37,23 +37,14 @@ public:
 
     // Lets events through until one begins so. Nothing moves on but by the handle.
     bool Await(const std::string& wanted) {
-        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(15);
-        while (!Seen(wanted)) {
-            const auto left =
-                std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
-            if (left.count() <= 0) return false;
-            if (WaitForSingleObject(this->EventHandle(), static_cast<DWORD>(left.count())) != WAIT_OBJECT_0)
-                return false;
-            this->ProcessEvents();
-        }
-        return true;
+        return Until([&] { return Seen(wanted); });
     }
     bool AwaitBytes(size_t count) {
-        while (received.size() < count) {
-            if (WaitForSingleObject(this->EventHandle(), 15'000) != WAIT_OBJECT_0) return false;
-            this->ProcessEvents();
-        }
-        return true;
+        return Until([&] { return received.size() >= count; });
+    }
+    bool Opens(int port, const char* host = "127.0.0.1") {
+        this->Connect(host, port);
+        return Await("ReadyToSend");
     }
     // What the next call of ProcessEvents delivers.
     std::vector<std::string> Turn() {
@@ -63,13 +54,23 @@ public:
         return {events.begin() + before, events.end()};
     }
     bool Seen(const std::string& wanted) const {
-        for (const std::string& event : events)
-            if (event.starts_with(wanted)) return true;
-        return false;
+        return std::any_of(events.begin(), events.end(), [&](auto& event) { return event.starts_with(wanted); });
     }
     bool Idle() { return WaitForSingleObject(this->EventHandle(), 0) == WAIT_TIMEOUT; }
+    int SendText(const std::string& text) { return this->Send(text.data(), static_cast<int>(text.size())); }
 
 protected:
+    template <typename DONE>
+    bool Until(DONE done) {
+        const ULONGLONG end = GetTickCount64() + 15'000;
+        while (!done()) {
+            const ULONGLONG now = GetTickCount64();
+            const DWORD left = now < end ? static_cast<DWORD>(end - now) : 0;
+            if (WaitForSingleObject(this->EventHandle(), left) != WAIT_OBJECT_0) return false;
+            this->ProcessEvents();
+        }
+        return true;
+    }
     int Note(const std::string& event, const char* text = nullptr) {
         events.push_back(event);
         if (text != nullptr) texts.emplace_back(text);
@@ -79,6 +80,9 @@ protected:
 };
 
 using EVENTS = std::vector<std::string>;
+inline EVENTS Ended(int status, const std::string& how = "Disconnected") {
+    return {how + " " + std::to_string(status)};
+}
 inline const EVENTS Open = {"Connected 0", "ReadyToSend"};
 inline EVENTS operator+(EVENTS a, const EVENTS& b) {
     a.insert(a.end(), b.begin(), b.end());

@@ -20,8 +20,6 @@ struct TIMER {
 
 extern "C" BOOL __real_SetWaitableTimer(HANDLE timer, const LARGE_INTEGER* due, LONG periodMs, PTIMERAPCROUTINE routine,
                                         LPVOID argument, BOOL resume);
-extern "C" BOOL __wrap_SetWaitableTimer(HANDLE timer, const LARGE_INTEGER* due, LONG periodMs, PTIMERAPCROUTINE routine,
-                                        LPVOID argument, BOOL resume);
 extern "C" BOOL __wrap_SetWaitableTimer(HANDLE timer, const LARGE_INTEGER* due, LONG periodMs, PTIMERAPCROUTINE, LPVOID,
                                         BOOL) {
     Timer.handle = timer;
@@ -43,64 +41,47 @@ TEST_F(LogFile, TheFirstOpenTreatsAnExistingFileAsTheModeSays) {
         DWORD mode;
         const char* log;  // after one line
         DWORD disposition;
-        bool renamed;
-    } cases[] = {
-        {0x6, "new\r\n", CREATE_ALWAYS, false},
-        {0x2, "old\r\nnew\r\n", OPEN_ALWAYS, false},
-        {0xA, "new\r\n", CREATE_NEW, true},
-        {0xE, "new\r\n", CREATE_NEW, true},
-    };
+        const char *renamed, *told;
+    } cases[] = {{0x6, "new\r\n", CREATE_ALWAYS, "", "overwritten"},
+                 {0x2, "old\r\nnew\r\n", OPEN_ALWAYS, "", "opened"},
+                 {0xE, "new\r\n", CREATE_NEW, "old\r\n", "created"},
+                 {0xA, "new\r\n", CREATE_NEW, "old\r\n", "created"}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.mode);
+        const auto print = [&] {
+            SetDebugOutputMode(DEBUG_MODE_INTERNAL);
+            SetDebugOutputMode(c.mode | DEBUG_MODE_INTERNAL);
+            Debugger().clear();
+            Print();
+        };
         SetDebugOutputMode(0);
         std::filesystem::remove(root.Path("Keldwick_2026-11-16@14_05_09.log"));
         root.Write("Keldwick.log", "old\r\n");
         DebugState().log.firstOpen = true;
-        Dispositions().clear();
-        SetDebugOutputMode(c.mode);
-        Print();
+        print();
         EXPECT_EQ(c.log, Log());
         EXPECT_EQ(c.disposition, Dispositions().back());
-        EXPECT_EQ(c.renamed ? "old\r\n" : "", Log("Keldwick_2026-11-16@14_05_09.log"));
-        SetDebugOutputMode(0);
-        SetDebugOutputMode(c.mode);
-        Print();
+        EXPECT_EQ(c.renamed, Log("Keldwick_2026-11-16@14_05_09.log"));
+        EXPECT_TRUE(DebuggerSaw("Log file \"" + Narrow(LogFilePath(DebugState())) + "\" " + c.told));
+        print();
         EXPECT_EQ(std::string(c.log) + "new\r\n", Log()) << "a later open appends";
         EXPECT_EQ(DWORD(OPEN_ALWAYS), Dispositions().back());
+        EXPECT_TRUE(DebuggerSaw("Keldwick.log\" opened"));
     }
 }
 
-TEST_F(LogFile, OpeningIsTold) {
-    SetDebugOutputMode(0x10002);
-    Print();
-    EXPECT_TRUE(DebuggerSaw("Log file \"" + Narrow(LogFilePath(DebugState())) + "\" created"));
-    SetDebugOutputMode(0x10000);
-    SetDebugOutputMode(0x10002);
-    Print();
-    EXPECT_TRUE(DebuggerSaw("Keldwick.log\" opened"));
-    SetDebugOutputMode(0x10000);
-    DebugState().log.firstOpen = true;
-    SetDebugOutputMode(0x10006);
-    Print();
-    EXPECT_TRUE(DebuggerSaw("Keldwick.log\" overwritten"));
-}
-
 TEST_F(LogFile, RenamedFilesAreNamedAfterTheTimeAsFarAsItSaysAnything) {
-    const struct {
-        SYSTEMTIME time;
-        const char* name;
-    } cases[] = {
-        {{2026, 11, 1, 16, 14, 5, 9, 0}, "Keldwick_2026-11-16@14_05_09.log"},
+    const std::pair<SYSTEMTIME, const char*> cases[] = {
         {{2026, 11, 1, 16, 15, 0, 0, 9}, "Keldwick_2026-11-16@15.log"},
         {{2026, 11, 1, 16, 0, 0, 0, 0}, "Keldwick_2026-11-16.log"},
         {{2026, 11, 1, 16, 0, 0, 1, 0}, "Keldwick_2026-11-16@00_00_01.log"},
         {{2026, 11, 1, 16, 0, 0, 0, 0}, "Keldwick_2026-11-16#001.log"},
         {{2026, 11, 1, 16, 0, 0, 0, 0}, "Keldwick_2026-11-16#002.log"},
     };
-    for (const auto& c : cases) {
-        root.Write("Keldwick.log", c.name);
-        EXPECT_TRUE(RenameLogFile(DebugState(), LogFilePath(DebugState()), &c.time));
-        EXPECT_EQ(c.name, root.Read(c.name));
+    for (const auto& [time, name] : cases) {
+        root.Write("Keldwick.log", name);
+        EXPECT_TRUE(RenameLogFile(DebugState(), LogFilePath(DebugState()), &time));
+        EXPECT_EQ(name, root.Read(name));
         EXPECT_FALSE(Exists("Keldwick.log"));
     }
 }
@@ -138,21 +119,14 @@ TEST_F(LogFile, AFullDiskCostsTheLineAndTheFileStaysOpen) {
     const size_t opened = Dispositions().size();
     {
         const FAIL_CALL full(WriteFileCalls, FALSE, ERROR_DISK_FULL);
-        Print();
-        EXPECT_TRUE(DebuggerSaw("Unable to write 5 bytes to log file. "));
+        DebugPrintMasked(DEBUG_RAW, TEXT("many\nlines\n\n"));
+        EXPECT_EQ(1, full.Failed()) << "one write, however many lines";
+        EXPECT_TRUE(DebuggerSaw("Unable to write 17 bytes to log file. "));
         EXPECT_TRUE(DebuggerSaw(". Error code = 112."));
     }
     Print();
     EXPECT_EQ("new\r\nnew\r\n", Log());
     EXPECT_EQ(opened, Dispositions().size());
-}
-
-TEST_F(LogFile, OneWriteALine) {
-    SetDebugOutputMode(0x2);
-    Print();
-    const FAIL_CALL counts(WriteFileCalls, FALSE, ERROR_DISK_FULL);
-    DebugPrint(TEXT("\nmany\nlines\n%s"), TEXT("\n\n"));
-    EXPECT_EQ(1, counts.Failed());
 }
 
 // West of Greenwich, so that local times are told from UTC.
@@ -161,38 +135,25 @@ const bool ZoneSet = setenv("TZ", "KDW5", 1) == 0;
 // One thread, one schedule: its whole life in one test.
 TEST_F(LogFile, TheThreadRenamesAtMidnightAndGoesOnWhateverHappenedToTheFile) {
     ASSERT_TRUE(ZoneSet);
-    const auto due = [](const SYSTEMTIME& local) { return TIME_STAMP::FromFields(local).FromLocal().Units(); };
-    const struct {
-        DWORD hour;
-        SYSTEMTIME due;
-    } schedules[] = {
-        {20, {2026, 11, 1, 16, 20, 0, 0, 0}},
-        {14, {2026, 11, 2, 17, 14, 0, 0, 0}},
-        {3, {2026, 11, 2, 17, 3, 0, 0, 0}},
-        {0, {2026, 11, 2, 17, 0, 0, 0, 0}},
-    };
-    for (const auto& schedule : schedules) {
-        StartLogRename(schedule.hour, 1);
-        EXPECT_EQ(due(schedule.due), Timer.due);
+    const std::pair<DWORD, SYSTEMTIME> schedules[] = {
+        {20, {2026, 11, 1, 16, 20, 0, 0, 0}}, {14, {2026, 11, 2, 17, 14, 0, 0, 0}}, {0, {2026, 11, 2, 17, 0, 0, 0, 0}}};
+    for (const auto& [hour, local] : schedules) {
+        StartLogRename(hour, 1);
+        EXPECT_EQ(TIME_STAMP::FromFields(local).FromLocal().Units(), Timer.due);
         EXPECT_EQ(86400000, Timer.periodMs);
     }
     // The timer comes; the thread tells the debugger once it has the lock, which it keeps until it is done.
-    const auto midnight = [] {
-        static std::atomic<int> signalled;
-        signalled = 0;
+    const auto midnight = [this] {
         SetDebugOutputMode(DebugOutputMode() | DEBUG_MODE_INTERNAL);
         const LARGE_INTEGER now{{1, 0}};
         ASSERT_TRUE(__real_SetWaitableTimer(Timer.handle, &now, 0, nullptr, nullptr, FALSE));
-        const auto told = [] {
-            const LOCK_GUARD guard(DebugState().lock);
-            const bool seen = !Debugger().empty() && std::any_of(Debugger().begin(), Debugger().end(), [](auto& line) {
-                return line.find("Rename timer signaled") != std::string::npos;
-            });
-            if (seen) Debugger().clear();
-            return seen;
-        };
         const ULONGLONG start = GetTickCount64();
-        while (!told()) ASSERT_LT(GetTickCount64() - start, 30000u);
+        for (bool told = false; !told;) {
+            const LOCK_GUARD guard(DebugState().lock);
+            told = DebuggerSaw("Rename timer signaled");
+            if (told) Debugger().clear();
+            ASSERT_LT(GetTickCount64() - start, 30000u);
+        }
     };
     SetDebugOutputMode(0x2);
     midnight();

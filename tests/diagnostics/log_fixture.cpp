@@ -22,7 +22,6 @@ CALL_PLAN& ReallocCalls = realloc_calls;
 CALL_PLAN NewCalls;
 
 extern "C" void* __real__Znwm(size_t bytes);
-extern "C" void* __wrap__Znwm(size_t bytes);
 extern "C" void* __wrap__Znwm(size_t bytes) {
     if (NewCalls.Fires()) throw std::bad_alloc();
     return __real__Znwm(bytes);
@@ -52,7 +51,6 @@ std::vector<DWORD>& Dispositions() {
     return dispositions;
 }
 
-extern "C" void __wrap_GetLocalTime(LPSYSTEMTIME time);
 extern "C" void __wrap_GetLocalTime(LPSYSTEMTIME time) {
     const std::lock_guard guard(ClockLock);
     *time = Clock;
@@ -60,7 +58,6 @@ extern "C" void __wrap_GetLocalTime(LPSYSTEMTIME time) {
 }
 
 extern "C" void __real_OutputDebugStringW(LPCWSTR text);
-extern "C" void __wrap_OutputDebugStringW(LPCWSTR text);
 extern "C" void __wrap_OutputDebugStringW(LPCWSTR text) {
     Debugger().push_back(Narrow(text));
     __real_OutputDebugStringW(text);

@@ -13,6 +13,7 @@
 #include "diagnostics/log_path.h"
 #include "tests/support/debug_lines.h"
 #include "tests/support/fail_call.h"
+#include "tests/support/last_error.h"
 #include "tests/support/temporary_root.h"
 
 extern CALL_PLAN& CreateFileCalls;

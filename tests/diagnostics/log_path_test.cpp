@@ -18,7 +18,6 @@ HRESULT AppDataResult = S_OK;
 }  // namespace
 
 extern "C" DWORD __real_GetModuleFileNameW(HMODULE module, LPWSTR buffer, DWORD units);
-extern "C" DWORD __wrap_GetModuleFileNameW(HMODULE module, LPWSTR buffer, DWORD units);
 extern "C" DWORD __wrap_GetModuleFileNameW(HMODULE module, LPWSTR buffer, DWORD units) {
     if (ModulePath.empty()) return __real_GetModuleFileNameW(module, buffer, units);
     if (ModulePath == u"fails") return 0;
@@ -28,7 +27,6 @@ extern "C" DWORD __wrap_GetModuleFileNameW(HMODULE module, LPWSTR buffer, DWORD 
     return static_cast<DWORD>(copied);
 }
 
-extern "C" HRESULT __wrap_SHGetFolderPathW(HWND owner, int folder, HANDLE token, DWORD flags, LPWSTR path);
 extern "C" HRESULT __wrap_SHGetFolderPathW(HWND, int folder, HANDLE, DWORD, LPWSTR path) {
     if (folder != 28) return E_INVALIDARG;
     if (AppDataResult == S_OK) path[AppData.copy(path, MAX_PATH - 1)] = 0;
@@ -48,50 +46,35 @@ protected:
     static std::string ChosenPath() { return Narrow(LogFilePath(DebugState())); }
 };
 
-TEST_F(LogPath, ChoicesOfFolderNameAndExtension) {
-    ModulePath = Windows("Program.exe");
+TEST_F(LogPath, ChoicesOfFolderNameAndExtensionNeverNameTheProgramFile) {
     AppData = Windows("appdata");
     const STRING own((Windows("own") + u"/").c_str());
     const STRING unended(Windows("unended").c_str());
     const std::string here = Narrow(win32::WindowsPath(root.Path("")).c_str());
     const std::string base = here.back() == '\\' ? here : here + "\\";
-    const struct {
-        LOG_PATH_CHOICE folder, name, extension;
-        std::string expected;
-    } cases[] = {
-        {2, TEXT("Keldwick"), 0, base + "Keldwick.log"},
-        {1, 1, 1, base + "Keldwick.log"},
-        {2, 0, TEXT("TXT"), base + "Debug.txt"},
-        {2, 4, TEXT("Log"), base + "Debug.log"},
-        {2, 2, 0, base + "Program.exe.log"},
-        {2, 3, 0, base + "Program.log"},
-        {3, 3, TEXT("out"), base + "Program.out"},
-        {1, 3, TEXT("EXE"), base + "Program.exe.EXE"},
-        {1, TEXT("PROGRAM"), TEXT("exe"), base + "PROGRAM.log"},
-        {1, TEXT("n"), TEXT(""), base + "n"},
-        {4, TEXT("n"), 0, base + "appdata\\n.log"},
-        {own.Text(), TEXT("n"), 1, base + "own/n.log"},
-        {unended.Text(), TEXT("n"), 7, base + "unended\\n.log"},
+    const std::tuple<const char*, LOG_PATH_CHOICE, LOG_PATH_CHOICE, LOG_PATH_CHOICE, std::string> cases[] = {
+        {"Program.exe", 2, TEXT("Keldwick"), 0, base + "Keldwick.log"},
+        {"Program.exe", 1, 1, 1, base + "Keldwick.log"},
+        {"Program.exe", 2, 0, TEXT("TXT"), base + "Debug.txt"},
+        {"Program.exe", 2, 4, TEXT("Log"), base + "Debug.log"},
+        {"Program.exe", 2, 2, 0, base + "Program.exe.log"},
+        {"Program.exe", 3, 3, TEXT("out"), base + "Program.out"},
+        {"Program.exe", 1, 3, TEXT("EXE"), base + "Program.exe.EXE"},
+        {"Program.exe", 1, TEXT("PROGRAM"), TEXT("exe"), base + "PROGRAM.log"},
+        {"tool.log", 2, TEXT("Tool"), TEXT("log"), base + "Tool.txt"},
+        {"tool.txt", 2, TEXT("Tool"), TEXT("txt"), base + "Tool.log"},
+        {"Program.exe", 1, TEXT("n"), TEXT(""), base + "n"},
+        {"Program.exe", 4, TEXT("n"), 0, base + "appdata\\n.log"},
+        {"Program.exe", own.Text(), TEXT("n"), 1, base + "own/n.log"},
+        {"Program.exe", unended.Text(), TEXT("n"), 7, base + "unended\\n.log"},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.expected);
-        EXPECT_TRUE(SetLogPath(c.folder, c.name, c.extension));
-        EXPECT_EQ(c.expected, ChosenPath());
+    for (const auto& [program, folder, name, extension, expected] : cases) {
+        ModulePath = Windows(program);
+        EXPECT_TRUE(SetLogPath(folder, name, extension));
+        EXPECT_EQ(expected, ChosenPath());
     }
     EXPECT_TRUE(std::filesystem::is_directory(root.Path("unended")));
     EXPECT_TRUE(std::filesystem::is_empty(root.Path("unended"))) << "the probe file goes away again";
-}
-
-TEST_F(LogPath, TheLogNeverIsTheProgramFile) {
-    const std::u16string folder = Windows("");
-    for (const auto& [program, expected] :
-         {std::pair<const WCHAR*, const char*>{TEXT("tool.log"), "tool.txt"}, {TEXT("tool.txt"), "tool.log"}}) {
-        ModulePath = folder + (folder.back() == '\\' ? u"" : u"\\") + program;
-        EXPECT_TRUE(
-            SetLogPath(2, TEXT("Tool"), STRING(program).View().ends_with(TEXT("txt")) ? TEXT("txt") : TEXT("log")));
-        const std::string path = ChosenPath();
-        EXPECT_EQ(std::string("Tool") + (expected + 4), path.substr(path.rfind('\\') + 1));
-    }
 }
 
 TEST_F(LogPath, WithoutAModulePathOrAppDataTheCurrentFolderServes) {
@@ -105,26 +88,22 @@ TEST_F(LogPath, WithoutAModulePathOrAppDataTheCurrentFolderServes) {
 }
 
 TEST_F(LogPath, AFolderThatCannotBeWrittenToIsFoundOut) {
-    {
-        const FAIL_CALL taken(CreateFileCalls, static_cast<uintptr_t>(-1), ERROR_FILE_EXISTS, 0, 999);
-        EXPECT_TRUE(SetLogPath(1, 1, 1));
-        EXPECT_EQ(999, taken.Failed());
+    const struct {
+        CALL_PLAN& plan;
+        DWORD error;
+        int count, failed;
+        bool good;
+    } cases[] = {{CreateFileCalls, ERROR_FILE_EXISTS, 999, 999, true},
+                 {CreateFileCalls, ERROR_FILE_EXISTS, -1, 1000, false},
+                 {CreateFileCalls, ERROR_ACCESS_DENIED, -1, 1, false},
+                 {DeleteFileCalls, ERROR_ACCESS_DENIED, -1, 1, true}};
+    for (const auto& c : cases) {
+        const FAIL_CALL fails(c.plan, &c.plan == &CreateFileCalls ? static_cast<uintptr_t>(-1) : FALSE, c.error, 0,
+                              c.count);
+        EXPECT_EQ(c.good, SetLogPath(1, 1, 1));
+        EXPECT_EQ(c.failed, fails.Failed());
     }
-    {
-        const FAIL_CALL taken(CreateFileCalls, static_cast<uintptr_t>(-1), ERROR_FILE_EXISTS);
-        EXPECT_FALSE(SetLogPath(1, 1, 1));
-        EXPECT_EQ(1000, taken.Failed());
-    }
-    {
-        const FAIL_CALL readOnly(CreateFileCalls, static_cast<uintptr_t>(-1), ERROR_ACCESS_DENIED);
-        EXPECT_FALSE(SetLogPath(1, 1, 1));
-        EXPECT_EQ(1, readOnly.Failed());
-    }
-    {
-        const FAIL_CALL kept(DeleteFileCalls, FALSE, ERROR_ACCESS_DENIED);
-        EXPECT_TRUE(SetLogPath(1, 1, 1));
-        EXPECT_TRUE(DebuggerSaw("Unable to delete \"" + ChosenPath() + "\".\n    Access is denied. Error code = 5."));
-    }
+    EXPECT_TRUE(DebuggerSaw("Unable to delete \"" + ChosenPath() + "\".\n    Access is denied. Error code = 5."));
     SetDebugOutputMode(0x10000);
     root.Write("file", "");
     EXPECT_FALSE(SetLogPath((Windows("file") + u"\\x").c_str(), 1, 1));
@@ -149,53 +128,40 @@ TEST_F(LogPath, EveryMissingFolderIsMade) {
     for (const char* made : {"a", "a/b", "a/c", "a/c/d"}) EXPECT_TRUE(std::filesystem::is_directory(root.Path(made)));
     EXPECT_TRUE(CreateDirectoryPath(Windows("a").c_str()));
     root.Write("a/file", "");
-    EXPECT_FALSE(CreateDirectoryPath((Windows("a") + u"\\file\\b").c_str()));
-    EXPECT_EQ(DWORD(ERROR_DIRECTORY), GetLastError());
+    EXPECT_EQ(DWORD(ERROR_DIRECTORY), ErrorOf(CreateDirectoryPath((Windows("a") + u"\\file\\b").c_str())));
     {
         const FAIL_CALL raced(CreateDirectoryW_calls, FALSE, ERROR_ALREADY_EXISTS, 0, 1);
         EXPECT_TRUE(CreateDirectoryPath(Windows("e").c_str())) << "somebody else made it meanwhile";
     }
     const FAIL_CALL denied(CreateDirectoryW_calls, FALSE, ERROR_ACCESS_DENIED);
-    EXPECT_FALSE(CreateDirectoryPath(Windows("f").c_str()));
-    EXPECT_EQ(5u, GetLastError());
+    EXPECT_EQ(5u, ErrorOf(CreateDirectoryPath(Windows("f").c_str())));
 }
 
 TEST_F(LogPath, RootsAreSkippedWithoutLooking) {
     const FAIL_CALL looked(GetFileAttributesW_calls, INVALID_FILE_ATTRIBUTES, ERROR_ACCESS_DENIED);
-    for (const WCHAR* path :
-         {TEXT(""), TEXT("\\\\server"), TEXT("\\\\server\\share"), TEXT("\\\\server\\share\\"),
-          TEXT("\\\\server/share/"), TEXT("C:"), TEXT("C:\\"), TEXT("C:/"), TEXT(".\\.."), TEXT("/")}) {
+    for (const WCHAR* path : {u"", u"\\\\server", u"\\\\server\\share", u"\\\\server\\share\\", u"\\\\server/share/",
+                              u"C:", u"C:\\", u"C:/", u".\\..", u"/"})
         EXPECT_TRUE(CreateDirectoryPath(path)) << Narrow(path);
-    }
     EXPECT_EQ(0, looked.Failed());
-    for (const WCHAR* path : {TEXT("\\\\server\\share\\a"), TEXT("C:a"), TEXT("C:\\a"), TEXT("a"), TEXT("\\a")}) {
-        EXPECT_FALSE(CreateDirectoryPath(path)) << Narrow(path);
-        EXPECT_EQ(5u, GetLastError());
-    }
+    for (const WCHAR* path : {u"\\\\server\\share\\a", u"C:a", u"C:\\a", u"a", u"\\a"})
+        EXPECT_EQ(5u, ErrorOf(CreateDirectoryPath(path))) << Narrow(path);
 }
 
 TEST_F(LogPath, LocalApplicationData) {
-    const struct {
-        HRESULT result;
-        const WCHAR* folder;
-        const WCHAR* name;
-        const char* path;
-        DWORD error;
-    } cases[] = {
+    const std::tuple<HRESULT, const WCHAR*, const WCHAR*, const char*, DWORD> cases[] = {
         {S_OK, TEXT("C:\\Data"), TEXT(""), "C:\\Data\\", 0},
         {S_OK, TEXT("C:\\"), TEXT("n.log"), "C:\\n.log", 0},
-        {E_FAIL, TEXT(""), TEXT(""), "old", ERROR_PATH_NOT_FOUND},
         {S_FALSE, TEXT(""), TEXT(""), "old", ERROR_PATH_NOT_FOUND},
         {E_ACCESSDENIED, TEXT(""), TEXT(""), "old", ERROR_ACCESS_DENIED},
     };
-    for (const auto& c : cases) {
-        AppDataResult = c.result;
-        AppData = c.folder;
+    for (const auto& [result, folder, name, expected, error] : cases) {
+        AppDataResult = result;
+        AppData = folder;
         STRING path(TEXT("old"));
         SetLastError(0);
-        EXPECT_EQ(c.error == 0, LocalAppDataPath(path, c.name));
-        EXPECT_EQ(c.error, GetLastError());
-        EXPECT_EQ(c.path, Narrow(path));
+        EXPECT_EQ(error == 0, LocalAppDataPath(path, name));
+        EXPECT_EQ(error, GetLastError());
+        EXPECT_EQ(expected, Narrow(path));
     }
 }
 

@@ -85,14 +85,15 @@ TEST(Com, PathsGoToTheProviderWhoseNameTheyBeginWith) {
 
 TEST(ComStrings, KnowTheirLengthAndMayHoldZeros) {
     const std::u16string text(u"a\0b", 3);
-    const BSTR copy = SysAllocStringLen(text.data(), 3), plain = SysAllocString(u"ab"), empty = SysAllocString(u""),
-               blank = SysAllocStringLen(nullptr, 2);
-    EXPECT_EQ(3u, SysStringLen(copy));
-    EXPECT_EQ(0, memcmp(copy, text.c_str(), 8));
-    EXPECT_EQ(2u, SysStringLen(plain));
-    EXPECT_TRUE(empty != nullptr && SysStringLen(empty) == 0 && *empty == 0);
-    EXPECT_TRUE(SysStringLen(blank) == 2 && blank[0] == 0);
-    for (const BSTR owned : {copy, plain, empty, blank}) SysFreeString(owned);
+    const std::pair<BSTR, std::u16string> strings[] = {{SysAllocStringLen(text.data(), 3), text},
+                                                       {SysAllocString(u"ab"), u"ab"},
+                                                       {SysAllocString(u""), u""},
+                                                       {SysAllocStringLen(nullptr, 2), std::u16string(2, u'\0')}};
+    for (const auto& [string, wanted] : strings) {
+        ASSERT_EQ(wanted.size(), SysStringLen(string));
+        EXPECT_EQ(wanted + u'\0', std::u16string(string, wanted.size() + 1));
+        SysFreeString(string);
+    }
     EXPECT_EQ(nullptr, SysAllocString(nullptr));
     EXPECT_EQ(nullptr, SysAllocStringLen(nullptr, 0xFFFFFFFF));
     EXPECT_EQ(0u, SysStringLen(nullptr));
@@ -146,18 +147,15 @@ TEST(SafeArrays, GiveCopiesWithinTheirBounds) {
     EXPECT_EQ(1, upper);
     EXPECT_EQ(DISP_E_BADINDEX, SafeArrayGetLBound(array, 2, &lower));
     VARIANT got = Text(u"replaced");
-    for (LONG wrong : {-2, 2, INT32_MAX, INT32_MIN})
-        EXPECT_EQ(DISP_E_BADINDEX, SafeArrayGetElement(array, &wrong, &got));
-    LONG at = -1;
-    EXPECT_EQ(S_OK, SafeArrayGetElement(array, &at, &got));
+    const auto get = [&](LONG at) { return SafeArrayGetElement(array, &at, &got); };
+    for (const LONG wrong : {-2, 2, INT32_MAX, INT32_MIN}) EXPECT_EQ(DISP_E_BADINDEX, get(wrong));
+    EXPECT_EQ(S_OK, get(-1));
     EXPECT_EQ(std::u16string(u"CN=A"), got.bstrVal);
     EXPECT_NE(values[0].bstrVal, got.bstrVal);
-    at = 0;
-    EXPECT_EQ(S_OK, SafeArrayGetElement(array, &at, &got));
+    EXPECT_EQ(S_OK, get(0));
     EXPECT_EQ(0, memcmp(got.parray->pvData, "sid", 3));
     EXPECT_NE(inner, got.parray);
-    at = 1;
-    EXPECT_EQ(S_OK, SafeArrayGetElement(array, &at, &got));
+    EXPECT_EQ(S_OK, get(1));
     EXPECT_EQ(2u, object.references);
     EXPECT_EQ(S_OK, VariantClear(&got));
     EXPECT_EQ(S_OK, SafeArrayDestroy(array));
@@ -170,16 +168,13 @@ TEST(SafeArrays, OfStringsOwnThemAndAnEmptyOneEndsBeforeItBegins) {
     SafeArrayAccessData(array, &data);
     static_cast<BSTR*>(data)[0] = SysAllocString(u"one");
     SafeArrayUnaccessData(array);
-    BSTR text = nullptr;
-    LONG at = 0;
-    EXPECT_EQ(S_OK, SafeArrayGetElement(array, &at, &text));
-    EXPECT_EQ(std::u16string(u"one"), text);
-    SysFreeString(text);
-    at = 1;
-    EXPECT_EQ(S_OK, SafeArrayGetElement(array, &at, &text));
-    EXPECT_EQ(nullptr, text);
+    for (LONG at : {0, 1}) {
+        BSTR text = nullptr;
+        EXPECT_EQ(S_OK, SafeArrayGetElement(array, &at, &text));
+        EXPECT_EQ(at == 0, text != nullptr && std::u16string(u"one") == text);
+        SysFreeString(text);
+    }
     EXPECT_EQ(S_OK, SafeArrayDestroy(array));
-
     array = SafeArrayCreateVector(VT_VARIANT, 0, 0);
     LONG upper = 0;
     EXPECT_EQ(S_OK, SafeArrayGetUBound(array, 1, &upper));

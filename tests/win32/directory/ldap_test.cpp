@@ -36,39 +36,35 @@ protected:
 };
 
 TEST_F(LdapSettings, ThatDoNotFitTogetherAreRefusedWithAReason) {
-    struct CASE {
-        VALUES values;
-        const char* reason;  // a part of it; empty: they are good
+    const VALUES::value_type plain{"Uri", "\"ldap://dc\""}, tls{"Uri", "\"ldaps://dc:636\""},
+        local{"Uri", "\"ldapi://%2Frun%2Fldapi\""}, domain{"Domain", "\"corp.example\""}, simple{"Bind", "\"simple\""},
+        user{"User", "\"u\""}, file{"PasswordFile", "\"/p\""}, start{"StartTls", "dword:00000001"};
+    const std::pair<const char*, VALUES> cases[] = {
+        // A part of the reason; empty: the values are good.
+        {"", {plain}},
+        {"", {local}},
+        {"", {domain}},
+        {"", {tls, simple, user, file}},
+        {"", {plain, simple, user, file, start}},
+        {"", {local, simple, user, file}},
+        {"ldaps://", {plain, simple, user, file}},
+        {"ldaps://", {domain, simple, user, file}},
+        {"DirectoryUser", {tls, simple, file}},
+        {"DirectoryPasswordFile", {tls, simple, user}},
+        {"DirectoryStartTls", {tls, start}},
+        {"gssapi", {tls}},
+        {"DirectoryBind", {plain, {"Bind", "\"none\""}}},
+        {"DirectoryUri", {{"Uri", "\"http://dc\""}}},
+        {"DirectoryUri", {{"Uri", "\"ldap://dc ldap://evil\""}}},
+        {"DirectoryUri", {{"Uri", "\"ldap://user@dc/x?y\""}}},
+        {"DirectoryDomain", {{"Domain", "\"a b\""}}},
+        {"neither", {}},
     };
-    const std::pair<std::string, std::string> plain{"Uri", "\"ldap://dc\""}, tls{"Uri", "\"ldaps://dc:636\""},
-        local{"Uri", "\"ldapi://%2Frun%2Fldapi\""}, simple{"Bind", "\"simple\""}, user{"User", "\"u\""},
-        file{"PasswordFile", "\"/p\""}, start{"StartTls", "dword:00000001"};
-    const CASE cases[] = {
-        {{plain}, ""},
-        {{local}, ""},
-        {{{"Domain", "\"corp.example\""}}, ""},
-        {{tls, simple, user, file}, ""},
-        {{plain, simple, user, file, start}, ""},
-        {{local, simple, user, file}, ""},
-        {{plain, simple, user, file}, "ldaps://"},
-        {{{"Domain", "\"corp.example\""}, simple, user, file}, "ldaps://"},
-        {{tls, simple, file}, "DirectoryUser"},
-        {{tls, simple, user}, "DirectoryPasswordFile"},
-        {{tls, start}, "DirectoryStartTls"},
-        {{tls}, "gssapi"},
-        {{plain, {"Bind", "\"none\""}}, "DirectoryBind"},
-        {{plain, {"Bind", "\"kerberos\""}}, "DirectoryBind"},
-        {{{"Uri", "\"http://dc\""}}, "DirectoryUri"},
-        {{{"Uri", "\"ldap://dc ldap://evil\""}}, "DirectoryUri"},
-        {{{"Uri", "\"ldap://user@dc/x?y\""}}, "DirectoryUri"},
-        {{{"Domain", "\"a b\""}}, "DirectoryDomain"},
-        {{}, "neither"},
-    };
-    for (const CASE& c : cases) {
-        Set(c.values);
+    for (const auto& [reason, values] : cases) {
+        Set(values);
         std::string complaint;
-        EXPECT_EQ(*c.reason == '\0', ReadLdapSettings(complaint).has_value()) << complaint;
-        EXPECT_NE(std::string::npos, complaint.find(c.reason)) << c.reason << " in " << complaint;
+        EXPECT_EQ(*reason == '\0', ReadLdapSettings(complaint).has_value()) << complaint;
+        EXPECT_NE(std::string::npos, complaint.find(reason)) << reason << " in " << complaint;
     }
 }
 
@@ -96,7 +92,6 @@ TEST_F(LdapSettings, APasswordThatOthersMayReadIsNotUsed) {
     EXPECT_FALSE(ReadPasswordFile(root.Path("."), complaint));
 }
 
-// Listens on a free port and never says a word.
 // An authority of nobody's.
 constexpr const char* Authority = R"(-----BEGIN CERTIFICATE-----
 MIIBbjCCARWgAwIBAgIUV5d4SMHL/RiH7icn7NoJVHgEhrYwCgYIKoZIzj0EAwIw
@@ -110,39 +105,23 @@ AiBuW+Ol+/gagaj8pxt8ceIG9pU23sj3YuOVYLTt4wed7w==
 -----END CERTIFICATE-----
 )";
 
-class SILENT_SERVER {
-public:
-    SILENT_SERVER() : listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t size = sizeof(address);
-        EXPECT_EQ(0, bind(listener, reinterpret_cast<sockaddr*>(&address), size));
-        EXPECT_EQ(0, listen(listener, 8));
-        EXPECT_EQ(0, getsockname(listener, reinterpret_cast<sockaddr*>(&address), &size));
-        port = ntohs(address.sin_port);
-    }
-    ~SILENT_SERVER() { close(listener); }
-    SILENT_SERVER(const SILENT_SERVER&) = delete;
-    SILENT_SERVER& operator=(const SILENT_SERVER&) = delete;
-
-    bool WasCalled() const {  // since it was asked last
-        pollfd waiting{listener, POLLIN, 0};
-        if (poll(&waiting, 1, 0) != 1) return false;
-        close(accept(listener, nullptr, nullptr));
-        return true;
-    }
-
-    const int listener;
-    int port = 0;
-};
-
 TEST_F(LdapSettings, AServerThatNeverFinishesTheTlsHandshakeIsGivenUpAndLeftAloneForAWhile) {
-    const SILENT_SERVER server;
+    const int silent = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof(address);
+    ASSERT_EQ(0, bind(silent, reinterpret_cast<sockaddr*>(&address), size));
+    ASSERT_EQ(0, listen(silent, 8));
+    ASSERT_EQ(0, getsockname(silent, reinterpret_cast<sockaddr*>(&address), &size));
+    const auto wasCalled = [&] {  // since it was asked last
+        pollfd waiting{silent, POLLIN, 0};
+        return poll(&waiting, 1, 0) == 1 && close(accept(silent, nullptr, nullptr)) == 0;
+    };
     root.Write("password", "secret");
     root.Write("authority", Authority);
     ASSERT_EQ(0, chmod(root.Path("password").c_str(), 0600));
-    Set({{"Uri", "\"ldaps://127.0.0.1:" + std::to_string(server.port) + "\""},
+    Set({{"Uri", "\"ldaps://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "\""},
          {"CaFile", "\"" + root.Path("authority") + "\""},
          {"Bind", "\"simple\""},
          {"User", "\"ann\""},
@@ -151,10 +130,11 @@ TEST_F(LdapSettings, AServerThatNeverFinishesTheTlsHandshakeIsGivenUpAndLeftAlon
     const auto begin = std::chrono::steady_clock::now();
     EXPECT_EQ(DirectoryServerDown, OpenDirectory({}, directory));
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(30)) << "it is bounded at all";
-    EXPECT_TRUE(server.WasCalled());
+    EXPECT_TRUE(wasCalled());
     EXPECT_EQ(DirectoryServerDown, OpenDirectory({}, directory));
-    EXPECT_FALSE(server.WasCalled());
+    EXPECT_FALSE(wasCalled());
     EXPECT_EQ(nullptr, directory);
+    close(silent);
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <thread>
+#include <tuple>
 
 #include "tests/win32/eventlog/log_fixture.h"
 #include "win32/files/machine_root.h"
@@ -13,14 +14,8 @@ namespace {
 
 using EVENT_LOG_CALLS = LOG_TEST;
 
-struct HANDLE_CLOSER {
-    void operator()(HANDLE handle) const { CloseHandle(handle); }
-};
-using EVENT = std::unique_ptr<void, HANDLE_CLOSER>;
-
 TEST_F(EVENT_LOG_CALLS, TheForwardsReadAfterABackwardsReadGivesTheSameRecordsAndThenTheEnd) {
-    MakeLog();
-    ASSERT_TRUE(Append(1, 300));
+    MakeLog(300);
     const LOG log = OpenLog();
     READ back = ReadOnce(log.get(), Backwards, 4096);
     ASSERT_GT(back.ids.size(), 5u);
@@ -36,82 +31,67 @@ TEST_F(EVENT_LOG_CALLS, TheForwardsReadAfterABackwardsReadGivesTheSameRecordsAnd
 TEST_F(EVENT_LOG_CALLS, AnEmptyLogIsAtItsEndBothWaysAndGivesTheFirstRecordThatComes) {
     MakeLog();
     const LOG log = OpenLog();
+    const auto numbers = [&] {  // how many records, and the oldest's
+        DWORD count = 9, oldest = 9;
+        EXPECT_TRUE(GetNumberOfEventLogRecords(log.get(), &count) && GetOldestEventLogRecord(log.get(), &oldest));
+        return std::pair(count, oldest);
+    };
     EXPECT_EQ(DWORD{ERROR_HANDLE_EOF}, ReadOnce(log.get(), Backwards).error);
     EXPECT_EQ(DWORD{ERROR_HANDLE_EOF}, ReadOnce(log.get(), Forwards).error);
-    DWORD count = 9, oldest = 9;
-    EXPECT_TRUE(GetNumberOfEventLogRecords(log.get(), &count) && GetOldestEventLogRecord(log.get(), &oldest));
-    EXPECT_EQ(0u, count);
-    EXPECT_EQ(0u, oldest);
+    EXPECT_EQ(std::pair(0u, 0u), numbers());
     ASSERT_TRUE(Append(7, 1));
     EXPECT_EQ(Range(7, 7), ReadOnce(log.get(), Forwards).ids);
-    EXPECT_TRUE(GetNumberOfEventLogRecords(log.get(), &count) && GetOldestEventLogRecord(log.get(), &oldest));
-    EXPECT_EQ(1u, count);
-    EXPECT_EQ(1u, oldest);
+    EXPECT_EQ(std::pair(1u, 1u), numbers());
 }
 
 TEST_F(EVENT_LOG_CALLS, FlagsOffsetsAndBufferSizesAreAnsweredWithTheDocumentedCodes) {
     MakeLog();
     ASSERT_TRUE(Append(101, 10));
-    const struct {
-        const char* name;
-        DWORD flags, bytes, offset, error;
-        std::vector<DWORD> ids;
-    } cases[] = {
-        {"no direction", 1, 4096, 0, ERROR_INVALID_PARAMETER, {}},
-        {"both directions", 1 | 4 | 8, 4096, 0, ERROR_INVALID_PARAMETER, {}},
-        {"sequential and seek", 1 | 2 | 4, 4096, 1, ERROR_INVALID_PARAMETER, {}},
-        {"neither sequential nor seek", 4, 4096, 0, ERROR_INVALID_PARAMETER, {}},
-        {"unknown flag", 1 | 4 | 16, 4096, 0, ERROR_INVALID_PARAMETER, {}},
-        {"buffer above the limit", 1 | 4, MaxReadBytes + 1, 0, ERROR_INVALID_PARAMETER, {}},
-        {"seek before the oldest", 2 | 4, 4096, 0, ERROR_INVALID_PARAMETER, {}},
-        {"seek behind the newest", 2 | 4, 4096, 11, ERROR_INVALID_PARAMETER, {}},
-        {"seek forwards", 2 | 4, 65536, 8, 0, Range(108, 110)},
-        {"seek backwards", 2 | 8, 65536, 3, 0, Range(103, 101)},
-        {"no buffer to speak of", 2 | 4, 0, 8, ERROR_INSUFFICIENT_BUFFER, {}},
-        {"one byte short", 2 | 4, AsRecord(MakeRecord(1)).Length - 1, 8, ERROR_INSUFFICIENT_BUFFER, {}},
-        {"one byte short, backwards", 2 | 8, AsRecord(MakeRecord(1)).Length - 1, 8, ERROR_INSUFFICIENT_BUFFER, {}},
-        {"just enough for one", 2 | 4, AsRecord(MakeRecord(1)).Length, 8, 0, Range(108, 108)},
-        {"not enough for two", 2 | 4, 2 * AsRecord(MakeRecord(1)).Length - 1, 8, 0, Range(108, 108)},
+    const DWORD one = AsRecord(MakeRecord(1)).Length;
+    const std::tuple<DWORD, DWORD, DWORD, DWORD, std::vector<DWORD>> cases[] = {
+        {1, 4096, 0, ERROR_INVALID_PARAMETER, {}},
+        {1 | 4 | 8, 4096, 0, ERROR_INVALID_PARAMETER, {}},
+        {1 | 2 | 4, 4096, 1, ERROR_INVALID_PARAMETER, {}},
+        {4, 4096, 0, ERROR_INVALID_PARAMETER, {}},
+        {1 | 4 | 16, 4096, 0, ERROR_INVALID_PARAMETER, {}},
+        {1 | 4, MaxReadBytes + 1, 0, ERROR_INVALID_PARAMETER, {}},
+        {2 | 4, 4096, 0, ERROR_INVALID_PARAMETER, {}},
+        {2 | 4, 4096, 11, ERROR_INVALID_PARAMETER, {}},
+        {2 | 4, 65536, 8, 0, Range(108, 110)},
+        {2 | 8, 65536, 3, 0, Range(103, 101)},
+        {2 | 4, 0, 8, ERROR_INSUFFICIENT_BUFFER, {}},
+        {2 | 4, one - 1, 8, ERROR_INSUFFICIENT_BUFFER, {}},
+        {2 | 8, one - 1, 8, ERROR_INSUFFICIENT_BUFFER, {}},
+        {2 | 4, one, 8, 0, Range(108, 108)},
+        {2 | 4, 2 * one - 1, 8, 0, Range(108, 108)},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        const READ read = ReadOnce(OpenLog().get(), c.flags, c.bytes, c.offset);
-        EXPECT_EQ(c.error, read.error);
-        EXPECT_EQ(c.ids, read.ids);
-        EXPECT_EQ(c.error == ERROR_INSUFFICIENT_BUFFER ? AsRecord(MakeRecord(1)).Length : 0, read.needed);
+    for (const auto& [flags, bytes, offset, error, ids] : cases) {
+        SCOPED_TRACE(testing::Message() << flags << ", " << bytes << " bytes from " << offset);
+        const READ read = ReadOnce(OpenLog().get(), flags, bytes, offset);
+        EXPECT_EQ(error, read.error);
+        EXPECT_EQ(ids, read.ids);
+        EXPECT_EQ(error == ERROR_INSUFFICIENT_BUFFER ? one : 0, read.needed);
     }
 }
 
 TEST_F(EVENT_LOG_CALLS, NamesThatMeanNoLogAreRefused) {
     MakeLog();
     root.Write("eventlog/Broken.evt", "no log");
-    const std::u16string longName(300, u'a');
-    const struct {
-        const char* name;
-        const char16_t* log;
-        DWORD error;
-    } cases[] = {
-        {"plain", u"Security", 0},
-        {"other letters' case", u"sECURITY", 0},
-        {"not there", u"Nonesuch", ERROR_FILE_NOT_FOUND},
-        {"empty", u"", ERROR_INVALID_NAME},
-        {"way up", u"../eventlog/Security", ERROR_INVALID_NAME},
-        {"hidden", u".Security", ERROR_INVALID_NAME},
-        {"too long", longName.c_str(), ERROR_INVALID_NAME},
-        {"no log inside", u"Broken", ERROR_EVENTLOG_FILE_CORRUPT},
-        {"path of nothing", u"C:\\nonesuch\\x.evt", ERROR_FILE_NOT_FOUND},
-        {"path of a folder", u"C:\\tmp", ERROR_EVENTLOG_FILE_CORRUPT},
+    const std::pair<std::u16string, DWORD> cases[] = {
+        {u"sECURITY", 0},
+        {u"Nonesuch", ERROR_FILE_NOT_FOUND},
+        {u"", ERROR_INVALID_NAME},
+        {u"../eventlog/Security", ERROR_INVALID_NAME},
+        {u".Security", ERROR_INVALID_NAME},
+        {std::u16string(300, u'a'), ERROR_INVALID_NAME},
+        {u"Broken", ERROR_EVENTLOG_FILE_CORRUPT},
+        {u"C:\\nonesuch\\x.evt", ERROR_FILE_NOT_FOUND},
+        {u"C:\\tmp", ERROR_EVENTLOG_FILE_CORRUPT},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        const LOG log = OpenLog(c.log);
-        EXPECT_EQ(c.error, log ? 0 : GetLastError());
-    }
+    for (const auto& [log, error] : cases) EXPECT_EQ(error, ErrorOf(OpenLog(log.c_str()) != nullptr));
     EXPECT_TRUE(OpenLog(WindowsPath(Path()).c_str()));
-    EXPECT_EQ(nullptr, OpenEventLogW(u"\\\\other", u"Security"));
-    EXPECT_EQ(1722u, GetLastError());
-    EXPECT_FALSE(CloseEventLog(nullptr));
-    EXPECT_EQ(DWORD{ERROR_INVALID_HANDLE}, GetLastError());
+    EXPECT_EQ(1722u, ErrorOf(OpenEventLogW(u"\\\\other", u"Security")));
+    EXPECT_EQ(DWORD{ERROR_INVALID_HANDLE}, ErrorOf(CloseEventLog(nullptr)));
 }
 
 TEST_F(EVENT_LOG_CALLS, ALogThatGoesRoundKeepsItsNewestRecordsWholeForEveryRecordSize) {
@@ -148,8 +128,7 @@ TEST_F(EVENT_LOG_CALLS, AFollowerOfALogThatGoesRoundSeesEveryRecordOnceAndAnOver
 }
 
 TEST_F(EVENT_LOG_CALLS, AChangedMaxSizeKeepsTheNewestRecordsAndTheReadersPlace) {
-    MakeLog();
-    ASSERT_TRUE(Append(1, 1000));
+    MakeLog(1000);
     const LOG log = OpenLog();
     ReadAll(log.get(), Forwards);
     for (const DWORD size : {3 * SmallestLog, SmallestLog, 2 * SmallestLog}) {
@@ -166,25 +145,21 @@ TEST_F(EVENT_LOG_CALLS, AChangedMaxSizeKeepsTheNewestRecordsAndTheReadersPlace) 
 }
 
 TEST_F(EVENT_LOG_CALLS, ARecordThatCannotFitIsRefusedAndTheLogStaysAsItIs) {
-    MakeLog();
-    ASSERT_TRUE(Append(1, 3));
-    const std::string before = root.Read("eventlog/Security.evt");
-    EXPECT_FALSE(Append(4, 1, SmallestLog, 40000));
-    EXPECT_EQ(DWORD{ERROR_LOG_FILE_FULL}, GetLastError());
+    MakeLog(3);
+    const std::string before = Bytes();
+    EXPECT_EQ(DWORD{ERROR_LOG_FILE_FULL}, ErrorOf(Append(4, 1, SmallestLog, 40000)));
     NEW_EVENT event;
     event.strings = {std::u16string(MaxRecordBytes / 2, u'x')};
     BYTES record;
-    EXPECT_FALSE(BuildRecord(event, record));
-    EXPECT_EQ(DWORD{ERROR_INVALID_PARAMETER}, GetLastError());
-    EXPECT_EQ(before, root.Read("eventlog/Security.evt"));
+    EXPECT_EQ(DWORD{ERROR_INVALID_PARAMETER}, ErrorOf(BuildRecord(event, record)));
+    EXPECT_EQ(before, Bytes());
     EXPECT_TRUE(Append(4, 3, SmallestLog, 30000));  // one fills nearly all of it
     EXPECT_EQ(Range(6, 6), ReadOnce(OpenLog().get(), Forwards, MaxReadBytes).ids);
 }
 
 TEST_F(EVENT_LOG_CALLS, AClearedLogIsMetAs1503ByItsReadersAndBeginsAnew) {
-    MakeLog();
-    ASSERT_TRUE(Append(1, 5));
-    const std::string held = root.Read("eventlog/Security.evt");
+    MakeLog(5);
+    const std::string held = Bytes();
     const LOG reader = OpenLog(), other = OpenLog();
     ASSERT_TRUE(ClearEventLogW(other.get(), WindowsPath(Path("old")).c_str()));
     EXPECT_EQ(held, root.Read("eventlog/old.evt"));
@@ -193,47 +168,42 @@ TEST_F(EVENT_LOG_CALLS, AClearedLogIsMetAs1503ByItsReadersAndBeginsAnew) {
     ASSERT_TRUE(Append(50, 1));
     EXPECT_EQ(Range(1, 1), ReadOnce(OpenLog().get(), Forwards).numbers);
     const LOG again = OpenLog();
-    EXPECT_FALSE(ClearEventLogW(again.get(), WindowsPath(Path("old")).c_str()));
-    EXPECT_EQ(DWORD{ERROR_ALREADY_EXISTS}, GetLastError());
+    EXPECT_EQ(DWORD{ERROR_ALREADY_EXISTS}, ErrorOf(ClearEventLogW(again.get(), WindowsPath(Path("old")).c_str())));
     EXPECT_EQ(Range(50, 50), ReadOnce(again.get(), Forwards).ids);
 }
 
 TEST_F(EVENT_LOG_CALLS, AManualResetEventWakesOneWaitForEachChangeAndThenNoMore) {
     MakeLog();
     const LOG log = OpenLog();
-    const EVENT changed(CreateEventW(nullptr, TRUE, FALSE, nullptr)),
-        never(CreateEventW(nullptr, TRUE, FALSE, nullptr));
-    ASSERT_TRUE(NotifyChangeEventLog(log.get(), changed.get()));
+    const OWNED_HANDLE changed(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    ASSERT_TRUE(NotifyChangeEventLog(log.get(), changed));
     DWORD seen = 0;
     for (DWORD id = 1; id <= 20; ++id) {
         ASSERT_TRUE(Append(id, 1));
-        ASSERT_EQ(WAIT_OBJECT_0, WaitForSingleObject(changed.get(), 5000));
-        const READ read = ReadAll(log.get(), Forwards);
-        seen += static_cast<DWORD>(read.ids.size());
+        ASSERT_EQ(WAIT_OBJECT_0, WaitForSingleObject(changed, 5000));
+        seen += static_cast<DWORD>(ReadAll(log.get(), Forwards).ids.size());
     }
     EXPECT_EQ(20u, seen);
-    EXPECT_EQ(DWORD{WAIT_TIMEOUT}, WaitForSingleObject(changed.get(), 0)) << "the wake-up was used up";
+    EXPECT_EQ(DWORD{WAIT_TIMEOUT}, WaitForSingleObject(changed, 0)) << "the wake-up was used up";
     const LOG other = OpenLog();
     ASSERT_TRUE(ClearEventLogW(other.get(), nullptr));
-    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(changed.get(), 5000));
-    EXPECT_FALSE(NotifyChangeEventLog(log.get(), nullptr));
-    EXPECT_EQ(DWORD{ERROR_INVALID_HANDLE}, GetLastError());
+    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(changed, 5000));
+    EXPECT_EQ(DWORD{ERROR_INVALID_HANDLE}, ErrorOf(NotifyChangeEventLog(log.get(), nullptr)));
 }
 
 TEST_F(EVENT_LOG_CALLS, AFollowerWaitsForWritersOfOtherThreadsAndMissesNothing) {
-    MakeLog(8 * SmallestLog);
+    MakeLog(0, 8 * SmallestLog);
     const LOG log = OpenLog();
-    const EVENT changed(CreateEventW(nullptr, TRUE, FALSE, nullptr));
-    ASSERT_TRUE(NotifyChangeEventLog(log.get(), changed.get()));
+    const OWNED_HANDLE changed(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    ASSERT_TRUE(NotifyChangeEventLog(log.get(), changed));
     constexpr DWORD Each = 200;
     auto write = [this](DWORD first) {
         for (DWORD i = 0; i < Each; ++i) EXPECT_TRUE(Append(first + i, 1, 8 * SmallestLog));
     };
     std::thread a(write, 1000), b(write, 2000);
     std::vector<DWORD> numbers;
-    while (numbers.size() < 2 * Each && WaitForSingleObject(changed.get(), 10000) == WAIT_OBJECT_0) {
-        const READ read = ReadAll(log.get(), Forwards);
-        numbers.insert(numbers.end(), read.numbers.begin(), read.numbers.end());
+    while (numbers.size() < 2 * Each && WaitForSingleObject(changed, 10000) == WAIT_OBJECT_0) {
+        for (const DWORD number : ReadAll(log.get(), Forwards).numbers) numbers.push_back(number);
     }
     a.join();
     b.join();
@@ -247,8 +217,7 @@ TEST_F(EVENT_LOG_CALLS, AReportedEventStandsInTheApplicationLog) {
     BYTE data[] = {0xAB};
     ASSERT_TRUE(ReportEventW(source, EVENTLOG_WARNING_TYPE, 3, 0x80000019, nullptr, 2, 1, strings, data));
     ASSERT_TRUE(ReportEventW(source, EVENTLOG_ERROR_TYPE, 0, 0xC0000001, nullptr, 0, 0, nullptr, nullptr));
-    EXPECT_FALSE(ReportEventW(source, 1, 0, 1, nullptr, 1, 0, nullptr, nullptr));
-    EXPECT_EQ(DWORD{ERROR_INVALID_PARAMETER}, GetLastError());
+    EXPECT_EQ(DWORD{ERROR_INVALID_PARAMETER}, ErrorOf(ReportEventW(source, 1, 0, 1, nullptr, 1, 0, nullptr, nullptr)));
     EXPECT_TRUE(DeregisterEventSource(source));
     EXPECT_FALSE(ReportEventW(source, 1, 0, 1, nullptr, 0, 0, nullptr, nullptr));
 
@@ -257,9 +226,8 @@ TEST_F(EVENT_LOG_CALLS, AReportedEventStandsInTheApplicationLog) {
     DWORD got = 0, needed = 0;
     ASSERT_TRUE(ReadEventLogW(log.get(), Forwards, 0, buffer, sizeof(buffer), &got, &needed));
     const EVENTLOGRECORD& record = *reinterpret_cast<EVENTLOGRECORD*>(buffer);
-    EXPECT_EQ(0x80000019u, record.EventID);
-    EXPECT_EQ(EVENTLOG_WARNING_TYPE, record.EventType);
-    EXPECT_EQ(3, record.EventCategory);
+    EXPECT_EQ(std::tuple(0x80000019u, EVENTLOG_WARNING_TYPE, 3),
+              std::tuple(record.EventID, record.EventType, record.EventCategory));
     EXPECT_EQ(u"Keldwick", std::u16string(reinterpret_cast<WCHAR*>(buffer + sizeof(record))));
     const WCHAR* text = reinterpret_cast<WCHAR*>(buffer + record.StringOffset);
     EXPECT_EQ(std::u16string(u"one\0two\0", 8), std::u16string(text, 8));
@@ -273,10 +241,8 @@ TEST_F(EVENT_LOG_CALLS, ALogThatMayNotBeReadSaysWhichRightIsMissing) {
     std::filesystem::copy_file(Path(), Path("Other"));
     ASSERT_EQ(0, chmod(Path().c_str(), 0));
     ASSERT_EQ(0, chmod(Path("Other").c_str(), 0));
-    EXPECT_FALSE(OpenLog());
-    EXPECT_EQ(DWORD{ERROR_PRIVILEGE_NOT_HELD}, GetLastError());
-    EXPECT_FALSE(OpenLog(u"Other"));
-    EXPECT_EQ(DWORD{ERROR_ACCESS_DENIED}, GetLastError());
+    EXPECT_EQ(DWORD{ERROR_PRIVILEGE_NOT_HELD}, ErrorOf(OpenLog() != nullptr));
+    EXPECT_EQ(DWORD{ERROR_ACCESS_DENIED}, ErrorOf(OpenLog(u"Other") != nullptr));
 }
 
 }  // namespace

@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/last_error.h"
+#include "tests/support/owned_handle.h"
 #include "tests/support/temporary_root.h"
 #include "win32/eventlog/evt_record.h"
 #include "win32/eventlog/evt_writer.h"
@@ -42,10 +44,13 @@ class LOG_TEST : public testing::Test {
 protected:
     std::string Path(const std::string& log = "Security") const { return root.Path("eventlog/" + log + ".evt"); }
 
-    void MakeLog(DWORD maxSize = SmallestLog) {
+    // With so many records, whose event IDs and numbers are 1, 2, ...
+    void MakeLog(DWORD records = 0, DWORD maxSize = SmallestLog) {
         std::filesystem::create_directories(root.Path("eventlog"));
-        ASSERT_TRUE(CreateLogFile(Path(), maxSize));
+        ASSERT_TRUE(CreateLogFile(Path(), maxSize) && Append(1, records, maxSize));
     }
+
+    std::string Bytes() const { return root.Read("eventlog/Security.evt"); }
 
     // Appends records with event IDs first, first + 1, ...
     bool Append(DWORD first, DWORD count, DWORD maxSize = SmallestLog, size_t textUnits = 20) {
@@ -67,8 +72,7 @@ protected:
         READ result;
         std::vector<DWORD> buffer(bytes / 4 + 1);
         DWORD got = 0;
-        if (!ReadEventLogW(log, flags, offset, buffer.data(), bytes, &got, &result.needed))
-            result.error = GetLastError();
+        result.error = ErrorOf(ReadEventLogW(log, flags, offset, buffer.data(), bytes, &got, &result.needed));
         const BYTE* at = reinterpret_cast<const BYTE*>(buffer.data());
         for (const BYTE* end = at + got; at < end;) {
             const EVENTLOGRECORD& record = *reinterpret_cast<const EVENTLOGRECORD*>(at);

@@ -55,52 +55,37 @@ TEST(FileWatch, EveryWayToChangeAFileIsTold) {
             ASSERT_TRUE(barrierCalls.MoreThan(before));
         }
     };
-    const struct {
-        const char* name;
-        std::function<void()> act;
-    } cases[] = {
-        {"created and written", [&] { root.Write("watched", "one"); }},
-        {"written in place", [&] { root.Write("watched", "two"); }},
-        {"replaced by a rename",
-         [&] {
-             root.Write("aside", "three");
-             fs::rename(aside, path);
-         }},
-        {"written after the rename", [&] { root.Write("watched", "four"); }},
+    const auto write = [&](const char* text) { root.Write("watched", text); };
+    const std::pair<const char*, std::function<void()>> cases[] = {
+        {"created and written", [&] { write("one"); }},
+        {"written in place", [&] { write("two"); }},
+        {"replaced by a rename", [&] { root.Write("aside", "three"), fs::rename(aside, path); }},
+        {"written after the rename", [&] { write("four"); }},
         {"renamed away", [&] { fs::rename(path, aside); }},
-        {"created in its place", [&] { root.Write("watched", "five"); }},
-        {"written, the new one", [&] { root.Write("watched", "six"); }},
+        {"created in its place", [&] { write("five"); }},
+        {"written, the new one", [&] { write("six"); }},
         {"removed", [&] { fs::remove(path); }},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
+    for (const auto& [name, act] : cases) {
         drain();
         const int before = calls.Now();
-        c.act();
-        EXPECT_TRUE(calls.MoreThan(before));
+        act();
+        EXPECT_TRUE(calls.MoreThan(before)) << name;
     }
 }
 
-TEST(FileWatch, WhatANeighbourDoesWakesNobody) {
+TEST(FileWatch, WatchesOfOneFileOutliveEachOtherAndANeighbourWakesNobody) {
     const TEMPORARY_ROOT root;
     root.Write("watched", "old");
-    root.Write("neighbour", "old");
-    CALLS calls, neighbour;
-    const win32::FILE_WATCH watch(root.Path("watched"), calls.Count());
+    CALLS first, second, neighbour;
+    const win32::FILE_WATCH watch(root.Path("watched"), first.Count());
     const win32::FILE_WATCH other(root.Path("neighbour"), neighbour.Count());
     for (int i = 0; i < 10; ++i) {
         const int before = neighbour.Now();
         root.Write("neighbour", "new");
         ASSERT_TRUE(neighbour.MoreThan(before));
     }
-    EXPECT_EQ(0, calls.Now());
-}
-
-TEST(FileWatch, TwoWatchesOfOneFileOutliveEachOther) {
-    const TEMPORARY_ROOT root;
-    root.Write("watched", "old");
-    CALLS first, second;
-    const win32::FILE_WATCH watch(root.Path("watched"), first.Count());
+    EXPECT_EQ(0, first.Now());
     {
         const win32::FILE_WATCH brief(root.Path("watched"), second.Count());
         root.Write("watched", "new");

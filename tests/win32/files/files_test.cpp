@@ -4,7 +4,10 @@
 #include <windows.h>
 
 #include <string>
+#include <tuple>
 
+#include "tests/support/last_error.h"
+#include "tests/support/owned_handle.h"
 #include "tests/support/temporary_root.h"
 #include "win32/files/machine_root.h"
 
@@ -33,66 +36,49 @@ protected:
 };
 
 TEST_F(FilesTest, EachDispositionMeetsAFileThatIsThereAndOneThatIsNot) {
-    const struct {
-        const char* name;
-        DWORD disposition;
-        bool there;
-        bool opens;
-        DWORD error;
-        const char* content;  // after appending "new"
-    } cases[] = {
-        {"new, absent", CREATE_NEW, false, true, ERROR_SUCCESS, "new"},
-        {"new, present", CREATE_NEW, true, false, ERROR_FILE_EXISTS, "old"},
-        {"always, absent", CREATE_ALWAYS, false, true, ERROR_SUCCESS, "new"},
-        {"always, present", CREATE_ALWAYS, true, true, ERROR_ALREADY_EXISTS, "new"},
-        {"open always, absent", OPEN_ALWAYS, false, true, ERROR_SUCCESS, "new"},
-        {"open always, present", OPEN_ALWAYS, true, true, ERROR_ALREADY_EXISTS, "oldnew"},
-        {"existing, absent", OPEN_EXISTING, false, false, ERROR_FILE_NOT_FOUND, ""},
-        {"existing, present", OPEN_EXISTING, true, true, ERROR_SUCCESS, "oldnew"},
-        {"truncate without the right to write", TRUNCATE_EXISTING, true, false, ERROR_INVALID_PARAMETER, "old"},
+    const std::tuple<DWORD, bool, bool, DWORD, const char*> cases[] = {
+        // What is in the file after appending "new" stands last.
+        {CREATE_NEW, false, true, ERROR_SUCCESS, "new"},
+        {CREATE_NEW, true, false, ERROR_FILE_EXISTS, "old"},
+        {CREATE_ALWAYS, false, true, ERROR_SUCCESS, "new"},
+        {CREATE_ALWAYS, true, true, ERROR_ALREADY_EXISTS, "new"},
+        {OPEN_ALWAYS, false, true, ERROR_SUCCESS, "new"},
+        {OPEN_ALWAYS, true, true, ERROR_ALREADY_EXISTS, "oldnew"},
+        {OPEN_EXISTING, false, false, ERROR_FILE_NOT_FOUND, ""},
+        {OPEN_EXISTING, true, true, ERROR_SUCCESS, "oldnew"},
+        {TRUNCATE_EXISTING, true, false, ERROR_INVALID_PARAMETER, "old"},  // without the right to write
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
+    for (const auto& [disposition, there, opens, error, content] : cases) {
+        SCOPED_TRACE(testing::Message() << disposition << there);
         unlink(root.Path("log").c_str());
-        if (c.there) root.Write("log", "old");
-        const HANDLE file = Open("log", Append, c.disposition);
-        EXPECT_EQ(c.error, GetLastError());
-        EXPECT_EQ(c.opens, file != INVALID_HANDLE_VALUE);
-        if (file != INVALID_HANDLE_VALUE) {
-            EXPECT_TRUE(Write(file, "new"));
-            EXPECT_TRUE(CloseHandle(file));
-        }
-        EXPECT_EQ(c.content, root.Read("log"));
+        if (there) root.Write("log", "old");
+        const HANDLE file = Open("log", Append, disposition);
+        EXPECT_EQ(error, GetLastError());
+        EXPECT_EQ(opens, file != INVALID_HANDLE_VALUE);
+        EXPECT_EQ(opens, Write(file, "new") && CloseHandle(file));
+        EXPECT_EQ(content, root.Read("log"));
     }
 }
 
 TEST_F(FilesTest, AppendersNeverOverwriteEachOtherAndEachLineIsThereAtOnce) {
-    const HANDLE first = Open("log", Append, OPEN_ALWAYS);
-    const HANDLE second = Open("log", Append, OPEN_ALWAYS);
+    const OWNED_HANDLE first = Open("log", Append, OPEN_ALWAYS), second = Open("log", Append, OPEN_ALWAYS);
     EXPECT_TRUE(Write(first, "a\n"));
     EXPECT_EQ("a\n", root.Read("log"));
     EXPECT_TRUE(Write(second, "b\n"));
     EXPECT_TRUE(Write(first, "c\n"));
     EXPECT_EQ("a\nb\nc\n", root.Read("log"));
-    CloseHandle(first);
-    CloseHandle(second);
 }
 
 TEST_F(FilesTest, OpenFailuresHaveTheCodesOfWindows) {
     root.Write("file", "");
-    const struct {
-        const char16_t* path;
-        DWORD error;
-    } cases[] = {
+    const std::pair<const char16_t*, DWORD> cases[] = {
         {u"", ERROR_PATH_NOT_FOUND},           {u"C:\\no\\such\\folder\\file", ERROR_PATH_NOT_FOUND},
         {u"D:\\file", ERROR_PATH_NOT_FOUND},   {u"\\\\server\\share\\file", ERROR_PATH_NOT_FOUND},
         {u"C:\\tmp\\a?b", ERROR_INVALID_NAME}, {u"C:\\tmp\\a:b", ERROR_INVALID_NAME},
-        {u"C:\\", ERROR_ACCESS_DENIED},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(std::string(c.path, c.path + lstrlenW(c.path)));
-        EXPECT_EQ(INVALID_HANDLE_VALUE, CreateFileW(c.path, Append, ShareAll, nullptr, OPEN_ALWAYS, 0, nullptr));
-        EXPECT_EQ(c.error, GetLastError());
+        {u"C:\\", ERROR_ACCESS_DENIED}};
+    for (const auto& [path, error] : cases) {
+        const HANDLE file = CreateFileW(path, Append, ShareAll, nullptr, OPEN_ALWAYS, 0, nullptr);
+        EXPECT_EQ(error, ErrorOf(file != INVALID_HANDLE_VALUE)) << std::string(path, path + lstrlenW(path));
     }
     EXPECT_EQ(INVALID_HANDLE_VALUE, Open("file/below", Append, OPEN_ALWAYS));
     EXPECT_EQ(ERROR_PATH_NOT_FOUND, GetLastError());
@@ -104,37 +90,24 @@ TEST_F(FilesTest, AFileThatIsNotSharedIsRefusedAndKeepsItsContent) {
     EXPECT_EQ(INVALID_HANDLE_VALUE, Open("log", Append, CREATE_ALWAYS));
     EXPECT_EQ(ERROR_SHARING_VIOLATION, GetLastError());
     EXPECT_EQ("kept", root.Read("log"));
-    EXPECT_FALSE(MoveFileW(Path("log").c_str(), Path("aside").c_str()));
-    EXPECT_EQ(ERROR_SHARING_VIOLATION, GetLastError());
-    EXPECT_FALSE(DeleteFileW(Path("log").c_str()));
-    EXPECT_EQ(ERROR_SHARING_VIOLATION, GetLastError());
-    const HANDLE reader = Open("log", GENERIC_READ, OPEN_EXISTING);
-    EXPECT_NE(INVALID_HANDLE_VALUE, reader);
-    CloseHandle(reader);
+    EXPECT_EQ(ERROR_SHARING_VIOLATION, ErrorOf(MoveFileW(Path("log").c_str(), Path("aside").c_str())));
+    EXPECT_EQ(ERROR_SHARING_VIOLATION, ErrorOf(DeleteFileW(Path("log").c_str())));
+    EXPECT_NE(INVALID_HANDLE_VALUE, OWNED_HANDLE(Open("log", GENERIC_READ, OPEN_EXISTING)).handle);
     CloseHandle(holder);
     EXPECT_TRUE(DeleteFileW(Path("log").c_str()));
 }
 
 TEST_F(FilesTest, AWriteThatFailsSaysWhyAndHowFarItCame) {
     DWORD written = 7;
+    const auto write = [&](HANDLE to) { return ErrorOf(WriteFile(to, "line", 4, &written, nullptr)); };
     const HANDLE full = CreateFileW(u"C:\\dev\\full", GENERIC_WRITE, ShareAll, nullptr, OPEN_EXISTING, 0, nullptr);
-    EXPECT_FALSE(WriteFile(full, "line", 4, &written, nullptr));
-    EXPECT_EQ(ERROR_DISK_FULL, GetLastError());
+    EXPECT_EQ(ERROR_DISK_FULL, write(full));
     EXPECT_EQ(0u, written);
     CloseHandle(full);
-    EXPECT_FALSE(WriteFile(full, "line", 4, &written, nullptr));
-    EXPECT_EQ(ERROR_INVALID_HANDLE, GetLastError());
-
+    EXPECT_EQ(ERROR_INVALID_HANDLE, write(full));
+    EXPECT_EQ(ERROR_INVALID_HANDLE, write(OWNED_HANDLE(CreateEventW(nullptr, TRUE, FALSE, nullptr))));
     root.Write("log", "");
-    const HANDLE reader = Open("log", GENERIC_READ, OPEN_EXISTING);
-    EXPECT_FALSE(WriteFile(reader, "line", 4, &written, nullptr));
-    EXPECT_EQ(ERROR_ACCESS_DENIED, GetLastError());
-    CloseHandle(reader);
-
-    const HANDLE event = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-    EXPECT_FALSE(WriteFile(event, "line", 4, &written, nullptr));
-    EXPECT_EQ(ERROR_INVALID_HANDLE, GetLastError());
-    CloseHandle(event);
+    EXPECT_EQ(ERROR_ACCESS_DENIED, write(OWNED_HANDLE(Open("log", GENERIC_READ, OPEN_EXISTING))));
 }
 
 TEST_F(FilesTest, TheStandardOutputIsWrittenAtOnceAndItsReaderMayLeave) {

@@ -2,39 +2,42 @@
 #include <unistd.h>
 #include <windows.h>
 
+#include <map>
 #include <string>
+#include <tuple>
 
+#include "tests/support/last_error.h"
 #include "tests/support/temporary_root.h"
 
 namespace {
 
 class MachineTest : public testing::Test {
 protected:
-    static void Setting(const char16_t* name, DWORD value) {
+    static void Settings(const std::map<const char16_t*, DWORD>& settings) {
         HKEY key = nullptr;
         ASSERT_EQ(ERROR_SUCCESS, RegCreateKeyExW(HKEY_LOCAL_MACHINE, u"SOFTWARE\\Vantorel Systems\\Keldwick\\Linux", 0,
                                                  nullptr, 0, KEY_ALL_ACCESS, nullptr, &key, nullptr));
-        EXPECT_EQ(ERROR_SUCCESS,
-                  RegSetValueExW(key, name, 0, REG_DWORD, reinterpret_cast<const BYTE*>(&value), sizeof value));
+        for (const auto& [name, value] : settings)
+            EXPECT_EQ(0, RegSetValueExW(key, name, 0, REG_DWORD, reinterpret_cast<const BYTE*>(&value), sizeof value));
         RegCloseKey(key);
     }
 
-    // Greater or equal in major, minor and service pack 0.
-    static bool IsAtLeast(DWORD major, DWORD minor, WORD pack = 0) {
+    // Greater or equal in major, minor and service pack.
+    static bool IsAtLeast(DWORD major, DWORD minor, WORD pack) {
         OSVERSIONINFOEXW wanted = {};
         wanted.dwOSVersionInfoSize = sizeof wanted;
         wanted.dwMajorVersion = major;
         wanted.dwMinorVersion = minor;
         wanted.wServicePackMajor = pack;
         DWORDLONG mask = 0;
-        for (const DWORD type : {VER_MAJORVERSION, VER_MINORVERSION, VER_SERVICEPACKMAJOR})
+        DWORD types = 0;
+        for (const DWORD type : {VER_MAJORVERSION, VER_MINORVERSION, VER_SERVICEPACKMAJOR}) {
             mask = VerSetConditionMask(mask, type, VER_GREATER_EQUAL);
-        const bool result =
-            VerifyVersionInfoW(&wanted, VER_MAJORVERSION | VER_MINORVERSION | VER_SERVICEPACKMAJOR, mask) != FALSE;
-        if (!result) {
-            EXPECT_EQ(1150u, GetLastError());
+            types |= type;
         }
-        return result;
+        const DWORD error = ErrorOf(VerifyVersionInfoW(&wanted, types, mask));
+        EXPECT_TRUE(error == 0 || error == 1150) << error;
+        return error == 0;
     }
 
     static bool IsWorkstation() {
@@ -47,32 +50,25 @@ protected:
 };
 
 TEST_F(MachineTest, PresentsWindowsServer2022UnlessTheSettingsNameAnother) {
+    const auto numbers = [](const auto& version) {
+        return std::tuple(version.dwMajorVersion, version.dwMinorVersion, version.dwBuildNumber,
+                          std::u16string(version.szCSDVersion));
+    };
     OSVERSIONINFOEXW version = {};
     version.dwOSVersionInfoSize = sizeof version;
     ASSERT_TRUE(GetVersionExW(reinterpret_cast<LPOSVERSIONINFOW>(&version)));
-    EXPECT_EQ(10u, version.dwMajorVersion);
-    EXPECT_EQ(0u, version.dwMinorVersion);
-    EXPECT_EQ(20348u, version.dwBuildNumber);
+    EXPECT_EQ(std::tuple(10u, 0u, 20348u, u""), numbers(version));
     EXPECT_EQ(VER_NT_SERVER, version.wProductType);
-    EXPECT_EQ(u"", std::u16string(version.szCSDVersion));
 
-    Setting(u"OsMajor", 6);
-    Setting(u"OsMinor", 1);
-    Setting(u"OsBuild", 7601);
-    Setting(u"OsProductType", VER_NT_WORKSTATION);
-    Setting(u"OsServicePack", 1);
+    Settings({{u"OsMajor", 6}, {u"OsMinor", 1}, {u"OsBuild", 7601}, {u"OsProductType", 1}, {u"OsServicePack", 1}});
     OSVERSIONINFOW shorter = {};
     shorter.dwOSVersionInfoSize = sizeof shorter;
     ASSERT_TRUE(GetVersionExW(&shorter));
-    EXPECT_EQ(6u, shorter.dwMajorVersion);
-    EXPECT_EQ(1u, shorter.dwMinorVersion);
-    EXPECT_EQ(7601u, shorter.dwBuildNumber);
-    EXPECT_EQ(u"Service Pack 1", std::u16string(shorter.szCSDVersion));
+    EXPECT_EQ(std::tuple(6u, 1u, 7601u, u"Service Pack 1"), numbers(shorter));
     EXPECT_TRUE(IsWorkstation());
 
     shorter.dwOSVersionInfoSize = 8;
-    EXPECT_FALSE(GetVersionExW(&shorter));
-    EXPECT_EQ(ERROR_INSUFFICIENT_BUFFER, GetLastError());
+    EXPECT_EQ(ERROR_INSUFFICIENT_BUFFER, ErrorOf(GetVersionExW(&shorter)));
 }
 
 TEST_F(MachineTest, AVersionTestLooksAtTheMinorNumberOnlyWhenTheMajorsAreEqual) {
@@ -80,21 +76,14 @@ TEST_F(MachineTest, AVersionTestLooksAtTheMinorNumberOnlyWhenTheMajorsAreEqual) 
         DWORD major, minor;
         WORD pack;
         bool holds;  // on 6.2, service pack 1
-    } cases[] = {
-        {5, 1, 0, true}, {5, 9, 9, true},  {6, 1, 0, true},  {6, 1, 9, true},   {6, 2, 0, true},
-        {6, 2, 1, true}, {6, 2, 2, false}, {6, 3, 0, false}, {10, 0, 0, false},
-    };
-    Setting(u"OsMajor", 6);
-    Setting(u"OsMinor", 2);
-    Setting(u"OsServicePack", 1);
-    for (const auto& c : cases) {
-        SCOPED_TRACE(std::to_string(c.major) + "." + std::to_string(c.minor) + "." + std::to_string(c.pack));
-        EXPECT_EQ(c.holds, IsAtLeast(c.major, c.minor, c.pack));
-    }
+    } cases[] = {{5, 9, 9, true}, {6, 1, 0, true},  {6, 1, 9, true},  {6, 2, 0, true},
+                 {6, 2, 1, true}, {6, 2, 2, false}, {6, 3, 0, false}, {10, 0, 0, false}};
+    Settings({{u"OsMajor", 6}, {u"OsMinor", 2}, {u"OsServicePack", 1}});
+    for (const auto& c : cases)
+        EXPECT_EQ(c.holds, IsAtLeast(c.major, c.minor, c.pack)) << c.major << "." << c.minor << "." << c.pack;
     EXPECT_FALSE(IsWorkstation());
     OSVERSIONINFOEXW wanted = {};
-    EXPECT_FALSE(VerifyVersionInfoW(&wanted, VER_MAJORVERSION, 0));
-    EXPECT_EQ(ERROR_INVALID_PARAMETER, GetLastError());
+    EXPECT_EQ(ERROR_INVALID_PARAMETER, ErrorOf(VerifyVersionInfoW(&wanted, VER_MAJORVERSION, 0)));
 }
 
 TEST_F(MachineTest, TheComputersNameIsShortUpperCaseAndNeverOverrunsItsBuffer) {
@@ -102,8 +91,7 @@ TEST_F(MachineTest, TheComputersNameIsShortUpperCaseAndNeverOverrunsItsBuffer) {
     ASSERT_EQ(0, gethostname(host, sizeof host - 1));
     WCHAR name[16] = u"---------------";
     DWORD units = 1;
-    EXPECT_FALSE(GetComputerNameW(name, &units));
-    EXPECT_EQ(ERROR_BUFFER_OVERFLOW, GetLastError());
+    EXPECT_EQ(ERROR_BUFFER_OVERFLOW, ErrorOf(GetComputerNameW(name, &units)));
     EXPECT_EQ(u'-', name[0]);
     const DWORD needed = units;
     EXPECT_LE(needed, 16u);

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "tests/support/last_error.h"
 #include "tests/support/temporary_root.h"
 #include "win32/files/machine_root.h"
 
@@ -18,20 +19,12 @@ protected:
 };
 
 TEST_F(PathsTest, PathsCrossTheBorderBetweenWindowsAndTheHost) {
-    const struct {
-        const char16_t* windows;
-        const char* host;
-    } cases[] = {
-        {u"C:\\a\\b", "/a/b"},   {u"c:/a\\b", "/a/b"},
-        {u"C:\\", "/"},          {u"C:", "."},
-        {u"C:log", "log"},       {u"\\a", "/a"},
-        {u"a\\b", "a/b"},        {u"", ""},
-        {u"\\\\?\\C:\\a", "/a"}, {u"C:\\\u00E9", "/\xC3\xA9"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.host);
-        EXPECT_EQ(c.host, win32::HostPath(c.windows));
-    }
+    const std::pair<const char16_t*, const char*> cases[] = {{u"C:\\a\\b", "/a/b"},   {u"c:/a\\b", "/a/b"},
+                                                             {u"C:\\", "/"},          {u"C:", "."},
+                                                             {u"C:log", "log"},       {u"\\a", "/a"},
+                                                             {u"a\\b", "a/b"},        {u"", ""},
+                                                             {u"\\\\?\\C:\\a", "/a"}, {u"C:\\\u00E9", "/\xC3\xA9"}};
+    for (const auto& [windows, host] : cases) EXPECT_EQ(host, win32::HostPath(windows));
     EXPECT_EQ(u"C:\\a\\\u00E9", win32::WindowsPath("/a/\xC3\xA9"));
 }
 
@@ -54,51 +47,42 @@ TEST_F(PathsTest, AMoveReplacesOnlyWhenAskedToAndTellsWhatWasMissing) {
     root.Write("a", "a");
     root.Write("b", "b");
     const struct {
-        const char* name;
-        const char* from;
-        const char* to;
+        const char *from, *to;
         DWORD flags, error;
     } cases[] = {
-        {"target there", "a", "b", 0, ERROR_ALREADY_EXISTS},
-        {"source missing", "c", "d", 0, ERROR_FILE_NOT_FOUND},
-        {"target's folder missing", "a", "no/d", 0, ERROR_PATH_NOT_FOUND},
-        {"free target", "a", "c", 0, ERROR_SUCCESS},
-        {"what the layer cannot do", "b", "c", 0x8, ERROR_INVALID_PARAMETER},
-        {"nothing to replace it with", "a", "c", MOVEFILE_REPLACE_EXISTING, ERROR_FILE_NOT_FOUND},
-        {"a folder is not replaced", "c", "folder", MOVEFILE_REPLACE_EXISTING, ERROR_ACCESS_DENIED},
-        {"target replaced", "b", "c", MOVEFILE_REPLACE_EXISTING, ERROR_SUCCESS},
+        {"a", "b", 0, ERROR_ALREADY_EXISTS},
+        {"c", "d", 0, ERROR_FILE_NOT_FOUND},
+        {"a", "no/d", 0, ERROR_PATH_NOT_FOUND},
+        {"a", "c", 0, ERROR_SUCCESS},
+        {"b", "c", 0x8, ERROR_INVALID_PARAMETER},
+        {"a", "c", MOVEFILE_REPLACE_EXISTING, ERROR_FILE_NOT_FOUND},
+        {"c", "folder", MOVEFILE_REPLACE_EXISTING, ERROR_ACCESS_DENIED},
+        {"b", "c", MOVEFILE_REPLACE_EXISTING, ERROR_SUCCESS},
     };
     ASSERT_TRUE(CreateDirectoryW(Path("folder").c_str(), nullptr));
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        SetLastError(ERROR_SUCCESS);
-        EXPECT_EQ(c.error == ERROR_SUCCESS, MoveFileExW(Path(c.from).c_str(), Path(c.to).c_str(), c.flags) != FALSE);
-        EXPECT_EQ(c.error, GetLastError());
-    }
+    for (const auto& c : cases)
+        EXPECT_EQ(c.error, ErrorOf(MoveFileExW(Path(c.from).c_str(), Path(c.to).c_str(), c.flags))) << &c - cases;
     EXPECT_EQ("b", root.Read("c"));
 }
 
 TEST_F(PathsTest, AttributesFoldersAndDeletionTellWhatIsThere) {
-    EXPECT_EQ(INVALID_FILE_ATTRIBUTES, GetFileAttributesW(Path("d").c_str()));
-    EXPECT_EQ(ERROR_FILE_NOT_FOUND, GetLastError());
-    EXPECT_FALSE(CreateDirectoryW(Path("d/e").c_str(), nullptr));
-    EXPECT_EQ(ERROR_PATH_NOT_FOUND, GetLastError());
-    EXPECT_TRUE(CreateDirectoryW(Path("d").c_str(), nullptr));
-    EXPECT_FALSE(CreateDirectoryW(Path("d").c_str(), nullptr));
-    EXPECT_EQ(ERROR_ALREADY_EXISTS, GetLastError());
-    EXPECT_EQ(FILE_ATTRIBUTE_DIRECTORY, GetFileAttributesW((Path("d") + u"\\").c_str()));
-    EXPECT_FALSE(DeleteFileW(Path("d").c_str()));
-    EXPECT_EQ(ERROR_ACCESS_DENIED, GetLastError());
-    EXPECT_EQ(INVALID_FILE_ATTRIBUTES, GetFileAttributesW(Path("x/y").c_str()));
-    EXPECT_EQ(ERROR_PATH_NOT_FOUND, GetLastError());
-
+    const auto attributes = [&](const char* name) { return GetFileAttributesW(Path(name).c_str()); };
+    const auto missing = [&](const char* name) { return ErrorOf(attributes(name) != INVALID_FILE_ATTRIBUTES); };
+    const auto make = [&](const char* name) { return ErrorOf(CreateDirectoryW(Path(name).c_str(), nullptr)); };
+    const auto remove = [&](const char* name) { return ErrorOf(DeleteFileW(Path(name).c_str())); };
+    EXPECT_EQ(ERROR_FILE_NOT_FOUND, missing("d"));
+    EXPECT_EQ(ERROR_PATH_NOT_FOUND, make("d/e"));
+    EXPECT_EQ(ERROR_SUCCESS, make("d"));
+    EXPECT_EQ(ERROR_ALREADY_EXISTS, make("d"));
+    EXPECT_EQ(FILE_ATTRIBUTE_DIRECTORY, attributes("d/"));
+    EXPECT_EQ(ERROR_ACCESS_DENIED, remove("d"));
+    EXPECT_EQ(ERROR_PATH_NOT_FOUND, missing("x/y"));
     root.Write("f", "");
-    EXPECT_EQ(FILE_ATTRIBUTE_NORMAL, GetFileAttributesW(Path("f").c_str()));
+    EXPECT_EQ(FILE_ATTRIBUTE_NORMAL, attributes("f"));
     ASSERT_EQ(0, chmod(root.Path("f").c_str(), 0444));
-    EXPECT_EQ(FILE_ATTRIBUTE_READONLY, GetFileAttributesW(Path("f").c_str()));
-    EXPECT_TRUE(DeleteFileW(Path("f").c_str()));
-    EXPECT_FALSE(DeleteFileW(Path("f").c_str()));
-    EXPECT_EQ(ERROR_FILE_NOT_FOUND, GetLastError());
+    EXPECT_EQ(FILE_ATTRIBUTE_READONLY, attributes("f"));
+    EXPECT_EQ(ERROR_SUCCESS, remove("f"));
+    EXPECT_EQ(ERROR_FILE_NOT_FOUND, remove("f"));
 }
 
 TEST_F(PathsTest, ASearchFindsTheProgramItsNeighboursAndNamedFolders) {
@@ -106,21 +90,17 @@ TEST_F(PathsTest, ASearchFindsTheProgramItsNeighboursAndNamedFolders) {
     root.Write("sub/deep.dll", "");
     const std::u16string folders = u"C:\\nowhere;" + Path("sub");
     const struct {
-        const char* name;
         LPCWSTR folders;
         std::u16string file;
         LPCWSTR extension;
         std::u16string found;  // empty: not found
-    } cases[] = {
-        {"the program", nullptr, u"Keldwick.exe", nullptr, Path("Keldwick.exe")},
-        {"beside the program", nullptr, u"helper", u".dll", Path("helper.dll")},
-        {"full path", nullptr, Path("sub/deep.dll"), nullptr, Path("sub/deep.dll")},
-        {"named folder", folders.c_str(), u"deep.dll", u".txt", Path("sub/deep.dll")},
-        {"not in the named folder", folders.c_str(), u"helper.dll", nullptr, u""},
-        {"nowhere", nullptr, u"no such file.dll", nullptr, u""},
-    };
+    } cases[] = {{nullptr, u"Keldwick.exe", nullptr, Path("Keldwick.exe")},
+                 {nullptr, u"helper", u".dll", Path("helper.dll")},
+                 {nullptr, Path("sub/deep.dll"), nullptr, Path("sub/deep.dll")},
+                 {folders.c_str(), u"deep.dll", u".txt", Path("sub/deep.dll")},
+                 {folders.c_str(), u"helper.dll", nullptr, u""},
+                 {nullptr, u"no such file.dll", nullptr, u""}};
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
         WCHAR buffer[1024] = u"-";
         LPWSTR part = nullptr;
         const DWORD length = SearchPathW(c.folders, c.file.c_str(), c.extension, 1024, buffer, &part);
@@ -138,16 +118,17 @@ TEST_F(PathsTest, ASearchFindsTheProgramItsNeighboursAndNamedFolders) {
 TEST_F(PathsTest, LocalApplicationDataLieInTheUsersHome) {
     const std::string before = std::getenv("HOME") != nullptr ? std::getenv("HOME") : "";
     WCHAR path[MAX_PATH] = u"-";
-    setenv("HOME", root.Path("home").c_str(), 1);
-    EXPECT_EQ(S_FALSE, SHGetFolderPathW(nullptr, CSIDL_LOCAL_APPDATA, nullptr, SHGFP_TYPE_CURRENT, path));
+    const auto get = [&](const std::string& home, int folder = CSIDL_LOCAL_APPDATA) {
+        setenv("HOME", home.c_str(), 1);
+        return SHGetFolderPathW(nullptr, folder, nullptr, SHGFP_TYPE_CURRENT, path);
+    };
+    EXPECT_EQ(S_FALSE, get(root.Path("home")));
     root.Write("home/.local/share/x", "");
-    EXPECT_EQ(S_OK, SHGetFolderPathW(nullptr, CSIDL_LOCAL_APPDATA, nullptr, SHGFP_TYPE_CURRENT, path));
+    EXPECT_EQ(S_OK, get(root.Path("home")));
     EXPECT_EQ(Path("home/.local/share"), path);
-    setenv("HOME", "not/absolute", 1);
-    EXPECT_EQ(E_FAIL, SHGetFolderPathW(nullptr, CSIDL_LOCAL_APPDATA, nullptr, SHGFP_TYPE_CURRENT, path));
-    setenv("HOME", ("/" + std::string(MAX_PATH, 'h')).c_str(), 1);
-    EXPECT_EQ(E_FAIL, SHGetFolderPathW(nullptr, CSIDL_LOCAL_APPDATA, nullptr, SHGFP_TYPE_CURRENT, path));
-    EXPECT_EQ(E_INVALIDARG, SHGetFolderPathW(nullptr, 5, nullptr, SHGFP_TYPE_CURRENT, path));
+    EXPECT_EQ(E_FAIL, get("not/absolute"));
+    EXPECT_EQ(E_FAIL, get("/" + std::string(MAX_PATH, 'h')));
+    EXPECT_EQ(E_INVALIDARG, get(root.Path("home"), 5));
     setenv("HOME", before.c_str(), 1);
 }
 

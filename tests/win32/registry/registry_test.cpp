@@ -18,6 +18,7 @@
 #include <functional>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 // The system calls of wrapped-calls.txt fail with these, when not 0.
@@ -25,14 +26,12 @@ static int fsyncFailure = 0, renameFailure = 0;
 
 extern "C" {
 int __real_fsync(int file);
-int __wrap_fsync(int file);
 int __wrap_fsync(int file) {
     if (fsyncFailure == 0) return __real_fsync(file);
     errno = fsyncFailure;
     return -1;
 }
 int __real_rename(const char* from, const char* to);
-int __wrap_rename(const char* from, const char* to);
 int __wrap_rename(const char* from, const char* to) {
     if (renameFailure == 0) return __real_rename(from, to);
     errno = renameFailure;
@@ -50,19 +49,18 @@ std::string Settings(const std::string& values) {
     return "Windows Registry Editor Version 5.00\n\n[HKEY_LOCAL_MACHINE\\SOFTWARE\\Vantorel Systems\\Keldwick]\n" +
            values;
 }
+std::string Heartbeat(int value) { return Settings("\"Heartbeat\"=dword:" + std::to_string(value) + "\n"); }
 
-HKEY Open(REGSAM access = KEY_ALL_ACCESS, const char16_t* path = Path) {
+// A key of the local machine, made unless it is there.
+struct KEY {
+    explicit KEY(const char16_t* path = Path, REGSAM access = KEY_ALL_ACCESS) {
+        EXPECT_EQ(ERROR_SUCCESS,
+                  RegCreateKeyExW(HKEY_LOCAL_MACHINE, path, 0, nullptr, 0, access, nullptr, &key, nullptr));
+    }
+    ~KEY() { RegCloseKey(key); }
+    operator HKEY() const { return key; }
     HKEY key = nullptr;
-    EXPECT_EQ(ERROR_SUCCESS, RegOpenKeyExW(HKEY_LOCAL_MACHINE, path, 0, access, &key));
-    return key;
-}
-
-HKEY Create(const char16_t* path = Path) {
-    HKEY key = nullptr;
-    EXPECT_EQ(ERROR_SUCCESS,
-              RegCreateKeyExW(HKEY_LOCAL_MACHINE, path, 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key, nullptr));
-    return key;
-}
+};
 
 LSTATUS SetNumber(HKEY key, const char16_t* name, DWORD number) {
     return RegSetValueExW(key, name, 0, REG_DWORD, reinterpret_cast<const BYTE*>(&number), sizeof number);
@@ -87,17 +85,16 @@ LSTATUS Arm(HKEY key, const EVENT& event) {
 
 // Another process that writes: this program again, ended before its tests begin. It writes the number 1 to the values
 // NAMEA, NAMEB ... of the settings key.
-const char* const WriterName = "REGISTRY_TEST_WRITER_NAME";
-const char* const WriterCount = "REGISTRY_TEST_WRITER_COUNT";
+const char* const Writer = "REGISTRY_TEST_WRITER";
+constexpr int Writes = 25;
 
-pid_t StartWriter(const std::string& name, int count) {
-    setenv(WriterName, name.c_str(), 1);
-    setenv(WriterCount, std::to_string(count).c_str(), 1);
+pid_t StartWriter(const std::string& name) {
     char program[] = "/proc/self/exe";
     char* const arguments[] = {program, nullptr};
     pid_t child = -1;
+    setenv(Writer, name.c_str(), 1);
     EXPECT_EQ(0, posix_spawn(&child, program, nullptr, nullptr, arguments, environ));
-    unsetenv(WriterName);
+    unsetenv(Writer);
     return child;
 }
 
@@ -106,16 +103,18 @@ bool Succeeds(pid_t child) {
     return waitpid(child, &status, 0) == child && status == 0;
 }
 
-const bool notTheWriter = [] {
-    const char* const name = getenv(WriterName);
-    if (name == nullptr) return true;
+// Whether all could be written.
+bool WriteAll(const std::string& name) {
     bool good = true;
-    const HKEY key = Open();
-    for (char letter = 'A'; letter < 'A' + atoi(getenv(WriterCount)); ++letter) {
-        const std::u16string value = win32::ToUtf16(name + std::string(1, letter));
-        good = SetNumber(key, value.c_str(), 1) == ERROR_SUCCESS && good;
-    }
-    _exit(good ? 0 : 1);
+    const KEY key;
+    for (char letter = 'A'; letter < 'A' + Writes; ++letter)
+        good = SetNumber(key, win32::ToUtf16(name + letter).c_str(), 1) == ERROR_SUCCESS && good;
+    return good;
+}
+
+const bool notTheWriter = [] {
+    if (const char* const name = getenv(Writer)) _exit(WriteAll(name) ? 0 : 1);
+    return true;
 }();
 
 class Registry : public testing::Test {
@@ -124,38 +123,27 @@ protected:
 };
 
 TEST_F(Registry, TheQueryProtocolGivesSizeTypeAndData) {
-    const HKEY key = Create();
+    const KEY key;
     const char16_t text[] = u"host";
     ASSERT_EQ(ERROR_SUCCESS, RegSetValueExW(key, u"IdentServer", 0, REG_SZ, reinterpret_cast<const BYTE*>(text), 10));
-    const struct {
-        const char* name;
-        const char16_t* value;
-        bool buffer;
-        DWORD room;
-        LSTATUS status;
-        DWORD size;
-    } cases[] = {
-        {"size only", u"identserver", false, 0, ERROR_SUCCESS, 10},
-        {"too small", u"IDENTSERVER", true, 9, ERROR_MORE_DATA, 10},
-        {"exact", u"IdentServer", true, 10, ERROR_SUCCESS, 10},
-        {"larger", u"IdentServer", true, 64, ERROR_SUCCESS, 10},
-        {"missing", u"Ident", true, 64, ERROR_FILE_NOT_FOUND, 64},
-        {"default missing", nullptr, true, 64, ERROR_FILE_NOT_FOUND, 64},
+    const std::tuple<const char16_t*, bool, DWORD, LSTATUS, DWORD> cases[] = {
+        {u"identserver", false, 0, ERROR_SUCCESS, 10}, {u"IDENTSERVER", true, 9, ERROR_MORE_DATA, 10},
+        {u"IdentServer", true, 10, ERROR_SUCCESS, 10}, {u"Ident", true, 64, ERROR_FILE_NOT_FOUND, 64},
+        {nullptr, true, 64, ERROR_FILE_NOT_FOUND, 64},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
+    for (const auto& [value, buffer, room, status, needed] : cases) {
+        SCOPED_TRACE(room);
         BYTE data[64] = {};
-        DWORD size = c.room, type = 99;
-        EXPECT_EQ(c.status, RegQueryValueExW(key, c.value, nullptr, &type, c.buffer ? data : nullptr, &size));
-        EXPECT_EQ(c.size, size);
-        EXPECT_EQ(c.status == ERROR_FILE_NOT_FOUND ? 99u : REG_SZ, type);
-        EXPECT_EQ(c.buffer && c.status == ERROR_SUCCESS, memcmp(text, data, 10) == 0);
+        DWORD size = room, type = 99;
+        EXPECT_EQ(status, RegQueryValueExW(key, value, nullptr, &type, buffer ? data : nullptr, &size));
+        EXPECT_EQ(needed, size);
+        EXPECT_EQ(status == ERROR_FILE_NOT_FOUND ? 99u : REG_SZ, type);
+        EXPECT_EQ(buffer && status == ERROR_SUCCESS, memcmp(text, data, 10) == 0);
     }
     BYTE byte = 0;
     EXPECT_EQ(ERROR_INVALID_PARAMETER, RegQueryValueExW(key, u"IdentServer", nullptr, nullptr, &byte, nullptr));
     EXPECT_EQ(ERROR_SUCCESS, RegDeleteValueW(key, u"identSERVER"));
     EXPECT_EQ(ERROR_FILE_NOT_FOUND, RegDeleteValueW(key, u"IdentServer"));
-    RegCloseKey(key);
 }
 
 TEST_F(Registry, KeysAreFoundWhateverTheirCaseAndClosedOnce) {
@@ -172,70 +160,63 @@ TEST_F(Registry, KeysAreFoundWhateverTheirCaseAndClosedOnce) {
         EXPECT_EQ(-ERROR_INVALID_HANDLE, Number(key, u"Heartbeat"));
         EXPECT_EQ(ERROR_INVALID_HANDLE, SetNumber(key, u"Heartbeat", 1));
     }
-    const HKEY parent = Open(KEY_READ, u"software\\VANTOREL systems\\");
+    const KEY parent(u"software\\VANTOREL systems\\", KEY_READ);
     HKEY child = nullptr;
     EXPECT_EQ(ERROR_SUCCESS, RegOpenKeyExW(parent, u"keldWICK", 0, KEY_READ, &child));
     EXPECT_EQ(ERROR_BAD_PATHNAME, RegOpenKeyExW(parent, u"\\keldWICK", 0, KEY_READ, &key));
     EXPECT_EQ(ERROR_INVALID_PARAMETER, RegOpenKeyExW(parent, std::u16string(256, u'a').c_str(), 0, KEY_READ, &key));
     EXPECT_EQ(ERROR_SUCCESS, RegCloseKey(HKEY_LOCAL_MACHINE));
-    RegCloseKey(parent);
     RegCloseKey(child);
 }
 
 TEST_F(Registry, AKeyDoesWhatItWasOpenedForAndNoMore) {
-    RegCloseKey(Create());
     const EVENT event;
     const struct {
         REGSAM access;
         int64_t query;
         LSTATUS set, notify;
-    } cases[] = {{KEY_READ, -ERROR_FILE_NOT_FOUND, ERROR_ACCESS_DENIED, ERROR_SUCCESS},
-                 {KEY_QUERY_VALUE, -ERROR_FILE_NOT_FOUND, ERROR_ACCESS_DENIED, ERROR_ACCESS_DENIED},
+    } cases[] = {{KEY_QUERY_VALUE, -ERROR_FILE_NOT_FOUND, ERROR_ACCESS_DENIED, ERROR_ACCESS_DENIED},
+                 {KEY_READ, -ERROR_FILE_NOT_FOUND, ERROR_ACCESS_DENIED, ERROR_SUCCESS},
                  {KEY_WRITE, -ERROR_ACCESS_DENIED, ERROR_SUCCESS, ERROR_ACCESS_DENIED}};
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.access);
-        const HKEY key = Open(c.access);
-        EXPECT_EQ(c.query, Number(key, u"Missing"));
-        EXPECT_EQ(c.set, SetNumber(key, u"Heartbeat", 1));
-        EXPECT_EQ(c.notify, Arm(key, event));
-        RegCloseKey(key);
+        const KEY key(Path, c.access);
+        EXPECT_EQ(c.query, Number(key, u"Missing")) << c.access;
+        EXPECT_EQ(c.set, SetNumber(key, u"Heartbeat", 1)) << c.access;
+        EXPECT_EQ(c.notify, Arm(key, event)) << c.access;
     }
 }
 
 TEST_F(Registry, WhatCannotBeStoredIsRefusedAndTheFileStays) {
-    const HKEY key = Create();
+    const KEY key;
     const std::string before = root.Read(File);
-    const BYTE byte = 1;
     const std::vector<BYTE> large(win32::MaxValueBytes + 1);
-    EXPECT_EQ(ERROR_NO_SYSTEM_RESOURCES, RegSetValueExW(key, u"a", 0, REG_BINARY, &byte, 0xFFFFFFFF));
-    EXPECT_EQ(ERROR_NO_SYSTEM_RESOURCES,
-              RegSetValueExW(key, u"a", 0, REG_BINARY, large.data(), static_cast<DWORD>(large.size())));
-    EXPECT_EQ(ERROR_NOACCESS, RegSetValueExW(key, u"a", 0, REG_BINARY, nullptr, 4));
-    EXPECT_EQ(ERROR_INVALID_PARAMETER, RegSetValueExW(key, u"a\nb", 0, REG_BINARY, &byte, 1));
-    EXPECT_EQ(ERROR_INVALID_PARAMETER,
-              RegSetValueExW(key, std::u16string(16384, u'a').c_str(), 0, REG_BINARY, &byte, 1));
+    const auto set = [&](const std::u16string& name, const BYTE* data, DWORD bytes) {
+        return RegSetValueExW(key, name.c_str(), 0, REG_BINARY, data, bytes);
+    };
+    EXPECT_EQ(ERROR_NO_SYSTEM_RESOURCES, set(u"a", large.data(), 0xFFFFFFFF));
+    EXPECT_EQ(ERROR_NO_SYSTEM_RESOURCES, set(u"a", large.data(), static_cast<DWORD>(large.size())));
+    EXPECT_EQ(ERROR_NOACCESS, set(u"a", nullptr, 4));
+    EXPECT_EQ(ERROR_INVALID_PARAMETER, set(u"a\nb", large.data(), 1));
+    EXPECT_EQ(ERROR_INVALID_PARAMETER, set(std::u16string(16384, u'a'), large.data(), 1));
     EXPECT_EQ(before, root.Read(File));
-    RegCloseKey(key);
 }
 
 TEST_F(Registry, AnEditByHandIsSeenAtOnce) {
-    root.Write(File, Settings("\"Heartbeat\"=dword:00000000\n"));
-    const HKEY key = Open();
-    for (DWORD i = 0; i < 10; ++i) {  // the same size, and more than one within a tick of the file system's clock
-        root.Write(File, Settings("\"Heartbeat\"=dword:0000000" + std::to_string(i) + "\n"));
+    root.Write(File, Heartbeat(0));
+    const KEY key;
+    for (int i = 0; i < 10; ++i) {  // the same size, and more than one within a tick of the file system's clock
+        root.Write(File, Heartbeat(i));
         EXPECT_EQ(i, Number(key, u"Heartbeat"));
     }
     root.Write(File, Settings("") + "[-HKEY_LOCAL_MACHINE\\SOFTWARE]\n");
     EXPECT_EQ(-ERROR_KEY_DELETED, Number(key, u"Heartbeat"));
     EXPECT_EQ(ERROR_KEY_DELETED, SetNumber(key, u"Heartbeat", 1));
-    RegCloseKey(key);
 }
 
 TEST_F(Registry, AFileThatDoesNotParseChangesNothingAndIsComplainedAboutOnce) {
     const std::string broken = Settings("\"Heartbeat\"=dword:oops\n");
-    HKEY none = nullptr;
-    root.Write(File, Settings("\"Heartbeat\"=dword:00000007\n"));
-    const HKEY key = Open();
+    root.Write(File, Heartbeat(7));
+    const KEY key;
     root.Write(File, broken);
     testing::internal::CaptureStderr();
     for (int i = 0; i < 3; ++i) EXPECT_EQ(7, Number(key, u"Heartbeat"));
@@ -248,82 +229,66 @@ TEST_F(Registry, AFileThatDoesNotParseChangesNothingAndIsComplainedAboutOnce) {
 
     std::filesystem::remove(root.Path(File));  // an editor between two renames
     EXPECT_EQ(7, Number(key, u"Heartbeat"));
-    root.Write(File, Settings("\"Heartbeat\"=dword:00000009\n"));
+    root.Write(File, Heartbeat(9));
     EXPECT_EQ(9, Number(key, u"Heartbeat"));
     EXPECT_EQ(ERROR_SUCCESS, SetNumber(key, u"Heartbeat", 8));
-    RegCloseKey(key);
 
     const TEMPORARY_ROOT other;
     other.Write(File, broken);
+    HKEY none = nullptr;
     EXPECT_EQ(ERROR_BADDB, RegOpenKeyExW(HKEY_LOCAL_MACHINE, Path, 0, KEY_READ, &none));
 }
 
 TEST_F(Registry, AFailedWriteSaysWhyAndLeavesTheOldFile) {
-    const HKEY key = Create();
+    const KEY key;
     const std::string before = root.Read(File);
     const struct {
-        const char* name;
         int& failure;
         int number;
         LSTATUS status;
-    } cases[] = {{"disk full", fsyncFailure, ENOSPC, ERROR_DISK_FULL},
-                 {"not allowed", renameFailure, EACCES, ERROR_ACCESS_DENIED},
-                 {"read-only file system", renameFailure, EROFS, ERROR_WRITE_PROTECT}};
+    } cases[] = {{fsyncFailure, ENOSPC, ERROR_DISK_FULL},
+                 {renameFailure, EACCES, ERROR_ACCESS_DENIED},
+                 {renameFailure, EROFS, ERROR_WRITE_PROTECT}};
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
         c.failure = c.number;
         EXPECT_EQ(c.status, SetNumber(key, u"Heartbeat", 1));
         c.failure = 0;
-        EXPECT_EQ(before, root.Read(File));
-        EXPECT_FALSE(std::filesystem::exists(root.Path(File + ".new")));
+        EXPECT_EQ(before, root.Read(File)) << c.number;
+        EXPECT_FALSE(std::filesystem::exists(root.Path(File + ".new"))) << c.number;
     }
     root.Write(File + ".new", "left behind by a crash");
     EXPECT_EQ(ERROR_SUCCESS, SetNumber(key, u"Heartbeat", 1));
     EXPECT_EQ(1, Number(key, u"Heartbeat"));
     EXPECT_FALSE(std::filesystem::exists(root.Path(File + ".new")));
-    RegCloseKey(key);
 }
 
 TEST_F(Registry, TheFileKeepsItsModeAndALinkStaysALink) {
     root.Write("elsewhere/real.reg", Settings(""));
     chmod(root.Path("elsewhere/real.reg").c_str(), 0600);
     std::filesystem::create_symlink("elsewhere/real.reg", root.Path(File));
-    const HKEY key = Open();
+    const KEY key;
     EXPECT_EQ(ERROR_SUCCESS, SetNumber(key, u"Heartbeat", 1));
     EXPECT_TRUE(std::filesystem::is_symlink(root.Path(File)));
-    struct stat status {};
-    ASSERT_EQ(0, stat(root.Path(File).c_str(), &status));
-    EXPECT_EQ(0600u, status.st_mode & 0777);
+    EXPECT_EQ(std::filesystem::perms(0600), std::filesystem::status(root.Path(File)).permissions());
     EXPECT_EQ(1, Number(key, u"Heartbeat"));
-    RegCloseKey(key);
 }
 
 TEST_F(Registry, ProcessesAndThreadsWritingAtOnceLoseNothing) {
-    constexpr int Processes = 3, Threads = 2, Writes = 25;
-    RegCloseKey(Create());
+    const KEY made;
     std::vector<pid_t> children;
-    for (int p = 0; p < Processes; ++p) children.push_back(StartWriter("p" + std::to_string(p), Writes));
     std::vector<std::thread> threads;
-    for (int t = 0; t < Threads; ++t) {
-        threads.emplace_back([t] {
-            const HKEY key = Open();
-            for (int i = 0; i < Writes; ++i) {
-                const std::u16string name{u't', static_cast<char16_t>(u'0' + t), static_cast<char16_t>(u'A' + i)};
-                EXPECT_EQ(ERROR_SUCCESS, SetNumber(key, name.c_str(), 1));
-            }
-            RegCloseKey(key);
-        });
-    }
+    for (const char* name : {"p0", "p1", "p2"}) children.push_back(StartWriter(name));
+    for (const char* name : {"t0", "t1"}) threads.emplace_back([name] { EXPECT_TRUE(WriteAll(name)); });
     for (std::thread& thread : threads) thread.join();
     for (const pid_t child : children) EXPECT_TRUE(Succeeds(child));
     const std::string file = root.Read(File);
     size_t count = 0;
     for (size_t at = 0; (at = file.find("=dword:00000001\n", at)) != std::string::npos; ++at) ++count;
-    EXPECT_EQ(static_cast<size_t>((Processes + Threads) * Writes), count);
+    EXPECT_EQ(size_t{5 * Writes}, count);
 }
 
 TEST_F(Registry, OwnValueChangesSignalOnceForEachArming) {
-    const HKEY key = Create(), statistics = Create(u"SOFTWARE\\Vantorel Systems\\Keldwick\\Statistics");
+    const KEY key, statistics(u"SOFTWARE\\Vantorel Systems\\Keldwick\\Statistics");
     const EVENT event;
     ASSERT_EQ(ERROR_SUCCESS, Arm(key, event));
     EXPECT_EQ(ERROR_SUCCESS, SetNumber(statistics, u"Logons", 1));  // a subkey's
@@ -342,62 +307,48 @@ TEST_F(Registry, OwnValueChangesSignalOnceForEachArming) {
     ASSERT_EQ(ERROR_SUCCESS, Arm(key, event));
     RegCloseKey(key);  // as on Windows, closing the key ends the wait
     EXPECT_EQ(WAIT_OBJECT_0, event.Wait(0));
-    RegCloseKey(statistics);
 }
 
 TEST_F(Registry, WhoeverChangesTheFileTheKeyIsSignalled) {
-    root.Write(File, Settings("\"Heartbeat\"=dword:00000000\n"));
-    const HKEY key = Open(KEY_READ);
+    root.Write(File, Heartbeat(0));
+    const KEY key(Path, KEY_READ);
     const EVENT event;
-    const std::string path = root.Path(File), aside = root.Path("aside");
-    namespace fs = std::filesystem;
-    const struct {
-        const char* name;
-        std::function<void()> act;
-        int64_t value;
-    } cases[] = {
-        {"in place", [&] { root.Write(File, Settings("\"Heartbeat\"=dword:1\n")); }, 1},
-        {"renamed over",
-         [&] {
-             root.Write("aside", Settings("\"Heartbeat\"=dword:2\n"));
-             fs::rename(aside, path);
-         },
-         2},
-        {"in place after that", [&] { root.Write(File, Settings("\"Heartbeat\"=dword:3\n")); }, 3},
-        {"moved away and made anew",
-         [&] {
-             fs::rename(path, aside);
-             root.Write(File, Settings("\"Heartbeat\"=dword:4\n"));
-         },
-         4},
-        {"broken, then mended",
-         [&] {
-             root.Write(File, "half");
-             root.Write(File, Settings("\"Heartbeat\"=dword:5\n"));
-         },
-         5},
-        {"another process", [&] { EXPECT_TRUE(Succeeds(StartWriter("Heartbeat", 1))); }, 5},
+    const auto move = [&](const std::string& from, const std::string& to) {
+        std::filesystem::rename(root.Path(from), root.Path(to));
+    };
+    const auto write = [&](int value) { root.Write(File, Heartbeat(value)); };
+    const std::tuple<const char*, std::function<void()>, int64_t> cases[] = {
+        {"in place", [&] { write(1); }, 1},
+        {"renamed over", [&] { root.Write("aside", Heartbeat(2)), move("aside", File); }, 2},
+        {"in place after that", [&] { write(3); }, 3},
+        {"moved away and made anew", [&] { move(File, "aside"), write(4); }, 4},
+        {"broken, then mended", [&] { root.Write(File, "half"), write(5); }, 5},
+        {"another process", [&] { EXPECT_TRUE(Succeeds(StartWriter("Heartbeat"))); }, 5},
         {"the value removed", [&] { root.Write(File, Settings("")); }, -ERROR_FILE_NOT_FOUND},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
+    for (const auto& [name, act, value] : cases) {
+        SCOPED_TRACE(name);
         ASSERT_EQ(ERROR_SUCCESS, Arm(key, event));
-        c.act();
+        act();
         EXPECT_EQ(WAIT_OBJECT_0, event.Wait(WaitMs));
-        EXPECT_EQ(c.value, Number(key, u"Heartbeat"));
+        EXPECT_EQ(value, Number(key, u"Heartbeat"));
     }
-    RegCloseKey(key);
 }
 
 TEST_F(Registry, NotificationsThatTheLayerDoesNotKnowAreRefused) {
-    const HKEY key = Create();
+    KEY key;
     const EVENT event;
-    EXPECT_EQ(ERROR_NOT_SUPPORTED, RegNotifyChangeKeyValue(key, TRUE, REG_NOTIFY_CHANGE_LAST_SET, event.handle, TRUE));
-    EXPECT_EQ(ERROR_NOT_SUPPORTED, RegNotifyChangeKeyValue(key, FALSE, REG_NOTIFY_CHANGE_NAME, event.handle, TRUE));
-    EXPECT_EQ(ERROR_INVALID_PARAMETER, RegNotifyChangeKeyValue(key, FALSE, REG_NOTIFY_CHANGE_LAST_SET, nullptr, TRUE));
-    EXPECT_EQ(ERROR_INVALID_PARAMETER, RegNotifyChangeKeyValue(key, FALSE, 0, event.handle, TRUE));
-    EXPECT_EQ(ERROR_INVALID_HANDLE,
-              RegNotifyChangeKeyValue(key, FALSE, REG_NOTIFY_CHANGE_LAST_SET, INVALID_HANDLE_VALUE, TRUE));
+    const struct {
+        LSTATUS status;
+        BOOL tree;
+        DWORD filter;
+        HANDLE event;
+    } cases[] = {{ERROR_NOT_SUPPORTED, TRUE, REG_NOTIFY_CHANGE_LAST_SET, event.handle},
+                 {ERROR_NOT_SUPPORTED, FALSE, REG_NOTIFY_CHANGE_NAME, event.handle},
+                 {ERROR_INVALID_PARAMETER, FALSE, REG_NOTIFY_CHANGE_LAST_SET, nullptr},
+                 {ERROR_INVALID_PARAMETER, FALSE, 0, event.handle},
+                 {ERROR_INVALID_HANDLE, FALSE, REG_NOTIFY_CHANGE_LAST_SET, INVALID_HANDLE_VALUE}};
+    for (const auto& c : cases) EXPECT_EQ(c.status, RegNotifyChangeKeyValue(key, c.tree, c.filter, c.event, TRUE));
     RegCloseKey(key);
     EXPECT_EQ(ERROR_INVALID_HANDLE, Arm(key, event));
 }

@@ -5,6 +5,8 @@
 
 #include <string>
 
+#include "tests/support/entry_lines.h"
+#include "tests/support/last_error.h"
 #include "tests/support/temporary_root.h"
 #include "win32/security/accounts.h"
 
@@ -13,74 +15,28 @@ using win32::SID_VALUE;
 
 namespace {
 
-constexpr const char* TwoDomains = R"(dn: CN=CORP,CN=Partitions,CN=Configuration,DC=corp
-nCName: DC=corp
-dnsRoot: corp.example
-nETBIOSName: CORP
-
-dn: CN=EU,CN=Partitions,CN=Configuration,DC=corp
-nCName: DC=eu,DC=corp
-dnsRoot: eu.corp.example
-nETBIOSName: EU
-
-dn: DC=corp
-objectClass: domain
-objectClass: domainDNS
-objectSid: S-1-5-21-1-2-3
-
-dn: CN=Ann Archer,DC=corp
-objectClass: user
-sAMAccountName: ann
-objectSid: S-1-5-21-1-2-3-1104
-
-dn: CN=WS1,DC=eu,DC=corp
-objectClass: user
-objectClass: computer
-sAMAccountName: WS1$
-objectSid: S-1-5-21-4-5-6-1105
-
-dn: CN=Größe,DC=corp
-objectClass: top
-objectClass: Group
-groupType: -2147483646
-sAMAccountName: größe
+const std::string TwoDomains = Entries(
+    R"(dn: CN=CORP,CN=Partitions,CN=Configuration,DC=corp|nCName: DC=corp|dnsRoot: corp.example|nETBIOSName: CORP
+dn: CN=EU,CN=Partitions,CN=Configuration,DC=corp|nCName: DC=eu,DC=corp|dnsRoot: eu.corp.example|nETBIOSName: EU
+dn: DC=corp|objectClass: domain|objectClass: domainDNS|objectSid: S-1-5-21-1-2-3
+dn: CN=Ann Archer,DC=corp|objectClass: user|sAMAccountName: ann|objectSid: S-1-5-21-1-2-3-1104
+dn: CN=WS1,DC=eu,DC=corp|objectClass: user|objectClass: computer|sAMAccountName: WS1$|objectSid: S-1-5-21-4-5-6-1105
+dn: CN=Größe,DC=corp|objectClass: top|objectClass: Group|groupType: -2147483646|sAMAccountName: größe|
 objectSid: S-1-5-21-1-2-3-1106
-
-dn: CN=Local,DC=corp
-objectClass: group
-groupType: -2147483644
-sAMAccountName: local
-objectSid: S-1-5-21-1-2-3-1107
-
-dn: CN=Bare,DC=corp
-sAMAccountName: bare
-objectSid: S-1-5-21-1-2-3-1108
-
-dn: CN=Nameless,DC=corp
-objectSid: S-1-5-21-1-2-3-1109
-
-dn: CN=Stray,DC=other
-sAMAccountName: stray
-objectSid: S-1-5-21-1-2-3-1110
-
-dn: CN=Twin 1,DC=corp
-sAMAccountName: one
-objectSid: S-1-5-21-1-2-3-1111
-
-dn: CN=Twin 2,DC=corp
-sAMAccountName: two
-objectSid: S-1-5-21-1-2-3-1111
-
-dn: CN=Administrators,CN=Builtin,DC=corp
-objectClass: group
-sAMAccountName: Renamed
-objectSid: S-1-5-32-544
-)";
+dn: CN=Local,DC=corp|objectClass: group|groupType: -2147483644|sAMAccountName: local|objectSid: S-1-5-21-1-2-3-1107
+dn: CN=Bare,DC=corp|sAMAccountName: bare|objectSid: S-1-5-21-1-2-3-1108
+dn: CN=Nameless,DC=corp|objectSid: S-1-5-21-1-2-3-1109
+dn: CN=Stray,DC=other|sAMAccountName: stray|objectSid: S-1-5-21-1-2-3-1110
+dn: CN=Twin 1,DC=corp|sAMAccountName: one|objectSid: S-1-5-21-1-2-3-1111
+dn: CN=Twin 2,DC=corp|sAMAccountName: two|objectSid: S-1-5-21-1-2-3-1111
+dn: CN=Administrators,CN=Builtin,DC=corp|objectClass: group|sAMAccountName: Renamed|objectSid: S-1-5-32-544
+)");
 
 // What LsaLookupSids says of one SID, and what LookupAccountSidW says; they must agree.
 struct NAME {
     std::u16string domain, account;
     SID_NAME_USE use = SidTypeUnknown;
+    bool operator==(const NAME&) const = default;
 };
 
 class DomainAccounts : public testing::Test {
@@ -112,13 +68,10 @@ private:
         WCHAR account[64] = u"", domain[64] = u"";
         DWORD accountUnits = 64, domainUnits = 64;
         SID_NAME_USE use = SidTypeUnknown;
-        SetLastError(ERROR_SUCCESS);
-        const BOOL found = LookupAccountSidW(nullptr, sid, account, &accountUnits, domain, &domainUnits, &use);
-        EXPECT_EQ(name.use != SidTypeUnknown, found != FALSE);
-        EXPECT_EQ(found ? DWORD{ERROR_SUCCESS} : DWORD{ERROR_NONE_MAPPED}, GetLastError());
-        EXPECT_EQ(name.use, use);
-        EXPECT_EQ(name.account, account);
-        EXPECT_EQ(name.domain, domain);
+        const DWORD error =
+            ErrorOf(LookupAccountSidW(nullptr, sid, account, &accountUnits, domain, &domainUnits, &use));
+        EXPECT_EQ(name.use != SidTypeUnknown ? DWORD{ERROR_SUCCESS} : DWORD{ERROR_NONE_MAPPED}, error);
+        EXPECT_EQ(name, (NAME{domain, account, use}));
     }
 
     LSA_OBJECT_ATTRIBUTES attributes{};
@@ -132,30 +85,20 @@ SID_VALUE Corp(DWORD relative) { return {NtAuthority, {21, 1, 2, 3, relative}}; 
 
 TEST_F(DomainAccounts, AreNamedByTheDirectoryThatHoldsThem) {
     root.Write("directory.ldif", TwoDomains);
-    const struct CASE {
-        const char* name;
-        SID_VALUE sid;
-        NAME wanted;
-    } cases[] = {
-        {"user", Corp(1104), {u"CORP", u"ann", SidTypeUser}},
-        {"computer below", {NtAuthority, {21, 4, 5, 6, 1105}}, {u"EU", u"WS1$", SidTypeUser}},
-        {"group", Corp(1106), {u"CORP", u"größe", SidTypeGroup}},
-        {"domain local group", Corp(1107), {u"CORP", u"local", SidTypeAlias}},
-        {"no class", Corp(1108), {u"CORP", u"bare", SidTypeUser}},
-        {"the domain itself", {NtAuthority, {21, 1, 2, 3}}, {u"CORP", u"", SidTypeDomain}},
-        {"no name", Corp(1109), {}},
-        {"in no domain", Corp(1110), {}},
-        {"twice there", Corp(1111), {}},
-        {"unknown", Corp(9999), {}},
-        {"the well-known name stays", {NtAuthority, {32, 544}}, {u"BUILTIN", u"Administrators", SidTypeAlias}},
+    const std::pair<SID_VALUE, NAME> cases[] = {
+        {Corp(1104), {u"CORP", u"ann", SidTypeUser}},
+        {{NtAuthority, {21, 4, 5, 6, 1105}}, {u"EU", u"WS1$", SidTypeUser}},
+        {Corp(1106), {u"CORP", u"größe", SidTypeGroup}},
+        {Corp(1107), {u"CORP", u"local", SidTypeAlias}},
+        {Corp(1108), {u"CORP", u"bare", SidTypeUser}},
+        {{NtAuthority, {21, 1, 2, 3}}, {u"CORP", u"", SidTypeDomain}},
+        {Corp(1109), {}},  // no name
+        {Corp(1110), {}},  // in no domain
+        {Corp(1111), {}},  // twice there
+        {Corp(9999), {}},
+        {{NtAuthority, {32, 544}}, {u"BUILTIN", u"Administrators", SidTypeAlias}},  // the well-known name stays
     };
-    for (const CASE& c : cases) {
-        SCOPED_TRACE(c.name);
-        const NAME got = Lookup(c.sid);
-        EXPECT_EQ(c.wanted.use, got.use);
-        EXPECT_EQ(c.wanted.domain, got.domain);
-        EXPECT_EQ(c.wanted.account, got.account);
-    }
+    for (const auto& [sid, wanted] : cases) EXPECT_EQ(wanted, Lookup(sid));
 }
 
 TEST_F(DomainAccounts, OfThisMachineAreNotLookedForInTheDirectory) {
@@ -163,15 +106,15 @@ TEST_F(DomainAccounts, OfThisMachineAreNotLookedForInTheDirectory) {
     subs.push_back(500);  // below the first that is mapped
     std::string sid = "S-1-5";
     for (const DWORD sub : subs) sid += "-" + std::to_string(sub);
-    root.Write("directory.ldif", std::string(TwoDomains) +
-                                     "\ndn: CN=Impostor,DC=corp\nsAMAccountName: impostor\nobjectSid: " + sid + "\n");
-    EXPECT_EQ(SidTypeUnknown, Lookup({NtAuthority, subs}).use);
+    root.Write("directory.ldif",
+               TwoDomains + Entries("dn: CN=Impostor,DC=corp|sAMAccountName: impostor|objectSid: " + sid));
+    EXPECT_EQ(NAME{}, Lookup({NtAuthority, subs}));
 }
 
 TEST_F(DomainAccounts, StayUnknownWithoutADirectoryAndWithOneThatCannotBeRead) {
-    EXPECT_EQ(SidTypeUnknown, Lookup(Corp(1104)).use);
+    EXPECT_EQ(NAME{}, Lookup(Corp(1104)));
     root.Write("directory.ldif", "broken");
-    EXPECT_EQ(SidTypeUnknown, Lookup(Corp(1104)).use);
+    EXPECT_EQ(NAME{}, Lookup(Corp(1104)));
 }
 
 }  // namespace

@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/last_error.h"
+
 namespace {
 
 // A SID's bytes; more sub-authorities than AllocateAndInitializeSid takes are possible.
@@ -33,6 +35,7 @@ struct NAME {
     DWORD error = 0;
     std::u16string domain, account;
     SID_NAME_USE use{};
+    bool operator==(const NAME&) const = default;
 };
 
 // Both calls of the usual pattern.
@@ -46,9 +49,8 @@ NAME Lookup(PSID sid, LPCWSTR system = nullptr) {
     DWORD tooFew = accountUnits - 1;
     EXPECT_FALSE(LookupAccountSidW(system, sid, account.data(), &tooFew, domain.data(), &domainUnits, &name.use));
     EXPECT_EQ(accountUnits, tooFew) << "the size needed";
-    name.error = LookupAccountSidW(system, sid, account.data(), &accountUnits, domain.data(), &domainUnits, &name.use)
-                     ? ERROR_SUCCESS
-                     : GetLastError();
+    name.error =
+        ErrorOf(LookupAccountSidW(system, sid, account.data(), &accountUnits, domain.data(), &domainUnits, &name.use));
     EXPECT_EQ(0, account[accountUnits]);
     name.account = account.substr(0, accountUnits);
     name.domain = domain.substr(0, domainUnits);
@@ -67,8 +69,7 @@ std::vector<BYTE> OwnSid() {
     HANDLE token = nullptr;
     DWORD bytes = 0;
     EXPECT_TRUE(OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token));
-    EXPECT_FALSE(GetTokenInformation(token, TokenUser, nullptr, 0, &bytes));
-    EXPECT_EQ(DWORD{ERROR_INSUFFICIENT_BUFFER}, GetLastError());
+    EXPECT_EQ(DWORD{ERROR_INSUFFICIENT_BUFFER}, ErrorOf(GetTokenInformation(token, TokenUser, nullptr, 0, &bytes)));
     std::vector<uint64_t> buffer(bytes / 8 + 1);
     EXPECT_FALSE(GetTokenInformation(token, TokenUser, buffer.data(), bytes - 1, &bytes));
     EXPECT_TRUE(GetTokenInformation(token, TokenUser, buffer.data(), bytes, &bytes));
@@ -85,16 +86,14 @@ TEST(Sids, AreBuiltCopiedAndWrittenAsText) {
     EXPECT_EQ(u"S-1-5-21-1-2-4294967295-5-6-7-8", Text(sid));
     EXPECT_EQ(40u, GetLengthSid(sid));
     BYTE copy[40];
-    EXPECT_FALSE(CopySid(39, copy, sid));
-    EXPECT_EQ(DWORD{ERROR_INSUFFICIENT_BUFFER}, GetLastError());
+    EXPECT_EQ(DWORD{ERROR_INSUFFICIENT_BUFFER}, ErrorOf(CopySid(39, copy, sid)));
     EXPECT_TRUE(CopySid(40, copy, sid));
     EXPECT_EQ(Text(sid), Text(copy));
     EXPECT_EQ(nullptr, FreeSid(sid));
     ASSERT_TRUE(AllocateAndInitializeSid(&authority, 0, 0, 0, 0, 0, 0, 0, 0, 0, &sid));
     EXPECT_EQ(u"S-1-5", Text(sid));
     FreeSid(sid);
-    EXPECT_FALSE(AllocateAndInitializeSid(&authority, 9, 0, 0, 0, 0, 0, 0, 0, 0, &sid));
-    EXPECT_EQ(DWORD{ERROR_INVALID_SID}, GetLastError());
+    EXPECT_EQ(DWORD{ERROR_INVALID_SID}, ErrorOf(AllocateAndInitializeSid(&authority, 9, 0, 0, 0, 0, 0, 0, 0, 0, &sid)));
     EXPECT_EQ(u"S-1-0x0123456789AB-1", Text(Sid(0x0123456789AB, {1}).data()));
     EXPECT_EQ(u"S-1-4294967295", Text(Sid(0xFFFFFFFF, {}).data()));
 }
@@ -111,23 +110,13 @@ TEST(Sids, MalformedOnesAreRefusedEverywhere) {
 }
 
 TEST(Accounts, WellKnownSidsHaveTheirEnglishNames) {
-    const struct CASE {
-        std::vector<BYTE> sid;
-        std::u16string domain, account;
-        SID_NAME_USE use;
-    } cases[] = {{Sid(5, {7}), u"NT AUTHORITY", u"ANONYMOUS LOGON", SidTypeWellKnownGroup},
-                 {Sid(5, {18}), u"NT AUTHORITY", u"SYSTEM", SidTypeWellKnownGroup},
-                 {Sid(1, {0}), u"", u"Everyone", SidTypeWellKnownGroup},
-                 {Sid(5, {32, 544}), u"BUILTIN", u"Administrators", SidTypeAlias},
-                 {Sid(5, {64, 10}), u"NT AUTHORITY", u"NTLM Authentication", SidTypeWellKnownGroup},
-                 {Sid(5, {32}), u"BUILTIN", u"BUILTIN", SidTypeDomain}};
-    for (CASE c : cases) {
-        const NAME name = Lookup(c.sid.data());
-        EXPECT_EQ(DWORD{ERROR_SUCCESS}, name.error);
-        EXPECT_EQ(c.domain, name.domain);
-        EXPECT_EQ(c.account, name.account);
-        EXPECT_EQ(c.use, name.use);
-    }
+    const std::pair<std::vector<BYTE>, NAME> cases[] = {
+        {Sid(5, {7}), {0, u"NT AUTHORITY", u"ANONYMOUS LOGON", SidTypeWellKnownGroup}},
+        {Sid(1, {0}), {0, u"", u"Everyone", SidTypeWellKnownGroup}},
+        {Sid(5, {32, 544}), {0, u"BUILTIN", u"Administrators", SidTypeAlias}},
+        {Sid(5, {64, 10}), {0, u"NT AUTHORITY", u"NTLM Authentication", SidTypeWellKnownGroup}},
+        {Sid(5, {32}), {0, u"BUILTIN", u"BUILTIN", SidTypeDomain}}};
+    for (auto [sid, name] : cases) EXPECT_EQ(name, Lookup(sid.data()));
 }
 
 TEST(Accounts, TheProcessRunsAsItsUserOfThisMachine) {
@@ -177,19 +166,15 @@ TEST_F(POLICY, NamesSeveralSidsAndTheirDomainsAtOnce) {
     EXPECT_EQ(0x107, status);
     EXPECT_EQ(1301u, LsaNtStatusToWinError(status));
     ASSERT_EQ(2u, domains->Entries);
-    const struct CASE {
-        std::u16string domain, account;
-        SID_NAME_USE use;
-    } cases[] = {{u"NT AUTHORITY", u"ANONYMOUS LOGON", SidTypeWellKnownGroup},
-                 {u"", u"", SidTypeUnknown},
-                 {u"NT AUTHORITY", u"SYSTEM", SidTypeWellKnownGroup},
-                 {u"BUILTIN", u"Users", SidTypeAlias}};
+    const NAME cases[] = {{0, u"NT AUTHORITY", u"ANONYMOUS LOGON", SidTypeWellKnownGroup},
+                          {0, u"", u"", SidTypeUnknown},
+                          {0, u"NT AUTHORITY", u"SYSTEM", SidTypeWellKnownGroup},
+                          {0, u"BUILTIN", u"Users", SidTypeAlias}};
     for (int i = 0; i < 4; ++i) {
-        EXPECT_EQ(cases[i].account, View(names[i].Name));
-        EXPECT_EQ(cases[i].use, names[i].Use);
-        EXPECT_EQ(cases[i].use != SidTypeUnknown, names[i].DomainIndex >= 0);
-        if (names[i].DomainIndex < 0) continue;
-        EXPECT_EQ(cases[i].domain, View(domains->Domains[names[i].DomainIndex].Name));
+        const LONG domain = names[i].DomainIndex;
+        EXPECT_EQ(cases[i].use != SidTypeUnknown, domain >= 0);
+        EXPECT_EQ(cases[i],
+                  (NAME{0, domain < 0 ? u"" : View(domains->Domains[domain].Name), View(names[i].Name), names[i].Use}));
     }
     EXPECT_EQ(u"S-1-5-32", Text(domains->Domains[1].Sid));
     EXPECT_EQ(0, LsaFreeMemory(domains));
@@ -206,19 +191,17 @@ TEST_F(POLICY, RefusesWithTheStatusThatBecomesTheRightError) {
     WCHAR elsewhere[] = u"elsewhere";
     LSA_UNICODE_STRING system{18, 18, elsewhere};
     ASSERT_EQ(0, LsaOpenPolicy(nullptr, &attributes, 0, &mute));
-    const struct CASE {
-        NTSTATUS status;
-        ULONG error;
-    } cases[] = {{LsaLookupSids(policy, 0, &good, &domains, &names), ERROR_INVALID_PARAMETER},
-                 {LsaLookupSids(policy, 1, &bad, &domains, &names), ERROR_INVALID_PARAMETER},
-                 {LsaLookupSids(nullptr, 1, &good, &domains, &names), ERROR_INVALID_HANDLE},
-                 {LsaLookupSids(mute, 1, &good, &domains, &names), ERROR_ACCESS_DENIED},
-                 {LsaOpenPolicy(&system, &attributes, POLICY_LOOKUP_NAMES, &remote), 1722},
-                 {LsaClose(GetCurrentProcess()), ERROR_INVALID_HANDLE},
-                 {static_cast<NTSTATUS>(0xC0001234u), ERROR_MR_MID_NOT_FOUND}};
-    for (const CASE& c : cases) {
-        EXPECT_LT(c.status, 0);
-        EXPECT_EQ(c.error, LsaNtStatusToWinError(c.status));
+    const std::pair<NTSTATUS, ULONG> cases[] = {
+        {LsaLookupSids(policy, 0, &good, &domains, &names), ERROR_INVALID_PARAMETER},
+        {LsaLookupSids(policy, 1, &bad, &domains, &names), ERROR_INVALID_PARAMETER},
+        {LsaLookupSids(nullptr, 1, &good, &domains, &names), ERROR_INVALID_HANDLE},
+        {LsaLookupSids(mute, 1, &good, &domains, &names), ERROR_ACCESS_DENIED},
+        {LsaOpenPolicy(&system, &attributes, POLICY_LOOKUP_NAMES, &remote), 1722},
+        {LsaClose(GetCurrentProcess()), ERROR_INVALID_HANDLE},
+        {static_cast<NTSTATUS>(0xC0001234u), ERROR_MR_MID_NOT_FOUND}};
+    for (const auto& [status, error] : cases) {
+        EXPECT_LT(status, 0);
+        EXPECT_EQ(error, LsaNtStatusToWinError(status));
     }
     EXPECT_EQ(nullptr, names);
     EXPECT_EQ(0, LsaClose(mute));

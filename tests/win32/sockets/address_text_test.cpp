@@ -4,16 +4,12 @@
 
 #include <cstring>
 #include <string>
+#include <tuple>
 
 namespace {
 
 using TEXT_UNITS = std::u16string;
-
-struct PARSED {
-    int result;
-    int error;
-    std::string address;  // "bytes in hex/port/scope"
-};
+using namespace std::string_literals;
 
 std::string Hex(const void* bytes, size_t count) {
     std::string text;
@@ -25,93 +21,52 @@ std::string Hex(const void* bytes, size_t count) {
     return text;
 }
 
-PARSED Parse(TEXT_UNITS text, int family) {
+// "bytes in hex/port/scope", or the error.
+std::string Parse(TEXT_UNITS text, int family) {
     sockaddr_storage storage{};
     int length = sizeof(storage);
     SetLastError(0);
-    PARSED parsed{};
-    parsed.result = WSAStringToAddressW(text.data(), family, nullptr, reinterpret_cast<sockaddr*>(&storage), &length);
-    parsed.error = WSAGetLastError();
-    if (parsed.result != 0) return parsed;
+    if (WSAStringToAddressW(text.data(), family, nullptr, reinterpret_cast<sockaddr*>(&storage), &length) != 0)
+        return std::to_string(WSAGetLastError());
     EXPECT_EQ(family, storage.ss_family);
-    if (family == AF_INET) {
-        const auto& ipv4 = reinterpret_cast<sockaddr_in&>(storage);
-        EXPECT_EQ(sizeof(ipv4), static_cast<size_t>(length));
-        parsed.address = Hex(&ipv4.sin_addr, 4) + "/" + std::to_string(ntohs(ipv4.sin_port));
-    } else {
-        const auto& ipv6 = reinterpret_cast<sockaddr_in6&>(storage);
-        EXPECT_EQ(sizeof(ipv6), static_cast<size_t>(length));
-        parsed.address = Hex(&ipv6.sin6_addr, 16) + "/" + std::to_string(ntohs(ipv6.sin6_port)) + "/" +
-                         std::to_string(ipv6.sin6_scope_id);
-    }
-    return parsed;
+    EXPECT_EQ(family == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6), static_cast<size_t>(length));
+    const auto& ipv4 = reinterpret_cast<sockaddr_in&>(storage);
+    const auto& ipv6 = reinterpret_cast<sockaddr_in6&>(storage);
+    const std::string port = "/" + std::to_string(ntohs(ipv4.sin_port));
+    if (family == AF_INET) return Hex(&ipv4.sin_addr, 4) + port;
+    return Hex(&ipv6.sin6_addr, 16) + port + "/" + std::to_string(ipv6.sin6_scope_id);
 }
 
 TEST(AddressFromText, TakesTheFormsThatWindowsTakesAndNoOthers) {
-    const std::string loopback = "00000000000000000000000000000001";
-    struct CASE {
-        const char16_t* text;
-        int family;
-        std::string address;  // empty: 10022
+    const std::string wrong = std::to_string(WSAEINVAL);
+    const std::pair<const char16_t*, const char*> good[] = {
+        {u"10.0.0.5", "0a000005/0"},
+        {u"255.255.255.255:65535", "ffffffff/65535"},
+        {u"10.1", "0a000001/0"},
+        {u"10.1.258", "0a010102/0"},
+        {u"0x7f.010.1.0xA", "7f08010a/0"},
+        {u"4294967295", "ffffffff/0"},
+        {u"1.2.3.4:0x10", "01020304/16"},
+        {u"::1", "00000000000000000000000000000001/0/0"},
+        {u"[::1]", "00000000000000000000000000000001/0/0"},
+        {u"[FE80::1%4294967295]:1306", "fe800000000000000000000000000001/1306/4294967295"},
+        {u"::ffff:10.0.0.5", "00000000000000000000ffff0a000005/0/0"},
     };
-    const CASE cases[] = {
-        {u"10.0.0.5", AF_INET, "0a000005/0"},
-        {u"255.255.255.255:65535", AF_INET, "ffffffff/65535"},
-        {u"10.1", AF_INET, "0a000001/0"},
-        {u"10.1.258", AF_INET, "0a010102/0"},
-        {u"0x7f.010.1.0xA", AF_INET, "7f08010a/0"},
-        {u"4294967295", AF_INET, "ffffffff/0"},
-        {u"1.2.3.4:0x10", AF_INET, "01020304/16"},
-        {u"", AF_INET, ""},
-        {u"-", AF_INET, ""},
-        {u"1.2.3.256", AF_INET, ""},
-        {u"256.1", AF_INET, ""},
-        {u"1.16777216", AF_INET, ""},
-        {u"4294967296", AF_INET, ""},
-        {u"1.2.3.", AF_INET, ""},
-        {u".1.2.3", AF_INET, ""},
-        {u"1.2.3.4.5", AF_INET, ""},
-        {u"1.2.3.08", AF_INET, ""},
-        {u"0x.1", AF_INET, ""},
-        {u"1.2.3.4:", AF_INET, ""},
-        {u"1.2.3.4:0", AF_INET, ""},
-        {u"1.2.3.4:65536", AF_INET, ""},
-        {u" 1.2.3.4", AF_INET, ""},
-        {u"1.2.3.4 ", AF_INET, ""},
-        {u"1.2.3.\u0664", AF_INET, ""},
-        {u"::1", AF_INET, ""},
-        {u"::1", AF_INET6, loopback + "/0/0"},
-        {u"[::1]", AF_INET6, loopback + "/0/0"},
-        {u"[::1]:1306", AF_INET6, loopback + "/1306/0"},
-        {u"fe80::1%12", AF_INET6, "fe800000000000000000000000000001/0/12"},
-        {u"[FE80::1%4294967295]:7", AF_INET6, "fe800000000000000000000000000001/7/4294967295"},
-        {u"::ffff:10.0.0.5", AF_INET6, "00000000000000000000ffff0a000005/0/0"},
-        {u"::1:", AF_INET6, ""},
-        {u"[::1", AF_INET6, ""},
-        {u"::1]", AF_INET6, ""},
-        {u"[::1]:", AF_INET6, ""},
-        {u"[::1]:0", AF_INET6, ""},
-        {u"[::1]x", AF_INET6, ""},
-        {u"fe80::1%", AF_INET6, ""},
-        {u"fe80::1%eth0", AF_INET6, ""},
-        {u"fe80::1%4294967296", AF_INET6, ""},
-        {u"1::2::3", AF_INET6, ""},
-        {u"12345::", AF_INET6, ""},
-        {u"10.0.0.5", AF_INET6, ""},
-        {u"", AF_INET6, ""},
-        {u"10.0.0.5", AF_UNIX, ""},
-    };
-    for (const CASE& c : cases) {
-        SCOPED_TRACE(testing::PrintToString(TEXT_UNITS(c.text)) + " family " + std::to_string(c.family));
-        const PARSED parsed = Parse(c.text, c.family);
-        EXPECT_EQ(c.address, parsed.address);
-        EXPECT_EQ(c.address.empty() ? SOCKET_ERROR : 0, parsed.result);
-        if (c.address.empty()) {
-            EXPECT_EQ(WSAEINVAL, parsed.error);
-        }
+    for (const auto& [text, address] : good) {
+        const bool ipv6 = TEXT_UNITS(text).find(u"::") != TEXT_UNITS::npos;
+        EXPECT_EQ(address, Parse(text, ipv6 ? AF_INET6 : AF_INET));
+        EXPECT_EQ(wrong, Parse(text, ipv6 ? AF_INET : AF_INET6)) << address;
+        EXPECT_EQ(wrong, Parse(text, AF_UNIX)) << address;
     }
-    EXPECT_EQ(WSAEINVAL, Parse(TEXT_UNITS(70'000, u'1'), AF_INET).error);
-    EXPECT_EQ(WSAEINVAL, Parse(TEXT_UNITS(70'000, u':'), AF_INET6).error);
+    for (const TEXT_UNITS& text :
+         {u""s, u"-"s, u"1.2.3.256"s, u"256.1"s, u"1.16777216"s, u"4294967296"s, u"1.2.3."s, u".1.2.3"s, u"1.2.3.4.5"s,
+          u"1.2.3.08"s, u"0x.1"s, u"1.2.3.4:"s, u"1.2.3.4:0"s, u"1.2.3.4:65536"s, u" 1.2.3.4"s, u"1.2.3.4 "s,
+          u"1.2.3.\u0664"s, TEXT_UNITS(70'000, u'1')})
+        EXPECT_EQ(wrong, Parse(text, AF_INET)) << testing::PrintToString(text.substr(0, 20));
+    for (const TEXT_UNITS& text :
+         {u""s, u"::1:"s, u"[::1"s, u"::1]"s, u"[::1]:"s, u"[::1]:0"s, u"[::1]x"s, u"fe80::1%"s, u"fe80::1%eth0"s,
+          u"fe80::1%4294967296"s, u"1::2::3"s, u"12345::"s, TEXT_UNITS(70'000, u':')})
+        EXPECT_EQ(wrong, Parse(text, AF_INET6)) << testing::PrintToString(text.substr(0, 20));
 }
 
 TEST(AddressFromText, APlaceThatIsTooSmallIsToldTheSizeAndLeftAlone) {
@@ -128,31 +83,18 @@ TEST(AddressFromText, APlaceThatIsTooSmallIsToldTheSizeAndLeftAlone) {
     }
 }
 
-struct TEXT_RESULT {
-    int result;
-    TEXT_UNITS text;
-    DWORD units;
-};
-
-TEXT_RESULT Print(sockaddr* address, DWORD length, DWORD room = 1025) {
-    TEXT_UNITS text(1025, u'#');
-    DWORD units = room;
+int Print(sockaddr* address, DWORD length, TEXT_UNITS& text, DWORD& units) {
+    text.assign(1025, u'#');
     const int result = WSAAddressToStringW(address, length, nullptr, text.data(), &units);
-    return {result, result == 0 ? TEXT_UNITS(text.c_str()) : TEXT_UNITS(), units};
+    text = result == 0 ? TEXT_UNITS(text.c_str()) : TEXT_UNITS();
+    return result == 0 ? 0 : WSAGetLastError();
 }
 
 TEST(AddressToText, WritesWhatWindowsWrites) {
-    struct CASE {
-        const char* address;
-        uint16_t port;
-        uint32_t scope;
-        const char16_t* text;
-    };
-    const CASE cases[] = {
+    const std::tuple<const char*, uint16_t, uint32_t, const char16_t*> cases[] = {
         {"10.0.0.5", 0, 0, u"10.0.0.5"},
         {"255.255.255.255", 65535, 0, u"255.255.255.255:65535"},
         {"::", 0, 0, u"::"},
-        {"::1", 0, 0, u"::1"},
         {"::1", 1306, 0, u"[::1]:1306"},
         {"FE80::ABCD", 0, 3, u"fe80::abcd%3"},
         {"fe80::1", 7, 4294967295, u"[fe80::1%4294967295]:7"},
@@ -166,37 +108,28 @@ TEST(AddressToText, WritesWhatWindowsWrites) {
         {"fe80::5efe:10.0.0.5", 0, 0, u"fe80::5efe:10.0.0.5"},
         {"::ffff:0:5", 0, 0, u"::ffff:0:5"},
     };
-    for (const CASE& c : cases) {
-        SCOPED_TRACE(c.address);
-        sockaddr_in ipv4{};
-        sockaddr_in6 ipv6{};
-        sockaddr* address = reinterpret_cast<sockaddr*>(&ipv4);
-        DWORD length = sizeof(ipv4);
-        if (inet_pton(AF_INET, c.address, &ipv4.sin_addr) == 1) {
-            ipv4.sin_family = AF_INET;
-            ipv4.sin_port = htons(c.port);
-        } else {
-            ASSERT_EQ(1, inet_pton(AF_INET6, c.address, &ipv6.sin6_addr));
-            ipv6.sin6_family = AF_INET6;
-            ipv6.sin6_port = htons(c.port);
-            ipv6.sin6_scope_id = c.scope;
-            address = reinterpret_cast<sockaddr*>(&ipv6);
-            length = sizeof(ipv6);
+    TEXT_UNITS text;
+    DWORD units = 1025;
+    for (const auto& [input, port, scope, wanted] : cases) {
+        SCOPED_TRACE(input);
+        sockaddr_in6 ipv6{AF_INET6, htons(port), 0, {}, scope};
+        sockaddr_in ipv4{AF_INET, htons(port), {}, {}};
+        const bool old = inet_pton(AF_INET, input, &ipv4.sin_addr) == 1;
+        ASSERT_TRUE(old || inet_pton(AF_INET6, input, &ipv6.sin6_addr) == 1);
+        auto* const address = old ? reinterpret_cast<sockaddr*>(&ipv4) : reinterpret_cast<sockaddr*>(&ipv6);
+        const DWORD length = old ? sizeof(ipv4) : sizeof(ipv6),
+                    needed = static_cast<DWORD>(TEXT_UNITS(wanted).size() + 1);
+        for (const DWORD room : {1025u, needed, needed - 1, 0u}) {
+            units = room;
+            EXPECT_EQ(room < needed ? WSAEFAULT : 0, Print(address, length, text, units)) << room;
+            EXPECT_EQ(room < needed ? u"" : wanted, text) << room;
+            EXPECT_EQ(needed, units) << room;
         }
-        const TEXT_RESULT printed = Print(address, length);
-        EXPECT_EQ(TEXT_UNITS(c.text), printed.text);
-        EXPECT_EQ(TEXT_UNITS(c.text).size() + 1, printed.units);
-        EXPECT_EQ(SOCKET_ERROR, Print(address, length, printed.units - 1).result);
-        EXPECT_EQ(WSAEFAULT, WSAGetLastError());
-        EXPECT_EQ(printed.units, Print(address, length, 0).units);
-        EXPECT_EQ(printed.text, Print(address, length, printed.units).text);
-        EXPECT_EQ(SOCKET_ERROR, Print(address, length - 1).result);
-        EXPECT_EQ(WSAEFAULT, WSAGetLastError());
+        EXPECT_EQ(WSAEFAULT, Print(address, length - 1, text, units = 1025));
     }
     sockaddr_storage other{};
     other.ss_family = AF_UNIX;
-    EXPECT_EQ(SOCKET_ERROR, Print(reinterpret_cast<sockaddr*>(&other), sizeof(other)).result);
-    EXPECT_EQ(WSAEINVAL, WSAGetLastError());
+    EXPECT_EQ(WSAEINVAL, Print(reinterpret_cast<sockaddr*>(&other), sizeof(other), text, units));
 }
 
 }  // namespace

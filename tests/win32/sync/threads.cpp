@@ -8,18 +8,17 @@
 #include <atomic>
 #include <vector>
 
+#include "tests/support/last_error.h"
+#include "tests/support/owned_handle.h"
+
 namespace {
 
 constexpr DWORD SoonEnough = 20000;
 
 struct GATE {
-    HANDLE open = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-    HANDLE passed = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    const OWNED_HANDLE open{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
+    const OWNED_HANDLE passed{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
     DWORD thread = 0;
-    ~GATE() {
-        CloseHandle(open);
-        CloseHandle(passed);
-    }
 };
 
 DWORD WINAPI PassGate(LPVOID argument) {
@@ -30,9 +29,11 @@ DWORD WINAPI PassGate(LPVOID argument) {
     return 7;
 }
 
-DWORD ExitCode(HANDLE thread) {
+// Waits for the thread's end and closes its handle.
+DWORD EndOf(HANDLE thread) {
     DWORD code = 0;
-    EXPECT_TRUE(GetExitCodeThread(thread, &code));
+    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(thread, SoonEnough));
+    EXPECT_TRUE(GetExitCodeThread(thread, &code) && CloseHandle(thread));
     return code;
 }
 
@@ -52,30 +53,25 @@ DWORD WINAPI LeaveSomethingBehind(LPVOID key) {
 TEST(Threads, AreGoneWithAllThatLibrariesKeepForThemWhenTheyAreSignalled) {
     pthread_key_t key;
     ASSERT_EQ(0, pthread_key_create(&key, CleanUp));
-    const HANDLE thread = CreateThread(nullptr, 0, LeaveSomethingBehind, &key, 0, nullptr);
-    ASSERT_EQ(WAIT_OBJECT_0, WaitForSingleObject(thread, SoonEnough));
+    EXPECT_EQ(0u, EndOf(CreateThread(nullptr, 0, LeaveSomethingBehind, &key, 0, nullptr)));
     EXPECT_EQ(2, cleanedUp);
-    EXPECT_EQ(0u, ExitCode(thread));
-    EXPECT_TRUE(CloseHandle(thread));
     pthread_key_delete(key);
 }
 
 TEST(Threads, AreSignalledAtTheirEndAndKeepTheirExitCode) {
     GATE gate;
-    DWORD id = 0;
+    DWORD id = 0, code = 0;
     const HANDLE thread = CreateThread(nullptr, 64 << 20, PassGate, &gate, 0, &id);
     ASSERT_NE(nullptr, thread);
     EXPECT_EQ(DWORD{WAIT_TIMEOUT}, WaitForSingleObject(thread, 0));
-    EXPECT_EQ(DWORD{STILL_ACTIVE}, ExitCode(thread));
+    EXPECT_TRUE(GetExitCodeThread(thread, &code));
+    EXPECT_EQ(DWORD{STILL_ACTIVE}, code);
     SetEvent(gate.open);
     EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(thread, SoonEnough));
-    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(thread, 0));
-    EXPECT_EQ(7u, ExitCode(thread));
     EXPECT_EQ(gate.thread, id);
     EXPECT_NE(GetCurrentThreadId(), id);
     EXPECT_TRUE(TerminateThread(thread, 9));
-    EXPECT_EQ(7u, ExitCode(thread)) << "it had ended by itself";
-    CloseHandle(thread);
+    EXPECT_EQ(7u, EndOf(thread)) << "it had ended by itself";
 }
 
 TEST(Threads, ATerminatedOneIsSignalledAtOnceKeepsThatCodeAndIsNotInterrupted) {
@@ -85,50 +81,40 @@ TEST(Threads, ATerminatedOneIsSignalledAtOnceKeepsThatCodeAndIsNotInterrupted) {
     EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(thread, 0));
     SetEvent(gate.open);
     EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(gate.passed, SoonEnough));
-    EXPECT_EQ(0xFFFFFFFFu, ExitCode(thread));
-    CloseHandle(thread);
+    EXPECT_EQ(0xFFFFFFFFu, EndOf(thread));
 }
 
 TEST(Threads, TheRuntimesStartGivesAHandleOrZero) {
     unsigned id = 0;
     const auto routine = [](void* argument) -> unsigned { return *static_cast<unsigned*>(argument) + 1; };
     unsigned input = 41;
-    const HANDLE thread = reinterpret_cast<HANDLE>(_beginthreadex(nullptr, 0, routine, &input, 0, &id));
-    ASSERT_EQ(WAIT_OBJECT_0, WaitForSingleObject(thread, SoonEnough));
-    EXPECT_EQ(42u, ExitCode(thread));
+    EXPECT_EQ(42u, EndOf(reinterpret_cast<HANDLE>(_beginthreadex(nullptr, 0, routine, &input, 0, &id))));
     EXPECT_NE(0u, id);
-    CloseHandle(thread);
     EXPECT_EQ(0u, _beginthreadex(nullptr, 0, nullptr, nullptr, 0, nullptr));
-    EXPECT_EQ(nullptr, CreateThread(nullptr, 0, PassGate, nullptr, 4 /* suspended */, nullptr));
-    EXPECT_EQ(DWORD{ERROR_NOT_SUPPORTED}, GetLastError());
+    EXPECT_EQ(DWORD{ERROR_NOT_SUPPORTED},
+              ErrorOf(CreateThread(nullptr, 0, PassGate, nullptr, 4 /* suspended */, nullptr)));
 }
 
-struct COUNTER {
-    CRITICAL_SECTION lock;
-    int count = 0;
-};
-
 TEST(CriticalSections, LetOneThreadInAndThatOneAgain) {
-    COUNTER counter;
-    InitializeCriticalSection(&counter.lock);
-    const auto routine = [](void* argument) -> DWORD {
-        COUNTER& shared = *static_cast<COUNTER*>(argument);
+    static CRITICAL_SECTION lock;
+    static int count = 0;
+    InitializeCriticalSection(&lock);
+    const auto routine = [](void*) -> DWORD {
         for (int i = 0; i < 2000; ++i) {
-            EnterCriticalSection(&shared.lock);
-            EnterCriticalSection(&shared.lock);
-            ++shared.count;
-            LeaveCriticalSection(&shared.lock);
-            ++shared.count;
-            LeaveCriticalSection(&shared.lock);
+            EnterCriticalSection(&lock);
+            EnterCriticalSection(&lock);
+            ++count;
+            LeaveCriticalSection(&lock);
+            ++count;
+            LeaveCriticalSection(&lock);
         }
         return 0;
     };
     std::vector<HANDLE> threads;
-    for (int i = 0; i < 4; ++i) threads.push_back(CreateThread(nullptr, 0, routine, &counter, 0, nullptr));
-    EXPECT_EQ(WAIT_OBJECT_0, WaitForMultipleObjects(4, threads.data(), TRUE, SoonEnough));
-    for (const HANDLE thread : threads) CloseHandle(thread);
-    EXPECT_EQ(16000, counter.count);
-    DeleteCriticalSection(&counter.lock);
+    for (int i = 0; i < 4; ++i) threads.push_back(CreateThread(nullptr, 0, routine, nullptr, 0, nullptr));
+    for (const HANDLE thread : threads) EXPECT_EQ(0u, EndOf(thread));
+    EXPECT_EQ(16000, count);
+    DeleteCriticalSection(&lock);
 }
 
 TEST(ThreadLocalSlots, HoldOneValueForEachThreadAndStartEmptyWhenUsedAgain) {
@@ -136,10 +122,7 @@ TEST(ThreadLocalSlots, HoldOneValueForEachThreadAndStartEmptyWhenUsedAgain) {
     ASSERT_NE(TLS_OUT_OF_INDEXES, slot);
     EXPECT_TRUE(TlsSetValue(slot, &slot));
     const auto routine = [](void* argument) -> DWORD { return TlsGetValue(*static_cast<DWORD*>(argument)) == nullptr; };
-    const HANDLE thread = CreateThread(nullptr, 0, routine, &slot, 0, nullptr);
-    ASSERT_EQ(WAIT_OBJECT_0, WaitForSingleObject(thread, SoonEnough));
-    EXPECT_EQ(1u, ExitCode(thread));
-    CloseHandle(thread);
+    EXPECT_EQ(1u, EndOf(CreateThread(nullptr, 0, routine, &slot, 0, nullptr)));
     EXPECT_EQ(&slot, TlsGetValue(slot));
     EXPECT_TRUE(TlsFree(slot));
     slot = TlsAlloc();
@@ -147,8 +130,7 @@ TEST(ThreadLocalSlots, HoldOneValueForEachThreadAndStartEmptyWhenUsedAgain) {
     EXPECT_EQ(nullptr, TlsGetValue(slot));
     EXPECT_EQ(DWORD{ERROR_SUCCESS}, GetLastError());
     EXPECT_TRUE(TlsFree(slot));
-    EXPECT_FALSE(TlsFree(TLS_OUT_OF_INDEXES));
-    EXPECT_EQ(DWORD{ERROR_INVALID_PARAMETER}, GetLastError());
+    EXPECT_EQ(DWORD{ERROR_INVALID_PARAMETER}, ErrorOf(TlsFree(TLS_OUT_OF_INDEXES)));
 }
 
 }  // namespace

@@ -12,20 +12,13 @@
 #include <thread>
 #include <vector>
 
+#include "tests/support/last_error.h"
+#include "tests/support/owned_handle.h"
 #include "win32/sync/kernel_object.h"
 
 namespace {
 
 constexpr DWORD SoonEnough = 20000;  // ms that nothing here ever needs
-
-struct CLOSER {
-    HANDLE handle;
-    CLOSER(HANDLE owned) : handle(owned) {}
-    CLOSER(const CLOSER&) = delete;
-    CLOSER& operator=(const CLOSER&) = delete;
-    ~CLOSER() { CloseHandle(handle); }
-    operator HANDLE() const { return handle; }
-};
 
 HANDLE AutoEvent(bool set = false) { return CreateEventW(nullptr, FALSE, set, nullptr); }
 HANDLE ManualEvent(bool set = false) { return CreateEventW(nullptr, TRUE, set, nullptr); }
@@ -44,27 +37,25 @@ TEST(Handles, AreNeverNullNorInvalidAndAClosedOneFailsEvenWhenItsPlaceIsTakenAga
         EXPECT_TRUE(seen.insert(event).second);
         EXPECT_TRUE(CloseHandle(event));
     }
-    const CLOSER newest(AutoEvent(true));
+    const HANDLE event = AutoEvent();
+    const auto object = win32::ObjectOf(event);
+    CloseHandle(event);
+    EXPECT_TRUE(win32::SignalEventObject(*object)) << "an object outlives its handle while somebody uses it";
+    EXPECT_EQ(nullptr, win32::ObjectOf(event));
+    seen.insert(event);
+    const OWNED_HANDLE newest(AutoEvent(true));
     for (const HANDLE stale : seen) {
         SetLastError(0);
-        EXPECT_FALSE(CloseHandle(stale));
-        EXPECT_EQ(DWORD{ERROR_INVALID_HANDLE}, GetLastError());
+        EXPECT_EQ(DWORD{ERROR_INVALID_HANDLE}, ErrorOf(CloseHandle(stale)));
+        EXPECT_EQ(nullptr, win32::ObjectOf(stale));
         EXPECT_FALSE(SetEvent(stale));
         EXPECT_EQ(WAIT_FAILED, WaitForSingleObject(stale, 0));
     }
     EXPECT_TRUE(IsSet(newest));
 }
 
-TEST(Handles, AnObjectOutlivesItsHandleWhileSomebodyUsesIt) {
-    const HANDLE event = AutoEvent();
-    const auto object = win32::ObjectOf(event);
-    CloseHandle(event);
-    EXPECT_TRUE(win32::SignalEventObject(*object));
-    EXPECT_EQ(nullptr, win32::ObjectOf(event));
-}
-
 TEST(Handles, ThreadsMayOpenSignalWaitAndCloseAtOnce) {
-    const CLOSER shared(ManualEvent(true));
+    const OWNED_HANDLE shared(ManualEvent(true));
     std::atomic<int> good{0};
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t)
@@ -80,22 +71,14 @@ TEST(Handles, ThreadsMayOpenSignalWaitAndCloseAtOnce) {
     EXPECT_EQ(2000, good);
 }
 
-TEST(Events, AManualOneStaysSetAndAnAutomaticOneIsTakenOnce) {
-    const CLOSER manual(ManualEvent(true)), automatic(AutoEvent(true));
-    EXPECT_TRUE(IsSet(manual) && IsSet(manual));
-    EXPECT_TRUE(IsSet(automatic));
-    EXPECT_FALSE(IsSet(automatic));
-    SetEvent(automatic);
-    SetEvent(automatic);  // signals do not add up
-    EXPECT_TRUE(IsSet(automatic));
-    EXPECT_FALSE(IsSet(automatic));
-    EXPECT_TRUE(ResetEvent(manual));
-    EXPECT_FALSE(IsSet(manual));
-}
-
-TEST(Events, APulseIsTakenByOneWaitUnlessTheEventIsSetForGood) {
+TEST(Events, AManualOneStaysSetAndAnAutomaticOneOrAPulseIsTakenOnce) {
     for (const BOOL manual : {FALSE, TRUE}) {
-        const CLOSER event(CreateEventW(nullptr, manual, FALSE, nullptr));
+        const OWNED_HANDLE event(CreateEventW(nullptr, manual, TRUE, nullptr));
+        SetEvent(event);  // signals do not add up
+        EXPECT_TRUE(IsSet(event));
+        EXPECT_EQ(manual != FALSE, IsSet(event));
+        EXPECT_TRUE(ResetEvent(event));
+        EXPECT_FALSE(IsSet(event));
         const auto object = win32::ObjectOf(event);
         EXPECT_TRUE(win32::PulseEventObject(*object) && win32::PulseEventObject(*object));
         EXPECT_TRUE(IsSet(event));
@@ -108,21 +91,18 @@ TEST(Events, APulseIsTakenByOneWaitUnlessTheEventIsSetForGood) {
     }
 }
 
-TEST(Waits, ForAnyGiveTheLowestIndexAndTakeOnlyThatSignal) {
-    const CLOSER a(AutoEvent()), b(AutoEvent(true)), c(AutoEvent(true));
+TEST(Waits, ForAnyTakeTheLowestSignalAndForAllEveryOneOrNone) {
+    const OWNED_HANDLE a(AutoEvent()), b(AutoEvent(true)), c(ManualEvent(true));
     const HANDLE all[] = {a, b, c};
     EXPECT_EQ(WAIT_OBJECT_0 + 1, WaitForMultipleObjects(3, all, FALSE, INFINITE));
     EXPECT_EQ(WAIT_OBJECT_0 + 2, WaitForMultipleObjects(3, all, FALSE, 0));
+    ResetEvent(c);
     EXPECT_EQ(DWORD{WAIT_TIMEOUT}, WaitForMultipleObjects(3, all, FALSE, 0));
-}
-
-TEST(Waits, ForAllTakeEverySignalOrNone) {
-    const CLOSER a(AutoEvent(true)), b(AutoEvent()), c(ManualEvent(true));
-    const HANDLE all[] = {a, b, c};
-    EXPECT_EQ(DWORD{WAIT_TIMEOUT}, WaitForMultipleObjects(3, all, TRUE, 1));
-    EXPECT_TRUE(IsSet(a));
+    SetEvent(c);
     SetEvent(a);
-    SetEvent(b);
+    EXPECT_EQ(DWORD{WAIT_TIMEOUT}, WaitForMultipleObjects(3, all, TRUE, 1));
+    EXPECT_TRUE(IsSet(a)) << "a wait for all takes every signal or none";
+    for (const HANDLE event : all) SetEvent(event);
     EXPECT_EQ(WAIT_OBJECT_0, WaitForMultipleObjects(3, all, TRUE, 0));
     EXPECT_FALSE(IsSet(a) || IsSet(b));
     EXPECT_TRUE(IsSet(c));
@@ -131,7 +111,7 @@ TEST(Waits, ForAllTakeEverySignalOrNone) {
 // Two threads that each need both events, and name them in opposite orders, share what a third hands out.
 TEST(Waits, ForAllInOppositeOrdersNeitherLoseSignalsNorBlockEachOther) {
     constexpr int Rounds = 500;
-    const CLOSER a(AutoEvent()), b(AutoEvent()), taken(AutoEvent());
+    const OWNED_HANDLE a(AutoEvent()), b(AutoEvent()), taken(AutoEvent());
     std::atomic<int> takes{0};
     const auto take = [&](std::array<HANDLE, 2> pair) {
         while (takes < Rounds && WaitForMultipleObjects(2, pair.data(), TRUE, SoonEnough) == WAIT_OBJECT_0) {
@@ -143,9 +123,7 @@ TEST(Waits, ForAllInOppositeOrdersNeitherLoseSignalsNorBlockEachOther) {
     for (int i = 0; i < Rounds + 1; ++i) {  // one round more releases the thread that still waits
         SetEvent(a);
         SetEvent(b);
-        if (i < Rounds) {
-            ASSERT_EQ(WAIT_OBJECT_0, WaitForSingleObject(taken, SoonEnough));
-        }
+        ASSERT_TRUE(i == Rounds || WaitForSingleObject(taken, SoonEnough) == WAIT_OBJECT_0);
     }
     first.join();
     second.join();
@@ -153,31 +131,29 @@ TEST(Waits, ForAllInOppositeOrdersNeitherLoseSignalsNorBlockEachOther) {
 }
 
 TEST(Waits, RefuseWhatCannotBeWaitedFor) {
-    const CLOSER event(AutoEvent(true));
-    const HANDLE plain = win32::NewHandle(std::make_shared<win32::KERNEL_OBJECT>());
+    const OWNED_HANDLE event(AutoEvent(true));
+    const OWNED_HANDLE plain(win32::NewHandle(std::make_shared<win32::KERNEL_OBJECT>()));
     const std::vector<HANDLE> most(MAXIMUM_WAIT_OBJECTS, event), many(MAXIMUM_WAIT_OBJECTS + 1, event);
-    const struct CASE {
-        const char* name;
+    const HANDLE madeUp = reinterpret_cast<HANDLE>(0x7FFFFFF0);
+    const struct {
         std::vector<HANDLE> handles;
         BOOL all;
         DWORD result, error;
-    } cases[] = {{"none", {}, FALSE, WAIT_FAILED, ERROR_INVALID_PARAMETER},
-                 {"64", most, FALSE, WAIT_OBJECT_0, 0},
-                 {"65", many, FALSE, WAIT_FAILED, ERROR_INVALID_PARAMETER},
-                 {"one twice for all", {event, event}, TRUE, WAIT_FAILED, ERROR_INVALID_PARAMETER},
-                 {"null", {event, nullptr}, FALSE, WAIT_FAILED, ERROR_INVALID_HANDLE},
-                 {"made up", {event, reinterpret_cast<HANDLE>(0x7FFFFFF0)}, FALSE, WAIT_FAILED, ERROR_INVALID_HANDLE},
-                 {"not an object to wait for", {plain}, FALSE, WAIT_FAILED, ERROR_INVALID_HANDLE},
-                 {"the process, which has not ended", {GetCurrentProcess()}, FALSE, WAIT_TIMEOUT, 0}};
-    for (const CASE& c : cases) {
-        SCOPED_TRACE(c.name);
+    } cases[] = {{{}, FALSE, WAIT_FAILED, ERROR_INVALID_PARAMETER},
+                 {most, FALSE, WAIT_OBJECT_0, 0},
+                 {many, FALSE, WAIT_FAILED, ERROR_INVALID_PARAMETER},
+                 {{event, event}, TRUE, WAIT_FAILED, ERROR_INVALID_PARAMETER},
+                 {{event, nullptr}, FALSE, WAIT_FAILED, ERROR_INVALID_HANDLE},
+                 {{event, madeUp}, FALSE, WAIT_FAILED, ERROR_INVALID_HANDLE},
+                 {{plain}, FALSE, WAIT_FAILED, ERROR_INVALID_HANDLE},
+                 {{GetCurrentProcess()}, FALSE, WAIT_TIMEOUT, 0}};  // which has not ended
+    for (const auto& c : cases) {
         SetLastError(0);
         SetEvent(event);
         const DWORD count = static_cast<DWORD>(c.handles.size());
-        EXPECT_EQ(c.result, WaitForMultipleObjects(count, c.handles.data(), c.all, 0));
-        EXPECT_EQ(c.error, GetLastError());
+        EXPECT_EQ(c.result, WaitForMultipleObjects(count, c.handles.data(), c.all, 0)) << &c - cases;
+        EXPECT_EQ(c.error, GetLastError()) << &c - cases;
     }
-    CloseHandle(plain);
 }
 
 std::atomic<int> interruptions{0};
@@ -189,7 +165,7 @@ TEST(Waits, DoNotEndEarlyWhenSignalsInterruptThem) {
     sigaction(SIGALRM, &action, &before);
     const itimerval often{{0, 1000}, {0, 1000}}, never{};
     setitimer(ITIMER_REAL, &often, nullptr);
-    const CLOSER event(AutoEvent());
+    const OWNED_HANDLE event(AutoEvent());
     const ULONGLONG start = GetTickCount64();
     while (interruptions < 3) {
         const ULONGLONG now = GetTickCount64();
@@ -205,7 +181,7 @@ TEST(Waits, DoNotEndEarlyWhenSignalsInterruptThem) {
 }
 
 TEST(Waits, SeeTheCompanionOfAnEvent) {
-    const CLOSER event(AutoEvent()), other(AutoEvent());
+    const OWNED_HANDLE event(AutoEvent()), other(AutoEvent());
     const int fd = eventfd(0, EFD_NONBLOCK);
     const auto object = win32::ObjectOf(event);
     ASSERT_TRUE(win32::SetEventCompanion(*object, fd, 1 /* POLLIN */));
@@ -226,32 +202,22 @@ TEST(Timers, AreSignalledWhenDue) {
     GetSystemTimeAsFileTime(&now);
     const LONGLONG present = static_cast<LONGLONG>(ULONGLONG{now.dwHighDateTime} << 32 | now.dwLowDateTime);
     constexpr LONGLONG Hour = 36'000'000'000;
-    const struct CASE {
-        const char* name;
-        LONGLONG due;
-        bool comes;
-    } cases[] = {{"at once", 0, true},
-                 {"relative", -10000, true},
-                 {"relative, far", -Hour, false},
-                 {"relative, as far as can be", INT64_MIN, false},
-                 {"absolute, soon", present + 10000, true},
-                 {"absolute, just now", present, true},
-                 {"absolute, before 1970", 1, true},
-                 {"absolute, far", present + Hour, false},
-                 {"absolute, as far as can be", INT64_MAX, false}};
+    const std::pair<LONGLONG, bool> cases[] = {
+        // the due time; whether it comes
+        {0, true},      {-10000, true},     {present + 10000, true}, {present, true},   {1, true},  // before 1970
+        {-Hour, false}, {INT64_MIN, false}, {present + Hour, false}, {INT64_MAX, false}};
     for (const BOOL manual : {FALSE, TRUE}) {
-        const CLOSER timer(CreateWaitableTimerW(nullptr, manual, nullptr));
-        for (const CASE& c : cases) {
-            SCOPED_TRACE(c.name);
-            ASSERT_TRUE(Arm(timer, c.due));
-            EXPECT_EQ(c.comes ? WAIT_OBJECT_0 : WAIT_TIMEOUT, WaitForSingleObject(timer, c.comes ? SoonEnough : 0));
-            EXPECT_EQ(c.comes && manual, IsSet(timer));
+        const OWNED_HANDLE timer(CreateWaitableTimerW(nullptr, manual, nullptr));
+        for (const auto& [due, comes] : cases) {
+            ASSERT_TRUE(Arm(timer, due));
+            EXPECT_EQ(comes ? WAIT_OBJECT_0 : WAIT_TIMEOUT, WaitForSingleObject(timer, comes ? SoonEnough : 0)) << due;
+            EXPECT_EQ(comes && manual, IsSet(timer)) << due;
         }
     }
 }
 
 TEST(Timers, ComeAgainAfterTheirPeriodAndArmingTakesBackASignal) {
-    const CLOSER timer(CreateWaitableTimerW(nullptr, FALSE, nullptr));
+    const OWNED_HANDLE timer(CreateWaitableTimerW(nullptr, FALSE, nullptr));
     ASSERT_TRUE(Arm(timer, -10000, 1));
     for (int i = 0; i < 3; ++i) EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(timer, SoonEnough));
     ASSERT_TRUE(Arm(timer, 0));
@@ -260,7 +226,7 @@ TEST(Timers, ComeAgainAfterTheirPeriodAndArmingTakesBackASignal) {
 }
 
 TEST(Timers, CancellingKeepsASignalThatHasCome) {
-    const CLOSER timer(CreateWaitableTimerW(nullptr, FALSE, nullptr)),
+    const OWNED_HANDLE timer(CreateWaitableTimerW(nullptr, FALSE, nullptr)),
         manual(CreateWaitableTimerW(nullptr, TRUE, nullptr));
     ASSERT_TRUE(Arm(timer, 0, 3600000) && Arm(manual, -10000));
     ASSERT_EQ(WAIT_OBJECT_0, WaitForSingleObject(manual, SoonEnough));
@@ -272,13 +238,10 @@ TEST(Timers, CancellingKeepsASignalThatHasCome) {
 }
 
 TEST(Timers, RefuseWhatTheyCannotDo) {
-    const CLOSER timer(CreateWaitableTimerW(nullptr, FALSE, nullptr)), event(AutoEvent());
-    EXPECT_FALSE(Arm(timer, 0, -1));
-    EXPECT_EQ(DWORD{ERROR_INVALID_PARAMETER}, GetLastError());
-    EXPECT_FALSE(Arm(event, 0));
-    EXPECT_EQ(DWORD{ERROR_INVALID_HANDLE}, GetLastError());
-    EXPECT_FALSE(SetEvent(timer));
-    EXPECT_EQ(DWORD{ERROR_INVALID_HANDLE}, GetLastError());
+    const OWNED_HANDLE timer(CreateWaitableTimerW(nullptr, FALSE, nullptr)), event(AutoEvent());
+    EXPECT_EQ(DWORD{ERROR_INVALID_PARAMETER}, ErrorOf(Arm(timer, 0, -1)));
+    EXPECT_EQ(DWORD{ERROR_INVALID_HANDLE}, ErrorOf(Arm(event, 0)));
+    EXPECT_EQ(DWORD{ERROR_INVALID_HANDLE}, ErrorOf(SetEvent(timer)));
 }
 
 }  // namespace

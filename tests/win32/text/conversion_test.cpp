@@ -13,72 +13,61 @@ struct CASE {
     const char* name;
     std::string utf8;
     std::u16string utf16;
-    bool wellFormed = true;  // false: only the lenient direction gives the text above
+    enum { Neither, Bytes, Units } wrong = Neither;  // which only the lenient direction makes the other of
 };
 
-std::u16string Widen(const std::string& text, DWORD flags, DWORD& error) {
+// Both calls of the usual pattern: the size, then the text.
+template <typename TEXT, typename CONVERT>
+TEXT Converted(DWORD& error, CONVERT convert) {
     SetLastError(ERROR_SUCCESS);
-    const int needed = MultiByteToWideChar(CP_UTF8, flags, text.data(), static_cast<int>(text.size()), nullptr, 0);
+    const int needed = convert(nullptr, 0);
     error = GetLastError();
-    std::u16string wide(static_cast<size_t>(needed), u'\0');
-    if (needed > 0) {
-        EXPECT_EQ(needed,
-                  MultiByteToWideChar(CP_UTF8, flags, text.data(), static_cast<int>(text.size()), wide.data(), needed));
-    }
-    return wide;
+    TEXT text(static_cast<size_t>(needed), 0);
+    EXPECT_TRUE(needed == 0 || convert(text.data(), needed) == needed);
+    return text;
+}
+
+std::u16string Widen(const std::string& text, DWORD flags, DWORD& error) {
+    return Converted<std::u16string>(error, [&](LPWSTR wide, int units) {
+        return MultiByteToWideChar(CP_UTF8, flags, text.data(), static_cast<int>(text.size()), wide, units);
+    });
 }
 
 std::string Narrow(const std::u16string& text, DWORD flags, DWORD& error) {
-    SetLastError(ERROR_SUCCESS);
-    const int units = static_cast<int>(text.size());
-    const int needed = WideCharToMultiByte(CP_UTF8, flags, text.data(), units, nullptr, 0, nullptr, nullptr);
-    error = GetLastError();
-    std::string narrow(static_cast<size_t>(needed), '\0');
-    if (needed > 0) {
-        EXPECT_EQ(needed,
-                  WideCharToMultiByte(CP_UTF8, flags, text.data(), units, narrow.data(), needed, nullptr, nullptr));
-    }
-    return narrow;
+    return Converted<std::string>(error, [&](LPSTR narrow, int bytes) {
+        return WideCharToMultiByte(CP_UTF8, flags, text.data(), static_cast<int>(text.size()), narrow, bytes, nullptr,
+                                   nullptr);
+    });
 }
 
-TEST(ConversionTest, NarrowTextBecomesWideAndMalformedBytesAreReplacedOrRefused) {
+TEST(ConversionTest, MalformedTextIsReplacedOrRefusedInBothDirections) {
     const CASE cases[] = {
         {"letters", "Anna", u"Anna"},
-        {"a NUL inside", std::string("a\0b", 3), std::u16string(u"a\0b", 3)},
+        {"a NUL inside", {"a\0b", 3}, {u"a\0b", 3}},
         {"two and three bytes", "\xC3\xA9\xE2\x82\xAC", u"\u00E9\u20AC"},
         {"four bytes become a pair", "\xF0\x9F\x98\x80", u"\U0001F600"},
-        {"a byte that begins nothing",
-         "a\xFF"
-         "b",
-         u"a\uFFFDb", false},
-        {"cut short at the end", "a\xE2\x82", u"a\uFFFD", false},
-        {"longer than it needs to be", "\xC0\x80", u"\uFFFD\uFFFD", false},
-        {"a surrogate in three bytes", "\xED\xA0\x80", u"\uFFFD\uFFFD\uFFFD", false},
+        {"a byte that begins nothing", "a\377b", u"a\uFFFDb", CASE::Bytes},
+        {"cut short at the end", "a\xE2\x82", u"a\uFFFD", CASE::Bytes},
+        {"longer than it needs to be", "\xC0\x80", u"\uFFFD\uFFFD", CASE::Bytes},
+        {"a surrogate in three bytes", "\xED\xA0\x80", u"\uFFFD\uFFFD\uFFFD", CASE::Bytes},
+        {"first half alone", "\xEF\xBF\xBD!", {0xD83D, u'!'}, CASE::Units},
+        {"second half alone", "\xEF\xBF\xBD", {0xDE00}, CASE::Units},
     };
     for (const CASE& c : cases) {
         SCOPED_TRACE(c.name);
         DWORD error = 0;
-        EXPECT_EQ(c.utf16, Widen(c.utf8, 0, error));
-        EXPECT_EQ(c.utf16, win32::ToUtf16(c.utf8));
-        EXPECT_EQ(c.wellFormed ? c.utf16 : u"", Widen(c.utf8, MB_ERR_INVALID_CHARS, error));
-        EXPECT_EQ(c.wellFormed ? ERROR_SUCCESS : ERROR_NO_UNICODE_TRANSLATION, error);
-    }
-}
-
-TEST(ConversionTest, WideTextBecomesNarrowAndLoneSurrogatesAreReplacedOrRefused) {
-    const CASE cases[] = {
-        {"letters", "Anna", u"Anna"},
-        {"a pair", "\xF0\x9F\x98\x80", u"\U0001F600"},
-        {"first half alone", "\xEF\xBF\xBD!", std::u16string{0xD83D, u'!'}, false},
-        {"second half alone", "\xEF\xBF\xBD", std::u16string{0xDE00}, false},
-    };
-    for (const CASE& c : cases) {
-        SCOPED_TRACE(c.name);
-        DWORD error = 0;
+        const DWORD wanted = c.wrong == CASE::Neither ? ERROR_SUCCESS : ERROR_NO_UNICODE_TRANSLATION;
+        if (c.wrong != CASE::Units) {
+            EXPECT_EQ(c.utf16, Widen(c.utf8, 0, error));
+            EXPECT_EQ(c.utf16, win32::ToUtf16(c.utf8));
+            EXPECT_EQ(c.wrong == CASE::Neither ? c.utf16 : u"", Widen(c.utf8, MB_ERR_INVALID_CHARS, error));
+            EXPECT_EQ(wanted, error);
+        }
+        if (c.wrong == CASE::Bytes) continue;
         EXPECT_EQ(c.utf8, Narrow(c.utf16, 0, error));
         EXPECT_EQ(c.utf8, win32::ToUtf8(c.utf16));
-        EXPECT_EQ(c.wellFormed ? c.utf8 : "", Narrow(c.utf16, WC_ERR_INVALID_CHARS, error));
-        EXPECT_EQ(c.wellFormed ? ERROR_SUCCESS : ERROR_NO_UNICODE_TRANSLATION, error);
+        EXPECT_EQ(c.wrong == CASE::Neither ? c.utf8 : "", Narrow(c.utf16, WC_ERR_INVALID_CHARS, error));
+        EXPECT_EQ(wanted, error);
     }
 }
 
@@ -103,23 +92,12 @@ TEST(ConversionTest, ABufferTooSmallIsRefusedAndNotOverrun) {
 TEST(ConversionTest, NonsenseIsRefused) {
     WCHAR wide[8];
     BOOL used = FALSE;
-    const struct {
-        const char* name;
-        int result;
-        DWORD error;
-    } cases[] = {
-        {"code page", (SetLastError(0), MultiByteToWideChar(1252, 0, "a", 1, wide, 8)), GetLastError()},
-        {"no text", (SetLastError(0), MultiByteToWideChar(CP_UTF8, 0, nullptr, 1, wide, 8)), GetLastError()},
-        {"count 0", (SetLastError(0), MultiByteToWideChar(CP_UTF8, 0, "a", 0, wide, 8)), GetLastError()},
-        {"room without buffer", (SetLastError(0), MultiByteToWideChar(CP_UTF8, 0, "a", 1, nullptr, 8)), GetLastError()},
-        {"default character", (SetLastError(0), WideCharToMultiByte(CP_UTF8, 0, u"a", 1, nullptr, 0, nullptr, &used)),
-         GetLastError()},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        EXPECT_EQ(0, c.result);
-        EXPECT_EQ(ERROR_INVALID_PARAMETER, c.error);
-    }
+    const auto refused = [](int result) { return result == 0 && GetLastError() == ERROR_INVALID_PARAMETER; };
+    EXPECT_TRUE(refused(MultiByteToWideChar(1252, 0, "a", 1, wide, 8)));
+    EXPECT_TRUE(refused((SetLastError(0), MultiByteToWideChar(CP_UTF8, 0, nullptr, 1, wide, 8))));
+    EXPECT_TRUE(refused((SetLastError(0), MultiByteToWideChar(CP_UTF8, 0, "a", 0, wide, 8))));
+    EXPECT_TRUE(refused((SetLastError(0), MultiByteToWideChar(CP_UTF8, 0, "a", 1, nullptr, 8))));
+    EXPECT_TRUE(refused((SetLastError(0), WideCharToMultiByte(CP_UTF8, 0, u"a", 1, nullptr, 0, nullptr, &used))));
 }
 
 TEST(NameTest, NamesAreTheSameWithoutRegardToCaseInAnyScript) {

@@ -5,6 +5,8 @@
 #include <vector>
 
 #include "resources/message_ids.h"
+#include "tests/support/last_error.h"
+#include "win32/text/last_error.h"
 #include "win32/text/utf.h"
 
 namespace {
@@ -36,101 +38,47 @@ std::u16string Formatted(const char16_t* text, DWORD flags, std::vector<DWORD_PT
 DWORD_PTR Text(const char16_t* text) { return reinterpret_cast<DWORD_PTR>(text); }
 
 TEST(SystemMessageTest, CodesHaveTheTextsOfWindows) {
-    const struct {
-        DWORD code;
-        const char16_t* text;
-    } cases[] = {
-        {0, u"The operation completed successfully.\r\n"},
-        {ERROR_FILE_NOT_FOUND, u"The system cannot find the file specified.\r\n"},
-        {ERROR_ACCESS_DENIED, u"Access is denied.\r\n"},
-        {ERROR_FAILED_SERVICE_CONTROLLER_CONNECT,
-         u"The service process could not connect to the service controller.\r\n"},
-        {ERROR_EVENTLOG_FILE_CHANGED, u"The event log file has changed between read operations.\r\n"},
-        {193, u"%1 is not a valid Win32 application.\r\n"},
-        {WSAECONNREFUSED, u"No connection could be made because the target machine actively refused it.\r\n"},
-        {WSAHOST_NOT_FOUND, u"No such host is known.\r\n"},
-        {0x80004005, u"Unspecified error\r\n"},
-        {0x80040154, u"Class not registered\r\n"},
-        {0x80070005, u"Access is denied.\r\n"},
-        {0x8007203A, u"The server is not operational.\r\n"},
-        {0x8007052E, u"The user name or password is incorrect.\r\n"},
-        {0x80072030, u"There is no such object on the server.\r\n"},
-        {0x80072116, u"Name translation: Could not find the name or insufficient right to see name.\r\n"},
-        {0x80072117, u"Name translation: Input name mapped to more than one output name.\r\n"},
-        {0x80005011, u"error 317"},
-        {0x8007FFFF, u"error 317"},
-        {99999, u"error 317"},
+    const std::pair<DWORD, const char16_t*> cases[] = {
+        {0, u"The operation completed successfully."},
+        {ERROR_EVENTLOG_FILE_CHANGED, u"The event log file has changed between read operations."},
+        {193, u"%1 is not a valid Win32 application."},
+        {WSAHOST_NOT_FOUND, u"No such host is known."},
+        {0x80004005, u"Unspecified error"},
+        {0x80070005, u"Access is denied."},
+        {0x8007203A, u"The server is not operational."},
+        {0x80072117, u"Name translation: Input name mapped to more than one output name."},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.code);
-        EXPECT_EQ(c.text, Message(SystemText, nullptr, c.code, nullptr, 0x400));
-    }
+    for (const auto& [code, text] : cases)
+        EXPECT_EQ(text + std::u16string(u"\r\n"), Message(SystemText, nullptr, code, nullptr, 0x400)) << code;
+    for (const DWORD unknown : {0x80005011, 0x8007FFFF, 99999u})
+        EXPECT_EQ(u"error 317", Message(SystemText, nullptr, unknown)) << unknown;
 }
 
 TEST(SystemMessageTest, EveryCodeThatTheHostsErrorsBecomeHasAText) {
-    for (const DWORD code : {ERROR_SUCCESS,
-                             ERROR_TOO_MANY_OPEN_FILES,
-                             ERROR_INVALID_HANDLE,
-                             ERROR_NOT_ENOUGH_MEMORY,
-                             ERROR_NOT_SAME_DEVICE,
-                             ERROR_WRITE_PROTECT,
-                             ERROR_NOT_READY,
-                             ERROR_SHARING_VIOLATION,
-                             ERROR_LOCK_VIOLATION,
-                             ERROR_NOT_SUPPORTED,
-                             ERROR_CALL_NOT_IMPLEMENTED,
-                             ERROR_BROKEN_PIPE,
-                             ERROR_DISK_FULL,
-                             ERROR_DIR_NOT_EMPTY,
-                             ERROR_BUSY,
-                             ERROR_FILENAME_EXCED_RANGE,
-                             ERROR_CANTOPEN,
-                             ERROR_FILE_TOO_LARGE,
-                             ERROR_MORE_DATA,
-                             WAIT_TIMEOUT,
-                             ERROR_NOACCESS,
-                             ERROR_NO_UNICODE_TRANSLATION,
-                             ERROR_IO_DEVICE,
-                             ERROR_CANCELLED,
-                             ERROR_GEN_FAILURE,
-                             ERROR_FILE_CORRUPT,
-                             ERROR_LOG_FILE_FULL,
-                             ERROR_NONE_MAPPED,
-                             ERROR_INVALID_DATATYPE}) {
-        const std::u16string text = Message(SystemText, nullptr, code);
-        EXPECT_TRUE(text.size() > 3 && text.substr(text.size() - 3) == u".\r\n") << code;
-    }
-    for (DWORD code = WSAEMSGSIZE; code <= WSAECONNREFUSED; ++code)
-        EXPECT_NE(u"error 317", Message(SystemText, nullptr, code)) << code;
+    std::vector<DWORD> codes{ERROR_FILE_CORRUPT, ERROR_LOG_FILE_FULL, ERROR_NONE_MAPPED, ERROR_INVALID_DATATYPE};
+    for (int number = 0; number < 134; ++number) codes.push_back(win32::ErrorFromErrno(number));
+    for (DWORD code = WSAEMSGSIZE; code <= WSAECONNREFUSED; ++code) codes.push_back(code);
+    for (const DWORD code : codes) EXPECT_TRUE(Message(SystemText, nullptr, code).ends_with(u".\r\n")) << code;
 }
 
 TEST(MessageFormatTest, InsertsAndEscapesAreReplaced) {
-    const char16_t* anna = u"anna";
-    const struct {
-        const char16_t* text;
-        const char16_t* result;
-    } cases[] = {
+    const auto formatted = [](const char16_t* text) {
+        return Formatted(text, 0, {Text(u"anna"), Text(u"%1%n"), 42, 0, 0, 0, 0, 0, 0, Text(u"ten")});
+    };
+    const std::pair<const char16_t*, const char16_t*> cases[] = {
         {u"no inserts", u"no inserts"},
         {u"%1 and %2", u"anna and %1%n"},
         {u"%2%1%1", u"%1%nannaanna"},
         {u"%10", u"ten"},
-        {u"a%nb", u"a\r\nb"},
-        {u"a%rb%tc%bd% e", u"a\rb\tc d e"},
+        {u"a%nb%rb%tc%bd% e", u"a\r\nb\rb\tc d e"},
         {u"100%% %. %!", u"100% . !"},
         {u"line%0 never seen", u"line"},
-        {u"%1!s!", u"anna"},
         {u"[%3!5u!] [%3!-5d!] [%3!08lX!] [%3!#x!]", u"[   42] [42   ] [0000002A] [0x2a]"},
-        {u"%4", u"(null)"},
-        {u"broken %", u"error 87"},
-        {u"%1!s", u"error 87"},
-        {u"%3!n!", u"error 87"},
-        {u"%3!*d!", u"error 87"},
-        {u"%3!999999999999d!", u"error 87"},
+        {u"%1!s! %4", u"anna (null)"},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(win32::ToUtf8(c.text));
-        EXPECT_EQ(c.result, Formatted(c.text, 0, {Text(anna), Text(u"%1%n"), 42, 0, 0, 0, 0, 0, 0, Text(u"ten")}));
-    }
+    for (const auto& [text, result] : cases) EXPECT_EQ(result, formatted(text)) << win32::ToUtf8(text);
+    for (const char16_t* broken : {u"broken %", u"%1!s", u"%3!n!", u"%3!*d!", u"%3!999999999999d!"})
+        EXPECT_EQ(u"error 87", formatted(broken)) << win32::ToUtf8(broken);
     EXPECT_EQ(u"error 87", Formatted(u"%1", 0, {}));
     EXPECT_EQ(u"%1 %2!u! a\r\n%%", Formatted(u"%1 %2!u! a%n%%", FORMAT_MESSAGE_IGNORE_INSERTS, {}));
 }
@@ -138,22 +86,17 @@ TEST(MessageFormatTest, InsertsAndEscapesAreReplaced) {
 TEST(MessageFormatTest, AWidthWrapsAtBlanksAndKeepsOnlyHardBreaks) {
     const struct {
         DWORD width;
-        const char16_t* text;
-        const char16_t* result;
+        const char16_t *text, *result;
     } cases[] = {
         {0, u"a\r\nb", u"a\r\nb"},
         {255, u"a\r\nb\nc%nd", u"a b c\r\nd"},
         {10, u"12345 7890 2345", u"12345 7890\r\n2345"},
         {10, u"12345 78901 345", u"12345\r\n78901 345"},
-        {10, u"1234567890", u"1234567890"},
         {10, u"12345678901", u"1234567890\r\n1"},
         {10, u"123%n4567 90123", u"123\r\n4567 90123"},
         {10, u"%1 %1", u"abcdefg\r\nabcdefg"},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(win32::ToUtf8(c.text));
-        EXPECT_EQ(c.result, Formatted(c.text, c.width, {Text(u"abcdefg")}));
-    }
+    for (const auto& c : cases) EXPECT_EQ(c.result, Formatted(c.text, c.width, {Text(u"abcdefg")})) << c.width;
 }
 
 TEST(OwnMessageTest, EventsAreFormattedFromTheProgramsOwnTable) {
@@ -178,15 +121,15 @@ TEST(OwnMessageTest, EventsAreFormattedFromTheProgramsOwnTable) {
 
 TEST(FormatMessageTest, TheCallersBufferIsFilledOrLeftAlone) {
     WCHAR buffer[32] = u"-";
-    EXPECT_EQ(0u, FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM, nullptr, 5, 0, buffer, 19, nullptr));
-    EXPECT_EQ(ERROR_INSUFFICIENT_BUFFER, GetLastError());
+    const auto format = [](DWORD flags, LPWSTR to, DWORD units) {
+        return ErrorOf(FormatMessageW(flags, nullptr, 5, 0, to, units, nullptr) == 19);
+    };
+    EXPECT_EQ(ERROR_INSUFFICIENT_BUFFER, format(FORMAT_MESSAGE_FROM_SYSTEM, buffer, 19));
     EXPECT_EQ(u'-', buffer[0]);
-    EXPECT_EQ(19u, FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM, nullptr, 5, 0, buffer, 20, nullptr));
+    EXPECT_EQ(ERROR_SUCCESS, format(FORMAT_MESSAGE_FROM_SYSTEM, buffer, 20));
     EXPECT_EQ(u"Access is denied.\r\n", std::u16string(buffer));
-    EXPECT_EQ(0u, FormatMessageW(0, nullptr, 5, 0, buffer, 32, nullptr));
-    EXPECT_EQ(ERROR_INVALID_PARAMETER, GetLastError());
-    EXPECT_EQ(0u, FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM, nullptr, 5, 0, nullptr, 32, nullptr));
-    EXPECT_EQ(ERROR_INVALID_PARAMETER, GetLastError());
+    EXPECT_EQ(ERROR_INVALID_PARAMETER, format(0, buffer, 32));
+    EXPECT_EQ(ERROR_INVALID_PARAMETER, format(FORMAT_MESSAGE_FROM_SYSTEM, nullptr, 32));
 }
 
 }  // namespace
