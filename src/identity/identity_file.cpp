@@ -95,7 +95,10 @@ DWORD Replace(const LOGON_TABLE& logons, const SERVICE_TICKET_TABLE& tickets, co
     const STRING path = PathOf(TEXT(".identities")), fresh = PathOf(TEXT(".identities.new"));
     const bool done = WriteAll(fresh, Heading(logons, tickets, now), logons) &&
                       MoveFileExW(fresh.Text(), path.Text(), MOVEFILE_REPLACE_EXISTING);
-    return done ? ERROR_SUCCESS : GetLastError();
+    if (done) return ERROR_SUCCESS;
+    const ERROR_CODE why;
+    DeleteFileW(fresh.Text());  // the disk may be full
+    return why.Get();
 }
 
 }  // namespace
@@ -129,7 +132,6 @@ void IDENTITY_FILE::Write(const LOGON_TABLE& logons, const SERVICE_TICKET_TABLE&
         DebugPrint(TEXT("Unable to write the list of identities. %s. Error code = %lu."), ErrorText(result), result);
     }
     error = result;
-    if (error != ERROR_SUCCESS) return;
     written = VersionOf(logons, tickets);
     writtenAt = begin;
     writingUnits = std::max<LONGLONG>(TIME_STAMP::Now().Units() - begin.Units(), 0);

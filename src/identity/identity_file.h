@@ -20,7 +20,7 @@ class IDENTITY_FILE {
 public:
     // Writes the file when something has changed since, or a minute has passed, but so seldom that writing takes no
     // more than a hundredth of the time. Gives the milliseconds after which a change that was put off is due; INFINITE:
-    // there is none. A failure is logged once, and tried again at the next call.
+    // there is none. A failure is logged once, and tried again with the next change or after a minute.
     DWORD Update(const LOGON_TABLE& logons, const SERVICE_TICKET_TABLE& tickets);
 
     // Writes it now, changed or not.
@@ -36,10 +36,11 @@ private:
     static VERSION VersionOf(const LOGON_TABLE& logons, const SERVICE_TICKET_TABLE& tickets);
     LONGLONG UnitsToDue(const VERSION& current) const;
 
-    VERSION written;              // what the file shows
-    TIME_STAMP writtenAt;         // the zero time: never
-    LONGLONG writingUnits = 0;    // how long that took
-    DWORD error = ERROR_SUCCESS;  // of the latest attempt
+    // Of the latest attempt to write it, whether it went well or not.
+    VERSION written;
+    TIME_STAMP writtenAt;  // the zero time: never
+    LONGLONG writingUnits = 0;
+    DWORD error = ERROR_SUCCESS;
 };
 
 }  // namespace keldwick

@@ -19,9 +19,11 @@ cp "$2" "$1/copy/keldwick.deb" && mount -t proc proc "$1/copy/proc" && chroot "$
 umount "$1/copy/proc" && rm -f "$1/copy/etc/machine-id" &&
 ln -sf /dev/null "$1/copy/etc/systemd/system/network-online.target" &&
 exec systemd-nspawn --quiet --directory="$1/copy" --register=no --keep-unit --private-network --capability=all \\
-    --console=pipe --kill-signal=SIGRTMIN+3 --setenv=SYSTEMD_LOG_TARGET=console """ + INIT + """ --unit=basic.target"""
+    --console=pipe --kill-signal=SIGRTMIN+3 --setenv=SYSTEMD_LOG_TARGET=console --bind="$3:/kept" """ + INIT + """ --unit=basic.target"""
 # What the sanitizers need beyond what the units allow: a process that looks for leaks at its end traces itself.
-SANITIZERS = "[Service]\nEnvironment=ASAN_OPTIONS=detect_leaks=0\n"
+DROP_IN = "[Service]\nEnvironment=ASAN_OPTIONS=detect_leaks=0\n"
+# The machine is gone with its files when it has been shut down: the log is kept outside.
+KEEP_LOG = DROP_IN + "ExecStopPost=+/bin/cp /var/lib/keldwick/Keldwick.log /kept\n"
 
 
 def may_boot():
@@ -39,15 +41,17 @@ class BootedMachine(unittest.TestCase):
                                                               "DPKG_DEB_COMPRESSOR_LEVEL": "1"}).stdout.strip()
         mounts = f"{cls.folder}/mounts"
         os.mkdir(mounts)
+        os.mkdir(f"{cls.folder}/kept")
         cls.output = open(f"{cls.folder}/output", "w+", encoding="utf-8", errors="replace")
         cls.addClassCleanup(cls.output.close)
         cls.container = subprocess.Popen(["unshare", "--mount", "--propagation", "private", "sh", "-c", OVERLAY, "sh", mounts,
-                                          package], stdin=subprocess.DEVNULL, stdout=cls.output, stderr=cls.output)
+                                          package, f"{cls.folder}/kept"], stdin=subprocess.DEVNULL, stdout=cls.output, stderr=cls.output)
         cls.addClassCleanup(cls.end_container)
         cls.until(lambda: cls.init() and cls.run_inside("systemctl", "is-active", "basic.target").returncode == 0,
                   "the machine has booted")
-        cls.inside("sh", "-c", "mkdir -p $1 && printf '%s' \"$2\" >$1/sanitizers.conf && cp -r $1 $3 && systemctl daemon-reload",
-                   "sh", "/etc/systemd/system/keldwick.service.d", SANITIZERS, "/etc/systemd/system/keldwick-.service.d")
+        for unit, text in (("keldwick.service", KEEP_LOG), ("keldwick-.service", DROP_IN)):
+            cls.inside("sh", "-c", 'mkdir -p "$1" && cat >"$1/test.conf"', "sh", f"/etc/systemd/system/{unit}.d", text=text)
+        cls.inside("systemctl", "daemon-reload")
 
     @classmethod
     def end_container(cls):
@@ -61,8 +65,11 @@ class BootedMachine(unittest.TestCase):
     @classmethod
     def init(cls):
         """The process that is process 1 inside, or None."""
-        with open(f"/proc/{cls.container.pid}/task/{cls.container.pid}/children", encoding="utf-8") as file:
-            return next((child for child in file.read().split() if os.readlink(f"/proc/{child}/exe").endswith("/systemd")), None)
+        try:
+            with open(f"/proc/{cls.container.pid}/task/{cls.container.pid}/children", encoding="utf-8") as file:
+                return next((child for child in file.read().split() if os.readlink(f"/proc/{child}/exe").endswith("/systemd")), None)
+        except FileNotFoundError:  # a child that ended meanwhile
+            return None
 
     @classmethod
     def run_inside(cls, *command, text=None):
@@ -146,6 +153,22 @@ class BootedMachine(unittest.TestCase):
             self.until(lambda: self.show("keldwick", "NRestarts", "ActiveState") == ["1", "active"], "it is started again")
         self.inside("systemctl", "stop", "keldwick")
         self.assertEqual(["inactive", "Stopped"], self.show("keldwick", "ActiveState", "StatusText"))
+
+        with self.subTest("figures for monitoring, and old logs"):
+            folder, log = "/var/lib/prometheus/node-exporter", "/var/lib/keldwick/Keldwick_2020-01-02.log"
+            self.inside("sh", "-c", f"mkdir -p {folder} && echo old >{log} && chown keldwick {log} && touch -d '9 days ago' {log} && "
+                        "systemctl start keldwick-figures keldwick-logs")
+            self.assertEqual("644", self.inside("stat", "-c", "%a", f"{folder}/keldwick.prom"))
+            self.assertIn("\nkeldwick_up 0\n", self.inside("cat", f"{folder}/keldwick.prom"))
+            self.assertIn('\nkeldwick_feed_up{feed="dc"} 1\n', self.inside("cat", f"{folder}/keldwick.prom"))
+            self.inside("test", "-s", f"{log}.gz", "-a", "!", "-e", log)
+
+        with self.subTest("the machine is shut down"):
+            self.inside("systemctl", "start", "dbus", "keldwick")
+            self.run_inside("systemctl", "poweroff")
+            self.container.wait(PATIENCE)
+            with open(f"{self.folder}/kept/Keldwick.log", encoding="utf-8") as file:
+                self.assertIn("Stopping Service: Reason = SERVICE_CONTROL_SHUTDOWN", file.read())
 
 
 if __name__ == "__main__":

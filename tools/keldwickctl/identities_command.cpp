@@ -45,7 +45,7 @@ void ShowIdentities(bool asJson) {
     if (!agent) throw COMMAND_ERROR("no agent runs in " + root + ", so nothing is known of who is where");
     IDENTITY_LIST list;
     const auto heading = list.Open();
-    if (!heading || heading->process != agent->pid)
+    if (!heading || !heading->IsOf(agent->pid, agent->since))
         throw COMMAND_ERROR("the agent, process " + std::to_string(agent->pid) +
                             ", has not said yet who is where: it does so once it is connected and follows the log");
     int64_t shown = 0;

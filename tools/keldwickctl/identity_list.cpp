@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <nlohmann/json.hpp>
 
 #include "tools/keldwickctl/commands.h"
@@ -11,8 +12,12 @@ using nlohmann::json;
 
 std::optional<IDENTITY_HEADING> IDENTITY_LIST::Open() {
     path = win32::MachinePath("Keldwick.identities");
+    std::error_code error;
+    const auto there = std::filesystem::symlink_status(path, error);
+    if (there.type() == std::filesystem::file_type::not_found) return std::nullopt;
+    if (there.type() != std::filesystem::file_type::regular)
+        throw COMMAND_ERROR(path + " is not a file of the agent's");
     file.open(path, std::ios::binary);
-    if (!file && errno == ENOENT) return std::nullopt;
     if (!file) throw COMMAND_ERROR("cannot read " + path + ": " + std::strerror(errno));
     std::getline(file, line);
     try {

@@ -13,6 +13,10 @@ struct IDENTITY_HEADING {
     int64_t written = 0;  // seconds since 1970
     int64_t ttl = 0;      // milliseconds
     int64_t identities = 0, tickets = 0, answered = 0, failed = 0, retried = 0;
+
+    // Whether a process that began then, give or take what such times are rounded by, wrote it: the next one in a
+    // container may have the same number.
+    bool IsOf(pid_t agent, int64_t since) const { return process == agent && written + 2 >= since; }
 };
 
 struct LISTED_IDENTITY {

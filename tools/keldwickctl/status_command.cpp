@@ -1,9 +1,11 @@
 // keldwickctl status: what the agent is doing, for a person, a script, or a monitoring system.
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <memory>
 
 #include "tools/keldwickctl/commands.h"
@@ -16,27 +18,29 @@ struct STATUS_OPTIONS {
     std::string prometheus;
 };
 
-// Its reader must never meet half a file.
+// Replaced as a whole, since its reader must never meet half a file, and readable for the reader, another user's
+// program. The folder may be another program's, too: nothing that lies there is opened.
 void WriteWhole(const std::string& path, const std::string& text) {
-    const std::string beside = path + ".new";
-    std::ofstream file(beside, std::ios::binary | std::ios::trunc);
-    file << text;
-    file.close();
-    std::error_code error;
-    using std::filesystem::perms;
-    if (file)  // another user's program reads it, whatever this one's mask
-        std::filesystem::permissions(
-            beside, perms::owner_read | perms::owner_write | perms::group_read | perms::others_read, error);
-    if (file && !error) std::filesystem::rename(beside, path, error);
-    if (file && !error) return;
-    const std::string why = error ? error.message() : std::strerror(errno);
-    std::filesystem::remove(beside, error);
+    constexpr mode_t readableForAll = 0644;
+    std::string beside = path + ".XXXXXX";
+    const int fd = mkstemp(beside.data());
+    bool written = fd >= 0 && write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size()) &&
+                   fchmod(fd, readableForAll) == 0;
+    if (fd >= 0) written = close(fd) == 0 && written;
+    written = written && std::rename(beside.c_str(), path.c_str()) == 0;
+    if (written) return;
+    const std::string why = std::strerror(errno);
+    if (fd >= 0) unlink(beside.c_str());
     throw COMMAND_ERROR("cannot write " + path + ": " + why);
 }
 
 void ShowStatus(const STATUS_OPTIONS& options) {
     const STATUS status = ReadStatus();
-    if (!options.prometheus.empty()) WriteWhole(options.prometheus, StatusAsPrometheus(status));
+    if (options.prometheus == "-") {
+        std::fputs(StatusAsPrometheus(status).c_str(), stdout);
+    } else if (!options.prometheus.empty()) {
+        WriteWhole(options.prometheus, StatusAsPrometheus(status));
+    }
     if (!options.prometheus.empty() && !options.json) return;
     std::printf("%s\n", (options.json ? StatusAsJson(status) : StatusAsText(status)).c_str());
 }
@@ -49,7 +53,7 @@ void AddStatusCommand(CLI::App& app) {
     status->add_flag("--json", options->json, "one JSON object");
     status
         ->add_option("--prometheus", options->prometheus,
-                     "write the figures there, for the node exporter; shows nothing")
+                     "write the figures there (- is standard output), for the node exporter; shows nothing else")
         ->type_name("FILE");
     status->callback([options] { ShowStatus(*options); });
 }

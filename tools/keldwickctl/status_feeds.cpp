@@ -52,7 +52,8 @@ std::vector<FEED_STATUS> ReadFeeds() {
     const std::string folder = win32::MachinePath("feed");
     std::error_code error;
     for (fs::directory_iterator it(folder, error), end; !error && it != end; it.increment(error)) {
-        if (it->path().extension() == ".lock") feeds.push_back(ReadFeed(it->path().stem().string()));
+        if (it->path().extension() == ".lock" && IsFeedName(it->path().stem().string()))
+            feeds.push_back(ReadFeed(it->path().stem().string()));
     }
     if (error && error != std::errc::no_such_file_or_directory)
         throw COMMAND_ERROR("cannot look into " + folder + ": " + error.message());

@@ -1,6 +1,7 @@
 #include "tools/keldwickctl/status_process.h"
 
 #include <arpa/inet.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -77,14 +78,20 @@ std::optional<DWORD> MarkOf(const fs::path& process, const std::string& descript
     return number;
 }
 
-void LookAtDescriptors(const fs::path& process, AGENT_PROCESS& agent) {
+bool IsSameFile(const fs::path& a, const fs::path& b) {
+    struct stat first, second;
+    return stat(a.c_str(), &first) == 0 && stat(b.c_str(), &second) == 0 && first.st_dev == second.st_dev &&
+           first.st_ino == second.st_ino;
+}
+
+void LookAtDescriptors(const fs::path& process, const fs::path& securityLog, AGENT_PROCESS& agent) {
     std::set<std::string> sockets;
     std::error_code error;
     for (fs::directory_iterator it(process / "fd", error), end; !error && it != end; it.increment(error)) {
         const std::string target = LinkTarget(it->path());
         constexpr std::string_view socket = "socket:[";
         if (target.starts_with(socket)) sockets.insert(target.substr(socket.size(), target.size() - socket.size() - 1));
-        if (target.ends_with("/eventlog/Security.evt") && !agent.nextRecord)
+        if (!agent.nextRecord && IsSameFile(it->path(), securityLog))
             agent.nextRecord = MarkOf(process, it->path().filename().string());
     }
     for (const char* name : {"net/tcp", "net/tcp6"}) {
@@ -130,6 +137,9 @@ std::optional<AGENT_CONNECTION> ServerConnection(std::istream& table, const std:
 }
 
 std::optional<AGENT_PROCESS> FindAgent(const std::string& root) {
+    struct stat owner;
+    if (stat(root.c_str(), &owner) != 0) return std::nullopt;
+    std::optional<AGENT_PROCESS> found;
     pid_t hidden = 0;
     std::error_code error;
     for (fs::directory_iterator it("/proc", error), end; !error && it != end; it.increment(error)) {
@@ -137,16 +147,20 @@ std::optional<AGENT_PROCESS> FindAgent(const std::string& root) {
         const pid_t pid = static_cast<pid_t>(std::strtol(process.filename().c_str(), nullptr, 10));
         std::string name;
         std::ifstream(process / "comm") >> name;
-        if (pid <= 0 || name != "keldwick") continue;
+        struct stat user;  // anybody may give a process that name and that environment
+        if (pid <= 0 || name != "keldwick" || stat(process.c_str(), &user) != 0) continue;
+        if (user.st_uid != 0 && user.st_uid != owner.st_uid) continue;
         const std::string program = LinkTarget(process / "exe");
         if (access((process / "environ").c_str(), R_OK) != 0 && errno == EACCES) hidden = pid;
         if (program.empty() || !SameFolder(RootOf(process, program), root)) continue;
         AGENT_PROCESS agent;
         agent.pid = pid;
         agent.since = StartTime(process);
-        LookAtDescriptors(process, agent);
-        return agent;
+        LookAtDescriptors(process, fs::path(root) / "eventlog/Security.evt", agent);
+        if (agent.nextRecord) return agent;
+        if (!found) found = agent;  // one that does not follow yet, or that only sends a report
     }
-    if (hidden != 0) throw COMMAND_ERROR("may not look at process " + std::to_string(hidden) + ": be root or its user");
-    return std::nullopt;
+    if (!found && hidden != 0)
+        throw COMMAND_ERROR("may not look at process " + std::to_string(hidden) + ": be root or its user");
+    return found;
 }

@@ -72,10 +72,13 @@ void LookForLastError(STATUS& status) {
     });
 }
 
+void LookAtFeeds(STATUS& status) { status.feeds = ReadFeeds(); }
+
 void LookAtFigures(STATUS& status) {
     IDENTITY_LIST list;
     const auto heading = status.agent ? list.Open() : std::nullopt;
-    if (heading && heading->process == status.agent->pid) status.figures = heading;  // else of an earlier run
+    if (heading && heading->IsOf(status.agent->pid, status.agent->since))
+        status.figures = heading;  // else of an earlier run
 }
 
 void LookAtRegistry(STATUS& status) {
@@ -144,10 +147,13 @@ STATUS ReadStatus() {
     status.now = std::time(nullptr);
     status.agent = FindAgent(status.root.empty() ? "/" : status.root);
     LookAtRegistry(status);
-    LookAtSecurityLog(status);
-    LookAtFigures(status);
-    LookForLastError(status);
-    status.feeds = ReadFeeds();
+    for (const auto look : {LookAtSecurityLog, LookAtFigures, LookForLastError, LookAtFeeds}) {
+        try {
+            look(status);
+        } catch (const COMMAND_ERROR& error) {  // the rest is worth knowing all the more
+            status.troubles.emplace_back(error.what());
+        }
+    }
     const std::string log = win32::MachinePath("Keldwick.log");
     std::error_code error;
     if (std::filesystem::is_regular_file(log, error)) status.logFile = log;
@@ -175,6 +181,7 @@ std::string StatusAsText(const STATUS& status) {
     for (const FEED_STATUS& feed : status.feeds) text += FeedText(feed);
     if (!status.lastError.empty()) text += "\nlast error       " + status.lastError;
     if (!status.logFile.empty()) text += "\nlog file         " + status.logFile;
+    for (const std::string& trouble : status.troubles) text += "\nnot known        " + trouble;
     return text;
 }
 
@@ -210,6 +217,7 @@ std::string StatusAsJson(const STATUS& status) {
     if (!status.lastErrorJson.empty())
         object["last_error"] = nlohmann::ordered_json::parse(status.lastErrorJson, nullptr, false);
     object["log_file"] = status.logFile;
+    object["troubles"] = status.troubles;
     object["feeds"] = nlohmann::ordered_json::array();
     for (const FEED_STATUS& feed : status.feeds) object["feeds"].push_back(FeedObject(feed));
     return object.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);

@@ -25,9 +25,10 @@ struct STATUS {
     std::string lastError, lastErrorJson;     // the newest error event of the Application log; empty: there is none
     std::string logFile;                      // empty: there is none
     std::vector<FEED_STATUS> feeds;
+    std::vector<std::string> troubles;  // what could not be looked at, and why
 };
 
-// Reads it all. Throws COMMAND_ERROR: what cannot be read.
+// Reads it all. Throws COMMAND_ERROR without settings, or when the agent may not be looked at.
 STATUS ReadStatus();
 
 std::string StatusAsText(const STATUS& status);

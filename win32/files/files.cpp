@@ -30,16 +30,22 @@ int AccessFlags(DWORD access) {
     return flags;
 }
 
+// The machine root is its owner's. Where root works in another user's, it follows no link that this user may have laid,
+// and what it makes there is for the owner and his group.
+bool IsInMachineRoot(const std::string& path) { return path.starts_with(win32::MachinePath("")); }
+
 // Opens what exists or makes it, and knows which of the two it was although others create and delete meanwhile.
 // Nothing is truncated yet. errno says why there is no descriptor.
 OPENED OpenFile(const std::string& path, int flags, DWORD disposition) {
-    constexpr mode_t mode = 0644;
+    const bool inRoot = IsInMachineRoot(path);
+    const mode_t mode = inRoot ? 0640 : 0644;
+    if (inRoot && geteuid() == 0) flags |= O_NOFOLLOW;
     constexpr int maxRaces = 100;
     const bool creates = disposition != OPEN_EXISTING && disposition != TRUNCATE_EXISTING;
     for (int race = 0; race < maxRaces; ++race) {
         if (creates) {
             const int made = open(path.c_str(), flags | O_CREAT | O_EXCL, mode);
-            if (made >= 0 && path.starts_with(win32::MachinePath(""))) win32::GiveToFolderOwner(made, path);
+            if (made >= 0 && inRoot) win32::GiveToFolderOwner(made, path);
             if (made >= 0 || errno != EEXIST || disposition == CREATE_NEW) return {made, false};
         }
         const int found = open(path.c_str(), flags);

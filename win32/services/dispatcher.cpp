@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "win32/services/exit_status.h"
+#include "win32/services/machine_shutdown.h"
 #include "win32/services/service_manager.h"
 #include "win32/services/watchdog.h"
 #include "win32/sync/descriptor.h"
@@ -53,6 +54,7 @@ private:
     bool Begin(const SERVICE_TABLE_ENTRYW& entry);
     void End();
     void DispatchUntilStopped(STOP_SIGNALS& signals);
+    bool IsStopDue();
     void PassOnStop();
     bool Stopped();
     void Wake();
@@ -143,18 +145,29 @@ void SERVICE::DispatchUntilStopped(STOP_SIGNALS& signals) {
 }
 
 // A stop that comes while the service does not accept it yet is kept until it does.
+bool SERVICE::IsStopDue() {
+    const std::lock_guard guard(lock);
+    return stopWanted && handler != nullptr && (accepted & SERVICE_ACCEPT_STOP) != 0 && !stopped;
+}
+
+// systemd stops a service by the same signal whatever the reason; a service that wants to hear of the machine's
+// shutdown is given that control then.
 void SERVICE::PassOnStop() {
+    if (!IsStopDue()) return;
+    const bool shutdown = IsMachineShuttingDown();
     LPHANDLER_FUNCTION_EX function;
     LPVOID argument;
+    DWORD control;
     {
         const std::lock_guard guard(lock);
-        if (!stopWanted || handler == nullptr || (accepted & SERVICE_ACCEPT_STOP) == 0 || stopped) return;
         stopWanted = false;
         function = handler;
         argument = context;
+        control =
+            shutdown && (accepted & SERVICE_ACCEPT_SHUTDOWN) != 0 ? SERVICE_CONTROL_SHUTDOWN : SERVICE_CONTROL_STOP;
     }
     NotifyServiceManager(StoppingMessage());  // a service need not report that it is about to stop
-    function(SERVICE_CONTROL_STOP, 0, nullptr, argument);
+    function(control, 0, nullptr, argument);
 }
 
 bool SERVICE::Stopped() {

@@ -18,7 +18,7 @@ namespace {
 constexpr uint64_t MicrosecondsPerMillisecond = 1000;
 
 std::atomic<int> signalDescriptor{-1};
-struct sigaction formerTerm, formerInterrupt;
+struct sigaction formerTerm, formerInterrupt, formerHangUp;
 
 extern "C" void OnStopSignal(int) {
     const int before = errno;
@@ -85,12 +85,15 @@ STOP_SIGNALS::STOP_SIGNALS() {
     action.sa_flags = SA_RESTART;
     sigaction(SIGTERM, &action, &formerTerm);
     sigaction(SIGINT, &action, &formerInterrupt);
+    action.sa_handler = SIG_IGN;
+    sigaction(SIGHUP, &action, &formerHangUp);
 }
 
 STOP_SIGNALS::~STOP_SIGNALS() {
     if (signalDescriptor < 0) return;
     sigaction(SIGTERM, &formerTerm, nullptr);
     sigaction(SIGINT, &formerInterrupt, nullptr);
+    sigaction(SIGHUP, &formerHangUp, nullptr);
     close(signalDescriptor.exchange(-1));
 }
 

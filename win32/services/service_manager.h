@@ -23,7 +23,8 @@ DWORD CodeOf(const SERVICE_STATUS& status);
 // Sends a message; false when it could not be delivered (last error set).
 bool NotifyServiceManager(const std::string& message);
 
-// While it lives, SIGTERM and SIGINT make its event signalled and do nothing else. One at a time.
+// While it lives, SIGTERM and SIGINT make its event signalled and do nothing else, and SIGHUP, by which daemons are
+// asked to read their settings again, does nothing: changed settings are noticed anyway. One at a time.
 class STOP_SIGNALS {
 public:
     STOP_SIGNALS();
