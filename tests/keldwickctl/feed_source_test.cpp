@@ -160,9 +160,10 @@ TEST(SHIPPER_JSON, NestedDottedAndFlatFormsPutTheNamesIntoTheirPositions) {
         "winlog.event_data.TargetUserName":"ann","host.name":"DC9","winlog.event_data.WorkstationName":"WS1"})"));
     EXPECT_EQ("4634/5 1=ann 4=3", strings(R"({"EventTime":"2026-11-16 08:00:12","Hostname":"DC9","EventID":4634,
         "TargetUserName":"ann","LogonType":3})"));
-    EXPECT_EQ("4769/10 0=ann@CORP 2=WS1$ 6=::ffff:10.0.0.7 7=0x0", strings(R"({"EventTime":1794816012,
-        "Hostname":"DC9","EventID":4769,"TargetUserName":"ann@CORP","ServiceName":"WS1$",
-        "IpAddress":"::ffff:10.0.0.7","Status":"0x0"})"));
+    EXPECT_EQ("4634/5 1=ann",
+              strings("{\"A." + std::string(300, 'x') + R"(":1,"A":{")" + std::string(300, 'x') +
+                      R"(":1},"EventTime":1794816012,"Hostname":"DC9","EventID":4634,"TargetUserName":"ann"})"))
+        << "a name too long for any of ours costs only itself";
     EXPECT_EQ("540/15 0=ann 13=10.0.0.7", strings(R"({"TimeCreated":"/Date(1794816012345)/","Hostname":"DC9",
         "EventID":540,"TargetUserName":"ann","IpAddress":"10.0.0.7"})"))
         << "an old logon by names of today";
@@ -177,14 +178,48 @@ TEST(SHIPPER_JSON, NestedDottedAndFlatFormsPutTheNamesIntoTheirPositions) {
 
 TEST(SHIPPER_JSON, OtherEventsAreSkippedAndWhatIsNoEventIsNamed) {
     const std::string time = R"({"EventTime":"2026-11-16T08:00:12Z",)", user = R"(,"TargetUserName":"x"})";
-    for (const std::string& skipped : {time + R"("EventID":4688,"NewProcessName":"x"})", std::string("   "),
-                                       time + R"("EventID":528,"Channel":"Application","param1":"x"})"})
+    std::string many = time + R"("EventID":4634)" + user;
+    for (int i = 0; i < 3000; ++i) many.insert(1, "\"a" + std::to_string(i) + "\":1,");
+    for (const std::string& skipped :
+         {time + R"("EventID":4688,"NewProcessName":"x"})", std::string("   "), time + R"("EventID":4769)" + user,
+          time + R"("EventID":528,"Channel":"Application","param1":"x"})"})
         EXPECT_EQ(SKIPPED, READ<SHIPPER_JSON>(skipped).result) << skipped;
     for (const std::string& unreadable :
          {time + R"("TargetUserName":"x"})", time + R"("EventID":"4624a")" + user, time + R"("EventID":4624.0)" + user,
           time + R"("EventID":-1)" + user, time + R"("EventID":4624})", R"({"EventTime":"once","EventID":4624)" + user,
-          R"({"EventID":4624)" + user, std::string(R"({"EventID":4624)"), std::string("4624")})
-        EXPECT_EQ(UNREADABLE, READ<SHIPPER_JSON>(unreadable).result) << unreadable;
+          R"({"EventID":4624)" + user, std::string(R"({"EventID":4624)"), std::string("4624"), many})
+        EXPECT_EQ(UNREADABLE, READ<SHIPPER_JSON>(unreadable).result) << unreadable.substr(0, 200);
+}
+
+TEST(SHIPPER_JSON, AFailureIsOneInEachOfTheWaysItIsTold) {
+    const auto type = [](const std::string& member) {
+        const READ<SHIPPER_JSON> read(R"({"EventTime":"2026-11-16T08:00:12Z","EventID":4624,"TargetUserName":"ann",)" +
+                                      member + "}");
+        EXPECT_EQ(RECORD, read.result) << read.reason;
+        return read.event.type;
+    };
+    for (const char* failure :
+         {R"("event.outcome":"failure")", R"("EventType":"AUDIT_FAILURE")",
+          R"("winlog":{"keywords":["Audit Failure"]})", R"("winlog.keywords":"Audit Failure")",
+          R"("Keywords":["Classic","Audit Failure"],"event.outcome":"success")", R"("Keywords":["0x8010000000000000"])",
+          R"("Keywords":"0x8010000000000000")", R"("Keywords":9227875636482146304)",
+          R"("Keywords":-9218868437227405312)", R"("Event":{"System":{"Keywords":"0x8010000000000000"}})"})
+        EXPECT_EQ(EVENTLOG_AUDIT_FAILURE, type(failure)) << failure;
+    for (const char* success :
+         {R"("winlog":{"keywords":["Audit Success"]})", R"("Keywords":"0x8020000000000000")",
+          R"("Keywords":9232379236109516800)", R"("Keywords":-9214364837600034816)",
+          R"("Keywords":[["Audit Failure"],{}])", R"("Keywords":"")", R"("event_data":{"Keywords":"Audit Failure"})"})
+        EXPECT_EQ(EVENTLOG_AUDIT_SUCCESS, type(success)) << success;
+}
+
+TEST(FEED_VALUES, ATimeIsTakenInEachOfItsForms) {
+    for (const char* text : {"1794816012", "1794816012345", "1794816012345678", "1794816012345678901", "1794816012.345",
+                             "1794816012345.6", "1.794816012345678e+15", "1794816012.345678901", "1794816012.",
+                             "/Date(1794816012345)/", "2026-11-16 09:00:12.5+0100", "2026-11-16T08:00:12.345678901Z"})
+        EXPECT_EQ(1794816012u, ParseShippedTime(text)) << text;
+    for (const char* bad : {"", "0", "0.5", ".5", "-1.5", "nan", "inf", "1e400", "1e30", "17948160123456789012345",
+                            "1.5x", "1794816012,5", "0x1p9", "/Date()/"})
+        EXPECT_FALSE(ParseShippedTime(bad)) << bad;
 }
 
 }  // namespace
