@@ -47,6 +47,15 @@ std::string Kdc(const json& changes, const std::string& time) {
     return Authentication(fields, time);
 }
 
+// Of a user at the console of WS77, which passed it on to the controller.
+std::string SamLogon(const json& changes) {
+    json fields = {{"serviceDescription", "SamLogon"}, {"logonType", 2},
+                   {"workstation", "\\\\WS1"},         {"netlogonComputer", "WS77"},
+                   {"netlogonTrustAccount", "WS77$"},  {"netlogonSecureChannelType", 2}};
+    if (!changes.is_null()) fields.update(changes);
+    return Authentication(fields);
+}
+
 std::string Authorization(const json& changes, const std::string& time = "2026-11-16T08:00:12.600000+0000") {
     static const json fields = json::parse(R"({"remoteAddress":"ipv4:10.0.0.7:49153","serviceDescription":"SMB2",
         "authType":"krb5","domain":"CORP","account":"ann","sid":"S-1-5-21-7-8-9-1103","accountFlags":"0x00000010",
@@ -77,8 +86,8 @@ TEST(SAMBA_AUDIT, ASuccessfulLogonsFieldsStandWhereA4624RecordHasThem) {
     EXPECT_EQ(ann + "3 - " + at, fields(Kdc({}, "2026-11-16T08:00:12Z"))) << "the KDC names no workstation";
     const json ldap = {{"serviceDescription", "LDAP"}, {"logonType", 8}, {"workstation", "DC1"}};
     EXPECT_EQ(ann + "8 - " + at, fields(Authentication(ldap))) << "LDAP names the controller itself";
-    const json samLogon = {{"serviceDescription", "SamLogon"}, {"logonType", 2}, {"workstation", "\\\\WS77"}};
-    EXPECT_EQ(ann + "2 WS77 " + at, fields(Authentication(samLogon)));
+    EXPECT_EQ(ann + "2 WS77 " + at, fields(SamLogon({}))) << "whose channel it is, not what came over it";
+    EXPECT_EQ(ann + "10 - " + at, fields(SamLogon({{"logonType", 10}, {"netlogonTrustAccount", nullptr}})));
     EXPECT_EQ(sids + " ann CORP 0x0 3 - 10.0.0.7 49153 ", fields(Authorization({}))) << "a Kerberos session alone";
     EXPECT_EQ(sids + " WS1$ CORP 0x1a2b 3 WS1 " + at, fields(of("WS1$")));
     EXPECT_EQ(sids + " zo\xC3\xAB\xEF\xBF\xBDx CORP 0x1a2b 3 WS1 " + at, fields(of(std::string("zo\xC3\xAB\0x", 6))))
@@ -86,7 +95,6 @@ TEST(SAMBA_AUDIT, ASuccessfulLogonsFieldsStandWhereA4624RecordHasThem) {
 }
 
 TEST(SAMBA_AUDIT, WhatShowsNoUserAtAnAddressIsNoLogonAndRubbishIsNamed) {
-    const json passedOn = {{"serviceDescription", "SamLogon"}, {"workstation", "WS5"}, {"netlogonComputer", "FS1"}};
     const json statusInAName = {{"status", "NT_STATUS_NO_SUCH_USER"},
                                 {"clientAccount", "a\", \"status\": \"NT_STATUS_OK"}};
     for (const std::string& skipped :
@@ -95,13 +103,16 @@ TEST(SAMBA_AUDIT, WhatShowsNoUserAtAnAddressIsNoLogonAndRubbishIsNamed) {
           Authentication({{"becameAccount", nullptr}}), Authentication({{"remoteAddress", nullptr}}),
           Authentication({{"remoteAddress", "unix:/run/ldapi"}}), Authentication({{"remoteAddress", "ipv4:0.0.0.0:0"}}),
           Authentication({{"remoteAddress", "ipv4:10.0.0.7"}}), Authentication({{"localAddress", "ipv4:10.0.0.7:445"}}),
-          Authentication(passedOn), Authorization({{"authType", "NTLMSSP"}}),
-          std::string(R"({"type":"dsdbChange","dsdbChange":{}})"),
-          std::string("[2026/11/16 08:00:12.1,  3] auth_log.c:876"), std::string()})
+          SamLogon({{"logonType", 3}}), SamLogon({{"logonType", 3}, {"workstation", "WS77"}}),
+          SamLogon({{"logonType", 8}}), SamLogon({{"netlogonSecureChannelType", 4}}),
+          Authorization({{"authType", "NTLMSSP"}}), std::string(R"({"type":"dsdbChange","dsdbChange":{}})"),
+          std::string("[2026/11/16 08:00:12.1,  3] auth_log.c:876"), std::string("  Auth: [SMB2]"),
+          std::string("\t[1]"), std::string()})
         EXPECT_EQ(SKIPPED, READ<SAMBA_AUDIT>(skipped).result) << skipped;
     for (const std::string& unreadable :
          {Authentication({{"becameSid", "S-1-x"}}), Authentication({{"logonType", "many"}}),
           Authentication({}, "yesterday"), Authentication({}).substr(0, 100), std::string("[1]"),
+          std::string("Auth: [SMB2]"), "  " + Authentication({}).substr(0, 100),
           std::string(R"({"type":"Authentication","timestamp":"2026-11-16T08:00:12Z","Authentication":[]})"),
           std::string("{\"type\":\"\xFF\"}"), std::string(900000, '[')})
         EXPECT_EQ(UNREADABLE, READ<SAMBA_AUDIT>(unreadable).result) << unreadable.substr(0, 200);
@@ -109,6 +120,7 @@ TEST(SAMBA_AUDIT, WhatShowsNoUserAtAnAddressIsNoLogonAndRubbishIsNamed) {
 
 TEST(SAMBA_AUDIT, OneLogonIsOneRecord) {
     const json bob = {{"becameAccount", "bob"}, {"becameSid", "S-1-5-21-7-8-9-1104"}};
+    const json computer = {{"becameAccount", "WS1$"}, {"becameSid", "S-1-5-21-7-8-9-1105"}};
     const json bind = {{"serviceDescription", "LDAP"}, {"logonType", 8}};
     const auto at = [](const std::string& time, const json& changes = {}) {
         return Kdc(changes, "2026-11-16T" + time + "Z");
@@ -130,6 +142,10 @@ TEST(SAMBA_AUDIT, OneLogonIsOneRecord) {
         {"asked over UDP, then TCP", {at("08:00:10"), at("08:00:11")}, "R-"},
         {"a new ticket later", {at("08:00:10"), at("08:00:20")}, "RR"},
         {"users in turn", {at("08:00:10"), at("08:00:20", bob), at("08:00:30")}, "RRR"},
+        {"another user between a ticket and its session", {at("08:00:00"), at("08:00:10", bob), session, ldap}, "RRR-"},
+        {"a computer in between",
+         {at("08:00:00"), at("08:00:10", computer), session, at("08:00:11", computer)},
+         "RR--"},
     };
     for (const auto& c : cases) {
         SAMBA_AUDIT reader;
@@ -162,7 +178,7 @@ TEST(SHIPPER_JSON, NestedDottedAndFlatFormsPutTheNamesIntoTheirPositions) {
         "TargetUserName":"ann","LogonType":3})"));
     EXPECT_EQ("4634/5 1=ann",
               strings("{\"A." + std::string(300, 'x') + R"(":1,"A":{")" + std::string(300, 'x') +
-                      R"(":1},"EventTime":1794816012,"Hostname":"DC9","EventID":4634,"TargetUserName":"ann"})"))
+                      R"(":1},"EventTime":1794816012.5,"Hostname":"DC9","EventID":4634,"TargetUserName":"ann"})"))
         << "a name too long for any of ours costs only itself";
     EXPECT_EQ("540/15 0=ann 13=10.0.0.7", strings(R"({"TimeCreated":"/Date(1794816012345)/","Hostname":"DC9",
         "EventID":540,"TargetUserName":"ann","IpAddress":"10.0.0.7"})"))
