@@ -99,6 +99,7 @@ TEST(EVENT_XML, EachThingThatIsUnreadableIsReportedOnceAndTheRestIsTaken) {
     Check("cut short by the next", Event(1).substr(0, 150) + Event(2), {2}, {first + "cut short by the next"});
     Check("cut short by the end", Event(1) + Event(2).substr(0, 150), {1}, {"event 2 at byte"});
     Check("text between", Event(1) + "rubbish" + Event(2) + "more", {1, 2}, {"text outside", "text outside"});
+    Check("a tag within a tag", "<a <b>" + Event(1) + "<a b='" + Event(2), {1, 2}, {"a broken tag", "a broken tag"});
     Check("a foreign element", "<html><body>hello</body></html>", {}, {"the element html"});
     Check("no EventID", "<Event><System>" + time + "</System></Event>", {}, {first + "no EventID"});
     Check("no time", "<Event><System><EventID>1</EventID></System></Event>", {}, {first + "no time"});
@@ -108,6 +109,37 @@ TEST(EVENT_XML, EachThingThatIsUnreadableIsReportedOnceAndTheRestIsTaken) {
           {"event 1 at byte 39: unknown encoding"});
     Check("nested without end", nested + "</Event>", {}, {first + "elements nested"});
     Check("too large", large + Event(2), {2}, {first + "larger"});
+}
+
+// Whoever looks for each of these ends anew is at it for minutes.
+TEST(EVENT_XML, EndsThatNeverComeAreLookedForOnce) {
+    const auto many = [](const std::string& what, size_t bytes) {
+        std::string all;
+        while (all.size() < bytes) all += what;
+        return all;
+    };
+    constexpr size_t large = 1024 * 1024, waited = EVENT_XML_IMPORT::LargestEvent + 2 * large;
+    const struct {
+        std::string name, xml;
+        size_t step;
+        const char* unreadable;
+    } cases[] = {
+        {"comments", many("<!--", large), 65536, "a comment or instruction without its end at byte 0"},
+        {"CDATA", many("<![CDATA[", large), 65536, "a comment or instruction without its end at byte 0"},
+        {"instructions", many("<?", large), 65536, "a comment or instruction without its end at byte 0"},
+        {"each in turn", many("<!--<![CDATA[<?<a", large), 65536, "a comment or instruction without its end at byte 0"},
+        {"tags", many("<a ", large), 65536, "a broken tag at byte 0"},
+        {"tags in quotes", many("<a '", large), 65536, "a broken tag at byte 0"},
+        {"a dripping comment", "<!--" + std::string(waited, '-'), 200, "a comment or instruction without its end"},
+        {"dripping comments", many("<!--", waited), 200, "a comment or instruction without its end at byte 0"},
+        {"a dripping tag", many("<a b='" + std::string(65000, '>'), large), 1, "a broken tag at byte 0"},
+    };
+    for (const auto& c : cases) {
+        const COLLECTING_SINK sink = Import(c.xml + Event(1), c.step);
+        ASSERT_EQ(1u, sink.unreadable.size()) << c.name << testing::PrintToString(sink.unreadable);
+        EXPECT_THAT(sink.unreadable[0], StartsWith(c.unreadable)) << c.name;
+        EXPECT_EQ(1u, sink.events.size()) << c.name;
+    }
 }
 
 TEST(EVENT_XML, TheIthDataIsStringIAndNothingOfItIsTrimmed) {

@@ -47,6 +47,15 @@ std::string Kdc(const json& changes, const std::string& time) {
     return Authentication(fields, time);
 }
 
+// Of a user at the console of WS77, which passed it on to the controller.
+std::string SamLogon(const json& changes) {
+    json fields = {{"serviceDescription", "SamLogon"}, {"logonType", 2},
+                   {"workstation", "\\\\WS1"},         {"netlogonComputer", "WS77"},
+                   {"netlogonTrustAccount", "WS77$"},  {"netlogonSecureChannelType", 2}};
+    if (!changes.is_null()) fields.update(changes);
+    return Authentication(fields);
+}
+
 std::string Authorization(const json& changes, const std::string& time = "2026-11-16T08:00:12.600000+0000") {
     static const json fields = json::parse(R"({"remoteAddress":"ipv4:10.0.0.7:49153","serviceDescription":"SMB2",
         "authType":"krb5","domain":"CORP","account":"ann","sid":"S-1-5-21-7-8-9-1103","accountFlags":"0x00000010",
@@ -77,8 +86,8 @@ TEST(SAMBA_AUDIT, ASuccessfulLogonsFieldsStandWhereA4624RecordHasThem) {
     EXPECT_EQ(ann + "3 - " + at, fields(Kdc({}, "2026-11-16T08:00:12Z"))) << "the KDC names no workstation";
     const json ldap = {{"serviceDescription", "LDAP"}, {"logonType", 8}, {"workstation", "DC1"}};
     EXPECT_EQ(ann + "8 - " + at, fields(Authentication(ldap))) << "LDAP names the controller itself";
-    const json samLogon = {{"serviceDescription", "SamLogon"}, {"logonType", 2}, {"workstation", "\\\\WS77"}};
-    EXPECT_EQ(ann + "2 WS77 " + at, fields(Authentication(samLogon)));
+    EXPECT_EQ(ann + "2 WS77 " + at, fields(SamLogon({}))) << "whose channel it is, not what came over it";
+    EXPECT_EQ(ann + "10 - " + at, fields(SamLogon({{"logonType", 10}, {"netlogonTrustAccount", nullptr}})));
     EXPECT_EQ(sids + " ann CORP 0x0 3 - 10.0.0.7 49153 ", fields(Authorization({}))) << "a Kerberos session alone";
     EXPECT_EQ(sids + " WS1$ CORP 0x1a2b 3 WS1 " + at, fields(of("WS1$")));
     EXPECT_EQ(sids + " zo\xC3\xAB\xEF\xBF\xBDx CORP 0x1a2b 3 WS1 " + at, fields(of(std::string("zo\xC3\xAB\0x", 6))))
@@ -86,7 +95,6 @@ TEST(SAMBA_AUDIT, ASuccessfulLogonsFieldsStandWhereA4624RecordHasThem) {
 }
 
 TEST(SAMBA_AUDIT, WhatShowsNoUserAtAnAddressIsNoLogonAndRubbishIsNamed) {
-    const json passedOn = {{"serviceDescription", "SamLogon"}, {"workstation", "WS5"}, {"netlogonComputer", "FS1"}};
     const json statusInAName = {{"status", "NT_STATUS_NO_SUCH_USER"},
                                 {"clientAccount", "a\", \"status\": \"NT_STATUS_OK"}};
     for (const std::string& skipped :
@@ -95,13 +103,16 @@ TEST(SAMBA_AUDIT, WhatShowsNoUserAtAnAddressIsNoLogonAndRubbishIsNamed) {
           Authentication({{"becameAccount", nullptr}}), Authentication({{"remoteAddress", nullptr}}),
           Authentication({{"remoteAddress", "unix:/run/ldapi"}}), Authentication({{"remoteAddress", "ipv4:0.0.0.0:0"}}),
           Authentication({{"remoteAddress", "ipv4:10.0.0.7"}}), Authentication({{"localAddress", "ipv4:10.0.0.7:445"}}),
-          Authentication(passedOn), Authorization({{"authType", "NTLMSSP"}}),
-          std::string(R"({"type":"dsdbChange","dsdbChange":{}})"),
-          std::string("[2026/11/16 08:00:12.1,  3] auth_log.c:876"), std::string()})
+          SamLogon({{"logonType", 3}}), SamLogon({{"logonType", 3}, {"workstation", "WS77"}}),
+          SamLogon({{"logonType", 8}}), SamLogon({{"netlogonSecureChannelType", 4}}),
+          Authorization({{"authType", "NTLMSSP"}}), std::string(R"({"type":"dsdbChange","dsdbChange":{}})"),
+          std::string("[2026/11/16 08:00:12.1,  3] auth_log.c:876"), std::string("  Auth: [SMB2]"),
+          std::string("\t[1]"), std::string()})
         EXPECT_EQ(SKIPPED, READ<SAMBA_AUDIT>(skipped).result) << skipped;
     for (const std::string& unreadable :
          {Authentication({{"becameSid", "S-1-x"}}), Authentication({{"logonType", "many"}}),
           Authentication({}, "yesterday"), Authentication({}).substr(0, 100), std::string("[1]"),
+          std::string("Auth: [SMB2]"), "  " + Authentication({}).substr(0, 100),
           std::string(R"({"type":"Authentication","timestamp":"2026-11-16T08:00:12Z","Authentication":[]})"),
           std::string("{\"type\":\"\xFF\"}"), std::string(900000, '[')})
         EXPECT_EQ(UNREADABLE, READ<SAMBA_AUDIT>(unreadable).result) << unreadable.substr(0, 200);
@@ -109,6 +120,7 @@ TEST(SAMBA_AUDIT, WhatShowsNoUserAtAnAddressIsNoLogonAndRubbishIsNamed) {
 
 TEST(SAMBA_AUDIT, OneLogonIsOneRecord) {
     const json bob = {{"becameAccount", "bob"}, {"becameSid", "S-1-5-21-7-8-9-1104"}};
+    const json computer = {{"becameAccount", "WS1$"}, {"becameSid", "S-1-5-21-7-8-9-1105"}};
     const json bind = {{"serviceDescription", "LDAP"}, {"logonType", 8}};
     const auto at = [](const std::string& time, const json& changes = {}) {
         return Kdc(changes, "2026-11-16T" + time + "Z");
@@ -130,6 +142,10 @@ TEST(SAMBA_AUDIT, OneLogonIsOneRecord) {
         {"asked over UDP, then TCP", {at("08:00:10"), at("08:00:11")}, "R-"},
         {"a new ticket later", {at("08:00:10"), at("08:00:20")}, "RR"},
         {"users in turn", {at("08:00:10"), at("08:00:20", bob), at("08:00:30")}, "RRR"},
+        {"another user between a ticket and its session", {at("08:00:00"), at("08:00:10", bob), session, ldap}, "RRR-"},
+        {"a computer in between",
+         {at("08:00:00"), at("08:00:10", computer), session, at("08:00:11", computer)},
+         "RR--"},
     };
     for (const auto& c : cases) {
         SAMBA_AUDIT reader;
@@ -160,9 +176,10 @@ TEST(SHIPPER_JSON, NestedDottedAndFlatFormsPutTheNamesIntoTheirPositions) {
         "winlog.event_data.TargetUserName":"ann","host.name":"DC9","winlog.event_data.WorkstationName":"WS1"})"));
     EXPECT_EQ("4634/5 1=ann 4=3", strings(R"({"EventTime":"2026-11-16 08:00:12","Hostname":"DC9","EventID":4634,
         "TargetUserName":"ann","LogonType":3})"));
-    EXPECT_EQ("4769/10 0=ann@CORP 2=WS1$ 6=::ffff:10.0.0.7 7=0x0", strings(R"({"EventTime":1794816012,
-        "Hostname":"DC9","EventID":4769,"TargetUserName":"ann@CORP","ServiceName":"WS1$",
-        "IpAddress":"::ffff:10.0.0.7","Status":"0x0"})"));
+    EXPECT_EQ("4634/5 1=ann",
+              strings("{\"A." + std::string(300, 'x') + R"(":1,"A":{")" + std::string(300, 'x') +
+                      R"(":1},"EventTime":1794816012.5,"Hostname":"DC9","EventID":4634,"TargetUserName":"ann"})"))
+        << "a name too long for any of ours costs only itself";
     EXPECT_EQ("540/15 0=ann 13=10.0.0.7", strings(R"({"TimeCreated":"/Date(1794816012345)/","Hostname":"DC9",
         "EventID":540,"TargetUserName":"ann","IpAddress":"10.0.0.7"})"))
         << "an old logon by names of today";
@@ -177,14 +194,48 @@ TEST(SHIPPER_JSON, NestedDottedAndFlatFormsPutTheNamesIntoTheirPositions) {
 
 TEST(SHIPPER_JSON, OtherEventsAreSkippedAndWhatIsNoEventIsNamed) {
     const std::string time = R"({"EventTime":"2026-11-16T08:00:12Z",)", user = R"(,"TargetUserName":"x"})";
-    for (const std::string& skipped : {time + R"("EventID":4688,"NewProcessName":"x"})", std::string("   "),
-                                       time + R"("EventID":528,"Channel":"Application","param1":"x"})"})
+    std::string many = time + R"("EventID":4634)" + user;
+    for (int i = 0; i < 3000; ++i) many.insert(1, "\"a" + std::to_string(i) + "\":1,");
+    for (const std::string& skipped :
+         {time + R"("EventID":4688,"NewProcessName":"x"})", std::string("   "), time + R"("EventID":4769)" + user,
+          time + R"("EventID":528,"Channel":"Application","param1":"x"})"})
         EXPECT_EQ(SKIPPED, READ<SHIPPER_JSON>(skipped).result) << skipped;
     for (const std::string& unreadable :
          {time + R"("TargetUserName":"x"})", time + R"("EventID":"4624a")" + user, time + R"("EventID":4624.0)" + user,
           time + R"("EventID":-1)" + user, time + R"("EventID":4624})", R"({"EventTime":"once","EventID":4624)" + user,
-          R"({"EventID":4624)" + user, std::string(R"({"EventID":4624)"), std::string("4624")})
-        EXPECT_EQ(UNREADABLE, READ<SHIPPER_JSON>(unreadable).result) << unreadable;
+          R"({"EventID":4624)" + user, std::string(R"({"EventID":4624)"), std::string("4624"), many})
+        EXPECT_EQ(UNREADABLE, READ<SHIPPER_JSON>(unreadable).result) << unreadable.substr(0, 200);
+}
+
+TEST(SHIPPER_JSON, AFailureIsOneInEachOfTheWaysItIsTold) {
+    const auto type = [](const std::string& member) {
+        const READ<SHIPPER_JSON> read(R"({"EventTime":"2026-11-16T08:00:12Z","EventID":4624,"TargetUserName":"ann",)" +
+                                      member + "}");
+        EXPECT_EQ(RECORD, read.result) << read.reason;
+        return read.event.type;
+    };
+    for (const char* failure :
+         {R"("event.outcome":"failure")", R"("EventType":"AUDIT_FAILURE")",
+          R"("winlog":{"keywords":["Audit Failure"]})", R"("winlog.keywords":"Audit Failure")",
+          R"("Keywords":["Classic","Audit Failure"],"event.outcome":"success")", R"("Keywords":["0x8010000000000000"])",
+          R"("Keywords":"0x8010000000000000")", R"("Keywords":9227875636482146304)",
+          R"("Keywords":-9218868437227405312)", R"("Event":{"System":{"Keywords":"0x8010000000000000"}})"})
+        EXPECT_EQ(EVENTLOG_AUDIT_FAILURE, type(failure)) << failure;
+    for (const char* success :
+         {R"("winlog":{"keywords":["Audit Success"]})", R"("Keywords":"0x8020000000000000")",
+          R"("Keywords":9232379236109516800)", R"("Keywords":-9214364837600034816)",
+          R"("Keywords":[["Audit Failure"],{}])", R"("Keywords":"")", R"("event_data":{"Keywords":"Audit Failure"})"})
+        EXPECT_EQ(EVENTLOG_AUDIT_SUCCESS, type(success)) << success;
+}
+
+TEST(FEED_VALUES, ATimeIsTakenInEachOfItsForms) {
+    for (const char* text : {"1794816012", "1794816012345", "1794816012345678", "1794816012345678901", "1794816012.345",
+                             "1794816012345.6", "1.794816012345678e+15", "1794816012.345678901", "1794816012.",
+                             "/Date(1794816012345)/", "2026-11-16 09:00:12.5+0100", "2026-11-16T08:00:12.345678901Z"})
+        EXPECT_EQ(1794816012u, ParseShippedTime(text)) << text;
+    for (const char* bad : {"", "0", "0.5", ".5", "-1.5", "nan", "inf", "1e400", "1e30", "17948160123456789012345",
+                            "1.5x", "1794816012,5", "0x1p9", "/Date()/"})
+        EXPECT_FALSE(ParseShippedTime(bad)) << bad;
 }
 
 }  // namespace

@@ -143,6 +143,16 @@ class Feeds(MachineTest):
         listed = [json.loads(line)["strings"][5] for line in self.ctl("events", "list", "--json").splitlines()]
         self.assertEqual(users, listed)
 
+    def test_a_feed_that_starts_again_knows_whom_the_busy_minute_before_showed(self):
+        self.ctl("init", "--server", self.address)
+        self.append(authentication("ann", "10.0.0.1") +
+                    "".join(authentication("bob", f"10.1.{number >> 8}.{number & 255}") for number in range(4000)))
+        self.assertIn("4001 records written", self.ctl("feed", "samba-audit", self.file, "--once"))
+        session = {"remoteAddress": "ipv4:10.0.0.1:49153", "serviceDescription": "SMB2", "authType": "krb5", "domain": "CORP",
+                   "account": "ann", "sid": "S-1-5-21-1-2-3-1104"}
+        self.append(json.dumps({"timestamp": "2026-11-16T08:01:02Z", "type": "Authorization", "Authorization": session}) + "\n")
+        self.assertIn("0 records written to the Security log, 1 skipped", self.ctl("feed", "samba-audit", self.file, "--once"))
+
     def test_feeds_beside_each_other_share_a_log_and_one_name_runs_once(self):
         self.ctl("init", "--server", self.address)
         other = f"{self.root}/other.jsonl"

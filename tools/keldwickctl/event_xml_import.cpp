@@ -29,23 +29,6 @@ size_t HalfMark(const std::string& text) {
     return 0;
 }
 
-// The end of the tag that begins at `open`, past its '>', which may stand in quoted attribute values too; npos: not
-// there.
-size_t TagEnd(const std::string& text, size_t open) {
-    char quote = 0;
-    const size_t limit = std::min(text.size(), open + LargestTag);
-    for (size_t i = open + 1; i < limit; ++i) {
-        if (quote != 0) {
-            if (text[i] == quote) quote = 0;
-        } else if (text[i] == '"' || text[i] == '\'') {
-            quote = text[i];
-        } else if (text[i] == '>') {
-            return i + 1;
-        }
-    }
-    return std::string::npos;
-}
-
 }  // namespace
 
 void EVENT_XML_IMPORT::Feed(const char* bytes, size_t count) {
@@ -116,11 +99,19 @@ void EVENT_XML_IMPORT::Scan(bool last) {
         if (!found || !ScanMarkup(open, last)) break;
     }
     if (begin != npos && buffer.size() - begin > LargestEvent) CutShort("larger than 4 MiB");
-    const size_t keep = begin != npos ? begin : at;
-    buffer.erase(0, keep);
-    passed += keep;
-    at -= keep;
-    if (begin != npos) begin = 0;
+    // What is kept is moved to the front only when it is the smaller part, or a drip of bytes behind much that waits
+    // would move that each time.
+    const size_t done = begin != npos ? begin : at;
+    if (done >= buffer.size() - done) Drop(done);
+}
+
+void EVENT_XML_IMPORT::Drop(size_t count) {
+    buffer.erase(0, count);
+    passed += count;
+    at -= count;
+    if (begin != npos) begin -= count;
+    for (size_t& each : searched) each -= std::min(each, count);
+    tagSearched -= std::min(tagSearched, count);
 }
 
 // Goes past the markup at `open`. False: its end has not come yet.
@@ -129,28 +120,49 @@ bool EVENT_XML_IMPORT::ScanMarkup(size_t open, bool last) {
     constexpr std::string_view Cdata = "<![CDATA[", Comment = "<!--", Instruction = "<?";
     const bool mayBeLonger = rest.size() == 1 || rest[1] == '!';  // a tag is told apart by its second character
     if (!last && rest.size() < Cdata.size() && mayBeLonger) return false;
-    if (rest.starts_with(Comment)) return SkipTo(open, open + Comment.size(), "-->", last);
-    if (rest == Cdata) return SkipTo(open, open + Cdata.size(), "]]>", last);
-    if (rest.starts_with(Instruction)) return SkipTo(open, open + Instruction.size(), "?>", last);
-    const size_t close = TagEnd(buffer, open);
-    if (close == npos) {
-        if (!last && buffer.size() - open < LargestTag) return false;
+    if (rest.starts_with(Comment)) return SkipTo(open, open + Comment.size(), COMMENT_END, last);
+    if (rest == Cdata) return SkipTo(open, open + Cdata.size(), CDATA_END, last);
+    if (rest.starts_with(Instruction)) return SkipTo(open, open + Instruction.size(), INSTRUCTION_END, last);
+    const size_t end = TagEnd(open);
+    if (end == buffer.size() && end - open < LargestTag && !last) return false;
+    if (end == buffer.size() || end - open == LargestTag || buffer[end] != '>') {
         if (begin == npos) Stray("a broken tag", open);
         at = open + 1;  // an event with this in it is refused when it is parsed
         return true;
     }
-    at = close;
-    ScanTag(open, close);
+    at = end + 1;
+    ScanTag(open, at);
     return true;
 }
 
-bool EVENT_XML_IMPORT::SkipTo(size_t open, size_t from, std::string_view end, bool last) {
-    const size_t found = buffer.find(end, from);
+// Where the tag that begins at `open` ends: at its '>', which may stand in quoted attribute values too, or, broken, at
+// a
+// '<', which may stand nowhere in it, or where it is too long. The buffer's size: it has not ended yet.
+size_t EVENT_XML_IMPORT::TagEnd(size_t open) {
+    if (tagSearched <= open) {
+        tagSearched = open + 1;
+        tagQuote = 0;
+    }
+    const size_t limit = std::min(buffer.size(), open + LargestTag);
+    for (; tagSearched < limit; ++tagSearched) {
+        const char byte = buffer[tagSearched];
+        if (byte == '<' || (byte == '>' && tagQuote == 0)) break;
+        if (tagQuote == 0 ? byte == '"' || byte == '\'' : byte == tagQuote) tagQuote = tagQuote == 0 ? byte : 0;
+    }
+    return tagSearched;
+}
+
+// One search for an end that does not come serves all that wait for it.
+bool EVENT_XML_IMPORT::SkipTo(size_t open, size_t from, END kind, bool last) {
+    constexpr std::array<std::string_view, Ends> texts = {"-->", "]]>", "?>"};
+    const std::string_view end = texts[kind];
+    const size_t found = buffer.find(end, std::max(from, searched[kind]));
     if (found != npos) {
         at = found + end.size();
-        if (begin == npos && end == "?>") ReadDeclaration(std::string_view(buffer).substr(open, at - open));
+        if (begin == npos && kind == INSTRUCTION_END) ReadDeclaration(std::string_view(buffer).substr(open, at - open));
         return true;
     }
+    searched[kind] = buffer.size() - std::min(buffer.size(), end.size() - 1);
     if (!last && buffer.size() - open < LargestEvent) return false;
     if (begin == npos) Stray("a comment or instruction without its end", open);
     at = open + 1;

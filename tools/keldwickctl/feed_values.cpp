@@ -1,6 +1,7 @@
 #include "tools/keldwickctl/feed_values.h"
 
 #include <array>
+#include <charconv>
 
 #include "tools/keldwickctl/event_values.h"
 
@@ -27,14 +28,25 @@ std::string MemberText(const json& object, const char* name) {
     return found == object.end() ? std::string() : ScalarText(*found);
 }
 
+namespace {
+
+// Seconds, or what is too large for them thousandths, millionths or billionths, with or without a fraction or exponent.
+// False: no number.
+bool ParseEpoch(std::string_view text, std::optional<DWORD>& time) {
+    double number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    const bool whole = error == std::errc() && end == text.data() + text.size();
+    if (!whole || text[0] < '1' || text[0] > '9') return false;
+    for (int steps = 0; number > MAXDWORD && steps < 3; ++steps) number /= 1000;
+    if (number <= MAXDWORD) time = static_cast<DWORD>(number);
+    return true;
+}
+
+}  // namespace
+
 std::optional<DWORD> ParseShippedTime(std::string_view text) {
     if (text.starts_with("/Date(") && text.ends_with(")/")) text = text.substr(6, text.size() - 8);
-    if (const auto number = ParseNumber(text, ~0ull >> 1); number && !text.starts_with("0")) {
-        unsigned long long seconds = *number;
-        for (int steps = 0; seconds > MAXDWORD && steps < 2; ++steps) seconds /= 1000;
-        if (seconds <= MAXDWORD) return static_cast<DWORD>(seconds);
-        return {};
-    }
+    if (std::optional<DWORD> time; ParseEpoch(text, time)) return time;
     std::string iso(text.substr(0, 64));
     constexpr size_t DateEnd = 10;  // of YYYY-MM-DD
     if (iso.size() > DateEnd && iso[DateEnd] == ' ') iso[DateEnd] = 'T';

@@ -21,7 +21,8 @@ std::string ScalarText(const nlohmann::json& value);
 std::string MemberText(const nlohmann::json& object, const char* name);
 
 // Seconds since 1970 of a time as log shippers write it: ISO 8601 with T or a blank, offsets with or without a colon
-// (without any it is UTC); /Date(ms)/; a number of seconds, milliseconds or microseconds.
+// (without any it is UTC); /Date(ms)/; a number of seconds, milliseconds, microseconds or nanoseconds, with a
+// fraction or not (cut off).
 std::optional<DWORD> ParseShippedTime(std::string_view text);
 
 // This computer's name, as the events written here carry it.

@@ -15,27 +15,33 @@ struct SAMBA_AUDIT::LOGON {
                                       port;
     bool ownSession = false;  // a session of this account at this address may follow that belongs to it
 
-    // Accounts are told apart by their SID; the name's letter case may differ from one service to the next.
-    std::string Key() const { return sid + '|' + address; }
+    // One user at an address; a computer's account beside, which opens sessions of its own all the time.
+    std::string Key() const { return account.ends_with('$') ? address + '$' : address; }
 };
 
 namespace {
 
 constexpr DWORD LogonEvent = 4624;
 constexpr WORD LogonCategory = 12544;  // the audit subcategory Logon
-constexpr size_t MostSeen = 200000;    // accounts at addresses
+constexpr size_t MostSeen = 200000;    // addresses
 constexpr const char* Anonymous = "S-1-5-7";
 constexpr const char* NoGuid = "{00000000-0000-0000-0000-000000000000}";
 
-bool SameText(const std::string& a, const std::string& b) {
-    return win32::SameName(win32::ToUtf16(a), win32::ToUtf16(b));
-}
-
-// Null where the other side gave no name; SamLogon has back slashes in front.
-std::string Workstation(const json& fields) {
-    std::string name = MemberText(fields, "workstation");
+// Of a computer that passed a logon on the controller knows the account; elsewhere there is only what the client says,
+// of which LDAP has nothing but the controller's own name.
+std::string Workstation(const json& fields, const std::string& service) {
+    if (service == "LDAP") return {};
+    std::string name = MemberText(fields, service == "SamLogon" ? "netlogonTrustAccount" : "workstation");
+    if (service == "SamLogon" && name.ends_with('$')) name.pop_back();
     name.erase(0, name.find_first_not_of('\\'));
     return name;
+}
+
+// Whether the user is at the computer that passed the logon on: at its console or desktop, and that computer a
+// workstation or member server by the account of its channel, no controller of a trusting domain.
+bool IsAtComputer(const json& fields, const std::string& logonType) {
+    return (logonType == "2" || logonType == "10" || logonType == "11") &&
+           MemberText(fields, "netlogonSecureChannelType") == "2";
 }
 
 bool IsHex(const std::string& text) {
@@ -62,8 +68,9 @@ bool ComesFromElsewhere(const json& fields, std::string& address, std::string& p
            !(SplitAuditAddress(MemberText(fields, "localAddress"), own, ownPort) && own == address);
 }
 
-// Header lines of the server's own log, "[2026/11/16 08:00:12 ...", when it shares the file.
-bool IsLogHeader(std::string_view line) {
+// The server's own log, when it shares the file: a header "[2026/11/16 08:00:12 ...", and indented text behind it.
+bool IsLogText(std::string_view line, size_t indent) {
+    if (indent > 0 && line[0] != '{') return true;
     return line.size() > 8 && line[0] == '[' && line[5] == '/' && line[8] == '/';
 }
 
@@ -87,8 +94,9 @@ bool SplitAuditAddress(std::string_view text, std::string& address, std::string&
 }
 
 FEED_LINE_READER::RESULT SAMBA_AUDIT::Read(std::string_view line, win32::NEW_EVENT& event, std::string& reason) {
-    line.remove_prefix(std::min(line.find_first_not_of(" \t\r"), line.size()));
-    if (line.empty() || IsLogHeader(line)) return SKIPPED;
+    const size_t indent = std::min(line.find_first_not_of(" \t\r"), line.size());
+    line.remove_prefix(indent);
+    if (line.empty() || IsLogText(line, indent)) return SKIPPED;
     const json object = ParseFeedObject(line);
     if (object.is_discarded()) {
         reason = "not a JSON object";
@@ -134,9 +142,8 @@ FEED_LINE_READER::RESULT SAMBA_AUDIT::ReadAuthentication(const json& fields, LOG
     logon.guid = NoGuid;
     const std::string service = MemberText(fields, "serviceDescription");
     const bool kdc = service == "Kerberos KDC", passedOn = service == "SamLogon";
-    logon.workstation = service == "LDAP" ? "" : Workstation(fields);  // LDAP: the controller's own name
-    if (passedOn && logon.type != "2" && !SameText(logon.workstation, MemberText(fields, "netlogonComputer")))
-        return SKIPPED;
+    if (passedOn && !IsAtComputer(fields, logon.type)) return SKIPPED;
+    logon.workstation = Workstation(fields, service);
     logon.process = kdc ? "Kerberos" : passedOn ? "NtLmSsp" : service.substr(0, 64);
     logon.package = kdc ? "Kerberos" : service == "LDAP" ? "Negotiate" : "NTLM";
     if (MemberText(fields, "passwordType") == "NTLMv2") logon.ntlm = "NTLM V2";
@@ -173,13 +180,14 @@ FEED_LINE_READER::RESULT SAMBA_AUDIT::ReadAuthorization(const json& fields, LOGO
 // Either way in time: a clock that was set back makes nothing older than it is.
 bool SAMBA_AUDIT::SeenWithin(const LOGON& logon, long long seconds) const {
     const auto found = seen.find(logon.Key());
-    return found != seen.end() && std::abs(logon.time - found->second) <= seconds;
+    return found != seen.end() && found->second.sid == logon.sid &&
+           std::abs(logon.time - found->second.time) <= seconds;
 }
 
 void SAMBA_AUDIT::Remember(const LOGON& logon) {
     if (seen.size() >= MostSeen) {
-        std::erase_if(seen, [&](const auto& each) { return std::abs(logon.time - each.second) > SessionSeconds; });
+        std::erase_if(seen, [&](const auto& each) { return std::abs(logon.time - each.second.time) > SessionSeconds; });
         if (seen.size() >= MostSeen) seen.clear();
     }
-    seen[logon.Key()] = logon.time;
+    seen[logon.Key()] = {logon.sid, logon.time};
 }

@@ -10,18 +10,18 @@
 // One logon is one record:
 // - a successful Authentication, the KDC's included, is a logon; one of a ticket asked for over UDP and again over TCP
 //   is written twice by the KDC and counts once (RepeatSeconds);
-// - an Authorization of a Kerberos session is one when the same account was not seen at the same address within
-//   SessionSeconds: its ticket came from another controller, or is hours old;
-// - what has no address or no user, what comes from the controller's own address, and what failed, is none; nor is a
-// network logon that another server passed on: the
-//   address is that server's, not the user's.
+// - an Authorization of a Kerberos session is one when its account was not the last user seen at its address, or not
+//   within SessionSeconds: its ticket came from another controller, or is hours old, or somebody else logged on since;
+// - what has no address or no user, what comes from the controller's own address, and what failed, is none; nor is what
+//   another server passed on, since the address is that server's, not the user's, but for a logon at the console of a
+//   computer of the domain, which passes that on itself.
 // Machine accounts are records like others: who reads the log knows them by their "$".
 class SAMBA_AUDIT final : public FEED_LINE_READER {
 public:
     static constexpr long long SessionSeconds = 60, RepeatSeconds = 2;
 
     RESULT Read(std::string_view line, win32::NEW_EVENT& event, std::string& reason) override;
-    size_t Memory() const override { return 1024 * 1024; }
+    size_t Memory() const override { return 16 * 1024 * 1024; }  // SessionSeconds of a busy controller
 
 private:
     struct LOGON;
@@ -30,7 +30,12 @@ private:
     bool SeenWithin(const LOGON& logon, long long seconds) const;
     void Remember(const LOGON& logon);
 
-    std::unordered_map<std::string, long long> seen;  // account and address -> the audit's time, seconds since 1970
+    // Accounts are told apart by their SID; the name's letter case may differ from one service to the next.
+    struct ACCOUNT_SEEN {
+        std::string sid;
+        long long time;  // seconds since 1970, by the audit's clock
+    };
+    std::unordered_map<std::string, ACCOUNT_SEEN> seen;  // by address: the last user; apart, the last computer
 };
 
 // `ipv4:A:PORT` or `ipv6:A:PORT`, cut at the last colon. False: not an address, or the unspecified one.

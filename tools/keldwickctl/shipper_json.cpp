@@ -41,9 +41,6 @@ const POSITIONS LogonNames = {"SubjectUserSid",
                               "TargetLinkedLogonId",
                               "ElevatedToken"};
 const POSITIONS LogoffNames = {"TargetUserSid", "TargetUserName", "TargetDomainName", "TargetLogonId", "LogonType"};
-const POSITIONS TicketNames = {"TargetUserName", "TargetDomainName",     "ServiceName", "ServiceSid",
-                               "TicketOptions",  "TicketEncryptionType", "IpAddress",   "Status",
-                               "LogonGuid",      "TransmittedServices"};
 const POSITIONS OldLogonNames = {"UserName|TargetUserName",
                                  "Domain|TargetDomainName",
                                  "LogonId|TargetLogonId",
@@ -78,8 +75,6 @@ const POSITIONS* NamesOf(unsigned long long id) {
             return &LogonNames;
         case 4634:
             return &LogoffNames;
-        case 4769:
-            return &TicketNames;
         case 528:
         case 540:
             return &OldLogonNames;
@@ -92,10 +87,14 @@ const POSITIONS* NamesOf(unsigned long long id) {
     }
 }
 
+constexpr size_t MostValues = 2000;
+
 // The object's scalars by their dotted names: {"a":{"b":1}} and {"a.b":1} are the same here.
 class FIELDS {
 public:
     explicit FIELDS(const json& object) { Gather(object, "", 0); }
+
+    bool TooMany() const { return values.size() > MostValues; }  // not all are here
 
     // The first of the names that has a value.
     std::string First(std::initializer_list<const char*> names) const {
@@ -115,10 +114,14 @@ public:
 private:
     void Gather(const json& object, const std::string& prefix, int depth) {
         constexpr int MostNested = 6;
-        constexpr size_t MostValues = 2000, LongestName = 200;
+        constexpr size_t LongestName = 200;
         for (const auto& [name, value] : object.items()) {
-            if (values.size() >= MostValues || prefix.size() + name.size() > LongestName) return;
-            if (value.is_object()) {
+            if (TooMany()) return;
+            if (prefix.size() + name.size() > LongestName) continue;  // longer than any that is asked for
+            if (value.is_array() && (name.ends_with("keywords") || name.ends_with("Keywords"))) {
+                std::string& words = values[prefix + name];
+                for (const json& each : value) words += (words.empty() ? "" : ",") + ScalarText(each);
+            } else if (value.is_object()) {
                 if (depth < MostNested) Gather(value, prefix + name + ".", depth + 1);
             } else if (std::string text = ScalarText(value); !text.empty()) {
                 values[prefix + name] = std::move(text);
@@ -152,8 +155,14 @@ bool IsSecurityLog(const FIELDS& fields) {
 }
 
 bool IsFailure(const FIELDS& fields) {
-    const std::string told = fields.First({"event.outcome", "EventType"});
-    return told == "failure" || told == "AUDIT_FAILURE";
+    if (fields.First({"event.outcome"}) == "failure" || fields.First({"EventType"}) == "AUDIT_FAILURE") return true;
+    const std::string keywords = fields.First({"winlog.keywords", "keywords", "Event.System.Keywords", "Keywords"});
+    constexpr unsigned long long AuditFailure = 0x0010000000000000;
+    // The bits as a number, of which shippers write the topmost as a sign, too.
+    const bool negative = keywords.starts_with('-');
+    const auto bits = ParseNumber(std::string_view(keywords).substr(negative), ~0ull);
+    if (bits) return ((negative ? 0 - *bits : *bits) & AuditFailure) != 0;
+    return keywords.find("Audit Failure") != std::string::npos;
 }
 
 }  // namespace
@@ -168,6 +177,10 @@ FEED_LINE_READER::RESULT SHIPPER_JSON::Read(std::string_view line, win32::NEW_EV
         return UNREADABLE;
     }
     const FIELDS fields(object);
+    if (fields.TooMany()) {
+        reason = "more than " + std::to_string(MostValues) + " values";
+        return UNREADABLE;
+    }
     const std::string idText =
         fields.First({"winlog.event_id", "event_id", "Event.System.EventID", "EventID", "EventId", "Id", "event.code"});
     const auto id = ParseNumber(idText, MAXDWORD);

@@ -5,7 +5,7 @@
 #include "tools/keldwickctl/feed_values.h"
 
 // Two forms, nested objects and dotted names alike: winlog.event_id with winlog.event_data.NAME, and the flat EventID
-// with NAME beside it. Read are 4624, 4634, 4769, 528, 538, 540 and 673 of the Security log; any other event is
+// with NAME beside it. Read are 4624, 4634, 528, 538, 540 and 673 of the Security log; any other event is
 // skipped.
 class SHIPPER_JSON final : public FEED_LINE_READER {
 public:
