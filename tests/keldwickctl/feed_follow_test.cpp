@@ -1,12 +1,22 @@
 // That a feed loses nothing and doubles nothing: rotation in each of its ways, truncation, restarts, crashes, full
 // disks.
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <signal.h>
+#include <spawn.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <optional>
+#include <thread>
 
 #include "tests/support/temporary_root.h"
 #include "tools/keldwickctl/commands.h"
 #include "tools/keldwickctl/event_log_access.h"
+#include "tools/keldwickctl/feed_agent.h"
 #include "tools/keldwickctl/feed_aside.h"
 #include "tools/keldwickctl/feed_follower.h"
 #include "tools/keldwickctl/feed_log.h"
@@ -73,6 +83,16 @@ TEST_F(FOLLOWED, RotationCostsNoLineWhetherItHappensWhileTheFeedRunsOrWhileItIsA
         {"truncated and longer now", [&] { CopyAndTruncate(), add("longer than both"); }, {"longer than both"}},
         {"truncated", [&] { fs::resize_file(Path(), 0), add("x"); }, {"x"}, false},
         {"replaced", [&] { add("new", ".fresh"), Move(".fresh", ""); }, {"new"}, false},
+        {"rewritten at its old length",
+         [&] { fs::resize_file(Path(), 0), add("six"), add("ten"); },
+         {"six", "ten"},
+         false},
+        {"copied by hand, then renamed",
+         [&] { fs::copy_file(Path(), Path(".1")), Move("", ".2"), add("three"); },
+         {"three"}},
+        {"copied by hand and written on, then renamed",
+         [&] { fs::copy_file(Path(), Path(".1")), add("three", ".1"), Move("", ".2"), add("four"); },
+         {"three", "four"}},
         {"a packed neighbour is not read", [&] { add("rubbish", ".1.gz"), add("three"); }, {"three"}},
         {"another log's files are not read",
          [&] { Move("", ".1"), add("rubbish", "2.1"), add("rubbish", "-bak"), add("three"); },
@@ -98,6 +118,43 @@ TEST_F(FOLLOWED, RotationCostsNoLineWhetherItHappensWhileTheFeedRunsOrWhileItIsA
             EXPECT_TRUE(third.Resume(follower.Places()));
             EXPECT_EQ(LINES(), Read(third));
         }
+}
+
+TEST_F(FOLLOWED, WhatIsHeldIsReadThoughRotationOverwritesIt) {
+    FEED_FOLLOWER follower(Path());
+    follower.Resume({});
+    for (const char* line : {"one\n", "two\n", "three\n", "four\n"}) {
+        if (fs::exists(Path())) Move("", ".old");
+        Append(line);
+        follower.HoldSuccessors();
+    }
+    EXPECT_EQ((LINES{"one", "two", "three", "four"}), Read(follower));
+}
+
+TEST_F(FOLLOWED, AFileThatWasReadToItsEndIsNotReadAgainFromACopy) {
+    FEED_FOLLOWER follower(Path());
+    follower.Resume({});
+    for (int i = 0; i < 10; ++i) {  // more than are kept open
+        if (i > 0) Move("", "." + std::to_string(100 - i));
+        Append("line " + std::to_string(i) + "\n");
+        EXPECT_EQ(LINES{"line " + std::to_string(i)}, Read(follower));
+    }
+    fs::copy_file(Path(".99"), Path(".5"));
+    Move("", ".2");
+    Append("new\n");
+    EXPECT_EQ(LINES{"new"}, Read(follower));
+}
+
+TEST_F(FOLLOWED, APlaceIsOfWhatWasReadWhateverTheFileHoldsNow) {
+    Append("one\ntwo\n");
+    FEED_FOLLOWER follower(Path());
+    follower.Resume({});
+    Read(follower);
+    const std::vector<FEED_PLACE> places = follower.Places();
+    fs::resize_file(Path(), 0);
+    EXPECT_EQ(places, follower.Places());
+    Append("six\nten\n");
+    EXPECT_EQ(places, follower.Places());
 }
 
 TEST_F(FOLLOWED, APlaceInAHalfLineIsBeforeItAndALineOfAnyLengthEndsSomewhere) {
@@ -190,10 +247,39 @@ TEST_F(FEEDING, AnUnreadableLineIsKeptAsideAndCountedAndStopsNothing) {
 }
 
 TEST_F(FEEDING, WhatIsKeptAsideIsBoundedAndTheNewestIsThere) {
-    FEED_ASIDE aside(root.Path("kept"));
+    fs::create_directory(root.Path("feed"));
+    FEED_ASIDE aside("kept");
     for (int i = 0; i < 40; ++i) aside.Keep("reason " + std::to_string(i), std::string(100000, 'x'));
-    EXPECT_LE(fs::file_size(root.Path("kept")) + fs::file_size(root.Path("kept.old")), FEED_ASIDE::Most);
-    EXPECT_THAT(root.Read("kept"), HasSubstr("reason 39"));
+    EXPECT_LE(fs::file_size(root.Path("feed/kept.aside")) + fs::file_size(root.Path("feed/kept.aside.old")),
+              FEED_ASIDE::Most);
+    EXPECT_THAT(root.Read("feed/kept.aside"), HasSubstr("reason 39"));
+}
+
+// Whether somebody waits for the lock of that file.
+bool IsWaitedFor(const std::string& path) {
+    struct stat about = {};
+    stat(path.c_str(), &about);
+    std::ifstream locks("/proc/locks");
+    for (std::string line; std::getline(locks, line);)
+        if (line.find("-> ") != std::string::npos &&
+            line.find(":" + std::to_string(about.st_ino) + " ") != std::string::npos)
+            return true;
+    return false;
+}
+
+TEST_F(FEEDING, WhatIsKeptAsideWaitsForAnotherStreamsTurn) {
+    fs::create_directory(root.Path("feed"));
+    std::optional<FEED_TURN> turn(std::in_place, "kept");
+    std::atomic<bool> done = false;
+    std::thread keeping([&] {
+        FEED_ASIDE("kept").Keep("reason", "line");
+        done = true;
+    });
+    while (!done && !IsWaitedFor(root.Path("feed/kept.writing"))) std::this_thread::yield();
+    EXPECT_FALSE(fs::exists(root.Path("feed/kept.aside")));
+    turn.reset();
+    keeping.join();
+    EXPECT_THAT(root.Read("feed/kept.aside"), HasSubstr("line"));
 }
 
 TEST_F(FEEDING, WhatCannotGoOnSaysWhy) {
@@ -211,12 +297,128 @@ TEST_F(FEEDING, WhatCannotGoOnSaysWhy) {
         FEED_STATE_FILE running("test");
         EXPECT_THAT(why(), StartsWith("the feed test is running already"));
     }
-    root.Write("feed/test.state", "{\"offset\":-1}");
-    EXPECT_THAT(why(), HasSubstr("test.state is damaged"));
-    fs::remove_all(root.Path("feed"));
-    root.Write("feed", "a file where the folder belongs");
-    EXPECT_THAT(why(), StartsWith("cannot make "));
-    EXPECT_EQ(LINES(), Users());
+    const std::string state = root.Path("feed/test.state");
+    const std::string counts = R"("behind":0,"nextRecord":1,"records":0,"skipped":0,"unreadable":0})";
+    const struct {
+        std::function<void()> prepare;
+        std::string why;
+    } cases[] = {
+        {[&] { root.Write("feed/test.state", "{\"offset\":-1}"); }, "test.state is damaged"},
+        {[&] { root.Write("feed/test.state", R"({"file":"/other",)" + counts); },
+         "the feed test follows /other; --name gives this one its own name"},
+        {[&] { root.Write("feed/test.state", R"({"log":"Application",)" + counts); },
+         "the feed test writes to the Application log; --name gives"},
+        {[&] { mkfifo(state.c_str(), 0600); }, "test.state is damaged (not a regular file)"},
+        {[&] { fs::create_symlink(Path(), state); }, "test.state is damaged (not a regular file)"},
+        {[&] { fs::remove_all(root.Path("feed")), root.Write("feed", "a file where the folder belongs"); },
+         "cannot make " + root.Path("feed")},
+        {[&] { fs::create_directory(root.Path("else")), fs::create_symlink("else", root.Path("feed")); },
+         "cannot make " + root.Path("feed")},
+        {[&] { fs::remove_all(root.Path("eventlog")); }, "there is no Security log"},
+    };
+    for (const auto& c : cases) {
+        c.prepare();
+        EXPECT_THAT(why(), HasSubstr(c.why));
+        std::error_code none;
+        fs::remove(state, none);
+        if (!fs::is_directory(fs::symlink_status(root.Path("feed")))) fs::remove(root.Path("feed"));
+    }
+    EXPECT_FALSE(fs::exists(root.Path("feed"))) << "made in what is no machine root";
+}
+
+TEST_F(FEEDING, AStateIsReplacedWhateverStandsInItsPlace) {
+    FEED_STATE_FILE files("test");
+    root.Write("victim", "somebody's");
+    fs::create_hard_link(root.Path("victim"), root.Path("feed/test.state.new"));
+    root.Write("feed/test.state", "rubbish");
+    FEED_STATE state;
+    state.records = 5;
+    FEED_COUNTS added = {2, 0, 0};
+    ASSERT_TRUE(files.Save(state, added));
+    EXPECT_EQ(0u, added.records);
+    EXPECT_EQ("somebody's", root.Read("victim"));
+    EXPECT_THAT(State(), HasSubstr("\"records\": 7"));
+}
+
+TEST_F(FEEDING, AStreamSetsADamagedStateAsideAndBeginsItsCountsAnew) {
+    FEED_STATE_FILE files("test", FEED_KIND::STREAM);
+    root.Write("feed/test.state", "rubbish");
+    FEED_STATE state;
+    std::string damage;
+    EXPECT_FALSE(files.Load(state, damage));
+    EXPECT_THAT(damage, HasSubstr("test.state is damaged (JSON): set aside as "));
+    EXPECT_EQ("rubbish", root.Read("feed/test.state.damaged"));
+    EXPECT_FALSE(files.Load(state, damage));
+    EXPECT_EQ("", damage);
+}
+
+TEST_F(FEEDING, ALogThatIsNotOnTheDiskIsNoPlaceToMark) {
+    FEED_LOG log("Security");
+    EXPECT_TRUE(log.Sync());
+    fs::remove(root.Path("eventlog/Security.evt"));
+    EXPECT_FALSE(log.Sync());
+}
+
+TEST_F(FEEDING, ALongBacklogSaysHowFarItIs) {
+    options.progressSeconds = 0;
+    Append(Logoff("a") + Logoff("b"));
+    testing::internal::CaptureStderr();
+    Feed();
+    EXPECT_EQ("keldwickctl: 2 lines so far, 0 MiB to go\n", testing::internal::GetCapturedStderr());
+}
+
+// A process that looks like this machine root's agent. Its descriptor of the log is the test's: the position they share
+// is the agent's mark.
+class AGENT_ALIKE {
+public:
+    explicit AGENT_ALIKE(const TEMPORARY_ROOT& root) : log(open(root.Path("eventlog/Security.evt").c_str(), O_RDONLY)) {
+        const std::string program = root.Path("keldwick");
+        fs::copy_file("/bin/sleep", program, fs::copy_options::skip_existing);
+        char name[] = "keldwick", seconds[] = "600";
+        char* const arguments[] = {name, seconds, nullptr};
+        EXPECT_EQ(0, posix_spawn(&pid, program.c_str(), nullptr, nullptr, arguments, environ));
+        // It returns a moment before the process has its new name.
+        for (std::string comm; comm != "keldwick"; std::this_thread::yield())
+            std::ifstream("/proc/" + std::to_string(pid) + "/comm") >> comm;
+    }
+    ~AGENT_ALIKE() {
+        kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
+        close(log);
+    }
+    AGENT_ALIKE(const AGENT_ALIKE&) = delete;
+    AGENT_ALIKE& operator=(const AGENT_ALIKE&) = delete;
+    void Mark(DWORD number) const { lseek(log, number, SEEK_SET); }
+
+private:
+    const int log;
+    pid_t pid = 0;
+};
+
+TEST_F(FEEDING, AnAgentIsWaitedForUntilItFollowsAndIsNear) {
+    FEED_LOG log("Security");
+    win32::NEW_EVENT event;
+    event.strings = {std::u16string(25000, u'x')};
+    std::string reason;
+    while (log.UnreadShare(1) <= 0.5) ASSERT_TRUE(log.Take(event, reason) && log.Flush());
+    FEED_AGENT agent, impatient(std::chrono::seconds(0));
+    const auto wait = [&](FEED_AGENT& each) {
+        const char* const why = each.ReasonToWait(log);
+        return std::string(why == nullptr ? "" : why);
+    };
+    EXPECT_EQ("", wait(agent)) << "none was seen";
+    for (int run = 0; run < 2; ++run) {
+        const AGENT_ALIKE running(root);
+        EXPECT_EQ("does not follow the log yet", wait(agent));
+        EXPECT_EQ("does not follow the log yet", wait(impatient));
+        running.Mark(1);
+        EXPECT_EQ("has more than half of the log to read", wait(agent));
+        running.Mark(log.NextRecord());
+        EXPECT_EQ("", wait(agent));
+    }
+    EXPECT_EQ("does not run", wait(agent));
+    EXPECT_EQ("does not run", wait(agent));
+    EXPECT_EQ("", wait(impatient));
 }
 
 TEST_F(FEEDING, ABatchThatDidNotFitTheDiskIsWrittenOnceWhenItFits) {

@@ -128,6 +128,10 @@ class Feeds(MachineTest):
         self.assertEqual((9, 3, False), tuple(status()[key] for key in ("records", "unreadable", "running")))
         self.ctl("feed", "json", self.file, "--once", "--name", "lines")
         self.assertIn(f"follows {self.file}", self.ctl("feed", "json", "--name", "lines", code=1, text=""))
+        with open(f"{self.root}/feed/json.state", "w", encoding="utf-8") as state:
+            state.write("rubbish")
+        self.ctl("feed", "json", text=shipped("ann", "10.0.0.1"))
+        self.assertEqual(1, status()["records"])
 
     def test_a_feed_that_is_killed_again_and_again_loses_nothing_and_doubles_nothing(self):
         self.ctl("init", "--server", self.address)
@@ -188,6 +192,81 @@ class Feeds(MachineTest):
         self.assertEqual(hosts, [self.server.next()["address"] for _ in hosts])
         self.assertIn("2000 records written", self.end(feed))
         self.shut_down(agent)
+
+    def test_what_comes_while_the_agent_does_not_follow_waits_for_it_through_rotation(self):
+        self.prepare(server="127.48.9.9")  # where there is none
+        agent = self.start(wait=False)
+        self.until_logged("failed")
+        self.append(authentication("ann", "10.0.0.1"))
+        feed = self.feed("samba-audit", self.file)
+        self.assertIn("waiting for the agent, which does not follow the log yet", feed.stderr.readline())
+        for number in range(2, 5):
+            os.rename(self.file, self.file + ".old")
+            self.append(authentication("bob", f"10.0.0.{number}"))
+            self.until(lambda: f"{self.file}" in self.opened_by(feed), "the new file is held")
+        self.server = Server(self.address)
+        self.addCleanup(self.server.close)
+        self.ctl("settings", "set", "IdentServer", self.address)  # ends the agent's pause
+        self.expect("ann", "10.0.0.1")
+        self.assertIn("the wait for the agent is over", feed.stderr.readline())
+        for number in range(2, 5):
+            self.expect("bob", f"10.0.0.{number}")
+        self.shut_down(agent)
+        self.append(authentication("carl", "10.0.0.5"))
+        self.assertIn("waiting for the agent, which does not run", feed.stderr.readline())
+        agent = self.start(wait=False)
+        self.expect("carl", "10.0.0.5")
+        self.shut_down(agent)
+        self.append(authentication("dora", "10.0.0.6"))
+        self.assertIn("is over", feed.stderr.readline())
+        self.assertIn("waiting for the agent", feed.stderr.readline())
+        self.assertIn("6 records written", self.end(feed), "a stop ends the wait")
+
+    @staticmethod
+    def opened_by(process):
+        folder = f"/proc/{process.pid}/fd"
+        opened = set()
+        for each in os.listdir(folder):
+            try:
+                opened.add(os.readlink(f"{folder}/{each}"))
+            except FileNotFoundError:
+                pass
+        return opened
+
+    def test_a_stop_costs_nothing_of_what_a_stream_has_sent(self):
+        self.ctl("init", "--server", self.address)
+        feed = self.feed("json")
+        feed.stdin.write(shipped("ann", "10.0.0.1"))
+        feed.stdin.flush()
+        self.until(lambda: "10.0.0.1" in self.ctl("events", "list"), "the feed runs")
+        feed.send_signal(signal.SIGSTOP)
+        feed.stdin.write(shipped("bob", "10.0.0.2") * 20)
+        feed.stdin.flush()
+        feed.send_signal(signal.SIGTERM)
+        feed.send_signal(signal.SIGCONT)
+        said, complaint = feed.communicate(timeout=PATIENCE)
+        self.assertEqual((0, ""), (feed.returncode, complaint))
+        self.assertIn("21 records written", said)
+
+    def test_a_file_that_was_let_go_leaves_the_state(self):
+        self.ctl("init", "--server", self.address)
+
+        def earlier():
+            with open(f"{self.root}/feed/samba-audit.state", encoding="utf-8") as state:
+                return json.load(state)["earlier"]
+
+        feed = self.feed("samba-audit", self.file)
+        self.append(authentication("ann", "10.0.0.1"))
+        self.until(lambda: "10.0.0.1" in self.ctl("events", "list"), "the line is read")
+        os.rename(self.file, self.file + ".1")
+        self.append(authentication("bob", "10.0.0.2"))
+        self.until(lambda: "10.0.0.2" in self.ctl("events", "list"), "the next file is read")
+        self.end(feed)
+        self.assertEqual(1, len(earlier()))
+        os.remove(self.file + ".1")
+        feed = self.feed("samba-audit", self.file)
+        self.until(lambda: earlier() == [], "the place of the file that is gone is gone, too")
+        self.assertIn("0 records written", self.end(feed))
 
     def test_a_backlog_shows_on_a_terminal_how_far_it_is(self):
         self.ctl("init", "--server", self.address)

@@ -7,8 +7,11 @@
 #include <cstdio>
 
 #include "tools/keldwickctl/event_values.h"
+#include "tools/keldwickctl/feed_state.h"
 #include "win32/eventlog/evt_record.h"
 #include "win32/files/file_owner.h"
+
+FEED_ASIDE::FEED_ASIDE(const std::string& name) : feed(name), path(FeedPath(name, "aside")) {}
 
 void FEED_ASIDE::Keep(const std::string& reason, std::string_view line) {
     constexpr size_t Longest = 64 * 1024;
@@ -16,14 +19,17 @@ void FEED_ASIDE::Keep(const std::string& reason, std::string_view line) {
     if (line.size() > Longest) entry += " (its first 64 KiB)";
     entry += '\n';
     if (!line.empty()) entry.append(line.substr(0, Longest)) += '\n';
+    const FEED_TURN turn(feed);
+    if (!turn) return;
     struct stat about;
     if (stat(path.c_str(), &about) == 0 && static_cast<size_t>(about.st_size) + entry.size() > Most / 2)
         std::rename(path.c_str(), (path + ".old").c_str());
-    const int fd = open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+    const int fd = open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600);
     if (fd < 0) return;
     win32::GiveToFolderOwner(fd, path);
     // Cut back when it does not fit the disk, so that the next entry begins on a line of its own.
-    if (fstat(fd, &about) == 0 && write(fd, entry.data(), entry.size()) != static_cast<ssize_t>(entry.size()) &&
+    const bool own = fstat(fd, &about) == 0 && S_ISREG(about.st_mode) && about.st_nlink == 1;
+    if (own && write(fd, entry.data(), entry.size()) != static_cast<ssize_t>(entry.size()) &&
         ftruncate(fd, about.st_size) != 0)
         unlink(path.c_str());
     close(fd);

@@ -16,8 +16,8 @@
 
 namespace {
 
-constexpr size_t ChunkBytes = 64 * 1024, TailBytes = 256;
-constexpr size_t MostSiblings = 1000, MostOpen = 8, MostDone = 64;
+constexpr size_t ChunkBytes = 64 * 1024, TailBytes = 256, BeginningBytes = 1024;
+constexpr size_t MostSiblings = 1000, MostOpen = 8, MostHeld = 200, MostDone = 64;
 using CLOCK = std::chrono::steady_clock;
 
 // A rotated file's name after the path's: .1, -20261124, .2026-11-24T17, .old; nothing that is packed.
@@ -43,6 +43,21 @@ bool Before(const timespec& a, const timespec& b) {
 
 bool Same(const timespec& a, const timespec& b) { return !Before(a, b) && !Before(b, a); }
 
+// FNV-1a of the last TailBytes bytes; 0 when there are none.
+unsigned long long Fingerprint(std::string_view bytes) {
+    if (bytes.empty()) return 0;
+    unsigned long long hash = 0xCBF29CE484222325;
+    for (const char each : bytes.substr(bytes.size() - std::min(bytes.size(), TailBytes)))
+        hash = (hash ^ static_cast<unsigned char>(each)) * 0x100000001B3;
+    return hash;
+}
+
+// Whether the shorter is what the longer begins with; two that hold nothing have nothing in common.
+bool BeginAlike(std::string_view a, std::string_view b) {
+    const size_t common = std::min(a.size(), b.size());
+    return common > 0 && a.substr(0, common) == b.substr(0, common);
+}
+
 }  // namespace
 
 struct FEED_FOLLOWER::OPEN_FILE {
@@ -57,34 +72,43 @@ struct FEED_FOLLOWER::OPEN_FILE {
         return about;
     }
 
-    unsigned long long Offset() const { return readTo - lines.Pending(); }  // after the last whole line
+    unsigned long long Size() const { return static_cast<unsigned long long>(About().st_size); }
 
-    // FNV-1a of up to TailBytes bytes before the offset; 0 when they are not there, or there is nothing before it.
+    std::string Bytes(unsigned long long offset, size_t count) const {
+        std::string bytes(count, '\0');
+        bytes.resize(static_cast<size_t>(
+            std::max<ssize_t>(0, pread(fd, bytes.data(), bytes.size(), static_cast<off_t>(offset)))));
+        return bytes;
+    }
+    std::string Beginning() const { return Bytes(0, BeginningBytes); }
+
+    // The fingerprint of the bytes before the offset; 0 when they are not there, or there is nothing before it.
     unsigned long long Tail(unsigned long long offset) const {
-        std::array<char, TailBytes> bytes;
         const size_t count = std::min<unsigned long long>(offset, TailBytes);
-        if (count == 0 ||
-            pread(fd, bytes.data(), count, static_cast<off_t>(offset - count)) != static_cast<ssize_t>(count))
-            return 0;
-        unsigned long long hash = 0xCBF29CE484222325;
-        for (size_t i = 0; i < count; ++i) hash = (hash ^ static_cast<unsigned char>(bytes[i])) * 0x100000001B3;
-        return hash;
+        const std::string bytes = Bytes(offset - count, count);
+        return bytes.size() < count ? 0 : Fingerprint(bytes);
     }
 
-    // Whether the content that was read is still what the file begins with.
-    bool IsUnchanged(const struct stat& about) const {
-        return static_cast<unsigned long long>(about.st_size) >= readTo && (readTo == 0 || Tail(readTo) == tail);
-    }
-
-    void GoTo(unsigned long long offset) {
-        readTo = offset;
-        tail = Tail(offset);
+    void GoTo(unsigned long long offset, unsigned long long fingerprint) {
+        place.offset = readTo = offset;
+        place.tail = tail = fingerprint;
         lines = {};
+    }
+
+    // Takes what stands behind readTo: `fresh` bytes at the end of `bytes`, which hold what is before them, too. The
+    // fingerprints are of what was taken, whatever becomes of the file meanwhile.
+    void Take(std::string_view bytes, size_t fresh, FEED_LINE_TAKER& taker) {
+        readTo += fresh;
+        tail = Fingerprint(bytes);
+        lines.Feed(bytes.substr(bytes.size() - fresh), taker);
+        if (lines.Pending() >= fresh) return;  // no line ended
+        place.offset = readTo - lines.Pending();
+        place.tail = Fingerprint(bytes.substr(0, bytes.size() - lines.Pending()));
     }
 
     const int fd;
     std::string name;
-    unsigned long long device = 0, inode = 0;
+    FEED_PLACE place;  // after the last whole line
     unsigned long long readTo = 0, tail = 0;
     FEED_LINES lines;
     CLOCK::time_point replaced;  // when a newer file was found
@@ -115,8 +139,8 @@ FEED_FOLLOWER::FILE_POINTER FEED_FOLLOWER::Open(const std::string& name) const {
     const struct stat about = file->About();
     if (!S_ISREG(about.st_mode)) throw COMMAND_ERROR("cannot follow " + name + ": it is not a regular file");
     file->name = name;
-    file->device = about.st_dev;
-    file->inode = about.st_ino;
+    file->place.device = about.st_dev;
+    file->place.inode = about.st_ino;
     return file;
 }
 
@@ -145,7 +169,7 @@ FEED_FOLLOWER::FILE_POINTER FEED_FOLLOWER::Locate(const FEED_PLACE& place) const
         if ((!same && place.offset == 0) || static_cast<unsigned long long>(about.st_size) < place.offset) continue;
         FILE_POINTER file = Open(name);
         if (!file || file->Tail(place.offset) != place.tail) continue;
-        file->GoTo(place.offset);
+        file->GoTo(place.offset, place.tail);
         if (same) return file;
         copy = std::move(file);
     }
@@ -167,7 +191,7 @@ bool FEED_FOLLOWER::Resume(const std::vector<FEED_PLACE>& places) {
 
 bool FEED_FOLLOWER::IsOpen(const OPEN_FILE& file) const {
     return std::any_of(files.begin(), files.end(), [&](const FILE_POINTER& each) {
-        return each->device == file.device && each->inode == file.inode;
+        return each->place.device == file.place.device && each->place.inode == file.place.inode;
     });
 }
 
@@ -175,11 +199,32 @@ bool FEED_FOLLOWER::IsOpen(const OPEN_FILE& file) const {
 bool FEED_FOLLOWER::AppendSuccessors() {
     FILE_POINTER current = Open(path);
     if (!current || IsOpen(*current)) return false;
-    done.erase({current->device, current->inode});  // a new file under an old one's number
     if (!files.empty()) AppendRotated(*current);
     files.push_back(std::move(current));
     MarkReplaced();
     return true;
+}
+
+void FEED_FOLLOWER::HoldSuccessors() {
+    if (files.size() < MostHeld) AppendSuccessors();
+}
+
+// How much of the file is read already, or will be, under another name: it may be a copy that somebody made. A number
+// alone tells nothing, since a new file may get that of one that is gone.
+unsigned long long FEED_FOLLOWER::KnownPart(const OPEN_FILE& file) const {
+    const unsigned long long size = file.Size();
+    const std::string beginning = file.Beginning();
+    for (const FILE_POINTER& each : files) {
+        const unsigned long long common = std::min(size, each->Size());
+        if (BeginAlike(beginning, each->Beginning()) && file.Tail(common) == each->Tail(common)) return common;
+    }
+    for (const DONE_FILE& each : done) {
+        if (!BeginAlike(beginning, each.beginning)) continue;
+        if (size <= each.end.offset || (file.place.device == each.end.device && file.place.inode == each.end.inode))
+            return size;
+        if (file.Tail(each.end.offset) == each.end.tail) return each.end.offset;
+    }
+    return 0;
 }
 
 // Opens the rotated files between the newest open one and `current`, in the order they were written in.
@@ -195,7 +240,7 @@ void FEED_FOLLOWER::AppendRotated(const OPEN_FILE& current) {
     for (const std::string& name : Siblings()) {
         CANDIDATE each = {name, {}};
         if (name == path || stat(name.c_str(), &each.about) != 0 || !S_ISREG(each.about.st_mode)) continue;
-        if (each.about.st_dev == newest.device && each.about.st_ino == newest.inode) newestName = name;
+        if (each.about.st_dev == newest.place.device && each.about.st_ino == newest.place.inode) newestName = name;
         candidates.push_back(std::move(each));
     }
     std::erase_if(candidates, [&](const CANDIDATE& each) {
@@ -209,8 +254,11 @@ void FEED_FOLLOWER::AppendRotated(const OPEN_FILE& current) {
     });
     for (const CANDIDATE& each : candidates) {
         FILE_POINTER file = Open(each.name);
-        if (file && !IsOpen(*file) && !done.contains({file->device, file->inode}) && file->inode != current.inode)
-            files.push_back(std::move(file));
+        if (!file || IsOpen(*file) || file->place.inode == current.place.inode) continue;
+        const unsigned long long known = KnownPart(*file);
+        if (known > 0 && known == file->Size()) continue;
+        file->GoTo(known, file->Tail(known));
+        files.push_back(std::move(file));
     }
 }
 
@@ -221,11 +269,9 @@ void FEED_FOLLOWER::MarkReplaced() {
 
 void FEED_FOLLOWER::Remember(size_t bytes, FEED_LINE_TAKER& taker) const {
     for (const FILE_POINTER& file : files) {
-        const unsigned long long end = file->Offset(), begin = end - std::min<unsigned long long>(end, bytes);
-        std::string text(end - begin, '\0');
-        const ssize_t got = pread(file->fd, text.data(), text.size(), static_cast<off_t>(begin));
-        if (got <= 0) continue;
-        std::string_view whole(text.data(), static_cast<size_t>(got));
+        const unsigned long long end = file->place.offset, begin = end - std::min<unsigned long long>(end, bytes);
+        const std::string text = file->Bytes(begin, end - begin);
+        std::string_view whole = text;
         if (begin > 0) whole.remove_prefix(std::min(whole.find('\n'), whole.size()));
         FEED_LINES lines;
         lines.Feed(whole, taker);
@@ -234,12 +280,14 @@ void FEED_FOLLOWER::Remember(size_t bytes, FEED_LINE_TAKER& taker) const {
 
 // The file holds less than was read of it, or something else. What was not read yet may stand in a copy.
 void FEED_FOLLOWER::FollowTruncation(OPEN_FILE& file) {
-    const FEED_PLACE place = {file.device, file.inode, file.readTo, file.tail};
+    const FEED_PLACE place = {file.place.device, file.place.inode, file.readTo, file.tail}, ended = file.place;
     FEED_LINES unfinished = std::move(file.lines);
-    file.GoTo(0);
+    file.GoTo(0, 0);
     FILE_POINTER copy = place.offset > 0 ? Locate(place) : nullptr;
     if (!copy || IsOpen(*copy)) return;
     copy->lines = std::move(unfinished);
+    copy->place.offset = ended.offset;
+    copy->place.tail = ended.tail;
     copy->replaced = CLOCK::now();
     const auto self =
         std::find_if(files.begin(), files.end(), [&](const FILE_POINTER& each) { return each.get() == &file; });
@@ -250,19 +298,17 @@ bool FEED_FOLLOWER::ReadSome(FEED_LINE_TAKER& taker) {
     std::array<char, ChunkBytes> chunk;
     for (size_t i = 0; i < files.size(); ++i) {
         OPEN_FILE& file = *files[i];
-        const struct stat about = file.About();
-        if (static_cast<unsigned long long>(about.st_size) == file.readTo) continue;
-        if (!file.IsUnchanged(about)) {
+        const size_t before = std::min<unsigned long long>(file.readTo, TailBytes);
+        const ssize_t got = pread(file.fd, chunk.data(), chunk.size(), static_cast<off_t>(file.readTo - before));
+        if (got < 0 && errno == EINTR) return true;
+        if (got < 0) throw COMMAND_ERROR("cannot read " + file.name + ": " + std::strerror(errno));
+        const std::string_view bytes(chunk.data(), static_cast<size_t>(got));
+        if (bytes.size() < before || Fingerprint(bytes.substr(0, before)) != file.tail) {
             FollowTruncation(file);
             return true;
         }
-        const ssize_t got = pread(file.fd, chunk.data(), chunk.size(), static_cast<off_t>(file.readTo));
-        if (got < 0 && errno == EINTR) return true;
-        if (got < 0) throw COMMAND_ERROR("cannot read " + file.name + ": " + std::strerror(errno));
-        if (got == 0) continue;
-        file.readTo += static_cast<unsigned long long>(got);
-        file.tail = file.Tail(file.readTo);
-        file.lines.Feed({chunk.data(), static_cast<size_t>(got)}, taker);
+        if (bytes.size() == before) continue;
+        file.Take(bytes, bytes.size() - before, taker);
         return true;
     }
     RetireOld(taker);
@@ -275,25 +321,24 @@ void FEED_FOLLOWER::RetireOld(FEED_LINE_TAKER& taker) {
     while (files.size() > 1 &&
            (files.size() > MostOpen || now - files.front()->replaced > std::chrono::seconds(Linger))) {
         files.front()->lines.Finish(taker);  // nobody will end that line
-        if (done.size() >= MostDone) done.clear();
-        done.insert({files.front()->device, files.front()->inode});
+        if (done.size() >= MostDone) done.pop_front();
+        done.push_back({files.front()->place, files.front()->Beginning()});
+        done.back().end.offset = files.front()->readTo;
+        done.back().end.tail = files.front()->tail;
         files.pop_front();
     }
 }
 
 std::vector<FEED_PLACE> FEED_FOLLOWER::Places() const {
     std::vector<FEED_PLACE> places;
-    for (const FILE_POINTER& file : files) {
-        const unsigned long long offset = file->Offset();
-        places.push_back({file->device, file->inode, offset, file->Tail(offset)});
-    }
+    for (const FILE_POINTER& file : files) places.push_back(file->place);
     return places;
 }
 
 unsigned long long FEED_FOLLOWER::Behind() const {
     unsigned long long bytes = 0;
     for (const FILE_POINTER& file : files) {
-        const auto size = static_cast<unsigned long long>(file->About().st_size);
+        const unsigned long long size = file->Size();
         if (size > file->readTo) bytes += size - file->readTo;
     }
     return bytes;

@@ -3,9 +3,7 @@
 
 #include <deque>
 #include <memory>
-#include <set>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "tools/keldwickctl/feed_lines.h"
@@ -30,6 +28,10 @@ public:
     // Reads on, at most 64 KiB. False: there is nothing more for now. Throws COMMAND_ERROR when reading fails.
     bool ReadSome(FEED_LINE_TAKER& taker);
 
+    // Opens a file that came meanwhile, so that rotation cannot take it away before it is read. For a taker that keeps
+    // ReadSome waiting for long.
+    void HoldSuccessors();
+
     bool Waiting() const { return files.empty(); }  // no file is there
     std::vector<FEED_PLACE> Places() const;         // after the last line given
     unsigned long long Behind() const;              // bytes not read yet, of files that are open
@@ -38,6 +40,10 @@ public:
 
 private:
     struct OPEN_FILE;
+    struct DONE_FILE {  // read to its end and closed
+        FEED_PLACE end;
+        std::string beginning;
+    };
     using FILE_POINTER = std::unique_ptr<OPEN_FILE>;
 
     FILE_POINTER Open(const std::string& name) const;
@@ -47,12 +53,13 @@ private:
     void AppendRotated(const OPEN_FILE& current);
     void MarkReplaced();
     bool IsOpen(const OPEN_FILE& file) const;
+    unsigned long long KnownPart(const OPEN_FILE& file) const;
     void FollowTruncation(OPEN_FILE& file);
     void RetireOld(FEED_LINE_TAKER& taker);
 
     const std::string path;
     std::string folder, base;
-    std::deque<FILE_POINTER> files;                                    // the newest last
-    std::set<std::pair<unsigned long long, unsigned long long>> done;  // device, inode: read to their end and closed
+    std::deque<FILE_POINTER> files;  // the newest last
+    std::deque<DONE_FILE> done;
     int inotify = -1;
 };

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <filesystem>
 #include <functional>
 #include <string_view>
@@ -100,8 +101,7 @@ bool FEED_LOG::Flush() {
     return true;
 }
 
-double FEED_LOG::UnreadShare(DWORD nextRecord) {
-    unlooked = 0;
+double FEED_LOG::UnreadShare(DWORD nextRecord) const {
     win32::EVT_READER reader;
     OpenReader(reader, name);
     DWORD current = 0, oldest = 0, count = 0;
@@ -113,13 +113,18 @@ double FEED_LOG::UnreadShare(DWORD nextRecord) {
     return count == 0 || none ? 0 : size / static_cast<double>(logBytes) * (current - next) / count;
 }
 
-void FEED_LOG::Sync() {
+bool FEED_LOG::Sync() {
     unmarked = 0;
     const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return;
-    fdatasync(fd);
+    if (fd < 0) return false;
+    const bool synced = fdatasync(fd) == 0;
+    const int why = errno;
     close(fd);
+    errno = why;
+    return synced;
 }
+
+bool FEED_LOG::IsAgents() const { return path.ends_with("/eventlog/Security.evt"); }
 
 DWORD FEED_LOG::NextRecord() const {
     win32::EVT_READER reader;

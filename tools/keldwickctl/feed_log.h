@@ -30,15 +30,17 @@ public:
     // recognised.
     bool IsMarkPressing() const { return unmarked >= logBytes / 4; }
 
-    // So much goes into the log with the next Flush, and went since UnreadShare was asked, that the circle might
-    // overtake a reader.
+    // So much goes into the log with the next Flush, and went since NoteLook, that the circle might overtake a reader.
     bool IsLookDue() const { return unlooked + bytes >= logBytes / 8; }
+    void NoteLook() { unlooked = 0; }
 
     // How much of the log's largest size, 0 to 1, the records from that number on take. Throws COMMAND_ERROR.
-    double UnreadShare(DWORD nextRecord);
+    double UnreadShare(DWORD nextRecord) const;
 
-    // Brings the log's file to the disk, for a place that is marked next.
-    void Sync();
+    // Brings the log's file to the disk, for a place that is marked next. False: errno says why it is not there.
+    bool Sync();
+
+    bool IsAgents() const;  // it is the log that the agent reads
 
     DWORD NextRecord() const;  // the number of the first record after the log's last; throws COMMAND_ERROR
 

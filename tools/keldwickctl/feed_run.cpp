@@ -15,15 +15,15 @@
 #include <optional>
 
 #include "tools/keldwickctl/commands.h"
+#include "tools/keldwickctl/event_log_access.h"
 #include "tools/keldwickctl/event_sink.h"
 #include "tools/keldwickctl/event_xml_import.h"
 #include "tools/keldwickctl/failure.h"
+#include "tools/keldwickctl/feed_agent.h"
 #include "tools/keldwickctl/feed_aside.h"
 #include "tools/keldwickctl/feed_follower.h"
 #include "tools/keldwickctl/feed_log.h"
 #include "tools/keldwickctl/feed_state.h"
-#include "tools/keldwickctl/status_process.h"
-#include "win32/files/machine_root.h"
 
 namespace {
 
@@ -32,6 +32,9 @@ constexpr int MarkMilliseconds = 1000;  // between two marks of the place
 constexpr int RetryMilliseconds = 1000;
 constexpr int LookMilliseconds = 1000;  // a file system that gives no notice is looked at this often
 constexpr int LookUnnoticedMilliseconds = 200;
+constexpr int LookAtAgentMilliseconds = 200;
+constexpr int ToldWaitMilliseconds = 1000;  // a shorter wait for the agent is not worth a word
+constexpr size_t MostDrained = 1024 * 1024;
 constexpr unsigned long long LinesPerProgress = 10000;
 
 // SIGTERM and SIGINT as a descriptor that becomes readable and stays so.
@@ -75,15 +78,16 @@ public:
     FEED(const FEED_OPTIONS& given, FEED_LINE_READER* lineReader)
         : options(given),
           reader(lineReader),
-          files(given.name, given.file.empty() ? FEED_KIND::STREAM : FEED_KIND::FOLLOWER),
+          files(NameOf(given), given.file.empty() ? FEED_KIND::STREAM : FEED_KIND::FOLLOWER),
           log(given.log),
-          aside(files.Path("aside")) {
-        resumed = files.Load(state);
-        if (options.file.empty() && !state.file.empty())
-            throw COMMAND_ERROR("the feed " + options.name + " follows " + state.file +
-                                "; --name gives this one its own name");
+          aside(given.name) {
+        std::string damage;
+        files.Load(state, damage);
+        if (!damage.empty()) Tell(damage);
+        if (!state.file.empty() && state.file != options.file) RefuseName("follows " + state.file);
+        if (!state.log.empty() && state.log != options.log) RefuseName("writes to the " + state.log + " log");
         // A stream has no place to go back to: what comes is new, though it look the same.
-        if (resumed && !state.places.empty()) log.RecogniseFrom(state.nextRecord);
+        if (!state.places.empty()) log.RecogniseFrom(state.nextRecord);
         state.source = options.source;
         state.file = options.file;
         state.log = options.log;
@@ -124,7 +128,7 @@ public:
 
     // Waits out a full disk, unless the feed is to end soon.
     void Flush() {
-        if (log.IsLookDue()) AwaitAgent();
+        AwaitAgent();
         bool told = false;
         while (!log.Flush()) {
             const DWORD error = GetLastError();
@@ -132,46 +136,52 @@ public:
             if (!told)
                 Tell("cannot write to the " + options.log + " log, trying again: error " + std::to_string(error));
             told = true;
-            stopped = signals.Wait(-1, RetryMilliseconds);
+            Pause(RetryMilliseconds);
         }
         if (told) Tell("the " + options.log + " log can be written again");
     }
 
-    // A backlog comes faster than it is reported, and the log is a circle: waits while a running agent has more than
-    // half of it still to read. The lines lie safe in their file meanwhile, a stream's sender waits. An agent that does
-    // not run will not read what is written now, whatever a feed does.
+    // Waits while an agent would miss what is written now. The lines lie safe in their file meanwhile, a stream's
+    // sender waits. An agent that does not run will not read what is written now, whatever a feed does.
     void AwaitAgent() {
-        const std::string root = win32::MachineRoot();
-        constexpr double enough = 0.5;
-        while (!options.once && !stopped) {
-            std::optional<AGENT_PROCESS> agent;
-            try {
-                agent = FindAgent(root.empty() ? "/" : root);
-            } catch (const COMMAND_ERROR&) {
-                return;  // another user's, which this one may not look at
+        if (options.once || log.Empty() || !log.IsAgents()) return;
+        const auto begun = CLOCK::now();
+        const bool due = begun - looked >= std::chrono::milliseconds(LookAtAgentMilliseconds);
+        if (!due && !log.IsLookDue() && !agent.HasGone()) return;
+        bool told = false;
+        while (!stopped) {
+            const char* const reason = agent.ReasonToWait(log);
+            looked = CLOCK::now();
+            log.NoteLook();
+            if (reason == nullptr) break;
+            if (!told && looked - begun >= std::chrono::milliseconds(ToldWaitMilliseconds)) {
+                Tell(std::string("waiting for the agent, which ") + reason);
+                told = true;
             }
-            if (!agent || !agent->nextRecord || log.UnreadShare(*agent->nextRecord) <= enough) return;
-            stopped = signals.Wait(-1, LookUnnoticedMilliseconds);
+            Pause(LookAtAgentMilliseconds);
         }
+        if (told) Tell("the wait for the agent is over");
     }
+
+    // What is done again and again while Flush waits.
+    void WhileWaiting(std::function<void()> act) { whileWaiting = std::move(act); }
 
     // Marks the place: everything up to it is in the log. Not while records are recognised: those of lines behind the
     // place are in the log, too, before the record from which the next start would look for them.
     void Mark(std::vector<FEED_PLACE> places, unsigned long long behind) {
         if (log.IsRecognising()) return;
-        log.Sync();
+        const bool synced = log.Sync();
+        std::string why = synced ? "" : "cannot bring the " + options.log + " log to the disk: " + std::strerror(errno);
         state.nextRecord = log.NextRecord();
         state.places = std::move(places);
         state.behind = behind;
         markDue = false;
         marked = CLOCK::now();
-        if (files.Save(state, {counts.records - saved.records, counts.skipped - saved.skipped,
-                               counts.unreadable - saved.unreadable})) {
-            saved = counts;
+        if (synced && Save()) {
             troubled = false;
             return;
         }
-        const std::string why = "cannot write " + files.Path("state") + ": " + std::strerror(errno);
+        if (synced) why = "cannot write " + files.Path("state") + ": " + std::strerror(errno);
         if (options.once || stopped) throw COMMAND_ERROR(why);
         if (!troubled) Tell(why + ", trying again");
         troubled = true;
@@ -190,11 +200,15 @@ public:
     }
 
     void ShowProgress(unsigned long long behind) {
-        if (!terminal || lines < nextProgress) return;
+        if (!terminal) return TellProgress(behind);
+        if (lines < nextProgress) return;
         nextProgress = lines + LinesPerProgress;
         std::fprintf(stderr, "\r\033[K%llu lines, %llu MiB to go ...", lines, behind / (1024 * 1024));
         shown = true;
     }
+
+    // The input pauses: what comes next is no backlog of what came before.
+    void NotePause() { progressTold = CLOCK::now(); }
 
     void Tell(const std::string& what) {
         if (shown) std::fputs("\r\033[K", stderr);
@@ -203,7 +217,9 @@ public:
     }
 
     void EndRecognition() { log.EndRecognition(); }
-    bool IsNew() const { return !resumed; }
+    bool IsNew() const { return state.places.empty(); }
+    // Places may change without a line: a file that is let go, one that was truncated.
+    void NotePlaces(const std::vector<FEED_PLACE>& places) { markDue = markDue || places != state.places; }
     bool IsMarkDue() const { return markDue; }
     bool Once() const { return options.once; }
     const std::vector<FEED_PLACE>& Places() const { return state.places; }
@@ -218,6 +234,34 @@ public:
     bool Stopped() const { return stopped; }
 
 private:
+    // Asks for the log before anything is made: what is no machine root gets no folder.
+    static const std::string& NameOf(const FEED_OPTIONS& given) {
+        LogPath(given.log);
+        return given.name;
+    }
+    [[noreturn]] void RefuseName(const std::string& why) const {
+        throw COMMAND_ERROR("the feed " + options.name + " " + why + "; --name gives this one its own name");
+    }
+    bool Save() {
+        FEED_COUNTS added = {counts.records - saved.records, counts.skipped - saved.skipped,
+                             counts.unreadable - saved.unreadable};
+        const bool done = files.Save(state, added);
+        saved = {counts.records - added.records, counts.skipped - added.skipped, counts.unreadable - added.unreadable};
+        return done;
+    }
+    void Pause(int milliseconds) {
+        for (int left = milliseconds; left > 0 && !stopped; left -= LookUnnoticedMilliseconds) {
+            if (whileWaiting) whileWaiting();
+            stopped = signals.Wait(-1, std::min(left, LookUnnoticedMilliseconds));
+        }
+    }
+    void TellProgress(unsigned long long behind) {
+        if (CLOCK::now() - progressTold < std::chrono::seconds(options.progressSeconds)) return;
+        const std::string left =
+            options.file.empty() ? "" : ", " + std::to_string(behind / (1024 * 1024)) + " MiB to go";
+        Tell(std::to_string(lines) + " lines so far" + left);
+        progressTold = CLOCK::now();
+    }
     void Put(std::string_view line) {
         std::string reason;
         if (!log.Take(event, reason)) return SetAside(reason, line);
@@ -238,16 +282,18 @@ private:
     STOP_SIGNALS signals;
     FEED_STATE_FILE files;
     FEED_LOG log;
+    FEED_AGENT agent;
+    std::function<void()> whileWaiting;
     FEED_ASIDE aside;
     FEED_STATE state;
     win32::NEW_EVENT event;
     FEED_COUNTS counts, saved;  // of this run; what of it the state holds
     unsigned long long lines = 0, nextProgress = LinesPerProgress;
-    CLOCK::time_point marked;
-    bool resumed = false;   // a state was there
-    bool stopped = false;   // a stop signal came
-    bool markDue = false;   // something was taken since the last mark
-    bool troubled = false;  // the last mark could not be written
+    CLOCK::time_point marked, looked;               // at the agent
+    CLOCK::time_point progressTold = CLOCK::now();  // how far a backlog is, or that there was none
+    bool stopped = false;                           // a stop signal came
+    bool markDue = false;                           // something was taken since the last mark
+    bool troubled = false;                          // the last mark could not be written
     bool terminal = false, shown = false;
 };
 
@@ -264,24 +310,34 @@ private:
     std::string reason;
 };
 
-// Standard input until its end; `feed` gets the bytes, `finish` the end.
+// What standard input has now, once there is something; nothing: its end.
+std::optional<std::string_view> ReadChunk(std::array<char, 64 * 1024>& chunk) {
+    const ssize_t got = read(STDIN_FILENO, chunk.data(), chunk.size());
+    if (got == 0) return std::nullopt;
+    if (got < 0 && errno != EINTR && errno != EAGAIN)
+        throw COMMAND_ERROR(std::string("cannot read standard input: ") + std::strerror(errno));
+    return std::string_view(chunk.data(), static_cast<size_t>(std::max<ssize_t>(got, 0)));
+}
+
+// Standard input until its end, or a stop and what it holds then; `take` gets the bytes, `finish` the end.
 void ReadStandardInput(FEED& feed, const std::function<void(std::string_view)>& take,
                        const std::function<void()>& finish) {
     std::array<char, 64 * 1024> chunk;
+    size_t drained = 0;
     for (;;) {
         bool ready = feed.Wait(STDIN_FILENO, 0);
         if (!ready && !feed.Stopped()) {  // the input pauses
             feed.Flush();
+            feed.NotePause();
             if (feed.IsMarkDue() && feed.MillisecondsToMark() == 0) feed.Mark({}, 0);
             ready = feed.Wait(STDIN_FILENO, feed.IsMarkDue() ? feed.MillisecondsToMark() : -1);
         }
-        if (feed.Stopped()) break;
+        if (feed.Stopped() && (!ready || drained >= MostDrained)) break;
         if (!ready) continue;
-        const ssize_t got = read(STDIN_FILENO, chunk.data(), chunk.size());
-        if (got < 0 && (errno == EINTR || errno == EAGAIN)) continue;
-        if (got < 0) throw COMMAND_ERROR(std::string("cannot read standard input: ") + std::strerror(errno));
-        if (got == 0) break;
-        take({chunk.data(), static_cast<size_t>(got)});
+        const auto bytes = ReadChunk(chunk);
+        if (!bytes) break;
+        if (feed.Stopped()) drained += std::max<size_t>(bytes->size(), 1);
+        take(*bytes);
         feed.ShowProgress(0);
     }
     finish();
@@ -295,6 +351,7 @@ void ReadStandardInput(FEED& feed, const std::function<void(std::string_view)>& 
 void FollowFile(const FEED_OPTIONS& options, FEED_LINE_READER& reader) {
     FEED feed(options, &reader);
     FEED_FOLLOWER follower(options.file);
+    feed.WhileWaiting([&] { follower.HoldSuccessors(); });
     if (!follower.Resume(feed.Places()))
         feed.Tell("what was read last is there no more; " + options.file + " is read from its beginning");
     if (follower.Waiting()) {
@@ -315,8 +372,10 @@ void FollowFile(const FEED_OPTIONS& options, FEED_LINE_READER& reader) {
             continue;
         }
         feed.Flush();
+        feed.NotePause();
         feed.EndRecognition();
         if (options.once) break;
+        feed.NotePlaces(follower.Places());
         if (feed.IsMarkDue() && feed.MillisecondsToMark() == 0) feed.Mark(follower.Places(), follower.Behind());
         const int look = follower.Notices() >= 0 ? LookMilliseconds : LookUnnoticedMilliseconds;
         if (feed.Wait(follower.Notices(), feed.IsMarkDue() ? std::min(feed.MillisecondsToMark(), look) : look))

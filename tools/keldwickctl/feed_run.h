@@ -7,7 +7,8 @@
 
 struct FEED_OPTIONS {
     std::string source, file, log = "Security", name;
-    bool once = false;  // ends when it has read what is there
+    bool once = false;         // ends when it has read what is there
+    int progressSeconds = 30;  // of a backlog without a pause, between two lines that say how far it is
 };
 
 // All throw COMMAND_ERROR for what ends a feed. Records are in the log before a pause of the input is waited out.

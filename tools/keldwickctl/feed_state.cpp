@@ -5,10 +5,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <nlohmann/json.hpp>
 
 #include "tools/keldwickctl/commands.h"
@@ -94,14 +94,59 @@ struct flock WholeFile(short type) {
 }
 
 void MakeFolder(const std::string& path) {
-    if (mkdir(path.c_str(), 0700) != 0) {
-        if (errno == EEXIST) return;
-        Fail("make", path);
+    const bool made = mkdir(path.c_str(), 0700) == 0;
+    if (!made && errno != EEXIST) Fail("make", path);
+    const int folder = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (folder < 0) Fail(made ? "open" : "make", path);
+    if (made) win32::GiveToFolderOwner(folder, path);
+    close(folder);
+}
+
+// A file system that cannot do this for folders need not.
+bool SyncFolder(const std::string& path) {
+    const int folder = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (folder < 0) return false;
+    const bool synced = fsync(folder) == 0 || errno == EINVAL;
+    const int why = errno;
+    close(folder);
+    errno = why;
+    return synced;
+}
+
+enum class FOUND { STATE, NONE, DAMAGED, UNREADABLE };
+
+// UNREADABLE: errno says why.
+FOUND ReadBytes(const std::string& path, std::string& bytes) {
+    const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0) return errno == ENOENT ? FOUND::NONE : errno == ELOOP ? FOUND::DAMAGED : FOUND::UNREADABLE;
+    struct stat about = {};
+    bytes.resize(LargestState);
+    ssize_t got = -1;
+    int why = 0;
+    const bool regular = fstat(fd, &about) == 0 && S_ISREG(about.st_mode);
+    if (regular && (got = pread(fd, bytes.data(), bytes.size(), 0)) < 0) why = errno;
+    close(fd);
+    bytes.resize(static_cast<size_t>(std::max<ssize_t>(got, 0)));
+    errno = why;
+    return why != 0 ? FOUND::UNREADABLE : regular ? FOUND::STATE : FOUND::DAMAGED;
+}
+
+FOUND FindState(const std::string& path, FEED_STATE& state, std::string& damage) {
+    std::string text;
+    damage = "not a regular file";
+    const FOUND found = ReadBytes(path, text);
+    if (found != FOUND::STATE) return found;
+    const json object = json::parse(text, nullptr, false);
+    try {
+        if (!object.is_object()) throw COMMAND_ERROR("JSON");
+        FEED_STATE whole;
+        ReadState(object, whole);
+        state = whole;
+    } catch (const std::exception& fault) {
+        damage = fault.what();
+        return FOUND::DAMAGED;
     }
-    const int made = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-    if (made < 0) return;
-    win32::GiveToFolderOwner(made, path);
-    close(made);
+    return FOUND::STATE;
 }
 
 }  // namespace
@@ -113,7 +158,7 @@ bool IsFeedName(const std::string& name) {
                std::string::npos;
 }
 
-FEED_STATE_FILE::FEED_STATE_FILE(const std::string& feed, FEED_KIND kind) : name(feed) {
+FEED_STATE_FILE::FEED_STATE_FILE(const std::string& feed, FEED_KIND feedKind) : name(feed), kind(feedKind) {
     const std::string folder = win32::MachinePath("feed");
     MakeFolder(folder);
     const std::string path = Path("lock");
@@ -145,63 +190,63 @@ std::string FeedPath(const std::string& name, const char* kind) {
 
 bool LoadFeedState(const std::string& name, FEED_STATE& state) {
     const std::string path = FeedPath(name, "state");
-    std::ifstream file(path, std::ios::binary);
-    if (!file) {
-        if (errno == ENOENT) return false;
-        Fail("read", path);
-    }
-    std::string text(LargestState, '\0');
-    file.read(text.data(), static_cast<std::streamsize>(text.size()));
-    text.resize(static_cast<size_t>(file.gcount()));
-    const json object = json::parse(text, nullptr, false);
-    try {
-        if (!object.is_object()) throw COMMAND_ERROR("JSON");
-        ReadState(object, state);
-    } catch (const std::exception& fault) {
-        throw COMMAND_ERROR(path + " is damaged (" + fault.what() +
+    std::string damage;
+    const FOUND found = FindState(path, state, damage);
+    if (found == FOUND::UNREADABLE) Fail("read", path);
+    if (found == FOUND::DAMAGED)
+        throw COMMAND_ERROR(path + " is damaged (" + damage +
                             "); without it the feed begins anew and writes again what is in the log already");
-    }
-    return true;
+    return found == FOUND::STATE;
 }
 
-// Taken while the state is written; other streams of the name wait for their turn, which is a matter of milliseconds.
-class FEED_STATE_FILE::WRITE_LOCK {
-public:
-    explicit WRITE_LOCK(const std::string& path)
-        : fd(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600)) {
-        if (fd < 0) return;
-        win32::GiveToFolderOwner(fd, path);
-        while (flock(fd, LOCK_EX) != 0 && errno == EINTR) {
-        }
+FEED_TURN::FEED_TURN(const std::string& name)
+    : fd(open(FeedPath(name, "writing").c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600)) {
+    if (fd < 0) return;
+    win32::GiveToFolderOwner(fd, FeedPath(name, "writing"));
+    while (flock(fd, LOCK_EX) != 0 && errno == EINTR) {
     }
-    ~WRITE_LOCK() {
-        const int why = errno;
-        if (fd >= 0) close(fd);
-        errno = why;
-    }
-    WRITE_LOCK(const WRITE_LOCK&) = delete;
-    WRITE_LOCK& operator=(const WRITE_LOCK&) = delete;
-    explicit operator bool() const { return fd >= 0; }
+}
 
-private:
-    const int fd;
-};
+FEED_TURN::~FEED_TURN() {
+    const int why = errno;
+    if (fd >= 0) close(fd);
+    errno = why;
+}
 
-bool FEED_STATE_FILE::Save(FEED_STATE& state, const FEED_COUNTS& added) const {
-    const WRITE_LOCK turn(Path("writing"));
+bool FEED_STATE_FILE::Load(FEED_STATE& state, std::string& damage) const {
+    damage.clear();
+    if (kind == FEED_KIND::FOLLOWER) return LoadFeedState(name, state);
+    const FEED_TURN turn(name);
+    if (!turn) Fail("make", Path("writing"));
+    std::string fault;
+    const std::string path = Path("state");
+    if (FindState(path, state, fault) != FOUND::DAMAGED) return LoadFeedState(name, state);
+    if (std::rename(path.c_str(), Path("state.damaged").c_str()) != 0) Fail("set aside the damaged", path);
+    damage = path + " is damaged (" + fault + "): set aside as " + Path("state.damaged") + ", the counts begin anew";
+    return false;
+}
+
+bool FEED_STATE_FILE::Save(FEED_STATE& state, FEED_COUNTS& added) const {
+    const FEED_TURN turn(name);
     if (!turn) return false;
+    const std::string path = Path("state"), fresh = Path("state.new");
     FEED_STATE before;
-    Load(before);
+    std::string damage;
+    const FOUND found = FindState(path, before, damage);
+    if (found == FOUND::UNREADABLE) return false;
+    if (found == FOUND::DAMAGED) before = state;
     state.records = before.records + added.records;
     state.skipped = before.skipped + added.skipped;
     state.unreadable = before.unreadable + added.unreadable;
-    const std::string path = Path("state"), fresh = Path("state.new");
-    const int fd = open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
+    unlink(fresh.c_str());  // of a feed that was killed
+    const int fd = open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
     if (fd < 0) return false;
     win32::TakeOver(fd, path);
     const bool whole = WriteAll(fd, StateText(state)) && fsync(fd) == 0;
     const int why = errno;
     close(fd);
     errno = why;
-    return whole && std::rename(fresh.c_str(), path.c_str()) == 0;
+    if (!whole || std::rename(fresh.c_str(), path.c_str()) != 0) return false;
+    added = {};
+    return SyncFolder(win32::MachinePath("feed"));
 }

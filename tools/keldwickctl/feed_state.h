@@ -10,6 +10,8 @@
 struct FEED_PLACE {
     unsigned long long device = 0, inode = 0, offset = 0;
     unsigned long long tail = 0;  // fingerprint of the bytes before the offset: is it still the same content?
+
+    bool operator==(const FEED_PLACE&) const = default;
 };
 
 struct FEED_COUNTS {
@@ -31,31 +33,49 @@ bool IsFeedRunning(const std::string& name);
 // False: there is no state. Throws COMMAND_ERROR when it cannot be read or is damaged.
 bool LoadFeedState(const std::string& name, FEED_STATE& state);
 
+// A turn to change the feed's files beside its lock; other streams of the name wait for theirs, which is a matter of
+// milliseconds. False: it cannot be had, errno says why.
+class FEED_TURN {
+public:
+    explicit FEED_TURN(const std::string& name);
+    ~FEED_TURN();
+    FEED_TURN(const FEED_TURN&) = delete;
+    FEED_TURN& operator=(const FEED_TURN&) = delete;
+    explicit operator bool() const { return fd >= 0; }
+
+private:
+    const int fd;
+};
+
 // A feed that follows a file runs alone. Streams have no place that two processes could dispute: any number of them
 // share a name and its counts.
 enum class FEED_KIND { FOLLOWER, STREAM };
 
-// A feed's files.
+// A feed's files, made by a process that may be root in a folder that is not root's: nothing there is followed or
+// written to that others may have put in its place.
 class FEED_STATE_FILE {
 public:
     // Makes the folder and takes the feed's lock. Throws COMMAND_ERROR: a name that is none, a feed that is running
     // already, a folder that cannot be written.
-    explicit FEED_STATE_FILE(const std::string& name, FEED_KIND kind = FEED_KIND::FOLLOWER);
+    explicit FEED_STATE_FILE(const std::string& feed, FEED_KIND kind = FEED_KIND::FOLLOWER);
     ~FEED_STATE_FILE();
     FEED_STATE_FILE(const FEED_STATE_FILE&) = delete;
     FEED_STATE_FILE& operator=(const FEED_STATE_FILE&) = delete;
 
-    bool Load(FEED_STATE& state) const { return LoadFeedState(name, state); }
-    // Replaces the state as a whole, on the disk when it returns. Its counts become those in the file and what is
-    // added. False: errno says why not.
-    bool Save(FEED_STATE& state, const FEED_COUNTS& added) const;
+    // As LoadFeedState. A stream has no place to lose: its damaged state is set aside as NAME.state.damaged, `damage`
+    // says what was wrong, and it begins anew.
+    bool Load(FEED_STATE& state, std::string& damage) const;
 
-    std::string Path(const char* kind) const { return FeedPath(name, kind); }
+    // Replaces the state as a whole, on the disk when it returns. Its counts become those in the file and what is
+    // added, which is 0 once it stands there; a file that was damaged meanwhile is replaced by a good one. False: errno
+    // says why not.
+    bool Save(FEED_STATE& state, FEED_COUNTS& added) const;
+
+    std::string Path(const char* of) const { return FeedPath(name, of); }
 
 private:
-    class WRITE_LOCK;
-
     const std::string name;
+    const FEED_KIND kind;
     int lock = -1;
 };
 
