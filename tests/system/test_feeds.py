@@ -161,6 +161,8 @@ class Feeds(MachineTest):
         self.ctl("init", "--server", self.address)
         other = f"{self.root}/other.jsonl"
         feeds = [self.feed("samba-audit", self.file), self.feed("json", other, "--name", "other")]
+        running = lambda: sum(feed["running"] for feed in json.loads(self.ctl("status", "--json"))["feeds"])
+        self.until(lambda: running() == 2, "both feeds run")
         for at in range(0, 2000, 50):
             self.append("".join(authentication(f"a{number}", "10.0.0.1") for number in range(at, at + 50)))
             with open(other, "a", encoding="utf-8") as file:

@@ -88,7 +88,7 @@ class BootedMachine(unittest.TestCase):
     def until(cls, condition, what):
         end = time.monotonic() + 2 * PATIENCE
         while not condition():
-            if time.monotonic() > end or cls.container.poll() is not None:
+            if time.monotonic() > end or (cls.container.poll() is not None and not condition()):
                 cls.output.seek(0)
                 raise AssertionError(f"never came: {what}\n{cls.output.read()[-3000:]}")
             time.sleep(0.1)
@@ -166,7 +166,7 @@ class BootedMachine(unittest.TestCase):
         with self.subTest("the machine is shut down"):
             self.inside("systemctl", "start", "dbus", "keldwick")
             self.run_inside("systemctl", "poweroff")
-            self.container.wait(PATIENCE)
+            self.until(lambda: self.container.poll() is not None, "the machine is off")
             with open(f"{self.folder}/kept/Keldwick.log", encoding="utf-8") as file:
                 self.assertIn("Stopping Service: Reason = SERVICE_CONTROL_SHUTDOWN", file.read())
 

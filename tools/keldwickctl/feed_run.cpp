@@ -86,8 +86,10 @@ public:
         if (!damage.empty()) Tell(damage);
         if (!state.file.empty() && state.file != options.file) RefuseName("follows " + state.file);
         if (!state.log.empty() && state.log != options.log) RefuseName("writes to the " + state.log + " log");
-        // A stream has no place to go back to: what comes is new, though it look the same.
-        if (!state.places.empty()) log.RecogniseFrom(state.nextRecord);
+        // A stream has no place to go back to: what comes is new, though it look the same. A file that was not there
+        // yet at the last mark has a place all the same, its beginning.
+        isNew = options.file.empty() || state.file != options.file;
+        if (!isNew) log.RecogniseFrom(state.nextRecord);
         state.source = options.source;
         state.file = options.file;
         state.log = options.log;
@@ -217,7 +219,7 @@ public:
     }
 
     void EndRecognition() { log.EndRecognition(); }
-    bool IsNew() const { return state.places.empty(); }
+    bool IsNew() const { return isNew; }
     // Places may change without a line: a file that is let go, one that was truncated.
     void NotePlaces(const std::vector<FEED_PLACE>& places) { markDue = markDue || places != state.places; }
     bool IsMarkDue() const { return markDue; }
@@ -292,6 +294,7 @@ private:
     CLOCK::time_point marked, looked;               // at the agent
     CLOCK::time_point progressTold = CLOCK::now();  // how far a backlog is, or that there was none
     bool stopped = false;                           // a stop signal came
+    bool isNew = true;                              // no earlier run has marked a place in this file
     bool markDue = false;                           // something was taken since the last mark
     bool troubled = false;                          // the last mark could not be written
     bool terminal = false, shown = false;
