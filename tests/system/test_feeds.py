@@ -183,6 +183,16 @@ class Feeds(MachineTest):
                              [user for user in listed() if user.startswith(letter)])
         self.assertEqual([0, 0], [feed["behind_bytes"] for feed in json.loads(self.ctl("status", "--json"))["feeds"]])
 
+    def test_a_new_machines_first_logon_does_not_wait_for_a_first_record(self):
+        server = Server(self.address)
+        self.addCleanup(server.close)
+        self.ctl("init", "--server", self.address, "--protocol", "tcp")  # the log is empty
+        agent = self.start(wait=False)
+        self.append(authentication("ann", "10.0.0.1"))
+        self.feed("samba-audit", self.file)
+        self.assertEqual("CORP\\ann", server.next(timeout=10)["user"][0])  # it looks of its own accord after 15 s
+        self.shut_down(agent)
+
     def test_a_backlog_larger_than_the_log_waits_for_the_agent(self):
         self.ctl("init", "--server", self.address)
         self.ctl("settings", "set", "--type", "dword", LOG_SIZE, "65536")  # room for some 120 records

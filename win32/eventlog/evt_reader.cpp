@@ -90,7 +90,7 @@ DWORD EVT_READER::Read(bool forwards, BYTE* buffer, DWORD bytes, DWORD& bytesRea
             DWORD error = Enter();
             if (error == ERROR_SUCCESS) {
                 Settle(forwards);
-                if (forwards) file.Mark(next);
+                if (forwards || state.oldest == 0) file.Mark(next);  // at the end of an empty log there is one way on
                 return forwards ? ReadForwards(buffer, bytes, bytesRead, needed)
                                 : ReadBackwards(buffer, bytes, bytesRead, needed);
             }
