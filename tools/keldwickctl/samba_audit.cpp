@@ -60,14 +60,6 @@ void FillEvent(const std::vector<std::string>& strings, long long time, win32::N
     for (const std::string& each : strings) event.strings.push_back(win32::ToUtf16(each.empty() ? "-" : each));
 }
 
-// From where the client asked. False: from nowhere, or from the controller itself, whose services, the agent's look-ups
-// among them, log on at their own machine's address all the time.
-bool ComesFromElsewhere(const json& fields, std::string& address, std::string& port) {
-    std::string own, ownPort;
-    return SplitAuditAddress(MemberText(fields, "remoteAddress"), address, port) &&
-           !(SplitAuditAddress(MemberText(fields, "localAddress"), own, ownPort) && own == address);
-}
-
 // The server's own log, when it shares the file: a header "[2026/11/16 08:00:12 ...", and indented text behind it.
 bool IsLogText(std::string_view line, size_t indent) {
     if (indent > 0 && line[0] != '{') return true;
@@ -110,6 +102,7 @@ FEED_LINE_READER::RESULT SAMBA_AUDIT::Read(std::string_view line, win32::NEW_EVE
         reason = time ? "without its fields" : "without a usable time stamp";
         return UNREADABLE;
     }
+    LearnOwnAddress(*fields);
     LOGON logon;
     logon.time = *time;
     const RESULT result = type == "Authentication" ? ReadAuthentication(*fields, logon, reason)
@@ -124,6 +117,21 @@ FEED_LINE_READER::RESULT SAMBA_AUDIT::Read(std::string_view line, win32::NEW_EVE
     return RECORD;
 }
 
+// The KDC does not say at which of the controller's addresses it was asked; other lines do.
+void SAMBA_AUDIT::LearnOwnAddress(const json& fields) {
+    constexpr size_t mostOwn = 64;
+    std::string address, port;
+    if (own.size() < mostOwn && SplitAuditAddress(MemberText(fields, "localAddress"), address, port))
+        own.insert(address);
+}
+
+// From where the client asked. False: from nowhere, or from the controller itself, whose services, the agent's look-ups
+// among them, log on at their own machine's address all the time.
+bool SAMBA_AUDIT::ComesFromElsewhere(const json& fields, LOGON& logon) const {
+    return SplitAuditAddress(MemberText(fields, "remoteAddress"), logon.address, logon.port) &&
+           !own.contains(logon.address);
+}
+
 // Only what the account became is the controller's word: the client's claims come along in client* and mapped*.
 FEED_LINE_READER::RESULT SAMBA_AUDIT::ReadAuthentication(const json& fields, LOGON& logon, std::string& reason) {
     if (MemberText(fields, "status") != "NT_STATUS_OK") return SKIPPED;
@@ -131,7 +139,7 @@ FEED_LINE_READER::RESULT SAMBA_AUDIT::ReadAuthentication(const json& fields, LOG
     logon.domain = MemberText(fields, "becameDomain");
     logon.sid = MemberText(fields, "becameSid");
     if (logon.account.empty() || logon.sid == Anonymous) return SKIPPED;
-    if (!ComesFromElsewhere(fields, logon.address, logon.port)) return SKIPPED;
+    if (!ComesFromElsewhere(fields, logon)) return SKIPPED;
     logon.type = MemberText(fields, "logonType");
     const std::string id = MemberText(fields, "logonId");
     if (!ParseSid(logon.sid) || !ParseNumber(logon.type, MAXDWORD) || (!id.empty() && !IsHex(id))) {
@@ -163,7 +171,7 @@ FEED_LINE_READER::RESULT SAMBA_AUDIT::ReadAuthorization(const json& fields, LOGO
     logon.domain = MemberText(fields, "domain");
     logon.sid = MemberText(fields, "sid");
     if (logon.account.empty() || logon.sid == Anonymous) return SKIPPED;
-    if (!ComesFromElsewhere(fields, logon.address, logon.port)) return SKIPPED;
+    if (!ComesFromElsewhere(fields, logon)) return SKIPPED;
     if (!ParseSid(logon.sid)) {
         reason = "a SID that is none";
         return UNREADABLE;

@@ -2,7 +2,9 @@
 #pragma once
 
 #include <ctime>
+#include <string>
 #include <unordered_map>
+#include <unordered_set>
 
 #include "tools/keldwickctl/feed_line_reader.h"
 #include "tools/keldwickctl/feed_values.h"
@@ -27,6 +29,8 @@ private:
     struct LOGON;
     RESULT ReadAuthentication(const nlohmann::json& fields, LOGON& logon, std::string& reason);
     RESULT ReadAuthorization(const nlohmann::json& fields, LOGON& logon, std::string& reason);
+    void LearnOwnAddress(const nlohmann::json& fields);
+    bool ComesFromElsewhere(const nlohmann::json& fields, LOGON& logon) const;
     bool SeenWithin(const LOGON& logon, long long seconds) const;
     void Remember(const LOGON& logon);
 
@@ -36,6 +40,7 @@ private:
         long long time;  // seconds since 1970, by the audit's clock
     };
     std::unordered_map<std::string, ACCOUNT_SEEN> seen;  // by address: the last user; apart, the last computer
+    std::unordered_set<std::string> own;                 // the controller's addresses, as far as lines have shown them
 };
 
 // `ipv4:A:PORT` or `ipv6:A:PORT`, cut at the last colon. False: not an address, or the unspecified one.
