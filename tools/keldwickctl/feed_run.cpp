@@ -223,9 +223,7 @@ public:
     // Places may change without a line: a file that is let go, one that was truncated.
     void NotePlaces(const std::vector<FEED_PLACE>& places) { markDue = markDue || places != state.places; }
     bool IsMarkDue() const { return markDue; }
-    bool Once() const { return options.once; }
     const std::vector<FEED_PLACE>& Places() const { return state.places; }
-    FEED_LINE_READER& Reader() { return *reader; }
 
     // Waits for a stop signal, for input, or for the time. Whether there is input.
     bool Wait(int input, int milliseconds) {

@@ -84,15 +84,13 @@ bool IsSameFile(const fs::path& a, const fs::path& b) {
            first.st_ino == second.st_ino;
 }
 
-void LookAtDescriptors(const fs::path& process, const fs::path& securityLog, AGENT_PROCESS& agent) {
+void LookAtSockets(const fs::path& process, AGENT_PROCESS& agent) {
     std::set<std::string> sockets;
     std::error_code error;
     for (fs::directory_iterator it(process / "fd", error), end; !error && it != end; it.increment(error)) {
         const std::string target = LinkTarget(it->path());
         constexpr std::string_view socket = "socket:[";
         if (target.starts_with(socket)) sockets.insert(target.substr(socket.size(), target.size() - socket.size() - 1));
-        if (!agent.nextRecord && IsSameFile(it->path(), securityLog))
-            agent.nextRecord = MarkOf(process, it->path().filename().string());
     }
     for (const char* name : {"net/tcp", "net/tcp6"}) {
         std::ifstream table(process / name);
@@ -136,6 +134,15 @@ std::optional<AGENT_CONNECTION> ServerConnection(std::istream& table, const std:
     return std::nullopt;
 }
 
+std::optional<DWORD> NextRecordOf(const std::string& process, const std::string& logFile) {
+    std::error_code error;
+    for (fs::directory_iterator it(fs::path(process) / "fd", error), end; !error && it != end; it.increment(error)) {
+        if (!IsSameFile(it->path(), logFile)) continue;
+        if (const auto mark = MarkOf(process, it->path().filename().string())) return mark;
+    }
+    return std::nullopt;
+}
+
 std::optional<AGENT_PROCESS> FindAgent(const std::string& root) {
     struct stat owner;
     if (stat(root.c_str(), &owner) != 0) return std::nullopt;
@@ -156,7 +163,8 @@ std::optional<AGENT_PROCESS> FindAgent(const std::string& root) {
         AGENT_PROCESS agent;
         agent.pid = pid;
         agent.since = StartTime(process);
-        LookAtDescriptors(process, fs::path(root) / "eventlog/Security.evt", agent);
+        LookAtSockets(process, agent);
+        agent.nextRecord = NextRecordOf(process, fs::path(root) / "eventlog/Security.evt");
         if (agent.nextRecord) return agent;
         if (!found) found = agent;  // one that does not follow yet, or that only sends a report
     }

@@ -27,6 +27,10 @@ struct AGENT_PROCESS {
 // Nothing: no agent of that machine root runs. Throws COMMAND_ERROR when there is one that may not be looked at.
 std::optional<AGENT_PROCESS> FindAgent(const std::string& root);
 
+// The number of the record from which the process with this folder in /proc read the log's file last, or is about to:
+// the agent leaves it as its descriptor's position. Nothing: it has not read the file, or may not be looked at.
+std::optional<DWORD> NextRecordOf(const std::string& process, const std::string& logFile);
+
 // The established connection to an identity server's port among the sockets with these inodes, in a table of the form
 // of /proc/net/tcp and tcp6.
 std::optional<AGENT_CONNECTION> ServerConnection(std::istream& table, const std::set<std::string>& inodes);
