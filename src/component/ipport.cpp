@@ -23,6 +23,7 @@ void TCP_CLIENT::Disconnect() { connection->Disconnect(); }
 void TCP_CLIENT::ProcessEvents() { connection->ProcessEvents(); }
 int TCP_CLIENT::Send(const void* bytes, int count, SEND_LOOK look) { return connection->Send(bytes, count, look); }
 void TCP_CLIENT::SetTimeout(int seconds) { connection->SetTimeout(seconds); }
+void TCP_CLIENT::SetCancelEvent(HANDLE cancel) { connection->SetCancelEvent(cancel); }
 const char* TCP_CLIENT::LastErrorText() const { return connection->LastErrorText(); }
 HANDLE TCP_CLIENT::EventHandle() const { return connection->EventHandle(); }
 

@@ -44,6 +44,9 @@ public:
     // first 20.
     void SetTimeout(int seconds);
 
+    // While this event is signalled, Send does not wait for room: WSAECANCELLED. The caller's; null: no such event.
+    void SetCancelEvent(HANDLE cancel);
+
     // Ends with a period; empty when nothing has failed yet. Valid until the next operation.
     const char* LastErrorText() const;
 

@@ -25,6 +25,7 @@ constexpr CODE_TEXT texts[] = {
     {WSAECONNREFUSED, "The connection was refused."},
     {WSAEHOSTDOWN, "The host is down."},
     {WSAEHOSTUNREACH, "The host is unreachable."},
+    {WSAECANCELLED, "The wait was called off."},
     {WSAHOST_NOT_FOUND, "The host was not found."},
     {WSATRY_AGAIN, "The name server did not answer."},
     {WSANO_RECOVERY, "The name server failed."},

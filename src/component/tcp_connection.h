@@ -47,6 +47,7 @@ public:
     void ProcessEvents();
     int Send(const void* bytes, int count, SEND_LOOK look);
     void SetTimeout(int seconds);
+    void SetCancelEvent(HANDLE cancel) { cancelEvent = cancel; }
     void SetProtocols(DWORD bits) { protocols = bits; }
     const char* LastErrorText() const { return lastErrorText.c_str(); }
     HANDLE EventHandle() const { return event; }
@@ -80,6 +81,7 @@ private:
     bool Ended(int code, const std::string& text, bool behindBytes);
     bool NoticeClose();
     bool AwaitRoom(RESULT wanted, CLOCK::time_point end);
+    bool IsCancelled() const;
     void Lost(int code, const std::string& text);
 
     // What is watched.
@@ -99,6 +101,7 @@ private:
     DWORD protocols = TlsProtocol1_2;
     std::chrono::seconds timeout{20};
     HANDLE event;
+    HANDLE cancelEvent = nullptr;  // the owner's
     win32::DESCRIPTOR poller, timer;
 
     STATE state = STATE::Idle;

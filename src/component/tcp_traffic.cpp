@@ -2,7 +2,9 @@
 #include <poll.h>
 #include <winsock2.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <limits>
 
 #include "component/socket_text.h"
@@ -12,8 +14,9 @@
 namespace keldwick {
 namespace {
 
-constexpr int MostReadsPerCall = 16;  // 256 KiB; then the caller has its turn again
-constexpr int MostReadRounds = 64;    // before a send, so that a peer that never stops talking cannot hold it up
+constexpr int MostReadsPerCall = 16;                       // 256 KiB; then the caller has its turn again
+constexpr auto RoomLook = std::chrono::milliseconds(100);  // between two looks whether a wait for room is called off
+constexpr int MostReadRounds = 64;  // before a send, so that a peer that never stops talking cannot hold it up
 
 // True while in scope, however the scope is left.
 class RAISED {
@@ -150,15 +153,25 @@ int TCP_CONNECTION::Send(const void* bytes, int count, SEND_LOOK look) {
     return 0;
 }
 
-// Waits until the socket can go on. False: it will not; the connection is lost, the error remembered.
+bool TCP_CONNECTION::IsCancelled() const {
+    return cancelEvent != nullptr && WaitForSingleObject(cancelEvent, 0) == WAIT_OBJECT_0;
+}
+
+// Waits a moment for the socket to go on. False: it will not; the connection is lost, the error remembered.
 bool TCP_CONNECTION::AwaitRoom(RESULT wanted, CLOCK::time_point end) {
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - CLOCK::now()).count();
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - CLOCK::now());
+    const bool cancelled = IsCancelled();
     const short direction = wanted == RESULT::WantWrite ? POLLOUT : POLLIN;
     pollfd polled{socket.Get(), static_cast<short>(direction | POLLRDHUP), 0};
-    const int ready = left > 0 ? poll(&polled, 1, static_cast<int>(left)) : 0;
+    const int ready =
+        left.count() > 0 && !cancelled ? poll(&polled, 1, static_cast<int>(std::min(left, RoomLook).count())) : 0;
     if (ready < 0 && errno == EINTR) return true;
     if (ready > 0 && !(polled.revents & (POLLRDHUP | POLLHUP | POLLERR))) return true;
-    const int code = ready == 0 ? WSAETIMEDOUT : ready < 0 ? win32::SocketErrorFromErrno(errno) : WSAECONNRESET;
+    if (ready == 0 && !cancelled && left > RoomLook) return true;
+    const int code = cancelled    ? WSAECANCELLED
+                     : ready == 0 ? WSAETIMEDOUT
+                     : ready < 0  ? win32::SocketErrorFromErrno(errno)
+                                  : WSAECONNRESET;
     Lost(code, SocketErrorText(code));
     lastError = code;
     return false;

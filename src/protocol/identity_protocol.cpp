@@ -37,7 +37,10 @@ IDENTITY_PROTOCOL::IDENTITY_PROTOCOL()
       tls(*this),
       plain(*this),
       wakeEvent(CreateEventW(nullptr, FALSE, FALSE, nullptr)),
-      timer(CreateWaitableTimerW(nullptr, FALSE, nullptr)) {}
+      timer(CreateWaitableTimerW(nullptr, FALSE, nullptr)) {
+    tls.SetCancelEvent(StopEvent);
+    plain.SetCancelEvent(StopEvent);
+}
 
 IDENTITY_PROTOCOL::~IDENTITY_PROTOCOL() = default;
 

@@ -9,6 +9,7 @@
 #include "names.h"
 #include "peer.h"
 #include "recorder.h"
+#include "tests/support/owned_handle.h"
 #include "win32/sockets/lookup_threads.h"
 
 namespace {
@@ -118,6 +119,24 @@ TEST(PlainConnection, ASendThatFindsNoRoomWithinTheTimeOutEndsTheConnection) {
     EXPECT_EQ(TimedOut, pair.client.SendText(std::string(64 << 20, 'x')));
     EXPECT_EQ(Open + Ended(TimedOut), pair.client.events);
     EXPECT_EQ(NotConnected, pair.client.SendText("x"));
+}
+
+TEST(PlainConnection, ASendThatWaitsForRoomCanBeCalledOffAndOneThatNeedsNoneGoesOut) {
+    const OWNED_HANDLE cancel(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    CONNECTED pair;
+    pair.client.SetCancelEvent(cancel);
+    std::thread canceller([&] {
+        pair.peer.Hear(1);
+        SetEvent(cancel);
+    });
+    EXPECT_EQ(Cancelled, pair.client.SendText(std::string(64 << 20, 'x')));
+    canceller.join();
+    EXPECT_EQ(Open + Ended(Cancelled), pair.client.events);
+
+    CONNECTED another;
+    another.client.SetCancelEvent(cancel);
+    EXPECT_EQ(0, another.client.SendText("x"));
+    EXPECT_EQ("x", another.peer.Hear(1));
 }
 
 TEST(PlainConnection, ASendLargerThanTheBuffersWaitsForThePeerToRead) {

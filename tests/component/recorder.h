@@ -12,7 +12,7 @@
 
 // Winsock's numbers; winsock2.h would replace the C library's calls, which the peers use.
 constexpr int AddressInvalid = 10022, Aborted = 10053, Reset = 10054, NotConnected = 10057, TimedOut = 10060,
-              Refused = 10061, HostNotFound = 11001, TryAgain = 11002;
+              Cancelled = 10103, Refused = 10061, HostNotFound = 11001, TryAgain = 11002;
 
 template <typename BASE>
 class EVENT_RECORDER : public BASE {

@@ -2,6 +2,7 @@
 #include "protocol/identity_reports.h"
 
 #include <cstring>
+#include <future>
 
 #include "platform/host_names.h"
 #include "protocol/manual_report.h"
@@ -206,6 +207,20 @@ TEST_F(REPORT_TEST, AStoppingServiceEndsAReportAtOnce) {
     EXPECT_FALSE(IdentityReportHeartbeat(request));
     EXPECT_EQ("IDENTITY_PROTOCOL::PersistentConnect Service stop signaled", lines.Take().back());
     Sent(1);
+}
+
+TEST_F(REPORT_TEST, AStoppingServiceEndsASendToAServerThatReadsNoMore) {
+    std::promise<void> over;
+    server.Answer([&, reading = over.get_future().share()](const std::string&) {
+        SetEvent(stop.Get());
+        reading.wait();
+        return std::string();
+    });
+    ASSERT_TRUE(session->PersistentConnect());
+    const std::vector<BYTE> more(64 << 20, 'x');  // than there is room for
+    EXPECT_EQ(10103, session->Send(more.data(), static_cast<DWORD>(more.size())));
+    EXPECT_TRUE(session->IsDisconnected());
+    over.set_value();
 }
 
 TEST_F(SESSION_TEST, ASendThatFailsIsTriedThreeTimes) {
