@@ -81,8 +81,16 @@ TEST_F(FOLLOWED, RotationCostsNoLineWhetherItHappensWhileTheFeedRunsOrWhileItIsA
         {"copied and truncated", [&] { CopyAndTruncate(), add("three"); }, {"three"}},
         {"copied before it was read", [&] { add("three"), CopyAndTruncate(), add("four"); }, {"three", "four"}},
         {"truncated and longer now", [&] { CopyAndTruncate(), add("longer than both"); }, {"longer than both"}},
+        {"copied and truncated twice",
+         [&] { add("three"), CopyAndTruncate(), Move(".1", ".2"), add("four"), CopyAndTruncate(), add("five"); },
+         {"three", "four", "five"}},
+        {"copied and truncated twice over one copy, of which the first was read",
+         [&] { CopyAndTruncate(), add("three"), CopyAndTruncate(), add("four"); },
+         {"three", "four"},
+         false},
         {"truncated", [&] { fs::resize_file(Path(), 0), add("x"); }, {"x"}, false},
         {"replaced", [&] { add("new", ".fresh"), Move(".fresh", ""); }, {"new"}, false},
+        {"replaced by a copy of itself", [&] { fs::copy_file(Path(), Path("~")), Move("~", ""), add("x"); }, {"x"}},
         {"rewritten at its old length",
          [&] { fs::resize_file(Path(), 0), add("six"), add("ten"); },
          {"six", "ten"},
@@ -103,21 +111,89 @@ TEST_F(FOLLOWED, RotationCostsNoLineWhetherItHappensWhileTheFeedRunsOrWhileItIsA
             SCOPED_TRACE(c.name);
             for (const auto& each : fs::directory_iterator(fs::path(Path()).parent_path())) fs::remove_all(each);
             Append("one\ntwo\n");
+            fs::last_write_time(Path(), fs::file_time_type::clock::now() - std::chrono::seconds(1));
             FEED_FOLLOWER first(Path()), second(Path()), third(Path());
             first.Resume({});
             ASSERT_EQ((LINES{"one", "two"}), Read(first));
-            const std::vector<FEED_PLACE> places = first.Places();
+            const FEED_POSITION position = first.Position();
             c.act();
             FEED_FOLLOWER& follower = away ? second : first;
             if (away) {
-                EXPECT_EQ(c.found, follower.Resume(places));
+                EXPECT_EQ(c.found, follower.Resume(position));
             }
             EXPECT_EQ(c.lines, Read(follower));
             EXPECT_EQ(LINES(), Read(follower));
             EXPECT_EQ(0u, follower.Behind());
-            EXPECT_TRUE(third.Resume(follower.Places()));
+            EXPECT_TRUE(third.Resume(follower.Position()));
             EXPECT_EQ(LINES(), Read(third));
         }
+}
+
+TEST_F(FOLLOWED, WhatWasRotatedAwayBeforeItsFirstLineWasReadIsReadAndWhatWasThereBeforeTheFeedIsNot) {
+    const struct {
+        const char* name;
+        std::function<void()> act;
+        LINES lines;
+    } cases[] = {
+        {"copied and truncated", [&] { Append("one\n"), CopyAndTruncate(), Append("two\n"); }, {"one", "two"}},
+        {"copied, nothing since", [&] { Append("one\n"), CopyAndTruncate(); }, {"one"}},
+        {"renamed", [&] { Append("one\n"), Move("", ".1"), Append("two\n"); }, {"one", "two"}},
+        {"renamed, nothing since", [&] { Append("one\n"), Move("", ".1"); }, {"one"}},
+        {"nothing happened", [&] { Append("one\n"); }, {"one"}},
+    };
+    for (const auto& c : cases)
+        for (const bool there : {false, true})
+            for (const bool away : {false, true}) {
+                SCOPED_TRACE(c.name);
+                for (const auto& each : fs::directory_iterator(fs::path(Path()).parent_path())) fs::remove_all(each);
+                Append("of old\n", ".2");
+                fs::last_write_time(Path(".2"), fs::file_time_type::clock::now() - std::chrono::seconds(1));
+                if (there) Append("");
+                FEED_FOLLOWER first(Path()), second(Path());
+                first.Resume({});
+                EXPECT_EQ(LINES(), Read(first));
+                c.act();
+                FEED_FOLLOWER& follower = away ? second : first;
+                if (away) {
+                    EXPECT_TRUE(follower.Resume(first.Position()));
+                }
+                EXPECT_EQ(c.lines, Read(follower));
+                EXPECT_EQ(LINES(), Read(follower));
+            }
+}
+
+TEST_F(FOLLOWED, AReaderIsShownWhatStoodBeforeThePlaceAcrossRotation) {
+    Append("long ago\n", ".2");
+    Append("one\n", ".1");
+    Append("two\n");
+    fs::last_write_time(Path(".2"), fs::file_time_type::clock::now() - std::chrono::seconds(2));
+    fs::last_write_time(Path(".1"), fs::file_time_type::clock::now() - std::chrono::seconds(1));
+    FEED_FOLLOWER first(Path()), second(Path());
+    first.Resume({});
+    EXPECT_EQ(LINES{"two"}, Read(first));
+    EXPECT_TRUE(second.Resume(first.Position()));
+    COLLECTING remembered;
+    second.Remember(6, remembered);
+    EXPECT_EQ((LINES{"one", "two"}), remembered.lines);
+    EXPECT_EQ(LINES(), Read(second));
+}
+
+TEST_F(FOLLOWED, ANewFileThatMayNotBeReadYetIsAskedForAgain) {
+    Append("one\n");
+    FEED_FOLLOWER follower(Path());
+    follower.Resume({});
+    EXPECT_EQ(LINES{"one"}, Read(follower));
+    Move("", ".1");
+    Append("two\n");
+    chmod(Path().c_str(), 0);
+    const uid_t self = geteuid();
+    ASSERT_EQ(0, self == 0 ? seteuid(65534) : 0);  // root may read everything
+    EXPECT_EQ(LINES(), Read(follower));
+    EXPECT_TRUE(follower.Refused());
+    ASSERT_EQ(0, seteuid(self));
+    chmod(Path().c_str(), 0600);
+    EXPECT_EQ(LINES{"two"}, Read(follower));
+    EXPECT_FALSE(follower.Refused());
 }
 
 TEST_F(FOLLOWED, WhatIsHeldIsReadThoughRotationOverwritesIt) {
@@ -150,11 +226,11 @@ TEST_F(FOLLOWED, APlaceIsOfWhatWasReadWhateverTheFileHoldsNow) {
     FEED_FOLLOWER follower(Path());
     follower.Resume({});
     Read(follower);
-    const std::vector<FEED_PLACE> places = follower.Places();
+    const std::vector<FEED_PLACE> places = follower.Position().places;
     fs::resize_file(Path(), 0);
-    EXPECT_EQ(places, follower.Places());
+    EXPECT_EQ(places, follower.Position().places);
     Append("six\nten\n");
-    EXPECT_EQ(places, follower.Places());
+    EXPECT_EQ(places, follower.Position().places);
 }
 
 TEST_F(FOLLOWED, APlaceInAHalfLineIsBeforeItAndALineOfAnyLengthEndsSomewhere) {
@@ -162,7 +238,7 @@ TEST_F(FOLLOWED, APlaceInAHalfLineIsBeforeItAndALineOfAnyLengthEndsSomewhere) {
     FEED_FOLLOWER follower(Path());
     follower.Resume({});
     EXPECT_EQ(LINES{"one"}, Read(follower));
-    EXPECT_EQ(4u, follower.Places().back().offset);
+    EXPECT_EQ(4u, follower.Position().places.back().offset);
     Append("f\n" + std::string(LargestFeedLine, 'm') + "\n" + std::string(3 * LargestFeedLine, 'x') + "\nend\n");
     EXPECT_EQ((LINES{"half", std::string(LargestFeedLine, 'm'), "too long: xxx", "end"}), Read(follower));
 }
@@ -407,6 +483,12 @@ TEST_F(FEEDING, AnAgentIsWaitedForUntilItFollowsAndIsNear) {
         return std::string(why == nullptr ? "" : why);
     };
     EXPECT_EQ("", wait(agent)) << "none was seen";
+    root.Write("Keldwick.identities", "{}");
+    FEED_AGENT later;
+    EXPECT_EQ("does not run", wait(later)) << "one was there a moment ago";
+    fs::last_write_time(root.Path("Keldwick.identities"), fs::file_time_type::clock::now() - std::chrono::minutes(6));
+    FEED_AGENT muchLater;
+    EXPECT_EQ("", wait(muchLater));
     for (int run = 0; run < 2; ++run) {
         const AGENT_ALIKE running(root);
         EXPECT_EQ("does not follow the log yet", wait(agent));
@@ -419,6 +501,40 @@ TEST_F(FEEDING, AnAgentIsWaitedForUntilItFollowsAndIsNear) {
     EXPECT_EQ("does not run", wait(agent));
     EXPECT_EQ("does not run", wait(agent));
     EXPECT_EQ("", wait(impatient));
+}
+
+TEST_F(FEEDING, WhatIsNotInTheLogDoesNotEndTheRecognitionOfWhatIs) {
+    std::string reason;
+    const auto write = [&](FEED_LOG& log, const char16_t* user) {
+        win32::NEW_EVENT event;
+        event.strings = {user};
+        return log.Take(event, reason) && log.Flush();
+    };
+    FEED_LOG before("Security"), after("Security");
+    for (const char16_t* user : {u"a", u"b", u"c"}) ASSERT_TRUE(write(before, user));
+    after.RecogniseFrom(1);
+    for (const char16_t* user : {u"new", u"a", u"b", u"c"}) ASSERT_TRUE(write(after, user));
+    EXPECT_EQ((LINES{"a", "b", "c", "new"}), Users());
+    EXPECT_FALSE(after.IsRecognising());
+    after.RecogniseFrom(1);
+    for (int i = 0; i < 100; ++i) ASSERT_TRUE(write(after, u"another"));
+    EXPECT_FALSE(after.IsRecognising()) << "all that was written must have come";
+}
+
+TEST_F(FEEDING, ALogsSizeIsTheSettingsWhenItIsWritten) {
+    FEED_LOG log("Security");
+    const DWORD size = 65536;
+    HKEY key = nullptr;
+    ASSERT_EQ(ERROR_SUCCESS,
+              RegCreateKeyExW(HKEY_LOCAL_MACHINE, u"SYSTEM\\CurrentControlSet\\services\\EventLog\\Security", 0,
+                              nullptr, 0, KEY_ALL_ACCESS, nullptr, &key, nullptr));
+    ASSERT_EQ(ERROR_SUCCESS, RegSetValueExW(key, u"MaxSize", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&size), 4));
+    RegCloseKey(key);
+    win32::NEW_EVENT event;
+    event.strings = {std::u16string(5000, u'x')};
+    std::string reason;
+    for (int i = 0; i < 20; ++i) ASSERT_TRUE(log.Take(event, reason) && log.Flush());
+    EXPECT_LE(fs::file_size(root.Path("eventlog/Security.evt")), size);
 }
 
 TEST_F(FEEDING, ABatchThatDidNotFitTheDiskIsWrittenOnceWhenItFits) {

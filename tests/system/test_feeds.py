@@ -4,6 +4,8 @@ import os
 import pty
 import re
 import signal
+import socket
+import struct
 import subprocess
 import unittest
 
@@ -46,8 +48,8 @@ class Feeds(MachineTest):
         super().setUp()
         self.file = f"{self.root}/audit.jsonl"
 
-    def feed(self, *arguments):
-        process = subprocess.Popen([f"{BIN}/keldwickctl", "--root", self.root, "feed", *arguments], stdin=subprocess.PIPE,
+    def feed(self, *arguments, stdin=subprocess.PIPE):
+        process = subprocess.Popen([f"{BIN}/keldwickctl", "--root", self.root, "feed", *arguments], stdin=stdin,
                                    stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
         self.agents.append(process)
         return process
@@ -232,7 +234,11 @@ class Feeds(MachineTest):
         self.append(authentication("dora", "10.0.0.6"))
         self.assertIn("is over", feed.stderr.readline())
         self.assertIn("waiting for the agent", feed.stderr.readline())
-        self.assertIn("6 records written", self.end(feed), "a stop ends the wait")
+        self.assertIn("5 records written", self.end(feed), "what waits is left to the next feed")
+        agent = self.start(wait=False)
+        self.feed("samba-audit", self.file)
+        self.expect("dora", "10.0.0.6")
+        self.shut_down(agent)
 
     @staticmethod
     def opened_by(process):
@@ -247,18 +253,60 @@ class Feeds(MachineTest):
 
     def test_a_stop_costs_nothing_of_what_a_stream_has_sent(self):
         self.ctl("init", "--server", self.address)
-        feed = self.feed("json")
-        feed.stdin.write(shipped("ann", "10.0.0.1"))
-        feed.stdin.flush()
-        self.until(lambda: "10.0.0.1" in self.ctl("events", "list"), "the feed runs")
+        for number, stop in enumerate((signal.SIGTERM, signal.SIGHUP)):
+            with self.subTest(stop):
+                feed = self.feed("json")
+                feed.stdin.write(shipped("ann", f"10.0.{number}.1"))
+                feed.stdin.flush()
+                self.until(lambda: f"10.0.{number}.1" in self.ctl("events", "list"), "the feed runs")
+                feed.send_signal(signal.SIGSTOP)
+                feed.stdin.write(shipped("bob", "10.0.0.2") * 20)
+                feed.stdin.flush()
+                feed.send_signal(stop)
+                feed.send_signal(signal.SIGCONT)
+                said, complaint = feed.communicate(timeout=PATIENCE)
+                self.assertEqual((0, ""), (feed.returncode, complaint))
+                self.assertIn("21 records written", said)
+
+    def test_a_connection_that_breaks_costs_nothing_of_what_came_over_it(self):
+        self.ctl("init", "--server", self.address)
+        with socket.create_server((self.address, 0)) as listener:
+            sender = socket.create_connection(listener.getsockname())
+            stream, _ = listener.accept()
+        self.addCleanup(stream.close)
+        feed = self.feed("json", stdin=stream)
+        self.until(lambda: any(each["running"] for each in json.loads(self.ctl("status", "--json"))["feeds"]), "the feed runs")
         feed.send_signal(signal.SIGSTOP)
-        feed.stdin.write(shipped("bob", "10.0.0.2") * 20)
-        feed.stdin.flush()
-        feed.send_signal(signal.SIGTERM)
+        sender.sendall(shipped("ann", "10.0.0.1").encode())
+        sender.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+        sender.close()
         feed.send_signal(signal.SIGCONT)
         said, complaint = feed.communicate(timeout=PATIENCE)
-        self.assertEqual((0, ""), (feed.returncode, complaint))
-        self.assertIn("21 records written", said)
+        self.assertEqual(1, feed.returncode)
+        self.assertIn("cannot read standard input: Connection reset by peer", complaint)
+        self.assertIn("1 records written", said)
+
+    def test_a_place_that_cannot_be_marked_holds_the_feed_before_it_could_not_recognise_what_it_wrote(self):
+        self.ctl("init", "--server", self.address)
+        self.ctl("settings", "set", "--type", "dword", LOG_SIZE, str(256 * 1024))
+        self.append("")
+        feed = self.feed("samba-audit", self.file)
+        state = f"{self.root}/feed/samba-audit.state"
+        self.until(lambda: os.path.exists(state), "the first mark")
+        os.rename(state, state + ".kept")
+        os.mkdir(state)
+        users = [f"u{number}" for number in range(300)]  # most of the log
+        self.append("".join(authentication(user, "10.0.0.1") for user in users[:150]))
+        self.assertIn("cannot write", feed.stderr.readline())
+        self.append("".join(authentication(user, "10.0.0.1") for user in users[150:]))
+        self.assertIn("nothing more is written until", feed.stderr.readline())
+        listed = lambda: [json.loads(line)["strings"][5] for line in self.ctl("events", "list", "--json").splitlines()]
+        self.assertEqual(users[:150], listed())
+        os.rmdir(state)
+        os.rename(state + ".kept", state)
+        self.assertIn("can be marked again", feed.stderr.readline())
+        self.until(lambda: listed() == users, "the rest")
+        self.end(feed)
 
     def test_a_file_that_was_let_go_leaves_the_state(self):
         self.ctl("init", "--server", self.address)

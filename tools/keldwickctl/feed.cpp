@@ -54,6 +54,7 @@ void FEED::RefuseName(const std::string& why) const {
 }
 
 void FEED::TakeLine(std::string_view line) {
+    if (leaving) return;
     std::string reason;
     switch (reader->Read(line, event, reason)) {
         case FEED_LINE_READER::RECORD:
@@ -70,6 +71,7 @@ void FEED::TakeLine(std::string_view line) {
 }
 
 void FEED::TakeTooLong(std::string_view beginning) {
+    if (leaving) return;
     SetAside("longer than 1 MiB, its beginning", beginning);
     CountLine();
 }
@@ -103,7 +105,8 @@ void FEED::CountLine() {
 }
 
 void FEED::Flush() {
-    AwaitAgent();
+    AwaitMark();
+    if (!AwaitAgent() && !options.file.empty()) return LeaveRest();
     bool told = false;
     while (!log.Flush()) {
         const DWORD error = GetLastError();
@@ -115,24 +118,45 @@ void FEED::Flush() {
     if (told) Tell("the " + options.log + " log can be written again");
 }
 
+// While a file's place cannot be marked no more is written than could be recognised.
+void FEED::AwaitMark() {
+    const auto waits = [&] { return troubled && log.IsMarkPressing() && !log.Empty() && !options.file.empty(); };
+    if (!waits()) return;
+    Tell("nothing more is written until the feed's place can be marked");
+    while (waits()) {
+        Pause(RetryMilliseconds);
+        SaveMark();
+    }
+}
+
 // Waits while an agent would miss what is written now. The lines lie safe in their file meanwhile, a stream's sender
-// waits. An agent that does not run will not read what is written now, whatever a feed does.
-void FEED::AwaitAgent() {
-    if (!IsAgentDue()) return;
+// waits. An agent that does not run will not read what is written now, whatever a feed does. False: a stop came first.
+bool FEED::AwaitAgent() {
+    if (!IsAgentDue()) return true;
     const auto begun = CLOCK::now();
     bool told = false;
     while (!stopped) {
         const char* const reason = agent.ReasonToWait(log);
         looked = CLOCK::now();
         log.NoteLook();
-        if (reason == nullptr) break;
+        if (reason == nullptr) {
+            if (told) Tell("the wait for the agent is over");
+            return true;
+        }
         if (!told && looked - begun >= milliseconds(ToldWaitMilliseconds)) {
             Tell(std::string("waiting for the agent, which ") + reason);
             told = true;
         }
         Pause(LookAtAgentMilliseconds);
     }
-    if (told) Tell("the wait for the agent is over");
+    return false;
+}
+
+// The counts are as they were marked, since the next feed counts from there.
+void FEED::LeaveRest() {
+    log.Drop();
+    counts = saved;
+    leaving = true;
 }
 
 bool FEED::IsAgentDue() const {
@@ -140,21 +164,24 @@ bool FEED::IsAgentDue() const {
     return CLOCK::now() - looked >= milliseconds(LookAtAgentMilliseconds) || log.IsLookDue() || agent.HasGone();
 }
 
-void FEED::Mark(std::vector<FEED_PLACE> places, unsigned long long behind) {
-    if (log.IsRecognising()) return;
-    const bool synced = log.Sync();
-    const int syncError = errno;
+void FEED::Mark(const FEED_POSITION& position, unsigned long long behind) {
+    if (leaving || log.IsRecognising()) return;
     state.nextRecord = log.NextRecord();
-    state.places = std::move(places);
+    static_cast<FEED_POSITION&>(state) = position;
     state.behind = behind;
+    log.NotePlace();
+    SaveMark();
+}
+
+void FEED::SaveMark() {
     markDue = false;
     marked = CLOCK::now();
-    if (!synced)
-        NoteMarkTrouble("cannot bring the " + options.log + " log to the disk: " + std::strerror(syncError));
-    else if (!Save())
-        NoteMarkTrouble("cannot write " + files.Path("state") + ": " + std::strerror(errno));
-    else
-        troubled = false;
+    if (!log.Sync())
+        return NoteMarkTrouble("cannot bring the " + options.log + " log to the disk: " + std::strerror(errno));
+    if (!Save()) return NoteMarkTrouble("cannot write " + files.Path("state") + ": " + std::strerror(errno));
+    log.NoteMarked();
+    if (troubled) Tell("the feed's place can be marked again");
+    troubled = false;
 }
 
 void FEED::NoteMarkTrouble(const std::string& why) {

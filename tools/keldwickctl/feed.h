@@ -32,7 +32,8 @@ public:
     void TakeRecord(const EVENTLOGRECORD&) override {}  // never from XML
     void Unreadable(const std::string& what) override;
 
-    // Brings what was taken into the log. Waits for the agent, and out a full disk unless the feed is to end soon.
+    // Brings what was taken into the log. Waits for the agent, and out a full disk unless the feed is to end soon. When
+    // a stop ends the wait, what a followed file holds is left for the next feed; a stream has nobody else to keep it.
     void Flush();
 
     // What is done again and again while Flush waits.
@@ -40,12 +41,12 @@ public:
 
     // Marks the place: everything up to it is in the log. Not while records are recognised: those of lines behind the
     // place are in the log, too, before the record from which the next start would look for them.
-    void Mark(std::vector<FEED_PLACE> places, unsigned long long behind);
+    void Mark(const FEED_POSITION& position, unsigned long long behind);
     int MillisecondsToMark() const;
     bool IsMarkDue() const { return markDue; }
     // Places may change without a line: a file that is let go, one that was truncated.
-    void NotePlaces(const std::vector<FEED_PLACE>& places) { markDue = markDue || places != state.places; }
-    const std::vector<FEED_PLACE>& Places() const { return state.places; }
+    void NotePlaces(const FEED_POSITION& position) { markDue = markDue || position.places != state.places; }
+    const FEED_POSITION& Position() const { return state; }
 
     bool IsNew() const { return isNew; }  // no earlier run has marked a place in this file
     void EndRecognition() { log.EndRecognition(); }
@@ -63,7 +64,10 @@ private:
     using CLOCK = std::chrono::steady_clock;
 
     [[noreturn]] void RefuseName(const std::string& why) const;
-    void AwaitAgent();
+    void AwaitMark();
+    bool AwaitAgent();
+    void LeaveRest();
+    void SaveMark();
     bool IsAgentDue() const;
     bool Save();
     void NoteMarkTrouble(const std::string& why);
@@ -87,6 +91,7 @@ private:
     unsigned long long lines = 0;
     CLOCK::time_point marked, looked;  // at the agent
     bool stopped = false;              // a stop signal came
+    bool leaving = false;              // what is read now is left to the next feed
     bool isNew = true;
     bool markDue = false;   // something was taken since the last mark
     bool troubled = false;  // the last mark could not be written

@@ -1,6 +1,7 @@
 #include "tools/keldwickctl/feed_agent.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <string>
@@ -9,6 +10,16 @@
 #include "tools/keldwickctl/feed_log.h"
 #include "tools/keldwickctl/status_process.h"
 #include "win32/files/machine_root.h"
+
+FEED_AGENT::FEED_AGENT(std::chrono::seconds longest) : patience(longest) {
+    using std::chrono::seconds;
+    struct stat list;
+    if (stat(win32::MachinePath("Keldwick.identities").c_str(), &list) != 0) return;
+    const auto age = std::chrono::system_clock::now() - std::chrono::system_clock::from_time_t(list.st_mtim.tv_sec);
+    if (age < seconds(0) || age >= patience) return;
+    awaited = true;
+    gone = CLOCK::now() - std::chrono::duration_cast<seconds>(age);
+}
 
 FEED_AGENT::~FEED_AGENT() { Forget(); }
 

@@ -13,8 +13,9 @@ class FEED_LOG;
 // while it is being started anew, is better written later. One thread's.
 class FEED_AGENT {
 public:
-    // How long an agent that was seen is waited for when it is gone.
-    explicit FEED_AGENT(std::chrono::seconds longest = std::chrono::minutes(5)) : patience(longest) {}
+    // How long an agent that was seen, or wrote its list of identities before there was this feed, is waited for when
+    // it is gone.
+    explicit FEED_AGENT(std::chrono::seconds longest = std::chrono::minutes(5));
     ~FEED_AGENT();
     FEED_AGENT(const FEED_AGENT&) = delete;
     FEED_AGENT& operator=(const FEED_AGENT&) = delete;

@@ -37,11 +37,12 @@ bool IsNewerName(std::string_view a, std::string_view b) {
     return a > b;
 }
 
-bool Before(const timespec& a, const timespec& b) {
-    return a.tv_sec != b.tv_sec ? a.tv_sec < b.tv_sec : a.tv_nsec < b.tv_nsec;
+// When the file was last written to, as FEED_POSITION counts it.
+unsigned long long WrittenAt(const struct stat& about) {
+    constexpr unsigned long long NanosecondsPerSecond = 1000000000;
+    return static_cast<unsigned long long>(about.st_mtim.tv_sec) * NanosecondsPerSecond +
+           static_cast<unsigned long long>(about.st_mtim.tv_nsec);
 }
-
-bool Same(const timespec& a, const timespec& b) { return !Before(a, b) && !Before(b, a); }
 
 // FNV-1a of the last TailBytes bytes; 0 when there are none.
 unsigned long long Fingerprint(std::string_view bytes) {
@@ -89,6 +90,13 @@ struct FEED_FOLLOWER::OPEN_FILE {
         return bytes.size() < count ? 0 : Fingerprint(bytes);
     }
 
+    // Where the line that goes on at the offset begins; 0 when that is far.
+    unsigned long long LineStart(unsigned long long offset) const {
+        const unsigned long long begin = offset - std::min<unsigned long long>(offset, ChunkBytes);
+        const size_t end = Bytes(begin, offset - begin).rfind('\n');
+        return end == std::string::npos ? 0 : begin + end + 1;
+    }
+
     void GoTo(unsigned long long offset, unsigned long long fingerprint) {
         place.offset = readTo = offset;
         place.tail = tail = fingerprint;
@@ -106,12 +114,23 @@ struct FEED_FOLLOWER::OPEN_FILE {
         place.tail = Fingerprint(bytes.substr(0, bytes.size() - lines.Pending()));
     }
 
+    // Gives the whole lines of the last `bytes` bytes before the place.
+    void Recall(size_t bytes, FEED_LINE_TAKER& taker) const {
+        const unsigned long long end = place.offset, begin = end - std::min<unsigned long long>(end, bytes);
+        const std::string text = Bytes(begin, end - begin);
+        std::string_view whole = text;
+        if (begin > 0) whole.remove_prefix(std::min(whole.find('\n'), whole.size()));
+        FEED_LINES recalled;
+        recalled.Feed(whole, taker);
+    }
+
     const int fd;
     std::string name;
     FEED_PLACE place;  // after the last whole line
     unsigned long long readTo = 0, tail = 0;
     FEED_LINES lines;
-    CLOCK::time_point replaced;  // when a newer file was found
+    CLOCK::time_point replaced;     // when a newer file was found
+    unsigned long long looked = 0;  // when it was written to before its rotated neighbours were last looked at
 };
 
 FEED_FOLLOWER::FEED_FOLLOWER(const std::string& file) : path(file) {
@@ -119,8 +138,8 @@ FEED_FOLLOWER::FEED_FOLLOWER(const std::string& file) : path(file) {
     folder = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
     base = path.substr(slash == std::string::npos ? 0 : slash + 1);
     inotify = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-    if (inotify >= 0 &&
-        inotify_add_watch(inotify, folder.c_str(), IN_MODIFY | IN_CREATE | IN_MOVED_TO | IN_CLOSE_WRITE) < 0) {
+    if (inotify >= 0 && inotify_add_watch(inotify, folder.c_str(),
+                                          IN_MODIFY | IN_CREATE | IN_MOVED_TO | IN_CLOSE_WRITE | IN_ATTRIB) < 0) {
         close(inotify);
         inotify = -1;
     }
@@ -130,10 +149,12 @@ FEED_FOLLOWER::~FEED_FOLLOWER() {
     if (inotify >= 0) close(inotify);
 }
 
-// Null: it is not there, or is a rotated file that cannot be read. Throws when the path itself cannot be read.
-FEED_FOLLOWER::FILE_POINTER FEED_FOLLOWER::Open(const std::string& name) const {
+// Null: it is not there, or is a rotated file that cannot be read. Throws when the path itself cannot be read; but what
+// rotates files may make a new one before it lets others read it.
+FEED_FOLLOWER::FILE_POINTER FEED_FOLLOWER::Open(const std::string& name) {
     const int fd = open(name.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    if (fd < 0 && (errno == ENOENT || name != path)) return nullptr;
+    if (name == path) refused = fd < 0 && errno == EACCES;
+    if (fd < 0 && (errno == ENOENT || name != path || (refused && resumed))) return nullptr;
     if (fd < 0) throw COMMAND_ERROR("cannot read " + name + ": " + std::strerror(errno));
     auto file = std::make_unique<OPEN_FILE>(fd);
     const struct stat about = file->About();
@@ -160,7 +181,7 @@ std::vector<std::string> FEED_FOLLOWER::Siblings() const {
 }
 
 // The file with the content of which the place is the end: the same file if it is one of those, else a copy.
-FEED_FOLLOWER::FILE_POINTER FEED_FOLLOWER::Locate(const FEED_PLACE& place) const {
+FEED_FOLLOWER::FILE_POINTER FEED_FOLLOWER::Locate(const FEED_PLACE& place) {
     FILE_POINTER copy;
     for (const std::string& name : Siblings()) {
         struct stat about;
@@ -176,17 +197,25 @@ FEED_FOLLOWER::FILE_POINTER FEED_FOLLOWER::Locate(const FEED_PLACE& place) const
     return copy;
 }
 
-bool FEED_FOLLOWER::Resume(const std::vector<FEED_PLACE>& places) {
+bool FEED_FOLLOWER::Resume(const FEED_POSITION& position) {
     files.clear();
-    bool found = places.empty();
-    for (const FEED_PLACE& place : places) {
-        FILE_POINTER file = Locate(place);
-        found = file != nullptr || place.offset == 0;  // of the newest
-        if (file && !IsOpen(*file)) files.push_back(std::move(file));
+    written = position.written != 0 ? position.written : WrittenOfRotated();
+    bool found = true;  // of the newest
+    for (auto place = position.places.rbegin(); place != position.places.rend(); ++place) {
+        FILE_POINTER file = Locate(*place);
+        if (place == position.places.rbegin()) found = file != nullptr || place->offset == 0;
+        if (file && !IsOpen(*file)) files.push_front(std::move(file));
     }
     AppendSuccessors();
-    MarkReplaced();
+    resumed = true;
     return found;
+}
+
+// When the newest of the rotated files was written, which a feed that is new leaves alone; not 0.
+unsigned long long FEED_FOLLOWER::WrittenOfRotated() const {
+    unsigned long long newest = 1;
+    for (const ROTATED& each : Rotated()) newest = std::max(newest, each.written);
+    return newest;
 }
 
 bool FEED_FOLLOWER::IsOpen(const OPEN_FILE& file) const {
@@ -198,9 +227,12 @@ bool FEED_FOLLOWER::IsOpen(const OPEN_FILE& file) const {
 // Opens what came after the newest file: rotated ones that were last written later, and the path itself.
 bool FEED_FOLLOWER::AppendSuccessors() {
     FILE_POINTER current = Open(path);
-    if (!current || IsOpen(*current)) return false;
-    if (!files.empty()) AppendRotated(*current);
+    if (current && IsOpen(*current)) return false;
+    if (!current) return files.empty() && OpenRotated(0);
+    const unsigned long long known = current->LineStart(KnownPart(*current));  // or somebody is writing its first line
+    current->GoTo(known, current->Tail(known));
     files.push_back(std::move(current));
+    OpenRotated(files.size() - 1);
     MarkReplaced();
     return true;
 }
@@ -227,39 +259,56 @@ unsigned long long FEED_FOLLOWER::KnownPart(const OPEN_FILE& file) const {
     return 0;
 }
 
-// Opens the rotated files between the newest open one and `current`, in the order they were written in.
-void FEED_FOLLOWER::AppendRotated(const OPEN_FILE& current) {
-    const OPEN_FILE& newest = *files.back();
-    const timespec last = newest.About().st_mtim;
-    struct CANDIDATE {
-        std::string name;
-        struct stat about;
-    };
-    std::vector<CANDIDATE> candidates;
-    std::string newestName;  // it may have been renamed since
+// The rotated files, in the order they were written in.
+std::vector<FEED_FOLLOWER::ROTATED> FEED_FOLLOWER::Rotated() const {
+    std::vector<ROTATED> rotated;
     for (const std::string& name : Siblings()) {
-        CANDIDATE each = {name, {}};
-        if (name == path || stat(name.c_str(), &each.about) != 0 || !S_ISREG(each.about.st_mode)) continue;
-        if (each.about.st_dev == newest.place.device && each.about.st_ino == newest.place.inode) newestName = name;
-        candidates.push_back(std::move(each));
+        struct stat about;
+        if (name == path || stat(name.c_str(), &about) != 0 || !S_ISREG(about.st_mode)) continue;
+        rotated.push_back({name, WrittenAt(about), about.st_dev, about.st_ino});
     }
-    std::erase_if(candidates, [&](const CANDIDATE& each) {
-        const timespec& time = each.about.st_mtim;
-        if (Same(last, time)) return newestName.empty() || !IsNewerName(each.name, newestName);
-        return Before(time, last);
+    std::sort(rotated.begin(), rotated.end(), [](const ROTATED& a, const ROTATED& b) {
+        return a.written != b.written ? a.written < b.written : IsNewerName(b.name, a.name);
     });
-    std::sort(candidates.begin(), candidates.end(), [](const CANDIDATE& a, const CANDIDATE& b) {
-        if (!Same(a.about.st_mtim, b.about.st_mtim)) return Before(a.about.st_mtim, b.about.st_mtim);
-        return IsNewerName(b.name, a.name);
+    return rotated;
+}
+
+// Opens before the file number `at`, which holds nothing that was read, the rotated files that hold what came before it
+// and after all that was read or stands before it.
+bool FEED_FOLLOWER::OpenRotated(size_t at) {
+    const OPEN_FILE* const before = at > 0 ? files[at - 1].get() : nullptr;
+    const unsigned long long beforeWritten = before != nullptr ? WrittenAt(before->About()) : 0;
+    const unsigned long long last = std::max(written, beforeWritten);
+    std::vector<ROTATED> candidates = Rotated();
+    std::string beforeName;  // it may have been renamed since
+    for (const ROTATED& each : candidates)
+        if (before != nullptr && each.device == before->place.device && each.inode == before->place.inode)
+            beforeName = each.name;
+    std::erase_if(candidates, [&](const ROTATED& each) {
+        if (each.written == last && last == beforeWritten)
+            return beforeName.empty() || !IsNewerName(each.name, beforeName);
+        return each.written <= last;
     });
-    for (const CANDIDATE& each : candidates) {
+    const size_t first = at;
+    for (const ROTATED& each : candidates) {
         FILE_POINTER file = Open(each.name);
-        if (!file || IsOpen(*file) || file->place.inode == current.place.inode) continue;
+        if (!file || IsOpen(*file)) continue;
         const unsigned long long known = KnownPart(*file);
         if (known > 0 && known == file->Size()) continue;
         file->GoTo(known, file->Tail(known));
-        files.push_back(std::move(file));
+        files.insert(files.begin() + static_cast<std::ptrdiff_t>(at++), std::move(file));
     }
+    MarkReplaced();
+    return at > first;
+}
+
+// What a file held before it was truncated may stand in a copy. Whether one was opened, to be read before it.
+bool FEED_FOLLOWER::OpenCopies(size_t at, bool holdsMore) {
+    OPEN_FILE& file = *files[at];
+    const unsigned long long now = WrittenAt(file.About());
+    if (now == file.looked && !holdsMore) return false;
+    file.looked = now;
+    return OpenRotated(at);
 }
 
 void FEED_FOLLOWER::MarkReplaced() {
@@ -267,15 +316,20 @@ void FEED_FOLLOWER::MarkReplaced() {
         if (files[i]->replaced == CLOCK::time_point()) files[i]->replaced = CLOCK::now();
 }
 
-void FEED_FOLLOWER::Remember(size_t bytes, FEED_LINE_TAKER& taker) const {
-    for (const FILE_POINTER& file : files) {
-        const unsigned long long end = file->place.offset, begin = end - std::min<unsigned long long>(end, bytes);
-        const std::string text = file->Bytes(begin, end - begin);
-        std::string_view whole = text;
-        if (begin > 0) whole.remove_prefix(std::min(whole.find('\n'), whole.size()));
-        FEED_LINES lines;
-        lines.Feed(whole, taker);
+void FEED_FOLLOWER::Remember(size_t bytes, FEED_LINE_TAKER& taker) {
+    std::vector<FILE_POINTER> earlier;  // let go, the newest first
+    size_t left = bytes;
+    for (const FILE_POINTER& file : files) left -= std::min<unsigned long long>(left, file->place.offset);
+    const std::vector<ROTATED> rotated = Rotated();
+    for (auto each = rotated.rbegin(); each != rotated.rend() && left > 0; ++each) {
+        FILE_POINTER file = Open(each->name);
+        if (!file || IsOpen(*file)) continue;
+        file->place.offset = file->Size();
+        left -= std::min<unsigned long long>(left, file->place.offset);
+        earlier.push_back(std::move(file));
     }
+    for (auto file = earlier.rbegin(); file != earlier.rend(); ++file) (*file)->Recall(bytes, taker);
+    for (const FILE_POINTER& file : files) file->Recall(bytes, taker);
 }
 
 // The file holds less than was read of it, or something else. What was not read yet may stand in a copy.
@@ -299,6 +353,7 @@ bool FEED_FOLLOWER::ReadSome(FEED_LINE_TAKER& taker) {
     for (size_t i = 0; i < files.size(); ++i) {
         OPEN_FILE& file = *files[i];
         const size_t before = std::min<unsigned long long>(file.readTo, TailBytes);
+        const unsigned long long writtenAt = WrittenAt(file.About());
         const ssize_t got = pread(file.fd, chunk.data(), chunk.size(), static_cast<off_t>(file.readTo - before));
         if (got < 0 && errno == EINTR) return true;
         if (got < 0) throw COMMAND_ERROR("cannot read " + file.name + ": " + std::strerror(errno));
@@ -307,8 +362,11 @@ bool FEED_FOLLOWER::ReadSome(FEED_LINE_TAKER& taker) {
             FollowTruncation(file);
             return true;
         }
-        if (bytes.size() == before) continue;
-        file.Take(bytes, bytes.size() - before, taker);
+        const size_t fresh = bytes.size() - before;
+        if (file.readTo == 0 && OpenCopies(i, fresh > 0)) return true;
+        if (file.readTo > 0 || fresh > 0) written = std::max(written, writtenAt);
+        if (fresh == 0) continue;
+        file.Take(bytes, fresh, taker);
         return true;
     }
     RetireOld(taker);
@@ -329,10 +387,11 @@ void FEED_FOLLOWER::RetireOld(FEED_LINE_TAKER& taker) {
     }
 }
 
-std::vector<FEED_PLACE> FEED_FOLLOWER::Places() const {
-    std::vector<FEED_PLACE> places;
-    for (const FILE_POINTER& file : files) places.push_back(file->place);
-    return places;
+FEED_POSITION FEED_FOLLOWER::Position() const {
+    FEED_POSITION position;
+    position.written = written;
+    for (const FILE_POINTER& file : files) position.places.push_back(file->place);
+    return position;
 }
 
 unsigned long long FEED_FOLLOWER::Behind() const {

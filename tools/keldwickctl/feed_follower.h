@@ -18,12 +18,14 @@ public:
     explicit FEED_FOLLOWER(const std::string& path);
     ~FEED_FOLLOWER();
 
-    // Goes on at the places, wherever rotation put the files: below names that begin with the path's. False: what was
-    // read last is there no more, and the file is read from its beginning.
-    bool Resume(const std::vector<FEED_PLACE>& places);
+    // Goes on at the position, wherever rotation put the files: below names that begin with the path's. From a position
+    // without a place or a time (a new feed) what is rotated already is left alone. False: what was read last is there
+    // no more, and the file is read from its beginning.
+    bool Resume(const FEED_POSITION& position);
 
-    // Gives the lines of the last `bytes` bytes before the place, for a reader that must remember them.
-    void Remember(size_t bytes, FEED_LINE_TAKER& taker) const;
+    // Gives the lines of the last `bytes` bytes before the places, those of files that were let go included, for a
+    // reader that must remember them.
+    void Remember(size_t bytes, FEED_LINE_TAKER& taker);
 
     // Reads on, at most 64 KiB. False: there is nothing more for now. Throws COMMAND_ERROR when reading fails.
     bool ReadSome(FEED_LINE_TAKER& taker);
@@ -33,7 +35,8 @@ public:
     void HoldSuccessors();
 
     bool Waiting() const { return files.empty(); }  // no file is there
-    std::vector<FEED_PLACE> Places() const;         // after the last line given
+    bool Refused() const { return refused; }        // there is one that may not be read; asked for again and again
+    FEED_POSITION Position() const;                 // after the last line given
     unsigned long long Behind() const;              // bytes not read yet, of files that are open
     int Notices() const { return inotify; }         // readable when there may be something; -1: ask now and then
     void TakeNotices() const;
@@ -44,13 +47,20 @@ private:
         FEED_PLACE end;
         std::string beginning;
     };
+    struct ROTATED {
+        std::string name;
+        unsigned long long written, device, inode;
+    };
     using FILE_POINTER = std::unique_ptr<OPEN_FILE>;
 
-    FILE_POINTER Open(const std::string& name) const;
-    FILE_POINTER Locate(const FEED_PLACE& place) const;
+    FILE_POINTER Open(const std::string& name);
+    FILE_POINTER Locate(const FEED_PLACE& place);
     std::vector<std::string> Siblings() const;
+    std::vector<ROTATED> Rotated() const;
+    unsigned long long WrittenOfRotated() const;
     bool AppendSuccessors();
-    void AppendRotated(const OPEN_FILE& current);
+    bool OpenRotated(size_t at);
+    bool OpenCopies(size_t at, bool holdsMore);
     void MarkReplaced();
     bool IsOpen(const OPEN_FILE& file) const;
     unsigned long long KnownPart(const OPEN_FILE& file) const;
@@ -61,5 +71,7 @@ private:
     std::string folder, base;
     std::deque<FILE_POINTER> files;  // the newest last
     std::deque<DONE_FILE> done;
+    unsigned long long written = 1;  // when what was read last was written
+    bool resumed = false, refused = false;
     int inotify = -1;
 };

@@ -25,12 +25,17 @@ size_t ContentKey(const EVENTLOGRECORD& record) {
 
 }  // namespace
 
-FEED_LOG::FEED_LOG(const std::string& log)
-    : name(log),
-      path(LogPath(log)),
-      logBytes(win32::LogMaxSize(win32::ToUtf16(log))),
-      largestBatch(std::min<size_t>(256 * 1024, logBytes / 4)) {  // the writer writes a mebibyte, of a small log half
+FEED_LOG::FEED_LOG(const std::string& log) : name(log), path(LogPath(log)) {
     OpenWriter(writer, log);
+    TakeSize();
+}
+
+// Its setting may be changed at any time. Two writers of one log that went by different sizes would copy all of it
+// again and again.
+void FEED_LOG::TakeSize() {
+    logBytes = win32::LogMaxSize(win32::ToUtf16(name));
+    largestBatch = std::min<size_t>(256 * 1024, logBytes / 4);  // the writer writes a mebibyte, of a small log half
+    writer.SetMaxSize(static_cast<DWORD>(logBytes));
 }
 
 void FEED_LOG::RecogniseFrom(unsigned long long nextRecord) {
@@ -68,14 +73,7 @@ bool FEED_LOG::Take(const win32::NEW_EVENT& event, std::string& reason) {
         return false;
     }
     const auto& built = *reinterpret_cast<const EVENTLOGRECORD*>(record.data());
-    if (!known.empty()) {
-        const auto found = known.find(ContentKey(built));
-        if (found != known.end() && found->second > 0) {
-            --found->second;
-            return true;
-        }
-        known.clear();
-    }
+    if (Recognise(built)) return true;
     if (gathered && !writer.Append(built)) {
         if (GetLastError() == ERROR_LOG_FILE_FULL) {
             reason = "larger than the log may be";
@@ -88,14 +86,30 @@ bool FEED_LOG::Take(const win32::NEW_EVENT& event, std::string& reason) {
     return true;
 }
 
+// What was written before comes first, but for records of other feeds among it, which never come.
+bool FEED_LOG::Recognise(const EVENTLOGRECORD& record) {
+    constexpr unsigned most = 100;
+    if (known.empty()) return false;
+    const auto found = known.find(ContentKey(record));
+    if (found == known.end()) {
+        if (++missed >= most || IsMarkPressing()) known.clear();
+        return false;
+    }
+    if (--found->second == 0) known.erase(found);
+    missed = 0;
+    return true;
+}
+
 bool FEED_LOG::Flush() {
     if (batch.empty()) return true;
+    TakeSize();
     for (size_t i = 0; !gathered && i < batch.size(); ++i)
         if (!writer.Append(*reinterpret_cast<const EVENTLOGRECORD*>(batch[i].data()))) return false;
     gathered = writer.Flush();
     if (!gathered) return false;
     batch.clear();
     unmarked += bytes;
+    beyond += bytes;
     unlooked += bytes;
     bytes = 0;
     return true;
@@ -114,7 +128,6 @@ double FEED_LOG::UnreadShare(DWORD nextRecord) const {
 }
 
 bool FEED_LOG::Sync() {
-    unmarked = 0;
     const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) return false;
     const bool synced = fdatasync(fd) == 0;

@@ -12,7 +12,8 @@ public:
     explicit FEED_LOG(const std::string& log);  // throws COMMAND_ERROR when it cannot be opened
 
     // A feed that ended between writing and marking its place meets what it wrote again: records that stand in the log
-    // from this number on are recognised, up to the first that does not.
+    // from this number on are recognised, until many came that do not: a reader that remembers less after a restart may
+    // make of some lines what it did not make of them before.
     void RecogniseFrom(unsigned long long nextRecord);
     bool IsRecognising() const { return !known.empty(); }
     void EndRecognition() { known.clear(); }  // all that was written before has come again
@@ -26,9 +27,13 @@ public:
     // Writes the batch. False: last error says why, the log is as it was, and the batch is kept for the next try.
     bool Flush();
 
-    // So much was written since Sync that what is not marked may be driven out of the log before it could be
+    void Drop() { batch.clear(), bytes = 0; }  // instead of writing it, at the end
+
+    // So much was written since the place that was marked last that it may be driven out of the log before it could be
     // recognised.
     bool IsMarkPressing() const { return unmarked >= logBytes / 4; }
+    void NotePlace() { beyond = 0; }          // what was written until now is behind a place
+    void NoteMarked() { unmarked = beyond; }  // which is marked, now or later
 
     // So much goes into the log with the next Flush, and went since NoteLook, that the circle might overtake a reader.
     bool IsLookDue() const { return unlooked + bytes >= logBytes / 8; }
@@ -45,11 +50,15 @@ public:
     DWORD NextRecord() const;  // the number of the first record after the log's last; throws COMMAND_ERROR
 
 private:
+    void TakeSize();
+    bool Recognise(const EVENTLOGRECORD& record);
+
     const std::string name, path;
-    const size_t logBytes, largestBatch;  // the log's largest size, and what the writer surely writes as a whole
+    size_t logBytes = 0, largestBatch = 0;  // the log's largest size, and what the writer surely writes as a whole
     win32::EVT_WRITER writer;
     std::vector<win32::BYTES> batch;
-    size_t bytes = 0, unmarked = 0, unlooked = 0;
+    size_t bytes = 0, unmarked = 0, beyond = 0, unlooked = 0;
     bool gathered = true;                        // the writer holds the batch
     std::unordered_map<size_t, unsigned> known;  // records in the log that may come again, by their content
+    unsigned missed = 0;                         // records since the last that was recognised
 };

@@ -33,12 +33,11 @@ private:
     std::string reason;
 };
 
-// What standard input has now, once there is something; nothing: its end.
-std::optional<std::string_view> ReadChunk(std::array<char, 64 * 1024>& chunk) {
+// What standard input has now, once there is something; nothing: its end, or, with an error code, what ended it.
+std::optional<std::string_view> ReadChunk(std::array<char, 64 * 1024>& chunk, int& error) {
     const ssize_t got = read(STDIN_FILENO, chunk.data(), chunk.size());
-    if (got == 0) return std::nullopt;
-    if (got < 0 && errno != EINTR && errno != EAGAIN)
-        throw COMMAND_ERROR(std::string("cannot read standard input: ") + std::strerror(errno));
+    if (got < 0 && errno != EINTR && errno != EAGAIN) error = errno;
+    if (got == 0 || error != 0) return std::nullopt;
     return std::string_view(chunk.data(), static_cast<size_t>(std::max<ssize_t>(got, 0)));
 }
 
@@ -47,6 +46,7 @@ void ReadStandardInput(FEED& feed, const std::function<void(std::string_view)>& 
                        const std::function<void()>& finish) {
     std::array<char, 64 * 1024> chunk;
     size_t drained = 0;
+    int error = 0;
     for (;;) {
         bool ready = feed.Wait(STDIN_FILENO, 0);
         if (!ready && !feed.Stopped()) {  // the input pauses
@@ -57,7 +57,7 @@ void ReadStandardInput(FEED& feed, const std::function<void(std::string_view)>& 
         }
         if (feed.Stopped() && (!ready || drained >= MostDrained)) break;
         if (!ready) continue;
-        const auto bytes = ReadChunk(chunk);
+        const auto bytes = ReadChunk(chunk, error);
         if (!bytes) break;
         if (feed.Stopped()) drained += std::max<size_t>(bytes->size(), 1);
         take(*bytes);
@@ -67,6 +67,7 @@ void ReadStandardInput(FEED& feed, const std::function<void(std::string_view)>& 
     feed.Flush();
     feed.Mark({}, 0);
     feed.Finish();
+    if (error != 0) throw COMMAND_ERROR(std::string("cannot read standard input: ") + std::strerror(error));
 }
 
 }  // namespace
@@ -75,20 +76,24 @@ void FollowFile(const FEED_OPTIONS& options, FEED_LINE_READER& reader) {
     FEED feed(options, &reader);
     FEED_FOLLOWER follower(options.file);
     feed.WhileWaiting([&] { follower.HoldSuccessors(); });
-    if (!follower.Resume(feed.Places()))
+    if (!follower.Resume(feed.Position()))
         feed.Tell("what was read last is there no more; " + options.file + " is read from its beginning");
+    bool refused = false;
     if (follower.Waiting()) {
         if (options.once) throw COMMAND_ERROR("cannot read " + options.file + ": there is no such file");
         feed.Tell("waiting for " + options.file);
     }
-    REMEMBERING remembering(reader);
-    follower.Remember(reader.Memory(), remembering);
-    if (feed.IsNew()) feed.Mark(follower.Places(), follower.Behind());
+    if (feed.IsNew()) {
+        feed.Mark(follower.Position(), follower.Behind());
+    } else {
+        REMEMBERING remembering(reader);
+        follower.Remember(reader.Memory(), remembering);
+    }
     while (!feed.Stopped()) {
         if (follower.ReadSome(feed)) {
             if (feed.IsMarkDue() && feed.MillisecondsToMark() == 0) {
                 feed.Flush();
-                feed.Mark(follower.Places(), follower.Behind());
+                feed.Mark(follower.Position(), follower.Behind());
             }
             feed.ShowProgress(follower.Behind());
             feed.Wait(-1, 0);
@@ -98,14 +103,16 @@ void FollowFile(const FEED_OPTIONS& options, FEED_LINE_READER& reader) {
         feed.NotePause();
         feed.EndRecognition();
         if (options.once) break;
-        feed.NotePlaces(follower.Places());
-        if (feed.IsMarkDue() && feed.MillisecondsToMark() == 0) feed.Mark(follower.Places(), follower.Behind());
+        if (follower.Refused() && !refused) feed.Tell("may not read " + options.file + ", trying again");
+        refused = follower.Refused();
+        feed.NotePlaces(follower.Position());
+        if (feed.IsMarkDue() && feed.MillisecondsToMark() == 0) feed.Mark(follower.Position(), follower.Behind());
         const int look = follower.Notices() >= 0 ? LookMilliseconds : LookUnnoticedMilliseconds;
         if (feed.Wait(follower.Notices(), feed.IsMarkDue() ? std::min(feed.MillisecondsToMark(), look) : look))
             follower.TakeNotices();
     }
     feed.Flush();
-    feed.Mark(follower.Places(), follower.Behind());
+    feed.Mark(follower.Position(), follower.Behind());
     feed.Finish();
 }
 

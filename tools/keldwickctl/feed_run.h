@@ -1,4 +1,4 @@
-// Runs one feed: from its source into the log, until the source ends or SIGTERM or SIGINT comes.
+// Runs one feed: from its source into the log, until the source ends or a stop signal comes.
 #pragma once
 
 #include <string>

@@ -54,19 +54,16 @@ void ReadState(const json& object, FEED_STATE& state) {
     const auto earlier = object.find("earlier");
     if (earlier != object.end() && earlier->is_array())
         for (const json& each : *earlier) state.places.push_back(ReadPlace(each));
+    if (object.contains("written")) state.written = Number(object, "written");
     if (object.contains("offset")) state.places.push_back(ReadPlace(object));
 }
 
 std::string StateText(const FEED_STATE& state) {
-    json object = {{"source", state.source},
-                   {"file", state.file},
-                   {"log", state.log},
-                   {"records", state.records},
-                   {"skipped", state.skipped},
-                   {"unreadable", state.unreadable},
-                   {"behind", state.behind},
-                   {"nextRecord", state.nextRecord},
-                   {"saved", IsoTime(win32::SecondsNow())}};
+    json object = {{"source", state.source},   {"file", state.file},
+                   {"log", state.log},         {"records", state.records},
+                   {"skipped", state.skipped}, {"unreadable", state.unreadable},
+                   {"behind", state.behind},   {"nextRecord", state.nextRecord},
+                   {"written", state.written}, {"saved", IsoTime(win32::SecondsNow())}};
     if (!state.places.empty()) {
         object.update(PlaceObject(state.places.back()));
         object["earlier"] = json::array();

@@ -14,13 +14,20 @@ struct FEED_PLACE {
     bool operator==(const FEED_PLACE&) const = default;
 };
 
+// How far a file and what rotation made of it were read.
+struct FEED_POSITION {
+    std::vector<FEED_PLACE> places;  // the file that is followed last; before it those rotated away a moment ago
+    // When what was read last was written, in nanoseconds since 1970: a rotated file without a place that is newer was
+    // not read. 0: not known.
+    unsigned long long written = 0;
+};
+
 struct FEED_COUNTS {
     unsigned long long records = 0, skipped = 0, unreadable = 0;
 };
 
-struct FEED_STATE : FEED_COUNTS {  // the counts of all runs
+struct FEED_STATE : FEED_COUNTS, FEED_POSITION {  // the counts of all runs
     std::string source, file, log;
-    std::vector<FEED_PLACE> places;     // the file that is followed last; before it those rotated away a moment ago
     unsigned long long nextRecord = 0;  // the first record after the log's last when the places were right
     unsigned long long behind = 0;      // bytes not read yet
     std::string saved;                  // when, ISO; set by Load only

@@ -16,6 +16,8 @@ STOP_SIGNALS::STOP_SIGNALS() {
     sigemptyset(&signals);
     sigaddset(&signals, SIGTERM);
     sigaddset(&signals, SIGINT);
+    struct sigaction hangup;  // who starts a program to live on without its terminal has it ignored
+    if (sigaction(SIGHUP, nullptr, &hangup) == 0 && hangup.sa_handler != SIG_IGN) sigaddset(&signals, SIGHUP);
     sigprocmask(SIG_BLOCK, &signals, &before);
     fd = signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
     if (fd < 0) throw COMMAND_ERROR(std::string("cannot wait for signals: ") + std::strerror(errno));

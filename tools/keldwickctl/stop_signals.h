@@ -1,4 +1,4 @@
-// SIGTERM and SIGINT as a thing to wait for.
+// SIGTERM, SIGINT and, unless it is ignored, SIGHUP as a thing to wait for.
 #pragma once
 
 #include <signal.h>
