@@ -8,6 +8,7 @@
 
 #include "tools/keldwickctl/feed_lines.h"
 #include "tools/keldwickctl/feed_state.h"
+#include "tools/keldwickctl/followed_file.h"
 
 // Only whole lines are given; one that is still being written waits for its end. A file that was renamed away is read
 // on for Linger seconds, since not every process that writes to it moves to the new one at once. One thread's.
@@ -42,33 +43,25 @@ public:
     void TakeNotices() const;
 
 private:
-    struct OPEN_FILE;
     struct DONE_FILE {  // read to its end and closed
         FEED_PLACE end;
         std::string beginning;
     };
-    struct ROTATED {
-        std::string name;
-        unsigned long long written, device, inode;
-    };
-    using FILE_POINTER = std::unique_ptr<OPEN_FILE>;
+    using FILE_POINTER = std::unique_ptr<FOLLOWED_FILE>;
 
     FILE_POINTER Open(const std::string& name);
     FILE_POINTER Locate(const FEED_PLACE& place);
-    std::vector<std::string> Siblings() const;
-    std::vector<ROTATED> Rotated() const;
     unsigned long long WrittenOfRotated() const;
     bool AppendSuccessors();
     bool OpenRotated(size_t at);
     bool OpenCopies(size_t at, bool holdsMore);
     void MarkReplaced();
-    bool IsOpen(const OPEN_FILE& file) const;
-    unsigned long long KnownPart(const OPEN_FILE& file) const;
-    void FollowTruncation(OPEN_FILE& file);
+    bool IsOpen(const FOLLOWED_FILE& file) const;
+    unsigned long long KnownPart(const FOLLOWED_FILE& file) const;
+    void FollowTruncation(FOLLOWED_FILE& file);
     void RetireOld(FEED_LINE_TAKER& taker);
 
     const std::string path;
-    std::string folder, base;
     std::deque<FILE_POINTER> files;  // the newest last
     std::deque<DONE_FILE> done;
     unsigned long long written = 1;  // when what was read last was written
