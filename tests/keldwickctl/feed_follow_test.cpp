@@ -22,6 +22,7 @@
 #include "tools/keldwickctl/feed_log.h"
 #include "tools/keldwickctl/feed_run.h"
 #include "tools/keldwickctl/feed_values.h"
+#include "tools/keldwickctl/status_feeds.h"
 #include "win32/eventlog/log_names.h"
 #include "win32/text/utf.h"
 
@@ -433,6 +434,26 @@ TEST_F(FEEDING, ALogThatIsNotOnTheDiskIsNoPlaceToMark) {
     EXPECT_TRUE(log.Sync());
     fs::remove(root.Path("eventlog/Security.evt"));
     EXPECT_FALSE(log.Sync());
+}
+
+TEST_F(FEEDING, HowFarAFeedIsBehindIsWhatAllItsFilesHoldBeyondTheirPlaces) {
+    Append("of old\n", ".3");
+    Append(Logoff("a"));
+    Feed();
+    mkfifo(root.Path("feed/other.lock").c_str(), 0600);
+    const auto behind = [] {
+        for (const FEED_STATUS& each : ReadFeeds())
+            if (each.name == "test") return each.behind;
+        return ~0ULL;
+    };
+    EXPECT_EQ(0u, behind());
+    Append("12345\n");
+    Move("", ".2");
+    EXPECT_EQ(6u, behind());
+    Append("12\n", ".1");
+    fs::last_write_time(Path(".1"), fs::file_time_type::clock::now() + std::chrono::seconds(1));
+    Append("1234\n");
+    EXPECT_EQ(14u, behind());
 }
 
 TEST_F(FEEDING, ALongBacklogSaysHowFarItIs) {

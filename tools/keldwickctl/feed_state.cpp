@@ -173,10 +173,10 @@ FEED_STATE_FILE::FEED_STATE_FILE(const std::string& feed, FEED_KIND feedKind) : 
 FEED_STATE_FILE::~FEED_STATE_FILE() { close(lock); }
 
 bool IsFeedRunning(const std::string& name) {
-    const int fd = open(FeedPath(name, "lock").c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+    const int fd = open(FeedPath(name, "lock").c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
     if (fd < 0) return false;
     struct flock other = WholeFile(F_WRLCK);
-    const bool held = fcntl(fd, F_OFD_GETLK, &other) == 0 && other.l_type != F_UNLCK;
+    const bool held = fcntl(fd, F_OFD_GETLK, &other) == 0 && other.l_type != F_UNLCK;  // of a FIFO, never
     close(fd);
     return held;
 }

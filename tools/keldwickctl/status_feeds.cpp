@@ -3,24 +3,43 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <filesystem>
 
 #include "tools/keldwickctl/commands.h"
 #include "tools/keldwickctl/feed_state.h"
+#include "tools/keldwickctl/rotated_files.h"
 #include "win32/files/machine_root.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
-// What the file holds beyond the place, looked at now: the state tells how it was at the last mark.
+// What a file holds beyond the place that is its; all of it when none is.
+unsigned long long BytesBeyond(const struct stat& file, const std::vector<FEED_PLACE>& places) {
+    const auto size = static_cast<unsigned long long>(file.st_size);
+    for (const FEED_PLACE& place : places)
+        if (place.device == file.st_dev && place.inode == file.st_ino) return size - std::min(size, place.offset);
+    return size;
+}
+
+// Looked at now: the state tells how it was at the last mark. Rotated files count when the state has a place in them,
+// or they are newer than what was read.
 unsigned long long BytesBehind(const FEED_STATE& state) {
-    struct stat status;
-    if (state.places.empty() || stat(state.file.c_str(), &status) != 0) return state.behind;
-    const FEED_PLACE& place = state.places.back();
-    const auto size = static_cast<unsigned long long>(status.st_size);
-    if (status.st_ino != place.inode || status.st_dev != place.device) return state.behind + size;  // rotated away
-    return size > place.offset ? size - place.offset : 0;
+    struct stat file;
+    unsigned long long bytes = 0;
+    if (stat(state.file.c_str(), &file) == 0)
+        bytes = BytesBeyond(file, state.places);
+    else if (errno != ENOENT)
+        return state.behind;
+    for (const ROTATED_FILE& each : RotatedFiles(state.file)) {
+        if (stat(each.name.c_str(), &file) != 0) continue;
+        const bool has = std::any_of(state.places.begin(), state.places.end(), [&](const FEED_PLACE& place) {
+            return place.device == each.device && place.inode == each.inode;
+        });
+        if (has || (state.written != 0 && each.written > state.written)) bytes += BytesBeyond(file, state.places);
+    }
+    return bytes;
 }
 
 FEED_STATUS ReadFeed(const std::string& name) {
@@ -40,7 +59,7 @@ FEED_STATUS ReadFeed(const std::string& name) {
     feed.records = state.records;
     feed.skipped = state.skipped;
     feed.unreadable = state.unreadable;
-    feed.behind = BytesBehind(state);
+    feed.behind = state.file.empty() ? 0 : BytesBehind(state);
     feed.marked = state.saved;
     return feed;
 }
