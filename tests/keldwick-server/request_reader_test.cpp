@@ -145,11 +145,11 @@ TEST(ReportLine, NamesCanNeitherBreakTheLineNorTheJson) {
     request.user += u'\xD800';
     request.user += u"\U0001F600\u00E4";
     EXPECT_EQ(
-        "logon     #0  10.0.0.5  user \"a\\u0022\\u000A\\u000D\\u001B[2J\\u0085\\u2028\\u202E\xEF\xBF\xBD"
+        "logon     #0  10.0.0.5  user \"a\\u0022\\u000a\\u000d\\u001b[2J\\u0085\\u2028\\u202e\xEF\xBF\xBD"
         "\xF0\x9F\x98\x80\xC3\xA4\"  99 bytes",
         TextLine(request));
     EXPECT_NE(std::string::npos,
-              JsonLine(request).find("\"user\":\"a\\\"\\n\\r\\u001b[2J\xC2\x85\xE2\x80\xA8\xE2\x80\xAE\xEF\xBF\xBD"
+              JsonLine(request).find("\"user\":\"a\\\"\\n\\r\\u001b[2J\\u0085\\u2028\\u202e\xEF\xBF\xBD"
                                      "\xF0\x9F\x98\x80\xC3\xA4\""));
     request.address.clear();
     request.computer = u"CORP\\WS1";

@@ -112,7 +112,7 @@ TEST_F(Keldwickctl, ListShowsEveryValueWithItsTypeAndMeaning) {
         "IdentServer    sz     id.example\n"
         "IdentProtocol  dword  2 (tcp)\n"
         "LogonTTL       dword  12 (minutes)\n"
-        "AdServer       sz     a\\x1b[2J\\x0ab\n"
+        "AdServer       sz     a\\u001b[2J\\u000ab\n"
         "Linux\\OsBuild  dword  20348\n",
         Done("settings list"));
 }

@@ -54,14 +54,14 @@ TEST(Status, FiguresThatAreNotKnownAreNeverShownAsZero) {
     status.figures = IDENTITY_HEADING{7, 980, 720000, 3, 0, 12, 0, 1};
     status.behind = 5;
     status.feeds = {{"a", "json", "", "Security", true, 4, 5, 6, 0, "1970-01-01T00:10:00Z", ""},
-                    {"b", "json", "/x", "Security", false, 0, 0, 0, 77, "1970-01-01T00:10:00Z", ""},
+                    {"b", "json", "/x\xFF\xE2\x80\xAE", "Security", false, 0, 0, 0, 77, "1970-01-01T00:10:00Z", ""},
                     {"c", "", "", "", false, 0, 0, 0, 0, "", "c.state is damaged"}};
     status.behindSince = 960;
     for (const char* wanted :
          {"running since 1970-01-01T00:15:00Z, process 7\n", "5 wait, the first since 1970-01-01T00:16:00Z",
           "connected to 10.0.0.1 port 1308 over TLS\nidentities       3;", "answered 12; failed 0; sent again 1\n",
           "a, running; records 4, skipped 5, unreadable 6; marked", "c, not running; c.state is damaged",
-          "b, not running; /x, 77 bytes behind; records 0"})
+          "b, not running; /x\xEF\xBF\xBD\\u202e, 77 bytes behind; records 0"})
         EXPECT_THAT(StatusAsText(status), HasSubstr(wanted));
     for (const char* wanted : {"\nkeldwick_feed_up{feed=\"a\"} 1\n", "\nkeldwick_feed_behind_bytes{feed=\"b\"} 77\n",
                                "\nkeldwick_connected 1\n", "\nkeldwick_identities 3\n", "\nkeldwick_waiting_events 5\n",

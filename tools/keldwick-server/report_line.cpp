@@ -3,6 +3,8 @@
 #include <cstdio>
 #include <nlohmann/json.hpp>
 
+#include "tools/text/safe_text.h"
+
 namespace keldwick_server {
 namespace {
 
@@ -43,24 +45,11 @@ std::string Utf8(const std::u16string& text) {
     return bytes;
 }
 
-// Controls, line and paragraph separators, marks of direction, and the quote that ends a name.
-bool IsUnsafe(char32_t c) {
-    return c < 0x20 || (c >= 0x7F && c < 0xA0) || c == '"' || (c >= 0x200B && c <= 0x200F) ||
-           (c >= 0x2028 && c <= 0x202E) || (c >= 0x2060 && c <= 0x206F) || c == 0x061C || c == 0xFEFF;
-}
-
+// Within quotes the quote that ends a name is escaped, too.
 std::string Quoted(const std::u16string& text) {
-    std::string bytes = "\"";
-    for (const char32_t c : Characters(text)) {
-        if (!IsUnsafe(c)) {
-            AppendUtf8(c, bytes);
-            continue;
-        }
-        char escaped[8];
-        std::snprintf(escaped, sizeof(escaped), "\\u%04X", static_cast<unsigned>(c));
-        bytes += escaped;
-    }
-    return bytes + '"';
+    std::string bytes = SafeText(Utf8(text));
+    for (size_t at = 0; (at = bytes.find('"', at)) != bytes.npos;) bytes.replace(at, 1, "\\u0022");
+    return '"' + bytes + '"';
 }
 
 const char* KindName(REQUEST::KIND kind) {
@@ -110,7 +99,7 @@ std::string JsonLine(const REQUEST& request) {
         line["groups"].push_back({{"domain", Utf8(group.domain)}, {"dn", Utf8(group.dn)}});
     line["os"] = {{"code", request.osCode}, {"major", request.osMajor}, {"minor", request.osMinor}};
     line["length"] = request.length;
-    return line.dump();
+    return SafeJson(line);
 }
 
 }  // namespace keldwick_server

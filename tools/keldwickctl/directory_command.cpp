@@ -5,6 +5,7 @@
 #include "platform/error_text.h"
 #include "tools/keldwickctl/commands.h"
 #include "tools/keldwickctl/setting_values.h"
+#include "tools/text/safe_text.h"
 #include "win32/directory/directory_check.h"
 #include "win32/registry/store.h"
 #include "win32/text/utf.h"
@@ -40,13 +41,6 @@ std::string ResultText(HRESULT result) {
     return Utf8(keldwick::DirectoryErrorText(result)) + " (" + number + ")";
 }
 
-// Control characters come from whoever chose the names.
-std::string OneLine(std::string text) {
-    for (char& c : text)
-        if (static_cast<unsigned char>(c) < ' ' || c == 0x7F) c = '?';
-    return text;
-}
-
 // The server that the agent is set to ask; empty: whichever the directory's settings name.
 std::u16string AdServer() {
     const std::shared_ptr<const win32::REG_TREE> tree = win32::REG_STORE::Current().Tree();
@@ -62,7 +56,7 @@ struct LOOKUP {
 };
 
 [[noreturn]] void FailLookup(const std::string& name) {
-    throw COMMAND_ERROR(OneLine(name) + ": " + ResultText(static_cast<HRESULT>(GetLastError())));
+    throw COMMAND_ERROR(SafeText(name) + ": " + ResultText(static_cast<HRESULT>(GetLastError())));
 }
 
 // As the agent does it for a report: in the binding of its settings, but names of service tickets without one.
@@ -78,23 +72,23 @@ void LookUp(const std::string& name, LOOKUP& lookup) {
 }
 
 void PrintJson(const LOOKUP& lookup) {
-    nlohmann::json groups = nlohmann::json::array();
+    nlohmann::ordered_json groups = nlohmann::ordered_json::array();
     for (const GROUP& group : lookup.groups) groups.push_back({{"domain", Utf8(group.domain)}, {"dn", Utf8(group.dn)}});
-    const nlohmann::json shown{{"name", Utf8(lookup.nt4Name)},
-                               {"dn", Utf8(lookup.dn)},
-                               {"ou", Utf8(lookup.ou)},
-                               {"groups", groups},
-                               {"complete", lookup.groupsComplete}};
-    std::printf("%s\n", shown.dump().c_str());
+    const nlohmann::ordered_json shown{{"name", Utf8(lookup.nt4Name)},
+                                       {"dn", Utf8(lookup.dn)},
+                                       {"ou", Utf8(lookup.ou)},
+                                       {"groups", groups},
+                                       {"complete", lookup.groupsComplete}};
+    std::printf("%s\n", SafeJson(shown).c_str());
 }
 
 void PrintForPeople(const LOOKUP& lookup) {
-    std::printf("Name:   %s\nDN:     %s\nOU:     %s\nGroups: %lu\n", OneLine(Utf8(lookup.nt4Name)).c_str(),
-                OneLine(Utf8(lookup.dn)).c_str(), OneLine(Utf8(lookup.ou)).c_str(),
+    std::printf("Name:   %s\nDN:     %s\nOU:     %s\nGroups: %lu\n", SafeText(Utf8(lookup.nt4Name)).c_str(),
+                SafeText(Utf8(lookup.dn)).c_str(), SafeText(Utf8(lookup.ou)).c_str(),
                 static_cast<unsigned long>(lookup.groups.Count()));
     for (const GROUP& group : lookup.groups) {
-        const std::string domain = group.domain.IsEmpty() ? "(no name)" : OneLine(Utf8(group.domain));
-        std::printf("  %s  (%s)\n", domain.c_str(), OneLine(Utf8(group.dn)).c_str());
+        const std::string domain = group.domain.IsEmpty() ? "(no name)" : SafeText(Utf8(group.domain));
+        std::printf("  %s  (%s)\n", domain.c_str(), SafeText(Utf8(group.dn)).c_str());
     }
 }
 
@@ -104,7 +98,7 @@ void ShowLookup(const std::string& name, bool json) {
     LookUp(name, lookup);
     json ? PrintJson(lookup) : PrintForPeople(lookup);
     if (!lookup.groupsComplete)
-        throw COMMAND_ERROR("not every group could be read; the agent would report " + OneLine(name) +
+        throw COMMAND_ERROR("not every group could be read; the agent would report " + SafeText(name) +
                             " without groups");
 }
 
@@ -112,12 +106,12 @@ void ShowCheck() {
     const std::vector<win32::DIRECTORY_STEP> steps = win32::CheckDirectory();
     for (const win32::DIRECTORY_STEP& step : steps) {
         const bool done = SUCCEEDED(step.result);
-        std::printf("%-6s %8.1f ms  %s\n", done ? "ok" : "failed", step.milliseconds, OneLine(step.what).c_str());
+        std::printf("%-6s %8.1f ms  %s\n", done ? "ok" : "failed", step.milliseconds, SafeText(step.what).c_str());
     }
     const win32::DIRECTORY_STEP& last = steps.back();
     if (SUCCEEDED(last.result)) return;
     const std::string reason = last.reason.empty() ? "" : last.reason + ": ";
-    throw COMMAND_ERROR(OneLine(last.what + ": " + reason) + ResultText(last.result));
+    throw COMMAND_ERROR(SafeText(last.what + ": " + reason) + ResultText(last.result));
 }
 
 }  // namespace

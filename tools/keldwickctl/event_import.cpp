@@ -19,6 +19,7 @@
 #include "tools/keldwickctl/evt_import.h"
 #include "tools/keldwickctl/evtx_import.h"
 #include "tools/keldwickctl/failure.h"
+#include "tools/text/safe_text.h"
 
 namespace {
 
@@ -49,7 +50,7 @@ public:
 
     void Unreadable(const std::string& what) override {
         ClearProgress();
-        std::fprintf(stderr, "keldwickctl: not imported: %s\n", what.c_str());
+        std::fprintf(stderr, "keldwickctl: not imported: %s\n", SafeText(what).c_str());
         ++unreadable;
     }
 

@@ -9,6 +9,7 @@
 #include "tools/keldwickctl/event_log_access.h"
 #include "tools/keldwickctl/event_values.h"
 #include "tools/keldwickctl/failure.h"
+#include "tools/text/safe_text.h"
 #include "win32/text/utf.h"
 
 namespace {
@@ -35,6 +36,16 @@ FIELDS Decode(const EVENTLOGRECORD& record) {
     text = reinterpret_cast<const WCHAR*>(BytesOf(record) + record.StringOffset);
     for (WORD i = 0; i < record.NumStrings; ++i) fields.strings.push_back(TakeText(text));
     return fields;
+}
+
+// Within quotes those and back slashes are escaped, too.
+std::string Escaped(const std::string& text) {
+    std::string escaped;
+    for (const char c : text) {
+        if (c == '"' || c == '\\') escaped += '\\';
+        escaped += c;
+    }
+    return SafeText(escaped);
 }
 
 std::string DataDigits(const EVENTLOGRECORD& record) {
@@ -64,7 +75,7 @@ std::string RecordAsJson(const EVENTLOGRECORD& record) {
     object["computer"] = fields.computer;
     object["strings"] = fields.strings;
     object["data"] = DataDigits(record);
-    return object.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+    return SafeJson(object);
 }
 
 void ListEvents(const std::string& log, unsigned last, bool json) {

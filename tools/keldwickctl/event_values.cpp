@@ -142,21 +142,3 @@ std::optional<unsigned long long> ParseNumber(std::string_view text, unsigned lo
     if (error != std::errc() || end != text.data() + text.size() || value > limit) return {};
     return value;
 }
-
-std::string Escaped(const std::string& text, ESCAPES escapes) {
-    std::string safe;
-    for (size_t i = 0; i < text.size(); ++i) {
-        const unsigned char byte = static_cast<unsigned char>(text[i]);
-        const bool c1 = byte == 0xC2 && i + 1 < text.size() && static_cast<unsigned char>(text[i + 1]) < 0xA0;
-        if (escapes == ESCAPES::QUOTED && (byte == '"' || byte == '\\')) {
-            safe += {'\\', static_cast<char>(byte)};
-        } else if (byte < 0x20 || byte == 0x7F || c1) {
-            std::array<char, 8> code;
-            std::snprintf(code.data(), code.size(), "\\u%04x", c1 ? static_cast<unsigned char>(text[++i]) : byte);
-            safe += code.data();
-        } else {
-            safe += text[i];
-        }
-    }
-    return safe;
-}

@@ -25,10 +25,5 @@ std::string HexDigits(const BYTE* bytes, size_t count);
 // S-1-5-32-544 as bytes; nothing when it is not a SID.
 std::optional<win32::BYTES> ParseSid(std::string_view text);
 
-// The text as it is, but for control characters (those of the terminal beyond ASCII too), which are written as escapes:
-// no name from outside forges a line or speaks to the terminal. Within quotes these and back slashes are escaped, too.
-enum class ESCAPES { PLAIN, QUOTED };
-std::string Escaped(const std::string& text, ESCAPES escapes = ESCAPES::QUOTED);
-
 // A whole number, decimal or with 0x; nothing when it is anything else or above the limit.
 std::optional<unsigned long long> ParseNumber(std::string_view text, unsigned long long limit);

@@ -8,6 +8,7 @@
 
 #include "tools/keldwickctl/event_values.h"
 #include "tools/keldwickctl/feed_state.h"
+#include "tools/text/safe_text.h"
 #include "win32/eventlog/evt_record.h"
 #include "win32/files/file_owner.h"
 
@@ -15,7 +16,7 @@ FEED_ASIDE::FEED_ASIDE(const std::string& name) : feed(name), path(FeedPath(name
 
 void FEED_ASIDE::Keep(const std::string& reason, std::string_view line) {
     constexpr size_t Longest = 64 * 1024;
-    std::string entry = "# " + IsoTime(win32::SecondsNow()) + " " + reason;
+    std::string entry = "# " + IsoTime(win32::SecondsNow()) + " " + SafeText(reason);
     if (line.size() > Longest) entry += " (its first 64 KiB)";
     entry += '\n';
     if (!line.empty()) entry.append(line.substr(0, Longest)) += '\n';

@@ -4,6 +4,8 @@
 
 #include <cstdio>
 
+#include "tools/text/safe_text.h"
+
 namespace {
 
 constexpr unsigned long long LinesPerShow = 10000;
@@ -16,7 +18,7 @@ FEED_PROGRESS::FEED_PROGRESS(int seconds, bool sourceKnowsItsEnd)
 
 void FEED_PROGRESS::Tell(const std::string& what) {
     Clear();
-    std::fprintf(stderr, "keldwickctl: %s\n", what.c_str());
+    std::fprintf(stderr, "keldwickctl: %s\n", SafeText(what).c_str());
 }
 
 void FEED_PROGRESS::Show(unsigned long long lines, unsigned long long behind) {

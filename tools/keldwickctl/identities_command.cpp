@@ -8,6 +8,7 @@
 #include "tools/keldwickctl/event_values.h"
 #include "tools/keldwickctl/identity_list.h"
 #include "tools/keldwickctl/status_process.h"
+#include "tools/text/safe_text.h"
 #include "win32/files/machine_root.h"
 
 namespace {
@@ -16,7 +17,7 @@ std::string Time(int64_t seconds) { return IsoTime(static_cast<DWORD>(seconds));
 
 // The text and blanks up to that many characters.
 std::string Column(const std::string& text, size_t width) {
-    const std::string shown = Escaped(text, ESCAPES::PLAIN);
+    const std::string shown = SafeText(text);
     const auto continues = [](char unit) { return (static_cast<unsigned char>(unit) & 0xC0) == 0x80; };
     const size_t length = shown.size() - static_cast<size_t>(std::count_if(shown.begin(), shown.end(), continues));
     return shown + std::string(width - std::min(width, length), ' ');
@@ -36,7 +37,7 @@ void ShowAsJson(const LISTED_IDENTITY& identity, int64_t ttlMs) {
                                            {"computer", identity.computer},
                                            {"logon", Time(identity.logon)},
                                            {"expires", Time(identity.logon + ttlMs / perSecond)}};
-    std::printf("%s\n", object.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace).c_str());
+    std::printf("%s\n", SafeJson(object).c_str());
 }
 
 void ShowIdentities(bool asJson) {

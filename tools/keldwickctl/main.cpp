@@ -1,6 +1,7 @@
 // keldwickctl, the administrator's tool. Exit codes: 0 done, 1 it could not be done, 2 wrong usage.
 #include "platform/version_numbers.h"
 #include "tools/keldwickctl/commands.h"
+#include "tools/text/safe_text.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -44,7 +45,7 @@ int Complain(std::string text, int exitCode) {
     std::fflush(stdout);
     while (!text.empty() && text.back() == '\n') text.pop_back();
     std::replace(text.begin(), text.end(), '\n', ' ');
-    std::fprintf(stderr, "keldwickctl: %s\n", text.c_str());
+    std::fprintf(stderr, "keldwickctl: %s\n", SafeText(text).c_str());
     return exitCode;
 }
 

@@ -1,5 +1,6 @@
 #include "tools/keldwickctl/setting_values.h"
 
+#include "tools/text/safe_text.h"
 #include "win32/text/utf.h"
 
 #include <CLI/CLI.hpp>
@@ -151,18 +152,6 @@ std::string HexOf(const std::vector<BYTE>& data) {
     return hex;
 }
 
-// A terminal must not obey what somebody wrote into a value.
-std::string WithoutControls(const std::string& text) {
-    std::string safe;
-    for (const char c : text) {
-        char escaped[5];
-        const auto unit = static_cast<unsigned char>(c);
-        std::snprintf(escaped, sizeof escaped, "\\x%02x", unit);
-        safe += unit < 0x20 || unit == 0x7F ? escaped : std::string(1, c);
-    }
-    return safe;
-}
-
 }  // namespace
 
 const win32::REG_PATH& SettingsPath() {
@@ -246,7 +235,7 @@ std::string ExplainValue(std::u16string_view name, const win32::REG_VALUE& value
             text += std::string(" (") + ProtocolWords[number < std::size(ProtocolWords) ? number : 0] + ")";
         }
     }
-    return WithoutControls(text);
+    return SafeText(text);
 }
 
 std::u16string FromArgument(const std::string& text) {

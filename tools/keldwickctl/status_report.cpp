@@ -11,6 +11,7 @@
 #include "tools/keldwickctl/event_values.h"
 #include "tools/keldwickctl/failure.h"
 #include "tools/keldwickctl/setting_values.h"
+#include "tools/text/safe_text.h"
 #include "win32/eventlog/evt_reader.h"
 #include "win32/files/machine_root.h"
 #include "win32/registry/store.h"
@@ -111,15 +112,14 @@ std::string BehindText(const STATUS& status) {
            (status.behindSince ? ", the first since " + Time(*status.behindSince) : "");
 }
 
-// Names of feeds are letters, digits and the like; the file's is the administrator's own.
+// Names of feeds are letters, digits and the like.
 std::string FeedText(const FEED_STATUS& feed) {
     const std::string text = "\nfeed             " + feed.name + (feed.running ? ", running" : ", not running");
-    if (!feed.damage.empty()) return text + "; " + feed.damage;
+    if (!feed.damage.empty()) return text + "; " + SafeText(feed.damage);
     if (feed.marked.empty()) return text;
     return text +
-           (feed.file.empty()
-                ? ""
-                : "; " + Escaped(feed.file, ESCAPES::PLAIN) + ", " + std::to_string(feed.behind) + " bytes behind") +
+           (feed.file.empty() ? ""
+                              : "; " + SafeText(feed.file) + ", " + std::to_string(feed.behind) + " bytes behind") +
            "; records " + std::to_string(feed.records) + ", skipped " + std::to_string(feed.skipped) + ", unreadable " +
            std::to_string(feed.unreadable) + "; marked " + feed.marked;
 }
@@ -180,8 +180,8 @@ std::string StatusAsText(const STATUS& status) {
     if (status.agent) text += "; " + BehindText(status);
     for (const FEED_STATUS& feed : status.feeds) text += FeedText(feed);
     if (!status.lastError.empty()) text += "\nlast error       " + status.lastError;
-    if (!status.logFile.empty()) text += "\nlog file         " + status.logFile;
-    for (const std::string& trouble : status.troubles) text += "\nnot known        " + trouble;
+    if (!status.logFile.empty()) text += "\nlog file         " + SafeText(status.logFile);
+    for (const std::string& trouble : status.troubles) text += "\nnot known        " + SafeText(trouble);
     return text;
 }
 
@@ -220,5 +220,5 @@ std::string StatusAsJson(const STATUS& status) {
     object["troubles"] = status.troubles;
     object["feeds"] = nlohmann::ordered_json::array();
     for (const FEED_STATUS& feed : status.feeds) object["feeds"].push_back(FeedObject(feed));
-    return object.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+    return SafeJson(object);
 }
