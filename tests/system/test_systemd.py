@@ -167,7 +167,7 @@ class BootedMachine(unittest.TestCase):
 
         with self.subTest("figures for monitoring, and old logs"):
             folder, log = "/var/lib/prometheus/node-exporter", "/var/lib/keldwick/Keldwick_2020-01-02.log"
-            self.inside("sh", "-c", f"mkdir -p {folder} && echo old >{log} && chown keldwick {log} && touch -d '9 days ago' {log} && "
+            self.inside("sh", "-c", f"mkdir -p {folder} && echo old | tee {log} >{log}.gz && chown keldwick {log} && touch -d '9 days ago' {log} && "
                         "systemctl start keldwick-figures keldwick-logs")
             self.assertEqual("644", self.inside("stat", "-c", "%a", f"{folder}/keldwick.prom"))
             self.assertIn("\nkeldwick_up 0\n", self.inside("cat", f"{folder}/keldwick.prom"))
