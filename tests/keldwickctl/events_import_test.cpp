@@ -63,7 +63,10 @@ void Check(const char* name, const std::string& xml, const std::vector<DWORD>& i
         SCOPED_TRACE(std::string(name) + ", " + std::to_string(step) + " bytes a time");
         const COLLECTING_SINK sink = Import(xml, step);
         std::vector<DWORD> found;
-        for (const auto& event : sink.events) found.push_back(event.id);
+        for (const auto& event : sink.events) {
+            found.push_back(event.id);
+            EXPECT_LT(event.generated, event.written) << "written now, though it happened before";
+        }
         EXPECT_EQ(ids, found);
         ASSERT_EQ(unreadable.size(), sink.unreadable.size()) << testing::PrintToString(sink.unreadable);
         for (size_t i = 0; i < unreadable.size(); ++i) EXPECT_THAT(sink.unreadable[i], StartsWith(unreadable[i]));

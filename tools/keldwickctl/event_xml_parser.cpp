@@ -63,6 +63,7 @@ bool EVENT_XML_PARSER::Parse(std::string_view xml, const std::string& encoding, 
     event.id = 0;
     event.category = 0;
     event.generated = 0;
+    event.written = win32::SecondsNow();
     event.source.clear();
     event.computer.clear();
     event.strings.clear();
