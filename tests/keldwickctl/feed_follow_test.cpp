@@ -454,6 +454,12 @@ TEST_F(FEEDING, HowFarAFeedIsBehindIsWhatAllItsFilesHoldBeyondTheirPlaces) {
     fs::last_write_time(Path(".1"), fs::file_time_type::clock::now() + std::chrono::seconds(1));
     Append("1234\n");
     EXPECT_EQ(14u, behind());
+    Feed();
+    EXPECT_EQ(0u, behind());
+    Append("12345\n");
+    CopyAndTruncate();
+    Append("1\n");
+    EXPECT_EQ(8u, behind());
 }
 
 TEST_F(FEEDING, ALongBacklogSaysHowFarItIs) {

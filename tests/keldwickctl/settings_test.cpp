@@ -108,11 +108,13 @@ TEST_F(Keldwickctl, ListShowsEveryValueWithItsTypeAndMeaning) {
     Done("settings set LogonTTL 12");
     Done("settings set Linux\\OsBuild 20348");
     Done("settings set AdServer", {"a\x1B[2J\nb"});
+    Done("settings set --type sz", {"n\xE2\x80\xAE", "x"});
     EXPECT_EQ(
         "IdentServer    sz     id.example\n"
         "IdentProtocol  dword  2 (tcp)\n"
         "LogonTTL       dword  12 (minutes)\n"
         "AdServer       sz     a\\u001b[2J\\u000ab\n"
+        "n\\u202e        sz     x\n"
         "Linux\\OsBuild  dword  20348\n",
         Done("settings list"));
 }

@@ -41,9 +41,10 @@ TEST(Status, FiguresThatAreNotKnownAreNeverShownAsZero) {
     STATUS status;
     status.root = "/r";
     status.now = 1000;
-    status.server = "ids";
+    status.server = "ids\x1B";
     status.protocol = "auto";
-    EXPECT_EQ("agent            not running\nidentity server  ids, auto\nlast event       none", StatusAsText(status));
+    EXPECT_EQ("agent            not running\nidentity server  ids\\u001b, auto\nlast event       none",
+              StatusAsText(status));
     EXPECT_THAT(StatusAsPrometheus(status), AllOf(Not(HasSubstr("identities")), HasSubstr("\nkeldwick_up 0\n")));
 
     status.agent = AGENT_PROCESS{7, 900, AGENT_CONNECTION{"10.0.0.1", 1308, "TLS"}, 5};

@@ -10,6 +10,7 @@
 
 #include "report_line.h"
 #include "server.h"
+#include "tools/text/safe_text.h"
 
 namespace {
 
@@ -53,7 +54,7 @@ std::optional<int> ParseArguments(int count, char** texts, ARGUMENTS& arguments)
     return std::nullopt;
 }
 
-void Complain(const std::string& line) { std::fprintf(stderr, "keldwick-server: %s\n", line.c_str()); }
+void Complain(const std::string& line) { std::fprintf(stderr, "keldwick-server: %s\n", SafeText(line).c_str()); }
 
 // A descriptor that becomes readable at SIGINT and SIGTERM.
 int StopDescriptor() {

@@ -76,6 +76,8 @@ bool FEED_FOLLOWER::Resume(const FEED_POSITION& position) {
         if (file && !IsOpen(*file)) files.push_front(std::move(file));
     }
     AppendSuccessors();
+    for (size_t i = files.size(); i-- > 0;)
+        if (files[i]->readTo == 0) OpenCopies(i, true);
     resumed = true;
     return found;
 }

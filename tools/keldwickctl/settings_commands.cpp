@@ -2,6 +2,7 @@
 #include "tools/keldwickctl/commands.h"
 #include "tools/keldwickctl/failure.h"
 #include "tools/keldwickctl/setting_values.h"
+#include "tools/text/safe_text.h"
 #include "win32/files/machine_root.h"
 #include "win32/registry/store.h"
 #include "win32/text/utf.h"
@@ -72,7 +73,7 @@ void Collect(const REG_NODE& key, const std::u16string& path, std::vector<SETTIN
     std::sort(values.begin(), values.end(), [](const auto* a, const auto* b) { return a->order < b->order; });
     for (const REG_VALUE* value : values) {
         const std::u16string name = path + (value->name.empty() ? u"@" : value->name);
-        lines.push_back({win32::ToUtf8(name), TypeWord(value->type), ExplainValue(name, *value)});
+        lines.push_back({SafeText(win32::ToUtf8(name)), TypeWord(value->type), ExplainValue(name, *value)});
     }
     for (const auto& [folded, child] : key.children) Collect(*child, path + child->name + u'\\', lines);
 }

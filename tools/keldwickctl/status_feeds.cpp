@@ -1,45 +1,26 @@
 #include "tools/keldwickctl/status_feeds.h"
 
-#include <sys/stat.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <filesystem>
 
 #include "tools/keldwickctl/commands.h"
+#include "tools/keldwickctl/feed_follower.h"
 #include "tools/keldwickctl/feed_state.h"
-#include "tools/keldwickctl/rotated_files.h"
 #include "win32/files/machine_root.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
-// What a file holds beyond the place that is its; all of it when none is.
-unsigned long long BytesBeyond(const struct stat& file, const std::vector<FEED_PLACE>& places) {
-    const auto size = static_cast<unsigned long long>(file.st_size);
-    for (const FEED_PLACE& place : places)
-        if (place.device == file.st_dev && place.inode == file.st_ino) return size - std::min(size, place.offset);
-    return size;
-}
-
-// Looked at now: the state tells how it was at the last mark. Rotated files count when the state has a place in them,
-// or they are newer than what was read.
+// As a feed that goes on now would find it: the state tells how it was at the last mark.
 unsigned long long BytesBehind(const FEED_STATE& state) {
-    struct stat file;
-    unsigned long long bytes = 0;
-    if (stat(state.file.c_str(), &file) == 0)
-        bytes = BytesBeyond(file, state.places);
-    else if (errno != ENOENT)
+    try {
+        FEED_FOLLOWER follower(state.file);
+        follower.Resume(state);
+        return follower.Behind();
+    } catch (const COMMAND_ERROR&) {  // the file may not be read
         return state.behind;
-    for (const ROTATED_FILE& each : RotatedFiles(state.file)) {
-        if (stat(each.name.c_str(), &file) != 0) continue;
-        const bool has = std::any_of(state.places.begin(), state.places.end(), [&](const FEED_PLACE& place) {
-            return place.device == each.device && place.inode == each.inode;
-        });
-        if (has || (state.written != 0 && each.written > state.written)) bytes += BytesBeyond(file, state.places);
     }
-    return bytes;
 }
 
 FEED_STATUS ReadFeed(const std::string& name) {

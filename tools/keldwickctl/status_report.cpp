@@ -121,7 +121,7 @@ std::string FeedText(const FEED_STATUS& feed) {
            (feed.file.empty() ? ""
                               : "; " + SafeText(feed.file) + ", " + std::to_string(feed.behind) + " bytes behind") +
            "; records " + std::to_string(feed.records) + ", skipped " + std::to_string(feed.skipped) + ", unreadable " +
-           std::to_string(feed.unreadable) + "; marked " + feed.marked;
+           std::to_string(feed.unreadable) + "; marked " + SafeText(feed.marked);
 }
 
 nlohmann::ordered_json FeedObject(const FEED_STATUS& feed) {
@@ -165,7 +165,8 @@ std::string StatusAsText(const STATUS& status) {
     text += status.agent
                 ? "running since " + Time(status.agent->since) + ", process " + std::to_string(status.agent->pid)
                 : "not running";
-    text += "\nidentity server  " + (status.server.empty() ? "not set" : status.server + ", " + status.protocol);
+    text +=
+        "\nidentity server  " + (status.server.empty() ? "not set" : SafeText(status.server) + ", " + status.protocol);
     if (status.agent) {
         const auto& connection = status.agent->connection;
         text += connection ? "; connected to " + connection->address + " port " + std::to_string(connection->port) +
