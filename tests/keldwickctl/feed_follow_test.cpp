@@ -518,8 +518,8 @@ TEST_F(FEEDING, AnAgentIsWaitedForUntilItFollowsAndIsNear) {
     EXPECT_EQ("", wait(muchLater));
     for (int run = 0; run < 2; ++run) {
         const AGENT_ALIKE running(root);
-        EXPECT_EQ("does not follow the log yet", wait(agent));
-        EXPECT_EQ("does not follow the log yet", wait(impatient));
+        EXPECT_EQ("does not follow the log", wait(agent));
+        EXPECT_EQ("does not follow the log", wait(impatient));
         running.Mark(1);
         EXPECT_EQ("has more than half of the log to read", wait(agent));
         running.Mark(log.NextRecord());

@@ -213,7 +213,7 @@ class Feeds(MachineTest):
         self.until_logged("failed")
         self.append(authentication("ann", "10.0.0.1"))
         feed = self.feed("samba-audit", self.file)
-        self.assertIn("waiting for the agent, which does not follow the log yet", feed.stderr.readline())
+        self.assertIn("waiting for the agent, which does not follow the log", feed.stderr.readline())
         for number in range(2, 5):
             os.rename(self.file, self.file + ".old")
             self.append(authentication("bob", f"10.0.0.{number}"))
@@ -238,6 +238,19 @@ class Feeds(MachineTest):
         agent = self.start(wait=False)
         self.feed("samba-audit", self.file)
         self.expect("dora", "10.0.0.6")
+        self.shut_down(agent)
+
+    def test_what_comes_while_the_agent_is_between_two_servers_waits_for_the_second(self):
+        agent = self.serve()
+        self.append(authentication("ann", "10.0.0.1"))
+        feed = self.feed("samba-audit", self.file)
+        self.expect("ann", "10.0.0.1")
+        self.ctl("settings", "set", "IdentServer", "127.48.9.9")  # where there is none
+        self.until_logged("Identity Server changed")
+        self.append(authentication("bob", "10.0.0.2"))
+        self.assertIn("waiting for the agent, which does not follow the log", feed.stderr.readline())
+        self.ctl("settings", "set", "IdentServer", self.address)
+        self.expect("bob", "10.0.0.2")
         self.shut_down(agent)
 
     @staticmethod

@@ -128,7 +128,9 @@ class BootedMachine(unittest.TestCase):
         self.inside("systemctl", "start", "keldwick")
         self.assertEqual(["active", "Running"], self.show("keldwick", "ActiveState", "StatusText"))
         self.until(lambda: self.run_inside("keldwickctl", "identities").returncode == 0, "the agent follows the log")
-        self.assertEqual("1073741826", json.loads(self.inside("journalctl", "-t", "Keldwick", "-n", "1", "-o", "json"))["EVENT_ID"])
+        said = [json.loads(line) for line in self.inside("journalctl", "-t", "Keldwick", "-o", "json").splitlines()]
+        self.assertEqual(("1073741826", "6", "information"), tuple(said[-1][key] for key in ("EVENT_ID", "PRIORITY", "EVENT_TYPE")))
+        self.assertEqual([("Keldwick", str)] * len(said), [(each["EVENT_SOURCE"], type(each["MESSAGE"])) for each in said])
 
         with self.subTest("a feed that follows a file which group adm may read"):
             self.inside("sh", "-c", "install -d -m 750 -g adm /var/log/audit-of-test && cat >/var/log/audit-of-test/auth.jsonl && "

@@ -39,7 +39,7 @@ const char* FEED_AGENT::ReasonToWait(const FEED_LOG& log) {
     }
     awaited = true;
     gone.reset();
-    if (!nextRecord) return "does not follow the log yet";
+    if (!nextRecord) return "does not follow the log";
     return log.UnreadShare(*nextRecord) > enough ? "has more than half of the log to read" : nullptr;
 }
 

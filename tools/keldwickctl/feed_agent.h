@@ -8,8 +8,8 @@
 
 class FEED_LOG;
 
-// The agent reports what comes after it has begun to follow the log, which it does once it is connected for the first
-// time; and the log is a circle. So what comes while an agent runs that does not follow, while it has much to read, or
+// The agent reports what comes after it has begun to follow the log, which it does once it is connected, and anew when it
+// has been connected to another server; and the log is a circle. So what comes while an agent runs that does not follow, while it has much to read, or
 // while it is being started anew, is better written later. One thread's.
 class FEED_AGENT {
 public:

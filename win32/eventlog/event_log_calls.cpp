@@ -19,11 +19,18 @@ namespace {
 
 constexpr DWORD ServerUnavailable = 1722;  // RPC_S_SERVER_UNAVAILABLE: there are no other machines here
 
+// Apart from the handle's object, since the end of an event unmarks it: that must not end a notification.
+struct LOG_READER {
+    std::mutex lock;
+    EVT_READER reader;
+};
+
 // What an event-log handle stands for. Its calls may come from several threads.
 struct OPEN_LOG final : KERNEL_OBJECT {
     std::u16string name;
-    std::mutex lock;  // guards the rest
-    EVT_READER reader;
+    const std::shared_ptr<LOG_READER> shared = std::make_shared<LOG_READER>();
+    std::mutex& lock = shared->lock;  // guards the rest
+    EVT_READER& reader = shared->reader;
     std::unique_ptr<LOG_NOTIFICATION> notification;
 };
 
@@ -102,7 +109,8 @@ BOOL WINAPI GetOldestEventLogRecord(HANDLE handle, PDWORD number) {
     return win32::Result(log->reader.Numbers(current, *number, count));
 }
 
-// One event a log handle: a second call puts its event in the first one's place.
+// One event a log handle: a second call puts its event in the first one's place. Who closes the event does not follow
+// the log any more, and the mark in its file says so.
 BOOL WINAPI NotifyChangeEventLog(HANDLE handle, HANDLE event) {
     const auto log = win32::ObjectAs<win32::OPEN_LOG>(handle);
     const auto woken = log ? win32::ObjectOf(event) : nullptr;
@@ -110,6 +118,12 @@ BOOL WINAPI NotifyChangeEventLog(HANDLE handle, HANDLE event) {
     if (woken->WaitDescriptor() < 0) return win32::FailWith(ERROR_INVALID_HANDLE);
     auto notification = std::make_unique<win32::LOG_NOTIFICATION>(log->reader.Path(), woken);
     if (!notification->Active()) return FALSE;
+    win32::OnEventEnd(*woken, [weak = std::weak_ptr(log->shared)] {
+        const auto shared = weak.lock();
+        if (!shared) return;
+        const std::lock_guard guard(shared->lock);
+        shared->reader.Unmark();
+    });
     const std::lock_guard guard(log->lock);
     log->notification.swap(notification);
     return TRUE;

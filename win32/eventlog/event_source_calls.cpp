@@ -47,7 +47,8 @@ std::string EventText(const NEW_EVENT& event) {
     LocalFree(text);
     if (message.empty())
         for (const std::u16string& each : event.strings) message += each + u" ";
-    const size_t end = message.find_last_not_of(u" \r\n");
+    std::erase(message, u'\r');  // or who reads the journal as JSON finds bytes in the place of a text
+    const size_t end = message.find_last_not_of(u" \n");
     message.resize(end == std::u16string::npos ? 0 : end + 1);
     return ToUtf8(message);
 }

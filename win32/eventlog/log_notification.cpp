@@ -8,8 +8,8 @@
 
 namespace win32 {
 
-LOG_NOTIFICATION::LOG_NOTIFICATION(const std::string& path, std::shared_ptr<KERNEL_OBJECT> event)
-    : log(path), woken(std::move(event)), seen(Look()) {
+LOG_NOTIFICATION::LOG_NOTIFICATION(const std::string& path, const std::shared_ptr<KERNEL_OBJECT>& event)
+    : log(path), woken(event), seen(Look()) {
     watch = std::make_unique<FILE_WATCH>(path, [this] { Changed(); });
     if (Active()) Changed();  // what happened before the watch began
 }
@@ -34,7 +34,7 @@ void LOG_NOTIFICATION::Changed() {
     const MARK mark = Look();
     if (mark == seen) return;
     seen = mark;
-    PulseEventObject(*woken);
+    if (const auto event = woken.lock()) PulseEventObject(*event);
 }
 
 }  // namespace win32

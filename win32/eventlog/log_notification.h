@@ -10,13 +10,13 @@
 
 namespace win32 {
 
-// While it lives, the event is pulsed each time that records were appended to the log or the log was cleared, by
-// whatever process: the wait that is going on, or else the next one, returns once for it. So a follower that waits,
-// reads to the end and waits again misses nothing and does not spin, although its event may be a manual-reset one that
-// it never resets.
+// While it lives, and the event does, which it does not keep, the event is pulsed each time that records were appended
+// to the log or the log was cleared, by whatever process: the wait that is going on, or else the next one, returns once
+// for it. So a follower that waits, reads to the end and waits again misses nothing and does not spin, although its
+// event may be a manual-reset one that it never resets.
 class LOG_NOTIFICATION {
 public:
-    LOG_NOTIFICATION(const std::string& path, std::shared_ptr<KERNEL_OBJECT> event);
+    LOG_NOTIFICATION(const std::string& path, const std::shared_ptr<KERNEL_OBJECT>& event);
     bool Active() const { return watch && watch->Active(); }  // false: last error set by the constructor
 
 private:
@@ -31,7 +31,7 @@ private:
     void Changed();
 
     const std::string log;
-    const std::shared_ptr<KERNEL_OBJECT> woken;
+    const std::weak_ptr<KERNEL_OBJECT> woken;
     std::mutex lock;  // guards seen
     MARK seen;
     std::unique_ptr<FILE_WATCH> watch;  // last: its calls end before the rest goes

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <mutex>
 
@@ -20,6 +21,9 @@ class EVENT final : public KERNEL_OBJECT {
 public:
     EVENT(DESCRIPTOR descriptor, bool manualReset, bool initiallySet)
         : fd(std::move(descriptor)), manual(manualReset), signalled(initiallySet) {}
+    ~EVENT() override {
+        if (ended) ended();
+    }
 
     int WaitDescriptor() const override { return fd.Get(); }
     COMPANION Companion() const override { return companion.load(std::memory_order_acquire); }
@@ -29,6 +33,11 @@ public:
         if (!signalled) return false;
         if (!manual || oneShot) Unsignal();
         return true;
+    }
+
+    void OnEnd(std::function<void()> call) {
+        const std::lock_guard guard(DispatcherLock());
+        ended.swap(call);
     }
 
     void Set() {
@@ -65,6 +74,7 @@ private:
     bool signalled;        // under the dispatcher lock; mirrors the descriptor, to save calls
     bool oneShot = false;  // under the dispatcher lock; the signal is a pulse, which the first wait takes with it
     std::atomic<COMPANION> companion{};
+    std::function<void()> ended;
 };
 
 }  // namespace
@@ -78,6 +88,12 @@ bool SignalEventObject(KERNEL_OBJECT& event) {
 bool PulseEventObject(KERNEL_OBJECT& event) {
     EVENT* object = dynamic_cast<EVENT*>(&event);
     if (object) object->Pulse();
+    return object != nullptr;
+}
+
+bool OnEventEnd(KERNEL_OBJECT& event, std::function<void()> call) {
+    EVENT* object = dynamic_cast<EVENT*>(&event);
+    if (object) object->OnEnd(std::move(call));
     return object != nullptr;
 }
 

@@ -3,6 +3,7 @@
 
 #include <windows.h>
 
+#include <functional>
 #include <memory>
 
 namespace win32 {
@@ -59,6 +60,10 @@ bool SignalEventObject(KERNEL_OBJECT& event);
 // Signals an event object for one wait: the wait that is going on or else the next one takes the signal with it, also
 // when the event is a manual-reset one. An event that is set already stays as it is. False: not an event.
 bool PulseEventObject(KERNEL_OBJECT& event);
+
+// Has `call` called when the event is gone: its handle is closed and nobody uses it any more. It may run on any thread.
+// False: not an event. The last call given counts.
+bool OnEventEnd(KERNEL_OBJECT& event, std::function<void()> call);
 
 // Binds a descriptor to an event as its companion (fd -1: none); false when the object is not an event. Waits that
 // begin afterwards look at it; the descriptor must stay open until it is unbound.

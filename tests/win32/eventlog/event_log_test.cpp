@@ -3,6 +3,8 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <filesystem>
+#include <fstream>
 #include <thread>
 #include <tuple>
 
@@ -189,6 +191,33 @@ TEST_F(EVENT_LOG_CALLS, AManualResetEventWakesOneWaitForEachChangeAndThenNoMore)
     ASSERT_TRUE(ClearEventLogW(other.get(), nullptr));
     EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(changed, 5000));
     EXPECT_EQ(DWORD{ERROR_INVALID_HANDLE}, ErrorOf(NotifyChangeEventLog(log.get(), nullptr)));
+}
+
+// The file position of this process's descriptor of the file.
+long long PositionIn(const std::string& path) {
+    for (const auto& each : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code gone;
+        if (!std::filesystem::equivalent(each.path(), path, gone)) continue;
+        std::ifstream about("/proc/self/fdinfo/" + each.path().filename().string());
+        std::string label;
+        long long position = -1;
+        about >> label >> position;
+        return position;
+    }
+    return -1;
+}
+
+TEST_F(EVENT_LOG_CALLS, TheReadersMarkIsInTheFileWhileItFollowsTheLog) {
+    MakeLog(3);
+    const LOG log = OpenLog();
+    for (int run = 0; run < 2; ++run) {
+        const HANDLE changed = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+        ASSERT_TRUE(NotifyChangeEventLog(log.get(), changed));
+        ReadAll(log.get(), Forwards);
+        EXPECT_EQ(4, PositionIn(Path()));
+        ASSERT_TRUE(CloseHandle(changed));
+        EXPECT_EQ(0, PositionIn(Path()));
+    }
 }
 
 TEST_F(EVENT_LOG_CALLS, AFollowerWaitsForWritersOfOtherThreadsAndMissesNothing) {
