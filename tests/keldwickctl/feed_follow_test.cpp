@@ -315,6 +315,29 @@ TEST_F(FEEDING, ACrashBetweenWritingAndMarkingNeitherLosesNorDoubles) {
     EXPECT_EQ(LINES{"e"}, Users()) << "a log that was cleared meanwhile takes what came";
 }
 
+TEST_F(FEEDING, AStopLetsWhatWasReadIntoTheLogUnlessAnAgentIsWaitedFor) {
+    options.once = false;
+    sigset_t stop, before;
+    sigemptyset(&stop);
+    sigaddset(&stop, SIGTERM);
+    ASSERT_EQ(0, pthread_sigmask(SIG_BLOCK, &stop, &before));
+    Append(Logoff("a"));
+    raise(SIGTERM);
+    Feed();
+    EXPECT_EQ(LINES{"a"}, Users());
+    EXPECT_THAT(State(), HasSubstr("\"records\": 1"));
+    root.Write("Keldwick.identities", "{}");
+    Append(Logoff("b"));
+    raise(SIGTERM);
+    Feed();
+    EXPECT_EQ(LINES{"a"}, Users()) << "the next feed writes it";
+    fs::remove(root.Path("Keldwick.identities"));
+    raise(SIGTERM);
+    Feed();
+    EXPECT_EQ((LINES{"a", "b"}), Users());
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
 TEST_F(FEEDING, AnUnreadableLineIsKeptAsideAndCountedAndStopsNothing) {
     Append("rubbish\n" + Logoff("a") + std::string(LargestFeedLine + 1, 'x') + "\n" + Logoff("b"));
     Feed();
