@@ -222,6 +222,50 @@ TEST_F(FOLLOWED, AFileThatWasReadToItsEndIsNotReadAgainFromACopy) {
     EXPECT_EQ(LINES{"new"}, Read(follower));
 }
 
+TEST_F(FOLLOWED, ACopyOverARotatedFileThatIsStillOpenIsNotReadAgainAndItsRestIsRead) {
+    Append("zero\n");
+    FEED_FOLLOWER follower(Path());
+    follower.Resume({});
+    EXPECT_EQ(LINES{"zero"}, Read(follower));
+    Move("", ".1");
+    for (const char* line : {"one", "two", "three"}) {
+        SCOPED_TRACE(line);
+        Append(std::string(line) + "\n");
+        EXPECT_EQ(LINES{line}, Read(follower));
+        Append(std::string("after ") + line + "\n");
+        CopyAndTruncate();
+        EXPECT_EQ(LINES{std::string("after ") + line}, Read(follower));
+    }
+    fs::copy_file(Path(".1"), Path(".2"));
+    Append("written late\n", ".1");
+    Append("", ".2");
+    EXPECT_EQ(LINES{"written late"}, Read(follower));
+    Append("last\n");
+    fs::copy_file(Path(), Path(".1"), fs::copy_options::overwrite_existing);
+    EXPECT_EQ(LINES{"last"}, Read(follower));
+    FEED_FOLLOWER later(Path());
+    EXPECT_TRUE(later.Resume(follower.Position()));
+    EXPECT_EQ(LINES(), Read(later));
+}
+
+TEST_F(FOLLOWED, ACopyOfWhatWasReadLongAgoThatWasMadeWhileTheFeedWasAwayIsNotReadAgain) {
+    const auto now = fs::file_time_type::clock::now();
+    Append("long ago\n", ".1");
+    Append("one\n");
+    fs::last_write_time(Path(".1"), now - std::chrono::seconds(20));
+    fs::last_write_time(Path(), now - std::chrono::seconds(10));
+    FEED_FOLLOWER first(Path()), second(Path());
+    first.Resume({});
+    EXPECT_EQ(LINES{"one"}, Read(first));
+    fs::copy_file(Path(".1"), Path(".1-20261116"));
+    Append("and more\n", ".1-20261116");
+    Move(".1", ".2");
+    Move("", ".1");
+    Append("two\n");
+    EXPECT_TRUE(second.Resume(first.Position()));
+    EXPECT_EQ((LINES{"and more", "two"}), Read(second));
+}
+
 TEST_F(FOLLOWED, APlaceIsOfWhatWasReadWhateverTheFileHoldsNow) {
     Append("one\ntwo\n");
     FEED_FOLLOWER follower(Path());
