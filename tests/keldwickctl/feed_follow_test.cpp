@@ -79,6 +79,7 @@ TEST_F(FOLLOWED, RotationCostsNoLineWhetherItHappensWhileTheFeedRunsOrWhileItIsA
         {"renamed twice",
          [&] { add("three"), Move("", ".1"), add("four"), Move(".1", ".2"), Move("", ".1"), add("five"); },
          {"three", "four", "five"}},
+        {"renamed twice, nothing since", [&] { Move("", ".2"), add("three"), Move("", ".1"); }, {"three"}},
         {"copied and truncated", [&] { CopyAndTruncate(), add("three"); }, {"three"}},
         {"copied before it was read", [&] { add("three"), CopyAndTruncate(), add("four"); }, {"three", "four"}},
         {"truncated and longer now", [&] { CopyAndTruncate(), add("longer than both"); }, {"longer than both"}},
@@ -195,6 +196,20 @@ TEST_F(FOLLOWED, ANewFileThatMayNotBeReadYetIsAskedForAgain) {
     chmod(Path().c_str(), 0600);
     EXPECT_EQ(LINES{"two"}, Read(follower));
     EXPECT_FALSE(follower.Refused());
+}
+
+TEST_F(FOLLOWED, ARenamedFileIsReadOnAfterARestartToo) {
+    Append("one\n");
+    FEED_FOLLOWER first(Path()), second(Path());
+    first.Resume({});
+    Read(first);
+    Move("", ".1");
+    Append("two\n");
+    EXPECT_EQ(LINES{"two"}, Read(first));
+    EXPECT_TRUE(second.Resume(first.Position()));
+    EXPECT_EQ(LINES(), Read(second));
+    Append("late\n", ".1");
+    EXPECT_EQ(LINES{"late"}, Read(second));
 }
 
 TEST_F(FOLLOWED, WhatIsHeldIsReadThoughRotationOverwritesIt) {

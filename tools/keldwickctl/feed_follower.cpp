@@ -75,6 +75,7 @@ bool FEED_FOLLOWER::Resume(const FEED_POSITION& position) {
         if (file && !IsOpen(*file)) files.push_front(std::move(file));
     }
     AppendSuccessors();
+    MarkReplaced();
     resumed = true;
     return found;
 }
@@ -95,7 +96,7 @@ bool FEED_FOLLOWER::IsOpen(const FOLLOWED_FILE& file) const {
 bool FEED_FOLLOWER::AppendSuccessors() {
     FILE_POINTER current = Open(path);
     if (current && IsOpen(*current)) return false;
-    if (!current) return files.empty() && OpenRotated(0);
+    if (!current) return OpenRotated(files.size());
     const unsigned long long known = current->LineStart(KnownPart(*current));  // or somebody is writing its first line
     current->GoTo(known, current->Tail(known));
     files.push_back(std::move(current));
