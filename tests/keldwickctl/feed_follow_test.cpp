@@ -180,6 +180,21 @@ TEST_F(FOLLOWED, AReaderIsShownWhatStoodBeforeThePlaceAcrossRotation) {
     EXPECT_EQ(LINES(), Read(second));
 }
 
+TEST_F(FOLLOWED, WhatIsStillToBeReadIsNotShownAsIfItHadBeen) {
+    Append("");
+    FEED_FOLLOWER first(Path()), second(Path());
+    first.Resume({});
+    EXPECT_EQ(LINES(), Read(first));
+    Append("one\n");
+    CopyAndTruncate();
+    Append("two\n");
+    EXPECT_TRUE(second.Resume(first.Position()));
+    COLLECTING remembered;
+    second.Remember(1000, remembered);
+    EXPECT_EQ(LINES(), remembered.lines);
+    EXPECT_EQ((LINES{"one", "two"}), Read(second));
+}
+
 TEST_F(FOLLOWED, ANewFileThatMayNotBeReadYetIsAskedForAgain) {
     Append("one\n");
     FEED_FOLLOWER follower(Path());

@@ -190,7 +190,7 @@ void FEED_FOLLOWER::Remember(size_t bytes, FEED_LINE_TAKER& taker) {
     for (const FILE_POINTER& file : files) left -= std::min<unsigned long long>(left, file->place.offset);
     const std::vector<ROTATED_FILE> rotated = RotatedFiles(path);
     for (auto each = rotated.rbegin(); each != rotated.rend() && left > 0; ++each) {
-        FILE_POINTER file = Open(each->name);
+        FILE_POINTER file = each->written > written ? nullptr : Open(each->name);  // newer: not read yet
         if (!file || IsOpen(*file)) continue;
         file->place.offset = file->Size();
         left -= std::min<unsigned long long>(left, file->place.offset);
