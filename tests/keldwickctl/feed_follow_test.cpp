@@ -79,6 +79,7 @@ TEST_F(FOLLOWED, RotationCostsNoLineWhetherItHappensWhileTheFeedRunsOrWhileItIsA
         {"renamed twice",
          [&] { add("three"), Move("", ".1"), add("four"), Move(".1", ".2"), Move("", ".1"), add("five"); },
          {"three", "four", "five"}},
+        {"renamed twice, nothing since", [&] { Move("", ".2"), add("three"), Move("", ".1"); }, {"three"}},
         {"copied and truncated", [&] { CopyAndTruncate(), add("three"); }, {"three"}},
         {"copied before it was read", [&] { add("three"), CopyAndTruncate(), add("four"); }, {"three", "four"}},
         {"truncated and longer now", [&] { CopyAndTruncate(), add("longer than both"); }, {"longer than both"}},
@@ -179,6 +180,21 @@ TEST_F(FOLLOWED, AReaderIsShownWhatStoodBeforeThePlaceAcrossRotation) {
     EXPECT_EQ(LINES(), Read(second));
 }
 
+TEST_F(FOLLOWED, WhatIsStillToBeReadIsNotShownAsIfItHadBeen) {
+    Append("");
+    FEED_FOLLOWER first(Path()), second(Path());
+    first.Resume({});
+    EXPECT_EQ(LINES(), Read(first));
+    Append("one\n");
+    CopyAndTruncate();
+    Append("two\n");
+    EXPECT_TRUE(second.Resume(first.Position()));
+    COLLECTING remembered;
+    second.Remember(1000, remembered);
+    EXPECT_EQ(LINES(), remembered.lines);
+    EXPECT_EQ((LINES{"one", "two"}), Read(second));
+}
+
 TEST_F(FOLLOWED, ANewFileThatMayNotBeReadYetIsAskedForAgain) {
     Append("one\n");
     FEED_FOLLOWER follower(Path());
@@ -195,6 +211,20 @@ TEST_F(FOLLOWED, ANewFileThatMayNotBeReadYetIsAskedForAgain) {
     chmod(Path().c_str(), 0600);
     EXPECT_EQ(LINES{"two"}, Read(follower));
     EXPECT_FALSE(follower.Refused());
+}
+
+TEST_F(FOLLOWED, ARenamedFileIsReadOnAfterARestartToo) {
+    Append("one\n");
+    FEED_FOLLOWER first(Path()), second(Path());
+    first.Resume({});
+    Read(first);
+    Move("", ".1");
+    Append("two\n");
+    EXPECT_EQ(LINES{"two"}, Read(first));
+    EXPECT_TRUE(second.Resume(first.Position()));
+    EXPECT_EQ(LINES(), Read(second));
+    Append("late\n", ".1");
+    EXPECT_EQ(LINES{"late"}, Read(second));
 }
 
 TEST_F(FOLLOWED, WhatIsHeldIsReadThoughRotationOverwritesIt) {
@@ -220,6 +250,50 @@ TEST_F(FOLLOWED, AFileThatWasReadToItsEndIsNotReadAgainFromACopy) {
     Move("", ".2");
     Append("new\n");
     EXPECT_EQ(LINES{"new"}, Read(follower));
+}
+
+TEST_F(FOLLOWED, ACopyOverARotatedFileThatIsStillOpenIsNotReadAgainAndItsRestIsRead) {
+    Append("zero\n");
+    FEED_FOLLOWER follower(Path());
+    follower.Resume({});
+    EXPECT_EQ(LINES{"zero"}, Read(follower));
+    Move("", ".1");
+    for (const char* line : {"one", "two", "three"}) {
+        SCOPED_TRACE(line);
+        Append(std::string(line) + "\n");
+        EXPECT_EQ(LINES{line}, Read(follower));
+        Append(std::string("after ") + line + "\n");
+        CopyAndTruncate();
+        EXPECT_EQ(LINES{std::string("after ") + line}, Read(follower));
+    }
+    fs::copy_file(Path(".1"), Path(".2"));
+    Append("written late\n", ".1");
+    Append("", ".2");
+    EXPECT_EQ(LINES{"written late"}, Read(follower));
+    Append("last\n");
+    fs::copy_file(Path(), Path(".1"), fs::copy_options::overwrite_existing);
+    EXPECT_EQ(LINES{"last"}, Read(follower));
+    FEED_FOLLOWER later(Path());
+    EXPECT_TRUE(later.Resume(follower.Position()));
+    EXPECT_EQ(LINES(), Read(later));
+}
+
+TEST_F(FOLLOWED, ACopyOfWhatWasReadLongAgoThatWasMadeWhileTheFeedWasAwayIsNotReadAgain) {
+    const auto now = fs::file_time_type::clock::now();
+    Append("long ago\n", ".1");
+    Append("one\n");
+    fs::last_write_time(Path(".1"), now - std::chrono::seconds(20));
+    fs::last_write_time(Path(), now - std::chrono::seconds(10));
+    FEED_FOLLOWER first(Path()), second(Path());
+    first.Resume({});
+    EXPECT_EQ(LINES{"one"}, Read(first));
+    fs::copy_file(Path(".1"), Path(".1-20261116"));
+    Append("and more\n", ".1-20261116");
+    Move(".1", ".2");
+    Move("", ".1");
+    Append("two\n");
+    EXPECT_TRUE(second.Resume(first.Position()));
+    EXPECT_EQ((LINES{"and more", "two"}), Read(second));
 }
 
 TEST_F(FOLLOWED, APlaceIsOfWhatWasReadWhateverTheFileHoldsNow) {
@@ -313,6 +387,29 @@ TEST_F(FEEDING, ACrashBetweenWritingAndMarkingNeitherLosesNorDoubles) {
     Feed();
     Feed();
     EXPECT_EQ(LINES{"e"}, Users()) << "a log that was cleared meanwhile takes what came";
+}
+
+TEST_F(FEEDING, AStopLetsWhatWasReadIntoTheLogUnlessAnAgentIsWaitedFor) {
+    options.once = false;
+    sigset_t stop, before;
+    sigemptyset(&stop);
+    sigaddset(&stop, SIGTERM);
+    ASSERT_EQ(0, pthread_sigmask(SIG_BLOCK, &stop, &before));
+    Append(Logoff("a"));
+    raise(SIGTERM);
+    Feed();
+    EXPECT_EQ(LINES{"a"}, Users());
+    EXPECT_THAT(State(), HasSubstr("\"records\": 1"));
+    root.Write("Keldwick.identities", "{}");
+    Append(Logoff("b"));
+    raise(SIGTERM);
+    Feed();
+    EXPECT_EQ(LINES{"a"}, Users()) << "the next feed writes it";
+    fs::remove(root.Path("Keldwick.identities"));
+    raise(SIGTERM);
+    Feed();
+    EXPECT_EQ((LINES{"a", "b"}), Users());
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
 TEST_F(FEEDING, AnUnreadableLineIsKeptAsideAndCountedAndStopsNothing) {

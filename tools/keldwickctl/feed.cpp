@@ -130,12 +130,13 @@ void FEED::AwaitMark() {
 }
 
 // Waits while an agent would miss what is written now. The lines lie safe in their file meanwhile, a stream's sender
-// waits. An agent that does not run will not read what is written now, whatever a feed does. False: a stop came first.
+// waits. An agent that does not run will not read what is written now, whatever a feed does. False: a stop ends the
+// wait.
 bool FEED::AwaitAgent() {
     if (!IsAgentDue()) return true;
     const auto begun = CLOCK::now();
     bool told = false;
-    while (!stopped) {
+    for (;;) {
         const char* const reason = agent.ReasonToWait(log);
         looked = CLOCK::now();
         log.NoteLook();
@@ -143,13 +144,13 @@ bool FEED::AwaitAgent() {
             if (told) Tell("the wait for the agent is over");
             return true;
         }
+        if (stopped) return false;
         if (!told && looked - begun >= milliseconds(ToldWaitMilliseconds)) {
             Tell(std::string("waiting for the agent, which ") + reason);
             told = true;
         }
         Pause(LookAtAgentMilliseconds);
     }
-    return false;
 }
 
 // The counts are as they were marked, since the next feed counts from there.
@@ -161,7 +162,7 @@ void FEED::LeaveRest() {
 
 bool FEED::IsAgentDue() const {
     if (options.once || log.Empty() || !log.IsAgents()) return false;
-    return CLOCK::now() - looked >= milliseconds(LookAtAgentMilliseconds) || log.IsLookDue() || agent.HasGone();
+    return CLOCK::now() - looked >= milliseconds(LookAtAgentMilliseconds) || log.IsLookDue() || agent.HasChanged();
 }
 
 void FEED::Mark(const FEED_POSITION& position, unsigned long long behind) {

@@ -55,7 +55,7 @@ FEED_AGENT::SEEN FEED_AGENT::Look() {
         const auto agent = FindAgent(root.empty() ? "/" : root);
         if (!agent) return SEEN::NOTHING;
         process = open(("/proc/" + std::to_string(agent->pid)).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-        nextRecord = agent->nextRecord;
+        ReadMark();
         return SEEN::RUNNING;
     } catch (const COMMAND_ERROR&) {
         return SEEN::HIDDEN;
@@ -67,8 +67,14 @@ bool FEED_AGENT::Runs() const {
     return process >= 0 && readlinkat(process, "exe", &program, sizeof(program)) > 0;
 }
 
+bool FEED_AGENT::HasChanged() const {
+    return process >= 0 && (!Runs() || (nextRecord && !MarkOf(Folder(), descriptor)));
+}
+
+std::string FEED_AGENT::Folder() const { return "/proc/self/fd/" + std::to_string(process); }
+
 void FEED_AGENT::ReadMark() {
-    nextRecord = NextRecordOf("/proc/self/fd/" + std::to_string(process), win32::MachinePath("eventlog/Security.evt"));
+    nextRecord = NextRecordOf(Folder(), win32::MachinePath("eventlog/Security.evt"), &descriptor);
 }
 
 void FEED_AGENT::Forget() {

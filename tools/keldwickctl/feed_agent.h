@@ -5,12 +5,13 @@
 
 #include <chrono>
 #include <optional>
+#include <string>
 
 class FEED_LOG;
 
-// The agent reports what comes after it has begun to follow the log, which it does once it is connected, and anew when it
-// has been connected to another server; and the log is a circle. So what comes while an agent runs that does not follow, while it has much to read, or
-// while it is being started anew, is better written later. One thread's.
+// The agent reports what comes after it has begun to follow the log, which it does once it is connected, and anew when
+// it has been connected to another server; and the log is a circle. So what comes while an agent runs that does not
+// follow, while it has much to read, or while it is being started anew, is better written later. One thread's.
 class FEED_AGENT {
 public:
     // How long an agent that was seen, or wrote its list of identities before there was this feed, is waited for when
@@ -24,7 +25,8 @@ public:
     // at, and when none was seen. Throws COMMAND_ERROR when the log cannot be read.
     const char* ReasonToWait(const FEED_LOG& log);
 
-    bool HasGone() const { return process >= 0 && !Runs(); }  // that was seen last; asked at no cost
+    // Whether the agent that was seen last is gone, or has stopped to follow the log; asked at little cost.
+    bool HasChanged() const;
 
 private:
     enum class SEEN { NOTHING, HIDDEN, RUNNING };
@@ -32,12 +34,14 @@ private:
 
     SEEN Look();
     bool Runs() const;
+    std::string Folder() const;
     void ReadMark();
     void Forget();
 
     const std::chrono::seconds patience;
     int process = -1;                       // its folder in /proc, which stays its own when another gets its number
-    std::optional<DWORD> nextRecord;        // of the log; nothing: not followed yet
+    std::optional<DWORD> nextRecord;        // of the log; nothing: it does not follow
+    std::string descriptor;                 // its descriptor with that mark
     bool awaited = false;                   // one was seen, and is waited for
     std::optional<CLOCK::time_point> gone;  // since when it is missed
 };

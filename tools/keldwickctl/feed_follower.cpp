@@ -10,7 +10,6 @@
 #include <cstring>
 
 #include "tools/keldwickctl/commands.h"
-#include "tools/keldwickctl/rotated_files.h"
 
 namespace {
 
@@ -78,6 +77,7 @@ bool FEED_FOLLOWER::Resume(const FEED_POSITION& position) {
     AppendSuccessors();
     for (size_t i = files.size(); i-- > 0;)
         if (files[i]->readTo == 0) OpenCopies(i, true);
+    MarkReplaced();
     resumed = true;
     return found;
 }
@@ -98,7 +98,7 @@ bool FEED_FOLLOWER::IsOpen(const FOLLOWED_FILE& file) const {
 bool FEED_FOLLOWER::AppendSuccessors() {
     FILE_POINTER current = Open(path);
     if (current && IsOpen(*current)) return false;
-    if (!current) return files.empty() && OpenRotated(0);
+    if (!current) return OpenRotated(files.size());
     const unsigned long long known = current->LineStart(KnownPart(*current));  // or somebody is writing its first line
     current->GoTo(known, current->Tail(known));
     files.push_back(std::move(current));
@@ -128,6 +128,19 @@ unsigned long long FEED_FOLLOWER::KnownPart(const FOLLOWED_FILE& file) const {
     return 0;
 }
 
+// How much of the file stands in one of the rotated ones, too.
+unsigned long long FEED_FOLLOWER::PartIn(const std::vector<ROTATED_FILE>& rotated, const FOLLOWED_FILE& file) {
+    const std::string beginning = file.Beginning();
+    unsigned long long part = 0;
+    for (const ROTATED_FILE& each : rotated) {
+        const FILE_POINTER other = Open(each.name);
+        if (!other || !BeginAlike(beginning, other->Beginning())) continue;
+        const unsigned long long common = std::min(file.Size(), other->Size());
+        if (file.Tail(common) == other->Tail(common)) part = std::max(part, common);
+    }
+    return part;
+}
+
 // Opens before the file number `at`, which holds nothing that was read, the rotated files that hold what came before it
 // and after all that was read or stands before it.
 bool FEED_FOLLOWER::OpenRotated(size_t at) {
@@ -138,16 +151,19 @@ bool FEED_FOLLOWER::OpenRotated(size_t at) {
     std::string beforeName;  // it may have been renamed since
     for (const ROTATED_FILE& each : candidates)
         if (before != nullptr && before->IsSame(each.device, each.inode)) beforeName = each.name;
+    std::vector<ROTATED_FILE> read;
     std::erase_if(candidates, [&](const ROTATED_FILE& each) {
-        if (each.written == last && last == beforeWritten)
-            return beforeName.empty() || !IsNewerName(each.name, beforeName);
-        return each.written <= last;
+        const bool old = each.written == last && last == beforeWritten
+                             ? beforeName.empty() || !IsNewerName(each.name, beforeName)
+                             : each.written <= last;
+        if (old) read.push_back(each);
+        return old;
     });
     const size_t first = at;
     for (const ROTATED_FILE& each : candidates) {
         FILE_POINTER file = Open(each.name);
         if (!file || IsOpen(*file)) continue;
-        const unsigned long long known = KnownPart(*file);
+        const unsigned long long known = std::max(KnownPart(*file), PartIn(read, *file));
         if (known > 0 && known == file->Size()) continue;
         file->GoTo(known, file->Tail(known));
         files.insert(files.begin() + static_cast<std::ptrdiff_t>(at++), std::move(file));
@@ -176,7 +192,7 @@ void FEED_FOLLOWER::Remember(size_t bytes, FEED_LINE_TAKER& taker) {
     for (const FILE_POINTER& file : files) left -= std::min<unsigned long long>(left, file->place.offset);
     const std::vector<ROTATED_FILE> rotated = RotatedFiles(path);
     for (auto each = rotated.rbegin(); each != rotated.rend() && left > 0; ++each) {
-        FILE_POINTER file = Open(each->name);
+        FILE_POINTER file = each->written > written ? nullptr : Open(each->name);  // newer: not read yet
         if (!file || IsOpen(*file)) continue;
         file->place.offset = file->Size();
         left -= std::min<unsigned long long>(left, file->place.offset);
@@ -186,20 +202,31 @@ void FEED_FOLLOWER::Remember(size_t bytes, FEED_LINE_TAKER& taker) {
     for (const FILE_POINTER& file : files) file->Recall(bytes, taker);
 }
 
-// The file holds less than was read of it, or something else. What was not read yet may stand in a copy.
+// The file holds less than was read of it, or something else. What was not read yet may stand in a copy. Over a rotated
+// file somebody copied another: what it holds now is known, or is found when that one's own file is truncated.
 void FEED_FOLLOWER::FollowTruncation(FOLLOWED_FILE& file) {
+    const auto erase = [&](const auto& which) {
+        std::erase_if(files, [&](const FILE_POINTER& each) { return which(*each); });
+    };
     const FEED_PLACE place = {file.place.device, file.place.inode, file.readTo, file.tail}, ended = file.place;
     FEED_LINES unfinished = std::move(file.lines);
     file.GoTo(0, 0);
     FILE_POINTER copy = place.offset > 0 ? Locate(place) : nullptr;
-    if (!copy || IsOpen(*copy)) return;
-    copy->lines = std::move(unfinished);
-    copy->place.offset = ended.offset;
-    copy->place.tail = ended.tail;
-    copy->replaced = CLOCK::now();
-    const auto self =
-        std::find_if(files.begin(), files.end(), [&](const FILE_POINTER& each) { return each.get() == &file; });
-    files.insert(self, std::move(copy));
+    if (copy)  // over a file that is open
+        erase([&](const FOLLOWED_FILE& each) {
+            return &each != &file && each.IsSame(copy->place.device, copy->place.inode) &&
+                   each.Tail(each.readTo) != each.tail;
+        });
+    if (copy && !IsOpen(*copy)) {
+        copy->lines = std::move(unfinished);
+        copy->place.offset = ended.offset;
+        copy->place.tail = ended.tail;
+        copy->replaced = CLOCK::now();
+        const auto self =
+            std::find_if(files.begin(), files.end(), [&](const FILE_POINTER& each) { return each.get() == &file; });
+        files.insert(self, std::move(copy));
+    }
+    if (files.back().get() != &file) erase([&](const FOLLOWED_FILE& each) { return &each == &file; });
 }
 
 bool FEED_FOLLOWER::ReadSome(FEED_LINE_TAKER& taker) {

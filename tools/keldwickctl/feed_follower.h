@@ -9,6 +9,7 @@
 #include "tools/keldwickctl/feed_lines.h"
 #include "tools/keldwickctl/feed_state.h"
 #include "tools/keldwickctl/followed_file.h"
+#include "tools/keldwickctl/rotated_files.h"
 
 // Only whole lines are given; one that is still being written waits for its end. A file that was renamed away is read
 // on for Linger seconds, since not every process that writes to it moves to the new one at once. One thread's.
@@ -58,6 +59,7 @@ private:
     void MarkReplaced();
     bool IsOpen(const FOLLOWED_FILE& file) const;
     unsigned long long KnownPart(const FOLLOWED_FILE& file) const;
+    unsigned long long PartIn(const std::vector<ROTATED_FILE>& rotated, const FOLLOWED_FILE& file);
     void FollowTruncation(FOLLOWED_FILE& file);
     void RetireOld(FEED_LINE_TAKER& taker);
 

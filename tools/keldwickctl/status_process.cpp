@@ -70,14 +70,6 @@ int64_t StartTime(const fs::path& process) {
     return BootTime() + std::strtoll(field.c_str(), nullptr, 10) / sysconf(_SC_CLK_TCK);
 }
 
-std::optional<DWORD> MarkOf(const fs::path& process, const std::string& descriptor) {
-    std::ifstream file(process / "fdinfo" / descriptor);
-    std::string label;
-    DWORD number = 0;
-    if (!(file >> label >> number) || label != "pos:" || number == 0) return std::nullopt;
-    return number;
-}
-
 bool IsSameFile(const fs::path& a, const fs::path& b) {
     struct stat first, second;
     return stat(a.c_str(), &first) == 0 && stat(b.c_str(), &second) == 0 && first.st_dev == second.st_dev &&
@@ -134,11 +126,22 @@ std::optional<AGENT_CONNECTION> ServerConnection(std::istream& table, const std:
     return std::nullopt;
 }
 
-std::optional<DWORD> NextRecordOf(const std::string& process, const std::string& logFile) {
+std::optional<DWORD> MarkOf(const std::string& process, const std::string& descriptor) {
+    std::ifstream file(fs::path(process) / "fdinfo" / descriptor);
+    std::string label;
+    DWORD number = 0;
+    if (!(file >> label >> number) || label != "pos:" || number == 0) return std::nullopt;
+    return number;
+}
+
+std::optional<DWORD> NextRecordOf(const std::string& process, const std::string& logFile, std::string* descriptor) {
     std::error_code error;
     for (fs::directory_iterator it(fs::path(process) / "fd", error), end; !error && it != end; it.increment(error)) {
         if (!IsSameFile(it->path(), logFile)) continue;
-        if (const auto mark = MarkOf(process, it->path().filename().string())) return mark;
+        const std::string name = it->path().filename().string();
+        const auto mark = MarkOf(process, name);
+        if (mark && descriptor != nullptr) *descriptor = name;
+        if (mark) return mark;
     }
     return std::nullopt;
 }

@@ -28,8 +28,13 @@ struct AGENT_PROCESS {
 std::optional<AGENT_PROCESS> FindAgent(const std::string& root);
 
 // The number of the record from which the process with this folder in /proc read the log's file last, or is about to:
-// the agent leaves it as its descriptor's position. Nothing: it has not read the file, or may not be looked at.
-std::optional<DWORD> NextRecordOf(const std::string& process, const std::string& logFile);
+// the agent leaves it as its descriptor's position. Nothing: it does not follow the log, or may not be looked at.
+// `descriptor`, if wanted, becomes the descriptor's number.
+std::optional<DWORD> NextRecordOf(const std::string& process, const std::string& logFile,
+                                  std::string* descriptor = nullptr);
+
+// The same number, asked of that descriptor alone.
+std::optional<DWORD> MarkOf(const std::string& process, const std::string& descriptor);
 
 // The established connection to an identity server's port among the sockets with these inodes, in a table of the form
 // of /proc/net/tcp and tcp6.
