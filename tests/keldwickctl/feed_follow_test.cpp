@@ -164,6 +164,52 @@ TEST_F(FOLLOWED, WhatWasRotatedAwayBeforeItsFirstLineWasReadIsReadAndWhatWasTher
             }
 }
 
+TEST_F(FOLLOWED, ARotatedFileThatMayNotBeReadIsNamedBeforeItIsPassedOver) {
+    Append("one\n");
+    FEED_FOLLOWER first(Path()), second(Path());
+    first.Resume({});
+    Read(first);
+    Move("", ".1");
+    Append("two\n");
+    chmod(Path(".1").c_str(), 0);
+    chmod(Path().c_str(), 0644);
+    chmod(root.Path("").c_str(), 0755);
+    std::string why;
+    const uid_t self = geteuid();
+    ASSERT_EQ(0, self == 0 ? seteuid(65534) : 0);  // root may read everything
+    try {
+        second.Resume(first.Position());
+    } catch (const COMMAND_ERROR& error) {
+        why = error.what();
+    }
+    ASSERT_EQ(0, seteuid(self));
+    EXPECT_THAT(why, StartsWith("cannot read " + Path(".1")));
+}
+
+TEST_F(FOLLOWED, AClockThatWasSetBackHidesNothing) {
+    const auto future = fs::file_time_type::clock::now() + std::chrono::hours(1);
+    for (const bool touched : {false, true}) {  // the file that was read, since
+        for (const auto& each : fs::directory_iterator(fs::path(Path()).parent_path())) fs::remove_all(each);
+        Append("old\n", ".3");
+        fs::last_write_time(Path(".3"), future);
+        Append("one\n");
+        fs::last_write_time(Path(), future);
+        FEED_FOLLOWER first(Path()), second(Path());
+        first.Resume({});
+        EXPECT_EQ(LINES{"one"}, Read(first));
+        if (touched) {
+            Append("two\n");
+            EXPECT_EQ(LINES{"two"}, Read(first));
+        }
+        Move("", ".2");
+        Append("three\n", ".1");
+        Append("four\n");
+        EXPECT_TRUE(second.Resume(first.Position()));
+        EXPECT_EQ((LINES{"three", "four"}), Read(second));
+        EXPECT_EQ((LINES{"three", "four"}), Read(first));
+    }
+}
+
 TEST_F(FOLLOWED, AReaderIsShownWhatStoodBeforeThePlaceAcrossRotation) {
     Append("long ago\n", ".2");
     Append("one\n", ".1");

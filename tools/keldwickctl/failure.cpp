@@ -5,10 +5,12 @@
 #include "win32/registry/store.h"
 #include "win32/text/utf.h"
 
-void FailCommand(const std::string& what, DWORD code) {
+std::string FailureText(DWORD code) {
     const std::string text = win32::ToUtf8(keldwick::ErrorText(code).View());
-    throw COMMAND_ERROR(what + ": " + (text.empty() ? "error " + std::to_string(code) : text));
+    return text.empty() ? "error " + std::to_string(code) : text;
 }
+
+void FailCommand(const std::string& what, DWORD code) { throw COMMAND_ERROR(what + ": " + FailureText(code)); }
 
 void FailRegistry(const std::string& what, DWORD code) {
     const std::string problem = win32::REG_STORE::Current().Problem();

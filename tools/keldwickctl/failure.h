@@ -5,6 +5,9 @@
 
 #include <string>
 
+// The system's text for the code.
+std::string FailureText(DWORD code);
+
 // Throws the COMMAND_ERROR "WHAT: the system's text for the code".
 [[noreturn]] void FailCommand(const std::string& what, DWORD code);
 

@@ -111,7 +111,7 @@ void FEED::Flush() {
     while (!log.Flush()) {
         const DWORD error = GetLastError();
         if (options.once || stopped) FailCommand("cannot write to the " + options.log + " log", error);
-        if (!told) Tell("cannot write to the " + options.log + " log, trying again: error " + std::to_string(error));
+        if (!told) Tell("cannot write to the " + options.log + " log, trying again: " + FailureText(error));
         told = true;
         Pause(RetryMilliseconds);
     }

@@ -1,6 +1,7 @@
 #include "tools/keldwickctl/feed_follower.h"
 
 #include <sys/inotify.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -20,6 +21,13 @@ using CLOCK = FOLLOWED_FILE::CLOCK;
 bool BeginAlike(std::string_view a, std::string_view b) {
     const size_t common = std::min(a.size(), b.size());
     return common > 0 && a.substr(0, common) == b.substr(0, common);
+}
+
+// As FEED_POSITION counts it; another machine's clock, which a file may have its time from, may be a minute ahead.
+unsigned long long LatestTime() {
+    const auto now = std::chrono::system_clock::now() + std::chrono::minutes(1);
+    return static_cast<unsigned long long>(
+        std::chrono::duration_cast<std::chrono::nanoseconds>(now.time_since_epoch()).count());
 }
 
 }  // namespace
@@ -54,6 +62,10 @@ FEED_FOLLOWER::FILE_POINTER FEED_FOLLOWER::Locate(const FEED_PLACE& place) {
     FILE_POINTER copy;
     for (const std::string& name : names) {
         FILE_POINTER file = Open(name);
+        struct stat about;
+        if (!file && errno == EACCES && stat(name.c_str(), &about) == 0 && about.st_dev == place.device &&
+            about.st_ino == place.inode)
+            throw COMMAND_ERROR("cannot read " + name + ", to go on where the feed was: Permission denied");
         if (!file) continue;
         const bool same = file->IsSame(place.device, place.inode);
         if ((!same && place.offset == 0) || file->Size() < place.offset) continue;
@@ -85,7 +97,8 @@ bool FEED_FOLLOWER::Resume(const FEED_POSITION& position) {
 // When the newest of the rotated files was written, which a feed that is new leaves alone; not 0.
 unsigned long long FEED_FOLLOWER::WrittenOfRotated() const {
     unsigned long long newest = 1;
-    for (const ROTATED_FILE& each : RotatedFiles(path)) newest = std::max(newest, each.written);
+    for (const ROTATED_FILE& each : RotatedFiles(path))
+        if (each.written <= LatestTime()) newest = std::max(newest, each.written);
     return newest;
 }
 
@@ -141,21 +154,27 @@ unsigned long long FEED_FOLLOWER::PartIn(const std::vector<ROTATED_FILE>& rotate
     return part;
 }
 
+// Whether a rotated file was written before the last that was read, and the one before it, when there is one. What lies
+// in the future is of a clock that was set back since: then names tell, as they do between files of the same time.
+bool FEED_FOLLOWER::IsOlder(const ROTATED_FILE& file, unsigned long long before, const std::string& beforeName) const {
+    const unsigned long long latest = LatestTime(), last = std::max(written <= latest ? written : 0, before);
+    if (before == 0) return file.written <= written || file.written > latest;
+    const bool byName = std::max(before, file.written) > latest || (file.written == before && last == before);
+    return byName ? beforeName.empty() || !IsNewerName(file.name, beforeName) : file.written <= last;
+}
+
 // Opens before the file number `at`, which holds nothing that was read, the rotated files that hold what came before it
 // and after all that was read or stands before it.
 bool FEED_FOLLOWER::OpenRotated(size_t at) {
     const FOLLOWED_FILE* const before = at > 0 ? files[at - 1].get() : nullptr;
     const unsigned long long beforeWritten = before != nullptr ? before->Written() : 0;
-    const unsigned long long last = std::max(written, beforeWritten);
     std::vector<ROTATED_FILE> candidates = RotatedFiles(path);
     std::string beforeName;  // it may have been renamed since
     for (const ROTATED_FILE& each : candidates)
         if (before != nullptr && before->IsSame(each.device, each.inode)) beforeName = each.name;
     std::vector<ROTATED_FILE> read;
     std::erase_if(candidates, [&](const ROTATED_FILE& each) {
-        const bool old = each.written == last && last == beforeWritten
-                             ? beforeName.empty() || !IsNewerName(each.name, beforeName)
-                             : each.written <= last;
+        const bool old = IsOlder(each, beforeWritten, beforeName);
         if (old) read.push_back(each);
         return old;
     });
@@ -241,13 +260,18 @@ bool FEED_FOLLOWER::ReadSome(FEED_LINE_TAKER& taker) {
             return true;
         }
         if (file.readTo == 0 && OpenCopies(i, fresh > 0)) return true;
-        if (file.readTo > 0 || fresh > 0) written = std::max(written, writtenAt);
+        if (file.readTo > 0 || fresh > 0) NoteRead(writtenAt);
         if (fresh == 0) continue;
         file.Take(bytes, fresh, taker);
         return true;
     }
     RetireOld(taker);
     return AppendSuccessors();
+}
+
+// A clock that was ahead for a while hides nothing of what is written later.
+void FEED_FOLLOWER::NoteRead(unsigned long long writtenAt) {
+    if (writtenAt <= LatestTime()) written = written <= LatestTime() ? std::max(written, writtenAt) : writtenAt;
 }
 
 // A file that was read to its end and that nobody has written to for long, or one of too many.

@@ -54,6 +54,7 @@ private:
     FILE_POINTER Locate(const FEED_PLACE& place);
     unsigned long long WrittenOfRotated() const;
     bool AppendSuccessors();
+    bool IsOlder(const ROTATED_FILE& file, unsigned long long before, const std::string& beforeName) const;
     bool OpenRotated(size_t at);
     bool OpenCopies(size_t at, bool holdsMore);
     void MarkReplaced();
@@ -61,6 +62,7 @@ private:
     unsigned long long KnownPart(const FOLLOWED_FILE& file) const;
     unsigned long long PartIn(const std::vector<ROTATED_FILE>& rotated, const FOLLOWED_FILE& file);
     void FollowTruncation(FOLLOWED_FILE& file);
+    void NoteRead(unsigned long long writtenAt);
     void RetireOld(FEED_LINE_TAKER& taker);
 
     const std::string path;
