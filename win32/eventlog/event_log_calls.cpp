@@ -23,6 +23,7 @@ constexpr DWORD ServerUnavailable = 1722;  // RPC_S_SERVER_UNAVAILABLE: there ar
 struct LOG_READER {
     std::mutex lock;
     EVT_READER reader;
+    unsigned followed = 0;  // how many times NotifyChangeEventLog was asked to follow it
 };
 
 // What an event-log handle stands for. Its calls may come from several threads.
@@ -118,14 +119,18 @@ BOOL WINAPI NotifyChangeEventLog(HANDLE handle, HANDLE event) {
     if (woken->WaitDescriptor() < 0) return win32::FailWith(ERROR_INVALID_HANDLE);
     auto notification = std::make_unique<win32::LOG_NOTIFICATION>(log->reader.Path(), woken);
     if (!notification->Active()) return FALSE;
-    win32::OnEventEnd(*woken, [weak = std::weak_ptr(log->shared)] {
+    unsigned turn = 0;
+    {
+        const std::lock_guard guard(log->lock);
+        log->notification.swap(notification);
+        turn = ++log->shared->followed;
+    }
+    win32::OnEventEnd(*woken, [weak = std::weak_ptr(log->shared), turn] {
         const auto shared = weak.lock();
         if (!shared) return;
         const std::lock_guard guard(shared->lock);
-        shared->reader.Unmark();
+        if (shared->followed == turn) shared->reader.Unmark();  // or it is followed with another event by now
     });
-    const std::lock_guard guard(log->lock);
-    log->notification.swap(notification);
     return TRUE;
 }
 
