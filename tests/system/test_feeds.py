@@ -7,6 +7,7 @@ import signal
 import socket
 import struct
 import subprocess
+import threading
 import unittest
 
 from machine import BIN, PATIENCE, MachineTest
@@ -60,6 +61,14 @@ class Feeds(MachineTest):
         self.assertEqual(0, process.returncode, complaint)
         return said
 
+    def hear(self, feed, text):
+        """The feed's next line on standard error, which must hold the text."""
+        limit = threading.Timer(PATIENCE, feed.kill)  # ends the wait for a line that does not come
+        limit.start()
+        line = feed.stderr.readline()
+        limit.cancel()
+        self.assertIn(text, line)
+
     def append(self, text):
         with open(self.file, "a", encoding="utf-8") as file:
             file.write(text)
@@ -78,7 +87,7 @@ class Feeds(MachineTest):
     def test_an_audit_line_is_a_report_at_once_and_only_once_through_rotation_and_restart(self):
         agent = self.serve()
         feed = self.feed("samba-audit", self.file)
-        self.assertIn(f"waiting for {self.file}", feed.stderr.readline())
+        self.hear(feed, f"waiting for {self.file}")
         self.append(authentication("ann", "10.0.0.1"))
         self.expect("ann", "10.0.0.1")
         self.append(authentication("nobody", "10.0.0.9", status="NT_STATUS_WRONG_PASSWORD") + "rubbish\n" +
@@ -213,7 +222,7 @@ class Feeds(MachineTest):
         self.until_logged("failed")
         self.append(authentication("ann", "10.0.0.1"))
         feed = self.feed("samba-audit", self.file)
-        self.assertIn("waiting for the agent, which does not follow the log", feed.stderr.readline())
+        self.hear(feed, "waiting for the agent, which does not follow the log")
         for number in range(2, 5):
             os.rename(self.file, self.file + ".old")
             self.append(authentication("bob", f"10.0.0.{number}"))
@@ -222,18 +231,18 @@ class Feeds(MachineTest):
         self.addCleanup(self.server.close)
         self.ctl("settings", "set", "IdentServer", self.address)  # ends the agent's pause
         self.expect("ann", "10.0.0.1")
-        self.assertIn("the wait for the agent is over", feed.stderr.readline())
+        self.hear(feed, "the wait for the agent is over")
         for number in range(2, 5):
             self.expect("bob", f"10.0.0.{number}")
         self.shut_down(agent)
         self.append(authentication("carl", "10.0.0.5"))
-        self.assertIn("waiting for the agent, which does not run", feed.stderr.readline())
+        self.hear(feed, "waiting for the agent, which does not run")
         agent = self.start(wait=False)
         self.expect("carl", "10.0.0.5")
         self.shut_down(agent)
         self.append(authentication("dora", "10.0.0.6"))
-        self.assertIn("is over", feed.stderr.readline())
-        self.assertIn("waiting for the agent", feed.stderr.readline())
+        self.hear(feed, "is over")
+        self.hear(feed, "waiting for the agent")
         self.assertIn("5 records written", self.end(feed), "what waits is left to the next feed")
         agent = self.start(wait=False)
         self.feed("samba-audit", self.file)
@@ -248,7 +257,7 @@ class Feeds(MachineTest):
         self.ctl("settings", "set", "IdentServer", "127.48.9.9")  # where there is none
         self.until_logged("Identity Server changed")
         self.append(authentication("bob", "10.0.0.2"))
-        self.assertIn("waiting for the agent, which does not follow the log", feed.stderr.readline())
+        self.hear(feed, "waiting for the agent, which does not follow the log")
         self.ctl("settings", "set", "IdentServer", self.address)
         self.expect("bob", "10.0.0.2")
         self.shut_down(agent)
@@ -310,14 +319,14 @@ class Feeds(MachineTest):
         os.mkdir(state)
         users = [f"u{number}" for number in range(300)]  # most of the log
         self.append("".join(authentication(user, "10.0.0.1") for user in users[:150]))
-        self.assertIn("cannot write", feed.stderr.readline())
+        self.hear(feed, "cannot write")
         self.append("".join(authentication(user, "10.0.0.1") for user in users[150:]))
-        self.assertIn("nothing more is written until", feed.stderr.readline())
+        self.hear(feed, "nothing more is written until")
         listed = lambda: [json.loads(line)["strings"][5] for line in self.ctl("events", "list", "--json").splitlines()]
         self.assertEqual(users[:150], listed())
         os.rmdir(state)
         os.rename(state + ".kept", state)
-        self.assertIn("can be marked again", feed.stderr.readline())
+        self.hear(feed, "can be marked again")
         self.until(lambda: listed() == users, "the rest")
         self.end(feed)
 
