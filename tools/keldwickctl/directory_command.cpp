@@ -56,7 +56,7 @@ struct LOOKUP {
 };
 
 [[noreturn]] void FailLookup(const std::string& name) {
-    throw COMMAND_ERROR(SafeText(name) + ": " + ResultText(static_cast<HRESULT>(GetLastError())));
+    throw COMMAND_ERROR(name + ": " + ResultText(static_cast<HRESULT>(GetLastError())));
 }
 
 // As the agent does it for a report: in the binding of its settings, but names of service tickets without one.
@@ -98,8 +98,7 @@ void ShowLookup(const std::string& name, bool json) {
     LookUp(name, lookup);
     json ? PrintJson(lookup) : PrintForPeople(lookup);
     if (!lookup.groupsComplete)
-        throw COMMAND_ERROR("not every group could be read; the agent would report " + SafeText(name) +
-                            " without groups");
+        throw COMMAND_ERROR("not every group could be read; the agent would report " + name + " without groups");
 }
 
 void ShowCheck() {
@@ -111,7 +110,7 @@ void ShowCheck() {
     const win32::DIRECTORY_STEP& last = steps.back();
     if (SUCCEEDED(last.result)) return;
     const std::string reason = last.reason.empty() ? "" : last.reason + ": ";
-    throw COMMAND_ERROR(SafeText(last.what + ": " + reason) + ResultText(last.result));
+    throw COMMAND_ERROR(last.what + ": " + reason + ResultText(last.result));
 }
 
 }  // namespace
