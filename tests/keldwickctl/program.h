@@ -29,7 +29,8 @@ struct OUTCOME {
 };
 
 inline OUTCOME RunKeldwickctl(const TEMPORARY_ROOT& root, const WORDS& words) {
-    std::string program = KELDWICK_BIN "/keldwickctl";
+    // The test program stands beside it.
+    std::string program = std::filesystem::read_symlink("/proc/self/exe").replace_filename("keldwickctl").string();
     const std::string out = root.Path("stdout.txt"), error = root.Path("stderr.txt");
     std::vector<char*> arguments{program.data()};
     for (const std::string& word : words) arguments.push_back(const_cast<char*>(word.c_str()));
