@@ -1,8 +1,13 @@
 #include "platform/host_names.h"
 
+#include <process.h>
+
+#include <memory>
+
 #include "diagnostics/debug_output.h"
 #include "platform/error_text.h"
-#include "platform/owner.h"
+#include "platform/handles.h"
+#include "service/stop.h"
 
 namespace keldwick {
 namespace {
@@ -38,6 +43,33 @@ void LoadAddresses(LOCAL_HOST_INFO& info) {
     }
 }
 
+// One question and its answer. A stop leaves it to the thread that asks, which the system may keep for long.
+struct NAME_QUESTION {
+    HEAP_BUFFER address;
+    WCHAR host[HostNameArea] = {};
+    INT error = WSATRY_AGAIN;  // until the thread has ended
+
+    void Ask() {
+        error = GetNameInfoW(address.As<SOCKADDR>(), static_cast<socklen_t>(address.Size()), host, HostNameArea,
+                             nullptr, 0, NI_NAMEREQD);
+    }
+};
+using SHARED_QUESTION = std::shared_ptr<NAME_QUESTION>;
+
+unsigned WINAPI NameThread(void* shared) {
+    const std::unique_ptr<SHARED_QUESTION> question(static_cast<SHARED_QUESTION*>(shared));
+    (*question)->Ask();
+    return 0;
+}
+
+// Null: no thread is to be had. Otherwise its end is the answer.
+HANDLE_OWNER StartNameThread(const SHARED_QUESTION& question) {
+    auto shared = std::make_unique<SHARED_QUESTION>(question);
+    HANDLE_OWNER thread(reinterpret_cast<HANDLE>(_beginthreadex(nullptr, 0, NameThread, shared.get(), 0, nullptr)));
+    if (thread) static_cast<void>(shared.release());
+    return thread;
+}
+
 const WCHAR* OrNone(const STRING& text) { return text.IsEmpty() ? TEXT("None") : text.Text(); }
 
 }  // namespace
@@ -60,10 +92,22 @@ void LoadLocalHostInfo() {
 }
 
 bool LookupHostName(const SOCKADDR* address, DWORD length, STRING& name) {
-    WCHAR host[HostNameArea];
-    const auto bytes = static_cast<socklen_t>(length);
-    if (GetNameInfoW(address, bytes, host, HostNameArea, nullptr, 0, NI_NAMEREQD) != 0) return false;
-    name.Assign(host);
+    const HANDLE stopEvent = StopEvent;
+    const auto fail = [](DWORD error) {
+        WSASetLastError(static_cast<int>(error));
+        return false;
+    };
+    if (WaitForSingleObject(stopEvent, 0) == WAIT_OBJECT_0) return fail(ERROR_CANCELLED);
+    const SHARED_QUESTION question = std::make_shared<NAME_QUESTION>();
+    if (!question->address.Assign(address, length)) return fail(ERROR_NOT_ENOUGH_MEMORY);
+    const HANDLE_OWNER thread = StartNameThread(question);
+    if (!thread) return fail(WSATRY_AGAIN);
+    const HANDLE events[] = {stopEvent, thread.Get()};
+    const DWORD result = WaitForMultipleObjects(2, events, FALSE, INFINITE);
+    if (result == WAIT_FAILED) return false;
+    if (result == WAIT_OBJECT_0) return fail(ERROR_CANCELLED);
+    if (question->error != 0) return fail(static_cast<DWORD>(question->error));
+    name.Assign(question->host);
     return true;
 }
 

@@ -16,7 +16,8 @@ extern LOCAL_HOST_INFO LocalHostInfo;
 // Finds the local host's name and addresses, and logs them. What cannot be found stays empty, with a message.
 void LoadLocalHostInfo();
 
-// The name of the host at that address; an address without a name fails. False: the reason is the last error.
+// The name of the host at that address; an address without a name fails. A stop ends the wait for the answer. False:
+// the reason is the last error, ERROR_CANCELLED after a stop.
 bool LookupHostName(const SOCKADDR* address, DWORD length, STRING& name);
 
 // Fills in the local address of the family that `address` asks for, or else of the other one. False when there is

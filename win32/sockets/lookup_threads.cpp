@@ -3,7 +3,7 @@
 #include <pthread.h>
 
 #include <csignal>
-#include <system_error>
+#include <exception>
 #include <thread>
 #include <utility>
 
@@ -40,7 +40,7 @@ bool RunLookup(std::atomic<int>& inFlight, std::function<void()> job) {
             work = nullptr;  // what the job owns goes before its place is free
             --inFlight;
         }).detach();
-    } catch (const std::system_error&) {
+    } catch (const std::exception&) {  // no thread, or no memory for one
         --inFlight;
         return false;
     }

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <string>
 
 #include "win32/registry/linux_settings.h"
@@ -39,6 +40,46 @@ namespace {
 constexpr DWORD DefaultTimeoutMilliseconds = 2000;
 constexpr DWORD LongestTimeoutMilliseconds = 60'000;
 
+constexpr ULONGLONG SilencePause = 10'000;  // milliseconds without look-ups after one that got no answer
+constexpr DWORD RetryPatience = 200;        // milliseconds, of the look-up that tries again after the pause
+
+// Whether the name server answers. After a look-up without an answer the next ones fail at once until an answer has
+// come, a late one included, or the pause is over; then one of them tries again.
+class NAME_SERVER {
+public:
+    static NAME_SERVER& Current() {
+        static NAME_SERVER& server = *new NAME_SERVER;  // never destroyed: look-ups may go on while the process ends
+        return server;
+    }
+
+    // How long a look-up may wait that otherwise waits so long; 0: it fails at once.
+    DWORD Patience(DWORD usual) {
+        const std::lock_guard guard(lock);
+        if (silentUntil == 0) return usual;
+        const ULONGLONG now = GetTickCount64();
+        if (now < silentUntil) return 0;
+        silentUntil = now + SilencePause;
+        return std::min(usual, RetryPatience);
+    }
+    void NoteSilence() {
+        const std::lock_guard guard(lock);
+        silentUntil = GetTickCount64() + SilencePause;
+    }
+    void NoteAnswer() {
+        const std::lock_guard guard(lock);
+        silentUntil = 0;
+    }
+
+private:
+    std::mutex lock;
+    ULONGLONG silentUntil = 0;  // by GetTickCount64; 0: it answers
+};
+
+// Whether somebody answered: the C library says "try again" when nobody did, and when a server could not find out.
+bool IsAnswer(int code) {
+    return code == 0 || code == WSAHOST_NOT_FOUND || code == WSANO_DATA || code == WSANO_RECOVERY;
+}
+
 // One question and, once it has been answered, its answer. Shared by the asker and the thread that asks the C library.
 struct LOOKUP {
     sockaddr_storage address{};
@@ -58,31 +99,51 @@ struct LOOKUP {
                         wantsHost ? sizeof(hostText) : 0, wantsService ? serviceText : nullptr,
                         wantsService ? sizeof(serviceText) : 0, flags);
         const int code = win32::SocketErrorFromLookup(result, errno);
+        if (IsAnswer(code) && wantsHost && !(flags & HostAsDigits)) NAME_SERVER::Current().NoteAnswer();
         const std::lock_guard guard(lock);
-        error = code;
-        host = hostText;
-        service = serviceText;
+        try {
+            host = hostText;
+            service = serviceText;
+            error = code;
+        } catch (const std::bad_alloc&) {
+            error = ERROR_NOT_ENOUGH_MEMORY;
+        }
         eventfd_write(answered.Get(), 1);
     }
 };
 
 std::atomic<int> lookupsInFlight{0};
 
-// Winsock's code; WSATRY_AGAIN when no answer came in time or too many earlier questions are still unanswered.
-int AskWithinTimeout(const std::shared_ptr<LOOKUP>& lookup) {
-    const DWORD milliseconds = std::min(win32::LinuxNumber(u"NameLookupTimeout").value_or(DefaultTimeoutMilliseconds),
-                                        LongestTimeoutMilliseconds);
-    if (!lookup->answered) return WSAEMFILE;
-    if (!win32::RunLookup(lookupsInFlight, [lookup] { lookup->Ask(); })) return WSATRY_AGAIN;
-    pollfd polled{lookup->answered.Get(), POLLIN, 0};
+// False: not within so many milliseconds.
+bool IsAnsweredWithin(const LOOKUP& lookup, DWORD milliseconds) {
+    pollfd polled{lookup.answered.Get(), POLLIN, 0};
     const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
     int ready;
     do {
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now()).count();
         ready = poll(&polled, 1, std::max(0, static_cast<int>(left)));
     } while (ready < 0 && errno == EINTR);
-    if (ready <= 0) return WSATRY_AGAIN;
+    return ready > 0;
+}
+
+// Winsock's code; WSATRY_AGAIN when no answer came in time, the name server gave none lately, or too many earlier
+// questions are still unanswered.
+int AskWithinTimeout(const std::shared_ptr<LOOKUP>& lookup) {
+    if (!lookup->answered) return WSAEMFILE;
+    NAME_SERVER& server = NAME_SERVER::Current();
+    const DWORD timeout = std::min(win32::LinuxNumber(u"NameLookupTimeout").value_or(DefaultTimeoutMilliseconds),
+                                   LongestTimeoutMilliseconds);
+    const DWORD patience = server.Patience(timeout);
+    if (patience == 0) return WSATRY_AGAIN;
+    const ULONGLONG begin = GetTickCount64();
+    if (!win32::RunLookup(lookupsInFlight, [lookup] { lookup->Ask(); })) return WSATRY_AGAIN;
+    if (!IsAnsweredWithin(*lookup, patience)) {
+        server.NoteSilence();
+        return WSATRY_AGAIN;
+    }
     const std::lock_guard guard(lookup->lock);
+    const bool gaveUp = lookup->error == WSATRY_AGAIN && GetTickCount64() - begin >= RetryPatience;
+    if (gaveUp) server.NoteSilence();  // the C library's own time-out is the shorter one
     return lookup->error;
 }
 
@@ -103,7 +164,7 @@ int Fail(int code) {
 }  // namespace
 
 INT WINAPI GetNameInfoW(const SOCKADDR* address, socklen_t length, LPWSTR host, DWORD hostUnits, LPWSTR service,
-                        DWORD serviceUnits, INT flags) {
+                        DWORD serviceUnits, INT flags) try {
     const auto lookup = std::make_shared<LOOKUP>();
     if (address == nullptr || length < sizeof(sa_family_t) || length > sizeof(lookup->address)) return Fail(WSAEFAULT);
     std::memcpy(&lookup->address, address, length);
@@ -125,4 +186,6 @@ INT WINAPI GetNameInfoW(const SOCKADDR* address, socklen_t length, LPWSTR host, 
     if (!CopyText(lookup->host, host, hostUnits) || !CopyText(lookup->service, service, serviceUnits))
         return Fail(ERROR_INSUFFICIENT_BUFFER);
     return 0;
+} catch (const std::bad_alloc&) {
+    return Fail(ERROR_NOT_ENOUGH_MEMORY);
 }

@@ -2,10 +2,13 @@
 #include <gtest/gtest.h>
 #include <ws2tcpip.h>
 
+#include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstring>
 #include <mutex>
 #include <string>
+#include <thread>
 
 #include "tests/support/temporary_root.h"
 #include "win32/sockets/lookup_threads.h"
@@ -20,8 +23,12 @@ struct NAME_SERVER {
     int waiting = 0;
     int result = 0;
     int flags = -1;
+    ULONGLONG duration = 0;  // milliseconds that a look-up takes
+    int asked = 0;
     std::string name = "ws1.example";
 } nameServer;
+
+std::atomic<ULONGLONG> millisecondsAhead{0};  // by which the clock is moved
 
 void WaitForWaiting(int count) {
     std::unique_lock guard(nameServer.lock);
@@ -29,6 +36,10 @@ void WaitForWaiting(int count) {
 }
 
 }  // namespace
+
+extern "C" ULONGLONG __real_GetTickCount64();
+extern "C" ULONGLONG __wrap_GetTickCount64();
+extern "C" ULONGLONG __wrap_GetTickCount64() { return __real_GetTickCount64() + millisecondsAhead; }
 
 extern "C" int __real_getnameinfo(const sockaddr* address, socklen_t length, char* host, socklen_t hostSize,
                                   char* service, socklen_t serviceSize, int flags);
@@ -39,10 +50,12 @@ extern "C" int __wrap_getnameinfo(const sockaddr* address, socklen_t length, cha
     if (host == nullptr || flags & 1)  // digits: no server is asked
         return __real_getnameinfo(address, length, host, hostSize, service, serviceSize, flags);
     ++nameServer.waiting;
+    ++nameServer.asked;
     nameServer.changed.notify_all();
     nameServer.changed.wait(guard, [] { return !nameServer.dead; });
     --nameServer.waiting;
     nameServer.changed.notify_all();
+    millisecondsAhead += nameServer.duration;
     if (nameServer.result == 0) std::strncpy(host, nameServer.name.c_str(), hostSize);
     return nameServer.result;
 }
@@ -68,24 +81,48 @@ INT LookUp(std::u16string& host, INT flags = NI_NAMEREQD, DWORD room = 1025) {
     return result;
 }
 
+constexpr ULONGLONG Pause = 10'000;  // after a look-up that got no answer
+
 class NameInfo : public testing::Test {
 protected:
-    NameInfo() {
+    NameInfo() { SetTimeout(20); }
+    ~NameInfo() override {
+        Revive();
+        millisecondsAhead += Pause;
+        AwaitName();
+    }
+    void SetTimeout(DWORD milliseconds) const {
+        char text[9];
+        std::snprintf(text, sizeof(text), "%08x", milliseconds);
         root.Write("registry.reg",
                    "Windows Registry Editor Version 5.00\r\n\r\n"
                    "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Vantorel Systems\\Keldwick\\Linux]\r\n"
-                   "\"NameLookupTimeout\"=dword:00000014\r\n");
+                   "\"NameLookupTimeout\"=dword:" +
+                       std::string(text) + "\r\n");
     }
-    ~NameInfo() override { Revive(); }
-    void Revive() {
+    static void Die() {
+        const std::lock_guard guard(nameServer.lock);
+        nameServer.dead = true;
+    }
+    static void Revive() {
         {
             const std::lock_guard guard(nameServer.lock);
             nameServer.dead = false;
             nameServer.result = 0;
+            nameServer.duration = 0;
             nameServer.name = "ws1.example";
             nameServer.changed.notify_all();
         }
         WaitForWaiting(0);
+    }
+    static void AwaitName() {
+        std::u16string host;
+        while (LookUp(host) != 0) std::this_thread::yield();
+        EXPECT_EQ(u"ws1.example", host);
+    }
+    static int Asked() {
+        const std::lock_guard guard(nameServer.lock);
+        return std::exchange(nameServer.asked, 0);
     }
     TEMPORARY_ROOT root;
 };
@@ -121,24 +158,66 @@ TEST(AnsweredNameInfo, TranslatesFlagsNamesAndErrors) {
     EXPECT_EQ(WSAHOST_NOT_FOUND, GetNameInfoW(address, sizeof(ipv4), nullptr, 0, nullptr, 0, 0));
 }
 
-TEST_F(NameInfo, ADeadNameServerCostsTheConfiguredTimeAndABoundedNumberOfThreads) {
+TEST_F(NameInfo, ADeadNameServerIsNotAskedForTenSeconds) {
     std::u16string host;
-    {
-        const std::lock_guard guard(nameServer.lock);
-        nameServer.dead = true;
-    }
-    for (int i = 0; i < win32::MostLookups; ++i) EXPECT_EQ(WSATRY_AGAIN, LookUp(host));
-    WaitForWaiting(win32::MostLookups);
+    Die();
+    Asked();
     EXPECT_EQ(WSATRY_AGAIN, LookUp(host));
-    EXPECT_EQ(0, LookUp(host, 0x02)) << "digits need no server";
-    {
-        const std::lock_guard guard(nameServer.lock);
-        EXPECT_EQ(win32::MostLookups, nameServer.waiting);
+    EXPECT_EQ(1, Asked());
+    for (const ULONGLONG moved : {ULONGLONG{0}, Pause - 1000}) {
+        millisecondsAhead += moved;
+        EXPECT_EQ(WSATRY_AGAIN, LookUp(host));
+        EXPECT_EQ(0, Asked()) << "within the pause";
+        EXPECT_EQ(0, LookUp(host, 0x02)) << "digits need no server";
     }
+    millisecondsAhead += 1000;
+    EXPECT_EQ(WSATRY_AGAIN, LookUp(host));
+    EXPECT_EQ(1, Asked()) << "after the pause";
+    EXPECT_EQ(WSATRY_AGAIN, LookUp(host));
+    EXPECT_EQ(0, Asked()) << "one look-up a pause";
     Revive();
-    for (int tries = 0; LookUp(host) != 0; ++tries)
-        ASSERT_LT(tries, 1000) << "places become free when the server lives";
-    EXPECT_EQ(u"ws1.example", host);
+    AwaitName();  // the clock stands: the late answer ends the pause
+}
+
+TEST_F(NameInfo, AfterThePauseALookUpWaitsForAMomentOnly) {
+    std::u16string host;
+    Die();
+    EXPECT_EQ(WSATRY_AGAIN, LookUp(host));
+    SetTimeout(60'000);
+    millisecondsAhead += Pause;
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(WSATRY_AGAIN, LookUp(host));
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(20));
+}
+
+TEST_F(NameInfo, OnlyASlowFailureOfTheNameServerBeginsThePause) {
+    std::u16string host;
+    SetTimeout(60'000);
+    const struct {
+        int result;
+        ULONGLONG duration;
+        int asked;  // for two look-ups
+    } cases[] = {{EAI_AGAIN, 0, 2}, {EAI_NONAME, 5000, 2}, {EAI_AGAIN, 1000, 1}};
+    for (const auto& one : cases) {
+        nameServer.result = one.result;
+        nameServer.duration = one.duration;
+        Asked();
+        for (int i = 0; i < 2; ++i) EXPECT_NE(0, LookUp(host));
+        EXPECT_EQ(one.asked, Asked()) << one.result << " after " << one.duration;
+    }
+}
+
+TEST_F(NameInfo, ADeadNameServerCostsABoundedNumberOfThreads) {
+    std::u16string host;
+    Die();
+    for (int i = 0; i < win32::MostLookups; ++i) {
+        EXPECT_EQ(WSATRY_AGAIN, LookUp(host));
+        millisecondsAhead += Pause;
+    }
+    WaitForWaiting(win32::MostLookups);
+    Asked();
+    EXPECT_EQ(WSATRY_AGAIN, LookUp(host));
+    EXPECT_EQ(0, Asked());
 }
 
 TEST(HostNames, TheEmptyNameStandsForTheInterfacesOfThisMachine) {
