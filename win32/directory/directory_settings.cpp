@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstring>
 #include <mutex>
+#include <set>
 
 #include "win32/directory/directory_text.h"
 #include "win32/files/machine_root.h"
@@ -19,6 +20,7 @@ namespace win32 {
 namespace {
 
 constexpr size_t MaxPasswordBytes = 1024;
+constexpr size_t MaxComplaints = 64;  // that are remembered: a server may have a new text for each answer
 
 std::string Setting(const char16_t* name) {
     const std::optional<std::u16string> text = LinuxText(name);
@@ -85,7 +87,7 @@ BACKEND_SETTINGS ReadBackendSettings() {
     else if (backend == "ldif")
         settings.chosen = DIRECTORY_BACKEND::LDIF;
     else if (!backend.empty())
-        ComplainOnce("DirectoryBackend must be ldap or ldif, not \"" + backend + "\"");
+        ComplainOnce("the settings", "DirectoryBackend must be ldap or ldif, not \"" + backend + "\"");
     settings.serverNamed = !Setting(u"DirectoryUri").empty() || !Setting(u"DirectoryDomain").empty();
     return settings;
 }
@@ -165,13 +167,33 @@ std::optional<std::string> ReadPasswordFile(const std::string& path, std::string
     return std::string(text.substr(0, text.find_first_of("\r\n")));
 }
 
-void ComplainOnce(const std::string& complaint) {
-    static std::mutex lock;
-    static std::string& last = *new std::string;
-    const std::lock_guard guard(lock);
-    if (complaint == last) return;
-    last = complaint;
+namespace {
+
+// What has been said of which subject.
+struct COMPLAINTS {
+    std::mutex lock;
+    std::set<std::pair<std::string, std::string>> said;
+
+    static COMPLAINTS& Current() {
+        static COMPLAINTS& complaints = *new COMPLAINTS;
+        return complaints;
+    }
+};
+
+}  // namespace
+
+void ComplainOnce(const std::string& subject, const std::string& complaint) {
+    COMPLAINTS& complaints = COMPLAINTS::Current();
+    const std::lock_guard guard(complaints.lock);
+    if (complaints.said.size() >= MaxComplaints) complaints.said.clear();
+    if (!complaints.said.emplace(subject, complaint).second) return;
     OutputDebugStringW((u"Directory: " + ToUtf16(complaint) + u"\n").c_str());
+}
+
+void ForgetComplaints(const std::string& subject) {
+    COMPLAINTS& complaints = COMPLAINTS::Current();
+    const std::lock_guard guard(complaints.lock);
+    std::erase_if(complaints.said, [&](const auto& one) { return one.first == subject; });
 }
 
 }  // namespace win32

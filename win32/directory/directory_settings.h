@@ -34,7 +34,9 @@ std::optional<LDAP_SETTINGS> ReadLdapSettings(std::string& complaint);
 // read.
 std::optional<std::string> ReadPasswordFile(const std::string& path, std::string& complaint);
 
-// Writes the complaint to the debug output unless it is the one written last.
-void ComplainOnce(const std::string& complaint);
+// Writes the complaint, which says what it is about, to the debug output: once, until the complaints about its subject
+// (a server's URI, a file's path, the settings) are forgotten.
+void ComplainOnce(const std::string& subject, const std::string& complaint);
+void ForgetComplaints(const std::string& subject);
 
 }  // namespace win32

@@ -9,7 +9,9 @@ namespace win32 {
 
 namespace {
 
-using CLOCK = std::chrono::steady_clock;
+using TIME = std::chrono::milliseconds;  // since the machine was started
+
+TIME Now() { return TIME(GetTickCount64()); }
 
 constexpr std::chrono::seconds FailurePause{10};         // until a server that failed is tried again
 constexpr std::chrono::milliseconds RetryPatience{200};  // of the look-up that has it tried again
@@ -21,6 +23,7 @@ constexpr size_t MaxFailures = 64;
 constexpr int MaxFound = 64;         // of one name: more than one is already too many
 constexpr int MaxDomains = 1000;     // a server's usual limit for one answer
 constexpr size_t MaxRanges = 10000;  // parts of one attribute
+constexpr const char* AnyEntry = "(objectClass=*)";
 
 // Everything that makes a connection another one.
 std::string KeyOf(const LDAP_ACCESS& access) {
@@ -34,7 +37,7 @@ std::string KeyOf(const LDAP_ACCESS& access) {
 struct OPEN_CONNECTION {
     LDAP_CONNECTION ldap;
     std::vector<DIRECTORY_DOMAIN> domains;
-    const CLOCK::time_point since = CLOCK::now();
+    const TIME since = Now();
 };
 using CONNECTION = std::unique_ptr<OPEN_CONNECTION>;
 
@@ -45,7 +48,7 @@ HRESULT OpenConnection(const LDAP_ACCESS& access, CONNECTION& connection) {
     if (SUCCEEDED(result)) result = ldap.Bind(access);
     if (SUCCEEDED(result)) result = ldap.ReadRoot();
     if (SUCCEEDED(result)) result = SearchDomains(ldap, connection->domains);
-    if (FAILED(result)) ComplainOnce(access.uri + ": " + ldap.Reason());
+    if (FAILED(result)) ComplainOnce(access.uri, access.uri + ": " + ldap.Reason());
     return result;
 }
 
@@ -62,7 +65,7 @@ public:
 
     CONNECTION TakeIdle(const std::string& key) {
         const std::lock_guard guard(lock);
-        const CLOCK::time_point now = CLOCK::now();
+        const TIME now = Now();
         std::erase_if(idle, [now](const IDLE& one) {
             return one.since + MaxIdleTime < now || one.connection->since + MaxAge < now;
         });
@@ -78,7 +81,7 @@ public:
     void GiveBack(const std::string& key, CONNECTION connection) {
         const std::lock_guard guard(lock);
         if (idle.size() >= MaxIdle) idle.erase(idle.begin());
-        idle.push_back({key, std::move(connection), CLOCK::now()});
+        idle.push_back({key, std::move(connection), Now()});
     }
 
     // S_OK: it has not failed, or has answered since.
@@ -92,7 +95,7 @@ public:
     void RememberFailure(const std::string& key, HRESULT result) {
         const std::lock_guard guard(lock);
         if (failures.size() >= MaxFailures) failures.clear();
-        failures[key] = {result, CLOCK::now() + FailurePause};
+        failures[key] = {result, Now() + FailurePause};
         std::erase_if(idle, [&](const IDLE& one) { return one.key == key; });
     }
 
@@ -101,8 +104,8 @@ private:
     bool IsRetryDue(const std::string& key) {
         const std::lock_guard guard(lock);
         const auto found = failures.find(key);
-        if (found == failures.end() || CLOCK::now() < found->second.until) return false;
-        found->second.until = CLOCK::now() + MaxRetryTime;
+        if (found == failures.end() || Now() < found->second.until) return false;
+        found->second.until = Now() + MaxRetryTime;
         return true;
     }
 
@@ -110,6 +113,7 @@ private:
         CONNECTION connection;
         const HRESULT result = OpenConnection(access, connection);
         if (FAILED(result)) return RememberFailure(key, result);
+        ForgetComplaints(access.uri);  // the next outage is worth a line again
         GiveBack(key, std::move(connection));
         const std::lock_guard guard(lock);
         failures.erase(key);
@@ -118,11 +122,11 @@ private:
     struct IDLE {
         std::string key;
         CONNECTION connection;
-        CLOCK::time_point since;
+        TIME since;
     };
     struct FAILURE {
         HRESULT result;
-        CLOCK::time_point until;
+        TIME until;
     };
 
     std::mutex lock;
@@ -130,23 +134,64 @@ private:
     std::map<std::string, FAILURE> failures;
 };
 
-// One server's connection, taken out of the pool or opened, and given back.
+// The part after `range`, which becomes the range of what was read. It must begin where the last one ended.
+HRESULT ReadRange(LDAP_CONNECTION& ldap, const std::string& dn, const std::string& name,
+                  std::optional<ATTRIBUTE_RANGE>& range, std::vector<std::string>& values) {
+    const unsigned long next = *range->last + 1;
+    const std::string wanted = name + ";range=" + std::to_string(next) + "-*";
+    std::vector<DIRECTORY_ENTRY> found;
+    const HRESULT result = ldap.Search(dn, LDAP_CONNECTION::SCOPE::BASE, AnyEntry, {wanted.c_str()}, MaxFound, found);
+    if (FAILED(result)) return result;
+    for (const DIRECTORY_ENTRY& entry : found)
+        for (const auto& [partName, part] : entry.attributes) {
+            const std::optional<ATTRIBUTE_RANGE> got = ParseRange(partName);
+            if (!got || got->first != next || LowerName(partName).find(LowerName(name) + ";") != 0) continue;
+            values.insert(values.end(), part.begin(), part.end());
+            range = got;
+            return S_OK;
+        }
+    return DirectoryDecodingError;
+}
+
+// A server may give a long attribute in parts: the rest is fetched and everything stands under the plain name.
+HRESULT ReadRanges(LDAP_CONNECTION& ldap, const std::string& dn, DIRECTORY_ENTRY& entry) {
+    for (size_t i = 0; i < entry.attributes.size(); ++i) {
+        const std::string full = entry.attributes[i].first;
+        std::optional<ATTRIBUTE_RANGE> range = ParseRange(full);
+        if (!range) continue;
+        const std::string name = full.substr(0, full.find(';'));
+        std::vector<std::string> values = std::move(entry.attributes[i].second);
+        for (size_t part = 0; range->last; ++part) {
+            const HRESULT result = part < MaxRanges ? ReadRange(ldap, dn, name, range, values) : DirectoryDecodingError;
+            if (FAILED(result)) return result;
+        }
+        std::erase_if(entry.attributes, [&](const auto& one) { return LowerName(one.first) == LowerName(name); });
+        std::erase_if(entry.attributes, [&](const auto& one) { return one.first == full; });
+        entry.attributes.insert(entry.attributes.begin(), {name, std::move(values)});
+        i = 0;  // it stands first now
+    }
+    return S_OK;
+}
+
+HRESULT ReadEntry(LDAP_CONNECTION& ldap, const std::string& dn, const ATTRIBUTE_NAMES& wanted, DIRECTORY_ENTRY& entry) {
+    std::vector<DIRECTORY_ENTRY> found;
+    const HRESULT result = ldap.Search(dn, LDAP_CONNECTION::SCOPE::BASE, AnyEntry, wanted, MaxFound, found);
+    if (FAILED(result)) return result;
+    if (found.empty()) return DirectoryNoSuchObject;  // there, but not to be seen by whoever asks
+    entry = std::move(found[0]);
+    return ReadRanges(ldap, dn, entry);
+}
+
+// A target's servers. One of them is asked, over a connection taken out of the pool or opened, and given back; when it
+// fails, the same question goes to the next one.
 class LDAP_DIRECTORY final : public DIRECTORY {
 public:
-    explicit LDAP_DIRECTORY(LDAP_ACCESS server) : access(std::move(server)), key(KeyOf(access)) {}
+    explicit LDAP_DIRECTORY(std::vector<LDAP_ACCESS> targets) : servers(std::move(targets)) {}
     LDAP_DIRECTORY(const LDAP_DIRECTORY&) = delete;
     LDAP_DIRECTORY& operator=(const LDAP_DIRECTORY&) = delete;
-    ~LDAP_DIRECTORY() override {
-        if (connection && !connection->ldap.IsBroken()) LDAP_POOL::Current().GiveBack(key, std::move(connection));
-    }
+    ~LDAP_DIRECTORY() override { LetGo(); }
 
-    HRESULT Open() {
-        const HRESULT failure = LDAP_POOL::Current().LastFailure(key, access);
-        if (FAILED(failure)) return failure;
-        connection = LDAP_POOL::Current().TakeIdle(key);
-        isFresh = connection == nullptr;
-        return isFresh ? OpenFresh() : S_OK;
-    }
+    HRESULT Open() { return OpenFrom(0, DirectoryServerDown); }
 
     HRESULT Domains(std::vector<DIRECTORY_DOMAIN>& domains) override {
         if (!connection) return DirectoryServerDown;
@@ -157,16 +202,13 @@ public:
     HRESULT Find(const std::string& base, const char* attribute, const std::string& value,
                  const ATTRIBUTE_NAMES& wanted, std::vector<DIRECTORY_ENTRY>& found) override {
         const std::string filter = "(" + std::string(attribute) + "=" + FilterText(value) + ")";
-        return Search(base, LDAP_CONNECTION::SCOPE::SUBTREE, filter, wanted, found);
+        return Ask([&](LDAP_CONNECTION& asked) {
+            return asked.Search(base, LDAP_CONNECTION::SCOPE::SUBTREE, filter, wanted, MaxFound, found);
+        });
     }
 
     HRESULT Read(const std::string& dn, const ATTRIBUTE_NAMES& wanted, DIRECTORY_ENTRY& entry) override {
-        std::vector<DIRECTORY_ENTRY> found;
-        const HRESULT result = Search(dn, LDAP_CONNECTION::SCOPE::BASE, "(objectClass=*)", wanted, found);
-        if (FAILED(result)) return result;
-        if (found.empty()) return DirectoryNoSuchObject;  // there, but not to be seen by whoever asks
-        entry = std::move(found[0]);
-        return ReadRanges(dn, entry);
+        return Ask([&](LDAP_CONNECTION& asked) { return ReadEntry(asked, dn, wanted, entry); });
     }
 
     HRESULT ReadSid(const std::string& sid, const ATTRIBUTE_NAMES& wanted, DIRECTORY_ENTRY& entry) override {
@@ -174,9 +216,54 @@ public:
     }
 
 private:
+    // A server that is down, cannot be understood or says that it is busy has not answered.
+    template <class QUESTION>
+    HRESULT Ask(QUESTION question) {
+        HRESULT result = DirectoryServerDown;
+        while (connection) {
+            result = question(connection->ldap);
+            if (!connection->ldap.IsBroken() && result != DirectoryServerDown) return result;
+            result = Reconnect(result);
+        }
+        return result;
+    }
+
+    // After a failure: to the same server once more when its kept connection turns out to be closed, else to the next.
+    // Fails, without a connection, when none is left.
+    HRESULT Reconnect(HRESULT failure) {
+        if (connection->ldap.IsBroken() && failure == DirectoryServerDown && !isFresh) {
+            failure = OpenFresh();
+            if (SUCCEEDED(failure)) return S_OK;
+        } else if (connection->ldap.IsBroken()) {
+            const std::string& uri = servers[current].uri;
+            ComplainOnce(uri, uri + ": " + connection->ldap.Reason());
+            LDAP_POOL::Current().RememberFailure(key, failure);
+        }
+        LetGo();
+        return OpenFrom(current + 1, failure);
+    }
+
+    // To the first server from there on that can be connected to; the failure is what has been so far.
+    HRESULT OpenFrom(size_t server, HRESULT failure) {
+        for (current = server; current < servers.size(); ++current) {
+            failure = OpenCurrent();
+            if (SUCCEEDED(failure)) break;
+        }
+        return failure;
+    }
+
+    HRESULT OpenCurrent() {
+        key = KeyOf(servers[current]);
+        const HRESULT failure = LDAP_POOL::Current().LastFailure(key, servers[current]);
+        if (FAILED(failure)) return failure;
+        connection = LDAP_POOL::Current().TakeIdle(key);
+        isFresh = connection == nullptr;
+        return isFresh ? OpenFresh() : S_OK;
+    }
+
     HRESULT OpenFresh() {
         isFresh = true;
-        const HRESULT result = OpenConnection(access, connection);
+        const HRESULT result = OpenConnection(servers[current], connection);
         if (FAILED(result)) {
             connection.reset();
             LDAP_POOL::Current().RememberFailure(key, result);
@@ -184,66 +271,9 @@ private:
         return result;
     }
 
-    // A kept connection that the server has closed meanwhile is opened again, once.
-    template <class QUESTION>
-    HRESULT Ask(QUESTION question) {
-        if (!connection) return DirectoryServerDown;
-        HRESULT result = question(connection->ldap);
-        if (result == DirectoryServerDown && connection->ldap.IsBroken() && !isFresh) {
-            result = OpenFresh();
-            if (FAILED(result)) return result;
-            result = question(connection->ldap);
-        }
-        if (FAILED(result) && connection->ldap.IsBroken()) {
-            ComplainOnce(access.uri + ": " + connection->ldap.Reason());
-            LDAP_POOL::Current().RememberFailure(key, result);
-            connection.reset();
-        }
-        return result;
-    }
-
-    HRESULT Search(const std::string& base, LDAP_CONNECTION::SCOPE scope, const std::string& filter,
-                   const ATTRIBUTE_NAMES& wanted, std::vector<DIRECTORY_ENTRY>& found) {
-        return Ask([&](LDAP_CONNECTION& asked) { return asked.Search(base, scope, filter, wanted, MaxFound, found); });
-    }
-
-    // A server may give a long attribute in parts: the rest is fetched and everything stands under the plain name.
-    HRESULT ReadRanges(const std::string& dn, DIRECTORY_ENTRY& entry) {
-        for (size_t i = 0; i < entry.attributes.size(); ++i) {
-            const std::string full = entry.attributes[i].first;
-            std::optional<ATTRIBUTE_RANGE> range = ParseRange(full);
-            if (!range) continue;
-            const std::string name = full.substr(0, full.find(';'));
-            std::vector<std::string> values = std::move(entry.attributes[i].second);
-            for (size_t part = 0; range->last; ++part) {
-                const HRESULT result = part < MaxRanges ? ReadRange(dn, name, range, values) : DirectoryDecodingError;
-                if (FAILED(result)) return result;
-            }
-            std::erase_if(entry.attributes, [&](const auto& one) { return LowerName(one.first) == LowerName(name); });
-            std::erase_if(entry.attributes, [&](const auto& one) { return one.first == full; });
-            entry.attributes.insert(entry.attributes.begin(), {name, std::move(values)});
-            i = 0;  // it stands first now
-        }
-        return S_OK;
-    }
-
-    // The part behind `range`, which becomes the range of what was read. It must begin where the last one ended.
-    HRESULT ReadRange(const std::string& dn, const std::string& name, std::optional<ATTRIBUTE_RANGE>& range,
-                      std::vector<std::string>& values) {
-        const unsigned long next = *range->last + 1;
-        const std::string wanted = name + ";range=" + std::to_string(next) + "-*";
-        std::vector<DIRECTORY_ENTRY> found;
-        const HRESULT result = Search(dn, LDAP_CONNECTION::SCOPE::BASE, "(objectClass=*)", {wanted.c_str()}, found);
-        if (FAILED(result)) return result;
-        for (const DIRECTORY_ENTRY& entry : found)
-            for (const auto& [partName, part] : entry.attributes) {
-                const std::optional<ATTRIBUTE_RANGE> got = ParseRange(partName);
-                if (!got || got->first != next || LowerName(partName).find(LowerName(name) + ";") != 0) continue;
-                values.insert(values.end(), part.begin(), part.end());
-                range = got;
-                return S_OK;
-            }
-        return DirectoryDecodingError;
+    void LetGo() {
+        if (connection && !connection->ldap.IsBroken()) LDAP_POOL::Current().GiveBack(key, std::move(connection));
+        connection.reset();
     }
 
     static std::string Hex(const std::string& bytes) {
@@ -255,8 +285,9 @@ private:
         return text;
     }
 
-    const LDAP_ACCESS access;
-    const std::string key;
+    const std::vector<LDAP_ACCESS> servers;
+    size_t current = 0;  // which of them
+    std::string key;     // its
     CONNECTION connection;
     bool isFresh = false;
 };
@@ -281,14 +312,13 @@ HRESULT OpenLdapDirectory(const DIRECTORY_TARGET& target, std::unique_ptr<DIRECT
     std::vector<LDAP_ACCESS> servers;
     std::string complaint;
     HRESULT result = FindLdapServers(target, servers, complaint);
-    if (FAILED(result)) ComplainOnce(complaint);
-    for (LDAP_ACCESS& server : servers) {
-        auto opened = std::make_unique<LDAP_DIRECTORY>(std::move(server));
-        result = opened->Open();
-        if (FAILED(result)) continue;
-        directory = std::move(opened);
-        break;
+    if (FAILED(result)) {
+        ComplainOnce("the settings", complaint);
+        return result;
     }
+    auto opened = std::make_unique<LDAP_DIRECTORY>(std::move(servers));
+    result = opened->Open();
+    if (SUCCEEDED(result)) directory = std::move(opened);
     return result;
 }
 

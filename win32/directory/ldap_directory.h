@@ -9,8 +9,8 @@
 namespace win32 {
 
 // Connections are kept for the next look-up, for each server and identity, and opened again when they turn out to be
-// closed. A server that failed is tried again after 10 s, beside the look-ups: until it has answered, the same failure
-// is given at once.
+// closed. What a server does not answer is asked of the next one. A server that failed is tried again after 10 s,
+// beside the look-ups: until it has answered, the same failure is given at once.
 HRESULT OpenLdapDirectory(const DIRECTORY_TARGET& target, std::unique_ptr<DIRECTORY>& directory);
 
 // The servers to try, in order, each with how and as whom; what it takes to find them is bounded by 5 s. When it fails,

@@ -82,17 +82,19 @@ public:
         if (path != dataPath) data = nullptr;  // another machine root
         dataPath = path;
         if (stat(path.c_str(), &status) != 0) {
-            ComplainOnce(path + " cannot be read: " + strerror(errno));
+            ComplainOnce(path, path + " cannot be read: " + strerror(errno));
             mark = {};
             return data;
         }
         if (const FILE_MARK now = MarkOf(path, status); now != mark) {
             mark = now;
             std::string complaint;
-            if (LDIF_POINTER loaded = Load(path, complaint))
+            if (LDIF_POINTER loaded = Load(path, complaint)) {
+                ForgetComplaints(path);
                 data = std::move(loaded);
-            else
-                ComplainOnce(complaint);
+            } else {
+                ComplainOnce(path, complaint);
+            }
         }
         return data;
     }

@@ -1,0 +1,199 @@
+// Several servers of one domain, of which some fail: at the next question, in the middle of an answer, or all of them.
+#include <gtest/gtest.h>
+#include <ldap.h>
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tests/support/ldap_server.h"
+#include "tests/support/temporary_root.h"
+#include "win32/directory/directory.h"
+
+using namespace win32;
+
+static std::string serversInDns;  // "HOST:PORT HOST:PORT", best first
+static std::atomic<ULONGLONG> millisecondsAhead{0};
+
+extern "C" {
+ULONGLONG __real_GetTickCount64();
+ULONGLONG __wrap_GetTickCount64();
+ULONGLONG __wrap_GetTickCount64() { return __real_GetTickCount64() + millisecondsAhead; }
+int __wrap_ldap_domain2hostlist(const char*, char** hosts);
+int __wrap_ldap_domain2hostlist(const char*, char** hosts) {
+    *hosts = ber_strdup(serversInDns.c_str());
+    return LDAP_SUCCESS;
+}
+// There is no Kerberos here: whoever binds is let in.
+int __wrap_ldap_sasl_interactive_bind_s(LDAP*, const char*, const char*, LDAPControl**, LDAPControl**, unsigned,
+                                        LDAP_SASL_INTERACT_PROC*, void*);
+int __wrap_ldap_sasl_interactive_bind_s(LDAP*, const char*, const char*, LDAPControl**, LDAPControl**, unsigned,
+                                        LDAP_SASL_INTERACT_PROC*, void*) {
+    return LDAP_SUCCESS;
+}
+}
+
+namespace {
+
+using QUESTION = LDAP_SERVER::QUESTION;
+using ANSWER = LDAP_SERVER::ANSWER;
+using TEXTS = std::vector<std::string>;
+
+const std::string Ann = "CN=Ann,DC=corp";
+const ATTRIBUTE_NAMES Wanted{"memberOf"};
+
+class Failover : public testing::Test {
+protected:
+    Failover() {
+        for (LDAP_SERVER* server : {&first, &second})
+            server->entries[Ann] = {{"sAMAccountName", {"ann"}}, {"memberOf", {"CN=G1", "CN=G2", "CN=G3"}}};
+        serversInDns = first.Host() + " " + second.Host();
+        UseOtherSettings();
+    }
+
+    // What a server or its failure left behind belongs to the settings that it was asked by.
+    void UseOtherSettings() {
+        static int number = 0;
+        const std::string domain = "d" + std::to_string(++number) + ".example";
+        root.Write("registry.reg",
+                   "Windows Registry Editor Version 5.00\r\n\r\n"
+                   "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Vantorel Systems\\Keldwick\\Linux]\r\n\"DirectoryDomain\"=\"" +
+                       domain + "\"\r\n\"DirectoryCaFile\"=\"/none/" + domain + "\"\r\n");
+    }
+
+    static std::unique_ptr<DIRECTORY> Open() {
+        std::unique_ptr<DIRECTORY> directory;
+        EXPECT_EQ(S_OK, OpenDirectory({}, directory));
+        return directory;
+    }
+    static TEXTS Groups(DIRECTORY& directory) {
+        DIRECTORY_ENTRY entry;
+        const HRESULT result = directory.Read(Ann, Wanted, entry);
+        if (FAILED(result)) return {std::to_string(static_cast<unsigned>(result))};
+        return *entry.Values("memberOf");
+    }
+    static size_t Times(const std::string& text, const std::string& word) {
+        size_t times = 0;
+        for (size_t at = 0; (at = text.find(word, at)) != text.npos; at += word.size()) ++times;
+        return times;
+    }
+
+    const TEMPORARY_ROOT root;
+    LDAP_SERVER first, second;
+    const TEXTS groups{"CN=G1", "CN=G2", "CN=G3"};
+};
+
+TEST_F(Failover, TheFirstServerAnswersAsLongAsItCan) {
+    EXPECT_EQ(groups, Groups(*Open()));
+    EXPECT_LT(0, first.Asked());
+    EXPECT_EQ(0, second.Asked());
+}
+
+TEST_F(Failover, TheSameLookUpGoesOnToTheNextServer) {
+    enum HOW { DEAD, HANGS_UP, UNAVAILABLE, TALKS_NONSENSE };
+    for (const HOW how : {HANGS_UP, UNAVAILABLE, TALKS_NONSENSE, DEAD}) {
+        for (const bool kept : {false, true}) {
+            SCOPED_TRACE(std::to_string(how) + (kept ? ", kept" : ""));
+            UseOtherSettings();
+            if (how == DEAD && kept) break;  // it dies once
+            if (kept) Groups(*Open());
+            const std::unique_ptr<DIRECTORY> directory = Open();
+            second.Asked();
+            first.Answer([&](const QUESTION& question) -> ANSWER {
+                constexpr char unavailable = 52;
+                if (question.base != Ann) return first.GoodAnswer(question);
+                if (how == UNAVAILABLE) return {LDAP_SERVER::Done(question, unavailable)};
+                return {how == TALKS_NONSENSE ? "HTTP/1.1 400 Bad Request\r\n\r\n" : "", true};
+            });
+            if (how == DEAD) first.Die();
+            EXPECT_EQ(groups, Groups(*directory));
+            EXPECT_LT(0, second.Asked());
+            first.Answer(nullptr);
+        }
+    }
+    const std::unique_ptr<DIRECTORY> directory = Open();
+    std::vector<DIRECTORY_ENTRY> found;
+    EXPECT_EQ(S_OK, directory->Find("DC=corp", "sAMAccountName", "ann", Wanted, found));
+    ASSERT_EQ(1u, found.size());
+    EXPECT_EQ(Ann, found[0].dn);
+}
+
+// The order of the values is each server's own.
+TEST_F(Failover, AListInPartsIsReadAgainAsAWhole) {
+    first.Answer([&](const QUESTION& question) -> ANSWER {
+        if (question.base != Ann) return first.GoodAnswer(question);
+        if (question.wanted != TEXTS{"memberOf"}) return {"", true};
+        return {LDAP_SERVER::Entry(question, Ann, {{"memberOf;range=0-1", {"CN=G3", "CN=G1"}}}) +
+                LDAP_SERVER::Done(question)};
+    });
+    second.Answer([&](const QUESTION& question) -> ANSWER {
+        if (question.base != Ann) return second.GoodAnswer(question);
+        if (question.wanted == TEXTS{"memberOf"})
+            return {LDAP_SERVER::Entry(question, Ann, {{"memberOf", {}}, {"memberOf;range=0-0", {"CN=G1"}}}) +
+                    LDAP_SERVER::Done(question)};
+        EXPECT_EQ(TEXTS{"memberOf;range=1-*"}, question.wanted);
+        return {LDAP_SERVER::Entry(question, Ann, {{"memberOf;range=1-*", {"CN=G2", "CN=G3"}}}) +
+                LDAP_SERVER::Done(question)};
+    });
+    EXPECT_EQ(groups, Groups(*Open()));
+}
+
+TEST_F(Failover, PartsThatDoNotFitTogetherAreNoAnswer) {
+    std::string part;
+    first.Answer([&](const QUESTION& question) -> ANSWER {
+        if (question.base != Ann) return first.GoodAnswer(question);
+        const std::string name = question.wanted == TEXTS{"memberOf"} ? "memberOf;range=0-1" : part;
+        return {LDAP_SERVER::Entry(question, Ann, {{name, {"CN=G1", "CN=G2"}}}) + LDAP_SERVER::Done(question)};
+    });
+    const TEXTS refused{std::to_string(static_cast<unsigned>(DirectoryDecodingError))};
+    for (const char* wrong : {"memberOf;range=1-*", "memberOf;range=3-*", "member;range=2-*", "memberOf", ""}) {
+        part = wrong;
+        EXPECT_EQ(refused, Groups(*Open())) << wrong;
+    }
+    part = "memberOf;range=2-*";
+    EXPECT_EQ((TEXTS{"CN=G1", "CN=G2", "CN=G1", "CN=G2"}), Groups(*Open()));
+    EXPECT_EQ(0, second.Asked());
+}
+
+TEST_F(Failover, EachDeadServerIsSpokenOfOnce) {
+    testing::internal::CaptureStderr();
+    const std::string hosts[] = {first.Host(), second.Host()};
+    first.Die();
+    second.Die();
+    for (int i = 0; i < 3; ++i) {
+        std::unique_ptr<DIRECTORY> directory;
+        EXPECT_EQ(DirectoryServerDown, OpenDirectory({}, directory));
+        EXPECT_EQ(nullptr, directory);
+        UseOtherSettings();
+    }
+    const std::string said = testing::internal::GetCapturedStderr();
+    for (const std::string& host : hosts) EXPECT_EQ(1u, Times(said, host)) << said;
+}
+
+TEST_F(Failover, AServerThatLivesAgainIsUsedAgainAfterAPause) {
+    testing::internal::CaptureStderr();
+    const std::string host = first.Host();
+    first.Die();
+    EXPECT_EQ(groups, Groups(*Open()));
+    first.entries[Ann] = {{"memberOf", {"CN=First"}}};
+    first.Live();
+    EXPECT_EQ(groups, Groups(*Open()));
+    EXPECT_EQ(0, first.Asked()) << "within the pause";
+    millisecondsAhead += 10'000;
+    while (Groups(*Open()) == groups) std::this_thread::yield();  // it is tried beside the look-ups
+    first.Die();
+    EXPECT_EQ(groups, Groups(*Open()));
+    EXPECT_EQ(2u, Times(testing::internal::GetCapturedStderr(), host)) << "said for each outage";
+}
+
+TEST_F(Failover, WhenAllFailInOneLookUpTheLastFailureIsGiven) {
+    const std::unique_ptr<DIRECTORY> directory = Open();
+    first.Die();
+    second.Die();
+    EXPECT_EQ(TEXTS{std::to_string(static_cast<unsigned>(DirectoryServerDown))}, Groups(*directory));
+    DIRECTORY_ENTRY entry;
+    EXPECT_EQ(DirectoryServerDown, directory->Read(Ann, Wanted, entry)) << "asked once more";
+}
+
+}  // namespace
