@@ -3,6 +3,8 @@
 #include "directory/groups.h"
 #include "directory/name_translation.h"
 #include "platform/error_text.h"
+#include "protocol/identity_reports.h"
+#include "service/command_line.h"
 #include "tools/keldwickctl/commands.h"
 #include "tools/keldwickctl/setting_values.h"
 #include "tools/text/safe_text.h"
@@ -14,7 +16,9 @@
 
 #include <cstdio>
 #include <memory>
+#include <optional>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -41,32 +45,59 @@ std::string ResultText(HRESULT result) {
     return Utf8(keldwick::DirectoryErrorText(result)) + " (" + number + ")";
 }
 
-// The server that the agent is set to ask; empty: whichever the directory's settings name.
-std::u16string AdServer() {
+// A value of the settings key; nothing: there is none.
+std::optional<win32::REG_VALUE> Setting(std::u16string_view name) {
     const std::shared_ptr<const win32::REG_TREE> tree = win32::REG_STORE::Current().Tree();
     const win32::REG_NODE* const settings = tree ? tree->Find(SettingsPath()) : nullptr;
-    const win32::REG_VALUE* const value = settings != nullptr ? win32::FindValue(*settings, u"AdServer") : nullptr;
-    return value != nullptr && value->type == REG_SZ ? win32::BytesText(value->data) : std::u16string();
+    const win32::REG_VALUE* const value = settings != nullptr ? win32::FindValue(*settings, name) : nullptr;
+    return value != nullptr ? std::optional(*value) : std::nullopt;
+}
+
+// The server that the agent is set to ask; empty: whichever the directory's settings name.
+std::string AdServer() {
+    const std::optional<win32::REG_VALUE> value = Setting(u"AdServer");
+    const bool isText = value && (value->type == REG_SZ || value->type == REG_EXPAND_SZ);
+    return isText ? ToUtf8(win32::BytesText(value->data)) : std::string();
+}
+
+// When an account's groups are reported: not over TLS.
+struct GROUP_REPORTING {
+    const char* json;
+    const char* remark;
+};
+GROUP_REPORTING GroupReporting() {
+    const std::optional<win32::REG_VALUE> value = Setting(u"IdentProtocol");
+    const std::string number = value && value->type == REG_DWORD ? ShowValue(*value) : std::string();
+    if (number == std::to_string(keldwick::PROTOCOL_TCP)) return {"yes", ""};
+    if (number == std::to_string(keldwick::PROTOCOL_TCPS))
+        return {"no", "  (not reported: IdentProtocol is tcps, and groups do not go over TLS)"};
+    return {"plain TCP only", "  (reported only over plain TCP, not over TLS; IdentProtocol is auto)"};
 }
 
 struct LOOKUP {
-    STRING nt4Name, dn, ou;
+    std::string asked;
+    STRING nt4Name, dn, ou;  // the name as it is reported
     GROUP_LIST groups;
     bool groupsComplete = false;
+    bool isTrimmed = false;  // of a label of its domain's name
 };
 
-[[noreturn]] void FailLookup(const std::string& name) {
-    throw COMMAND_ERROR(name + ": " + ResultText(static_cast<HRESULT>(GetLastError())));
+[[noreturn]] void FailLookup(const LOOKUP& lookup) {
+    const HRESULT result = static_cast<HRESULT>(GetLastError());
+    const std::string as = lookup.isTrimmed ? ", which is reported and looked up as " + Utf8(lookup.nt4Name) : "";
+    throw COMMAND_ERROR(lookup.asked + as + ": " + ResultText(result));
 }
 
 // As the agent does it for a report: in the binding of its settings, but names of service tickets without one.
-void LookUp(const std::string& name, LOOKUP& lookup) {
+void LookUp(LOOKUP& lookup) {
     DIRECTORY_BINDING binding;
-    if (const std::u16string server = AdServer(); !server.empty()) SetBindingServer(binding, server.c_str());
-    const std::u16string wide = ToUtf16(name);
-    lookup.nt4Name.Assign(wide.c_str());
-    if (name.find('\\') == name.npos && !keldwick::DnsNameToNt4Name(wide.c_str(), lookup.nt4Name)) FailLookup(name);
-    if (!keldwick::Nt4NameToDn(lookup.nt4Name.Text(), lookup.dn, &binding)) FailLookup(name);
+    if (const std::u16string server = ToUtf16(AdServer()); !server.empty()) SetBindingServer(binding, server.c_str());
+    STRING name(ToUtf16(lookup.asked));
+    const bool isNt4Name = lookup.asked.find('\\') != lookup.asked.npos;
+    if (!isNt4Name && !keldwick::DnsNameToNt4Name(name.Text(), name)) FailLookup(lookup);
+    lookup.nt4Name = keldwick::TrimDomainSuffix(name.Text());
+    lookup.isTrimmed = lookup.nt4Name.View() != name.View();
+    if (!keldwick::Nt4NameToDn(lookup.nt4Name.Text(), lookup.dn, &binding)) FailLookup(lookup);
     keldwick::DnToOu(lookup.dn.Text(), lookup.ou);
     lookup.groupsComplete = keldwick::GetGroups(lookup.nt4Name.Text(), lookup.groups, &binding);
 }
@@ -78,14 +109,16 @@ void PrintJson(const LOOKUP& lookup) {
                                        {"dn", Utf8(lookup.dn)},
                                        {"ou", Utf8(lookup.ou)},
                                        {"groups", groups},
-                                       {"complete", lookup.groupsComplete}};
+                                       {"complete", lookup.groupsComplete},
+                                       {"groupsReported", GroupReporting().json}};
     std::printf("%s\n", SafeJson(shown).c_str());
 }
 
 void PrintForPeople(const LOOKUP& lookup) {
-    std::printf("Name:   %s\nDN:     %s\nOU:     %s\nGroups: %lu\n", SafeText(Utf8(lookup.nt4Name)).c_str(),
-                SafeText(Utf8(lookup.dn)).c_str(), SafeText(Utf8(lookup.ou)).c_str(),
-                static_cast<unsigned long>(lookup.groups.Count()));
+    const char* const trimmed = lookup.isTrimmed ? "  (without the domain's last label, as it is reported)" : "";
+    std::printf("Name:   %s%s\nDN:     %s\nOU:     %s\nGroups: %lu%s\n", SafeText(Utf8(lookup.nt4Name)).c_str(),
+                trimmed, SafeText(Utf8(lookup.dn)).c_str(), SafeText(Utf8(lookup.ou)).c_str(),
+                static_cast<unsigned long>(lookup.groups.Count()), GroupReporting().remark);
     for (const GROUP& group : lookup.groups) {
         const std::string domain = group.domain.IsEmpty() ? "(no name)" : SafeText(Utf8(group.domain));
         std::printf("  %s  (%s)\n", domain.c_str(), SafeText(Utf8(group.dn)).c_str());
@@ -95,22 +128,34 @@ void PrintForPeople(const LOOKUP& lookup) {
 void ShowLookup(const std::string& name, bool json) {
     const APARTMENT apartment;
     LOOKUP lookup;
-    LookUp(name, lookup);
+    lookup.asked = name;
+    LookUp(lookup);
     json ? PrintJson(lookup) : PrintForPeople(lookup);
     if (!lookup.groupsComplete)
         throw COMMAND_ERROR("not every group could be read; the agent would report " + name + " without groups");
 }
 
-void ShowCheck() {
-    const std::vector<win32::DIRECTORY_STEP> steps = win32::CheckDirectory();
+// What failed in the end, with its reason; empty: nothing.
+std::string ShowSteps(const std::vector<win32::DIRECTORY_STEP>& steps) {
     for (const win32::DIRECTORY_STEP& step : steps) {
         const bool done = SUCCEEDED(step.result);
         std::printf("%-6s %8.1f ms  %s\n", done ? "ok" : "failed", step.milliseconds, SafeText(step.what).c_str());
     }
     const win32::DIRECTORY_STEP& last = steps.back();
-    if (SUCCEEDED(last.result)) return;
+    if (SUCCEEDED(last.result)) return {};
     const std::string reason = last.reason.empty() ? "" : last.reason + ": ";
-    throw COMMAND_ERROR(last.what + ": " + reason + ResultText(last.result));
+    return last.what + ": " + reason + ResultText(last.result);
+}
+
+// The agent asks AdServer for a report's names and groups, and the directory's own servers for the names of service
+// tickets and SIDs: both must answer.
+void ShowCheck() {
+    std::string failure = ShowSteps(win32::CheckDirectory({}));
+    if (const std::string server = AdServer(); !server.empty()) {
+        const std::string another = ShowSteps(win32::CheckDirectory(server));
+        if (failure.empty()) failure = another;
+    }
+    if (!failure.empty()) throw COMMAND_ERROR(failure);
 }
 
 }  // namespace
@@ -126,6 +171,9 @@ void AddDirectoryCommands(CLI::App& app) {
     lookup->add_flag("--json", *json, "one JSON object");
     lookup->callback([name, json] { ShowLookup(*name, *json); });
     directory
-        ->add_subcommand("check", "Says whether the directory can be reached, and as whom; each step with its time.")
+        ->add_subcommand(
+            "check",
+            "Says whether the directory can be reached, and as whom; each step with its time. The server that "
+            "AdServer names is included.")
         ->callback(ShowCheck);
 }

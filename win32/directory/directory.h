@@ -69,7 +69,8 @@ struct DIRECTORY_TARGET {
     std::string password;  // goes out over a secret connection only
 };
 
-// Opens the directory of the settings. REGDB_E_CLASSNOTREG: this machine has none.
+// Opens the directory of the settings. REGDB_E_CLASSNOTREG: this machine has none; E_INVALIDARG: the server's name is
+// none.
 HRESULT OpenDirectory(const DIRECTORY_TARGET& target, std::unique_ptr<DIRECTORY>& directory);
 
 // What the layer's objects are made of; entered in register_classes.cpp.

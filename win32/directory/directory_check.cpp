@@ -68,11 +68,12 @@ bool CheckServer(CHECK& check, const LDAP_ACCESS& access) {
     });
 }
 
-void CheckLdap(CHECK& check) {
+void CheckLdap(CHECK& check, const std::string& server) {
     std::vector<LDAP_ACCESS> servers;
-    const bool found = check.Step("find the server", [&](DIRECTORY_STEP& step) {
-        const HRESULT result = FindLdapServers({}, servers, step.reason);
-        for (const LDAP_ACCESS& server : servers) step.what += " " + server.uri;
+    const std::string what = server.empty() ? "find the server" : "find the server that AdServer names:";
+    const bool found = check.Step(what, [&](DIRECTORY_STEP& step) {
+        const HRESULT result = FindLdapServers({server, "", ""}, servers, step.reason);
+        for (const LDAP_ACCESS& access : servers) step.what += " " + access.uri;
         return result;
     });
     for (size_t i = 0; found && i < servers.size(); ++i)
@@ -84,6 +85,7 @@ void CheckLdif(CHECK& check) {
         const LDIF_STATE state = CheckLdifFile();
         step.reason = state.complaint;
         if (state.complaint.empty()) step.what += ": " + std::to_string(state.entries) + " entries";
+        if (state.cutOff > 0) step.what += ", " + std::to_string(state.cutOff) + " of them with a cut-off memberOf";
         return state.complaint.empty() ? S_OK : DirectoryServerDown;
     });
     if (!good) return;
@@ -99,10 +101,17 @@ void CheckLdif(CHECK& check) {
 
 }  // namespace
 
-std::vector<DIRECTORY_STEP> CheckDirectory() {
+std::vector<DIRECTORY_STEP> CheckDirectory(const std::string& server) {
     CHECK check;
+    const std::string complaint = server.empty() ? "" : ServerComplaint(server);
+    const bool canBeAsked =
+        complaint.empty() || check.Step("find the server that AdServer names", [&](DIRECTORY_STEP& step) {
+            step.reason = complaint;
+            return E_INVALIDARG;
+        });
+    if (!canBeAsked) return std::move(check.steps);
     const DIRECTORY_BACKEND backend = ConfiguredBackend();
-    if (backend == DIRECTORY_BACKEND::LDAP) CheckLdap(check);
+    if (backend == DIRECTORY_BACKEND::LDAP) CheckLdap(check, server);
     if (backend == DIRECTORY_BACKEND::LDIF) CheckLdif(check);
     if (backend == DIRECTORY_BACKEND::NONE)
         check.Step("find a directory", [](DIRECTORY_STEP& step) {

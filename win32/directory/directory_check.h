@@ -15,7 +15,8 @@ struct DIRECTORY_STEP {
     double milliseconds;
 };
 
-// Ends with the first server that answers, or with the last one's failure. Nothing that look-ups keep is used or kept.
-std::vector<DIRECTORY_STEP> CheckDirectory();
+// The server that AdServer names, or, when that is empty, those of the directory's own settings: ends with the first
+// one that answers, or with the last one's failure. Nothing that look-ups keep is used or kept.
+std::vector<DIRECTORY_STEP> CheckDirectory(const std::string& server);
 
 }  // namespace win32

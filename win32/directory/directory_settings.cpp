@@ -167,6 +167,11 @@ std::optional<std::string> ReadPasswordFile(const std::string& path, std::string
     return std::string(text.substr(0, text.find_first_of("\r\n")));
 }
 
+std::string ServerComplaint(const std::string& server) {
+    if (IsServerName(server)) return {};
+    return "\"" + server + "\" is not a server: AdServer must be a host's name or address, perhaps with a port";
+}
+
 namespace {
 
 // What has been said of which subject.

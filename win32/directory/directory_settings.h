@@ -34,6 +34,9 @@ std::optional<LDAP_SETTINGS> ReadLdapSettings(std::string& complaint);
 // read.
 std::optional<std::string> ReadPasswordFile(const std::string& path, std::string& complaint);
 
+// Why no server of that name can be asked; empty: it is a host's name or address, perhaps with a port.
+std::string ServerComplaint(const std::string& server);
+
 // Writes the complaint, which says what it is about, to the debug output: once, until the complaints about its subject
 // (a server's URI, a file's path, the settings) are forgotten.
 void ComplainOnce(const std::string& subject, const std::string& complaint);

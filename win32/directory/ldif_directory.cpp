@@ -122,7 +122,9 @@ public:
         if (!above) return DirectoryInvalidDn;
         for (const DIRECTORY_ENTRY* entry : data->WithValue(attribute, value)) {
             const auto components = SplitDn(entry->dn);
-            if (components && IsAtOrBelow(*components, *above)) found.push_back(Part(*entry, wanted));
+            if (!components || !IsAtOrBelow(*components, *above)) continue;
+            const HRESULT result = TakePart(*entry, wanted, found.emplace_back());
+            if (FAILED(result)) return result;
         }
         return S_OK;
     }
@@ -132,26 +134,32 @@ public:
         if (!components) return DirectoryInvalidDn;
         const DIRECTORY_ENTRY* const found = data->AtDn(*components);
         if (found == nullptr) return DirectoryNoSuchObject;
-        entry = Part(*found, wanted);
-        return S_OK;
+        return TakePart(*found, wanted, entry);
     }
 
     HRESULT ReadSid(const std::string& sid, const ATTRIBUTE_NAMES& wanted, DIRECTORY_ENTRY& entry) override {
         const std::vector<const DIRECTORY_ENTRY*> found = data->WithValue("objectSid", sid);
         if (found.empty()) return DirectoryNoSuchObject;
         if (found.size() > 1) return DirectoryNotUnique;
-        entry = Part(*found[0], wanted);
-        return S_OK;
+        return TakePart(*found[0], wanted, entry);
     }
 
 private:
-    // The wanted attributes only: a group's entry may list a hundred thousand members.
-    static DIRECTORY_ENTRY Part(const DIRECTORY_ENTRY& whole, const ATTRIBUTE_NAMES& wanted) {
-        DIRECTORY_ENTRY part{whole.dn, {}};
-        for (const char* name : wanted)
+    // The wanted attributes only: a group's entry may list a hundred thousand members. As with a server, an object of
+    // which not all can be read is not given.
+    static HRESULT TakePart(const DIRECTORY_ENTRY& whole, const ATTRIBUTE_NAMES& wanted, DIRECTORY_ENTRY& part) {
+        part = {whole.dn, {}};
+        for (const char* name : wanted) {
+            if (IsCutOff(whole, name)) {
+                const std::string path = LdifPath();
+                ComplainOnce(path, path + ": an entry's " + name +
+                                       " is cut off (it has \";range=\"): export its other parts too");
+                return DirectoryDecodingError;
+            }
             if (const std::vector<std::string>* values = whole.Values(name))
                 part.attributes.emplace_back(name, *values);
-        return part;
+        }
+        return S_OK;
     }
 
     LDIF_POINTER data;
@@ -168,7 +176,10 @@ HRESULT OpenLdifDirectory(std::unique_ptr<DIRECTORY>& directory) {
 
 LDIF_STATE CheckLdifFile() {
     LDIF_STATE state;
-    if (const LDIF_POINTER data = Load(LdifPath(), state.complaint)) state.entries = data->Entries().size();
+    const LDIF_POINTER data = Load(LdifPath(), state.complaint);
+    if (!data) return state;
+    state.entries = data->Entries().size();
+    for (const DIRECTORY_ENTRY& entry : data->Entries()) state.cutOff += IsCutOff(entry, "memberOf") ? 1 : 0;
     return state;
 }
 

@@ -12,6 +12,7 @@ HRESULT OpenLdifDirectory(std::unique_ptr<DIRECTORY>& directory);
 // For a person: how many entries the file holds, or what is wrong with it.
 struct LDIF_STATE {
     size_t entries = 0;
+    size_t cutOff = 0;      // of which the memberOf is: their groups are not known
     std::string complaint;  // empty: the file is good
 };
 LDIF_STATE CheckLdifFile();

@@ -1,5 +1,8 @@
 #include "win32/directory/ldif_file.h"
 
+#include <algorithm>
+#include <iterator>
+
 #include "win32/directory/directory_text.h"
 #include "win32/text/utf.h"
 
@@ -78,6 +81,44 @@ bool ParseField(std::string_view line, LDIF_FIELD& field, std::string& reason) {
     return true;
 }
 
+// Stands behind the name of an attribute of which parts are missing.
+constexpr std::string_view CutOffMark = ";range=";
+
+struct LIST_PART {
+    ATTRIBUTE_RANGE range;
+    std::vector<std::string> values;
+};
+
+// The values of the parts, which are in order; nothing: some are missing.
+std::optional<std::vector<std::string>> Joined(std::vector<LIST_PART>& parts) {
+    std::vector<std::string> values;
+    std::optional<unsigned long> next = 0;
+    for (LIST_PART& part : parts) {
+        if (next != part.range.first) return std::nullopt;
+        std::move(part.values.begin(), part.values.end(), std::back_inserter(values));
+        next = part.range.last ? std::optional(*part.range.last + 1) : std::nullopt;
+    }
+    return next ? std::nullopt : std::optional(std::move(values));
+}
+
+// Puts the parts of long lists together ("memberOf;range=0-1499", "memberOf;range=1500-*").
+void JoinParts(DIRECTORY_ENTRY& entry) {
+    std::map<std::string, std::vector<LIST_PART>> lists;  // by the attribute in lower case
+    for (auto& [name, values] : entry.attributes)
+        if (const std::optional<ATTRIBUTE_RANGE> range = ParseRange(name))
+            lists[LowerName(name.substr(0, name.find(';')))].push_back({*range, std::move(values)});
+    std::erase_if(entry.attributes,
+                  [&](const auto& one) { return ParseRange(one.first) || lists.contains(LowerName(one.first)); });
+    for (auto& [attribute, parts] : lists) {
+        std::sort(parts.begin(), parts.end(),
+                  [](const LIST_PART& a, const LIST_PART& b) { return a.range.first < b.range.first; });
+        if (std::optional<std::vector<std::string>> values = Joined(parts))
+            entry.attributes.emplace_back(attribute, std::move(*values));
+        else
+            entry.attributes.emplace_back(attribute + std::string(CutOffMark), std::vector<std::string>());
+    }
+}
+
 // Makes entries of the fields between empty lines.
 class LDIF_READER {
 public:
@@ -108,7 +149,12 @@ public:
             if (!sid) return reason = "it is not a SID", false;
             field.value = *sid;
         }
-        Values(name, field.name).push_back(std::move(field.value));
+        if (ParseRange(field.name)) {  // a part keeps its name until the entry is complete
+            hasParts = true;
+            Values(LowerName(field.name), field.name).push_back(std::move(field.value));
+        } else {
+            Values(name, field.name.substr(0, field.name.find(';'))).push_back(std::move(field.value));
+        }
         return true;
     }
 
@@ -118,17 +164,19 @@ public:
         open = false;
         if (!complete) return std::nullopt;
         positions.clear();
+        if (hasParts) JoinParts(entry);
+        hasParts = false;
         return std::exchange(entry, {});
     }
 
 private:
     std::vector<std::string>& Values(const std::string& lowerName, const std::string& name) {
         const auto [position, isNew] = positions.try_emplace(lowerName, entry.attributes.size());
-        if (isNew) entry.attributes.emplace_back(name.substr(0, name.find(';')), std::vector<std::string>());
+        if (isNew) entry.attributes.emplace_back(name, std::vector<std::string>());
         return entry.attributes[position->second].second;
     }
 
-    bool open = false, isEntry = false;
+    bool open = false, isEntry = false, hasParts = false;
     DIRECTORY_ENTRY entry;
     std::unordered_map<std::string, size_t> positions;  // of the entry's attributes, by their names in lower case
 };
@@ -151,6 +199,10 @@ std::string AsUtf8(std::string_view text) {
 }
 
 }  // namespace
+
+bool IsCutOff(const DIRECTORY_ENTRY& entry, std::string_view attribute) {
+    return entry.Values(std::string(attribute) + std::string(CutOffMark)) != nullptr;
+}
 
 std::optional<std::string> FromBase64(std::string_view text) {
     if (text.size() % 4 != 0) return std::nullopt;

@@ -23,8 +23,9 @@ struct LDIF_ERROR {
 // The entries of one file, and which of them have a value.
 class LDIF_DATA {
 public:
-    // UTF-8, or UTF-16 with a byte order mark. Comments, folded lines and base64 are understood, and the closing lines
-    // of ldapsearch; changes other than additions and values kept in other files are refused. Nothing: see the error.
+    // UTF-8, or UTF-16 with a byte order mark. Comments, folded lines and base64 are understood, the parts of long
+    // lists and the closing lines of ldapsearch; changes other than additions and values kept in other files are
+    // refused. Nothing: see the error.
     static std::optional<LDIF_DATA> Parse(std::string_view text, LDIF_ERROR& error);
 
     const std::vector<DIRECTORY_ENTRY>& Entries() const { return entries; }
@@ -40,6 +41,9 @@ private:
     std::map<std::vector<std::string>, size_t> byDn;
     std::unordered_multimap<std::string, size_t> byValue;  // of the attributes that accounts are found by
 };
+
+// Whether the entry has parts of the attribute, but not all ("memberOf;range=0-1499" alone): it has no values then.
+bool IsCutOff(const DIRECTORY_ENTRY& entry, std::string_view attribute);
 
 // RFC 4648; nothing: it is not base64.
 std::optional<std::string> FromBase64(std::string_view text);

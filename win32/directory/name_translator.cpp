@@ -3,7 +3,6 @@
 #include <optional>
 
 #include "win32/directory/com_object.h"
-#include "win32/directory/directory_text.h"
 #include "win32/directory/name_resolver.h"
 #include "win32/text/utf.h"
 
@@ -60,7 +59,7 @@ private:
         directory.reset();
         if (kind < ADS_NAME_INITTYPE_DOMAIN || kind > ADS_NAME_INITTYPE_GC) return E_INVALIDARG;
         if (kind == ADS_NAME_INITTYPE_SERVER) target.server = Utf8(path);
-        if (kind == ADS_NAME_INITTYPE_SERVER && !IsServerName(target.server)) return E_INVALIDARG;
+        if (kind == ADS_NAME_INITTYPE_SERVER && target.server.empty()) return E_INVALIDARG;
         return OpenDirectory(target, directory);
     }
 

@@ -6,6 +6,11 @@
 namespace win32 {
 
 HRESULT OpenDirectory(const DIRECTORY_TARGET& target, std::unique_ptr<DIRECTORY>& directory) {
+    const std::string complaint = target.server.empty() ? "" : ServerComplaint(target.server);
+    if (!complaint.empty()) {
+        ComplainOnce("AdServer", complaint);
+        return E_INVALIDARG;
+    }
     switch (ConfiguredBackend()) {
         case DIRECTORY_BACKEND::LDIF:
             return OpenLdifDirectory(directory);  // the file stands for every server, and for whoever asks

@@ -21,7 +21,9 @@ TEST(Ldif, ReadsWhatTheExportingToolsWrite) {
         {"# x\n y\ndn: CN=a\n#z\nv: 1", {"CN=a", "1"}},
         {"dn:: Q049w6Q=\nv:: AAH/\nv::QQ==\n", {"CN=\xC3\xA4", std::string("\0\x01\xFF", 3), "A"}},
         {"dn: CN=a\nv:\nv: \n", {"CN=a", "", ""}},
-        {"dn: CN=a\nchangetype: add\nv;range=0-1: 1\n", {"CN=a", "1"}},
+        {"dn: CN=a\nchangetype: add\nv;binary: 1\n", {"CN=a", "1"}},
+        {"dn: CN=a\nv;range=0-*: 1\nv;Range=0-*: 2\n", {"CN=a", "1", "2"}},
+        {"dn: CN=a\nv;range=2-*: 3\nx: y\nv;range=0-1: 1\nV;RANGE=0-1: 2\n", {"CN=a", "1", "2", "3"}},
         {"dn: CN=a\nv: 1\n\nref: ldap://x\n\nsearch: 2\nresult: 0 Success\n", {"CN=a", "1"}},
         {"\357\273\277dn: CN=a\nv: 1\n", {"CN=a", "1"}},
         {{"\377\376d\0n\0:\0 \0C\0N\0=\0\344\0\n\0v\0:\0001\0", 26}, {"CN=\xC3\xA4", "1"}},
@@ -37,6 +39,19 @@ TEST(Ldif, ReadsWhatTheExportingToolsWrite) {
         ASSERT_NE(nullptr, values);
         got.insert(got.end(), values->begin(), values->end());
         EXPECT_EQ(wanted, got);
+    }
+}
+
+TEST(Ldif, AListOfWhichAPartIsMissingIsCutOff) {
+    for (const std::string parts : {"v;range=0-1: 1", "v;range=1-*: 2", "v;range=0-0: 1\nv;range=2-*: 3",
+                                    "v;range=0-1: 1\nv;range=1-*: 2", "v;range=0-0: 1\nV;Range=1-2: 2"}) {
+        LDIF_ERROR error;
+        const auto data = LDIF_DATA::Parse("dn: CN=a\n" + parts + "\nw;range=0-*: 1\n", error);
+        ASSERT_TRUE(data) << error.reason;
+        const DIRECTORY_ENTRY& entry = data->Entries()[0];
+        EXPECT_TRUE(IsCutOff(entry, "V")) << parts;
+        EXPECT_EQ(nullptr, entry.Values("v")) << parts;
+        EXPECT_FALSE(IsCutOff(entry, "w"));
     }
 }
 

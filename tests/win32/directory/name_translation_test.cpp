@@ -140,6 +140,35 @@ TEST_F(Directory, ThatWasNeverReadableIsDownAndWithoutAFileThereIsNone) {
     EXPECT_EQ(nullptr, object);
 }
 
+TEST_F(Directory, AnObjectOfWhichAPartIsMissingIsNotGiven) {
+    root.Write("directory.ldif",
+               TwoDomains + "\ndn: CN=Big,DC=corp\nsAMAccountName: big\nmemberOf;range=0-1499: CN=Ops/Net,DC=corp\n");
+    testing::internal::CaptureStderr();
+    EXPECT_EQ("CN=Big,DC=corp", Translate(Nt4, "CORP\\big", Dn).second);
+    IADs* object = nullptr;
+    for (int i = 0; i < 2; ++i) EXPECT_EQ(HRESULT(0x8007203Du), Open(u"LDAP://CN=Big,DC=corp", &object));
+    EXPECT_EQ(nullptr, object);
+    const std::string said = testing::internal::GetCapturedStderr();
+    EXPECT_NE(std::string::npos, said.find("memberOf")) << said;
+    EXPECT_EQ(said.find("memberOf"), said.rfind("memberOf")) << "said once: " << said;
+}
+
+TEST_F(Directory, AServerThatIsNoHostsNameIsSpokenOfOnce) {
+    testing::internal::CaptureStderr();
+    for (int i = 0; i < 2; ++i) {
+        IADsNameTranslate* translator = nullptr;
+        ASSERT_EQ(S_OK, Create(translator));
+        const BSTR server = SysAllocString(u"ldaps://dc1");
+        EXPECT_EQ(E_INVALIDARG, translator->Init(ADS_NAME_INITTYPE_SERVER, server));
+        SysFreeString(server);
+        translator->Release();
+    }
+    const std::string said = testing::internal::GetCapturedStderr();
+    EXPECT_NE(std::string::npos, said.find("\"ldaps://dc1\"")) << said;
+    EXPECT_NE(std::string::npos, said.find("AdServer")) << said;
+    EXPECT_EQ(said.find("ldaps"), said.rfind("ldaps")) << said;
+}
+
 TEST_F(Directory, OrderOfCallsAndArgumentsAreChecked) {
     IADsNameTranslate* translator = nullptr;
     ASSERT_EQ(S_OK, Create(translator));
