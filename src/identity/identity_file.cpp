@@ -16,9 +16,11 @@ namespace {
 
 constexpr size_t ChunkBytes = 65536;
 constexpr LONGLONG ShareOfTime = 100;  // one part in so many may go into writing
+constexpr LONGLONG BytesPerSecond = 32768;
 
 // An unchanged file is written anew so often: its time tells that it is right.
-constexpr LONGLONG RefreshUnits = 60000 * TIME_STAMP::UnitsPerMillisecond;
+constexpr LONGLONG UnitsPerSecond = 1000 * TIME_STAMP::UnitsPerMillisecond;
+constexpr LONGLONG RefreshUnits = 60 * UnitsPerSecond;
 
 // The path beside the program file: its own name with another extension. Empty when that is not known.
 STRING PathOf(const WCHAR* extension) {
@@ -33,7 +35,7 @@ STRING PathOf(const WCHAR* extension) {
 
 ULONGLONG SecondsSince1970(const TIME_STAMP& time) {
     constexpr ULONGLONG secondsBefore1970 = 11644473600;  // file times begin in 1601
-    return static_cast<ULONGLONG>(time.Units()) / (TIME_STAMP::UnitsPerMillisecond * 1000) - secondsBefore1970;
+    return static_cast<ULONGLONG>(time.Units()) / UnitsPerSecond - secondsBefore1970;
 }
 
 // Names come from events, which anybody who tries to log on can fill with anything.
@@ -72,28 +74,29 @@ std::string Heading(const LOGON_TABLE& logons, const SERVICE_TICKET_TABLE& ticke
 }
 
 // Empties the chunk into the file. False: the last error says why not.
-bool Put(HANDLE file, std::string& chunk) {
+bool Put(HANDLE file, std::string& chunk, LONGLONG& bytes) {
     DWORD written = 0;
     if (!WriteFile(file, chunk.data(), static_cast<DWORD>(chunk.size()), &written, nullptr)) return false;
+    bytes += written;
     chunk.clear();
     return true;
 }
 
-bool WriteAll(const STRING& path, std::string chunk, const LOGON_TABLE& logons) {
+bool WriteAll(const STRING& path, std::string chunk, const LOGON_TABLE& logons, LONGLONG& bytes) {
     const FILE_HANDLE file(
         CreateFileW(path.Text(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
     if (!file) return false;
     for (const LOGON_ENTRY* entry = logons.First(); entry != nullptr; entry = LOGON_TABLE::Next(entry)) {
         AppendEntry(chunk, *entry);
-        if (chunk.size() >= ChunkBytes && !Put(file.Get(), chunk)) return false;
+        if (chunk.size() >= ChunkBytes && !Put(file.Get(), chunk, bytes)) return false;
     }
-    return Put(file.Get(), chunk);
+    return Put(file.Get(), chunk, bytes);
 }
 
-// The error code, or 0.
-DWORD Replace(const LOGON_TABLE& logons, const SERVICE_TICKET_TABLE& tickets, const TIME_STAMP& now) {
+// The error code, or 0; adds the bytes that were written in either case.
+DWORD Replace(const LOGON_TABLE& logons, const SERVICE_TICKET_TABLE& tickets, const TIME_STAMP& now, LONGLONG& bytes) {
     const STRING path = PathOf(TEXT(".identities")), fresh = PathOf(TEXT(".identities.new"));
-    const bool done = WriteAll(fresh, Heading(logons, tickets, now), logons) &&
+    const bool done = WriteAll(fresh, Heading(logons, tickets, now), logons, bytes) &&
                       MoveFileExW(fresh.Text(), path.Text(), MOVEFILE_REPLACE_EXISTING);
     if (done) return ERROR_SUCCESS;
     const ERROR_CODE why;
@@ -111,7 +114,8 @@ IDENTITY_FILE::VERSION IDENTITY_FILE::VersionOf(const LOGON_TABLE& logons, const
 LONGLONG IDENTITY_FILE::UnitsToDue(const VERSION& current) const {
     const LONGLONG age = TIME_STAMP::Now().Units() - writtenAt.Units();
     const LONGLONG pause = current == written ? RefreshUnits : std::min(ShareOfTime * writingUnits, RefreshUnits);
-    return age < 0 ? 0 : pause - age;
+    const LONGLONG bytesPause = writtenBytes * UnitsPerSecond / BytesPerSecond;
+    return age < 0 ? 0 : std::max(pause, bytesPause) - age;
 }
 
 DWORD IDENTITY_FILE::Update(const LOGON_TABLE& logons, const SERVICE_TICKET_TABLE& tickets) {
@@ -127,7 +131,8 @@ DWORD IDENTITY_FILE::Update(const LOGON_TABLE& logons, const SERVICE_TICKET_TABL
 
 void IDENTITY_FILE::Write(const LOGON_TABLE& logons, const SERVICE_TICKET_TABLE& tickets) {
     const TIME_STAMP begin = TIME_STAMP::Now();
-    const DWORD result = Replace(logons, tickets, begin);
+    writtenBytes = 0;
+    const DWORD result = Replace(logons, tickets, begin, writtenBytes);
     if (result != ERROR_SUCCESS && result != error) {
         DebugPrint(TEXT("Unable to write the list of identities. %s. Error code = %lu."), ErrorText(result), result);
     }

@@ -18,9 +18,11 @@ namespace keldwick {
 
 class IDENTITY_FILE {
 public:
-    // Writes the file when something has changed since, or a minute has passed, but so seldom that writing takes no
-    // more than a hundredth of the time. Gives the milliseconds after which a change that was put off is due; INFINITE:
-    // there is none. A failure is logged once, and tried again with the next change or after a minute.
+    // Writes the file when something has changed since, or a minute has passed (that suffices for a logon that was only
+    // renewed), but so seldom that writing takes no more than a hundredth of the time, and that no more than 32 KiB a
+    // second are written, however many identities there are. Gives the milliseconds after which a change that was put
+    // off is due; INFINITE: there is none. A failure is logged once, and tried again with the next change or after a
+    // minute.
     DWORD Update(const LOGON_TABLE& logons, const SERVICE_TICKET_TABLE& tickets);
 
     // Writes it now, changed or not.
@@ -40,6 +42,7 @@ private:
     VERSION written;
     TIME_STAMP writtenAt;  // the zero time: never
     LONGLONG writingUnits = 0;
+    LONGLONG writtenBytes = 0;
     DWORD error = ERROR_SUCCESS;
 };
 

@@ -74,10 +74,7 @@ void LOGON_TABLE::Remove(LOGON_ENTRY* entry) {
     delete entry;
 }
 
-void LOGON_TABLE::Renew(LOGON_ENTRY* entry) {
-    entry->logonTime = TIME_STAMP::Now();
-    ++changes;
-}
+void LOGON_TABLE::Renew(LOGON_ENTRY* entry) { entry->logonTime = TIME_STAMP::Now(); }
 
 void LOGON_TABLE::Clear() {
     changes += count;

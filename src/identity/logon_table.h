@@ -56,7 +56,7 @@ public:
     void Renew(LOGON_ENTRY* entry);
 
     DWORD Count() const { return count; }
-    ULONGLONG Changes() const { return changes; }  // entries that came, went or were renewed, ever
+    ULONGLONG Changes() const { return changes; }  // entries that came or went, ever
     LOGON_ENTRY* First() const { return first; }   // the oldest; null: the table is empty
     static LOGON_ENTRY* Next(const LOGON_ENTRY* entry) { return entry->next; }
 

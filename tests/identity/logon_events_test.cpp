@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <functional>
 #include <memory>
 
 #include "eventlog/event_log.h"
@@ -19,7 +21,7 @@
 
 namespace {
 // The clock stands still, but for these.
-ULONGLONG minutesAhead = 0;
+ULONGLONG minutesAhead = 0, secondsAhead = 0;
 ULONGLONG millisecondsALook = 0;  // by which it goes on whenever it is looked at
 const WCHAR* hostName = nullptr;  // of every address; null: none has one
 }  // namespace
@@ -32,7 +34,7 @@ void __wrap_GetSystemTimeAsFileTime(LPFILETIME time) {
     static const ULONGLONG start = static_cast<ULONGLONG>(time->dwHighDateTime) << 32 | time->dwLowDateTime;
     static ULONGLONG looks = 0;
     looks += millisecondsALook;
-    const ULONGLONG moved = start + minutesAhead * 600'000'000 + looks * 10'000;
+    const ULONGLONG moved = start + (minutesAhead * 60 + secondsAhead) * 10'000'000 + looks * 10'000;
     *time = {static_cast<DWORD>(moved), static_cast<DWORD>(moved >> 32)};
 }
 INT __wrap_GetNameInfoW(const SOCKADDR*, socklen_t, LPWSTR host, DWORD, LPWSTR, DWORD, INT) {
@@ -87,7 +89,7 @@ protected:
         lines.Forget();
     }
     ~EVENTS_TEST() override {
-        minutesAhead = millisecondsALook = 0;  // before the next test's log takes its first look
+        minutesAhead = secondsAhead = millisecondsALook = 0;  // before the next test's log takes its first look
         hostName = nullptr;
         StatisticsKey.Reset();
         CurrentSession = nullptr;
@@ -367,6 +369,40 @@ TEST_F(EVENTS_TEST, TheListForOthersCostsAHundredthOfTheTimeAndMissesNoChange) {
     minutesAhead = 3;
     EXPECT_EQ(INFINITE, Update());
     EXPECT_NE(before, File());  // nothing changed: it tells that
+}
+
+TEST_F(EVENTS_TEST, TheListForOthersGrowsOlderRatherThanWriteMoreBytes) {
+    constexpr ULONGLONG seconds = 180, bytesASecond = 32768;
+    const std::filesystem::path file = root.Path("Keldwick.identities");
+    uintmax_t bytes = 0, writes = 0, size = 0;
+    const auto FollowWhile = [&](const std::function<void()>& change) {
+        bytes = writes = 0;
+        for (const ULONGLONG end = secondsAhead + seconds; secondsAhead < end; ++secondsAhead) {
+            change();
+            log.identityFile.Update(log.logons, log.serviceTickets);
+            if (!std::filesystem::exists(file)) continue;
+            bytes += size = std::filesystem::file_size(file);
+            ++writes;
+            std::filesystem::remove(file);
+        }
+    };
+    const auto Grow = [&](int more) {
+        for (int i = 0; i < more; ++i) log.logons.Append();
+    };
+    const auto Replace = [&] { log.logons.Remove(log.logons.First()), log.logons.Append(); };
+    const auto Renew = [&] { log.logons.Renew(log.logons.First()); };
+    Grow(1000);
+    FollowWhile(Renew);
+    EXPECT_EQ(seconds / 60, writes);  // who is where has not changed
+    FollowWhile(Replace);
+    EXPECT_LE(bytes, seconds * bytesASecond + size);
+    EXPECT_GE(bytes, seconds * bytesASecond / 2);  // and no older than that
+    Grow(40000);  // more than a minute's worth: this holds for the file that only tells that it is right, too
+    for (const std::function<void()>& change : {std::function<void()>(Replace), std::function<void()>(Renew)}) {
+        FollowWhile(change);
+        EXPECT_LE(bytes, seconds * bytesASecond + size);
+        EXPECT_GE(writes, 2u);
+    }
 }
 
 TEST_F(EVENTS_TEST, AClockSetBackExpiresEverything) {
