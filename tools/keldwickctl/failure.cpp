@@ -14,6 +14,7 @@ void FailCommand(const std::string& what, DWORD code) { throw COMMAND_ERROR(what
 
 void FailRegistry(const std::string& what, DWORD code) {
     const std::string problem = win32::REG_STORE::Current().Problem();
-    if (code == ERROR_BADDB && !problem.empty()) throw COMMAND_ERROR(what + ": " + problem);
+    const bool ofFile = code == ERROR_BADDB || code == ERROR_SHARING_VIOLATION;
+    if (ofFile && !problem.empty()) throw COMMAND_ERROR(what + ": " + problem);
     FailCommand(what, code);
 }

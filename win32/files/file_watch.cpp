@@ -1,17 +1,25 @@
 #include "win32/files/file_watch.h"
 
 #include "win32/text/last_error.h"
+#include "win32/text/utf.h"
 
+#include <poll.h>
+#include <pthread.h>
+#include <sys/eventfd.h>
 #include <sys/inotify.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <iterator>
 #include <map>
 #include <mutex>
 #include <set>
+#include <string>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -24,7 +32,11 @@ namespace {
 constexpr uint32_t FolderEvents = IN_CREATE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE | IN_DELETE_SELF | IN_MOVE_SELF;
 // A rename over the file shows on the old file as a changed link count: IN_ATTRIB.
 constexpr uint32_t FileEvents = IN_MODIFY | IN_CLOSE_WRITE | IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF;
+constexpr uint32_t FolderGone = IN_DELETE_SELF | IN_MOVE_SELF | IN_UNMOUNT | IN_IGNORED;
 constexpr uint32_t FileGone = IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF | IN_IGNORED;
+
+constexpr ULONGLONG PollPause = 1000;  // milliseconds
+constexpr ULONGLONG Never = ~ULONGLONG{0};
 
 }  // namespace
 
@@ -35,7 +47,10 @@ struct FILE_WATCH::STATE {
     std::mutex running;  // held during a call of `changed`
     bool alive = true;   // guarded by `running`
 
-    int folderWatch = -1, fileWatch = -1;  // guarded by the watcher's lock
+    // Guarded by the watcher's lock:
+    int folderWatch = -1, fileWatch = -1;
+    bool polled = false;
+    ULONGLONG due = Never;  // the tick count at which `changed` is called though no event came
 
     class WATCHER;
 };
@@ -52,33 +67,56 @@ public:
     }
 
     bool Add(const STATE_POINTER& state) {
-        const std::lock_guard guard(lock);
-        if (!Start()) return false;
-        state->folderWatch = Watch(state->folder, FolderEvents | IN_ONLYDIR, state);
-        if (state->folderWatch < 0) return FailWithErrno();
-        state->fileWatch = Watch(state->path, FileEvents, state);
+        {
+            const std::lock_guard guard(lock);
+            if (!Start()) return false;
+            states.insert(state);
+            state->folderWatch = Watch(state->folder, FolderEvents | IN_ONLYDIR, state);
+            if (state->folderWatch < 0) Poll(state, errno);
+            Renew(state);
+        }
+        Complain();
         return true;
     }
 
     void Remove(const STATE_POINTER& state) {
         const std::lock_guard guard(lock);
+        states.erase(state);
         Unwatch(state->folderWatch, state);
         Unwatch(state->fileWatch, state);
     }
 
+    void CallAt(const STATE_POINTER& state, ULONGLONG tick) {
+        const std::lock_guard guard(lock);
+        if (tick >= state->due) return;
+        state->due = tick;
+        if (wake >= 0) eventfd_write(wake, 1);
+    }
+
 private:
+    // Without the means to wake its thread there is no inotify either: all is polled then.
     bool Start() {
-        if (queue >= 0) return true;
-        queue = inotify_init1(IN_CLOEXEC);
-        if (queue < 0) return FailWithErrno();
-        std::thread([this, descriptor = queue] { Run(descriptor); }).detach();
+        if (started) return true;
+        wake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+        if (wake >= 0) queue = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
+        queueFailure = errno;
+        try {
+            std::thread([this] { Run(); }).detach();
+        } catch (const std::system_error&) {
+            if (wake >= 0) close(wake);
+            if (queue >= 0) close(queue);
+            wake = queue = -1;
+            return FailWith(ERROR_NOT_ENOUGH_MEMORY);
+        }
+        started = true;
         return true;
     }
 
     // IN_MASK_ADD, since two watches of one file or folder share one descriptor.
     int Watch(const std::string& path, uint32_t events, const STATE_POINTER& state) {
-        const int watch = inotify_add_watch(queue, path.c_str(), events | IN_MASK_ADD);
+        const int watch = queue >= 0 ? inotify_add_watch(queue, path.c_str(), events | IN_MASK_ADD) : -1;
         if (watch >= 0) watched[watch].insert(state);
+        if (queue < 0) errno = queueFailure;
         return watch;
     }
 
@@ -94,31 +132,57 @@ private:
         watch = -1;
     }
 
-    void Run(int descriptor) {
-        alignas(inotify_event) char buffer[16 * 1024];
+    void Run() {
         for (;;) {
-            const ssize_t length = read(descriptor, buffer, sizeof buffer);
-            if (length < 0 && errno == EINTR) continue;
-            if (length <= 0) return;
-            for (const STATE_POINTER& state : Affected(buffer, static_cast<size_t>(length))) {
+            pollfd polled[] = {{queue, POLLIN, 0}, {wake, POLLIN, 0}};
+            poll(polled, std::size(polled), PauseMs());
+            for (const STATE_POINTER& state : Affected()) {
                 const std::lock_guard guard(state->running);
                 if (state->alive) state->changed();
             }
+            if (Complain()) pthread_setname_np(pthread_self(), PollingThreadName);
         }
     }
 
-    // Whom the events concern. A file that appeared is watched before its watches are called, so that what is written
-    // from here on is seen and what was written before is found by the one called.
-    std::set<STATE_POINTER> Affected(const char* bytes, size_t length) {
+    // For poll: until the first call is due that needs no event; -1: there is none.
+    int PauseMs() {
         const std::lock_guard guard(lock);
-        std::set<STATE_POINTER> affected, stale;  // stale: the name may stand for another file now
+        ULONGLONG first = Never;
+        const ULONGLONG now = GetTickCount64();
+        for (const STATE_POINTER& state : states) first = std::min(first, state->due);
+        if (wake < 0) first = std::min(first, now + PollPause);
+        return first == Never ? -1 : static_cast<int>(first - std::min(first, now));
+    }
+
+    // Whom the events that wait concern, and whose call is due.
+    std::set<STATE_POINTER> Affected() {
+        const std::lock_guard guard(lock);
+        eventfd_t none;
+        if (wake >= 0) eventfd_read(wake, &none);
+        alignas(inotify_event) char buffer[16 * 1024];
+        const ssize_t length = queue >= 0 ? read(queue, buffer, sizeof buffer) : 0;
+        std::set<STATE_POINTER> affected;
+        if (length > 0) Gather(buffer, static_cast<size_t>(length), affected);
+        const ULONGLONG now = GetTickCount64();
+        for (const STATE_POINTER& state : states) {
+            if (state->due > now) continue;
+            affected.insert(state);
+            state->due = state->polled ? now + PollPause : Never;
+        }
+        return affected;
+    }
+
+    // A file that appeared is watched before its watches are called, so that what is written
+    // from here on is seen and what was written before is found by the one called.
+    void Gather(const char* bytes, size_t length, std::set<STATE_POINTER>& affected) {
+        std::set<STATE_POINTER> stale;  // the name may stand for another file now
         for (size_t at = 0; at + sizeof(inotify_event) <= length;) {
             inotify_event event;
             std::memcpy(&event, bytes + at, sizeof event);
             const char* const name = event.len > 0 ? bytes + at + offsetof(inotify_event, name) : "";
             at += sizeof event + event.len;
             if ((event.mask & IN_Q_OVERFLOW) != 0) {
-                for (const auto& [watch, states] : watched) affected.insert(states.begin(), states.end());
+                affected = states;
                 continue;
             }
             const auto found = watched.find(event.wd);
@@ -128,21 +192,49 @@ private:
                 if (ofFile || event.len == 0 || state->name == name) affected.insert(state);
                 if (ofFile && (event.mask & FileGone) != 0) stale.insert(state);
                 if (!ofFile && state->name == name) stale.insert(state);
+                if (!ofFile && (event.mask & FolderGone) != 0) Poll(state, ENOENT);
             }
             if ((event.mask & IN_IGNORED) != 0) watched.erase(found);
         }
         for (const STATE_POINTER& state : stale) Renew(state);
-        return affected;
     }
 
     void Renew(const STATE_POINTER& state) {
         int former = state->fileWatch;
         state->fileWatch = Watch(state->path, FileEvents, state);
+        if (state->fileWatch < 0 && errno != ENOENT) Poll(state, errno);  // the folder tells when there is one
         if (former != state->fileWatch) Unwatch(former, state);
     }
 
+    // `why`: the errno value that tells why inotify cannot do it.
+    void Poll(const STATE_POINTER& state, int why) {
+        if (state->polled) return;
+        state->polled = true;
+        state->due = std::min(state->due, GetTickCount64() + PollPause);
+        if (wake >= 0) eventfd_write(wake, 1);
+        if (!complaint.empty()) return;
+        complaint = "Changes in " + state->folder + " do not come by inotify: " + std::strerror(why) +
+                    ". They are looked for once a second.";
+        const bool limited = why == EMFILE || why == ENOSPC;
+        complaint += limited ? " The limits are fs.inotify.max_user_instances and max_user_watches.\n" : "\n";
+    }
+
+    // Says once that inotify does not do all; false: it does. With no lock held, since the debugger may be slow.
+    bool Complain() {
+        {
+            const std::lock_guard guard(lock);
+            if (complaint.empty() || complained) return !complaint.empty();
+            complained = true;
+        }
+        OutputDebugStringW(ToUtf16(complaint).c_str());
+        return true;
+    }
+
     std::mutex lock;
-    int queue = -1;
+    bool started = false, complained = false;
+    int wake = -1, queue = -1, queueFailure = 0;
+    std::string complaint;  // of the first that inotify could not do; empty: it does all
+    std::set<STATE_POINTER> states;
     std::map<int, std::set<STATE_POINTER>> watched;  // by inotify's watch descriptor
 };
 
@@ -161,6 +253,10 @@ FILE_WATCH::~FILE_WATCH() {
     STATE::WATCHER::Instance().Remove(state);
     const std::lock_guard guard(state->running);
     state->alive = false;
+}
+
+void FILE_WATCH::CallAfter(unsigned long long milliseconds) {
+    if (state) STATE::WATCHER::Instance().CallAt(state, GetTickCount64() + milliseconds);
 }
 
 bool FILE_WATCH::Active() const { return state != nullptr; }

@@ -1,4 +1,5 @@
-// Tells when a file changed, by inotify on its folder, from one thread that all watches of the process share.
+// Tells when a file changed, by inotify on its folder, from one thread that all watches of the process share. What
+// inotify does not take on is looked at once a second.
 #pragma once
 
 #include <functional>
@@ -7,9 +8,14 @@
 
 namespace win32 {
 
+// The watcher thread's name, which whoever looks at the process sees (/proc/PID/task/*/comm), once inotify does not do
+// all of its work.
+constexpr const char* PollingThreadName = "file-polling";
+
 // While it lives, `changed` is called on the watcher thread after the file was written, created, replaced by a rename
-// or removed, by this process or another. Several changes in quick succession may come as one call, never as none. The
-// destructor returns only when no call is running any more; `changed` must not destroy its own watch.
+// or removed, by this process or another. Several changes in quick succession may come as one call, never as none; calls
+// without a change come, too. The destructor returns only when no call is running any more; `changed` must not destroy
+// its own watch.
 class FILE_WATCH {
 public:
     FILE_WATCH(const std::string& path, std::function<void()> changed);
@@ -17,7 +23,9 @@ public:
     FILE_WATCH(const FILE_WATCH&) = delete;
     FILE_WATCH& operator=(const FILE_WATCH&) = delete;
 
-    bool Active() const;  // false: the folder could not be watched; the thread's last error says why
+    bool Active() const;  // false: there can be no watcher thread; last error set
+
+    void CallAfter(unsigned long long milliseconds);  // once, whether anything changes or not
 
 private:
     struct STATE;

@@ -47,8 +47,6 @@ const char16_t* PredefinedName(HKEY handle) {
 
 LSTATUS OPEN_KEY::Arm(std::shared_ptr<KERNEL_OBJECT> event) {
     if (!store.Watch(SignalChanged)) return static_cast<LSTATUS>(GetLastError());
-    const std::shared_ptr<const REG_TREE> tree = store.Tree();
-    if (!tree || tree->Find(path) == nullptr) return ERROR_KEY_DELETED;
     const std::lock_guard guard(Notifications().lock);
     armed = std::move(event);
     Notifications().keys.insert(this);

@@ -2,16 +2,18 @@
 
 #include "win32/files/file_owner.h"
 #include "win32/files/file_watch.h"
+#include "win32/files/file_writer.h"
 #include "win32/files/machine_root.h"
 #include "win32/registry/reg_text.h"
+#include "win32/sync/descriptor.h"
 #include "win32/text/last_error.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 #include <map>
 #include <optional>
@@ -27,27 +29,15 @@ constexpr int LockTries = 2000;  // of LockPauseUs each: 10 s
 constexpr useconds_t LockPauseUs = 5000;
 constexpr mode_t FileMode = 0640;  // the layer's settings may name a password
 
+// In milliseconds.
+constexpr ULONGLONG SettleTime = 2000;  // a file that may be half of one is taken once it has not changed for so long
+constexpr ULONGLONG Patience = 3000;    // the longest that a caller waits for another writer; more than the above
+constexpr ULONGLONG ComplaintTime = 10'000;                  // a writer that holds the file so long is named
+constexpr ULONGLONG ShortestPause = 10, LongestPause = 1000;  // between two looks at a file that is held
+
 int64_t Nanoseconds(const timespec& time) { return static_cast<int64_t>(time.tv_sec) * 1'000'000'000 + time.tv_nsec; }
 
 bool SameTime(const timespec& a, const timespec& b) { return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec; }
-
-// An open descriptor, closed at the end of its scope.
-class DESCRIPTOR {
-public:
-    explicit DESCRIPTOR(int descriptor) : number(descriptor) {}
-    ~DESCRIPTOR() {
-        const int kept = errno;
-        if (number >= 0) close(number);
-        errno = kept;
-    }
-    DESCRIPTOR(const DESCRIPTOR&) = delete;
-    DESCRIPTOR& operator=(const DESCRIPTOR&) = delete;
-    explicit operator bool() const { return number >= 0; }
-    int Get() const { return number; }
-
-private:
-    int number;
-};
 
 // Bounded: a process that was stopped with the lock in its hands must not stop all others.
 DWORD TakeLock(int descriptor) {
@@ -77,20 +67,6 @@ std::string LinkTarget(const std::string& path) {
     return target;
 }
 
-DWORD Replace(const std::string& path, const std::string& bytes) {
-    const std::string beside = path + ".new";
-    unlink(beside.c_str());  // left behind by a crash; under the lock it is nobody's
-    const DESCRIPTOR file(open(beside.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, FileMode));
-    if (!file) return ErrorFromErrno(errno);
-    TakeOver(file.Get(), path);
-    if (!WriteAll(file.Get(), bytes) || fsync(file.Get()) != 0 || rename(beside.c_str(), path.c_str()) != 0) {
-        const DWORD error = ErrorFromErrno(errno);
-        unlink(beside.c_str());
-        return error;
-    }
-    return ERROR_SUCCESS;
-}
-
 }  // namespace
 
 bool REG_STORE::IDENTITY::operator==(const IDENTITY& other) const {
@@ -117,9 +93,24 @@ REG_STORE::REG_STORE(std::string file) : path(std::move(file)) {}
 
 REG_STORE::~REG_STORE() = default;
 
+// What one look at the file finds. As long as it lives, and its writer is NONE, nobody else begins to write the file.
+struct REG_STORE::FOUND {
+    DESCRIPTOR file;
+    IDENTITY identity;  // as it is made: there is no file
+    FILE_WRITER writer = FILE_WRITER::NONE;
+    std::string bytes;
+    REG_TREE tree;
+};
+
 std::shared_ptr<const REG_TREE> REG_STORE::Tree(DWORD* error) {
-    const std::lock_guard guard(lock);
+    std::unique_lock guard(lock);
     if (!Fresh()) Load();
+    for (const ULONGLONG begin = GetTickCount64(); !tree && loadError == ERROR_SHARING_VIOLATION && !Overdue(begin);) {
+        guard.unlock();
+        usleep(LockPauseUs);
+        guard.lock();
+        Load();
+    }
     if (error != nullptr) *error = tree ? ERROR_SUCCESS : loadError;
     return tree;
 }
@@ -132,48 +123,106 @@ bool REG_STORE::Fresh() {
 }
 
 void REG_STORE::Load() {
-    std::string bytes;
+    FOUND found;
     known = false;
-    if (!ReadFile(bytes, identity)) {
-        if (errno == ENOENT) {
-            if (!tree) tree = std::make_shared<REG_TREE>();
-            return;
-        }
-        loadError = ErrorFromErrno(errno);
-        char text[16];
-        std::snprintf(text, sizeof text, "%u", loadError);
-        return SetProblem(path + ": cannot be read, error " + text);
-    }
+    loadError = Look(found);
+    if (loadError == ERROR_BADDB) Know(found.identity);
+    if (loadError != ERROR_SUCCESS) return;
+    if (found.file) return Take(std::move(found.tree), found.identity);
+    if (!tree) tree = std::make_shared<REG_TREE>();
+}
+
+void REG_STORE::Know(const IDENTITY& read) {
     known = true;
+    identity = read;
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
     recent = Nanoseconds(now) - Nanoseconds(identity.changed) < StampGranularityNs;
-    REG_TEXT_ERROR error;
-    std::optional<REG_TREE> parsed = ParseRegText(bytes, error);
-    if (!parsed) {
-        loadError = ERROR_BADDB;
-        // An editor that writes in place leaves the file empty for a moment: nothing to complain about.
-        if (bytes.empty() && tree) return;
-        return SetProblem(path + (error.line > 0 ? ", line " + std::to_string(error.line) : "") + ": " + error.reason);
-    }
-    tree = std::make_shared<const REG_TREE>(std::move(*parsed));
+}
+
+void REG_STORE::Take(REG_TREE read, const IDENTITY& of) {
+    Know(of);
+    taken = of;
+    tree = std::make_shared<const REG_TREE>(std::move(read));
     SetProblem("");
 }
 
+// Looks whether the file may be taken and overwritten. If not: why.
+DWORD REG_STORE::Look(FOUND& found) {
+    const int failure = ReadFile(found) ? 0 : errno;
+    if (found.identity != seen) seenAt = GetTickCount64();
+    seen = found.identity;
+    if (failure != 0 && failure != ENOENT) {
+        const DWORD error = ErrorFromErrno(failure);
+        SetProblem(path + ": cannot be read, error " + std::to_string(error));
+        return error;
+    }
+    if (found.writer == FILE_WRITER::HELD) return WaitForWriter();
+    if (found.file && !Parse(found)) return ERROR_BADDB;
+    if (tree && MayBeHalf(found)) {
+        const ULONGLONG unchanged = GetTickCount64() - seenAt;
+        if (unchanged < SettleTime) return Wait(SettleTime - unchanged);
+    }
+    waitingSince = 0;
+    return ERROR_SUCCESS;
+}
+
+bool REG_STORE::Parse(FOUND& found) {
+    REG_TEXT_ERROR error;
+    std::optional<REG_TREE> parsed = ParseRegText(found.bytes, error);
+    if (parsed) {
+        found.tree = std::move(*parsed);
+        return true;
+    }
+    // An editor that writes in place leaves the file empty for a moment: nothing to complain about.
+    if (found.bytes.empty() && tree) return false;
+    SetProblem(path + (error.line > 0 ? ", line " + std::to_string(error.line) : "") + ": " + error.reason);
+    return false;
+}
+
+// Whoever writes it may have closed it between two pieces, or, where nobody knows, may have it open.
+bool REG_STORE::MayBeHalf(const FOUND& found) const {
+    return !found.tree.HoldsKeysOf(*tree) || (found.writer == FILE_WRITER::UNKNOWN && found.identity != taken);
+}
+
+DWORD REG_STORE::WaitForWriter() {
+    const ULONGLONG waited = waitingSince != 0 ? GetTickCount64() - waitingSince : 0;
+    if (!tree || waited >= ComplaintTime) SetProblem(path + ": another program holds it open to write it");
+    return Wait(std::clamp(waited / 4, ShortestPause, LongestPause));
+}
+
+// Has the file looked at again after so many milliseconds, if anybody waits for its changes.
+DWORD REG_STORE::Wait(ULONGLONG milliseconds) {
+    if (waitingSince == 0) waitingSince = GetTickCount64();
+    const std::lock_guard guard(watching);
+    if (watch) watch->CallAfter(milliseconds);
+    return ERROR_SHARING_VIOLATION;
+}
+
+// Whether a caller that began to wait then has waited long enough; who comes later to the same writer waits no more.
+bool REG_STORE::Overdue(ULONGLONG begin) const {
+    const ULONGLONG since = waitingSince != 0 ? std::min(waitingSince, begin) : begin;
+    return GetTickCount64() - since >= Patience;
+}
+
 // False: errno says why.
-bool REG_STORE::ReadFile(std::string& bytes, IDENTITY& read) {
-    const DESCRIPTOR file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+bool REG_STORE::ReadFile(FOUND& found) {
+    found.file = DESCRIPTOR(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     struct stat status;
-    if (!file || fstat(file.Get(), &status) != 0) return false;
-    read = IdentityOf(status);
-    bytes.clear();
+    if (!found.file || fstat(found.file.Get(), &status) != 0) return false;
+    found.identity = IdentityOf(status);
+    found.writer = WriterOf(found.file.Get());
+    if (found.writer == FILE_WRITER::HELD) return true;
+    // Only now does it stand still.
+    if (fstat(found.file.Get(), &status) != 0) return false;
+    found.identity = IdentityOf(status);
     char buffer[16 * 1024];
-    while (bytes.size() <= MaxFileBytes) {
-        const ssize_t count = ::read(file.Get(), buffer, sizeof buffer);
+    while (found.bytes.size() <= MaxFileBytes) {
+        const ssize_t count = ::read(found.file.Get(), buffer, sizeof buffer);
         if (count < 0 && errno == EINTR) continue;
         if (count < 0) return false;
         if (count == 0) break;
-        bytes.append(buffer, static_cast<size_t>(count));
+        found.bytes.append(buffer, static_cast<size_t>(count));
     }
     return true;
 }
@@ -192,29 +241,61 @@ DWORD REG_STORE::ChangeFile(const std::function<DWORD(REG_TREE&)>& edit) {
     TakeOver(lockFile.Get(), file);
     if (const DWORD error = TakeLock(lockFile.Get()); error != ERROR_SUCCESS) return error;
 
-    std::string before;
-    std::optional<REG_TREE> fresh;
-    if (const DWORD error = ReadForChange(before, fresh); error != ERROR_SUCCESS) return error;
-    if (const DWORD refused = edit(*fresh); refused != ERROR_SUCCESS) return refused;
-    const std::string after = WriteRegText(*fresh);
-    if (after.size() > MaxFileBytes) return ERROR_NO_SYSTEM_RESOURCES;
-    return after == before ? ERROR_SUCCESS : Replace(file, after);
+    for (const ULONGLONG begin = GetTickCount64();; usleep(LockPauseUs)) {
+        const DWORD error = TryChange(file, edit);
+        const std::lock_guard guard(lock);
+        if (error != ERROR_SHARING_VIOLATION || Overdue(begin)) return error;
+    }
 }
 
-DWORD REG_STORE::ReadForChange(std::string& bytes, std::optional<REG_TREE>& fresh) {
-    IDENTITY read;
-    REG_TEXT_ERROR error;
-    if (ReadFile(bytes, read)) {
-        fresh = ParseRegText(bytes, error);
-        if (!fresh) Tree();  // so that the problem is known
-    } else if (errno == ENOENT) {
-        // When the file was moved away under us, the last good tree comes back with the change.
-        const std::shared_ptr<const REG_TREE> last = Tree();
-        if (last) fresh = ParseRegText(WriteRegText(*last), error);
-    } else {
-        return ErrorFromErrno(errno);
+// ERROR_SHARING_VIOLATION: the file has another writer, who goes first.
+DWORD REG_STORE::TryChange(const std::string& file, const std::function<DWORD(REG_TREE&)>& edit) {
+    FOUND found;
+    {
+        const std::lock_guard guard(lock);
+        if (const DWORD error = Look(found); error != ERROR_SUCCESS) return error;
+        if (!found.file && tree) {  // it was moved away under us: what was read last comes back with the change
+            REG_TEXT_ERROR none;
+            found.tree = ParseRegText(WriteRegText(*tree), none).value_or(REG_TREE());
+        }
     }
-    return fresh ? ERROR_SUCCESS : ERROR_BADDB;
+    if (const DWORD refused = edit(found.tree); refused != ERROR_SUCCESS) return refused;
+    const std::string after = WriteRegText(found.tree);
+    if (after.size() > MaxFileBytes) return ERROR_NO_SYSTEM_RESOURCES;
+    if (after == found.bytes) return ERROR_SUCCESS;
+    IDENTITY written;
+    if (const DWORD error = Replace(file, after, found, written); error != ERROR_SUCCESS) return error;
+    const std::lock_guard guard(lock);
+    Take(std::move(found.tree), written);
+    return ERROR_SUCCESS;
+}
+
+DWORD REG_STORE::Replace(const std::string& file, const std::string& bytes, const FOUND& old, IDENTITY& written) const {
+    const std::string beside = file + ".new";
+    unlink(beside.c_str());  // left behind by a crash; under the lock it is nobody's
+    const DESCRIPTOR fresh(open(beside.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, FileMode));
+    if (!fresh) return ErrorFromErrno(errno);
+    TakeOver(fresh.Get(), file);
+    DWORD error = ERROR_SUCCESS;
+    if (!WriteAll(fresh.Get(), bytes) || fsync(fresh.Get()) != 0) {
+        error = ErrorFromErrno(errno);
+    } else if (!Unchanged(old)) {  // getting it on the disk takes its time
+        error = ERROR_SHARING_VIOLATION;
+    } else if (rename(beside.c_str(), file.c_str()) != 0) {
+        error = ErrorFromErrno(errno);
+    }
+    if (error != ERROR_SUCCESS) unlink(beside.c_str());
+    struct stat status{};
+    if (fstat(fresh.Get(), &status) == 0) written = IdentityOf(status);
+    return error;
+}
+
+// Whether the file is the one that was found, and nobody waits to write it.
+bool REG_STORE::Unchanged(const FOUND& found) const {
+    struct stat status;
+    if (stat(path.c_str(), &status) != 0) return errno == ENOENT && !found.file;
+    return IdentityOf(status) == found.identity &&
+           (found.writer != FILE_WRITER::NONE || NobodyWaitsToWrite(found.file.Get()));
 }
 
 bool REG_STORE::Watch(std::function<void()> changed) {

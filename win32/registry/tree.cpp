@@ -27,6 +27,13 @@ size_t KeysBelow(const REG_NODE& key) {
     return count;
 }
 
+bool HoldsKeysBelow(const REG_NODE& key, const REG_NODE& other) {
+    return std::all_of(other.children.begin(), other.children.end(), [&key](const auto& child) {
+        const auto own = key.children.find(child.first);
+        return own != key.children.end() && HoldsKeysBelow(*own->second, *child.second);
+    });
+}
+
 }  // namespace
 
 bool SameValues(const REG_VALUES& a, const REG_VALUES& b) {
@@ -117,6 +124,8 @@ bool REG_TREE::DeleteKey(const REG_PATH& path) {
     parent->children.erase(child);
     return true;
 }
+
+bool REG_TREE::HoldsKeysOf(const REG_TREE& other) const { return HoldsKeysBelow(root, other.root); }
 
 REG_VALUE* REG_TREE::SetValue(REG_NODE& key, std::u16string_view name, DWORD type, std::vector<BYTE> data) {
     std::u16string folded = FoldName(name);

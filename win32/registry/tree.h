@@ -73,6 +73,8 @@ public:
     REG_VALUE* SetValue(REG_NODE& key, std::u16string_view name, DWORD type, std::vector<BYTE> data);
     bool DeleteValue(REG_NODE& key, std::u16string_view name);  // false: it was not there
 
+    bool HoldsKeysOf(const REG_TREE& other) const;  // whether every key of the other is here, too
+
     REG_NODE root;                         // its children are the predefined root keys
     std::vector<std::u16string> comments;  // those below the last key or value
 

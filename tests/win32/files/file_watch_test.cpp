@@ -2,15 +2,46 @@
 
 #include "tests/support/temporary_root.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <unistd.h>
 
 #include <windows.h>
 
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <filesystem>
 #include <functional>
 #include <mutex>
+#include <string>
+
+// The calls of wrapped-calls.txt: inotify's fail with these, when not 0; the tick count is so far ahead.
+static int inotifyInitFailure = 0, inotifyWatchFailure = 0;
+static std::atomic<ULONGLONG> ticksAhead{0};
+
+extern "C" {
+int __real_inotify_init1(int flags);
+int __wrap_inotify_init1(int flags) {
+    errno = inotifyInitFailure;
+    return inotifyInitFailure == 0 ? __real_inotify_init1(flags) : -1;
+}
+int __real_inotify_add_watch(int queue, const char* path, uint32_t events);
+int __wrap_inotify_add_watch(int queue, const char* path, uint32_t events) {
+    errno = inotifyWatchFailure;
+    return inotifyWatchFailure == 0 ? __real_inotify_add_watch(queue, path, events) : -1;
+}
+int __real_poll(pollfd* polled, nfds_t count, int milliseconds);
+int __wrap_poll(pollfd* polled, nfds_t count, int milliseconds) {
+    constexpr int look = 10;  // how often a moved clock is noticed
+    return __real_poll(polled, count, milliseconds < 0 ? look : std::min(milliseconds, look));
+}
+ULONGLONG __real_GetTickCount64();
+ULONGLONG __wrap_GetTickCount64() { return __real_GetTickCount64() + ticksAhead; }
+}
 
 namespace {
 
@@ -97,11 +128,53 @@ TEST(FileWatch, WatchesOfOneFileOutliveEachOtherAndANeighbourWakesNobody) {
     EXPECT_EQ(silent, second.Now());
 }
 
-TEST(FileWatch, WithoutAFolderThereIsNoWatch) {
+// Changes that inotify does not tell of, on a clock that is moved.
+void ExpectPolling(const TEMPORARY_ROOT& root) {
+    const std::string path = root.Path("folder/watched");
+    CALLS calls;
+    const win32::FILE_WATCH watch(path, calls.Count());
+    ASSERT_TRUE(watch.Active());
+    for (const char* text : {"one", "two"}) {
+        const int before = calls.Now();
+        root.Write("folder/watched", text);
+        ticksAhead += 1000;
+        EXPECT_TRUE(calls.MoreThan(before)) << text;
+    }
+}
+
+TEST(FileWatch, WhatInotifyRefusesIsPolledAndSaidOnce) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");  // the process says it once
     const TEMPORARY_ROOT root;
-    const win32::FILE_WATCH watch(root.Path("missing/watched"), [] {});
-    EXPECT_FALSE(watch.Active());
-    EXPECT_EQ(static_cast<DWORD>(ERROR_FILE_NOT_FOUND), GetLastError());
+    const struct {
+        int instance, watch;
+        bool folder;
+    } cases[] = {{EMFILE, 0, true}, {0, ENOSPC, true}, {0, 0, false}};
+    for (const auto& c : cases) {
+        std::filesystem::remove_all(root.Path("folder"));
+        if (c.folder) root.Write("folder/watched", "old");
+        const auto run = [&] {
+            inotifyInitFailure = c.instance;
+            inotifyWatchFailure = c.watch;
+            ExpectPolling(root);
+            ExpectPolling(root);
+            _exit(testing::Test::HasFailure());
+        };
+        const char* const once = "do not come by inotify";
+        EXPECT_EXIT(run(), testing::ExitedWithCode(0),
+                    testing::AllOf(testing::HasSubstr(once),
+                                   testing::Not(testing::ContainsRegex(std::string(once) + "(.|\n)*" + once))));
+    }
+}
+
+TEST(FileWatch, ACallCanBeAskedForWithoutAChange) {
+    const TEMPORARY_ROOT root;
+    root.Write("watched", "old");
+    CALLS calls;
+    win32::FILE_WATCH watch(root.Path("watched"), calls.Count());
+    watch.CallAfter(60'000);
+    watch.CallAfter(90'000);
+    ticksAhead += 60'000;
+    EXPECT_TRUE(calls.MoreThan(0));
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include <windows.h>
 
 #include "tests/support/temporary_root.h"
+#include "tests/win32/registry/registry_test.h"
 #include "win32/registry/linux_settings.h"
 #include "win32/registry/tree.h"
 #include "win32/text/utf.h"
@@ -21,67 +22,7 @@
 #include <tuple>
 #include <vector>
 
-// The system calls of wrapped-calls.txt fail with these, when not 0.
-static int fsyncFailure = 0, renameFailure = 0;
-
-extern "C" {
-int __real_fsync(int file);
-int __wrap_fsync(int file) {
-    if (fsyncFailure == 0) return __real_fsync(file);
-    errno = fsyncFailure;
-    return -1;
-}
-int __real_rename(const char* from, const char* to);
-int __wrap_rename(const char* from, const char* to) {
-    if (renameFailure == 0) return __real_rename(from, to);
-    errno = renameFailure;
-    return -1;
-}
-}
-
 namespace {
-
-const char16_t* const Path = u"SOFTWARE\\Vantorel Systems\\Keldwick";
-const std::string File = "registry.reg";
-constexpr DWORD WaitMs = 10'000;  // for what must come; a failing test takes this long
-
-std::string Settings(const std::string& values) {
-    return "Windows Registry Editor Version 5.00\n\n[HKEY_LOCAL_MACHINE\\SOFTWARE\\Vantorel Systems\\Keldwick]\n" +
-           values;
-}
-std::string Heartbeat(int value) { return Settings("\"Heartbeat\"=dword:" + std::to_string(value) + "\n"); }
-
-// A key of the local machine, made unless it is there.
-struct KEY {
-    explicit KEY(const char16_t* path = Path, REGSAM access = KEY_ALL_ACCESS) {
-        EXPECT_EQ(ERROR_SUCCESS,
-                  RegCreateKeyExW(HKEY_LOCAL_MACHINE, path, 0, nullptr, 0, access, nullptr, &key, nullptr));
-    }
-    ~KEY() { RegCloseKey(key); }
-    operator HKEY() const { return key; }
-    HKEY key = nullptr;
-};
-
-LSTATUS SetNumber(HKEY key, const char16_t* name, DWORD number) {
-    return RegSetValueExW(key, name, 0, REG_DWORD, reinterpret_cast<const BYTE*>(&number), sizeof number);
-}
-
-// The number, or minus the error.
-int64_t Number(HKEY key, const char16_t* name) {
-    DWORD number = 0, size = sizeof number, type = 0;
-    const LSTATUS status = RegQueryValueExW(key, name, nullptr, &type, reinterpret_cast<BYTE*>(&number), &size);
-    return status == ERROR_SUCCESS ? number : -static_cast<int64_t>(status);
-}
-
-struct EVENT {
-    HANDLE handle = CreateEventW(nullptr, FALSE, FALSE, nullptr);
-    ~EVENT() { CloseHandle(handle); }
-    DWORD Wait(DWORD ms) const { return WaitForSingleObject(handle, ms); }
-};
-
-LSTATUS Arm(HKEY key, const EVENT& event) {
-    return RegNotifyChangeKeyValue(key, FALSE, REG_NOTIFY_CHANGE_LAST_SET, event.handle, TRUE);
-}
 
 // Another process that writes: this program again, ended before its tests begin. It writes the number 1 to the values
 // NAMEA, NAMEB ... of the settings key.
@@ -209,6 +150,8 @@ TEST_F(Registry, AnEditByHandIsSeenAtOnce) {
         EXPECT_EQ(i, Number(key, u"Heartbeat"));
     }
     root.Write(File, Settings("") + "[-HKEY_LOCAL_MACHINE\\SOFTWARE]\n");
+    Number(key, u"Heartbeat");  // a key is gone: it is looked at again
+    MoveClock(2000);
     EXPECT_EQ(-ERROR_KEY_DELETED, Number(key, u"Heartbeat"));
     EXPECT_EQ(ERROR_KEY_DELETED, SetNumber(key, u"Heartbeat", 1));
 }

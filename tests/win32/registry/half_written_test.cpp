@@ -1,0 +1,225 @@
+// A file whose writer is not done: it is neither taken nor overwritten, and no watch is lost by it.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tests/support/temporary_root.h"
+#include "tests/win32/registry/registry_test.h"
+#include "win32/registry/store.h"
+
+namespace {
+
+const char16_t* const Statistics = u"SOFTWARE\\Vantorel Systems\\Keldwick\\Statistics";
+constexpr ULONGLONG SettleMs = 2000;
+
+std::string Section(const std::string& key, const std::string& values) {
+    return "\n[HKEY_LOCAL_MACHINE\\SOFTWARE\\" + key + "]\n" + values;
+}
+
+// A file in two pieces; the first alone is well-formed, but holds other settings and lacks the last key.
+struct TEXT_OF_FILE {
+    explicit TEXT_OF_FILE(int heartbeat)
+        : first(Heartbeat(heartbeat)), second("\"LogonTTL\"=dword:5\n" + Section("Other", "\"Value\"=\"x\"\n")) {}
+    std::string Whole() const { return first + second; }
+    const std::string first, second;
+};
+
+// A writer in place, as an editor or a shell is one.
+class PLACE_WRITER {
+public:
+    explicit PLACE_WRITER(const std::string& path, int flags = O_TRUNC)
+        : file(open(path.c_str(), O_WRONLY | O_CREAT | flags, 0600)) {
+        EXPECT_GE(file, 0);
+    }
+    ~PLACE_WRITER() { Close(); }
+    PLACE_WRITER(const PLACE_WRITER&) = delete;
+    PLACE_WRITER& operator=(const PLACE_WRITER&) = delete;
+    void Put(const std::string& text) const {
+        EXPECT_EQ(static_cast<ssize_t>(text.size()), write(file, text.data(), text.size()));
+    }
+    void Close() {
+        if (file >= 0) close(file);
+        file = -1;
+    }
+
+private:
+    int file;
+};
+
+class HalfWritten : public testing::Test {
+protected:
+    HalfWritten() { root.Write(File, TEXT_OF_FILE(1).Whole() + Section("Vantorel Systems\\Keldwick\\Statistics", "")); }
+    ~HalfWritten() override {
+        leaseFailure = 0;
+        whileSyncing = whileWaiting = nullptr;
+    }
+    void Append(const std::string& text) const { PLACE_WRITER(root.Path(File), O_APPEND).Put(text); }
+
+    const TEMPORARY_ROOT root;
+    const EVENT event;
+};
+
+TEST_F(HalfWritten, IsNeitherTakenNorOverwrittenWhileItsWriterHoldsIt) {
+    const KEY key;
+    const TEXT_OF_FILE text(9);
+    ASSERT_EQ(ERROR_SUCCESS, Arm(key, event));
+    PLACE_WRITER writer(root.Path(File));
+    writer.Put(text.first);
+    for (int i = 0; i < 2; ++i) {  // however long it takes
+        EXPECT_EQ(1, Number(key, u"Heartbeat"));
+        EXPECT_EQ(ERROR_SHARING_VIOLATION, SetNumber(key, u"LogonTTL", 7));
+        MoveClock(100'000);
+    }
+    EXPECT_EQ(text.first, root.Read(File));
+    EXPECT_EQ(WAIT_TIMEOUT, event.Wait(0));
+    EXPECT_NE(std::string::npos, win32::REG_STORE::Current().Problem().find("another program"));
+    writer.Put(text.second + Section("Vantorel Systems\\Keldwick\\Statistics", ""));
+    writer.Close();
+    EXPECT_EQ(WAIT_OBJECT_0, event.Wait(WaitMs));
+    EXPECT_EQ(9, Number(key, u"Heartbeat"));
+    EXPECT_EQ(5, Number(key, u"LogonTTL"));
+    EXPECT_EQ("", win32::REG_STORE::Current().Problem());
+    EXPECT_EQ(ERROR_SUCCESS, SetNumber(key, u"LogonTTL", 7));
+}
+
+TEST_F(HalfWritten, EveryWayOfEditingIsTakenWholeThoughStatisticsAreWrittenMeanwhile) {
+    const KEY key, statistics(Statistics);
+    const std::string file = root.Path(File), aside = root.Path("aside");
+    const std::string rest = TEXT_OF_FILE(0).second + Section("Vantorel Systems\\Keldwick\\Statistics", "");
+    int64_t heartbeat = 1, count = 0;
+    const auto Meanwhile = [&] {
+        EXPECT_EQ(heartbeat, Number(key, u"Heartbeat"));
+        SetNumber(statistics, u"Logons", static_cast<DWORD>(++count));
+    };
+    const std::pair<const char*, std::function<void(const std::string&)>> ways[] = {
+        {"in place, held",
+         [&](const std::string& first) {
+             PLACE_WRITER writer(file);
+             Meanwhile(), writer.Put(first), Meanwhile(), writer.Put(rest), Meanwhile();
+         }},
+        {"a shell that opens it for each piece",
+         [&](const std::string& first) {
+             root.Write(File, first);
+             whileWaiting = [&] { Append(rest); };
+             Meanwhile();
+         }},
+        {"moved aside and made in its place",
+         [&](const std::string& first) {
+             std::filesystem::rename(file, aside);
+             whileWaiting = [&] {
+                 PLACE_WRITER writer(file, O_EXCL);
+                 writer.Put(first);
+                 EXPECT_EQ(heartbeat, Number(key, u"Heartbeat"));
+                 writer.Put(rest);
+             };
+             Meanwhile();
+         }},
+        {"renamed over it",
+         [&](const std::string& first) {
+             root.Write("aside", first + rest), Meanwhile(), std::filesystem::rename(aside, file);
+         }},
+        {"renamed over it while statistics are written",
+         [&](const std::string& first) {
+             root.Write("aside", first + rest);
+             whileSyncing = [&] { std::filesystem::rename(aside, file); };
+             Meanwhile();
+         }},
+    };
+    for (const auto& [name, edit] : ways) {
+        SCOPED_TRACE(name);
+        const int64_t next = heartbeat + 1;
+        ASSERT_EQ(ERROR_SUCCESS, Arm(key, event));
+        edit(Heartbeat(static_cast<int>(next)));
+        heartbeat = next;
+        EXPECT_EQ(WAIT_OBJECT_0, event.Wait(WaitMs));
+        EXPECT_EQ(heartbeat, Number(key, u"Heartbeat"));
+        EXPECT_EQ(5, Number(key, u"LogonTTL"));
+        EXPECT_EQ(ERROR_SUCCESS, SetNumber(statistics, u"Logons", static_cast<DWORD>(++count)));
+        EXPECT_NE(std::string::npos, root.Read(File).find("\"Value\"=\"x\"")) << root.Read(File);
+        EXPECT_EQ(count, Number(statistics, u"Logons"));
+    }
+}
+
+TEST_F(HalfWritten, AFileThatLostAKeyIsTakenOnceItStaysSo) {
+    const KEY key, other(u"SOFTWARE\\Other");
+    ASSERT_EQ(ERROR_SUCCESS, Arm(key, event));
+    root.Write(File, TEXT_OF_FILE(2).first);
+    for (const ULONGLONG passed : {ULONGLONG{0}, SettleMs - 500}) {
+        MoveClock(passed);
+        EXPECT_EQ(1, Number(key, u"Heartbeat"));
+        EXPECT_EQ(-ERROR_FILE_NOT_FOUND, Number(other, u"None"));
+        EXPECT_EQ(WAIT_TIMEOUT, event.Wait(0));
+    }
+    Append("\"Shutdown\"=dword:00000001\n");
+    MoveClock(500);
+    EXPECT_EQ(1, Number(key, u"Heartbeat"));  // it is still being changed
+    MoveClock(SettleMs);
+    EXPECT_EQ(WAIT_OBJECT_0, event.Wait(WaitMs));
+    EXPECT_EQ(2, Number(key, u"Heartbeat"));
+    EXPECT_EQ(-ERROR_KEY_DELETED, Number(other, u"None"));
+}
+
+TEST_F(HalfWritten, ArmingRegistersWhetherOrNotTheKeyIsThere) {
+    const KEY key;
+    root.Write(File, Settings("") + "[-HKEY_LOCAL_MACHINE\\SOFTWARE]\n");
+    EXPECT_EQ(1, Number(key, u"Heartbeat"));
+    MoveClock(SettleMs);
+    EXPECT_EQ(-ERROR_KEY_DELETED, Number(key, u"Heartbeat"));
+    EXPECT_EQ(ERROR_SUCCESS, Arm(key, event));
+    EXPECT_EQ(WAIT_TIMEOUT, event.Wait(0));
+    root.Write(File, Heartbeat(3));
+    EXPECT_EQ(WAIT_OBJECT_0, event.Wait(WaitMs));
+    EXPECT_EQ(3, Number(key, u"Heartbeat"));
+}
+
+TEST_F(HalfWritten, AFileThatSomebodyOpensDuringAWriteIsReadAgain) {
+    const KEY key;
+    int opened = 0;
+    whileSyncing = [&] { opened = open(root.Path(File).c_str(), O_WRONLY | O_NONBLOCK); };
+    std::string before;
+    whileWaiting = [&] {
+        before = root.Read(File);
+        Append("\"LogonTTL\"=dword:8\n");
+    };
+    EXPECT_EQ(ERROR_SUCCESS, SetNumber(key, u"Heartbeat", 4));
+    EXPECT_EQ(-1, opened);  // it would have had to wait
+    EXPECT_EQ(std::string::npos, before.find("dword:00000004")) << before;
+    EXPECT_NE(std::string::npos, root.Read(File).find("\"LogonTTL\"=dword:00000008"));
+}
+
+TEST_F(HalfWritten, WhereNobodyKnowsOfWritersItIsTakenOnceItStaysSo) {
+    const KEY key;
+    leaseFailure = EACCES;
+    ASSERT_EQ(ERROR_SUCCESS, Arm(key, event));
+    EXPECT_EQ(ERROR_SUCCESS, SetNumber(key, u"Heartbeat", 2));  // one's own is whole
+    EXPECT_EQ(2, Number(key, u"Heartbeat"));
+    EXPECT_EQ(WAIT_OBJECT_0, event.Wait(WaitMs));
+    ASSERT_EQ(ERROR_SUCCESS, Arm(key, event));
+    Append("\n");
+    Append(Section("Vantorel Systems\\Keldwick", "\"Heartbeat\"=dword:3\n"));
+    EXPECT_EQ(2, Number(key, u"Heartbeat"));
+    MoveClock(SettleMs);
+    EXPECT_EQ(WAIT_OBJECT_0, event.Wait(WaitMs));
+    EXPECT_EQ(3, Number(key, u"Heartbeat"));
+}
+
+TEST_F(HalfWritten, TheFirstLookWaitsForTheWriterButNotForever) {
+    PLACE_WRITER writer(root.Path(File), O_APPEND);
+    HKEY key = nullptr;
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(ERROR_SHARING_VIOLATION, RegOpenKeyExW(HKEY_LOCAL_MACHINE, Path, 0, KEY_READ, &key));
+    EXPECT_NE(std::string::npos, testing::internal::GetCapturedStderr().find("registry.reg: another program"));
+    const TEMPORARY_ROOT second;
+    second.Write(File, Heartbeat(1));
+    PLACE_WRITER brief(second.Path(File), O_APPEND);
+    whileWaiting = [&] { brief.Close(); };
+    EXPECT_EQ(ERROR_SUCCESS, RegOpenKeyExW(HKEY_LOCAL_MACHINE, Path, 0, KEY_READ, &key));
+    RegCloseKey(key);
+}
+
+}  // namespace
