@@ -1,5 +1,7 @@
 #include "eventlog/event_log.h"
 
+#include <fstream>
+
 #include "reader_test.h"
 #include "service/stop.h"
 
@@ -58,6 +60,24 @@ TEST_F(EventLogTest, MoreThanOneBufferAtTheStartIsSkippedToTheLastRecord) {
     Open();
     Followed({[] { Write(528); }});
     EXPECT_EQ(LINES{"528:"}, Handled);
+}
+
+TEST_F(EventLogTest, NoOldRecordOfAWrappedOrDamagedLogIsDispatched) {
+    Configure("", "'MaxSize'=dword:00010000");
+    for (size_t length = 100; length < 128; length += 3) {  // different places where the ring's end is met
+        SCOPED_TRACE(length);
+        for (int i = 0; i < 240; ++i) Write(4624, {std::string(length, 'x')});
+        ASSERT_TRUE(log.Open(LogName));
+        for (const bool damaged : {false, false, true}) {  // each time as after a change of settings
+            if (damaged) {
+                std::fstream file(root.Path("eventlog/Application.evt"), std::ios::in | std::ios::out);
+                for (const int place : {4000, 30000, 60000}) file.seekp(place).write("harm", 4);
+            }
+            Forget();
+            Followed({[] { Write(528, {"new"}); }});
+            EXPECT_EQ(LINES{"528: new"}, Handled);
+        }
+    }
 }
 
 TEST_F(EventLogTest, ARecordLargerThanTheBufferMakesItGrow) {

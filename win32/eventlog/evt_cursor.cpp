@@ -7,7 +7,9 @@
 namespace win32 {
 namespace {
 
+constexpr DWORD FirstChunk = 1024;  // the next record is all that most look at; a walk goes on with larger ones
 constexpr DWORD ChunkBytes = 64 * 1024;
+constexpr int MostWitnesses = 16;  // records looked at to find out whether a number is right
 constexpr DWORD SmallestRecord = RecordFixedBytes + sizeof(DWORD);
 
 // While it searches its way out of damage the cursor checks the bytes of every candidate; so that a file made of
@@ -20,7 +22,7 @@ constexpr DWORD CheapRecord = 4096;
 
 bool EVT_CURSOR::Load(DWORD position, DWORD count) {
     if (position >= first && position - first <= loaded && count <= loaded - (position - first)) return true;
-    const DWORD size = std::min(std::max(count, ChunkBytes), state.Used() - position);
+    const DWORD size = std::min(std::max(count, chunk.empty() ? FirstChunk : ChunkBytes), state.Used() - position);
     if (size < count) return false;
     if (chunk.size() < size) chunk.resize(size);
     first = position;
@@ -45,33 +47,58 @@ const EVENTLOGRECORD* EVT_CURSOR::At(DWORD position) {
     return reinterpret_cast<const EVENTLOGRECORD*>(Bytes(position));
 }
 
-const EVENTLOGRECORD* EVT_CURSOR::Find(DWORD& position, DWORD number, DWORD& damage) {
-    number = std::max<DWORD>(number, 1);  // 0 is no record's
-    unsigned long long spent = 0;
-    bool damaged = false;
+// The first whole record at or after `position`, whatever its number; sets `damaged` when bytes that are neither that
+// nor filler were passed over.
+const EVENTLOGRECORD* EVT_CURSOR::NextWhole(DWORD& position, bool& damaged) {
     const DWORD used = state.Used();
     while ((position = state.SkipFiller(position)) < used) {
-        const DWORD left = used - position;
-        if (left < SmallestRecord || !Load(position, SmallestRecord)) {
-            if (!damaged) ++damage;
+        if (used - position < SmallestRecord || !Load(position, SmallestRecord)) {
+            damaged = true;
             position = used;
             break;
         }
         const EVENTLOGRECORD head = *reinterpret_cast<const EVENTLOGRECORD*>(Bytes(position));
         const bool affordable = !damaged || spent < SearchBudget || head.Length <= CheapRecord;
-        const EVENTLOGRECORD* record = affordable ? At(position) : nullptr;
-        if (record != nullptr && record->RecordNumber >= number && record->RecordNumber < state.current) return record;
-        if (record != nullptr) {
-            position += record->Length;
-            continue;
-        }
+        if (const EVENTLOGRECORD* record = affordable ? At(position) : nullptr) return record;
         if (head.Reserved == EvtSignature) spent += std::min(head.Length, MaxRecordBytes);
-        if (!damaged && head.Length != EvtFiller) {
-            damaged = true;
-            ++damage;
-        }
+        if (head.Length != EvtFiller) damaged = true;
         position += 4;
     }
+    return nullptr;
+}
+
+// Whether a record that ends at `after` may have a number above the one that is due; else one wrong number would hide
+// all records up to it. The first two records after it that follow one another tell; where none do, the next one.
+bool EVT_CURSOR::BorneOut(DWORD number, DWORD after, DWORD due) {
+    DWORD next = state.current, before = number;
+    bool damaged = true;
+    for (int looked = 0; looked < MostWitnesses; ++looked) {
+        const EVENTLOGRECORD* record = NextWhole(after, damaged);
+        const DWORD witness = record ? record->RecordNumber : state.current;
+        if (record != nullptr) after += record->Length;
+        if (record != nullptr && (witness < due || witness >= state.current)) continue;
+        if (witness == before + 1) return before >= number;
+        if (record == nullptr) break;
+        if (next == state.current) next = witness;
+        before = witness;
+    }
+    return next > number;
+}
+
+const EVENTLOGRECORD* EVT_CURSOR::Find(DWORD& position, DWORD number, DWORD& damage) {
+    number = std::max<DWORD>(number, 1);  // 0 is no record's
+    spent = 0;
+    bool damaged = false;
+    while (const EVENTLOGRECORD* record = NextWhole(position, damaged)) {
+        const DWORD its = record->RecordNumber, after = position + record->Length;
+        if (its == number || (its > number && its < state.current && BorneOut(its, after, number))) {
+            damage += damaged;
+            return At(position);
+        }
+        damaged = true;
+        position = after;
+    }
+    damage += damaged;
     return nullptr;
 }
 

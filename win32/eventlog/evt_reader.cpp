@@ -101,69 +101,85 @@ DWORD EVT_READER::Read(bool forwards, BYTE* buffer, DWORD bytes, DWORD& bytesRea
     return ERROR_EVENTLOG_FILE_CHANGED;
 }
 
+// Filler and damage do not end the read, only a record that does not fit: as many records are given as going backwards.
 DWORD EVT_READER::ReadForwards(BYTE* buffer, DWORD bytes, DWORD& bytesRead, DWORD& needed) {
     DWORD position = state.SkipFiller(state.PositionOf(nextOffset));
-    for (;;) {
-        if (next == state.current || position >= state.Used()) break;
+    const EVENTLOGRECORD* record = nullptr;
+    EVT_CURSOR cursor(file, state);
+    if (next != state.current && position < state.Used()) {
         const DWORD count = std::min(bytes / 4 * 4, state.Used() - position);
         if (!file.ReadRing(state, position, buffer, count)) return GetLastError();
         bytesRead = CountWhole(buffer, count, next, state.current);
-        if (bytesRead > 0) {
-            nextOffset = state.OffsetOf(state.SkipFiller(position + bytesRead));
-            return ERROR_SUCCESS;
-        }
-        EVT_CURSOR cursor(file, state);
-        const EVENTLOGRECORD* record = cursor.Find(position, next, damage);
-        if (record == nullptr) break;
-        next = record->RecordNumber;
-        nextOffset = state.OffsetOf(position);
-        if (record->Length > bytes) {
-            needed = record->Length;
-            return ERROR_INSUFFICIENT_BUFFER;
+        position += bytesRead;
+        while ((record = cursor.Find(position, next, damage)) != nullptr && record->Length <= bytes - bytesRead) {
+            std::memcpy(buffer + bytesRead, record, record->Length);
+            bytesRead += record->Length;
+            position += record->Length;
+            next = record->RecordNumber + 1;
         }
     }
-    next = state.current;
-    nextOffset = state.end;
-    return ERROR_HANDLE_EOF;
+    next = record ? record->RecordNumber : state.current;
+    nextOffset = record ? state.OffsetOf(position) : state.end;
+    if (bytesRead > 0) return ERROR_SUCCESS;
+    if (record == nullptr) return ERROR_HANDLE_EOF;
+    needed = record->Length;
+    return ERROR_INSUFFICIENT_BUFFER;
 }
 
-const EVENTLOGRECORD* EVT_READER::RecordBefore(EVT_CURSOR& cursor, DWORD& position) {
-    DWORD before = position;
-    const EVENTLOGRECORD* record = cursor.Before(before);
-    if (record != nullptr && record->RecordNumber + 1 == next && record->RecordNumber >= state.oldest) {
-        position = before;
-        return record;
+// The records before the gap that fit into so many bytes, but one at least, the oldest first. While they adjoin one
+// another they are met from behind. Damage is passed over by a walk from the log's start, all of them or none: a
+// forwards read from the first of them then takes the same way.
+std::deque<EVT_READER::PLACE> EVT_READER::RecordsBefore(EVT_CURSOR& cursor, DWORD gap, DWORD bytes) const {
+    std::deque<PLACE> places;
+    DWORD position = gap, due = next, total = 0, ignored = 0;
+    while (position > 0) {
+        const EVENTLOGRECORD* record = cursor.Before(position);
+        if (record == nullptr || record->RecordNumber + 1 != due || record->RecordNumber < state.oldest) break;
+        if (!places.empty() && total + record->Length > bytes) return places;
+        due = record->RecordNumber;
+        total += record->Length;
+        places.push_front({position, record->Length, due});
     }
-    // Damage lies before the gap: the last whole record before it is found from the log's start.
-    DWORD at = 0, number = 0, ignored = 0, last = MAXDWORD;
-    while ((record = cursor.Find(at, number, ignored)) != nullptr) {
-        if (record->RecordNumber >= next || at >= position) break;
-        last = at;
-        number = record->RecordNumber + 1;
-        at += record->Length;
+    if (position == 0) return places;
+
+    places.clear();
+    position = total = 0;
+    due = state.oldest;
+    while (const EVENTLOGRECORD* record = cursor.Find(position, due, ignored)) {
+        if (position >= gap) break;
+        places.push_back({position, record->Length, record->RecordNumber});
+        for (total += record->Length; total > bytes && places.size() > 1; places.pop_front())
+            total -= places.front().length;
+        due = record->RecordNumber + 1;
+        position += record->Length;
     }
-    if (last == MAXDWORD) return nullptr;
-    position = last;
-    return cursor.At(last);
+    return places;
 }
 
 DWORD EVT_READER::ReadBackwards(BYTE* buffer, DWORD bytes, DWORD& bytesRead, DWORD& needed) {
+    const DWORD gap = state.PositionOf(nextOffset);
+    if (gap > state.Used()) return ERROR_HANDLE_EOF;
     EVT_CURSOR cursor(file, state);
-    DWORD position = state.PositionOf(nextOffset);
-    while (position > 0 && position <= state.Used()) {
-        const EVENTLOGRECORD* record = RecordBefore(cursor, position);
-        if (record == nullptr) break;
-        if (record->Length > bytes - bytesRead) {
-            if (bytesRead > 0) return ERROR_SUCCESS;
-            needed = record->Length;
-            return ERROR_INSUFFICIENT_BUFFER;
-        }
-        std::memcpy(buffer + bytesRead, record, record->Length);
-        bytesRead += record->Length;
-        next = record->RecordNumber;
-        nextOffset = state.OffsetOf(position);
+    const std::deque<PLACE> places = RecordsBefore(cursor, gap, bytes);
+    if (places.empty()) return ERROR_HANDLE_EOF;
+    if (places.back().length > bytes) {
+        needed = places.back().length;
+        return ERROR_INSUFFICIENT_BUFFER;
     }
-    return bytesRead > 0 ? ERROR_SUCCESS : ERROR_HANDLE_EOF;
+    DWORD total = 0;
+    for (const PLACE& place : places) total += place.length;
+    DWORD to = total;
+    for (const PLACE& place : places) {
+        const EVENTLOGRECORD* record = cursor.At(place.position);
+        if (record == nullptr || record->Length != place.length)
+            return ERROR_EVENTLOG_FILE_CORRUPT;  // written without lock
+        to -= place.length;
+        std::memcpy(buffer + to, record, place.length);
+    }
+    bytesRead = total;
+    next = places.front().number;
+    nextOffset = state.OffsetOf(places.front().position);
+    return ERROR_SUCCESS;
 }
 
 DWORD EVT_READER::Seek(DWORD number, bool forwards) {

@@ -1,11 +1,14 @@
 // Reads the records of one .evt file in order, both ways, while others write to it.
 #pragma once
 
+#include <deque>
+
 #include "win32/eventlog/evt_cursor.h"
 
 namespace win32 {
 
-// The position is the gap between two records: a backwards read of n records leaves it before the oldest of them.
+// The position is the gap between two records: a backwards read of n records leaves it before the oldest of them, and
+// the forwards read after it gives the same n, over filler and damage, whatever became of the log.
 // A reader that the circle has overtaken goes on at the oldest record left. Not for use by two threads at once.
 class EVT_READER {
 public:
@@ -32,12 +35,16 @@ public:
     const std::string& Path() const { return file.Path(); }
 
 private:
+    struct PLACE {
+        DWORD position, length, number;  // of one record
+    };
+
     DWORD Enter();  // under the lock: loads the state, follows a resized log, catches up when overtaken
     DWORD FollowReplacement();
     void Settle(bool forwards);
     DWORD ReadForwards(BYTE* buffer, DWORD bytes, DWORD& bytesRead, DWORD& needed);
     DWORD ReadBackwards(BYTE* buffer, DWORD bytes, DWORD& bytesRead, DWORD& needed);
-    const EVENTLOGRECORD* RecordBefore(EVT_CURSOR& cursor, DWORD& position);
+    std::deque<PLACE> RecordsBefore(EVT_CURSOR& cursor, DWORD gap, DWORD bytes) const;
 
     EVT_FILE file;
     EVT_STATE state;

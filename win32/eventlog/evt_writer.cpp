@@ -231,7 +231,7 @@ bool EVT_WRITER::MakeRoom(DWORD bytes) {
     if (used + bytes <= ring) return true;
     const DWORD give = used + bytes - ring;
     EVT_CURSOR cursor(*file, state);
-    DWORD position = 0, number = 0, ignored = 0;
+    DWORD position = 0, number = state.oldest, ignored = 0;
     const EVENTLOGRECORD* record = cursor.Find(position, number, ignored);
     while (record != nullptr && position < give) {
         position += record->Length;
@@ -259,7 +259,7 @@ bool EVT_WRITER::Rebuild() {
 
     EVT_CURSOR cursor(*file, state);
     const DWORD room = limit - EvtHeaderBytes - EvtEndBytes - RecordFixedBytes;
-    DWORD position = 0, number = 0, ignored = 0;
+    DWORD position = 0, number = state.oldest, ignored = 0;
     BYTES run;
     while (const EVENTLOGRECORD* record = cursor.Find(position, number, ignored)) {
         if (state.Used() - position <= room) {
