@@ -49,6 +49,7 @@ bool OpenLsaPolicy() {
 }
 
 bool LsaLookupSidName(PSID sid, STRING& domain, STRING& account, SID_NAME_USE* type) {
+    if (type != nullptr) *type = SidTypeUnknown;  // a look-up that maps nothing is a failing status
     if (Policy == nullptr) {
         domain.Clear();
         account.Clear();

@@ -1,5 +1,5 @@
 // SIDs, account names, tokens and privileges: which failures are said, restored or returned.
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 #include <ntsecapi.h>
 #include <sddl.h>
 
@@ -79,6 +79,16 @@ TEST_F(AccountNames, TheLsaIsAskedOnlyThroughAnOpenPolicy) {
     EXPECT_EQ(5u, GetLastError());
     EXPECT_EQ("Unable to open lookup SID. Access is denied. Error code = 0x5.", lines.Last());
     EXPECT_EQ("ANONYMOUS LOGON", Narrow(account)) << "a look-up that failed leaves the names";
+}
+
+TEST_F(AccountNames, TheSidOfAnUnknownAccountIsOfUnknownType) {
+    ASSERT_TRUE(OpenLsaPolicy());
+    const SID_OWNER nobody{AllocateSid(5, 0xFFFFFFFF, 21, 0xFFFFFFFF, 1, 0xFFFFFFFF, 2, 0xFFFFFFFF, 3, 0)};
+    EXPECT_FALSE(LsaLookupSidName(nobody.Get(), domain, account, &type));
+    EXPECT_EQ(SidTypeUnknown, type);
+    EXPECT_EQ(DWORD{ERROR_NONE_MAPPED}, GetLastError());
+    EXPECT_THAT(lines.Last(), testing::StartsWith("Unable to open lookup SID. "));
+    EXPECT_THAT(lines.Last(), testing::EndsWith(" Error code = 0x534."));
 }
 
 TEST_F(AccountNames, LookupAccountSidsFailuresAreSaid) {

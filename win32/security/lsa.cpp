@@ -93,8 +93,10 @@ struct LOOKUP {
         names.push_back({*account, static_cast<LONG>(domain - domains.begin())});
     }
 
-    bool Complete() const {
-        return std::all_of(names.begin(), names.end(), [](const FOUND& found) { return found.domain >= 0; });
+    NTSTATUS Status() const {
+        const auto mapped = [](const FOUND& found) { return found.domain >= 0; };
+        if (std::none_of(names.begin(), names.end(), mapped)) return StatusNoneMapped;
+        return std::all_of(names.begin(), names.end(), mapped) ? StatusSuccess : StatusSomeNotMapped;
     }
 
     PLSA_TRANSLATED_NAME Names() const {
@@ -158,7 +160,7 @@ NTSTATUS NTAPI LsaLookupSids(LSA_HANDLE policy, ULONG count, PSID* sids, PLSA_RE
         LsaFreeMemory(std::exchange(*names, nullptr));
         return win32::StatusNoMemory;
     }
-    return lookup.Complete() ? win32::StatusSuccess : win32::StatusSomeNotMapped;
+    return lookup.Status();
 }
 
 NTSTATUS NTAPI LsaFreeMemory(PVOID buffer) {

@@ -50,9 +50,11 @@ protected:
         PSID first = sid.data();
         PLSA_REFERENCED_DOMAIN_LIST domains = nullptr;
         PLSA_TRANSLATED_NAME names = nullptr;
-        EXPECT_LE(0, LsaLookupSids(policy, 1, &first, &domains, &names));
+        const NTSTATUS status = LsaLookupSids(policy, 1, &first, &domains, &names);
         NAME name;
         name.use = names->Use;
+        EXPECT_EQ(name.use != SidTypeUnknown ? DWORD{ERROR_SUCCESS} : DWORD{ERROR_NONE_MAPPED},
+                  LsaNtStatusToWinError(status));
         name.account = View(names->Name);
         if (names->DomainIndex >= 0) name.domain = View(domains->Domains[names->DomainIndex].Name);
         LsaFreeMemory(domains);

@@ -181,6 +181,20 @@ TEST_F(POLICY, NamesSeveralSidsAndTheirDomainsAtOnce) {
     EXPECT_EQ(0, LsaFreeMemory(names));
 }
 
+TEST_F(POLICY, FailsWhenItCanNameNoneOfTheSids) {
+    std::vector<BYTE> one = Sid(5, {21, 1, 2, 3, 1000}), other = Sid(5, {21, 1, 2, 3, 1001});
+    PSID sids[] = {one.data(), other.data()};
+    PLSA_REFERENCED_DOMAIN_LIST domains = nullptr;
+    PLSA_TRANSLATED_NAME names = nullptr;
+    const NTSTATUS status = LsaLookupSids(policy, 2, sids, &domains, &names);
+    EXPECT_EQ(0xC0000073, static_cast<ULONG>(status));
+    EXPECT_EQ(DWORD{ERROR_NONE_MAPPED}, LsaNtStatusToWinError(status));
+    ASSERT_NE(nullptr, names) << "the caller frees both, as after a success";
+    EXPECT_EQ(std::pair(SidTypeUnknown, SidTypeUnknown), std::pair(names[0].Use, names[1].Use));
+    LsaFreeMemory(domains);
+    LsaFreeMemory(names);
+}
+
 TEST_F(POLICY, RefusesWithTheStatusThatBecomesTheRightError) {
     std::vector<BYTE> sid = Sid(5, {7}), wrong = sid;
     wrong[0] = 9;
