@@ -17,6 +17,7 @@ int WINAPI wWinMain(HINSTANCE, HINSTANCE, LPWSTR, int) { return keldwick::RunPro
 
 #include "platform/string.h"
 #include "platform/version_numbers.h"
+#include "win32/files/standard_stream.h"
 #include "win32/services/exit_status.h"
 
 namespace {
@@ -76,6 +77,7 @@ bool AnswerQuestion(const char* argument) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    win32::IgnoreBrokenPipes();
     if (argc > 1 && AnswerQuestion(argv[1])) return 0;
 
     std::vector<keldwick::STRING> texts;

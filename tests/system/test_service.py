@@ -22,8 +22,8 @@ class Service(MachineTest):
         self.manager.bind(f"{self.root}/notify")
         self.manager.settimeout(PATIENCE)
 
-    def serve(self, *arguments, **environment):
-        agent = subprocess.Popen([f"{BIN}/keldwick", *arguments], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
+    def serve(self, *arguments, stderr=subprocess.PIPE, **environment):
+        agent = subprocess.Popen([f"{BIN}/keldwick", *arguments], stdout=subprocess.PIPE, stderr=stderr, text=True,
                                  env={**os.environ, "KELDWICK_ROOT": self.root, "NOTIFY_SOCKET": f"{self.root}/notify",
                                       **environment})
         self.agents.append(agent)
@@ -67,6 +67,29 @@ class Service(MachineTest):
         self.assertGreaterEqual(heard.count(b"WATCHDOG=1"), 6)
         agent.send_signal(signal.SIGTERM)
         self.assertEqual(0, agent.wait(PATIENCE))
+
+    def test_a_reader_of_its_output_that_is_stuck_or_gone_stops_nothing(self):
+        self.prepare()
+        for reader in ("stuck", "gone"):
+            with self.subTest(reader):
+                ours, its = os.pipe()
+                os.set_blocking(its, False)
+                while reader == "stuck":
+                    try:
+                        os.write(its, bytes(4096))
+                    except BlockingIOError:
+                        break
+                os.set_blocking(its, True)
+                if reader == "gone":
+                    os.close(ours)
+                agent = self.serve("-D", "-L", "-V", stderr=its)
+                os.close(its)
+                self.told("STATUS=Starting\nEXTEND_TIMEOUT_USEC=30000000", "READY=1\nSTATUS=Running")
+                agent.send_signal(signal.SIGTERM)
+                self.told("STOPPING=1\nSTATUS=Stopping", "STOPPING=1\nSTATUS=Stopped")
+                self.assertEqual(0, agent.wait(PATIENCE))
+                if reader == "stuck":
+                    os.close(ours)
 
     def status(self):
         return json.loads(self.ctl("status", "--json"))

@@ -8,6 +8,7 @@
 #include "tools/keldwickctl/feed_state.h"
 #include "tools/keldwickctl/samba_audit.h"
 #include "tools/keldwickctl/shipper_json.h"
+#include "win32/files/standard_stream.h"
 
 namespace {
 
@@ -71,6 +72,7 @@ void AddJson(CLI::App* feed) {
 void AddFeedCommands(CLI::App& app) {
     CLI::App* const feed = app.add_subcommand("feed", "Feeds a log from a live source.");
     feed->require_subcommand(1);
+    feed->parse_complete_callback([] { win32::IgnoreBrokenPipes(); });  // a feed outlives who reads what it says
     AddSambaAudit(feed);
     AddXml(feed);
     AddJson(feed);

@@ -2,14 +2,16 @@
 
 #include <unistd.h>
 
-#include <cstdio>
-
 #include "tools/text/safe_text.h"
+#include "win32/files/standard_stream.h"
 
 namespace {
 
 constexpr unsigned long long LinesPerShow = 10000;
 constexpr unsigned long long MebiByte = 1024 * 1024;
+
+// Who reads it may be stuck or gone: the feed goes on.
+void Say(const std::string& text) { win32::WriteToStream(STDERR_FILENO, text); }
 
 }  // namespace
 
@@ -18,7 +20,7 @@ FEED_PROGRESS::FEED_PROGRESS(int seconds, bool sourceKnowsItsEnd)
 
 void FEED_PROGRESS::Tell(const std::string& what) {
     Clear();
-    std::fprintf(stderr, "keldwickctl: %s\n", SafeText(what).c_str());
+    Say("keldwickctl: " + SafeText(what) + "\n");
 }
 
 void FEED_PROGRESS::Show(unsigned long long lines, unsigned long long behind) {
@@ -26,7 +28,7 @@ void FEED_PROGRESS::Show(unsigned long long lines, unsigned long long behind) {
     const std::string left = knowsItsEnd ? ", " + std::to_string(behind / MebiByte) + " MiB to go" : "";
     if (terminal) {
         next = lines + LinesPerShow;
-        std::fprintf(stderr, "\r\033[K%llu lines%s ...", lines, left.c_str());
+        Say("\r\033[K" + std::to_string(lines) + " lines" + left + " ...");
         shown = true;
     } else {
         NotePause();
@@ -35,6 +37,6 @@ void FEED_PROGRESS::Show(unsigned long long lines, unsigned long long behind) {
 }
 
 void FEED_PROGRESS::Clear() {
-    if (shown) std::fputs("\r\033[K", stderr);
+    if (shown) Say("\r\033[K");
     shown = false;
 }

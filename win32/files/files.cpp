@@ -1,6 +1,5 @@
 // CreateFileW, WriteFile and GetStdHandle over the host's descriptors.
 #include <fcntl.h>
-#include <signal.h>
 #include <unistd.h>
 #include <windows.h>
 
@@ -10,6 +9,7 @@
 #include "win32/files/file_object.h"
 #include "win32/files/file_owner.h"
 #include "win32/files/machine_root.h"
+#include "win32/files/standard_stream.h"
 #include "win32/text/last_error.h"
 
 namespace {
@@ -69,12 +69,6 @@ bool IsValidDisposition(DWORD access, DWORD disposition) {
     return disposition >= CREATE_NEW && disposition < TRUNCATE_EXISTING;
 }
 
-// Windows has no signal for a pipe whose reader left: the write fails, the process goes on.
-void IgnoreBrokenPipes() {
-    struct sigaction action;
-    if (sigaction(SIGPIPE, nullptr, &action) == 0 && action.sa_handler == SIG_DFL) signal(SIGPIPE, SIG_IGN);
-}
-
 }  // namespace
 
 HANDLE WINAPI CreateFileW(LPCWSTR path, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES, DWORD disposition, DWORD,
@@ -110,6 +104,11 @@ BOOL WINAPI WriteFile(HANDLE file, LPCVOID bytes, DWORD count, LPDWORD written, 
     const auto object = win32::ObjectAs<win32::FILE_OBJECT>(file);
     if (!object) return FALSE;
     const char* next = static_cast<const char*>(bytes);
+    if (object->Descriptor() == STDOUT_FILENO) {
+        const size_t done = win32::WriteToStream(STDOUT_FILENO, {next, count});
+        if (written != nullptr) *written = static_cast<DWORD>(done);
+        return done == count || win32::FailWithErrno();
+    }
     for (DWORD left = count; left > 0;) {
         const ssize_t done = write(object->Descriptor(), next, left);
         if (done < 0 && errno == EINTR) continue;
@@ -126,9 +125,6 @@ BOOL WINAPI WriteFile(HANDLE file, LPCVOID bytes, DWORD count, LPDWORD written, 
 HANDLE WINAPI GetStdHandle(DWORD which) {
     if (which != STD_OUTPUT_HANDLE) return NoFile(ERROR_INVALID_HANDLE);
     if (fcntl(STDOUT_FILENO, F_GETFD) < 0) return nullptr;  // a process without a console has none
-    static const HANDLE output = [] {
-        IgnoreBrokenPipes();
-        return win32::NewHandle(std::make_shared<win32::FILE_OBJECT>(STDOUT_FILENO, nullptr));
-    }();
+    static const HANDLE output = win32::NewHandle(std::make_shared<win32::FILE_OBJECT>(STDOUT_FILENO, nullptr));
     return output;
 }

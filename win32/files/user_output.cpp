@@ -2,28 +2,15 @@
 #include <unistd.h>
 #include <windows.h>
 
-#include <cerrno>
 #include <string>
 
+#include "win32/files/standard_stream.h"
 #include "win32/text/utf.h"
 
-namespace {
-
-// One write for the whole text where the descriptor takes it; what cannot be written is lost, as without a debugger.
-void WriteToStandardError(const std::string& text) {
-    for (size_t at = 0; at < text.size();) {
-        const ssize_t done = write(STDERR_FILENO, text.data() + at, text.size() - at);
-        if (done < 0 && errno == EINTR) continue;
-        if (done <= 0) return;
-        at += static_cast<size_t>(done);
-    }
-}
-
-}  // namespace
-
+// What cannot be written is lost, as without a debugger.
 void WINAPI OutputDebugStringW(LPCWSTR text) {
     const DWORD before = GetLastError();
-    if (text != nullptr) WriteToStandardError(win32::ToUtf8(text));
+    if (text != nullptr) win32::WriteToStream(STDERR_FILENO, win32::ToUtf8(text));
     SetLastError(before);
 }
 
@@ -31,6 +18,6 @@ void WINAPI OutputDebugStringW(LPCWSTR text) {
 int WINAPI MessageBoxW(HWND, LPCWSTR text, LPCWSTR caption, UINT) {
     constexpr int okPressed = 1;  // IDOK
     const std::u16string title(caption != nullptr ? caption : u"Error");
-    WriteToStandardError(win32::ToUtf8(title + u": " + (text != nullptr ? text : u"") + u"\n"));
+    win32::WriteToStream(STDERR_FILENO, win32::ToUtf8(title + u": " + (text != nullptr ? text : u"") + u"\n"));
     return okPressed;
 }
