@@ -34,6 +34,10 @@ endforeach()
 foreach(folder ${agent_folders})
   keldwick_tests(${folder} LABEL unit keldwick_all)
 endforeach()
+# The assembled agent under a moved clock.
+set_source_files_properties(${PROJECT_SOURCE_DIR}/tests/loop/recorded_test.cpp PROPERTIES
+  COMPILE_DEFINITIONS RECORDED_FOLDER="${PROJECT_SOURCE_DIR}/tests/loop/recorded")
+keldwick_tests(loop LABEL loop ctl_commands server_parts)
 if(TARGET ctl_commands)
   keldwick_tests(keldwickctl LABEL tools ctl_commands)
 endif()

@@ -14,6 +14,7 @@
 #include "service/settings.h"
 #include "service/stop.h"
 #include "tests/support/debug_lines.h"
+#include "tests/support/event_strings.h"
 #include "tests/support/fake_directory.h"
 #include "tests/support/scripted_server.h"
 #include "tests/support/temporary_root.h"
@@ -50,25 +51,7 @@ namespace keldwick {
 namespace {
 
 using LINES = std::vector<std::string>;
-using STRINGS = std::vector<std::u16string>;
 using HANDLER = void (*)(const EVENTLOGRECORD&, EVENT_LOG&, const REPLACEMENT_STRINGS&);
-
-// Strings of one event with some replaced: {position, text}.
-using CHANGES = std::vector<std::pair<size_t, std::u16string>>;
-STRINGS With(STRINGS strings, const CHANGES& changes) {
-    for (const auto& [position, text] : changes) strings[position] = text;
-    return strings;
-}
-
-const STRINGS Logon4624 = {u"S-1-0-0", u"",    u"", u"", u"S-1-5-21-1", u"ann", u"CORP", u"0x1f", u"3",        u"",
-                           u"",        u"PC1", u"", u"", u"",           u"",    u"",     u"",     u"10.0.0.5", u"0"};
-const STRINGS Logoff4634 = {u"S-1-5-21-1", u"ann", u"CORP", u"0x1f", u"3"};
-const STRINGS Logon528 = {u"ann", u"CORP", u"(0x0,0x1)", u"10", u"", u"",         u"PC1", u"",
-                          u"",    u"",     u"",          u"",   u"", u"10.0.0.5", u"0"};
-const STRINGS Logoff538 = {u"ann", u"CORP", u"(0x0,0x1)", u"5"};
-const STRINGS Logon540 = {u"ann", u"CORP", u"(0x0,0x1)", u"3", u"", u"",         u"", u"",
-                          u"-",   u"-",    u"-",         u"-", u"", u"10.0.0.5", u"0"};
-const STRINGS Ticket673 = {u"ann@CORP.EX", u"CORP.EX", u"PC9$", u"", u"", u"", u"10.0.0.5", u"-"};
 
 class EVENTS_TEST : public testing::Test {
 protected:
@@ -98,11 +81,8 @@ protected:
     }
 
     void Run(HANDLER handler, const STRINGS& strings) {
-        win32::NEW_EVENT event;
-        event.computer = u"DC1";
-        event.strings = strings;
         win32::BYTES bytes;
-        ASSERT_TRUE(win32::BuildRecord(event, bytes));
+        ASSERT_TRUE(win32::BuildRecord(Event(0, strings), bytes));
         EVENTLOGRECORD& record = *reinterpret_cast<EVENTLOGRECORD*>(bytes.data());
         record.RecordNumber = 77;
         REPLACEMENT_STRINGS decoded;
@@ -193,7 +173,10 @@ TEST_F(EVENTS_TEST, WhatIsNoUsersOwnRemoteLogonIsDroppedWithItsReason) {
            {{{3, u"11"}}, ""}});
     Drops(Do_EVENT_LOGON, "Do_EVENT_LOGON", STRINGS(14), {{{}, ": Insufficient replacement strings (14)."}});
     Drops(Do_EVENT_LOGON, "Do_EVENT_LOGON", Logon540,
-          {{{{11, u"4"}}, ": Ignoring proxied logon, UserName = 'ann'."},
+          {{{{8, u"DC1$"}}, ": Ignoring proxied logon, UserName = 'ann'."},
+           {{{9, u"CORP"}}, ": Ignoring proxied logon, UserName = 'ann'."},
+           {{{10, u"(0x0,0x3E7)"}}, ": Ignoring proxied logon, UserName = 'ann'."},
+           {{{11, u"4"}}, ": Ignoring proxied logon, UserName = 'ann'."},
            {{{0, u"PC$"}}, ": Ignoring computer name 'PC$'."},
            {{{3, u"0x"}}, ": Invalid logon type = '0x'."},
            {{{0, u""}, {1, u""}}, ": Ignoring; no user name and domain name"},

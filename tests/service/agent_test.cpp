@@ -2,10 +2,7 @@
 
 #include <process.h>
 
-#include <algorithm>
-#include <map>
 #include <mutex>
-#include <sstream>
 #include <thread>
 
 #include "platform/registry_values.h"
@@ -13,6 +10,7 @@
 #include "service/settings.h"
 #include "service/settings_watch.h"
 #include "service/stop.h"
+#include "tests/support/registry_text.h"
 
 using keldwick::Recorded;
 using keldwick::Script;
@@ -140,17 +138,7 @@ AGENT_TEST::~AGENT_TEST() {
 }
 
 void AGENT_TEST::MakeSettings(const std::string& values) {
-    std::map<std::string, std::string> settings;
-    std::istringstream words(values);
-    for (std::string name, value; std::getline(words >> std::ws, name, '=');) {
-        std::getline(words, value, ' ');
-        settings[name] = value;
-    }
-    std::string text = "Windows Registry Editor Version 5.00\r\n\r\n[" + KeyName + "]\r\n";
-    for (const auto& [name, value] : settings)
-        if (!value.empty()) text += "'" + name + "'=" + value + "\r\n";
-    std::replace(text.begin(), text.end(), '\'', '"');
-    root.Write("registry.reg", text);
+    root.Write("registry.reg", RegistryText(KeyName, values));
     ASSERT_EQ(ERROR_SUCCESS, RegOpenKeyExW(HKEY_LOCAL_MACHINE, SettingsKeyPath, 0, KEY_ALL_ACCESS, SettingsKey.Put()));
 }
 

@@ -53,8 +53,7 @@ protected:
     AGENT_TEST();
     ~AGENT_TEST() override;
 
-    // Makes the settings key with these values in it and opens it: "Name='text' Other=dword:1", of one name the last;
-    // without text behind its "=", no such value.
+    // Makes the settings key with these values in it (see RegistryText) and opens it.
     void MakeSettings(const std::string& values);
     static std::optional<DWORD> Number(const WCHAR* name);
     static std::optional<std::string> Text(const WCHAR* name);

@@ -1,6 +1,6 @@
-// A directory of a test's own behind CoCreateInstance and ADsOpenObject: names, and objects with their groups. Include
-// it in one source of a test program whose wrapped-calls.txt names both calls. Without a FAKE_DIRECTORY alive, both
-// answer what a machine without a directory answers.
+// A directory of a test's own behind CoCreateInstance and ADsOpenObject: names, and objects with their groups. The test
+// program's wrapped-calls.txt names both calls. Without a FAKE_DIRECTORY alive, both answer what a machine without a
+// directory answers.
 #pragma once
 
 #include "directory/com.h"
@@ -29,8 +29,11 @@ public:
 
     static FAKE_DIRECTORY*& Current() { return current; }
 
-    std::map<std::tuple<LONG, std::u16string, LONG>, std::u16string> names;  // (type, name, wanted type) to name
-    std::map<std::u16string, OBJECT> objects;                                // by ADsPath
+    using NAMES =
+        std::map<std::tuple<LONG, std::u16string, LONG>, std::u16string>;  // (type, name, wanted type) to name
+    NAMES names;
+    std::map<std::u16string, NAMES> namesOfServer;  // in place of names, for the servers that are here
+    std::map<std::u16string, OBJECT> objects;       // by ADsPath
     HRESULT initResult = S_OK;
     HRESULT setResult = S_OK;
     std::vector<std::string> calls;  // what was asked for, in order
@@ -68,6 +71,7 @@ public:
     HRESULT put_ChaseReferral(LONG) override { return E_NOTIMPL; }
     HRESULT Init(LONG kind, BSTR path) override {
         FAKE_DIRECTORY::Current()->Called("Init " + std::to_string(kind) + " " + Utf8(path));
+        if (path != nullptr) server = path;
         return FAKE_DIRECTORY::Current()->initResult;
     }
     HRESULT InitEx(LONG kind, BSTR path, BSTR user, BSTR domain, BSTR password) override {
@@ -81,7 +85,9 @@ public:
         return FAKE_DIRECTORY::Current()->setResult;
     }
     HRESULT Get(LONG type, BSTR* name) override {
-        const auto& names = FAKE_DIRECTORY::Current()->names;
+        const auto& named = FAKE_DIRECTORY::Current()->namesOfServer.find(server);
+        const bool common = named == FAKE_DIRECTORY::Current()->namesOfServer.end();
+        const auto& names = common ? FAKE_DIRECTORY::Current()->names : named->second;
         const auto found = names.find({inputType, input, type});
         if (found == names.end()) return static_cast<HRESULT>(0x80072116);  // ERROR_DS_NAME_ERROR_NOT_FOUND
         *name = SysAllocString(found->second.c_str());
@@ -90,7 +96,7 @@ public:
 
 private:
     LONG inputType = 0;
-    std::u16string input;
+    std::u16string server, input;
 };
 
 class DIRECTORY_OBJECT : public COUNTED<IADs> {
@@ -139,15 +145,15 @@ private:
 
 }  // namespace fake
 
-extern "C" HRESULT __wrap_CoCreateInstance(REFCLSID, LPUNKNOWN, DWORD, REFIID, LPVOID* object) {
+extern "C" [[gnu::used]] inline HRESULT __wrap_CoCreateInstance(REFCLSID, LPUNKNOWN, DWORD, REFIID, LPVOID* object) {
     *object = nullptr;
     if (FAKE_DIRECTORY::Current() == nullptr) return REGDB_E_CLASSNOTREG;
     *object = static_cast<IADsNameTranslate*>(new fake::TRANSLATOR);
     return S_OK;
 }
 
-extern "C" HRESULT __wrap_ADsOpenObject(LPCWSTR path, LPCWSTR user, LPCWSTR password, DWORD flags, REFIID,
-                                        void** object) {
+extern "C" [[gnu::used]] inline HRESULT __wrap_ADsOpenObject(LPCWSTR path, LPCWSTR user, LPCWSTR password, DWORD flags,
+                                                             REFIID, void** object) {
     *object = nullptr;
     FAKE_DIRECTORY* const directory = FAKE_DIRECTORY::Current();
     if (directory == nullptr) return E_ADS_BAD_PATHNAME;

@@ -1,0 +1,233 @@
+// The worker's loop: what reaches the identity servers, and when.
+#include "tests/support/agent.h"
+#include "tests/support/event_strings.h"
+#include "tools/keldwick-server/server_tls.h"
+
+namespace keldwick {
+namespace {
+
+using testing::ElementsAre;
+
+class LOOP : public AGENT {
+protected:
+    LOOP() {
+        for (const auto& [account, computer] : {std::pair{u"ann", u"PC9$"}, {u"bob", u"PC8$"}}) {
+            for (const std::u16string name : {account, computer})
+                directory.names[{ADS_NAME_TYPE_DOMAIN_SIMPLE, name + u"@CORP.EX", ADS_NAME_TYPE_NT4}] =
+                    u"CORP\\" + name;
+        }
+    }
+    // Over plain TCP to server 0, with more settings.
+    static std::string Plain(const std::string& more = "") {
+        return "IdentServer=" + Server() + " IdentProtocol=dword:2 " + more;
+    }
+    void WriteAt(const std::string& time, const std::vector<win32::NEW_EVENT>& events) {
+        At(time, [=, this] { Write(events); });
+    }
+    // Logons of ann and of bob, each at an address and a computer of its own.
+    const win32::NEW_EVENT ann = LogonOf(u"ann", u"10.0.0.5"), bob = LogonOf(u"bob", u"10.0.0.6", u"PC2");
+    const std::string annThere = "CORP\\ann on CORP\\PC1 at 10.0.0.5", bobThere = "CORP\\bob on CORP\\PC2 at 10.0.0.6";
+};
+
+// ---- The sweep ----
+
+TEST_F(LOOP, SweepsAMinuteApartSendHeartbeatsUntilAnIdentityExpires) {
+    Serve();
+    WriteAt("08:01:20", {ann});
+    WriteAt("08:01:27", {bob});
+    LINES statistics;
+    for (const char* time : {"08:02:26", "08:02:28", "08:07:26", "08:07:28"})
+        At(time, [&] { statistics.push_back(Statistics()); });
+    Run(Plain("Heartbeat=dword:2 LogonTTL=dword:5"), "08:20:00");
+    EXPECT_THAT(reports, ElementsAre("08:01:20 logon " + annThere, "08:01:27 logon " + bobThere,
+                                     "08:03:42 heartbeat " + annThere, "08:03:42 heartbeat " + bobThere,
+                                     "08:06:12 heartbeat " + annThere, "08:06:12 heartbeat " + bobThere));
+    EXPECT_THAT(statistics, ElementsAre("0 0", "2 0", "2 0", "0 0"));
+}
+
+TEST_F(LOOP, TheTimeThatAHeartbeatTakesCountsForTheOnesAfterIt) {
+    SCRIPTED_SERVER& server = Serve();
+    AnswerEach(0, [&](const std::string& request) {
+        const std::string answer = SCRIPTED_SERVER::GoodAnswer(request);
+        if (request.back() != '0') return answer;
+        clock.At(clock.Now() + 18 * VIRTUAL_CLOCK::Second, [&server, answer] { server.Say(answer); });
+        return std::string();
+    });
+    WriteAt("08:01:20", {ann});
+    WriteAt("08:01:48", {bob});
+    Run(Plain("Heartbeat=dword:2"), "08:04:10");
+    EXPECT_THAT(reports, ElementsAre("08:01:20 logon " + annThere, "08:01:48 logon " + bobThere,
+                                     "08:03:33 heartbeat " + annThere, "08:03:51 heartbeat " + bobThere));
+}
+
+TEST_F(LOOP, ATicketOfOverAMinuteNamesNoComputer) {
+    Serve();
+    WriteAt("08:01:10", {Event(673, Ticket673)});
+    WriteAt("08:01:30", {Event(673, With(Ticket673, {{0, u"bob@CORP.EX"}, {2, u"PC8$"}}))});
+    WriteAt("08:02:20", {Event(540, Logon540), Event(540, With(Logon540, {{0, u"bob"}}))});
+    LINES statistics;
+    for (const char* time : {"08:02:14", "08:02:16"}) At(time, [&] { statistics.push_back(Statistics()); });
+    Run(Plain(), "08:03:00");
+    EXPECT_THAT(reports, ElementsAre("08:02:20 logon CORP\\ann at 10.0.0.5", "08:02:20 logoff CORP\\ann at 10.0.0.5",
+                                     "08:02:20 logon CORP\\bob on CORP\\PC8 at 10.0.0.5"));
+    EXPECT_THAT(statistics, ElementsAre("0 0", "0 1"));
+}
+
+// ---- The server ----
+
+TEST_F(LOOP, AnAnswerIsAwaitedTwentySeconds) {
+    Serve();
+    AnswerEach(0, [](const std::string&) { return ""; });
+    WriteAt("08:01:00", {ann, bob, ann});
+    Run(Plain(), "08:03:00");
+    EXPECT_THAT(reports,
+                ElementsAre("08:01:00 logon " + annThere, "08:01:20 logon " + bobThere, "08:01:40 logon " + annThere));
+}
+
+TEST_F(LOOP, AUserWhoseLogoffFailsIsReplacedAllTheSame) {
+    Serve();
+    AnswerEach(0, [](const std::string& request) {
+        return request.back() == '!' ? "" : SCRIPTED_SERVER::GoodAnswer(request);
+    });
+    WriteAt("08:01:00", {ann});
+    WriteAt("08:02:00", {LogonOf(u"bob", u"10.0.0.5")});
+    Run(Plain("Heartbeat=dword:5"), "08:10:00");
+    const std::string bobInstead = "CORP\\bob on CORP\\PC1 at 10.0.0.5";
+    EXPECT_THAT(reports, ElementsAre("08:01:00 logon " + annThere, "08:02:00 logoff " + annThere,
+                                     "08:02:20 logon " + bobInstead, "08:07:35 heartbeat " + bobInstead));
+}
+
+TEST_F(LOOP, AServerThatIsGoneIsTriedEachMinuteAndGetsWhatHappenedMeanwhile) {
+    Serve();
+    WriteAt("08:01:00", {ann});
+    At("08:01:30", [this] { EndServer(); });
+    WriteAt("08:02:10", {bob});
+    WriteAt("08:03:00", {LogonOf(u"cid", u"10.0.0.7")});
+    At("08:04:00", [this] { Serve(); });
+    Run(Plain(), "08:06:00");
+    EXPECT_THAT(reports, ElementsAre("08:01:00 logon " + annThere, "08:04:10 logon " + bobThere,
+                                     "08:04:10 logon CORP\\cid on CORP\\PC1 at 10.0.0.7"));
+}
+
+TEST_F(LOOP, AnotherServerIsTakenAtOnceAndAnotherProtocolWithTheNextConnection) {
+    std::string reason;
+    const keldwick_server::TLS_CONTEXT tls = keldwick_server::NewServerContext("", "", reason);
+    directory.names[{ADS_NAME_TYPE_NT4, u"CORP\\ann", ADS_NAME_TYPE_1779}] = u"CN=Ann";
+    directory.names[{ADS_NAME_TYPE_1779, u"CN=G", ADS_NAME_TYPE_NT4}] = u"CORP\\G";
+    directory.objects = {{u"LDAP://CN=Ann", {.memberOf = {u"CN=G"}}}, {u"LDAP://CN=G", {}}};
+    Serve();
+    Serve(1, tls.get());
+    WriteAt("08:01:00", {ann});
+    At("08:02:00", [] { Set(TEXT("IdentProtocol"), PROTOCOL_TCPS); });
+    WriteAt("08:03:00", {bob});
+    At("08:04:00", [] { Set(TEXT("IdentServer"), STRING(SCRIPTED_SERVER::Host(1).c_str()).Text()); });
+    WriteAt("08:05:00", {LogonOf(u"ann", u"10.0.0.7")});
+    Run(Plain("LogonTTL=dword:3C"), "08:33:00");
+    const std::string withDn = " logon CORP\\ann (CN=Ann) on CORP\\PC1 at 10.0.0.";
+    EXPECT_THAT(reports,
+                ElementsAre("08:01:00" + withDn + "5 [1 CORP\\G (CN=G)]", "08:03:00 logon " + bobThere,
+                            "08:05:00 #1" + withDn + "7",
+                            "08:31:15 #1 heartbeat CORP\\ann (CN=Ann) on CORP\\PC1 at 10.0.0.5 [1 CORP\\G (CN=G)]"));
+    EXPECT_EQ(1u,
+              DEBUG_LINES::Count(lines.TakePlain(), "Identity Server changed to '" + SCRIPTED_SERVER::Host(1) + "'"));
+}
+
+TEST_F(LOOP, TlsBefore11IsNotSpoken) {
+    std::string reason;
+    const keldwick_server::TLS_CONTEXT tls[] = {keldwick_server::NewServerContext("", "", reason),
+                                                keldwick_server::NewServerContext("", "", reason)};
+    for (const int number : {0, 1}) {
+        SSL_CTX_set_min_proto_version(tls[number].get(), TLS1_VERSION);
+        SSL_CTX_set_max_proto_version(tls[number].get(), number == 0 ? TLS1_1_VERSION : TLS1_VERSION);
+        SSL_CTX_set_cipher_list(tls[number].get(), "DEFAULT:@SECLEVEL=0");
+        Serve(number, tls[number].get());
+    }
+    WriteAt("08:01:00", {ann});
+    At("08:02:00", [] { Set(TEXT("IdentServer"), STRING(SCRIPTED_SERVER::Host(1).c_str()).Text()); });
+    WriteAt("08:03:00", {bob});
+    Run("IdentProtocol=dword:1 IdentServer=" + Server(), "08:04:30");
+    EXPECT_THAT(reports, ElementsAre("08:01:00 logon " + annThere));
+    const std::string failed = "Connect to Identity server = '" + SCRIPTED_SERVER::Host(1) + "' failed";
+    EXPECT_EQ(3u, DEBUG_LINES::Count(lines.TakePlain(), failed));
+}
+
+TEST_F(LOOP, AConnectionSendsAtOnceAndNoticesADeadPeerWithinTwentySeconds) {
+    Serve();
+    int looked = 0;
+    At("08:00:10", [&] {
+        for (const TCP_END& end : OpenTcpEnds()) {
+            const auto option = [&](int level, int name) {
+                int value = 0;
+                socklen_t length = sizeof(value);
+                EXPECT_EQ(0, getsockopt(end.descriptor, level, name, &value, &length));
+                return value;
+            };
+            if ((end.peer & 0xFFFF) != htons(1306)) continue;  // the server's end
+            ++looked;
+            EXPECT_NE(0, option(IPPROTO_TCP, TCP_NODELAY));
+            EXPECT_NE(0, option(SOL_SOCKET, SO_KEEPALIVE));
+            const int interval = option(IPPROTO_TCP, TCP_KEEPINTVL), probes = option(IPPROTO_TCP, TCP_KEEPCNT);
+            EXPECT_THAT(option(IPPROTO_TCP, TCP_KEEPIDLE) + interval * probes,
+                        testing::AllOf(testing::Ge(10), testing::Le(20)));
+            EXPECT_THAT(option(IPPROTO_TCP, TCP_USER_TIMEOUT), testing::AllOf(testing::Ge(10000), testing::Le(20000)));
+        }
+    });
+    Run(Plain(), "08:00:20");
+    EXPECT_EQ(1, looked);
+}
+
+// ---- The directory and the name server ----
+
+TEST_F(LOOP, AnotherDirectoryServerIsAskedFromTheNextReportOn) {
+    const auto name = [](const std::u16string& dn) {
+        return FAKE_DIRECTORY::NAMES{{{ADS_NAME_TYPE_NT4, u"CORP\\ann", ADS_NAME_TYPE_1779}, dn}};
+    };
+    directory.names = name(u"CN=Ann,DC=all");
+    directory.namesOfServer = {{u"dc1", name(u"CN=Ann,DC=one")}, {u"dc2", name(u"CN=Ann,DC=two")}};
+    Serve();
+    for (const char* time : {"08:01:00", "08:03:00", "08:05:00"})
+        WriteAt(time, {LogonOf(u"ann", u"10.0.0." + std::u16string(1, time[4]))});
+    At("08:02:00", [] { Set(TEXT("AdServer"), TEXT("dc2")); });
+    At("08:04:00", [] { Set(TEXT("AdServer"), TEXT("")); });
+    Run(Plain("AdServer='dc1'"), "08:06:00");
+    EXPECT_THAT(reports, ElementsAre("08:01:00 logon CORP\\ann (CN=Ann,DC=one) on CORP\\PC1 at 10.0.0.1",
+                                     "08:03:00 logon CORP\\ann (CN=Ann,DC=two) on CORP\\PC1 at 10.0.0.3",
+                                     "08:05:00 logon CORP\\ann (CN=Ann,DC=all) on CORP\\PC1 at 10.0.0.5"));
+}
+
+TEST_F(LOOP, AnAddressWithoutANameIsNoComputer) {
+    Serve();
+    WriteAt("08:01:00", {LogonOf(u"ann", u"10.0.0.5", u"-")});
+    Run(Plain(), "08:02:00");
+    EXPECT_THAT(reports, ElementsAre("08:01:00 logon CORP\\ann at 10.0.0.5"));
+}
+
+// ---- The log ----
+
+TEST_F(LOOP, ALogThatIsNotThereOrCannotBeFollowedIsTriedAgainAfterAMinute) {
+    Serve();
+    const std::filesystem::path log = root.Path("eventlog/Security.evt"), aside = root.Path("aside");
+    std::filesystem::rename(log, aside);
+    At("08:01:50", [=] { std::filesystem::rename(aside, log); });
+    WriteAt("08:02:10", {ann});
+    std::optional<FAIL_CALL> failing;
+    At("08:03:10", [&] {
+        failing.emplace(notifyChange, 0, ERROR_INVALID_HANDLE, 0, 1);
+        ClearLog();
+    });
+    WriteAt("08:04:00", {LogonOf(u"cid", u"10.0.0.7")});  // before the agent follows the log again
+    WriteAt("08:04:20", {bob});
+    Run(Plain(), "08:05:00");
+    EXPECT_THAT(reports, ElementsAre("08:02:10 logon " + annThere, "08:04:20 logon " + bobThere));
+}
+
+TEST_F(LOOP, RecordsFromBeforeTheAgentAreNotReported) {
+    Serve();
+    Write({ann, ann});
+    WriteAt("08:01:00", {bob});
+    Run(Plain(), "08:02:00");
+    EXPECT_THAT(reports, ElementsAre("08:01:00 logon " + bobThere));
+}
+
+}  // namespace
+}  // namespace keldwick

@@ -1,0 +1,95 @@
+// Recorded events, each file beside the reports that must come of it: recorded/NAME.SOURCE and recorded/NAME.reports.
+// SOURCE is xml (Windows event XML), json (log shippers) or samba (the audit lines of a domain controller).
+#include "tests/support/agent.h"
+#include "tools/keldwickctl/event_xml_import.h"
+#include "tools/keldwickctl/samba_audit.h"
+#include "tools/keldwickctl/shipper_json.h"
+
+namespace keldwick {
+namespace {
+
+using EVENTS = std::vector<win32::NEW_EVENT>;
+const std::filesystem::path Folder = RECORDED_FOLDER;
+
+std::string Content(const std::filesystem::path& path) {
+    std::ifstream file(path, std::ios::binary);
+    EXPECT_TRUE(file) << path;
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+LINES LinesOf(const std::string& text) {
+    LINES lines;
+    std::istringstream stream(text);
+    for (std::string line; std::getline(stream, line);) lines.push_back(line);
+    return lines;
+}
+
+EVENTS FromXml(const std::string& bytes) {
+    struct : EVENT_SINK {
+        EVENTS events;
+        void Take(const win32::NEW_EVENT& event) override { events.push_back(event); }
+        void TakeRecord(const EVENTLOGRECORD&) override { ADD_FAILURE(); }
+        void Unreadable(const std::string& what) override { ADD_FAILURE() << what; }
+    } sink;
+    EVENT_XML_IMPORT import(sink);
+    import.Feed(bytes.data(), bytes.size());
+    import.Finish();
+    return sink.events;
+}
+
+template <class READER>
+EVENTS FromLines(const std::string& bytes) {
+    EVENTS events;
+    READER reader;
+    for (const std::string& line : LinesOf(bytes)) {
+        win32::NEW_EVENT event;
+        std::string reason;
+        const auto result = reader.Read(line, event, reason);
+        EXPECT_NE(FEED_LINE_READER::UNREADABLE, result) << reason;
+        if (result == FEED_LINE_READER::RECORD) events.push_back(event);
+    }
+    return events;
+}
+
+EVENTS EventsOf(const std::string& name) {
+    const std::pair<const char*, EVENTS (*)(const std::string&)> sources[] = {
+        {".xml", FromXml}, {".json", FromLines<SHIPPER_JSON>}, {".samba", FromLines<SAMBA_AUDIT>}};
+    for (const auto& [extension, read] : sources)
+        if (const auto path = Folder / (name + extension); exists(path)) return read(Content(path));
+    ADD_FAILURE() << "no events of " << name;
+    return {};
+}
+
+std::vector<std::string> Names() {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(Folder))
+        if (entry.path().extension() == ".reports") names.push_back(entry.path().stem());
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+class RECORDED : public AGENT, public testing::WithParamInterface<std::string> {};
+
+TEST_P(RECORDED, EventsGiveTheirReports) {
+    const auto knows = [this](LONG kind, const WCHAR* name, LONG wanted, const WCHAR* found) {
+        directory.names[{kind, name, wanted}] = found;
+    };
+    knows(ADS_NAME_TYPE_NT4, u"CORP\\ann", ADS_NAME_TYPE_1779, u"CN=Ann,OU=Sales,DC=corp");
+    knows(ADS_NAME_TYPE_NT4, u"CORP\\WS7$", ADS_NAME_TYPE_1779, u"CN=WS7,OU=Desks,DC=corp");
+    knows(ADS_NAME_TYPE_1779, u"CN=Staff,DC=corp", ADS_NAME_TYPE_NT4, u"CORP\\Staff");
+    knows(ADS_NAME_TYPE_DOMAIN_SIMPLE, u"ann@CORP.EXAMPLE", ADS_NAME_TYPE_NT4, u"CORP\\ann");
+    knows(ADS_NAME_TYPE_DOMAIN_SIMPLE, u"WS7$@CORP.EXAMPLE", ADS_NAME_TYPE_NT4, u"CORP\\WS7$");
+    directory.objects = {{u"LDAP://CN=Ann,OU=Sales,DC=corp", {.memberOf = {u"CN=Staff,DC=corp"}}},
+                         {u"LDAP://CN=Staff,DC=corp", {}}};
+    const EVENTS events = EventsOf(GetParam());
+    Serve();
+    At("08:01:00", [&] { Write(events); });
+    Run("IdentServer=" + Server() + " IdentProtocol=dword:2", "08:02:00");
+    for (std::string& report : reports) report.erase(0, 9);  // the time
+    EXPECT_EQ(LinesOf(Content(Folder / (GetParam() + ".reports"))), reports);
+}
+
+INSTANTIATE_TEST_SUITE_P(, RECORDED, testing::ValuesIn(Names()), [](const auto& name) { return name.param; });
+
+}  // namespace
+}  // namespace keldwick

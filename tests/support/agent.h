@@ -1,0 +1,226 @@
+// The whole agent in a machine root of its own, against identity servers and a directory that a test scripts, under a
+// clock that the test moves. The agent runs on the test's thread: a test plans what happens when, calls Run, and looks
+// at what the servers have seen. The test program's wrapped-calls.txt names the calls of virtual_clock.h,
+// fake_directory.h and the end of this file.
+#pragma once
+
+#include <gmock/gmock.h>
+#include <windows.h>
+#include <winsock2.h>
+#include <ws2tcpip.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/registry_values.h"
+#include "service/command_line.h"
+#include "service/entry.h"
+#include "service/settings.h"
+#include "service/stop.h"
+#include "tests/support/debug_lines.h"
+#include "tests/support/fail_call.h"
+#include "tests/support/fake_directory.h"
+#include "tests/support/network_quiet.h"
+#include "tests/support/registry_text.h"
+#include "tests/support/scripted_server.h"
+#include "tests/support/temporary_root.h"
+#include "tests/support/virtual_clock.h"
+#include "tools/keldwick-server/request_reader.h"
+#include "win32/eventlog/evt_record.h"
+#include "win32/eventlog/evt_writer.h"
+#include "win32/sync/kernel_object.h"
+
+namespace keldwick {
+
+using LINES = std::vector<std::string>;
+
+inline CALL_PLAN notifyChange;  // of NotifyChangeEventLog
+
+class AGENT : public testing::Test {
+protected:
+    static constexpr DWORD LogBytes = 1024 * 1024;
+    static constexpr VIRTUAL_CLOCK::TIME Start = 134'176'032'000'000'000;  // 2026-03-10 08:00:00
+
+    AGENT() {
+        setenv("TZ", "UTC-2", 1);  // two hours ahead of UTC
+        tzset();
+        std::filesystem::create_directories(root.Path("eventlog"));
+        EXPECT_TRUE(win32::CreateLogFile(SecurityLog(), LogBytes));
+        changeObject.reset();
+        CommandLine = COMMAND_LINE();
+    }
+    ~AGENT() override {
+        SettingsKey.Reset();
+        StatisticsKey.Reset();
+    }
+
+    // ---- The world around the agent ----
+
+    // An identity server, at Server(number). tls: see SCRIPTED_SERVER.
+    SCRIPTED_SERVER& Serve(int number = 0, SSL_CTX* tls = nullptr) {
+        servers[number] = std::make_unique<SCRIPTED_SERVER>(number, tls);
+        AnswerEach(number, [](const std::string& request) { return SCRIPTED_SERVER::GoodAnswer(request); });
+        return *servers[number];
+    }
+    // What the server sends for a request; every request is noted.
+    void AnswerEach(int number, const SCRIPTED_SERVER::SCRIPT& script) {
+        servers[number]->Answer([this, number, script](const std::string& request) {
+            reports.push_back(Time() + (number == 0 ? " " : " #" + std::to_string(number) + " ") + ReportText(request));
+            return script(request);
+        });
+    }
+    void EndServer(int number = 0) { servers[number].reset(); }
+    static std::string Server(int number = 0) { return "'" + SCRIPTED_SERVER::Host(number) + "'"; }
+
+    // Plans something for a time of the day after Start, "HH:MM:SS"; of the next day: "+HH:MM:SS".
+    void At(const std::string& time, std::function<void()> action) {
+        clock.At(Start + (SecondsOf(time) - StartSeconds) * VIRTUAL_CLOCK::Second, std::move(action));
+    }
+
+    // Appends events to the Security log in one go. A running agent that follows it is told of it before this returns.
+    void Write(const std::vector<win32::NEW_EVENT>& events) {
+        if (IsFollowed()) __real_WaitForSingleObject(changeEvent, 0);  // the pulse of what was there before
+        win32::EVT_WRITER writer;
+        EXPECT_TRUE(writer.Open(SecurityLog(), LogBytes));
+        for (const win32::NEW_EVENT& event : events) {
+            win32::BYTES record;
+            EXPECT_TRUE(win32::BuildRecord(event, record));
+            EXPECT_TRUE(writer.Append(*reinterpret_cast<const EVENTLOGRECORD*>(record.data())));
+        }
+        EXPECT_TRUE(writer.Flush());
+        AwaitNotice();
+    }
+    void ClearLog() {
+        EXPECT_TRUE(win32::ClearLogFile(SecurityLog(), LogBytes));
+        AwaitNotice();
+    }
+    // Changes a value of the settings key; the running agent has taken it up when this returns.
+    static void Set(const WCHAR* name, const WCHAR* value) {
+        VIRTUAL_CLOCK::Through(SettingsNotifyEvent, [&] { EXPECT_TRUE(RegSetString(SettingsKey.Get(), name, value)); });
+    }
+    static void Set(const WCHAR* name, DWORD value) {
+        VIRTUAL_CLOCK::Through(SettingsNotifyEvent, [&] { EXPECT_TRUE(RegSetDword(SettingsKey.Get(), name, value)); });
+    }
+
+    // ---- The agent ----
+
+    // Runs it as an application with these settings (see RegistryText) from Start to that time.
+    void Run(const std::string& settings, const std::string& end) {
+        root.Write("registry.reg", RegistryText("HKEY_LOCAL_MACHINE\\SOFTWARE\\Vantorel Systems\\Keldwick", settings));
+        At(end, [] { StopService(TEXT("the scenario is over")); });
+        STRING name(TEXT("Keldwick")), mode(TEXT("-A"));
+        WCHAR* arguments[] = {name.Buffer(), mode.Buffer()};
+        EXPECT_EQ(0, RunProgram(2, arguments));
+        CommandLine = COMMAND_LINE();
+    }
+
+    // ---- What came of it ----
+
+    // The time of the day, with a "+" from the next day on.
+    std::string Time() const {
+        const int seconds = static_cast<int>((clock.Now() - Start) / VIRTUAL_CLOCK::Second) + StartSeconds;
+        char text[16];
+        std::snprintf(text, sizeof(text), "%s%02d:%02d:%02d", seconds >= DaySeconds ? "+" : "", seconds / 3600 % 24,
+                      seconds / 60 % 60, seconds % 60);
+        return text;
+    }
+    // Of such a time: its seconds since midnight.
+    static int SecondsOf(const std::string& time) {
+        int hours = 0, minutes = 0, seconds = 0;
+        EXPECT_EQ(3, std::sscanf(time.c_str() + time.starts_with('+'), "%d:%d:%d", &hours, &minutes, &seconds));
+        return hours * 3600 + minutes * 60 + seconds + (time.starts_with('+') ? DaySeconds : 0);
+    }
+    static std::string Statistics() {
+        DWORD logons = 99, tickets = 99;
+        RegGetDword(StatisticsKey.Get(), TEXT("Logons"), logons);
+        RegGetDword(StatisticsKey.Get(), TEXT("ServiceTickets"), tickets);
+        return std::to_string(logons) + " " + std::to_string(tickets);
+    }
+    // "logon DOMAIN\user on DOMAIN\computer at ADDRESS", with DNs in parentheses and groups in brackets.
+    static std::string ReportText(const std::string& bytes) {
+        keldwick_server::REQUEST request;
+        size_t wanted = 0;
+        std::string reason;
+        const auto* const first = reinterpret_cast<const uint8_t*>(bytes.data());
+        if (keldwick_server::ParseRequest({first, bytes.size()}, request, wanted, reason) !=
+            keldwick_server::PARSED::Whole)
+            return "no request: " + reason;
+        const auto named = [](const std::u16string& name, const std::u16string& dn) {
+            return Narrow(name.c_str()) + (dn.empty() ? "" : " (" + Narrow(dn.c_str()) + ")");
+        };
+        using KIND = keldwick_server::REQUEST::KIND;
+        std::string text = request.kind == KIND::Logon    ? "logon "
+                           : request.kind == KIND::Logoff ? "logoff "
+                                                          : "heartbeat ";
+        text += named(request.user, request.userDn);
+        if (!request.computer.empty()) text += " on " + named(request.computer, request.computerDn);
+        text += " at " + request.address;
+        if (request.groupsStated != 0) text += " [" + std::to_string(request.groupsStated);
+        for (const keldwick_server::GROUP& group : request.groups) text += " " + named(group.domain, group.dn);
+        return text + (request.groupsStated != 0 ? "]" : "");
+    }
+
+    TEMPORARY_ROOT root;
+    FAKE_DIRECTORY directory;
+    std::map<int, std::unique_ptr<SCRIPTED_SERVER>> servers;
+    LINES reports;  // "HH:MM:SS #SERVER REPORT" in the order of their arrival; the number of server 0 is left out
+    VIRTUAL_CLOCK clock{Start, [this] { return LetTheWorldMove(); }};
+    DEBUG_LINES lines;  // ends before its folder, and closes the log file there
+
+public:
+    static void Registered(HANDLE event) {
+        changeEvent = event;
+        changeObject = win32::ObjectOf(event);
+    }
+
+private:
+    static constexpr int StartSeconds = 8 * 3600, DaySeconds = 24 * 3600;
+
+    std::string SecurityLog() const { return root.Path("eventlog/Security.evt"); }
+
+    static bool IsFollowed() { return !changeObject.expired(); }
+    // Takes the pulse that the change caused, and leaves one for the agent.
+    static void AwaitNotice() {
+        if (!IsFollowed()) return;
+        EXPECT_EQ(WAIT_OBJECT_0, __real_WaitForSingleObject(changeEvent, 30000));
+        win32::PulseEventObject(*changeObject.lock());
+    }
+
+    bool LetTheWorldMove() {
+        bool moved = false;
+        for (const auto& [number, server] : servers)
+            if (server) moved = server->Step(0) || moved;
+        if (moved || NetworkIsQuiet()) return moved;
+        poll(nullptr, 0, 1);  // it is on its way
+        return true;
+    }
+
+    // What the agent has registered for changes of its log.
+    static inline HANDLE changeEvent;
+    static inline std::weak_ptr<win32::KERNEL_OBJECT> changeObject;  // gone when the agent has closed the handle
+};
+
+}  // namespace keldwick
+
+extern "C" {
+
+BOOL __real_NotifyChangeEventLog(HANDLE log, HANDLE event);
+[[gnu::used]] inline BOOL __wrap_NotifyChangeEventLog(HANDLE log, HANDLE event) {
+    if (keldwick::notifyChange.Fires()) return FALSE;
+    keldwick::AGENT::Registered(event);
+    return __real_NotifyChangeEventLog(log, event);
+}
+
+// Nobody has a name, as on a machine without a name server; without the flag, the address itself is one.
+[[gnu::used]] inline INT __wrap_GetNameInfoW(const SOCKADDR*, socklen_t, LPWSTR host, DWORD, LPWSTR, DWORD, INT flags) {
+    if ((flags & NI_NAMEREQD) == 0) {
+        lstrcpyW(host, TEXT("192.0.2.99"));
+        return 0;
+    }
+    WSASetLastError(WSAHOST_NOT_FOUND);
+    return WSAHOST_NOT_FOUND;
+}
+
+[[gnu::used]] inline void __wrap_OutputDebugStringW(LPCWSTR) {}
+}

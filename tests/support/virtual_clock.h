@@ -1,0 +1,230 @@
+// A clock of the test's own: time stands still while the agent works, and jumps to the next time-out, timer or planned
+// action when its worker would block with nothing signalled and nothing on the way to it. The test program's
+// wrapped-calls.txt names the calls at the end of this file.
+#pragma once
+
+#include <windows.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <limits>
+#include <map>
+#include <mutex>
+#include <span>
+#include <thread>
+#include <utility>
+
+extern "C" {
+void __real_GetSystemTimeAsFileTime(LPFILETIME time);
+DWORD __real_WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL all, DWORD milliseconds);
+DWORD __real_WaitForSingleObject(HANDLE handle, DWORD milliseconds);
+HANDLE __real_CreateWaitableTimerW(LPSECURITY_ATTRIBUTES security, BOOL manualReset, LPCWSTR name);
+BOOL __real_SetWaitableTimer(HANDLE timer, const LARGE_INTEGER* due, LONG period, PTIMERAPCROUTINE routine,
+                             LPVOID argument, BOOL resume);
+BOOL __real_CloseHandle(HANDLE handle);
+}
+
+// The thread that makes it is the one that moves it, by waiting; other threads wait in real time.
+class VIRTUAL_CLOCK {
+public:
+    using TIME = LONGLONG;  // 100-ns units since 1601, UTC
+    static constexpr TIME Second = 10'000'000;
+
+    // world: lets everything outside the agent take a step, without waiting; false: there was nothing to do.
+    VIRTUAL_CLOCK(TIME start, std::function<bool()> world) : now(start), step(std::move(world)) { current = this; }
+    ~VIRTUAL_CLOCK() { current = nullptr; }
+    VIRTUAL_CLOCK(const VIRTUAL_CLOCK&) = delete;
+    VIRTUAL_CLOCK& operator=(const VIRTUAL_CLOCK&) = delete;
+
+    static VIRTUAL_CLOCK* Current() { return current; }
+    TIME Now() const { return now; }
+    bool IsMovedByThisThread() const { return std::this_thread::get_id() == mover; }
+
+    // Does it, on the worker's thread, when it is that time and the worker waits. Of one time in the order of planning.
+    void At(TIME when, std::function<void()> action) { plan.emplace(when, std::move(action)); }
+
+    // Does what makes the agent signal `handle` to one of its other threads, and waits until that thread has dealt
+    // with it and waits again.
+    static void Through(HANDLE handle, const std::function<void()>& action) {
+        std::unique_lock lock(mutex);
+        Await(lock, [&] { return waiting[handle] > 0; });
+        const unsigned before = rounds[handle];
+        lock.unlock();
+        action();
+        lock.lock();
+        Await(lock, [&] { return rounds[handle] != before; });
+    }
+
+    // ---- What the wrapped calls are here ----
+
+    DWORD WaitAsWorker(std::span<const HANDLE> handles, DWORD milliseconds) {
+        const TIME end = milliseconds == INFINITE ? Never : now + milliseconds * (Second / 1000);
+        for (bool settled = false;;) {
+            const DWORD result = RealWait(handles, FALSE, 0);
+            if (result != WAIT_TIMEOUT) return result;
+            if (step()) {
+                settled = false;
+            } else if (!std::exchange(settled, true)) {
+                continue;  // what came while the world was looked at
+            } else if (now >= end) {
+                return WAIT_TIMEOUT;
+            } else {
+                Advance(handles, end);
+                settled = false;
+            }
+        }
+    }
+
+    static DWORD WaitAsOther(std::span<const HANDLE> handles, BOOL all, DWORD milliseconds) {
+        static thread_local HANDLE taken = nullptr;  // by this thread's wait before
+        Note([&] {
+            if (taken != nullptr) ++rounds[taken];
+            for (const HANDLE handle : handles) ++waiting[handle];
+        });
+        const DWORD result = RealWait(handles, all, milliseconds);
+        const ERROR_PRESERVER error;
+        Note([&] {
+            for (const HANDLE handle : handles) --waiting[handle];
+            taken = result < handles.size() ? handles[result] : nullptr;
+        });
+        return result;
+    }
+
+    // A waitable timer is an event that the clock sets.
+    static HANDLE CreateTimer(BOOL manualReset) {
+        const HANDLE timer = CreateEventW(nullptr, manualReset, FALSE, nullptr);
+        Note([&] { timers[timer] = {}; });
+        return timer;
+    }
+    // False: it is none of this clock's.
+    bool SetTimer(HANDLE timer, TIME due, LONG periodMs) {
+        const std::lock_guard lock(mutex);
+        const auto found = timers.find(timer);
+        if (found == timers.end()) return false;
+        ResetEvent(timer);
+        found->second = {due < 0 ? now - due : due, periodMs * (Second / 1000)};
+        return true;
+    }
+    static void Closed(HANDLE handle) {
+        Note([&] { timers.erase(handle); });
+    }
+
+private:
+    static constexpr TIME Never = std::numeric_limits<TIME>::max();
+    struct TIMER {
+        TIME due = Never;
+        TIME period = 0;
+    };
+    struct ERROR_PRESERVER {
+        const DWORD error = GetLastError();
+        ~ERROR_PRESERVER() { SetLastError(error); }
+    };
+
+    static DWORD RealWait(std::span<const HANDLE> handles, BOOL all, DWORD milliseconds) {
+        return __real_WaitForMultipleObjects(static_cast<DWORD>(handles.size()), handles.data(), all, milliseconds);
+    }
+    template <typename CHANGE>
+    static void Note(CHANGE change) {
+        const std::lock_guard lock(mutex);
+        change();
+        changed.notify_all();
+    }
+    template <typename CONDITION>
+    static void Await(std::unique_lock<std::mutex>& lock, CONDITION condition) {
+        if (!changed.wait_for(lock, std::chrono::seconds(30), condition))
+            Stuck("another thread does not come to its wait");
+    }
+    [[noreturn]] static void Stuck(const char* why) {
+        std::fprintf(stderr, "virtual clock: %s\n", why);
+        std::abort();
+    }
+
+    // Goes on to the next thing that happens, and lets it happen.
+    void Advance(std::span<const HANDLE> handles, TIME end) {
+        std::unique_lock lock(mutex);
+        const auto matters = [&](HANDLE timer) {
+            return waiting[timer] > 0 || std::find(handles.begin(), handles.end(), timer) != handles.end();
+        };
+        TIME next = plan.empty() ? end : std::min(end, plan.begin()->first);
+        for (const auto& [timer, state] : timers)
+            if (matters(timer)) next = std::min(next, state.due);
+        if (next == Never) Stuck("the worker waits for what never comes");
+        now = std::max<TIME>(now, next);
+        for (auto& [timer, state] : timers) {
+            if (state.due > now || !matters(timer)) continue;
+            state.due = state.period > 0 ? state.due + state.period : Never;
+            const HANDLE due = timer;
+            if (waiting[due] == 0) {
+                SetEvent(due);
+                continue;
+            }
+            lock.unlock();  // the map stays as it is: the other thread only waits
+            Through(due, [due] { SetEvent(due); });
+            lock.lock();
+        }
+        lock.unlock();
+        while (!plan.empty() && plan.begin()->first <= now) plan.extract(plan.begin()).mapped()();
+    }
+
+    static inline std::atomic<VIRTUAL_CLOCK*> current{nullptr};
+    static inline std::mutex mutex;  // over what follows
+    static inline std::condition_variable changed;
+    static inline std::map<HANDLE, TIMER> timers;     // of every test: a thread of the agent's may outlive one
+    static inline std::map<HANDLE, int> waiting;      // how many other threads wait for it
+    static inline std::map<HANDLE, unsigned> rounds;  // how often one took its signal and came back to wait
+
+    const std::thread::id mover = std::this_thread::get_id();
+    std::atomic<TIME> now;
+    const std::function<bool()> step;
+    std::multimap<TIME, std::function<void()>> plan;
+};
+
+extern "C" {
+
+[[gnu::used]] inline void __wrap_GetSystemTimeAsFileTime(LPFILETIME time) {
+    const VIRTUAL_CLOCK* const clock = VIRTUAL_CLOCK::Current();
+    if (clock == nullptr) return __real_GetSystemTimeAsFileTime(time);
+    const auto units = static_cast<ULONGLONG>(clock->Now());
+    *time = {static_cast<DWORD>(units), static_cast<DWORD>(units >> 32)};
+}
+
+// Waiting for all of several handles is waiting for threads to end.
+[[gnu::used]] inline DWORD __wrap_WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL all,
+                                                         DWORD milliseconds) {
+    VIRTUAL_CLOCK* const clock = VIRTUAL_CLOCK::Current();
+    if (clock == nullptr) return __real_WaitForMultipleObjects(count, handles, all, milliseconds);
+    if (!clock->IsMovedByThisThread()) return VIRTUAL_CLOCK::WaitAsOther({handles, count}, all, milliseconds);
+    if (all) return __real_WaitForMultipleObjects(count, handles, all, milliseconds);
+    return clock->WaitAsWorker({handles, count}, milliseconds);
+}
+
+[[gnu::used]] inline DWORD __wrap_WaitForSingleObject(HANDLE handle, DWORD milliseconds) {
+    VIRTUAL_CLOCK* const clock = VIRTUAL_CLOCK::Current();
+    if (clock == nullptr || !clock->IsMovedByThisThread() || milliseconds == 0)
+        return __real_WaitForSingleObject(handle, milliseconds);
+    return clock->WaitAsWorker({&handle, 1}, milliseconds);
+}
+
+[[gnu::used]] inline HANDLE __wrap_CreateWaitableTimerW(LPSECURITY_ATTRIBUTES security, BOOL manualReset,
+                                                        LPCWSTR name) {
+    if (VIRTUAL_CLOCK::Current() == nullptr) return __real_CreateWaitableTimerW(security, manualReset, name);
+    return VIRTUAL_CLOCK::CreateTimer(manualReset);
+}
+
+[[gnu::used]] inline BOOL __wrap_SetWaitableTimer(HANDLE timer, const LARGE_INTEGER* due, LONG period,
+                                                  PTIMERAPCROUTINE routine, LPVOID argument, BOOL resume) {
+    VIRTUAL_CLOCK* const clock = VIRTUAL_CLOCK::Current();
+    if (clock != nullptr && clock->SetTimer(timer, due->QuadPart, period)) return TRUE;
+    return __real_SetWaitableTimer(timer, due, period, routine, argument, resume);
+}
+
+[[gnu::used]] inline BOOL __wrap_CloseHandle(HANDLE handle) {
+    VIRTUAL_CLOCK::Closed(handle);
+    return __real_CloseHandle(handle);
+}
+}
