@@ -19,6 +19,7 @@ int WINAPI wWinMain(HINSTANCE, HINSTANCE, LPWSTR, int) { return keldwick::RunPro
 #include "platform/version_numbers.h"
 #include "win32/files/standard_stream.h"
 #include "win32/services/exit_status.h"
+#include "win32/services/last_words.h"
 
 namespace {
 
@@ -78,6 +79,7 @@ bool AnswerQuestion(const char* argument) {
 
 int main(int argc, char** argv) {
     win32::IgnoreBrokenPipes();
+    win32::EndOnUncaughtException();
     if (argc > 1 && AnswerQuestion(argv[1])) return 0;
 
     std::vector<keldwick::STRING> texts;

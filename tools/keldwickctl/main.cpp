@@ -2,6 +2,7 @@
 #include "platform/version_numbers.h"
 #include "tools/keldwickctl/commands.h"
 #include "tools/text/safe_text.h"
+#include "win32/services/last_words.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -88,9 +89,6 @@ int Run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    try {
-        return Run(argc, argv);
-    } catch (...) {  // not even memory for a complaint
-        return ExitFailed;
-    }
+    win32::EndOnUncaughtException(ExitFailed);  // when there is not even memory for a complaint
+    return Run(argc, argv);
 }
