@@ -73,6 +73,7 @@ int TCP_CONNECTION::Begin(const std::string& hostText, int port) {
         Remember(WSAEINVAL, "\"" + hostText + "\" port " + std::to_string(port) + " is no address to connect to.");
         return WSAEINVAL;
     }
+    if (event == nullptr) event = CreateEventW(nullptr, FALSE, FALSE, nullptr);  // none was to be had before
     if (event == nullptr || !PreparePoller()) {
         Remember(WSAENOBUFS, "No event or timer is to be had.");
         return WSAENOBUFS;

@@ -32,12 +32,8 @@ const void* ThisThread() {
 
 }  // namespace
 
-IDENTITY_PROTOCOL::IDENTITY_PROTOCOL()
-    : lock(LockSpins),
-      tls(*this),
-      plain(*this),
-      wakeEvent(CreateEventW(nullptr, FALSE, FALSE, nullptr)),
-      timer(CreateWaitableTimerW(nullptr, FALSE, nullptr)) {
+IDENTITY_PROTOCOL::IDENTITY_PROTOCOL() : lock(LockSpins), tls(*this), plain(*this) {
+    MakeHandles();
     tls.SetCancelEvent(StopEvent);
     plain.SetCancelEvent(StopEvent);
 }
@@ -107,7 +103,14 @@ void IDENTITY_PROTOCOL::BeginConnect(TRANSPORT transport) {
 
 // ---- Waiting ----
 
+// Those that could not be had before are tried again, so that a shortage is over when it is over.
+void IDENTITY_PROTOCOL::MakeHandles() {
+    if (!wakeEvent) wakeEvent.Reset(CreateEventW(nullptr, FALSE, FALSE, nullptr));
+    if (!timer) timer.Reset(CreateWaitableTimerW(nullptr, FALSE, nullptr));
+}
+
 bool IDENTITY_PROTOCOL::ArmTimer(DWORD seconds) {
+    MakeHandles();
     LARGE_INTEGER due;
     due.QuadPart = -static_cast<LONGLONG>(seconds) * 10'000'000;  // relative, in 100-ns units
     return SetWaitableTimer(timer.Get(), &due, static_cast<LONG>(seconds * 1000), nullptr, nullptr, FALSE) != FALSE;

@@ -71,6 +71,7 @@ private:
     bool ConnectByProtocol(const STRING& server);
     bool AwaitNextRound();
     void ProcessEvents();
+    void MakeHandles();
     bool ArmTimer(DWORD seconds);
     void Wake();
     DWORD NextSignal();
