@@ -8,13 +8,16 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <mutex>
+#include <string>
 
 #include "win32/sync/descriptor.h"
 #include "win32/sync/dispatcher.h"
 #include "win32/sync/kernel_object.h"
 #include "win32/text/last_error.h"
+#include "win32/text/utf.h"
 
 namespace win32 {
 namespace {
@@ -127,22 +130,29 @@ private:
     pthread_attr_t attributes;
 };
 
+// The agent ends without a word when a thread that it needs does not start: here it is said what there was none of.
+HANDLE NotStarted(int reason, DWORD code) {
+    OutputDebugStringW(
+        ToUtf16("Keldwick: a thread cannot be started: " + std::string(strerror(reason)) + "\n").c_str());
+    SetLastError(code);
+    return nullptr;
+}
+
 // The new thread's handle, or null (last error set). Flags (suspended start) are not supported.
 template <typename ROUTINE, typename ID>
 HANDLE Start(size_t stack, ROUTINE routine, void* argument, DWORD flags, ID* threadId) {
     DESCRIPTOR fd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-    if (routine == nullptr || flags != 0 || !fd) {
-        SetLastError(!fd ? ErrorFromErrno(errno) : flags != 0 ? ERROR_NOT_SUPPORTED : ERROR_INVALID_PARAMETER);
+    if (!fd) return NotStarted(errno, ErrorFromErrno(errno));
+    if (routine == nullptr || flags != 0) {
+        SetLastError(flags != 0 ? ERROR_NOT_SUPPORTED : ERROR_INVALID_PARAMETER);
         return nullptr;
     }
     const auto thread = std::make_shared<THREAD>(std::move(fd));
     auto start = std::make_unique<START<ROUTINE>>(START<ROUTINE>{thread, routine, argument});
     const THREAD_ATTRIBUTES attributes(stack);
     pthread_t ignored;
-    if (pthread_create(&ignored, attributes.Get(), Run<ROUTINE>, start.get()) != 0) {
-        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-        return nullptr;
-    }
+    if (const int error = pthread_create(&ignored, attributes.Get(), Run<ROUTINE>, start.get()); error != 0)
+        return NotStarted(error, ERROR_NOT_ENOUGH_MEMORY);
     static_cast<void>(start.release());  // the thread owns it now
     if (threadId) *threadId = thread->Id();
     return NewHandle(thread);

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "tests/support/last_error.h"
+#include "tests/support/no_descriptors.h"
 #include "tests/support/owned_handle.h"
 
 namespace {
@@ -48,6 +49,16 @@ void CleanUp(void* slot) {
 
 DWORD WINAPI LeaveSomethingBehind(LPVOID key) {
     return static_cast<DWORD>(pthread_setspecific(*static_cast<pthread_key_t*>(key), key));
+}
+
+TEST(Threads, ThatCannotBeStartedAreReported) {
+    testing::internal::CaptureStderr();
+    {
+        const NO_DESCRIPTORS shortage;
+        EXPECT_EQ(nullptr, CreateThread(nullptr, 0, PassGate, nullptr, 0, nullptr));
+        EXPECT_EQ(ERROR_TOO_MANY_OPEN_FILES, GetLastError());
+    }
+    EXPECT_EQ("Keldwick: a thread cannot be started: Too many open files\n", testing::internal::GetCapturedStderr());
 }
 
 TEST(Threads, AreGoneWithAllThatLibrariesKeepForThemWhenTheyAreSignalled) {
