@@ -3,6 +3,7 @@
 #include <charconv>
 #include <cstring>
 #include <limits>
+#include <memory>
 #include <new>
 
 #include "win32/directory/com_object.h"
@@ -18,6 +19,11 @@ constexpr std::u16string_view Provider = u"LDAP:";
 constexpr size_t MaxPathUnits = 8192;
 
 using VALUES = std::vector<std::string>;
+
+struct ARRAY_DESTROYER {
+    void operator()(SAFEARRAY* array) const { SafeArrayDestroy(array); }
+};
+using ARRAY_OWNER = std::unique_ptr<SAFEARRAY, ARRAY_DESTROYER>;
 
 BSTR AllocateText(const std::string& utf8) {
     const std::u16string text = ToUtf16(utf8);
@@ -35,31 +41,28 @@ HRESULT SetText(const std::string& value, VARIANT& variant) {
 HRESULT SetTexts(const VALUES& values, VARIANT& variant) {
     if (values.size() == 1) return SetText(values[0], variant);
     if (values.size() > static_cast<size_t>(std::numeric_limits<LONG>::max())) return E_OUTOFMEMORY;
-    SAFEARRAY* const array = SafeArrayCreateVector(VT_VARIANT, 0, static_cast<ULONG>(values.size()));
+    ARRAY_OWNER array(SafeArrayCreateVector(VT_VARIANT, 0, static_cast<ULONG>(values.size())));
     void* data = nullptr;
-    if (array == nullptr || FAILED(SafeArrayAccessData(array, &data))) return E_OUTOFMEMORY;
+    if (!array || FAILED(SafeArrayAccessData(array.get(), &data))) return E_OUTOFMEMORY;
     HRESULT result = S_OK;
     for (size_t i = 0; i < values.size() && SUCCEEDED(result); ++i)
         result = SetText(values[i], static_cast<VARIANT*>(data)[i]);
-    SafeArrayUnaccessData(array);
-    if (FAILED(result)) {
-        SafeArrayDestroy(array);
-        return result;
-    }
+    SafeArrayUnaccessData(array.get());
+    if (FAILED(result)) return result;
     variant.vt = VT_ARRAY | VT_VARIANT;
-    variant.parray = array;
+    variant.parray = array.release();
     return S_OK;
 }
 
 HRESULT SetBytes(const VALUES& values, VARIANT& variant) {
     const std::string& bytes = values[0];
-    SAFEARRAY* const array = SafeArrayCreateVector(VT_UI1, 0, static_cast<ULONG>(bytes.size()));
+    ARRAY_OWNER array(SafeArrayCreateVector(VT_UI1, 0, static_cast<ULONG>(bytes.size())));
     void* data = nullptr;
-    if (array == nullptr || FAILED(SafeArrayAccessData(array, &data))) return E_OUTOFMEMORY;
+    if (!array || FAILED(SafeArrayAccessData(array.get(), &data))) return E_OUTOFMEMORY;
     memcpy(data, bytes.data(), bytes.size());
-    SafeArrayUnaccessData(array);
+    SafeArrayUnaccessData(array.get());
     variant.vt = VT_ARRAY | VT_UI1;
-    variant.parray = array;
+    variant.parray = array.release();
     return S_OK;
 }
 

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -15,18 +16,20 @@
 
 namespace {
 
+struct COLLATOR_CLOSER {
+    void operator()(UCollator* collator) const { ucol_close(collator); }
+};
+
 // The order of texts in one locale. Read-only once made: any thread may compare.
 class TEXT_ORDER {
 public:
     explicit TEXT_ORDER(const std::string& locale) {
         UErrorCode status = U_ZERO_ERROR;
-        collator = ucol_open(locale.c_str(), &status);
-        if (U_FAILURE(status)) {
-            collator = nullptr;
-            return;
-        }
-        ucol_setStrength(collator, UCOL_TERTIARY);
-        ucol_setAttribute(collator, UCOL_NORMALIZATION_MODE, UCOL_ON, &status);
+        collator.reset(ucol_open(locale.c_str(), &status));
+        if (U_FAILURE(status)) collator.reset();
+        if (!collator) return;
+        ucol_setStrength(collator.get(), UCOL_TERTIARY);
+        ucol_setAttribute(collator.get(), UCOL_NORMALIZATION_MODE, UCOL_ON, &status);
         quick = IsRootOrder() && U_SUCCESS(status);
         if (quick) RankAscii();
     }
@@ -44,8 +47,8 @@ public:
     size_t SortKey(std::u16string_view text, bool ignoreCase, unsigned char* key, size_t room) const {
         const std::u16string folded = ignoreCase ? win32::FoldName(text) : std::u16string(text);
         if (collator != nullptr)
-            return static_cast<size_t>(ucol_getSortKey(collator, folded.data(), static_cast<int32_t>(folded.size()),
-                                                       key, static_cast<int32_t>(room)));
+            return static_cast<size_t>(ucol_getSortKey(
+                collator.get(), folded.data(), static_cast<int32_t>(folded.size()), key, static_cast<int32_t>(room)));
         const size_t bytes = folded.size() * sizeof(char16_t);
         if (bytes < room) std::memcpy(key, folded.c_str(), bytes + 1);
         return bytes + 1;
@@ -56,10 +59,11 @@ private:
     // characters can say that.
     bool IsRootOrder() const {
         int32_t rules = 0;
-        ucol_getRules(collator, &rules);
+        ucol_getRules(collator.get(), &rules);
         UErrorCode status = U_ZERO_ERROR;
-        return rules == 0 && ucol_getAttribute(collator, UCOL_CASE_FIRST, &status) == UCOL_OFF &&
-               ucol_getAttribute(collator, UCOL_ALTERNATE_HANDLING, &status) == UCOL_NON_IGNORABLE && U_SUCCESS(status);
+        return rules == 0 && ucol_getAttribute(collator.get(), UCOL_CASE_FIRST, &status) == UCOL_OFF &&
+               ucol_getAttribute(collator.get(), UCOL_ALTERNATE_HANDLING, &status) == UCOL_NON_IGNORABLE &&
+               U_SUCCESS(status);
     }
 
     static constexpr char16_t Lower(char16_t unit) {
@@ -95,11 +99,12 @@ private:
 
     int Collate(std::u16string_view a, std::u16string_view b) const {
         if (collator == nullptr) return a < b ? -1 : a > b ? 1 : 0;
-        return ucol_strcoll(collator, a.data(), static_cast<int32_t>(a.size()), b.data(),
+        return ucol_strcoll(collator.get(), a.data(), static_cast<int32_t>(a.size()), b.data(),
                             static_cast<int32_t>(b.size()));
     }
 
-    UCollator* collator = nullptr;  // null: ICU has no data for any locale; texts are then ordered by their units
+    std::unique_ptr<UCollator, COLLATOR_CLOSER>
+        collator;  // null: ICU has no data for any locale; texts are then ordered by their units
     bool quick = false;
     std::array<unsigned char, 128> rank{};  // 0: not for the table
 };
