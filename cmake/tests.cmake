@@ -55,3 +55,38 @@ foreach(test ${system_tests})
   set_tests_properties(system/${name} PROPERTIES LABELS system TIMEOUT 400
     ENVIRONMENT "KELDWICK_BIN=${CMAKE_RUNTIME_OUTPUT_DIRECTORY};PYTHONDONTWRITEBYTECODE=1")
 endforeach()
+
+# The programs with each call of tests/faults/calls.txt wrapped, so that tests/faults/run can count them and make them fail.
+# The wrappers fit x86-64.
+if(CMAKE_SYSTEM_PROCESSOR STREQUAL "x86_64")
+  set(calls ${PROJECT_SOURCE_DIR}/tests/faults/calls.txt)
+  set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${calls})
+  file(STRINGS ${calls} lines REGEX "^[A-Za-z_]")
+  list(TRANSFORM lines REPLACE " .*" "")
+  list(REMOVE_DUPLICATES lines)
+  list(FILTER lines EXCLUDE REGEX "^new")  # replaced in the source, as are the calls that know the clock
+  set(by_hand main poll ppoll timerfd_settime clock_gettime _ZNSt6chrono3_V212steady_clock3nowEv)
+  set(wrappers "")
+  foreach(call ${lines})
+    if(NOT call IN_LIST by_hand)
+      string(APPEND wrappers "FAULTS_CALL(${call})\n")
+    endif()
+  endforeach()
+  file(CONFIGURE OUTPUT ${PROJECT_BINARY_DIR}/faults/wrapped_calls.inc CONTENT "${wrappers}")
+  list(APPEND lines ${by_hand})
+  list(REMOVE_DUPLICATES lines)
+  list(TRANSFORM lines PREPEND "-Wl,--wrap=")
+  foreach(program keldwick keldwickctl)
+    get_target_property(sources ${program} SOURCES)
+    get_target_property(libraries ${program} LINK_LIBRARIES)
+    add_executable(${program}_faults ${sources} tests/faults/fail_calls.cpp)
+    target_include_directories(${program}_faults PRIVATE ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/src
+      ${PROJECT_BINARY_DIR}/faults)
+    target_include_directories(${program}_faults SYSTEM PRIVATE ${PROJECT_SOURCE_DIR}/win32/include)
+    target_link_options(${program}_faults PRIVATE ${lines})
+    target_link_libraries(${program}_faults PRIVATE ${libraries})
+  endforeach()
+  add_test(NAME faults COMMAND Python3::Interpreter ${PROJECT_SOURCE_DIR}/tests/faults/run --jobs 2)
+  set_tests_properties(faults PROPERTIES LABELS faults TIMEOUT 600 PROCESSORS 2
+    ENVIRONMENT "KELDWICK_BIN=${CMAKE_RUNTIME_OUTPUT_DIRECTORY};PYTHONDONTWRITEBYTECODE=1")
+endif()
