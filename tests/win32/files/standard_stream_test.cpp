@@ -14,34 +14,28 @@
 
 namespace {
 
-int Pipe(int* ends) { return pipe(ends); }
-int Socket(int* ends) { return socketpair(AF_UNIX, SOCK_STREAM, 0, ends); }
-int Terminal(int* ends) {
-    ends[0] = posix_openpt(O_RDWR | O_NOCTTY);
-    if (ends[0] < 0 || grantpt(ends[0]) != 0 || unlockpt(ends[0]) != 0) return -1;
-    ends[1] = open(ptsname(ends[0]), O_RDWR | O_NOCTTY);
-    return ends[1] < 0 ? -1 : 0;
-}
-
-class StandardStream : public testing::TestWithParam<int (*)(int*)> {
-protected:
-    StandardStream() {
+// While it lives both output streams are one of its kind, whose reader is the test.
+class STREAM {
+public:
+    explicit STREAM(int (*make)(int*)) {
         win32::IgnoreBrokenPipes();
-        EXPECT_EQ(0, GetParam()(ends));
+        EXPECT_EQ(0, make(ends));
         EXPECT_EQ(STDERR_FILENO, dup2(ends[1], STDERR_FILENO));
         EXPECT_EQ(STDOUT_FILENO, dup2(ends[1], STDOUT_FILENO));
         close(ends[1]);
     }
-    ~StandardStream() override {
-        Restore();
-        close(keptOut);
-        close(keptError);
-        if (ends[0] >= 0) close(ends[0]);
-    }
-    // Before anything is expected: a failure is told on these streams.
-    void Restore() {
+    ~STREAM() {
         dup2(keptOut, STDOUT_FILENO);
         dup2(keptError, STDERR_FILENO);
+        close(keptOut);
+        close(keptError);
+        Leave();
+    }
+    STREAM(const STREAM&) = delete;
+    STREAM& operator=(const STREAM&) = delete;
+
+    void Leave() {
+        if (ends[0] >= 0) close(std::exchange(ends[0], -1));
     }
     std::string Received() const {
         std::string all;
@@ -51,53 +45,79 @@ protected:
         return all;
     }
 
+private:
     const int keptOut = dup(STDOUT_FILENO), keptError = dup(STDERR_FILENO);
     int ends[2] = {-1, -1};
 };
 
-TEST_P(StandardStream, AStuckReaderCostsAMomentOnceAndThenOnlyLines) {
-    const auto start = std::chrono::steady_clock::now();
-    const std::u16string line(999, u'x');
-    for (int i = 0; i < 1000; ++i) OutputDebugStringW((line + u"\n").c_str());
-    const auto took = std::chrono::steady_clock::now() - start;
-    const std::string taken = Received();
-    OutputDebugStringW(u"heard again");
-    const std::string after = Received();
-    const int flags = fcntl(STDERR_FILENO, F_GETFL);
-    Restore();
-    EXPECT_LT(took, std::chrono::seconds(5));
-    EXPECT_LT(taken.size(), 1000000u) << "the reader was never stuck";
-    EXPECT_GT(taken.size(), 1000u);
-    EXPECT_EQ("heard again", after);
-    EXPECT_EQ(0, flags & O_NONBLOCK) << "others share the stream";
+int Pipe(int* ends) { return pipe(ends); }
+int Socket(int* ends) { return socketpair(AF_UNIX, SOCK_STREAM, 0, ends); }
+int Terminal(int* ends) {
+    ends[0] = posix_openpt(O_RDWR | O_NOCTTY);
+    if (ends[0] < 0 || grantpt(ends[0]) != 0 || unlockpt(ends[0]) != 0) return -1;
+    ends[1] = open(ptsname(ends[0]), O_RDWR | O_NOCTTY);
+    return ends[1] < 0 ? -1 : 0;
+}
+constexpr std::pair<const char*, int (*)(int*)> Kinds[] = {{"pipe", Pipe}, {"socket", Socket}, {"terminal", Terminal}};
+
+DWORD ToConsole(const std::string& text, DWORD& written) {
+    return ErrorOf(
+        WriteFile(GetStdHandle(STD_OUTPUT_HANDLE), text.data(), static_cast<DWORD>(text.size()), &written, nullptr));
 }
 
-TEST_P(StandardStream, AReaderThatLeftFailsTheWriteAndNotTheProcess) {
-    close(std::exchange(ends[0], -1));
-    OutputDebugStringW(u"to nobody");
-    DWORD written = 7;
-    const DWORD error = ErrorOf(WriteFile(GetStdHandle(STD_OUTPUT_HANDLE), "line", 4, &written, nullptr));
-    Restore();
-    EXPECT_NE(DWORD{ERROR_SUCCESS}, error);
-    EXPECT_EQ(0u, written);
+TEST(StandardStream, AStuckReaderCostsAMomentOnceAndThenOnlyLines) {
+    for (const auto& [kind, make] : Kinds) {
+        SCOPED_TRACE(kind);
+        std::string taken, after;
+        std::chrono::steady_clock::duration took{};
+        int flags = -1;
+        {
+            const STREAM stream(make);
+            const auto start = std::chrono::steady_clock::now();
+            const std::u16string line = std::u16string(999, u'x') + u"\n";
+            for (int i = 0; i < 1000; ++i) OutputDebugStringW(line.c_str());
+            took = std::chrono::steady_clock::now() - start;
+            taken = stream.Received();
+            OutputDebugStringW(u"heard again");
+            after = stream.Received();
+            flags = fcntl(STDERR_FILENO, F_GETFL);
+        }
+        EXPECT_LT(took, std::chrono::seconds(5));
+        EXPECT_LT(taken.size(), 1000000u) << "the reader was never stuck";
+        EXPECT_GT(taken.size(), 1000u);
+        EXPECT_EQ("heard again", after);
+        EXPECT_EQ(0, flags & O_NONBLOCK) << "others share the stream";
+    }
 }
 
-TEST_P(StandardStream, WhatTheConsoleDidNotTakeIsAFailedWrite) {
-    const std::string much(1 << 20, 'x');
-    DWORD written = 0;
-    const DWORD error = ErrorOf(
-        WriteFile(GetStdHandle(STD_OUTPUT_HANDLE), much.data(), static_cast<DWORD>(much.size()), &written, nullptr));
-    const std::string taken = Received();
-    Restore();
-    EXPECT_NE(DWORD{ERROR_SUCCESS}, error);
-    EXPECT_EQ(written, taken.size());
+TEST(StandardStream, AReaderThatLeftFailsTheWriteAndNotTheProcess) {
+    for (const auto& [kind, make] : Kinds) {
+        SCOPED_TRACE(kind);
+        DWORD written = 7, error = 0;
+        {
+            STREAM stream(make);
+            stream.Leave();
+            OutputDebugStringW(u"to nobody");
+            error = ToConsole("line", written);
+        }
+        EXPECT_NE(DWORD{ERROR_SUCCESS}, error);
+        EXPECT_EQ(0u, written);
+    }
 }
 
-std::string Kind(const testing::TestParamInfo<int (*)(int*)>& each) {
-    static constexpr const char* Kinds[] = {"Pipe", "Socket", "Terminal"};
-    return Kinds[each.index];
+TEST(StandardStream, WhatTheConsoleDidNotTakeIsAFailedWrite) {
+    for (const auto& [kind, make] : Kinds) {
+        SCOPED_TRACE(kind);
+        DWORD written = 0, error = 0;
+        std::string taken;
+        {
+            const STREAM stream(make);
+            error = ToConsole(std::string(1 << 20, 'x'), written);
+            taken = stream.Received();
+        }
+        EXPECT_NE(DWORD{ERROR_SUCCESS}, error);
+        EXPECT_EQ(written, taken.size());
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(Stream, StandardStream, testing::Values(Pipe, Socket, Terminal), Kind);
 
 }  // namespace
