@@ -32,9 +32,14 @@ using CERTIFICATE = std::unique_ptr<X509, FREER<X509_free>>;
 // process by SIGPIPE.
 struct WIRE {
     int socket = -1;
+    int taken = 0;       // bytes read in this call of the engine
     int error = 0;       // errno of the last failed call
     bool ended = false;  // the peer sends nothing more
 };
+
+// What one call reads, but for the rest of a piece. OpenSSL by itself reads on for as long as the peer sends records
+// that bring nothing, such as requests for a new handshake.
+constexpr int Share = 16384;
 
 WIRE& WireOf(BIO* bio) { return *static_cast<WIRE*>(BIO_get_data(bio)); }
 
@@ -52,9 +57,15 @@ int WireWrite(BIO* bio, const char* bytes, int count) {
 }
 
 int WireRead(BIO* bio, char* buffer, int capacity) {
-    const int result = WireResult(bio, recv(WireOf(bio).socket, buffer, static_cast<size_t>(capacity), 0));
-    if (result == 0) WireOf(bio).ended = true;
-    if (result < 0 && (WireOf(bio).error == EAGAIN || WireOf(bio).error == EINTR)) BIO_set_retry_read(bio);
+    WIRE& wire = WireOf(bio);
+    if (wire.taken >= Share) {
+        BIO_set_retry_read(bio);
+        return -1;
+    }
+    const int result = WireResult(bio, recv(wire.socket, buffer, static_cast<size_t>(capacity), 0));
+    if (result == 0) wire.ended = true;
+    if (result > 0) wire.taken += result;
+    if (result < 0 && (wire.error == EAGAIN || wire.error == EINTR)) BIO_set_retry_read(bio);
     return result;
 }
 
@@ -158,19 +169,19 @@ public:
     }
 
     RESULT Handshake() override {
-        ERR_clear_error();
+        BeginCall();
         return ResultOf(SSL_do_handshake(session.get()));
     }
 
     RESULT Read(BYTE* buffer, int capacity, int& count) override {
-        ERR_clear_error();
+        BeginCall();
         const int result = SSL_read(session.get(), buffer, capacity);
         if (result > 0) count = result;
         return ResultOf(result);
     }
 
     RESULT Write(const BYTE* bytes, int length, int& count) override {
-        ERR_clear_error();
+        BeginCall();
         const int result = SSL_write(session.get(), bytes, length);
         if (result > 0) count = result;
         return ResultOf(result);
@@ -212,11 +223,16 @@ public:
     const std::string& FailureText() const override { return failureText; }
 
 private:
+    void BeginCall() {
+        ERR_clear_error();
+        wire.taken = 0;
+    }
+
     RESULT ResultOf(int result) {
         if (result > 0) return RESULT::Done;
         switch (SSL_get_error(session.get(), result)) {
             case SSL_ERROR_WANT_READ:
-                return RESULT::WantRead;
+                return wire.taken >= Share ? RESULT::Paused : RESULT::WantRead;
             case SSL_ERROR_WANT_WRITE:
                 return RESULT::WantWrite;
             case SSL_ERROR_ZERO_RETURN:

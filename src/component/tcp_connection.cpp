@@ -56,7 +56,6 @@ int TCP_CONNECTION::Connect(const char* hostText, int port) {
 
 void TCP_CONNECTION::Disconnect() {
     const bool wasOpen = state == STATE::Open;
-    if (tls && wasOpen) tls->Close();
     Close();
     if (wasOpen) receiver.Disconnected(0, "Disconnected.");
 }
@@ -148,7 +147,6 @@ bool TCP_CONNECTION::StartAttempt(const SOCKET_ADDRESS& address) {
     socket = win32::DESCRIPTOR();
     socket =
         win32::DESCRIPTOR(::socket(address.Get()->sa_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_TCP));
-    if (socket) ApplySocketOptions(socket.Get());
     if (!socket || (connect(socket.Get(), address.Get(), address.length) != 0 && errno != EINPROGRESS)) {
         const int code = win32::SocketErrorFromErrno(errno);
         Remember(code, address.Text() + ": " + SocketErrorText(code));
@@ -175,6 +173,7 @@ bool TCP_CONNECTION::FinishAttempt() {
         Remember(code, AttemptText() + ": " + SocketErrorText(code));
         return TryNextAddress();
     }
+    ApplySocketOptions(socket.Get());
     const unsigned mine = generation;
     receiver.ConnectionStatus("Connected", 0, AttemptText().c_str());
     if (generation != mine) return false;
@@ -202,6 +201,7 @@ bool TCP_CONNECTION::ContinueHandshake() {
         case RESULT::Failed:
             return FailToConnect(tls->FailureCode(), AttemptText() + ": " + FailureSentence(*tls));
         case RESULT::WantRead:
+        case RESULT::Paused:
             Watch(socket.Get(), EPOLLIN);
             break;
         case RESULT::WantWrite:
@@ -219,7 +219,6 @@ bool TCP_CONNECTION::Authenticate() {
     const bool accepted = receiver.Accept(tls->Peer());
     if (generation != mine) return false;
     if (accepted) return Opened();
-    tls->Close();
     Close();
     const unsigned closed = generation;
     Remember(CertificateNotAccepted, "The server's certificate was not accepted.");
@@ -282,7 +281,8 @@ void TCP_CONNECTION::BindEvent(int descriptor, LONG mask) {
 }
 
 // Small reports go out at once; a peer that vanished without a word is given up within the time-out, whether bytes are
-// on the way (TCP_USER_TIMEOUT) or not (keep-alive: the first probe after 3/10 of it, the others each 1/5 later).
+// on the way (TCP_USER_TIMEOUT) or not (keep-alive: the first probe after 3/10 of it, the others each 1/5 later). Not
+// before the connection is made: TCP_USER_TIMEOUT would end the attempt, which has its own deadline.
 void TCP_CONNECTION::ApplySocketOptions(int descriptor) const {
     const int seconds = static_cast<int>(timeout.count());
     SetOption(descriptor, IPPROTO_TCP, TCP_NODELAY, 1);
@@ -302,7 +302,7 @@ void TCP_CONNECTION::Remember(int code, std::string text) {
     lastErrorText = std::move(text);
 }
 
-// Back to the beginning, without events.
+// Back to the beginning, without events. A server that is still there is told.
 void TCP_CONNECTION::Close() {
     ++generation;
     BindEvent(-1, 0);
@@ -312,6 +312,7 @@ void TCP_CONNECTION::Close() {
     if (timer) WakeAt({});
     if (lookup) Unwatch(lookup->Descriptor());
     lookup.reset();
+    if (tls) tls->Close();
     tls.reset();
     socket = win32::DESCRIPTOR();  // which also takes it out of the poller
     addresses.clear();

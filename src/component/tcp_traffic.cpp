@@ -82,6 +82,8 @@ bool TCP_CONNECTION::ReadAvailable() {
                     BindEvent(socket.Get(), awaitsRoom ? FD_READ | FD_CLOSE | FD_WRITE : FD_READ | FD_CLOSE);
                 }
                 return false;
+            case RESULT::Paused:
+                return false;
             case RESULT::Closed:
                 return Ended(0, ClosedByServer, round > 0);
             case RESULT::Failed: {
@@ -106,19 +108,20 @@ bool TCP_CONNECTION::Ended(int code, const std::string& text, bool behindBytes) 
     return false;
 }
 
-// Delivers what arrived before a send, and sees a close among it. False: the connection is no longer open.
+// Delivers what arrived before a send, and sees a close behind it. False: the connection is no longer open.
 bool TCP_CONNECTION::NoticeClose() {
     const unsigned mine = generation;
+    bool ends = false;
     for (int round = 0; round < MostReadRounds && !delivering; ++round) {
         pollfd polled{socket.Get(), POLLIN | POLLRDHUP, 0};
         const bool arrived = poll(&polled, 1, 0) > 0 || (tls && tls->HasBuffered());
         if (!arrived && !ending) return true;
-        const bool ends = (polled.revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0;
+        ends = (polled.revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0;
         ReadAvailable();
         if (generation != mine) return false;
-        if (!ends && !ending) return true;
+        if (foundNothing && !ends) return true;
     }
-    if (delivering) return true;
+    if (delivering || !ends) return true;
     Lost(WSAECONNABORTED, ClosedByServer);  // it has closed, behind more bytes than anybody wants
     return false;
 }
@@ -139,7 +142,7 @@ int TCP_CONNECTION::Send(const void* bytes, int count, SEND_LOOK look) {
         if (result == RESULT::Done) {
             next += sent;
             count -= sent;
-        } else if (result == RESULT::WantWrite || result == RESULT::WantRead) {
+        } else if (result == RESULT::WantWrite || result == RESULT::WantRead || result == RESULT::Paused) {
             if (end == CLOCK::time_point{}) end = CLOCK::now() + timeout;
             if (!AwaitRoom(result, end)) return lastError;
         } else {

@@ -22,6 +22,7 @@ public:
     enum class RESULT {
         Done,
         WantRead,   // go on when the socket is readable
+        Paused,     // has read its share; there may be more at once, but the caller has its turn first
         WantWrite,  // go on when the socket is writable
         Closed,     // the peer has ended the connection
         Failed      // FailureCode and FailureText say why; the engine is of no more use
@@ -29,7 +30,8 @@ public:
 
     virtual ~TLS_ENGINE() = default;
 
-    // None of these waits. Read and Write set their count on Done only; it is then at least 1.
+    // None of these waits, and none reads more than a share of what the peer sends. Read and Write set their count on
+    // Done only; it is then at least 1.
     virtual RESULT Handshake() = 0;
     virtual RESULT Read(BYTE* buffer, int capacity, int& count) = 0;
     virtual RESULT Write(const BYTE* bytes, int length, int& count) = 0;

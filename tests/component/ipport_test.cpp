@@ -1,15 +1,16 @@
 #include "component/ipport.h"
 
 #include <gtest/gtest.h>
+#include <netinet/tcp.h>
 
 #include <fstream>
 #include <memory>
 #include <thread>
 
 #include "names.h"
-#include "peer.h"
 #include "recorder.h"
 #include "tests/support/owned_handle.h"
+#include "tests/support/peer.h"
 #include "win32/sockets/lookup_threads.h"
 
 namespace {
@@ -113,6 +114,18 @@ TEST(PlainConnection, ACloseBehindAFullBufferLeavesTimeToTakeTheBytes) {
     }
 }
 
+TEST(PlainConnection, ACloseBehindMoreThanIsReadAtOnceIsSeenBeforeASend) {
+    constexpr size_t readInOneTurn = 256 << 10;
+    CONNECTED pair;
+    const std::string garbage(8 << 20, 'x');
+    const ssize_t taken = send(pair.peer.Get(), garbage.data(), garbage.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    ASSERT_GT(taken, static_cast<ssize_t>(readInOneTurn)) << "the kernel takes less than shows anything";
+    pair.peer.Close();
+    EXPECT_EQ(Reset, pair.client.SendText("request"));
+    EXPECT_EQ("Disconnected 0", pair.client.events.back());
+    EXPECT_EQ(static_cast<size_t>(taken), pair.client.received.size());
+}
+
 TEST(PlainConnection, ASendThatFindsNoRoomWithinTheTimeOutEndsTheConnection) {
     CONNECTED pair;
     pair.client.SetTimeout(1);
@@ -196,6 +209,35 @@ TEST(PlainConnection, EveryAddressOfANameIsTriedAndASilentOneLeavesTimeForTheNex
     other.Connect("several.example", good.Port());
     ASSERT_TRUE(other.Await("Connected"));
     EXPECT_EQ(Ended(Refused, "Connected"), other.events);
+}
+
+// An option of the one socket of this process that is in that state; -1 without one.
+int OptionOfSocketIn(int state, int level, int name) {
+    for (int descriptor = 3; descriptor < 1024; ++descriptor) {
+        tcp_info info{};
+        socklen_t length = sizeof(info);
+        if (getsockopt(descriptor, IPPROTO_TCP, TCP_INFO, &info, &length) != 0 || info.tcpi_state != state) continue;
+        int value = -1;
+        length = sizeof(value);
+        getsockopt(descriptor, level, name, &value, &length);
+        return value;
+    }
+    return -1;
+}
+
+TEST(PlainConnection, APeerThatVanishedIsGivenUpInTimeAndAnAttemptNotEarly) {
+    const LISTENING silent("127.0.0.2", 0, 0);
+    CLIENT filler, client;
+    filler.Opens(silent.Port(), "127.0.0.2");
+    const auto option = [](int name) { return OptionOfSocketIn(TCP_ESTABLISHED, IPPROTO_TCP, name); };
+    EXPECT_EQ(17'000, option(TCP_USER_TIMEOUT));
+    EXPECT_EQ(6, option(TCP_KEEPIDLE));
+    EXPECT_EQ(4, option(TCP_KEEPINTVL));
+    EXPECT_EQ(3, option(TCP_KEEPCNT));
+    EXPECT_EQ(1, option(TCP_NODELAY));
+    EXPECT_EQ(1, OptionOfSocketIn(TCP_ESTABLISHED, SOL_SOCKET, SO_KEEPALIVE));
+    client.Connect("127.0.0.2", silent.Port());
+    EXPECT_EQ(0, OptionOfSocketIn(TCP_SYN_SENT, IPPROTO_TCP, TCP_USER_TIMEOUT));
 }
 
 TEST(PlainConnection, ReachesIpv6Addresses) {

@@ -1,17 +1,12 @@
 #include "component/ipport.h"
 
 #include <gtest/gtest.h>
-#include <openssl/ssl.h>
-#include <openssl/x509.h>
-#include <signal.h>
-
-#include <functional>
-#include <memory>
+#include <future>
 #include <thread>
 
 #include "names.h"
-#include "peer.h"
 #include "recorder.h"
+#include "tests/support/tls_peer.h"
 
 namespace {
 
@@ -37,90 +32,6 @@ public:
         return 0;
     }
 };
-
-struct SERVER_KIND {
-    int lowest = TLS1_2_VERSION, highest = TLS1_2_VERSION;
-    long validTo = 3600;  // seconds from now
-};
-
-template <auto FREE>
-struct FREER {
-    void operator()(auto* owned) const { FREE(owned); }
-};
-template <typename T, auto FREE>
-using OWNED = std::unique_ptr<T, FREER<FREE>>;
-using CERTIFICATE = OWNED<X509, X509_free>;
-
-OWNED<SSL_CTX, SSL_CTX_free> NewServer(const SERVER_KIND& kind) {
-    OWNED<SSL_CTX, SSL_CTX_free> context(SSL_CTX_new(TLS_server_method()));
-    const OWNED<EVP_PKEY, EVP_PKEY_free> key(EVP_EC_gen("P-256"));
-    const CERTIFICATE certificate(X509_new());
-    X509* const raw = certificate.get();
-    ASN1_INTEGER_set(X509_get_serialNumber(raw), 1);
-    X509_gmtime_adj(X509_getm_notBefore(raw), -7200);
-    X509_gmtime_adj(X509_getm_notAfter(raw), kind.validTo);
-    X509_set_pubkey(raw, key.get());
-    const auto* name = reinterpret_cast<const unsigned char*>("identity.example");
-    X509_NAME_add_entry_by_txt(X509_get_subject_name(raw), "CN", MBSTRING_UTF8, name, -1, -1, 0);
-    X509_set_issuer_name(raw, X509_get_subject_name(raw));
-    X509_sign(raw, key.get(), EVP_sha256());
-    SSL_CTX_use_certificate(context.get(), raw);
-    SSL_CTX_use_PrivateKey(context.get(), key.get());
-    SSL_CTX_set_min_proto_version(context.get(), kind.lowest);
-    SSL_CTX_set_max_proto_version(context.get(), kind.highest);
-    SSL_CTX_set_cipher_list(context.get(), "DEFAULT:@SECLEVEL=0");
-    return context;
-}
-
-// A server on a thread of its own, which accepts one connection and plays a script on it.
-class PLAYED {
-public:
-    using SCRIPT = std::function<void(ACCEPTED&)>;
-    using TLS_SCRIPT = std::function<void(SSL*, ACCEPTED&)>;
-
-    explicit PLAYED(SCRIPT script)
-        : thread([this, play = std::move(script)] {
-              sigset_t pipes;  // blocked: this thread's OpenSSL writes with write
-              sigemptyset(&pipes);
-              sigaddset(&pipes, SIGPIPE);
-              pthread_sigmask(SIG_BLOCK, &pipes, nullptr);
-              ACCEPTED peer = listening.Accept();
-              play(peer);
-          }) {}
-    PLAYED(const SERVER_KIND& kind, TLS_SCRIPT script)
-        : PLAYED([kind, play = std::move(script)](ACCEPTED& peer) {
-              const auto context = NewServer(kind);
-              const OWNED<SSL, SSL_free> session(SSL_new(context.get()));
-              SSL_set_fd(session.get(), peer.Get());
-              if (SSL_accept(session.get()) == 1) play(session.get(), peer);
-          }) {}
-    ~PLAYED() { thread.join(); }
-    int Port() const { return listening.Port(); }
-
-private:
-    LISTENING listening;
-    std::thread thread;
-};
-
-std::string Hear(SSL* session, size_t count) {
-    std::string text(count, 0);
-    size_t done = 0;
-    for (size_t got; done < count && SSL_read_ex(session, text.data() + done, count - done, &got) == 1;) done += got;
-    return text.substr(0, done);
-}
-
-void Say(SSL* session, const std::string& text) { SSL_write(session, text.data(), static_cast<int>(text.size())); }
-
-// The records that carry the text, and a goodbye behind it. The session sends nothing itself any more.
-std::string Records(SSL* session, const std::string& text, bool goodbye = false) {
-    BIO* const records = BIO_new(BIO_s_mem());
-    SSL_set0_wbio(session, records);
-    Say(session, text);
-    if (goodbye) SSL_shutdown(session);
-    char* bytes = nullptr;
-    const auto count = static_cast<size_t>(BIO_get_mem_data(records, &bytes));
-    return {bytes, count};
-}
 
 // Echoes seven bytes, then waits for the client to go.
 void Echo(SSL* session, ACCEPTED&) {
@@ -259,7 +170,12 @@ TEST(SecureConnection, AnEndThatArrivesWithBytesLeavesTimeToTakeThem) {
             {
                 PLAYED server(SERVER_KIND{}, [&](SSL* session, ACCEPTED& peer) {
                     Hear(session, 7);
-                    peer.Say(Records(session, "answer", clean) + (clean ? "" : "garbage garbage"));
+                    peer.Say(Records(session,
+                                     [&] {
+                                         Say(session, "answer");
+                                         if (clean) SSL_shutdown(session);
+                                     }) +
+                             (clean ? "" : "garbage garbage"));
                     heardBehind = peer.Hear(1 << 20);
                 });
                 CLIENT client;
@@ -286,7 +202,8 @@ TEST(SecureConnection, AnEndThatArrivesWithBytesLeavesTimeToTakeThem) {
 TEST(SecureConnection, LargeMessagesGoThroughWhole) {
     const std::string large(3 << 20, 'x');
     PLAYED server(SERVER_KIND{}, [&](SSL* session, ACCEPTED& peer) {
-        peer.Say(Records(session, Hear(session, large.size())));
+        const std::string heard = Hear(session, large.size());
+        peer.Say(Records(session, [&] { Say(session, heard); }));
         Hear(session, 1);
     });
     CLIENT client;
@@ -308,6 +225,85 @@ TEST(SecureConnection, ARenegotiationIsDeclinedAndTheConnectionGoesOn) {
     EXPECT_EQ(0, client.SendText("request"));
     EXPECT_TRUE(client.AwaitBytes(7)) << testing::PrintToString(client.texts);
     EXPECT_EQ("request", client.received);
+}
+
+TEST(SecureConnection, AFloodInTheHandshakeIsReadInTurns) {
+    const std::string flood = HelloRequests(500'000);
+    PLAYED server([&](ACCEPTED& peer) { EXPECT_TRUE(Pour(peer, flood)); });
+    CLIENT client;
+    client.Connect("127.0.0.1", server.Port());
+    size_t turns = 0;
+    for (; client.events.empty() && !HasFailure(); ++turns) client.Turn();
+    EXPECT_EQ(Ended(Reset, "Connected"), client.events);
+    EXPECT_GE(turns, flood.size() >> 16);
+}
+
+TEST(SecureConnection, AFloodAfterTheHandshakeIsReadInTurns) {
+    constexpr int requests = 20'000;
+    size_t size = 0;
+    PLAYED server(SERVER_KIND{}, [&](SSL* session, ACCEPTED& peer) {
+        const std::string flood = Records(session, [&] {
+            AskForHandshakes(session, requests);
+            Say(session, "end");
+        });
+        size = flood.size();
+        peer.Hear(1);
+        EXPECT_TRUE(Pour(peer, flood));
+        peer.Hear(1 << 20);
+    });
+    size_t turns = 0;
+    {
+        CLIENT client;
+        ASSERT_TRUE(client.Opens(server.Port()));
+        EXPECT_EQ(0, client.SendText("go"));
+        for (; client.received.empty() && !HasFailure(); ++turns) client.Turn();
+        EXPECT_EQ("end", client.received);
+        client.ProcessEvents();
+        EXPECT_TRUE(client.Idle());
+    }
+    EXPECT_GE(turns, size >> 16);
+}
+
+TEST(SecureConnection, AGoodbyeAfterAFloodIsSeenBeforeASend) {
+    for (const auto look : {SEND_LOOK::FIRST, SEND_LOOK::HAPPENED}) {
+        std::promise<void> poured;
+        std::string heardBehind;
+        {
+            PLAYED server(SERVER_KIND{}, [&](SSL* session, ACCEPTED& peer) {
+                peer.Say(Records(session, [&] {
+                    AskForHandshakes(session, 1500);
+                    SSL_shutdown(session);
+                }));
+                poured.set_value();
+                heardBehind = peer.Hear(1 << 20);
+            });
+            CLIENT client;
+            ASSERT_TRUE(client.Opens(server.Port()));
+            poured.get_future().wait();
+            if (look == SEND_LOOK::HAPPENED) client.ProcessEvents();
+            EXPECT_EQ(Reset, client.Send("request", 7, look));
+            EXPECT_EQ(Open + Ended(0), client.events);
+        }
+        EXPECT_EQ(std::string::npos, heardBehind.find("\x17\x03\x03")) << "a record of data went out into the end";
+    }
+}
+
+TEST(SecureConnection, AServerIsToldGoodbyeHoweverTheClientGoes) {
+    for (const std::string way : {"disconnects", "connects again", "is destroyed"}) {
+        SCOPED_TRACE(way);
+        bool told = false;
+        {
+            PLAYED server(SERVER_KIND{}, [&](SSL* session, ACCEPTED&) {
+                Hear(session, 1);
+                told = (SSL_get_shutdown(session) & SSL_RECEIVED_SHUTDOWN) != 0;
+            });
+            CLIENT client;
+            ASSERT_TRUE(client.Opens(server.Port()));
+            if (way == "disconnects") client.Disconnect();
+            if (way == "connects again") client.Connect("127.0.0.1", 1);
+        }
+        EXPECT_TRUE(told);
+    }
 }
 
 TEST(SecureConnection, OnlyNamesAreNamedToTheServer) {

@@ -25,6 +25,15 @@ public:
         text.resize(got > 0 ? static_cast<size_t>(got) : 0);
         return text;
     }
+    // Whether the other end closes within ten seconds; what it says before is passed over.
+    bool SeesEnd() const {
+        const timeval patience{10, 0};
+        setsockopt(fd.Get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
+        std::string passed(1 << 16, 0);
+        ssize_t got = 1;
+        while (got > 0) got = recv(fd.Get(), passed.data(), passed.size(), 0);
+        return got == 0;
+    }
     void Close() { fd = win32::DESCRIPTOR(); }
     void Reset() {
         const linger hard{1, 0};
