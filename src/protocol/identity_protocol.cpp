@@ -46,8 +46,14 @@ TCP_CLIENT& IDENTITY_PROTOCOL::Active() {
     return tls;
 }
 
-int IDENTITY_PROTOCOL::Send(const BYTE* bytes, DWORD length) {
-    return Active().Send(bytes, static_cast<int>(length), SEND_LOOK::HAPPENED);
+int IDENTITY_PROTOCOL::Send(const BYTE* request, DWORD length) {
+    const int code = Active().Send(request, static_cast<int>(length), SEND_LOOK::HAPPENED);
+    if (code != 0) return code;
+    const LOCK_GUARD guard(lock);
+    owed += ResponseLength;
+    std::copy_n(request + IdOffset, lastRequestId.size(), lastRequestId.begin());
+    pending &= ~SESSION_DATA_IN;  // what has come before cannot be the response
+    return 0;
 }
 STRING IDENTITY_PROTOCOL::LastErrorText() { return STRING(Active().LastErrorText()); }
 void IDENTITY_PROTOCOL::Disconnect() { Active().Disconnect(); }
@@ -68,11 +74,19 @@ void IDENTITY_PROTOCOL::DataIn(const void* bytes, int length) {
     const BYTE* const data = static_cast<const BYTE*>(bytes);
     {
         const LOCK_GUARD guard(lock);
-        const size_t room = MaxReceivedBytes - received.size();
-        received.insert(received.end(), data, data + std::min(room, static_cast<size_t>(std::max(length, 0))));
-        pending |= SESSION_DATA_IN;
+        const size_t count = static_cast<size_t>(std::max(length, 0));
+        received.insert(received.end(), data, data + std::min(MaxReceivedBytes - received.size(), count));
+        owed = LastRequestAnswered() ? 0 : owed - std::min(owed, count);
+        if (owed < ResponseLength) pending |= SESSION_DATA_IN;  // otherwise these are bytes of earlier responses
     }
     Wake();
+}
+
+// Whether what was received ends with the response to the last request. A server answers in order: it owes nothing
+// then, and has passed over what it still owed.
+bool IDENTITY_PROTOCOL::LastRequestAnswered() const {
+    return received.size() >= ResponseLength &&
+           std::equal(lastRequestId.begin(), lastRequestId.end(), received.end() - ResponseLength + IdOffset);
 }
 
 // The thread that is about to wait needs no event to be told by; for any other there is the wake event.
@@ -89,16 +103,11 @@ void IDENTITY_PROTOCOL::ProcessEvents() {
     processor = nullptr;
 }
 
-void IDENTITY_PROTOCOL::LetEventsThrough() {
-    ProcessEvents();
-    const LOCK_GUARD guard(lock);
-    pending &= ~SESSION_DATA_IN;
-}
-
 void IDENTITY_PROTOCOL::BeginConnect(TRANSPORT transport) {
     selector = transport;
     const LOCK_GUARD guard(lock);
     pending = 0;
+    owed = 0;
 }
 
 // ---- Waiting ----

@@ -5,6 +5,7 @@
 
 #include <windows.h>
 
+#include <array>
 #include <atomic>
 #include <span>
 #include <vector>
@@ -17,6 +18,10 @@
 #include "protocol/session_events.h"
 
 namespace keldwick {
+
+// What the session knows of the messages; the rest is the reports'.
+constexpr DWORD ResponseLength = 14;
+constexpr DWORD IdOffset = 6;  // of the ID, in a request and in its response
 
 // How a wait ended.
 enum class WAIT_RESULT : DWORD { STOPPING = 0, FAILED = 1, ARRIVED = 2, TIMED_OUT = 3 };
@@ -42,17 +47,19 @@ public:
     // Waits until every wanted bit has arrived, an error has, the seconds have passed, or the service is to stop.
     WAIT_RESULT Wait(DWORD seconds, SESSION_EVENTS wanted);
 
-    // Hands bytes to the active connection, which LetEventsThrough or a connect has just looked at. 0, or the
+    // Lets through what happened to the connection since anyone last waited, so that IsDisconnected is up to date.
+    void ProcessEvents();
+
+    // Hands a request to the active connection, which ProcessEvents or a connect has just looked at. 0, or the
     // component's error, which LastErrorText describes.
-    int Send(const BYTE* bytes, DWORD length);
+    int Send(const BYTE* request, DWORD length);
     STRING LastErrorText();
 
-    // Waits up to 20 s for data and gives every byte received so far, valid until the next call. False: none came.
+    // Waits up to 20 s for the response to the last request and gives every byte received so far, valid until the next
+    // call. Bytes that came too late for an earlier request stay and are given in front of the response, but do not
+    // count as its beginning: otherwise each response would be taken for that of the next request from then on.
+    // False: nothing came.
     bool ReceiveResponse(std::span<const BYTE>& bytes);
-
-    // Lets through what happened to the connection since anyone last waited, so that IsDisconnected is up to date.
-    // Bytes that came too late for the last response stay, but do not count as the beginning of the next one.
-    void LetEventsThrough();
 
     void Disconnect();  // closes the active connection
     bool IsDisconnected() const { return disconnected; }
@@ -70,8 +77,8 @@ private:
     TCP_CLIENT& Active();
     bool ConnectByProtocol(const STRING& server);
     bool AwaitNextRound();
-    void ProcessEvents();
     void MakeHandles();
+    bool LastRequestAnswered() const;
     bool ArmTimer(DWORD seconds);
     void Wake();
     DWORD NextSignal();
@@ -79,7 +86,7 @@ private:
     WAIT_RESULT Stopping();
 
     STRING serverName;
-    CRITICAL_SECTION_OWNER lock;  // guards pending and received
+    CRITICAL_SECTION_OWNER lock;  // guards pending, received, owed and lastRequestId
     IDENTITY_TCPS tls;
     IDENTITY_TCP plain;
     TRANSPORT selector = TRANSPORT::NONE;
@@ -87,6 +94,8 @@ private:
     HANDLE_OWNER timer;
     SESSION_EVENTS pending = 0;
     std::vector<BYTE> received;
+    size_t owed = 0;  // bytes of responses to the requests sent over this connection that have not come
+    std::array<BYTE, sizeof(DWORD)> lastRequestId{};
     std::vector<BYTE> response;  // handed out by the last ReceiveResponse
     std::atomic<bool> disconnected{true};
     // Which thread is inside ProcessEvents: what it tells the session needs no event to wake it, only the flag.

@@ -27,7 +27,6 @@ namespace {
 // The request's header: length, format, message code, request ID.
 constexpr DWORD HeaderLength = 10;
 constexpr DWORD CodeOffset = 4;
-constexpr DWORD IdOffset = 6;
 constexpr DWORD StatusOffset = 10;  // of a response
 constexpr WORD RequestFormat = 3;
 constexpr WORD ResponseBit = 0x8000;  // what a response's code has more than its request's
@@ -192,7 +191,7 @@ void FillHeader(HEAP_BUFFER& request) {
 bool SendWithRetries(const WCHAR* operation, BYTE* request, DWORD length) {
     IDENTITY_PROTOCOL& session = *CurrentSession;
     for (int attempt = 1; attempt <= MaxAttempts; ++attempt) {
-        session.LetEventsThrough();
+        session.ProcessEvents();
         if (session.IsDisconnected()) {
             DebugPrint(TEXT("%s: disconnect recieved"), operation);
             if (!session.PersistentConnect()) return false;

@@ -13,7 +13,6 @@
 
 namespace keldwick {
 
-constexpr DWORD ResponseLength = 14;
 constexpr WORD LogonRequestCode = 0x0010;
 
 // Looks both names up in the directory, encodes the logon into the request, replacing what it held, and sends it. The

@@ -14,7 +14,10 @@ bool IDENTITY_TRANSPORT<BASE>::ConnectTo(const STRING& server) {
     session.BeginConnect(traits.selector);
     DebugPrintMasked(DEBUG_TCP, traits.connecting, server, SecurePort);  // whichever port is meant
     BASE::Connect(STRING_UTF8(server).Text(), traits.port);
-    return session.Wait(ConnectTimeoutSeconds, SESSION_CONNECTED | SESSION_READY_TO_SEND) == WAIT_RESULT::ARRIVED;
+    if (session.Wait(ConnectTimeoutSeconds, SESSION_CONNECTED | SESSION_READY_TO_SEND) == WAIT_RESULT::ARRIVED)
+        return true;
+    BASE::Disconnect();  // the component may still be trying
+    return false;
 }
 
 template <class BASE>

@@ -3,6 +3,7 @@
 
 #include <cstring>
 #include <future>
+#include <map>
 
 #include "platform/host_names.h"
 #include "protocol/manual_report.h"
@@ -195,6 +196,63 @@ TEST_F(REPORT_TEST, AnAnswerTooLateSpoilsTheNextExchangeAndNoOther) {
     EXPECT_FALSE(IdentityReportHeartbeat(request));
     EXPECT_EQ("IdentityReportHeartbeat request response length = 28; 14 expected", lines.Take().back());
     EXPECT_TRUE(IdentityReportHeartbeat(request));
+}
+
+TEST_F(REPORT_TEST, ALateOrSplitAnswerFailsItsReportAndAtMostTheNext) {
+    // A piece of the answer to the report of that number.
+    struct PIECE {
+        size_t report, from = 0, to = ResponseLength;
+    };
+    using PIECES = std::vector<PIECE>;
+    PIECES byteByByte;
+    for (size_t i = 0; i < ResponseLength; ++i) byteByByte.push_back({3, i, i + 1});
+    byteByByte.push_back({4});
+    const struct {
+        const char* name;
+        std::map<size_t, PIECES> said;  // when that report has come, if not just its answer. Nothing: it times out
+        std::vector<size_t> failed;
+    } cases[] = {
+        {"in two pieces", {{3, {{3, 0, 7}}}, {4, {{3, 7}, {4}}}}, {3, 4}},
+        {"without its end", {{3, {{3, 0, 7}}}}, {3}},
+        {"late", {{3, {}}, {4, {{3}, {4}}}}, {3, 4}},
+        {"late and byte by byte", {{3, {}}, {4, byteByByte}}, {3, 4}},
+        {"two that are late", {{3, {}}, {4, {}}, {5, {{3}, {4}, {5}}}}, {3, 4, 5}},
+        {"never", {{3, {}}, {4, {}}}, {3, 4}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::vector<std::string> answers;
+        server.Answer([&](const std::string& report) {
+            answers.push_back(SCRIPTED_SERVER::GoodAnswer(report));
+            const auto plan = c.said.find(answers.size());
+            if (plan == c.said.end()) return answers.back();
+            std::string last;
+            for (const PIECE& piece : plan->second) {
+                session->DataIn(last.data(), static_cast<int>(last.size()));  // arrives by itself
+                last = answers[piece.report - 1].substr(piece.from, piece.to - piece.from);
+            }
+            return last;
+        });
+        std::vector<size_t> failed;
+        for (size_t report = 1; report <= 8; ++report) {
+            timeFlies = c.said.contains(report) && c.said.at(report).empty();
+            if (!Report()) failed.push_back(report);
+            timeFlies = false;
+            server.AwaitRequest();
+        }
+        EXPECT_EQ(c.failed, failed);
+    }
+}
+
+TEST_F(REPORT_TEST, WhatAClosedConnectionOwesIsNotWaitedForOnTheNext) {
+    server.Answer([](const std::string&) { return std::string(); });
+    timeFlies = true;
+    EXPECT_FALSE(Report());
+    timeFlies = false;
+    session->Disconnect();
+    server.Answer([](const std::string&) { return std::string(13, 'x'); });
+    EXPECT_FALSE(Report());
+    EXPECT_EQ("IdentityReportLogon request response length = 13; 14 expected", lines.Take().back());
 }
 
 TEST_F(REPORT_TEST, AStoppingServiceEndsAReportAtOnce) {

@@ -1,6 +1,10 @@
 // The session: waiting, connecting, receiving.
 #include "tests/protocol/session.h"
 
+#include <future>
+
+#include "tests/support/tls_peer.h"
+
 std::atomic<bool> timeFlies{false};
 std::atomic<bool> timerFails{false};
 
@@ -166,6 +170,64 @@ TEST_F(SESSION_TEST, AnotherServerIsNoticedOnceAndNotByItsLetterCase) {
         Settings.identServer = STRING(name);
         EXPECT_EQ(another, session->IdentServerChanged()) << name;
     }
+}
+
+// ---- Servers that talk without end ----
+
+constexpr int TlsPort = 1308;
+
+TEST_F(SESSION_TEST, AFloodInTheHandshakeHoldsUpNeitherStopNorTimer) {
+    Settings.identProtocol = PROTOCOL_TCPS;
+    for (const bool stops : {false, true}) {
+        SCOPED_TRACE(stops ? "stop" : "timer");
+        std::promise<bool> gone;
+        PLAYED server(
+            [&](ACCEPTED& peer) {
+                const std::string flood = HelloRequests(100'000);
+                Pour(peer, flood);
+                if (stops) SetEvent(stop.Get());
+                gone.set_value(FloodUntilGone(peer, flood));
+            },
+            SCRIPTED_SERVER::Host(), TlsPort);
+        timeFlies = !stops;
+        EXPECT_FALSE(stops ? session->PersistentConnect() : session->Connect(Settings.identServer));
+        EXPECT_TRUE(gone.get_future().get());
+    }
+}
+
+TEST_F(SESSION_TEST, AFloodInsteadOfAnAnswerHoldsUpNeitherStopNorTimer) {
+    Settings.identProtocol = PROTOCOL_TCPS;
+    for (const bool stops : {false, true}) {
+        SCOPED_TRACE(stops ? "stop" : "timer");
+        std::promise<bool> poured;
+        PLAYED server(
+            SERVER_KIND{},
+            [&](SSL* tls, ACCEPTED& peer) {
+                const std::string flood = Records(tls, [&] { AskForHandshakes(tls, 20'000); });
+                peer.Hear(1);
+                if (stops) SetEvent(stop.Get());
+                poured.set_value(Pour(peer, flood));
+            },
+            SCRIPTED_SERVER::Host(), TlsPort);
+        ASSERT_TRUE(session->Connect(Settings.identServer));
+        const BYTE request[34] = {};
+        EXPECT_EQ(0, session->Send(request, sizeof(request)));
+        timeFlies = !stops;
+        std::span<const BYTE> bytes;
+        EXPECT_FALSE(session->ReceiveResponse(bytes));
+        EXPECT_EQ(stops, session->IsDisconnected());
+        timeFlies = false;
+        session->Disconnect();
+        EXPECT_FALSE(poured.get_future().get()) << "everything was read first";
+    }
+}
+
+TEST_F(SESSION_TEST, AnAttemptThatIsGivenUpIsClosed) {
+    LISTENING silent(SCRIPTED_SERVER::Host(), TlsPort);
+    Settings.identProtocol = PROTOCOL_TCPS;
+    timeFlies = true;
+    EXPECT_FALSE(session->Connect(Settings.identServer));
+    EXPECT_TRUE(silent.Accept().SeesEnd());
 }
 
 // ---- The transports' handlers ----

@@ -12,6 +12,15 @@ BIN = os.environ["KELDWICK_BIN"]
 STAMP = re.compile(r"^\d{4}/\d\d/\d\d \d\d:\d\d:\d\d [AP]M KDWK: \(\d+\.\d+\) ", re.M)
 PATIENCE = 30  # seconds until a thing that must happen counts as missing; sanitizers are slow
 
+EVENT = """<Event xmlns="http://schemas.microsoft.com/win/2004/08/events/event"><System><Provider Name="P"/>
+<EventID>4624</EventID><TimeCreated SystemTime="2026-11-16T08:00:12.5Z"/><Computer>DC1</Computer></System><EventData>"""
+
+
+def xml(user, address):
+    strings = ["S-1-0-0", "-", "-", "0x0", "S-1-5-21-1-2-3-1104", user, "CORP", "0x1", "3", "K", "K", "WS1", "{0}", "-", "-",
+               "0", "0x0", "-", address, "1"]
+    return EVENT + "".join(f"<Data>{each}</Data>" for each in strings) + "</EventData></Event>"
+
 
 class MachineTest(unittest.TestCase):
     address = "127.0.0.1"  # each class its own, since the agent's ports are fixed and classes may run side by side

@@ -10,11 +10,8 @@ import subprocess
 import threading
 import unittest
 
-from machine import BIN, PATIENCE, MachineTest
+from machine import BIN, PATIENCE, MachineTest, xml
 from wire import Server
-
-EVENT = """<Event xmlns="http://schemas.microsoft.com/win/2004/08/events/event"><System><Provider Name="P"/>
-<EventID>4624</EventID><TimeCreated SystemTime="2026-11-16T08:00:12.5Z"/><Computer>DC1</Computer></System><EventData>"""
 
 
 def authentication(user, address, **changes):
@@ -24,12 +21,6 @@ def authentication(user, address, **changes):
               "netlogonComputer": None, "passwordType": "NTLMv2", **changes}
     return "  " + json.dumps({"timestamp": "2026-11-16T08:00:12.123456+0000", "type": "Authentication",
                               "Authentication": fields}) + "\n"
-
-
-def xml(user, address):
-    strings = ["S-1-0-0", "-", "-", "0x0", "S-1-5-21-1-2-3-1104", user, "CORP", "0x1", "3", "K", "K", "WS1", "{0}", "-", "-",
-               "0", "0x0", "-", address, "1"]
-    return EVENT + "".join(f"<Data>{each}</Data>" for each in strings) + "</EventData></Event>"
 
 
 def shipped(user, address):

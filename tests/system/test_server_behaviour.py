@@ -1,11 +1,14 @@
 """What servers do to the agent: absent, changed, closing, answering wrongly. The next event is always handled."""
 import contextlib
+import re
 import socket
 import ssl
 import struct
+import threading
+import time
 import unittest
 
-from machine import MachineTest
+from machine import PATIENCE, MachineTest, xml
 from wire import Server, answer, certificate
 
 
@@ -92,6 +95,30 @@ class ServerBehaviour(MachineTest):
                 self.logon(f"after-{user}", f"10.0.1.{number}", "WS")
                 self.assertEqual(f"CORP\\after-{user}", server.next()["user"][0])
                 self.until_logged(f"Logon reported,\n    User name = \"CORP\\after-{user}\"")
+        self.shut_down(agent)
+
+    def test_an_answer_in_two_pieces_fails_two_reports_of_a_backlog_and_no_other(self):
+        backlog, logons = threading.Event(), 200
+
+        def split_the_tenth(connection, _request, fields):
+            backlog.wait(PATIENCE)
+            user, reply = fields["user"][0], answer(fields["id"])
+            if user == "CORP\\u10":
+                connection.sendall(reply[:7])
+                time.sleep(0.003)  # what divides the pieces; nothing waits for it
+                reply = reply[7:]
+            connection.sendall(reply)
+
+        server = self.serve(reply=split_the_tenth)
+        self.prepare()
+        agent = self.start()
+        self.ctl("events", "import", "-", text="".join(xml(f"u{number}", f"10.0.0.{number}") for number in range(logons)))
+        backlog.set()
+        sent = [server.next()["user"][0] for _ in range(logons)]
+        self.assertEqual([f"CORP\\u{number}" for number in range(logons)], sent)
+        self.until_logged(f"Logon reported,\n    User name = \"CORP\\u{logons - 1}\"")
+        lost = re.findall(r"Unable to report logon,\n +User name = \"CORP\\(\w+)\"", self.log())
+        self.assertLessEqual(set(lost), {"u10", "u11"})
         self.shut_down(agent)
 
     def test_a_changed_server_is_taken_up_at_once_and_the_stop_is_heard_while_none_answers(self):
