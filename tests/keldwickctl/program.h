@@ -4,7 +4,10 @@
 #include "tests/support/temporary_root.h"
 
 #include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
 #include <spawn.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -28,6 +31,15 @@ struct OUTCOME {
     std::string out, error;
 };
 
+// Waits for the child's end, which it brings about itself after a time that no command takes.
+inline bool AwaitEnd(pid_t child, int& status) {
+    constexpr int longest = 60000;  // ms
+    pollfd end = {static_cast<int>(syscall(SYS_pidfd_open, child, 0)), POLLIN, 0};
+    if (poll(&end, 1, longest) != 1) kill(child, SIGKILL);
+    close(end.fd);
+    return waitpid(child, &status, 0) == child;
+}
+
 inline OUTCOME RunKeldwickctl(const TEMPORARY_ROOT& root, const WORDS& words) {
     // The test program stands beside it.
     std::string program = std::filesystem::read_symlink("/proc/self/exe").replace_filename("keldwickctl").string();
@@ -44,7 +56,7 @@ inline OUTCOME RunKeldwickctl(const TEMPORARY_ROOT& root, const WORDS& words) {
     pid_t child = -1;
     int status = 0;
     const bool ran = posix_spawn(&child, program.c_str(), &files, nullptr, arguments.data(), environ) == 0;
-    if (ran && waitpid(child, &status, 0) == child && WIFEXITED(status)) outcome.exitCode = WEXITSTATUS(status);
+    if (ran && AwaitEnd(child, status) && WIFEXITED(status)) outcome.exitCode = WEXITSTATUS(status);
     posix_spawn_file_actions_destroy(&files);
     outcome.out = root.Read("stdout.txt");
     outcome.error = root.Read("stderr.txt");

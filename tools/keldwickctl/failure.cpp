@@ -1,11 +1,15 @@
 #include "tools/keldwickctl/failure.h"
 
+#include <cerrno>
+
 #include "platform/error_text.h"
 #include "tools/keldwickctl/commands.h"
+#include "win32/files/root_files.h"
 #include "win32/registry/store.h"
 #include "win32/text/utf.h"
 
 std::string FailureText(DWORD code) {
+    if (code == ERROR_CANT_ACCESS_FILE) return win32::FileFault(ELOOP);
     const std::string text = win32::ToUtf8(keldwick::ErrorText(code).View());
     return text.empty() ? "error " + std::to_string(code) : text;
 }

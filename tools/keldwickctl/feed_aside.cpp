@@ -4,13 +4,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdio>
-
 #include "tools/keldwickctl/event_values.h"
 #include "tools/keldwickctl/feed_state.h"
 #include "tools/text/safe_text.h"
 #include "win32/eventlog/evt_record.h"
-#include "win32/files/file_owner.h"
+#include "win32/files/root_files.h"
 
 FEED_ASIDE::FEED_ASIDE(const std::string& name) : feed(name), path(FeedPath(name, "aside")) {}
 
@@ -24,14 +22,11 @@ void FEED_ASIDE::Keep(const std::string& reason, std::string_view line) {
     if (!turn) return;
     struct stat about;
     if (stat(path.c_str(), &about) == 0 && static_cast<size_t>(about.st_size) + entry.size() > Most / 2)
-        std::rename(path.c_str(), (path + ".old").c_str());
-    const int fd = open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600);
-    if (fd < 0) return;
-    win32::GiveToFolderOwner(fd, path);
+        win32::RenameRootFile(path, path + ".old");
+    const win32::DESCRIPTOR file(win32::OpenRootFile(path, O_WRONLY | O_APPEND | O_CREAT, 0600));
     // Cut back when it does not fit the disk, so that the next entry begins on a line of its own.
-    const bool own = fstat(fd, &about) == 0 && S_ISREG(about.st_mode) && about.st_nlink == 1;
-    if (own && write(fd, entry.data(), entry.size()) != static_cast<ssize_t>(entry.size()) &&
-        ftruncate(fd, about.st_size) != 0)
-        unlink(path.c_str());
-    close(fd);
+    if (file && fstat(file.Get(), &about) == 0 &&
+        write(file.Get(), entry.data(), entry.size()) != static_cast<ssize_t>(entry.size()) &&
+        ftruncate(file.Get(), about.st_size) != 0)
+        win32::RemoveRootFile(path);
 }

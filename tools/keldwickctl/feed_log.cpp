@@ -12,6 +12,7 @@
 #include "tools/keldwickctl/event_log_access.h"
 #include "tools/keldwickctl/failure.h"
 #include "win32/eventlog/log_names.h"
+#include "win32/files/root_files.h"
 #include "win32/text/utf.h"
 
 namespace {
@@ -128,13 +129,8 @@ double FEED_LOG::UnreadShare(DWORD nextRecord) const {
 }
 
 bool FEED_LOG::Sync() {
-    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return false;
-    const bool synced = fdatasync(fd) == 0;
-    const int why = errno;
-    close(fd);
-    errno = why;
-    return synced;
+    const win32::DESCRIPTOR file(win32::OpenRootFile(path, O_RDONLY));
+    return file && fdatasync(file.Get()) == 0;
 }
 
 bool FEED_LOG::IsAgents() const { return path.ends_with("/eventlog/Security.evt"); }

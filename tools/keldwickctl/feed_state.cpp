@@ -2,20 +2,17 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
-#include <cstring>
 #include <nlohmann/json.hpp>
 
 #include "tools/keldwickctl/commands.h"
 #include "tools/keldwickctl/event_values.h"
 #include "win32/eventlog/evt_record.h"
-#include "win32/files/file_owner.h"
 #include "win32/files/machine_root.h"
+#include "win32/files/root_files.h"
 
 using nlohmann::json;
 
@@ -24,7 +21,7 @@ namespace {
 constexpr size_t LargestState = 64 * 1024;
 
 [[noreturn]] void Fail(const std::string& act, const std::string& path) {
-    throw COMMAND_ERROR("cannot " + act + " " + path + ": " + std::strerror(errno));
+    throw COMMAND_ERROR("cannot " + act + " " + path + ": " + win32::FileFault(errno));
 }
 
 unsigned long long Number(const json& object, const char* name) {
@@ -72,16 +69,6 @@ std::string StateText(const FEED_STATE& state) {
     return object.dump(1, ' ', true, json::error_handler_t::replace) + "\n";
 }
 
-bool WriteAll(int fd, const std::string& bytes) {
-    for (size_t done = 0; done < bytes.size();) {
-        const ssize_t put = write(fd, bytes.data() + done, bytes.size() - done);
-        if (put < 0 && errno == EINTR) continue;
-        if (put < 0) return false;
-        done += static_cast<size_t>(put);
-    }
-    return true;
-}
-
 // As a lock of the descriptor, which, unlike flock's, can be asked about without being taken.
 struct flock WholeFile(short type) {
     struct flock lock = {};
@@ -90,48 +77,29 @@ struct flock WholeFile(short type) {
     return lock;
 }
 
-void MakeFolder(const std::string& path) {
-    const bool made = mkdir(path.c_str(), 0700) == 0;
-    if (!made && errno != EEXIST) Fail("make", path);
-    const int folder = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-    if (folder < 0) Fail(made ? "open" : "make", path);
-    if (made) win32::GiveToFolderOwner(folder, path);
-    close(folder);
-}
-
 // A file system that cannot do this for folders need not.
 bool SyncFolder(const std::string& path) {
-    const int folder = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (folder < 0) return false;
-    const bool synced = fsync(folder) == 0 || errno == EINVAL;
-    const int why = errno;
-    close(folder);
-    errno = why;
-    return synced;
+    const win32::DESCRIPTOR folder = win32::OpenRootFolder(path);
+    return folder && (fsync(folder.Get()) == 0 || errno == EINVAL);
 }
 
 enum class FOUND { STATE, NONE, DAMAGED, UNREADABLE };
 
 // UNREADABLE: errno says why.
 FOUND ReadBytes(const std::string& path, std::string& bytes) {
-    const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
-    if (fd < 0) return errno == ENOENT ? FOUND::NONE : errno == ELOOP ? FOUND::DAMAGED : FOUND::UNREADABLE;
-    struct stat about = {};
+    const win32::DESCRIPTOR file(win32::OpenRootFile(path, O_RDONLY));
+    if (!file)
+        return errno == ENOENT ? FOUND::NONE : errno == ELOOP || errno == EISDIR ? FOUND::DAMAGED : FOUND::UNREADABLE;
     bytes.resize(LargestState);
-    ssize_t got = -1;
-    int why = 0;
-    const bool regular = fstat(fd, &about) == 0 && S_ISREG(about.st_mode);
-    if (regular && (got = pread(fd, bytes.data(), bytes.size(), 0)) < 0) why = errno;
-    close(fd);
+    const ssize_t got = pread(file.Get(), bytes.data(), bytes.size(), 0);
     bytes.resize(static_cast<size_t>(std::max<ssize_t>(got, 0)));
-    errno = why;
-    return why != 0 ? FOUND::UNREADABLE : regular ? FOUND::STATE : FOUND::DAMAGED;
+    return got < 0 ? FOUND::UNREADABLE : FOUND::STATE;
 }
 
 FOUND FindState(const std::string& path, FEED_STATE& state, std::string& damage) {
     std::string text;
-    damage = "not a regular file";
     const FOUND found = ReadBytes(path, text);
+    if (found == FOUND::DAMAGED) damage = win32::FileFault(errno);
     if (found != FOUND::STATE) return found;
     const json object = json::parse(text, nullptr, false);
     try {
@@ -157,11 +125,10 @@ bool IsFeedName(const std::string& name) {
 
 FEED_STATE_FILE::FEED_STATE_FILE(const std::string& feed, FEED_KIND feedKind) : name(feed), kind(feedKind) {
     const std::string folder = win32::MachinePath("feed");
-    MakeFolder(folder);
+    if (!win32::MakeRootFolder(folder, 0700) && errno != EEXIST) Fail("make", folder);
     const std::string path = Path("lock");
-    lock = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+    lock = win32::OpenRootFile(path, O_RDWR | O_CREAT, 0600);
     if (lock < 0) Fail("make", path);
-    win32::GiveToFolderOwner(lock, path);
     struct flock wanted = WholeFile(kind == FEED_KIND::FOLLOWER ? F_WRLCK : F_RDLCK);
     if (fcntl(lock, F_OFD_SETLK, &wanted) == 0) return;
     const bool held = errno == EAGAIN || errno == EACCES;
@@ -173,12 +140,9 @@ FEED_STATE_FILE::FEED_STATE_FILE(const std::string& feed, FEED_KIND feedKind) : 
 FEED_STATE_FILE::~FEED_STATE_FILE() { close(lock); }
 
 bool IsFeedRunning(const std::string& name) {
-    const int fd = open(FeedPath(name, "lock").c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
-    if (fd < 0) return false;
+    const win32::DESCRIPTOR file(win32::OpenRootFile(FeedPath(name, "lock"), O_RDONLY));
     struct flock other = WholeFile(F_WRLCK);
-    const bool held = fcntl(fd, F_OFD_GETLK, &other) == 0 && other.l_type != F_UNLCK;  // of a FIFO, never
-    close(fd);
-    return held;
+    return file && fcntl(file.Get(), F_OFD_GETLK, &other) == 0 && other.l_type != F_UNLCK;
 }
 
 std::string FeedPath(const std::string& name, const char* kind) {
@@ -197,17 +161,9 @@ bool LoadFeedState(const std::string& name, FEED_STATE& state) {
 }
 
 FEED_TURN::FEED_TURN(const std::string& name)
-    : fd(open(FeedPath(name, "writing").c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600)) {
-    if (fd < 0) return;
-    win32::GiveToFolderOwner(fd, FeedPath(name, "writing"));
-    while (flock(fd, LOCK_EX) != 0 && errno == EINTR) {
+    : file(win32::OpenRootFile(FeedPath(name, "writing"), O_RDWR | O_CREAT, 0600)) {
+    while (file && flock(file.Get(), LOCK_EX) != 0 && errno == EINTR) {
     }
-}
-
-FEED_TURN::~FEED_TURN() {
-    const int why = errno;
-    if (fd >= 0) close(fd);
-    errno = why;
 }
 
 bool FEED_STATE_FILE::Load(FEED_STATE& state, std::string& damage) const {
@@ -218,7 +174,7 @@ bool FEED_STATE_FILE::Load(FEED_STATE& state, std::string& damage) const {
     std::string fault;
     const std::string path = Path("state");
     if (FindState(path, state, fault) != FOUND::DAMAGED) return LoadFeedState(name, state);
-    if (std::rename(path.c_str(), Path("state.damaged").c_str()) != 0) Fail("set aside the damaged", path);
+    if (!win32::RenameRootFile(path, Path("state.damaged"))) Fail("set aside the damaged", path);
     damage = path + " is damaged (" + fault + "): set aside as " + Path("state.damaged") + ", the counts begin anew";
     return false;
 }
@@ -226,7 +182,7 @@ bool FEED_STATE_FILE::Load(FEED_STATE& state, std::string& damage) const {
 bool FEED_STATE_FILE::Save(FEED_STATE& state, FEED_COUNTS& added) const {
     const FEED_TURN turn(name);
     if (!turn) return false;
-    const std::string path = Path("state"), fresh = Path("state.new");
+    const std::string path = Path("state");
     FEED_STATE before;
     std::string damage;
     const FOUND found = FindState(path, before, damage);
@@ -235,15 +191,8 @@ bool FEED_STATE_FILE::Save(FEED_STATE& state, FEED_COUNTS& added) const {
     state.records = before.records + added.records;
     state.skipped = before.skipped + added.skipped;
     state.unreadable = before.unreadable + added.unreadable;
-    unlink(fresh.c_str());  // of a feed that was killed
-    const int fd = open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
-    if (fd < 0) return false;
-    win32::TakeOver(fd, path);
-    const bool whole = WriteAll(fd, StateText(state)) && fsync(fd) == 0;
-    const int why = errno;
-    close(fd);
-    errno = why;
-    if (!whole || std::rename(fresh.c_str(), path.c_str()) != 0) return false;
+    win32::REPLACEMENT_FILE fresh(path, 0600, ".new");
+    if (!fresh || !fresh.Write(StateText(state)) || !fresh.TakePlace()) return false;
     added = {};
     return SyncFolder(win32::MachinePath("feed"));
 }

@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "win32/sync/descriptor.h"
+
 // How far one file was read.
 struct FEED_PLACE {
     unsigned long long device = 0, inode = 0, offset = 0;
@@ -45,13 +47,10 @@ bool LoadFeedState(const std::string& name, FEED_STATE& state);
 class FEED_TURN {
 public:
     explicit FEED_TURN(const std::string& name);
-    ~FEED_TURN();
-    FEED_TURN(const FEED_TURN&) = delete;
-    FEED_TURN& operator=(const FEED_TURN&) = delete;
-    explicit operator bool() const { return fd >= 0; }
+    explicit operator bool() const { return static_cast<bool>(file); }
 
 private:
-    const int fd;
+    const win32::DESCRIPTOR file;
 };
 
 // A feed that follows a file runs alone. Streams have no place that two processes could dispute: any number of them

@@ -1,25 +1,25 @@
 #include "tools/keldwickctl/identity_list.h"
 
+#include <fcntl.h>
+
+#include <algorithm>
 #include <cerrno>
-#include <cstring>
-#include <filesystem>
+#include <cstdlib>
 #include <nlohmann/json.hpp>
 
 #include "tools/keldwickctl/commands.h"
 #include "win32/files/machine_root.h"
+#include "win32/files/root_files.h"
 
 using nlohmann::json;
 
 std::optional<IDENTITY_HEADING> IDENTITY_LIST::Open() {
     path = win32::MachinePath("Keldwick.identities");
-    std::error_code error;
-    const auto there = std::filesystem::symlink_status(path, error);
-    if (there.type() == std::filesystem::file_type::not_found) return std::nullopt;
-    if (there.type() != std::filesystem::file_type::regular)
-        throw COMMAND_ERROR(path + " is not a file of the agent's");
-    file.open(path, std::ios::binary);
-    if (!file) throw COMMAND_ERROR("cannot read " + path + ": " + std::strerror(errno));
-    std::getline(file, line);
+    const int descriptor = win32::OpenRootFile(path, O_RDONLY);
+    file.reset(descriptor >= 0 ? fdopen(descriptor, "r") : nullptr);
+    if (!file && errno == ENOENT) return std::nullopt;
+    if (!file) throw COMMAND_ERROR("cannot read " + path + ": " + win32::FileFault(errno));
+    NextLine();
     try {
         const json object = json::parse(line);
         const auto number = [&object](const char* name) { return object.at(name).get<int64_t>(); };
@@ -36,8 +36,17 @@ std::optional<IDENTITY_HEADING> IDENTITY_LIST::Open() {
     }
 }
 
+bool IDENTITY_LIST::NextLine() {
+    char* text = nullptr;
+    size_t room = 0;
+    const ssize_t length = getline(&text, &room, file.get());
+    line.assign(text != nullptr ? text : "", static_cast<size_t>(std::max<ssize_t>(length, 0)));
+    std::free(text);
+    return length >= 0;
+}
+
 bool IDENTITY_LIST::Next(LISTED_IDENTITY& identity) {
-    if (!std::getline(file, line)) return false;
+    if (!NextLine()) return false;
     try {
         const json object = json::parse(line);
         object.at("address").get_to(identity.address);

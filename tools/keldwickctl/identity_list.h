@@ -4,7 +4,8 @@
 #include <sys/types.h>
 
 #include <cstdint>
-#include <fstream>
+#include <cstdio>
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -34,7 +35,13 @@ public:
     bool Next(LISTED_IDENTITY& identity);
 
 private:
+    bool NextLine();
+
+    struct CLOSING {
+        void operator()(FILE* open) const { std::fclose(open); }
+    };
+
     std::string path;
-    std::ifstream file;
+    std::unique_ptr<FILE, CLOSING> file;
     std::string line;
 };

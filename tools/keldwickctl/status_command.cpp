@@ -1,15 +1,13 @@
 // keldwickctl status: what the agent is doing, for a person, a script, or a monitoring system.
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <memory>
 
 #include "tools/keldwickctl/commands.h"
 #include "tools/keldwickctl/status_report.h"
+#include "win32/files/root_files.h"
 
 namespace {
 
@@ -22,16 +20,9 @@ struct STATUS_OPTIONS {
 // program. The folder may be another program's, too: nothing that lies there is opened.
 void WriteWhole(const std::string& path, const std::string& text) {
     constexpr mode_t readableForAll = 0644;
-    std::string beside = path + ".XXXXXX";
-    const int fd = mkstemp(beside.data());
-    bool written = fd >= 0 && write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size()) &&
-                   fchmod(fd, readableForAll) == 0;
-    if (fd >= 0) written = close(fd) == 0 && written;
-    written = written && std::rename(beside.c_str(), path.c_str()) == 0;
-    if (written) return;
-    const std::string why = std::strerror(errno);
-    if (fd >= 0) unlink(beside.c_str());
-    throw COMMAND_ERROR("cannot write " + path + ": " + why);
+    win32::REPLACEMENT_FILE fresh(path, readableForAll);
+    if (!fresh || !fresh.Write(text) || fchmod(fresh.Descriptor(), readableForAll) != 0 || !fresh.TakePlace())
+        throw COMMAND_ERROR("cannot write " + path + ": " + win32::FileFault(errno));
 }
 
 void ShowStatus(const STATUS_OPTIONS& options) {

@@ -1,12 +1,14 @@
 #include "tools/keldwickctl/status_feeds.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <filesystem>
 
 #include "tools/keldwickctl/commands.h"
 #include "tools/keldwickctl/feed_follower.h"
 #include "tools/keldwickctl/feed_state.h"
 #include "win32/files/machine_root.h"
+#include "win32/files/root_files.h"
 
 namespace fs = std::filesystem;
 
@@ -50,13 +52,12 @@ FEED_STATUS ReadFeed(const std::string& name) {
 std::vector<FEED_STATUS> ReadFeeds() {
     std::vector<FEED_STATUS> feeds;
     const std::string folder = win32::MachinePath("feed");
-    std::error_code error;
-    for (fs::directory_iterator it(folder, error), end; !error && it != end; it.increment(error)) {
-        if (it->path().extension() == ".lock" && IsFeedName(it->path().stem().string()))
-            feeds.push_back(ReadFeed(it->path().stem().string()));
-    }
-    if (error && error != std::errc::no_such_file_or_directory)
-        throw COMMAND_ERROR("cannot look into " + folder + ": " + error.message());
+    std::vector<std::string> names;
+    if (!win32::ListRootFolder(folder, names) && errno != ENOENT)
+        throw COMMAND_ERROR("cannot look into " + folder + ": " + win32::FileFault(errno));
+    for (const fs::path file : names)
+        if (file.extension() == ".lock" && IsFeedName(file.stem().string()))
+            feeds.push_back(ReadFeed(file.stem().string()));
     std::sort(feeds.begin(), feeds.end(), [](const auto& a, const auto& b) { return a.name < b.name; });
     return feeds;
 }

@@ -12,6 +12,7 @@
 #include "win32/directory/directory_settings.h"
 #include "win32/directory/directory_text.h"
 #include "win32/directory/ldif_file.h"
+#include "win32/files/root_files.h"
 
 namespace win32 {
 
@@ -34,26 +35,24 @@ FILE_MARK MarkOf(const std::string& path, const struct stat& status) {
 }
 
 bool ReadWhole(const std::string& path, std::string& bytes, std::string& complaint) {
-    const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+    const DESCRIPTOR file(OpenRootFile(path, O_RDONLY | O_NONBLOCK));
     struct stat status {};
-    bool read = file >= 0 && fstat(file, &status) == 0;
+    bool read = file && fstat(file.Get(), &status) == 0;
     if (read && (!S_ISREG(status.st_mode) || static_cast<size_t>(status.st_size) > MaxLdifBytes)) {
         complaint = path + " is not a plain file of at most 256 MiB";
-        close(file);
         return false;
     }
     bytes.resize(read ? static_cast<size_t>(status.st_size) : 0);
     size_t got = 0;
     while (read && got < bytes.size()) {
-        const ssize_t count = ::read(file, bytes.data() + got, bytes.size() - got);
+        const ssize_t count = ::read(file.Get(), bytes.data() + got, bytes.size() - got);
         if (count < 0 && errno == EINTR) continue;
         read = count >= 0;
         if (count <= 0) break;
         got += static_cast<size_t>(count);
     }
     bytes.resize(got);
-    if (!read) complaint = path + " cannot be read: " + strerror(errno);
-    if (file >= 0) close(file);
+    if (!read) complaint = path + " cannot be read: " + FileFault(errno);
     return read;
 }
 

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "win32/files/root_files.h"
 #include "win32/text/last_error.h"
 
 namespace win32 {
@@ -52,7 +53,7 @@ DWORD EVT_STATE::SkipFiller(DWORD position) const {
 
 bool EVT_FILE::Open(const std::string& path, bool writable) {
     Close();
-    fd = open(path.c_str(), (writable ? O_RDWR : O_RDONLY) | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
+    fd = OpenRootFile(path, (writable ? O_RDWR : O_RDONLY) | O_NONBLOCK);
     if (fd < 0) return FailWithErrno();
     struct stat about;
     if (fstat(fd, &about) != 0 || !S_ISREG(about.st_mode)) {

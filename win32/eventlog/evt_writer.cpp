@@ -1,18 +1,15 @@
 #include "win32/eventlog/evt_writer.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <iterator>
 
 #include "win32/eventlog/evt_cursor.h"
-#include "win32/files/file_owner.h"
+#include "win32/files/root_files.h"
 #include "win32/text/last_error.h"
 
 namespace win32 {
@@ -30,40 +27,23 @@ DWORD LargestRun(DWORD limit) { return std::min(GatherBytes, (limit - EvtHeaderB
 
 bool Fits(DWORD length, DWORD limit) { return length + EvtEndBytes + RecordFixedBytes <= limit - EvtHeaderBytes; }
 
-// A new file beside the log that takes its place by a rename; removed again unless it did.
+// A new log beside the old one.
 class REPLACEMENT {
 public:
-    explicit REPLACEMENT(const std::string& path) : target(path), name(path + ".XXXXXX") {
-        const int fd = mkstemp(name.data());
-        if (fd < 0) {
-            error = ErrorFromErrno(errno);
-            return;
-        }
-        fchmod(fd, LogMode);
-        TakeOver(fd, path);
-        close(fd);
-        made = true;
-        if (!file.Open(name, true)) error = GetLastError();
-    }
-    ~REPLACEMENT() {
-        if (made) unlink(name.c_str());
+    explicit REPLACEMENT(const std::string& path) : beside(path, LogMode) {
+        if (!beside) FailWithErrno();
+        if (!beside || !file.Open(beside.Path(), true)) error = GetLastError();
     }
     explicit operator bool() const { return file.IsOpen() || FailWith(error); }
 
-    bool TakePlace() {
-        if (rename(name.c_str(), target.c_str()) != 0) return FailWithErrno();
-        made = false;
-        return true;
-    }
+    bool TakePlace() { return beside.TakePlace() || FailWithErrno(); }
     // Takes the place only if nothing is there.
-    bool TakeFreePlace() { return link(name.c_str(), target.c_str()) == 0 || errno == EEXIST || FailWithErrno(); }
+    bool TakeFreePlace() { return beside.TakeFreePlace() || errno == EEXIST || FailWithErrno(); }
 
     EVT_FILE file;
 
 private:
-    const std::string target;
-    std::string name;
-    bool made = false;
+    REPLACEMENT_FILE beside;
     DWORD error = ERROR_SUCCESS;
 };
 
@@ -77,9 +57,8 @@ EVT_STATE EmptyState(DWORD maxSize) {
 bool StoreBoth(EVT_FILE& file, const EVT_STATE& state) { return file.StoreEnd(state) && file.StoreHeader(state); }
 
 bool CopyFile(const EVT_FILE& from, const std::string& to) {
-    const int fd = open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, LogMode);
-    if (fd < 0) return FailWithErrno();
-    close(fd);
+    const DESCRIPTOR made(OpenRootFile(to, O_WRONLY | O_CREAT | O_EXCL, LogMode));
+    if (!made) return FailWithErrno();
     EVT_FILE copy;
     bool good = copy.Open(to, true);
     BYTES bytes(GatherBytes);
@@ -88,7 +67,7 @@ bool CopyFile(const EVT_FILE& from, const std::string& to) {
         good = from.ReadAt(at, bytes.data(), count) && copy.WriteAt(at, bytes.data(), count);
         at += count;
     }
-    if (!good) unlink(to.c_str());
+    if (!good) RemoveRootFile(to);
     return good;
 }
 

@@ -1,14 +1,14 @@
 #include "win32/eventlog/log_names.h"
 
-#include <dirent.h>
-#include <sys/stat.h>
 #include <unistd.h>
 #include <windows.h>
 
 #include <cerrno>
+#include <vector>
 
 #include "win32/eventlog/evt_format.h"
 #include "win32/files/machine_root.h"
+#include "win32/files/root_files.h"
 #include "win32/text/last_error.h"
 #include "win32/text/utf.h"
 
@@ -25,18 +25,16 @@ bool IsLogName(const std::string& name) {
 
 std::string FileOfName(const std::string& name) { return MachinePath("eventlog/" + name + Extension); }
 
-// The name of the log's file whose letters differ in case only; empty when there is none.
+// The name of the log's file whose letters differ in case only; empty when there is none, last error set.
 std::string FoldedMatch(std::u16string_view name) {
     std::string match;
-    DIR* folder = opendir(MachinePath("eventlog").c_str());
-    if (folder == nullptr) return match;
-    while (const dirent* entry = readdir(folder)) {
-        std::string_view file = entry->d_name;
+    std::vector<std::string> names;
+    SetLastError(ListRootFolder(MachinePath("eventlog"), names) ? ERROR_FILE_NOT_FOUND : ErrorFromErrno(errno));
+    for (std::string_view file : names) {
         if (!file.ends_with(Extension)) continue;
         file.remove_suffix(sizeof(Extension) - 1);
         if (SameName(ToUtf16(file), name) && (match.empty() || file < match)) match = file;
     }
-    closedir(folder);
     return match;
 }
 
@@ -55,9 +53,7 @@ std::string LogFile(std::u16string_view name) {
     }
     if (access(FileOfName(plain).c_str(), F_OK) == 0 || errno != ENOENT) return FileOfName(plain);
     const std::string match = FoldedMatch(name);
-    if (!match.empty()) return FileOfName(match);
-    SetLastError(ERROR_FILE_NOT_FOUND);
-    return {};
+    return match.empty() ? std::string() : FileOfName(match);
 }
 
 std::string NewLogFile(std::u16string_view name) {
@@ -66,7 +62,7 @@ std::string NewLogFile(std::u16string_view name) {
         SetLastError(ERROR_INVALID_NAME);
         return {};
     }
-    if (mkdir(MachinePath("eventlog").c_str(), 0755) != 0 && errno != EEXIST) {
+    if (!MakeRootFolder(MachinePath("eventlog"), 0755) && errno != EEXIST) {
         FailWithErrno();
         return {};
     }

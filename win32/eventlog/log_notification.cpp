@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include "win32/eventlog/evt_format.h"
+#include "win32/files/root_files.h"
 
 namespace win32 {
 
@@ -16,16 +17,15 @@ LOG_NOTIFICATION::LOG_NOTIFICATION(const std::string& path, const std::shared_pt
 
 LOG_NOTIFICATION::MARK LOG_NOTIFICATION::Look() const {
     MARK mark;
-    const int fd = open(log.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    if (fd < 0) return mark;
+    const DESCRIPTOR file(OpenRootFile(log, O_RDONLY | O_NONBLOCK));
+    if (!file) return mark;
     struct stat about;
     EVT_HEADER header;
-    if (fstat(fd, &about) == 0) {
+    if (fstat(file.Get(), &about) == 0) {
         mark.device = about.st_dev;
         mark.file = about.st_ino;
     }
-    if (pread(fd, &header, sizeof(header), 0) == sizeof(header)) mark.current = header.current;
-    close(fd);
+    if (pread(file.Get(), &header, sizeof(header), 0) == sizeof(header)) mark.current = header.current;
     return mark;
 }
 

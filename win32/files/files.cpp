@@ -4,21 +4,16 @@
 #include <windows.h>
 
 #include <cerrno>
+#include <mutex>
 #include <string>
 
 #include "win32/files/file_object.h"
-#include "win32/files/file_owner.h"
-#include "win32/files/machine_root.h"
+#include "win32/files/root_files.h"
 #include "win32/files/standard_stream.h"
 #include "win32/text/last_error.h"
+#include "win32/text/utf.h"
 
 namespace {
-
-// What a successful open reports through the last error besides the handle.
-struct OPENED {
-    int descriptor = -1;
-    bool existed = false;
-};
 
 int AccessFlags(DWORD access) {
     const bool reads = (access & (GENERIC_READ | FILE_READ_DATA)) != 0;
@@ -30,28 +25,22 @@ int AccessFlags(DWORD access) {
     return flags;
 }
 
-// The machine root is its owner's. Where root works in another user's, it follows no link that this user may have laid,
-// and what it makes there is for the owner and his group.
-bool IsInMachineRoot(const std::string& path) { return path.starts_with(win32::MachinePath("")); }
+// The host's flags; nothing is truncated by the open.
+int DispositionFlags(DWORD disposition) {
+    if (disposition == CREATE_NEW) return O_CREAT | O_EXCL;
+    return disposition == CREATE_ALWAYS || disposition == OPEN_ALWAYS ? O_CREAT : 0;
+}
 
-// Opens what exists or makes it, and knows which of the two it was although others create and delete meanwhile.
-// Nothing is truncated yet. errno says why there is no descriptor.
-OPENED OpenFile(const std::string& path, int flags, DWORD disposition) {
-    const bool inRoot = IsInMachineRoot(path);
-    const mode_t mode = inRoot ? 0640 : 0644;
-    if (inRoot && geteuid() == 0) flags |= O_NOFOLLOW;
-    constexpr int maxRaces = 100;
-    const bool creates = disposition != OPEN_EXISTING && disposition != TRUNCATE_EXISTING;
-    for (int race = 0; race < maxRaces; ++race) {
-        if (creates) {
-            const int made = open(path.c_str(), flags | O_CREAT | O_EXCL, mode);
-            if (made >= 0 && inRoot) win32::GiveToFolderOwner(made, path);
-            if (made >= 0 || errno != EEXIST || disposition == CREATE_NEW) return {made, false};
-        }
-        const int found = open(path.c_str(), flags);
-        if (found >= 0 || errno != ENOENT || !creates) return {found, true};
-    }
-    return {};
+// Why a file of the machine root is refused no error code tells.
+void ComplainOnce(const std::string& fault) {
+    static std::mutex lock;
+    static std::string& last = *new std::string;
+    const std::lock_guard guard(lock);
+    if (fault == last) return;
+    last = fault;
+    const DWORD error = GetLastError();
+    OutputDebugStringW(win32::ToUtf16("Not opened: " + fault + ".\n").c_str());
+    SetLastError(error);
 }
 
 HANDLE NoFile(DWORD error) {
@@ -77,24 +66,28 @@ HANDLE WINAPI CreateFileW(LPCWSTR path, DWORD access, DWORD share, LPSECURITY_AT
     std::string host;
     if (!win32::ResolvePath(path, host)) return INVALID_HANDLE_VALUE;
 
-    const OPENED opened = OpenFile(host, AccessFlags(access), disposition);
-    if (opened.descriptor < 0) {
+    bool made = false;
+    const mode_t mode = win32::IsInMachineRoot(host) ? 0640 : 0644;  // in a root for its owner and his group
+    const int descriptor = win32::OpenRootFile(host, AccessFlags(access) | DispositionFlags(disposition), mode, &made);
+    if (descriptor < 0) {
         if (errno == EEXIST) return NoFile(ERROR_FILE_EXISTS);
+        const std::string refused = errno == ELOOP ? win32::FileFault(ELOOP) : std::string();
         win32::FailOnPath(host);
+        if (!refused.empty()) ComplainOnce(refused);
         return INVALID_HANDLE_VALUE;
     }
     struct stat status;
-    if (fstat(opened.descriptor, &status) != 0) return CloseAndFail(opened.descriptor, ERROR_GEN_FAILURE);
-    if (S_ISDIR(status.st_mode)) return CloseAndFail(opened.descriptor, ERROR_ACCESS_DENIED);
+    if (fstat(descriptor, &status) != 0) return CloseAndFail(descriptor, ERROR_GEN_FAILURE);
+    if (S_ISDIR(status.st_mode)) return CloseAndFail(descriptor, ERROR_ACCESS_DENIED);
     auto sharing = std::make_unique<win32::FILE_SHARE>(status, access, share);
-    if (!sharing->Granted()) return CloseAndFail(opened.descriptor, ERROR_SHARING_VIOLATION);
-    const bool truncates = opened.existed && (disposition == CREATE_ALWAYS || disposition == TRUNCATE_EXISTING);
-    if (truncates && ftruncate(opened.descriptor, 0) != 0 && errno != EINVAL)  // EINVAL: a pipe or a device
-        return CloseAndFail(opened.descriptor, win32::ErrorFromErrno(errno));
+    if (!sharing->Granted()) return CloseAndFail(descriptor, ERROR_SHARING_VIOLATION);
+    const bool truncates = !made && (disposition == CREATE_ALWAYS || disposition == TRUNCATE_EXISTING);
+    if (truncates && ftruncate(descriptor, 0) != 0 && errno != EINVAL)  // EINVAL: a pipe or a device
+        return CloseAndFail(descriptor, win32::ErrorFromErrno(errno));
 
-    const HANDLE handle = win32::NewHandle(std::make_shared<win32::FILE_OBJECT>(opened.descriptor, std::move(sharing)));
+    const HANDLE handle = win32::NewHandle(std::make_shared<win32::FILE_OBJECT>(descriptor, std::move(sharing)));
     const bool tells = disposition == CREATE_ALWAYS || disposition == OPEN_ALWAYS;
-    SetLastError(tells && opened.existed ? ERROR_ALREADY_EXISTS : ERROR_SUCCESS);
+    SetLastError(tells && !made ? ERROR_ALREADY_EXISTS : ERROR_SUCCESS);
     return handle;
 }
 

@@ -16,19 +16,11 @@
 #include "win32/files/file_object.h"
 #include "win32/files/machine_root.h"
 #include "win32/files/own_module.h"
+#include "win32/files/root_files.h"
 #include "win32/text/last_error.h"
 #include "win32/text/utf.h"
 
 namespace {
-
-// rename that never replaces; 0 or -1 with errno, EEXIST for a target that is there.
-int RenameToFree(const std::string& from, const std::string& to) {
-    if (renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) return 0;
-    if (errno != EINVAL && errno != ENOSYS) return -1;
-    // The file system cannot do it in one step: a second name, then the first goes away.
-    if (link(from.c_str(), to.c_str()) != 0) return -1;
-    return unlink(from.c_str());
-}
 
 // False with the last error: the file is not there, or somebody in this process holds it without sharing deletion.
 bool MayGoAway(const std::string& host) {
@@ -100,7 +92,7 @@ BOOL WINAPI MoveFileW(LPCWSTR from, LPCWSTR to) {
     std::string source;
     std::string target;
     if (!win32::ResolvePath(from, source) || !win32::ResolvePath(to, target) || !MayGoAway(source)) return FALSE;
-    return RenameToFree(source, target) == 0 || win32::FailOnPath(target);
+    return win32::RenameRootFileToFree(source, target) || win32::FailOnPath(target);
 }
 
 BOOL WINAPI MoveFileExW(LPCWSTR from, LPCWSTR to, DWORD flags) {
@@ -113,19 +105,19 @@ BOOL WINAPI MoveFileExW(LPCWSTR from, LPCWSTR to, DWORD flags) {
     const bool replaces = stat(target.c_str(), &status) == 0;
     if (replaces && (S_ISDIR(status.st_mode) || !win32::FILE_SHARE::AllowsDelete(status)))
         return win32::FailWith(ERROR_ACCESS_DENIED);
-    return rename(source.c_str(), target.c_str()) == 0 || win32::FailOnPath(target);
+    return win32::RenameRootFile(source, target) || win32::FailOnPath(target);
 }
 
 BOOL WINAPI DeleteFileW(LPCWSTR path) {
     std::string host;
     if (!win32::ResolvePath(path, host) || !MayGoAway(host)) return FALSE;
-    return unlink(host.c_str()) == 0 || win32::FailOnPath(host);
+    return win32::RemoveRootFile(host) || win32::FailOnPath(host);
 }
 
 BOOL WINAPI CreateDirectoryW(LPCWSTR path, LPSECURITY_ATTRIBUTES) {
     std::string host;
     if (!win32::ResolvePath(path, host)) return FALSE;
-    if (mkdir(host.c_str(), 0755) == 0) return TRUE;
+    if (win32::MakeRootFolder(host, 0755)) return TRUE;
     return win32::FailWith(errno == ENOENT ? ERROR_PATH_NOT_FOUND : win32::ErrorFromErrno(errno));
 }
 

@@ -1,9 +1,9 @@
 #include "win32/registry/store.h"
 
-#include "win32/files/file_owner.h"
 #include "win32/files/file_watch.h"
 #include "win32/files/file_writer.h"
 #include "win32/files/machine_root.h"
+#include "win32/files/root_files.h"
 #include "win32/registry/reg_text.h"
 #include "win32/sync/descriptor.h"
 #include "win32/text/last_error.h"
@@ -14,7 +14,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
 #include <map>
 #include <optional>
 #include <utility>
@@ -47,24 +46,6 @@ DWORD TakeLock(int descriptor) {
         usleep(LockPauseUs);
     }
     return ERROR_LOCK_VIOLATION;
-}
-
-bool WriteAll(int descriptor, const std::string& bytes) {
-    for (size_t done = 0; done < bytes.size();) {
-        const ssize_t count = write(descriptor, bytes.data() + done, bytes.size() - done);
-        if (count < 0 && errno == EINTR) continue;
-        if (count < 0) return false;
-        done += static_cast<size_t>(count);
-    }
-    return true;
-}
-
-// The file that a link stands for, so that a change does not put a file in the link's place.
-std::string LinkTarget(const std::string& path) {
-    char* const real = realpath(path.c_str(), nullptr);
-    std::string target = real != nullptr ? real : path;
-    free(real);
-    return target;
 }
 
 }  // namespace
@@ -154,7 +135,7 @@ DWORD REG_STORE::Look(FOUND& found) {
     seen = found.identity;
     if (failure != 0 && failure != ENOENT) {
         const DWORD error = ErrorFromErrno(failure);
-        SetProblem(path + ": cannot be read, error " + std::to_string(error));
+        SetProblem(path + ": cannot be read, " + FileFault(failure));
         return error;
     }
     if (found.writer == FILE_WRITER::HELD) return WaitForWriter();
@@ -207,7 +188,7 @@ bool REG_STORE::Overdue(ULONGLONG begin) const {
 
 // False: errno says why.
 bool REG_STORE::ReadFile(FOUND& found) {
-    found.file = DESCRIPTOR(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    found.file = DESCRIPTOR(OpenRootFile(path, O_RDONLY));
     struct stat status;
     if (!found.file || fstat(found.file.Get(), &status) != 0) return false;
     found.identity = IdentityOf(status);
@@ -235,21 +216,19 @@ DWORD REG_STORE::Change(const std::function<DWORD(REG_TREE&)>& edit) {
 
 DWORD REG_STORE::ChangeFile(const std::function<DWORD(REG_TREE&)>& edit) {
     const std::lock_guard writer(writing);
-    const std::string file = LinkTarget(path);
-    const DESCRIPTOR lockFile(open((file + ".lock").c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, FileMode));
+    const DESCRIPTOR lockFile(OpenRootFile(path + ".lock", O_RDONLY | O_CREAT, FileMode));
     if (!lockFile) return ErrorFromErrno(errno);
-    TakeOver(lockFile.Get(), file);
     if (const DWORD error = TakeLock(lockFile.Get()); error != ERROR_SUCCESS) return error;
 
     for (const ULONGLONG begin = GetTickCount64();; usleep(LockPauseUs)) {
-        const DWORD error = TryChange(file, edit);
+        const DWORD error = TryChange(edit);
         const std::lock_guard guard(lock);
         if (error != ERROR_SHARING_VIOLATION || Overdue(begin)) return error;
     }
 }
 
 // ERROR_SHARING_VIOLATION: the file has another writer, who goes first.
-DWORD REG_STORE::TryChange(const std::string& file, const std::function<DWORD(REG_TREE&)>& edit) {
+DWORD REG_STORE::TryChange(const std::function<DWORD(REG_TREE&)>& edit) {
     FOUND found;
     {
         const std::lock_guard guard(lock);
@@ -264,30 +243,20 @@ DWORD REG_STORE::TryChange(const std::string& file, const std::function<DWORD(RE
     if (after.size() > MaxFileBytes) return ERROR_NO_SYSTEM_RESOURCES;
     if (after == found.bytes) return ERROR_SUCCESS;
     IDENTITY written;
-    if (const DWORD error = Replace(file, after, found, written); error != ERROR_SUCCESS) return error;
+    if (const DWORD error = Replace(after, found, written); error != ERROR_SUCCESS) return error;
     const std::lock_guard guard(lock);
     Take(std::move(found.tree), written);
     return ERROR_SUCCESS;
 }
 
-DWORD REG_STORE::Replace(const std::string& file, const std::string& bytes, const FOUND& old, IDENTITY& written) const {
-    const std::string beside = file + ".new";
-    unlink(beside.c_str());  // left behind by a crash; under the lock it is nobody's
-    const DESCRIPTOR fresh(open(beside.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, FileMode));
-    if (!fresh) return ErrorFromErrno(errno);
-    TakeOver(fresh.Get(), file);
-    DWORD error = ERROR_SUCCESS;
-    if (!WriteAll(fresh.Get(), bytes) || fsync(fresh.Get()) != 0) {
-        error = ErrorFromErrno(errno);
-    } else if (!Unchanged(old)) {  // getting it on the disk takes its time
-        error = ERROR_SHARING_VIOLATION;
-    } else if (rename(beside.c_str(), file.c_str()) != 0) {
-        error = ErrorFromErrno(errno);
-    }
-    if (error != ERROR_SUCCESS) unlink(beside.c_str());
+DWORD REG_STORE::Replace(const std::string& bytes, const FOUND& old, IDENTITY& written) const {
+    REPLACEMENT_FILE fresh(path, FileMode, ".new");
+    if (!fresh || !fresh.Write(bytes)) return ErrorFromErrno(errno);
+    if (!Unchanged(old)) return ERROR_SHARING_VIOLATION;  // getting it on the disk takes its time
+    if (!fresh.TakePlace()) return ErrorFromErrno(errno);
     struct stat status{};
-    if (fstat(fresh.Get(), &status) == 0) written = IdentityOf(status);
-    return error;
+    if (fstat(fresh.Descriptor(), &status) == 0) written = IdentityOf(status);
+    return ERROR_SUCCESS;
 }
 
 // Whether the file is the one that was found, and nobody waits to write it.

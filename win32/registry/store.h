@@ -73,8 +73,8 @@ private:
     bool Overdue(ULONGLONG begin) const;
     bool ReadFile(FOUND& found);
     DWORD ChangeFile(const std::function<DWORD(REG_TREE&)>& edit);
-    DWORD TryChange(const std::string& file, const std::function<DWORD(REG_TREE&)>& edit);
-    DWORD Replace(const std::string& file, const std::string& bytes, const FOUND& old, IDENTITY& written) const;
+    DWORD TryChange(const std::function<DWORD(REG_TREE&)>& edit);
+    DWORD Replace(const std::string& bytes, const FOUND& old, IDENTITY& written) const;
     bool Unchanged(const FOUND& found) const;
     void SetProblem(std::string text);
     void Announce();

@@ -69,7 +69,7 @@ DWORD ErrorFromErrno(int number) {
         case ENAMETOOLONG:
             return ERROR_FILENAME_EXCED_RANGE;
         case ELOOP:
-            return ERROR_CANTOPEN;
+            return ERROR_CANT_ACCESS_FILE;
         case EFBIG:
             return ERROR_FILE_TOO_LARGE;
         case EOVERFLOW:

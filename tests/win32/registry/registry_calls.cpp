@@ -40,9 +40,9 @@ int __wrap_fsync(int file) {
     return fsyncFailure == 0 ? __real_fsync(file) : Fail(fsyncFailure);
 }
 
-int __real_rename(const char* from, const char* to);
-int __wrap_rename(const char* from, const char* to) {
-    return renameFailure == 0 ? __real_rename(from, to) : Fail(renameFailure);
+int __real_renameat(int fromFolder, const char* from, int toFolder, const char* to);
+int __wrap_renameat(int fromFolder, const char* from, int toFolder, const char* to) {
+    return renameFailure == 0 ? __real_renameat(fromFolder, from, toFolder, to) : Fail(renameFailure);
 }
 
 int __real_usleep(useconds_t time);

@@ -3,6 +3,7 @@
 #include "tests/support/temporary_root.h"
 #include "tests/win32/registry/registry_test.h"
 #include "win32/registry/linux_settings.h"
+#include "win32/registry/store.h"
 #include "win32/registry/tree.h"
 #include "win32/text/utf.h"
 
@@ -205,15 +206,27 @@ TEST_F(Registry, AFailedWriteSaysWhyAndLeavesTheOldFile) {
     EXPECT_FALSE(std::filesystem::exists(root.Path(File + ".new")));
 }
 
-TEST_F(Registry, TheFileKeepsItsModeAndALinkStaysALink) {
-    root.Write("elsewhere/real.reg", Settings(""));
-    chmod(root.Path("elsewhere/real.reg").c_str(), 0600);
-    std::filesystem::create_symlink("elsewhere/real.reg", root.Path(File));
+TEST_F(Registry, TheFileKeepsItsMode) {
+    root.Write(File, Settings(""));
+    chmod(root.Path(File).c_str(), 0600);
     const KEY key;
     EXPECT_EQ(ERROR_SUCCESS, SetNumber(key, u"Heartbeat", 1));
-    EXPECT_TRUE(std::filesystem::is_symlink(root.Path(File)));
     EXPECT_EQ(std::filesystem::perms(0600), std::filesystem::status(root.Path(File)).permissions());
     EXPECT_EQ(1, Number(key, u"Heartbeat"));
+}
+
+TEST_F(Registry, ALinkInTheFilesPlaceIsNotFollowedAndNotReplaced) {
+    root.Write("elsewhere/real.reg", Settings(""));
+    const KEY key;
+    std::filesystem::remove(root.Path(File));
+    std::filesystem::create_symlink("elsewhere/real.reg", root.Path(File));
+    EXPECT_EQ(ERROR_CANT_ACCESS_FILE, SetNumber(key, u"Heartbeat", 1));
+    EXPECT_TRUE(std::filesystem::is_symlink(root.Path(File)));
+    EXPECT_EQ(Settings(""), root.Read("elsewhere/real.reg"));
+    EXPECT_NE(nullptr, win32::REG_STORE::Current().Tree()) << "the last good one";
+    EXPECT_EQ(root.Path(File) + ": cannot be read, " + root.Path(File) +
+                  " is a link; in a machine root only plain files are opened",
+              win32::REG_STORE::Current().Problem());
 }
 
 TEST_F(Registry, ProcessesAndThreadsWritingAtOnceLoseNothing) {

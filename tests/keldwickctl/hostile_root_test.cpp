@@ -1,0 +1,149 @@
+// Root's commands in a machine root that another account owns, and what that account may have laid there.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <tuple>
+
+#include "tests/keldwickctl/program.h"
+
+namespace fs = std::filesystem;
+using testing::HasSubstr;
+
+namespace {
+
+constexpr uid_t Attacker = 65534;
+
+class HostileRoot : public testing::Test {
+protected:
+    void SetUp() override {
+        if (geteuid() != 0) GTEST_SKIP() << "only root can work in another account's folder";
+        victim = elsewhere.Path("victim");
+        elsewhere.Write("victim", "secret\n");
+        ASSERT_EQ(0, chmod(victim.c_str(), 0600));
+        ASSERT_EQ(0, chown(root.Path("").c_str(), Attacker, Attacker));
+        ASSERT_EQ(0, RunKeldwickctl(root, Words("init")).exitCode);
+    }
+
+    std::tuple<uid_t, gid_t, mode_t, std::string> Victim() const {
+        struct stat about = {};
+        stat(victim.c_str(), &about);
+        return {about.st_uid, about.st_gid, about.st_mode, elsewhere.Read("victim")};
+    }
+
+    // What there is beside the victim now, which must be nothing.
+    bool IsElsewhereAsItWas() const {
+        return std::distance(fs::directory_iterator(elsewhere.Path("")), fs::directory_iterator()) == 1;
+    }
+
+    const TEMPORARY_ROOT elsewhere, root;
+    std::string victim;
+};
+
+struct HOSTILE {
+    const char* name;
+    std::function<void(const std::string& path)> lay;
+    const char* reason;
+};
+
+TEST_F(HostileRoot, NothingLaidInAFilesPlaceIsTouchedOrWaitedFor) {
+    const HOSTILE things[] = {
+        {"link", [&](const std::string& path) { fs::create_symlink(victim, path); }, " is a link; "},
+        {"dangling link", [&](const std::string& path) { fs::create_symlink(elsewhere.Path("new"), path); },
+         " is a link; "},
+        {"hard link", [&](const std::string& path) { fs::create_hard_link(victim, path); }, " has another name, "},
+        {"pipe", [](const std::string& path) { mkfifo(path.c_str(), 0666); }, " is a pipe; "},
+    };
+    const struct {
+        const char *command, *path;
+        bool named;  // the command says what it met
+    } cases[] = {
+        {"settings set Heartbeat 5", "registry.reg", true},
+        {"settings set Heartbeat 6", "registry.reg.lock", true},
+        {"settings set Heartbeat 7", "registry.reg.new", false},
+        {"settings list", "registry.reg", true},
+        {"events write --id 4624 -- one", "eventlog/Security.evt", true},
+        {"events list", "eventlog/Security.evt", true},
+        {"events clear", "eventlog/Security.evt", true},
+        {"init", "eventlog/Security.evt", false},
+        {"feed json --name f", "feed/f.lock", true},
+        {"feed json --name f", "feed/f.writing", true},
+        {"feed json --name f", "feed/f.state", false},
+        {"feed json --name f", "feed/f.state.new", false},
+        {"feed json --name f", "feed/f.state.damaged", false},
+        {"status", "feed/f.lock", false},
+        {"status", "feed/f.state", true},
+        {"directory lookup CORP\\ann", "directory.ldif", false},
+    };
+    ASSERT_EQ(0, RunKeldwickctl(root, Words("feed json --name f")).exitCode);
+    const auto before = Victim();
+    for (const auto& c : cases) {
+        for (const HOSTILE& thing : things) {
+            SCOPED_TRACE(testing::Message() << c.command << ": " << c.path << " is a " << thing.name);
+            const std::string path = root.Path(c.path), kept = root.Path("kept");
+            std::error_code none;
+            fs::rename(path, kept, none);
+            thing.lay(path);
+            if (fs::hard_link_count(victim) == 1) {
+                ASSERT_EQ(0, lchown(path.c_str(), Attacker, Attacker));
+            }
+            const OUTCOME outcome = RunKeldwickctl(root, Words(c.command));
+            EXPECT_NE(-1, outcome.exitCode) << "it did not end";
+            if (c.named) {
+                EXPECT_THAT(outcome.out + outcome.error, HasSubstr(path + thing.reason));
+            }
+            EXPECT_EQ(before, Victim());
+            EXPECT_TRUE(IsElsewhereAsItWas());
+            fs::remove(path, none);
+            fs::rename(kept, path, none);
+        }
+    }
+}
+
+TEST_F(HostileRoot, AFolderThatIsAnothersLinkIsRefused) {
+    const struct {
+        const char *command, *folder;
+    } cases[] = {{"init", "eventlog"},
+                 {"events write --id 4624 -- one", "eventlog"},
+                 {"events list", "eventlog"},
+                 {"feed json --name f", "feed"},
+                 {"status", "feed"}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << c.command << " " << c.folder);
+        ASSERT_EQ(0, RunKeldwickctl(root, Words("init")).exitCode);
+        fs::remove_all(root.Path(c.folder));
+        fs::create_directory_symlink(elsewhere.Path(""), root.Path(c.folder));
+        ASSERT_EQ(0, lchown(root.Path(c.folder).c_str(), Attacker, Attacker));
+        const OUTCOME outcome = RunKeldwickctl(root, Words(c.command));
+        EXPECT_THAT(outcome.out + outcome.error, HasSubstr(root.Path(c.folder) + " is a link of another account; "));
+        EXPECT_TRUE(IsElsewhereAsItWas());
+        fs::remove(root.Path(c.folder));
+    }
+}
+
+TEST_F(HostileRoot, AnAdministratorsLinkLeadsTheLogsToAnotherDisk) {
+    fs::remove_all(root.Path("eventlog"));
+    ASSERT_EQ(0, chown(elsewhere.Path("").c_str(), Attacker, Attacker));
+    fs::create_directory_symlink(elsewhere.Path(""), root.Path("eventlog"));
+    EXPECT_EQ(0, RunKeldwickctl(root, Words("init")).exitCode);
+    EXPECT_EQ(0, RunKeldwickctl(root, Words("events write --id 4624 -- one")).exitCode);
+    struct stat log = {};
+    EXPECT_EQ(0, stat(elsewhere.Path("Security.evt").c_str(), &log));
+    EXPECT_EQ(Attacker, log.st_uid) << "the agent's, as the folder is";
+}
+
+TEST_F(HostileRoot, TheFiguresAreWrittenThroughNoLinkOfAnotherAccount) {
+    fs::create_directory(root.Path("exporter"));
+    fs::create_directory_symlink(elsewhere.Path(""), root.Path("exporter/out"));
+    ASSERT_EQ(0, lchown(root.Path("exporter/out").c_str(), Attacker, Attacker));
+    const OUTCOME outcome = RunKeldwickctl(root, Words("status --prometheus", {root.Path("exporter/out/k.prom")}));
+    EXPECT_EQ(1, outcome.exitCode);
+    EXPECT_THAT(outcome.error, HasSubstr(root.Path("exporter/out") + " is a link of another account; "));
+    EXPECT_TRUE(IsElsewhereAsItWas());
+}
+
+}  // namespace

@@ -1,0 +1,69 @@
+// Everything that the layer and its tools open, make, rename or remove in a machine root.
+//
+// The root may be another account's than the one that works in it: root's commands run in the agent's. A file of it is
+// therefore a plain file with one name: never a link, whoever laid it, never a second name of a file that may lie
+// elsewhere, never a pipe. A folder may be a link of root's or of the calling user's. What root has made goes to the
+// owner of the folder it lies in, so that the agent can go on with it; nothing else ever changes its owner.
+//
+// A path outside the machine root is its caller's word, and is taken as open(2) and its like take it.
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "win32/files/root_place.h"
+
+namespace win32 {
+
+// As open(2), and never waits. The descriptor is the caller's, closed by exec; O_TRUNC is for the caller to do, with
+// ftruncate. `made`: whether this call has made the file. -1: errno says why, ELOOP for what is refused (FileFault).
+int OpenRootFile(const std::string& path, int flags, mode_t mode = 0, bool* made = nullptr);
+
+// False: errno says why, EEXIST when something is there already.
+bool MakeRootFolder(const std::string& path, mode_t mode);
+
+// A folder that is there, open for reading. None: errno says why.
+DESCRIPTOR OpenRootFolder(const std::string& path);
+
+// The names in a folder, in no order. False: errno says why.
+bool ListRootFolder(const std::string& path, std::vector<std::string>& names);
+
+// False: errno says why. A rename to a free name gives EEXIST for one that is taken.
+bool RenameRootFile(const std::string& from, const std::string& to);
+bool RenameRootFileToFree(const std::string& from, const std::string& to);
+bool RemoveRootFile(const std::string& path);
+
+// A new file beside another whose place it takes, in a machine root with that one's owner and permissions as far as
+// this process may give them. Outside one, too, its folder is reached through no link of another account's. It is
+// removed again unless it took the place.
+class REPLACEMENT_FILE {
+public:
+    // `ending` is put behind the path for the new file's name: a fixed one, when the caller holds a lock and what a
+    // crash left behind is to go, or else one that nobody can foresee. `mode` counts when there is no file yet.
+    REPLACEMENT_FILE(const std::string& path, mode_t mode, const std::string& ending = {});
+    ~REPLACEMENT_FILE();
+    REPLACEMENT_FILE(const REPLACEMENT_FILE&) = delete;
+    REPLACEMENT_FILE& operator=(const REPLACEMENT_FILE&) = delete;
+
+    // These are false when it could not be done; errno says why.
+    explicit operator bool() const { return static_cast<bool>(file); }
+    bool Write(std::string_view bytes);  // all of them, on the disk when it returns
+    bool TakePlace();
+    bool TakeFreePlace();  // EEXIST: the place is taken
+
+    int Descriptor() const { return file.Get(); }
+    const std::string& Path() const { return path; }  // of the new file
+
+private:
+    void TakeOver();
+
+    const ROOT_PLACE place;
+    std::string path, name;
+    DESCRIPTOR file;
+    bool beside = false;
+};
+
+}  // namespace win32
