@@ -1,5 +1,7 @@
 #include "win32/files/file_object.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -10,6 +12,7 @@
 #include <vector>
 
 #include "win32/files/machine_root.h"
+#include "win32/files/root_files.h"
 #include "win32/text/last_error.h"
 
 namespace win32 {
@@ -42,10 +45,17 @@ DWORD AsShareBits(DWORD access) {
     return bits;
 }
 
+// False: another's lock is in the way. What the host cannot lock counts as locked.
+bool TryLock(int descriptor, const struct stat& file, int kind) {
+    return !S_ISREG(file.st_mode) || flock(descriptor, kind | LOCK_NB) == 0 || errno != EWOULDBLOCK;
+}
+
 }  // namespace
 
-FILE_SHARE::FILE_SHARE(const struct stat& file, DWORD access, DWORD share) {
+FILE_SHARE::FILE_SHARE(int descriptor, const struct stat& file, DWORD access, DWORD share) {
     const DWORD wanted = AsShareBits(access);
+    // Held already: somebody renames or deletes it at this moment.
+    if ((share & FILE_SHARE_DELETE) == 0 && !TryLock(descriptor, file, LOCK_SH)) return;
     const std::lock_guard<std::mutex> lock(tableLock);
     granted = std::none_of(Table().begin(), Table().end(), [&](const OPEN_FILE& open) {
         return IsSameFile(open, file) && ((wanted & ~open.share) != 0 || (open.access & ~share) != 0);
@@ -63,6 +73,17 @@ bool FILE_SHARE::AllowsDelete(const struct stat& file) {
     return std::all_of(Table().begin(), Table().end(), [&](const OPEN_FILE& open) {
         return !IsSameFile(open, file) || (open.share & FILE_SHARE_DELETE) != 0;
     });
+}
+
+DELETE_ACCESS::DELETE_ACCESS(const std::string& host) {
+    struct stat status;
+    if (stat(host.c_str(), &status) != 0) {
+        granted = lstat(host.c_str(), &status) == 0 || FailOnPath(host);
+        return;
+    }
+    if (S_ISREG(status.st_mode)) file = DESCRIPTOR(OpenRootFile(host, O_RDONLY | O_NONBLOCK));
+    const bool locked = !file || TryLock(file.Get(), status, LOCK_EX);
+    granted = (locked && FILE_SHARE::AllowsDelete(status)) || FailWith(ERROR_SHARING_VIOLATION);
 }
 
 FILE_OBJECT::~FILE_OBJECT() {

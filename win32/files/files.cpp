@@ -79,7 +79,7 @@ HANDLE WINAPI CreateFileW(LPCWSTR path, DWORD access, DWORD share, LPSECURITY_AT
     struct stat status;
     if (fstat(descriptor, &status) != 0) return CloseAndFail(descriptor, ERROR_GEN_FAILURE);
     if (S_ISDIR(status.st_mode)) return CloseAndFail(descriptor, ERROR_ACCESS_DENIED);
-    auto sharing = std::make_unique<win32::FILE_SHARE>(status, access, share);
+    auto sharing = std::make_unique<win32::FILE_SHARE>(descriptor, status, access, share);
     if (!sharing->Granted()) return CloseAndFail(descriptor, ERROR_SHARING_VIOLATION);
     const bool truncates = !made && (disposition == CREATE_ALWAYS || disposition == TRUNCATE_EXISTING);
     if (truncates && ftruncate(descriptor, 0) != 0 && errno != EINVAL)  // EINVAL: a pipe or a device

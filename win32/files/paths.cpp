@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -21,13 +22,6 @@
 #include "win32/text/utf.h"
 
 namespace {
-
-// False with the last error: the file is not there, or somebody in this process holds it without sharing deletion.
-bool MayGoAway(const std::string& host) {
-    struct stat status;
-    if (stat(host.c_str(), &status) != 0) return lstat(host.c_str(), &status) == 0 || win32::FailOnPath(host);
-    return win32::FILE_SHARE::AllowsDelete(status) || win32::FailWith(ERROR_SHARING_VIOLATION);
-}
 
 bool Exists(const std::u16string& path) {
     return win32::NamesOwnModule(path) ? path.find(u'\\') != path.npos
@@ -91,7 +85,9 @@ std::string HomeFolder() {
 BOOL WINAPI MoveFileW(LPCWSTR from, LPCWSTR to) {
     std::string source;
     std::string target;
-    if (!win32::ResolvePath(from, source) || !win32::ResolvePath(to, target) || !MayGoAway(source)) return FALSE;
+    if (!win32::ResolvePath(from, source) || !win32::ResolvePath(to, target)) return FALSE;
+    const win32::DELETE_ACCESS away(source);
+    if (!away) return FALSE;
     return win32::RenameRootFileToFree(source, target) || win32::FailOnPath(target);
 }
 
@@ -100,17 +96,21 @@ BOOL WINAPI MoveFileExW(LPCWSTR from, LPCWSTR to, DWORD flags) {
     std::string source;
     std::string target;
     if (flags != MOVEFILE_REPLACE_EXISTING) return win32::FailWith(ERROR_INVALID_PARAMETER);
-    if (!win32::ResolvePath(from, source) || !win32::ResolvePath(to, target) || !MayGoAway(source)) return FALSE;
+    if (!win32::ResolvePath(from, source) || !win32::ResolvePath(to, target)) return FALSE;
+    const win32::DELETE_ACCESS away(source);
+    if (!away) return FALSE;
     struct stat status;
-    const bool replaces = stat(target.c_str(), &status) == 0;
-    if (replaces && (S_ISDIR(status.st_mode) || !win32::FILE_SHARE::AllowsDelete(status)))
-        return win32::FailWith(ERROR_ACCESS_DENIED);
+    std::optional<win32::DELETE_ACCESS> over;
+    if (source != target && stat(target.c_str(), &status) == 0) over.emplace(target);
+    if (over && (S_ISDIR(status.st_mode) || !*over)) return win32::FailWith(ERROR_ACCESS_DENIED);
     return win32::RenameRootFile(source, target) || win32::FailOnPath(target);
 }
 
 BOOL WINAPI DeleteFileW(LPCWSTR path) {
     std::string host;
-    if (!win32::ResolvePath(path, host) || !MayGoAway(host)) return FALSE;
+    if (!win32::ResolvePath(path, host)) return FALSE;
+    const win32::DELETE_ACCESS away(host);
+    if (!away) return FALSE;
     return win32::RemoveRootFile(host) || win32::FailOnPath(host);
 }
 

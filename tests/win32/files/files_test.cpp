@@ -1,8 +1,10 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <windows.h>
 
+#include <cstdlib>
 #include <string>
 #include <tuple>
 
@@ -96,6 +98,58 @@ TEST_F(FilesTest, AFileThatIsNotSharedIsRefusedAndKeepsItsContent) {
     EXPECT_NE(INVALID_HANDLE_VALUE, OWNED_HANDLE(Open("log", GENERIC_READ, OPEN_EXISTING)).handle);
     CloseHandle(holder);
     EXPECT_TRUE(DeleteFileW(Path("log").c_str()));
+}
+
+// While it lives another process holds the file open.
+class OTHER_HOLDER {
+public:
+    OTHER_HOLDER(const std::u16string& path, DWORD access, DWORD share) {
+        int ready[2], end[2];
+        if (pipe(ready) != 0 || pipe(end) != 0) std::abort();
+        child = fork();
+        if (child == 0) {
+            close(end[1]);
+            const HANDLE file = CreateFileW(path.c_str(), access, share, nullptr, OPEN_EXISTING, 0, nullptr);
+            const char opened = file != INVALID_HANDLE_VALUE ? 1 : 0;
+            char none;
+            _exit(write(ready[1], &opened, 1) == 1 && read(end[0], &none, 1) == 0 ? 0 : 1);
+        }
+        stop = end[1];
+        char opened = 0;
+        holds = read(ready[0], &opened, 1) == 1 && opened == 1;
+        for (const int unused : {ready[0], ready[1], end[0]}) close(unused);
+    }
+    ~OTHER_HOLDER() {
+        close(stop);
+        waitpid(child, nullptr, 0);
+    }
+    bool holds = false;
+
+private:
+    pid_t child = -1;
+    int stop = -1;
+};
+
+TEST_F(FilesTest, AFileThatAnotherProcessHoldsIsMovedOrDeletedOnlyWhenShared) {
+    constexpr DWORD shared = FILE_SHARE_READ | FILE_SHARE_WRITE;
+    const auto moves = [&](const char* from, const char* to, DWORD flags) {
+        return ErrorOf(MoveFileExW(Path(from).c_str(), Path(to).c_str(), flags));
+    };
+    root.Write("log", "agent's");
+    root.Write("new", "");
+    for (const DWORD access : {Append, GENERIC_READ}) {
+        const OTHER_HOLDER agent(Path("log"), access, shared);
+        ASSERT_TRUE(agent.holds);
+        EXPECT_EQ(ERROR_SHARING_VIOLATION, moves("log", "log.old", 0));
+        EXPECT_EQ(ERROR_SHARING_VIOLATION, ErrorOf(DeleteFileW(Path("log").c_str())));
+        EXPECT_EQ(ERROR_ACCESS_DENIED, moves("new", "log", MOVEFILE_REPLACE_EXISTING));
+        EXPECT_TRUE(CloseHandle(Open("log", Append, OPEN_EXISTING, shared))) << "it is shared for writing";
+        EXPECT_EQ("agent's", root.Read("log"));
+    }
+    const OTHER_HOLDER sharing(Path("log"), Append, shared | FILE_SHARE_DELETE);
+    EXPECT_EQ(ERROR_SUCCESS, moves("log", "log.old", 0));
+    EXPECT_EQ(ERROR_SUCCESS, moves("new", "log.old", MOVEFILE_REPLACE_EXISTING));
+    EXPECT_EQ(ERROR_SUCCESS, ErrorOf(DeleteFileW(Path("log.old").c_str())));
 }
 
 TEST_F(FilesTest, AWriteThatFailsSaysWhyAndHowFarItCame) {
