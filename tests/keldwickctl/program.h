@@ -33,7 +33,7 @@ struct OUTCOME {
 
 // Waits for the child's end, which it brings about itself after a time that no command takes.
 inline bool AwaitEnd(pid_t child, int& status) {
-    constexpr int longest = 60000;  // ms
+    constexpr int longest = 20000;  // ms
     pollfd end = {static_cast<int>(syscall(SYS_pidfd_open, child, 0)), POLLIN, 0};
     if (poll(&end, 1, longest) != 1) kill(child, SIGKILL);
     close(end.fd);

@@ -12,6 +12,7 @@
 
 #include "win32/directory/directory_text.h"
 #include "win32/files/machine_root.h"
+#include "win32/files/root_files.h"
 #include "win32/registry/linux_settings.h"
 #include "win32/text/utf.h"
 
@@ -125,6 +126,13 @@ const SETTINGS& Current(SETTINGS (*read)()) {
     return settings;
 }
 
+// The machine root's owner says where passwords are sent: root, at work in it, sends none that this owner may not read.
+bool MayOwnSecret(uid_t owner) {
+    struct stat root {};
+    const bool anothers = geteuid() == 0 && stat(MachinePath("").c_str(), &root) == 0 && root.st_uid != 0;
+    return anothers ? owner == root.st_uid : owner == 0 || owner == geteuid();
+}
+
 }  // namespace
 
 DIRECTORY_BACKEND ConfiguredBackend() {
@@ -143,20 +151,22 @@ std::optional<LDAP_SETTINGS> ReadLdapSettings(std::string& complaint) {
 }
 
 std::optional<std::string> ReadPasswordFile(const std::string& path, std::string& complaint) {
-    const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
-    if (file < 0) {
-        complaint = "the password file " + path + " cannot be read: " + strerror(errno);
+    const DESCRIPTOR file(OpenRootFile(path, O_RDONLY | O_NONBLOCK));
+    if (!file) {
+        complaint = "the password file " + path + " cannot be read: " + FileFault(errno);
         return std::nullopt;
     }
     struct stat status {};
     char bytes[MaxPasswordBytes];
-    const bool known = fstat(file, &status) == 0;
+    const bool known = fstat(file.Get(), &status) == 0;
     const bool regular = known && S_ISREG(status.st_mode);
-    const bool secret = regular && (status.st_mode & 077) == 0 && (status.st_uid == 0 || status.st_uid == geteuid());
-    const ssize_t size = secret ? read(file, bytes, sizeof(bytes)) : -1;
-    close(file);
+    const bool own = MayOwnSecret(status.st_uid);
+    const bool secret = regular && own && (status.st_mode & 077) == 0;
+    const ssize_t size = secret ? read(file.Get(), bytes, sizeof(bytes)) : -1;
     if (!regular)
         complaint = "the password file " + path + " is not a plain file";
+    else if (!own && geteuid() == 0)
+        complaint = "the password file " + path + " is refused: it must belong to the machine root's owner";
     else if (!secret)
         complaint = "the password file " + path +
                     " is refused: nobody but its owner (root, or the user this runs as) may read it; use chmod 600";

@@ -2,6 +2,7 @@
 // real domain controller in tests/system.
 #include <adshlp.h>
 #include <arpa/inet.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -90,6 +91,22 @@ TEST_F(LdapSettings, APasswordThatOthersMayReadIsNotUsed) {
     }
     EXPECT_FALSE(ReadPasswordFile(root.Path("missing"), complaint));
     EXPECT_FALSE(ReadPasswordFile(root.Path("."), complaint));
+    ASSERT_EQ(0, chmod(root.Path("password").c_str(), 0600));
+    ASSERT_EQ(0, symlink("password", root.Path("link").c_str()));
+    EXPECT_FALSE(ReadPasswordFile(root.Path("link"), complaint));
+    EXPECT_THAT(complaint, testing::HasSubstr(" is a link; "));
+}
+
+TEST_F(LdapSettings, RootSendsNoSecretThatTheRootsOwnerMayNotRead) {
+    if (geteuid() != 0) GTEST_SKIP() << "only root may read everything";
+    std::string complaint;
+    root.Write("password", "secret");
+    ASSERT_EQ(0, chmod(root.Path("password").c_str(), 0600));
+    ASSERT_EQ(0, chown(root.Path("").c_str(), 65534, 65534));
+    EXPECT_FALSE(ReadPasswordFile(root.Path("password"), complaint)) << "root's";
+    EXPECT_THAT(complaint, testing::HasSubstr("it must belong to the machine root's owner"));
+    ASSERT_EQ(0, chown(root.Path("password").c_str(), 65534, 65534));
+    EXPECT_EQ("secret", ReadPasswordFile(root.Path("password"), complaint).value_or("")) << complaint;
 }
 
 // An authority of nobody's.
