@@ -138,7 +138,7 @@ void SERVICE::DispatchUntilStopped(STOP_SIGNALS& signals) {
             stopWanted = true;
         }
         uint64_t changes;
-        if (read(changed.Get(), &changes, sizeof(changes)) < 0 && errno != EAGAIN) return;
+        if (read(changed.Get(), &changes, sizeof(changes)) < 0 && errno != EAGAIN && errno != EINTR) return;
         PassOnStop();
         if (thread != 0) watchdog.Look(thread);
     }
