@@ -53,7 +53,7 @@ protected:
         BytesBeforeDeath = -1;
     }
 
-    // Random bytes at so many places of the ring.
+    // Random bytes at so many places of the ring, and some records get another's number.
     void Harm(size_t places) {
         const std::string bytes = Bytes();
         const int fd = open(Path().c_str(), O_WRONLY);
@@ -61,10 +61,20 @@ protected:
         while (places-- > 0) {
             std::string junk(std::min(Any(0, 3) == 0 ? Any(1, 600) : Any(1, 8), bytes.size() - EvtHeaderBytes), 0);
             for (char& byte : junk) byte = static_cast<char>(Any(0, 255));
-            const size_t at = Any(EvtHeaderBytes, bytes.size() - junk.size());
+            size_t at = Any(EvtHeaderBytes, bytes.size() - junk.size());
+            const size_t signature = bytes.find("LfLe", at);
+            if (Any(0, 2) == 0 && signature <= bytes.size() - 8 && signature % 4 == 0) {
+                const DWORD number = AnyNumberNear(bytes, at = signature + 4);
+                junk.assign(reinterpret_cast<const char*>(&number), sizeof(number));
+            }
             ASSERT_EQ(static_cast<ssize_t>(junk.size()), pwrite(fd, junk.data(), junk.size(), static_cast<off_t>(at)));
         }
         close(fd);
+    }
+    DWORD AnyNumberNear(const std::string& bytes, size_t at) {
+        DWORD number = 0;
+        std::memcpy(&number, bytes.data() + at, sizeof(number));
+        return number + static_cast<DWORD>(Any(0, 60)) - 30;
     }
 
     // The same records in the same order by every way there is.
