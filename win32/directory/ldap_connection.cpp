@@ -7,6 +7,7 @@
 #include <sys/time.h>
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdlib>
 #include <mutex>
@@ -18,6 +19,9 @@ namespace win32 {
 namespace {
 
 constexpr const char* SystemCaFile = "/etc/ssl/certs/ca-certificates.crt";
+
+constexpr size_t MaxMessageBytes = size_t{16} << 20;  // of one entry
+constexpr size_t MaxAnswerBytes = size_t{64} << 20;   // of all the values of an answer
 
 constexpr HRESULT OperationsError = HRESULT(0x80072020u);     // ERROR_DS_OPERATIONS_ERROR
 constexpr HRESULT TimeLimitExceeded = HRESULT(0x80072022u);   // ERROR_DS_TIMELIMIT_EXCEEDED
@@ -134,6 +138,39 @@ DIRECTORY_ENTRY EntryOf(LDAP* ldap, LDAPMessage* message) {
     return entry;
 }
 
+size_t BytesOf(const DIRECTORY_ENTRY& entry) {
+    size_t bytes = entry.dn.size();
+    for (const auto& [name, values] : entry.attributes)
+        for (const std::string& value : values) bytes += value.size() + sizeof(value);
+    return bytes;
+}
+
+using MESSAGE = std::unique_ptr<LDAPMessage, int (*)(LDAPMessage*)>;
+
+// Takes the messages that answer the search as they come: the library would hold whatever a server sends. Result: the
+// library's code, LDAP_DECODING_ERROR for more than was asked for.
+int TakeEntries(LDAP* ldap, int search, size_t limit, std::vector<DIRECTORY_ENTRY>& found) {
+    const auto end = std::chrono::steady_clock::now() + LdapAnswerTime;
+    for (size_t bytes = 0;;) {
+        const auto left = std::chrono::duration_cast<std::chrono::microseconds>(end - std::chrono::steady_clock::now());
+        timeval time{left.count() / 1'000'000, left.count() % 1'000'000};
+        LDAPMessage* taken = nullptr;
+        const int kind = left.count() > 0 ? ldap_result(ldap, search, LDAP_MSG_ONE, &time, &taken) : 0;
+        const MESSAGE message(taken, ldap_msgfree);
+        int code = LDAP_TIMEOUT;
+        if (kind < 0) ldap_get_option(ldap, LDAP_OPT_RESULT_CODE, &code);
+        if (kind <= 0) return code;
+        if (kind == LDAP_RES_SEARCH_RESULT) {
+            const int parsed = ldap_parse_result(ldap, taken, &code, nullptr, nullptr, nullptr, nullptr, 0);
+            return parsed != LDAP_SUCCESS ? parsed : code;
+        }
+        if (kind != LDAP_RES_SEARCH_ENTRY) continue;  // a reference to another server
+        found.push_back(EntryOf(ldap, taken));
+        bytes += BytesOf(found.back());
+        if (found.size() > limit || bytes > MaxAnswerBytes) return LDAP_DECODING_ERROR;
+    }
+}
+
 bool UsesTls(const LDAP_ACCESS& access) { return access.startTls || access.uri.starts_with("ldaps://"); }
 
 }  // namespace
@@ -167,6 +204,8 @@ struct LDAP_CONNECTION::HANDLE_STATE {
         HANDLE_STATE& state = *static_cast<HANDLE_STATE*>(callbacks->lc_arg);
         const std::lock_guard guard(state.lock);
         ber_sockbuf_ctrl(buffer, LBER_SB_OPT_GET_FD, &state.socket);
+        ber_len_t longest = MaxMessageBytes;  // the library allocates what a message says it takes
+        ber_sockbuf_ctrl(buffer, LBER_SB_OPT_SET_MAX_INCOMING, &longest);
         state.reached = true;
         const timeval limit = TimeValue(LdapAnswerTime);
         setsockopt(state.socket, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
@@ -345,15 +384,13 @@ HRESULT LDAP_CONNECTION::Search(const std::string& base, SCOPE scope, const std:
     names.push_back(nullptr);
     const NO_PIPE_SIGNAL quiet;
     timeval time = TimeValue(LdapAnswerTime);
-    LDAPMessage* answer = nullptr;
-    const int code = ldap_search_ext_s(state->ldap, base.c_str(), number, filter.c_str(), names.data(), 0, nullptr,
-                                       nullptr, &time, limit, &answer);
-    if (code == LDAP_SUCCESS || code == LDAP_SIZELIMIT_EXCEEDED)
-        for (LDAPMessage* entry = ldap_first_entry(state->ldap, answer);
-             entry != nullptr && found.size() < static_cast<size_t>(limit); entry = ldap_next_entry(state->ldap, entry))
-            found.push_back(EntryOf(state->ldap, entry));
-    ldap_msgfree(answer);
-    return code == LDAP_SUCCESS || code == LDAP_SIZELIMIT_EXCEEDED ? S_OK : Fail(code);
+    int search = 0;
+    int code = ldap_search_ext(state->ldap, base.c_str(), number, filter.c_str(), names.data(), 0, nullptr, nullptr,
+                               &time, limit, &search);
+    if (code == LDAP_SUCCESS) code = TakeEntries(state->ldap, search, static_cast<size_t>(limit), found);
+    if (code == LDAP_SUCCESS || code == LDAP_SIZELIMIT_EXCEEDED) return S_OK;
+    found.clear();
+    return Fail(code);
 }
 
 }  // namespace win32

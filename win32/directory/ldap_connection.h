@@ -40,7 +40,8 @@ public:
 
     enum class SCOPE { BASE, CHILDREN, SUBTREE };
 
-    // At most `limit` entries are given. Fails as Windows does; then see IsBroken.
+    // At most `limit` entries are given; a server that sends more, or more than 64 MiB in all, is not believed. Fails
+    // as Windows does; then see IsBroken.
     HRESULT Search(const std::string& base, SCOPE scope, const std::string& filter, const ATTRIBUTE_NAMES& wanted,
                    int limit, std::vector<DIRECTORY_ENTRY>& found);
 
