@@ -164,7 +164,8 @@ int TakeEntries(LDAP* ldap, int search, size_t limit, std::vector<DIRECTORY_ENTR
             const int parsed = ldap_parse_result(ldap, taken, &code, nullptr, nullptr, nullptr, nullptr, 0);
             return parsed != LDAP_SUCCESS ? parsed : code;
         }
-        if (kind != LDAP_RES_SEARCH_ENTRY) continue;  // a reference to another server
+        if (kind == LDAP_RES_SEARCH_REFERENCE || kind == LDAP_RES_INTERMEDIATE) continue;
+        if (kind != LDAP_RES_SEARCH_ENTRY) return LDAP_DECODING_ERROR;  // for the library it ends the search
         found.push_back(EntryOf(ldap, taken));
         bytes += BytesOf(found.back());
         if (found.size() > limit || bytes > MaxAnswerBytes) return LDAP_DECODING_ERROR;

@@ -92,9 +92,9 @@ TEST_F(Failover, TheFirstServerAnswersAsLongAsItCan) {
 }
 
 TEST_F(Failover, TheSameLookUpGoesOnToTheNextServer) {
-    enum HOW { DEAD, HANGS_UP, UNAVAILABLE, TALKS_NONSENSE, CLAIMS_TWO_GIGABYTES, NEVER_ENDS };
+    enum HOW { DEAD, HANGS_UP, UNAVAILABLE, TALKS_NONSENSE, CLAIMS_TWO_GIGABYTES, NEVER_ENDS, ANSWERS_A_BIND };
     const auto begin = std::chrono::steady_clock::now();
-    for (const HOW how : {HANGS_UP, UNAVAILABLE, TALKS_NONSENSE, CLAIMS_TWO_GIGABYTES, NEVER_ENDS, DEAD}) {
+    for (const HOW how : {HANGS_UP, UNAVAILABLE, TALKS_NONSENSE, CLAIMS_TWO_GIGABYTES, NEVER_ENDS, ANSWERS_A_BIND, DEAD}) {
         for (const bool kept : {false, true}) {
             SCOPED_TRACE(std::to_string(how) + (kept ? ", kept" : ""));
             UseOtherSettings();
@@ -107,6 +107,9 @@ TEST_F(Failover, TheSameLookUpGoesOnToTheNextServer) {
                 if (question.base != Ann) return first.GoodAnswer(question);
                 if (how == UNAVAILABLE) return {LDAP_SERVER::Done(question, unavailable)};
                 if (how == CLAIMS_TWO_GIGABYTES) return {{"\x30\x84\x7F\xFF\xFF\xFF\x02\x01\x01", 9}};
+                QUESTION another = question;
+                another.operation = LDAP_SERVER::BindRequest;
+                if (how == ANSWERS_A_BIND) return {LDAP_SERVER::Done(another)};
                 std::string many;
                 for (int i = 0; i < 100; ++i) many += LDAP_SERVER::Entry(question, Ann, {{"memberOf", {"CN=G"}}});
                 if (how == NEVER_ENDS) return {many};
