@@ -16,9 +16,9 @@ EVENT = """<Event xmlns="http://schemas.microsoft.com/win/2004/08/events/event">
 <EventID>4624</EventID><TimeCreated SystemTime="2026-11-16T08:00:12.5Z"/><Computer>DC1</Computer></System><EventData>"""
 
 
-def xml(user, address):
-    strings = ["S-1-0-0", "-", "-", "0x0", "S-1-5-21-1-2-3-1104", user, "CORP", "0x1", "3", "K", "K", "WS1", "{0}", "-", "-",
-               "0", "0x0", "-", address, "1"]
+def xml(user, address, workstation="WS1"):
+    strings = ["S-1-0-0", "-", "-", "0x0", "S-1-5-21-1-2-3-1104", user, "CORP", "0x1", "3", "K", "K", workstation, "{0}", "-",
+               "-", "0", "0x0", "-", address, "1"]
     return EVENT + "".join(f"<Data>{each}</Data>" for each in strings) + "</EventData></Event>"
 
 

@@ -113,23 +113,27 @@ class Server:
 
     @staticmethod
     def read_request(connection):
-        """One request: whole ones come in one send and are read until the length they state (none here is above 64 KiB)."""
-        data = b""
-        while len(data) < 2 or len(data) < struct.unpack(">H", data[:2])[0]:
-            piece = connection.recv(65536)
+        """One request, read to the length it states (none here is above 64 KiB), and not a byte of the next."""
+        data, wanted = b"", 2
+        while len(data) < wanted:
+            piece = connection.recv(wanted - len(data))
             if not piece:
                 return b""
             data += piece
+            if len(data) == 2:
+                wanted = max(2, struct.unpack(">H", data)[0])
         return data
 
     def next(self, timeout=15):
         return self.requests.get(timeout=timeout)[1]
 
     def close(self):
+        """Connections are closed by those who serve them: their descriptors must not be another's while they write."""
         self.closing = True
         for socket_ in self.listeners + self.connections:
             try:
                 socket_.shutdown(socket.SHUT_RDWR)
             except OSError:
                 pass
-            socket_.close()
+        for listener in self.listeners:
+            listener.close()
