@@ -49,8 +49,12 @@ TEST(Status, FiguresThatAreNotKnownAreNeverShownAsZero) {
 
     status.agent = AGENT_PROCESS{7, 900, AGENT_CONNECTION{"10.0.0.1", 1308, "TLS"}, 5};
     status.lastEvent = LOGGED_EVENT{9, 990};
-    EXPECT_THAT(StatusAsText(status), HasSubstr("identities       not known yet"));
-    EXPECT_THAT(StatusAsJson(status), HasSubstr("\"identities\":null"));
+    EXPECT_THAT(StatusAsText(status), Not(HasSubstr("once a second")));
+    EXPECT_THAT(StatusAsPrometheus(status), HasSubstr("\nkeldwick_polls 0\n"));
+    status.agent->polls = true;
+    EXPECT_THAT(StatusAsText(status), AllOf(HasSubstr("identities       not known yet"),
+                                            HasSubstr("\nchanged files    looked for once a second: no inotify")));
+    EXPECT_THAT(StatusAsJson(status), AllOf(HasSubstr("\"identities\":null"), HasSubstr("\"polls\":true")));
 
     status.figures = IDENTITY_HEADING{7, 980, 720000, 3, 0, 12, 0, 1};
     status.behind = 5;

@@ -43,10 +43,11 @@ class MachineTest(unittest.TestCase):
         self.assertEqual(code, done.returncode, f"keldwickctl {arguments}: {done.stdout}{done.stderr}")
         return done.stdout if code == 0 else done.stderr
 
-    def start(self, *arguments, wait=True):
-        """Starts the agent with verbose lines; with wait, until it follows the Security log from after its last record."""
+    def start(self, *arguments, wait=True, through=()):
+        """Starts the agent with verbose lines; with wait, until it follows the Security log from after its last record.
+        `through`: the command that starts it."""
         follows = self.log().count("PositionToEnd: FORWARDS")
-        agent = subprocess.Popen([f"{BIN}/keldwick", *arguments], env={**os.environ, "KELDWICK_ROOT": self.root},
+        agent = subprocess.Popen([*through, f"{BIN}/keldwick", *arguments], env={**os.environ, "KELDWICK_ROOT": self.root},
                                  stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
         self.agents.append(agent)
         if wait:

@@ -13,6 +13,7 @@
 #include <sstream>
 
 #include "tools/keldwickctl/commands.h"
+#include "win32/files/file_watch.h"
 
 namespace fs = std::filesystem;
 
@@ -88,6 +89,17 @@ void LookAtSockets(const fs::path& process, AGENT_PROCESS& agent) {
         std::ifstream table(process / name);
         if (!agent.connection) agent.connection = ServerConnection(table, sockets);
     }
+}
+
+// Its thread that watches files is named for it.
+bool PollsForChanges(const fs::path& process) {
+    std::error_code error;
+    for (fs::directory_iterator it(process / "task", error), end; !error && it != end; it.increment(error)) {
+        std::string name;
+        std::ifstream(it->path() / "comm") >> name;
+        if (name == win32::PollingThreadName) return true;
+    }
+    return false;
 }
 
 // "0100007F:051A": words of 32 bits in the machine's order, and the port.
@@ -167,6 +179,7 @@ std::optional<AGENT_PROCESS> FindAgent(const std::string& root) {
         agent.pid = pid;
         agent.since = StartTime(process);
         LookAtSockets(process, agent);
+        agent.polls = PollsForChanges(process);
         agent.nextRecord = NextRecordOf(process, fs::path(root) / "eventlog/Security.evt");
         if (agent.nextRecord) return agent;
         if (!found) found = agent;  // one that does not follow yet, or that only sends a report

@@ -22,6 +22,7 @@ struct AGENT_PROCESS {
     int64_t since = 0;  // seconds since 1970
     std::optional<AGENT_CONNECTION> connection;
     std::optional<DWORD> nextRecord;  // of the Security log: those before it are done with; nothing: not read yet
+    bool polls = false;               // looks for changed files once a second, since inotify does not tell it all
 };
 
 // Nothing: no agent of that machine root runs. Throws COMMAND_ERROR when there is one that may not be looked at.

@@ -46,6 +46,8 @@ void AddAgent(FIGURES& out, const STATUS& status) {
             agent ? FIGURE(agent->since) : FIGURE());
     out.Add("connected", "gauge", "Whether it has a connection to its identity server.",
             agent && agent->connection ? 1 : 0);
+    out.Add("polls", "gauge", "Whether the agent looks for changed files once a second, for want of inotify.",
+            agent ? FIGURE(agent->polls) : FIGURE());
     if (const auto& figures = status.figures) {
         out.Add("identities", "gauge", "Identities it keeps alive.", figures->identities);
         out.Add("service_tickets", "gauge", "Service tickets it remembers.", figures->tickets);

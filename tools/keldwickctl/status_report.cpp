@@ -179,6 +179,7 @@ std::string StatusAsText(const STATUS& status) {
                 ? "record " + std::to_string(status.lastEvent->number) + ", " + Time(status.lastEvent->time)
                 : "none";
     if (status.agent) text += "; " + BehindText(status);
+    if (status.agent && status.agent->polls) text += "\nchanged files    looked for once a second: no inotify";
     for (const FEED_STATUS& feed : status.feeds) text += FeedText(feed);
     if (!status.lastError.empty()) text += "\nlast error       " + status.lastError;
     if (!status.logFile.empty()) text += "\nlog file         " + SafeText(status.logFile);
@@ -214,6 +215,7 @@ std::string StatusAsJson(const STATUS& status) {
     object["behind"] = OrNull(status.behind);
     object["behind_since"] =
         status.behindSince ? nlohmann::ordered_json(Time(*status.behindSince)) : nlohmann::ordered_json();
+    object["polls"] = status.agent ? nlohmann::ordered_json(status.agent->polls) : nlohmann::ordered_json();
     object["last_error"] = nullptr;
     if (!status.lastErrorJson.empty())
         object["last_error"] = nlohmann::ordered_json::parse(status.lastErrorJson, nullptr, false);

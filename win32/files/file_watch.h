@@ -13,9 +13,9 @@ namespace win32 {
 constexpr const char* PollingThreadName = "file-polling";
 
 // While it lives, `changed` is called on the watcher thread after the file was written, created, replaced by a rename
-// or removed, by this process or another. Several changes in quick succession may come as one call, never as none; calls
-// without a change come, too. The destructor returns only when no call is running any more; `changed` must not destroy
-// its own watch.
+// or removed, by this process or another. Several changes in quick succession may come as one call, never as none;
+// calls without a change come, too. The destructor returns only when no call is running any more; `changed` must not
+// destroy its own watch.
 class FILE_WATCH {
 public:
     FILE_WATCH(const std::string& path, std::function<void()> changed);

@@ -20,8 +20,8 @@ struct OPEN_KEY {
     const REGSAM access;
 
     // Arms the notification: `event` is signalled once when the key's own values differ from what was last reported,
-    // that is at once when they changed since the last signal. The first arming reports what it finds. A key that is not
-    // there has no values: who edits the file may bring it back.
+    // that is at once when they changed since the last signal. The first arming reports what it finds. A key that is
+    // not there has no values: who edits the file may bring it back.
     LSTATUS Arm(std::shared_ptr<KERNEL_OBJECT> event);
     void Close();  // an armed notification is signalled, as Windows does it
 

@@ -31,7 +31,7 @@ constexpr mode_t FileMode = 0640;  // the layer's settings may name a password
 // In milliseconds.
 constexpr ULONGLONG SettleTime = 2000;  // a file that may be half of one is taken once it has not changed for so long
 constexpr ULONGLONG Patience = 3000;    // the longest that a caller waits for another writer; more than the above
-constexpr ULONGLONG ComplaintTime = 10'000;                  // a writer that holds the file so long is named
+constexpr ULONGLONG ComplaintTime = 10'000;                   // a writer that holds the file so long is named
 constexpr ULONGLONG ShortestPause = 10, LongestPause = 1000;  // between two looks at a file that is held
 
 int64_t Nanoseconds(const timespec& time) { return static_cast<int64_t>(time.tv_sec) * 1'000'000'000 + time.tv_nsec; }

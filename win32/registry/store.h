@@ -28,16 +28,16 @@ public:
 
     // The tree as the file holds it now; costs one stat while the file is unchanged. A file that vanished, cannot be
     // read, does not parse or whose writer may not be done leaves the last good tree in force. Null: there never was
-    // one; `error` then says why (ERROR_BADDB: it does not parse; ERROR_SHARING_VIOLATION: another program writes it, and
-    // has gone on doing so for seconds). No file at all is an empty registry.
+    // one; `error` then says why (ERROR_BADDB: it does not parse; ERROR_SHARING_VIOLATION: another program writes it,
+    // and has gone on doing so for seconds). No file at all is an empty registry.
     std::shared_ptr<const REG_TREE> Tree(DWORD* error = nullptr);
 
     // Changes the file: read afresh under the lock file, changed by `edit`, written beside and renamed over the old; an
     // edit that changes nothing writes nothing. `edit` is called again with another tree when somebody else changed the
     // file meanwhile.
     // Gives what `edit` gives (anything but ERROR_SUCCESS writes nothing), or why the file could not be changed:
-    // ERROR_BADDB while it does not parse, ERROR_SHARING_VIOLATION when a writer who does not use the lock, an editor or
-    // a shell, has not been done for three seconds, ERROR_LOCK_VIOLATION when another process sits on the lock.
+    // ERROR_BADDB while it does not parse, ERROR_SHARING_VIOLATION when a writer who does not use the lock, an editor
+    // or a shell, has not been done for three seconds, ERROR_LOCK_VIOLATION when another process sits on the lock.
     DWORD Change(const std::function<DWORD(REG_TREE&)>& edit);
 
     // Calls `changed` after each change of the tree, on the thread that made or noticed it and with no lock held. The
@@ -84,12 +84,12 @@ private:
     std::mutex writing;  // one writer of this process at a time; taken before `lock`
     std::mutex lock;     // guards everything below
     std::shared_ptr<const REG_TREE> tree;
-    IDENTITY identity, taken;  // of what was last read, good or bad, and of what the tree was read from
-    IDENTITY seen;             // when it was last looked at, read or not
-    ULONGLONG seenAt = 0;      // the tick count when it became that
+    IDENTITY identity, taken;    // of what was last read, good or bad, and of what the tree was read from
+    IDENTITY seen;               // when it was last looked at, read or not
+    ULONGLONG seenAt = 0;        // the tick count when it became that
     ULONGLONG waitingSince = 0;  // the tick count since which another writer may not be done; 0: none is known
-    bool known = false;   // `identity` holds
-    bool recent = false;  // read so soon after it was written that the same times need not mean the same bytes
+    bool known = false;          // `identity` holds
+    bool recent = false;         // read so soon after it was written that the same times need not mean the same bytes
     DWORD loadError = ERROR_SUCCESS;
     std::string problem, takenProblem;
 

@@ -57,4 +57,3 @@ struct EVENT {
 inline LSTATUS Arm(HKEY key, const EVENT& event) {
     return RegNotifyChangeKeyValue(key, FALSE, REG_NOTIFY_CHANGE_LAST_SET, event.handle, TRUE);
 }
-
