@@ -80,8 +80,8 @@ TEST_F(ServiceTest, TheServiceGoesThroughItsStatesAndEveryFailureHasItsCode) {
         LINES states;
     } cases[] = {
         {"bad parameter", Server, {TEXT("-SERVER"), TEXT("")}, 0, {"1/1066/1"}},
-        {"stopped by control", Server, {}, 0, {"2/0/0", "4/0/0", "1/0/0"}},
         {"no identity server", "", {}, 0, {"2/0/0", "1/1066/2"}},
+        {"stopped by control", Server, {}, 0, {"2/0/0", "4/0/0", "1/0/0"}},  // from here on the file has all keys
         {"start refused", Server, {}, SERVICE_START_PENDING, {"2/0/0", "1/1066/3"}},
         {"running refused", Server, {}, SERVICE_RUNNING, {"2/0/0", "4/0/0", "1/1066/3"}},
     };

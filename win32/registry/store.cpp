@@ -139,7 +139,10 @@ DWORD REG_STORE::Look(FOUND& found) {
         return error;
     }
     if (found.writer == FILE_WRITER::HELD) return WaitForWriter();
-    if (found.file && !Parse(found)) return ERROR_BADDB;
+    if (found.file && !Parse(found)) {
+        waitingSince = 0;
+        return ERROR_BADDB;
+    }
     if (tree && MayBeHalf(found)) {
         const ULONGLONG unchanged = GetTickCount64() - seenAt;
         if (unchanged < SettleTime) return Wait(SettleTime - unchanged);
