@@ -257,7 +257,7 @@ DWORD REG_STORE::Replace(const std::string& bytes, const FOUND& old, IDENTITY& w
     if (!fresh || !fresh.Write(bytes)) return ErrorFromErrno(errno);
     if (!Unchanged(old)) return ERROR_SHARING_VIOLATION;  // getting it on the disk takes its time
     if (!fresh.TakePlace()) return ErrorFromErrno(errno);
-    struct stat status{};
+    struct stat status {};
     if (fstat(fresh.Descriptor(), &status) == 0) written = IdentityOf(status);
     return ERROR_SUCCESS;
 }
