@@ -376,15 +376,15 @@ TEST_F(EVENTS_TEST, TheListForOthersGrowsOlderRatherThanWriteMoreBytes) {
     const auto Renew = [&] { log.logons.Renew(log.logons.First()); };
     Grow(1000);
     FollowWhile(Renew);
-    EXPECT_EQ(seconds / 60, writes);  // who is where has not changed
+    ASSERT_EQ(seconds / 60, writes);  // who is where has not changed
     FollowWhile(Replace);
-    EXPECT_LE(bytes, seconds * bytesASecond + size);
+    ASSERT_LE(bytes, seconds * bytesASecond + size);
     EXPECT_GE(bytes, seconds * bytesASecond / 2);  // and no older than that
-    Grow(40000);  // more than a minute's worth: this holds for the file that only tells that it is right, too
+    Grow(80000);  // more than a minute's worth: this holds for the file that only tells that it is right, too
     for (const std::function<void()>& change : {std::function<void()>(Replace), std::function<void()>(Renew)}) {
         FollowWhile(change);
         EXPECT_LE(bytes, seconds * bytesASecond + size);
-        EXPECT_GE(writes, 2u);
+        EXPECT_GE(writes, 1u);
     }
 }
 
