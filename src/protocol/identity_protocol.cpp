@@ -19,7 +19,8 @@ namespace {
 constexpr DWORD LockSpins = 5000;
 constexpr DWORD ReconnectPauseMs = 60000;
 constexpr DWORD ResponseTimeoutSeconds = 20;
-constexpr DWORD PollMs = 2;  // where the component has no event to wait for
+constexpr DWORD PieceTimeoutSeconds = 1;  // for the rest of a response of which pieces came
+constexpr DWORD PollMs = 2;               // where the component has no event to wait for
 
 // More than any response has. What a server sends beyond that is not kept: the exchange has failed anyway.
 constexpr size_t MaxReceivedBytes = size_t{1} << 20;
@@ -51,6 +52,7 @@ int IDENTITY_PROTOCOL::Send(const BYTE* request, DWORD length) {
     if (code != 0) return code;
     const LOCK_GUARD guard(lock);
     owed += ResponseLength;
+    incomplete = false;
     std::copy_n(request + IdOffset, lastRequestId.size(), lastRequestId.begin());
     pending &= ~SESSION_DATA_IN;  // what has come before cannot be the response
     return 0;
@@ -77,7 +79,13 @@ void IDENTITY_PROTOCOL::DataIn(const void* bytes, int length) {
         const size_t count = static_cast<size_t>(std::max(length, 0));
         received.insert(received.end(), data, data + std::min(MaxReceivedBytes - received.size(), count));
         owed = LastRequestAnswered() ? 0 : owed - std::min(owed, count);
-        if (owed < ResponseLength) pending |= SESSION_DATA_IN;  // otherwise these are bytes of earlier responses
+        if (owed < ResponseLength) {
+            pending |= SESSION_DATA_IN;
+        } else if (owed % ResponseLength != 0 && !incomplete) {
+            // A piece of an earlier response, whose rest is near, or a response that is too short.
+            incomplete = true;
+            ArmTimer(PieceTimeoutSeconds);
+        }
     }
     Wake();
 }
@@ -192,9 +200,12 @@ WAIT_RESULT IDENTITY_PROTOCOL::Wait(DWORD seconds, SESSION_EVENTS wanted) {
 
 bool IDENTITY_PROTOCOL::ReceiveResponse(std::span<const BYTE>& bytes) {
     Active().SetTimeout(ComponentTimeoutSeconds);
-    if (Wait(ResponseTimeoutSeconds, SESSION_DATA_IN) != WAIT_RESULT::ARRIVED) return false;
-    response.clear();
+    const WAIT_RESULT result = Wait(ResponseTimeoutSeconds, SESSION_DATA_IN);
     const LOCK_GUARD guard(lock);
+    const bool inPieces = result == WAIT_RESULT::TIMED_OUT && incomplete;
+    if (result != WAIT_RESULT::ARRIVED && !inPieces) return false;
+    if (inPieces) owed -= owed % ResponseLength;  // the rest will not come; whole responses still may
+    response.clear();
     response.swap(received);
     bytes = response;
     return true;

@@ -57,7 +57,8 @@ public:
 
     // Waits up to 20 s for the response to the last request and gives every byte received so far, valid until the next
     // call. Bytes that came too late for an earlier request stay and are given in front of the response, but do not
-    // count as its beginning: otherwise each response would be taken for that of the next request from then on.
+    // count as its beginning: otherwise each response would be taken for that of the next request from then on. When
+    // only a part of a response comes, its rest is waited for one second and what came is given.
     // False: nothing came.
     bool ReceiveResponse(std::span<const BYTE>& bytes);
 
@@ -86,7 +87,7 @@ private:
     WAIT_RESULT Stopping();
 
     STRING serverName;
-    CRITICAL_SECTION_OWNER lock;  // guards pending, received, owed and lastRequestId
+    CRITICAL_SECTION_OWNER lock;  // guards pending, received, owed, incomplete and lastRequestId
     IDENTITY_TCPS tls;
     IDENTITY_TCP plain;
     TRANSPORT selector = TRANSPORT::NONE;
@@ -94,7 +95,8 @@ private:
     HANDLE_OWNER timer;
     SESSION_EVENTS pending = 0;
     std::vector<BYTE> received;
-    size_t owed = 0;  // bytes of responses to the requests sent over this connection that have not come
+    size_t owed = 0;          // bytes of responses to the requests sent over this connection that have not come
+    bool incomplete = false;  // since the last request only a part of an earlier response has come
     std::array<BYTE, sizeof(DWORD)> lastRequestId{};
     std::vector<BYTE> response;  // handed out by the last ReceiveResponse
     std::atomic<bool> disconnected{true};

@@ -303,10 +303,17 @@ TEST_F(EVENTS, DamageInAnImportedLogIsNamedAndTheRestIsTaken) {
     ASSERT_EQ("", ImportFile("x.xml", Event(1) + Event(2) + Event(3)));
     std::string bytes = root.Read("eventlog/Security.evt");
     const size_t length = static_cast<unsigned char>(bytes[48]);
-    bytes[48 + length + 4] = 'X';  // the second record's signature
-    EXPECT_EQ("1 thing could not be read and is not in the log", ImportFile("damaged.evt", bytes));
-    EXPECT_EQ("keldwickctl: not imported: damage after record 1\n", complaints);
-    EXPECT_EQ("2 events imported into the Security log.\n", output);
+    const struct {
+        size_t record;
+        const char* named;
+    } cases[] = {{0, "0"}, {1, "1"}, {2, "2"}};
+    for (const auto& [record, named] : cases) {
+        std::string damaged = bytes;
+        damaged[48 + record * length + 4] = 'X';  // its signature
+        EXPECT_EQ("1 thing could not be read and is not in the log", ImportFile("damaged.evt", damaged));
+        EXPECT_EQ("keldwickctl: not imported: damage after record " + std::string(named) + "\n", complaints);
+        EXPECT_EQ("2 events imported into the Security log.\n", output);
+    }
 }
 
 }  // namespace

@@ -244,6 +244,18 @@ TEST_F(REPORT_TEST, ALateOrSplitAnswerFailsItsReportAndAtMostTheNext) {
     }
 }
 
+TEST_F(REPORT_TEST, AServerThatAnswersTooShortFailsEachReportWithinASecond) {
+    server.Answer([](const std::string&) { return std::string(2, 'x'); });
+    for (int report = 1; report <= 4; ++report) {
+        const ULONGLONG begin = GetTickCount64();
+        EXPECT_FALSE(Report());
+        EXPECT_LT(GetTickCount64() - begin, 10'000u);  // of the 20 s that an answer may take
+        EXPECT_EQ("IdentityReportLogon request response length = 2; 14 expected", lines.Take().back());
+    }
+    server.Answer([](const std::string& report) { return SCRIPTED_SERVER::GoodAnswer(report); });
+    EXPECT_TRUE(Report());
+}
+
 TEST_F(REPORT_TEST, WhatAClosedConnectionOwesIsNotWaitedForOnTheNext) {
     server.Answer([](const std::string&) { return std::string(); });
     timeFlies = true;

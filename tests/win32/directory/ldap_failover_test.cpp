@@ -94,7 +94,8 @@ TEST_F(Failover, TheFirstServerAnswersAsLongAsItCan) {
 TEST_F(Failover, TheSameLookUpGoesOnToTheNextServer) {
     enum HOW { DEAD, HANGS_UP, UNAVAILABLE, TALKS_NONSENSE, CLAIMS_TWO_GIGABYTES, NEVER_ENDS, ANSWERS_A_BIND };
     const auto begin = std::chrono::steady_clock::now();
-    for (const HOW how : {HANGS_UP, UNAVAILABLE, TALKS_NONSENSE, CLAIMS_TWO_GIGABYTES, NEVER_ENDS, ANSWERS_A_BIND, DEAD}) {
+    for (const HOW how :
+         {HANGS_UP, UNAVAILABLE, TALKS_NONSENSE, CLAIMS_TWO_GIGABYTES, NEVER_ENDS, ANSWERS_A_BIND, DEAD}) {
         for (const bool kept : {false, true}) {
             SCOPED_TRACE(std::to_string(how) + (kept ? ", kept" : ""));
             UseOtherSettings();
