@@ -1,6 +1,7 @@
 #include "component/ipport.h"
 
 #include <gtest/gtest.h>
+#include <atomic>
 #include <future>
 #include <thread>
 
@@ -215,16 +216,24 @@ TEST(SecureConnection, LargeMessagesGoThroughWhole) {
 }
 
 TEST(SecureConnection, ARenegotiationIsDeclinedAndTheConnectionGoesOn) {
-    PLAYED server(SERVER_KIND{}, [](SSL* session, ACCEPTED& peer) {
-        SSL_renegotiate(session);
-        SSL_do_handshake(session);  // sends the request for it
-        Echo(session, peer);
-    });
-    CLIENT client;
-    ASSERT_TRUE(client.Opens(server.Port()));
-    EXPECT_EQ(0, client.SendText("request"));
-    EXPECT_TRUE(client.AwaitBytes(7)) << testing::PrintToString(client.texts);
-    EXPECT_EQ("request", client.received);
+    static std::atomic<int> renegotiated;
+    renegotiated = 0;
+    {
+        PLAYED server(SERVER_KIND{}, [](SSL* session, ACCEPTED& peer) {
+            SSL_set_info_callback(session, [](const SSL*, int where, int) {
+                if (where & SSL_CB_HANDSHAKE_DONE) ++renegotiated;
+            });
+            SSL_renegotiate(session);
+            SSL_do_handshake(session);  // sends the request for it
+            Echo(session, peer);
+        });
+        CLIENT client;
+        ASSERT_TRUE(client.Opens(server.Port()));
+        EXPECT_EQ(0, client.SendText("request"));
+        EXPECT_TRUE(client.AwaitBytes(7)) << testing::PrintToString(client.texts);
+        EXPECT_EQ("request", client.received);
+    }
+    EXPECT_EQ(0, renegotiated);
 }
 
 TEST(SecureConnection, AFloodInTheHandshakeIsReadInTurns) {

@@ -19,8 +19,9 @@ using namespace keldwick_server;
 using win32::DESCRIPTOR;
 
 BYTES Answer(uint32_t id, uint32_t status = 0) {
-    BYTES answer;
-    AppendAnswer(id, status, answer);
+    BYTES answer = {0, 14, 0, 3, 0x80, 0x10};
+    for (const uint32_t number : {id, status})
+        for (int shift = 24; shift >= 0; shift -= 8) answer.push_back(static_cast<uint8_t>(number >> shift));
     return answer;
 }
 

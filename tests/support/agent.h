@@ -80,20 +80,19 @@ protected:
 
     // Appends events to the Security log in one go. A running agent that follows it is told of it before this returns.
     void Write(const std::vector<win32::NEW_EVENT>& events) {
-        if (IsFollowed()) __real_WaitForSingleObject(changeEvent, 0);  // the pulse of what was there before
-        win32::EVT_WRITER writer;
-        EXPECT_TRUE(writer.Open(SecurityLog(), LogBytes));
-        for (const win32::NEW_EVENT& event : events) {
-            win32::BYTES record;
-            EXPECT_TRUE(win32::BuildRecord(event, record));
-            EXPECT_TRUE(writer.Append(*reinterpret_cast<const EVENTLOGRECORD*>(record.data())));
-        }
-        EXPECT_TRUE(writer.Flush());
-        AwaitNotice();
+        ChangeLog([&] {
+            win32::EVT_WRITER writer;
+            EXPECT_TRUE(writer.Open(SecurityLog(), LogBytes));
+            for (const win32::NEW_EVENT& event : events) {
+                win32::BYTES record;
+                EXPECT_TRUE(win32::BuildRecord(event, record));
+                EXPECT_TRUE(writer.Append(*reinterpret_cast<const EVENTLOGRECORD*>(record.data())));
+            }
+            EXPECT_TRUE(writer.Flush());
+        });
     }
     void ClearLog() {
-        EXPECT_TRUE(win32::ClearLogFile(SecurityLog(), LogBytes));
-        AwaitNotice();
+        ChangeLog([&] { EXPECT_TRUE(win32::ClearLogFile(SecurityLog(), LogBytes)); });
     }
     // Changes a value of the settings key; the running agent has taken it up when this returns.
     static void Set(const WCHAR* name, const WCHAR* value) {
@@ -179,12 +178,15 @@ private:
 
     std::string SecurityLog() const { return root.Path("eventlog/Security.evt"); }
 
-    static bool IsFollowed() { return !changeObject.expired(); }
-    // Takes the pulse that the change caused, and leaves one for the agent.
-    static void AwaitNotice() {
-        if (!IsFollowed()) return;
+    // Takes the pulse that the change causes, after any that was there before, and leaves one for the agent.
+    template <typename CHANGE>
+    static void ChangeLog(CHANGE change) {
+        const std::shared_ptr<win32::KERNEL_OBJECT> followed = changeObject.lock();
+        if (!followed) return change();
+        __real_WaitForSingleObject(changeEvent, 0);
+        change();
         EXPECT_EQ(WAIT_OBJECT_0, __real_WaitForSingleObject(changeEvent, 30000));
-        win32::PulseEventObject(*changeObject.lock());
+        win32::PulseEventObject(*followed);
     }
 
     bool LetTheWorldMove() {

@@ -15,6 +15,7 @@
 #include <limits>
 #include <map>
 #include <mutex>
+#include <set>
 #include <span>
 #include <thread>
 #include <utility>
@@ -27,6 +28,8 @@ HANDLE __real_CreateWaitableTimerW(LPSECURITY_ATTRIBUTES security, BOOL manualRe
 BOOL __real_SetWaitableTimer(HANDLE timer, const LARGE_INTEGER* due, LONG period, PTIMERAPCROUTINE routine,
                              LPVOID argument, BOOL resume);
 BOOL __real_CloseHandle(HANDLE handle);
+uintptr_t __real__beginthreadex(void* security, unsigned stack, unsigned (*routine)(void*), void* argument,
+                                unsigned flags, unsigned* id);
 }
 
 // The thread that makes it is the one that moves it, by waiting; other threads wait in real time.
@@ -111,7 +114,16 @@ public:
         return true;
     }
     static void Closed(HANDLE handle) {
-        Note([&] { timers.erase(handle); });
+        Note([&] { timers.erase(handle), threads.erase(handle); });
+    }
+
+    // Threads that the agent starts work in real time, and who waits for one of them does, too.
+    static void Started(HANDLE thread) {
+        Note([&] { threads.insert(thread); });
+    }
+    static bool IsForThreads(std::span<const HANDLE> handles) {
+        const std::lock_guard lock(mutex);
+        return std::any_of(handles.begin(), handles.end(), [](HANDLE handle) { return threads.contains(handle); });
     }
 
 private:
@@ -175,6 +187,7 @@ private:
     static inline std::mutex mutex;  // over what follows
     static inline std::condition_variable changed;
     static inline std::map<HANDLE, TIMER> timers;     // of every test: a thread of the agent's may outlive one
+    static inline std::set<HANDLE> threads;           // open handles of them
     static inline std::map<HANDLE, int> waiting;      // how many other threads wait for it
     static inline std::map<HANDLE, unsigned> rounds;  // how often one took its signal and came back to wait
 
@@ -193,19 +206,20 @@ extern "C" {
     *time = {static_cast<DWORD>(units), static_cast<DWORD>(units >> 32)};
 }
 
-// Waiting for all of several handles is waiting for threads to end.
 [[gnu::used]] inline DWORD __wrap_WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL all,
                                                          DWORD milliseconds) {
     VIRTUAL_CLOCK* const clock = VIRTUAL_CLOCK::Current();
     if (clock == nullptr) return __real_WaitForMultipleObjects(count, handles, all, milliseconds);
     if (!clock->IsMovedByThisThread()) return VIRTUAL_CLOCK::WaitAsOther({handles, count}, all, milliseconds);
-    if (all) return __real_WaitForMultipleObjects(count, handles, all, milliseconds);
+    if (all || VIRTUAL_CLOCK::IsForThreads({handles, count}))
+        return __real_WaitForMultipleObjects(count, handles, all, milliseconds);
     return clock->WaitAsWorker({handles, count}, milliseconds);
 }
 
 [[gnu::used]] inline DWORD __wrap_WaitForSingleObject(HANDLE handle, DWORD milliseconds) {
     VIRTUAL_CLOCK* const clock = VIRTUAL_CLOCK::Current();
-    if (clock == nullptr || !clock->IsMovedByThisThread() || milliseconds == 0)
+    if (clock == nullptr || !clock->IsMovedByThisThread() || milliseconds == 0 ||
+        VIRTUAL_CLOCK::IsForThreads({&handle, 1}))
         return __real_WaitForSingleObject(handle, milliseconds);
     return clock->WaitAsWorker({&handle, 1}, milliseconds);
 }
@@ -226,5 +240,12 @@ extern "C" {
 [[gnu::used]] inline BOOL __wrap_CloseHandle(HANDLE handle) {
     VIRTUAL_CLOCK::Closed(handle);
     return __real_CloseHandle(handle);
+}
+
+[[gnu::used]] inline uintptr_t __wrap__beginthreadex(void* security, unsigned stack, unsigned (*routine)(void*),
+                                                     void* argument, unsigned flags, unsigned* id) {
+    const uintptr_t thread = __real__beginthreadex(security, stack, routine, argument, flags, id);
+    if (thread != 0) VIRTUAL_CLOCK::Started(reinterpret_cast<HANDLE>(thread));
+    return thread;
 }
 }
