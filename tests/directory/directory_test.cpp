@@ -187,7 +187,7 @@ TEST(DnTest, TheOuPathIsCutOutOfADn) {
                                                         {u"CN=u,ou=Low,OU=Top,DC=x", u"Low.Top"},
                                                         {u"CN=u,DC=x", u""},
                                                         {u"", u""},
-                                                        {u"CN=u, OU=Blank,OUX=No,O=No,OU=Yes", u"Yes"},
+                                                        {u"CN=u, OU=Blank,OUX=No,O=No,OX=No,XU=No,OU=Yes", u"Yes"},
                                                         {u"OU=,OU=a=b,OU", u".a=b"},
                                                         {u"CN=a\\,OU=Sly,OU=Real", u"Sly.Real"},
                                                         {u"OU,OU=After", u"After"},
