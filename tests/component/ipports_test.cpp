@@ -220,11 +220,11 @@ TEST(SecureConnection, ARenegotiationIsDeclinedAndTheConnectionGoesOn) {
     renegotiated = 0;
     {
         PLAYED server(SERVER_KIND{}, [](SSL* session, ACCEPTED& peer) {
+            SSL_renegotiate(session);
+            SSL_do_handshake(session);  // sends the request for it
             SSL_set_info_callback(session, [](const SSL*, int where, int) {
                 if (where & SSL_CB_HANDSHAKE_DONE) ++renegotiated;
             });
-            SSL_renegotiate(session);
-            SSL_do_handshake(session);  // sends the request for it
             Echo(session, peer);
         });
         CLIENT client;
