@@ -145,6 +145,7 @@ class Soak(Machine):
 
     def step_settings_by_hand_in_pieces(self):
         self.step_settings_by_tool()
+        self.model.allowed = ("registry.reg, line",)  # the half of a file
         since, ttl, path = len(self.heard), self.random.randrange(30, 60), f"{self.root}/registry.reg"
         if self.random.random() < 0.5:
             self.move_clock(61)  # the agent writes its statistics meanwhile
@@ -164,6 +165,8 @@ class Soak(Machine):
         with open(path) as file:
             if lost := set(kept.findall(text)) - set(kept.findall(file.read())):
                 raise Violation(f"settings were lost: {lost}")
+        self.listen()
+        self.model.allowed = ()
         self.step_settings_by_tool()
 
     def step_directory_goes(self):
@@ -280,6 +283,10 @@ class Soak(Machine):
         self.start_agent()
 
     def step_feed_killed(self):
+        """It marks its place once a second: most of what it wrote comes before it again."""
+        for _ in range(3):
+            self.say(self.new("feed", 5))
+            self.settle(probes=False)
         self.say(self.new("feed", 40))
         time.sleep(self.random.random() / 10)
         self.feed.kill()
@@ -326,7 +333,7 @@ def main(arguments):
     if "SOAK_PRIVATE" not in os.environ:  # mounts of its own, where that is permitted
         for more in ([], ["--map-root-user"]):
             command = ["unshare", "--mount", "--propagation", "private", *more]
-            if subprocess.run([*command, "true"], stderr=subprocess.DEVNULL).returncode == 0:
+            if shutil.which("unshare") and subprocess.run([*command, "true"], stderr=subprocess.DEVNULL).returncode == 0:
                 os.environ["SOAK_PRIVATE"] = "1"
                 os.execvp(command[0], [*command, sys.executable, os.path.abspath(__file__), *arguments, "--seed", str(options.seed)])
     print(f"seed {options.seed}", flush=True)

@@ -145,7 +145,7 @@ class Model:
     # What the agent says.
 
     def hear(self, stamp, text):
-        if any(each in text for each in NEVER) and not any(each in text for each in self.allowed):
+        if (stamp is None or any(each in text for each in NEVER)) and not any(each in text for each in self.allowed):
             raise Violation(f"the agent said: {text}")
         kind = next((kind for begin, kind in BEGINS.items() if text.startswith(begin)), None)
         if kind:
@@ -322,7 +322,8 @@ class Model:
 
 
 class Messages:
-    """The agent's messages as they come at the end of a growing file, each once and whole."""
+    """The agent's messages as they come at the end of a growing file, each once and whole. Those that the layer writes there
+    have no time."""
 
     def __init__(self, path):
         self.path, self.at, self.rest = path, 0, ""
@@ -337,6 +338,9 @@ class Messages:
         starts = [found.start() for found in STAMP.finditer(self.rest)]
         whole = len(self.rest) if self.rest.endswith("\n\n") else (starts[-1] if starts else 0)
         text, self.rest = self.rest[:whole], self.rest[whole:]
-        parts = STAMP.split(text)
-        for stamp, message in zip(parts[1::2], parts[2::2]):
-            yield calendar.timegm(time.strptime(stamp, "%Y/%m/%d %I:%M:%S %p")), message.strip("\n")
+        first, *parts = STAMP.split(text)
+        yield from ((None, line) for line in first.split("\n") if line)
+        for stamp, message in zip(parts[::2], parts[1::2]):
+            message, _, more = message.partition("\n\n")
+            yield calendar.timegm(time.strptime(stamp, "%Y/%m/%d %I:%M:%S %p")), message
+            yield from ((None, line) for line in more.split("\n") if line)
