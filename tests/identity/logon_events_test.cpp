@@ -124,7 +124,7 @@ protected:
         }
     }
     void Refuse() {
-        server.Answer([](const std::string&) { return "no"; });
+        server.Answer([](const std::string&) { return std::string(14, 'x'); });
     }
 
     TEMPORARY_ROOT root;
