@@ -78,12 +78,22 @@ struct PLAN {
     char error[16] = "";
 };
 
+std::atomic<bool> Begun = false;   // before main there is nobody to tell
+thread_local bool Inside = false;  // the harness's own calls do not count
+
 struct FAULTS {
     SHARED* shared = nullptr;
     PLAN plan;
     std::mutex lock;
 
     FAULTS() {
+        const bool before = std::exchange(Inside, true);
+        Map();
+        Inside = before;
+    }
+
+private:
+    void Map() {
         const char* const path = std::getenv("FAULTS_SHARED");
         const int fd = path != nullptr ? ::open(path, O_RDWR | O_CLOEXEC) : -1;
         if (fd < 0) return;
@@ -106,9 +116,6 @@ FAULTS& Faults() {
     static FAULTS& faults = *new (memory) FAULTS;
     return faults;
 }
-
-std::atomic<bool> Begun = false;   // before main there is nobody to tell
-thread_local bool Inside = false;  // the harness's own calls do not count
 
 struct STACK {
     uintptr_t caller = 0;

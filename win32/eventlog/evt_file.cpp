@@ -74,7 +74,8 @@ void EVT_FILE::Close() {
 
 bool EVT_FILE::Replaced() const {
     struct stat named;
-    return stat(name.c_str(), &named) != 0 || named.st_ino != file || named.st_dev != device;
+    if (stat(name.c_str(), &named) != 0) return errno == ENOENT;  // of a name that cannot be looked at nothing is known
+    return named.st_ino != file || named.st_dev != device;
 }
 
 bool EVT_FILE::Load(EVT_STATE& state) {

@@ -174,6 +174,16 @@ TEST_F(EVENT_LOG_CALLS, AClearedLogIsMetAs1503ByItsReadersAndBeginsAnew) {
     EXPECT_EQ(Range(50, 50), ReadOnce(again.get(), Forwards).ids);
 }
 
+TEST_F(EVENT_LOG_CALLS, ALogWhoseNameCannotBeLookedAtIsReadOn) {
+    MakeLog(2);
+    const LOG reader = OpenLog();
+    EXPECT_EQ(Range(1, 2), ReadOnce(reader.get(), Forwards).ids);
+    ASSERT_TRUE(Append(3, 1));
+    std::filesystem::rename(root.Path("eventlog"), root.Path("moved"));
+    std::filesystem::create_symlink("eventlog", root.Path("eventlog"));  // a loop
+    EXPECT_EQ(Range(3, 3), ReadOnce(reader.get(), Forwards).ids);
+}
+
 TEST_F(EVENT_LOG_CALLS, AManualResetEventWakesOneWaitForEachChangeAndThenNoMore) {
     MakeLog();
     const LOG log = OpenLog();
