@@ -118,7 +118,6 @@ BOOL WINAPI NotifyChangeEventLog(HANDLE handle, HANDLE event) {
     if (!woken) return FALSE;
     if (woken->WaitDescriptor() < 0) return win32::FailWith(ERROR_INVALID_HANDLE);
     auto notification = std::make_unique<win32::LOG_NOTIFICATION>(log->reader.Path(), woken);
-    if (!notification->Active()) return FALSE;
     unsigned turn = 0;
     {
         const std::lock_guard guard(log->lock);

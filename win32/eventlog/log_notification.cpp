@@ -12,7 +12,7 @@ namespace win32 {
 LOG_NOTIFICATION::LOG_NOTIFICATION(const std::string& path, const std::shared_ptr<KERNEL_OBJECT>& event)
     : log(path), woken(event), seen(Look()) {
     watch = std::make_unique<FILE_WATCH>(path, [this] { Changed(); });
-    if (Active()) Changed();  // what happened before the watch began
+    Changed();  // what happened before the watch began
 }
 
 LOG_NOTIFICATION::MARK LOG_NOTIFICATION::Look() const {

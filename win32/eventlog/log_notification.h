@@ -17,7 +17,6 @@ namespace win32 {
 class LOG_NOTIFICATION {
 public:
     LOG_NOTIFICATION(const std::string& path, const std::shared_ptr<KERNEL_OBJECT>& event);
-    bool Active() const { return watch && watch->Active(); }  // false: last error set by the constructor
 
 private:
     // What a change of the log changes: its file, or the number of its next record. Appending writes the header last,

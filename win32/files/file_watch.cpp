@@ -1,6 +1,5 @@
 #include "win32/files/file_watch.h"
 
-#include "win32/text/last_error.h"
 #include "win32/text/utf.h"
 
 #include <poll.h>
@@ -8,6 +7,7 @@
 #include <sys/eventfd.h>
 #include <sys/inotify.h>
 #include <unistd.h>
+#include <windows.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -19,7 +19,6 @@
 #include <mutex>
 #include <set>
 #include <string>
-#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -66,17 +65,16 @@ public:
         return *watcher;
     }
 
-    bool Add(const STATE_POINTER& state) {
+    void Add(const STATE_POINTER& state) {
         {
             const std::lock_guard guard(lock);
-            if (!Start()) return false;
+            Start();
             states.insert(state);
             state->folderWatch = Watch(state->folder, FolderEvents | IN_ONLYDIR, state);
             if (state->folderWatch < 0) Poll(state, errno);
             Renew(state);
         }
         Complain();
-        return true;
     }
 
     void Remove(const STATE_POINTER& state) {
@@ -95,21 +93,14 @@ public:
 
 private:
     // Without the means to wake its thread there is no inotify either: all is polled then.
-    bool Start() {
-        if (started) return true;
+    void Start() {
+        if (started) return;
         wake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
         if (wake >= 0) queue = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
         queueFailure = errno;
-        try {
-            std::thread([this] { Run(); }).detach();
-        } catch (const std::system_error&) {
-            if (wake >= 0) close(wake);
-            if (queue >= 0) close(queue);
-            wake = queue = -1;
-            return FailWith(ERROR_NOT_ENOUGH_MEMORY);
-        }
+        // Without the thread no change would ever be noticed, and callers do not ask: what it throws ends the process.
+        std::thread([this] { Run(); }).detach();
         started = true;
-        return true;
     }
 
     // IN_MASK_ADD, since two watches of one file or folder share one descriptor.
@@ -245,20 +236,18 @@ FILE_WATCH::FILE_WATCH(const std::string& path, std::function<void()> changed) {
     watch->folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
     watch->name = slash == std::string::npos ? path : path.substr(slash + 1);
     watch->changed = std::move(changed);
-    if (STATE::WATCHER::Instance().Add(watch)) state = std::move(watch);
+    STATE::WATCHER::Instance().Add(watch);
+    state = std::move(watch);
 }
 
 FILE_WATCH::~FILE_WATCH() {
-    if (!state) return;
     STATE::WATCHER::Instance().Remove(state);
     const std::lock_guard guard(state->running);
     state->alive = false;
 }
 
 void FILE_WATCH::CallAfter(unsigned long long milliseconds) {
-    if (state) STATE::WATCHER::Instance().CallAt(state, GetTickCount64() + milliseconds);
+    STATE::WATCHER::Instance().CallAt(state, GetTickCount64() + milliseconds);
 }
-
-bool FILE_WATCH::Active() const { return state != nullptr; }
 
 }  // namespace win32

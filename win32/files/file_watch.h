@@ -18,12 +18,12 @@ constexpr const char* PollingThreadName = "file-polling";
 // destroy its own watch.
 class FILE_WATCH {
 public:
+    // Throws std::system_error when the watcher thread cannot be started; nothing catches it, since a process that
+    // hears of no change is better started again.
     FILE_WATCH(const std::string& path, std::function<void()> changed);
     ~FILE_WATCH();
     FILE_WATCH(const FILE_WATCH&) = delete;
     FILE_WATCH& operator=(const FILE_WATCH&) = delete;
-
-    bool Active() const;  // false: there can be no watcher thread; last error set
 
     void CallAfter(unsigned long long milliseconds);  // once, whether anything changes or not
 

@@ -35,8 +35,8 @@ std::string MachineRoot() {
     std::string folder = root.lexically_normal().string();
     while (!folder.empty() && folder.back() == '/') folder.pop_back();
     if (named != nullptr && *named == '/') {
-        lastName = named;
         lastFolder = folder;
+        lastName = named;  // last: without memory for the folder it is asked for again
     }
     return folder;
 }

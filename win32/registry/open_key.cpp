@@ -46,7 +46,7 @@ const char16_t* PredefinedName(HKEY handle) {
 }  // namespace
 
 LSTATUS OPEN_KEY::Arm(std::shared_ptr<KERNEL_OBJECT> event) {
-    if (!store.Watch(SignalChanged)) return static_cast<LSTATUS>(GetLastError());
+    store.Watch(SignalChanged);
     const std::lock_guard guard(Notifications().lock);
     armed = std::move(event);
     Notifications().keys.insert(this);

@@ -270,15 +270,12 @@ bool REG_STORE::Unchanged(const FOUND& found) const {
            (found.writer != FILE_WRITER::NONE || NobodyWaitsToWrite(found.file.Get()));
 }
 
-bool REG_STORE::Watch(std::function<void()> changed) {
+void REG_STORE::Watch(std::function<void()> changed) {
     const std::lock_guard guard(watching);
     if (!watch) {
-        auto started = std::make_unique<FILE_WATCH>(path, [this] { Announce(); });
-        if (!started->Active()) return false;
         announce = std::move(changed);
-        watch = std::move(started);
+        watch = std::make_unique<FILE_WATCH>(path, [this] { Announce(); });
     }
-    return true;
 }
 
 void REG_STORE::Announce() {

@@ -41,8 +41,8 @@ public:
     DWORD Change(const std::function<DWORD(REG_TREE&)>& edit);
 
     // Calls `changed` after each change of the tree, on the thread that made or noticed it and with no lock held. The
-    // first call begins to watch the file; false: it cannot be watched, last error set.
-    bool Watch(std::function<void()> changed);
+    // first call begins to watch the file; it throws when the watcher thread cannot be started.
+    void Watch(std::function<void()> changed);
 
     // What is wrong with the file, one UTF-8 line without a line break; empty: nothing. Taken, it comes again only
     // when it is another.

@@ -77,7 +77,6 @@ TEST(FileWatch, EveryWayToChangeAFileIsTold) {
     CALLS calls, barrierCalls;
     const win32::FILE_WATCH watch(path, calls.Count());
     const win32::FILE_WATCH barrier(root.Path("barrier"), barrierCalls.Count());
-    ASSERT_TRUE(watch.Active());
     // The second call comes with a later batch of events: what went before the first has then been told.
     const auto drain = [&] {
         for (int i = 0; i < 2; ++i) {
@@ -133,7 +132,6 @@ void ExpectPolling(const TEMPORARY_ROOT& root) {
     const std::string path = root.Path("folder/watched");
     CALLS calls;
     const win32::FILE_WATCH watch(path, calls.Count());
-    ASSERT_TRUE(watch.Active());
     for (const char* text : {"one", "two"}) {
         const int before = calls.Now();
         root.Write("folder/watched", text);
