@@ -223,7 +223,7 @@ TEST(SecureConnection, ARenegotiationIsDeclinedAndTheConnectionGoesOn) {
             SSL_renegotiate(session);
             SSL_do_handshake(session);  // sends the request for it
             SSL_set_info_callback(session, [](const SSL*, int where, int) {
-                if (where & SSL_CB_HANDSHAKE_DONE) ++renegotiated;
+                if (where & SSL_CB_HANDSHAKE_START) ++renegotiated;
             });
             Echo(session, peer);
         });

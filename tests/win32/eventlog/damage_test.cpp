@@ -142,5 +142,33 @@ TEST_F(DAMAGE, ALogThatAnotherSystemLeftOpenIsReadToItsEndOfFileRecord) {
     EXPECT_EQ(Range(1, 10), ReadAll(OpenLog().get(), Forwards).ids);
 }
 
+TEST(Record, IsWholeOnlyWhileEachOfItsPartsLiesInsideIt) {
+    NEW_EVENT event;
+    event.source = u"Source";
+    event.strings = {u"one", u"two"};
+    event.sid = {1, 1, 0, 0, 0, 0, 0, 5, 18, 0, 0, 0};
+    event.data = {1, 2, 3, 4};
+    BYTES whole;
+    ASSERT_TRUE(BuildRecord(event, whole));
+    ASSERT_TRUE(IsWholeRecord(whole.data(), whole.size()));
+    EXPECT_FALSE(IsWholeRecord(whole.data(), whole.size() - 1));
+    const std::pair<const char*, void (*)(EVENTLOGRECORD&)> harms[] = {
+        {"signature", [](EVENTLOGRECORD& r) { ++r.Reserved; }},
+        {"length", [](EVENTLOGRECORD& r) { r.Length -= 4; }},
+        {"data beyond the end", [](EVENTLOGRECORD& r) { r.DataLength += 4; }},
+        {"data after the end", [](EVENTLOGRECORD& r) { r.DataOffset = r.Length; }},
+        {"data within the fields", [](EVENTLOGRECORD& r) { r.DataOffset = 4; }},
+        {"more strings than there are", [](EVENTLOGRECORD& r) { r.NumStrings += 20; }},
+        {"strings between two units", [](EVENTLOGRECORD& r) { ++r.StringOffset; }},
+        {"SID beyond the end", [](EVENTLOGRECORD& r) { r.UserSidLength = r.Length; }},
+        {"SID without its fields", [](EVENTLOGRECORD& r) { r.UserSidLength = 4; }},
+        {"SID of more parts than its length", [](EVENTLOGRECORD& r) { r.UserSidLength -= 4; }}};
+    for (const auto& [name, harm] : harms) {
+        BYTES bytes = whole;
+        harm(*reinterpret_cast<EVENTLOGRECORD*>(bytes.data()));
+        EXPECT_FALSE(IsWholeRecord(bytes.data(), bytes.size())) << name;
+    }
+}
+
 }  // namespace
 }  // namespace win32
