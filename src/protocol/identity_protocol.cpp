@@ -19,8 +19,8 @@ namespace {
 constexpr DWORD LockSpins = 5000;
 constexpr DWORD ReconnectPauseMs = 60000;
 constexpr DWORD ResponseTimeoutSeconds = 20;
-constexpr DWORD PieceTimeoutSeconds = 1;  // for the rest of a response of which pieces came
-constexpr DWORD PollMs = 2;               // where the component has no event to wait for
+constexpr DWORD PieceTimeoutMs = 1000;  // for what is near: the rest of a piece, or the response behind an earlier one
+constexpr DWORD PollMs = 2;             // where the component has no event to wait for
 
 // More than any response has. What a server sends beyond that is not kept: the exchange has failed anyway.
 constexpr size_t MaxReceivedBytes = size_t{1} << 20;
@@ -79,13 +79,12 @@ void IDENTITY_PROTOCOL::DataIn(const void* bytes, int length) {
         const size_t count = static_cast<size_t>(std::max(length, 0));
         received.insert(received.end(), data, data + std::min(MaxReceivedBytes - received.size(), count));
         owed = LastRequestAnswered() ? 0 : owed - std::min(owed, count);
-        if (owed < ResponseLength) {
-            pending |= SESSION_DATA_IN;
-        } else if (owed % ResponseLength != 0 && !incomplete) {
-            // A piece of an earlier response, whose rest is near, or a response that is too short.
-            incomplete = true;
-            ArmTimer(PieceTimeoutSeconds);
-        }
+        // One that was not counted, of a server that answered twice, or whose rest was no longer counted on.
+        const bool behind = responseDue != 0 && owed < ResponseLength && EndsWithEarlierResponse();
+        if (behind) owed = ResponseLength;
+        if (owed < ResponseLength) pending |= SESSION_DATA_IN;
+        // A piece of an earlier response, whose rest is near, or a response that is too short.
+        if (owed >= ResponseLength) ExpectRest(behind || owed % ResponseLength != 0);
     }
     Wake();
 }
@@ -95,6 +94,23 @@ void IDENTITY_PROTOCOL::DataIn(const void* bytes, int length) {
 bool IDENTITY_PROTOCOL::LastRequestAnswered() const {
     return received.size() >= ResponseLength &&
            std::equal(lastRequestId.begin(), lastRequestId.end(), received.end() - ResponseLength + IdOffset);
+}
+
+// IDs grow, and their bytes lie in network order.
+bool IDENTITY_PROTOCOL::EndsWithEarlierResponse() const {
+    if (received.size() < ResponseLength) return false;
+    const auto id = received.end() - ResponseLength + IdOffset;
+    return std::lexicographical_compare(id, id + lastRequestId.size(), lastRequestId.begin(), lastRequestId.end());
+}
+
+// Shortens the wait for the response while only its rest, or that of an earlier one, is to come; whole responses may
+// take all of its time.
+void IDENTITY_PROTOCOL::ExpectRest(bool isNear) {
+    if (responseDue == 0 || isNear == incomplete) return;
+    incomplete = isNear;
+    const ULONGLONG now = GetTickCount64();
+    const DWORD left = static_cast<DWORD>(responseDue - std::min(now, responseDue));
+    ArmTimer(isNear ? std::min(left, PieceTimeoutMs) : left);
 }
 
 // The thread that is about to wait needs no event to be told by; for any other there is the wake event.
@@ -126,11 +142,11 @@ void IDENTITY_PROTOCOL::MakeHandles() {
     if (!timer) timer.Reset(CreateWaitableTimerW(nullptr, FALSE, nullptr));
 }
 
-bool IDENTITY_PROTOCOL::ArmTimer(DWORD seconds) {
+bool IDENTITY_PROTOCOL::ArmTimer(DWORD milliseconds) {
     MakeHandles();
     LARGE_INTEGER due;
-    due.QuadPart = -static_cast<LONGLONG>(seconds) * 10'000'000;  // relative, in 100-ns units
-    return SetWaitableTimer(timer.Get(), &due, static_cast<LONG>(seconds * 1000), nullptr, nullptr, FALSE) != FALSE;
+    due.QuadPart = -static_cast<LONGLONG>(milliseconds) * 10'000;  // relative, in 100-ns units
+    return SetWaitableTimer(timer.Get(), &due, static_cast<LONG>(milliseconds), nullptr, nullptr, FALSE) != FALSE;
 }
 
 // The result of waiting for StopEvent, the wake event, the timer and the component's event, in this order.
@@ -166,7 +182,7 @@ WAIT_RESULT IDENTITY_PROTOCOL::Stopping() {
 }
 
 WAIT_RESULT IDENTITY_PROTOCOL::Wait(DWORD seconds, SESSION_EVENTS wanted) {
-    if (!ArmTimer(seconds)) return WAIT_RESULT::FAILED;
+    if (!ArmTimer(seconds * 1000)) return WAIT_RESULT::FAILED;
     DebugPrintMasked(DEBUG_TCP, TEXT("IDENTITY_PROTOCOL::Wait for events = [%s]"), EventNames(wanted));
     if (Active().EventHandle() == nullptr) ProcessEvents();  // otherwise its event says when there is something to do
     for (;;) {
@@ -200,8 +216,13 @@ WAIT_RESULT IDENTITY_PROTOCOL::Wait(DWORD seconds, SESSION_EVENTS wanted) {
 
 bool IDENTITY_PROTOCOL::ReceiveResponse(std::span<const BYTE>& bytes) {
     Active().SetTimeout(ComponentTimeoutSeconds);
+    {
+        const LOCK_GUARD guard(lock);
+        responseDue = GetTickCount64() + ResponseTimeoutSeconds * 1000;
+    }
     const WAIT_RESULT result = Wait(ResponseTimeoutSeconds, SESSION_DATA_IN);
     const LOCK_GUARD guard(lock);
+    responseDue = 0;
     const bool inPieces = result == WAIT_RESULT::TIMED_OUT && incomplete;
     if (result != WAIT_RESULT::ARRIVED && !inPieces) return false;
     if (inPieces) owed -= owed % ResponseLength;  // the rest will not come; whole responses still may

@@ -80,14 +80,16 @@ private:
     bool AwaitNextRound();
     void MakeHandles();
     bool LastRequestAnswered() const;
-    bool ArmTimer(DWORD seconds);
+    bool EndsWithEarlierResponse() const;
+    void ExpectRest(bool isNear);
+    bool ArmTimer(DWORD milliseconds);
     void Wake();
     DWORD NextSignal();
     bool Woken(SESSION_EVENTS wanted, WAIT_RESULT& result);
     WAIT_RESULT Stopping();
 
     STRING serverName;
-    CRITICAL_SECTION_OWNER lock;  // guards pending, received, owed, incomplete and lastRequestId
+    CRITICAL_SECTION_OWNER lock;  // guards pending, received, owed, incomplete, responseDue and lastRequestId
     IDENTITY_TCPS tls;
     IDENTITY_TCP plain;
     TRANSPORT selector = TRANSPORT::NONE;
@@ -95,8 +97,9 @@ private:
     HANDLE_OWNER timer;
     SESSION_EVENTS pending = 0;
     std::vector<BYTE> received;
-    size_t owed = 0;          // bytes of responses to the requests sent over this connection that have not come
-    bool incomplete = false;  // since the last request only a part of an earlier response has come
+    size_t owed = 0;            // bytes of responses to the requests sent over this connection that have not come
+    bool incomplete = false;    // what has come since the last request leaves only its rest to wait for
+    ULONGLONG responseDue = 0;  // by GetTickCount64, while a response is waited for
     std::array<BYTE, sizeof(DWORD)> lastRequestId{};
     std::vector<BYTE> response;  // handed out by the last ReceiveResponse
     std::atomic<bool> disconnected{true};

@@ -1,9 +1,11 @@
 // The reports as they arrive at a server, and what the agent makes of its answers.
 #include "protocol/identity_reports.h"
 
+#include <chrono>
 #include <cstring>
 #include <future>
 #include <map>
+#include <thread>
 
 #include "platform/host_names.h"
 #include "protocol/manual_report.h"
@@ -205,12 +207,14 @@ TEST_F(REPORT_TEST, ALateOrSplitAnswerFailsItsReportAndAtMostTheNext) {
     };
     using PIECES = std::vector<PIECE>;
     PIECES byteByByte;
+    constexpr std::chrono::milliseconds Moment{20};  // long enough for the agent to send what it does not hold back
     for (size_t i = 0; i < ResponseLength; ++i) byteByByte.push_back({3, i, i + 1});
     byteByByte.push_back({4});
     const struct {
         const char* name;
         std::map<size_t, PIECES> said;  // when that report has come, if not just its answer. Nothing: it times out
         std::vector<size_t> failed;
+        std::chrono::milliseconds pause = Moment;  // behind the pieces that come by themselves
     } cases[] = {
         {"in two pieces", {{3, {{3, 0, 7}}}, {4, {{3, 7}, {4}}}}, {3, 4}},
         {"without its end", {{3, {{3, 0, 7}}}}, {3}},
@@ -218,6 +222,12 @@ TEST_F(REPORT_TEST, ALateOrSplitAnswerFailsItsReportAndAtMostTheNext) {
         {"late and byte by byte", {{3, {}}, {4, byteByByte}}, {3, 4}},
         {"two that are late", {{3, {}}, {4, {}}, {5, {{3}, {4}, {5}}}}, {3, 4, 5}},
         {"never", {{3, {}}, {4, {}}}, {3, 4}},
+        {"late, in pieces and from a slow server",
+         {{3, {}}, {4, {{3, 0, 7}, {3, 7}, {4}}}},
+         {3, 4},
+         std::chrono::milliseconds(1200)},
+        {"in pieces seconds apart", {{3, {{3, 0, 3}}}, {4, {{3, 3, 7}}}, {5, {{3, 7}, {4}, {5}}}}, {3, 4, 5}},
+        {"doubled", {{4, {{3}, {4}}}}, {4}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -225,12 +235,14 @@ TEST_F(REPORT_TEST, ALateOrSplitAnswerFailsItsReportAndAtMostTheNext) {
         server.Answer([&](const std::string& report) {
             answers.push_back(SCRIPTED_SERVER::GoodAnswer(report));
             const auto plan = c.said.find(answers.size());
+            std::this_thread::sleep_for(Moment);
             if (plan == c.said.end()) return answers.back();
             std::string last;
             for (const PIECE& piece : plan->second) {
                 session->DataIn(last.data(), static_cast<int>(last.size()));  // arrives by itself
                 last = answers[piece.report - 1].substr(piece.from, piece.to - piece.from);
             }
+            std::this_thread::sleep_for(c.pause);
             return last;
         });
         std::vector<size_t> failed;
