@@ -12,6 +12,8 @@
 
 namespace {
 
+constexpr DWORD LongestAnswerTime = 15'000;  // milliseconds, so that who waits for the answer fails and does not hang
+
 // What the system does with a question: answers with the result, once it is let.
 struct {
     std::atomic<HANDLE> asked{nullptr}, let{nullptr}, left{nullptr};
@@ -28,7 +30,7 @@ extern "C" INT __wrap_GetNameInfoW(const SOCKADDR* address, socklen_t, LPWSTR ho
                                    INT flags) {
     ++nameSystem.questions;
     SetEvent(nameSystem.asked);
-    WaitForSingleObject(nameSystem.let, INFINITE);
+    WaitForSingleObject(nameSystem.let, LongestAnswerTime);
     sockaddr_in ipv4;
     std::memcpy(&ipv4, address, sizeof(ipv4));
     nameSystem.address = ntohl(ipv4.sin_addr.s_addr);
