@@ -16,6 +16,7 @@
 #include "protocol/os_code.h"
 #include "protocol/pack_buffer.h"
 #include "service/settings.h"
+#include "service/stop.h"
 #include "service/version_banner.h"
 
 namespace keldwick {
@@ -91,6 +92,11 @@ void BindToDirectory(DIRECTORY_BINDING& binding) {
     STRING server;
     GetAdServer(server);
     if (!server.IsEmpty()) SetBindingServer(binding, server.Text());
+}
+
+// Whether a stop keeps the report from going out: it has cost the session its connection, and there is no other.
+bool IsNeverToBeSent() {
+    return CurrentSession->IsDisconnected() && WaitForSingleObject(StopEvent, 0) == WAIT_OBJECT_0;
 }
 
 // Encodes the list. Where memory runs out the groups are counted but not carried.
@@ -242,8 +248,9 @@ bool IdentityReportLogon(IDENTITY_REQUEST& request, const IP_ADDRESS& address, c
     DIRECTORY_BINDING binding;
     BindToDirectory(binding);
     GROUP_FIELDS groups;
-    if (!user.IsAbsent()) LookUpUser(user, binding, groups);
-    if (!computer.IsAbsent()) LookUpComputer(computer, binding);
+    const bool isFutile = IsNeverToBeSent();  // a directory may take its time for each record that waits in the log
+    if (!isFutile && !user.IsAbsent()) LookUpUser(user, binding, groups);
+    if (!isFutile && !computer.IsAbsent()) LookUpComputer(computer, binding);
 
     Encode(request, address, user, computer, groups);
     if (request.Length() == 0) return false;

@@ -256,6 +256,16 @@ TEST_F(REPORT_TEST, ALateOrSplitAnswerFailsItsReportAndAtMostTheNext) {
     }
 }
 
+TEST_F(REPORT_TEST, AfterAStopNothingIsLookedUpForReportsThatCannotBeSent) {
+    FAKE_DIRECTORY directory;
+    SetEvent(stop.Get());
+    EXPECT_FALSE(Report(u"CORP\\ann"));
+    EXPECT_FALSE(directory.calls.empty());  // it was connected still
+    directory.calls.clear();
+    EXPECT_FALSE(Report(u"CORP\\ann"));
+    EXPECT_TRUE(directory.calls.empty());
+}
+
 TEST_F(REPORT_TEST, AServerThatAnswersTooShortFailsEachReportWithinASecond) {
     server.Answer([](const std::string&) { return std::string(2, 'x'); });
     for (int report = 1; report <= 4; ++report) {
