@@ -4,6 +4,7 @@
 
 #include "platform/error_text.h"
 #include "tools/keldwickctl/commands.h"
+#include "win32/files/machine_root.h"
 #include "win32/files/root_files.h"
 #include "win32/registry/store.h"
 #include "win32/text/utf.h"
@@ -20,5 +21,7 @@ void FailRegistry(const std::string& what, DWORD code) {
     const std::string problem = win32::REG_STORE::Current().Problem();
     const bool ofFile = code == ERROR_BADDB || code == ERROR_SHARING_VIOLATION;
     if (ofFile && !problem.empty()) throw COMMAND_ERROR(what + ": " + problem);
+    if (code == ERROR_LOCK_VIOLATION)
+        throw COMMAND_ERROR(what + ": another process holds the lock " + win32::MachinePath("registry.reg.lock"));
     FailCommand(what, code);
 }

@@ -11,6 +11,7 @@
 #include "tools/keldwickctl/commands.h"
 #include "tools/keldwickctl/event_values.h"
 #include "win32/eventlog/evt_record.h"
+#include "win32/files/file_lock.h"
 #include "win32/files/machine_root.h"
 #include "win32/files/root_files.h"
 
@@ -161,16 +162,14 @@ bool LoadFeedState(const std::string& name, FEED_STATE& state) {
 }
 
 FEED_TURN::FEED_TURN(const std::string& name)
-    : file(win32::OpenRootFile(FeedPath(name, "writing"), O_RDWR | O_CREAT, 0600)) {
-    while (file && flock(file.Get(), LOCK_EX) != 0 && errno == EINTR) {
-    }
-}
+    : file(win32::OpenRootFile(FeedPath(name, "writing"), O_RDWR | O_CREAT, 0600)),
+      taken(file && win32::TakeFileLock(file.Get(), LOCK_EX)) {}
 
 bool FEED_STATE_FILE::Load(FEED_STATE& state, std::string& damage) const {
     damage.clear();
     if (kind == FEED_KIND::FOLLOWER) return LoadFeedState(name, state);
     const FEED_TURN turn(name);
-    if (!turn) Fail("make", Path("writing"));
+    if (!turn) Fail("make or lock", Path("writing"));
     std::string fault;
     const std::string path = Path("state");
     if (FindState(path, state, fault) != FOUND::DAMAGED) return LoadFeedState(name, state);

@@ -43,14 +43,15 @@ bool IsFeedRunning(const std::string& name);
 bool LoadFeedState(const std::string& name, FEED_STATE& state);
 
 // A turn to change the feed's files beside its lock; other streams of the name wait for theirs, which is a matter of
-// milliseconds. False: it cannot be had, errno says why.
+// milliseconds. False: it cannot be had, errno says why, EAGAIN when another process sits on it for 10 s.
 class FEED_TURN {
 public:
     explicit FEED_TURN(const std::string& name);
-    explicit operator bool() const { return static_cast<bool>(file); }
+    explicit operator bool() const { return taken; }
 
 private:
     const win32::DESCRIPTOR file;
+    const bool taken;
 };
 
 // A feed that follows a file runs alone. Streams have no place that two processes could dispute: any number of them

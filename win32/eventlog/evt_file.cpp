@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "win32/files/file_lock.h"
 #include "win32/files/root_files.h"
 #include "win32/text/last_error.h"
 
@@ -179,11 +180,8 @@ DWORD EVT_FILE::Size() const {
     return static_cast<DWORD>(std::min<long long>(about.st_size, MAXDWORD));
 }
 
-EVT_LOCK::EVT_LOCK(const EVT_FILE& file, KIND kind) : locked(file), held(false) {
-    int result;
-    do result = flock(file.fd, kind == SHARED ? LOCK_SH : LOCK_EX);
-    while (result != 0 && errno == EINTR);
-    held = result == 0;
+EVT_LOCK::EVT_LOCK(const EVT_FILE& file, KIND kind)
+    : locked(file), held(TakeFileLock(file.fd, kind == SHARED ? LOCK_SH : LOCK_EX)) {
     if (!held) FailWithErrno();
 }
 

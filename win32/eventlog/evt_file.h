@@ -83,7 +83,7 @@ private:
 };
 
 // The file's lock while it lives: shared for readers, exclusive for the writer. It is the kernel's (flock), so it ends
-// with the process that holds it.
+// with the process that holds it. Not to be had while another process sits on it for 10 s: ERROR_LOCK_VIOLATION.
 class EVT_LOCK {
 public:
     enum KIND { SHARED, EXCLUSIVE };

@@ -1,5 +1,6 @@
 #include "win32/registry/store.h"
 
+#include "win32/files/file_lock.h"
 #include "win32/files/file_watch.h"
 #include "win32/files/file_writer.h"
 #include "win32/files/machine_root.h"
@@ -24,8 +25,7 @@ namespace {
 
 // The kernel stamps a file with a clock that ticks every 1 to 10 ms: two writes within one tick look the same.
 constexpr int64_t StampGranularityNs = 50'000'000;
-constexpr int LockTries = 2000;  // of LockPauseUs each: 10 s
-constexpr useconds_t LockPauseUs = 5000;
+constexpr useconds_t LookPauseUs = 5000;
 constexpr mode_t FileMode = 0640;  // the layer's settings may name a password
 
 // In milliseconds.
@@ -37,16 +37,6 @@ constexpr ULONGLONG ShortestPause = 10, LongestPause = 1000;  // between two loo
 int64_t Nanoseconds(const timespec& time) { return static_cast<int64_t>(time.tv_sec) * 1'000'000'000 + time.tv_nsec; }
 
 bool SameTime(const timespec& a, const timespec& b) { return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec; }
-
-// Bounded: a process that was stopped with the lock in its hands must not stop all others.
-DWORD TakeLock(int descriptor) {
-    for (int i = 0; i < LockTries; ++i) {
-        if (flock(descriptor, LOCK_EX | LOCK_NB) == 0) return ERROR_SUCCESS;
-        if (errno != EWOULDBLOCK && errno != EINTR) return ErrorFromErrno(errno);
-        usleep(LockPauseUs);
-    }
-    return ERROR_LOCK_VIOLATION;
-}
 
 }  // namespace
 
@@ -88,7 +78,7 @@ std::shared_ptr<const REG_TREE> REG_STORE::Tree(DWORD* error) {
     if (!Fresh()) Load();
     for (const ULONGLONG begin = GetTickCount64(); !tree && loadError == ERROR_SHARING_VIOLATION && !Overdue(begin);) {
         guard.unlock();
-        usleep(LockPauseUs);
+        usleep(LookPauseUs);
         guard.lock();
         Load();
     }
@@ -221,9 +211,9 @@ DWORD REG_STORE::ChangeFile(const std::function<DWORD(REG_TREE&)>& edit) {
     const std::lock_guard writer(writing);
     const DESCRIPTOR lockFile(OpenRootFile(path + ".lock", O_RDONLY | O_CREAT, FileMode));
     if (!lockFile) return ErrorFromErrno(errno);
-    if (const DWORD error = TakeLock(lockFile.Get()); error != ERROR_SUCCESS) return error;
+    if (!TakeFileLock(lockFile.Get(), LOCK_EX)) return ErrorFromErrno(errno);
 
-    for (const ULONGLONG begin = GetTickCount64();; usleep(LockPauseUs)) {
+    for (const ULONGLONG begin = GetTickCount64();; usleep(LookPauseUs)) {
         const DWORD error = TryChange(edit);
         const std::lock_guard guard(lock);
         if (error != ERROR_SHARING_VIOLATION || Overdue(begin)) return error;

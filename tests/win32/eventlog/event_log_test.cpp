@@ -1,4 +1,6 @@
 // The event-log calls: positions, codes, the circle, clearing, resizing, notification.
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,6 +12,15 @@
 
 #include "tests/win32/eventlog/log_fixture.h"
 #include "win32/files/machine_root.h"
+#include "win32/sync/descriptor.h"
+
+// The call of wrapped-calls.txt: the tick count goes on by so much with each call.
+static std::atomic<ULONGLONG> ticksPerCall{0}, ticksAhead{0};
+extern "C" {
+ULONGLONG __real_GetTickCount64();
+ULONGLONG __wrap_GetTickCount64();
+ULONGLONG __wrap_GetTickCount64() { return __real_GetTickCount64() + (ticksAhead += ticksPerCall); }
+}
 
 namespace win32 {
 namespace {
@@ -282,6 +293,20 @@ TEST_F(EVENT_LOG_CALLS, ALogThatMayNotBeReadSaysWhichRightIsMissing) {
     ASSERT_EQ(0, chmod(Path("Other").c_str(), 0));
     EXPECT_EQ(DWORD{ERROR_PRIVILEGE_NOT_HELD}, ErrorOf(OpenLog() != nullptr));
     EXPECT_EQ(DWORD{ERROR_ACCESS_DENIED}, ErrorOf(OpenLog(u"Other") != nullptr));
+}
+
+TEST_F(EVENT_LOG_CALLS, ALockThatAnotherKeepsFailsReadsAndWritesInTime) {
+    MakeLog(3);
+    const LOG log = OpenLog();
+    const DESCRIPTOR other(open(Path().c_str(), O_RDONLY | O_CLOEXEC));
+    ASSERT_EQ(0, flock(other.Get(), LOCK_EX));
+    ticksPerCall = 1000;
+    EXPECT_EQ(DWORD{ERROR_LOCK_VIOLATION}, ReadOnce(log.get(), Forwards).error);
+    EXPECT_EQ(DWORD{ERROR_LOCK_VIOLATION}, ErrorOf(Append(4, 1)));
+    EXPECT_EQ(DWORD{ERROR_LOCK_VIOLATION}, ErrorOf(ClearEventLogW(log.get(), nullptr)));
+    ticksPerCall = 0;
+    flock(other.Get(), LOCK_UN);
+    EXPECT_EQ(Range(1, 3), ReadOnce(log.get(), Forwards).ids);
 }
 
 }  // namespace
