@@ -4,6 +4,8 @@
 #include <gmock/gmock.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/file.h>
+#include <sys/inotify.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -25,6 +27,18 @@
 #include "tools/keldwickctl/status_feeds.h"
 #include "win32/eventlog/log_names.h"
 #include "win32/text/utf.h"
+
+// The call of wrapped-calls.txt: the tick count goes on by so much with each call.
+static std::atomic<ULONGLONG> ticksPerCall{0}, ticksAhead{0};
+static std::atomic<int> tickCalls{0};
+extern "C" {
+ULONGLONG __real_GetTickCount64();
+ULONGLONG __wrap_GetTickCount64();
+ULONGLONG __wrap_GetTickCount64() {
+    ++tickCalls;
+    return __real_GetTickCount64() + (ticksAhead += ticksPerCall);
+}
+}
 
 namespace {
 
@@ -465,27 +479,16 @@ TEST_F(FEEDING, WhatIsKeptAsideIsBoundedAndTheNewestIsThere) {
     EXPECT_THAT(root.Read("feed/kept.aside"), HasSubstr("reason 39"));
 }
 
-// Whether somebody waits for the lock of that file.
-bool IsWaitedFor(const std::string& path) {
-    struct stat about = {};
-    stat(path.c_str(), &about);
-    std::ifstream locks("/proc/locks");
-    for (std::string line; std::getline(locks, line);)
-        if (line.find("-> ") != std::string::npos &&
-            line.find(":" + std::to_string(about.st_ino) + " ") != std::string::npos)
-            return true;
-    return false;
-}
-
 TEST_F(FEEDING, WhatIsKeptAsideWaitsForAnotherStreamsTurn) {
     fs::create_directory(root.Path("feed"));
     std::optional<FEED_TURN> turn(std::in_place, "kept");
     std::atomic<bool> done = false;
+    const int before = tickCalls;  // one when the wait begins, and one after each attempt
     std::thread keeping([&] {
         FEED_ASIDE("kept").Keep("reason", "line");
         done = true;
     });
-    while (!done && !IsWaitedFor(root.Path("feed/kept.writing"))) std::this_thread::yield();
+    while (!done && tickCalls < before + 2) std::this_thread::yield();
     EXPECT_FALSE(fs::exists(root.Path("feed/kept.aside")));
     turn.reset();
     keeping.join();
@@ -558,6 +561,30 @@ TEST_F(FEEDING, AStreamSetsADamagedStateAsideAndBeginsItsCountsAnew) {
     EXPECT_EQ("rubbish", root.Read("feed/test.state.damaged"));
     EXPECT_FALSE(files.Load(state, damage));
     EXPECT_EQ("", damage);
+}
+
+TEST_F(FEEDING, ATurnThatAnotherKeepsFailsInTime) {
+    FEED_STATE_FILE files("test");
+    FEED_STATE state;
+    FEED_COUNTS added = {2, 0, 0};
+    {
+        const win32::DESCRIPTOR other(open(root.Path("feed/test.writing").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+        ASSERT_EQ(0, flock(other.Get(), LOCK_EX));
+        ticksPerCall = 1000;
+        EXPECT_FALSE(files.Save(state, added));
+        EXPECT_EQ(EAGAIN, errno);
+        ticksPerCall = 0;
+    }
+    EXPECT_TRUE(files.Save(state, added));
+}
+
+TEST_F(FEEDING, OnlyAPlainFileIsOpenedToBeFollowed) {
+    mkfifo(Path().c_str(), 0600);
+    const win32::DESCRIPTOR opens(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+    ASSERT_LE(0, inotify_add_watch(opens.Get(), Path().c_str(), IN_OPEN));
+    EXPECT_THROW(FOLLOWED_FILE::Open(Path()), COMMAND_ERROR);
+    char event[512];
+    EXPECT_EQ(-1, read(opens.Get(), event, sizeof(event))) << "it was opened";
 }
 
 TEST_F(FEEDING, ALogThatIsNotOnTheDiskIsNoPlaceToMark) {

@@ -146,4 +146,20 @@ TEST_F(HostileRoot, TheFiguresAreWrittenThroughNoLinkOfAnotherAccount) {
     EXPECT_TRUE(IsElsewhereAsItWas());
 }
 
+TEST_F(HostileRoot, TheStatusTellsNothingOfWhatAFileHoldsThatAFeedsStateNames) {
+    ASSERT_EQ(0, RunKeldwickctl(root, Words("feed json --name f")).exitCode);
+    struct stat about = {};
+    ASSERT_EQ(0, stat(victim.c_str(), &about));
+    const auto guess = [&](const char* fingerprint) {  // of the first letter
+        root.Write("feed/f.state",
+                   R"({"file":")" + victim + R"(","saved":"x","behind":99,"nextRecord":1,"records":0,)" +
+                       R"("skipped":0,"unreadable":0,"offset":1,"device":)" + std::to_string(about.st_dev) +
+                       ",\"inode\":" + std::to_string(about.st_ino) + ",\"tail\":" + fingerprint + "}");
+        return RunKeldwickctl(root, Words("status")).out;
+    };
+    const std::string right = guess("12638206991764949794");  // of "s"
+    EXPECT_THAT(right, HasSubstr(", 6 bytes behind"));
+    EXPECT_EQ(right, guess("1"));
+}
+
 }  // namespace

@@ -10,6 +10,7 @@
 
 #include "tools/keldwickctl/commands.h"
 #include "tools/keldwickctl/rotated_files.h"
+#include "win32/sync/descriptor.h"
 
 namespace {
 
@@ -33,11 +34,14 @@ struct stat About(int fd) {
 }  // namespace
 
 std::unique_ptr<FOLLOWED_FILE> FOLLOWED_FILE::Open(const std::string& name) {
-    const int fd = open(name.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    // Another account may have named it: a device may act on being opened.
+    const win32::DESCRIPTOR named(open(name.c_str(), O_PATH | O_CLOEXEC));
+    if (!named) return nullptr;
+    const struct stat about = About(named.Get());
+    if (!S_ISREG(about.st_mode)) throw COMMAND_ERROR("cannot follow " + name + ": it is not a regular file");
+    const int fd = open(("/proc/self/fd/" + std::to_string(named.Get())).c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (fd < 0) return nullptr;
     std::unique_ptr<FOLLOWED_FILE> file(new FOLLOWED_FILE(fd, name));
-    const struct stat about = About(fd);
-    if (!S_ISREG(about.st_mode)) throw COMMAND_ERROR("cannot follow " + name + ": it is not a regular file");
     file->place.device = about.st_dev;
     file->place.inode = about.st_ino;
     return file;

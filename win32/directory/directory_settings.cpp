@@ -128,9 +128,8 @@ const SETTINGS& Current(SETTINGS (*read)()) {
 
 // The machine root's owner says where passwords are sent: root, at work in it, sends none that this owner may not read.
 bool MayOwnSecret(uid_t owner) {
-    struct stat root {};
-    const bool anothers = geteuid() == 0 && stat(MachinePath("").c_str(), &root) == 0 && root.st_uid != 0;
-    return anothers ? owner == root.st_uid : owner == 0 || owner == geteuid();
+    const std::optional<uid_t> other = OtherOwner();
+    return other ? owner == *other : owner == 0 || owner == geteuid();
 }
 
 }  // namespace

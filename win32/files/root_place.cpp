@@ -89,6 +89,12 @@ DESCRIPTOR Base(const std::string& whole, std::string& rest, std::string& base) 
 
 bool IsInMachineRoot(const std::string& path) { return Tidy(path).starts_with(MachinePath("")); }
 
+std::optional<uid_t> OtherOwner() {
+    struct stat root;
+    const bool others = geteuid() == 0 && stat(MachinePath("").c_str(), &root) == 0 && root.st_uid != 0;
+    return others ? std::optional(root.st_uid) : std::nullopt;
+}
+
 ROOT_PLACE::ROOT_PLACE(const std::string& path, OUTSIDE outside) : name(path) {
     if (outside == AS_NAMED && !IsInMachineRoot(path)) {
         refusal.clear();

@@ -4,6 +4,7 @@
 
 #include <sys/stat.h>
 
+#include <optional>
 #include <string>
 
 #include "win32/sync/descriptor.h"
@@ -12,6 +13,10 @@ namespace win32 {
 
 // Whether the path lies in the machine root, by its text alone.
 bool IsInMachineRoot(const std::string& path);
+
+// The machine root's owner, when this is root at work in another account's. Nothing that this account names may then
+// be used by root's rights.
+std::optional<uid_t> OtherOwner();
 
 class ROOT_PLACE {
 public:
