@@ -5,6 +5,10 @@
 
 #include <sstream>
 
+#include "tests/support/temporary_root.h"
+#include "tools/keldwickctl/commands.h"
+#include "tools/keldwickctl/identity_list.h"
+
 namespace {
 
 using testing::HasSubstr;
@@ -72,6 +76,19 @@ TEST(Status, FiguresThatAreNotKnownAreNeverShownAsZero) {
                                "\nkeldwick_connected 1\n", "\nkeldwick_identities 3\n", "\nkeldwick_waiting_events 5\n",
                                "\nkeldwick_reports_failed_total 0\n", "\nkeldwick_behind_seconds 40\n"})
         EXPECT_THAT(StatusAsPrometheus(status), AllOf(HasSubstr(wanted), Not(HasSubstr("feed=\"c\""))));
+}
+
+TEST(Status, ALineOfTheListThatHasNoEndIsNotTakenIntoMemory) {
+    const TEMPORARY_ROOT root;
+    root.Write("Keldwick.identities",
+               R"({"process":1,"written":1,"ttl":1,"identities":1,"tickets":0,"answered":0,"failed":0,"retried":0})"
+               "\n"
+               R"({"user":"u","computer":"c","logon":1,"address":")" +
+                   std::string(4 * 1024 * 1024, 'x') + "\"}\n");
+    IDENTITY_LIST list;
+    EXPECT_EQ(1, list.Open().value().identities);
+    LISTED_IDENTITY identity;
+    EXPECT_THROW(list.Next(identity), COMMAND_ERROR);
 }
 
 }  // namespace

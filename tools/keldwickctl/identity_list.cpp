@@ -2,9 +2,8 @@
 
 #include <fcntl.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <cstdlib>
+#include <cstdio>
 #include <nlohmann/json.hpp>
 
 #include "tools/keldwickctl/commands.h"
@@ -36,13 +35,14 @@ std::optional<IDENTITY_HEADING> IDENTITY_LIST::Open() {
     }
 }
 
+// A file without line breaks may be larger than the memory: what follows the longest line counts as another.
 bool IDENTITY_LIST::NextLine() {
-    char* text = nullptr;
-    size_t room = 0;
-    const ssize_t length = getline(&text, &room, file.get());
-    line.assign(text != nullptr ? text : "", static_cast<size_t>(std::max<ssize_t>(length, 0)));
-    std::free(text);
-    return length >= 0;
+    constexpr size_t longest = 1024 * 1024;
+    line.clear();
+    int unit = 0;
+    while (unit != '\n' && line.size() < longest && (unit = getc_unlocked(file.get())) != EOF)
+        line += static_cast<char>(unit);
+    return !line.empty();
 }
 
 bool IDENTITY_LIST::Next(LISTED_IDENTITY& identity) {
