@@ -173,7 +173,7 @@ private:
             const char* const name = event.len > 0 ? bytes + at + offsetof(inotify_event, name) : "";
             at += sizeof event + event.len;
             if ((event.mask & IN_Q_OVERFLOW) != 0) {
-                affected = states;
+                affected = stale = states;
                 continue;
             }
             const auto found = watched.find(event.wd);

@@ -2,6 +2,7 @@
 
 #include "tests/support/temporary_root.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -15,6 +16,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -173,6 +175,39 @@ TEST(FileWatch, ACallCanBeAskedForWithoutAChange) {
     watch.CallAfter(90'000);
     ticksAhead += 60'000;
     EXPECT_TRUE(calls.MoreThan(0));
+}
+
+TEST(FileWatch, AfterEventsThatWereLostTheFileOfThatNameIsWatched) {
+    const TEMPORARY_ROOT root;
+    root.Write("watched", "old");
+    root.Write("aside", "new");
+    unsigned room = 0;
+    std::ifstream("/proc/sys/fs/inotify/max_queued_events") >> room;
+    if (room == 0 || room > 200'000) GTEST_SKIP() << "too many events fit the queue";
+    CALLS calls, entered;
+    std::mutex busy;
+    const win32::FILE_WATCH blocking(root.Path("blocking"), [&, count = entered.Count()] {
+        count();
+        const std::lock_guard wait(busy);
+    });
+    const win32::FILE_WATCH watch(root.Path("watched"), calls.Count());
+    int before = 0;
+    {
+        const std::lock_guard hold(busy);
+        root.Write("blocking", "x");
+        ASSERT_TRUE(entered.MoreThan(0));
+        const std::string flood = root.Path("flood");
+        for (unsigned i = 0; i <= room / 2; ++i) {
+            close(open(flood.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
+            unlink(flood.c_str());
+        }
+        std::filesystem::rename(root.Path("aside"), root.Path("watched"));
+        before = calls.Now();
+    }
+    ASSERT_TRUE(calls.MoreThan(before));
+    before = calls.Now();
+    root.Write("watched", "in place");
+    EXPECT_TRUE(calls.MoreThan(before));
 }
 
 }  // namespace
