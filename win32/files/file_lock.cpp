@@ -12,7 +12,7 @@ namespace win32 {
 namespace {
 
 constexpr ULONGLONG Patience = 10'000;                         // milliseconds
-constexpr useconds_t ShortestPause = 50, LongestPause = 5000;  // microseconds, between two attempts
+constexpr useconds_t ShortestPause = 50, LongestPause = 1000;  // microseconds, between two attempts
 
 }  // namespace
 
