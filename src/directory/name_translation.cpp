@@ -105,4 +105,16 @@ bool DnsNameToNt4Name(const WCHAR* name, STRING& nt4Name) {
     return TranslateWithLastError(ADS_NAME_TYPE_DOMAIN_SIMPLE, name, ADS_NAME_TYPE_NT4, nt4Name, nullptr);
 }
 
+STRING TrimDomainSuffix(const WCHAR* name) {
+    const std::basic_string_view<WCHAR> whole = name != nullptr ? name : TEXT("");
+    constexpr WCHAR backslash = 92;
+    constexpr WCHAR fullStop = 46;
+    const size_t domainEnd = whole.rfind(backslash);
+    if (domainEnd == whole.npos) return STRING(whole);
+    const size_t suffix = whole.substr(0, domainEnd).rfind(fullStop);
+    STRING trimmed(whole.substr(0, suffix != whole.npos ? suffix : domainEnd));
+    trimmed.Append(whole.substr(domainEnd));
+    return trimmed;
+}
+
 }  // namespace keldwick

@@ -23,4 +23,7 @@ bool Nt4NameToDn(const WCHAR* name, STRING& dn, const DIRECTORY_BINDING* binding
 // Account, at sign, DNS domain to DOMAIN\account, always by the Global Catalog. On failure as above.
 bool DnsNameToNt4Name(const WCHAR* name, STRING& nt4Name);
 
+// Drops the last label of the domain part: EXAMPLE.LOCAL\jdoe becomes EXAMPLE\jdoe. Null or empty gives an empty text.
+STRING TrimDomainSuffix(const WCHAR* name);
+
 }  // namespace keldwick

@@ -223,18 +223,6 @@ bool Exchange(const WCHAR* operation, BYTE* request, DWORD length) {
 
 }  // namespace
 
-STRING TrimDomainSuffix(const WCHAR* name) {
-    const std::basic_string_view<WCHAR> whole = name != nullptr ? name : TEXT("");
-    constexpr WCHAR backslash = 92;
-    constexpr WCHAR fullStop = 46;
-    const size_t domainEnd = whole.rfind(backslash);
-    if (domainEnd == whole.npos) return STRING(whole);
-    const size_t suffix = whole.substr(0, domainEnd).rfind(fullStop);
-    STRING trimmed(whole.substr(0, suffix != whole.npos ? suffix : domainEnd));
-    trimmed.Append(whole.substr(domainEnd));
-    return trimmed;
-}
-
 bool IdentityReportLogon(IDENTITY_REQUEST& request, const IP_ADDRESS& address, const WCHAR* ipText,
                          const WCHAR* userName, const WCHAR* computerName) {
     PRINCIPAL user(TrimDomainSuffix(userName));

@@ -41,7 +41,4 @@ bool SendRequest(const WCHAR* operation, BYTE* request, DWORD length);
 // is written to the debug output.
 bool IsAnswerTo(const WCHAR* operation, const BYTE* request, std::span<const BYTE> response);
 
-// Drops the last label of the domain part: EXAMPLE.LOCAL\jdoe becomes EXAMPLE\jdoe. Null or empty gives an empty text.
-STRING TrimDomainSuffix(const WCHAR* name);
-
 }  // namespace keldwick

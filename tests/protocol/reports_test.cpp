@@ -7,6 +7,7 @@
 #include <map>
 #include <thread>
 
+#include "directory/name_translation.h"
 #include "platform/host_names.h"
 #include "protocol/manual_report.h"
 #include "protocol/os_code.h"

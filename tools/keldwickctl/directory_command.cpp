@@ -3,7 +3,6 @@
 #include "directory/groups.h"
 #include "directory/name_translation.h"
 #include "platform/error_text.h"
-#include "protocol/identity_reports.h"
 #include "service/command_line.h"
 #include "tools/keldwickctl/commands.h"
 #include "tools/keldwickctl/setting_values.h"
