@@ -100,6 +100,7 @@ class Service(MachineTest):
         server = subprocess.Popen([f"{BIN}/keldwick-server", "--host", self.address, "--tls-port", "0"],
                                   stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
         self.agents.append(server)
+        self.assertIn("port 1306", server.stderr.readline())  # it listens
         agent = self.start("-L", "-V")
         self.until(lambda: self.status()["connection"], "a connection")
         status = self.status()

@@ -121,6 +121,8 @@ void REG_STORE::Take(REG_TREE read, const IDENTITY& of) {
 // Looks whether the file may be taken and overwritten. If not: why.
 DWORD REG_STORE::Look(FOUND& found) {
     const int failure = ReadFile(found) ? 0 : errno;
+    // Who waits looks again after a pause or the settle time: what was found long before that was another writer.
+    if (GetTickCount64() - waitedAt > LongestPause + SettleTime) waitingSince = 0;
     if (found.identity != seen) seenAt = GetTickCount64();
     seen = found.identity;
     if (failure != 0 && failure != ENOENT) {
@@ -167,7 +169,8 @@ DWORD REG_STORE::WaitForWriter() {
 
 // Has the file looked at again after so many milliseconds, if anybody waits for its changes.
 DWORD REG_STORE::Wait(ULONGLONG milliseconds) {
-    if (waitingSince == 0) waitingSince = GetTickCount64();
+    waitedAt = GetTickCount64();
+    if (waitingSince == 0) waitingSince = waitedAt;
     const std::lock_guard guard(watching);
     if (watch) watch->CallAfter(milliseconds);
     return ERROR_SHARING_VIOLATION;

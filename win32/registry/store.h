@@ -88,6 +88,7 @@ private:
     IDENTITY seen;               // when it was last looked at, read or not
     ULONGLONG seenAt = 0;        // the tick count when it became that
     ULONGLONG waitingSince = 0;  // the tick count since which another writer may not be done; 0: none is known
+    ULONGLONG waitedAt = 0;      // the tick count of the last look that found so
     bool known = false;          // `identity` holds
     bool recent = false;         // read so soon after it was written that the same times need not mean the same bytes
     DWORD loadError = ERROR_SUCCESS;

@@ -17,8 +17,9 @@ std::function<void()> whileSyncing, whileWaiting;
 namespace {
 
 std::atomic<ULONGLONG> moved{0};
-constexpr ULONGLONG NapMs = 100;  // by which a nap moves the clock
-constexpr int LookMs = 10;        // how often the moved clock is noticed
+constexpr ULONGLONG NapMs = 100;          // by which a nap moves the clock
+constexpr useconds_t LookPauseUs = 5000;  // a nap between two looks at a file that is held
+constexpr int LookMs = 10;                // how often the moved clock is noticed
 
 void CallOnce(std::function<void()>& call) {
     if (const std::function<void()> now = std::exchange(call, nullptr)) now();
@@ -48,7 +49,7 @@ int __wrap_renameat(int fromFolder, const char* from, int toFolder, const char* 
 int __real_usleep(useconds_t time);
 int __wrap_usleep(useconds_t time) {
     CallOnce(whileWaiting);
-    MoveClock(NapMs);
+    if (time >= LookPauseUs) MoveClock(NapMs);  // who waits for a lock takes shorter naps, of real time
     return __real_usleep(time);
 }
 
