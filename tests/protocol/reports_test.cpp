@@ -247,13 +247,13 @@ TEST_F(REPORT_TEST, ALateOrSplitAnswerFailsItsReportAndAtMostTheNext) {
             return last;
         });
         std::vector<size_t> failed;
-        for (size_t report = 1; report <= 8; ++report) {
+        for (size_t report = 1; report <= 8 && failed.size() <= c.failed.size(); ++report) {
             timeFlies = c.said.contains(report) && c.said.at(report).empty();
             if (!Report()) failed.push_back(report);
             timeFlies = false;
             server.AwaitRequest();
         }
-        EXPECT_EQ(c.failed, failed);
+        ASSERT_EQ(c.failed, failed);  // each that fails besides takes the 20 s of a time-out
     }
 }
 
