@@ -160,7 +160,7 @@ TEST(FileWatch, WhatInotifyRefusesIsPolledAndSaidOnce) {
             _exit(testing::Test::HasFailure());
         };
         const char* const once = "do not come by inotify";
-        EXPECT_EXIT(run(), testing::ExitedWithCode(0),
+        ASSERT_EXIT(run(), testing::ExitedWithCode(0),
                     testing::AllOf(testing::HasSubstr(once),
                                    testing::Not(testing::ContainsRegex(std::string(once) + "(.|\n)*" + once))));
     }

@@ -210,7 +210,7 @@ TEST(Timers, AreSignalledWhenDue) {
         const OWNED_HANDLE timer(CreateWaitableTimerW(nullptr, manual, nullptr));
         for (const auto& [due, comes] : cases) {
             ASSERT_TRUE(Arm(timer, due));
-            EXPECT_EQ(comes ? WAIT_OBJECT_0 : WAIT_TIMEOUT, WaitForSingleObject(timer, comes ? SoonEnough : 0)) << due;
+            ASSERT_EQ(comes ? WAIT_OBJECT_0 : WAIT_TIMEOUT, WaitForSingleObject(timer, comes ? SoonEnough : 0)) << due;
             EXPECT_EQ(comes && manual, IsSet(timer)) << due;
         }
     }
