@@ -300,11 +300,13 @@ TEST_F(EVENT_LOG_CALLS, ALockThatAnotherKeepsFailsReadsAndWritesInTime) {
     const LOG log = OpenLog();
     const DESCRIPTOR other(open(Path().c_str(), O_RDONLY | O_CLOEXEC));
     ASSERT_EQ(0, flock(other.Get(), LOCK_EX));
+    const ULONGLONG before = ticksAhead;
     ticksPerCall = 1000;
     EXPECT_EQ(DWORD{ERROR_LOCK_VIOLATION}, ReadOnce(log.get(), Forwards).error);
     EXPECT_EQ(DWORD{ERROR_LOCK_VIOLATION}, ErrorOf(Append(4, 1)));
     EXPECT_EQ(DWORD{ERROR_LOCK_VIOLATION}, ErrorOf(ClearEventLogW(log.get(), nullptr)));
     ticksPerCall = 0;
+    EXPECT_LT(ticksAhead - before, 3u * 15'000) << "some ten seconds each";
     flock(other.Get(), LOCK_UN);
     EXPECT_EQ(Range(1, 3), ReadOnce(log.get(), Forwards).ids);
 }
