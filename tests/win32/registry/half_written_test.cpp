@@ -10,6 +10,7 @@
 
 #include "tests/support/temporary_root.h"
 #include "tests/win32/registry/registry_test.h"
+#include "win32/files/file_watch.h"
 #include "win32/registry/store.h"
 
 namespace {
@@ -59,6 +60,16 @@ protected:
         whileSyncing = whileWaiting = nullptr;
     }
     void Append(const std::string& text) const { PLACE_WRITER(root.Path(File), O_APPEND).Put(text); }
+    // Waits until the watcher has looked at all that was written. The first call may come amidst that, the second
+    // after.
+    void AwaitWatcher() const {
+        const EVENT seen;
+        const win32::FILE_WATCH neighbour(root.Path("neighbour"), [&] { SetEvent(seen.handle); });
+        for (int i = 0; i < 2; ++i) {
+            root.Write("neighbour", "new");
+            EXPECT_EQ(WAIT_OBJECT_0, seen.Wait(WaitMs));
+        }
+    }
 
     const TEMPORARY_ROOT root;
     const EVENT event;
@@ -169,6 +180,7 @@ TEST_F(HalfWritten, AFileThatLostAKeyIsTakenOnceItStaysSo) {
     Append("\"Shutdown\"=dword:00000001\n");
     MoveClock(500);
     EXPECT_EQ(1, Number(key, u"Heartbeat"));  // it is still being changed
+    AwaitWatcher();                           // nothing is written from here on that would have it look
     MoveClock(SettleMs);
     EXPECT_EQ(WAIT_OBJECT_0, event.Wait(WaitMs));
     EXPECT_EQ(2, Number(key, u"Heartbeat"));
