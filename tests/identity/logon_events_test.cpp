@@ -352,6 +352,10 @@ TEST_F(EVENTS_TEST, TheListForOthersCostsAHundredthOfTheTimeAndMissesNoChange) {
     minutesAhead = 3;
     EXPECT_EQ(INFINITE, Update());
     EXPECT_NE(before, File());  // nothing changed: it tells that
+    log.logons.Append();
+    minutesAhead = 1;
+    EXPECT_EQ(INFINITE, Update());
+    EXPECT_TRUE(Listed("\"identities\":1")) << "the clock was set back";
 }
 
 TEST_F(EVENTS_TEST, TheListForOthersGrowsOlderRatherThanWriteMoreBytes) {
