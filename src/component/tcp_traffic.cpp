@@ -108,7 +108,7 @@ bool TCP_CONNECTION::Ended(int code, const std::string& text, bool behindBytes) 
     return false;
 }
 
-// Delivers what arrived before a send, and sees a close behind it. False: the connection is no longer open.
+// Delivers what arrived before a send, and sees a close after it. False: the connection is no longer open.
 bool TCP_CONNECTION::NoticeClose() {
     const unsigned mine = generation;
     bool ends = false;

@@ -19,7 +19,7 @@ namespace {
 constexpr DWORD LockSpins = 5000;
 constexpr DWORD ReconnectPauseMs = 60000;
 constexpr DWORD ResponseTimeoutSeconds = 20;
-constexpr DWORD PieceTimeoutMs = 1000;  // for what is near: the rest of a piece, or the response behind an earlier one
+constexpr DWORD PieceTimeoutMs = 1000;  // for what is near: the rest of a piece, or the response after an earlier one
 constexpr DWORD PollMs = 2;             // where the component has no event to wait for
 
 // More than any response has. What a server sends beyond that is not kept: the exchange has failed anyway.

@@ -41,8 +41,8 @@ bool RemoveRootFile(const std::string& path);
 // removed again unless it took the place.
 class REPLACEMENT_FILE {
 public:
-    // `ending` is put behind the path for the new file's name: a fixed one, when the caller holds a lock and what a
-    // crash left behind is to go, or else one that nobody can foresee. `mode` counts when there is no file yet.
+    // `ending` is appended to the path for the new file's name: a fixed one, when the caller holds a lock and what a
+    // crash left is to go, or else one that cannot be foreseen. `mode` counts when there is no file yet.
     REPLACEMENT_FILE(const std::string& path, mode_t mode, const std::string& ending = {});
     ~REPLACEMENT_FILE();
     REPLACEMENT_FILE(const REPLACEMENT_FILE&) = delete;

@@ -13,7 +13,7 @@ namespace {
 int status = UncaughtExceptionStatus;
 
 void Say(const char* text) {
-    [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, text, strlen(text));  // nobody is left to be told
+    [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, text, strlen(text));  // a failure cannot be reported
 }
 
 [[noreturn]] void SpeakAndEnd() {

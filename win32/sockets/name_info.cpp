@@ -75,7 +75,7 @@ private:
     ULONGLONG silentUntil = 0;  // by GetTickCount64; 0: it answers
 };
 
-// Whether somebody answered: the C library says "try again" when nobody did, and when a server could not find out.
+// Whether a server answered: the C library says "try again" when none did, and when a server could not find out.
 bool IsAnswer(int code) {
     return code == 0 || code == WSAHOST_NOT_FOUND || code == WSANO_DATA || code == WSANO_RECOVERY;
 }
