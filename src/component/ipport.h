@@ -1,25 +1,36 @@
-// The TCP client (IPPort) and its TLS variant (IPPortS): event-driven, without threads of their own. One derives from
-// them, overrides the handlers of interest, and calls ProcessEvents whenever EventHandle is signalled. All calls on one
-// object come from one thread at a time; handlers run inside ProcessEvents, Send and Disconnect, and may call any
-// operation of the object. Texts are UTF-8. Error and status codes are Winsock's, 0 is success.
+// The TCP client: one connection as a state machine that ProcessEvents moves on, written against Winsock. One derives
+// from it, overrides the handlers of interest, and calls ProcessEvents whenever EventHandle is signalled or WaitLimit
+// has passed. IPPortS (ipports.h) adds TLS.
+//
+// Threads: all calls on one object come from one thread at a time, and the handlers run on that thread, inside
+// ProcessEvents, Send and Disconnect. Each is the last act of a step: the object is in its new state by then, and a
+// connection that has ended is closed. A handler must not call the object. (The names of hosts are looked up on threads
+// that touch nothing but their own result.)
+//
+// Texts are UTF-8. Error and status codes are Winsock's, 0 is success. Handlers return 0.
 #pragma once
 
-#include <windows.h>
+#include <winsock2.h>
 
-#include "component/send_look.h"
-
+#include <array>
+#include <chrono>
 #include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "component/name_lookup.h"
+#include "component/tls_engine.h"
+#include "platform/handles.h"
 
 namespace keldwick {
 
-class CONNECTION_EVENTS;
-class TCP_CONNECTION;
-
-// What both variants can do. Holds one connection at most.
-class TCP_CLIENT {
+class IPPort {
 public:
-    TCP_CLIENT(const TCP_CLIENT&) = delete;
-    TCP_CLIENT& operator=(const TCP_CLIENT&) = delete;
+    IPPort();
+    virtual ~IPPort();  // closes without events
+    IPPort(const IPPort&) = delete;
+    IPPort& operator=(const IPPort&) = delete;
 
     // Starts connecting to a name or an address; an earlier connection is closed without an event. The outcome comes as
     // events within the time-out: Connected (0) and ReadyToSend, or else Connected with a code, or Error 280 and
@@ -30,78 +41,105 @@ public:
     // Closes the connection or gives up the attempt. Disconnected follows at once if Connected (0) came before.
     void Disconnect();
 
-    // Delivers what has happened, and never waits. An end of the connection right behind bytes is left to the next call
-    // (or to Send), so that the bytes can be taken first.
+    // Delivers what has happened, and never waits. An end of the connection that arrived with bytes is left to the next
+    // call (or to Send), so that the bytes can be taken first.
     void ProcessEvents();
 
     // Hands all the bytes to the connection, waiting at most the time-out for room. Otherwise the result is an error
-    // code, LastErrorText describes it, and the connection is closed (Disconnected has been delivered). A close by the
-    // peer that arrived before the call is such an error: nothing has been sent then.
-    // A caller that has called ProcessEvents just before spares itself the look for a close.
-    int Send(const void* bytes, int count, SEND_LOOK look = SEND_LOOK::FIRST);
+    // code, LastErrorText describes it, and the connection is closed (Disconnected has been delivered). Call
+    // ProcessEvents just before, so that nothing is sent to a peer that has closed. What that leaves to be read is read
+    // here first, and a close after it is such an error.
+    int Send(const void* bytes, int count);
 
     // Bounds connecting (the TLS handshake included), Send's wait, and how long a vanished peer stays unnoticed. At
     // first 20.
     void SetTimeout(int seconds);
 
     // While this event is signalled, Send does not wait for room: WSAECANCELLED. The caller's; null: no such event.
-    void SetCancelEvent(HANDLE cancel);
+    void SetCancelEvent(HANDLE cancel) { cancelEvent = cancel; }
 
     // Ends with a period; empty when nothing has failed yet. Valid until the next operation.
-    const char* LastErrorText() const;
+    const char* LastErrorText() const { return lastErrorText.c_str(); }
 
     // Signalled while ProcessEvents has something to deliver. It lives as long as the object: the caller waits on it
     // and does nothing else with it. Null when the system had no event to give; then Connect fails.
-    HANDLE EventHandle() const;
+    HANDLE EventHandle() const { return event ? event->Get() : nullptr; }
+
+    // The milliseconds after which ProcessEvents has something to do although the event is not signalled; INFINITE
+    // while a connection is open or there is none.
+    DWORD WaitLimit() const;
+
+    virtual int FireConnected(int, const char*) { return 0; }                      // status, description
+    virtual int FireConnectionStatus(const char*, int, const char*) { return 0; }  // event, status, description
+    virtual int FireDataIn(const BYTE*, int) { return 0; }                         // valid during the call, and count
+    virtual int FireDisconnected(int, const char*) { return 0; }                   // status, description
+    virtual int FireError(int, const char*) { return 0; }                          // code, description
+    virtual int FireReadyToSend() { return 0; }
 
 protected:
-    TCP_CLIENT(std::unique_ptr<CONNECTION_EVENTS> events, bool secure);
-    ~TCP_CLIENT();  // closes without events
+    // ---- For the TLS variant ----
 
-    TCP_CONNECTION& Connection() { return *connection; }
+    using CLOCK = std::chrono::steady_clock;
+    using RESULT = TLS_ENGINE::RESULT;
+    enum class STATE { Idle, Failed, Resolving, Connecting, Established, Handshaking, Authenticating, Open };
+
+    virtual bool Step();  // whether the next step can be taken at once
+    bool Opened();
+    bool FailToConnect(int code, std::string text);
+    bool Watch(LONG mask);  // false: the last error tells
+    std::string AttemptText() const;
+    std::string TlsFailureText() const;
+    void Remember(int code, std::string text);
+    void Close();
+
+    STATE state = STATE::Idle;
+    SOCKET socket = INVALID_SOCKET;
+    std::string host;  // for TLS
+    CLOCK::time_point deadline;
+    std::unique_ptr<TLS_ENGINE> tls;  // null: plain TCP
 
 private:
-    std::unique_ptr<CONNECTION_EVENTS> receiver;
-    std::unique_ptr<TCP_CONNECTION> connection;
+    struct ENDING {
+        int code;
+        std::string text;
+    };
+
+    int Begin(const std::string& hostText, int port);
+    bool MakeEvent();
+    bool TakeAddresses();
+    bool TryNextAddress();
+    bool StartAttempt();
+    bool FinishAttempt();
+    void ApplySocketOptions() const;
+    void CloseSocket();
+
+    void ReadAvailable();
+    void Ended(ENDING how, bool withBytes);
+    bool NoticeClose();
+    bool AwaitRoom(RESULT wanted, CLOCK::time_point end);
+    int RoomError(DWORD signal);
+    void Lost(int code, std::string text);
+    void LostByLastError();
+
+    std::chrono::seconds timeout{20};
+    std::shared_ptr<HANDLE_OWNER> event;  // shared with the look-ups, which may outlive the object
+    HANDLE cancelEvent = nullptr;         // the owner's
+    LONG watched = 0;                     // the conditions of the socket that signal the event
+
+    std::shared_ptr<NAME_LOOKUP> lookup;
+    std::vector<SOCKET_ADDRESS> addresses;
+    size_t nextAddress = 0;
+    CLOCK::time_point attemptDeadline;
+
+    std::optional<ENDING> ending;    // it came with bytes that were delivered, and is still to be told
+    bool foundNothing = false;       // the last look at the socket found neither bytes nor an end
+    std::array<BYTE, 16384> buffer;  // the most that one TLS record holds
+
+    int lastError = 0;
+    std::string lastErrorText;
 };
 
-// Plain TCP. The handlers here do nothing and return 0.
-class IPPort : public TCP_CLIENT {
-public:
-    IPPort();
-
-    virtual int FireConnected(int status, const char* description);
-    virtual int FireConnectionStatus(const char* event, int status, const char* description);
-    virtual int FireDataIn(const BYTE* bytes, int count);
-    virtual int FireDisconnected(int status, const char* description);
-    virtual int FireError(int code, const char* description);
-    virtual int FireReadyToSend();
-    virtual int FireExtendedEvent(int event, int count, void** parameters);
-    virtual ~IPPort();
-};
-
-// TLS over TCP.
-class IPPortS : public TCP_CLIENT {
-public:
-    IPPortS();
-
-    // One setting, "NAME=VALUE". "SSLEnabledProtocols" is a decimal set of protocol bits (TLS 1.0: 0xC0, 1.1: 0x300,
-    // 1.2: 0xC00, 1.3: 0x3000), which holds from the next Connect on; at first 1.2 alone. Otherwise an error code.
-    int Config(const char* setting);
-
-    virtual int FireConnected(int status, const char* description);
-    virtual int FireConnectionStatus(const char* event, int status, const char* description);
-    virtual int FireDataIn(const BYTE* bytes, int count);
-    virtual int FireDisconnected(int status, const char* description);
-    virtual int FireError(int code, const char* description);
-    virtual int FireReadyToSend();
-    // certificate: DER, certificateLength bytes. status: how the check of the certificate ended. *accept: whether the
-    // connection is to go on; preset to the check's result. Left 0, Error 280 and Disconnected follow.
-    virtual int FireSSLServerAuthentication(const BYTE* certificate, int certificateLength, const char* subject,
-                                            const char* issuer, const char* status, int* accept);
-    virtual int FireSSLStatus(const char* message);
-    virtual int FireExtendedEvent(int event, int count, void** parameters);
-    virtual ~IPPortS();
-};
+// One sentence with its period for a Winsock code that a connection can meet.
+std::string SocketErrorText(int code);
 
 }  // namespace keldwick

@@ -1,17 +1,14 @@
 // The TLS engine over OpenSSL.
-#include <arpa/inet.h>
 #include <openssl/bio.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 #include <openssl/x509v3.h>
-#include <sys/socket.h>
 #include <winsock2.h>
 
-#include <cerrno>
 #include <utility>
 
+#include "component/name_lookup.h"
 #include "component/tls_engine.h"
-#include "win32/sockets/socket_error.h"
 
 namespace keldwick {
 namespace {
@@ -28,12 +25,11 @@ using SESSION = std::unique_ptr<SSL, FREER<SSL_free>>;
 using BIO_OWNER = std::unique_ptr<BIO, FREER<BIO_free>>;
 using CERTIFICATE = std::unique_ptr<X509, FREER<X509_free>>;
 
-// The socket below a session. OpenSSL's own socket BIO writes without MSG_NOSIGNAL, so that a closed peer would end the
-// process by SIGPIPE.
+// The socket below a session, which OpenSSL reaches through Winsock as everything else here does.
 struct WIRE {
-    int socket = -1;
+    SOCKET socket = INVALID_SOCKET;
     int taken = 0;       // bytes read in this call of the engine
-    int error = 0;       // errno of the last failed call
+    int error = 0;       // Winsock's code of the last failed call
     bool ended = false;  // the peer sends nothing more
 };
 
@@ -43,16 +39,16 @@ constexpr int Share = 16384;
 
 WIRE& WireOf(BIO* bio) { return *static_cast<WIRE*>(BIO_get_data(bio)); }
 
-int WireResult(BIO* bio, ssize_t result) {
+// False: the call would have had to wait, or failed.
+bool Moved(BIO* bio, int result) {
     BIO_clear_retry_flags(bio);
-    if (result >= 0) return static_cast<int>(result);
-    WireOf(bio).error = errno;
-    return -1;
+    if (result < 0) WireOf(bio).error = WSAGetLastError();
+    return result >= 0;
 }
 
 int WireWrite(BIO* bio, const char* bytes, int count) {
-    const int result = WireResult(bio, send(WireOf(bio).socket, bytes, static_cast<size_t>(count), MSG_NOSIGNAL));
-    if (result < 0 && (WireOf(bio).error == EAGAIN || WireOf(bio).error == EINTR)) BIO_set_retry_write(bio);
+    const int result = send(WireOf(bio).socket, bytes, count, 0);
+    if (!Moved(bio, result) && WireOf(bio).error == WSAEWOULDBLOCK) BIO_set_retry_write(bio);
     return result;
 }
 
@@ -62,10 +58,10 @@ int WireRead(BIO* bio, char* buffer, int capacity) {
         BIO_set_retry_read(bio);
         return -1;
     }
-    const int result = WireResult(bio, recv(wire.socket, buffer, static_cast<size_t>(capacity), 0));
+    const int result = recv(wire.socket, buffer, capacity, 0);
     if (result == 0) wire.ended = true;
     if (result > 0) wire.taken += result;
-    if (result < 0 && (wire.error == EAGAIN || wire.error == EINTR)) BIO_set_retry_read(bio);
+    if (!Moved(bio, result) && wire.error == WSAEWOULDBLOCK) BIO_set_retry_read(bio);
     return result;
 }
 
@@ -131,14 +127,11 @@ CONTEXT NewContext(DWORD protocols) {
     return context;
 }
 
-bool IsNumeric(const std::string& host) {
-    in6_addr ignored;
-    return inet_pton(AF_INET, host.c_str(), &ignored) == 1 || inet_pton(AF_INET6, host.c_str(), &ignored) == 1;
-}
-
 // Names the host that the certificate must be for, and asks the server for that one's.
 bool NameHost(SSL* session, const std::string& host) {
-    if (IsNumeric(host)) return X509_VERIFY_PARAM_set1_ip_asc(SSL_get0_param(session), host.c_str()) == 1;
+    SOCKET_ADDRESS ignored;
+    if (NumericAddress(host, 1, ignored))
+        return X509_VERIFY_PARAM_set1_ip_asc(SSL_get0_param(session), host.c_str()) == 1;
     SSL_set_tlsext_host_name(session,
                              host.c_str());  // refused for a name that is too long: then the server is not asked
     return SSL_set1_host(session, host.c_str()) == 1;
@@ -155,7 +148,7 @@ std::string NameText(const X509_NAME* name) {
 
 class OPENSSL_ENGINE final : public TLS_ENGINE {
 public:
-    explicit OPENSSL_ENGINE(int socket) { wire.socket = socket; }
+    explicit OPENSSL_ENGINE(SOCKET socket) { wire.socket = socket; }
 
     bool Prepare(const std::string& host, DWORD protocols) {
         const CONTEXT context = NewContext(protocols);
@@ -238,7 +231,7 @@ private:
             case SSL_ERROR_ZERO_RETURN:
                 return RESULT::Closed;
             case SSL_ERROR_SYSCALL:
-                return wire.ended ? Ended() : Broken(win32::SocketErrorFromErrno(wire.error), "");
+                return wire.ended ? Ended() : Broken(wire.error, "");
             default:
                 return wire.ended ? Ended() : Broken(WSAECONNABORTED, LastReason());
         }
@@ -272,7 +265,7 @@ private:
 
 }  // namespace
 
-std::unique_ptr<TLS_ENGINE> NewTlsEngine(int socket, const std::string& host, DWORD protocols, std::string& reason) {
+std::unique_ptr<TLS_ENGINE> NewTlsEngine(SOCKET socket, const std::string& host, DWORD protocols, std::string& reason) {
     ERR_clear_error();
     auto engine = std::make_unique<OPENSSL_ENGINE>(socket);
     if (engine->Prepare(host, protocols)) return engine;

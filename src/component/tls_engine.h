@@ -1,7 +1,7 @@
 // TLS on one connected socket: the seam at which another TLS library can stand beside OpenSSL.
 #pragma once
 
-#include <windows.h>
+#include <winsock2.h>
 
 #include <memory>
 #include <string>
@@ -57,6 +57,6 @@ constexpr DWORD TlsProtocol1_3 = 0x3000;
 // A client engine for a non-blocking socket, which must outlive it. host: the name or the plain numeric address, for
 // the certificate's check and, when it is a name, for the server's choice of certificate. Null, with the reason, when
 // there can be none: no protocol enabled, no memory.
-std::unique_ptr<TLS_ENGINE> NewTlsEngine(int socket, const std::string& host, DWORD protocols, std::string& reason);
+std::unique_ptr<TLS_ENGINE> NewTlsEngine(SOCKET socket, const std::string& host, DWORD protocols, std::string& reason);
 
 }  // namespace keldwick

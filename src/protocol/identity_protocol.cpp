@@ -1,6 +1,8 @@
 #include "protocol/identity_protocol.h"
 
 #include <algorithm>
+#include <array>
+#include <iterator>
 #include <utility>
 
 #include "diagnostics/debug_output.h"
@@ -19,19 +21,49 @@ namespace {
 constexpr DWORD LockSpins = 5000;
 constexpr DWORD ReconnectPauseMs = 60000;
 constexpr DWORD ResponseTimeoutSeconds = 20;
-constexpr DWORD PieceTimeoutMs = 1000;  // for what is near: the rest of a piece, or the response after an earlier one
-constexpr DWORD PollMs = 2;             // where the component has no event to wait for
+constexpr DWORD NearTimeoutMs = 1000;
 
 // More than any response has. What a server sends beyond that is not kept: the exchange has failed anyway.
 constexpr size_t MaxReceivedBytes = size_t{1} << 20;
 
-// Different for every thread that runs.
-const void* ThisThread() {
-    static thread_local char mark;
-    return &mark;
+// What a wait is for. The component's event comes last: there may be none.
+enum WAIT_SLOT : DWORD { SLOT_STOP, SLOT_WAKE, SLOT_TIMER, SLOT_COMPONENT, SLOT_COUNT };
+// What the pause between two rounds of connecting is ended by.
+enum PAUSE_SLOT : DWORD { PAUSE_STOP, PAUSE_SETTINGS, PAUSE_COUNT };
+
+struct EVENT_BIT {
+    SESSION_EVENTS bit;
+    const WCHAR* name;
+};
+constexpr EVENT_BIT EventBits[] = {
+    {SESSION_ERROR, TEXT("Error")},
+    {SESSION_CONNECTED, TEXT("Connected")},
+    {SESSION_READY_TO_SEND, TEXT("Ready to send")},
+    {SESSION_DATA_IN, TEXT("Data in")},
+    {SESSION_DISCONNECTED, TEXT("Disconnected")},
+    {SESSION_CERTIFICATE_ERROR, TEXT("Certificate error")},
+};
+constexpr size_t EventSets = size_t{1} << std::size(EventBits);
+
+// The names of every set of bits, made once, since each report names several sets.
+std::array<STRING, EventSets> AllNames() {
+    std::array<STRING, EventSets> names;
+    for (size_t set = 0; set < EventSets; ++set) {
+        for (const EVENT_BIT& event : EventBits) {
+            if ((set & event.bit) == 0) continue;
+            if (!names[set].IsEmpty()) names[set].Append(TEXT(", "));
+            names[set].Append(event.name);
+        }
+    }
+    return names;
 }
 
 }  // namespace
+
+const WCHAR* EventNames(SESSION_EVENTS events) {
+    static const std::array<STRING, EventSets>& names = *new std::array<STRING, EventSets>(AllNames());
+    return names[events % EventSets].Text();
+}
 
 IDENTITY_PROTOCOL::IDENTITY_PROTOCOL() : lock(LockSpins), tls(*this), plain(*this) {
     MakeHandles();
@@ -42,21 +74,24 @@ IDENTITY_PROTOCOL::IDENTITY_PROTOCOL() : lock(LockSpins), tls(*this), plain(*thi
 IDENTITY_PROTOCOL::~IDENTITY_PROTOCOL() = default;
 
 // The TLS component also stands in while none has been chosen.
-TCP_CLIENT& IDENTITY_PROTOCOL::Active() {
+IPPort& IDENTITY_PROTOCOL::Active() {
     if (selector == TRANSPORT::PLAIN) return plain;
     return tls;
 }
 
 int IDENTITY_PROTOCOL::Send(const BYTE* request, DWORD length) {
-    const int code = Active().Send(request, static_cast<int>(length), SEND_LOOK::HAPPENED);
+    const int code = Active().Send(request, static_cast<int>(length));
     if (code != 0) return code;
     const LOCK_GUARD guard(lock);
     owed += ResponseLength;
-    incomplete = false;
-    std::copy_n(request + IdOffset, lastRequestId.size(), lastRequestId.begin());
+    incomplete = isNear = false;
+    lastRequestId = MessageId(request);
     pending &= ~SESSION_DATA_IN;  // what has come before cannot be the response
     return 0;
 }
+
+void IDENTITY_PROTOCOL::ProcessEvents() { Active().ProcessEvents(); }
+
 STRING IDENTITY_PROTOCOL::LastErrorText() { return STRING(Active().LastErrorText()); }
 void IDENTITY_PROTOCOL::Disconnect() { Active().Disconnect(); }
 
@@ -64,67 +99,51 @@ void IDENTITY_PROTOCOL::Disconnect() { Active().Disconnect(); }
 
 void IDENTITY_PROTOCOL::Set(SESSION_EVENTS events) {
     DebugPrintMasked(DEBUG_TCP, TEXT("IDENTITY_PROTOCOL::Set events = [%s]"), EventNames(events));
-    {
-        const LOCK_GUARD guard(lock);
-        pending |= events;
-    }
+    const LOCK_GUARD guard(lock);
+    pending |= events;
     Wake();
 }
 
 void IDENTITY_PROTOCOL::DataIn(const void* bytes, int length) {
     DebugPrintMasked(DEBUG_TCP, TEXT("IDENTITY_PROTOCOL::DataIn: Length = %d"), length);
     const BYTE* const data = static_cast<const BYTE*>(bytes);
-    {
-        const LOCK_GUARD guard(lock);
-        const size_t count = static_cast<size_t>(std::max(length, 0));
-        received.insert(received.end(), data, data + std::min(MaxReceivedBytes - received.size(), count));
-        owed = LastRequestAnswered() ? 0 : owed - std::min(owed, count);
-        // One that was not counted, of a server that answered twice, or whose rest was no longer counted on.
-        const bool behind = responseDue != 0 && owed < ResponseLength && EndsWithEarlierResponse();
-        if (behind) owed = ResponseLength;
-        if (owed < ResponseLength) pending |= SESSION_DATA_IN;
-        // A piece of an earlier response, whose rest is near, or a response that is too short.
-        if (owed >= ResponseLength) ExpectRest(behind || owed % ResponseLength != 0);
-    }
+    const size_t count = static_cast<size_t>(std::max(length, 0));
+    const LOCK_GUARD guard(lock);
+    received.insert(received.end(), data, data + std::min(MaxReceivedBytes - received.size(), count));
+    CountReceived(count);
     Wake();
+}
+
+// A user that is not waiting looks before it waits, and needs no event.
+void IDENTITY_PROTOCOL::Wake() {
+    woken = true;
+    if (isWaiting) SetEvent(wakeEvent.Get());
+}
+
+// Whether the bytes that have just been received are the response to the last request, and, if not, what is missing.
+void IDENTITY_PROTOCOL::CountReceived(size_t count) {
+    const bool answered = LastRequestAnswered();
+    owed = answered ? 0 : owed - std::min(owed, count);
+    if (answered) leavesUnfinished = false;
+    // One that was not counted, of a server that answered twice, or whose rest was no longer counted on.
+    const bool isEarlier = isReceiving && owed < ResponseLength && EndsWithEarlierResponse();
+    if (isEarlier) owed = ResponseLength;
+    if (owed < ResponseLength) pending |= SESSION_DATA_IN;
+    incomplete = isEarlier || (owed >= ResponseLength && owed % ResponseLength != 0);
+    isNear = isEarlier || (incomplete && leavesUnfinished);
 }
 
 // Whether what was received ends with the response to the last request. A server answers in order: it owes nothing
 // then, and has passed over what it still owed.
 bool IDENTITY_PROTOCOL::LastRequestAnswered() const {
     return received.size() >= ResponseLength &&
-           std::equal(lastRequestId.begin(), lastRequestId.end(), received.end() - ResponseLength + IdOffset);
+           MessageId(received.data() + received.size() - ResponseLength) == lastRequestId;
 }
 
-// IDs grow, and their bytes lie in network order.
+// IDs grow.
 bool IDENTITY_PROTOCOL::EndsWithEarlierResponse() const {
-    if (received.size() < ResponseLength) return false;
-    const auto id = received.end() - ResponseLength + IdOffset;
-    return std::lexicographical_compare(id, id + lastRequestId.size(), lastRequestId.begin(), lastRequestId.end());
-}
-
-// Shortens the wait for the response while only its rest, or that of an earlier one, is to come; whole responses may
-// take all of its time.
-void IDENTITY_PROTOCOL::ExpectRest(bool isNear) {
-    if (responseDue == 0 || isNear == incomplete) return;
-    incomplete = isNear;
-    const ULONGLONG now = GetTickCount64();
-    const DWORD left = static_cast<DWORD>(responseDue - std::min(now, responseDue));
-    ArmTimer(isNear ? std::min(left, PieceTimeoutMs) : left);
-}
-
-// The thread that is about to wait needs no event to be told by; for any other there is the wake event.
-void IDENTITY_PROTOCOL::Wake() {
-    if (processor == ThisThread())
-        woken = true;
-    else
-        SetEvent(wakeEvent.Get());
-}
-
-void IDENTITY_PROTOCOL::ProcessEvents() {
-    processor = ThisThread();
-    Active().ProcessEvents();
-    processor = nullptr;
+    return received.size() >= ResponseLength &&
+           MessageId(received.data() + received.size() - ResponseLength) < lastRequestId;
 }
 
 void IDENTITY_PROTOCOL::BeginConnect(TRANSPORT transport) {
@@ -132,6 +151,7 @@ void IDENTITY_PROTOCOL::BeginConnect(TRANSPORT transport) {
     const LOCK_GUARD guard(lock);
     pending = 0;
     owed = 0;
+    incomplete = isNear = leavesUnfinished = false;
 }
 
 // ---- Waiting ----
@@ -142,29 +162,43 @@ void IDENTITY_PROTOCOL::MakeHandles() {
     if (!timer) timer.Reset(CreateWaitableTimerW(nullptr, FALSE, nullptr));
 }
 
-bool IDENTITY_PROTOCOL::ArmTimer(DWORD milliseconds) {
+bool IDENTITY_PROTOCOL::ArmTimer(DWORD seconds) {
     MakeHandles();
     LARGE_INTEGER due;
-    due.QuadPart = -static_cast<LONGLONG>(milliseconds) * 10'000;  // relative, in 100-ns units
-    return SetWaitableTimer(timer.Get(), &due, static_cast<LONG>(milliseconds), nullptr, nullptr, FALSE) != FALSE;
+    due.QuadPart = -static_cast<LONGLONG>(seconds) * 10'000'000;  // relative, in 100-ns units
+    return SetWaitableTimer(timer.Get(), &due, static_cast<LONG>(seconds * 1000), nullptr, nullptr, FALSE) != FALSE;
 }
 
-// The result of waiting for StopEvent, the wake event, the timer and the component's event, in this order.
+bool IDENTITY_PROTOCOL::IsNear() {
+    const LOCK_GUARD guard(lock);
+    return isReceiving && isNear;
+}
+
+// The result of waiting: a slot, a time-out (of the component, or of what is near), or a failure.
 DWORD IDENTITY_PROTOCOL::NextSignal() {
-    if (std::exchange(woken, false)) {
+    const HANDLE handles[SLOT_COUNT] = {StopEvent, wakeEvent.Get(), timer.Get(), Active().EventHandle()};
+    const DWORD count = handles[SLOT_COMPONENT] != nullptr ? SLOT_COUNT : SLOT_COMPONENT;
+    const DWORD limit = IsNear() ? NearTimeoutMs : Active().WaitLimit();
+    const auto setWaiting = [this](bool value) {
+        const LOCK_GUARD guard(lock);
+        isWaiting = value && !woken;
+        return isWaiting;
+    };
+    if (!setWaiting(true)) {
         const DWORD stop = WaitForSingleObject(StopEvent, 0);
-        return stop == WAIT_TIMEOUT ? WAIT_OBJECT_0 + 1 : stop;
+        return stop == WAIT_TIMEOUT ? WAIT_OBJECT_0 + SLOT_WAKE : stop;
     }
-    const HANDLE handles[] = {StopEvent, wakeEvent.Get(), timer.Get(), Active().EventHandle()};
-    if (handles[3] != nullptr) return WaitForMultipleObjects(4, handles, FALSE, INFINITE);
-    return WaitForMultipleObjects(3, handles, FALSE, PollMs);
+    const DWORD signal = WaitForMultipleObjects(count, handles, FALSE, limit);
+    setWaiting(false);
+    return signal;
 }
 
-// Whether what is pending ends a wait, and how.
+// Whether something was added that ends a wait, and how.
 bool IDENTITY_PROTOCOL::Woken(SESSION_EVENTS wanted, WAIT_RESULT& result) {
     SESSION_EVENTS events;
     {
         const LOCK_GUARD guard(lock);
+        if (!std::exchange(woken, false)) return false;
         events = pending;
         const bool failed = (events & SESSION_ERROR) != 0;
         result = failed ? WAIT_RESULT::FAILED : WAIT_RESULT::ARRIVED;
@@ -182,26 +216,23 @@ WAIT_RESULT IDENTITY_PROTOCOL::Stopping() {
 }
 
 WAIT_RESULT IDENTITY_PROTOCOL::Wait(DWORD seconds, SESSION_EVENTS wanted) {
-    if (!ArmTimer(seconds * 1000)) return WAIT_RESULT::FAILED;
+    if (!ArmTimer(seconds)) return WAIT_RESULT::FAILED;
     DebugPrintMasked(DEBUG_TCP, TEXT("IDENTITY_PROTOCOL::Wait for events = [%s]"), EventNames(wanted));
-    if (Active().EventHandle() == nullptr) ProcessEvents();  // otherwise its event says when there is something to do
     for (;;) {
         const DWORD signal = NextSignal();
         const ERROR_CODE error;
-        WAIT_RESULT result = WAIT_RESULT::FAILED;
+        if (signal == WAIT_OBJECT_0 + SLOT_TIMER || (signal == WAIT_TIMEOUT && IsNear())) {
+            DebugPrintMasked(DEBUG_VERBOSE, TEXT("IDENTITY_PROTOCOL::Wait: Time-out"));
+            return WAIT_RESULT::TIMED_OUT;
+        }
         switch (signal) {
-            case WAIT_OBJECT_0:
+            case WAIT_OBJECT_0 + SLOT_STOP:
                 return Stopping();
-            case WAIT_OBJECT_0 + 1:
-                if (Woken(wanted, result)) return result;
+            case WAIT_OBJECT_0 + SLOT_WAKE:
                 break;
-            case WAIT_OBJECT_0 + 2:
-                DebugPrintMasked(DEBUG_VERBOSE, TEXT("IDENTITY_PROTOCOL::Wait: Time-out"));
-                return WAIT_RESULT::TIMED_OUT;
-            case WAIT_OBJECT_0 + 3:
+            case WAIT_OBJECT_0 + SLOT_COMPONENT:
             case WAIT_TIMEOUT:
                 ProcessEvents();
-                if (std::exchange(woken, false) && Woken(wanted, result)) return result;
                 break;
             case WAIT_FAILED:
                 DebugPrint(TEXT("IDENTITY_PROTOCOL::Wait: Wait failed. %s. Error code = %lu."), ErrorText(error),
@@ -211,21 +242,27 @@ WAIT_RESULT IDENTITY_PROTOCOL::Wait(DWORD seconds, SESSION_EVENTS wanted) {
                 DebugPrint(TEXT("IDENTITY_PROTOCOL::Wait: Unexpected wait result = %ld"), static_cast<LONG>(signal));
                 return WAIT_RESULT::FAILED;
         }
+        WAIT_RESULT result = WAIT_RESULT::FAILED;
+        if (Woken(wanted, result)) return result;
     }
 }
 
 bool IDENTITY_PROTOCOL::ReceiveResponse(std::span<const BYTE>& bytes) {
     Active().SetTimeout(ComponentTimeoutSeconds);
-    {
+    const auto setReceiving = [this](bool value) {
         const LOCK_GUARD guard(lock);
-        responseDue = GetTickCount64() + ResponseTimeoutSeconds * 1000;
-    }
+        isReceiving = value;
+    };
+    setReceiving(true);
     const WAIT_RESULT result = Wait(ResponseTimeoutSeconds, SESSION_DATA_IN);
+    setReceiving(false);
     const LOCK_GUARD guard(lock);
-    responseDue = 0;
     const bool inPieces = result == WAIT_RESULT::TIMED_OUT && incomplete;
     if (result != WAIT_RESULT::ARRIVED && !inPieces) return false;
-    if (inPieces) owed -= owed % ResponseLength;  // the rest will not come; whole responses still may
+    if (inPieces && owed % ResponseLength != 0) {  // the rest will not come; whole responses still may
+        owed -= owed % ResponseLength;
+        leavesUnfinished = true;
+    }
     response.clear();
     response.swap(received);
     bytes = response;
@@ -274,13 +311,13 @@ bool IDENTITY_PROTOCOL::PersistentConnect() {
 // The pause after a failed attempt, cut short by changed settings. False: no further attempt is to be made.
 bool IDENTITY_PROTOCOL::AwaitNextRound() {
     const HANDLE handles[] = {StopEvent, SettingsChangedEvent};
-    const DWORD result = WaitForMultipleObjects(2, handles, FALSE, ReconnectPauseMs);
+    const DWORD result = WaitForMultipleObjects(PAUSE_COUNT, handles, FALSE, ReconnectPauseMs);
     const ERROR_CODE error;
     switch (result) {
-        case WAIT_OBJECT_0:
+        case WAIT_OBJECT_0 + PAUSE_STOP:
             DebugPrint(TEXT("IDENTITY_PROTOCOL::PersistentConnect Service stop signaled"));
             return false;
-        case WAIT_OBJECT_0 + 1:
+        case WAIT_OBJECT_0 + PAUSE_SETTINGS:
             DebugPrint(TEXT("IDENTITY_PROTOCOL::PersistentConnect Settings changed"));
             return true;
         case WAIT_TIMEOUT:

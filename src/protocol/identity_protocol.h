@@ -1,11 +1,11 @@
 // The agent's one connection to the identity server: chooses between TLS and plain TCP, connects and reconnects, turns
 // the transports' events into bits, and lets its user wait for them with a time-out and with respect for StopEvent.
-// One thread uses it; the transports' handlers may call Set and DataIn from any thread.
+// One thread uses it, and the transports' handlers run on that thread. Set and DataIn may be called on any thread: a
+// lock guards what they change, and where the user is waiting they wake it by an event.
 #pragma once
 
 #include <windows.h>
 
-#include <array>
 #include <atomic>
 #include <span>
 #include <vector>
@@ -13,15 +13,22 @@
 #include "platform/critical_section.h"
 #include "platform/handles.h"
 #include "platform/string.h"
-#include "protocol/identity_tcp.h"
-#include "protocol/identity_tcps.h"
-#include "protocol/session_events.h"
+#include "protocol/identity_request.h"
+#include "protocol/identity_transports.h"
 
 namespace keldwick {
 
-// What the session knows of the messages; the rest is the reports'.
-constexpr DWORD ResponseLength = 14;
-constexpr DWORD IdOffset = 6;  // of the ID, in a request and in its response
+// What can happen to the connection, as a set of bits that a wait is for.
+using SESSION_EVENTS = DWORD;
+constexpr SESSION_EVENTS SESSION_ERROR = 0x01;
+constexpr SESSION_EVENTS SESSION_CONNECTED = 0x02;
+constexpr SESSION_EVENTS SESSION_READY_TO_SEND = 0x04;
+constexpr SESSION_EVENTS SESSION_DATA_IN = 0x08;
+constexpr SESSION_EVENTS SESSION_DISCONNECTED = 0x10;
+constexpr SESSION_EVENTS SESSION_CERTIFICATE_ERROR = 0x20;
+
+// The names of the bits, joined by a comma and a blank; empty for no bits. The text lives as long as the process.
+const WCHAR* EventNames(SESSION_EVENTS events);
 
 // How a wait ended.
 enum class WAIT_RESULT : DWORD { STOPPING = 0, FAILED = 1, ARRIVED = 2, TIMED_OUT = 3 };
@@ -57,8 +64,11 @@ public:
 
     // Waits up to 20 s for the response to the last request and gives every byte received so far, valid until the next
     // call. Bytes that came too late for an earlier request stay and are given in front of the response, but do not
-    // count as its beginning: otherwise each response would be taken for that of the next request from then on. When
-    // only a part of a response comes, its rest is waited for one second and what came is given.
+    // count as its beginning: otherwise each response would be taken for that of the next request from then on. So one
+    // response that comes late or in pieces, however far apart, fails its own report and the next one. When only
+    // a part of an earlier response has come at the end of the time, that is given.
+    // One second has to do instead of the 20 when nothing but the response itself is to come, and where a server has
+    // left a response unfinished before and none has been whole since.
     // False: nothing came.
     bool ReceiveResponse(std::span<const BYTE>& bytes);
 
@@ -75,37 +85,41 @@ public:
     void BeginConnect(TRANSPORT transport);  // selects the transport and forgets pending events
 
 private:
-    TCP_CLIENT& Active();
+    IPPort& Active();
     bool ConnectByProtocol(const STRING& server);
     bool AwaitNextRound();
     void MakeHandles();
+    void CountReceived(size_t count);
     bool LastRequestAnswered() const;
     bool EndsWithEarlierResponse() const;
-    void ExpectRest(bool isNear);
-    bool ArmTimer(DWORD milliseconds);
     void Wake();
+    bool ArmTimer(DWORD seconds);
     DWORD NextSignal();
+    bool IsNear();
     bool Woken(SESSION_EVENTS wanted, WAIT_RESULT& result);
     WAIT_RESULT Stopping();
 
     STRING serverName;
-    CRITICAL_SECTION_OWNER lock;  // guards pending, received, owed, incomplete, responseDue and lastRequestId
+    CRITICAL_SECTION_OWNER lock;  // guards what is said to be below
     IDENTITY_TCPS tls;
     IDENTITY_TCP plain;
     TRANSPORT selector = TRANSPORT::NONE;
     HANDLE_OWNER wakeEvent;
     HANDLE_OWNER timer;
-    SESSION_EVENTS pending = 0;
-    std::vector<BYTE> received;
-    size_t owed = 0;            // bytes of responses to the requests sent over this connection that have not come
-    bool incomplete = false;    // what has come since the last request leaves only its rest to wait for
-    ULONGLONG responseDue = 0;  // by GetTickCount64, while a response is waited for
-    std::array<BYTE, sizeof(DWORD)> lastRequestId{};
-    std::vector<BYTE> response;  // handed out by the last ReceiveResponse
+    std::vector<BYTE> response;  // given by the last ReceiveResponse
     std::atomic<bool> disconnected{true};
-    // Which thread is inside ProcessEvents: what it tells the session needs no event to wake it, only the flag.
-    std::atomic<const void*> processor{nullptr};
-    bool woken = false;
+
+    // ---- Under the lock ----
+    SESSION_EVENTS pending = 0;
+    bool woken = false;      // something was added since the user last looked
+    bool isWaiting = false;  // the user, for the wake event among others
+    std::vector<BYTE> received;
+    DWORD lastRequestId = 0;
+    size_t owed = 0;                // bytes of responses to the requests sent over this connection that have not come
+    bool isReceiving = false;       // the user waits for a response
+    bool incomplete = false;        // of the response before the last one a part has come, or it has come once more
+    bool isNear = false;            // what is missing comes within a second or not at all
+    bool leavesUnfinished = false;  // the server has left a response unfinished, and given no whole one since
 };
 
 extern IDENTITY_PROTOCOL* CurrentSession;  // the one session in use; not owned

@@ -13,8 +13,6 @@
 
 namespace keldwick {
 
-constexpr WORD LogonRequestCode = 0x0010;
-
 // Looks both names up in the directory, encodes the logon into the request, replacing what it held, and sends it. The
 // text is the address's, for messages; null or empty names are absent. True: a well-formed answer arrived.
 bool IdentityReportLogon(IDENTITY_REQUEST& request, const IP_ADDRESS& address, const WCHAR* ipText,

@@ -1,18 +1,13 @@
-// A client whose events are written down, and that is driven by its event handle alone.
+// A client whose events are written down, and that is driven by its event and its limit alone.
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <functional>
 #include <string>
 #include <vector>
 
-#include "component/ipport.h"
-
-// Winsock's numbers; winsock2.h would replace the C library's calls, which the peers use.
-constexpr int AddressInvalid = 10022, Aborted = 10053, Reset = 10054, NotConnected = 10057, TimedOut = 10060,
-              Cancelled = 10103, Refused = 10061, HostNotFound = 11001, TryAgain = 11002;
+#include "component/ipports.h"
 
 template <typename BASE>
 class EVENT_RECORDER : public BASE {
@@ -20,7 +15,6 @@ public:
     std::vector<std::string> events;
     std::vector<std::string> texts;  // descriptions, in the order of the events that carry one
     std::string received;            // of all DataIn events
-    std::function<void(const std::string&)> onEvent;
 
     int FireConnected(int status, const char* text) override {
         return Note("Connected " + std::to_string(status), text);
@@ -42,39 +36,46 @@ public:
     bool AwaitBytes(size_t count) {
         return Until([&] { return received.size() >= count; });
     }
-    bool Opens(int port, const char* host = "127.0.0.1") {
-        this->Connect(host, port);
+    bool Opens(int port, const char* server = "127.0.0.1") {
+        this->Connect(server, port);
         return Await("ReadyToSend");
     }
     // What the next call of ProcessEvents delivers.
     std::vector<std::string> Turn() {
-        EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(this->EventHandle(), 15'000));
+        EXPECT_TRUE(AwaitTurn(15'000));
         const auto before = static_cast<std::ptrdiff_t>(events.size());
         this->ProcessEvents();
         return {events.begin() + before, events.end()};
     }
     bool Seen(const std::string& wanted) const {
-        return std::any_of(events.begin(), events.end(), [&](auto& event) { return event.starts_with(wanted); });
+        return std::any_of(events.begin(), events.end(), [&](auto& one) { return one.starts_with(wanted); });
     }
-    bool Idle() { return WaitForSingleObject(this->EventHandle(), 0) == WAIT_TIMEOUT; }
-    int SendText(const std::string& text) { return this->Send(text.data(), static_cast<int>(text.size())); }
+    bool Idle() { return this->WaitLimit() == INFINITE && WaitForSingleObject(this->EventHandle(), 0) == WAIT_TIMEOUT; }
+    int SendText(const std::string& text) {
+        this->ProcessEvents();
+        return this->Send(text.data(), static_cast<int>(text.size()));
+    }
 
-protected:
+private:
+    // False: nothing for so long.
+    bool AwaitTurn(DWORD milliseconds) {
+        const DWORD limit = this->WaitLimit();
+        return WaitForSingleObject(this->EventHandle(), std::min(limit, milliseconds)) == WAIT_OBJECT_0 ||
+               limit <= milliseconds;
+    }
     template <typename DONE>
     bool Until(DONE done) {
         const ULONGLONG end = GetTickCount64() + 15'000;
         while (!done()) {
             const ULONGLONG now = GetTickCount64();
-            const DWORD left = now < end ? static_cast<DWORD>(end - now) : 0;
-            if (WaitForSingleObject(this->EventHandle(), left) != WAIT_OBJECT_0) return false;
+            if (!AwaitTurn(now < end ? static_cast<DWORD>(end - now) : 0)) return false;
             this->ProcessEvents();
         }
         return true;
     }
-    int Note(const std::string& event, const char* text = nullptr) {
-        events.push_back(event);
+    int Note(const std::string& what, const char* text = nullptr) {
+        events.push_back(what);
         if (text != nullptr) texts.emplace_back(text);
-        if (onEvent) onEvent(event);
         return 0;
     }
 };

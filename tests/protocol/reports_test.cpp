@@ -1,16 +1,12 @@
 // The reports as they arrive at a server, and what the agent makes of its answers.
 #include "protocol/identity_reports.h"
 
-#include <chrono>
 #include <cstring>
 #include <future>
-#include <map>
-#include <thread>
 
 #include "directory/name_translation.h"
 #include "platform/host_names.h"
 #include "protocol/manual_report.h"
-#include "protocol/os_code.h"
 #include "protocol/pack_buffer.h"
 #include "service/version_banner.h"
 #include "tests/protocol/session.h"
@@ -201,62 +197,6 @@ TEST_F(REPORT_TEST, AnAnswerTooLateSpoilsTheNextExchangeAndNoOther) {
     EXPECT_TRUE(IdentityReportHeartbeat(request));
 }
 
-TEST_F(REPORT_TEST, ALateOrSplitAnswerFailsItsReportAndAtMostTheNext) {
-    // A piece of the answer to the report of that number.
-    struct PIECE {
-        size_t report, from = 0, to = ResponseLength;
-    };
-    using PIECES = std::vector<PIECE>;
-    PIECES byteByByte;
-    constexpr std::chrono::milliseconds Moment{20};  // long enough for the agent to send what it does not hold back
-    for (size_t i = 0; i < ResponseLength; ++i) byteByByte.push_back({3, i, i + 1});
-    byteByByte.push_back({4});
-    const struct {
-        const char* name;
-        std::map<size_t, PIECES> said;  // when that report has come, if not just its answer. Nothing: it times out
-        std::vector<size_t> failed;
-        std::chrono::milliseconds pause = Moment;  // behind the pieces that come by themselves
-    } cases[] = {
-        {"in two pieces", {{3, {{3, 0, 7}}}, {4, {{3, 7}, {4}}}}, {3, 4}},
-        {"without its end", {{3, {{3, 0, 7}}}}, {3}},
-        {"late", {{3, {}}, {4, {{3}, {4}}}}, {3, 4}},
-        {"late and byte by byte", {{3, {}}, {4, byteByByte}}, {3, 4}},
-        {"two that are late", {{3, {}}, {4, {}}, {5, {{3}, {4}, {5}}}}, {3, 4, 5}},
-        {"never", {{3, {}}, {4, {}}}, {3, 4}},
-        {"late, in pieces and from a slow server",
-         {{3, {}}, {4, {{3, 0, 7}, {3, 7}, {4}}}},
-         {3, 4},
-         std::chrono::milliseconds(1200)},
-        {"in pieces seconds apart", {{3, {{3, 0, 3}}}, {4, {{3, 3, 7}}}, {5, {{3, 7}, {4}, {5}}}}, {3, 4, 5}},
-        {"doubled", {{4, {{3}, {4}}}}, {4}},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        std::vector<std::string> answers;
-        server.Answer([&](const std::string& report) {
-            answers.push_back(SCRIPTED_SERVER::GoodAnswer(report));
-            const auto plan = c.said.find(answers.size());
-            std::this_thread::sleep_for(Moment);
-            if (plan == c.said.end()) return answers.back();
-            std::string last;
-            for (const PIECE& piece : plan->second) {
-                session->DataIn(last.data(), static_cast<int>(last.size()));  // arrives by itself
-                last = answers[piece.report - 1].substr(piece.from, piece.to - piece.from);
-            }
-            std::this_thread::sleep_for(c.pause);
-            return last;
-        });
-        std::vector<size_t> failed;
-        for (size_t report = 1; report <= 8 && failed.size() <= c.failed.size(); ++report) {
-            timeFlies = c.said.contains(report) && c.said.at(report).empty();
-            if (!Report()) failed.push_back(report);
-            timeFlies = false;
-            server.AwaitRequest();
-        }
-        ASSERT_EQ(c.failed, failed);  // each that fails besides takes the 20 s of a time-out
-    }
-}
-
 TEST_F(REPORT_TEST, AfterAStopNothingIsLookedUpForReportsThatCannotBeSent) {
     FAKE_DIRECTORY directory;
     SetEvent(stop.Get());
@@ -265,18 +205,6 @@ TEST_F(REPORT_TEST, AfterAStopNothingIsLookedUpForReportsThatCannotBeSent) {
     directory.calls.clear();
     EXPECT_FALSE(Report(u"CORP\\ann"));
     EXPECT_TRUE(directory.calls.empty());
-}
-
-TEST_F(REPORT_TEST, AServerThatAnswersTooShortFailsEachReportWithinASecond) {
-    server.Answer([](const std::string&) { return std::string(2, 'x'); });
-    for (int report = 1; report <= 4; ++report) {
-        const ULONGLONG begin = GetTickCount64();
-        EXPECT_FALSE(Report());
-        EXPECT_LT(GetTickCount64() - begin, 10'000u);  // of the 20 s that an answer may take
-        EXPECT_EQ("IdentityReportLogon request response length = 2; 14 expected", lines.Take().back());
-    }
-    server.Answer([](const std::string& report) { return SCRIPTED_SERVER::GoodAnswer(report); });
-    EXPECT_TRUE(Report());
 }
 
 TEST_F(REPORT_TEST, WhatAClosedConnectionOwesIsNotWaitedForOnTheNext) {

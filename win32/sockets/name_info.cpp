@@ -1,6 +1,7 @@
 // Names of addresses, with a limit on what a dead name server may cost.
 #include <netdb.h>
 #include <poll.h>
+#include <pthread.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 
@@ -8,14 +9,17 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstring>
+#include <exception>
 #include <memory>
 #include <mutex>
 #include <new>
 #include <string>
+#include <thread>
+#include <utility>
 
 #include "win32/registry/linux_settings.h"
-#include "win32/sockets/lookup_threads.h"
 #include "win32/sockets/socket_error.h"
 #include "win32/sync/descriptor.h"
 #include "win32/text/utf.h"
@@ -112,7 +116,48 @@ struct LOOKUP {
     }
 };
 
+// ---- Threads ----
+// The C library cannot be told to give up on a name server, so each look-up that might wait for one has a thread of its
+// own, which is left to itself when its answer is no longer wanted.
+
+constexpr int MaxLookups = 16;  // under way; with that many hanging, the next one fails at once instead
 std::atomic<int> lookupsInFlight{0};
+
+// Blocks all signals for the calling thread and those it starts, while in scope.
+class SIGNALS_BLOCKED {
+public:
+    SIGNALS_BLOCKED() {
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_SETMASK, &all, &before);
+    }
+    ~SIGNALS_BLOCKED() { pthread_sigmask(SIG_SETMASK, &before, nullptr); }
+    SIGNALS_BLOCKED(const SIGNALS_BLOCKED&) = delete;
+    SIGNALS_BLOCKED& operator=(const SIGNALS_BLOCKED&) = delete;
+
+private:
+    sigset_t before;
+};
+
+// Asks on a detached thread. False: too many are under way, or there is no thread to be had.
+bool StartLookup(std::shared_ptr<LOOKUP> lookup) {
+    if (++lookupsInFlight > MaxLookups) {
+        --lookupsInFlight;
+        return false;
+    }
+    try {
+        const SIGNALS_BLOCKED blocked;
+        std::thread([question = std::move(lookup)]() mutable {
+            question->Ask();
+            question.reset();  // what it owns goes before its place is free
+            --lookupsInFlight;
+        }).detach();
+    } catch (const std::exception&) {  // no thread, or no memory for one
+        --lookupsInFlight;
+        return false;
+    }
+    return true;
+}
 
 // False: not within so many milliseconds.
 bool IsAnsweredWithin(const LOOKUP& lookup, DWORD milliseconds) {
@@ -136,7 +181,7 @@ int AskWithinTimeout(const std::shared_ptr<LOOKUP>& lookup) {
     const DWORD patience = server.Patience(timeout);
     if (patience == 0) return WSATRY_AGAIN;
     const ULONGLONG begin = GetTickCount64();
-    if (!win32::RunLookup(lookupsInFlight, [lookup] { lookup->Ask(); })) return WSATRY_AGAIN;
+    if (!StartLookup(lookup)) return WSATRY_AGAIN;
     if (!IsAnsweredWithin(*lookup, patience)) {
         server.NoteSilence();
         return WSATRY_AGAIN;

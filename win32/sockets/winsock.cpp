@@ -1,12 +1,9 @@
-// Starting and ending the use of Winsock, its last error, and the binding of a socket to an event.
-#include <fcntl.h>
-#include <poll.h>
+// Starting and ending the use of Winsock, and its last error.
 #include <winsock2.h>
 
 #include <atomic>
 
 #include "win32/sockets/socket_error.h"
-#include "win32/sync/kernel_object.h"
 
 namespace {
 
@@ -39,15 +36,3 @@ int WINAPI WSACleanup() {
 int WINAPI WSAGetLastError() { return static_cast<int>(GetLastError()); }
 
 void WINAPI WSASetLastError(int code) { SetLastError(static_cast<DWORD>(code)); }
-
-int WINAPI WSAEventSelect(SOCKET socket, WSAEVENT event, LONG mask) {
-    const auto object = win32::ObjectOf(event);
-    if (!object) return win32::FailSocketCall(WSAEINVAL);
-    if (mask != 0 && fcntl(socket, F_GETFD) < 0) return win32::FailSocketCall(WSAENOTSOCK);
-    short events = 0;
-    if (mask & (FD_READ | FD_CLOSE)) events |= POLLIN;
-    if (mask & FD_CLOSE) events |= POLLRDHUP;
-    if (mask & (FD_WRITE | FD_CONNECT)) events |= POLLOUT;
-    if (!win32::SetEventCompanion(*object, mask == 0 ? -1 : socket, events)) return win32::FailSocketCall(WSAEINVAL);
-    return 0;
-}
