@@ -128,22 +128,17 @@ TEST_F(REPORT_TEST, HeartbeatAndLogoffSendTheSameBytesWithAnotherKindAndId) {
     EXPECT_TRUE(Report(u"CORP\\ann", u"CORP\\pc", u"fe80::1"));
     EXPECT_TRUE(IdentityReportHeartbeat(request));
     EXPECT_TRUE(IdentityReportLogoff(request));
-    EXPECT_TRUE(IdentityReportHeartbeat(request));
-    auto requests = Sent(4);
+    auto requests = Sent(3);
     const DWORD first = TakeId(requests[0]);
-    for (size_t i = 1; i < 4; ++i) {
+    for (size_t i = 1; i < 3; ++i) {
         EXPECT_EQ(first + i, TakeId(requests[i]));
-        EXPECT_EQ("?0!0"[i], requests[i].back());
+        EXPECT_EQ(" 0!"[i], requests[i].back());
         requests[i].back() = ' ';
         EXPECT_EQ(Hex(requests[0]), Hex(requests[i]));
     }
-    const LINES written = lines.TakePlain();
-    const std::string length = "Request length = " + std::to_string(request.Length());
-    const std::string logoff = "IdentityReportLogoff: NtUserName = 'CORP\\ann', IpAddress = 'fe80::1', ";
-    EXPECT_EQ(1u, DEBUG_LINES::Count(written, logoff + length));
-    EXPECT_EQ(2u, DEBUG_LINES::Count(written, "IdentityReportHeartbeat: " + length));
-    EXPECT_EQ("IdentityReportLogon:|User name = 'CORP\\ann',|Computer name = 'CORP\\pc',|IPv6 address = 'fe80::1'",
-              written.at(0));
+    const std::string logoff =
+        "IdentityReportLogoff: NtUserName = 'CORP\\ann', IpAddress = 'fe80::1', Request length = ";
+    EXPECT_EQ(1u, DEBUG_LINES::Count(lines.TakePlain(), logoff + std::to_string(request.Length())));
 }
 
 TEST_F(REPORT_TEST, AHostileNameArrivesWholeAndItsLengthIsStatedModulo65536) {

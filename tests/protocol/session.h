@@ -15,7 +15,7 @@
 #include "tests/support/scripted_server.h"
 #include "tests/support/temporary_root.h"
 
-// While set, a waitable timer is due after a millisecond, and a pause of a minute is none; the third ends in a stop.
+// While set, a waitable timer is due after a millisecond.
 extern std::atomic<bool> timeFlies;
 extern std::atomic<bool> timerFails;
 

@@ -3,7 +3,11 @@
 
 #include <future>
 
+#include "tests/support/fail_call.h"
 #include "tests/support/tls_peer.h"
+
+WRAP_CALL(HANDLE, CreateEventW, (LPSECURITY_ATTRIBUTES s, BOOL manual, BOOL set, LPCWSTR name), (s, manual, set, name))
+WRAP_CALL(HANDLE, CreateWaitableTimerW, (LPSECURITY_ATTRIBUTES s, BOOL manual, LPCWSTR name), (s, manual, name))
 
 std::atomic<bool> timeFlies{false};
 std::atomic<bool> timerFails{false};
@@ -16,13 +20,6 @@ BOOL __wrap_SetWaitableTimer(HANDLE timer, const LARGE_INTEGER* due, LONG period
     LARGE_INTEGER soon;
     soon.QuadPart = -10000;  // a millisecond
     return __real_SetWaitableTimer(timer, timeFlies ? &soon : due, period, routine, argument, resume);
-}
-DWORD __real_WaitForMultipleObjects(DWORD, const HANDLE*, BOOL, DWORD);
-DWORD __wrap_WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL all, DWORD milliseconds) {
-    const bool minute = timeFlies && milliseconds == 60000;
-    static int minutes = 0;
-    if (minute && ++minutes == 3) SetEvent(handles[0]);
-    return __real_WaitForMultipleObjects(count, handles, all, minute ? 0 : milliseconds);
 }
 }
 
@@ -151,28 +148,29 @@ TEST_F(WAIT_TEST, AnAutomaticSessionTriesTlsThenPlainAndSticksToWhatWorked) {
     EXPECT_EQ(0u, tried().second);
 }
 
-TEST_F(SESSION_TEST, ConnectingIsTriedAgainAfterEachPauseUntilTheServiceStops) {
-    timeFlies = true;
-    Settings.identServer.Clear();  // no such host
-    EXPECT_FALSE(session->PersistentConnect());
-    const LINES written = lines.TakePlain();
-    EXPECT_EQ(3u, DEBUG_LINES::Count(written, "Connect to Identity server = '' failed"));
-    EXPECT_EQ("IDENTITY_PROTOCOL::PersistentConnect Service stop signaled", written.back());
-}
-
 TEST_F(SESSION_TEST, AnotherServerIsNoticedOnceAndNotByItsLetterCase) {
-    SCRIPTED_SERVER server;
-    const std::string host = SCRIPTED_SERVER::Host();
+    const SCRIPTED_SERVER server;
     EXPECT_TRUE(session->PersistentConnect());
-    EXPECT_FALSE(session->IsDisconnected());
-    EXPECT_EQ("Connected to Identity server = '" + host + "' ...", lines.TakePlain().back());
-    for (const auto& [name, another] : {std::pair{host.c_str(), false}, {"Other", true}, {"OTHER", false}}) {
+    EXPECT_EQ("Connected to Identity server = '" + SCRIPTED_SERVER::Host() + "' ...", lines.TakePlain().back());
+    for (const auto& [name, another] : {std::pair{u"Other", true}, {u"OTHER", false}}) {
         Settings.identServer = STRING(name);
-        EXPECT_EQ(another, session->IdentServerChanged()) << name;
+        EXPECT_EQ(another, session->IdentServerChanged());
     }
 }
 
-// ---- Servers that talk without end ----
+TEST_F(SESSION_TEST, ASessionMadeInAShortageConnectsAfterIt) {
+    const SCRIPTED_SERVER server;
+    {
+        const FAIL_CALL noEvent(CreateEventW_calls, 0, ERROR_TOO_MANY_OPEN_FILES);
+        const FAIL_CALL noTimer(CreateWaitableTimerW_calls, 0, ERROR_TOO_MANY_OPEN_FILES);
+        session = std::make_unique<IDENTITY_PROTOCOL>();
+        EXPECT_FALSE(session->Connect(Settings.identServer));
+        EXPECT_LT(0, noEvent.Failed());
+        EXPECT_LT(0, noTimer.Failed());
+    }
+    EXPECT_TRUE(session->Connect(Settings.identServer));
+    EXPECT_FALSE(session->IsDisconnected());
+}
 
 constexpr int TlsPort = 1308;
 
@@ -192,33 +190,6 @@ TEST_F(SESSION_TEST, AFloodInTheHandshakeHoldsUpNeitherStopNorTimer) {
         timeFlies = !stops;
         EXPECT_FALSE(stops ? session->PersistentConnect() : session->Connect(Settings.identServer));
         EXPECT_TRUE(gone.get_future().get());
-    }
-}
-
-TEST_F(SESSION_TEST, AFloodInsteadOfAnAnswerHoldsUpNeitherStopNorTimer) {
-    Settings.identProtocol = PROTOCOL_TCPS;
-    for (const bool stops : {false, true}) {
-        SCOPED_TRACE(stops ? "stop" : "timer");
-        std::promise<bool> poured;
-        PLAYED server(
-            SERVER_KIND{},
-            [&](SSL* tls, ACCEPTED& peer) {
-                const std::string flood = Records(tls, [&] { AskForHandshakes(tls, 20'000); });
-                peer.Hear(1);
-                if (stops) SetEvent(stop.Get());
-                poured.set_value(Pour(peer, flood));
-            },
-            SCRIPTED_SERVER::Host(), TlsPort);
-        ASSERT_TRUE(session->Connect(Settings.identServer));
-        const BYTE request[34] = {};
-        EXPECT_EQ(0, session->Send(request, sizeof(request)));
-        timeFlies = !stops;
-        std::span<const BYTE> bytes;
-        EXPECT_FALSE(session->ReceiveResponse(bytes));
-        EXPECT_EQ(stops, session->IsDisconnected());
-        timeFlies = false;
-        session->Disconnect();
-        EXPECT_FALSE(poured.get_future().get()) << "everything was read first";
     }
 }
 
