@@ -75,7 +75,7 @@ int IPPort::Connect(const char* hostText, int port) {
     if (code == 0) return 0;
     Close();
     Remember(code, lastErrorText);
-    state = STATE::Failed;  // ProcessEvents tells
+    state = STATE::Failed;  // ProcessEvents reports it
     return code;
 }
 
@@ -285,7 +285,7 @@ void IPPort::Remember(int code, std::string text) {
     lastErrorText = std::move(text);
 }
 
-// Back to the beginning, without events. A server that is still there is told.
+// Back to the beginning, without events. A TLS server that is still there is sent a goodbye.
 void IPPort::Close() {
     if (tls) tls->Close();
     tls.reset();

@@ -86,7 +86,7 @@ protected:
     virtual bool Step();  // whether the next step can be taken at once
     bool Opened();
     bool FailToConnect(int code, std::string text);
-    bool Watch(LONG mask);  // false: the last error tells
+    bool Watch(LONG mask);  // false: the reason is the last error
     std::string AttemptText() const;
     std::string TlsFailureText() const;
     void Remember(int code, std::string text);
@@ -131,7 +131,7 @@ private:
     size_t nextAddress = 0;
     CLOCK::time_point attemptDeadline;
 
-    std::optional<ENDING> ending;    // it came with bytes that were delivered, and is still to be told
+    std::optional<ENDING> ending;    // it came with bytes that were delivered; the next call reports it
     bool foundNothing = false;       // the last look at the socket found neither bytes nor an end
     std::array<BYTE, 16384> buffer;  // the most that one TLS record holds
 

@@ -62,14 +62,14 @@ public:
     int Send(const BYTE* request, DWORD length);
     STRING LastErrorText();
 
-    // Waits up to 20 s for the response to the last request and gives every byte received so far, valid until the next
-    // call. Bytes that came too late for an earlier request stay and are given in front of the response, but do not
-    // count as its beginning: otherwise each response would be taken for that of the next request from then on. So one
-    // response that comes late or in pieces, however far apart, fails its own report and the next one. When only
-    // a part of an earlier response has come at the end of the time, that is given.
-    // One second has to do instead of the 20 when nothing but the response itself is to come, and where a server has
-    // left a response unfinished before and none has been whole since.
-    // False: nothing came.
+    // Waits up to 20 s for the response to the last request, and gives every byte received so far, valid until the next
+    // call. False: nothing came.
+    // Bytes of an earlier response that came too late are given before the response, but are not taken for it:
+    // otherwise each response would be taken for that of the next request from then on. So a response that comes late
+    // or in pieces, however far apart, fails its own report and the next one. If the time is up while an earlier
+    // response is incomplete, what came is given.
+    // The wait is cut to one second by an earlier response that was no longer expected, and by a piece of one from a
+    // server that has once left a response incomplete and has not sent a whole one since.
     bool ReceiveResponse(std::span<const BYTE>& bytes);
 
     void Disconnect();  // closes the active connection
@@ -117,9 +117,9 @@ private:
     DWORD lastRequestId = 0;
     size_t owed = 0;                // bytes of responses to the requests sent over this connection that have not come
     bool isReceiving = false;       // the user waits for a response
-    bool incomplete = false;        // of the response before the last one a part has come, or it has come once more
-    bool isNear = false;            // what is missing comes within a second or not at all
-    bool leavesUnfinished = false;  // the server has left a response unfinished, and given no whole one since
+    bool incomplete = false;        // an earlier response has come in part, or once more
+    bool isNear = false;            // the wait for what is missing is one second
+    bool leavesUnfinished = false;  // the server has left a response incomplete, and sent no whole one since
 };
 
 extern IDENTITY_PROTOCOL* CurrentSession;  // the one session in use; not owned

@@ -23,7 +23,7 @@ struct TRANSPORT_TRAITS {
     const WCHAR* name;                        // begins the handlers' messages
     FORMAT<STRING, int> connecting;           // takes the server and a port
     FORMAT<const WCHAR*, int, STRING> error;  // takes the name, the code and the description
-    int certificateError;                     // the code that tells of the certificate; 0: none does
+    int certificateError;                     // the code for a certificate that was not verified; 0: there is none
 };
 
 // What the transports have in common. The base is virtual, because the TLS transport has it from the TLS component,

@@ -19,11 +19,11 @@ inline int hanging = 0;
 inline bool dead = true;
 }  // namespace name_server
 
-// Waits until so many look-ups hang, lets them end, and waits until they have.
+// Waits until that many look-ups hang, lets them end, and waits until they have.
 inline void ReviveNameServer(int lookups) {
     using namespace name_server;
     std::unique_lock guard(lock);
-    changed.wait(guard, [=] { return hanging == lookups; });
+    changed.wait(guard, [=] { return hanging >= lookups; });
     dead = false;
     changed.notify_all();
     changed.wait(guard, [] { return hanging == 0; });

@@ -1,5 +1,5 @@
 // Windows Sockets, as far as the agent calls them. Socket addresses are the platform's own; the family numbers too.
-// The C library's calls of the same names stand behind win32_ names so that they leave a Winsock error behind.
+// The C library's calls of the same names have win32_ names here, which leave a Winsock error as the last error.
 #pragma once
 #include <windows.h>
 

@@ -3,7 +3,7 @@
 #include <winsock2.h>
 #undef NI_NAMEREQD
 #define NI_NAMEREQD 0x04
-#define TCP_MAXRT 0x4005  // seconds after which bytes that nobody acknowledges end the connection
+#define TCP_MAXRT 0x4005  // seconds after which bytes without an acknowledgement end the connection
 
 typedef struct addrinfoW {
     int ai_flags, ai_family, ai_socktype, ai_protocol;

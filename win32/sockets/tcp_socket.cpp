@@ -19,7 +19,8 @@
 
 namespace {
 
-// What a condition is to poll. No two have the same bits, so that an event's bits tell what was selected for it.
+// What a condition is to poll. No two have the same bits, so that what was selected for an event can be read from its
+// bits.
 struct CONDITION {
     LONG mask;
     short bits;
