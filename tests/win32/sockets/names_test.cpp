@@ -10,6 +10,7 @@
 #include <string>
 #include <thread>
 
+#include "tests/support/registry_text.h"
 #include "tests/support/temporary_root.h"
 
 // The C library's look-up, which a test can make hang, answer with an error, or answer with a name.
@@ -85,20 +86,15 @@ constexpr ULONGLONG Pause = 10'000;  // after a look-up that got no answer
 
 class NameInfo : public testing::Test {
 protected:
-    NameInfo() { SetTimeout(20); }
+    NameInfo() { SetTimeout("14"); }
     ~NameInfo() override {
         Revive();
         millisecondsAhead += Pause;
         AwaitName();
     }
-    void SetTimeout(DWORD milliseconds) const {
-        char text[9];
-        std::snprintf(text, sizeof(text), "%08x", milliseconds);
-        root.Write("registry.reg",
-                   "Windows Registry Editor Version 5.00\r\n\r\n"
-                   "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Vantorel Systems\\Keldwick\\Linux]\r\n"
-                   "\"NameLookupTimeout\"=dword:" +
-                       std::string(text) + "\r\n");
+    void SetTimeout(const std::string& hexMilliseconds) const {
+        root.Write("registry.reg", RegistryText("HKEY_LOCAL_MACHINE\\SOFTWARE\\Vantorel Systems\\Keldwick\\Linux",
+                                                "NameLookupTimeout=dword:" + hexMilliseconds));
     }
     static void Die() {
         const std::lock_guard guard(nameServer.lock);
@@ -185,7 +181,7 @@ TEST_F(NameInfo, AfterThePauseALookUpWaitsForAMomentOnly) {
     std::u16string host;
     Die();
     EXPECT_EQ(WSATRY_AGAIN, LookUp(host));
-    SetTimeout(20'000);
+    SetTimeout("4E20");
     millisecondsAhead += Pause;
     const auto begin = std::chrono::steady_clock::now();
     EXPECT_EQ(WSATRY_AGAIN, LookUp(host));
@@ -194,7 +190,7 @@ TEST_F(NameInfo, AfterThePauseALookUpWaitsForAMomentOnly) {
 
 TEST_F(NameInfo, OnlyASlowFailureOfTheNameServerBeginsThePause) {
     std::u16string host;
-    SetTimeout(60'000);
+    SetTimeout("EA60");
     const struct {
         int result;
         ULONGLONG duration;
