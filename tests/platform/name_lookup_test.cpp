@@ -1,5 +1,6 @@
 // The name of an address, by a system that answers, fails, or does not come back.
 #include <gtest/gtest.h>
+#include <process.h>
 
 #include <atomic>
 #include <cstring>
@@ -83,14 +84,14 @@ TEST_F(NAME_LOOKUP_TEST, TheSystemsAnswerOrItsErrorIsHandedOn) {
 
 TEST_F(NAME_LOOKUP_TEST, AStopEndsTheWaitAndNothingIsAskedAfterIt) {
     ResetEvent(let.Get());
-    const HANDLE_OWNER stopper(CreateThread(
+    const HANDLE_OWNER stopper(reinterpret_cast<HANDLE>(_beginthreadex(
         nullptr, 0,
-        [](LPVOID) -> DWORD {
+        [](void*) -> unsigned {
             WaitForSingleObject(nameSystem.asked, INFINITE);
             SetEvent(StopEvent);
             return 0;
         },
-        nullptr, 0, nullptr));
+        nullptr, 0, nullptr)));
     STRING name(TEXT("kept"));
     EXPECT_FALSE(LookUp(name)) << "the system has not answered";
     EXPECT_EQ(ERROR_CANCELLED, GetLastError());

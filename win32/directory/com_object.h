@@ -1,4 +1,4 @@
-// What every COM object of the layer's own has: a count of references, and its one interface beside the common ones.
+// What every COM object of the layer has: a count of references, and its one interface beside the common ones.
 #pragma once
 
 #include <windows.h>
@@ -6,10 +6,11 @@
 #include <iads.h>
 
 #include <atomic>
-
-#include "win32/directory/class_registry.h"
+#include <cstring>
 
 namespace win32 {
+
+inline bool SameGuid(const GUID& a, const GUID& b) { return memcmp(&a, &b, sizeof(a)) == 0; }
 
 template <class INTERFACE, const IID& INTERFACE_ID>
 class COM_OBJECT : public INTERFACE {
@@ -38,14 +39,5 @@ public:
 private:
     std::atomic<ULONG> references = 0;
 };
-
-// Hands a new object out by the interface asked for; gone again when it does not have it.
-template <class OBJECT>
-HRESULT HandOut(OBJECT* made, REFIID iid, void** object) {
-    made->AddRef();
-    const HRESULT result = made->QueryInterface(iid, object);
-    made->Release();
-    return result;
-}
 
 }  // namespace win32

@@ -1,6 +1,5 @@
-// The directory as the layer's COM objects ask it: one interface, behind it either a server (LDAP) or a file (LDIF).
-// Texts are UTF-8 here. What is said of accounts is fresh, nothing of it is kept; the forest's domains are as of
-// when the connection was opened.
+// The directory as the layer's COM objects ask it: one interface to a server (LDAP) or a file (LDIF). Texts are UTF-8
+// here. Answers about accounts are never cached; the forest's domains are those of when the connection was opened.
 #pragma once
 
 #include <windows.h>
@@ -73,7 +72,7 @@ struct DIRECTORY_TARGET {
 // none.
 HRESULT OpenDirectory(const DIRECTORY_TARGET& target, std::unique_ptr<DIRECTORY>& directory);
 
-// What the layer's objects are made of; entered in register_classes.cpp.
+// The one class and the one provider. REGDB_E_CLASSNOTREG: this machine has no directory, which may change.
 HRESULT MakeNameTranslator(REFIID iid, void** object);
 HRESULT OpenDirectoryPath(LPCWSTR path, LPCWSTR user, LPCWSTR password, DWORD flags, REFIID iid, void** object);
 

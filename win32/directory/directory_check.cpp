@@ -4,7 +4,7 @@
 
 #include "win32/directory/directory_settings.h"
 #include "win32/directory/ldap_directory.h"
-#include "win32/directory/ldif_directory.h"
+#include "win32/directory/ldif_file.h"
 
 namespace win32 {
 

@@ -1,6 +1,5 @@
 // IADs: a directory object, opened by its path. It reads the attributes that the agent asks for while it is opened and
 // holds no connection afterwards.
-#include <charconv>
 #include <cstring>
 #include <limits>
 #include <memory>
@@ -9,6 +8,7 @@
 #include "win32/directory/com_object.h"
 #include "win32/directory/directory.h"
 #include "win32/directory/directory_text.h"
+#include "win32/text/numbers.h"
 #include "win32/text/utf.h"
 
 namespace win32 {
@@ -67,12 +67,10 @@ HRESULT SetBytes(const VALUES& values, VARIANT& variant) {
 }
 
 HRESULT SetNumber(const VALUES& values, VARIANT& variant) {
-    const std::string& text = values[0];
-    LONG number = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    if (error != std::errc() || end != text.data() + text.size()) return DirectoryDecodingError;
+    const std::optional<LONG> number = ToNumber<LONG>(values[0]);
+    if (!number) return DirectoryDecodingError;
     variant.vt = VT_I4;
-    variant.lVal = number;
+    variant.lVal = *number;
     return S_OK;
 }
 
@@ -90,7 +88,7 @@ public:
         return directory.Read(dn, wanted, entry);
     }
 
-    // Attributes that nobody has asked for so far are not read: E_NOTIMPL.
+    // Other attributes than these are not read, no caller asks for them: E_NOTIMPL.
     HRESULT Get(BSTR name, VARIANT* value) override {
         if (name == nullptr || value == nullptr) return E_INVALIDARG;
         VariantInit(value);

@@ -141,7 +141,7 @@ DIRECTORY_BACKEND ConfiguredBackend() {
     return settings.serverNamed ? DIRECTORY_BACKEND::LDAP : DIRECTORY_BACKEND::NONE;
 }
 
-std::string LdifPath() { return MachinePath("directory.ldif"); }
+std::string LdifPath() { return MachinePath(DirectoryFile); }
 
 std::optional<LDAP_SETTINGS> ReadLdapSettings(std::string& complaint) {
     const CHECKED_LDAP_SETTINGS& current = Current(ReadCheckedSettings);

@@ -1,110 +1,23 @@
 #include "win32/directory/directory_text.h"
 
-#include <algorithm>
-#include <charconv>
-#include <cstdint>
+#include <ldap.h>
 
-#include "win32/directory/directory.h"
-#include "win32/security/sid.h"
+#include <algorithm>
+#include <cctype>
+#include <memory>
+
+#include "win32/text/numbers.h"
 #include "win32/text/utf.h"
 
 namespace win32 {
 
 namespace {
 
-constexpr char HexDigits[] = "0123456789abcdef";
-
-bool IsDigit(char c) { return c >= '0' && c <= '9'; }
-bool IsPlain(char c) { return IsDigit(c) || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
-
-int HexValue(char c) {
-    if (IsDigit(c)) return c - '0';
-    const char lower = static_cast<char>(c | 0x20);
-    return lower >= 'a' && lower <= 'f' ? lower - 'a' + 10 : -1;
+// One AVA (attribute and value assertion) in the form in which equal ones are equal texts.
+std::string ComponentPart(const LDAPAVA& part) {
+    const std::string_view value(part.la_value.bv_val, part.la_value.bv_len);
+    return LowerName({part.la_attr.bv_val, part.la_attr.bv_len}) + '=' + ToUtf8(FoldName(ToUtf16(value)));
 }
-
-std::string FoldValue(std::string_view value) { return ToUtf8(FoldName(ToUtf16(value))); }
-
-// Reads one DN from its beginning to its end.
-class DN_READER {
-public:
-    explicit DN_READER(std::string_view dn) : rest(dn) {}
-
-    std::optional<std::vector<std::string>> Components() {
-        std::vector<std::string> components;
-        SkipBlanks();
-        if (rest.empty()) return components;
-        for (;;) {
-            std::string component;
-            if (!Component(component)) return std::nullopt;
-            components.push_back(std::move(component));
-            if (rest.empty()) return components;
-            rest.remove_prefix(1);  // the comma
-        }
-    }
-
-private:
-    void SkipBlanks() {
-        while (rest.starts_with(' ')) rest.remove_prefix(1);
-    }
-
-    // attribute=value, several of them joined by plus signs.
-    bool Component(std::string& component) {
-        for (;;) {
-            SkipBlanks();
-            const size_t equals = rest.find('=');
-            if (equals == rest.npos || equals == 0) return false;
-            std::string_view attribute = rest.substr(0, equals);
-            while (attribute.ends_with(' ')) attribute.remove_suffix(1);
-            const auto fits = [](char c) { return IsPlain(c) || c == '-' || c == '.'; };
-            if (attribute.empty() || !std::all_of(attribute.begin(), attribute.end(), fits)) return false;
-            rest.remove_prefix(equals + 1);
-            std::string value;
-            if (!Value(value)) return false;
-            component += LowerName(attribute) + '=' + FoldValue(value);
-            if (!rest.starts_with('+')) return true;
-            component += '+';
-            rest.remove_prefix(1);
-        }
-    }
-
-    // Up to a comma or plus sign that is not escaped. A quotation mark inside a value is taken as it is: directories
-    // send it escaped, people do not.
-    bool Value(std::string& value) {
-        SkipBlanks();
-        size_t kept = 0;  // escaped blanks at the end are the value's own
-        while (!rest.empty() && rest[0] != ',' && rest[0] != '+') {
-            const char c = rest[0];
-            rest.remove_prefix(1);
-            if (c != '\\') {
-                value += c;
-                if (c != ' ') kept = value.size();
-                continue;
-            }
-            if (!Escaped(value)) return false;
-            kept = value.size();
-        }
-        value.resize(kept);
-        return true;
-    }
-
-    // Two hexadecimal digits, or any other character that stands for itself.
-    bool Escaped(std::string& value) {
-        if (rest.empty()) return false;
-        if (const int high = HexValue(rest[0]); high >= 0) {
-            const int low = rest.size() > 1 ? HexValue(rest[1]) : -1;
-            if (low < 0) return false;
-            value += static_cast<char>(high << 4 | low);
-            rest.remove_prefix(2);
-            return true;
-        }
-        value += rest[0];
-        rest.remove_prefix(1);
-        return true;
-    }
-
-    std::string_view rest;
-};
 
 // The first slash that no backslash stands before.
 size_t FindPlainSlash(std::string_view text) {
@@ -127,27 +40,7 @@ std::string UnescapeSlashes(std::string_view text) {
     return plain;
 }
 
-template <class NUMBER>
-bool TakeNumber(std::string_view& text, NUMBER& number) {
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    if (error != std::errc() || text.empty() || !IsDigit(text[0])) return false;
-    text.remove_prefix(static_cast<size_t>(end - text.data()));
-    return true;
-}
-
 }  // namespace
-
-const std::vector<std::string>* DIRECTORY_ENTRY::Values(std::string_view attribute) const {
-    const std::string wanted = LowerName(attribute);
-    for (const auto& [name, values] : attributes)
-        if (LowerName(name) == wanted) return &values;
-    return nullptr;
-}
-
-std::string_view DIRECTORY_ENTRY::First(std::string_view attribute) const {
-    const std::vector<std::string>* values = Values(attribute);
-    return values != nullptr && !values->empty() ? std::string_view(values->front()) : std::string_view();
-}
 
 std::string LowerName(std::string_view name) {
     std::string lower(name);
@@ -156,28 +49,37 @@ std::string LowerName(std::string_view name) {
     return lower;
 }
 
-std::optional<std::vector<std::string>> SplitDn(std::string_view dn) { return DN_READER(dn).Components(); }
+std::optional<std::vector<std::string>> SplitDn(std::string_view dn) {
+    const std::string text(dn);
+    LDAPDN parsed = nullptr;
+    if (text.find('\0') != text.npos || ldap_str2dn(text.c_str(), &parsed, LDAP_DN_FORMAT_LDAPV3) != LDAP_SUCCESS)
+        return std::nullopt;
+    const std::unique_ptr<LDAPRDN[], decltype(&ldap_dnfree)> owner(parsed, ldap_dnfree);
+    std::vector<std::string> components;
+    for (size_t i = 0; parsed != nullptr && parsed[i] != nullptr; ++i) {
+        std::string& component = components.emplace_back();
+        for (size_t part = 0; parsed[i][part] != nullptr; ++part)
+            component += (part > 0 ? "+" : "") + ComponentPart(*parsed[i][part]);
+    }
+    return components;
+}
 
 bool IsAtOrBelow(const std::vector<std::string>& dn, const std::vector<std::string>& base) {
     return dn.size() >= base.size() && std::equal(base.rbegin(), base.rend(), dn.rbegin());
 }
 
 std::string FilterText(std::string_view value) {
+    berval bytes{value.size(), const_cast<char*>(value.data())}, escaped{};
     std::string text;
-    for (const char c : value) {
-        if (IsPlain(c) || c == '.' || c == '-' || c == '_' || c == '@' || c == '$' || c == ' ') {
-            text += c;
-            continue;
-        }
-        const unsigned byte = static_cast<unsigned char>(c);
-        text += {'\\', HexDigits[byte >> 4], HexDigits[byte & 15]};
-    }
+    if (ldap_bv2escaped_filter_value(&bytes, &escaped) == 0) text.assign(escaped.bv_val, escaped.bv_len);
+    ber_memfree(escaped.bv_val);
     return text;
 }
 
 bool IsServerName(std::string_view server) {
     const auto fits = [](char c) {
-        return IsPlain(c) || c == '.' || c == '-' || c == '_' || c == ':' || c == '[' || c == ']';
+        return isalnum(static_cast<unsigned char>(c)) || c == '.' || c == '-' || c == '_' || c == ':' || c == '[' ||
+               c == ']';
     };
     return !server.empty() && server.size() <= 255 && std::all_of(server.begin(), server.end(), fits);
 }
@@ -197,37 +99,6 @@ std::optional<ADS_PATH> ParseAdsPath(std::string_view path) {
     const std::optional<std::vector<std::string>> components = SplitDn(parsed.dn);
     if (!components || components->empty()) return std::nullopt;
     return parsed;
-}
-
-std::optional<std::string> SidFromText(std::string_view text) {
-    constexpr std::string_view prefix = "S-1-";
-    if (text.size() < prefix.size() || LowerName(text.substr(0, prefix.size())) != LowerName(prefix))
-        return std::nullopt;
-    text.remove_prefix(prefix.size());
-    uint64_t authority = 0;
-    if (!TakeNumber(text, authority) || authority > 0xFFFFFFFF) return std::nullopt;
-    std::vector<DWORD> subs;
-    while (!text.empty()) {
-        DWORD sub = 0;
-        if (!text.starts_with('-') || subs.size() == MaxSubAuthorities) return std::nullopt;
-        text.remove_prefix(1);
-        if (!TakeNumber(text, sub)) return std::nullopt;
-        subs.push_back(sub);
-    }
-    const SID_VALUE sid(authority, std::move(subs));
-    std::string bytes(sid.Bytes(), '\0');
-    sid.Store(bytes.data());
-    return bytes;
-}
-
-std::optional<std::string> SidToText(std::string_view bytes) {
-    SID_VALUE sid;
-    if (bytes.size() < sizeof(SID_HEADER)) return std::nullopt;
-    if (bytes.size() != sizeof(SID_HEADER) + static_cast<BYTE>(bytes[1]) * sizeof(DWORD)) return std::nullopt;
-    if (!sid.Load(bytes.data())) return std::nullopt;
-    std::string text = "S-1-" + std::to_string(sid.Authority());
-    for (const DWORD sub : sid.Subs()) text += "-" + std::to_string(sub);
-    return text;
 }
 
 std::optional<ATTRIBUTE_RANGE> ParseRange(std::string_view attribute) {

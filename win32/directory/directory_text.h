@@ -1,4 +1,4 @@
-// Texts of a directory: distinguished names (DNs), filters, ADsPaths, security identifiers.
+// Texts of a directory: distinguished names (DNs), filters, ADsPaths.
 #pragma once
 
 #include <optional>
@@ -12,16 +12,17 @@ namespace win32 {
 std::string LowerName(std::string_view name);
 
 // One DN's components, leaf first, in a form in which equal ones are equal texts: attribute in lower case, escapes
-// undone, values folded, blanks around them gone. Nothing: it is not a DN as RFC 4514 writes it. The empty DN has none.
+// undone, values folded, blanks around them gone. Nothing: it is not a DN as RFC 4514 writes it. The empty DN has no
+// components.
 std::optional<std::vector<std::string>> SplitDn(std::string_view dn);
 
 // Whether the DN is the base or lies below it; of both the components.
 bool IsAtOrBelow(const std::vector<std::string>& dn, const std::vector<std::string>& base);
 
-// A value as it stands in a filter (RFC 4515): what is not a plain letter, digit or mark becomes \hh.
+// A value as it stands in a filter (RFC 4515): what would mean more than itself becomes \hh. Empty: no memory.
 std::string FilterText(std::string_view value);
 
-// An ADsPath behind "LDAP:": a server, when one is named, and a DN with the path's escaping ("\/") undone.
+// An ADsPath after "LDAP:": a server, when one is named, and a DN with the path's escaping ("\/") undone.
 struct ADS_PATH {
     std::string server, dn;
 };
@@ -29,10 +30,6 @@ std::optional<ADS_PATH> ParseAdsPath(std::string_view path);
 
 // A host's name or address, perhaps with a port: nothing in it can change the meaning of a URI around it.
 bool IsServerName(std::string_view server);
-
-// S-1-5-... and the binary form, both ways. Nothing: it is not a SID.
-std::optional<std::string> SidFromText(std::string_view text);
-std::optional<std::string> SidToText(std::string_view bytes);
 
 // The option of a partial answer, "memberOf;range=0-1499" or, of the last part, "memberOf;range=1500-*".
 struct ATTRIBUTE_RANGE {

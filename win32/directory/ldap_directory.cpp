@@ -4,6 +4,8 @@
 #include <mutex>
 
 #include "win32/directory/directory_text.h"
+#include "win32/sync/file_time.h"
+#include "win32/text/numbers.h"
 
 namespace win32 {
 
@@ -11,13 +13,11 @@ namespace {
 
 using TIME = std::chrono::milliseconds;  // since the machine was started
 
-TIME Now() { return TIME(GetTickCount64()); }
-
-constexpr std::chrono::seconds FailurePause{10};         // until a server that failed is tried again
-constexpr std::chrono::milliseconds RetryPatience{200};  // of the look-up that has it tried again
-constexpr std::chrono::minutes MaxRetryTime{1};          // longer than its steps together can take
-constexpr std::chrono::minutes MaxIdleTime{5};           // servers close idle connections, often after 15 minutes
-constexpr std::chrono::minutes MaxAge{15};               // of a connection, and so of the domains read with it
+constexpr std::chrono::seconds FailurePause{10};        // until a server that failed is tried again
+constexpr std::chrono::milliseconds MaxRetryWait{200};  // of the look-up that has it tried again
+constexpr std::chrono::minutes MaxRetryTime{1};         // longer than its steps together can take
+constexpr std::chrono::minutes MaxIdleTime{5};          // servers close idle connections, often after 15 minutes
+constexpr std::chrono::minutes MaxAge{15};              // of a connection, and so of the domains read with it
 constexpr size_t MaxIdle = 8;
 constexpr size_t MaxFailures = 64;
 constexpr int MaxFound = 64;         // of one name: more than one is already too many
@@ -37,7 +37,7 @@ std::string KeyOf(const LDAP_ACCESS& access) {
 struct OPEN_CONNECTION {
     LDAP_CONNECTION ldap;
     std::vector<DIRECTORY_DOMAIN> domains;
-    const TIME since = Now();
+    const TIME since = Uptime();
 };
 using CONNECTION = std::unique_ptr<OPEN_CONNECTION>;
 
@@ -52,7 +52,7 @@ HRESULT OpenConnection(const LDAP_ACCESS& access, CONNECTION& connection) {
     return result;
 }
 
-// Idle connections, and servers that have failed. When the pause behind a failure is over the server is tried again
+// Idle connections, and servers that have failed. When the pause after a failure is over the server is tried again
 // beside the look-ups: one that lives answers before the first of them gives up, a dead one costs it a moment, and the
 // others nothing.
 class LDAP_POOL {
@@ -65,7 +65,7 @@ public:
 
     CONNECTION TakeIdle(const std::string& key) {
         const std::lock_guard guard(lock);
-        const TIME now = Now();
+        const TIME now = Uptime();
         std::erase_if(idle, [now](const IDLE& one) {
             return one.since + MaxIdleTime < now || one.connection->since + MaxAge < now;
         });
@@ -81,12 +81,12 @@ public:
     void GiveBack(const std::string& key, CONNECTION connection) {
         const std::lock_guard guard(lock);
         if (idle.size() >= MaxIdle) idle.erase(idle.begin());
-        idle.push_back({key, std::move(connection), Now()});
+        idle.push_back({key, std::move(connection), Uptime()});
     }
 
     // S_OK: it has not failed, or has answered since.
     HRESULT LastFailure(const std::string& key, const LDAP_ACCESS& access) {
-        if (IsRetryDue(key)) FinishesWithin(RetryPatience, [this, key, access] { Retry(key, access); });
+        if (IsRetryDue(key)) FinishesWithin(MaxRetryWait, [this, key, access] { Retry(key, access); });
         const std::lock_guard guard(lock);
         const auto found = failures.find(key);
         return found != failures.end() ? found->second.result : S_OK;
@@ -95,7 +95,7 @@ public:
     void RememberFailure(const std::string& key, HRESULT result) {
         const std::lock_guard guard(lock);
         if (failures.size() >= MaxFailures) failures.clear();
-        failures[key] = {result, Now() + FailurePause};
+        failures[key] = {result, Uptime() + FailurePause};
         std::erase_if(idle, [&](const IDLE& one) { return one.key == key; });
     }
 
@@ -104,8 +104,8 @@ private:
     bool IsRetryDue(const std::string& key) {
         const std::lock_guard guard(lock);
         const auto found = failures.find(key);
-        if (found == failures.end() || Now() < found->second.until) return false;
-        found->second.until = Now() + MaxRetryTime;
+        if (found == failures.end() || Uptime() < found->second.until) return false;
+        found->second.until = Uptime() + MaxRetryTime;
         return true;
     }
 
@@ -212,7 +212,9 @@ public:
     }
 
     HRESULT ReadSid(const std::string& sid, const ATTRIBUTE_NAMES& wanted, DIRECTORY_ENTRY& entry) override {
-        return Read("<SID=" + Hex(sid) + ">", wanted, entry);
+        std::string dn = "<SID=";
+        for (const char byte : sid) AppendHex(dn, static_cast<unsigned char>(byte));
+        return Read(dn + ">", wanted, entry);
     }
 
 private:
@@ -274,15 +276,6 @@ private:
     void LetGo() {
         if (connection && !connection->ldap.IsBroken()) LDAP_POOL::Current().GiveBack(key, std::move(connection));
         connection.reset();
-    }
-
-    static std::string Hex(const std::string& bytes) {
-        std::string text;
-        for (const char byte : bytes) {
-            const unsigned value = static_cast<unsigned char>(byte);
-            text += {"0123456789abcdef"[value >> 4], "0123456789abcdef"[value & 15]};
-        }
-        return text;
     }
 
     const std::vector<LDAP_ACCESS> servers;

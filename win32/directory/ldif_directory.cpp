@@ -1,13 +1,9 @@
-#include "win32/directory/ldif_directory.h"
-
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 #include <mutex>
-#include <tuple>
 
 #include "win32/directory/directory_settings.h"
 #include "win32/directory/directory_text.h"
@@ -20,40 +16,18 @@ namespace {
 
 using LDIF_POINTER = std::shared_ptr<const LDIF_DATA>;
 
-// What tells one state of a file from another without reading it.
-using FILE_MARK = std::tuple<std::string, dev_t, ino_t, off_t, time_t, long, time_t, long>;
-
-FILE_MARK MarkOf(const std::string& path, const struct stat& status) {
-    return {path,
-            status.st_dev,
-            status.st_ino,
-            status.st_size,
-            status.st_mtim.tv_sec,
-            status.st_mtim.tv_nsec,
-            status.st_ctim.tv_sec,
-            status.st_ctim.tv_nsec};
-}
-
 bool ReadWhole(const std::string& path, std::string& bytes, std::string& complaint) {
     const DESCRIPTOR file(OpenRootFile(path, O_RDONLY | O_NONBLOCK));
     struct stat status {};
-    bool read = file && fstat(file.Get(), &status) == 0;
-    if (read && (!S_ISREG(status.st_mode) || static_cast<size_t>(status.st_size) > MaxLdifBytes)) {
+    const bool known = file && fstat(file.Get(), &status) == 0;
+    if (known && (!S_ISREG(status.st_mode) || static_cast<size_t>(status.st_size) > MaxLdifBytes)) {
         complaint = path + " is not a plain file of at most 256 MiB";
         return false;
     }
-    bytes.resize(read ? static_cast<size_t>(status.st_size) : 0);
-    size_t got = 0;
-    while (read && got < bytes.size()) {
-        const ssize_t count = ::read(file.Get(), bytes.data() + got, bytes.size() - got);
-        if (count < 0 && errno == EINTR) continue;
-        read = count >= 0;
-        if (count <= 0) break;
-        got += static_cast<size_t>(count);
-    }
-    bytes.resize(got);
-    if (!read) complaint = path + " cannot be read: " + FileFault(errno);
-    return read;
+    bytes.reserve(static_cast<size_t>(status.st_size));
+    if (known && ReadToEnd(file.Get(), MaxLdifBytes, bytes)) return true;
+    complaint = path + " cannot be read: " + FileFault(errno);
+    return false;
 }
 
 LDIF_POINTER Load(const std::string& path, std::string& complaint) {
@@ -78,14 +52,17 @@ public:
         const std::lock_guard guard(lock);
         const std::string path = LdifPath();
         struct stat status {};
-        if (path != dataPath) data = nullptr;  // another machine root
+        if (path != dataPath) {  // another machine root
+            data = nullptr;
+            mark = {};
+        }
         dataPath = path;
         if (stat(path.c_str(), &status) != 0) {
             ComplainOnce(path, path + " cannot be read: " + strerror(errno));
             mark = {};
             return data;
         }
-        if (const FILE_MARK now = MarkOf(path, status); now != mark) {
+        if (const FILE_IDENTITY now = IdentityOf(status); now != mark) {
             mark = now;
             std::string complaint;
             if (LDIF_POINTER loaded = Load(path, complaint)) {
@@ -100,7 +77,7 @@ public:
 
 private:
     std::mutex lock;
-    FILE_MARK mark;
+    FILE_IDENTITY mark;
     std::string dataPath;
     LDIF_POINTER data;
 };

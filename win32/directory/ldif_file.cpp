@@ -1,9 +1,12 @@
 #include "win32/directory/ldif_file.h"
 
+#include <openssl/evp.h>
+
 #include <algorithm>
 #include <iterator>
 
 #include "win32/directory/directory_text.h"
+#include "win32/security/sid.h"
 #include "win32/text/utf.h"
 
 namespace win32 {
@@ -55,6 +58,19 @@ private:
     bool hasPhysical = false;
 };
 
+// RFC 4648; nothing: it is not base64.
+std::optional<std::string> FromBase64(std::string_view text) {
+    const size_t padding = text.size() - std::min(text.size(), text.find_last_not_of('=') + 1);
+    if (text.size() % 4 != 0 || padding > 2 || text.find('=') < text.size() - padding) return std::nullopt;
+    std::string bytes(text.size() / 4 * 3, '\0');
+    const int length =
+        EVP_DecodeBlock(reinterpret_cast<unsigned char*>(bytes.data()),
+                        reinterpret_cast<const unsigned char*>(text.data()), static_cast<int>(text.size()));
+    if (length != static_cast<int>(bytes.size())) return std::nullopt;
+    bytes.resize(bytes.size() - padding);
+    return bytes;
+}
+
 struct LDIF_FIELD {
     std::string name, value;
 };
@@ -81,7 +97,7 @@ bool ParseField(std::string_view line, LDIF_FIELD& field, std::string& reason) {
     return true;
 }
 
-// Stands behind the name of an attribute of which parts are missing.
+// Stands after the name of an attribute of which parts are missing.
 constexpr std::string_view CutOffMark = ";range=";
 
 struct LIST_PART {
@@ -144,10 +160,10 @@ public:
             if (LowerName(field.value) == "add") return true;
             return reason = "only entries are read, no changes", false;
         }
-        if (IsSid(name) && !SidToText(field.value)) {
-            const std::optional<std::string> sid = SidFromText(field.value);
+        if (IsSid(name) && !SID_VALUE::FromBytes(field.value)) {
+            const std::optional<SID_VALUE> sid = SID_VALUE::FromText(field.value);
             if (!sid) return reason = "it is not a SID", false;
-            field.value = *sid;
+            field.value = sid->Bytes();
         }
         if (ParseRange(field.name)) {  // a part keeps its name until the entry is complete
             hasParts = true;
@@ -181,13 +197,6 @@ private:
     std::unordered_map<std::string, size_t> positions;  // of the entry's attributes, by their names in lower case
 };
 
-int Base64Value(char c) {
-    if (c >= 'A' && c <= 'Z') return c - 'A';
-    if (c >= 'a' && c <= 'z') return c - 'a' + 26;
-    if (c >= '0' && c <= '9') return c - '0' + 52;
-    return c == '+' ? 62 : c == '/' ? 63 : -1;
-}
-
 // ldifde writes UTF-16 when asked to, with a byte order mark.
 std::string AsUtf8(std::string_view text) {
     if (text.starts_with("\xEF\xBB\xBF")) text.remove_prefix(3);
@@ -202,25 +211,6 @@ std::string AsUtf8(std::string_view text) {
 
 bool IsCutOff(const DIRECTORY_ENTRY& entry, std::string_view attribute) {
     return entry.Values(std::string(attribute) + std::string(CutOffMark)) != nullptr;
-}
-
-std::optional<std::string> FromBase64(std::string_view text) {
-    if (text.size() % 4 != 0) return std::nullopt;
-    std::string bytes;
-    unsigned bits = 0, group = 0, padding = 0;
-    for (const char c : text) {
-        const int value = Base64Value(c);
-        if (c == '=' && group >= 2) {
-            ++padding;
-        } else if (value < 0 || padding != 0) {
-            return std::nullopt;
-        }
-        bits = bits << 6 | static_cast<unsigned>(value < 0 ? 0 : value);
-        if (++group < 4) continue;
-        for (unsigned i = 0; i < 3 - padding; ++i) bytes += static_cast<char>(bits >> (16 - 8 * i));
-        bits = group = 0;
-    }
-    return padding <= 2 ? std::optional(bytes) : std::nullopt;
 }
 
 bool LDIF_DATA::Add(DIRECTORY_ENTRY entry) {

@@ -45,7 +45,19 @@ private:
 // Whether the entry has parts of the attribute, but not all ("memberOf;range=0-1499" alone): it has no values then.
 bool IsCutOff(const DIRECTORY_ENTRY& entry, std::string_view attribute);
 
-// RFC 4648; nothing: it is not base64.
-std::optional<std::string> FromBase64(std::string_view text);
+// ---- The directory of the machine root's directory.ldif (ldif_directory.cpp)
+// -----------------------------------------
+
+// Reads the file again when it has changed. One that does not parse is complained about once, with its line; what the
+// last good one held stays in force. Nothing good read so far: DirectoryServerDown.
+HRESULT OpenLdifDirectory(std::unique_ptr<DIRECTORY>& directory);
+
+// For a person: how many entries the file holds, or what is wrong with it.
+struct LDIF_STATE {
+    size_t entries = 0;
+    size_t cutOff = 0;      // of which the memberOf is: their groups are not known
+    std::string complaint;  // empty: the file is good
+};
+LDIF_STATE CheckLdifFile();
 
 }  // namespace win32

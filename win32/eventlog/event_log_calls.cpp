@@ -1,5 +1,8 @@
 // OpenEventLogW and its like: event logs of this machine, by name or by path.
-#include <algorithm>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cstring>
 #include <memory>
 #include <mutex>
@@ -8,8 +11,8 @@
 #include "win32/eventlog/evt_reader.h"
 #include "win32/eventlog/evt_writer.h"
 #include "win32/eventlog/log_names.h"
-#include "win32/eventlog/log_notification.h"
-#include "win32/files/machine_root.h"
+#include "win32/files/file_watch.h"
+#include "win32/files/root_files.h"
 #include "win32/sync/kernel_object.h"
 #include "win32/text/last_error.h"
 #include "win32/text/utf.h"
@@ -18,6 +21,60 @@ namespace win32 {
 namespace {
 
 constexpr DWORD ServerUnavailable = 1722;  // RPC_S_SERVER_UNAVAILABLE: there are no other machines here
+
+// While it lives, and the event does, which it does not keep, the event is pulsed each time that records were appended
+// to the log or the log was cleared, by whatever process: the wait that is going on, or else the next one, returns once
+// for it. So a follower that waits, reads to the end and waits again misses nothing and does not spin, although its
+// event may be a manual-reset one that it never resets.
+class LOG_NOTIFICATION {
+public:
+    LOG_NOTIFICATION(const std::string& path, const std::shared_ptr<KERNEL_OBJECT>& event);
+
+private:
+    // What a change of the log changes: its file, or the number of its next record. Appending writes the header last,
+    // so the number has moved when the last of the file's changes is reported; the ones before it cause no signal.
+    struct MARK {
+        unsigned long long device = 0, file = 0;
+        unsigned current = 0;
+        bool operator==(const MARK&) const = default;
+    };
+    MARK Look() const;
+    void Changed();
+
+    const std::string log;
+    const std::weak_ptr<KERNEL_OBJECT> woken;
+    std::mutex lock;  // guards seen
+    MARK seen;
+    std::unique_ptr<FILE_WATCH> watch;  // last: its calls end before the rest goes
+};
+
+LOG_NOTIFICATION::LOG_NOTIFICATION(const std::string& path, const std::shared_ptr<KERNEL_OBJECT>& event)
+    : log(path), woken(event), seen(Look()) {
+    watch = std::make_unique<FILE_WATCH>(path, [this] { Changed(); });
+    Changed();  // what happened before the watch began
+}
+
+LOG_NOTIFICATION::MARK LOG_NOTIFICATION::Look() const {
+    MARK mark;
+    const DESCRIPTOR file(OpenRootFile(log, O_RDONLY | O_NONBLOCK));
+    if (!file) return mark;
+    struct stat about;
+    EVT_HEADER header;
+    if (fstat(file.Get(), &about) == 0) {
+        mark.device = about.st_dev;
+        mark.file = about.st_ino;
+    }
+    if (pread(file.Get(), &header, sizeof(header), 0) == sizeof(header)) mark.current = header.current;
+    return mark;
+}
+
+void LOG_NOTIFICATION::Changed() {
+    const std::lock_guard guard(lock);
+    const MARK mark = Look();
+    if (mark == seen) return;
+    seen = mark;
+    if (const auto event = woken.lock()) PulseEventObject(*event);
+}
 
 // Apart from the handle's object, since the end of an event unmarks it: that must not end a notification.
 struct LOG_READER {
@@ -136,6 +193,6 @@ BOOL WINAPI NotifyChangeEventLog(HANDLE handle, HANDLE event) {
 BOOL WINAPI ClearEventLogW(HANDLE handle, LPCWSTR backupFile) {
     const auto log = win32::ObjectAs<win32::OPEN_LOG>(handle);
     if (!log) return FALSE;
-    const std::string backup = backupFile != nullptr ? win32::HostPath(backupFile) : std::string();
-    return win32::ClearLogFile(log->reader.Path(), win32::LogMaxSize(log->name), backup);
+    if (backupFile != nullptr) return win32::FailWith(ERROR_NOT_SUPPORTED);
+    return win32::ClearLogFile(log->reader.Path(), win32::LogMaxSize(log->name));
 }

@@ -20,7 +20,7 @@ namespace win32 {
 namespace {
 
 constexpr char16_t SourcesLog[] = u"Application";  // every source's log, as Windows has it for one it does not know
-constexpr WORD MostInserts = 99;                   // %1 to %99 in message texts
+constexpr WORD MaxInserts = 99;                    // %1 to %99 in message texts
 constexpr DWORD ServerUnavailable = 1722;          // RPC_S_SERVER_UNAVAILABLE
 
 struct EVENT_SOURCE_OBJECT final : KERNEL_OBJECT {
@@ -35,7 +35,7 @@ std::u16string ComputerName() {
 
 // The event's text from the program's message table; its strings in a row when the table does not know it.
 std::string EventText(const NEW_EVENT& event) {
-    std::array<DWORD_PTR, MostInserts> inserts;
+    std::array<DWORD_PTR, MaxInserts> inserts;
     inserts.fill(reinterpret_cast<DWORD_PTR>(u""));
     for (size_t i = 0; i < event.strings.size() && i < inserts.size(); ++i)
         inserts[i] = reinterpret_cast<DWORD_PTR>(event.strings[i].c_str());

@@ -9,7 +9,7 @@ namespace {
 
 constexpr DWORD FirstChunk = 1024;  // the next record is all that most look at; a walk goes on with larger ones
 constexpr DWORD ChunkBytes = 64 * 1024;
-constexpr int MostWitnesses = 16;  // records looked at to find out whether a number is right
+constexpr int MaxWitnesses = 16;  // records looked at to find out whether a number is right
 constexpr DWORD SmallestRecord = RecordFixedBytes + sizeof(DWORD);
 
 // While it searches its way out of damage the cursor checks the bytes of every candidate; so that a file made of
@@ -72,7 +72,7 @@ const EVENTLOGRECORD* EVT_CURSOR::NextWhole(DWORD& position, bool& damaged) {
 bool EVT_CURSOR::BorneOut(DWORD number, DWORD after, DWORD due) {
     DWORD next = state.current, before = number;
     bool damaged = true;
-    for (int looked = 0; looked < MostWitnesses; ++looked) {
+    for (int looked = 0; looked < MaxWitnesses; ++looked) {
         const EVENTLOGRECORD* record = NextWhole(after, damaged);
         const DWORD witness = record ? record->RecordNumber : state.current;
         if (record != nullptr) after += record->Length;

@@ -53,11 +53,10 @@ DWORD EVT_STATE::SkipFiller(DWORD position) const {
 }
 
 bool EVT_FILE::Open(const std::string& path, bool writable) {
-    Close();
-    fd = OpenRootFile(path, (writable ? O_RDWR : O_RDONLY) | O_NONBLOCK);
-    if (fd < 0) return FailWithErrno();
+    fd = DESCRIPTOR(OpenRootFile(path, (writable ? O_RDWR : O_RDONLY) | O_NONBLOCK));
+    if (!fd) return FailWithErrno();
     struct stat about;
-    if (fstat(fd, &about) != 0 || !S_ISREG(about.st_mode)) {
+    if (fstat(fd.Get(), &about) != 0 || !S_ISREG(about.st_mode)) {
         Close();
         return FailWith(ERROR_EVENTLOG_FILE_CORRUPT);
     }
@@ -68,11 +67,6 @@ bool EVT_FILE::Open(const std::string& path, bool writable) {
     return true;
 }
 
-void EVT_FILE::Close() {
-    if (fd >= 0) close(fd);
-    fd = -1;
-}
-
 bool EVT_FILE::Replaced() const {
     struct stat named;
     if (stat(name.c_str(), &named) != 0) return errno == ENOENT;  // of a name that cannot be looked at nothing is known
@@ -81,7 +75,7 @@ bool EVT_FILE::Replaced() const {
 
 bool EVT_FILE::Load(EVT_STATE& state) {
     struct stat about;
-    if (fstat(fd, &about) != 0) return FailWithErrno();
+    if (fstat(fd.Get(), &about) != 0) return FailWithErrno();
     const DWORD size = static_cast<DWORD>(std::min<long long>(about.st_size, LargestLog)) / 4 * 4;
     EVT_HEADER header;
     if (!ReadAt(0, &header, sizeof(header)) || !SoundHeader(header)) return FailWith(ERROR_EVENTLOG_FILE_CORRUPT);
@@ -152,7 +146,7 @@ bool EVT_FILE::ReadRing(const EVT_STATE& state, DWORD position, BYTE* bytes, DWO
 bool EVT_FILE::ReadAt(DWORD offset, void* bytes, size_t count) const {
     for (size_t done = 0; done < count;) {
         const ssize_t got =
-            pread(fd, static_cast<BYTE*>(bytes) + done, count - done, static_cast<off_t>(offset + done));
+            pread(fd.Get(), static_cast<BYTE*>(bytes) + done, count - done, static_cast<off_t>(offset + done));
         if (got < 0 && errno == EINTR) continue;
         if (got < 0) return FailWithErrno();
         if (got == 0) return FailWith(ERROR_HANDLE_EOF);
@@ -164,7 +158,7 @@ bool EVT_FILE::ReadAt(DWORD offset, void* bytes, size_t count) const {
 bool EVT_FILE::WriteAt(DWORD offset, const void* bytes, size_t count) {
     for (size_t done = 0; done < count;) {
         const ssize_t put =
-            pwrite(fd, static_cast<const BYTE*>(bytes) + done, count - done, static_cast<off_t>(offset + done));
+            pwrite(fd.Get(), static_cast<const BYTE*>(bytes) + done, count - done, static_cast<off_t>(offset + done));
         if (put < 0 && errno == EINTR) continue;
         if (put < 0) return FailWithErrno();
         done += static_cast<size_t>(put);
@@ -172,21 +166,21 @@ bool EVT_FILE::WriteAt(DWORD offset, const void* bytes, size_t count) {
     return true;
 }
 
-void EVT_FILE::Mark(DWORD number) const { lseek(fd, static_cast<off_t>(number), SEEK_SET); }
+void EVT_FILE::Mark(DWORD number) const { lseek(fd.Get(), static_cast<off_t>(number), SEEK_SET); }
 
 DWORD EVT_FILE::Size() const {
     struct stat about;
-    if (fstat(fd, &about) != 0) return 0;
+    if (fstat(fd.Get(), &about) != 0) return 0;
     return static_cast<DWORD>(std::min<long long>(about.st_size, MAXDWORD));
 }
 
 EVT_LOCK::EVT_LOCK(const EVT_FILE& file, KIND kind)
-    : locked(file), held(TakeFileLock(file.fd, kind == SHARED ? LOCK_SH : LOCK_EX)) {
+    : locked(file), held(TakeFileLock(file.fd.Get(), kind == SHARED ? LOCK_SH : LOCK_EX)) {
     if (!held) FailWithErrno();
 }
 
 EVT_LOCK::~EVT_LOCK() {
-    if (held && locked.fd >= 0) flock(locked.fd, LOCK_UN);
+    if (held && locked.IsOpen()) flock(locked.fd.Get(), LOCK_UN);
 }
 
 }  // namespace win32

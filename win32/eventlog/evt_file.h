@@ -7,6 +7,7 @@
 #include <string>
 
 #include "win32/eventlog/evt_format.h"
+#include "win32/sync/descriptor.h"
 
 namespace win32 {
 
@@ -30,14 +31,13 @@ struct EVT_STATE {
 class EVT_FILE {
 public:
     EVT_FILE() = default;
-    ~EVT_FILE() { Close(); }
     EVT_FILE(const EVT_FILE&) = delete;
     EVT_FILE& operator=(const EVT_FILE&) = delete;
 
     // ERROR_FILE_NOT_FOUND, ERROR_ACCESS_DENIED ... as the host says; nothing of the content is looked at.
     bool Open(const std::string& path, bool writable);
-    void Close();
-    bool IsOpen() const { return fd >= 0; }
+    void Close() { fd = DESCRIPTOR(); }
+    bool IsOpen() const { return static_cast<bool>(fd); }
     const std::string& Path() const { return name; }
 
     // Whether the path now names another file than this open one, or none.
@@ -58,8 +58,8 @@ public:
     bool WriteAt(DWORD offset, const void* bytes, size_t count);  // all of them, or false
     DWORD Size() const;                                           // bytes; 0xFFFFFFFF for more
 
-    // Leaves a number as the descriptor's file position, which nothing here uses: who may look at the process finds it
-    // in /proc/PID/fdinfo.
+    // Leaves a number as the descriptor's file position, which is not used here: other programs read it from
+    // /proc/PID/fdinfo.
     void Mark(DWORD number) const;
 
     static EVT_HEADER HeaderOf(const EVT_STATE& state);
@@ -70,7 +70,7 @@ private:
     bool Agrees(const EVT_HEADER& header, DWORD size) const;
     bool Write(const EVT_HEADER& header) { return WriteAt(0, &header, sizeof(header)); }
 
-    int fd = -1;
+    DESCRIPTOR fd;
     std::string name;
     unsigned long long device = 0, file = 0;  // which file of the host is open
     // What Load found last, and for which bytes: the same header is not checked at every read, and a damaged file is

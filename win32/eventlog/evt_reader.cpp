@@ -9,7 +9,7 @@ namespace win32 {
 namespace {
 
 constexpr DWORD Continued = MAXDWORD;  // between the functions here only: the log stands in another file now
-constexpr int MostReplacements = 16;   // followed in one call before it gives up
+constexpr int MaxReplacements = 16;    // followed in one call before it gives up
 
 // The bytes of the whole records that the buffer begins with, numbered from `number` on, which then is the next one.
 DWORD CountWhole(const BYTE* buffer, DWORD bytes, DWORD& number, DWORD end) {
@@ -48,7 +48,7 @@ DWORD EVT_READER::Enter() {
     }
     if (!file.Load(state)) return GetLastError();
     if (!settled) return ERROR_SUCCESS;
-    if (next > state.current) return ERROR_EVENTLOG_FILE_CHANGED;  // the numbers began anew in the same file
+    if (next > state.current) return ERROR_EVENTLOG_FILE_CHANGED;  // the numbers began again in the same file
     if (state.oldest == 0) {
         next = state.current;
         nextOffset = state.end;
@@ -83,7 +83,7 @@ void EVT_READER::Settle(bool forwards) {
 
 DWORD EVT_READER::Read(bool forwards, BYTE* buffer, DWORD bytes, DWORD& bytesRead, DWORD& needed) {
     bytesRead = needed = 0;
-    for (int attempt = 0; attempt < MostReplacements; ++attempt) {
+    for (int attempt = 0; attempt < MaxReplacements; ++attempt) {
         {
             const EVT_LOCK lock(file, EVT_LOCK::SHARED);
             if (!lock) return GetLastError();
@@ -127,7 +127,7 @@ DWORD EVT_READER::ReadForwards(BYTE* buffer, DWORD bytes, DWORD& bytesRead, DWOR
 }
 
 // The records before the gap that fit into so many bytes, but one at least, the oldest first. While they adjoin one
-// another they are met from behind. Damage is passed over by a walk from the log's start, all of them or none: a
+// another they are met from the end. Damage is passed over by a walk from the log's start, all of them or none: a
 // forwards read from the first of them then takes the same way.
 std::deque<EVT_READER::PLACE> EVT_READER::RecordsBefore(EVT_CURSOR& cursor, DWORD gap, DWORD bytes) const {
     std::deque<PLACE> places;
@@ -200,7 +200,7 @@ DWORD EVT_READER::Seek(DWORD number, bool forwards) {
 }
 
 DWORD EVT_READER::Numbers(DWORD& current, DWORD& oldest, DWORD& count) {
-    for (int attempt = 0; attempt < MostReplacements; ++attempt) {
+    for (int attempt = 0; attempt < MaxReplacements; ++attempt) {
         {
             const EVT_LOCK lock(file, EVT_LOCK::SHARED);
             if (!lock) return GetLastError();

@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "win32/sync/file_time.h"
 #include "win32/text/last_error.h"
 
 namespace win32 {
@@ -105,11 +106,9 @@ bool BuildRecord(const NEW_EVENT& event, BYTES& record) {
 }
 
 DWORD SecondsNow() {
-    constexpr ULONGLONG TicksPerSecond = 10000000, SecondsFrom1601To1970 = 11644473600;
     FILETIME now;
     GetSystemTimeAsFileTime(&now);
-    const ULONGLONG ticks = static_cast<ULONGLONG>(now.dwHighDateTime) << 32 | now.dwLowDateTime;
-    return static_cast<DWORD>(ticks / TicksPerSecond - SecondsFrom1601To1970);
+    return static_cast<DWORD>((static_cast<int64_t>(ToUnits(now)) - UnixEpoch) / UnitsPerSecond);
 }
 
 }  // namespace win32

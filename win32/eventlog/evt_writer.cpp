@@ -16,7 +16,7 @@ namespace win32 {
 namespace {
 
 constexpr DWORD GatherBytes = 1024 * 1024;
-constexpr int MostReplacements = 16;
+constexpr int MaxReplacements = 16;
 constexpr mode_t LogMode = 0640;
 
 DWORD RoundedSize(DWORD maxSize) { return std::clamp(maxSize, SmallestLog, LargestLog) / SmallestLog * SmallestLog; }
@@ -56,21 +56,6 @@ EVT_STATE EmptyState(DWORD maxSize) {
 
 bool StoreBoth(EVT_FILE& file, const EVT_STATE& state) { return file.StoreEnd(state) && file.StoreHeader(state); }
 
-bool CopyFile(const EVT_FILE& from, const std::string& to) {
-    const DESCRIPTOR made(OpenRootFile(to, O_WRONLY | O_CREAT | O_EXCL, LogMode));
-    if (!made) return FailWithErrno();
-    EVT_FILE copy;
-    bool good = copy.Open(to, true);
-    BYTES bytes(GatherBytes);
-    for (DWORD at = 0, size = from.Size(); good && at < size;) {
-        const DWORD count = std::min(GatherBytes, size - at);
-        good = from.ReadAt(at, bytes.data(), count) && copy.WriteAt(at, bytes.data(), count);
-        at += count;
-    }
-    if (!good) RemoveRootFile(to);
-    return good;
-}
-
 }  // namespace
 
 EVT_WRITER::EVT_WRITER() = default;
@@ -98,7 +83,7 @@ bool EVT_WRITER::Append(const EVENTLOGRECORD& record) {
 
 bool EVT_WRITER::Flush() {
     bool good = gathered.empty(), again = !good;
-    for (int attempt = 0; again && attempt < MostReplacements; ++attempt) {
+    for (int attempt = 0; again && attempt < MaxReplacements; ++attempt) {
         if (!file->IsOpen() && !file->Open(path, true)) break;
         {
             const EVT_LOCK lock(*file, EVT_LOCK::EXCLUSIVE);
@@ -273,14 +258,13 @@ bool CreateLogFile(const std::string& path, DWORD maxSize) {
     return made && StoreBoth(made.file, EmptyState(maxSize)) && made.TakeFreePlace();
 }
 
-bool ClearLogFile(const std::string& path, DWORD maxSize, const std::string& backup) {
-    for (int attempt = 0; attempt < MostReplacements; ++attempt) {
+bool ClearLogFile(const std::string& path, DWORD maxSize) {
+    for (int attempt = 0; attempt < MaxReplacements; ++attempt) {
         EVT_FILE old;
         if (!old.Open(path, true)) return false;
         const EVT_LOCK lock(old, EVT_LOCK::EXCLUSIVE);
         if (!lock) return false;
         if (old.Replaced()) continue;
-        if (!backup.empty() && !CopyFile(old, backup)) return false;
         REPLACEMENT made(path);
         return made && StoreBoth(made.file, EmptyState(maxSize)) && made.TakePlace();
     }

@@ -49,8 +49,7 @@ private:
 // Makes an empty log unless one is there; folders must exist. A log that is there is left as it is: true.
 bool CreateLogFile(const std::string& path, DWORD maxSize);
 
-// Replaces the log by an empty one under its lock; `backup`, when not empty, first gets a copy and must not exist yet
-// (ERROR_ALREADY_EXISTS). Readers of the old file meet ERROR_EVENTLOG_FILE_CHANGED.
-bool ClearLogFile(const std::string& path, DWORD maxSize, const std::string& backup = {});
+// Replaces the log by an empty one under its lock. Readers of the old file meet ERROR_EVENTLOG_FILE_CHANGED.
+bool ClearLogFile(const std::string& path, DWORD maxSize);
 
 }  // namespace win32

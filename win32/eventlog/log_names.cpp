@@ -15,34 +15,32 @@
 namespace win32 {
 namespace {
 
-constexpr char Extension[] = ".evt";
-constexpr size_t MostNameBytes = 200;  // with the extension within the host's 255
+constexpr size_t MaxNameBytes = 200;  // with the extension within the host's 255
 
 bool IsLogName(const std::string& name) {
-    return !name.empty() && name.size() <= MostNameBytes && name[0] != '.' &&
+    return !name.empty() && name.size() <= MaxNameBytes && name[0] != '.' &&
            name.find_first_of(std::string_view("/\\:\0", 4)) == std::string::npos;
 }
 
-std::string FileOfName(const std::string& name) { return MachinePath("eventlog/" + name + Extension); }
+// Whether the text names a file rather than a log: it begins with two back slashes or has a drive's colon.
+bool IsLogPath(std::u16string_view name) {
+    return name.size() >= 2 && ((name[0] == u'\\' && name[1] == u'\\') || name[1] == u':');
+}
 
 // The name of the log's file whose letters differ in case only; empty when there is none, last error set.
 std::string FoldedMatch(std::u16string_view name) {
     std::string match;
     std::vector<std::string> names;
-    SetLastError(ListRootFolder(MachinePath("eventlog"), names) ? ERROR_FILE_NOT_FOUND : ErrorFromErrno(errno));
+    SetLastError(ListRootFolder(MachinePath(EventLogFolder), names) ? ERROR_FILE_NOT_FOUND : ErrorFromErrno(errno));
     for (std::string_view file : names) {
-        if (!file.ends_with(Extension)) continue;
-        file.remove_suffix(sizeof(Extension) - 1);
+        if (!file.ends_with(EventLogExtension)) continue;
+        file.remove_suffix(EventLogExtension.size());
         if (SameName(ToUtf16(file), name) && (match.empty() || file < match)) match = file;
     }
     return match;
 }
 
 }  // namespace
-
-bool IsLogPath(std::u16string_view name) {
-    return name.size() >= 2 && ((name[0] == u'\\' && name[1] == u'\\') || name[1] == u':');
-}
 
 std::string LogFile(std::u16string_view name) {
     if (IsLogPath(name)) return HostPath(name);
@@ -51,9 +49,9 @@ std::string LogFile(std::u16string_view name) {
         SetLastError(ERROR_INVALID_NAME);
         return {};
     }
-    if (access(FileOfName(plain).c_str(), F_OK) == 0 || errno != ENOENT) return FileOfName(plain);
+    if (access(EventLogPath(plain).c_str(), F_OK) == 0 || errno != ENOENT) return EventLogPath(plain);
     const std::string match = FoldedMatch(name);
-    return match.empty() ? std::string() : FileOfName(match);
+    return match.empty() ? std::string() : EventLogPath(match);
 }
 
 std::string NewLogFile(std::u16string_view name) {
@@ -62,12 +60,12 @@ std::string NewLogFile(std::u16string_view name) {
         SetLastError(ERROR_INVALID_NAME);
         return {};
     }
-    if (!MakeRootFolder(MachinePath("eventlog"), 0755) && errno != EEXIST) {
+    if (!MakeRootFolder(MachinePath(EventLogFolder), 0755) && errno != EEXIST) {
         FailWithErrno();
         return {};
     }
     const std::string there = LogFile(name);
-    return there.empty() ? FileOfName(plain) : there;
+    return there.empty() ? EventLogPath(plain) : there;
 }
 
 unsigned LogMaxSize(std::u16string_view name) {

@@ -6,9 +6,6 @@
 
 namespace win32 {
 
-// Whether the text names a file rather than a log: it begins with two back slashes or has a drive's colon.
-bool IsLogPath(std::u16string_view name);
-
 // The host's path of a log's file: eventlog/NAME.evt in the machine root, its name compared without case, or the file
 // that a path names. Empty, with last error: ERROR_INVALID_NAME for a name that cannot be a log's,
 // ERROR_FILE_NOT_FOUND when there is no such log.

@@ -1,30 +1,52 @@
 #include "win32/files/file_lock.h"
 
+#include <fcntl.h>
+#include <linux/magic.h>
+#include <signal.h>
 #include <sys/file.h>
+#include <sys/vfs.h>
 #include <unistd.h>
-#include <windows.h>
 
 #include <algorithm>
 #include <cerrno>
+
+#include "win32/sync/file_time.h"
 
 namespace win32 {
 
 namespace {
 
-constexpr ULONGLONG Patience = 10'000;                         // milliseconds
-constexpr useconds_t ShortestPause = 50, LongestPause = 1000;  // microseconds, between two attempts
+constexpr std::chrono::seconds MaxWait{10};
+constexpr useconds_t MinPauseUs = 50, MaxPauseUs = 1000;  // between two attempts
+
+// These give a lease only with the server's leave, and refuse it as if there were a writer.
+bool AsksItsServer(int descriptor) {
+    struct statfs about;
+    if (fstatfs(descriptor, &about) != 0) return true;
+    const auto kind = static_cast<unsigned>(about.f_type);
+    return kind == NFS_SUPER_MAGIC || kind == CIFS_SUPER_MAGIC || kind == SMB2_SUPER_MAGIC;
+}
 
 }  // namespace
 
 bool TakeFileLock(int descriptor, int kind) {
-    const ULONGLONG begin = GetTickCount64();
-    for (useconds_t pause = ShortestPause; flock(descriptor, kind | LOCK_NB) != 0;) {
+    const auto begin = Uptime();
+    for (useconds_t pause = MinPauseUs; flock(descriptor, kind | LOCK_NB) != 0;) {
         if (errno == EINTR) continue;
-        if (errno != EAGAIN || GetTickCount64() - begin >= Patience) return false;
+        if (errno != EAGAIN || Uptime() - begin >= MaxWait) return false;
         usleep(pause);
-        pause = std::min(2 * pause, LongestPause);
+        pause = std::min(2 * pause, MaxPauseUs);
     }
     return true;
 }
+
+FILE_WRITER WriterOf(int descriptor) {
+    // Who waits to write is told by a signal; SIGIO, unless another is set, would end the process.
+    if (fcntl(descriptor, F_SETSIG, SIGURG) != 0) return FILE_WRITER::UNKNOWN;
+    if (fcntl(descriptor, F_SETLEASE, F_RDLCK) == 0) return FILE_WRITER::NONE;
+    return errno == EAGAIN && !AsksItsServer(descriptor) ? FILE_WRITER::HELD : FILE_WRITER::UNKNOWN;
+}
+
+bool NobodyWaitsToWrite(int descriptor) { return fcntl(descriptor, F_GETLEASE) == F_RDLCK; }
 
 }  // namespace win32

@@ -1,7 +1,5 @@
 #include "win32/files/file_watch.h"
 
-#include "win32/text/utf.h"
-
 #include <poll.h>
 #include <pthread.h>
 #include <sys/eventfd.h>
@@ -22,20 +20,26 @@
 #include <thread>
 #include <vector>
 
+#include "win32/sync/descriptor.h"
+#include "win32/sync/file_time.h"
+#include "win32/text/utf.h"
+
 namespace win32 {
 
 namespace {
 
-// The folder tells of names that come and go; what is written is asked of the file alone, so that a busy neighbour (the
-// log file beside the registry) wakes nobody.
+// The folder reports names that come and go; writes are reported by the file alone, so that a busy neighbour (the log
+// file beside the registry) causes no call.
 constexpr uint32_t FolderEvents = IN_CREATE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE | IN_DELETE_SELF | IN_MOVE_SELF;
 // A rename over the file shows on the old file as a changed link count: IN_ATTRIB.
 constexpr uint32_t FileEvents = IN_MODIFY | IN_CLOSE_WRITE | IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF;
 constexpr uint32_t FolderGone = IN_DELETE_SELF | IN_MOVE_SELF | IN_UNMOUNT | IN_IGNORED;
 constexpr uint32_t FileGone = IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF | IN_IGNORED;
 
-constexpr ULONGLONG PollPause = 1000;  // milliseconds
-constexpr ULONGLONG Never = ~ULONGLONG{0};
+using TIME = std::chrono::milliseconds;  // since the machine was started
+
+constexpr std::chrono::seconds PollPause{1};
+constexpr TIME Never = TIME::max();
 
 }  // namespace
 
@@ -49,7 +53,7 @@ struct FILE_WATCH::STATE {
     // Guarded by the watcher's lock:
     int folderWatch = -1, fileWatch = -1;
     bool polled = false;
-    ULONGLONG due = Never;  // the tick count at which `changed` is called though no event came
+    TIME due = Never;  // when `changed` is called though no event came
 
     class WATCHER;
 };
@@ -84,19 +88,19 @@ public:
         Unwatch(state->fileWatch, state);
     }
 
-    void CallAt(const STATE_POINTER& state, ULONGLONG tick) {
+    void CallAt(const STATE_POINTER& state, TIME time) {
         const std::lock_guard guard(lock);
-        if (tick >= state->due) return;
-        state->due = tick;
-        if (wake >= 0) eventfd_write(wake, 1);
+        if (time >= state->due) return;
+        state->due = time;
+        if (wake) eventfd_write(wake.Get(), 1);
     }
 
 private:
     // Without the means to wake its thread there is no inotify either: all is polled then.
     void Start() {
         if (started) return;
-        wake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-        if (wake >= 0) queue = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
+        wake = DESCRIPTOR(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+        if (wake) queue = DESCRIPTOR(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
         queueFailure = errno;
         // Without the thread no change would ever be noticed, and callers do not ask: what it throws ends the process.
         std::thread([this] { Run(); }).detach();
@@ -105,9 +109,9 @@ private:
 
     // IN_MASK_ADD, since two watches of one file or folder share one descriptor.
     int Watch(const std::string& path, uint32_t events, const STATE_POINTER& state) {
-        const int watch = queue >= 0 ? inotify_add_watch(queue, path.c_str(), events | IN_MASK_ADD) : -1;
+        const int watch = queue ? inotify_add_watch(queue.Get(), path.c_str(), events | IN_MASK_ADD) : -1;
         if (watch >= 0) watched[watch].insert(state);
-        if (queue < 0) errno = queueFailure;
+        if (!queue) errno = queueFailure;
         return watch;
     }
 
@@ -117,7 +121,7 @@ private:
             found->second.erase(state);
             if (found->second.empty()) {
                 watched.erase(found);
-                inotify_rm_watch(queue, watch);
+                inotify_rm_watch(queue.Get(), watch);
             }
         }
         watch = -1;
@@ -125,7 +129,7 @@ private:
 
     void Run() {
         for (;;) {
-            pollfd polled[] = {{queue, POLLIN, 0}, {wake, POLLIN, 0}};
+            pollfd polled[] = {{queue.Get(), POLLIN, 0}, {wake.Get(), POLLIN, 0}};
             poll(polled, std::size(polled), PauseMs());
             for (const STATE_POINTER& state : Affected()) {
                 const std::lock_guard guard(state->running);
@@ -138,23 +142,23 @@ private:
     // For poll: until the first call is due that needs no event; -1: there is none.
     int PauseMs() {
         const std::lock_guard guard(lock);
-        ULONGLONG first = Never;
-        const ULONGLONG now = GetTickCount64();
+        TIME first = Never;
+        const TIME now = Uptime();
         for (const STATE_POINTER& state : states) first = std::min(first, state->due);
-        if (wake < 0) first = std::min(first, now + PollPause);
-        return first == Never ? -1 : static_cast<int>(first - std::min(first, now));
+        if (!wake) first = std::min<TIME>(first, now + PollPause);
+        return first == Never ? -1 : static_cast<int>((first - std::min(first, now)).count());
     }
 
     // Whom the events that wait concern, and whose call is due.
     std::set<STATE_POINTER> Affected() {
         const std::lock_guard guard(lock);
         eventfd_t none;
-        if (wake >= 0) eventfd_read(wake, &none);
+        if (wake) eventfd_read(wake.Get(), &none);
         alignas(inotify_event) char buffer[16 * 1024];
-        const ssize_t length = queue >= 0 ? read(queue, buffer, sizeof buffer) : 0;
+        const ssize_t length = queue ? read(queue.Get(), buffer, sizeof buffer) : 0;
         std::set<STATE_POINTER> affected;
         if (length > 0) Gather(buffer, static_cast<size_t>(length), affected);
-        const ULONGLONG now = GetTickCount64();
+        const TIME now = Uptime();
         for (const STATE_POINTER& state : states) {
             if (state->due > now) continue;
             affected.insert(state);
@@ -201,8 +205,8 @@ private:
     void Poll(const STATE_POINTER& state, int why) {
         if (state->polled) return;
         state->polled = true;
-        state->due = std::min(state->due, GetTickCount64() + PollPause);
-        if (wake >= 0) eventfd_write(wake, 1);
+        state->due = std::min<TIME>(state->due, Uptime() + PollPause);
+        if (wake) eventfd_write(wake.Get(), 1);
         if (!complaint.empty()) return;
         complaint = "Changes in " + state->folder + " do not come by inotify: " + std::strerror(why) +
                     ". They are looked for once a second.";
@@ -223,7 +227,8 @@ private:
 
     std::mutex lock;
     bool started = false, complained = false;
-    int wake = -1, queue = -1, queueFailure = 0;
+    DESCRIPTOR wake, queue;
+    int queueFailure = 0;
     std::string complaint;  // of the first that inotify could not do; empty: it does all
     std::set<STATE_POINTER> states;
     std::map<int, std::set<STATE_POINTER>> watched;  // by inotify's watch descriptor
@@ -246,8 +251,8 @@ FILE_WATCH::~FILE_WATCH() {
     state->alive = false;
 }
 
-void FILE_WATCH::CallAfter(unsigned long long milliseconds) {
-    STATE::WATCHER::Instance().CallAt(state, GetTickCount64() + milliseconds);
+void FILE_WATCH::CallAfter(std::chrono::milliseconds pause) {
+    STATE::WATCHER::Instance().CallAt(state, Uptime() + pause);
 }
 
 }  // namespace win32

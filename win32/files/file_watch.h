@@ -1,15 +1,15 @@
-// Tells when a file changed, by inotify on its folder, from one thread that all watches of the process share. What
-// inotify does not take on is looked at once a second.
+// Reports when a file changed, by inotify on its folder, from one thread that all watches of the process share. Files
+// that inotify refuses are looked at once a second.
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
 
 namespace win32 {
 
-// The watcher thread's name, which whoever looks at the process sees (/proc/PID/task/*/comm), once inotify does not do
-// all of its work.
+// The watcher thread's name in /proc/PID/task/*/comm once inotify does not do all of its work.
 constexpr const char* PollingThreadName = "file-polling";
 
 // While it lives, `changed` is called on the watcher thread after the file was written, created, replaced by a rename
@@ -25,7 +25,7 @@ public:
     FILE_WATCH(const FILE_WATCH&) = delete;
     FILE_WATCH& operator=(const FILE_WATCH&) = delete;
 
-    void CallAfter(unsigned long long milliseconds);  // once, whether anything changes or not
+    void CallAfter(std::chrono::milliseconds pause);  // once, whether anything changes or not
 
 private:
     struct STATE;

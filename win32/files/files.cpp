@@ -1,19 +1,162 @@
-// CreateFileW, WriteFile and GetStdHandle over the host's descriptors.
+// Files by their names: open, write, move, delete, make folders, ask what is there. And who may share a file.
 #include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <windows.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <filesystem>
+#include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
+#include <string_view>
+#include <vector>
 
-#include "win32/files/file_object.h"
+#include "win32/files/machine_root.h"
 #include "win32/files/root_files.h"
 #include "win32/files/standard_stream.h"
+#include "win32/sync/kernel_object.h"
 #include "win32/text/last_error.h"
 #include "win32/text/utf.h"
 
+namespace win32 {
 namespace {
+
+// The sharing rules of CreateFileW among the files that this process holds open, by device and inode. Other processes
+// are held back from renaming and deleting only: what is not shared for that carries a shared lock of the host's
+// (flock). One of these lives as long as the file it was made for is open.
+class FILE_SHARE {
+public:
+    FILE_SHARE(int descriptor, const struct stat& file, DWORD access, DWORD share);
+    ~FILE_SHARE();
+    FILE_SHARE(const FILE_SHARE&) = delete;
+    FILE_SHARE& operator=(const FILE_SHARE&) = delete;
+
+    bool Granted() const { return granted; }  // false: the open collides with an earlier one
+
+    // Whether every holder of the file lets it be renamed or deleted.
+    static bool AllowsDelete(const struct stat& file);
+
+private:
+    bool granted = false;
+};
+
+// The right to rename a file, to put another in its place or to delete it, while it lives.
+class DELETE_ACCESS {
+public:
+    explicit DELETE_ACCESS(const std::string& host);
+
+    // False with the last error: the file is not there, or somebody, in this process or another one of this machine,
+    // holds it open without sharing deletion (ERROR_SHARING_VIOLATION). A file that may not be read, or lies where the
+    // host has no locks, is asked for in this process alone.
+    explicit operator bool() const { return granted; }
+
+private:
+    DESCRIPTOR file;
+    bool granted;
+};
+
+struct FILE_OBJECT final : KERNEL_OBJECT {
+    FILE_OBJECT(DESCRIPTOR file, std::unique_ptr<FILE_SHARE> shared)
+        : descriptor(file.Get()), owned(std::move(file)), share(std::move(shared)) {}
+    explicit FILE_OBJECT(int stream) : descriptor(stream) {}  // which belongs to the process
+
+    const int descriptor;
+
+private:
+    const DESCRIPTOR owned;
+    const std::unique_ptr<FILE_SHARE> share;  // ends before the file is closed
+};
+
+// The host's path for a caller's, in `host`. False with the last error: no path, an empty one, or one with characters
+// that Windows has no files for.
+bool ResolvePath(LPCWSTR path, std::string& host) {
+    if (path == nullptr || *path == 0) return FailWith(ERROR_PATH_NOT_FOUND);
+    std::u16string_view name(path);
+    if (name.rfind(u"\\\\?\\", 0) == 0) name.remove_prefix(4);
+    if (name.size() >= 2 && name[1] == u':') name.remove_prefix(2);
+    if (name.find_first_of(u":*?\"<>|") != name.npos) return FailWith(ERROR_INVALID_NAME);
+    host = HostPath(path);
+    return true;
+}
+
+// Sets the last error for a failed call on a path, from errno: a missing file is told from a missing folder.
+BOOL FailOnPath(const std::string& host) {
+    if (errno != ENOENT) return FailWithErrno();
+    const std::filesystem::path parent = std::filesystem::path(host).parent_path();
+    struct stat status;
+    const bool hasFolder = stat(parent.empty() ? "." : parent.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+    return FailWith(hasFolder ? ERROR_FILE_NOT_FOUND : ERROR_PATH_NOT_FOUND);
+}
+
+struct OPEN_FILE {
+    const FILE_SHARE* holder;
+    dev_t device;
+    ino_t inode;
+    DWORD access;  // what it does, as FILE_SHARE_ bits
+    DWORD share;   // what it lets others do
+};
+
+std::mutex tableLock;
+
+// Few files are open at a time: a plain list. Never destroyed, since files may be closed at the very end.
+std::vector<OPEN_FILE>& Table() {
+    static auto& table = *new std::vector<OPEN_FILE>;
+    return table;
+}
+
+bool IsSameFile(const OPEN_FILE& open, const struct stat& file) {
+    return open.device == file.st_dev && open.inode == file.st_ino;
+}
+
+DWORD AsShareBits(DWORD access) {
+    DWORD bits = 0;
+    if ((access & (GENERIC_READ | FILE_READ_DATA)) != 0) bits |= FILE_SHARE_READ;
+    if ((access & (GENERIC_WRITE | FILE_WRITE_DATA | FILE_APPEND_DATA)) != 0) bits |= FILE_SHARE_WRITE;
+    return bits;
+}
+
+// False: another's lock is in the way. What the host cannot lock counts as locked.
+bool TryLock(int descriptor, const struct stat& file, int kind) {
+    return !S_ISREG(file.st_mode) || flock(descriptor, kind | LOCK_NB) == 0 || errno != EWOULDBLOCK;
+}
+
+FILE_SHARE::FILE_SHARE(int descriptor, const struct stat& file, DWORD access, DWORD share) {
+    const DWORD wanted = AsShareBits(access);
+    // Held already: somebody renames or deletes it at this moment.
+    if ((share & FILE_SHARE_DELETE) == 0 && !TryLock(descriptor, file, LOCK_SH)) return;
+    const std::lock_guard<std::mutex> lock(tableLock);
+    granted = std::none_of(Table().begin(), Table().end(), [&](const OPEN_FILE& open) {
+        return IsSameFile(open, file) && ((wanted & ~open.share) != 0 || (open.access & ~share) != 0);
+    });
+    if (granted) Table().push_back({this, file.st_dev, file.st_ino, wanted, share});
+}
+
+FILE_SHARE::~FILE_SHARE() {
+    const std::lock_guard<std::mutex> lock(tableLock);
+    std::erase_if(Table(), [this](const OPEN_FILE& open) { return open.holder == this; });
+}
+
+bool FILE_SHARE::AllowsDelete(const struct stat& file) {
+    const std::lock_guard<std::mutex> lock(tableLock);
+    return std::all_of(Table().begin(), Table().end(), [&](const OPEN_FILE& open) {
+        return !IsSameFile(open, file) || (open.share & FILE_SHARE_DELETE) != 0;
+    });
+}
+
+DELETE_ACCESS::DELETE_ACCESS(const std::string& host) {
+    struct stat status;
+    if (stat(host.c_str(), &status) != 0) {
+        granted = lstat(host.c_str(), &status) == 0 || FailOnPath(host);
+        return;
+    }
+    if (S_ISREG(status.st_mode)) file = DESCRIPTOR(OpenRootFile(host, O_RDONLY | O_NONBLOCK));
+    const bool locked = !file || TryLock(file.Get(), status, LOCK_EX);
+    granted = (locked && FILE_SHARE::AllowsDelete(status)) || FailWith(ERROR_SHARING_VIOLATION);
+}
 
 int AccessFlags(DWORD access) {
     const bool reads = (access & (GENERIC_READ | FILE_READ_DATA)) != 0;
@@ -39,18 +182,8 @@ void ComplainOnce(const std::string& fault) {
     if (fault == last) return;
     last = fault;
     const DWORD error = GetLastError();
-    OutputDebugStringW(win32::ToUtf16("Not opened: " + fault + ".\n").c_str());
+    OutputDebugStringW(ToUtf16("Not opened: " + fault + ".\n").c_str());
     SetLastError(error);
-}
-
-HANDLE NoFile(DWORD error) {
-    SetLastError(error);
-    return INVALID_HANDLE_VALUE;
-}
-
-HANDLE CloseAndFail(int descriptor, DWORD error) {
-    close(descriptor);
-    return NoFile(error);
 }
 
 bool IsValidDisposition(DWORD access, DWORD disposition) {
@@ -58,34 +191,57 @@ bool IsValidDisposition(DWORD access, DWORD disposition) {
     return disposition >= CREATE_NEW && disposition < TRUNCATE_EXISTING;
 }
 
+// The new handle of a file that the host has opened, as CreateFileW gives it; null with the last error.
+HANDLE NewFile(DESCRIPTOR file, bool made, DWORD access, DWORD share, DWORD disposition) {
+    const auto fail = [](DWORD error) {
+        SetLastError(error);
+        return HANDLE{};
+    };
+    struct stat status;
+    if (fstat(file.Get(), &status) != 0) return fail(ERROR_GEN_FAILURE);
+    if (S_ISDIR(status.st_mode)) return fail(ERROR_ACCESS_DENIED);
+    auto sharing = std::make_unique<FILE_SHARE>(file.Get(), status, access, share);
+    if (!sharing->Granted()) return fail(ERROR_SHARING_VIOLATION);
+    const bool truncates = !made && (disposition == CREATE_ALWAYS || disposition == TRUNCATE_EXISTING);
+    if (truncates && ftruncate(file.Get(), 0) != 0 && errno != EINVAL)  // EINVAL: a pipe or a device
+        return fail(ErrorFromErrno(errno));
+    return NewHandle(std::make_shared<FILE_OBJECT>(std::move(file), std::move(sharing)));
+}
+
+BOOL Move(LPCWSTR from, LPCWSTR to, bool replace) {
+    std::string source, target;
+    if (!ResolvePath(from, source) || !ResolvePath(to, target)) return FALSE;
+    const DELETE_ACCESS away(source);
+    if (!away) return FALSE;
+    if (!replace) return RenameRootFileToFree(source, target) || FailOnPath(target);
+    struct stat status;
+    std::optional<DELETE_ACCESS> over;
+    if (source != target && stat(target.c_str(), &status) == 0) over.emplace(target);
+    if (over && (S_ISDIR(status.st_mode) || !*over)) return FailWith(ERROR_ACCESS_DENIED);
+    return RenameRootFile(source, target) || FailOnPath(target);
+}
+
 }  // namespace
+}  // namespace win32
+
+using namespace win32;
 
 HANDLE WINAPI CreateFileW(LPCWSTR path, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES, DWORD disposition, DWORD,
                           HANDLE) {
-    if (!IsValidDisposition(access, disposition)) return NoFile(ERROR_INVALID_PARAMETER);
     std::string host;
-    if (!win32::ResolvePath(path, host)) return INVALID_HANDLE_VALUE;
-
+    if (!IsValidDisposition(access, disposition)) SetLastError(ERROR_INVALID_PARAMETER);
+    if (!IsValidDisposition(access, disposition) || !ResolvePath(path, host)) return INVALID_HANDLE_VALUE;
     bool made = false;
-    const mode_t mode = win32::IsInMachineRoot(host) ? 0640 : 0644;  // in a root for its owner and his group
-    const int descriptor = win32::OpenRootFile(host, AccessFlags(access) | DispositionFlags(disposition), mode, &made);
-    if (descriptor < 0) {
-        if (errno == EEXIST) return NoFile(ERROR_FILE_EXISTS);
-        const std::string refused = errno == ELOOP ? win32::FileFault(ELOOP) : std::string();
-        win32::FailOnPath(host);
+    const mode_t mode = IsInMachineRoot(host) ? 0640 : 0644;  // in a root for its owner and his group
+    DESCRIPTOR file(OpenRootFile(host, AccessFlags(access) | DispositionFlags(disposition), mode, &made));
+    if (!file) {
+        const std::string refused = errno == ELOOP ? FileFault(ELOOP) : std::string();
+        errno == EEXIST ? FailWith(ERROR_FILE_EXISTS) : FailOnPath(host);
         if (!refused.empty()) ComplainOnce(refused);
         return INVALID_HANDLE_VALUE;
     }
-    struct stat status;
-    if (fstat(descriptor, &status) != 0) return CloseAndFail(descriptor, ERROR_GEN_FAILURE);
-    if (S_ISDIR(status.st_mode)) return CloseAndFail(descriptor, ERROR_ACCESS_DENIED);
-    auto sharing = std::make_unique<win32::FILE_SHARE>(descriptor, status, access, share);
-    if (!sharing->Granted()) return CloseAndFail(descriptor, ERROR_SHARING_VIOLATION);
-    const bool truncates = !made && (disposition == CREATE_ALWAYS || disposition == TRUNCATE_EXISTING);
-    if (truncates && ftruncate(descriptor, 0) != 0 && errno != EINVAL)  // EINVAL: a pipe or a device
-        return CloseAndFail(descriptor, win32::ErrorFromErrno(errno));
-
-    const HANDLE handle = win32::NewHandle(std::make_shared<win32::FILE_OBJECT>(descriptor, std::move(sharing)));
+    const HANDLE handle = NewFile(std::move(file), made, access, share, disposition);
+    if (handle == nullptr) return INVALID_HANDLE_VALUE;
     const bool tells = disposition == CREATE_ALWAYS || disposition == OPEN_ALWAYS;
     SetLastError(tells && !made ? ERROR_ALREADY_EXISTS : ERROR_SUCCESS);
     return handle;
@@ -93,21 +249,21 @@ HANDLE WINAPI CreateFileW(LPCWSTR path, DWORD access, DWORD share, LPSECURITY_AT
 
 BOOL WINAPI WriteFile(HANDLE file, LPCVOID bytes, DWORD count, LPDWORD written, LPOVERLAPPED overlapped) {
     if (written != nullptr) *written = 0;
-    if (overlapped != nullptr) return win32::FailWith(ERROR_INVALID_PARAMETER);
-    const auto object = win32::ObjectAs<win32::FILE_OBJECT>(file);
+    if (overlapped != nullptr) return FailWith(ERROR_INVALID_PARAMETER);
+    const auto object = ObjectAs<FILE_OBJECT>(file);
     if (!object) return FALSE;
     const char* next = static_cast<const char*>(bytes);
-    if (object->Descriptor() == STDOUT_FILENO) {
-        const size_t done = win32::WriteToStream(STDOUT_FILENO, {next, count});
+    if (object->descriptor == STDOUT_FILENO) {
+        const size_t done = WriteToStream(STDOUT_FILENO, {next, count});
         if (written != nullptr) *written = static_cast<DWORD>(done);
-        return done == count || win32::FailWithErrno();
+        return done == count || FailWithErrno();
     }
     for (DWORD left = count; left > 0;) {
-        const ssize_t done = write(object->Descriptor(), next, left);
+        const ssize_t done = write(object->descriptor, next, left);
         if (done < 0 && errno == EINTR) continue;
-        if (done < 0 && errno == EBADF) return win32::FailWith(ERROR_ACCESS_DENIED);  // open, but not for writing
-        if (done < 0) return win32::FailWithErrno();
-        if (done == 0) return win32::FailWith(ERROR_WRITE_FAULT);
+        if (done < 0 && errno == EBADF) return FailWith(ERROR_ACCESS_DENIED);  // open, but not for writing
+        if (done < 0) return FailWithErrno();
+        if (done == 0) return FailWith(ERROR_WRITE_FAULT);
         next += done;
         left -= static_cast<DWORD>(done);
         if (written != nullptr) *written += static_cast<DWORD>(done);
@@ -116,8 +272,46 @@ BOOL WINAPI WriteFile(HANDLE file, LPCVOID bytes, DWORD count, LPDWORD written, 
 }
 
 HANDLE WINAPI GetStdHandle(DWORD which) {
-    if (which != STD_OUTPUT_HANDLE) return NoFile(ERROR_INVALID_HANDLE);
+    if (which != STD_OUTPUT_HANDLE) {
+        SetLastError(ERROR_INVALID_HANDLE);
+        return INVALID_HANDLE_VALUE;
+    }
     if (fcntl(STDOUT_FILENO, F_GETFD) < 0) return nullptr;  // a process without a console has none
-    static const HANDLE output = win32::NewHandle(std::make_shared<win32::FILE_OBJECT>(STDOUT_FILENO, nullptr));
+    static const HANDLE output = NewHandle(std::make_shared<FILE_OBJECT>(STDOUT_FILENO));
     return output;
+}
+
+BOOL WINAPI MoveFileW(LPCWSTR from, LPCWSTR to) { return Move(from, to, false); }
+
+BOOL WINAPI MoveFileExW(LPCWSTR from, LPCWSTR to, DWORD flags) {
+    if ((flags & ~MOVEFILE_REPLACE_EXISTING) != 0) return FailWith(ERROR_INVALID_PARAMETER);
+    return Move(from, to, flags != 0);
+}
+
+BOOL WINAPI DeleteFileW(LPCWSTR path) {
+    std::string host;
+    if (!ResolvePath(path, host)) return FALSE;
+    const DELETE_ACCESS away(host);
+    if (!away) return FALSE;
+    return RemoveRootFile(host) || FailOnPath(host);
+}
+
+BOOL WINAPI CreateDirectoryW(LPCWSTR path, LPSECURITY_ATTRIBUTES) {
+    std::string host;
+    if (!ResolvePath(path, host)) return FALSE;
+    if (MakeRootFolder(host, 0755)) return TRUE;
+    return FailWith(errno == ENOENT ? ERROR_PATH_NOT_FOUND : ErrorFromErrno(errno));
+}
+
+DWORD WINAPI GetFileAttributesW(LPCWSTR path) {
+    std::string host;
+    struct stat status;
+    if (!ResolvePath(path, host)) return INVALID_FILE_ATTRIBUTES;
+    if (stat(host.c_str(), &status) != 0) {
+        FailOnPath(host);
+        return INVALID_FILE_ATTRIBUTES;
+    }
+    if (S_ISDIR(status.st_mode)) return FILE_ATTRIBUTE_DIRECTORY;
+    const bool writable = (status.st_mode & (S_IWUSR | S_IWGRP | S_IWOTH)) != 0;
+    return writable ? FILE_ATTRIBUTE_NORMAL : FILE_ATTRIBUTE_READONLY;
 }

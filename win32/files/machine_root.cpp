@@ -43,6 +43,10 @@ std::string MachineRoot() {
 
 std::string MachinePath(std::string_view name) { return MachineRoot().append("/").append(name); }
 
+std::string EventLogPath(std::string_view log) {
+    return MachinePath(EventLogFolder).append("/").append(log).append(EventLogExtension);
+}
+
 std::string HostPath(std::u16string_view path) {
     std::string host = ToUtf8(path);
     if (host.rfind("\\\\?\\", 0) == 0 || host.rfind("\\\\.\\", 0) == 0) {

@@ -1,4 +1,5 @@
-// The machine root: the folder that stands for the Windows machine, and how Windows paths map to the host's.
+// The machine root: the folder that stands for the Windows machine, what its files are called, and how Windows paths
+// map to the host's.
 #pragma once
 
 #include <windows.h>
@@ -14,6 +15,15 @@ std::string MachineRoot();
 
 // A path below the machine root: MachineRoot() + "/" + name.
 std::string MachinePath(std::string_view name);
+
+// The layer's own files and folders there.
+inline constexpr std::string_view RegistryFile = "registry.reg";
+inline constexpr std::string_view DirectoryFile = "directory.ldif";
+inline constexpr std::string_view EventLogFolder = "eventlog";
+inline constexpr std::string_view EventLogExtension = ".evt";
+
+// The file of the event log of that name, whose letters' case counts.
+std::string EventLogPath(std::string_view log);
 
 // The host's path for a Windows path: drive C: is the root of the file system, back slashes become slashes.
 std::string HostPath(std::u16string_view path);

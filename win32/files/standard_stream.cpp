@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <windows.h>
 
 #include <algorithm>
 #include <atomic>
@@ -14,10 +15,13 @@
 #include <csignal>
 #include <string>
 
+#include "win32/sync/descriptor.h"
+#include "win32/text/utf.h"
+
 namespace win32 {
 namespace {
 
-constexpr std::chrono::milliseconds Moment{200};  // in which a reader that is alive takes something
+constexpr std::chrono::milliseconds MaxWait{200};  // in which a reader that is alive takes something
 std::atomic<bool> Stuck[STDERR_FILENO + 1];
 
 // The stream for one text, so that a write never waits: other processes share the stream, so it is not made
@@ -29,18 +33,13 @@ public:
         if (fstat(stream, &about) != 0) return;
         socket = S_ISSOCK(about.st_mode);
         file = S_ISREG(about.st_mode);
+        const std::string name = "/proc/self/fd/" + std::to_string(stream);
         if (S_ISFIFO(about.st_mode) || S_ISCHR(about.st_mode))
-            own =
-                open(("/proc/self/fd/" + std::to_string(stream)).c_str(), O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+            own = DESCRIPTOR(open(name.c_str(), O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     }
-    ~OWN_STREAM() {
-        if (own >= 0) close(own);
-    }
-    OWN_STREAM(const OWN_STREAM&) = delete;
-    OWN_STREAM& operator=(const OWN_STREAM&) = delete;
 
     bool Takes(int milliseconds) const {
-        pollfd poller{own >= 0 ? own : stream, POLLOUT, 0};
+        pollfd poller{own ? own.Get() : stream, POLLOUT, 0};
         int ready;
         do ready = poll(&poller, 1, milliseconds);
         while (ready < 0 && errno == EINTR);
@@ -49,14 +48,14 @@ public:
     }
     ssize_t Write(std::string_view text) const {
         if (socket) return send(stream, text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
-        if (own >= 0) return write(own, text.data(), text.size());
+        if (own) return write(own.Get(), text.data(), text.size());
         // A pipe that may not be opened again takes a piece of this size at once when it is ready.
         return write(stream, text.data(), file ? text.size() : std::min<size_t>(text.size(), PIPE_BUF));
     }
 
 private:
     const int stream;
-    int own = -1;
+    DESCRIPTOR own;
     bool socket = false, file = false;
 };
 
@@ -66,7 +65,7 @@ void IgnoreBrokenPipes() { std::signal(SIGPIPE, SIG_IGN); }
 
 size_t WriteToStream(int stream, std::string_view text) {
     const OWN_STREAM to(stream);
-    const auto end = std::chrono::steady_clock::now() + (Stuck[stream] ? std::chrono::milliseconds(0) : Moment);
+    const auto end = std::chrono::steady_clock::now() + (Stuck[stream] ? std::chrono::milliseconds(0) : MaxWait);
     size_t done = 0;
     while (done < text.size()) {
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
@@ -81,3 +80,19 @@ size_t WriteToStream(int stream, std::string_view text) {
 }
 
 }  // namespace win32
+
+// What Windows shows to a debugger or in a box goes to the standard error. What cannot be written is lost, as without a
+// debugger.
+void WINAPI OutputDebugStringW(LPCWSTR text) {
+    const DWORD before = GetLastError();
+    if (text != nullptr) win32::WriteToStream(STDERR_FILENO, win32::ToUtf8(text));
+    SetLastError(before);
+}
+
+// Nobody presses a button: the box counts as read.
+int WINAPI MessageBoxW(HWND, LPCWSTR text, LPCWSTR caption, UINT) {
+    constexpr int okPressed = 1;  // IDOK
+    const std::u16string title(caption != nullptr ? caption : u"Error");
+    win32::WriteToStream(STDERR_FILENO, win32::ToUtf8(title + u": " + (text != nullptr ? text : u"") + u"\n"));
+    return okPressed;
+}

@@ -21,7 +21,6 @@ typedef IUnknown* LPUNKNOWN;
 #define CLSCTX_INPROC_SERVER 0x1
 #define REGDB_E_CLASSNOTREG (static_cast<HRESULT>(0x80040154u))
 #define CO_E_NOTINITIALIZED (static_cast<HRESULT>(0x800401F0u))
-#define DISP_E_TYPEMISMATCH (static_cast<HRESULT>(0x80020005u))
 #define DISP_E_BADINDEX (static_cast<HRESULT>(0x8002000Bu))
 
 extern "C" {

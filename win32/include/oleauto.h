@@ -2,16 +2,7 @@
 #pragma once
 #include <objbase.h>
 
-enum VARENUM {
-    VT_EMPTY = 0,
-    VT_NULL = 1,
-    VT_I4 = 3,
-    VT_BSTR = 8,
-    VT_DISPATCH = 9,
-    VT_VARIANT = 12,
-    VT_UI1 = 17,
-    VT_ARRAY = 0x2000
-};
+enum VARENUM { VT_EMPTY = 0, VT_I4 = 3, VT_BSTR = 8, VT_VARIANT = 12, VT_UI1 = 17, VT_ARRAY = 0x2000 };
 typedef struct tagSAFEARRAYBOUND {
     ULONG cElements;
     LONG lLbound;
@@ -29,7 +20,6 @@ struct tagVARIANT {
     union {
         LONG lVal;
         BSTR bstrVal;
-        IUnknown* punkVal;
         SAFEARRAY* parray;
     };
 };

@@ -92,7 +92,6 @@ typedef PVOID PSID;
 #define FALSE 0
 #define WINAPI
 #define CALLBACK
-#define APIENTRY
 #define NTAPI
 #define STDMETHODCALLTYPE
 #define TEXT(quote) u##quote
@@ -103,9 +102,7 @@ typedef PVOID PSID;
 #define HIBYTE(w) (static_cast<BYTE>(((w) >> 8) & 0xFF))
 #define LOWORD(l) (static_cast<WORD>((l)&0xFFFF))
 #define HIWORD(l) (static_cast<WORD>(((l) >> 16) & 0xFFFF))
-#define MAKELANGID(primary, sub) (static_cast<WORD>(((sub) << 10) | (primary)))
 #define MAKEINTRESOURCEW(id) (reinterpret_cast<LPWSTR>(static_cast<ULONG_PTR>(static_cast<WORD>(id))))
-#define UNREFERENCED_PARAMETER(p) (static_cast<void>(p))
 
 extern "C" {
 
@@ -113,18 +110,14 @@ extern "C" {
 
 #define ERROR_SUCCESS 0
 #define NO_ERROR 0
-#define ERROR_INVALID_FUNCTION 1
 #define ERROR_FILE_NOT_FOUND 2
 #define ERROR_PATH_NOT_FOUND 3
 #define ERROR_TOO_MANY_OPEN_FILES 4
 #define ERROR_ACCESS_DENIED 5
 #define ERROR_INVALID_HANDLE 6
 #define ERROR_NOT_ENOUGH_MEMORY 8
-#define ERROR_INVALID_ACCESS 12
 #define ERROR_INVALID_DATA 13
-#define ERROR_OUTOFMEMORY 14
 #define ERROR_NOT_SAME_DEVICE 17
-#define ERROR_NO_MORE_FILES 18
 #define ERROR_WRITE_PROTECT 19
 #define ERROR_NOT_READY 21
 #define ERROR_WRITE_FAULT 29
@@ -133,7 +126,6 @@ extern "C" {
 #define ERROR_SHARING_VIOLATION 32
 #define ERROR_LOCK_VIOLATION 33
 #define ERROR_HANDLE_EOF 38
-#define ERROR_HANDLE_DISK_FULL 39
 #define ERROR_NOT_SUPPORTED 50
 #define ERROR_FILE_EXISTS 80
 #define ERROR_INVALID_PARAMETER 87
@@ -159,17 +151,11 @@ extern "C" {
 #define ERROR_MR_MID_NOT_FOUND 317
 #define ERROR_NOACCESS 998
 #define ERROR_KEY_DELETED 1018
-#define ERROR_NO_LOG_SPACE 1019
 #define ERROR_BADDB 1009
-#define ERROR_BADKEY 1010
-#define ERROR_CANTREAD 1012
-#define ERROR_CANTWRITE 1013
-#define ERROR_INVALID_SERVICE_CONTROL 1052
 #define ERROR_FAILED_SERVICE_CONTROLLER_CONNECT 1063
 #define ERROR_SERVICE_SPECIFIC_ERROR 1066
 #define ERROR_NO_UNICODE_TRANSLATION 1113
 #define ERROR_IO_DEVICE 1117
-#define ERROR_NOT_FOUND 1168
 #define ERROR_CANCELLED 1223
 #define ERROR_NOT_ALL_ASSIGNED 1300
 #define ERROR_NO_SUCH_PRIVILEGE 1313
@@ -178,7 +164,6 @@ extern "C" {
 #define ERROR_NONE_MAPPED 1332
 #define ERROR_INVALID_SID 1337
 #define ERROR_EVENTLOG_FILE_CORRUPT 1500
-#define ERROR_EVENTLOG_CANT_START 1501
 #define ERROR_LOG_FILE_FULL 1502
 #define ERROR_EVENTLOG_FILE_CHANGED 1503
 #define ERROR_INVALID_DATATYPE 1804
@@ -192,8 +177,6 @@ extern "C" {
 
 #define SUCCEEDED(hr) (static_cast<HRESULT>(hr) >= 0)
 #define FAILED(hr) (static_cast<HRESULT>(hr) < 0)
-#define HRESULT_FROM_WIN32(x) \
-    (static_cast<HRESULT>(x) <= 0 ? static_cast<HRESULT>(x) : static_cast<HRESULT>(((x)&0x0000FFFFu) | 0x80070000u))
 #define S_OK (static_cast<HRESULT>(0))
 #define S_FALSE (static_cast<HRESULT>(1))
 #define E_NOTIMPL (static_cast<HRESULT>(0x80004001u))
@@ -210,7 +193,6 @@ void WINAPI SetLastError(DWORD code);
 
 #define FORMAT_MESSAGE_ALLOCATE_BUFFER 0x00000100
 #define FORMAT_MESSAGE_IGNORE_INSERTS 0x00000200
-#define FORMAT_MESSAGE_FROM_STRING 0x00000400
 #define FORMAT_MESSAGE_FROM_HMODULE 0x00000800
 #define FORMAT_MESSAGE_FROM_SYSTEM 0x00001000
 #define FORMAT_MESSAGE_ARGUMENT_ARRAY 0x00002000
@@ -222,10 +204,7 @@ DWORD WINAPI FormatMessageW(DWORD flags, LPCVOID source, DWORD messageId, DWORD 
 
 // ---- Text ---------------------------------------------------------------------------------------------------------
 
-#define CP_ACP 0
 #define CP_UTF8 65001
-#define MB_ERR_INVALID_CHARS 0x00000008
-#define WC_ERR_INVALID_CHARS 0x00000080
 #define LOCALE_USER_DEFAULT 0x0400
 int WINAPI MultiByteToWideChar(UINT codePage, DWORD flags, LPCSTR text, int bytes, LPWSTR wide, int units);
 int WINAPI WideCharToMultiByte(UINT codePage, DWORD flags, LPCWSTR wide, int units, LPSTR text, int bytes,
@@ -257,7 +236,6 @@ HLOCAL WINAPI LocalFree(HLOCAL memory);  // null on success
 
 void WINAPI GetSystemTimeAsFileTime(LPFILETIME time);
 void WINAPI GetLocalTime(LPSYSTEMTIME time);
-void WINAPI GetSystemTime(LPSYSTEMTIME time);
 BOOL WINAPI FileTimeToLocalFileTime(const FILETIME* utc, LPFILETIME local);
 BOOL WINAPI LocalFileTimeToFileTime(const FILETIME* local, LPFILETIME utc);
 BOOL WINAPI FileTimeToSystemTime(const FILETIME* time, LPSYSTEMTIME fields);
@@ -272,8 +250,6 @@ ULONGLONG WINAPI GetTickCount64();
 #define WAIT_ABANDONED_0 0x80u
 #define WAIT_FAILED 0xFFFFFFFFu
 #define MAXIMUM_WAIT_OBJECTS 64
-#define SYNCHRONIZE 0x00100000
-#define EVENT_ALL_ACCESS 0x1F0003
 
 HANDLE WINAPI CreateEventW(LPSECURITY_ATTRIBUTES security, BOOL manualReset, BOOL initiallySet, LPCWSTR name);
 BOOL WINAPI SetEvent(HANDLE event);
@@ -283,7 +259,6 @@ typedef void(CALLBACK* PTIMERAPCROUTINE)(LPVOID argument, DWORD low, DWORD high)
 // due: positive is absolute UTC in 100-ns units since 1601, negative relative. No completion routine is supported.
 BOOL WINAPI SetWaitableTimer(HANDLE timer, const LARGE_INTEGER* due, LONG periodMs, PTIMERAPCROUTINE routine,
                              LPVOID argument, BOOL resume);
-BOOL WINAPI CancelWaitableTimer(HANDLE timer);
 DWORD WINAPI WaitForSingleObject(HANDLE handle, DWORD milliseconds);
 DWORD WINAPI WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL all, DWORD milliseconds);
 BOOL WINAPI CloseHandle(HANDLE handle);
@@ -292,26 +267,15 @@ BOOL WINAPI CloseHandle(HANDLE handle);
 typedef struct _RTL_CRITICAL_SECTION {
     alignas(16) BYTE Storage[64];
 } CRITICAL_SECTION, *LPCRITICAL_SECTION;
-void WINAPI InitializeCriticalSection(LPCRITICAL_SECTION section);
 BOOL WINAPI InitializeCriticalSectionAndSpinCount(LPCRITICAL_SECTION section, DWORD spins);
 void WINAPI EnterCriticalSection(LPCRITICAL_SECTION section);
 void WINAPI LeaveCriticalSection(LPCRITICAL_SECTION section);
 void WINAPI DeleteCriticalSection(LPCRITICAL_SECTION section);
 
-inline LONG InterlockedIncrement(LONG volatile* value) { return __atomic_add_fetch(value, 1, __ATOMIC_SEQ_CST); }
-inline LONG InterlockedExchange(LONG volatile* target, LONG value) {
-    return __atomic_exchange_n(target, value, __ATOMIC_SEQ_CST);
-}
-
 // ---- Processes and threads ----------------------------------------------------------------------------------------
 
-typedef DWORD(WINAPI* LPTHREAD_START_ROUTINE)(LPVOID argument);
-HANDLE WINAPI CreateThread(LPSECURITY_ATTRIBUTES security, SIZE_T stack, LPTHREAD_START_ROUTINE routine,
-                           LPVOID argument, DWORD flags, LPDWORD threadId);
 // Abandons the thread: it is never interrupted midway, its handle becomes signalled at once.
 BOOL WINAPI TerminateThread(HANDLE thread, DWORD exitCode);
-BOOL WINAPI GetExitCodeThread(HANDLE thread, LPDWORD exitCode);
-#define STILL_ACTIVE 259
 DWORD WINAPI GetCurrentProcessId();
 DWORD WINAPI GetCurrentThreadId();
 HANDLE WINAPI GetCurrentProcess();
@@ -319,7 +283,6 @@ HANDLE WINAPI GetCurrentProcess();
 DWORD WINAPI TlsAlloc();
 LPVOID WINAPI TlsGetValue(DWORD index);
 BOOL WINAPI TlsSetValue(DWORD index, LPVOID value);
-BOOL WINAPI TlsFree(DWORD index);
 
 // ---- Files --------------------------------------------------------------------------------------------------------
 
@@ -375,23 +338,16 @@ BOOL WINAPI VerQueryValueW(LPCVOID block, LPCWSTR subBlock, LPVOID* value, UINT*
 
 // ---- Registry -----------------------------------------------------------------------------------------------------
 
-#define HKEY_CLASSES_ROOT (reinterpret_cast<HKEY>(static_cast<ULONG_PTR>(0x80000000u)))
-#define HKEY_CURRENT_USER (reinterpret_cast<HKEY>(static_cast<ULONG_PTR>(0x80000001u)))
 #define HKEY_LOCAL_MACHINE (reinterpret_cast<HKEY>(static_cast<ULONG_PTR>(0x80000002u)))
-#define HKEY_USERS (reinterpret_cast<HKEY>(static_cast<ULONG_PTR>(0x80000003u)))
 #define REG_NONE 0
 #define REG_SZ 1
 #define REG_EXPAND_SZ 2
 #define REG_BINARY 3
 #define REG_DWORD 4
-#define REG_DWORD_BIG_ENDIAN 5
-#define REG_LINK 6
 #define REG_MULTI_SZ 7
 #define REG_QWORD 11
 #define KEY_QUERY_VALUE 0x0001
 #define KEY_SET_VALUE 0x0002
-#define KEY_CREATE_SUB_KEY 0x0004
-#define KEY_ENUMERATE_SUB_KEYS 0x0008
 #define KEY_NOTIFY 0x0010
 #define KEY_READ 0x20019
 #define KEY_WRITE 0x20006
@@ -481,7 +437,6 @@ typedef struct _OSVERSIONINFOEXW {
     BYTE wProductType, wReserved;
 } OSVERSIONINFOEXW, *LPOSVERSIONINFOEXW;
 #define VER_NT_WORKSTATION 1
-#define VER_NT_DOMAIN_CONTROLLER 2
 #define VER_NT_SERVER 3
 #define VER_MINORVERSION 0x0000001
 #define VER_MAJORVERSION 0x0000002
@@ -561,6 +516,5 @@ BOOL WINAPI AllocateAndInitializeSid(PSID_IDENTIFIER_AUTHORITY authority, BYTE c
                                      DWORD s3, DWORD s4, DWORD s5, DWORD s6, DWORD s7, PSID* sid);
 PVOID WINAPI FreeSid(PSID sid);
 DWORD WINAPI GetLengthSid(PSID sid);
-BOOL WINAPI CopySid(DWORD bytes, PSID to, PSID from);
 
 }  // extern "C"

@@ -1,5 +1,6 @@
 // Reads the registry text format: one cursor over the decoded file that counts lines as it goes.
 #include "win32/registry/reg_text.h"
+#include "win32/text/numbers.h"
 
 #include <unicode/ustring.h>
 
@@ -40,13 +41,6 @@ bool Decode(std::string_view bytes, std::u16string& text) {
     if (bytes.starts_with("\xFE\xFF")) return DecodeUtf16(bytes.substr(2), true, text);
     if (bytes.starts_with("\xEF\xBB\xBF")) bytes.remove_prefix(3);
     return DecodeUtf8(bytes, text);
-}
-
-int HexDigit(char16_t unit) {
-    if (unit >= u'0' && unit <= u'9') return unit - u'0';
-    if (unit >= u'a' && unit <= u'f') return unit - u'a' + 10;
-    if (unit >= u'A' && unit <= u'F') return unit - u'A' + 10;
-    return -1;
 }
 
 class PARSER {
@@ -134,7 +128,7 @@ private:
         if (++commentCount <= MaxComments) pending.emplace_back(comment);
     }
 
-    // A comment behind a value moves to the line above it.
+    // A comment after a value moves to the line above it.
     bool EndValueLine() {
         SkipBlanks();
         if (Peek() == u';') KeepComment(RestOfLine());

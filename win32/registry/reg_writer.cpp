@@ -1,5 +1,6 @@
 // Writes the registry text format.
 #include "win32/registry/reg_text.h"
+#include "win32/text/numbers.h"
 #include "win32/text/utf.h"
 
 #include <algorithm>
@@ -86,10 +87,8 @@ private:
     }
 
     void WriteDword(const std::vector<BYTE>& data) {
-        char digits[9];
-        std::snprintf(digits, sizeof digits, "%02x%02x%02x%02x", data[3], data[2], data[1], data[0]);
         out += "dword:";
-        out += digits;
+        for (const BYTE byte : {data[3], data[2], data[1], data[0]}) AppendHex(out, byte);
     }
 
     void WriteHex(const REG_VALUE& value, size_t lineStart) {
@@ -103,8 +102,7 @@ private:
                 lineStart = out.size();
                 out += "  ";
             }
-            std::snprintf(digits, sizeof digits, "%02x", value.data[i]);
-            out += digits;
+            AppendHex(out, value.data[i]);
         }
     }
 

@@ -1,13 +1,157 @@
-// The registry calls of <windows.h> over the machine root's registry.reg.
-#include "win32/registry/open_key.h"
-
-#include "win32/text/last_error.h"
-
+// The registry calls of <windows.h> over the machine root's registry.reg: handles, their keys and notifications.
 #include <cstring>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+
+#include "win32/registry/store.h"
+#include "win32/sync/kernel_object.h"
+#include "win32/text/last_error.h"
+#include "win32/text/utf.h"
 
 using namespace win32;
 
 namespace {
+
+// What an HKEY stands for: a key's path in a store, with the access it was opened for and its notification.
+struct OPEN_KEY {
+    OPEN_KEY(REG_STORE& keyStore, REG_PATH keyPath, REGSAM allowed)
+        : store(keyStore), path(std::move(keyPath)), access(allowed) {}
+    ~OPEN_KEY() { Close(); }
+    OPEN_KEY(const OPEN_KEY&) = delete;
+    OPEN_KEY& operator=(const OPEN_KEY&) = delete;
+
+    REG_STORE& store;
+    const REG_PATH path;
+    const REGSAM access;
+
+    // Arms the notification: `event` is signalled once when the key's own values differ from what was last reported,
+    // that is at once when they changed since the last signal. The first arming reports what it finds. A key that is
+    // not there has no values: who edits the file may bring it back.
+    LSTATUS Arm(std::shared_ptr<KERNEL_OBJECT> event);
+    void Close();  // an armed notification is signalled, as Windows does it
+
+private:
+    void SignalIfChanged();  // needs the notifications' lock
+    static void SignalChanged();
+
+    bool reporting = false;  // `reported` means something
+    bool existed = false;
+    REG_VALUES reported;
+    std::shared_ptr<KERNEL_OBJECT> armed;
+};
+
+constexpr uintptr_t FirstHandle = 0x40000000, LastHandle = 0x7FFFFFFC, HandleStep = 4;
+
+struct KEY_TABLE {
+    std::mutex lock;
+    std::map<uintptr_t, std::shared_ptr<OPEN_KEY>> keys;
+    uintptr_t next = FirstHandle;
+};
+
+// The keys with a notification armed.
+struct NOTIFICATIONS {
+    std::mutex lock;
+    std::set<OPEN_KEY*> keys;
+};
+
+// Neither is ever destroyed: the watcher thread may use them at any time.
+KEY_TABLE& Table() {
+    static auto* const table = new KEY_TABLE;
+    return *table;
+}
+
+NOTIFICATIONS& Notifications() {
+    static auto* const notifications = new NOTIFICATIONS;
+    return *notifications;
+}
+
+// Writes to the debugger what is wrong with the registry's file, once for each fault.
+void ComplainOnce(REG_STORE& store) {
+    const std::string problem = store.TakeProblem();
+    if (!problem.empty()) OutputDebugStringW(ToUtf16("Registry file " + problem + ". It is not used.\n").c_str());
+}
+
+LSTATUS OPEN_KEY::Arm(std::shared_ptr<KERNEL_OBJECT> event) {
+    store.Watch(SignalChanged);
+    const std::lock_guard guard(Notifications().lock);
+    armed = std::move(event);
+    Notifications().keys.insert(this);
+    SignalIfChanged();
+    return ERROR_SUCCESS;
+}
+
+void OPEN_KEY::Close() {
+    const std::lock_guard guard(Notifications().lock);
+    if (armed) SignalEventObject(*armed);
+    armed.reset();
+    Notifications().keys.erase(this);
+}
+
+void OPEN_KEY::SignalIfChanged() {
+    const std::shared_ptr<const REG_TREE> tree = store.Tree();
+    if (!tree) return;
+    const REG_NODE* const key = tree->Find(path);
+    const REG_VALUES none;
+    const REG_VALUES& now = key != nullptr ? key->values : none;
+    const bool changed = reporting && (existed != (key != nullptr) || !SameValues(reported, now));
+    if (reporting && !changed) return;
+    reporting = true;
+    existed = key != nullptr;
+    reported = now;
+    if (!changed) return;
+    SignalEventObject(*armed);
+    armed.reset();
+    Notifications().keys.erase(this);
+}
+
+void OPEN_KEY::SignalChanged() {
+    std::set<REG_STORE*> stores;
+    {
+        const std::lock_guard guard(Notifications().lock);
+        const std::set<OPEN_KEY*> keys = Notifications().keys;
+        for (OPEN_KEY* key : keys) {
+            key->SignalIfChanged();
+            stores.insert(&key->store);
+        }
+    }
+    for (REG_STORE* store : stores) ComplainOnce(*store);
+}
+
+// A new handle; below 0x80000000, so that it is no predefined key, and not used again for a long time.
+HKEY EnterKey(std::shared_ptr<OPEN_KEY> key) {
+    KEY_TABLE& table = Table();
+    const std::lock_guard guard(table.lock);
+    while (table.keys.contains(table.next)) {
+        table.next = table.next >= LastHandle ? FirstHandle : table.next + HandleStep;
+    }
+    const uintptr_t handle = table.next;
+    table.next = handle >= LastHandle ? FirstHandle : handle + HandleStep;
+    table.keys.emplace(handle, std::move(key));
+    return reinterpret_cast<HKEY>(handle);
+}
+
+// The key of a handle; null: no such handle. One root key is predefined.
+std::shared_ptr<OPEN_KEY> KeyOf(HKEY handle) {
+    if (handle == HKEY_LOCAL_MACHINE)
+        return std::make_shared<OPEN_KEY>(REG_STORE::Current(), REG_PATH{u"HKEY_LOCAL_MACHINE"}, KEY_ALL_ACCESS);
+    KEY_TABLE& table = Table();
+    const std::lock_guard guard(table.lock);
+    const auto key = table.keys.find(reinterpret_cast<uintptr_t>(handle));
+    return key == table.keys.end() ? nullptr : key->second;
+}
+
+// Takes the handle out of the table; null: no such handle.
+std::shared_ptr<OPEN_KEY> LeaveKey(HKEY handle) {
+    KEY_TABLE& table = Table();
+    const std::lock_guard guard(table.lock);
+    const auto key = table.keys.find(reinterpret_cast<uintptr_t>(handle));
+    if (key == table.keys.end()) return nullptr;
+    std::shared_ptr<OPEN_KEY> left = std::move(key->second);
+    table.keys.erase(key);
+    return left;
+}
 
 constexpr REGSAM MaximumAllowed = 0x02000000, GenericAll = 0x10000000;
 
@@ -137,7 +281,7 @@ LSTATUS WINAPI RegDeleteValueW(HKEY handle, LPCWSTR name) {
 
 // Value changes of the key itself, asynchronously: what the agent asks for and no more.
 LSTATUS WINAPI RegNotifyChangeKeyValue(HKEY handle, BOOL subtree, DWORD filter, HANDLE event, BOOL asynchronous) {
-    if (IsPredefined(handle)) return ERROR_NOT_SUPPORTED;
+    if (handle == HKEY_LOCAL_MACHINE) return ERROR_NOT_SUPPORTED;
     const std::shared_ptr<OPEN_KEY> key = KeyOf(handle);
     if (!key) return ERROR_INVALID_HANDLE;
     if ((key->access & KEY_NOTIFY) == 0) return ERROR_ACCESS_DENIED;
@@ -149,7 +293,7 @@ LSTATUS WINAPI RegNotifyChangeKeyValue(HKEY handle, BOOL subtree, DWORD filter, 
 }
 
 LSTATUS WINAPI RegCloseKey(HKEY handle) {
-    if (IsPredefined(handle)) return ERROR_SUCCESS;
+    if (handle == HKEY_LOCAL_MACHINE) return ERROR_SUCCESS;
     const std::shared_ptr<OPEN_KEY> key = LeaveKey(handle);
     if (!key) return ERROR_INVALID_HANDLE;
     key->Close();

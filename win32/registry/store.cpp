@@ -2,11 +2,10 @@
 
 #include "win32/files/file_lock.h"
 #include "win32/files/file_watch.h"
-#include "win32/files/file_writer.h"
 #include "win32/files/machine_root.h"
 #include "win32/files/root_files.h"
 #include "win32/registry/reg_text.h"
-#include "win32/sync/descriptor.h"
+#include "win32/sync/file_time.h"
 #include "win32/text/last_error.h"
 
 #include <fcntl.h>
@@ -23,37 +22,25 @@ namespace win32 {
 
 namespace {
 
+using namespace std::chrono_literals;
+
 // The kernel stamps a file with a clock that ticks every 1 to 10 ms: two writes within one tick look the same.
-constexpr int64_t StampGranularityNs = 50'000'000;
+constexpr std::chrono::nanoseconds StampGranularity = 50ms;
 constexpr useconds_t LookPauseUs = 5000;
 constexpr mode_t FileMode = 0640;  // the layer's settings may name a password
 
-// In milliseconds.
-constexpr ULONGLONG SettleTime = 2000;  // a file that may be half of one is taken once it has not changed for so long
-constexpr ULONGLONG Patience = 3000;    // the longest that a caller waits for another writer; more than the above
-constexpr ULONGLONG ComplaintTime = 10'000;                   // a writer that holds the file so long is named
-constexpr ULONGLONG ShortestPause = 10, LongestPause = 1000;  // between two looks at a file that is held
-
-int64_t Nanoseconds(const timespec& time) { return static_cast<int64_t>(time.tv_sec) * 1'000'000'000 + time.tv_nsec; }
-
-bool SameTime(const timespec& a, const timespec& b) { return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec; }
+constexpr std::chrono::milliseconds SettleTime = 2s;  // a file that may be half of one is taken once unchanged so long
+constexpr std::chrono::milliseconds MaxWait = 3s;     // of a caller for another writer; more than the above
+constexpr std::chrono::milliseconds ComplaintTime = 10s;             // a writer that holds the file so long is named
+constexpr std::chrono::milliseconds MinPause = 10ms, MaxPause = 1s;  // between two looks at a file that is held
 
 }  // namespace
-
-bool REG_STORE::IDENTITY::operator==(const IDENTITY& other) const {
-    return device == other.device && inode == other.inode && size == other.size && SameTime(modified, other.modified) &&
-           SameTime(changed, other.changed);
-}
-
-REG_STORE::IDENTITY REG_STORE::IdentityOf(const struct stat& status) {
-    return {status.st_dev, status.st_ino, status.st_size, status.st_mtim, status.st_ctim};
-}
 
 REG_STORE& REG_STORE::Current() {
     // Never destroyed: the watcher thread may be in one at any time.
     static std::mutex guard;
     static auto* const stores = new std::map<std::string, std::unique_ptr<REG_STORE>>;
-    const std::string file = MachinePath("registry.reg");
+    const std::string file = MachinePath(RegistryFile);
     const std::lock_guard locked(guard);
     std::unique_ptr<REG_STORE>& store = (*stores)[file];
     if (!store) store = std::make_unique<REG_STORE>(file);
@@ -67,7 +54,7 @@ REG_STORE::~REG_STORE() = default;
 // What one look at the file finds. As long as it lives, and its writer is NONE, nobody else begins to write the file.
 struct REG_STORE::FOUND {
     DESCRIPTOR file;
-    IDENTITY identity;  // as it is made: there is no file
+    FILE_IDENTITY identity;
     FILE_WRITER writer = FILE_WRITER::NONE;
     std::string bytes;
     REG_TREE tree;
@@ -76,7 +63,7 @@ struct REG_STORE::FOUND {
 std::shared_ptr<const REG_TREE> REG_STORE::Tree(DWORD* error) {
     std::unique_lock guard(lock);
     if (!Fresh()) Load();
-    for (const ULONGLONG begin = GetTickCount64(); !tree && loadError == ERROR_SHARING_VIOLATION && !Overdue(begin);) {
+    for (const TIME begin = Uptime(); !tree && loadError == ERROR_SHARING_VIOLATION && !Overdue(begin);) {
         guard.unlock();
         usleep(LookPauseUs);
         guard.lock();
@@ -103,15 +90,13 @@ void REG_STORE::Load() {
     if (!tree) tree = std::make_shared<REG_TREE>();
 }
 
-void REG_STORE::Know(const IDENTITY& read) {
+void REG_STORE::Know(const FILE_IDENTITY& read) {
     known = true;
     identity = read;
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
-    recent = Nanoseconds(now) - Nanoseconds(identity.changed) < StampGranularityNs;
+    recent = std::chrono::system_clock::now().time_since_epoch() - identity.changed < StampGranularity;
 }
 
-void REG_STORE::Take(REG_TREE read, const IDENTITY& of) {
+void REG_STORE::Take(REG_TREE read, const FILE_IDENTITY& of) {
     Know(of);
     taken = of;
     tree = std::make_shared<const REG_TREE>(std::move(read));
@@ -122,8 +107,8 @@ void REG_STORE::Take(REG_TREE read, const IDENTITY& of) {
 DWORD REG_STORE::Look(FOUND& found) {
     const int failure = ReadFile(found) ? 0 : errno;
     // Who waits looks again after a pause or the settle time: what was found long before that was another writer.
-    if (GetTickCount64() - waitedAt > LongestPause + SettleTime) waitingSince = 0;
-    if (found.identity != seen) seenAt = GetTickCount64();
+    if (Uptime() - waitedAt > MaxPause + SettleTime) waitingSince = TIME(0);
+    if (found.identity != seen) seenAt = Uptime();
     seen = found.identity;
     if (failure != 0 && failure != ENOENT) {
         const DWORD error = ErrorFromErrno(failure);
@@ -132,14 +117,14 @@ DWORD REG_STORE::Look(FOUND& found) {
     }
     if (found.writer == FILE_WRITER::HELD) return WaitForWriter();
     if (found.file && !Parse(found)) {
-        waitingSince = 0;
+        waitingSince = TIME(0);
         return ERROR_BADDB;
     }
     if (tree && MayBeHalf(found)) {
-        const ULONGLONG unchanged = GetTickCount64() - seenAt;
+        const TIME unchanged = Uptime() - seenAt;
         if (unchanged < SettleTime) return Wait(SettleTime - unchanged);
     }
-    waitingSince = 0;
+    waitingSince = TIME(0);
     return ERROR_SUCCESS;
 }
 
@@ -162,24 +147,24 @@ bool REG_STORE::MayBeHalf(const FOUND& found) const {
 }
 
 DWORD REG_STORE::WaitForWriter() {
-    const ULONGLONG waited = waitingSince != 0 ? GetTickCount64() - waitingSince : 0;
+    const TIME waited = waitingSince != TIME(0) ? Uptime() - waitingSince : TIME(0);
     if (!tree || waited >= ComplaintTime) SetProblem(path + ": another program holds it open to write it");
-    return Wait(std::clamp(waited / 4, ShortestPause, LongestPause));
+    return Wait(std::clamp(waited / 4, MinPause, MaxPause));
 }
 
-// Has the file looked at again after so many milliseconds, if anybody waits for its changes.
-DWORD REG_STORE::Wait(ULONGLONG milliseconds) {
-    waitedAt = GetTickCount64();
-    if (waitingSince == 0) waitingSince = waitedAt;
+// Has the file looked at again after the pause, if it is watched.
+DWORD REG_STORE::Wait(TIME pause) {
+    waitedAt = Uptime();
+    if (waitingSince == TIME(0)) waitingSince = waitedAt;
     const std::lock_guard guard(watching);
-    if (watch) watch->CallAfter(milliseconds);
+    if (watch) watch->CallAfter(pause);
     return ERROR_SHARING_VIOLATION;
 }
 
-// Whether a caller that began to wait then has waited long enough; who comes later to the same writer waits no more.
-bool REG_STORE::Overdue(ULONGLONG begin) const {
-    const ULONGLONG since = waitingSince != 0 ? std::min(waitingSince, begin) : begin;
-    return GetTickCount64() - since >= Patience;
+// Whether a caller that began to wait then has waited long enough; later callers do not wait again for that writer.
+bool REG_STORE::Overdue(TIME begin) const {
+    const TIME since = waitingSince != TIME(0) ? std::min(waitingSince, begin) : begin;
+    return Uptime() - since >= MaxWait;
 }
 
 // False: errno says why.
@@ -193,15 +178,7 @@ bool REG_STORE::ReadFile(FOUND& found) {
     // Only now does it stand still.
     if (fstat(found.file.Get(), &status) != 0) return false;
     found.identity = IdentityOf(status);
-    char buffer[16 * 1024];
-    while (found.bytes.size() <= MaxFileBytes) {
-        const ssize_t count = ::read(found.file.Get(), buffer, sizeof buffer);
-        if (count < 0 && errno == EINTR) continue;
-        if (count < 0) return false;
-        if (count == 0) break;
-        found.bytes.append(buffer, static_cast<size_t>(count));
-    }
-    return true;
+    return ReadToEnd(found.file.Get(), MaxFileBytes, found.bytes);
 }
 
 DWORD REG_STORE::Change(const std::function<DWORD(REG_TREE&)>& edit) {
@@ -216,7 +193,7 @@ DWORD REG_STORE::ChangeFile(const std::function<DWORD(REG_TREE&)>& edit) {
     if (!lockFile) return ErrorFromErrno(errno);
     if (!TakeFileLock(lockFile.Get(), LOCK_EX)) return ErrorFromErrno(errno);
 
-    for (const ULONGLONG begin = GetTickCount64();; usleep(LookPauseUs)) {
+    for (const TIME begin = Uptime();; usleep(LookPauseUs)) {
         const DWORD error = TryChange(edit);
         const std::lock_guard guard(lock);
         if (error != ERROR_SHARING_VIOLATION || Overdue(begin)) return error;
@@ -238,14 +215,14 @@ DWORD REG_STORE::TryChange(const std::function<DWORD(REG_TREE&)>& edit) {
     const std::string after = WriteRegText(found.tree);
     if (after.size() > MaxFileBytes) return ERROR_NO_SYSTEM_RESOURCES;
     if (after == found.bytes) return ERROR_SUCCESS;
-    IDENTITY written;
+    FILE_IDENTITY written;
     if (const DWORD error = Replace(after, found, written); error != ERROR_SUCCESS) return error;
     const std::lock_guard guard(lock);
     Take(std::move(found.tree), written);
     return ERROR_SUCCESS;
 }
 
-DWORD REG_STORE::Replace(const std::string& bytes, const FOUND& old, IDENTITY& written) const {
+DWORD REG_STORE::Replace(const std::string& bytes, const FOUND& old, FILE_IDENTITY& written) const {
     REPLACEMENT_FILE fresh(path, FileMode, ".new");
     if (!fresh || !fresh.Write(bytes)) return ErrorFromErrno(errno);
     if (!Unchanged(old)) return ERROR_SHARING_VIOLATION;  // getting it on the disk takes its time

@@ -1,12 +1,11 @@
-// The registry of one machine root: the tree in memory and the file registry.reg behind it, which other processes and
+// The registry of one machine root: the tree in memory and its file registry.reg, which other processes and
 // editors change too.
 #pragma once
 
+#include "win32/files/root_files.h"
 #include "win32/registry/tree.h"
 
-#include <sys/stat.h>
-
-#include <ctime>
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -50,31 +49,24 @@ public:
     std::string TakeProblem();
 
 private:
-    struct IDENTITY {  // what a stat tells apart
-        dev_t device = 0;
-        ino_t inode = 0;
-        off_t size = -1;
-        timespec modified{}, changed{};
-        bool operator==(const IDENTITY& other) const;
-    };
-    static IDENTITY IdentityOf(const struct stat& status);
+    using TIME = std::chrono::milliseconds;  // since the machine was started
 
     struct FOUND;
 
     bool Fresh();
     void Load();
-    void Know(const IDENTITY& read);
-    void Take(REG_TREE read, const IDENTITY& of);
+    void Know(const FILE_IDENTITY& read);
+    void Take(REG_TREE read, const FILE_IDENTITY& of);
     DWORD Look(FOUND& found);
     bool Parse(FOUND& found);
     bool MayBeHalf(const FOUND& found) const;
     DWORD WaitForWriter();
-    DWORD Wait(ULONGLONG milliseconds);
-    bool Overdue(ULONGLONG begin) const;
+    DWORD Wait(TIME pause);
+    bool Overdue(TIME begin) const;
     bool ReadFile(FOUND& found);
     DWORD ChangeFile(const std::function<DWORD(REG_TREE&)>& edit);
     DWORD TryChange(const std::function<DWORD(REG_TREE&)>& edit);
-    DWORD Replace(const std::string& bytes, const FOUND& old, IDENTITY& written) const;
+    DWORD Replace(const std::string& bytes, const FOUND& old, FILE_IDENTITY& written) const;
     bool Unchanged(const FOUND& found) const;
     void SetProblem(std::string text);
     void Announce();
@@ -84,13 +76,13 @@ private:
     std::mutex writing;  // one writer of this process at a time; taken before `lock`
     std::mutex lock;     // guards everything below
     std::shared_ptr<const REG_TREE> tree;
-    IDENTITY identity, taken;    // of what was last read, good or bad, and of what the tree was read from
-    IDENTITY seen;               // when it was last looked at, read or not
-    ULONGLONG seenAt = 0;        // the tick count when it became that
-    ULONGLONG waitingSince = 0;  // the tick count since which another writer may not be done; 0: none is known
-    ULONGLONG waitedAt = 0;      // the tick count of the last look that found so
-    bool known = false;          // `identity` holds
-    bool recent = false;         // read so soon after it was written that the same times need not mean the same bytes
+    FILE_IDENTITY identity, taken;  // of what was last read, good or bad, and of what the tree was read from
+    FILE_IDENTITY seen;             // when it was last looked at, read or not
+    TIME seenAt{};                  // when it became that
+    TIME waitingSince{};            // since when another writer may not be done; 0: none is known
+    TIME waitedAt{};                // of the last look that found so
+    bool known = false;             // `identity` holds
+    bool recent = false;  // read so soon after it was written that the same times need not mean the same bytes
     DWORD loadError = ERROR_SUCCESS;
     std::string problem, takenProblem;
 

@@ -3,6 +3,8 @@
 #include "win32/text/last_error.h"
 #include "win32/text/utf.h"
 
+#include <unicode/utf16.h>
+
 #include <algorithm>
 #include <utility>
 
@@ -43,11 +45,10 @@ bool SameValues(const REG_VALUES& a, const REG_VALUES& b) {
 }
 
 bool WellFormed(std::u16string_view text) {
-    for (size_t i = 0; i < text.size(); ++i) {
-        if (text[i] < 0xD800 || text[i] > 0xDFFF) continue;
-        const bool pair = text[i] < 0xDC00 && i + 1 < text.size() && text[i + 1] >= 0xDC00 && text[i + 1] <= 0xDFFF;
-        if (!pair) return false;
-        ++i;
+    for (size_t at = 0; at < text.size();) {
+        UChar32 point = 0;
+        U16_NEXT(text.data(), at, text.size(), point);
+        if (U_IS_SURROGATE(point)) return false;
     }
     return true;
 }

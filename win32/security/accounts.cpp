@@ -1,23 +1,20 @@
 #include "win32/security/accounts.h"
 
-#include <grp.h>
 #include <pwd.h>
 #include <systemd/sd-id128.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdint>
 #include <cstring>
 #include <vector>
 
-#include "win32/security/domain_accounts.h"
-#include "win32/security/well_known.h"
+#include "win32/text/last_error.h"
 #include "win32/text/utf.h"
 
 namespace win32 {
 namespace {
 
-// Users have even and groups odd relative ids from 1000 on, as on other systems that map Unix ids to SIDs by rule.
+// Users have even relative ids from 1000 on, as on other systems that map Unix ids to SIDs by rule.
 constexpr DWORD FirstRelativeId = 1000;
 constexpr DWORD MaxMappedId = (MAXDWORD - FirstRelativeId - 1) / 2;
 
@@ -25,22 +22,12 @@ constexpr DWORD MaxMappedId = (MAXDWORD - FirstRelativeId - 1) / 2;
 constexpr uint64_t UnixAuthority = 22;
 constexpr DWORD UnixUsers = 1;
 
+constexpr DWORD AnonymousLogon = 7;  // S-1-5-7
+
 constexpr size_t FirstBuffer = 1024;
-constexpr size_t MaxBuffer = 1 << 20;  // of an entry of the account databases
+constexpr size_t MaxBuffer = 1 << 20;  // of an entry of the account database
 
 constexpr sd_id128_t Purpose = SD_ID128_ARRAY(5e, 0b, 1c, 47, 9a, 2d, 4f, 63, b8, 71, 0f, d3, 66, a4, 29, 1e);
-
-// The entry's name, by getpwuid_r or getgrgid_r.
-template <typename ENTRY, typename ID>
-std::optional<std::string> EntryName(int (*find)(ID, ENTRY*, char*, size_t, ENTRY**), ID id, char* ENTRY::*name) {
-    std::vector<char> buffer(FirstBuffer);
-    ENTRY entry{}, *found = nullptr;
-    int error;
-    while ((error = find(id, &entry, buffer.data(), buffer.size(), &found)) == ERANGE && buffer.size() < MaxBuffer)
-        buffer.resize(buffer.size() * 2);
-    if (error != 0 || found == nullptr) return std::nullopt;
-    return found->*name;
-}
 
 std::u16string ComputerName() {
     WCHAR name[MAX_PATH];
@@ -49,26 +36,17 @@ std::u16string ComputerName() {
 }
 
 // Accounts of a domain that the machine has joined are named DOMAIN\account.
-ACCOUNT Named(const std::string& name, SID_NAME_USE use) {
-    const std::u16string text = ToUtf16(name);
-    const size_t separator = text.find(u'\\');
-    if (separator == std::u16string::npos) return {ComputerName(), text, use};
-    return {text.substr(0, separator), text.substr(separator + 1), use};
-}
-
 std::optional<ACCOUNT> User(uid_t id) {
-    const auto name = EntryName(getpwuid_r, id, &passwd::pw_name);
-    if (!name) return std::nullopt;
-    return Named(*name, SidTypeUser);
+    std::vector<char> buffer(FirstBuffer);
+    passwd entry{}, *found = nullptr;
+    while (getpwuid_r(id, &entry, buffer.data(), buffer.size(), &found) == ERANGE && buffer.size() < MaxBuffer)
+        buffer.resize(buffer.size() * 2);
+    if (found == nullptr) return std::nullopt;
+    const std::u16string name = ToUtf16(entry.pw_name);
+    const size_t separator = name.find(u'\\');
+    if (separator == name.npos) return ACCOUNT{ComputerName(), name, SidTypeUser};
+    return ACCOUNT{name.substr(0, separator), name.substr(separator + 1), SidTypeUser};
 }
-
-std::optional<ACCOUNT> Group(gid_t id) {
-    const auto name = EntryName(getgrgid_r, id, &group::gr_name);
-    if (!name) return std::nullopt;
-    return Named(*name, SidTypeAlias);
-}
-
-}  // namespace
 
 SID_VALUE MachineSid() {
     sd_id128_t id{};
@@ -85,6 +63,17 @@ SID_VALUE MachineSid() {
     return {NtAuthority, {21, parts[0], parts[1], parts[2]}};
 }
 
+// Whether the text fits with its terminator.
+bool Fits(const std::u16string& text, LPCWSTR buffer, DWORD units) { return buffer && units > text.size(); }
+
+// Sets units to the length without the terminator when copied, otherwise to the size needed.
+void Put(const std::u16string& text, LPWSTR buffer, LPDWORD units, bool copy) {
+    if (copy) memcpy(buffer, text.c_str(), (text.size() + 1) * sizeof(WCHAR));
+    *units = static_cast<DWORD>(text.size() + (copy ? 0 : 1));
+}
+
+}  // namespace
+
 SID_VALUE UserSid(uid_t user) {
     if (user > MaxMappedId) return {UnixAuthority, {UnixUsers, user}};
     std::vector<DWORD> subs = MachineSid().Subs();
@@ -93,16 +82,12 @@ SID_VALUE UserSid(uid_t user) {
 }
 
 std::optional<ACCOUNT> FindAccount(const SID_VALUE& sid) {
-    if (auto known = FindWellKnown(sid)) return known;
-    const SID_VALUE machine = MachineSid();
-    if (sid == machine) return ACCOUNT{ComputerName(), u"", SidTypeDomain};
+    if (sid == SID_VALUE{NtAuthority, {AnonymousLogon}})
+        return ACCOUNT{u"NT AUTHORITY", u"ANONYMOUS LOGON", SidTypeWellKnownGroup};
     if (sid.Subs().empty()) return std::nullopt;
     const DWORD last = sid.Subs().back();
-    if (sid.Domain() == SID_VALUE{UnixAuthority, {UnixUsers}} && last > MaxMappedId) return User(last);
-    if (sid.Domain() != machine) return FindDomainAccount(sid);
-    if (last < FirstRelativeId) return std::nullopt;
-    const DWORD id = (last - FirstRelativeId) / 2;
-    return last % 2 == 0 ? User(id) : Group(id);
+    const uid_t user = last > MaxMappedId && sid.Domain() != MachineSid() ? last : (last - FirstRelativeId) / 2;
+    return sid == UserSid(user) ? User(user) : std::nullopt;
 }
 
 bool IsThisSystem(LPCWSTR name) {
@@ -112,3 +97,20 @@ bool IsThisSystem(LPCWSTR name) {
 }
 
 }  // namespace win32
+
+// By the two-call pattern of size and text.
+BOOL WINAPI LookupAccountSidW(LPCWSTR system, PSID sid, LPWSTR account, LPDWORD accountUnits, LPWSTR domain,
+                              LPDWORD domainUnits, PSID_NAME_USE use) {
+    const auto value = win32::SID_VALUE::At(sid);
+    if (!accountUnits || !domainUnits || !use || !value) return win32::FailWith(ERROR_INVALID_PARAMETER);
+    if (!win32::IsThisSystem(system)) return win32::FailWith(win32::RpcServerUnavailable);
+    const auto found = win32::FindAccount(*value);
+    if (!found) return win32::FailWith(ERROR_NONE_MAPPED);
+    const bool fits =
+        win32::Fits(found->name, account, *accountUnits) && win32::Fits(found->domain, domain, *domainUnits);
+    win32::Put(found->name, account, accountUnits, fits);
+    win32::Put(found->domain, domain, domainUnits, fits);
+    if (!fits) return win32::FailWith(ERROR_INSUFFICIENT_BUFFER);
+    *use = found->use;
+    return TRUE;
+}

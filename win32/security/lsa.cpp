@@ -1,12 +1,9 @@
-// The local security authority: a policy handle and the names of several SIDs at once.
+// The local security authority: a policy handle and the name of one SID.
 #include <ntsecapi.h>
 
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
-#include <limits>
-#include <utility>
-#include <vector>
 
 #include "win32/security/accounts.h"
 #include "win32/sync/kernel_object.h"
@@ -16,7 +13,6 @@ namespace {
 
 constexpr NTSTATUS Status(DWORD code) { return static_cast<NTSTATUS>(code); }
 constexpr NTSTATUS StatusSuccess = Status(0);
-constexpr NTSTATUS StatusSomeNotMapped = Status(0x00000107);  // a success: the unknown ones have SidTypeUnknown
 constexpr NTSTATUS StatusInvalidHandle = Status(0xC0000008);
 constexpr NTSTATUS StatusInvalidParameter = Status(0xC000000D);
 constexpr NTSTATUS StatusNoMemory = Status(0xC0000017);
@@ -25,106 +21,39 @@ constexpr NTSTATUS StatusNoneMapped = Status(0xC0000073);
 constexpr NTSTATUS StatusNotSupported = Status(0xC00000BB);
 constexpr NTSTATUS StatusServerUnavailable = Status(0xC0020017);
 
-constexpr ULONG MaxSids = 0x5000;  // of one look-up, as Windows limits it
-
 struct POLICY final : KERNEL_OBJECT {
     explicit POLICY(ACCESS_MASK granted) : access(granted) {}
     const ACCESS_MASK access;
 };
 
-// One block that a result and everything it points to live in, so that LsaFreeMemory frees it as a whole.
-class RESULT_BLOCK {
-public:
-    explicit RESULT_BLOCK(size_t bytes) : memory(static_cast<BYTE*>(calloc(1, bytes + 1))), next(memory) {}
-    ~RESULT_BLOCK() { free(memory); }
-    RESULT_BLOCK(const RESULT_BLOCK&) = delete;
-    RESULT_BLOCK& operator=(const RESULT_BLOCK&) = delete;
+constexpr size_t MaxNameUnits = 256;  // longer than any account's or domain's name here
 
-    explicit operator bool() const { return memory != nullptr; }
-
-    // Parts are taken in order of falling alignment.
-    template <typename T>
-    T* Take(size_t count) {
-        T* part = reinterpret_cast<T*>(next);
-        next += count * sizeof(T);
-        return part;
-    }
-    LSA_UNICODE_STRING TakeText(const std::u16string& text) {
-        const USHORT bytes = TextBytes(text);
-        WCHAR* buffer = Take<WCHAR>(bytes / sizeof(WCHAR));
-        std::copy_n(text.data(), bytes / sizeof(WCHAR), buffer);
-        return {bytes, bytes, buffer};
-    }
-    static USHORT TextBytes(const std::u16string& text) {
-        constexpr size_t limit = std::numeric_limits<USHORT>::max() / sizeof(WCHAR);
-        return static_cast<USHORT>(std::min(text.size(), limit) * sizeof(WCHAR));
-    }
-    BYTE* Release() { return std::exchange(memory, nullptr); }
-
-private:
-    BYTE* memory;
-    BYTE* next;
+// The two results, each in one block that everything it points to lives in, so that LsaFreeMemory frees it as a whole.
+struct TRANSLATED_BLOCK {
+    LSA_TRANSLATED_NAME name;
+    WCHAR text[MaxNameUnits];
+};
+struct DOMAIN_BLOCK {
+    LSA_REFERENCED_DOMAIN_LIST list;
+    LSA_TRUST_INFORMATION domain;
+    WCHAR text[MaxNameUnits];
+    DWORD sid[32];  // more than the longest has
 };
 
-struct FOUND {
-    ACCOUNT account;
-    LONG domain = -1;  // index among the referenced domains; unknown accounts have none
-};
+// The text that is copied into a block.
+LSA_UNICODE_STRING Put(const std::u16string& text, WCHAR* block) {
+    const size_t units = text.copy(block, MaxNameUnits);
+    const USHORT bytes = static_cast<USHORT>(units * sizeof(WCHAR));
+    return {bytes, bytes, block};
+}
 
-struct DOMAIN {
-    std::u16string name;
-    SID_VALUE sid;
-};
-
-struct LOOKUP {
-    std::vector<FOUND> names;
-    std::vector<DOMAIN> domains;
-
-    void Add(const SID_VALUE& sid) {
-        const auto account = FindAccount(sid);
-        if (!account) {
-            names.emplace_back();
-            return;
-        }
-        const SID_VALUE owner = account->use == SidTypeDomain ? sid : sid.Domain();
-        auto domain = std::find_if(domains.begin(), domains.end(),
-                                   [&](const DOMAIN& d) { return d.sid == owner && d.name == account->domain; });
-        if (domain == domains.end()) domain = domains.insert(domains.end(), {account->domain, owner});
-        names.push_back({*account, static_cast<LONG>(domain - domains.begin())});
-    }
-
-    NTSTATUS Status() const {
-        const auto mapped = [](const FOUND& found) { return found.domain >= 0; };
-        if (std::none_of(names.begin(), names.end(), mapped)) return StatusNoneMapped;
-        return std::all_of(names.begin(), names.end(), mapped) ? StatusSuccess : StatusSomeNotMapped;
-    }
-
-    PLSA_TRANSLATED_NAME Names() const {
-        size_t bytes = names.size() * sizeof(LSA_TRANSLATED_NAME);
-        for (const FOUND& found : names) bytes += RESULT_BLOCK::TextBytes(found.account.name);
-        RESULT_BLOCK block(bytes);
-        if (!block) return nullptr;
-        auto* name = block.Take<LSA_TRANSLATED_NAME>(names.size());
-        for (const FOUND& found : names)
-            *name++ = {found.account.use, block.TakeText(found.account.name), found.domain};
-        return reinterpret_cast<PLSA_TRANSLATED_NAME>(block.Release());
-    }
-
-    PLSA_REFERENCED_DOMAIN_LIST Domains() const {
-        size_t bytes = sizeof(LSA_REFERENCED_DOMAIN_LIST) + domains.size() * sizeof(LSA_TRUST_INFORMATION);
-        for (const DOMAIN& domain : domains) bytes += domain.sid.Bytes() + RESULT_BLOCK::TextBytes(domain.name);
-        RESULT_BLOCK block(bytes);
-        if (!block) return nullptr;
-        auto* list = block.Take<LSA_REFERENCED_DOMAIN_LIST>(1);
-        *list = {static_cast<ULONG>(domains.size()), block.Take<LSA_TRUST_INFORMATION>(domains.size())};
-        for (size_t i = 0; i < domains.size(); ++i) {
-            list->Domains[i].Sid = block.Take<BYTE>(domains[i].sid.Bytes());
-            domains[i].sid.Store(list->Domains[i].Sid);
-        }
-        for (size_t i = 0; i < domains.size(); ++i) list->Domains[i].Name = block.TakeText(domains[i].name);
-        return reinterpret_cast<PLSA_REFERENCED_DOMAIN_LIST>(block.Release());
-    }
-};
+void Fill(const SID_VALUE& sid, const ACCOUNT& account, TRANSLATED_BLOCK& name, DOMAIN_BLOCK& domain) {
+    name.name = {account.use, Put(account.name, name.text), 0};
+    const std::string bytes = sid.Domain().Bytes();
+    memcpy(domain.sid, bytes.data(), bytes.size());
+    domain.domain = {Put(account.domain, domain.text), domain.sid};
+    domain.list = {1, &domain.domain};
+}
 
 }  // namespace
 }  // namespace win32
@@ -140,27 +69,30 @@ NTSTATUS NTAPI LsaOpenPolicy(PLSA_UNICODE_STRING system, PLSA_OBJECT_ATTRIBUTES 
     return win32::StatusSuccess;
 }
 
+// One SID at a time. A SID that is not known gives both results all the same, as on Windows, and a failing status.
 NTSTATUS NTAPI LsaLookupSids(LSA_HANDLE policy, ULONG count, PSID* sids, PLSA_REFERENCED_DOMAIN_LIST* domains,
                              PLSA_TRANSLATED_NAME* names) {
     const auto object = win32::ObjectAs<win32::POLICY>(policy);
     if (!object) return win32::StatusInvalidHandle;
     if ((object->access & POLICY_LOOKUP_NAMES) == 0) return win32::StatusAccessDenied;
-    if (count == 0 || count > win32::MaxSids || !sids || !domains || !names) return win32::StatusInvalidParameter;
+    if (count == 0 || !sids || !domains || !names) return win32::StatusInvalidParameter;
+    if (count > 1) return win32::StatusNotSupported;
+    const auto sid = win32::SID_VALUE::At(*sids);
+    if (!sid) return win32::StatusInvalidParameter;
+    const auto account = win32::FindAccount(*sid);
 
-    win32::LOOKUP lookup;
-    for (ULONG i = 0; i < count; ++i) {
-        win32::SID_VALUE sid;
-        if (!sid.Load(sids[i])) return win32::StatusInvalidParameter;
-        lookup.Add(sid);
-    }
-    *domains = lookup.Domains();
-    *names = lookup.Names();
-    if (*domains == nullptr || *names == nullptr) {
-        LsaFreeMemory(std::exchange(*domains, nullptr));
-        LsaFreeMemory(std::exchange(*names, nullptr));
+    auto* const name = static_cast<win32::TRANSLATED_BLOCK*>(calloc(1, sizeof(win32::TRANSLATED_BLOCK)));
+    auto* const domain = static_cast<win32::DOMAIN_BLOCK*>(calloc(1, sizeof(win32::DOMAIN_BLOCK)));
+    if (name == nullptr || domain == nullptr) {
+        free(name);
+        free(domain);
         return win32::StatusNoMemory;
     }
-    return lookup.Status();
+    name->name = {SidTypeUnknown, {}, -1};
+    if (account) win32::Fill(*sid, *account, *name, *domain);
+    *names = &name->name;
+    *domains = &domain->list;
+    return account ? win32::StatusSuccess : win32::StatusNoneMapped;
 }
 
 NTSTATUS NTAPI LsaFreeMemory(PVOID buffer) {
@@ -179,14 +111,13 @@ ULONG NTAPI LsaNtStatusToWinError(NTSTATUS status) {
         ULONG error;
     } rows[] = {
         {win32::StatusSuccess, ERROR_SUCCESS},
-        {win32::StatusSomeNotMapped, 1301},  // ERROR_SOME_NOT_MAPPED
         {win32::StatusInvalidHandle, ERROR_INVALID_HANDLE},
         {win32::StatusInvalidParameter, ERROR_INVALID_PARAMETER},
         {win32::StatusNoMemory, ERROR_NOT_ENOUGH_MEMORY},
         {win32::StatusAccessDenied, ERROR_ACCESS_DENIED},
         {win32::StatusNoneMapped, ERROR_NONE_MAPPED},
         {win32::StatusNotSupported, ERROR_NOT_SUPPORTED},
-        {win32::StatusServerUnavailable, 1722},  // RPC_S_SERVER_UNAVAILABLE
+        {win32::StatusServerUnavailable, win32::RpcServerUnavailable},
     };
     for (const auto& row : rows)
         if (row.status == status) return row.error;

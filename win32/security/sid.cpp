@@ -2,25 +2,94 @@
 
 #include <sddl.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <string>
 
 #include "win32/text/last_error.h"
+#include "win32/text/numbers.h"
+#include "win32/text/utf.h"
 
 namespace win32 {
+namespace {
 
-bool SID_VALUE::Load(const void* sid) {
-    if (sid == nullptr) return false;
+// The layout behind a PSID; the sub-authorities follow.
+struct SID_HEADER {
+    BYTE revision;
+    BYTE count;
+    BYTE authority[6];  // big-endian
+};
+static_assert(sizeof(SID_HEADER) == 8);
+
+constexpr BYTE SidRevision = 1;
+constexpr BYTE MaxSubAuthorities = 15;
+constexpr int AuthorityDigits = 12;  // of an authority that is written in hexadecimal
+
+size_t LengthOf(const SID_HEADER& header) { return sizeof(header) + header.count * sizeof(DWORD); }
+
+// "4294967295", or "0x" and twelve hexadecimal digits.
+bool TakeAuthority(std::string_view& text, uint64_t& authority) {
+    if (!text.starts_with("0x") && !text.starts_with("0X")) return TakeNumber(text, authority) && authority <= MAXDWORD;
+    const std::string_view digits = text.substr(2, AuthorityDigits);
+    const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), authority, 16);
+    if (error != std::errc() || end - digits.data() != AuthorityDigits || authority <= MAXDWORD) return false;
+    text.remove_prefix(2 + AuthorityDigits);
+    return true;
+}
+
+}  // namespace
+
+std::optional<SID_VALUE> SID_VALUE::At(const void* sid) {
+    if (sid == nullptr) return std::nullopt;
     SID_HEADER header;
     memcpy(&header, sid, sizeof(header));
-    if (header.revision != SidRevision || header.count > MaxSubAuthorities) return false;
-    authority = 0;
-    for (const BYTE byte : header.authority) authority = authority << 8 | byte;
-    subs.resize(header.count);
-    if (!subs.empty()) memcpy(subs.data(), static_cast<const BYTE*>(sid) + sizeof(header), subs.size() * sizeof(DWORD));
-    return true;
+    if (header.revision != SidRevision || header.count > MaxSubAuthorities) return std::nullopt;
+    SID_VALUE value;
+    for (const BYTE byte : header.authority) value.authority = value.authority << 8 | byte;
+    value.subs.resize(header.count);
+    if (header.count > 0)
+        memcpy(value.subs.data(), static_cast<const BYTE*>(sid) + sizeof(header), header.count * sizeof(DWORD));
+    return value;
+}
+
+std::optional<SID_VALUE> SID_VALUE::FromBytes(std::string_view bytes) {
+    SID_HEADER header;
+    if (bytes.size() < sizeof(header)) return std::nullopt;
+    memcpy(&header, bytes.data(), sizeof(header));
+    return bytes.size() == LengthOf(header) ? At(bytes.data()) : std::nullopt;
+}
+
+std::optional<SID_VALUE> SID_VALUE::FromText(std::string_view text) {
+    constexpr std::string_view prefix = "S-1-";
+    SID_VALUE value;
+    if (!text.starts_with(prefix) && !text.starts_with("s-1-")) return std::nullopt;
+    text.remove_prefix(prefix.size());
+    if (!TakeAuthority(text, value.authority)) return std::nullopt;
+    while (!text.empty()) {
+        DWORD sub = 0;
+        if (!text.starts_with('-') || value.subs.size() == MaxSubAuthorities) return std::nullopt;
+        text.remove_prefix(1);
+        if (!TakeNumber(text, sub)) return std::nullopt;
+        value.subs.push_back(sub);
+    }
+    return value;
+}
+
+std::string SID_VALUE::Bytes() const {
+    SID_HEADER header{SidRevision, static_cast<BYTE>(subs.size()), {}};
+    for (int i = 0; i < 6; ++i) header.authority[i] = static_cast<BYTE>(authority >> (40 - 8 * i));
+    std::string bytes(reinterpret_cast<const char*>(&header), sizeof(header));
+    return bytes.append(reinterpret_cast<const char*>(subs.data()), subs.size() * sizeof(DWORD));
+}
+
+std::string SID_VALUE::Text() const {
+    char number[32];
+    const char* const format = authority > MAXDWORD ? "S-1-0x%012llX" : "S-1-%llu";
+    snprintf(number, sizeof(number), format, static_cast<unsigned long long>(authority));
+    std::string text = number;
+    for (const DWORD sub : subs) text += "-" + std::to_string(sub);
+    return text;
 }
 
 SID_VALUE SID_VALUE::Domain() const {
@@ -29,34 +98,17 @@ SID_VALUE SID_VALUE::Domain() const {
     return domain;
 }
 
-void SID_VALUE::Store(void* memory) const {
-    SID_HEADER header{SidRevision, static_cast<BYTE>(subs.size()), {}};
-    for (int i = 0; i < 6; ++i) header.authority[i] = static_cast<BYTE>(authority >> (40 - 8 * i));
-    memcpy(memory, &header, sizeof(header));
-    if (!subs.empty()) memcpy(static_cast<BYTE*>(memory) + sizeof(header), subs.data(), subs.size() * sizeof(DWORD));
-}
-
-// S-1-authority-sub-...: an authority beyond 32 bits is written as twelve hexadecimal digits.
-static std::u16string SidText(const SID_VALUE& sid) {
-    char number[32];
-    const bool large = sid.Authority() > MAXDWORD;
-    snprintf(number, sizeof(number), large ? "0x%012llX" : "%llu", static_cast<unsigned long long>(sid.Authority()));
-    std::string text = std::string("S-1-") + number;
-    for (const DWORD sub : sid.Subs()) text += "-" + std::to_string(sub);
-    return {text.begin(), text.end()};
-}
-
 }  // namespace win32
 
 BOOL WINAPI AllocateAndInitializeSid(PSID_IDENTIFIER_AUTHORITY authority, BYTE count, DWORD s0, DWORD s1, DWORD s2,
                                      DWORD s3, DWORD s4, DWORD s5, DWORD s6, DWORD s7, PSID* sid) {
     const DWORD subs[] = {s0, s1, s2, s3, s4, s5, s6, s7};
     if (authority == nullptr || sid == nullptr) return win32::FailWith(ERROR_INVALID_PARAMETER);
-    if (count > 8) return win32::FailWith(ERROR_INVALID_SID);
-    BYTE* memory = static_cast<BYTE*>(malloc(sizeof(win32::SID_HEADER) + count * sizeof(DWORD)));
-    if (memory == nullptr) return win32::FailWith(ERROR_NOT_ENOUGH_MEMORY);
+    if (count > std::size(subs)) return win32::FailWith(ERROR_INVALID_SID);
     win32::SID_HEADER header{win32::SidRevision, count, {}};
-    memcpy(header.authority, authority->Value, sizeof(header.authority));
+    std::copy_n(authority->Value, sizeof(header.authority), header.authority);
+    BYTE* memory = static_cast<BYTE*>(malloc(win32::LengthOf(header)));
+    if (memory == nullptr) return win32::FailWith(ERROR_NOT_ENOUGH_MEMORY);
     memcpy(memory, &header, sizeof(header));
     memcpy(memory + sizeof(header), subs, count * sizeof(DWORD));
     *sid = memory;
@@ -69,22 +121,14 @@ PVOID WINAPI FreeSid(PSID sid) {
 }
 
 DWORD WINAPI GetLengthSid(PSID sid) {
-    const BYTE count = static_cast<const BYTE*>(sid)[offsetof(win32::SID_HEADER, count)];
-    return static_cast<DWORD>(sizeof(win32::SID_HEADER) + count * sizeof(DWORD));
-}
-
-BOOL WINAPI CopySid(DWORD bytes, PSID to, PSID from) {
-    const DWORD length = GetLengthSid(from);
-    if (bytes < length) return win32::FailWith(ERROR_INSUFFICIENT_BUFFER);
-    memmove(to, from, length);
-    return TRUE;
+    return static_cast<DWORD>(win32::LengthOf(*static_cast<const win32::SID_HEADER*>(sid)));
 }
 
 BOOL WINAPI ConvertSidToStringSidW(PSID sid, LPWSTR* text) {
-    win32::SID_VALUE value;
     if (sid == nullptr || text == nullptr) return win32::FailWith(ERROR_INVALID_PARAMETER);
-    if (!value.Load(sid)) return win32::FailWith(ERROR_INVALID_SID);
-    const std::u16string converted = win32::SidText(value);
+    const auto value = win32::SID_VALUE::At(sid);
+    if (!value) return win32::FailWith(ERROR_INVALID_SID);
+    const std::u16string converted = win32::ToUtf16(value->Text());
     const size_t bytes = (converted.size() + 1) * sizeof(WCHAR);
     *text = static_cast<LPWSTR>(LocalAlloc(LMEM_FIXED, bytes));
     if (*text == nullptr) return win32::FailWith(ERROR_NOT_ENOUGH_MEMORY);

@@ -1,6 +1,7 @@
 // The service control dispatcher: runs the service on a thread of its own, hands it the stop control, and returns when
 // the service has stopped.
 #include <poll.h>
+#include <process.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -13,9 +14,7 @@
 #include <vector>
 
 #include "win32/services/exit_status.h"
-#include "win32/services/machine_shutdown.h"
 #include "win32/services/service_manager.h"
-#include "win32/services/watchdog.h"
 #include "win32/sync/descriptor.h"
 #include "win32/text/last_error.h"
 #include "win32/text/utf.h"
@@ -26,7 +25,7 @@ namespace {
 constexpr DWORD AlreadyRunning = 1056;    // ERROR_SERVICE_ALREADY_RUNNING
 constexpr DWORD ProcessAborted = 1067;    // ERROR_PROCESS_ABORTED
 constexpr DWORD NotInThisProgram = 1083;  // ERROR_SERVICE_NOT_IN_EXE
-constexpr DWORD LastWordsMs = 5000;       // for what ServiceMain does after its report of SERVICE_STOPPED
+constexpr DWORD MaxEndMs = 5000;          // for what ServiceMain does after its report of SERVICE_STOPPED
 
 // What the process was started with, but for the program's name: the unit's arguments.
 std::vector<std::u16string> ProcessArguments() {
@@ -49,7 +48,7 @@ public:
     DWORD ExitCode();
 
 private:
-    static DWORD WINAPI ServiceThread(LPVOID argument);
+    static unsigned WINAPI ServiceThread(LPVOID argument);
 
     bool Begin(const SERVICE_TABLE_ENTRYW& entry);
     void End();
@@ -101,24 +100,26 @@ void SERVICE::End() {
 bool SERVICE::Run(const SERVICE_TABLE_ENTRYW& entry) {
     if (!Begin(entry)) return false;
     STOP_SIGNALS signals;
-    HANDLE started = signals.Descriptor() < 0 ? nullptr : CreateThread(nullptr, 0, ServiceThread, this, 0, nullptr);
+    const bool ready = signals.Descriptor() >= 0;
+    HANDLE started =
+        ready ? reinterpret_cast<HANDLE>(_beginthreadex(nullptr, 0, ServiceThread, this, 0, nullptr)) : nullptr;
     if (started != nullptr) {
         DispatchUntilStopped(signals);
-        WaitForSingleObject(started, LastWordsMs);
+        WaitForSingleObject(started, MaxEndMs);
         CloseHandle(started);
     }
     End();
     return started != nullptr || FailWith(ERROR_NOT_ENOUGH_MEMORY);
 }
 
-DWORD WINAPI SERVICE::ServiceThread(LPVOID argument) {
+unsigned WINAPI SERVICE::ServiceThread(LPVOID argument) {
     SERVICE& service = *static_cast<SERVICE*>(argument);
     service.thread = gettid();
     std::vector<LPWSTR> arguments;
     for (std::u16string& parameter : service.startParameters) arguments.push_back(parameter.data());
     arguments.push_back(nullptr);
     service.main(static_cast<DWORD>(arguments.size() - 1), arguments.data());
-    if (!service.Stopped()) {  // nobody else would tell the manager
+    if (!service.Stopped()) {  // no other thread reports it to the manager
         SERVICE_STATUS status{};
         status.dwServiceType = SERVICE_WIN32_OWN_PROCESS;
         status.dwCurrentState = SERVICE_STOPPED;
@@ -201,7 +202,7 @@ bool SERVICE::Report(SERVICE_STATUS_HANDLE handle, const SERVICE_STATUS& status)
         if (!active || handle != Handle()) return FailWith(ERROR_INVALID_HANDLE);
         if (status.dwCurrentState < SERVICE_STOPPED || status.dwCurrentState > SERVICE_RUNNING)
             return FailWith(ERROR_INVALID_DATA);
-        // Told under the lock, so that the manager sees the states in the order in which they were reported.
+        // Sent under the lock, so that the manager sees the states in the order in which they were reported.
         const bool delivered = NotifyServiceManager(StateMessage(status));
         if (status.dwCurrentState == SERVICE_STOPPED) {
             stopped = true;  // delivered or not: the dispatcher must end

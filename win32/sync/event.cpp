@@ -10,7 +10,6 @@
 #include <mutex>
 
 #include "win32/sync/descriptor.h"
-#include "win32/sync/dispatcher.h"
 #include "win32/sync/kernel_object.h"
 #include "win32/text/last_error.h"
 
@@ -48,7 +47,7 @@ public:
 
     void Pulse() {
         const std::lock_guard guard(DispatcherLock());
-        if (signalled) return;  // set for good, or a pulse that nobody has taken yet
+        if (signalled) return;  // set for good, or a pulse that no wait has taken yet
         oneShot = true;
         Signal();
     }
@@ -106,7 +105,7 @@ bool SetEventCompanion(KERNEL_OBJECT& event, int fd, short events) {
 }  // namespace win32
 
 HANDLE WINAPI CreateEventW(LPSECURITY_ATTRIBUTES, BOOL manualReset, BOOL initiallySet, LPCWSTR name) {
-    if (name != nullptr && *name != 0) {  // names shared between processes: nobody asks for them yet
+    if (name != nullptr && *name != 0) {  // names shared between processes: no caller asks for them
         SetLastError(ERROR_NOT_SUPPORTED);
         return nullptr;
     }

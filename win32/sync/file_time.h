@@ -1,8 +1,9 @@
-// File times: 100-ns units since 1601-01-01 UTC, as 64-bit numbers.
+// File times, 100-ns units since 1601-01-01 UTC, as 64-bit numbers; and the tick count as a duration.
 #pragma once
 
 #include <windows.h>
 
+#include <chrono>
 #include <cstdint>
 
 namespace win32 {
@@ -15,7 +16,7 @@ constexpr int64_t UnixEpoch = 116'444'736'000'000'000;  // 1970-01-01 as a file 
 constexpr uint64_t ToUnits(const FILETIME& time) { return uint64_t{time.dwHighDateTime} << 32 | time.dwLowDateTime; }
 constexpr FILETIME FromUnits(uint64_t units) { return {static_cast<DWORD>(units), static_cast<DWORD>(units >> 32)}; }
 
-// Local time minus UTC in file-time units, as it is at `utc`. Cheap enough for every line of a log.
-int64_t LocalOffset(int64_t utc);
+// How long the machine has been up, asleep or not.
+inline std::chrono::milliseconds Uptime() { return std::chrono::milliseconds(GetTickCount64()); }
 
 }  // namespace win32

@@ -5,7 +5,6 @@
 #include <utility>
 #include <vector>
 
-#include "win32/sync/dispatcher.h"
 #include "win32/text/last_error.h"
 
 namespace win32 {

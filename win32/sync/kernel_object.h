@@ -1,14 +1,15 @@
-// What stands behind a HANDLE: one table of reference-counted objects for the whole process.
+// What a HANDLE stands for: one table of reference-counted objects for the whole process.
 #pragma once
 
 #include <windows.h>
 
 #include <functional>
 #include <memory>
+#include <mutex>
 
 namespace win32 {
 
-// An object behind a handle. Objects that can be waited for give a descriptor that polls readable while signalled.
+// The object of a handle. Objects that can be waited for give a descriptor that polls readable while signalled.
 class KERNEL_OBJECT {
 public:
     KERNEL_OBJECT() = default;
@@ -27,25 +28,30 @@ public:
     virtual COMPANION Companion() const { return {}; }
 
     // Takes the signal if the object is signalled right now (an auto-reset object becomes unsignalled by it).
-    // False: somebody else was faster. Called by waits only, which hold the process's dispatcher lock (dispatcher.h).
+    // False: another wait was faster. Called by waits only, which hold the dispatcher lock.
     virtual bool TakeSignal() { return false; }
 };
+
+// The one lock under which objects become signalled and signals are taken, so that a wait for all of several objects
+// takes every signal or none. Never destroyed: objects are signalled while the process ends, too. Held for a few system
+// calls at most.
+std::mutex& DispatcherLock();
 
 // Enters the object into the table; never null. Closed by CloseHandle.
 HANDLE NewHandle(std::shared_ptr<KERNEL_OBJECT> object);
 
-// The object behind a handle, or null (last error ERROR_INVALID_HANDLE). The caller shares its ownership, so that
+// The object of a handle, or null (last error ERROR_INVALID_HANDLE). The caller shares its ownership, so that
 // another thread may close the handle meanwhile.
 std::shared_ptr<KERNEL_OBJECT> ObjectOf(HANDLE handle);
 
-// The objects behind `count` handles, all or none of them; false with ERROR_INVALID_HANDLE when one is no handle. The
+// The objects of `count` handles, all or none of them; false with ERROR_INVALID_HANDLE when one is no handle. The
 // pseudo handle of the process gives a null pointer: it is an object that never becomes signalled.
 bool ObjectsOf(const HANDLE* handles, DWORD count, std::shared_ptr<KERNEL_OBJECT>* objects);
 
 // Removes the handle from the table; the object dies with its last user. False: no such handle (last error set).
 bool RemoveHandle(HANDLE handle);
 
-// The object behind a handle as a T, or null with ERROR_INVALID_HANDLE when it is of another kind.
+// The object of a handle as a T, or null with ERROR_INVALID_HANDLE when it is of another kind.
 template <typename T>
 std::shared_ptr<T> ObjectAs(HANDLE handle) {
     std::shared_ptr<T> object = std::dynamic_pointer_cast<T>(ObjectOf(handle));
@@ -61,8 +67,8 @@ bool SignalEventObject(KERNEL_OBJECT& event);
 // when the event is a manual-reset one. An event that is set already stays as it is. False: not an event.
 bool PulseEventObject(KERNEL_OBJECT& event);
 
-// Has `call` called when the event is gone: its handle is closed and nobody uses it any more. It may run on any thread.
-// False: not an event. The last call given counts.
+// Has `call` called when the event is gone: its handle is closed and no thread uses it any more. It may run on any
+// thread. False: not an event. The last call given counts.
 bool OnEventEnd(KERNEL_OBJECT& event, std::function<void()> call);
 
 // Binds a descriptor to an event as its companion (fd -1: none); false when the object is not an event. Waits that

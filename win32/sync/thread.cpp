@@ -1,20 +1,20 @@
-// Threads. A thread object is signalled by the thread's end or by its being abandoned, whichever comes first.
+// Threads, critical sections, thread-local slots, and who runs. A thread object is signalled by the thread's end or by
+// its being abandoned, whichever comes first.
 #include <process.h>
 #include <pthread.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <string>
 
 #include "win32/sync/descriptor.h"
-#include "win32/sync/dispatcher.h"
 #include "win32/sync/kernel_object.h"
 #include "win32/text/last_error.h"
 #include "win32/text/utf.h"
@@ -29,18 +29,12 @@ public:
     int WaitDescriptor() const override { return fd.Get(); }
     bool TakeSignal() override { return ended; }
 
-    // The first end counts: a thread that was abandoned keeps the exit code it was given then.
-    void End(DWORD code) {
+    // By the thread's end or by its being abandoned: the first counts. Exit codes are not kept, no caller asks for
+    // them.
+    void End() {
         const std::lock_guard guard(DispatcherLock());
-        if (ended) return;
         const uint64_t one = 1;
-        ended = write(fd.Get(), &one, sizeof(one)) == sizeof(one);
-        exitCode = code;
-    }
-
-    DWORD ExitCode() const {
-        const std::lock_guard guard(DispatcherLock());
-        return exitCode;
+        if (!ended) ended = write(fd.Get(), &one, sizeof(one)) == sizeof(one);
     }
 
     void Started(DWORD number) {
@@ -54,8 +48,7 @@ public:
 
 private:
     const DESCRIPTOR fd;
-    bool ended = false;             // under the dispatcher lock
-    DWORD exitCode = STILL_ACTIVE;  // under the dispatcher lock
+    bool ended = false;  // under the dispatcher lock
     std::atomic<DWORD> id{0};
 };
 
@@ -64,7 +57,7 @@ private:
 // key that comes back in the rounds of destructors, but for the last one, which the sanitizers keep for themselves.
 class THREAD_END {
 public:
-    THREAD_END(std::shared_ptr<THREAD> object, DWORD exitCode) : thread(std::move(object)), code(exitCode) {}
+    explicit THREAD_END(std::shared_ptr<THREAD> object) : thread(std::move(object)) {}
 
     // Ends the calling thread's object once the thread is gone; at once, when there is no key to be had.
     static void Await(std::unique_ptr<THREAD_END> end) {
@@ -75,9 +68,8 @@ public:
             return;
         }
         const std::shared_ptr<THREAD> thread = end->thread;
-        const DWORD code = end->code;
         end.reset();
-        thread->End(code);
+        thread->End();
     }
 
 private:
@@ -90,24 +82,21 @@ private:
     };
 
     const std::shared_ptr<THREAD> thread;
-    const DWORD code;
     int round = 0;
 };
 
 // What a new thread is handed.
-template <typename ROUTINE>
 struct START {
     std::shared_ptr<THREAD> thread;
-    ROUTINE routine;
+    unsigned(WINAPI* routine)(void*);
     void* argument;
 };
 
-template <typename ROUTINE>
 void* Run(void* memory) {
-    const std::unique_ptr<START<ROUTINE>> start(static_cast<START<ROUTINE>*>(memory));
+    const std::unique_ptr<START> start(static_cast<START*>(memory));
     start->thread->Started(GetCurrentThreadId());
-    const DWORD code = start->routine(start->argument);
-    THREAD_END::Await(std::make_unique<THREAD_END>(start->thread, code));
+    start->routine(start->argument);
+    THREAD_END::Await(std::make_unique<THREAD_END>(start->thread));
     return nullptr;
 }
 
@@ -130,58 +119,42 @@ private:
     pthread_attr_t attributes;
 };
 
-// The agent ends without a word when a thread that it needs does not start: here it is said what there was none of.
-HANDLE NotStarted(int reason, DWORD code) {
+// The agent ends without a line when a thread that it needs does not start: here it is said why.
+uintptr_t NotStarted(int reason, DWORD code) {
     OutputDebugStringW(
         ToUtf16("Keldwick: a thread cannot be started: " + std::string(strerror(reason)) + "\n").c_str());
     SetLastError(code);
-    return nullptr;
-}
-
-// The new thread's handle, or null (last error set). Flags (suspended start) are not supported.
-template <typename ROUTINE, typename ID>
-HANDLE Start(size_t stack, ROUTINE routine, void* argument, DWORD flags, ID* threadId) {
-    DESCRIPTOR fd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-    if (!fd) return NotStarted(errno, ErrorFromErrno(errno));
-    if (routine == nullptr || flags != 0) {
-        SetLastError(flags != 0 ? ERROR_NOT_SUPPORTED : ERROR_INVALID_PARAMETER);
-        return nullptr;
-    }
-    const auto thread = std::make_shared<THREAD>(std::move(fd));
-    auto start = std::make_unique<START<ROUTINE>>(START<ROUTINE>{thread, routine, argument});
-    const THREAD_ATTRIBUTES attributes(stack);
-    pthread_t ignored;
-    if (const int error = pthread_create(&ignored, attributes.Get(), Run<ROUTINE>, start.get()); error != 0)
-        return NotStarted(error, ERROR_NOT_ENOUGH_MEMORY);
-    static_cast<void>(start.release());  // the thread owns it now
-    if (threadId) *threadId = thread->Id();
-    return NewHandle(thread);
+    errno = EAGAIN;
+    return 0;
 }
 
 }  // namespace
 }  // namespace win32
 
-HANDLE WINAPI CreateThread(LPSECURITY_ATTRIBUTES, SIZE_T stack, LPTHREAD_START_ROUTINE routine, LPVOID argument,
-                           DWORD flags, LPDWORD threadId) {
-    return win32::Start(stack, routine, argument, flags, threadId);
-}
-
+// The new thread's handle, or 0 with errno and the last error. Flags (suspended start) are not supported.
 uintptr_t _beginthreadex(void*, unsigned stack, unsigned(WINAPI* routine)(void*), void* argument, unsigned flags,
                          unsigned* threadId) {
-    HANDLE thread = win32::Start(stack, routine, argument, flags, threadId);
-    if (thread == nullptr) errno = routine == nullptr || flags != 0 ? EINVAL : EAGAIN;
-    return reinterpret_cast<uintptr_t>(thread);
+    if (routine == nullptr || flags != 0) {
+        SetLastError(flags != 0 ? ERROR_NOT_SUPPORTED : ERROR_INVALID_PARAMETER);
+        errno = EINVAL;
+        return 0;
+    }
+    win32::DESCRIPTOR fd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!fd) return win32::NotStarted(errno, win32::ErrorFromErrno(errno));
+    const auto thread = std::make_shared<win32::THREAD>(std::move(fd));
+    auto start = std::make_unique<win32::START>(win32::START{thread, routine, argument});
+    const win32::THREAD_ATTRIBUTES attributes(stack);
+    pthread_t ignored;
+    if (const int error = pthread_create(&ignored, attributes.Get(), win32::Run, start.get()); error != 0)
+        return win32::NotStarted(error, ERROR_NOT_ENOUGH_MEMORY);
+    static_cast<void>(start.release());  // the thread owns it now
+    if (threadId) *threadId = thread->Id();
+    return reinterpret_cast<uintptr_t>(win32::NewHandle(thread));
 }
 
-BOOL WINAPI TerminateThread(HANDLE thread, DWORD exitCode) {
+BOOL WINAPI TerminateThread(HANDLE thread, DWORD) {
     const auto object = win32::ObjectAs<win32::THREAD>(thread);
-    if (object) object->End(exitCode);
-    return object != nullptr;
-}
-
-BOOL WINAPI GetExitCodeThread(HANDLE thread, LPDWORD exitCode) {
-    const auto object = win32::ObjectAs<win32::THREAD>(thread);
-    if (object) *exitCode = object->ExitCode();
+    if (object) object->End();
     return object != nullptr;
 }
 
@@ -195,8 +168,7 @@ DWORD WINAPI TlsAlloc() {
 }
 
 LPVOID WINAPI TlsGetValue(DWORD index) {
-    SetLastError(index < PTHREAD_KEYS_MAX ? ERROR_SUCCESS
-                                          : ERROR_INVALID_PARAMETER);  // tells a null value from failure
+    SetLastError(index < PTHREAD_KEYS_MAX ? ERROR_SUCCESS : ERROR_INVALID_PARAMETER);  // a null value is no failure
     return pthread_getspecific(index);
 }
 
@@ -204,4 +176,54 @@ BOOL WINAPI TlsSetValue(DWORD index, LPVOID value) {
     return pthread_setspecific(index, value) == 0 || win32::FailWith(ERROR_INVALID_PARAMETER);
 }
 
-BOOL WINAPI TlsFree(DWORD index) { return pthread_key_delete(index) == 0 || win32::FailWith(ERROR_INVALID_PARAMETER); }
+// ---- Critical sections: a recursive mutex in the section's own storage ----------------------------------------------
+
+static_assert(sizeof(pthread_mutex_t) <= sizeof(CRITICAL_SECTION::Storage));
+static_assert(alignof(pthread_mutex_t) <= alignof(CRITICAL_SECTION));
+
+static pthread_mutex_t* MutexOf(LPCRITICAL_SECTION section) {
+    return std::launder(reinterpret_cast<pthread_mutex_t*>(section->Storage));
+}
+
+BOOL WINAPI InitializeCriticalSectionAndSpinCount(LPCRITICAL_SECTION section, DWORD) {
+    pthread_mutexattr_t attributes;
+    pthread_mutexattr_init(&attributes);
+    pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE);
+    pthread_mutex_init(new (section->Storage) pthread_mutex_t, &attributes);
+    pthread_mutexattr_destroy(&attributes);
+    return TRUE;
+}
+
+void WINAPI EnterCriticalSection(LPCRITICAL_SECTION section) { pthread_mutex_lock(MutexOf(section)); }
+
+void WINAPI LeaveCriticalSection(LPCRITICAL_SECTION section) { pthread_mutex_unlock(MutexOf(section)); }
+
+void WINAPI DeleteCriticalSection(LPCRITICAL_SECTION section) { pthread_mutex_destroy(MutexOf(section)); }
+
+// ---- Who runs: the process and the calling thread -------------------------------------------------------------------
+
+namespace {
+
+// The C library asks the kernel each time, and the id stands in every log line. A fork makes another process.
+std::atomic<DWORD> processId{0};
+
+DWORD AskForProcessId() {
+    static const int registered = pthread_atfork(nullptr, nullptr, [] { processId = 0; });
+    const auto id = static_cast<DWORD>(getpid());
+    if (registered == 0) processId = id;
+    return id;
+}
+
+}  // namespace
+
+DWORD WINAPI GetCurrentProcessId() {
+    const DWORD id = processId;
+    return id != 0 ? id : AskForProcessId();
+}
+
+DWORD WINAPI GetCurrentThreadId() {
+    static thread_local const DWORD id = static_cast<DWORD>(gettid());
+    return id;
+}
+
+HANDLE WINAPI GetCurrentProcess() { return INVALID_HANDLE_VALUE; }

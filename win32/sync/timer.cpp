@@ -9,15 +9,12 @@
 #include <mutex>
 
 #include "win32/sync/descriptor.h"
-#include "win32/sync/dispatcher.h"
 #include "win32/sync/file_time.h"
 #include "win32/sync/kernel_object.h"
 #include "win32/text/last_error.h"
 
 namespace win32 {
 namespace {
-
-constexpr itimerspec Disarmed{};
 
 timespec SpanOf(int64_t units) { return {units / UnitsPerSecond, units % UnitsPerSecond * NanosecondsPerUnit}; }
 
@@ -38,19 +35,10 @@ public:
         return read(fd.Get(), &expirations, sizeof(expirations)) == sizeof(expirations);
     }
 
-    // Also takes back a signal that nobody took.
+    // Also takes back a signal that no wait has taken.
     bool Arm(const itimerspec& schedule, bool absolute) {
         const std::lock_guard guard(DispatcherLock());
         return timerfd_settime(fd.Get(), absolute ? TFD_TIMER_ABSTIME : 0, &schedule, nullptr) == 0;
-    }
-
-    // A timer that is already signalled stays so.
-    bool Cancel() {
-        const std::lock_guard guard(DispatcherLock());
-        pollfd state{fd.Get(), POLLIN, 0};
-        if (poll(&state, 1, 0) <= 0) return timerfd_settime(fd.Get(), 0, &Disarmed, nullptr) == 0;
-        const itimerspec expired{{0, 0}, {0, 1}};  // in the past: signals at once, and only once
-        return timerfd_settime(fd.Get(), TFD_TIMER_ABSTIME, &expired, nullptr) == 0;
     }
 
 private:
@@ -62,7 +50,7 @@ private:
 }  // namespace win32
 
 HANDLE WINAPI CreateWaitableTimerW(LPSECURITY_ATTRIBUTES, BOOL manualReset, LPCWSTR name) {
-    if (name != nullptr && *name != 0) {  // names shared between processes: nobody asks for them yet
+    if (name != nullptr && *name != 0) {  // names shared between processes: no caller asks for them
         SetLastError(ERROR_NOT_SUPPORTED);
         return nullptr;
     }
@@ -92,10 +80,4 @@ BOOL WINAPI SetWaitableTimer(HANDLE timer, const LARGE_INTEGER* due, LONG period
     // All zeros would disarm the timer; a time that has passed signals at once.
     if (schedule.it_value.tv_sec == 0 && schedule.it_value.tv_nsec == 0) schedule.it_value.tv_nsec = 1;
     return object->Arm(schedule, absolute) || win32::FailWithErrno();
-}
-
-BOOL WINAPI CancelWaitableTimer(HANDLE timer) {
-    const auto object = win32::ObjectAs<win32::TIMER>(timer);
-    if (!object) return FALSE;
-    return object->Cancel() || win32::FailWithErrno();
 }

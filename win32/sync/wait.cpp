@@ -8,7 +8,6 @@
 #include <memory>
 #include <mutex>
 
-#include "win32/sync/dispatcher.h"
 #include "win32/sync/kernel_object.h"
 #include "win32/text/last_error.h"
 

@@ -1,20 +1,36 @@
 // lstrcmpW and lstrcmpiW: the user's collation, as ICU knows it. Names are compared for every event, so texts of
 // printable ASCII go through a table that was made from the collator itself and gives the same answer.
 #include <unicode/ucol.h>
+#include <unicode/uloc.h>
 #include <windows.h>
 
 #include <algorithm>
 #include <array>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "win32/text/user_locale.h"
+#include "win32/text/last_error.h"
 #include "win32/text/utf.h"
 
 namespace {
+
+// The user's locale in ICU's spelling, "de_AT": what LC_ALL, LC_COLLATE or LANG names. A machine that names none, or
+// the C locale, is US English, as the program's own texts are.
+std::string UserLocale() {
+    for (const char* variable : {"LC_ALL", "LC_COLLATE", "LANG"}) {
+        const char* value = std::getenv(variable);
+        if (value == nullptr || *value == '\0') continue;
+        std::string name(value);
+        name.resize(std::min(name.size(), name.find_first_of(".@")));
+        if (name.empty() || name == "C" || name == "POSIX") break;
+        return name;
+    }
+    return "en_US";
+}
 
 struct COLLATOR_CLOSER {
     void operator()(UCollator* collator) const { ucol_close(collator); }
@@ -111,7 +127,7 @@ private:
 
 // Made once and never destroyed, since threads may still compare while the program ends.
 const TEXT_ORDER& UserOrder() {
-    static const TEXT_ORDER& order = *new TEXT_ORDER(win32::UserLocale());
+    static const TEXT_ORDER& order = *new TEXT_ORDER(UserLocale());
     return order;
 }
 
@@ -127,15 +143,19 @@ int WINAPI lstrcmpiW(LPCWSTR a, LPCWSTR b) { return Compare(a, b, true); }
 
 int WINAPI LCMapStringW(LCID, DWORD flags, LPCWSTR text, int units, LPWSTR key, int keyBytes) {
     if (text == nullptr || units == 0 || keyBytes < 0 || (flags & ~NORM_IGNORECASE) != LCMAP_SORTKEY) {
-        SetLastError(ERROR_INVALID_PARAMETER);
-        return 0;
+        return win32::FailWith(ERROR_INVALID_PARAMETER);
     }
     const std::u16string_view source = units < 0 ? std::u16string_view(text) : std::u16string_view(text, units);
     const size_t needed = UserOrder().SortKey(source, (flags & NORM_IGNORECASE) != 0,
                                               reinterpret_cast<unsigned char*>(key), static_cast<size_t>(keyBytes));
     if (keyBytes != 0 && needed > static_cast<size_t>(keyBytes)) {
-        SetLastError(ERROR_INSUFFICIENT_BUFFER);
-        return 0;
+        return win32::FailWith(ERROR_INSUFFICIENT_BUFFER);
     }
     return static_cast<int>(needed);
+}
+
+LCID WINAPI GetThreadLocale() {
+    constexpr LCID usEnglish = 0x0409;
+    const LCID locale = uloc_getLCID(UserLocale().c_str());
+    return locale != 0 ? locale : usEnglish;
 }

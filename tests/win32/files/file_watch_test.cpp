@@ -166,17 +166,6 @@ TEST(FileWatch, WhatInotifyRefusesIsPolledAndSaidOnce) {
     }
 }
 
-TEST(FileWatch, ACallCanBeAskedForWithoutAChange) {
-    const TEMPORARY_ROOT root;
-    root.Write("watched", "old");
-    CALLS calls;
-    win32::FILE_WATCH watch(root.Path("watched"), calls.Count());
-    watch.CallAfter(60'000);
-    watch.CallAfter(90'000);
-    ticksAhead += 60'000;
-    EXPECT_TRUE(calls.MoreThan(0));
-}
-
 TEST(FileWatch, AfterEventsThatWereLostTheFileOfThatNameIsWatched) {
     const TEMPORARY_ROOT root;
     root.Write("watched", "old");

@@ -1,3 +1,4 @@
+// The program as a module, what Windows shows of it, and the machine that it runs on.
 #include <gtest/gtest.h>
 #include <unistd.h>
 #include <windows.h>
@@ -8,8 +9,67 @@
 
 #include "tests/support/last_error.h"
 #include "tests/support/temporary_root.h"
+#include "win32/files/machine_root.h"
 
 namespace {
+
+class ModulesTest : public testing::Test {
+protected:
+    std::u16string Own() const { return win32::WindowsPath(root.Path("Keldwick.exe")); }
+    TEMPORARY_ROOT root;
+};
+
+TEST_F(ModulesTest, TheProgramsPathIsCutAtTheBuffersEnd) {
+    const std::u16string path = Own();
+    const DWORD length = static_cast<DWORD>(path.size());
+    std::u16string buffer(length + 1, u'x');
+    EXPECT_EQ(length, GetModuleFileNameW(nullptr, buffer.data(), length + 1));
+    EXPECT_EQ(path, buffer.c_str());
+    SetLastError(ERROR_SUCCESS);
+    EXPECT_EQ(length, GetModuleFileNameW(GetModuleHandleW(nullptr), buffer.data(), length));
+    EXPECT_EQ(ERROR_INSUFFICIENT_BUFFER, GetLastError());
+    EXPECT_EQ(path.substr(0, length - 1), buffer.c_str());
+}
+
+TEST_F(ModulesTest, OnlyTheProgramItselfCanBeLoaded) {
+    const HMODULE own = GetModuleHandleW(nullptr);
+    EXPECT_EQ(own, LoadLibraryExW(Own().c_str(), nullptr, LOAD_LIBRARY_AS_DATAFILE));
+    EXPECT_EQ(own, LoadLibraryExW(u"KELDWICK.EXE", nullptr, LOAD_LIBRARY_AS_DATAFILE));
+    EXPECT_TRUE(FreeLibrary(own));
+    root.Write("other.dll", "MZ");
+    for (const std::u16string& path : {win32::WindowsPath(root.Path("other.dll")), std::u16string(u"C:\\no.dll")}) {
+        SetLastError(ERROR_SUCCESS);
+        EXPECT_EQ(ERROR_MOD_NOT_FOUND, ErrorOf(LoadLibraryExW(path.c_str(), nullptr, LOAD_LIBRARY_AS_DATAFILE)));
+    }
+    EXPECT_FALSE(FreeLibrary(nullptr));
+}
+
+TEST_F(ModulesTest, TheKernelPrintIsFoundByItsNameAlone) {
+    const HMODULE ntdll = GetModuleHandleW(u"ntdll.dll");
+    ASSERT_NE(nullptr, ntdll);
+    EXPECT_NE(nullptr, GetProcAddress(ntdll, "DbgPrintEx"));
+    EXPECT_EQ(ERROR_PROC_NOT_FOUND, ErrorOf(GetProcAddress(ntdll, "DbgPrint")));
+    EXPECT_EQ(nullptr, GetProcAddress(GetModuleHandleW(nullptr), "DbgPrintEx"));
+    EXPECT_EQ(ERROR_MOD_NOT_FOUND, ErrorOf(GetModuleHandleW(u"other.dll")));
+}
+
+TEST_F(ModulesTest, OtherFilesHaveNoVersion) {
+    root.Write("other.dll", "MZ");
+    const auto error = [&](const char* file) {
+        return ErrorOf(GetFileVersionInfoSizeW(win32::WindowsPath(root.Path(file)).c_str(), nullptr) != 0);
+    };
+    EXPECT_EQ(ERROR_RESOURCE_DATA_NOT_FOUND, error("other.dll"));
+    EXPECT_EQ(ERROR_FILE_NOT_FOUND, error("missing.dll"));
+}
+
+TEST(UserOutputTest, BoxesAndDebuggerTextsGoToTheStandardError) {
+    testing::internal::CaptureStderr();
+    SetLastError(7);
+    OutputDebugStringW(u"KDWK: \u00E9\n");
+    EXPECT_EQ(7u, GetLastError());
+    EXPECT_EQ(1, MessageBoxW(nullptr, u"Invalid", u"Warning", MB_OK | MB_ICONEXCLAMATION));
+    EXPECT_EQ("KDWK: \xC3\xA9\nWarning: Invalid\n", testing::internal::GetCapturedStderr());
+}
 
 class MachineTest : public testing::Test {
 protected:

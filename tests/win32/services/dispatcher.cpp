@@ -14,7 +14,7 @@
 #include "tests/support/last_error.h"
 #include "tests/support/temporary_root.h"
 #include "win32/services/exit_status.h"
-#include "win32/services/watchdog.h"
+#include "win32/services/service_manager.h"
 #include "win32/text/utf.h"
 
 namespace {

@@ -30,11 +30,6 @@ std::u16string Message(DWORD flags, LPCVOID source, DWORD id, void* arguments = 
     return text;
 }
 
-std::u16string Formatted(const char16_t* text, DWORD flags, std::vector<DWORD_PTR> arguments) {
-    return Message(FORMAT_MESSAGE_FROM_STRING | FORMAT_MESSAGE_ARGUMENT_ARRAY | flags, text, 0,
-                   arguments.empty() ? nullptr : arguments.data());
-}
-
 DWORD_PTR Text(const char16_t* text) { return reinterpret_cast<DWORD_PTR>(text); }
 
 TEST(SystemMessageTest, CodesHaveTheTextsOfWindows) {
@@ -55,48 +50,29 @@ TEST(SystemMessageTest, CodesHaveTheTextsOfWindows) {
 }
 
 TEST(SystemMessageTest, EveryCodeThatTheHostsErrorsBecomeHasAText) {
-    std::vector<DWORD> codes{ERROR_FILE_CORRUPT, ERROR_LOG_FILE_FULL, ERROR_NONE_MAPPED, ERROR_INVALID_DATATYPE};
+    std::vector<DWORD> codes{ERROR_LOG_FILE_FULL, ERROR_NONE_MAPPED, ERROR_INVALID_DATATYPE};
     for (int number = 0; number < 134; ++number) codes.push_back(win32::ErrorFromErrno(number));
     for (DWORD code = WSAEMSGSIZE; code <= WSAECONNREFUSED; ++code) codes.push_back(code);
     for (const DWORD code : codes) EXPECT_TRUE(Message(SystemText, nullptr, code).ends_with(u".\r\n")) << code;
 }
 
-TEST(MessageFormatTest, InsertsAndEscapesAreReplaced) {
-    const auto formatted = [](const char16_t* text) {
-        return Formatted(text, 0, {Text(u"anna"), Text(u"%1%n"), 42, 0, 0, 0, 0, 0, 0, Text(u"ten")});
-    };
-    const std::pair<const char16_t*, const char16_t*> cases[] = {
-        {u"no inserts", u"no inserts"},
-        {u"%1 and %2", u"anna and %1%n"},
-        {u"%2%1%1", u"%1%nannaanna"},
-        {u"%10", u"ten"},
-        {u"a%nb%rb%tc%bd% e", u"a\r\nb\rb\tc d e"},
-        {u"100%% %. %!", u"100% . !"},
-        {u"line%0 never seen", u"line"},
-        {u"[%3!5u!] [%3!-5d!] [%3!08lX!] [%3!#x!]", u"[   42] [42   ] [0000002A] [0x2a]"},
-        {u"%1!s! %4", u"anna (null)"},
-    };
-    for (const auto& [text, result] : cases) EXPECT_EQ(result, formatted(text)) << win32::ToUtf8(text);
-    for (const char16_t* broken : {u"broken %", u"%1!s", u"%3!n!", u"%3!*d!", u"%3!999999999999d!"})
-        EXPECT_EQ(u"error 87", formatted(broken)) << win32::ToUtf8(broken);
-    EXPECT_EQ(u"error 87", Formatted(u"%1", 0, {}));
-    EXPECT_EQ(u"%1 %2!u! a\r\n%%", Formatted(u"%1 %2!u! a%n%%", FORMAT_MESSAGE_IGNORE_INSERTS, {}));
-}
-
 TEST(MessageFormatTest, AWidthWrapsAtBlanksAndKeepsOnlyHardBreaks) {
     const struct {
         DWORD width;
-        const char16_t *text, *result;
+        const char16_t *parameter, *result;
     } cases[] = {
-        {0, u"a\r\nb", u"a\r\nb"},
-        {255, u"a\r\nb\nc%nd", u"a b c\r\nd"},
-        {10, u"12345 7890 2345", u"12345 7890\r\n2345"},
-        {10, u"12345 78901 345", u"12345\r\n78901 345"},
-        {10, u"12345678901", u"1234567890\r\n1"},
-        {10, u"123%n4567 90123", u"123\r\n4567 90123"},
-        {10, u"%1 %1", u"abcdefg\r\nabcdefg"},
+        {0, u"a b", u"Invalid service start parameter = \"a b\".\r\n\r\n"},
+        {255, u"a\r\nb", u"Invalid service start parameter = \"a b\".\r\n "},
+        {20, u"a b", u"Invalid service\r\nstart parameter = \"a\r\nb\".\r\n "},
+        {20, u"abcdefghijklmnopqrstuvwxyz",
+         u"Invalid service\r\nstart parameter =\r\n\"abcdefghijklmnopqrs\r\ntuvwxyz\".\r\n "},
     };
-    for (const auto& c : cases) EXPECT_EQ(c.result, Formatted(c.text, c.width, {Text(u"abcdefg")})) << c.width;
+    for (const auto& c : cases) {
+        DWORD_PTR parameter = Text(c.parameter);
+        EXPECT_EQ(c.result, Message(FORMAT_MESSAGE_FROM_HMODULE | FORMAT_MESSAGE_ARGUMENT_ARRAY | c.width, nullptr,
+                                    keldwick::MSG_START_PARAMETER, &parameter))
+            << c.width;
+    }
 }
 
 TEST(OwnMessageTest, EventsAreFormattedFromTheProgramsOwnTable) {
@@ -113,6 +89,9 @@ TEST(OwnMessageTest, EventsAreFormattedFromTheProgramsOwnTable) {
         Message(flags | 80, own, keldwick::MSG_CREATE_REGISTRY_KEY, inserts.data()));
     EXPECT_EQ(u"Unable to create Windows Sockets event.\r\n\r\n%1. Error code = %2\r\n.\r\n",
               Message(FORMAT_MESSAGE_FROM_HMODULE | FORMAT_MESSAGE_IGNORE_INSERTS, own, 0xC00001F6));
+    inserts[0] = Text(nullptr);
+    EXPECT_EQ(u"KDWK Service version (null) started.\r\n\r\n", Message(flags, own, 0x40000002, inserts.data()));
+    EXPECT_EQ(u"error 87", Message(flags, own, 0x40000002)) << "inserts, but no arguments";
     EXPECT_EQ(u"error 317", Message(flags, own, 0x40000006, inserts.data()));
     EXPECT_EQ(u"error 1815", Message(flags, own, 0x40000002, inserts.data(), 0x0407));
     EXPECT_EQ(u"error 1813", Message(flags, GetModuleHandleW(u"ntdll.dll"), 0x40000002, inserts.data()));

@@ -1,6 +1,9 @@
-// Calendar fields and local time. The clock itself is read through GetSystemTimeAsFileTime alone.
+// The clocks, calendar fields and local time. The wall clock is read through GetSystemTimeAsFileTime alone.
+#include <sched.h>
 #include <time.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <string>
@@ -53,18 +56,7 @@ int64_t Now() {
     return static_cast<int64_t>(ToUnits(now));
 }
 
-// Both conversions use the offset of the present moment, whatever moment they convert: so Windows documents it.
-BOOL Shift(const FILETIME* from, LPFILETIME to, int sign) {
-    const uint64_t units = ToUnits(*from);
-    if (units >= TooLate) return FailWith(ERROR_INVALID_PARAMETER);
-    const int64_t shifted = static_cast<int64_t>(units) + sign * LocalOffset(Now());
-    if (shifted < 0) return FailWith(ERROR_INVALID_PARAMETER);
-    *to = FromUnits(static_cast<uint64_t>(shifted));
-    return TRUE;
-}
-
-}  // namespace
-
+// Local time minus UTC in file-time units, as it is at `utc`. Cheap enough for every line of a log.
 int64_t LocalOffset(int64_t utc) {
     static thread_local KNOWN_OFFSET known;
     const int64_t minute = utc / UnitsPerMinute;
@@ -79,9 +71,47 @@ int64_t LocalOffset(int64_t utc) {
     return known.offset;
 }
 
+// Both conversions use the offset of the present moment, whatever moment they convert: so Windows documents it.
+BOOL Shift(const FILETIME* from, LPFILETIME to, int sign) {
+    const uint64_t units = ToUnits(*from);
+    if (units >= TooLate) return FailWith(ERROR_INVALID_PARAMETER);
+    const int64_t shifted = static_cast<int64_t>(units) + sign * LocalOffset(Now());
+    if (shifted < 0) return FailWith(ERROR_INVALID_PARAMETER);
+    *to = FromUnits(static_cast<uint64_t>(shifted));
+    return TRUE;
+}
+
+}  // namespace
+
 }  // namespace win32
 
-void WINAPI GetSystemTime(LPSYSTEMTIME time) { *time = win32::FieldsOf(static_cast<uint64_t>(win32::Now())); }
+void WINAPI GetSystemTimeAsFileTime(LPFILETIME time) {
+    timespec now;
+    clock_gettime(CLOCK_REALTIME, &now);
+    *time = win32::FromUnits(static_cast<uint64_t>(now.tv_sec * win32::UnitsPerSecond +
+                                                   now.tv_nsec / win32::NanosecondsPerUnit + win32::UnixEpoch));
+}
+
+ULONGLONG WINAPI GetTickCount64() {
+    timespec now;
+    clock_gettime(CLOCK_BOOTTIME, &now);
+    return static_cast<ULONGLONG>(now.tv_sec) * 1000 + static_cast<ULONGLONG>(now.tv_nsec) / 1'000'000;
+}
+
+void WINAPI Sleep(DWORD milliseconds) {
+    if (milliseconds == 0) {
+        sched_yield();
+        return;
+    }
+    if (milliseconds == INFINITE)
+        for (;;) pause();
+    timespec until;
+    clock_gettime(CLOCK_MONOTONIC, &until);
+    const int64_t nanoseconds = until.tv_nsec + milliseconds % 1000 * int64_t{1'000'000};
+    until = {until.tv_sec + milliseconds / 1000 + nanoseconds / 1'000'000'000, nanoseconds % 1'000'000'000};
+    while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr) == EINTR) {
+    }
+}
 
 void WINAPI GetLocalTime(LPSYSTEMTIME time) {
     const int64_t now = win32::Now();

@@ -1,9 +1,23 @@
 #include "win32/directory/directory.h"
+
 #include "win32/directory/directory_settings.h"
+#include "win32/directory/directory_text.h"
 #include "win32/directory/ldap_directory.h"
-#include "win32/directory/ldif_directory.h"
+#include "win32/directory/ldif_file.h"
 
 namespace win32 {
+
+const std::vector<std::string>* DIRECTORY_ENTRY::Values(std::string_view attribute) const {
+    const std::string wanted = LowerName(attribute);
+    for (const auto& [name, values] : attributes)
+        if (LowerName(name) == wanted) return &values;
+    return nullptr;
+}
+
+std::string_view DIRECTORY_ENTRY::First(std::string_view attribute) const {
+    const std::vector<std::string>* values = Values(attribute);
+    return values != nullptr && !values->empty() ? std::string_view(values->front()) : std::string_view();
+}
 
 HRESULT OpenDirectory(const DIRECTORY_TARGET& target, std::unique_ptr<DIRECTORY>& directory) {
     const std::string complaint = target.server.empty() ? "" : ServerComplaint(target.server);
@@ -13,7 +27,7 @@ HRESULT OpenDirectory(const DIRECTORY_TARGET& target, std::unique_ptr<DIRECTORY>
     }
     switch (ConfiguredBackend()) {
         case DIRECTORY_BACKEND::LDIF:
-            return OpenLdifDirectory(directory);  // the file stands for every server, and for whoever asks
+            return OpenLdifDirectory(directory);  // the file stands for every server and every user
         case DIRECTORY_BACKEND::LDAP:
             return OpenLdapDirectory(target, directory);
         case DIRECTORY_BACKEND::NONE:
