@@ -141,32 +141,17 @@ private:
 
 bool IsBuiltin(const DIRECTORY_ACCOUNT& account) { return account.entry.First("objectSid").starts_with(BuiltinSids); }
 
-// The account's name of the given type; DirectoryNoMapping when it has none.
+// The account's name of the given type; DirectoryNoMapping when it has none, E_NOTIMPL for types not asked for here.
 HRESULT NameOf(const DIRECTORY_ACCOUNT& account, LONG type, std::string& name) {
     const std::string accountName(account.entry.First("sAMAccountName"));
-    const std::string_view sid = account.entry.First("objectSid");
-    const bool named = account.domain && !accountName.empty();
-    switch (type) {
-        case ADS_NAME_TYPE_1779:
-            name = account.entry.dn;
-            return S_OK;
-        case ADS_NAME_TYPE_NT4:
-            if (!named) return DirectoryNoMapping;
-            name = (IsBuiltin(account) ? "BUILTIN" : account.domain->netbiosName) + '\\' + accountName;
-            return S_OK;
-        case ADS_NAME_TYPE_DOMAIN_SIMPLE:
-            if (!named || account.domain->dnsName.empty()) return DirectoryNoMapping;
-            name = accountName + '@' + account.domain->dnsName;
-            return S_OK;
-        case ADS_NAME_TYPE_SID_OR_SID_HISTORY_NAME: {
-            const std::optional<SID_VALUE> value = SID_VALUE::FromBytes(sid);
-            if (!value) return DirectoryNoMapping;
-            name = value->Text();
-            return S_OK;
-        }
-        default:
-            return E_NOTIMPL;
+    if (type == ADS_NAME_TYPE_1779) {
+        name = account.entry.dn;
+        return S_OK;
     }
+    if (type != ADS_NAME_TYPE_NT4) return E_NOTIMPL;
+    if (!account.domain || accountName.empty()) return DirectoryNoMapping;
+    name = (IsBuiltin(account) ? "BUILTIN" : account.domain->netbiosName) + '\\' + accountName;
+    return S_OK;
 }
 
 std::string Utf8(BSTR text) { return text != nullptr ? ToUtf8({text, SysStringLen(text)}) : std::string(); }

@@ -13,14 +13,13 @@
 #include "win32/eventlog/log_names.h"
 #include "win32/files/file_watch.h"
 #include "win32/files/root_files.h"
+#include "win32/security/accounts.h"
 #include "win32/sync/kernel_object.h"
 #include "win32/text/last_error.h"
 #include "win32/text/utf.h"
 
 namespace win32 {
 namespace {
-
-constexpr DWORD ServerUnavailable = 1722;  // RPC_S_SERVER_UNAVAILABLE: there are no other machines here
 
 // While it lives, and the event does, which it does not keep, the event is pulsed each time that records were appended
 // to the log or the log was cleared, by whatever process: the wait that is going on, or else the next one, returns once
@@ -116,7 +115,7 @@ DWORD ReadInto(EVT_READER& reader, bool forwards, void* buffer, DWORD bytes, DWO
 
 HANDLE WINAPI OpenEventLogW(LPCWSTR server, LPCWSTR name) {
     if ((server != nullptr && *server != 0) || name == nullptr) {
-        SetLastError(name == nullptr ? ERROR_INVALID_PARAMETER : win32::ServerUnavailable);
+        SetLastError(name == nullptr ? ERROR_INVALID_PARAMETER : win32::RpcServerUnavailable);
         return nullptr;
     }
     const std::string path = win32::LogFile(name);

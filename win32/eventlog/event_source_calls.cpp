@@ -12,6 +12,7 @@
 #include "win32/eventlog/evt_record.h"
 #include "win32/eventlog/evt_writer.h"
 #include "win32/eventlog/log_names.h"
+#include "win32/security/accounts.h"
 #include "win32/sync/kernel_object.h"
 #include "win32/text/last_error.h"
 #include "win32/text/utf.h"
@@ -21,17 +22,10 @@ namespace {
 
 constexpr char16_t SourcesLog[] = u"Application";  // every source's log, as Windows has it for one it does not know
 constexpr WORD MaxInserts = 99;                    // %1 to %99 in message texts
-constexpr DWORD ServerUnavailable = 1722;          // RPC_S_SERVER_UNAVAILABLE
 
 struct EVENT_SOURCE_OBJECT final : KERNEL_OBJECT {
     std::u16string source;
 };
-
-std::u16string ComputerName() {
-    std::array<WCHAR, 256> name;
-    DWORD units = name.size();
-    return GetComputerNameW(name.data(), &units) ? std::u16string(name.data(), units) : std::u16string();
-}
 
 // The event's text from the program's message table; its strings in a row when the table does not know it.
 std::string EventText(const NEW_EVENT& event) {
@@ -99,7 +93,7 @@ bool AppendToLog(const NEW_EVENT& event) {
 
 HANDLE WINAPI RegisterEventSourceW(LPCWSTR server, LPCWSTR source) {
     if ((server != nullptr && *server != 0) || source == nullptr || *source == 0) {
-        SetLastError(source == nullptr || *source == 0 ? ERROR_INVALID_PARAMETER : win32::ServerUnavailable);
+        SetLastError(source == nullptr || *source == 0 ? ERROR_INVALID_PARAMETER : win32::RpcServerUnavailable);
         return nullptr;
     }
     const auto object = std::make_shared<win32::EVENT_SOURCE_OBJECT>();
@@ -112,11 +106,11 @@ BOOL WINAPI DeregisterEventSource(HANDLE source) {
 }
 
 BOOL WINAPI ReportEventW(HANDLE source, WORD type, WORD category, DWORD id, PSID user, WORD strings, DWORD dataBytes,
-                         LPCWSTR* texts, LPVOID data) {
+                         LPCWSTR* texts, LPVOID) {
     const auto object = win32::ObjectAs<win32::EVENT_SOURCE_OBJECT>(source);
     if (!object) return FALSE;
-    if ((strings > 0 && texts == nullptr) || (dataBytes > 0 && data == nullptr))
-        return win32::FailWith(ERROR_INVALID_PARAMETER);
+    if (user != nullptr || dataBytes > 0) return win32::FailWith(ERROR_NOT_SUPPORTED);
+    if (strings > 0 && texts == nullptr) return win32::FailWith(ERROR_INVALID_PARAMETER);
     win32::NEW_EVENT event;
     event.id = id;
     event.type = type;
@@ -125,17 +119,7 @@ BOOL WINAPI ReportEventW(HANDLE source, WORD type, WORD category, DWORD id, PSID
     event.source = object->source;
     event.computer = win32::ComputerName();
     for (WORD i = 0; i < strings; ++i) event.strings.emplace_back(texts[i] != nullptr ? texts[i] : u"");
-    const BYTE* bytes = static_cast<const BYTE*>(data);
-    event.data.assign(bytes, bytes + dataBytes);
-    if (user != nullptr) {
-        const BYTE* sid = static_cast<const BYTE*>(user);
-        event.sid.assign(sid, sid + GetLengthSid(user));
-    }
-    if (!win32::AppendToLog(event)) {
-        const DWORD error = GetLastError();
-        win32::SendToJournal(event);
-        return win32::FailWith(error);
-    }
+    const DWORD error = win32::AppendToLog(event) ? ERROR_SUCCESS : GetLastError();
     win32::SendToJournal(event);
-    return TRUE;
+    return error == ERROR_SUCCESS || win32::FailWith(error);
 }

@@ -5,7 +5,6 @@
 #include <unistd.h>
 #include <windows.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <filesystem>
 #include <memory>
@@ -13,7 +12,6 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "win32/files/machine_root.h"
 #include "win32/files/root_files.h"
@@ -25,33 +23,20 @@
 namespace win32 {
 namespace {
 
-// The sharing rules of CreateFileW among the files that this process holds open, by device and inode. Other processes
-// are held back from renaming and deleting only: what is not shared for that carries a shared lock of the host's
-// (flock). One of these lives as long as the file it was made for is open.
-class FILE_SHARE {
-public:
-    FILE_SHARE(int descriptor, const struct stat& file, DWORD access, DWORD share);
-    ~FILE_SHARE();
-    FILE_SHARE(const FILE_SHARE&) = delete;
-    FILE_SHARE& operator=(const FILE_SHARE&) = delete;
-
-    bool Granted() const { return granted; }  // false: the open collides with an earlier one
-
-    // Whether every holder of the file lets it be renamed or deleted.
-    static bool AllowsDelete(const struct stat& file);
-
-private:
-    bool granted = false;
-};
+// Sharing is looked after for deletion alone, but among all processes: a file that is open without FILE_SHARE_DELETE
+// carries a shared lock of the host's (flock). What the host cannot lock counts as locked. False: another lock is in the
+// way.
+bool TryLock(int descriptor, const struct stat& file, int kind) {
+    return !S_ISREG(file.st_mode) || flock(descriptor, kind | LOCK_NB) == 0 || errno != EWOULDBLOCK;
+}
 
 // The right to rename a file, to put another in its place or to delete it, while it lives.
 class DELETE_ACCESS {
 public:
     explicit DELETE_ACCESS(const std::string& host);
 
-    // False with the last error: the file is not there, or somebody, in this process or another one of this machine,
-    // holds it open without sharing deletion (ERROR_SHARING_VIOLATION). A file that may not be read, or lies where the
-    // host has no locks, is asked for in this process alone.
+    // False with the last error: the file is not there, or it is open without sharing deletion, in this process or
+    // another one of this machine (ERROR_SHARING_VIOLATION).
     explicit operator bool() const { return granted; }
 
 private:
@@ -60,15 +45,13 @@ private:
 };
 
 struct FILE_OBJECT final : KERNEL_OBJECT {
-    FILE_OBJECT(DESCRIPTOR file, std::unique_ptr<FILE_SHARE> shared)
-        : descriptor(file.Get()), owned(std::move(file)), share(std::move(shared)) {}
+    explicit FILE_OBJECT(DESCRIPTOR file) : descriptor(file.Get()), owned(std::move(file)) {}
     explicit FILE_OBJECT(int stream) : descriptor(stream) {}  // which belongs to the process
 
     const int descriptor;
 
 private:
     const DESCRIPTOR owned;
-    const std::unique_ptr<FILE_SHARE> share;  // ends before the file is closed
 };
 
 // The host's path for a caller's, in `host`. False with the last error: no path, an empty one, or one with characters
@@ -92,61 +75,6 @@ BOOL FailOnPath(const std::string& host) {
     return FailWith(hasFolder ? ERROR_FILE_NOT_FOUND : ERROR_PATH_NOT_FOUND);
 }
 
-struct OPEN_FILE {
-    const FILE_SHARE* holder;
-    dev_t device;
-    ino_t inode;
-    DWORD access;  // what it does, as FILE_SHARE_ bits
-    DWORD share;   // what it lets others do
-};
-
-std::mutex tableLock;
-
-// Few files are open at a time: a plain list. Never destroyed, since files may be closed at the very end.
-std::vector<OPEN_FILE>& Table() {
-    static auto& table = *new std::vector<OPEN_FILE>;
-    return table;
-}
-
-bool IsSameFile(const OPEN_FILE& open, const struct stat& file) {
-    return open.device == file.st_dev && open.inode == file.st_ino;
-}
-
-DWORD AsShareBits(DWORD access) {
-    DWORD bits = 0;
-    if ((access & (GENERIC_READ | FILE_READ_DATA)) != 0) bits |= FILE_SHARE_READ;
-    if ((access & (GENERIC_WRITE | FILE_WRITE_DATA | FILE_APPEND_DATA)) != 0) bits |= FILE_SHARE_WRITE;
-    return bits;
-}
-
-// False: another's lock is in the way. What the host cannot lock counts as locked.
-bool TryLock(int descriptor, const struct stat& file, int kind) {
-    return !S_ISREG(file.st_mode) || flock(descriptor, kind | LOCK_NB) == 0 || errno != EWOULDBLOCK;
-}
-
-FILE_SHARE::FILE_SHARE(int descriptor, const struct stat& file, DWORD access, DWORD share) {
-    const DWORD wanted = AsShareBits(access);
-    // Held already: somebody renames or deletes it at this moment.
-    if ((share & FILE_SHARE_DELETE) == 0 && !TryLock(descriptor, file, LOCK_SH)) return;
-    const std::lock_guard<std::mutex> lock(tableLock);
-    granted = std::none_of(Table().begin(), Table().end(), [&](const OPEN_FILE& open) {
-        return IsSameFile(open, file) && ((wanted & ~open.share) != 0 || (open.access & ~share) != 0);
-    });
-    if (granted) Table().push_back({this, file.st_dev, file.st_ino, wanted, share});
-}
-
-FILE_SHARE::~FILE_SHARE() {
-    const std::lock_guard<std::mutex> lock(tableLock);
-    std::erase_if(Table(), [this](const OPEN_FILE& open) { return open.holder == this; });
-}
-
-bool FILE_SHARE::AllowsDelete(const struct stat& file) {
-    const std::lock_guard<std::mutex> lock(tableLock);
-    return std::all_of(Table().begin(), Table().end(), [&](const OPEN_FILE& open) {
-        return !IsSameFile(open, file) || (open.share & FILE_SHARE_DELETE) != 0;
-    });
-}
-
 DELETE_ACCESS::DELETE_ACCESS(const std::string& host) {
     struct stat status;
     if (stat(host.c_str(), &status) != 0) {
@@ -155,7 +83,7 @@ DELETE_ACCESS::DELETE_ACCESS(const std::string& host) {
     }
     if (S_ISREG(status.st_mode)) file = DESCRIPTOR(OpenRootFile(host, O_RDONLY | O_NONBLOCK));
     const bool locked = !file || TryLock(file.Get(), status, LOCK_EX);
-    granted = (locked && FILE_SHARE::AllowsDelete(status)) || FailWith(ERROR_SHARING_VIOLATION);
+    granted = locked || FailWith(ERROR_SHARING_VIOLATION);
 }
 
 int AccessFlags(DWORD access) {
@@ -192,7 +120,7 @@ bool IsValidDisposition(DWORD access, DWORD disposition) {
 }
 
 // The new handle of a file that the host has opened, as CreateFileW gives it; null with the last error.
-HANDLE NewFile(DESCRIPTOR file, bool made, DWORD access, DWORD share, DWORD disposition) {
+HANDLE NewFile(DESCRIPTOR file, bool made, DWORD share, DWORD disposition) {
     const auto fail = [](DWORD error) {
         SetLastError(error);
         return HANDLE{};
@@ -200,12 +128,12 @@ HANDLE NewFile(DESCRIPTOR file, bool made, DWORD access, DWORD share, DWORD disp
     struct stat status;
     if (fstat(file.Get(), &status) != 0) return fail(ERROR_GEN_FAILURE);
     if (S_ISDIR(status.st_mode)) return fail(ERROR_ACCESS_DENIED);
-    auto sharing = std::make_unique<FILE_SHARE>(file.Get(), status, access, share);
-    if (!sharing->Granted()) return fail(ERROR_SHARING_VIOLATION);
+    // Locked already: it is being renamed or deleted.
+    if ((share & FILE_SHARE_DELETE) == 0 && !TryLock(file.Get(), status, LOCK_SH)) return fail(ERROR_SHARING_VIOLATION);
     const bool truncates = !made && (disposition == CREATE_ALWAYS || disposition == TRUNCATE_EXISTING);
     if (truncates && ftruncate(file.Get(), 0) != 0 && errno != EINVAL)  // EINVAL: a pipe or a device
         return fail(ErrorFromErrno(errno));
-    return NewHandle(std::make_shared<FILE_OBJECT>(std::move(file), std::move(sharing)));
+    return NewHandle(std::make_shared<FILE_OBJECT>(std::move(file)));
 }
 
 BOOL Move(LPCWSTR from, LPCWSTR to, bool replace) {
@@ -240,7 +168,7 @@ HANDLE WINAPI CreateFileW(LPCWSTR path, DWORD access, DWORD share, LPSECURITY_AT
         if (!refused.empty()) ComplainOnce(refused);
         return INVALID_HANDLE_VALUE;
     }
-    const HANDLE handle = NewFile(std::move(file), made, access, share, disposition);
+    const HANDLE handle = NewFile(std::move(file), made, share, disposition);
     if (handle == nullptr) return INVALID_HANDLE_VALUE;
     const bool tells = disposition == CREATE_ALWAYS || disposition == OPEN_ALWAYS;
     SetLastError(tells && !made ? ERROR_ALREADY_EXISTS : ERROR_SUCCESS);

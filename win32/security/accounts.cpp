@@ -29,12 +29,6 @@ constexpr size_t MaxBuffer = 1 << 20;  // of an entry of the account database
 
 constexpr sd_id128_t Purpose = SD_ID128_ARRAY(5e, 0b, 1c, 47, 9a, 2d, 4f, 63, b8, 71, 0f, d3, 66, a4, 29, 1e);
 
-std::u16string ComputerName() {
-    WCHAR name[MAX_PATH];
-    DWORD units = MAX_PATH;
-    return GetComputerNameW(name, &units) ? std::u16string(name, units) : std::u16string();
-}
-
 // Accounts of a domain that the machine has joined are named DOMAIN\account.
 std::optional<ACCOUNT> User(uid_t id) {
     std::vector<char> buffer(FirstBuffer);
@@ -73,6 +67,12 @@ void Put(const std::u16string& text, LPWSTR buffer, LPDWORD units, bool copy) {
 }
 
 }  // namespace
+
+std::u16string ComputerName() {
+    WCHAR name[MAX_PATH];
+    DWORD units = MAX_PATH;
+    return GetComputerNameW(name, &units) ? std::u16string(name, units) : std::u16string();
+}
 
 SID_VALUE UserSid(uid_t user) {
     if (user > MaxMappedId) return {UnixAuthority, {UnixUsers, user}};

@@ -26,6 +26,9 @@ std::optional<ACCOUNT> FindAccount(const SID_VALUE& sid);
 // from the machine id without revealing it. FindAccount finds it as long as the user exists.
 SID_VALUE UserSid(uid_t user);
 
+// The machine's name, as GetComputerNameW gives it; empty: it cannot be had.
+std::u16string ComputerName();
+
 // Whether a call that names a system means this one: null, empty, or its own name.
 bool IsThisSystem(LPCWSTR name);
 

@@ -110,28 +110,6 @@ TEST_F(DAMAGE, AnAppendCutOffAtAnyByteGivesTheOldOrTheNewRecordAndTheNextAppendS
     }
 }
 
-TEST_F(DAMAGE, AWriterThatDiedInTheMiddleOfAFullLogLosesNoMoreThanTheRecordItWasWriting) {
-    MakeLog();
-    ASSERT_TRUE(Append(1, 2000, SmallestLog, 100));
-    const FILE_BYTES before = Bytes();
-    ASSERT_TRUE(Append(2001, 1, SmallestLog, 100));
-    const FILE_BYTES after = Bytes();
-    ASSERT_EQ(before.size(), after.size());
-    const DWORD oldest = Number(after, HeaderOldest);
-    FILE_BYTES bytes = before;  // the header told of the lost oldest record, half of the new one was written
-    Poke(bytes, HeaderStart, Number(after, HeaderStart));
-    Poke(bytes, HeaderOldest, oldest);
-    const size_t end = Number(before, HeaderEnd);
-    bytes.replace(end, 60, after, end, 60);
-    root.Write("eventlog/Security.evt", bytes);
-    ASSERT_TRUE(Append(3000, 1, SmallestLog, 100));
-    const std::vector<DWORD> ids = ReadAll(OpenLog().get(), Forwards).ids;
-    ASSERT_FALSE(ids.empty());
-    EXPECT_EQ(3000u, ids.back());
-    EXPECT_EQ(2000u, ids[ids.size() - 2]);
-    EXPECT_GE(ids.size() + 2, 2000u - oldest + 1);  // the last append needed room as well
-}
-
 TEST_F(DAMAGE, ALogThatAnotherSystemLeftOpenIsReadToItsEndOfFileRecord) {
     MakeLog(1, 2 * SmallestLog);
     const FILE_BYTES early = Bytes();

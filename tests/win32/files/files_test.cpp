@@ -88,19 +88,6 @@ TEST_F(FilesTest, OpenFailuresHaveTheCodesOfWindows) {
     EXPECT_EQ(ERROR_PATH_NOT_FOUND, GetLastError());
 }
 
-TEST_F(FilesTest, AFileThatIsNotSharedIsRefusedAndKeepsItsContent) {
-    root.Write("log", "kept");
-    const HANDLE holder = Open("log", Append, OPEN_ALWAYS, FILE_SHARE_READ);
-    EXPECT_EQ(INVALID_HANDLE_VALUE, Open("log", Append, CREATE_ALWAYS));
-    EXPECT_EQ(ERROR_SHARING_VIOLATION, GetLastError());
-    EXPECT_EQ("kept", root.Read("log"));
-    EXPECT_EQ(ERROR_SHARING_VIOLATION, ErrorOf(MoveFileW(Path("log").c_str(), Path("aside").c_str())));
-    EXPECT_EQ(ERROR_SHARING_VIOLATION, ErrorOf(DeleteFileW(Path("log").c_str())));
-    EXPECT_NE(INVALID_HANDLE_VALUE, OWNED_HANDLE(Open("log", GENERIC_READ, OPEN_EXISTING)).handle);
-    CloseHandle(holder);
-    EXPECT_TRUE(DeleteFileW(Path("log").c_str()));
-}
-
 // While it lives another process holds the file open.
 class OTHER_HOLDER {
 public:
@@ -146,6 +133,10 @@ TEST_F(FilesTest, AFileThatAnotherProcessHoldsIsMovedOrDeletedOnlyWhenShared) {
         EXPECT_EQ(ERROR_ACCESS_DENIED, moves("new", "log", MOVEFILE_REPLACE_EXISTING));
         EXPECT_TRUE(CloseHandle(Open("log", Append, OPEN_EXISTING, shared))) << "it is shared for writing";
         EXPECT_EQ("agent's", root.Read("log"));
+    }
+    {
+        const OWNED_HANDLE own = Open("log", Append, OPEN_EXISTING, shared);
+        EXPECT_EQ(ERROR_SHARING_VIOLATION, moves("log", "log.old", 0)) << "this process counts as well";
     }
     const OTHER_HOLDER sharing(Path("log"), Append, shared | FILE_SHARE_DELETE);
     EXPECT_EQ(ERROR_SUCCESS, moves("log", "log.old", 0));

@@ -187,19 +187,6 @@ TEST_F(HalfWritten, AFileThatLostAKeyIsTakenOnceItStaysSo) {
     EXPECT_EQ(-ERROR_KEY_DELETED, Number(other, u"None"));
 }
 
-TEST_F(HalfWritten, ArmingRegistersWhetherOrNotTheKeyIsThere) {
-    const KEY key;
-    root.Write(File, Settings("") + "[-HKEY_LOCAL_MACHINE\\SOFTWARE]\n");
-    EXPECT_EQ(1, Number(key, u"Heartbeat"));
-    MoveClock(SettleMs);
-    EXPECT_EQ(-ERROR_KEY_DELETED, Number(key, u"Heartbeat"));
-    EXPECT_EQ(ERROR_SUCCESS, Arm(key, event));
-    EXPECT_EQ(WAIT_TIMEOUT, event.Wait(0));
-    root.Write(File, Heartbeat(3));
-    EXPECT_EQ(WAIT_OBJECT_0, event.Wait(WaitMs));
-    EXPECT_EQ(3, Number(key, u"Heartbeat"));
-}
-
 TEST_F(HalfWritten, AFileThatSomebodyOpensDuringAWriteIsReadAgain) {
     const KEY key;
     int opened = 0;

@@ -2,14 +2,12 @@
 
 #include "tests/support/temporary_root.h"
 #include "tests/win32/registry/registry_test.h"
-#include "win32/registry/linux_settings.h"
 #include "win32/registry/store.h"
 #include "win32/registry/tree.h"
 #include "win32/text/utf.h"
 
 #include <gtest/gtest.h>
 #include <spawn.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -64,6 +62,43 @@ protected:
     const TEMPORARY_ROOT root;
 };
 
+TEST_F(Registry, AKeyDoesWhatItWasOpenedForUntilItIsClosed) {
+    const EVENT event;
+    HKEY key = nullptr;
+    EXPECT_EQ(ERROR_FILE_NOT_FOUND, RegOpenKeyExW(HKEY_LOCAL_MACHINE, Path, 0, KEY_READ, &key));
+    const struct {
+        REGSAM access;
+        int64_t query;
+        LSTATUS set, notify;
+    } cases[] = {{KEY_QUERY_VALUE, -ERROR_FILE_NOT_FOUND, ERROR_ACCESS_DENIED, ERROR_ACCESS_DENIED},
+                 {KEY_READ, -ERROR_FILE_NOT_FOUND, ERROR_ACCESS_DENIED, ERROR_SUCCESS},
+                 {KEY_WRITE, -ERROR_ACCESS_DENIED, ERROR_SUCCESS, ERROR_ACCESS_DENIED}};
+    for (const auto& c : cases) {
+        const KEY opened(Path, c.access);
+        EXPECT_EQ(c.query, Number(opened, u"Missing")) << c.access;
+        EXPECT_EQ(c.set, SetNumber(opened, u"Heartbeat", 1)) << c.access;
+        EXPECT_EQ(c.notify, Arm(opened, event)) << c.access;
+    }
+    const KEY parent(u"software\\VANTOREL systems\\", KEY_READ);
+    ASSERT_EQ(ERROR_SUCCESS, RegOpenKeyExW(parent, u"keldWICK", 0, KEY_ALL_ACCESS, &key));
+    EXPECT_LT(reinterpret_cast<uintptr_t>(key), 0x80000000u);
+    const std::vector<BYTE> large(win32::MaxValueBytes + 1);
+    const std::string before = root.Read(File);
+    const auto set = [&](const char16_t* name, const BYTE* data, size_t bytes) {
+        return RegSetValueExW(key, name, 0, REG_BINARY, data, static_cast<DWORD>(bytes));
+    };
+    EXPECT_EQ(ERROR_NO_SYSTEM_RESOURCES, set(u"a", large.data(), large.size()));
+    EXPECT_EQ(ERROR_NOACCESS, set(u"a", nullptr, 4));
+    EXPECT_EQ(ERROR_INVALID_PARAMETER, set(u"a\nb", large.data(), 1));
+    EXPECT_EQ(before, root.Read(File));
+    EXPECT_EQ(ERROR_SUCCESS, RegCloseKey(key));
+    EXPECT_EQ(ERROR_INVALID_HANDLE, RegCloseKey(key));
+    EXPECT_EQ(ERROR_INVALID_HANDLE, SetNumber(key, u"Heartbeat", 1));
+    EXPECT_EQ(ERROR_INVALID_HANDLE, Arm(key, event));
+    EXPECT_EQ(ERROR_BAD_PATHNAME, RegOpenKeyExW(parent, u"\\keldWICK", 0, KEY_READ, &key));
+    EXPECT_EQ(ERROR_INVALID_PARAMETER, RegOpenKeyExW(parent, std::u16string(256, u'a').c_str(), 0, KEY_READ, &key));
+}
+
 TEST_F(Registry, TheQueryProtocolGivesSizeTypeAndData) {
     const KEY key;
     const char16_t text[] = u"host";
@@ -86,61 +121,6 @@ TEST_F(Registry, TheQueryProtocolGivesSizeTypeAndData) {
     EXPECT_EQ(ERROR_INVALID_PARAMETER, RegQueryValueExW(key, u"IdentServer", nullptr, nullptr, &byte, nullptr));
     EXPECT_EQ(ERROR_SUCCESS, RegDeleteValueW(key, u"identSERVER"));
     EXPECT_EQ(ERROR_FILE_NOT_FOUND, RegDeleteValueW(key, u"IdentServer"));
-}
-
-TEST_F(Registry, KeysAreFoundWhateverTheirCaseAndClosedOnce) {
-    HKEY key = nullptr;
-    EXPECT_EQ(ERROR_FILE_NOT_FOUND, RegOpenKeyExW(HKEY_LOCAL_MACHINE, Path, 0, KEY_READ, &key));
-    DWORD disposition = 0;
-    for (const DWORD expected : {REG_CREATED_NEW_KEY, REG_OPENED_EXISTING_KEY}) {
-        ASSERT_EQ(ERROR_SUCCESS, RegCreateKeyExW(HKEY_LOCAL_MACHINE, Path, 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key,
-                                                 &disposition));
-        EXPECT_EQ(expected, disposition);
-        EXPECT_LT(reinterpret_cast<uintptr_t>(key), 0x80000000u);
-        EXPECT_EQ(ERROR_SUCCESS, RegCloseKey(key));
-        EXPECT_EQ(ERROR_INVALID_HANDLE, RegCloseKey(key));
-        EXPECT_EQ(-ERROR_INVALID_HANDLE, Number(key, u"Heartbeat"));
-        EXPECT_EQ(ERROR_INVALID_HANDLE, SetNumber(key, u"Heartbeat", 1));
-    }
-    const KEY parent(u"software\\VANTOREL systems\\", KEY_READ);
-    HKEY child = nullptr;
-    EXPECT_EQ(ERROR_SUCCESS, RegOpenKeyExW(parent, u"keldWICK", 0, KEY_READ, &child));
-    EXPECT_EQ(ERROR_BAD_PATHNAME, RegOpenKeyExW(parent, u"\\keldWICK", 0, KEY_READ, &key));
-    EXPECT_EQ(ERROR_INVALID_PARAMETER, RegOpenKeyExW(parent, std::u16string(256, u'a').c_str(), 0, KEY_READ, &key));
-    EXPECT_EQ(ERROR_SUCCESS, RegCloseKey(HKEY_LOCAL_MACHINE));
-    RegCloseKey(child);
-}
-
-TEST_F(Registry, AKeyDoesWhatItWasOpenedForAndNoMore) {
-    const EVENT event;
-    const struct {
-        REGSAM access;
-        int64_t query;
-        LSTATUS set, notify;
-    } cases[] = {{KEY_QUERY_VALUE, -ERROR_FILE_NOT_FOUND, ERROR_ACCESS_DENIED, ERROR_ACCESS_DENIED},
-                 {KEY_READ, -ERROR_FILE_NOT_FOUND, ERROR_ACCESS_DENIED, ERROR_SUCCESS},
-                 {KEY_WRITE, -ERROR_ACCESS_DENIED, ERROR_SUCCESS, ERROR_ACCESS_DENIED}};
-    for (const auto& c : cases) {
-        const KEY key(Path, c.access);
-        EXPECT_EQ(c.query, Number(key, u"Missing")) << c.access;
-        EXPECT_EQ(c.set, SetNumber(key, u"Heartbeat", 1)) << c.access;
-        EXPECT_EQ(c.notify, Arm(key, event)) << c.access;
-    }
-}
-
-TEST_F(Registry, WhatCannotBeStoredIsRefusedAndTheFileStays) {
-    const KEY key;
-    const std::string before = root.Read(File);
-    const std::vector<BYTE> large(win32::MaxValueBytes + 1);
-    const auto set = [&](const std::u16string& name, const BYTE* data, DWORD bytes) {
-        return RegSetValueExW(key, name.c_str(), 0, REG_BINARY, data, bytes);
-    };
-    EXPECT_EQ(ERROR_NO_SYSTEM_RESOURCES, set(u"a", large.data(), 0xFFFFFFFF));
-    EXPECT_EQ(ERROR_NO_SYSTEM_RESOURCES, set(u"a", large.data(), static_cast<DWORD>(large.size())));
-    EXPECT_EQ(ERROR_NOACCESS, set(u"a", nullptr, 4));
-    EXPECT_EQ(ERROR_INVALID_PARAMETER, set(u"a\nb", large.data(), 1));
-    EXPECT_EQ(ERROR_INVALID_PARAMETER, set(std::u16string(16384, u'a'), large.data(), 1));
-    EXPECT_EQ(before, root.Read(File));
 }
 
 TEST_F(Registry, AnEditByHandIsSeenAtOnce) {
@@ -206,29 +186,6 @@ TEST_F(Registry, AFailedWriteSaysWhyAndLeavesTheOldFile) {
     EXPECT_FALSE(std::filesystem::exists(root.Path(File + ".new")));
 }
 
-TEST_F(Registry, TheFileKeepsItsMode) {
-    root.Write(File, Settings(""));
-    chmod(root.Path(File).c_str(), 0600);
-    const KEY key;
-    EXPECT_EQ(ERROR_SUCCESS, SetNumber(key, u"Heartbeat", 1));
-    EXPECT_EQ(std::filesystem::perms(0600), std::filesystem::status(root.Path(File)).permissions());
-    EXPECT_EQ(1, Number(key, u"Heartbeat"));
-}
-
-TEST_F(Registry, ALinkInTheFilesPlaceIsNotFollowedAndNotReplaced) {
-    root.Write("elsewhere/real.reg", Settings(""));
-    const KEY key;
-    std::filesystem::remove(root.Path(File));
-    std::filesystem::create_symlink("elsewhere/real.reg", root.Path(File));
-    EXPECT_EQ(ERROR_CANT_ACCESS_FILE, SetNumber(key, u"Heartbeat", 1));
-    EXPECT_TRUE(std::filesystem::is_symlink(root.Path(File)));
-    EXPECT_EQ(Settings(""), root.Read("elsewhere/real.reg"));
-    EXPECT_NE(nullptr, win32::REG_STORE::Current().Tree()) << "the last good one";
-    EXPECT_EQ(root.Path(File) + ": cannot be read, " + root.Path(File) +
-                  " is a link; in a machine root only plain files are opened",
-              win32::REG_STORE::Current().Problem());
-}
-
 TEST_F(Registry, ProcessesAndThreadsWritingAtOnceLoseNothing) {
     const KEY made;
     std::vector<pid_t> children;
@@ -289,34 +246,6 @@ TEST_F(Registry, WhoeverChangesTheFileTheKeyIsSignalled) {
         EXPECT_EQ(WAIT_OBJECT_0, event.Wait(WaitMs));
         EXPECT_EQ(value, Number(key, u"Heartbeat"));
     }
-}
-
-TEST_F(Registry, NotificationsThatTheLayerDoesNotKnowAreRefused) {
-    KEY key;
-    const EVENT event;
-    const struct {
-        LSTATUS status;
-        BOOL tree;
-        DWORD filter;
-        HANDLE event;
-    } cases[] = {{ERROR_NOT_SUPPORTED, TRUE, REG_NOTIFY_CHANGE_LAST_SET, event.handle},
-                 {ERROR_NOT_SUPPORTED, FALSE, REG_NOTIFY_CHANGE_NAME, event.handle},
-                 {ERROR_INVALID_PARAMETER, FALSE, REG_NOTIFY_CHANGE_LAST_SET, nullptr},
-                 {ERROR_INVALID_PARAMETER, FALSE, 0, event.handle},
-                 {ERROR_INVALID_HANDLE, FALSE, REG_NOTIFY_CHANGE_LAST_SET, INVALID_HANDLE_VALUE}};
-    for (const auto& c : cases) EXPECT_EQ(c.status, RegNotifyChangeKeyValue(key, c.tree, c.filter, c.event, TRUE));
-    RegCloseKey(key);
-    EXPECT_EQ(ERROR_INVALID_HANDLE, Arm(key, event));
-}
-
-TEST_F(Registry, TheLayersOwnSettingsAreReadAsTheyStand) {
-    EXPECT_FALSE(win32::LinuxNumber(u"Number"));
-    const std::string values = "\"Number\"=dword:fffffffe\n\"Text\"=\"ldap://host\"\n\"Binary\"=hex:01,02,03,04\n";
-    root.Write(File, Settings("\n[HKEY_LOCAL_MACHINE\\SOFTWARE\\Vantorel Systems\\Keldwick\\Linux]\n" + values));
-    EXPECT_EQ(0xFFFFFFFEu, win32::LinuxNumber(u"number"));
-    EXPECT_EQ(u"ldap://host", win32::LinuxText(u"TEXT"));
-    EXPECT_FALSE(win32::LinuxText(u"Number"));
-    EXPECT_FALSE(win32::LinuxNumber(u"Binary"));
 }
 
 }  // namespace

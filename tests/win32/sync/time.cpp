@@ -94,12 +94,4 @@ TEST(LocalTime, FollowsTheZoneAndItsConversionsAreInverse) {
     }
 }
 
-TEST(LocalTime, ATimeThatTheOffsetMovesBeforeTheFirstIsRefused) {
-    ZONE zone;
-    zone.Set("EST5");
-    const FILETIME first = Time(1);
-    FILETIME local{};
-    EXPECT_EQ(DWORD{ERROR_INVALID_PARAMETER}, ErrorOf(FileTimeToLocalFileTime(&first, &local)));
-}
-
 }  // namespace

@@ -1,13 +1,11 @@
 // Events, timers and waits.
 #include <gtest/gtest.h>
 #include <sys/eventfd.h>
-#include <sys/time.h>
 #include <unistd.h>
 #include <windows.h>
 
 #include <array>
 #include <atomic>
-#include <csignal>
 #include <set>
 #include <thread>
 #include <vector>
@@ -139,30 +137,6 @@ TEST(Waits, RefuseWhatCannotBeWaitedFor) {
     }
 }
 
-std::atomic<int> interruptions{0};
-
-TEST(Waits, DoNotEndEarlyWhenSignalsInterruptThem) {
-    struct sigaction action {
-    }, before{};
-    action.sa_handler = [](int) { ++interruptions; };
-    sigaction(SIGALRM, &action, &before);
-    const itimerval often{{0, 1000}, {0, 1000}}, never{};
-    setitimer(ITIMER_REAL, &often, nullptr);
-    const OWNED_HANDLE event(AutoEvent());
-    const ULONGLONG start = GetTickCount64();
-    while (interruptions < 3) {
-        const ULONGLONG now = GetTickCount64();
-        EXPECT_EQ(DWORD{WAIT_TIMEOUT}, WaitForSingleObject(event, 30));
-        EXPECT_GE(GetTickCount64() - now, 29u);
-        ASSERT_LT(GetTickCount64() - start, SoonEnough);
-    }
-    const ULONGLONG asleep = GetTickCount64();
-    Sleep(10);
-    EXPECT_GE(GetTickCount64() - asleep, 9u);
-    setitimer(ITIMER_REAL, &never, nullptr);
-    sigaction(SIGALRM, &before, nullptr);
-}
-
 TEST(Waits, SeeTheCompanionOfAnEvent) {
     const OWNED_HANDLE event(AutoEvent()), other(AutoEvent());
     const int fd = eventfd(0, EFD_NONBLOCK);
@@ -206,13 +180,6 @@ TEST(Timers, ComeAgainAfterTheirPeriodAndArmingTakesBackASignal) {
     ASSERT_TRUE(Arm(timer, 0));
     ASSERT_TRUE(Arm(timer, -36'000'000'000));
     EXPECT_FALSE(IsSet(timer));
-}
-
-TEST(Timers, RefuseWhatTheyCannotDo) {
-    const OWNED_HANDLE timer(CreateWaitableTimerW(nullptr, FALSE, nullptr)), event(AutoEvent());
-    EXPECT_EQ(DWORD{ERROR_INVALID_PARAMETER}, ErrorOf(Arm(timer, 0, -1)));
-    EXPECT_EQ(DWORD{ERROR_INVALID_HANDLE}, ErrorOf(Arm(event, 0)));
-    EXPECT_EQ(DWORD{ERROR_INVALID_HANDLE}, ErrorOf(SetEvent(timer)));
 }
 
 }  // namespace
