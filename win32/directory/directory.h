@@ -61,7 +61,8 @@ public:
     virtual HRESULT ReadSid(const std::string& sid, const ATTRIBUTE_NAMES& wanted, DIRECTORY_ENTRY& entry) = 0;
 };
 
-// Which directory, and as whom. An empty server: the one that the settings name. An empty user: as the settings say.
+// Which directory, and as which user. An empty server: the one that the settings name. An empty user: as the settings
+// say.
 struct DIRECTORY_TARGET {
     std::string server;    // a host's name or address, perhaps with a port
     std::string user;      // DOMAIN\account, or any name that the server takes in a simple bind

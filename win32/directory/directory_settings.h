@@ -30,7 +30,7 @@ struct LDAP_SETTINGS {
 // Nothing: they do not make sense, and `complaint` says why in one sentence.
 std::optional<LDAP_SETTINGS> ReadLdapSettings(std::string& complaint);
 
-// The file's first line. Only a file that nobody but its owner may read, owned by this process's user or by root, is
+// The file's first line. Only a file that no other user may read, owned by this process's user or by root, is
 // read.
 std::optional<std::string> ReadPasswordFile(const std::string& path, std::string& complaint);
 

@@ -184,7 +184,7 @@ struct LDAP_CONNECTION::HANDLE_STATE {
     int socket = -1;             // while it is open
     bool reached = false;        // a socket has been connected
     bool noAuthorities = false;  // there are none to check the server's certificate with
-    bool abandoned = false;      // nobody waits for it any more
+    bool abandoned = false;      // no thread waits for it any more
 
     HANDLE_STATE() = default;
     HANDLE_STATE(const HANDLE_STATE&) = delete;
@@ -221,7 +221,7 @@ struct LDAP_CONNECTION::HANDLE_STATE {
     }
 
     // False: there is no TLS context of our own. The library would use one made from its own configuration instead, and
-    // trust authorities that nobody named here.
+    // trust authorities that no setting names.
     bool SetOptions(const LDAP_ACCESS& access) {
         const int version = LDAP_VERSION3, keepAliveIdle = 60, keepAliveProbes = 3, keepAliveInterval = 5;
         const unsigned unacknowledged = 10000;  // milliseconds

@@ -16,7 +16,7 @@ namespace win32 {
 constexpr std::chrono::seconds LdapConnectTime{5};
 constexpr std::chrono::seconds LdapAnswerTime{10};
 
-// Which server, how, and as whom.
+// Which server, how, and as which user.
 struct LDAP_ACCESS {
     std::string uri;
     LDAP_BIND bind = LDAP_BIND::GSSAPI;

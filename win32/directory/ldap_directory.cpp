@@ -100,7 +100,7 @@ public:
     }
 
 private:
-    // True once: whoever is told so tries.
+    // True once: that caller tries.
     bool IsRetryDue(const std::string& key) {
         const std::lock_guard guard(lock);
         const auto found = failures.find(key);
@@ -177,7 +177,7 @@ HRESULT ReadEntry(LDAP_CONNECTION& ldap, const std::string& dn, const ATTRIBUTE_
     std::vector<DIRECTORY_ENTRY> found;
     const HRESULT result = ldap.Search(dn, LDAP_CONNECTION::SCOPE::BASE, AnyEntry, wanted, MaxFound, found);
     if (FAILED(result)) return result;
-    if (found.empty()) return DirectoryNoSuchObject;  // there, but not to be seen by whoever asks
+    if (found.empty()) return DirectoryNoSuchObject;  // there, but this user may not see it
     entry = std::move(found[0]);
     return ReadRanges(ldap, dn, entry);
 }

@@ -13,7 +13,7 @@ namespace win32 {
 // beside the look-ups: until it has answered, the same failure is given at once.
 HRESULT OpenLdapDirectory(const DIRECTORY_TARGET& target, std::unique_ptr<DIRECTORY>& directory);
 
-// The servers to try, in order, each with how and as whom; what it takes to find them is bounded by 5 s. When it fails,
+// The servers to try, in order, each with how and as which user; finding them is bounded by 5 s. When it fails,
 // the complaint says why.
 HRESULT FindLdapServers(const DIRECTORY_TARGET& target, std::vector<LDAP_ACCESS>& servers, std::string& complaint);
 

@@ -114,10 +114,8 @@ DWORD ReadInto(EVT_READER& reader, bool forwards, void* buffer, DWORD bytes, DWO
 }  // namespace win32
 
 HANDLE WINAPI OpenEventLogW(LPCWSTR server, LPCWSTR name) {
-    if ((server != nullptr && *server != 0) || name == nullptr) {
-        SetLastError(name == nullptr ? ERROR_INVALID_PARAMETER : win32::RpcServerUnavailable);
-        return nullptr;
-    }
+    if (name == nullptr) return win32::NullWith(ERROR_INVALID_PARAMETER);
+    if (server != nullptr && *server != 0) return win32::NullWith(win32::RpcServerUnavailable);
     const std::string path = win32::LogFile(name);
     if (path.empty()) return nullptr;
     const auto log = std::make_shared<win32::OPEN_LOG>();
@@ -166,8 +164,8 @@ BOOL WINAPI GetOldestEventLogRecord(HANDLE handle, PDWORD number) {
     return win32::Result(log->reader.Numbers(current, *number, count));
 }
 
-// One event a log handle: a second call puts its event in the first one's place. Who closes the event does not follow
-// the log any more, and the mark in its file says so.
+// One event a log handle: a second call puts its event in the first one's place. A caller that closes the event does
+// not follow the log any more, and the mark in its file shows it.
 BOOL WINAPI NotifyChangeEventLog(HANDLE handle, HANDLE event) {
     const auto log = win32::ObjectAs<win32::OPEN_LOG>(handle);
     const auto woken = log ? win32::ObjectOf(event) : nullptr;

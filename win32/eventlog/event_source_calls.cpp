@@ -92,10 +92,8 @@ bool AppendToLog(const NEW_EVENT& event) {
 }  // namespace win32
 
 HANDLE WINAPI RegisterEventSourceW(LPCWSTR server, LPCWSTR source) {
-    if ((server != nullptr && *server != 0) || source == nullptr || *source == 0) {
-        SetLastError(source == nullptr || *source == 0 ? ERROR_INVALID_PARAMETER : win32::RpcServerUnavailable);
-        return nullptr;
-    }
+    if (source == nullptr || *source == 0) return win32::NullWith(ERROR_INVALID_PARAMETER);
+    if (server != nullptr && *server != 0) return win32::NullWith(win32::RpcServerUnavailable);
     const auto object = std::make_shared<win32::EVENT_SOURCE_OBJECT>();
     object->source = source;
     return win32::NewHandle(object);

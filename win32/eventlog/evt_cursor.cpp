@@ -68,7 +68,7 @@ const EVENTLOGRECORD* EVT_CURSOR::NextWhole(DWORD& position, bool& damaged) {
 }
 
 // Whether a record that ends at `after` may have a number above the one that is due; else one wrong number would hide
-// all records up to it. The first two records after it that follow one another tell; where none do, the next one.
+// all records up to it. The first two records after it that follow one another decide; where none do, the next one.
 bool EVT_CURSOR::BorneOut(DWORD number, DWORD after, DWORD due) {
     DWORD next = state.current, before = number;
     bool damaged = true;

@@ -16,8 +16,8 @@ public:
     // The record after the gap at `position`, where the record `number` is due: the first whole one at or after it that
     // has this number or, when that one is lost, a later number of the log's own which the records after it bear out.
     // Null: none up to the end. `position` then is where it stands. The answer depends on the file, `position` and
-    // `number` alone, so whoever walks on from any record of a walk meets the rest of it. Each run of bytes that are
-    // neither such a record nor filler adds 1 to `damage`.
+    // `number` alone, so a walk that begins at any record of another walk meets the rest of it. Each run of bytes that
+    // are neither such a record nor filler adds 1 to `damage`.
     const EVENTLOGRECORD* Find(DWORD& position, DWORD number, DWORD& damage);
 
     // The whole record that ends where the record at `position` begins; null when damage or nothing stands there.

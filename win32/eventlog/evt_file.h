@@ -98,7 +98,7 @@ private:
     bool held;
 };
 
-// Searches the records for where they end, when header and end-of-file record do not tell. See evt_recovery.cpp.
+// Searches the records for where they end, when header and end-of-file record do not agree. See evt_recovery.cpp.
 bool RecoverState(const EVT_FILE& file, DWORD size, const EVT_HEADER& header, EVT_STATE& state);
 
 }  // namespace win32

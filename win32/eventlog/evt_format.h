@@ -14,7 +14,6 @@ constexpr DWORD EvtFiller = 0x27;           // fills the ring's end when less th
 
 constexpr DWORD EvtDirty = 1;           // being written: the end-of-file record knows better than the header
 constexpr DWORD EvtWrapped = 2;         // records go round the end of the file
-constexpr DWORD EvtFull = 4;            // the last write found no room
 constexpr DWORD EvtArchive = 8;         // to be backed up
 constexpr DWORD EvtContinued = 0x8000;  // our own: this file was replaced by a resized copy that holds the same records
 

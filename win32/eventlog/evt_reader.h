@@ -19,7 +19,8 @@ public:
     // As many whole records as fit, the newest first when backwards. Gives a Windows error code:
     // ERROR_HANDLE_EOF no more records that way; ERROR_INSUFFICIENT_BUFFER the next record needs `needed` bytes;
     // ERROR_EVENTLOG_FILE_CHANGED the log was cleared: open it again. `buffer` must be aligned to 4. A forwards read
-    // marks the file with the number it begins at: records before it are done with. Unmark: nobody reads it on for now.
+    // marks the file with the number it begins at: records before it are done with. Unmark: no reader goes on with
+    // it for now.
     DWORD Read(bool forwards, BYTE* buffer, DWORD bytes, DWORD& bytesRead, DWORD& needed);
 
     void Unmark() const { file.Mark(0); }

@@ -187,7 +187,7 @@ bool EVT_WRITER::WriteRun(const BYTE* run, DWORD bytes, DWORD records) {
     return FailWith(error);
 }
 
-// Gives up the oldest records until that many bytes are free after the end; the header tells of it before they are
+// Gives up the oldest records until that many bytes are free after the end; the header says so before they are
 // written over.
 bool EVT_WRITER::MakeRoom(DWORD bytes) {
     const DWORD ring = limit - EvtHeaderBytes;

@@ -41,7 +41,7 @@ bool TakeFileLock(int descriptor, int kind) {
 }
 
 FILE_WRITER WriterOf(int descriptor) {
-    // Who waits to write is told by a signal; SIGIO, unless another is set, would end the process.
+    // A signal reports a process that waits to write; SIGIO, unless another is set, would end this process.
     if (fcntl(descriptor, F_SETSIG, SIGURG) != 0) return FILE_WRITER::UNKNOWN;
     if (fcntl(descriptor, F_SETLEASE, F_RDLCK) == 0) return FILE_WRITER::NONE;
     return errno == EAGAIN && !AsksItsServer(descriptor) ? FILE_WRITER::HELD : FILE_WRITER::UNKNOWN;

@@ -1,4 +1,4 @@
-// Who else is at work on an open file: the lock by which the layer's programs take turns (flock), and whether another
+// Other users of an open file: the lock by which the layer's programs take turns (flock), and whether another
 // program writes the file (the kernel's leases).
 #pragma once
 
@@ -11,7 +11,7 @@ bool TakeFileLock(int descriptor, int kind);
 enum class FILE_WRITER {
     NONE,    // and no process becomes one: see below
     HELD,    // a process has it open for writing, this process or another
-    UNKNOWN  // the file belongs to another user, or its file system does not tell
+    UNKNOWN  // the file belongs to another user, or its file system does not say
 };
 
 // Asks for a file that is open for reading. After NONE a process that opens it for writing waits until this descriptor

@@ -149,7 +149,7 @@ private:
         return first == Never ? -1 : static_cast<int>((first - std::min(first, now)).count());
     }
 
-    // Whom the events that wait concern, and whose call is due.
+    // The watches that the waiting events concern, and those whose call is due.
     std::set<STATE_POINTER> Affected() {
         const std::lock_guard guard(lock);
         eventfd_t none;
@@ -197,11 +197,11 @@ private:
     void Renew(const STATE_POINTER& state) {
         int former = state->fileWatch;
         state->fileWatch = Watch(state->path, FileEvents, state);
-        if (state->fileWatch < 0 && errno != ENOENT) Poll(state, errno);  // the folder tells when there is one
+        if (state->fileWatch < 0 && errno != ENOENT) Poll(state, errno);  // the folder reports when there is one
         if (former != state->fileWatch) Unwatch(former, state);
     }
 
-    // `why`: the errno value that tells why inotify cannot do it.
+    // `why`: the errno value of inotify's failure.
     void Poll(const STATE_POINTER& state, int why) {
         if (state->polled) return;
         state->polled = true;

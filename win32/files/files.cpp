@@ -24,8 +24,8 @@ namespace win32 {
 namespace {
 
 // Sharing is looked after for deletion alone, but among all processes: a file that is open without FILE_SHARE_DELETE
-// carries a shared lock of the host's (flock). What the host cannot lock counts as locked. False: another lock is in the
-// way.
+// carries a shared lock of the host's (flock). What the host cannot lock counts as locked. False: another lock is in
+// the way.
 bool TryLock(int descriptor, const struct stat& file, int kind) {
     return !S_ISREG(file.st_mode) || flock(descriptor, kind | LOCK_NB) == 0 || errno != EWOULDBLOCK;
 }
@@ -66,7 +66,7 @@ bool ResolvePath(LPCWSTR path, std::string& host) {
     return true;
 }
 
-// Sets the last error for a failed call on a path, from errno: a missing file is told from a missing folder.
+// Sets the last error for a failed call on a path, from errno: a missing file and a missing folder differ.
 BOOL FailOnPath(const std::string& host) {
     if (errno != ENOENT) return FailWithErrno();
     const std::filesystem::path parent = std::filesystem::path(host).parent_path();
@@ -102,7 +102,7 @@ int DispositionFlags(DWORD disposition) {
     return disposition == CREATE_ALWAYS || disposition == OPEN_ALWAYS ? O_CREAT : 0;
 }
 
-// Why a file of the machine root is refused no error code tells.
+// No error code says why a file of the machine root is refused.
 void ComplainOnce(const std::string& fault) {
     static std::mutex lock;
     static std::string& last = *new std::string;
@@ -121,18 +121,15 @@ bool IsValidDisposition(DWORD access, DWORD disposition) {
 
 // The new handle of a file that the host has opened, as CreateFileW gives it; null with the last error.
 HANDLE NewFile(DESCRIPTOR file, bool made, DWORD share, DWORD disposition) {
-    const auto fail = [](DWORD error) {
-        SetLastError(error);
-        return HANDLE{};
-    };
     struct stat status;
-    if (fstat(file.Get(), &status) != 0) return fail(ERROR_GEN_FAILURE);
-    if (S_ISDIR(status.st_mode)) return fail(ERROR_ACCESS_DENIED);
+    if (fstat(file.Get(), &status) != 0) return NullWith(ERROR_GEN_FAILURE);
+    if (S_ISDIR(status.st_mode)) return NullWith(ERROR_ACCESS_DENIED);
     // Locked already: it is being renamed or deleted.
-    if ((share & FILE_SHARE_DELETE) == 0 && !TryLock(file.Get(), status, LOCK_SH)) return fail(ERROR_SHARING_VIOLATION);
+    if ((share & FILE_SHARE_DELETE) == 0 && !TryLock(file.Get(), status, LOCK_SH))
+        return NullWith(ERROR_SHARING_VIOLATION);
     const bool truncates = !made && (disposition == CREATE_ALWAYS || disposition == TRUNCATE_EXISTING);
     if (truncates && ftruncate(file.Get(), 0) != 0 && errno != EINVAL)  // EINVAL: a pipe or a device
-        return fail(ErrorFromErrno(errno));
+        return NullWith(ErrorFromErrno(errno));
     return NewHandle(std::make_shared<FILE_OBJECT>(std::move(file)));
 }
 

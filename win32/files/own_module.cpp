@@ -86,8 +86,7 @@ bool NamesOwnModule(std::u16string_view path) {
 HMODULE WINAPI GetModuleHandleW(LPCWSTR name) {
     if (name == nullptr || win32::NamesOwnModule(name)) return Own();
     if (win32::SameName(name, u"ntdll.dll") || win32::SameName(name, u"ntdll")) return Ntdll();
-    SetLastError(ERROR_MOD_NOT_FOUND);
-    return nullptr;
+    return win32::NullWith(ERROR_MOD_NOT_FOUND);
 }
 
 DWORD WINAPI GetModuleFileNameW(HMODULE module, LPWSTR buffer, DWORD units) {
@@ -104,8 +103,7 @@ DWORD WINAPI GetModuleFileNameW(HMODULE module, LPWSTR buffer, DWORD units) {
 
 HMODULE WINAPI LoadLibraryExW(LPCWSTR path, HANDLE, DWORD) {
     if (path != nullptr && win32::NamesOwnModule(path)) return Own();
-    SetLastError(ERROR_MOD_NOT_FOUND);
-    return nullptr;
+    return win32::NullWith(ERROR_MOD_NOT_FOUND);
 }
 
 // Both modules live as long as the process.
@@ -117,8 +115,7 @@ BOOL WINAPI FreeLibrary(HMODULE module) {
 FARPROC WINAPI GetProcAddress(HMODULE module, LPCSTR name) {
     if (module == Ntdll() && name != nullptr && strcmp(name, "DbgPrintEx") == 0)
         return reinterpret_cast<FARPROC>(reinterpret_cast<void*>(&DbgPrintEx));
-    SetLastError(module == nullptr ? ERROR_INVALID_HANDLE : ERROR_PROC_NOT_FOUND);
-    return nullptr;
+    return win32::NullWith(module == nullptr ? ERROR_INVALID_HANDLE : ERROR_PROC_NOT_FOUND);
 }
 
 // ---- Resources: the string table as blocks of sixteen counted strings, as a resource compiler makes them -----------
@@ -154,24 +151,18 @@ std::map<ULONG_PTR, STRING_BLOCK>& Blocks() {
     return blocks;
 }
 
-HRSRC NoResource(DWORD error) {
-    SetLastError(error);
-    return nullptr;
-}
-
 STRING_BLOCK* BlockOf(HMODULE module, HRSRC resource) {
     if (win32::IsOwnModule(module) && resource != nullptr) return reinterpret_cast<STRING_BLOCK*>(resource);
-    SetLastError(ERROR_INVALID_HANDLE);
-    return nullptr;
+    return win32::NullWith(ERROR_INVALID_HANDLE);
 }
 
 }  // namespace
 
 HRSRC WINAPI FindResourceW(HMODULE module, LPCWSTR name, LPCWSTR type) {
-    if (!win32::IsOwnModule(module)) return NoResource(ERROR_RESOURCE_DATA_NOT_FOUND);
-    if (type != RT_STRING) return NoResource(ERROR_RESOURCE_TYPE_NOT_FOUND);
+    if (!win32::IsOwnModule(module)) return win32::NullWith(ERROR_RESOURCE_DATA_NOT_FOUND);
+    if (type != RT_STRING) return win32::NullWith(ERROR_RESOURCE_TYPE_NOT_FOUND);
     const auto block = Blocks().find(reinterpret_cast<ULONG_PTR>(name));
-    if (block == Blocks().end()) return NoResource(ERROR_RESOURCE_NAME_NOT_FOUND);
+    if (block == Blocks().end()) return win32::NullWith(ERROR_RESOURCE_NAME_NOT_FOUND);
     return reinterpret_cast<HRSRC>(&block->second);
 }
 

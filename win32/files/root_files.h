@@ -33,7 +33,7 @@ std::optional<uid_t> OtherOwner();
 // line without a full stop.
 std::string FileFault(int number);
 
-// What a stat tells one state of a file from another by. As it is made: there is no file.
+// One state of a file, by what a stat gives. As it is made: there is no file.
 struct FILE_IDENTITY {
     dev_t device = 0;
     ino_t inode = 0;

@@ -89,7 +89,7 @@ void WINAPI OutputDebugStringW(LPCWSTR text) {
     SetLastError(before);
 }
 
-// Nobody presses a button: the box counts as read.
+// There is no button to press: the box counts as read.
 int WINAPI MessageBoxW(HWND, LPCWSTR text, LPCWSTR caption, UINT) {
     constexpr int okPressed = 1;  // IDOK
     const std::u16string title(caption != nullptr ? caption : u"Error");

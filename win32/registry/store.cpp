@@ -51,7 +51,8 @@ REG_STORE::REG_STORE(std::string file) : path(std::move(file)) {}
 
 REG_STORE::~REG_STORE() = default;
 
-// What one look at the file finds. As long as it lives, and its writer is NONE, nobody else begins to write the file.
+// What one look at the file finds. As long as it lives, and its writer is NONE, no other program begins to write the
+// file.
 struct REG_STORE::FOUND {
     DESCRIPTOR file;
     FILE_IDENTITY identity;
@@ -106,7 +107,7 @@ void REG_STORE::Take(REG_TREE read, const FILE_IDENTITY& of) {
 // Looks whether the file may be taken and overwritten. If not: why.
 DWORD REG_STORE::Look(FOUND& found) {
     const int failure = ReadFile(found) ? 0 : errno;
-    // Who waits looks again after a pause or the settle time: what was found long before that was another writer.
+    // A caller that waits looks again after a pause or the settle time: what was found long before was another writer.
     if (Uptime() - waitedAt > MaxPause + SettleTime) waitingSince = TIME(0);
     if (found.identity != seen) seenAt = Uptime();
     seen = found.identity;
@@ -141,7 +142,7 @@ bool REG_STORE::Parse(FOUND& found) {
     return false;
 }
 
-// Whoever writes it may have closed it between two pieces, or, where nobody knows, may have it open.
+// Its writer may have closed it between two pieces or, where the kernel does not know of writers, may have it open.
 bool REG_STORE::MayBeHalf(const FOUND& found) const {
     return !found.tree.HoldsKeysOf(*tree) || (found.writer == FILE_WRITER::UNKNOWN && found.identity != taken);
 }
@@ -232,7 +233,7 @@ DWORD REG_STORE::Replace(const std::string& bytes, const FOUND& old, FILE_IDENTI
     return ERROR_SUCCESS;
 }
 
-// Whether the file is the one that was found, and nobody waits to write it.
+// Whether the file is the one that was found, and no program waits to write it.
 bool REG_STORE::Unchanged(const FOUND& found) const {
     struct stat status;
     if (stat(path.c_str(), &status) != 0) return errno == ENOENT && !found.file;

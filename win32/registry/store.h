@@ -32,8 +32,8 @@ public:
     std::shared_ptr<const REG_TREE> Tree(DWORD* error = nullptr);
 
     // Changes the file: read afresh under the lock file, changed by `edit`, written beside and renamed over the old; an
-    // edit that changes nothing writes nothing. `edit` is called again with another tree when somebody else changed the
-    // file meanwhile.
+    // edit that changes nothing writes nothing. `edit` is called again with another tree when another program changed
+    // the file meanwhile.
     // Gives what `edit` gives (anything but ERROR_SUCCESS writes nothing), or why the file could not be changed:
     // ERROR_BADDB while it does not parse, ERROR_SHARING_VIOLATION when a writer who does not use the lock, an editor
     // or a shell, has not been done for three seconds, ERROR_LOCK_VIOLATION when another process sits on the lock.

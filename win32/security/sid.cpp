@@ -14,7 +14,7 @@
 namespace win32 {
 namespace {
 
-// The layout behind a PSID; the sub-authorities follow.
+// The layout of a SID; the sub-authorities follow.
 struct SID_HEADER {
     BYTE revision;
     BYTE count;

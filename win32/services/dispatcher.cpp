@@ -187,10 +187,7 @@ SERVICE_STATUS_HANDLE SERVICE::Register(LPCWSTR wanted, LPHANDLER_FUNCTION_EX fu
                         : wanted == nullptr || !function           ? ERROR_INVALID_PARAMETER
                         : !name.empty() && !SameName(wanted, name) ? NotInThisProgram
                                                                    : ERROR_SUCCESS;
-    if (error != ERROR_SUCCESS) {
-        SetLastError(error);
-        return nullptr;
-    }
+    if (error != ERROR_SUCCESS) return win32::NullWith(error);
     handler = function;
     context = argument;
     return Handle();

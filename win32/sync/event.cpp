@@ -105,10 +105,7 @@ bool SetEventCompanion(KERNEL_OBJECT& event, int fd, short events) {
 }  // namespace win32
 
 HANDLE WINAPI CreateEventW(LPSECURITY_ATTRIBUTES, BOOL manualReset, BOOL initiallySet, LPCWSTR name) {
-    if (name != nullptr && *name != 0) {  // names shared between processes: no caller asks for them
-        SetLastError(ERROR_NOT_SUPPORTED);
-        return nullptr;
-    }
+    if (name != nullptr && *name != 0) return win32::NullWith(ERROR_NOT_SUPPORTED);  // no caller shares one by name
     win32::DESCRIPTOR fd(eventfd(initiallySet ? 1 : 0, EFD_CLOEXEC | EFD_NONBLOCK));
     if (!fd) {
         win32::FailWithErrno();

@@ -10,7 +10,7 @@
 namespace win32 {
 namespace {
 
-// A handle is (generation, index + 1) above two zero bits: never 0, never -1, and a closed one is told from the handle
+// A handle is (generation, index + 1) above two zero bits: never 0, never -1, and a closed one differs from the handle
 // that uses its slot next.
 constexpr int TagBits = 2;
 constexpr int IndexBits = 24;

@@ -53,7 +53,7 @@ private:
 };
 
 // A thread has ended when nothing of it is left: libraries clean up after it in destructors of their own, which must
-// have run before somebody who waited for the thread ends the process. So its end is the destructor of a thread-local
+// have run before a thread that waited for it ends the process. So its end is the destructor of a thread-local
 // key that comes back in the rounds of destructors, but for the last one, which the sanitizers keep for themselves.
 class THREAD_END {
 public:
@@ -200,7 +200,8 @@ void WINAPI LeaveCriticalSection(LPCRITICAL_SECTION section) { pthread_mutex_unl
 
 void WINAPI DeleteCriticalSection(LPCRITICAL_SECTION section) { pthread_mutex_destroy(MutexOf(section)); }
 
-// ---- Who runs: the process and the calling thread -------------------------------------------------------------------
+// ---- The process and the calling thread
+// ------------------------------------------------------------------------------
 
 namespace {
 

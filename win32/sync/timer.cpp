@@ -50,10 +50,7 @@ private:
 }  // namespace win32
 
 HANDLE WINAPI CreateWaitableTimerW(LPSECURITY_ATTRIBUTES, BOOL manualReset, LPCWSTR name) {
-    if (name != nullptr && *name != 0) {  // names shared between processes: no caller asks for them
-        SetLastError(ERROR_NOT_SUPPORTED);
-        return nullptr;
-    }
+    if (name != nullptr && *name != 0) return win32::NullWith(ERROR_NOT_SUPPORTED);  // no caller shares one by name
     win32::DESCRIPTOR fd(timerfd_create(CLOCK_REALTIME, TFD_CLOEXEC | TFD_NONBLOCK));
     if (!fd) {
         win32::FailWithErrno();

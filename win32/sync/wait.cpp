@@ -137,7 +137,7 @@ private:
     nfds_t polls = 0;
     std::array<std::shared_ptr<KERNEL_OBJECT>, Limit> objects;
     std::array<pollfd, 2 * Limit> polled, missing;
-    std::array<DWORD, 2 * Limit> owner;  // the object behind each polled descriptor
+    std::array<DWORD, 2 * Limit> owner;  // the object of each polled descriptor
 };
 
 }  // namespace

@@ -102,7 +102,7 @@ private:
         return *text == 0;
     }
 
-    // False: a unit outside printable ASCII was met, so that only the collator can tell.
+    // False: a unit outside printable ASCII was met, so that only the collator knows.
     bool CompareQuickly(LPCWSTR a, LPCWSTR b, bool ignoreCase, int& result) const {
         int caseOrder = 0;  // of the first letters that differ in case alone: small letters come first
         for (; Rank(*a) != 0 && Rank(*a) == Rank(*b); ++a, ++b)

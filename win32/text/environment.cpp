@@ -66,6 +66,6 @@ DWORD WINAPI GetEnvironmentVariableW(LPCWSTR name, LPWSTR buffer, DWORD units) {
     if (!value) return static_cast<DWORD>(win32::FailWith(ERROR_ENVVAR_NOT_FOUND));
     if (buffer == nullptr || value->size() >= units) return static_cast<DWORD>(value->size() + 1);
     Copy(buffer, *value);
-    SetLastError(ERROR_SUCCESS);  // tells an empty value from none
+    SetLastError(ERROR_SUCCESS);  // an empty value is no failure
     return static_cast<DWORD>(value->size());
 }

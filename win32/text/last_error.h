@@ -3,6 +3,8 @@
 
 #include <windows.h>
 
+#include <cstddef>
+
 namespace win32 {
 
 // The Windows code for an errno value; ERROR_GEN_FAILURE for one that has no counterpart.
@@ -13,5 +15,11 @@ BOOL FailWith(DWORD code);
 
 // The same with the current errno.
 BOOL FailWithErrno();
+
+// The same for calls that give a pointer or a handle.
+inline std::nullptr_t NullWith(DWORD code) {
+    SetLastError(code);
+    return nullptr;
+}
 
 }  // namespace win32

@@ -26,7 +26,7 @@ int __wrap_ldap_domain2hostlist(const char*, char** hosts) {
     *hosts = ber_strdup(serversInDns.c_str());
     return LDAP_SUCCESS;
 }
-// There is no Kerberos here: whoever binds is let in.
+// There is no Kerberos here: every bind succeeds.
 int __wrap_ldap_sasl_interactive_bind_s(LDAP*, const char*, const char*, LDAPControl**, LDAPControl**, unsigned,
                                         LDAP_SASL_INTERACT_PROC*, void*);
 int __wrap_ldap_sasl_interactive_bind_s(LDAP*, const char*, const char*, LDAPControl**, LDAPControl**, unsigned,
@@ -53,7 +53,7 @@ protected:
         UseOtherSettings();
     }
 
-    // What a server or its failure left behind belongs to the settings that it was asked by.
+    // What is remembered of a server belongs to the settings that it was asked by.
     void UseOtherSettings() {
         static int number = 0;
         const std::string domain = "d" + std::to_string(++number) + ".example";

@@ -21,7 +21,7 @@ using namespace win32;
 
 namespace {
 
-using VALUES = std::vector<std::pair<std::string, std::string>>;  // name and what stands behind the equals sign
+using VALUES = std::vector<std::pair<std::string, std::string>>;  // name and what stands after the equals sign
 
 class LdapSettings : public testing::Test {
 protected:
@@ -69,7 +69,7 @@ TEST_F(LdapSettings, ThatDoNotFitTogetherAreRefusedWithAReason) {
     }
 }
 
-TEST_F(LdapSettings, AFileBesideTheRegistryIsTheDirectoryUnlessTheSettingsSayOtherwise) {
+TEST_F(LdapSettings, AFileBesideTheRegistryIsTheDirectoryUnlessSetOtherwise) {
     Set({});
     EXPECT_EQ(DIRECTORY_BACKEND::NONE, ConfiguredBackend());
     Set({{"Domain", "\"corp.example\""}});
@@ -109,7 +109,7 @@ TEST_F(LdapSettings, RootSendsNoSecretThatTheRootsOwnerMayNotRead) {
     EXPECT_EQ("secret", ReadPasswordFile(root.Path("password"), complaint).value_or("")) << complaint;
 }
 
-// An authority of nobody's.
+// An authority that signs nothing here.
 constexpr const char* Authority = R"(-----BEGIN CERTIFICATE-----
 MIIBbjCCARWgAwIBAgIUV5d4SMHL/RiH7icn7NoJVHgEhrYwCgYIKoZIzj0EAwIw
 DDEKMAgGA1UEAwwBQTAgFw0yNjExMjUwMTIwMzVaGA8yMTI2MTEwMTAxMjAzNVow
@@ -122,7 +122,7 @@ AiBuW+Ol+/gagaj8pxt8ceIG9pU23sj3YuOVYLTt4wed7w==
 -----END CERTIFICATE-----
 )";
 
-TEST_F(LdapSettings, AServerThatNeverFinishesTheTlsHandshakeIsGivenUpAndLeftAloneForAWhile) {
+TEST_F(LdapSettings, AServerThatNeverFinishesTheHandshakeIsGivenUp) {
     const int silent = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;

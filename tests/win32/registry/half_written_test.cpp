@@ -109,7 +109,7 @@ TEST_F(HalfWritten, AWriterIsNotTakenForOneOfLongBefore) {
     EXPECT_EQ("", win32::REG_STORE::Current().Problem());
 }
 
-TEST_F(HalfWritten, EveryWayOfEditingIsTakenWholeThoughStatisticsAreWrittenMeanwhile) {
+TEST_F(HalfWritten, EveryEditIsTakenWholeThoughStatisticsAreWritten) {
     const KEY key, statistics(Statistics);
     const std::string file = root.Path(File), aside = root.Path("aside");
     const std::string rest = TEXT_OF_FILE(0).second + Section("Vantorel Systems\\Keldwick\\Statistics", "");

@@ -13,7 +13,7 @@
 extern int fsyncFailure, renameFailure, leaseFailure;
 // Called once, at the next fsync, or the next time that a write waits for another writer.
 extern std::function<void()> whileSyncing, whileWaiting;
-// The clock of GetTickCount64 goes on by so much; whoever waits for it in poll, notices.
+// The clock of GetTickCount64 goes on by so much; a thread that waits for it in poll notices.
 void MoveClock(ULONGLONG milliseconds);
 
 const char16_t* const Path = u"SOFTWARE\\Vantorel Systems\\Keldwick";

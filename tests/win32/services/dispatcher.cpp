@@ -107,7 +107,7 @@ TEST(Service, WithoutAServiceManagerEveryCallFails) {
     EXPECT_EQ(DWORD{ERROR_INVALID_HANDLE}, ErrorOf(Report(SERVICE_RUNNING)));
 }
 
-TEST(Service, AStopSignalThatComesBeforeTheServiceAcceptsItIsPassedOnOnceItDoes) {
+TEST(Service, AStopSignalThatComesTooEarlyIsPassedOnLater) {
     for (const int signal : {SIGTERM, SIGINT}) {
         static int sent;
         sent = signal;
@@ -173,7 +173,7 @@ TEST(Service, AThreadHangsOnceItHasNotSleptForLongerThanTheLimit) {
     EXPECT_EQ(std::nullopt, win32::TimesAsleep(0));
 }
 
-TEST(Service, AReportThatTheManagerCannotGetFailsAndTheDispatcherStillEnds) {
+TEST(Service, AReportThatIsNotDeliveredFailsAndTheDispatcherEnds) {
     static MANAGER* listening;
     MANAGER manager;
     listening = &manager;

@@ -1,4 +1,4 @@
-// The end of a process by an exception that nobody catches.
+// The end of a process by an exception that no thread catches.
 #include "win32/services/last_words.h"
 
 #include <gtest/gtest.h>
