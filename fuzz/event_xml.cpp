@@ -3,7 +3,9 @@
 #include <cstdlib>
 #include <string>
 
-#include "tools/keldwickctl/event_xml_import.h"
+#include "tools/common/event_xml.h"
+
+using namespace tools;
 
 namespace {
 
@@ -20,9 +22,9 @@ struct COUNTING_SINK final : EVENT_SINK {
 
 COUNTING_SINK Import(const char* bytes, size_t size, size_t step) {
     COUNTING_SINK sink;
-    EVENT_XML_IMPORT import(sink);
-    for (size_t at = 0; at < size; at += step) import.Feed(bytes + at, std::min(step, size - at));
-    import.Finish();
+    EVENT_XML_STREAM stream(sink);
+    for (size_t at = 0; at < size; at += step) stream.Feed({bytes + at, std::min(step, size - at)});
+    stream.Finish();
     return sink;
 }
 

@@ -4,8 +4,10 @@
 #include <fstream>
 #include <string>
 
-#include "tools/keldwickctl/commands.h"
-#include "tools/keldwickctl/evtx_import.h"
+#include "tools/common/failure.h"
+#include "tools/keldwickctl/events.h"
+
+using namespace tools;
 
 namespace {
 

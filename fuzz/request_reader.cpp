@@ -1,13 +1,11 @@
 // The reference server's request reader: any bytes, in pieces of any size. What it takes for a request must stand up to
 // being read again whole, and its lines must be printable.
-#include "tools/keldwick-server/request_reader.h"
+#include "tools/keldwick-server/request.h"
 
 #include <algorithm>
 #include <cstdlib>
 
-#include "tools/keldwick-server/report_line.h"
-
-using namespace keldwick_server;
+using namespace tools;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size == 0) return 0;

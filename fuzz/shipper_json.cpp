@@ -2,17 +2,19 @@
 #include <cstdlib>
 #include <string>
 
-#include "tools/keldwickctl/samba_audit.h"
-#include "tools/keldwickctl/shipper_json.h"
+#include "tools/feed/samba_audit.h"
+#include "tools/feed/shipper_json.h"
+
+using namespace tools::feed;
 
 namespace {
 
-void Read(FEED_LINE_READER& reader, std::string_view line, size_t least) {
+void Read(LINE_READER& reader, std::string_view line, size_t least) {
     win32::NEW_EVENT event;
     std::string reason;
-    const FEED_LINE_READER::RESULT result = reader.Read(line, event, reason);
-    if ((result == FEED_LINE_READER::UNREADABLE) == reason.empty()) std::abort();
-    if (result != FEED_LINE_READER::RECORD) return;
+    const LINE_READER::RESULT result = reader.Read(line, event, reason);
+    if ((result == LINE_READER::UNREADABLE) == reason.empty()) std::abort();
+    if (result != LINE_READER::RECORD) return;
     win32::BYTES record;
     if (event.strings.size() < least) std::abort();
     if (win32::BuildRecord(event, record) && !win32::IsWholeRecord(record.data(), record.size())) std::abort();

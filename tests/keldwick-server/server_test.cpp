@@ -13,9 +13,9 @@
 #include "tools/keldwick-server/client.h"
 #include "win32/sync/descriptor.h"
 
+namespace tools {
 namespace {
 
-using namespace keldwick_server;
 using win32::DESCRIPTOR;
 
 BYTES Answer(uint32_t id, uint32_t status = 0) {
@@ -179,7 +179,7 @@ TEST(Server, AHandshakeThatStopsHalfwayIsNotServedInCircles) {
     int ends[2];
     ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends));
     const DESCRIPTOR stranger(ends[1]);
-    CLIENT client(ends[0], "stranger", context.get());
+    CLIENT client(DESCRIPTOR{ends[0]}, "stranger", context.get());
     const std::string half("\x16\x03\x01\0\x50\1\0\0", 8);
     ASSERT_EQ(8, send(stranger.Get(), half.data(), half.size(), 0));
     EXPECT_TRUE(client.Serve(0, [](const REQUEST&) {}));
@@ -220,3 +220,4 @@ TEST(Server, SaysInOneLineWhatItCannotDo) {
 }
 
 }  // namespace
+}  // namespace tools

@@ -20,6 +20,7 @@ int __wrap_ldap_sasl_interactive_bind_s(LDAP*, const char*, const char*, LDAPCon
 }
 }
 
+namespace tools {
 namespace {
 
 using testing::HasSubstr;
@@ -168,3 +169,4 @@ TEST_F(DirectoryCommand, AnAdServerThatIsNoHostsNameIsReported) {
 }
 
 }  // namespace
+}  // namespace tools

@@ -3,15 +3,14 @@
 #include <gmock/gmock.h>
 
 #include "tests/keldwickctl/program.h"
+#include "tools/common/event_logs.h"
+#include "tools/common/event_xml.h"
+#include "tools/common/values.h"
 #include "tools/keldwickctl/commands.h"
-#include "tools/keldwickctl/event_import.h"
-#include "tools/keldwickctl/event_listing.h"
-#include "tools/keldwickctl/event_log_access.h"
-#include "tools/keldwickctl/event_values.h"
-#include "tools/keldwickctl/event_xml_import.h"
 #include "win32/eventlog/log_names.h"
 #include "win32/text/utf.h"
 
+namespace tools {
 namespace {
 
 using testing::HasSubstr;
@@ -28,10 +27,10 @@ struct COLLECTING_SINK final : EVENT_SINK {
 
 COLLECTING_SINK Import(const std::string& xml, size_t step = std::string::npos) {
     COLLECTING_SINK sink;
-    EVENT_XML_IMPORT import(sink);
+    EVENT_XML_STREAM stream(sink);
     for (size_t at = 0; at < xml.size(); at += std::min(step, xml.size()))
-        import.Feed(xml.data() + at, std::min(step, xml.size() - at));
-    import.Finish();
+        stream.Feed(std::string_view(xml).substr(at, step));
+    stream.Finish();
     return sink;
 }
 
@@ -96,7 +95,7 @@ TEST(EVENT_XML, EachThingThatIsUnreadableIsReportedOnceAndTheRestIsTaken) {
     const std::string first = "event 1 at byte 0: ", time = "<TimeCreated SystemTime='2026-01-01T00:00:00Z'/>";
     std::string nested = "<Event>";
     for (int i = 0; i < 100; ++i) nested += "<a>";
-    const std::string large = Event(1, Data(std::string(EVENT_XML_IMPORT::LargestEvent + 100000, 'x')));
+    const std::string large = Event(1, Data(std::string(EVENT_XML_STREAM::LargestEvent + 100000, 'x')));
     Check("UTF-16 cut in a character", Utf16(Event(1), false) + "<", {1}, {"half a character"});
     Check("broken one in the middle", Event(1) + broken + Event(3), {1, 3}, {"event 2 at byte"});
     Check("cut short by the next", Event(1).substr(0, 150) + Event(2), {2}, {first + "cut short by the next"});
@@ -121,7 +120,7 @@ TEST(EVENT_XML, EndsThatNeverComeAreLookedForOnce) {
         while (all.size() < bytes) all += what;
         return all;
     };
-    constexpr size_t large = 1024 * 1024, waited = EVENT_XML_IMPORT::LargestEvent + 2 * large;
+    constexpr size_t large = 1024 * 1024, waited = EVENT_XML_STREAM::LargestEvent + 2 * large;
     const struct {
         std::string name, xml;
         size_t step;
@@ -317,3 +316,4 @@ TEST_F(EVENTS, DamageInAnImportedLogIsNamedAndTheRestIsTaken) {
 }
 
 }  // namespace
+}  // namespace tools

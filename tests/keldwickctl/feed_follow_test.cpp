@@ -12,19 +12,20 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <deque>
 #include <optional>
+#include <random>
 #include <thread>
 
 #include "tests/support/temporary_root.h"
-#include "tools/keldwickctl/commands.h"
-#include "tools/keldwickctl/event_log_access.h"
-#include "tools/keldwickctl/feed_agent.h"
-#include "tools/keldwickctl/feed_aside.h"
-#include "tools/keldwickctl/feed_follower.h"
-#include "tools/keldwickctl/feed_log.h"
-#include "tools/keldwickctl/feed_run.h"
-#include "tools/keldwickctl/feed_values.h"
-#include "tools/keldwickctl/status_feeds.h"
+#include "tools/common/event_logs.h"
+#include "tools/common/failure.h"
+#include "tools/feed/agent_wait.h"
+#include "tools/feed/feed.h"
+#include "tools/feed/follower.h"
+#include "tools/feed/log.h"
+#include "tools/feed/state.h"
+#include "tools/keldwickctl/status.h"
 #include "win32/eventlog/log_names.h"
 #include "win32/text/utf.h"
 
@@ -40,21 +41,95 @@ ULONGLONG __wrap_GetTickCount64() {
 }
 }
 
+namespace tools::feed {
 namespace {
 
 namespace fs = std::filesystem;
 using testing::HasSubstr;
 using testing::StartsWith;
 
-struct COLLECTING final : FEED_LINE_TAKER {
+using LINES = std::vector<std::string>;
+
+struct COLLECTING final : LINE_TAKER {
     void TakeLine(std::string_view line) override { lines.emplace_back(line); }
     void TakeTooLong(std::string_view beginning) override {
         lines.push_back("too long: " + std::string(beginning.substr(0, 3)));
     }
-    std::vector<std::string> lines;
+    bool Full() const override { return lines.size() >= most; }
+    LINES lines;
+    size_t most = std::string::npos;
 };
 
-using LINES = std::vector<std::string>;
+// A log as its writers and what rotates it make it, and what a follower must give of it: each line once, in the order
+// of the files, the oldest first. Times of writing are set, a second apart, so that they tell the files' order.
+class MODEL {
+public:
+    enum WAY { NUMBERED, DATED, COPIED };
+
+    MODEL(const std::string& file, WAY how) : path(file), way(how) { files.emplace_back(); }
+
+    void Append(const std::string& text, size_t back = 0) {  // to the file, or one rotated so many times
+        LOGGED& file = files[files.size() - 1 - back];
+        file.made = true;
+        file.half += text;
+        for (size_t end; (end = file.half.find('\n')) != std::string::npos; file.half.erase(0, end + 1))
+            file.lines.push_back(file.half.substr(0, end));
+        std::ofstream(NameOf(back), std::ios::binary | std::ios::app) << text;
+        Touch(NameOf(back));
+    }
+    bool EndsInALine() const { return files.back().half.empty(); }
+
+    void Rotate() {
+        if (!fs::exists(path)) return;
+        for (size_t back = way == DATED ? 0 : files.size() - 1; back > 0; --back)
+            fs::rename(NameOf(back), NameOf(back + 1));
+        const std::string rotated = way == DATED ? path + "-" + std::to_string(20260000 + files.size()) : path + ".1";
+        if (way == COPIED) {
+            fs::copy_file(path, rotated);
+            Touch(rotated);
+            fs::resize_file(path, 0);
+            Touch(path);
+        } else {
+            fs::rename(path, rotated);
+        }
+        files.emplace_back();
+    }
+
+    // The next lines, at most so many.
+    LINES Take(size_t most) {
+        LINES taken;
+        for (LOGGED& file : files)
+            while (taken.size() < most && file.read < file.lines.size()) taken.push_back(file.lines[file.read++]);
+        for (LOGGED& file : files) file.seen = file.seen || (file.made && taken.size() < most);
+        return taken;
+    }
+    void Mark() {
+        for (LOGGED& file : files) file.marked = file.read, file.known = file.seen;
+    }
+    void GoBack() {
+        for (LOGGED& file : files) file.read = file.marked;
+    }
+    bool IsKnown(size_t back) const { return back < files.size() && files[files.size() - 1 - back].known; }
+
+private:
+    struct LOGGED {
+        LINES lines;
+        std::string half;
+        size_t read = 0, marked = 0;
+        bool made = false, seen = false, known = false;  // it is there, was met by a reader, has a marked place
+    };
+    std::string NameOf(size_t back) const {
+        if (back == 0) return path;
+        return way == DATED ? path + "-" + std::to_string(20260000 + files.size() - back)
+                            : path + "." + std::to_string(back);
+    }
+    void Touch(const std::string& name) { fs::last_write_time(name, written += std::chrono::seconds(1)); }
+
+    const std::string path;
+    const WAY way;
+    std::deque<LOGGED> files;
+    fs::file_time_type written = fs::file_time_type::clock::now() - std::chrono::hours(3);
+};
 
 class FOLLOWED : public testing::Test {
 protected:
@@ -67,14 +142,84 @@ protected:
         fs::copy_file(Path(), Path(".1"), fs::copy_options::overwrite_existing);
         fs::resize_file(Path(), 0);
     }
-    LINES Read(FEED_FOLLOWER& follower) const {
+    // The next lines, at most so many.
+    static LINES Read(FOLLOWER& follower, size_t most = std::string::npos) {
         COLLECTING taker;
-        while (follower.ReadSome(taker)) {
+        taker.most = most;
+        while (!taker.Full() && follower.ReadSome(taker)) {
         }
         return taker.lines;
     }
+    void Clear() const {
+        for (const auto& each : fs::directory_iterator(fs::path(Path()).parent_path())) fs::remove_all(each);
+    }
     TEMPORARY_ROOT root;
 };
+
+TEST_F(FOLLOWED, RandomRotationsAndRestartsCostNoLineAndDoubleNone) {
+    enum STEP { APPEND, APPEND_MORE, HALF, ROTATE, LATE, READ, READ_ALL, MARK, RESTART, CRASH, STEPS };
+    for (unsigned seed = 1; seed <= 100; ++seed) {
+        SCOPED_TRACE("seed " + std::to_string(seed));
+        Clear();
+        std::mt19937 random(seed);
+        MODEL model(Path(), static_cast<MODEL::WAY>(seed % 3));
+        auto follower = std::make_unique<FOLLOWER>(Path());
+        follower->Resume({});
+        POSITION marked = follower->Position();
+        const auto mark = [&] {
+            marked = follower->Position();
+            model.Mark();
+        };
+        const auto read = [&](size_t most) { EXPECT_EQ(model.Take(most), Read(*follower, most)); };
+        int number = 1000;
+        for (int step = 0; step < 60 && !HasFailure(); ++step) {
+            const std::string line = std::to_string(++number) + std::string(1 + random() % 40, 'x') + "\n";
+            switch (random() % STEPS) {
+                case APPEND:
+                case APPEND_MORE:
+                    model.Append(line);
+                    break;
+                case HALF:
+                    model.Append(
+                        line.substr(0, 4 + line.size() / 8));  // with its number, or it would begin like others
+                    break;
+                case ROTATE: {
+                    const bool whole = model.EndsInALine();
+                    if (!whole && seed % 3 == MODEL::COPIED) model.Append(line);
+                    model.Rotate();
+                    if (!whole && seed % 3 != MODEL::COPIED) model.Append(line, 1);  // its writer's last
+                    break;
+                }
+                case LATE:
+                    if (seed % 3 == MODEL::COPIED || !model.IsKnown(1)) break;
+                    read(std::string::npos);
+                    model.Append(line, 1);
+                    read(std::string::npos);
+                    mark();
+                    break;
+                case READ:
+                    read(1 + random() % 4);
+                    break;
+                case READ_ALL:
+                    read(std::string::npos);
+                    break;
+                case RESTART:
+                    mark();
+                    [[fallthrough]];
+                case CRASH:
+                    model.GoBack();
+                    follower = std::make_unique<FOLLOWER>(Path());
+                    EXPECT_TRUE(follower->Resume(marked));
+                    break;
+                case MARK:
+                    mark();
+                    break;
+            }
+        }
+        read(std::string::npos);
+        EXPECT_EQ(0u, follower->Behind());
+    }
+}
 
 TEST_F(FOLLOWED, RotationCostsNoLineWhetherItHappensWhileTheFeedRunsOrWhileItIsAway) {
     const auto add = [&](const std::string& line, const std::string& suffix = "") { Append(line + "\n", suffix); };
@@ -128,12 +273,12 @@ TEST_F(FOLLOWED, RotationCostsNoLineWhetherItHappensWhileTheFeedRunsOrWhileItIsA
             for (const auto& each : fs::directory_iterator(fs::path(Path()).parent_path())) fs::remove_all(each);
             Append("one\ntwo\n");
             fs::last_write_time(Path(), fs::file_time_type::clock::now() - std::chrono::seconds(1));
-            FEED_FOLLOWER first(Path()), second(Path()), third(Path());
+            FOLLOWER first(Path()), second(Path()), third(Path());
             first.Resume({});
             ASSERT_EQ((LINES{"one", "two"}), Read(first));
-            const FEED_POSITION position = first.Position();
+            const POSITION position = first.Position();
             c.act();
-            FEED_FOLLOWER& follower = away ? second : first;
+            FOLLOWER& follower = away ? second : first;
             if (away) {
                 EXPECT_EQ(c.found, follower.Resume(position));
             }
@@ -165,11 +310,11 @@ TEST_F(FOLLOWED, WhatWasRotatedAwayBeforeItsFirstLineWasReadIsReadAndWhatWasTher
                 Append("of old\n", ".2");
                 fs::last_write_time(Path(".2"), fs::file_time_type::clock::now() - std::chrono::seconds(1));
                 if (there) Append("");
-                FEED_FOLLOWER first(Path()), second(Path());
+                FOLLOWER first(Path()), second(Path());
                 first.Resume({});
                 EXPECT_EQ(LINES(), Read(first));
                 c.act();
-                FEED_FOLLOWER& follower = away ? second : first;
+                FOLLOWER& follower = away ? second : first;
                 if (away) {
                     EXPECT_TRUE(follower.Resume(first.Position()));
                 }
@@ -186,7 +331,7 @@ TEST_F(FOLLOWED, AClockThatWasSetBackHidesNothing) {
         fs::last_write_time(Path(".3"), future);
         Append("one\n");
         fs::last_write_time(Path(), future);
-        FEED_FOLLOWER first(Path()), second(Path());
+        FOLLOWER first(Path()), second(Path());
         first.Resume({});
         EXPECT_EQ(LINES{"one"}, Read(first));
         if (touched) {
@@ -208,7 +353,7 @@ TEST_F(FOLLOWED, AReaderIsShownWhatStoodBeforeThePlaceAcrossRotation) {
     Append("two\n");
     fs::last_write_time(Path(".2"), fs::file_time_type::clock::now() - std::chrono::seconds(2));
     fs::last_write_time(Path(".1"), fs::file_time_type::clock::now() - std::chrono::seconds(1));
-    FEED_FOLLOWER first(Path()), second(Path());
+    FOLLOWER first(Path()), second(Path());
     first.Resume({});
     EXPECT_EQ(LINES{"two"}, Read(first));
     EXPECT_TRUE(second.Resume(first.Position()));
@@ -220,7 +365,7 @@ TEST_F(FOLLOWED, AReaderIsShownWhatStoodBeforeThePlaceAcrossRotation) {
 
 TEST_F(FOLLOWED, WhatIsStillToBeReadIsNotShownAsIfItHadBeen) {
     Append("");
-    FEED_FOLLOWER first(Path()), second(Path());
+    FOLLOWER first(Path()), second(Path());
     first.Resume({});
     EXPECT_EQ(LINES(), Read(first));
     Append("one\n");
@@ -243,10 +388,10 @@ void AsAnother(const std::function<void()>& act) {
 
 TEST_F(FOLLOWED, ANewFileThatMayNotBeReadYetIsAskedForAgainAndOneToGoOnInIsNamed) {
     Append("one\n");
-    FEED_FOLLOWER follower(Path()), later(Path());
+    FOLLOWER follower(Path()), later(Path());
     follower.Resume({});
     EXPECT_EQ(LINES{"one"}, Read(follower));
-    const FEED_POSITION position = follower.Position();
+    const POSITION position = follower.Position();
     Move("", ".1");
     Append("two\n");
     chmod(root.Path("").c_str(), 0755);
@@ -265,7 +410,7 @@ TEST_F(FOLLOWED, ANewFileThatMayNotBeReadYetIsAskedForAgainAndOneToGoOnInIsNamed
 
 TEST_F(FOLLOWED, ARenamedFileIsReadOnAfterARestartToo) {
     Append("one\n");
-    FEED_FOLLOWER first(Path()), second(Path());
+    FOLLOWER first(Path()), second(Path());
     first.Resume({});
     Read(first);
     Move("", ".1");
@@ -278,7 +423,7 @@ TEST_F(FOLLOWED, ARenamedFileIsReadOnAfterARestartToo) {
 }
 
 TEST_F(FOLLOWED, WhatIsHeldIsReadThoughRotationOverwritesIt) {
-    FEED_FOLLOWER follower(Path());
+    FOLLOWER follower(Path());
     follower.Resume({});
     for (const char* line : {"one\n", "two\n", "three\n", "four\n"}) {
         if (fs::exists(Path())) Move("", ".old");
@@ -289,7 +434,7 @@ TEST_F(FOLLOWED, WhatIsHeldIsReadThoughRotationOverwritesIt) {
 }
 
 TEST_F(FOLLOWED, AFileThatWasReadToItsEndIsNotReadAgainFromACopy) {
-    FEED_FOLLOWER follower(Path());
+    FOLLOWER follower(Path());
     follower.Resume({});
     for (int i = 0; i < 10; ++i) {  // more than are kept open
         if (i > 0) Move("", "." + std::to_string(100 - i));
@@ -304,7 +449,7 @@ TEST_F(FOLLOWED, AFileThatWasReadToItsEndIsNotReadAgainFromACopy) {
 
 TEST_F(FOLLOWED, ACopyOverARotatedFileThatIsStillOpenIsNotReadAgainAndItsRestIsRead) {
     Append("zero\n");
-    FEED_FOLLOWER follower(Path());
+    FOLLOWER follower(Path());
     follower.Resume({});
     EXPECT_EQ(LINES{"zero"}, Read(follower));
     Move("", ".1");
@@ -323,7 +468,7 @@ TEST_F(FOLLOWED, ACopyOverARotatedFileThatIsStillOpenIsNotReadAgainAndItsRestIsR
     Append("last\n");
     fs::copy_file(Path(), Path(".1"), fs::copy_options::overwrite_existing);
     EXPECT_EQ(LINES{"last"}, Read(follower));
-    FEED_FOLLOWER later(Path());
+    FOLLOWER later(Path());
     EXPECT_TRUE(later.Resume(follower.Position()));
     EXPECT_EQ(LINES(), Read(later));
 }
@@ -334,7 +479,7 @@ TEST_F(FOLLOWED, ACopyOfWhatWasReadLongAgoThatWasMadeWhileTheFeedWasAwayIsNotRea
     Append("one\n");
     fs::last_write_time(Path(".1"), now - std::chrono::seconds(20));
     fs::last_write_time(Path(), now - std::chrono::seconds(10));
-    FEED_FOLLOWER first(Path()), second(Path());
+    FOLLOWER first(Path()), second(Path());
     first.Resume({});
     EXPECT_EQ(LINES{"one"}, Read(first));
     fs::copy_file(Path(".1"), Path(".1-20261116"));
@@ -348,10 +493,10 @@ TEST_F(FOLLOWED, ACopyOfWhatWasReadLongAgoThatWasMadeWhileTheFeedWasAwayIsNotRea
 
 TEST_F(FOLLOWED, APlaceIsOfWhatWasReadWhateverTheFileHoldsNow) {
     Append("one\ntwo\n");
-    FEED_FOLLOWER follower(Path());
+    FOLLOWER follower(Path());
     follower.Resume({});
     Read(follower);
-    const std::vector<FEED_PLACE> places = follower.Position().places;
+    const std::vector<PLACE> places = follower.Position().places;
     fs::resize_file(Path(), 0);
     EXPECT_EQ(places, follower.Position().places);
     Append("six\nten\n");
@@ -360,12 +505,12 @@ TEST_F(FOLLOWED, APlaceIsOfWhatWasReadWhateverTheFileHoldsNow) {
 
 TEST_F(FOLLOWED, APlaceInAHalfLineIsBeforeItAndALineOfAnyLengthEndsSomewhere) {
     Append("one\nhal");
-    FEED_FOLLOWER follower(Path());
+    FOLLOWER follower(Path());
     follower.Resume({});
     EXPECT_EQ(LINES{"one"}, Read(follower));
     EXPECT_EQ(4u, follower.Position().places.back().offset);
-    Append("f\n" + std::string(LargestFeedLine, 'm') + "\n" + std::string(3 * LargestFeedLine, 'x') + "\nend\n");
-    EXPECT_EQ((LINES{"half", std::string(LargestFeedLine, 'm'), "too long: xxx", "end"}), Read(follower));
+    Append("f\n" + std::string(MaxLineBytes, 'm') + "\n" + std::string(3 * MaxLineBytes, 'x') + "\nend\n");
+    EXPECT_EQ((LINES{"half", std::string(MaxLineBytes, 'm'), "too long: xxx", "end"}), Read(follower));
 }
 
 // Feeds lines of JSON through the whole command.
@@ -397,9 +542,9 @@ protected:
     std::string State() const { return root.Read("feed/test.state"); }
 
     // A reader of its own, so that what is tested here is the feed: the line's user is the only string.
-    class LOGOFF_READER final : public FEED_LINE_READER {
+    class LOGOFF_READER final : public LINE_READER {
         RESULT Read(std::string_view line, win32::NEW_EVENT& event, std::string& reason) override {
-            const nlohmann::json object = ParseFeedObject(line);
+            const nlohmann::json object = ParseObject(line);
             reason = "not a JSON object";
             if (object.is_discarded()) return UNREADABLE;
             event = {};
@@ -410,7 +555,7 @@ protected:
         }
     };
 
-    FEED_OPTIONS options = {"json", root.Path("audit"), "Security", "test", true};
+    OPTIONS options = {"json", root.Path("audit"), "Security", "test", true};
 };
 
 TEST_F(FEEDING, ACrashBetweenWritingAndMarkingNeitherLosesNorDoubles) {
@@ -463,7 +608,7 @@ TEST_F(FEEDING, AStopLetsWhatWasReadIntoTheLogUnlessAnAgentIsWaitedFor) {
 }
 
 TEST_F(FEEDING, AnUnreadableLineIsKeptAsideAndCountedAndStopsNothing) {
-    Append("rubbish\n" + Logoff("a") + std::string(LargestFeedLine + 1, 'x') + "\n" + Logoff("b"));
+    Append("rubbish\n" + Logoff("a") + std::string(MaxLineBytes + 1, 'x') + "\n" + Logoff("b"));
     Feed();
     EXPECT_EQ((LINES{"a", "b"}), Users());
     EXPECT_THAT(State(), HasSubstr("\"unreadable\": 2"));
@@ -472,20 +617,20 @@ TEST_F(FEEDING, AnUnreadableLineIsKeptAsideAndCountedAndStopsNothing) {
 
 TEST_F(FEEDING, WhatIsKeptAsideIsBoundedAndTheNewestIsThere) {
     fs::create_directory(root.Path("feed"));
-    FEED_ASIDE aside("kept");
+    ASIDE aside("kept");
     for (int i = 0; i < 40; ++i) aside.Keep("reason " + std::to_string(i), std::string(100000, 'x'));
     EXPECT_LE(fs::file_size(root.Path("feed/kept.aside")) + fs::file_size(root.Path("feed/kept.aside.old")),
-              FEED_ASIDE::Most);
+              ASIDE::MaxBytes);
     EXPECT_THAT(root.Read("feed/kept.aside"), HasSubstr("reason 39"));
 }
 
 TEST_F(FEEDING, WhatIsKeptAsideWaitsForAnotherStreamsTurn) {
     fs::create_directory(root.Path("feed"));
-    std::optional<FEED_TURN> turn(std::in_place, "kept");
+    std::optional<TURN> turn(std::in_place, "kept");
     std::atomic<bool> done = false;
     const int before = tickCalls;  // one when the wait begins, and one after each attempt
     std::thread keeping([&] {
-        FEED_ASIDE("kept").Keep("reason", "line");
+        ASIDE("kept").Keep("reason", "line");
         done = true;
     });
     while (!done && tickCalls < before + 2) std::this_thread::yield();
@@ -507,7 +652,7 @@ TEST_F(FEEDING, WhatCannotGoOnSaysWhy) {
     EXPECT_THAT(why(), HasSubstr("audit: there is no such file"));
     Append(Logoff("a"));
     {
-        FEED_STATE_FILE running("test");
+        STATE_FILE running("test");
         EXPECT_THAT(why(), StartsWith("the feed test is running already"));
     }
     const std::string state = root.Path("feed/test.state");
@@ -538,13 +683,13 @@ TEST_F(FEEDING, WhatCannotGoOnSaysWhy) {
 }
 
 TEST_F(FEEDING, AStateIsReplacedWhateverStandsInItsPlace) {
-    FEED_STATE_FILE files("test");
+    STATE_FILE files("test");
     root.Write("victim", "somebody's");
     fs::create_hard_link(root.Path("victim"), root.Path("feed/test.state.new"));
     root.Write("feed/test.state", "rubbish");
-    FEED_STATE state;
+    STATE state;
     state.records = 5;
-    FEED_COUNTS added = {2, 0, 0};
+    COUNTS added = {2, 0, 0};
     ASSERT_TRUE(files.Save(state, added));
     EXPECT_EQ(0u, added.records);
     EXPECT_EQ("somebody's", root.Read("victim"));
@@ -552,9 +697,9 @@ TEST_F(FEEDING, AStateIsReplacedWhateverStandsInItsPlace) {
 }
 
 TEST_F(FEEDING, AStreamSetsADamagedStateAsideAndBeginsItsCountsAnew) {
-    FEED_STATE_FILE files("test", FEED_KIND::STREAM);
+    STATE_FILE files("test", KIND::STREAM);
     root.Write("feed/test.state", "rubbish");
-    FEED_STATE state;
+    STATE state;
     std::string damage;
     EXPECT_FALSE(files.Load(state, damage));
     EXPECT_THAT(damage, HasSubstr("test.state is damaged (JSON): set aside as "));
@@ -564,9 +709,9 @@ TEST_F(FEEDING, AStreamSetsADamagedStateAsideAndBeginsItsCountsAnew) {
 }
 
 TEST_F(FEEDING, ATurnThatAnotherKeepsFailsInTime) {
-    FEED_STATE_FILE files("test");
-    FEED_STATE state;
-    FEED_COUNTS added = {2, 0, 0};
+    STATE_FILE files("test");
+    STATE state;
+    COUNTS added = {2, 0, 0};
     {
         const win32::DESCRIPTOR other(open(root.Path("feed/test.writing").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
         ASSERT_EQ(0, flock(other.Get(), LOCK_EX));
@@ -588,7 +733,7 @@ TEST_F(FEEDING, OnlyAPlainFileIsOpenedToBeFollowed) {
 }
 
 TEST_F(FEEDING, ALogThatIsNotOnTheDiskIsNoPlaceToMark) {
-    FEED_LOG log("Security");
+    LOG log("Security");
     EXPECT_TRUE(log.Sync());
     fs::remove(root.Path("eventlog/Security.evt"));
     EXPECT_FALSE(log.Sync());
@@ -657,22 +802,23 @@ private:
 };
 
 TEST_F(FEEDING, AnAgentIsWaitedForUntilItFollowsAndIsNear) {
-    FEED_LOG log("Security");
+    LOG log("Security");
     win32::NEW_EVENT event;
     event.strings = {std::u16string(25000, u'x')};
     std::string reason;
     while (log.UnreadShare(1) <= 0.5) ASSERT_TRUE(log.Take(event, reason) && log.Flush());
-    FEED_AGENT agent, impatient(std::chrono::seconds(0));
-    const auto wait = [&](FEED_AGENT& each) {
+    CONSOLE console(30, true);
+    AGENT_WAIT agent(console), impatient(console, std::chrono::seconds(0));
+    const auto wait = [&](AGENT_WAIT& each) {
         const char* const why = each.ReasonToWait(log);
         return std::string(why == nullptr ? "" : why);
     };
     EXPECT_EQ("", wait(agent)) << "none was seen";
     root.Write("Keldwick.identities", "{}");
-    FEED_AGENT later;
+    AGENT_WAIT later(console);
     EXPECT_EQ("does not run", wait(later)) << "one was there a moment ago";
     fs::last_write_time(root.Path("Keldwick.identities"), fs::file_time_type::clock::now() - std::chrono::minutes(6));
-    FEED_AGENT muchLater;
+    AGENT_WAIT muchLater(console);
     EXPECT_EQ("", wait(muchLater));
     for (int run = 0; run < 2; ++run) {
         const AGENT_ALIKE running(root);
@@ -690,12 +836,12 @@ TEST_F(FEEDING, AnAgentIsWaitedForUntilItFollowsAndIsNear) {
 
 TEST_F(FEEDING, WhatIsNotInTheLogDoesNotEndTheRecognitionOfWhatIs) {
     std::string reason;
-    const auto write = [&](FEED_LOG& log, const char16_t* user) {
+    const auto write = [&](LOG& log, const char16_t* user) {
         win32::NEW_EVENT event;
         event.strings = {user};
         return log.Take(event, reason) && log.Flush();
     };
-    FEED_LOG before("Security"), after("Security");
+    LOG before("Security"), after("Security");
     for (const char16_t* user : {u"a", u"b", u"c"}) ASSERT_TRUE(write(before, user));
     after.RecogniseFrom(1);
     for (const char16_t* user : {u"new", u"a", u"b", u"c"}) ASSERT_TRUE(write(after, user));
@@ -707,7 +853,7 @@ TEST_F(FEEDING, WhatIsNotInTheLogDoesNotEndTheRecognitionOfWhatIs) {
 }
 
 TEST_F(FEEDING, ALogsSizeIsTheSettingsWhenItIsWritten) {
-    FEED_LOG log("Security");
+    LOG log("Security");
     const DWORD size = 65536;
     HKEY key = nullptr;
     ASSERT_EQ(ERROR_SUCCESS,
@@ -723,7 +869,7 @@ TEST_F(FEEDING, ALogsSizeIsTheSettingsWhenItIsWritten) {
 }
 
 TEST_F(FEEDING, ABatchThatDidNotFitTheDiskIsWrittenOnceWhenItFits) {
-    FEED_LOG log("Security");
+    LOG log("Security");
     win32::NEW_EVENT event;
     std::string reason;
     for (const char16_t* user : {u"a", u"b", u"c"}) {
@@ -746,3 +892,4 @@ TEST_F(FEEDING, ABatchThatDidNotFitTheDiskIsWrittenOnceWhenItFits) {
 }
 
 }  // namespace
+}  // namespace tools::feed

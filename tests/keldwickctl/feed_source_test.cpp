@@ -1,16 +1,16 @@
 // What the feeds' readers make of single lines: which become records, with what in which position, and which do not.
 #include <gtest/gtest.h>
 
-#include "tools/keldwickctl/samba_audit.h"
-#include "tools/keldwickctl/shipper_json.h"
+#include "tools/feed/samba_audit.h"
+#include "tools/feed/shipper_json.h"
 #include "win32/text/utf.h"
 
+namespace tools::feed {
 namespace {
 
 using nlohmann::json;
 using win32::ToUtf8;
-constexpr auto RECORD = FEED_LINE_READER::RECORD, SKIPPED = FEED_LINE_READER::SKIPPED,
-               UNREADABLE = FEED_LINE_READER::UNREADABLE;
+constexpr auto RECORD = LINE_READER::RECORD, SKIPPED = LINE_READER::SKIPPED, UNREADABLE = LINE_READER::UNREADABLE;
 
 // What a reader makes of one line, and the event.
 template <typename READER>
@@ -21,7 +21,7 @@ struct READ {
     READER reader;
     win32::NEW_EVENT event;
     std::string reason;
-    FEED_LINE_READER::RESULT result;
+    LINE_READER::RESULT result;
 };
 
 const char* const AnnSid = "S-1-5-21-7-8-9-1103";
@@ -243,3 +243,4 @@ TEST(FEED_VALUES, ATimeIsTakenInEachOfItsForms) {
 }
 
 }  // namespace
+}  // namespace tools::feed

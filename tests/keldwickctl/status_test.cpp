@@ -1,14 +1,14 @@
 // What `keldwickctl status` makes of what it finds; the running agent is looked at in the system tests.
-#include "tools/keldwickctl/status_report.h"
+#include "tools/keldwickctl/status.h"
 
 #include <gmock/gmock.h>
 
 #include <sstream>
 
 #include "tests/support/temporary_root.h"
-#include "tools/keldwickctl/commands.h"
-#include "tools/keldwickctl/identity_list.h"
+#include "tools/common/failure.h"
 
+namespace tools {
 namespace {
 
 using testing::HasSubstr;
@@ -92,3 +92,4 @@ TEST(Status, ALineOfTheListThatHasNoEndIsNotTakenIntoMemory) {
 }
 
 }  // namespace
+}  // namespace tools

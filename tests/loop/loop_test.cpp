@@ -111,7 +111,7 @@ TEST_F(LOOP, AServerThatIsGoneIsTriedEachMinuteAndGetsWhatHappenedMeanwhile) {
 
 TEST_F(LOOP, AnotherServerIsTakenAtOnceAndAnotherProtocolWithTheNextConnection) {
     std::string reason;
-    const keldwick_server::TLS_CONTEXT tls = keldwick_server::NewServerContext("", "", reason);
+    const tools::TLS_CONTEXT tls = tools::NewServerContext("", "", reason);
     directory.names[{ADS_NAME_TYPE_NT4, u"CORP\\ann", ADS_NAME_TYPE_1779}] = u"CN=Ann";
     directory.names[{ADS_NAME_TYPE_1779, u"CN=G", ADS_NAME_TYPE_NT4}] = u"CORP\\G";
     directory.objects = {{u"LDAP://CN=Ann", {.memberOf = {u"CN=G"}}}, {u"LDAP://CN=G", {}}};
@@ -134,8 +134,7 @@ TEST_F(LOOP, AnotherServerIsTakenAtOnceAndAnotherProtocolWithTheNextConnection) 
 
 TEST_F(LOOP, TlsBefore11IsNotSpoken) {
     std::string reason;
-    const keldwick_server::TLS_CONTEXT tls[] = {keldwick_server::NewServerContext("", "", reason),
-                                                keldwick_server::NewServerContext("", "", reason)};
+    const tools::TLS_CONTEXT tls[] = {tools::NewServerContext("", "", reason), tools::NewServerContext("", "", reason)};
     for (const int number : {0, 1}) {
         SSL_CTX_set_min_proto_version(tls[number].get(), TLS1_VERSION);
         SSL_CTX_set_max_proto_version(tls[number].get(), number == 0 ? TLS1_1_VERSION : TLS1_VERSION);

@@ -1,9 +1,9 @@
 // Recorded events, each file beside the reports that must come of it: recorded/NAME.SOURCE and recorded/NAME.reports.
 // SOURCE is xml (Windows event XML), json (log shippers) or samba (the audit lines of a domain controller).
 #include "tests/support/agent.h"
-#include "tools/keldwickctl/event_xml_import.h"
-#include "tools/keldwickctl/samba_audit.h"
-#include "tools/keldwickctl/shipper_json.h"
+#include "tools/common/event_xml.h"
+#include "tools/feed/samba_audit.h"
+#include "tools/feed/shipper_json.h"
 
 namespace keldwick {
 namespace {
@@ -25,15 +25,15 @@ LINES LinesOf(const std::string& text) {
 }
 
 EVENTS FromXml(const std::string& bytes) {
-    struct : EVENT_SINK {
+    struct : tools::EVENT_SINK {
         EVENTS events;
         void Take(const win32::NEW_EVENT& event) override { events.push_back(event); }
         void TakeRecord(const EVENTLOGRECORD&) override { ADD_FAILURE(); }
         void Unreadable(const std::string& what) override { ADD_FAILURE() << what; }
     } sink;
-    EVENT_XML_IMPORT import(sink);
-    import.Feed(bytes.data(), bytes.size());
-    import.Finish();
+    tools::EVENT_XML_STREAM stream(sink);
+    stream.Feed(bytes);
+    stream.Finish();
     return sink.events;
 }
 
@@ -45,15 +45,17 @@ EVENTS FromLines(const std::string& bytes) {
         win32::NEW_EVENT event;
         std::string reason;
         const auto result = reader.Read(line, event, reason);
-        EXPECT_NE(FEED_LINE_READER::UNREADABLE, result) << reason;
-        if (result == FEED_LINE_READER::RECORD) events.push_back(event);
+        EXPECT_NE(tools::feed::LINE_READER::UNREADABLE, result) << reason;
+        if (result == tools::feed::LINE_READER::RECORD) events.push_back(event);
     }
     return events;
 }
 
 EVENTS EventsOf(const std::string& name) {
     const std::pair<const char*, EVENTS (*)(const std::string&)> sources[] = {
-        {".xml", FromXml}, {".json", FromLines<SHIPPER_JSON>}, {".samba", FromLines<SAMBA_AUDIT>}};
+        {".xml", FromXml},
+        {".json", FromLines<tools::feed::SHIPPER_JSON>},
+        {".samba", FromLines<tools::feed::SAMBA_AUDIT>}};
     for (const auto& [extension, read] : sources)
         if (const auto path = Folder / (name + extension); exists(path)) return read(Content(path));
     ADD_FAILURE() << "no events of " << name;

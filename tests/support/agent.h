@@ -26,7 +26,7 @@
 #include "tests/support/scripted_server.h"
 #include "tests/support/temporary_root.h"
 #include "tests/support/virtual_clock.h"
-#include "tools/keldwick-server/request_reader.h"
+#include "tools/keldwick-server/request.h"
 #include "win32/eventlog/evt_record.h"
 #include "win32/eventlog/evt_writer.h"
 #include "win32/sync/kernel_object.h"
@@ -138,17 +138,16 @@ protected:
     }
     // "logon DOMAIN\user on DOMAIN\computer at ADDRESS", with DNs in parentheses and groups in brackets.
     static std::string ReportText(const std::string& bytes) {
-        keldwick_server::REQUEST request;
+        tools::REQUEST request;
         size_t wanted = 0;
         std::string reason;
         const auto* const first = reinterpret_cast<const uint8_t*>(bytes.data());
-        if (keldwick_server::ParseRequest({first, bytes.size()}, request, wanted, reason) !=
-            keldwick_server::PARSED::Whole)
+        if (tools::ParseRequest({first, bytes.size()}, request, wanted, reason) != tools::PARSED::Whole)
             return "no request: " + reason;
         const auto named = [](const std::u16string& name, const std::u16string& dn) {
             return Narrow(name.c_str()) + (dn.empty() ? "" : " (" + Narrow(dn.c_str()) + ")");
         };
-        using KIND = keldwick_server::REQUEST::KIND;
+        using KIND = tools::REQUEST::KIND;
         std::string text = request.kind == KIND::Logon    ? "logon "
                            : request.kind == KIND::Logoff ? "logoff "
                                                           : "heartbeat ";
@@ -156,7 +155,7 @@ protected:
         if (!request.computer.empty()) text += " on " + named(request.computer, request.computerDn);
         text += " at " + request.address;
         if (request.groupsStated != 0) text += " [" + std::to_string(request.groupsStated);
-        for (const keldwick_server::GROUP& group : request.groups) text += " " + named(group.domain, group.dn);
+        for (const tools::GROUP& group : request.groups) text += " " + named(group.domain, group.dn);
         return text + (request.groupsStated != 0 ? "]" : "");
     }
 

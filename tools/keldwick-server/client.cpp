@@ -1,29 +1,28 @@
-#include "client.h"
+#include "tools/keldwick-server/client.h"
 
 #include <openssl/err.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <array>
 #include <cerrno>
 #include <cstring>
 #include <utility>
 
-namespace keldwick_server {
+namespace tools {
 namespace {
 
-constexpr int MostReadsPerRound = 4;
+constexpr int MaxReadsPerRound = 4;
 constexpr size_t ReadBytes = 64 * 1024;
-constexpr size_t MostAnswersWaiting = 64 * 1024;  // a client that does not take its answers is not read from any more
+constexpr size_t MaxAnswersWaiting = 64 * 1024;  // a client that does not take its answers is not read from any more
 
 }  // namespace
 
-CLIENT::CLIENT(int descriptor, std::string peerName, SSL_CTX* context)
-    : fd(descriptor), peer(std::move(peerName)), shaken(context == nullptr) {
+CLIENT::CLIENT(win32::DESCRIPTOR descriptor, std::string peerName, SSL_CTX* context)
+    : socket(std::move(descriptor)), peer(std::move(peerName)), shaken(context == nullptr) {
     if (context == nullptr) return;
     session.reset(SSL_new(context));
-    if (session && SSL_set_fd(session.get(), fd) == 1)
+    if (session && SSL_set_fd(session.get(), socket.Get()) == 1)
         SSL_set_accept_state(session.get());
     else
         session.reset();
@@ -32,7 +31,6 @@ CLIENT::CLIENT(int descriptor, std::string peerName, SSL_CTX* context)
 CLIENT::~CLIENT() {
     if (session && shaken && complaint.empty()) SSL_shutdown(session.get());
     ERR_clear_error();
-    close(fd);
 }
 
 bool CLIENT::Serve(uint32_t status, const std::function<void(const REQUEST&)>& seen) {
@@ -41,8 +39,8 @@ bool CLIENT::Serve(uint32_t status, const std::function<void(const REQUEST&)>& s
     if (!shaken && !Handshake()) return complaint.empty();
     stalled = false;
     bool goesOn = Flush();
-    for (int round = 0; goesOn && !ended && !stalled && round < MostReadsPerRound; ++round) {
-        if (answers.size() > MostAnswersWaiting) break;
+    for (int round = 0; goesOn && !ended && !stalled && round < MaxReadsPerRound; ++round) {
+        if (answers.size() > MaxAnswersWaiting) break;
         size_t count = 0;
         const RESULT result = Read(buffer.data(), buffer.size(), count);
         stalled = result == RESULT::Stalled;
@@ -61,7 +59,7 @@ bool CLIENT::Serve(uint32_t status, const std::function<void(const REQUEST&)>& s
 
 uint32_t CLIENT::Wanted() const {
     uint32_t wanted = 0;
-    if (!ended && answers.size() <= MostAnswersWaiting) wanted |= EPOLLIN;
+    if (!ended && answers.size() <= MaxAnswersWaiting) wanted |= EPOLLIN;
     if (!answers.empty() || tlsWantsRoom) wanted |= EPOLLOUT;
     return wanted;
 }
@@ -87,7 +85,7 @@ CLIENT::RESULT CLIENT::Read(uint8_t* buffer, size_t capacity, size_t& count) {
         ERR_clear_error();
         return TlsResult(SSL_read_ex(session.get(), buffer, capacity, &count));
     }
-    const ssize_t got = recv(fd, buffer, capacity, 0);
+    const ssize_t got = recv(socket.Get(), buffer, capacity, 0);
     if (got < 0 && (errno == EAGAIN || errno == EINTR)) return RESULT::Stalled;
     if (got < 0) complaint = std::strerror(errno);
     count = got > 0 ? static_cast<size_t>(got) : 0;
@@ -99,7 +97,7 @@ CLIENT::RESULT CLIENT::Write(const uint8_t* bytes, size_t length, size_t& count)
         ERR_clear_error();
         return TlsResult(SSL_write_ex(session.get(), bytes, length, &count));
     }
-    const ssize_t sent = send(fd, bytes, length, MSG_NOSIGNAL);
+    const ssize_t sent = send(socket.Get(), bytes, length, MSG_NOSIGNAL);
     if (sent < 0 && (errno == EAGAIN || errno == EINTR)) return RESULT::Stalled;
     if (sent < 0) complaint = std::strerror(errno);
     count = sent > 0 ? static_cast<size_t>(sent) : 0;
@@ -159,4 +157,4 @@ bool CLIENT::Flush() {
     return result != RESULT::Over;
 }
 
-}  // namespace keldwick_server
+}  // namespace tools

@@ -9,9 +9,10 @@
 #include <string>
 #include <vector>
 
-#include "request_reader.h"
+#include "tools/keldwick-server/request.h"
+#include "win32/sync/descriptor.h"
 
-namespace keldwick_server {
+namespace tools {
 
 struct SSL_FREER {
     void operator()(SSL* session) const { SSL_free(session); }
@@ -19,8 +20,8 @@ struct SSL_FREER {
 
 class CLIENT {
 public:
-    // Owns the descriptor, which must be non-blocking. context: null for plain TCP.
-    CLIENT(int descriptor, std::string peerName, SSL_CTX* context);
+    // The descriptor must be non-blocking. context: null for plain TCP.
+    CLIENT(win32::DESCRIPTOR descriptor, std::string peerName, SSL_CTX* context);
     ~CLIENT();
     CLIENT(const CLIENT&) = delete;
     CLIENT& operator=(const CLIENT&) = delete;
@@ -32,7 +33,7 @@ public:
     // What to wait for, as epoll's bits.
     uint32_t Wanted() const;
 
-    int Descriptor() const { return fd; }
+    int Descriptor() const { return socket.Get(); }
     const std::string& Peer() const { return peer; }
     const std::string& Complaint() const { return complaint; }
 
@@ -49,7 +50,7 @@ private:
     bool Answer(uint32_t status);
     bool Flush();
 
-    const int fd;
+    const win32::DESCRIPTOR socket;
     const std::string peer;
     std::unique_ptr<SSL, SSL_FREER> session;
     bool shaken;           // the handshake is done, or none is needed
@@ -62,4 +63,4 @@ private:
     std::vector<REQUEST> requests;  // of this round
 };
 
-}  // namespace keldwick_server
+}  // namespace tools

@@ -8,13 +8,11 @@
 #include <cstring>
 #include <exception>
 
-#include "report_line.h"
-#include "server.h"
-#include "tools/text/safe_text.h"
+#include "tools/common/safe_text.h"
+#include "tools/keldwick-server/server.h"
 
+namespace tools {
 namespace {
-
-using namespace keldwick_server;
 
 constexpr int ExitFailed = 1;
 constexpr int ExitUsage = 2;
@@ -56,15 +54,15 @@ std::optional<int> ParseArguments(int count, char** texts, ARGUMENTS& arguments)
 
 void Complain(const std::string& line) { std::fprintf(stderr, "keldwick-server: %s\n", SafeText(line).c_str()); }
 
-// A descriptor that becomes readable at SIGINT and SIGTERM.
-int StopDescriptor() {
+// Becomes readable at SIGINT and SIGTERM. None: errno says why.
+win32::DESCRIPTOR StopDescriptor() {
     std::signal(SIGPIPE, SIG_IGN);
     sigset_t stops;
     sigemptyset(&stops);
     sigaddset(&stops, SIGINT);
     sigaddset(&stops, SIGTERM);
     sigprocmask(SIG_BLOCK, &stops, nullptr);
-    return signalfd(-1, &stops, SFD_CLOEXEC | SFD_NONBLOCK);
+    return win32::DESCRIPTOR(signalfd(-1, &stops, SFD_CLOEXEC | SFD_NONBLOCK));
 }
 
 class PRINTER {
@@ -88,28 +86,29 @@ private:
 int Serve(int count, char** texts) {
     ARGUMENTS arguments;
     if (const std::optional<int> code = ParseArguments(count, texts, arguments)) return *code;
-    const int stop = StopDescriptor();
+    const win32::DESCRIPTOR stop = StopDescriptor();
     SERVER server({PRINTER(arguments.json), Complain});
     std::string error;
-    if (stop < 0) error = std::string("cannot receive signals: ") + std::strerror(errno);
-    if (stop < 0 || !server.Open(arguments.server, error)) {
+    if (!stop) error = std::string("cannot receive signals: ") + std::strerror(errno);
+    if (!stop || !server.Open(arguments.server, error)) {
         Complain(error);
         return ExitFailed;
     }
     const std::string place = "listening on " + arguments.server.host + " port ";
     if (server.TcpPort() != 0) Complain(place + std::to_string(server.TcpPort()) + " (TCP)");
     if (server.TlsPort() != 0) Complain(place + std::to_string(server.TlsPort()) + " (TLS)");
-    server.Run(stop);
+    server.Run(stop.Get());
     return 0;
 }
 
 }  // namespace
+}  // namespace tools
 
 int main(int count, char** texts) {
     try {
-        return Serve(count, texts);
+        return tools::Serve(count, texts);
     } catch (const std::exception& error) {  // out of memory
-        Complain(error.what());
-        return ExitFailed;
+        tools::Complain(error.what());
+        return tools::ExitFailed;
     }
 }

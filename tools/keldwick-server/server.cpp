@@ -1,4 +1,4 @@
-#include "server.h"
+#include "tools/keldwick-server/server.h"
 
 #include <fcntl.h>
 #include <netdb.h>
@@ -7,7 +7,6 @@
 #include <sys/epoll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -15,11 +14,11 @@
 #include <cstring>
 #include <utility>
 
-namespace keldwick_server {
+namespace tools {
 namespace {
 
 constexpr size_t DescriptorsKept = 32;  // of the process's limit, for everything that is no client
-constexpr int RetryMilliseconds = 200;  // until accepting is tried again after the system had no descriptor left
+constexpr int RetryMs = 200;            // until accepting is tried again after the system had no descriptor left
 
 struct ADDRINFO_FREER {
     void operator()(addrinfo* list) const { freeaddrinfo(list); }
@@ -47,38 +46,24 @@ uint16_t PortOf(int fd) {
 }
 
 // A listening socket, or -1 with errno.
-int NewListener(const addrinfo& address) {
-    const int fd = socket(address.ai_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    if (fd < 0) return -1;
+// None: errno says why.
+win32::DESCRIPTOR NewListener(const addrinfo& address) {
+    win32::DESCRIPTOR made(socket(address.ai_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     const int on = 1;
-    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
-    if (bind(fd, address.ai_addr, address.ai_addrlen) == 0 && listen(fd, SOMAXCONN) == 0) return fd;
-    const int error = errno;
-    close(fd);
-    errno = error;
-    return -1;
-}
-
-void Watch(int poller, int fd, uint32_t events) {
-    epoll_event wanted{events, {}};
-    wanted.data.fd = fd;
-    if (epoll_ctl(poller, EPOLL_CTL_MOD, fd, &wanted) != 0) epoll_ctl(poller, EPOLL_CTL_ADD, fd, &wanted);
+    setsockopt(made.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
+    const bool listens =
+        bind(made.Get(), address.ai_addr, address.ai_addrlen) == 0 && listen(made.Get(), SOMAXCONN) == 0;
+    return listens ? std::move(made) : win32::DESCRIPTOR();
 }
 
 }  // namespace
 
 SERVER::SERVER(OUTPUT where) : output(std::move(where)), mostClients(ClientLimit()) {}
 
-SERVER::~SERVER() {
-    clients.clear();
-    for (const LISTENER& listener : listeners) close(listener.fd);
-    if (poller >= 0) close(poller);
-}
-
 bool SERVER::Open(const SERVER_OPTIONS& wanted, std::string& error) {
     options = wanted;
-    poller = epoll_create1(EPOLL_CLOEXEC);
-    if (poller < 0) {
+    poller = win32::DESCRIPTOR(epoll_create1(EPOLL_CLOEXEC));
+    if (!poller) {
         error = std::string("cannot wait for sockets: ") + std::strerror(errno);
         return false;
     }
@@ -107,23 +92,23 @@ bool SERVER::Listen(uint16_t port, bool secure, uint16_t& bound, std::string& er
     }
     const std::unique_ptr<addrinfo, ADDRINFO_FREER> owner(list);
     for (const addrinfo* one = list; one != nullptr; one = one->ai_next) {
-        const int fd = NewListener(*one);
-        if (fd < 0) {
+        win32::DESCRIPTOR made = NewListener(*one);
+        if (!made) {
             error = "cannot listen on " + options.host + " port " + std::to_string(port) + ": " + std::strerror(errno);
             return false;
         }
-        listeners.push_back({fd, secure});
-        bound = PortOf(fd);
+        bound = PortOf(made.Get());
+        listeners.push_back({std::move(made), secure});
     }
     return true;
 }
 
 void SERVER::Run(int stopDescriptor) {
-    Watch(poller, stopDescriptor, EPOLLIN);
+    Watch(stopDescriptor, EPOLLIN);
     std::array<epoll_event, 64> events;
     for (;;) {
-        const int timeout = !buffered.empty() ? 0 : accepting ? -1 : RetryMilliseconds;
-        const int count = epoll_wait(poller, events.data(), static_cast<int>(events.size()), timeout);
+        const int timeout = !buffered.empty() ? 0 : accepting ? -1 : RetryMs;
+        const int count = epoll_wait(poller.Get(), events.data(), static_cast<int>(events.size()), timeout);
         if (count < 0 && errno != EINTR) return;
         if (count == 0 && !accepting) WatchListeners(true);
         for (int i = 0; i < count; ++i) {
@@ -134,35 +119,41 @@ void SERVER::Run(int stopDescriptor) {
                 Serve(*client->second);
                 continue;
             }
-            const auto listener =
-                std::find_if(listeners.begin(), listeners.end(), [fd](const LISTENER& one) { return one.fd == fd; });
+            const auto listener = std::find_if(listeners.begin(), listeners.end(),
+                                               [fd](const LISTENER& one) { return one.socket.Get() == fd; });
             if (listener != listeners.end()) Accept(*listener);
         }
         ServeBuffered();
     }
 }
 
+void SERVER::Watch(int fd, uint32_t events) {
+    epoll_event wanted{events, {}};
+    wanted.data.fd = fd;
+    if (epoll_ctl(poller.Get(), EPOLL_CTL_MOD, fd, &wanted) != 0) epoll_ctl(poller.Get(), EPOLL_CTL_ADD, fd, &wanted);
+}
+
 void SERVER::Accept(const LISTENER& listener) {
     sockaddr_storage address{};
     socklen_t length = sizeof(address);
     auto* const peer = reinterpret_cast<sockaddr*>(&address);
-    const int fd = accept4(listener.fd, peer, &length, SOCK_NONBLOCK | SOCK_CLOEXEC);
-    if (fd < 0) {
+    win32::DESCRIPTOR taken(accept4(listener.socket.Get(), peer, &length, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    if (!taken) {
         if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) WatchListeners(false);
         return;
     }
-    const int on = 1;
+    const int on = 1, fd = taken.Get();
     setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
-    const auto added =
-        clients.emplace(fd, std::make_unique<CLIENT>(fd, NameOf(peer, length), listener.secure ? tls.get() : nullptr));
-    Watch(poller, fd, added.first->second->Wanted());
+    const auto added = clients.emplace(
+        fd, std::make_unique<CLIENT>(std::move(taken), NameOf(peer, length), listener.secure ? tls.get() : nullptr));
+    Watch(fd, added.first->second->Wanted());
     if (clients.size() >= mostClients) WatchListeners(false);
 }
 
 void SERVER::WatchListeners(bool on) {
     if (on && clients.size() >= mostClients) return;
     accepting = on;
-    for (const LISTENER& listener : listeners) Watch(poller, listener.fd, on ? static_cast<uint32_t>(EPOLLIN) : 0u);
+    for (const LISTENER& listener : listeners) Watch(listener.socket.Get(), on ? static_cast<uint32_t>(EPOLLIN) : 0u);
 }
 
 void SERVER::Serve(CLIENT& client) {
@@ -171,7 +162,7 @@ void SERVER::Serve(CLIENT& client) {
         Drop(client.Descriptor());
         return;
     }
-    if (client.Wanted() != before) Watch(poller, client.Descriptor(), client.Wanted());
+    if (client.Wanted() != before) Watch(client.Descriptor(), client.Wanted());
     if (client.HasBuffered() && (client.Wanted() & EPOLLIN)) buffered.push_back(client.Descriptor());
 }
 
@@ -190,4 +181,4 @@ void SERVER::Drop(int fd) {
     if (!accepting) WatchListeners(true);
 }
 
-}  // namespace keldwick_server
+}  // namespace tools

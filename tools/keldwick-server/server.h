@@ -8,10 +8,10 @@
 #include <unordered_map>
 #include <vector>
 
-#include "client.h"
-#include "server_tls.h"
+#include "tools/keldwick-server/client.h"
+#include "tools/keldwick-server/server_tls.h"
 
-namespace keldwick_server {
+namespace tools {
 
 struct SERVER_OPTIONS {
     std::string host = "127.0.0.1";
@@ -28,7 +28,6 @@ public:
     };
 
     explicit SERVER(OUTPUT where);
-    ~SERVER();
     SERVER(const SERVER&) = delete;
     SERVER& operator=(const SERVER&) = delete;
 
@@ -43,11 +42,12 @@ public:
 
 private:
     struct LISTENER {
-        int fd;
+        win32::DESCRIPTOR socket;
         bool secure;
     };
 
     bool Listen(uint16_t port, bool secure, uint16_t& bound, std::string& error);
+    void Watch(int fd, uint32_t events);
     void Accept(const LISTENER& listener);
     void WatchListeners(bool on);
     void Serve(CLIENT& client);
@@ -58,7 +58,7 @@ private:
     SERVER_OPTIONS options;
     TLS_CONTEXT tls;
     uint16_t tcpPort = 0, tlsPort = 0;
-    int poller = -1;
+    win32::DESCRIPTOR poller;
     size_t mostClients = 0;
     bool accepting = true;
     std::vector<LISTENER> listeners;
@@ -66,4 +66,4 @@ private:
     std::vector<int> buffered;                                 // clients to be served again without a wake-up
 };
 
-}  // namespace keldwick_server
+}  // namespace tools

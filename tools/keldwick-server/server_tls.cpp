@@ -1,4 +1,4 @@
-#include "server_tls.h"
+#include "tools/keldwick-server/server_tls.h"
 
 #include <openssl/err.h>
 #include <openssl/rand.h>
@@ -8,7 +8,7 @@
 #include <cerrno>
 #include <cstring>
 
-namespace keldwick_server {
+namespace tools {
 namespace {
 
 constexpr long ValidSeconds = 365L * 24 * 3600;
@@ -108,4 +108,4 @@ TLS_CONTEXT NewServerContext(const std::string& certificateFile, const std::stri
     return context;
 }
 
-}  // namespace keldwick_server
+}  // namespace tools

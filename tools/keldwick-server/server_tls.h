@@ -6,7 +6,7 @@
 #include <memory>
 #include <string>
 
-namespace keldwick_server {
+namespace tools {
 
 struct CONTEXT_FREER {
     void operator()(SSL_CTX* context) const { SSL_CTX_free(context); }
@@ -17,4 +17,4 @@ using TLS_CONTEXT = std::unique_ptr<SSL_CTX, CONTEXT_FREER>;
 // in memory only. keyFile: PEM; empty: the key is in the certificate's file. Null, with the reason, when it cannot be.
 TLS_CONTEXT NewServerContext(const std::string& certificateFile, const std::string& keyFile, std::string& reason);
 
-}  // namespace keldwick_server
+}  // namespace tools

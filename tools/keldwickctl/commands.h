@@ -4,14 +4,9 @@
 
 #include <CLI/CLI.hpp>
 
-#include <stdexcept>
-#include <string>
+#include "tools/common/failure.h"
 
-// What could not be done and why: UTF-8, one line, no line break at its end.
-class COMMAND_ERROR : public std::runtime_error {
-public:
-    using std::runtime_error::runtime_error;
-};
+namespace tools {
 
 // The commands run while the parser parses, after main has made the machine root known to the layer (KELDWICK_ROOT).
 void AddInitCommand(CLI::App& app);        // init
@@ -21,3 +16,5 @@ void AddDirectoryCommands(CLI::App& app);  // directory lookup, check
 void AddFeedCommands(CLI::App& app);       // feed samba-audit, xml, json
 void AddStatusCommand(CLI::App& app);      // status
 void AddIdentitiesCommand(CLI::App& app);  // identities
+
+}  // namespace tools

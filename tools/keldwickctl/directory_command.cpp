@@ -4,9 +4,9 @@
 #include "directory/name_translation.h"
 #include "platform/error_text.h"
 #include "service/command_line.h"
+#include "tools/common/safe_text.h"
 #include "tools/keldwickctl/commands.h"
 #include "tools/keldwickctl/setting_values.h"
-#include "tools/text/safe_text.h"
 #include "win32/directory/directory_check.h"
 #include "win32/registry/store.h"
 #include "win32/text/utf.h"
@@ -19,6 +19,7 @@
 #include <string>
 #include <vector>
 
+namespace tools {
 namespace {
 
 using keldwick::DIRECTORY_BINDING;
@@ -176,3 +177,5 @@ void AddDirectoryCommands(CLI::App& app) {
             "AdServer names is included.")
         ->callback(ShowCheck);
 }
+
+}  // namespace tools

@@ -1,4 +1,5 @@
-#include "tools/keldwickctl/event_import.h"
+#include "tools/keldwickctl/events.h"
+#include "win32/sync/descriptor.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -12,15 +13,13 @@
 #include <string_view>
 #include <vector>
 
+#include "tools/common/event_logs.h"
+#include "tools/common/event_xml.h"
+#include "tools/common/failure.h"
+#include "tools/common/safe_text.h"
 #include "tools/keldwickctl/commands.h"
-#include "tools/keldwickctl/event_log_access.h"
-#include "tools/keldwickctl/event_sink.h"
-#include "tools/keldwickctl/event_xml_import.h"
-#include "tools/keldwickctl/evt_import.h"
-#include "tools/keldwickctl/evtx_import.h"
-#include "tools/keldwickctl/failure.h"
-#include "tools/text/safe_text.h"
 
+namespace tools {
 namespace {
 
 constexpr size_t ChunkBytes = 64 * 1024;
@@ -90,17 +89,13 @@ private:
 class SOURCE {
 public:
     explicit SOURCE(const std::string& path) : name(path == "-" ? "standard input" : path) {
-        fd = path == "-" ? dup(STDIN_FILENO) : open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        file = win32::DESCRIPTOR(path == "-" ? dup(STDIN_FILENO) : open(path.c_str(), O_RDONLY | O_CLOEXEC));
         struct stat about;
-        if (fd < 0 || fstat(fd, &about) != 0) Fail();
+        if (!file || fstat(file.Get(), &about) != 0) Fail();
         if (S_ISDIR(about.st_mode)) throw COMMAND_ERROR("cannot read " + name + ": it is a folder");
         head.resize(ChunkBytes);
         head.resize(Fill(head.data(), head.size()));
     }
-    ~SOURCE() { close(fd); }
-    SOURCE(const SOURCE&) = delete;
-    SOURCE& operator=(const SOURCE&) = delete;
-
     const std::string& Name() const { return name; }
     std::string_view Head() const { return {head.data(), head.size()}; }
 
@@ -130,7 +125,7 @@ private:
     size_t Fill(char* bytes, size_t count) {
         size_t done = 0;
         while (done < count) {
-            const ssize_t got = read(fd, bytes + done, count - done);
+            const ssize_t got = read(file.Get(), bytes + done, count - done);
             if (got < 0 && errno == EINTR) continue;
             if (got < 0) Fail();
             if (got == 0) break;
@@ -141,7 +136,7 @@ private:
     [[noreturn]] void Fail() const { throw COMMAND_ERROR("cannot read " + name + ": " + std::strerror(errno)); }
 
     const std::string name;
-    int fd = -1;
+    win32::DESCRIPTOR file;
     std::vector<char> head;
     bool headGiven = false;
 };
@@ -158,6 +153,37 @@ KIND KindOf(std::string_view head) {
     return first != std::string_view::npos && head[first] == '<' ? XML : OTHER;
 }
 
+// The records of a classic .evt file, taken over as they are but for their numbers: those that it holds now, the oldest
+// first (so a log may be imported into itself). Damaged places go to the sink as unreadable.
+void ImportEvt(const std::string& path, EVENT_SINK& sink) {
+    win32::EVT_READER reader;
+    DWORD end = 0, oldest = 0, count = 0;
+    if (!reader.Open(path)) FailCommand("cannot read " + path, GetLastError());
+    if (const DWORD error = reader.Numbers(end, oldest, count); error != ERROR_SUCCESS)
+        FailCommand("cannot read " + path, error);
+    win32::BYTES buffer(win32::MaxReadBytes / 4 * 4);
+    DWORD last = oldest != 0 ? oldest - 1 : 0, damage = 0;  // damage: places named so far
+    const auto name = [&] {
+        sink.Unreadable("damage after record " + std::to_string(last));
+        ++damage;
+    };
+    for (;;) {
+        DWORD bytes = 0, needed = 0;
+        const DWORD error = reader.Read(true, buffer.data(), static_cast<DWORD>(buffer.size()), bytes, needed);
+        for (DWORD at = 0; at < bytes;) {
+            const EVENTLOGRECORD& record = *reinterpret_cast<const EVENTLOGRECORD*>(buffer.data() + at);
+            if (record.RecordNumber >= end) return;
+            if (record.RecordNumber != last + 1 && damage < reader.Damage()) name();
+            sink.TakeRecord(record);
+            last = record.RecordNumber;
+            at += record.Length;
+        }
+        while (damage < reader.Damage()) name();
+        if (error == ERROR_HANDLE_EOF) return;
+        if (error != ERROR_SUCCESS) FailCommand("cannot read " + path, error);
+    }
+}
+
 }  // namespace
 
 void ImportEvents(const std::string& path, const std::string& log) {
@@ -171,10 +197,11 @@ void ImportEvents(const std::string& path, const std::string& log) {
     } else if (kind == EVT) {
         ImportEvt(source.SeekablePath(path), sink);
     } else {
-        EVENT_XML_IMPORT import(sink);
-        for (std::string_view bytes = source.Next(); !bytes.empty(); bytes = source.Next())
-            import.Feed(bytes.data(), bytes.size());
-        import.Finish();
+        EVENT_XML_STREAM stream(sink);
+        for (std::string_view bytes = source.Next(); !bytes.empty(); bytes = source.Next()) stream.Feed(bytes);
+        stream.Finish();
     }
     sink.Finish();
 }
+
+}  // namespace tools

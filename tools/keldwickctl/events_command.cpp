@@ -1,17 +1,106 @@
 // keldwickctl events: write, import, list, clear.
-#include <array>
+#include <cstdio>
 #include <memory>
+#include <nlohmann/json.hpp>
+#include <vector>
 
+#include "tools/common/event_logs.h"
+#include "tools/common/failure.h"
+#include "tools/common/safe_text.h"
+#include "tools/common/values.h"
 #include "tools/keldwickctl/commands.h"
-#include "tools/keldwickctl/event_import.h"
-#include "tools/keldwickctl/event_listing.h"
-#include "tools/keldwickctl/event_log_access.h"
-#include "tools/keldwickctl/event_values.h"
-#include "tools/keldwickctl/failure.h"
+#include "tools/keldwickctl/events.h"
 #include "win32/eventlog/evt_record.h"
 #include "win32/text/utf.h"
 
+namespace tools {
 namespace {
+
+const BYTE* BytesOf(const EVENTLOGRECORD& record) { return reinterpret_cast<const BYTE*>(&record); }
+
+// The NUL-terminated text at `text`, which then is the one after it.
+std::string TakeText(const WCHAR*& text) {
+    const std::u16string_view units(text);
+    text += units.size() + 1;
+    return win32::ToUtf8(units);
+}
+
+struct FIELDS {
+    std::string source, computer;
+    std::vector<std::string> strings;
+};
+
+FIELDS Decode(const EVENTLOGRECORD& record) {
+    FIELDS fields;
+    const WCHAR* text = reinterpret_cast<const WCHAR*>(BytesOf(record) + sizeof(record));
+    fields.source = TakeText(text);
+    fields.computer = TakeText(text);
+    text = reinterpret_cast<const WCHAR*>(BytesOf(record) + record.StringOffset);
+    for (WORD i = 0; i < record.NumStrings; ++i) fields.strings.push_back(TakeText(text));
+    return fields;
+}
+
+// Within quotes those and back slashes are escaped, too.
+std::string Escaped(const std::string& text) {
+    std::string escaped;
+    for (const char c : text) {
+        if (c == '"' || c == '\\') escaped += '\\';
+        escaped += c;
+    }
+    return SafeText(escaped);
+}
+
+std::string DataDigits(const EVENTLOGRECORD& record) {
+    return record.DataLength == 0 ? std::string() : HexDigits(BytesOf(record) + record.DataOffset, record.DataLength);
+}
+
+}  // namespace
+
+std::string RecordAsText(const EVENTLOGRECORD& record) {
+    const FIELDS fields = Decode(record);
+    std::string line = std::to_string(record.RecordNumber) + "  " + IsoTime(record.TimeGenerated) + "  " +
+                       std::to_string(record.EventID) + "  " + EventTypeName(record.EventType) + "  " +
+                       Escaped(fields.source) + "  " + Escaped(fields.computer) + " ";
+    for (const std::string& text : fields.strings) line += " \"" + Escaped(text) + "\"";
+    if (record.DataLength > 0) line += "  data " + DataDigits(record);
+    return line;
+}
+
+std::string RecordAsJson(const EVENTLOGRECORD& record) {
+    const FIELDS fields = Decode(record);
+    nlohmann::ordered_json object;
+    object["record"] = record.RecordNumber;
+    object["time"] = IsoTime(record.TimeGenerated);
+    object["id"] = record.EventID;
+    object["type"] = EventTypeName(record.EventType);
+    object["source"] = fields.source;
+    object["computer"] = fields.computer;
+    object["strings"] = fields.strings;
+    object["data"] = DataDigits(record);
+    return SafeJson(object);
+}
+
+namespace {
+
+// Prints the log's records, the oldest first; `last` > 0: only the newest so many. Throws COMMAND_ERROR, after having
+// printed what could be read, also when places were damaged.
+void List(const std::string& log, unsigned last, bool json) {
+    win32::EVT_READER reader;
+    const LOG_NUMBERS numbers = OpenReaderWithNumbers(reader, log);
+    DWORD error = ERROR_SUCCESS;
+    if (last > 0 && last < numbers.count) error = reader.Seek(numbers.current - last, true);
+    bool goesOn = true;  // until a record that was written since this began, or a failure of standard output
+    const auto print = [&](const EVENTLOGRECORD& record) {
+        goesOn = record.RecordNumber < numbers.current;
+        if (goesOn) std::printf("%s\n", (json ? RecordAsJson(record) : RecordAsText(record)).c_str());
+        return goesOn = goesOn && !std::ferror(stdout);
+    };
+    if (error == ERROR_SUCCESS) error = EachRecord(reader, true, print);
+    if (error != ERROR_SUCCESS) FailCommand("cannot read the " + log + " log", error);
+    if (goesOn && reader.Damage() > 0)
+        throw COMMAND_ERROR("the " + log + " log is damaged at " + std::to_string(reader.Damage()) +
+                            (reader.Damage() == 1 ? " place" : " places") + ", whose records are not shown");
+}
 
 struct WRITE_OPTIONS {
     std::string id, log = "Security", type = "audit-success", source, computer, time, data;
@@ -23,12 +112,6 @@ struct LIST_OPTIONS {
     unsigned last = 0;
     bool json = false;
 };
-
-std::u16string OwnComputer() {
-    std::array<WCHAR, 256> name;
-    DWORD units = name.size();
-    return GetComputerNameW(name.data(), &units) ? std::u16string(name.data(), units) : std::u16string();
-}
 
 // The source that writes to the log on Windows, when none is named.
 const char* UsualSource(const std::string& log) {
@@ -43,7 +126,7 @@ void Write(const WRITE_OPTIONS& options) {
     event.written = win32::SecondsNow();
     event.generated = options.time.empty() ? event.written : *ParseIsoTime(options.time);
     event.source = win32::ToUtf16(options.source.empty() ? UsualSource(options.log) : options.source);
-    event.computer = options.computer.empty() ? OwnComputer() : win32::ToUtf16(options.computer);
+    event.computer = options.computer.empty() ? OwnComputerName() : win32::ToUtf16(options.computer);
     event.data = *ParseHex(options.data);
     for (const std::string& text : options.strings) event.strings.push_back(win32::ToUtf16(text));
 
@@ -136,7 +219,7 @@ void AddList(CLI::App* events) {
         ->type_name("N")
         ->check(CLI::Range(1u, 0xFFFFFFFFu, "N"));
     list->add_flag("--json", options->json, "one JSON object a line");
-    list->callback([options] { ListEvents(options->log, options->last, options->json); });
+    list->callback([options] { List(options->log, options->last, options->json); });
 }
 
 void AddClear(CLI::App* events) {
@@ -146,7 +229,7 @@ void AddClear(CLI::App* events) {
     clear->callback([log] { ClearLog(*log); });
 }
 
-}  // namespace
+}  // namespace tools
 
 void AddEventsCommands(CLI::App& app) {
     CLI::App* const events = app.add_subcommand("events", "Writes, imports, shows and clears event logs.");
@@ -156,3 +239,5 @@ void AddEventsCommands(CLI::App& app) {
     AddList(events);
     AddClear(events);
 }
+
+}  // namespace tools

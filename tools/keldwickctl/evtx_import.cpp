@@ -1,17 +1,18 @@
-#include "tools/keldwickctl/evtx_import.h"
+#include "tools/keldwickctl/events.h"
 
 #include <libevtx.h>
 
 #include <array>
 #include <string>
 
-#include "tools/keldwickctl/commands.h"
-#include "tools/keldwickctl/event_xml_parser.h"
+#include "tools/common/event_xml.h"
+#include "tools/common/failure.h"
 
+namespace tools {
 namespace {
 
-constexpr size_t LargestXml = 4 * 1024 * 1024;  // bytes of one record
-constexpr int MostRecords = 10000000;
+constexpr size_t MaxXmlBytes = 4 * 1024 * 1024;  // bytes of one record
+constexpr int MaxRecords = 10000000;
 
 // libevtx's error text, on one line, and the error is done with.
 std::string TakeError(libevtx_error_t*& error) {
@@ -57,7 +58,7 @@ public:
         size_t size = 0;
         bool good = libevtx_file_get_record_by_index(file, index, &record, &error) == 1 &&
                     libevtx_record_get_utf8_xml_string_size(record, &size, &error) == 1;
-        if (good && size > LargestXml) {
+        if (good && size > MaxXmlBytes) {
             good = false;
             reason = "larger than 4 MiB";
         } else if (good) {
@@ -120,7 +121,7 @@ void ImportEvtx(const std::string& path, EVENT_SINK& sink) {
     EVENT_XML_PARSER parser;
     win32::NEW_EVENT event;
     std::string xml;
-    const int held = file.Records(), records = std::min(held, MostRecords);
+    const int held = file.Records(), records = std::min(held, MaxRecords);
     for (int index = 0; index < records; ++index) {
         std::string reason;
         if (!file.Xml(index, xml, reason)) {
@@ -140,3 +141,5 @@ void ImportEvtx(const std::string& path, EVENT_SINK& sink) {
     if (held > records) sink.Unreadable(std::to_string(held - records) + " records beyond the first ten million");
     if (file.Damaged()) sink.Unreadable("damaged parts of " + path + ", whose records are not known");
 }
+
+}  // namespace tools

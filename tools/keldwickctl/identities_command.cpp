@@ -4,13 +4,13 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 
+#include "tools/common/running_agent.h"
+#include "tools/common/safe_text.h"
+#include "tools/common/values.h"
 #include "tools/keldwickctl/commands.h"
-#include "tools/keldwickctl/event_values.h"
-#include "tools/keldwickctl/identity_list.h"
-#include "tools/keldwickctl/status_process.h"
-#include "tools/text/safe_text.h"
 #include "win32/files/machine_root.h"
 
+namespace tools {
 namespace {
 
 std::string Time(int64_t seconds) { return IsoTime(static_cast<DWORD>(seconds)); }
@@ -42,7 +42,7 @@ void ShowAsJson(const LISTED_IDENTITY& identity, int64_t ttlMs) {
 
 void ShowIdentities(bool asJson) {
     const std::string root = win32::MachineRoot();
-    const auto agent = FindAgent(root.empty() ? "/" : root);
+    const auto agent = FindAgent();
     if (!agent) throw COMMAND_ERROR("no agent runs in " + root + ", so nothing is known of who is where");
     IDENTITY_LIST list;
     const auto heading = list.Open();
@@ -65,3 +65,5 @@ void AddIdentitiesCommand(CLI::App& app) {
     identities->add_flag("--json", *json, "one object a line");
     identities->callback([json] { ShowIdentities(*json); });
 }
+
+}  // namespace tools

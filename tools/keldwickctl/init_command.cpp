@@ -1,6 +1,6 @@
 // keldwickctl init: makes the machine root, or completes one.
+#include "tools/common/failure.h"
 #include "tools/keldwickctl/commands.h"
-#include "tools/keldwickctl/failure.h"
 #include "tools/keldwickctl/setting_values.h"
 #include "win32/eventlog/evt_writer.h"
 #include "win32/eventlog/log_names.h"
@@ -14,6 +14,7 @@
 #include <memory>
 #include <string>
 
+namespace tools {
 namespace {
 
 using win32::REG_NODE;
@@ -106,3 +107,5 @@ void AddInitCommand(CLI::App& app) {
         });
     init->callback([options] { Init(*options); });
 }
+
+}  // namespace tools

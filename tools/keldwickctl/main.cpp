@@ -1,7 +1,7 @@
 // keldwickctl, the administrator's tool. Exit codes: 0 done, 1 it could not be done, 2 wrong usage.
 #include "platform/version_numbers.h"
+#include "tools/common/safe_text.h"
 #include "tools/keldwickctl/commands.h"
-#include "tools/text/safe_text.h"
 #include "win32/services/last_words.h"
 
 #include <algorithm>
@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+namespace tools {
 namespace {
 
 constexpr int ExitDone = 0, ExitFailed = 1, ExitUsage = 2;
@@ -87,8 +88,9 @@ int Run(int argc, char** argv) {
 }
 
 }  // namespace
+}  // namespace tools
 
 int main(int argc, char** argv) {
-    win32::EndOnUncaughtException(ExitFailed);  // when there is not even memory for a complaint
-    return Run(argc, argv);
+    win32::EndOnUncaughtException(tools::ExitFailed);  // when there is not even memory for a complaint
+    return tools::Run(argc, argv);
 }

@@ -1,14 +1,15 @@
 #include "tools/keldwickctl/setting_values.h"
 
-#include "tools/text/safe_text.h"
+#include "tools/common/safe_text.h"
+#include "tools/common/values.h"
 #include "win32/text/utf.h"
 
 #include <CLI/CLI.hpp>
 
-#include <charconv>
 #include <cstdio>
 #include <iterator>
 
+namespace tools {
 namespace {
 
 struct KNOWN_SETTING {
@@ -65,16 +66,6 @@ const KNOWN_SETTING* Known(std::u16string_view name) {
     throw CLI::ValidationError(win32::ToUtf8(name) + " " + reason);
 }
 
-// Decimal, or hexadecimal behind 0x.
-std::optional<uint64_t> ParseNumber(std::string_view text) {
-    const bool hex = text.starts_with("0x") || text.starts_with("0X");
-    if (hex) text.remove_prefix(2);
-    uint64_t number = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number, hex ? 16 : 10);
-    if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
-    return number;
-}
-
 std::vector<BYTE> LittleEndian(uint64_t number, size_t bytes) {
     std::vector<BYTE> data;
     for (size_t i = 0; i < bytes; ++i) data.push_back(static_cast<BYTE>(number >> 8 * i));
@@ -92,7 +83,7 @@ bool IsNumber(const win32::REG_VALUE& value) {
 }
 
 std::vector<BYTE> ParseNumberSetting(std::u16string_view name, const std::string& text, DWORD type) {
-    std::optional<uint64_t> number = ParseNumber(text);
+    std::optional<uint64_t> number = ParseNumber(text, UINT64_MAX);
     if (!number && win32::SameName(name, u"IdentProtocol")) number = ProtocolNumber(text);
     const bool fits = number && (type == REG_QWORD || *number <= MAXDWORD);
     if (!fits) {
@@ -107,18 +98,12 @@ std::vector<BYTE> ParseNumberSetting(std::u16string_view name, const std::string
 std::vector<BYTE> ParseBytes(std::u16string_view name, const std::string& text) {
     std::vector<BYTE> data;
     for (size_t at = 0; at < text.size();) {
-        if (text[at] == ' ' || text[at] == ',') {
-            ++at;
-            continue;
-        }
-        BYTE byte = 0;
-        const char* const end = text.data() + std::min(at + 2, text.size());
-        const auto [stop, error] = std::from_chars(text.data() + at, end, byte, 16);
-        if (error != std::errc() || stop != text.data() + at + 2) {
-            Misfit(name, "takes pairs of hexadecimal digits, not \"" + text + "\"");
-        }
-        data.push_back(byte);
-        at += 2;
+        const bool between = text[at] == ' ' || text[at] == ',';
+        const size_t length = between ? 1 : 2;
+        const auto byte = ParseHex(between ? "" : text.substr(at, length));
+        if (!byte) Misfit(name, "takes pairs of hexadecimal digits, not \"" + text + "\"");
+        data.insert(data.end(), byte->begin(), byte->end());
+        at += length;
     }
     return data;
 }
@@ -140,16 +125,6 @@ std::vector<std::u16string> TextsOf(const std::vector<BYTE>& data) {
     }
     if (!texts.empty() && texts.back().empty()) texts.pop_back();
     return texts;
-}
-
-std::string HexOf(const std::vector<BYTE>& data) {
-    std::string hex;
-    char digits[3];
-    for (const BYTE byte : data) {
-        std::snprintf(digits, sizeof digits, "%02x", byte);
-        hex += digits;
-    }
-    return hex;
 }
 
 }  // namespace
@@ -210,7 +185,7 @@ SETTING_DATA ParseSetting(std::u16string_view name, const std::vector<std::strin
 std::string ShowValue(const win32::REG_VALUE& value) {
     if (IsNumber(value)) return std::to_string(NumberOf(value.data));
     if (value.type == REG_SZ || value.type == REG_EXPAND_SZ) return win32::ToUtf8(win32::BytesText(value.data));
-    if (value.type != REG_MULTI_SZ) return HexOf(value.data);
+    if (value.type != REG_MULTI_SZ) return HexDigits(value.data.data(), value.data.size());
     std::string lines;
     for (const std::u16string& text : TextsOf(value.data)) lines += (lines.empty() ? "" : "\n") + win32::ToUtf8(text);
     return lines;
@@ -243,3 +218,5 @@ std::u16string FromArgument(const std::string& text) {
     if (win32::ToUtf8(wide) != text) throw CLI::ValidationError("a text of the command line is not UTF-8");
     return wide;
 }
+
+}  // namespace tools

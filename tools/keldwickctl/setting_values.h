@@ -8,6 +8,8 @@
 #include <string_view>
 #include <vector>
 
+namespace tools {
+
 struct SETTING_DATA {
     DWORD type;
     std::vector<BYTE> bytes;
@@ -40,3 +42,5 @@ std::string ExplainValue(std::u16string_view name, const win32::REG_VALUE& value
 
 // Text of the command line, which must be UTF-8. Throws CLI::ValidationError.
 std::u16string FromArgument(const std::string& text);
+
+}  // namespace tools

@@ -1,8 +1,8 @@
 // keldwickctl settings list, get, set, delete: the values of the settings key and of the keys below it.
+#include "tools/common/failure.h"
+#include "tools/common/safe_text.h"
 #include "tools/keldwickctl/commands.h"
-#include "tools/keldwickctl/failure.h"
 #include "tools/keldwickctl/setting_values.h"
-#include "tools/text/safe_text.h"
 #include "win32/files/machine_root.h"
 #include "win32/registry/store.h"
 #include "win32/text/utf.h"
@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+namespace tools {
 namespace {
 
 using win32::REG_NODE;
@@ -161,3 +162,5 @@ void AddSettingsCommands(CLI::App& app) {
     remove->add_option("NAME", options->name, NameHelp)->required();
     remove->callback([options] { Delete(*options); });
 }
+
+}  // namespace tools

@@ -1,0 +1,125 @@
+#include "tools/feed/log.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <functional>
+#include <string_view>
+
+#include "tools/common/event_logs.h"
+#include "win32/eventlog/log_names.h"
+#include "win32/files/root_files.h"
+#include "win32/text/utf.h"
+
+namespace tools::feed {
+namespace {
+
+// What makes two records the same one: all but number and times.
+size_t ContentKey(const EVENTLOGRECORD& record) {
+    const auto* const bytes = reinterpret_cast<const char*>(&record);
+    const std::string_view content(bytes + sizeof(EVENTLOGRECORD), record.Length - sizeof(EVENTLOGRECORD));
+    return std::hash<std::string_view>()(content) ^ (size_t{record.EventID} << 16) ^ record.EventType;
+}
+
+}  // namespace
+
+LOG::LOG(const std::string& log) : name(log), path(LogPath(log)) {
+    OpenWriter(writer, log);
+    TakeSize();
+}
+
+// The setting may be changed at any time. Two writers of one log that went by different sizes would copy all of it
+// again and again.
+void LOG::TakeSize() {
+    logBytes = win32::LogMaxSize(win32::ToUtf16(name));
+    maxBatchBytes = std::min<size_t>(256 * 1024, logBytes / 4);  // the writer writes a mebibyte, of a small log half
+    writer.SetMaxSize(static_cast<DWORD>(logBytes));
+}
+
+void LOG::RecogniseFrom(unsigned long long nextRecord) {
+    win32::EVT_READER reader;
+    const LOG_NUMBERS log = OpenReaderWithNumbers(reader, name);
+    if (log.count == 0 || nextRecord == log.current) return;
+    // Beyond the end: the log was cleared since.
+    const bool held = nextRecord >= log.oldest && nextRecord < log.current;
+    if (reader.Seek(held ? static_cast<DWORD>(nextRecord) : log.oldest, true) != ERROR_SUCCESS) return;
+    EachRecord(reader, true, [this](const EVENTLOGRECORD& record) {
+        ++known[ContentKey(record)];
+        return true;
+    });
+}
+
+bool LOG::Take(const win32::NEW_EVENT& event, std::string& reason) {
+    win32::BYTES record;
+    if (!win32::BuildRecord(event, record)) {
+        reason = "larger than a record may be";
+        return false;
+    }
+    const auto& built = *reinterpret_cast<const EVENTLOGRECORD*>(record.data());
+    if (Recognise(built)) return true;
+    if (gathered && !writer.Append(built)) {
+        if (GetLastError() == ERROR_LOG_FILE_FULL) {
+            reason = "larger than the log may be";
+            return false;
+        }
+        gathered = false;  // Flush tries again, and tells
+    }
+    bytes += record.size();
+    batch.push_back(std::move(record));
+    return true;
+}
+
+// What was written before comes first, but for records of other feeds among it, which never come.
+bool LOG::Recognise(const EVENTLOGRECORD& record) {
+    constexpr unsigned most = 100;
+    if (known.empty()) return false;
+    const auto found = known.find(ContentKey(record));
+    if (found == known.end()) {
+        if (++missed >= most || IsMarkPressing()) known.clear();
+        return false;
+    }
+    if (--found->second == 0) known.erase(found);
+    missed = 0;
+    return true;
+}
+
+bool LOG::Flush() {
+    if (batch.empty()) return true;
+    TakeSize();
+    for (size_t i = 0; !gathered && i < batch.size(); ++i)
+        if (!writer.Append(*reinterpret_cast<const EVENTLOGRECORD*>(batch[i].data()))) return false;
+    gathered = writer.Flush();
+    if (!gathered) return false;
+    batch.clear();
+    unmarked += bytes;
+    sincePosition += bytes;
+    unlooked += bytes;
+    bytes = 0;
+    return true;
+}
+
+double LOG::UnreadShare(DWORD nextRecord) const {
+    win32::EVT_READER reader;
+    const LOG_NUMBERS log = OpenReaderWithNumbers(reader, name);
+    std::error_code none;
+    const auto size = static_cast<double>(std::filesystem::file_size(path, none));
+    const DWORD next = std::clamp(nextRecord, log.oldest, log.current);
+    return log.count == 0 || none ? 0 : size / static_cast<double>(logBytes) * (log.current - next) / log.count;
+}
+
+bool LOG::Sync() {
+    const win32::DESCRIPTOR file(win32::OpenRootFile(path, O_RDONLY));
+    return file && fdatasync(file.Get()) == 0;
+}
+
+bool LOG::IsAgents() const { return IsAgentsLog(path); }
+
+DWORD LOG::NextRecord() const {
+    win32::EVT_READER reader;
+    return OpenReaderWithNumbers(reader, name).current;
+}
+
+}  // namespace tools::feed

@@ -1,0 +1,94 @@
+#include "tools/feed/source.h"
+
+#include <algorithm>
+#include <charconv>
+
+#include "tools/common/values.h"
+
+using nlohmann::json;
+
+namespace tools::feed {
+
+size_t LINES::Feed(std::string_view bytes, LINE_TAKER& taker) {
+    const size_t given = bytes.size();
+    while (!bytes.empty() && !taker.Full()) {
+        const size_t end = std::min(bytes.find('\n'), bytes.size());
+        const bool ends = end < bytes.size();
+        const size_t room = MaxLineBytes + 1 - std::min(line.size(), MaxLineBytes + 1);  // 1: a CR that falls away
+        line.append(bytes.substr(0, std::min(end, room)));
+        pending += end + (ends ? 1 : 0);
+        bytes.remove_prefix(end + (ends ? 1 : 0));
+        if (ends) {
+            --pending;  // the end of the line is none of its bytes
+            End(taker);
+        }
+    }
+    return given - bytes.size();
+}
+
+void LINES::Finish(LINE_TAKER& taker) {
+    if (pending > 0) End(taker);
+}
+
+void LINES::End(LINE_TAKER& taker) {
+    constexpr size_t Beginning = 4096;
+    const bool cut = pending > line.size();
+    std::string_view whole = line;
+    if (!cut && whole.ends_with('\r')) whole.remove_suffix(1);
+    if (cut || whole.size() > MaxLineBytes)
+        taker.TakeTooLong(whole.substr(0, Beginning));
+    else
+        taker.TakeLine(whole);
+    line.clear();
+    pending = 0;
+}
+
+json ParseObject(std::string_view line) {
+    if (line.size() > MaxLineBytes) return json(json::value_t::discarded);
+    json object = json::parse(line, nullptr, false);
+    if (!object.is_object()) return json(json::value_t::discarded);
+    return object;
+}
+
+std::string ScalarText(const json& value) {
+    if (value.is_number() || value.is_boolean()) return value.dump();
+    if (!value.is_string()) return {};
+    std::string text = value.get_ref<const std::string&>();
+    for (size_t nul = text.find('\0'); nul != std::string::npos; nul = text.find('\0', nul))
+        text.replace(nul, 1, "\xEF\xBF\xBD");
+    return text;
+}
+
+std::string MemberText(const json& object, const char* name) {
+    const auto found = object.find(name);
+    return found == object.end() ? std::string() : ScalarText(*found);
+}
+
+namespace {
+
+// Seconds, or what is too large for them thousandths, millionths or billionths, with or without a fraction or exponent.
+// False: no number.
+bool ParseEpoch(std::string_view text, std::optional<DWORD>& time) {
+    double number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    const bool whole = error == std::errc() && end == text.data() + text.size();
+    if (!whole || text[0] < '1' || text[0] > '9') return false;
+    for (int steps = 0; number > MAXDWORD && steps < 3; ++steps) number /= 1000;
+    if (number <= MAXDWORD) time = static_cast<DWORD>(number);
+    return true;
+}
+
+}  // namespace
+
+std::optional<DWORD> ParseShippedTime(std::string_view text) {
+    if (text.starts_with("/Date(") && text.ends_with(")/")) text = text.substr(6, text.size() - 8);
+    if (std::optional<DWORD> time; ParseEpoch(text, time)) return time;
+    std::string iso(text.substr(0, 64));
+    constexpr size_t DateEnd = 10;  // of YYYY-MM-DD
+    if (iso.size() > DateEnd && iso[DateEnd] == ' ') iso[DateEnd] = 'T';
+    const size_t sign = iso.size() > 5 ? iso.size() - 5 : 0;  // of +hhmm
+    if (sign > DateEnd && (iso[sign] == '+' || iso[sign] == '-')) iso.insert(sign + 3, ":");
+    return ParseIsoTime(iso);
+}
+
+}  // namespace tools::feed

@@ -1,0 +1,75 @@
+// Requests: read from the bytes of one client, shown in a line, answered. Everything here comes from a stranger: a
+// request is accepted only when each of its fields is what the protocol says, and memory is bounded.
+//
+// A request states its length modulo 65,536, so its end follows from its own structure, and the stated length must
+// agree. One irregularity belongs to the protocol: a client whose group look-up failed half-way states the groups it
+// had counted but sends none of them; the stated length tells the two apart.
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace tools {
+
+struct GROUP {
+    std::u16string domain, dn;
+};
+
+struct REQUEST {
+    enum class KIND : uint8_t { Logon = 0x20, Logoff = 0x21, Heartbeat = 0x30 };
+
+    uint32_t id = 0;
+    KIND kind = KIND::Logon;
+    std::u16string user, userDn, userOu;              // empty when the request names no user
+    std::u16string computer, computerDn, computerOu;  // likewise
+    std::string address;                              // as text; empty when the request has none
+    uint16_t groupsStated = 0;
+    std::vector<GROUP> groups;  // groupsStated of them, or none
+    uint8_t osCode = 0, osMajor = 0, osMinor = 0;
+    uint8_t agentVersion[3] = {};
+    size_t length = 0;  // bytes on the wire
+};
+
+// No request is longer: 65,535 groups of 120 bytes, or 20 names as long as names can be.
+constexpr size_t MaxRequestBytes = 8 * 1024 * 1024;
+
+enum class PARSED {
+    Whole,       // request is filled; request.length bytes belong to it
+    Incomplete,  // wanted: no fewer bytes than that, from the start, can make it whole
+    Malformed    // reason says what is wrong; the stream has no next request
+};
+
+// Looks at the first request in the bytes.
+PARSED ParseRequest(std::span<const uint8_t> bytes, REQUEST& request, size_t& wanted, std::string& reason);
+
+class REQUEST_READER {
+public:
+    // Adds what a client has sent.
+    void Append(std::span<const uint8_t> bytes);
+
+    // The next request. After Malformed the reader is of no more use.
+    PARSED Next(REQUEST& request);
+
+    const std::string& Reason() const { return reason; }
+    size_t Held() const { return held.size() - start; }
+
+private:
+    std::vector<uint8_t> held;
+    size_t start = 0;   // of the first request not given out
+    size_t wanted = 0;  // bytes from there, below which looking is of no use
+    std::string reason;
+};
+
+// The request in one line, without its end. For people: names in quotes, with everything escaped that could end the
+// line, move the cursor or turn the text round. For programs: one JSON object, valid UTF-8 whatever the names hold,
+// with the same characters escaped.
+std::string TextLine(const REQUEST& request);
+std::string JsonLine(const REQUEST& request);
+
+// The answer to a request: 14 bytes.
+constexpr size_t AnswerBytes = 14;
+void AppendAnswer(uint32_t id, uint32_t status, std::vector<uint8_t>& bytes);
+
+}  // namespace tools

@@ -1,0 +1,53 @@
+// What the agent of a machine root is doing, put together from what lies there and from its process.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tools/common/running_agent.h"
+
+namespace tools {
+
+// A live source, as its state file and the files it follows show it.
+struct FEED_STATUS {
+    std::string name, source, file, log;  // the file is empty for standard input
+    bool running = false;
+    unsigned long long records = 0, skipped = 0, unreadable = 0;
+    unsigned long long behind = 0;  // bytes of the file that are not in the log yet
+    std::string marked;             // when the feed last marked its place, ISO
+    std::string damage;             // why the state cannot be read; then nothing else is known
+};
+
+// In the order of their names. Throws COMMAND_ERROR when the folder cannot be looked into.
+std::vector<FEED_STATUS> ReadFeeds();
+
+struct LOGGED_EVENT {
+    DWORD number;
+    DWORD time;  // seconds since 1970
+};
+
+struct STATUS {
+    std::string root;
+    int64_t now = 0;
+    std::optional<AGENT_PROCESS> agent;
+    std::string server, protocol;             // as set
+    std::optional<IDENTITY_HEADING> figures;  // the agent's own; nothing: it does not run, or has shown none yet
+    std::optional<LOGGED_EVENT> lastEvent;    // the Security log's newest
+    std::optional<DWORD> behind;              // records that wait; nothing: the agent does not read
+    std::optional<DWORD> behindSince;         // the time of the first of them
+    std::string lastError, lastErrorJson;     // the newest error event of the Application log; empty: there is none
+    std::string logFile;                      // empty: there is none
+    std::vector<FEED_STATUS> feeds;
+    std::vector<std::string> troubles;  // what could not be looked at, and why
+};
+
+// Reads it all. Throws COMMAND_ERROR without settings, or when the agent may not be looked at.
+STATUS ReadStatus();
+
+std::string StatusAsText(const STATUS& status);
+std::string StatusAsJson(const STATUS& status);        // one object
+std::string StatusAsPrometheus(const STATUS& status);  // the text format of the node exporter's textfile collector
+
+}  // namespace tools
