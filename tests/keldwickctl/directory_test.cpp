@@ -155,18 +155,5 @@ TEST_F(DirectoryCommand, CheckIncludesTheServerThatAdServerNames) {
     EXPECT_THAT(shown.error, HasSubstr("connect to ldap://" + usual.Host()));
 }
 
-TEST_F(DirectoryCommand, AnAdServerThatIsNoHostsNameIsReported) {
-    root.Write("directory.ldif", Office);
-    Set("\"AdServer\"=\"ldaps://dc1\"");
-    for (const std::vector<std::string>& command :
-         {std::vector<std::string>{"directory", "check"}, {"directory", "lookup", "OFFICE\\ann"}}) {
-        const OUTCOME shown = Run(command);
-        EXPECT_EQ(1, shown.exitCode);
-        EXPECT_THAT(shown.error, AllOf(HasSubstr("\"ldaps://dc1\""), HasSubstr("AdServer"), HasSubstr("0x80070057")));
-    }
-    Set("\"AdServer\"=\"dc1:389\"");
-    EXPECT_EQ(0, Run({"directory", "check"}).exitCode) << "the file stands for every server";
-}
-
 }  // namespace
 }  // namespace tools

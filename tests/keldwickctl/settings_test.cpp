@@ -142,14 +142,4 @@ TEST_F(Keldwickctl, WhatCannotBeDoneIsOneAndWrongUsageIsTwo) {
         EXPECT_THAT(Refused(1, damaged), HasSubstr("closing bracket"));
 }
 
-TEST_F(Keldwickctl, HelpStandsAtEveryLevel) {
-    EXPECT_THAT(Done("--version"), StartsWith("keldwickctl 1.2.5"));
-    const std::pair<const char*, const char*> cases[] = {{"--help", "settings"},
-                                                         {"init --help", "--server"},
-                                                         {"settings --help", "delete"},
-                                                         {"settings set --help", "--type"},
-                                                         {"events --help", "import"}};
-    for (const auto& [command, expected] : cases) EXPECT_THAT(Done(command), HasSubstr(expected));
-}
-
 }  // namespace

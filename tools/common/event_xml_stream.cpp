@@ -104,7 +104,7 @@ bool EVENT_XML_STREAM::Scan(bool last) {
     }
     const bool full = sink.Full();
     if (!full && begin != npos && buffer.size() - begin > LargestEvent) CutShort("larger than 4 MiB");
-    // What is kept is moved to the front only when it is the smaller part, or a drip of bytes behind much that waits
+    // What is kept is moved to the front only when it is the smaller part, or single bytes that follow much that waits
     // would move that each time.
     const size_t done = begin != npos ? begin : at;
     if (done >= buffer.size() - done) Drop(done);
@@ -124,7 +124,7 @@ void EVENT_XML_STREAM::Drop(size_t count) {
 bool EVENT_XML_STREAM::ScanMarkup(size_t open, bool last) {
     const std::string_view rest = std::string_view(buffer).substr(open, 9);
     constexpr std::string_view Cdata = "<![CDATA[", Comment = "<!--", Instruction = "<?";
-    const bool mayBeLonger = rest.size() == 1 || rest[1] == '!';  // a tag is told apart by its second character
+    const bool mayBeLonger = rest.size() == 1 || rest[1] == '!';  // the second character shows that it is a tag
     if (!last && rest.size() < Cdata.size() && mayBeLonger) return false;
     if (rest.starts_with(Comment)) return SkipTo(open, open + Comment.size(), COMMENT_END, last);
     if (rest == Cdata) return SkipTo(open, open + Cdata.size(), CDATA_END, last);
@@ -251,7 +251,7 @@ void EVENT_XML_STREAM::ReadDeclaration(std::string_view declaration) {
     const size_t open = declaration.find_first_of("\"'", name);
     const size_t close = open == npos ? npos : declaration.find(declaration[open], open + 1);
     if (close != npos) encoding = declaration.substr(open + 1, close - open - 1);
-    // A file that was converted to UTF-8 may still say that it is UTF-16: its bytes tell better.
+    // A file that was converted to UTF-8 may still say that it is UTF-16: its bytes are the better witness.
     if (encoding.starts_with("UTF-16") || encoding.starts_with("utf-16")) encoding.clear();
 }
 

@@ -19,7 +19,7 @@ namespace tools {
 struct AGENT_CONNECTION {
     std::string address;
     WORD port;
-    const char* over;  // "TLS" or "TCP", which the port tells
+    const char* over;  // "TLS" or "TCP", as the port shows
 };
 
 struct AGENT_PROCESS {
@@ -27,7 +27,7 @@ struct AGENT_PROCESS {
     int64_t since = 0;  // seconds since 1970
     std::optional<AGENT_CONNECTION> connection;
     std::optional<DWORD> nextRecord;  // of the Security log: those before it are done with; nothing: not read yet
-    bool polls = false;               // looks for changed files once a second, since inotify does not tell it all
+    bool polls = false;               // looks for changed files once a second, since inotify does not report them all
 };
 
 // Nothing: no agent of this machine root runs. Throws COMMAND_ERROR when there is one that may not be looked at.

@@ -80,8 +80,8 @@ bool FEED::Wait(const INPUT& input, NEXT next) {
 }
 
 // Brings the batch into the log. False: it is held, and asks what held it again when that is due. A stop ends each
-// hold: what a followed file holds is left for the next run, when it waits for the agent; a stream has nobody else to
-// keep it.
+// hold: what waits for the agent is left in a followed file for the next run, and of a stream, which keeps nothing, it
+// is written.
 bool FEED::Flush() {
     const HOLD held = std::exchange(hold, HOLD::NONE);
     if (held <= HOLD::MARK && marks.Holds(IsLast())) return HoldFor(HOLD::MARK, MARKS::Pause);

@@ -55,7 +55,7 @@ public:
 
     void GoTo(unsigned long long offset, unsigned long long tailThere);
 
-    // Reads on into `room`, more than 256 bytes: `bytes` holds what is before what is new, too, `fresh` tells how much
+    // Reads on into `room`, more than 256 bytes: `bytes` holds what is before what is new, too, `fresh` is how much
     // is new. False: what was read last is not there any more. Throws COMMAND_ERROR when it cannot be read.
     bool Read(std::span<char> room, std::string_view& bytes, size_t& fresh) const;
 

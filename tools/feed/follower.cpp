@@ -105,7 +105,8 @@ bool FOLLOWER::AppendSuccessors() {
     FILE_POINTER current = Open(path);
     if (current && IsOpen(*current)) return false;
     if (!current) return OpenRotated(files.size());
-    const unsigned long long known = current->LineStart(KnownPart(*current));  // or somebody is writing its first line
+    const unsigned long long known =
+        current->LineStart(KnownPart(*current));  // or its first line is still being written
     current->GoTo(known, current->Tail(known));
     files.push_back(std::move(current));
     OpenRotated(files.size() - 1);
@@ -117,7 +118,7 @@ void FOLLOWER::HoldSuccessors() {
     if (files.size() < MaxHeld) AppendSuccessors();
 }
 
-// How many bytes of this file were read, or will be, under another name: it may be a copy that somebody made. The inode
+// How many bytes of this file were read, or will be, under another name: it may be a copy. The inode
 // number proves nothing: a new file may get that of a deleted one.
 unsigned long long FOLLOWER::KnownPart(const FOLLOWED_FILE& file) const {
     const unsigned long long size = file.Size();
@@ -148,7 +149,7 @@ unsigned long long FOLLOWER::PartIn(const std::vector<ROTATED_FILE>& rotated, co
 }
 
 // Whether a rotated file was written before the last that was read, and the one before it, when there is one. What lies
-// in the future is of a clock that was set back since: then names tell, as they do between files of the same time.
+// in the future is of a clock that was set back since: then names decide, as they do between files of the same time.
 bool FOLLOWER::IsOlder(const ROTATED_FILE& file, unsigned long long before, const std::string& beforeName) const {
     const unsigned long long latest = LatestTime(), last = std::max(written <= latest ? written : 0, before);
     if (before == 0) return file.written <= written || file.written > latest;
@@ -220,7 +221,7 @@ void FOLLOWER::Remember(size_t bytes, LINE_TAKER& taker) {
 }
 
 // The file holds less than was read of it, or something else. What was not read yet may stand in a copy. Over a rotated
-// file somebody copied another: what it holds now is known, or is found when that one's own file is truncated.
+// file another was copied: what it holds now is known, or is found when that one's own file is truncated.
 void FOLLOWER::FollowTruncation(FOLLOWED_FILE& file) {
     const auto erase = [&](const auto& which) {
         std::erase_if(files, [&](const FILE_POINTER& each) { return which(*each); });
@@ -274,11 +275,11 @@ void FOLLOWER::NoteRead(unsigned long long writtenAt) {
     if (writtenAt <= LatestTime()) written = written <= LatestTime() ? std::max(written, writtenAt) : writtenAt;
 }
 
-// A file that was read to its end and that nobody has written to for long, or one of too many.
+// A file that was read to its end and that was not written to for long, or one of too many.
 void FOLLOWER::RetireOld(LINE_TAKER& taker) {
     const CLOCK::time_point now = CLOCK::now();
     while (files.size() > 1 && (files.size() > MaxOpen || now - files.front()->replaced > Linger)) {
-        files.front()->lines.Finish(taker);  // nobody will end that line
+        files.front()->lines.Finish(taker);  // no writer will end that line
         if (done.size() >= MaxDone) done.pop_front();
         done.push_back({files.front()->place, files.front()->Beginning()});
         done.back().end.offset = files.front()->readTo;

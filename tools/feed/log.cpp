@@ -65,7 +65,7 @@ bool LOG::Take(const win32::NEW_EVENT& event, std::string& reason) {
             reason = "larger than the log may be";
             return false;
         }
-        gathered = false;  // Flush tries again, and tells
+        gathered = false;  // Flush tries again, and reports it
     }
     bytes += record.size();
     batch.push_back(std::move(record));

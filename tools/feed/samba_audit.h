@@ -14,7 +14,7 @@ namespace tools::feed {
 // - a successful Authentication, the KDC's included, is a logon; one of a ticket asked for over UDP and again over TCP
 //   is written twice by the KDC and counts once (RepeatSeconds);
 // - an Authorization of a Kerberos session is one when its account was not the last user seen at its address, or not
-//   within SessionSeconds: its ticket came from another controller, or is hours old, or somebody else logged on since;
+//   within SessionSeconds: its ticket came from another controller, or is hours old, or another user logged on since;
 // - what has no address or no user, what comes from the controller's own address, and what failed, is none; nor is what
 //   another server passed on, since the address is that server's, not the user's, but for a logon at the console of a
 //   computer of the domain, which passes that on itself.
@@ -35,7 +35,7 @@ private:
     bool SeenWithin(const LOGON& logon, long long seconds) const;
     void Remember(const LOGON& logon);
 
-    // Accounts are told apart by their SID; the name's letter case may differ from one service to the next.
+    // An account is known by its SID; the name's letter case may differ from one service to the next.
     struct ACCOUNT_SEEN {
         std::string sid;
         long long time;  // seconds since 1970, by the audit's clock

@@ -64,7 +64,7 @@ public:
 nlohmann::json ParseObject(std::string_view line);
 
 // A scalar as text: numbers in decimal, true and false as words; empty for null, arrays and objects. A NUL, at which a
-// record's text would end early and name somebody else, becomes U+FFFD.
+// record's text would end early and name another account, becomes U+FFFD.
 std::string ScalarText(const nlohmann::json& value);
 
 // The member's scalar as text; empty when there is no such member.

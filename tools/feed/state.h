@@ -12,7 +12,7 @@
 
 namespace tools::feed {
 
-// How far one file was read; `tail` tells whether it is still the same content.
+// How far one file was read; `tail` shows whether it is still the same content.
 struct PLACE {
     unsigned long long device = 0, inode = 0, offset = 0;
     unsigned long long tail = 0;

@@ -3,7 +3,7 @@
 //
 // A request states its length modulo 65,536, so its end follows from its own structure, and the stated length must
 // agree. One irregularity belongs to the protocol: a client whose group look-up failed half-way states the groups it
-// had counted but sends none of them; the stated length tells the two apart.
+// had counted but sends none of them; the stated length shows which it is.
 #pragma once
 
 #include <cstdint>

@@ -25,7 +25,7 @@ namespace {
 constexpr size_t ChunkBytes = 64 * 1024;
 constexpr DWORD EventsPerProgress = 5000;
 
-// Writes what it is given to a log, counts and names what it is told is unreadable, and shows progress on a terminal.
+// Writes what it is given to a log, counts and names what is unreadable, and shows progress on a terminal.
 class LOG_SINK final : public EVENT_SINK {
 public:
     explicit LOG_SINK(const std::string& log) : name(log) {

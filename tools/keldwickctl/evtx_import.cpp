@@ -48,7 +48,7 @@ public:
         return libevtx_file_get_number_of_records(file, &count, nullptr) == 1 ? count : 0;
     }
 
-    // Whether libevtx met parts with wrong checksums, of which it tells nothing else.
+    // Whether libevtx met parts with wrong checksums, of which it reports nothing else.
     bool Damaged() const { return libevtx_file_is_corrupted(file, nullptr) == 1; }
 
     // The record as event XML; false: `reason` says why not.

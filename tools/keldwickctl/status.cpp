@@ -33,8 +33,8 @@ unsigned long long UnreadBytes(const feed::STATE& state) {
     return same && size >= place.offset ? size - place.offset : state.behind;
 }
 
-// As a feed that goes on now would find it: the state tells how it was at the last mark. But a state that another
-// account may have written must not have root open what it names, nor tell of its content by the fingerprint.
+// As a feed that goes on now would find it: the state holds how it was at the last mark. But a state that another
+// account may have written must not have root open what it names, nor reveal its content by the fingerprint.
 unsigned long long BytesBehind(const feed::STATE& state) {
     if (win32::OtherOwner()) return UnreadBytes(state);
     try {
