@@ -11,7 +11,7 @@
 #include "tools/keldwickctl/commands.h"
 
 extern "C" {
-// There is no Kerberos here: whoever binds is let in.
+// There is no Kerberos here: every bind succeeds.
 int __wrap_ldap_sasl_interactive_bind_s(LDAP*, const char*, const char*, LDAPControl**, LDAPControl**, unsigned,
                                         LDAP_SASL_INTERACT_PROC*, void*);
 int __wrap_ldap_sasl_interactive_bind_s(LDAP*, const char*, const char*, LDAPControl**, LDAPControl**, unsigned,

@@ -113,7 +113,7 @@ TEST(EVENT_XML, EachThingThatIsUnreadableIsReportedOnceAndTheRestIsTaken) {
     Check("too large", large + Event(2), {2}, {first + "larger"});
 }
 
-// Whoever looks for each of these ends anew is at it for minutes.
+// A search for each of these ends from the beginning would take minutes.
 TEST(EVENT_XML, EndsThatNeverComeAreLookedForOnce) {
     const auto many = [](const std::string& what, size_t bytes) {
         std::string all;

@@ -491,7 +491,7 @@ TEST_F(FEEDING, WhatCannotGoOnSaysWhy) {
 
 TEST_F(FEEDING, AStateIsReplacedWhateverStandsInItsPlace) {
     STATE_FILE files("test");
-    root.Write("victim", "somebody's");
+    root.Write("victim", "another's");
     fs::create_hard_link(root.Path("victim"), root.Path("feed/test.state.new"));
     root.Write("feed/test.state", "rubbish");
     STATE state;
@@ -499,7 +499,7 @@ TEST_F(FEEDING, AStateIsReplacedWhateverStandsInItsPlace) {
     COUNTS added = {2, 0, 0};
     ASSERT_TRUE(files.Save(state, added));
     EXPECT_EQ(0u, added.records);
-    EXPECT_EQ("somebody's", root.Read("victim"));
+    EXPECT_EQ("another's", root.Read("victim"));
     EXPECT_THAT(State(), HasSubstr("\"records\": 7"));
 }
 
