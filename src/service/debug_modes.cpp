@@ -13,7 +13,7 @@ namespace keldwick {
 
 namespace {
 
-constexpr const WCHAR* ModeValue = TEXT("DebugOutput");
+constexpr const WCHAR* ModeValue = SettingNamed(TEXT("DebugOutput")).name;
 constexpr const WCHAR* ModeVariable = TEXT("Keldwick");
 constexpr const WCHAR* FromRegistry = TEXT("registry value");
 

@@ -26,7 +26,7 @@ constexpr DWORD SettingsThreadTimeout = 5000;  // milliseconds
 
 // Acknowledges the stop request that ended an earlier run, so that it does not end this one too.
 void ResetStopRequest() {
-    constexpr const WCHAR* name = TEXT("Shutdown");
+    constexpr const WCHAR* name = SettingNamed(TEXT("Shutdown")).name;
     if (!RegGetValueInfo(SettingsKey.Get(), name, nullptr, nullptr)) return;
     RegSetDword(SettingsKey.Get(), name, 0);
     DebugPrint(TEXT("Registry value \"%s\" reset"), name);

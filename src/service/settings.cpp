@@ -18,15 +18,13 @@ REG_KEY StatisticsKey;
 
 namespace {
 
-constexpr const WCHAR* AdServerValue = TEXT("AdServer");
-constexpr const WCHAR* IdentServerValue = TEXT("IdentServer");
-constexpr const WCHAR* ProtocolValue = TEXT("IdentProtocol");
-constexpr const WCHAR* HeartbeatValue = TEXT("Heartbeat");
-constexpr const WCHAR* LogonTtlValue = TEXT("LogonTTL");
-constexpr const WCHAR* ShutdownValue = TEXT("Shutdown");
+constexpr const WCHAR* AdServerValue = SettingNamed(TEXT("AdServer")).name;
+constexpr const WCHAR* IdentServerValue = SettingNamed(TEXT("IdentServer")).name;
+constexpr SETTING_INFO ProtocolSetting = SettingNamed(TEXT("IdentProtocol"));
+constexpr SETTING_INFO HeartbeatSetting = SettingNamed(TEXT("Heartbeat"));
+constexpr SETTING_INFO LogonTtlSetting = SettingNamed(TEXT("LogonTTL"));
+constexpr const WCHAR* ShutdownValue = SettingNamed(TEXT("Shutdown")).name;
 
-constexpr DWORD DefaultHeartbeat = 30;  // minutes
-constexpr DWORD DefaultLogonTtl = 12;   // minutes
 constexpr DWORD StopRequested = 1;      // of the value Shutdown: what an administrator writes
 constexpr DWORD StopTaken = 2;          // and what the agent answers
 
@@ -48,16 +46,16 @@ void ReportUnreadable(const WCHAR* value, DWORD error) {
 }
 
 // A missing value is the normal case and says nothing; any other failure is logged.
-DWORD ReadOr(const WCHAR* value, DWORD byDefault) {
+DWORD ReadOrDefault(const SETTING_INFO& setting) {
     DWORD number = 0;
-    if (RegGetDword(SettingsKey.Get(), value, number)) return number;
+    if (RegGetDword(SettingsKey.Get(), setting.name, number)) return number;
     const DWORD error = GetLastError();
-    if (error != ERROR_FILE_NOT_FOUND) LogUnreadable(value, error);
-    return byDefault;
+    if (error != ERROR_FILE_NOT_FOUND) LogUnreadable(setting.name, error);
+    return setting.byDefault;
 }
 
 DWORD ReadProtocol() {
-    const DWORD protocol = ReadOr(ProtocolValue, PROTOCOL_AUTO);
+    const DWORD protocol = ReadOrDefault(ProtocolSetting);
     return protocol < 3 ? protocol : PROTOCOL_AUTO;
 }
 
@@ -129,7 +127,7 @@ void LoadIdentProtocol() {
     }
     const DWORD given = static_cast<DWORD>(CommandLine.protocol);
     Settings.identProtocol = given;
-    if (WriteBack(ProtocolValue, given)) {
+    if (WriteBack(ProtocolSetting.name, given)) {
         DebugPrint(TEXT("Identity protocol = %s (/%s)"), ProtocolName(given), TEXT("PROTOCOL"));
     }
 }
@@ -206,8 +204,8 @@ bool LoadSettings() {
     LoadAdServer();
     const bool loaded = LoadIdentServer();
     LoadIdentProtocol();
-    SetHeartbeat(ReadOr(HeartbeatValue, DefaultHeartbeat));
-    SetLogonTtl(ReadOr(LogonTtlValue, DefaultLogonTtl));
+    SetHeartbeat(ReadOrDefault(HeartbeatSetting));
+    SetLogonTtl(ReadOrDefault(LogonTtlSetting));
     return loaded;
 }
 
@@ -222,8 +220,8 @@ void ReloadSettings() {
         if (ReloadProtocol()) changed = true;
         if (ReloadIdentServer()) changed = true;
         ReloadAdServer();
-        ReloadMinutes(HeartbeatValue, Settings.heartbeat, SetHeartbeat);
-        ReloadMinutes(LogonTtlValue, Settings.logonTtl, SetLogonTtl);
+        ReloadMinutes(HeartbeatSetting.name, Settings.heartbeat, SetHeartbeat);
+        ReloadMinutes(LogonTtlSetting.name, Settings.logonTtl, SetLogonTtl);
     }
     if (changed) SetEvent(SettingsChangedEvent);
 }

@@ -1,5 +1,10 @@
 #include "service/settings.h"
 
+#include <fstream>
+#include <map>
+#include <regex>
+#include <set>
+
 #include "agent_test.h"
 #include "service/command_line.h"
 #include "service/stop.h"
@@ -154,6 +159,62 @@ TEST_F(SettingsTest, AReloadTakesWhatChangedAndTellsTheWorkerOnlyOfTheConnection
         ReloadSettings();
         EXPECT_EQ(LINES{"Using the Active Directory Global Cache"}, LinesAfter("Reloading settings ..."));
     }
+}
+
+// What is said of a setting: its type with its unit, and its default when that is a number.
+using SAID = std::map<std::string, std::string>;
+
+std::vector<std::string> LinesOf(const char* file) {
+    std::ifstream stream(std::filesystem::path(__FILE__).parent_path() / "../.." / file);
+    EXPECT_TRUE(stream) << file;
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(stream, line);) lines.push_back(line);
+    return lines;
+}
+
+std::vector<std::string> Words(const std::string& text, const std::string& word) {
+    const std::regex pattern(word);
+    return {std::sregex_token_iterator(text.begin(), text.end(), pattern), {}};
+}
+
+// Adds the rows of a page's tables with these columns; `prefixes`: of the first such table's values, the second's ...
+void AddManual(SAID& said, const char* page, std::vector<std::string> prefixes) {
+    const std::regex row(R"(\| (`.*`) \| (.*?) \| (.*?) \| .*)");
+    std::string prefix;
+    for (const std::string& line : LinesOf(page)) {
+        if (line.starts_with("| value | type | default |")) {
+            prefix = prefixes.at(0);
+            prefixes.erase(prefixes.begin());
+        }
+        std::smatch cells;
+        if (!std::regex_match(line, cells, row)) continue;
+        const std::vector<std::string> names = Words(cells[1], "[A-Za-z]+"), defaults = Words(cells[3], "^[0-9]+|, [0-9]+");
+        for (size_t i = 0; i < names.size(); ++i) {
+            std::string text = cells[2].str().starts_with("number") ? cells[2].str() : "text";
+            if (text != "text" && i < defaults.size()) text += " " + Words(defaults[i], "[0-9]+").at(0);
+            said[prefix + names[i]] = std::regex_replace(text, std::regex(", flags| or auto, tcps, tcp"), "");
+        }
+    }
+}
+
+TEST(SettingTableTest, TheManualAndTheCompletionSayTheSame) {
+    SAID table, manual;
+    std::set<std::string> own, completed;
+    for (const SETTING_INFO& setting : SettingTable) {
+        const std::string name = Narrow(setting.name);
+        if (name.find('\\') == name.npos) own.insert(name);
+        if (name.starts_with("Statistics")) continue;  // the agent's to write
+        std::string& text = table[name] = setting.type == REG_SZ ? "text" : "number";
+        if (*setting.unit != 0) text += std::string(", ") + setting.unit;
+        if (setting.byDefault != NoDefault) text += " " + std::to_string(setting.byDefault);
+    }
+    AddManual(manual, "docs/running.md", {"", "Linux\\"});
+    AddManual(manual, "docs/directory.md", {"Linux\\"});
+    EXPECT_EQ(table, manual);
+    for (const std::string& line : LinesOf("packaging/keldwickctl.bash"))
+        if (line.starts_with("_keldwickctl_settings()"))
+            for (const std::string& word : Words(line.substr(line.find('\'')), "[A-Za-z]+")) completed.insert(word);
+    EXPECT_EQ(own, completed);
 }
 
 }  // namespace
