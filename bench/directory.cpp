@@ -30,9 +30,8 @@
 #include <vector>
 
 #include "bench/answering_server.h"
-#include "diagnostics/debug_mode.h"
 #include "diagnostics/debug_output.h"
-#include "diagnostics/log_path.h"
+#include "diagnostics/log_file.h"
 #include "platform/ip_address.h"
 #include "protocol/identity_protocol.h"
 #include "protocol/identity_reports.h"

@@ -24,11 +24,10 @@
 #include <vector>
 
 #include "bench/answering_server.h"
-#include "diagnostics/debug_mode.h"
 #include "diagnostics/debug_output.h"
-#include "diagnostics/log_path.h"
+#include "diagnostics/log_file.h"
 #include "eventlog/event_log.h"
-#include "identity/logon_events.h"
+#include "identity/handlers.h"
 #include "protocol/identity_protocol.h"
 #include "service/command_line.h"
 #include "service/settings.h"
@@ -56,7 +55,7 @@ std::string IpText(DWORD i, BYTE net) {
 // The record of one 4624 logon, aligned as in a read buffer.
 std::vector<DWORD> Logon(DWORD user, const std::string& address) {
     win32::NEW_EVENT event;
-    event.id = EVENT_ACCOUNT_LOGON;
+    event.id = 4624;
     event.type = EVENTLOG_AUDIT_SUCCESS;
     event.source = u"Microsoft-Windows-Security-Auditing";
     event.computer = u"DC1.office.example";
@@ -85,13 +84,13 @@ void Handle(EVENT_LOG& log, const std::vector<DWORD>& record) {
 // Entries as a report leaves them, made from a reported one by changing the last three address bytes and the user.
 void Fill(EVENT_LOG& log, DWORD from, DWORD upTo) {
     if (from == 0) Handle(log, Logon(0, IpText(0, 10)));
-    const LOGON_ENTRY* model = log.logons.First();
+    const LOGON_ENTRY* model = log.Identities().Logons().First();
     if (model == nullptr) {
         std::fprintf(stderr, "bench_identities: the first logon was not reported\n");
         std::exit(1);
     }
     for (DWORD i = std::max<DWORD>(from, 1); i < upTo; ++i) {
-        LOGON_ENTRY* entry = log.logons.Append();
+        LOGON_ENTRY* entry = log.Identities().Logons().Append();
         IDENTITY_REQUEST& request = entry->request;
         if (!request.request.Resize(model->request.Length())) std::abort();
         memcpy(request.request.Data(), model->request.request.Data(), model->request.Length());
@@ -103,7 +102,7 @@ void Fill(EVENT_LOG& log, DWORD from, DWORD upTo) {
         address[1] = static_cast<BYTE>(i >> 16);
         address[2] = static_cast<BYTE>(i >> 8);
         address[3] = static_cast<BYTE>(i);
-        log.logons.Index(entry);
+        log.Identities().Logons().Index(entry);
     }
 }
 
@@ -133,7 +132,7 @@ double WriteList(EVENT_LOG& log) {
     std::array<double, 9> times;
     for (double& time : times) {
         const auto start = std::chrono::steady_clock::now();
-        log.identityFile.Write(log.logons, log.serviceTickets);
+        IDENTITY_FILE().Write(log.Identities().Logons(), log.Identities().Tickets());
         time = Seconds(start) * 1000;
     }
     std::nth_element(times.begin(), times.begin() + times.size() / 2, times.end());
@@ -179,26 +178,25 @@ int main() {
         const double listFew = WriteList(log);
         const double newFew = Measure(log, New(11));
         const struct mallinfo2 before = mallinfo2();
-        const DWORD had = log.logons.Count();
+        const DWORD had = log.Identities().Logons().Count();
         Fill(log, Few, Many);
         const struct mallinfo2 after = mallinfo2();
         const double perIdentity =
             static_cast<double>(after.uordblks + after.hblkhd - before.uordblks - before.hblkhd) /
-            static_cast<double>(log.logons.Count() - had);
+            static_cast<double>(log.Identities().Logons().Count() - had);
         const double repeatedMany = Measure(log, Repeated(Many));
         const double newMany = Measure(log, New(12));
         std::printf("repeated logon:      %6.2f us with %u identities, %6.2f us with %u, ratio %.2f\n", repeatedFew,
                     Few, repeatedMany, Many, repeatedMany / repeatedFew);
         std::printf("logon, new address:  %6.2f us with %u identities, %6.2f us with %u, ratio %.2f\n", newFew, Few,
                     newMany, Many, newMany / newFew);
-        log.lastSweep.AddMs(-61000);
         const auto start = std::chrono::steady_clock::now();
-        log.ExpireEntries();
-        std::printf("sweep over %u:  %.0f ms\n", log.logons.Count(), Seconds(start) * 1000);
+        log.Identities().Sweep();
+        std::printf("sweep over %u:  %.0f ms\n", log.Identities().Logons().Count(), Seconds(start) * 1000);
         std::printf("list:                %6.2f ms with %u identities, %6.0f ms with %u\n", listFew, Few,
-                    WriteList(log), log.logons.Count());
+                    WriteList(log), log.Identities().Logons().Count());
         std::printf("memory an identity:  %.0f bytes, of which the request's %u\n", perIdentity,
-                    log.logons.First()->request.Length());
+                    log.Identities().Logons().First()->request.Length());
         session.Disconnect();
     }
     server.join();

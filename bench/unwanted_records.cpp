@@ -9,7 +9,7 @@
 #include <new>
 
 #include "eventlog/event_log.h"
-#include "identity/logon_events.h"
+#include "identity/handlers.h"
 #include "service/command_line.h"
 #include "win32/eventlog/evt_record.h"
 
@@ -72,14 +72,8 @@ void BareWalk(benchmark::State& state) {
 
 void Dispatch(benchmark::State& state) {
     using namespace keldwick;
-    static const EVENT_HANDLER handlers[] = {{EVENT_ACCOUNT_LOGON, Do_EVENT_ACCOUNT_LOGON},
-                                             {EVENT_ACCOUNT_LOGOFF, Do_EVENT_ACCOUNT_LOGOFF},
-                                             {EVENT_LOCAL_LOGON, Do_EVENT_LOCAL_LOGON},
-                                             {EVENT_LOGOFF, Do_EVENT_LOGOFF},
-                                             {EVENT_LOGON, Do_EVENT_LOGON},
-                                             {EVENT_SERVICE_TICKET, Do_EVENT_SERVICE_TICKET}};
     const COMMAND_LINE options;
-    EVENT_LOG log(options, handlers);
+    EVENT_LOG log(options, EventHandlers);
     const std::vector<DWORD> buffer = Records();
     RECORD_COUNTERS counters;
     int64_t records = 0;

@@ -1,5 +1,5 @@
-# One static library a folder: keldwick_folder(NAME FOLDER) makes library NAME from every .cpp below FOLDER, main.cpp
-# left out (the programs add it themselves).
+# One static library a folder: keldwick_folder(NAME FOLDER [INCLUDE...]) makes library NAME from every .cpp below FOLDER,
+# main.cpp left out (the programs add it themselves). INCLUDE: the include directories, in place of all there are.
 function(keldwick_folder name folder)
   file(GLOB_RECURSE sources CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/${folder}/*.cpp)
   list(FILTER sources EXCLUDE REGEX "/main\\.cpp$")
@@ -7,21 +7,10 @@ function(keldwick_folder name folder)
     return()
   endif()
   add_library(${name} STATIC ${sources})
-  target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/src)
-  set_property(GLOBAL APPEND PROPERTY KELDWICK_LIBRARIES ${name})
-endfunction()
-
-# All folder libraries with the given prefixes as one link group, since they call each other.
-function(keldwick_group name)
-  add_library(${name} INTERFACE)
-  set(members "")
-  foreach(member ${ARGN})
-    if(TARGET ${member})
-      list(APPEND members ${member})
-    endif()
-  endforeach()
-  list(JOIN members "," joined)
-  if(members)
-    target_link_libraries(${name} INTERFACE "$<LINK_GROUP:RESCAN,${joined}>")
+  if(ARGN)
+    target_include_directories(${name} PRIVATE ${ARGN})
+  else()
+    target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/src)
   endif()
+  set_property(GLOBAL APPEND PROPERTY KELDWICK_LIBRARIES ${name})
 endfunction()

@@ -10,21 +10,34 @@ pkg_check_modules(SYSTEMD REQUIRED IMPORTED_TARGET libsystemd)
 pkg_check_modules(LDAP REQUIRED IMPORTED_TARGET ldap)
 pkg_check_modules(EVTX REQUIRED IMPORTED_TARGET libevtx)
 
-set(layer_folders text sync files registry eventlog services security directory sockets)
-set(agent_folders resources platform diagnostics eventlog identity directory protocol component service)
+# The headers in win32/include stand for the system's.
+add_library(windows_headers INTERFACE)
+target_include_directories(windows_headers SYSTEM INTERFACE ${PROJECT_SOURCE_DIR}/win32/include)
 
+# The layer: libraries that call each other, and so are one link group. Its own headers, win32/FOLDER/..., are not for
+# src/: only component/, which knows the platform from the inside, gets them too.
+set(layer_folders text sync files registry eventlog services security directory sockets)
+set(layer_headers ${PROJECT_BINARY_DIR}/levels/layer)
+file(MAKE_DIRECTORY ${layer_headers})
+file(CREATE_LINK ${PROJECT_SOURCE_DIR}/win32 ${layer_headers}/win32 SYMBOLIC)
 set(members "")
 foreach(folder ${layer_folders})
-  keldwick_folder(win32_${folder} win32/${folder})
+  keldwick_folder(win32_${folder} win32/${folder} ${layer_headers})
+  target_link_libraries(win32_${folder} PUBLIC agent_resources OpenSSL::Crypto)
   list(APPEND members win32_${folder})
 endforeach()
-foreach(folder ${agent_folders})
-  keldwick_folder(agent_${folder} src/${folder})
-  list(APPEND members agent_${folder})
-endforeach()
-keldwick_group(keldwick_all ${members})
-target_link_libraries(keldwick_all INTERFACE PkgConfig::ICU PkgConfig::SYSTEMD PkgConfig::LDAP OpenSSL::SSL
-  OpenSSL::Crypto Threads::Threads)
+list(JOIN members "," members)
+add_library(win32_layer INTERFACE)
+target_link_libraries(win32_layer INTERFACE "$<LINK_GROUP:RESCAN,${members}>")
+
+set(KELDWICK_LEVEL_TYPE STATIC)
+include(cmake/levels.cmake)
+target_include_directories(agent_component PRIVATE ${layer_headers})
+
+# The whole agent, and the folders of its tests.
+set(agent_folders resources platform diagnostics eventlog identity directory protocol component service)
+add_library(keldwick_all INTERFACE)
+target_link_libraries(keldwick_all INTERFACE agent_service)
 
 keldwick_folder(tool_common tools/common)
 keldwick_folder(tool_feed tools/feed)

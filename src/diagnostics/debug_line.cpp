@@ -1,7 +1,5 @@
 #include "diagnostics/debug_line.h"
 
-#include "diagnostics/log_file.h"
-
 namespace keldwick {
 namespace {
 
@@ -66,7 +64,7 @@ bool Compose(const DEBUG_STATE& state, WIDE_LINE& line, TEXT_VIEW message, const
     return !line.Failed();
 }
 
-// UTF-8 of the text, behind what `bytes` holds.
+// Appends the text as UTF-8.
 void AppendUtf8(LINE_BUFFER<char>& bytes, TEXT_VIEW text) {
     constexpr size_t MostBytesOfUnit = 3;  // a pair of surrogates takes 4
     if (text.empty()) return;

@@ -1,10 +1,9 @@
 #include "diagnostics/debug_output.h"
 
+#include <array>
+
 #include "diagnostics/debug_line.h"
-#include "diagnostics/debug_state.h"
 #include "diagnostics/log_file.h"
-#include "diagnostics/log_rename.h"
-#include "platform/error_code.h"
 
 namespace keldwick {
 namespace {
@@ -12,6 +11,57 @@ namespace {
 constexpr DWORD DeferOverruled = 0x2;  // a line with this flag is never deferred
 constexpr DWORD MaxPrefix = 32;        // units
 constexpr DWORD SinkModes = DEBUG_MODE_DEBUGGER | DEBUG_MODE_LOG | DEBUG_MODE_CONSOLE;
+
+struct DEBUG_FLAG_NAME {
+    DWORD flag;
+    const WCHAR* name;
+};
+
+// In the order in which they are printed.
+constexpr std::array DEBUG_FLAG_NAMES = {
+    DEBUG_FLAG_NAME{DEBUG_MODE_DEBUGGER, TEXT("Debugger")},
+    DEBUG_FLAG_NAME{DEBUG_MODE_KERNEL, TEXT("Kernel")},
+    DEBUG_FLAG_NAME{DEBUG_MODE_LOG, TEXT("Log")},
+    DEBUG_FLAG_NAME{DEBUG_MODE_OVERWRITE, TEXT("Overwrite existing")},
+    DEBUG_FLAG_NAME{DEBUG_MODE_RENAME, TEXT("Rename existing")},
+    DEBUG_FLAG_NAME{DEBUG_VERBOSE, TEXT("Verbose")},
+    DEBUG_FLAG_NAME{DEBUG_AD, TEXT("Custom1")},
+    DEBUG_FLAG_NAME{DEBUG_TCP, TEXT("Custom2")},
+    DEBUG_FLAG_NAME{0x800, TEXT("Custom3")},
+    DEBUG_FLAG_NAME{0x1000, TEXT("Custom4")},
+    DEBUG_FLAG_NAME{DEBUG_MODE_INTERNAL, TEXT("Internal")},
+    DEBUG_FLAG_NAME{DEBUG_MODE_CONSOLE, TEXT("Console")},
+    DEBUG_FLAG_NAME{DEBUG_MODE_NO_TIME_STAMP, TEXT("No time stamp")},
+};
+
+struct CATEGORY_NAMES {
+    CRITICAL_SECTION_OWNER lock;
+    STRING ad{TEXT("Custom1")};
+    STRING tcp{TEXT("Custom2")};
+};
+
+CATEGORY_NAMES& CategoryNames() {
+    static CATEGORY_NAMES& names = *new CATEGORY_NAMES;  // never destroyed: the output is used until the very end
+    return names;
+}
+
+using PRINTED_NAMES = std::array<STRING, DEBUG_FLAG_NAMES.size()>;
+
+PRINTED_NAMES CompleteNames() {
+    CATEGORY_NAMES& categories = CategoryNames();
+    const LOCK_GUARD guard(categories.lock);
+    PRINTED_NAMES names;
+    for (size_t i = 0; i < names.size(); ++i) {
+        const DWORD flag = DEBUG_FLAG_NAMES[i].flag;
+        if (flag == DEBUG_AD)
+            names[i] = categories.ad;
+        else if (flag == DEBUG_TCP)
+            names[i] = categories.tcp;
+        else
+            names[i].Assign(DEBUG_FLAG_NAMES[i].name);
+    }
+    return names;
+}
 
 // Whether any sink wants a line with those flags.
 bool IsWanted(const DEBUG_STATE& state, DWORD flags) {
@@ -48,9 +98,11 @@ void WriteDeferred(DEBUG_STATE& state, DEFERRED_LINES* lines) {
 }
 
 // Formats the line and hands it on, under the lock.
-void PrintWanted(DEBUG_STATE& state, DWORD flags, const WCHAR* format, FORMAT_ARGUMENTS arguments) {
+void PrintWanted(DEBUG_STATE& state, DWORD flags, const WCHAR* format, FORMAT_ARGUMENTS arguments,
+                 std::initializer_list<TEXT_VIEW> before = {}) {
     const ERROR_CODE error;
     state.message.Clear();
+    for (const TEXT_VIEW text : before) state.message.Append(text);
     AppendFormat(state.message, format, arguments);
     if (state.message.Failed()) return;
     if ((flags & DEBUG_DEFER) != 0 && (flags & DeferOverruled) == 0) {
@@ -87,10 +139,21 @@ DEBUG_STATE& DebugState() {
     return state;
 }
 
-void DebugPrintV(DWORD flags, const WCHAR* format, FORMAT_ARGUMENTS arguments) {
+void DebugPrintV(DWORD flags, const WCHAR* format, FORMAT_ARGUMENTS arguments,
+                 std::initializer_list<TEXT_VIEW> before) {
     DEBUG_STATE& state = DebugState();
     const LOCK_GUARD guard(state.lock);
-    if (IsWanted(state, flags)) PrintWanted(state, flags, format, arguments);
+    if (IsWanted(state, flags)) PrintWanted(state, flags, format, arguments, before);
+}
+
+void DebugPrintErrorV(DWORD flags, const ERROR_CODE& error, const WCHAR* format, FORMAT_ARGUMENTS arguments) {
+    DEBUG_STATE& state = DebugState();
+    const LOCK_GUARD guard(state.lock);
+    if (IsWanted(state, flags)) {
+        WithinMemory(
+            [&] { PrintWanted(state, flags, TEXT("%s"), FormatArguments(FormatErrorV(error, format, arguments))); });
+    }
+    error.Restore();
 }
 
 void DebugPrintNarrowV(DWORD flags, const char* format, FORMAT_ARGUMENTS arguments) {
@@ -137,6 +200,28 @@ DWORD DebugOutputActive() {
     if ((mode & (DEBUG_MODE_DEBUGGER | DEBUG_MODE_LOG)) != 0) return (mode & ~0xFFu) | 1;
     const DWORD rest = mode >> 13 << 8;
     return (mode & DEBUG_MODE_CONSOLE) != 0 ? rest | 1 : rest;
+}
+
+void SetDebugCategoryName(DWORD category, const WCHAR* name) {
+    CATEGORY_NAMES& names = CategoryNames();
+    const LOCK_GUARD guard(names.lock);
+    WithinMemory([&] {
+        if (category == DEBUG_AD) names.ad.Assign(name);
+        if (category == DEBUG_TCP) names.tcp.Assign(name);
+    });
+}
+
+STRING FormatDebugOutputMode(DWORD mode) {
+    static const PRINTED_NAMES& names = *new PRINTED_NAMES(CompleteNames());
+    STRING text;
+    for (size_t i = 0; i < names.size(); ++i) {
+        const DWORD flag = DEBUG_FLAG_NAMES[i].flag;
+        if ((mode & flag) != flag) continue;
+        mode &= ~flag;
+        if (!text.IsEmpty()) text.Append(TEXT(", "));
+        text.Append(names[i].View());
+    }
+    return text.IsEmpty() ? STRING(TEXT("None")) : text;
 }
 
 void FlushDebugOutput(bool separator) {

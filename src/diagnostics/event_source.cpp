@@ -5,7 +5,6 @@
 #include <cstdarg>
 
 #include "diagnostics/debug_output.h"
-#include "platform/error_text.h"
 
 namespace keldwick {
 namespace {
@@ -61,9 +60,7 @@ void EVENT_SOURCE::WriteEvent(WORD type, DWORD id, std::span<const WCHAR* const>
     auto* const texts = strings.empty() ? nullptr : const_cast<LPCWSTR*>(strings.data());
     const auto count = static_cast<WORD>(strings.size());
     if (ReportEventW(source.Get(), type, 0, id, nullptr, count, 0, texts, nullptr)) return;
-    const ERROR_CODE error;
-    DebugPrintMasked(DEBUG_ERROR, TEXT("Unable to report event ID = %lu. %s. Error code = %lu."), LOWORD(id),
-                     ErrorText(error), error.Get());
+    DebugPrintErrorMasked(DEBUG_ERROR, ERROR_CODE(), TEXT("Unable to report event ID = %lu"), LOWORD(id));
 }
 
 void EVENT_SOURCE::Echo(DWORD id, std::span<const WCHAR* const> strings) const {

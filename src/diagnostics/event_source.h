@@ -8,6 +8,7 @@
 #include <span>
 
 #include "platform/critical_section.h"
+#include "platform/error_text.h"
 #include "platform/handles.h"
 
 namespace keldwick {
@@ -44,5 +45,12 @@ private:
 // them, the first string is an error's text and the second its code in decimal.
 void ReportServiceEvent(WORD type, DWORD id, std::initializer_list<const WCHAR*> strings);
 void SetEventSourceModule(HMODULE module);
+
+// An event whose message has the text of an error code as %1 and its number as %2; `more` are the wide texts for %3 and
+// on.
+template <typename... MORE>
+void ReportFailureEvent(WORD type, DWORD eventId, DWORD error, MORE... more) {
+    ReportServiceEvent(type, eventId, {ErrorText(error).Text(), FormatString(TEXT("%lu"), error).Text(), more...});
+}
 
 }  // namespace keldwick

@@ -1,12 +1,22 @@
 #include "diagnostics/log_file.h"
 
-#include "platform/error_text.h"
+#include <process.h>
+
+#include <atomic>
+#include <iterator>
+#include <optional>
+
+#include "diagnostics/debug_line.h"
+#include "platform/time_stamp.h"
 
 namespace keldwick {
+
+// ---- The file ----
+
 namespace {
 
 constexpr int MaxRenameAttempts = 999;  // after the one without a number
-constexpr int MaxFirstOpens = 1000;     // bound on creating anew while somebody else keeps making the file
+constexpr int MaxFirstOpens = 1000;     // bound on the attempts while another process keeps making the file
 
 FILE_HANDLE Create(const STRING& path, DWORD disposition) {
     return FILE_HANDLE(CreateFileW(path.Text(), FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
@@ -15,8 +25,7 @@ FILE_HANDLE Create(const STRING& path, DWORD disposition) {
 
 FILE_HANDLE NotCreated(const STRING& path) {
     const ERROR_CODE error;
-    DebugOutputError(TEXT("Unable to create log file \"%s\". %s. Error code = %lu.\n    "), path, ErrorText(error),
-                     error.Get());
+    DebugOutputError(TEXT("%s\n    "), FormatError(error, TEXT("Unable to create log file \"%s\""), path));
     return FILE_HANDLE();
 }
 
@@ -96,8 +105,7 @@ void WriteLogFile(DEBUG_STATE& state, std::string_view bytes) {
     DWORD written = 0;
     if (WriteFile(state.log.file.Get(), bytes.data(), count, &written, nullptr)) return;
     const ERROR_CODE error;
-    DebugOutputError(TEXT("Unable to write %lu bytes to log file. %s. Error code = %lu."), count, ErrorText(error),
-                     error.Get());
+    DebugOutputError(TEXT("%s"), FormatError(error, TEXT("Unable to write %lu bytes to log file"), count));
 }
 
 bool RenameLogFile(const DEBUG_STATE& state, const STRING& path, const SYSTEMTIME* time) {
@@ -117,6 +125,140 @@ bool RenameLogFile(const DEBUG_STATE& state, const STRING& path, const SYSTEMTIM
         DebugOutputError(TEXT("Name collision renaming log path \"%s\" to\n    \"%s\""), path, renamed);
         return false;
     }
+}
+
+// ---- Its daily renaming ----
+
+namespace {
+
+constexpr DWORD MsPerHour = 3600 * 1000;
+constexpr DWORD MsPerDay = 24 * MsPerHour;
+constexpr DWORD StopWaitMs = 10000;  // for the thread to end
+
+// What the next renamed file is called, and when that is due; both are local times.
+struct SCHEDULE {
+    TIME_STAMP naming;
+    TIME_STAMP due;
+};
+
+struct RENAME_STATE {
+    // Guarded by the debug-output lock: the thread uses them under that one alone.
+    TIME_STAMP naming;
+    DWORD periodMs = 0;
+
+    std::optional<CRITICAL_SECTION_OWNER> lock;  // taken after the debug-output lock; guards the handles
+    HANDLE_OWNER timer;
+    HANDLE_OWNER wake;
+    HANDLE_OWNER thread;
+    std::atomic<bool> stop = false;
+
+    RENAME_STATE() { lock.emplace(); }
+};
+
+RENAME_STATE& RenameState() {
+    static RENAME_STATE& state = *new RENAME_STATE;  // never destroyed: the thread may outlive static objects
+    return state;
+}
+
+SCHEDULE FirstSchedule(DWORD hour) {
+    SYSTEMTIME now;
+    GetLocalTime(&now);
+    const WORD currentHour = now.wHour;
+    now.wMinute = now.wSecond = now.wMilliseconds = 0;
+    now.wHour = static_cast<WORD>(hour);
+    SCHEDULE schedule;
+    schedule.naming = TIME_STAMP::FromFields(now);
+    schedule.due = schedule.naming;
+    if (hour == 0) {
+        schedule.due.AddMs(MsPerDay);
+    } else if (hour <= currentHour) {
+        schedule.naming.AddMs(MsPerDay);
+        schedule.due.AddMs(MsPerDay);
+    }
+    return schedule;
+}
+
+// The timer came: a file that is open is put aside; the next line makes a new one.
+void RenameOpenFile(RENAME_STATE& rename) {
+    DEBUG_STATE& debug = DebugState();
+    const LOCK_GUARD guard(debug.lock);
+    InternalPrint(TEXT("Rename timer signaled"));
+    if (!debug.log.file) return;
+    const STRING path = std::move(debug.log.openPath);
+    CloseLogFile(debug);
+    SYSTEMTIME named{};
+    rename.naming.ToFields(named);
+    rename.naming.AddMs(rename.periodMs);
+    // A file that is not renamed, be it for lack of memory, is opened again by the next line.
+    WithinMemory([&] { RenameLogFile(debug, path, &named); });
+}
+
+unsigned WINAPI RenameThread(void*) {
+    RENAME_STATE& rename = RenameState();
+    InternalPrint(TEXT("Rename thread started"));
+    enum SLOT : DWORD { WAKE = WAIT_OBJECT_0, TIMER };
+    const HANDLE handles[] = {rename.wake.Get(), rename.timer.Get()};
+    while (!rename.stop) {
+        switch (WaitForMultipleObjects(std::size(handles), handles, FALSE, INFINITE)) {
+            case WAKE:
+                InternalPrint(TEXT("Rename event signaled"));
+                break;
+            case TIMER:
+                RenameOpenFile(rename);
+                break;
+            default:
+                return 1;
+        }
+    }
+    InternalPrint(TEXT("Rename thread stopping"));
+    return 0;
+}
+
+void ArmTimer(const RENAME_STATE& rename, const SCHEDULE& schedule) {
+    const LARGE_INTEGER due = schedule.due.FromLocal().DueTime();
+    SetWaitableTimer(rename.timer.Get(), &due, static_cast<LONG>(rename.periodMs), nullptr, nullptr, FALSE);
+}
+
+void StartThread(RENAME_STATE& rename, const SCHEDULE& schedule) {
+    rename.timer.Reset(CreateWaitableTimerW(nullptr, FALSE, nullptr));
+    rename.wake.Reset(CreateEventW(nullptr, FALSE, FALSE, nullptr));
+    ArmTimer(rename, schedule);
+    unsigned id = 0;
+    rename.thread.Reset(reinterpret_cast<HANDLE>(_beginthreadex(nullptr, 0, RenameThread, nullptr, 0, &id)));
+    if (rename.thread) return;
+    rename.wake.Reset();
+    rename.timer.Reset();
+}
+
+}  // namespace
+
+void StartLogRename(DWORD hour, DWORD days) {
+    const SCHEDULE schedule = FirstSchedule(hour);
+    RENAME_STATE& rename = RenameState();
+    const LOCK_GUARD debugGuard(DebugState().lock);
+    if (!rename.lock) return;  // the process ends
+    const LOCK_GUARD guard(*rename.lock);
+    rename.naming = schedule.naming;
+    rename.periodMs = days * MsPerDay;
+    if (!rename.thread) return StartThread(rename, schedule);
+    ArmTimer(rename, schedule);
+    SetEvent(rename.wake.Get());
+}
+
+void StopLogRename() {
+    RENAME_STATE& rename = RenameState();
+    if (!rename.thread) {
+        rename.lock.reset();
+        return;
+    }
+    rename.stop = true;
+    SetEvent(rename.wake.Get());
+    // Only a thread that has ended is terminated: one that does not end in time is left running.
+    if (WaitForSingleObject(rename.thread.Get(), StopWaitMs) == WAIT_OBJECT_0) TerminateThread(rename.thread.Get(), 0);
+    rename.timer.Reset();
+    rename.wake.Reset();
+    rename.thread.Reset();
+    rename.lock.reset();
 }
 
 }  // namespace keldwick

@@ -1,9 +1,7 @@
-#include "diagnostics/log_path.h"
-
 #include <shlobj.h>
 
+#include "diagnostics/debug_line.h"
 #include "diagnostics/log_file.h"
-#include "platform/error_text.h"
 
 namespace keldwick {
 namespace {
@@ -12,7 +10,7 @@ constexpr int MaxProbes = 1000;  // names tried for the file that proves the fol
 
 bool IsSeparator(WCHAR unit) { return unit == '\\' || unit == '/'; }
 
-// What stands behind the path's last backslash; npos: there is none.
+// Where the file name begins: after the path's last backslash, or at its start.
 size_t NameStart(TEXT_VIEW path) {
     const size_t slash = path.rfind(WCHAR('\\'));
     return slash == TEXT_VIEW::npos ? 0 : slash + 1;
@@ -76,8 +74,7 @@ void AvoidProgramFile(DEBUG_STATE& state, const LOG_PATH_CHOICE& baseName, const
 bool MakeFolder(const STRING& folder) {
     if (folder.IsEmpty() || CreateDirectoryPath(folder.Text())) return true;
     const ERROR_CODE error;
-    InternalPrint(TEXT("Unable to create log directory = \"%s\". \n    %s. Error code = %lu."), folder,
-                  ErrorText(error), error.Get());
+    InternalPrint(TEXT("%s"), FormatError(error, TEXT("Unable to create log directory = \"%s\". \n    "), folder));
     error.Restore();
     return false;
 }
@@ -95,14 +92,12 @@ bool ProbeFolder(const STRING& path) {
     }
     probe.Reset();
     if (!DeleteFileW(name.Text())) {
-        const ERROR_CODE error;
-        DebugOutputError(TEXT("Unable to delete \"%s\".\n    %s. Error code = %lu."), name, ErrorText(error),
-                         error.Get());
+        DebugOutputError(TEXT("%s"), FormatError(ERROR_CODE(), TEXT("Unable to delete \"%s\".\n    "), name));
     }
     return true;
 }
 
-// Where the components of the path begin: behind its drive, or its server and share. npos: the path has none.
+// Where the components of the path begin: after its drive, or its server and share. npos: the path has none.
 size_t SkipRoot(TEXT_VIEW path) {
     if (path.substr(0, 2) == TEXT("\\\\")) {
         size_t at = 2;

@@ -1,12 +1,13 @@
-// The program's own event source, which lives from program start to program end in every run mode.
+// The program's own event source, which lives from program start to program end in every run mode. It stands apart from
+// its class, so that only a program that reports events gets the source and its thread.
 #include "diagnostics/event_source.h"
 
 namespace keldwick {
 namespace {
 
-constexpr DWORD ReportsPerMinute = 30;
+constexpr DWORD MaxReportsPerMinute = 30;
 
-EVENT_SOURCE ServiceEvents(TEXT("Keldwick"), ReportsPerMinute, nullptr);
+EVENT_SOURCE ServiceEvents(TEXT("Keldwick"), MaxReportsPerMinute, nullptr);
 
 }  // namespace
 

@@ -101,4 +101,13 @@ private:
     INTERFACE* object = nullptr;
 };
 
+// COM on the calling thread for as long as the object lives.
+class COM_APARTMENT {
+public:
+    COM_APARTMENT() { CoInitialize(nullptr); }
+    ~COM_APARTMENT() { CoUninitialize(); }
+    COM_APARTMENT(const COM_APARTMENT&) = delete;
+    COM_APARTMENT& operator=(const COM_APARTMENT&) = delete;
+};
+
 }  // namespace keldwick

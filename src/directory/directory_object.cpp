@@ -10,13 +10,12 @@ namespace keldwick {
 namespace {
 
 void ReportFailure(const WCHAR* label, const WCHAR* dn, const WCHAR* escapedDn, bool changed, HRESULT hr) {
+    const ERROR_CODE error = ERROR_CODE::FromDirectory(hr);
     if (changed)
-        DebugPrint(TEXT("ADsOpenObject failed:\n    %s DN = \"%s\"\n    %s DN escaped = \"%s\"\n    %s. Error code = "
-                        "%#lx."),
-                   label, dn, label, escapedDn, DirectoryErrorText(hr), hr);
+        DebugPrintError(error, TEXT("ADsOpenObject failed:\n    %s DN = \"%s\"\n    %s DN escaped = \"%s\"\n    "),
+                        label, dn, label, escapedDn);
     else
-        DebugPrint(TEXT("ADsOpenObject failed:\n    %s DN = \"%s\"\n    %s. Error code = %#lx."), label, dn,
-                   DirectoryErrorText(hr), hr);
+        DebugPrintError(error, TEXT("ADsOpenObject failed:\n    %s DN = \"%s\"\n    "), label, dn);
 }
 
 }  // namespace

@@ -33,7 +33,7 @@ void DnToOu(const WCHAR* dn, STRING& ou) {
     ForEachOu(dn, [&units](TEXT_VIEW value) { units += static_cast<DWORD>(value.size()) + 1; });
     ou.Clear();
     if (units == 0) return;
-    STRING path(units - 1);  // without a period behind the last
+    STRING path(units - 1);  // without a period after the last
     WCHAR* to = path.Buffer();
     bool first = true;
     ForEachOu(dn, [&](TEXT_VIEW value) {

@@ -11,6 +11,7 @@
 #include "directory/com.h"
 #include "directory/directory_object.h"
 #include "directory/name_translation.h"
+#include "platform/collation_hash.h"
 #include "platform/error_text.h"
 #include "platform/handles.h"
 
@@ -39,10 +40,9 @@ public:
         const HRESULT hr = object->GetEx(attribute.Get(), values.Put());
         if (hr == PropertyNotFound) return true;
         if (FAILED(hr)) {
-            DebugPrintMasked(
-                DEBUG_AD,
-                TEXT("AddObjectGroups: Unable to get \"%s\" property for \"%s\".\n    %s. Error code = %#lx."),
-                MemberOf, dn, DirectoryErrorText(hr), hr);
+            DebugPrintErrorMasked(DEBUG_AD, ERROR_CODE::FromDirectory(hr),
+                                  TEXT("AddObjectGroups: Unable to get \"%s\" property for \"%s\".\n    "), MemberOf,
+                                  dn);
             return false;
         }
         if (Type() == VT_BSTR) return SetRange(0, 0);
@@ -103,9 +103,8 @@ bool GetPrimaryAttribute(IADs* object, const WCHAR* dn, const WCHAR* name, COM_V
     const COM_STRING attribute(name);
     const HRESULT hr = object->Get(attribute.Get(), value.Put());
     if (SUCCEEDED(hr)) return true;
-    DebugPrintMasked(DEBUG_AD,
-                     TEXT("GetPrimaryGroup: Unable to get \"%s\" property for \"%s\".\n    %s. Error code = %#lx."),
-                     name, dn, DirectoryErrorText(hr), hr);
+    DebugPrintErrorMasked(DEBUG_AD, ERROR_CODE::FromDirectory(hr),
+                          TEXT("GetPrimaryGroup: Unable to get \"%s\" property for \"%s\".\n    "), name, dn);
     return false;
 }
 
@@ -128,10 +127,9 @@ bool CopySidBytes(const VARIANT& value, const WCHAR* dn, TASK_MEMORY& bytes, siz
     void* data = nullptr;
     const HRESULT hr = SafeArrayAccessData(value.parray, &data);
     if (FAILED(hr)) {
-        DebugPrintMasked(
-            DEBUG_AD,
-            TEXT("GetPrimaryGroup: Unable to access \"%s\" array data for \"%s\".\n    %s. Error code = %#lx."),
-            ObjectSid, dn, DirectoryErrorText(hr), hr);
+        DebugPrintErrorMasked(DEBUG_AD, ERROR_CODE::FromDirectory(hr),
+                              TEXT("GetPrimaryGroup: Unable to access \"%s\" array data for \"%s\".\n    "), ObjectSid,
+                              dn);
         return false;
     }
     std::memcpy(bytes.Get(), data, size);
@@ -172,6 +170,17 @@ bool SidInDomainOf(const STRING& objectSid, LONG relativeId, STRING& sid) {
 }
 
 }  // namespace
+
+GROUP* GROUP_LIST::Add(const WCHAR* dn) {
+    const size_t hash = CollationHash(dn);
+    const auto [begin, end] = index.equal_range(hash);
+    for (auto candidate = begin; candidate != end; ++candidate)
+        if (candidate->second->dn.EqualsNoCase(dn)) return nullptr;
+    GROUP& group = entries.emplace_back();
+    group.dn.Assign(dn);
+    index.emplace(hash, &group);
+    return &group;
+}
 
 bool GetGroups(const WCHAR* nt4Name, GROUP_LIST& list, const DIRECTORY_BINDING* binding) {
     STRING dn;

@@ -16,9 +16,9 @@ struct TRANSLATION {
     const WCHAR* name;
     HRESULT& hr;
 
-    bool Fails(FORMAT<const WCHAR*, const WCHAR*, STRING, HRESULT> message) const {
+    bool Fails(FORMAT<const WCHAR*, const WCHAR*> message) const {
         if (SUCCEEDED(hr)) return false;
-        DebugPrint(message, inputTypeText, name, DirectoryErrorText(hr), hr);
+        DebugPrintError(ERROR_CODE::FromDirectory(hr), message, inputTypeText, name);
         return true;
     }
 };
@@ -41,20 +41,15 @@ bool Translate(DWORD inputType, const WCHAR* name, DWORD outputType, COM_STRING&
     const TRANSLATION translation{NameTypeText(inputType), name, hr};
     COM_POINTER<IADsNameTranslate> translator;
     hr = CoCreateInstance(CLSID_NameTranslate, nullptr, CLSCTX_INPROC_SERVER, IID_IADsNameTranslate, translator.Put());
-    if (translation.Fails(
-            TEXT("%s name = \"%s\".\n    Unable to create IADsNameTranslate object.\n    %s. Error code = %#lx.")))
+    if (translation.Fails(TEXT("%s name = \"%s\".\n    Unable to create IADsNameTranslate object.\n    ")))
         return false;
     hr = InitNameTranslate(*translator.Get(), binding);
-    if (translation.Fails(
-            TEXT("%s name = \"%s\".\n    Unable to initialize IADsNameTranslate.\n    %s. Error code = %#lx.")))
-        return false;
+    if (translation.Fails(TEXT("%s name = \"%s\".\n    Unable to initialize IADsNameTranslate.\n    "))) return false;
     const COM_STRING input(name);
     hr = translator->Set(static_cast<LONG>(inputType), input.Get());
-    if (translation.Fails(TEXT("IADsNameTranslate::Set failed.\n    %s name = \"%s\".\n    %s. Error code = %#lx.")))
-        return false;
+    if (translation.Fails(TEXT("IADsNameTranslate::Set failed.\n    %s name = \"%s\".\n    "))) return false;
     hr = translator->Get(static_cast<LONG>(outputType), result.Put());
-    return !translation.Fails(
-        TEXT("IADsNameTranslate::Get failed.\n    %s name = \"%s\".\n    %s. Error code = %#lx."));
+    return !translation.Fails(TEXT("IADsNameTranslate::Get failed.\n    %s name = \"%s\".\n    "));
 }
 
 // A call that leaves the reason of its failure in the thread's last error.

@@ -2,7 +2,6 @@
 
 #include "diagnostics/debug_output.h"
 #include "eventlog/record_dump.h"
-#include "platform/error_text.h"
 #include "service/stop.h"
 
 namespace keldwick {
@@ -10,12 +9,16 @@ namespace keldwick {
 namespace {
 
 constexpr DWORD ReadBufferBytes = 65536;
-constexpr DWORD OpenRetryPause = 60000;  // milliseconds
-constexpr DWORD WakeUpInterval = 15000;  // milliseconds; bounds the delay of heartbeats and expiries
+constexpr DWORD OpenRetryMs = 60000;
+constexpr DWORD WakeUpMs = 15000;  // bounds the delay of heartbeats and expiries
+constexpr ULONGLONG SweepMs = 60000;
 constexpr DWORD ReadForwards = EVENTLOG_SEQUENTIAL_READ | EVENTLOG_FORWARDS_READ;
 constexpr DWORD ReadBackwards = EVENTLOG_SEQUENTIAL_READ | EVENTLOG_BACKWARDS_READ;
 
-// Besides the results of Process: the log was cleared, and is to be registered for anew.
+// What Process waits for, in the order of its handles, as the wait's result.
+enum SLOT : DWORD { LOG_CHANGED = WAIT_OBJECT_0, STOP, SETTINGS_CHANGED };
+
+// Besides the results of Process: the log was cleared, and is to be registered for again.
 constexpr DWORD REGISTER_AGAIN = MAXDWORD;
 
 // The error that ended reading, as a result of Process.
@@ -38,15 +41,13 @@ void LogExtent(HANDLE log) {
     if (GetNumberOfEventLogRecords(log, &count)) {
         DebugPrint(TEXT("EVENT_LOG::Process: RecordCount = %lu"), count);
     } else {
-        const DWORD error = GetLastError();
-        DebugPrint(TEXT("Unable to get event record count. %s. Error code = %lu."), ErrorText(error), error);
+        DebugPrintError(ERROR_CODE(), TEXT("Unable to get event record count"));
     }
     DWORD oldest = 0;
     if (GetOldestEventLogRecord(log, &oldest)) {
         DebugPrint(TEXT("EVENT_LOG::Process: OldestRecordNumber = %lu"), oldest);
     } else {
-        const DWORD error = GetLastError();
-        DebugPrint(TEXT("Unable to get oldest event record number. %s. Error code = %lu."), ErrorText(error), error);
+        DebugPrintError(ERROR_CODE(), TEXT("Unable to get oldest event record number"));
     }
 }
 
@@ -63,9 +64,8 @@ bool EVENT_LOG::Open(const WCHAR* name) {
             logName.Assign(name);
             return true;
         }
-        const DWORD error = GetLastError();
-        DebugPrint(TEXT("Uable to open the \"%s\" event log. %s. Error code = %lu."), name, ErrorText(error), error);
-        const DWORD result = WaitForSingleObject(StopEvent, OpenRetryPause);
+        DebugPrintError(ERROR_CODE(), TEXT("Uable to open the \"%s\" event log"), name);
+        const DWORD result = WaitForSingleObject(StopEvent, OpenRetryMs);
         if (result == WAIT_TIMEOUT) continue;
         if (result != WAIT_OBJECT_0) StopService(TEXT("open event log wait failure"));
         return false;
@@ -95,8 +95,8 @@ DWORD EVENT_LOG::Process(HANDLE stopEvent, HANDLE settingsEvent) {
     }
 }
 
-// One buffer-full in each direction. The read position lies between two records: behind it, after the forwards read, is
-// nothing but what is new.
+// One buffer-full in each direction. The read position lies between two records: after the forwards read, only new
+// records follow it.
 DWORD EVENT_LOG::PositionToEnd(HEAP_BUFFER& buffer) {
     static constexpr struct {
         DWORD flags;
@@ -117,38 +117,36 @@ DWORD EVENT_LOG::PositionToEnd(HEAP_BUFFER& buffer) {
     return ERROR_SUCCESS;
 }
 
-// Waits for one of the events, the wake-up interval at most. All there was to do is done: the time for the file in
-// which others look at the tables, and when it was written a moment ago, for it once more within the wait.
+// Waits for one of the events, the wake-up interval at most. The worker is idle here, so this is the time to refresh
+// the list for onlookers. If that was put off, the wait is split, and the list is refreshed when it is due.
 DWORD EVENT_LOG::Await(std::span<const HANDLE> events) {
     const auto wait = [events](DWORD milliseconds) {
         return WaitForMultipleObjects(static_cast<DWORD>(events.size()), events.data(), FALSE, milliseconds);
     };
-    const DWORD due = identityFile.Update(logons, serviceTickets);
-    if (due >= WakeUpInterval) return wait(WakeUpInterval);
-    const DWORD result = wait(due);
+    const DWORD dueMs = identities.UpdateFile();
+    if (dueMs >= WakeUpMs) return wait(WakeUpMs);
+    const DWORD result = wait(dueMs);
     if (result != WAIT_TIMEOUT) return result;
-    identityFile.Update(logons, serviceTickets);
-    return wait(WakeUpInterval - due);
+    identities.UpdateFile();
+    return wait(WakeUpMs - dueMs);
 }
 
 DWORD EVENT_LOG::Follow(std::span<const HANDLE> events, HEAP_BUFFER& buffer) {
     for (;;) {
         const DWORD result = Await(events);
-        if (result == WAIT_OBJECT_0 + 1) return PROCESS_STOPPED;
-        if (result == WAIT_OBJECT_0 + 2) return PROCESS_SETTINGS_CHANGED;
+        if (result == STOP) return PROCESS_STOPPED;
+        if (result == SETTINGS_CHANGED) return PROCESS_SETTINGS_CHANGED;
         if (result == WAIT_FAILED) {
-            const DWORD error = GetLastError();
-            DebugPrint(TEXT("EVENT_LOG::Process: Wait for event log changes failed. %s. Error code = %lu."),
-                       ErrorText(error), error);
+            DebugPrintError(ERROR_CODE(), TEXT("EVENT_LOG::Process: Wait for event log changes failed"));
             return PROCESS_FAILED;
         }
-        if (result != WAIT_OBJECT_0 && result != WAIT_TIMEOUT) continue;
+        if (result != LOG_CHANGED && result != WAIT_TIMEOUT) continue;
 
         ExpireEntries();
         RECORD_COUNTERS counters;
         const DWORD error = DispatchNewRecords(buffer, counters);
         DebugPrintMasked(DEBUG_VERBOSE, TEXT("EVENT_LOG::Process: %s, Records: Count = %lu, First = %lu, Last = %lu"),
-                         result == WAIT_OBJECT_0 ? TEXT("Signaled") : TEXT("Time-out"), counters.count, counters.first,
+                         result == LOG_CHANGED ? TEXT("Signaled") : TEXT("Time-out"), counters.count, counters.first,
                          counters.last);
         if (error != ERROR_HANDLE_EOF) return ResultOf(error);
     }
@@ -177,8 +175,7 @@ DWORD EVENT_LOG::ReadRecords(DWORD flags, DWORD offset, HEAP_BUFFER& buffer, DWO
         if (error == ERROR_INVALID_PARAMETER && (flags & EVENTLOG_SEEK_READ)) return error;
         if (error == ERROR_EVENTLOG_FILE_CHANGED) return ReopenCleared();
         if (error != ERROR_INSUFFICIENT_BUFFER || needed <= buffer.Size()) {  // no larger buffer would help
-            DebugPrint(TEXT("Unable to read the %s event log. %s. Error code = %lu."), logName, ErrorText(error),
-                       error);
+            DebugPrintError(error, TEXT("Unable to read the %s event log"), logName);
             return error;
         }
         if (!buffer.Resize(needed)) {
@@ -194,12 +191,18 @@ DWORD EVENT_LOG::ReopenCleared() {
     handle.Reset();
     handle.Reset(OpenEventLogW(nullptr, logName.Text()));
     if (!handle) {
-        const DWORD error = GetLastError();
-        DebugPrint(TEXT("Uable to reopen the %s event log. %s. Error code = %lu."), logName, ErrorText(error), error);
-        return error;
+        const ERROR_CODE error;
+        DebugPrintError(error, TEXT("Uable to reopen the %s event log"), logName);
+        return error.Get();
     }
     DebugPrint(TEXT("%s event log reopened"), logName);
     return ERROR_EVENTLOG_FILE_CHANGED;
+}
+
+void EVENT_LOG::ExpireEntries() {
+    if (lastSweep.ElapsedMs() <= SweepMs) return;
+    identities.Sweep();
+    lastSweep = TIME_STAMP::Now();
 }
 
 const EVENT_HANDLER* EVENT_LOG::HandlerOf(DWORD eventId) const {
@@ -209,7 +212,7 @@ const EVENT_HANDLER* EVENT_LOG::HandlerOf(DWORD eventId) const {
     return nullptr;
 }
 
-// Most records are of no interest: those cost a look at the few event IDs that are, nothing more.
+// Most records are of no interest: those only cost a comparison with the few event IDs that have handlers.
 bool EVENT_LOG::DispatchRecord(const EVENTLOGRECORD& record, RECORD_COUNTERS& counters) {
     counters.Add(record);
     const EVENT_HANDLER* const handler = HandlerOf(record.EventID);

@@ -1,6 +1,6 @@
-// The reader of an event log, and the owner of the identity tables that its records fill. It skips what is already in
-// the log, then hands every new record to the handler of its event ID. What a logon means it does not know: the table
-// of handlers is given to it. One thread uses it.
+// The reader of an event log, and the owner of the identities that its records lead to. It skips what is already in the
+// log, then hands every new record to the handler of its event ID. It does not know what a logon means: the table of
+// handlers is given to it (the agent's: EventHandlers in identity/handlers.h). One thread uses it.
 #pragma once
 
 #include <windows.h>
@@ -8,9 +8,7 @@
 #include <span>
 
 #include "eventlog/event_record.h"
-#include "identity/identity_file.h"
-#include "identity/logon_table.h"
-#include "identity/service_ticket_table.h"
+#include "identity/identities.h"
 #include "platform/handles.h"
 #include "platform/heap_buffer.h"
 #include "platform/string.h"
@@ -66,9 +64,10 @@ public:
     // Counts the record, dumps it when the options ask for that, and runs the handler of its event ID. Always true.
     bool DispatchRecord(const EVENTLOGRECORD& record, RECORD_COUNTERS& counters);
 
-    // The once-a-minute sweep over the tables: expiry, heartbeats, statistics.
+    // Sweeps the identities, unless the last sweep ended less than a minute ago.
     void ExpireEntries();
 
+    IDENTITIES& Identities() { return identities; }
     const COMMAND_LINE& Options() const { return options; }
     const STRING& Name() const { return logName; }
 
@@ -84,14 +83,9 @@ private:
     const std::span<const EVENT_HANDLER> handlers;
     STRING logName;  // the name of the latest successful Open
     EVENT_LOG_HANDLE handle;
-    REPLACEMENT_STRINGS strings;  // of the record being dispatched
-
-public:
-    // The identity tables, which the handlers change and the sweep clears. They go before the log is closed.
-    SERVICE_TICKET_TABLE serviceTickets;
-    LOGON_TABLE logons;
-    IDENTITY_FILE identityFile;                // what they hold, for those who look from outside
-    TIME_STAMP lastSweep = TIME_STAMP::Now();  // of the last completed sweep; at first the reader's beginning
+    REPLACEMENT_STRINGS strings;               // of the record being dispatched
+    TIME_STAMP lastSweep = TIME_STAMP::Now();  // the end of the last sweep; at first the reader's beginning
+    IDENTITIES identities;                     // goes before the log is closed
 };
 
 }  // namespace keldwick

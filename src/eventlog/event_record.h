@@ -1,10 +1,11 @@
-// Reading one event record where it lies: its two names and its replacement strings. Records come from the event-log
-// layer, which has checked their bounds.
+// Reading one event record where it lies: its two names and its replacement strings; and the names of events. Records
+// come from the system, which has checked their bounds.
 #pragma once
 
 #include <windows.h>
 
 #include "platform/heap_buffer.h"
+#include "platform/string.h"
 
 namespace keldwick {
 
@@ -29,5 +30,10 @@ private:
 
 const WCHAR* SourceName(const EVENTLOGRECORD& record);
 const WCHAR* ComputerName(const EVENTLOGRECORD& record);
+
+// By the low 16 bits of the event ID: its name when the agent knows the event, else the number as decimal text.
+STRING EventName(DWORD eventId);
+
+const WCHAR* EventTypeName(WORD eventType);  // "<Unknown>" for a type that is none of the documented five
 
 }  // namespace keldwick

@@ -5,7 +5,7 @@
 #include <string_view>
 
 #include "diagnostics/debug_output.h"
-#include "diagnostics/log_path.h"
+#include "diagnostics/log_file.h"
 #include "platform/error_text.h"
 #include "platform/handles.h"
 #include "service/settings.h"
@@ -18,7 +18,7 @@ constexpr size_t ChunkBytes = 65536;
 constexpr LONGLONG ShareOfTime = 100;  // one part in so many may go into writing
 constexpr LONGLONG BytesPerSecond = 32768;
 
-// An unchanged file is written anew so often: its time tells that it is right.
+// An unchanged file is written again this often: a recent time shows that it is right.
 constexpr LONGLONG UnitsPerSecond = 1000 * TIME_STAMP::UnitsPerMillisecond;
 constexpr LONGLONG RefreshUnits = 60 * UnitsPerSecond;
 
@@ -38,7 +38,7 @@ ULONGLONG SecondsSince1970(const TIME_STAMP& time) {
     return static_cast<ULONGLONG>(time.Units()) / UnitsPerSecond - secondsBefore1970;
 }
 
-// Names come from events, which anybody who tries to log on can fill with anything.
+// Names come from events, and whoever tries to log on can put anything there.
 void AppendQuoted(std::string& text, const STRING& value) {
     constexpr std::string_view digits = "0123456789abcdef";
     const STRING_UTF8 utf8(value);
@@ -134,7 +134,7 @@ void IDENTITY_FILE::Write(const LOGON_TABLE& logons, const SERVICE_TICKET_TABLE&
     writtenBytes = 0;
     const DWORD result = Replace(logons, tickets, begin, writtenBytes);
     if (result != ERROR_SUCCESS && result != error) {
-        DebugPrint(TEXT("Unable to write the list of identities. %s. Error code = %lu."), ErrorText(result), result);
+        DebugPrintError(result, TEXT("Unable to write the list of identities"));
     }
     error = result;
     written = VersionOf(logons, tickets);

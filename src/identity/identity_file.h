@@ -9,8 +9,7 @@
 
 #include <windows.h>
 
-#include "identity/logon_table.h"
-#include "identity/service_ticket_table.h"
+#include "identity/identity_tables.h"
 #include "platform/time_stamp.h"
 #include "protocol/identity_reports.h"
 

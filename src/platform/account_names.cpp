@@ -17,15 +17,14 @@ struct LSA_CLOSER {
 
 LSA_HANDLE Policy = nullptr;  // stays open for the life of the process
 
-ERROR_CODE LsaError(NTSTATUS status) { return ERROR_CODE(LsaNtStatusToWinError(status)); }
+ERROR_CODE LsaError(NTSTATUS status) { return {LsaNtStatusToWinError(status), ERROR_CODE::FORM::HEXADECIMAL}; }
 
 void Assign(STRING& text, const LSA_UNICODE_STRING& name) {
     text.Assign(name.Buffer, static_cast<DWORD>(name.Length / sizeof(WCHAR)));
 }
 
 bool LookupFailed() {
-    const ERROR_CODE error;
-    DebugPrint(TEXT("LookupAccountSid failed. %s. Error code = %lu."), ErrorText(error), error.Get());
+    DebugPrintError(ERROR_CODE(), TEXT("LookupAccountSid failed"));
     return false;
 }
 
@@ -34,17 +33,13 @@ DWORD WithoutTerminator(DWORD units) { return units != 0 ? units - 1 : 0; }
 
 }  // namespace
 
-STRING AnonymousLogonName;
-
 bool OpenLsaPolicy() {
     if (Policy != nullptr) return true;
     LSA_OBJECT_ATTRIBUTES attributes{};
     const NTSTATUS status = LsaOpenPolicy(nullptr, &attributes, POLICY_LOOKUP_NAMES, &Policy);
     if (status >= 0) return true;
     Policy = nullptr;
-    const ERROR_CODE error = LsaError(status);
-    DebugPrint(TEXT("Unable to open LSA policy. %s. Error code = %#lx."), ErrorText(error), error.Get());
-    error.Restore();
+    DebugPrintError(LsaError(status), TEXT("Unable to open LSA policy"));
     return false;
 }
 
@@ -59,9 +54,7 @@ bool LsaLookupSidName(PSID sid, STRING& domain, STRING& account, SID_NAME_USE* t
     OWNER<LSA_CLOSER<LSA_TRANSLATED_NAME>> names;
     const NTSTATUS status = LsaLookupSids(Policy, 1, &sid, domains.Put(), names.Put());
     if (status < 0) {
-        const ERROR_CODE error = LsaError(status);
-        DebugPrint(TEXT("Unable to open lookup SID. %s. Error code = %#lx."), ErrorText(error), error.Get());
-        error.Restore();
+        DebugPrintError(LsaError(status), TEXT("Unable to open lookup SID"));
         return false;
     }
     const LSA_TRANSLATED_NAME& name = *names.Get();

@@ -7,9 +7,6 @@
 
 namespace keldwick {
 
-// The name of the anonymous-logon account, filled in at service start; for the log only.
-extern STRING AnonymousLogonName;
-
 // Opens the process-wide LSA policy, once, on the main thread. False: with a message and the last error.
 bool OpenLsaPolicy();
 

@@ -46,7 +46,20 @@ STRING ErrorText(DWORD code, HMODULE module) {
     return text;
 }
 
-STRING ErrorText(const ERROR_CODE& code) { return ErrorText(code.Get()); }
+STRING ErrorText(const ERROR_CODE& error) {
+    if (error.Form() != ERROR_CODE::FORM::DIRECTORY) return ErrorText(error.Get());
+    return DirectoryErrorText(static_cast<HRESULT>(error.Get()));
+}
+
+STRING FormatErrorV(const ERROR_CODE& error, const WCHAR* format, FORMAT_ARGUMENTS arguments) {
+    STRING message;
+    message.FormatV(format, arguments);
+    const WCHAR* const link = message.LastChar() == ' ' ? TEXT("") : TEXT(". ");
+    const STRING text = ErrorText(error);
+    return error.Form() == ERROR_CODE::FORM::DECIMAL
+               ? FormatString(TEXT("%s%s%s. Error code = %lu."), message, link, text, error.Get())
+               : FormatString(TEXT("%s%s%s. Error code = %#lx."), message, link, text, error.Get());
+}
 
 STRING DirectoryErrorText(HRESULT result) {
     const auto* const found =

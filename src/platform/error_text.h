@@ -1,4 +1,4 @@
-// Error codes as readable text, fit for messages that end in "%s. Error code = %lu.".
+// Error codes as readable text, and the end of every message about a failed call.
 #pragma once
 
 #include "platform/error_code.h"
@@ -9,10 +9,18 @@ namespace keldwick {
 // The system's text for a Windows error code or HRESULT (or the module's, when one is given), without the line breaks
 // at its end and without one final period. Empty when there is none. Changes the thread's last error.
 STRING ErrorText(DWORD code, HMODULE module = nullptr);
-STRING ErrorText(const ERROR_CODE& code);
+STRING ErrorText(const ERROR_CODE& error);  // as its form wants it
 
 // The same into a string; false, and the string empty, when there is no text.
 bool LoadErrorText(STRING& text, DWORD code, HMODULE module = nullptr);
+
+// The message, completed by the error's text and code: "MESSAGE. TEXT. Error code = 5.". After a message that ends in a
+// blank, as the indentation of a new line is one, the text follows at once.
+STRING FormatErrorV(const ERROR_CODE& error, const WCHAR* format, FORMAT_ARGUMENTS arguments);
+template <typename... ARGUMENTS>
+STRING FormatError(const ERROR_CODE& error, FORMAT<ARGUMENTS...> format, const ARGUMENTS&... arguments) {
+    return FormatErrorV(error, format.Text(), FormatArguments(arguments...));
+}
 
 // The text for a result of the directory interfaces: their own codes' first, then the system's, then a fallback.
 STRING DirectoryErrorText(HRESULT result);

@@ -28,7 +28,7 @@ struct WRITING_SINK {
     void Fill(char unit, size_t units) { at = std::fill_n(at, units, static_cast<UNIT>(unit)); }
 };
 
-// A number's or text's place in its width: blanks before it or behind it.
+// Pads a field to its width, left or right.
 template <typename SINK, typename PRINT>
 void Pad(SINK& sink, const FORMAT_CONVERSION& conversion, size_t length, PRINT print) {
     const size_t padding = conversion.width > length ? conversion.width - length : 0;

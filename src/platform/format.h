@@ -149,7 +149,7 @@ constexpr uint32_t MaxFormatWidth = 4096;     // of a width; wider is a formatti
 constexpr int32_t MaxFormatPrecision = 4096;  // of a precision
 constexpr int32_t MaxRealPrecision = 64;      // of a precision of %f
 
-// Reads the conversion whose percent sign lies before `at`, and moves `at` behind it.
+// Reads the conversion whose percent sign stands before `at`, and moves `at` to its end.
 template <typename UNIT>
 constexpr FORMAT_CONVERSION ReadConversion(const UNIT*& at) {
     FORMAT_CONVERSION result;

@@ -2,12 +2,12 @@
 
 #include <process.h>
 
+#include <iterator>
 #include <memory>
 
 #include "diagnostics/debug_output.h"
 #include "platform/error_text.h"
 #include "platform/handles.h"
-#include "service/stop.h"
 
 namespace keldwick {
 namespace {
@@ -91,8 +91,7 @@ void LoadLocalHostInfo() {
                OrNone(LocalHostInfo.ipV4), OrNone(LocalHostInfo.ipV6));
 }
 
-bool LookupHostName(const SOCKADDR* address, DWORD length, STRING& name) {
-    const HANDLE stopEvent = StopEvent;
+bool LookupHostName(const SOCKADDR* address, DWORD length, STRING& name, HANDLE stopEvent) {
     const auto fail = [](DWORD error) {
         WSASetLastError(static_cast<int>(error));
         return false;
@@ -102,10 +101,11 @@ bool LookupHostName(const SOCKADDR* address, DWORD length, STRING& name) {
     if (!question->address.Assign(address, length)) return fail(ERROR_NOT_ENOUGH_MEMORY);
     const HANDLE_OWNER thread = StartNameThread(question);
     if (!thread) return fail(WSATRY_AGAIN);
+    enum : DWORD { STOP = WAIT_OBJECT_0, ANSWER };
     const HANDLE events[] = {stopEvent, thread.Get()};
-    const DWORD result = WaitForMultipleObjects(2, events, FALSE, INFINITE);
-    if (result == WAIT_FAILED) return false;
-    if (result == WAIT_OBJECT_0) return fail(ERROR_CANCELLED);
+    const DWORD result = WaitForMultipleObjects(static_cast<DWORD>(std::size(events)), events, FALSE, INFINITE);
+    if (result == STOP) return fail(ERROR_CANCELLED);
+    if (result != ANSWER) return false;
     if (question->error != 0) return fail(static_cast<DWORD>(question->error));
     name.Assign(question->host);
     return true;

@@ -36,10 +36,8 @@ bool ConvertInto(HEAP_BUFFER& address, const WCHAR* text, WORD family, int lengt
 void LogUnprintable(const SOCKADDR* address, DWORD length, const ERROR_CODE& error) {
     STRING bytes;
     bytes.HexText(address, std::min(length, DumpedAddressBytes), false, 1, ' ');
-    DebugPrint(TEXT("Unable to convert address = [%s],\n    Length = %lu, Family = %u to a string.\n"
-                    "    %s. Error code = %lu."),
-               bytes, length, length >= sizeof(WORD) ? static_cast<WORD>(address->sa_family) : WORD(0),
-               ErrorText(error), error.Get());
+    DebugPrintError(error, TEXT("Unable to convert address = [%s],\n    Length = %lu, Family = %u to a string.\n    "),
+                    bytes, length, length >= sizeof(WORD) ? static_cast<WORD>(address->sa_family) : WORD(0));
 }
 
 }  // namespace
@@ -63,8 +61,7 @@ bool TextToAddress(const WCHAR* text, WORD family, HEAP_BUFFER& address) {
     if (error == WSAEINVAL) {
         DebugPrint(TEXT("Address \"%s\" is not valid for family %u."), text, family);
     } else {
-        DebugPrint(TEXT("Unable to convert address \"%s\", family = %u.\n    %s. Error code = %lu."), text, family,
-                   ErrorText(error), error);
+        DebugPrintError(error, TEXT("Unable to convert address \"%s\", family = %u.\n    "), text, family);
     }
     return false;
 }

@@ -46,7 +46,7 @@ DWORD SetTokenPrivileges(const PRIVILEGE_SET& set, PRIVILEGE_SET* previous) {
         if (!replaced) return ERROR_NOT_ENOUGH_MEMORY;
     }
     const bool adjusted = AdjustTokenPrivileges(token.Get(), FALSE, set.Get(), size, replaced.Get(), &size) != FALSE;
-    const DWORD result = GetLastError();  // on success too: it tells whether every privilege was assigned
+    const DWORD result = GetLastError();  // on success too: it says whether every privilege was assigned
     if (!adjusted) {
         DebugPrint(TEXT("SetTokenPrivileges: "));  // the caller prints the reason
         if (previous != nullptr) previous->Reset();

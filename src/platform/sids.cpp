@@ -34,8 +34,7 @@ PSID AllocateSidV(DWORD authority, std::span<const DWORD> list) {
     PSID sid = nullptr;
     if (!AllocateAndInitializeSid(&authorities[authority], count, sub[0], sub[1], sub[2], sub[3], sub[4], sub[5],
                                   sub[6], sub[7], &sid)) {
-        const ERROR_CODE error;
-        DebugPrint(TEXT("AllocateAndInitializeSid failed. %s. Error code = %lu."), ErrorText(error), error.Get());
+        DebugPrintError(ERROR_CODE(), TEXT("AllocateAndInitializeSid failed"));
         return nullptr;
     }
     return sid;

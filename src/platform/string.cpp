@@ -167,4 +167,18 @@ void STRING_UTF8::AssignWide(TEXT_VIEW text) {
     Adopt(narrow, static_cast<DWORD>(bytes));
 }
 
+const WCHAR* ReadDigits(const WCHAR* text, DWORD base, ULONGLONG& number) {
+    constexpr ULONGLONG tooLarge = ULONGLONG{MAXDWORD} + 1;
+    const auto digitOf = [](WCHAR unit) -> DWORD {
+        if (unit >= '0' && unit <= '9') return unit - DWORD{'0'};
+        if (unit >= 'a' && unit <= 'f') return unit - DWORD{'a'} + 10;
+        if (unit >= 'A' && unit <= 'F') return unit - DWORD{'A'} + 10;
+        return MAXDWORD;
+    };
+    number = 0;
+    for (DWORD digit = digitOf(*text); digit < base; digit = digitOf(*++text))
+        number = std::min(number * base + digit, tooLarge);
+    return text;
+}
+
 }  // namespace keldwick

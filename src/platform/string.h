@@ -77,7 +77,7 @@ public:
     void AssignUtf8(const char* text, DWORD bytes);
     void Append(TEXT_VIEW text);
 
-    // Lengthens by `units`; what is behind the old text's NUL is the caller's to fill.
+    // Lengthens by `units`. The caller fills what follows the old text's NUL.
     void Grow(DWORD units);
 
     // As the user's locale compares words; a null text compares as the empty one.
@@ -128,6 +128,10 @@ STRING FormatString(FORMAT<ARGUMENTS...> format, const ARGUMENTS&... arguments) 
     text.FormatV(format.Text(), FormatArguments(arguments...));
     return text;
 }
+
+// The number whose digits the text begins with, in that base, 16 at most; more than 32 bits give MAXDWORD + 1. Gives
+// the place after the digits, which is the text itself when there are none: 0.
+const WCHAR* ReadDigits(const WCHAR* text, DWORD base, ULONGLONG& number);
 
 extern template class STRING_STORAGE<WCHAR>;
 extern template class STRING_STORAGE<char>;

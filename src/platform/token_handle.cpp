@@ -9,10 +9,7 @@ namespace {
 constexpr DWORD ErrorInvalidSid = 4312;  // the reason given when the token's SID has no length
 
 bool InformationFailed(TOKEN_INFORMATION_CLASS what) {
-    const ERROR_CODE error;
-    DebugPrint(TEXT("TOKEN_HANDLE::GetInformation: GetTokenInformation class = %d failed. %s. Error code = %lu."), what,
-               ErrorText(error), error.Get());
-    error.Restore();
+    DebugPrintError(ERROR_CODE(), TEXT("TOKEN_HANDLE::GetInformation: GetTokenInformation class = %d failed"), what);
     return false;
 }
 

@@ -12,7 +12,7 @@ class TOKEN_HANDLE : public HANDLE_OWNER {
 public:
     using HANDLE_OWNER::HANDLE_OWNER;
 
-    // False: the last error says why; with a message unless the token would not tell the size.
+    // False: the last error says why; with a message unless only the size was unknown.
     bool GetInformation(TOKEN_INFORMATION_CLASS what, HEAP_BUFFER& information) const;
     bool GetSessionId(DWORD& session) const;
     bool GetUserSid(HEAP_BUFFER& sid) const;  // a copy

@@ -6,7 +6,7 @@ COMMAND_LINE CommandLine;
 
 namespace {
 
-// Where a parse stands: `next` is the argument behind the option that is being taken.
+// Where a parse stands: `next` is the argument after the option that is being taken.
 struct PARSER {
     COMMAND_LINE& line;
     const WCHAR* const* option;

@@ -1,8 +1,9 @@
 #include "service/debug_modes.h"
 
+#include <algorithm>
+
 #include "diagnostics/debug_output.h"
-#include "diagnostics/log_path.h"
-#include "diagnostics/log_rename.h"
+#include "diagnostics/log_file.h"
 #include "platform/error_text.h"
 #include "platform/handles.h"
 #include "platform/registry_values.h"
@@ -37,25 +38,12 @@ STRING EnvironmentText(const WCHAR* name) {
     return text;
 }
 
-DWORD DigitValue(WCHAR unit) {
-    if (unit >= TEXT('0') && unit <= TEXT('9')) return unit - TEXT('0');
-    if (unit >= TEXT('a') && unit <= TEXT('f')) return unit - TEXT('a') + 10u;
-    if (unit >= TEXT('A') && unit <= TEXT('F')) return unit - TEXT('A') + 10u;
-    return MAXDWORD;
-}
-
-// Decimal, or hexadecimal behind "0x"; 0 unless the whole text is one number. Too big a number gives the biggest.
+// Decimal, or hexadecimal after "0x"; 0 unless the whole text is one number. Too big a number gives the biggest.
 DWORD ParseMode(const WCHAR* text) {
     const bool hexadecimal = text[0] == TEXT('0') && (text[1] == TEXT('x') || text[1] == TEXT('X'));
-    const DWORD base = hexadecimal ? 16 : 10;
     ULONGLONG number = 0;
-    for (const WCHAR* unit = hexadecimal ? text + 2 : text; *unit; ++unit) {
-        const DWORD digit = DigitValue(*unit);
-        if (digit >= base) return 0;
-        number = number * base + digit;
-        if (number > MAXDWORD) number = MAXDWORD;
-    }
-    return static_cast<DWORD>(number);
+    const WCHAR* const end = ReadDigits(hexadecimal ? text + 2 : text, hexadecimal ? 16 : 10, number);
+    return *end == 0 ? static_cast<DWORD>(std::min<ULONGLONG>(number, MAXDWORD)) : 0;
 }
 
 DWORD ReadRegistryMode() {
@@ -63,16 +51,16 @@ DWORD ReadRegistryMode() {
     const DWORD openError =
         static_cast<DWORD>(RegOpenKeyExW(HKEY_LOCAL_MACHINE, SettingsKeyPath, 0, KEY_READ, key.Put()));
     if (openError != ERROR_SUCCESS) {
-        DebuggerPrintRaw(TEXT("Unable to open registry key \"%s\".\n    %s. Error code = %lu.\n\n"),
-                         SettingsKeyFullName, ErrorText(openError), openError);
+        DebuggerPrintRaw(TEXT("%s\n\n"), FormatError(openError, TEXT("Unable to open registry key \"%s\".\n    "),
+                                                     SettingsKeyFullName));
         return 0;
     }
     DWORD mode = 0;
     if (RegGetDword(key.Get(), ModeValue, mode)) return mode;
-    const DWORD error = GetLastError();
-    if (error != ERROR_FILE_NOT_FOUND) {
-        DebuggerPrintRaw(TEXT("Unable to read registry value = \"%s\". \n    %s. Error code = %lu.\n\n"), ModeValue,
-                         ErrorText(error), error);
+    const ERROR_CODE error;
+    if (error.Get() != ERROR_FILE_NOT_FOUND) {
+        DebuggerPrintRaw(TEXT("%s\n\n"),
+                         FormatError(error, TEXT("Unable to read registry value = \"%s\". \n    "), ModeValue));
     }
     return 0;
 }

@@ -1,17 +1,24 @@
 #include "service/entry.h"
 
+#include <winsvc.h>
+
 #include "diagnostics/debug_output.h"
-#include "diagnostics/failure_event.h"
+#include "diagnostics/event_source.h"
+#include "directory/com.h"
 #include "platform/account_names.h"
 #include "platform/host_names.h"
 #include "platform/resource_strings.h"
+#include "platform/version.h"
+#include "protocol/identity_protocol.h"
+#include "protocol/manual_report.h"
 #include "resources/message_ids.h"
-#include "service/com_apartment.h"
 #include "service/command_line.h"
 #include "service/debug_modes.h"
-#include "service/run_modes.h"
+#include "service/initialize.h"
+#include "service/service_main.h"
+#include "service/service_worker.h"
 #include "service/settings.h"
-#include "service/version_banner.h"
+#include "service/stop.h"
 
 namespace keldwick {
 
@@ -30,7 +37,55 @@ bool OpenSettingsKey() {
     return false;
 }
 
+// One identity, sent by hand.
+int RunAsManualReport() {
+    StopEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    LoadSettings();
+    SaveDebugOutputMode(CommandLine, SettingsKey.Get());
+    if (CommandLine.reportIdentity) {
+        IDENTITY_PROTOCOL session;
+        CurrentSession = &session;
+        RunManualReport();
+        CurrentSession = nullptr;
+    }
+    CloseHandle(StopEvent.exchange(INVALID_HANDLE_VALUE));
+    return EXIT_DONE;
+}
+
+// Applies the command line to the settings key.
+int RunAsConfiguration() {
+    if (!ServiceInitialize()) return EXIT_INITIALIZE_FAILED;
+    ServiceUninitialize();
+    return EXIT_DONE;
+}
+
+// Under the service control manager, or else as an application.
+int RunAsService() {
+    STRING name(ServiceName);
+    const SERVICE_TABLE_ENTRYW services[] = {{name.Buffer(), ServiceMain}, {nullptr, nullptr}};
+    if (StartServiceCtrlDispatcherW(services)) return EXIT_DONE;
+    const DWORD error = GetLastError();
+    if (error == ERROR_FAILED_SERVICE_CONTROLLER_CONNECT) return RunAsApplication();  // started by hand
+    ReportFailureEvent(EVENTLOG_ERROR_TYPE, MSG_START_DISPATCHER, error);
+    return EXIT_DISPATCHER_FAILED;
+}
+
+int RunByCommandLine() {
+    if (CommandLine.manualReport) return RunAsManualReport();
+    if (CommandLine.configureOnly) return RunAsConfiguration();
+    if (CommandLine.application) return RunAsApplication();
+    return RunAsService();
+}
+
 }  // namespace
+
+int RunAsApplication() {
+    DebugPrint(TEXT("Running as application"));
+    if (!ServiceInitialize()) return EXIT_INITIALIZE_FAILED;
+    ServiceWorker();
+    ServiceUninitialize();
+    return EXIT_DONE;
+}
 
 int RunProgram(int argc, WCHAR** argv) {
     const COM_APARTMENT apartment;

@@ -3,8 +3,10 @@
 #include <windows.h>
 #include <winsock2.h>
 
+#include <iterator>
+
 #include "diagnostics/debug_output.h"
-#include "diagnostics/failure_event.h"
+#include "diagnostics/event_source.h"
 #include "platform/account_names.h"
 #include "platform/registry_values.h"
 #include "platform/sids.h"
@@ -13,7 +15,6 @@
 #include "service/command_line.h"
 #include "service/debug_modes.h"
 #include "service/settings.h"
-#include "service/settings_watch.h"
 #include "service/stop.h"
 #include "service/threads.h"
 
@@ -22,7 +23,10 @@ namespace keldwick {
 namespace {
 
 constexpr const WCHAR* SettingsThreadName = TEXT("Settings");
-constexpr DWORD SettingsThreadTimeout = 5000;  // milliseconds
+constexpr DWORD SettingsThreadStopMs = 5000;
+
+HANDLE SettingsThread;      // null while it does not run
+STRING AnonymousLogonName;  // for the log only
 
 // Acknowledges the stop request that ended an earlier run, so that it does not end this one too.
 void ResetStopRequest() {
@@ -101,10 +105,38 @@ bool ServiceInitialize() {
 
 void ServiceUninitialize() {
     DebugPrint(TEXT("Uninitializing service"));
-    StopThreads(SettingsThreadTimeout, DebugPrintText,
+    StopThreads(SettingsThreadStopMs, DebugPrintText,
                 {{SettingsThreadName, StopSettingsThread, SettingsNotifyEvent, &SettingsThread}});
     WSACleanup();
     CloseEvents();
+}
+
+// ---- The settings-watch thread ----
+
+unsigned WINAPI SettingsWatchThread(void*) {
+    DebugPrint(TEXT("%s thread started"), SettingsThreadName);
+
+    enum SLOT : DWORD { STOP = WAIT_OBJECT_0, KEY_CHANGED };
+    const HANDLE events[] = {StopEvent, SettingsNotifyEvent};
+    for (;;) {
+        RegNotifyChangeKeyValue(SettingsKey.Get(), FALSE, REG_NOTIFY_CHANGE_LAST_SET, events[KEY_CHANGED], TRUE);
+        switch (WaitForMultipleObjects(static_cast<DWORD>(std::size(events)), events, FALSE, INFINITE)) {
+            case STOP:
+                DebugPrint(TEXT("%s thread normal exit"), SettingsThreadName);
+                return 0;
+            case KEY_CHANGED:
+                ReloadSettings();
+                break;
+            default:
+                DebugPrint(TEXT("%s thread abnormal exit"), SettingsThreadName);
+                return 1;
+        }
+    }
+}
+
+void StopSettingsThread(HANDLE event) {
+    StopService(TEXT("stopping worker thread"));
+    SetEvent(event);
 }
 
 }  // namespace keldwick

@@ -1,24 +1,21 @@
 #include "service/service_main.h"
 
-#include <objbase.h>
-
 #include "diagnostics/debug_output.h"
 #include "diagnostics/event_source.h"
-#include "diagnostics/failure_event.h"
+#include "directory/com.h"
+#include "platform/version.h"
 #include "resources/message_ids.h"
-#include "service/com_apartment.h"
 #include "service/command_line.h"
 #include "service/debug_modes.h"
 #include "service/initialize.h"
 #include "service/service_worker.h"
 #include "service/stop.h"
-#include "service/version_banner.h"
 
 namespace keldwick {
 
 namespace {
 
-constexpr DWORD StartWaitHint = 30000;  // milliseconds
+constexpr DWORD StartWaitHintMs = 30000;
 
 SERVICE_STATUS_HANDLE StatusHandle;
 DWORD CurrentState = SERVICE_STOPPED;  // the last state reported; kept for a debugger, read by nothing
@@ -76,7 +73,7 @@ void WINAPI ServiceMain(DWORD count, LPWSTR* arguments) {
     ApplyDebugOutputMode(CommandLine);
     LogVersionBanner();
 
-    if (!ReportServiceStatus(SERVICE_START_PENDING, NO_ERROR, false, 1, StartWaitHint)) return;
+    if (!ReportServiceStatus(SERVICE_START_PENDING, NO_ERROR, false, 1, StartWaitHintMs)) return;
     if (!ServiceInitialize()) return ReportStopped(EXIT_NOT_INITIALIZED);
     if (!ReportServiceStatus(SERVICE_RUNNING, NO_ERROR, false, 0, 0)) return;
     ServiceWorker();  // no stop-pending is ever reported: the manager sees a running service until it has stopped

@@ -1,4 +1,4 @@
-// The agent as a service: what the service control manager calls and is told.
+// The agent as a service: what the service control manager calls, and the reports to it.
 #pragma once
 
 #include <windows.h>

@@ -1,33 +1,24 @@
 #include "service/service_worker.h"
 
+#include <iterator>
+
 #include "diagnostics/debug_output.h"
 #include "diagnostics/event_source.h"
-#include "eventlog/event_log.h"
-#include "identity/logon_events.h"
-#include "platform/error_text.h"
+#include "identity/handlers.h"
 #include "platform/privileges.h"
 #include "platform/string.h"
+#include "platform/version.h"
 #include "protocol/identity_protocol.h"
 #include "resources/message_ids.h"
 #include "service/command_line.h"
 #include "service/stop.h"
-#include "service/version_banner.h"
 
 namespace keldwick {
 
 namespace {
 
 constexpr const WCHAR* LogName = TEXT("Security");
-constexpr DWORD UnreadableLogPause = 60000;  // milliseconds
-
-constexpr EVENT_HANDLER Handlers[] = {
-    {EVENT_ACCOUNT_LOGON, Do_EVENT_ACCOUNT_LOGON},
-    {EVENT_ACCOUNT_LOGOFF, Do_EVENT_ACCOUNT_LOGOFF},
-    {EVENT_LOCAL_LOGON, Do_EVENT_LOCAL_LOGON},
-    {EVENT_LOGOFF, Do_EVENT_LOGOFF},
-    {EVENT_LOGON, Do_EVENT_LOGON},
-    {EVENT_SERVICE_TICKET, Do_EVENT_SERVICE_TICKET},
-};
+constexpr DWORD UnreadableLogPauseMs = 60000;
 
 // What the worker does after a piece of its work.
 enum class NEXT { PROCESS, RECONNECT, LEAVE };
@@ -53,19 +44,21 @@ void EnableSecurityPrivilege() {
     if (error == ERROR_SUCCESS) {
         DebugPrint(TEXT("%s privilege enabled"), name);
     } else {
-        DebugPrint(TEXT("Unable to enable %s privilege. %s. Error code = %lu."), name, ErrorText(error), error);
+        DebugPrintError(error, TEXT("Unable to enable %s privilege"), name);
     }
 }
 
-// The log could not be read: waits a minute for anything else to do, then tries with the log opened anew.
+// The log could not be read: waits a minute for anything else to do, then opens the log again.
 NEXT PauseAndReopen(IDENTITY_PROTOCOL& session, EVENT_LOG& log) {
+    enum SLOT : DWORD { STOP = WAIT_OBJECT_0, SETTINGS_CHANGED };
     const HANDLE events[] = {StopEvent, SettingsChangedEvent};
-    const DWORD result = WaitForMultipleObjects(2, events, FALSE, UnreadableLogPause);
+    const DWORD result =
+        WaitForMultipleObjects(static_cast<DWORD>(std::size(events)), events, FALSE, UnreadableLogPauseMs);
     switch (result) {
-        case WAIT_OBJECT_0:
+        case STOP:
             DebugPrint(TEXT("Service stop signaled"));
             return NEXT::LEAVE;
-        case WAIT_OBJECT_0 + 1:
+        case SETTINGS_CHANGED:
             if (session.IdentServerChanged()) return NEXT::RECONNECT;
             DebugPrint(TEXT("Settings changed"));
             return NEXT::PROCESS;
@@ -107,7 +100,7 @@ bool ProcessWhileConnected(IDENTITY_PROTOCOL& session, EVENT_LOG& log) {
 
 void ServiceWorker() {
     IDENTITY_PROTOCOL session;
-    EVENT_LOG log(CommandLine, Handlers);
+    EVENT_LOG log(CommandLine, EventHandlers);
     CurrentSession = &session;
 
     ReportStarted();
@@ -117,9 +110,7 @@ void ServiceWorker() {
         }
     }
 
-    log.logons.Clear();
-    log.serviceTickets.Clear();
-    log.identityFile.Write(log.logons, log.serviceTickets);
+    log.Identities().Clear();
     log.Close();
 }
 

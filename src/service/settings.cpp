@@ -1,7 +1,7 @@
 #include "service/settings.h"
 
 #include "diagnostics/debug_output.h"
-#include "diagnostics/failure_event.h"
+#include "diagnostics/event_source.h"
 #include "platform/error_text.h"
 #include "platform/registry_values.h"
 #include "resources/message_ids.h"
@@ -25,8 +25,8 @@ constexpr SETTING_INFO HeartbeatSetting = SettingNamed(TEXT("Heartbeat"));
 constexpr SETTING_INFO LogonTtlSetting = SettingNamed(TEXT("LogonTTL"));
 constexpr const WCHAR* ShutdownValue = SettingNamed(TEXT("Shutdown")).name;
 
-constexpr DWORD StopRequested = 1;      // of the value Shutdown: what an administrator writes
-constexpr DWORD StopTaken = 2;          // and what the agent answers
+constexpr DWORD StopRequested = 1;  // of the value Shutdown: what an administrator writes
+constexpr DWORD StopTaken = 2;      // and what the agent answers
 
 // 32-bit arithmetic by contract: from 71583 minutes on it wraps.
 DWORD Milliseconds(DWORD minutes) { return minutes * 60000; }
@@ -38,7 +38,7 @@ const WCHAR* ProtocolName(DWORD protocol) {
 }
 
 void LogUnreadable(const WCHAR* value, DWORD error) {
-    DebugPrint(TEXT("Unable to load registry value = %s. %s. Error code = %lu."), value, ErrorText(error), error);
+    DebugPrintError(error, TEXT("Unable to load registry value = %s"), value);
 }
 
 void ReportUnreadable(const WCHAR* value, DWORD error) {
@@ -62,17 +62,15 @@ DWORD ReadProtocol() {
 // Writes an override back; false: that failed and has been logged.
 bool WriteBack(const WCHAR* value, const WCHAR* text) {
     if (RegSetString(SettingsKey.Get(), value, text)) return true;
-    const DWORD error = GetLastError();
-    DebugPrint(TEXT("Unable to set registry value \"%s\" in key \"%s\" to \"%s\". %s. Error code = %lu."), value,
-               SettingsKeyFullName, text, ErrorText(error), error);
+    DebugPrintError(ERROR_CODE(), TEXT("Unable to set registry value \"%s\" in key \"%s\" to \"%s\""), value,
+                    SettingsKeyFullName, text);
     return false;
 }
 
 bool WriteBack(const WCHAR* value, DWORD number) {
     if (RegSetDword(SettingsKey.Get(), value, number)) return true;
-    const DWORD error = GetLastError();
-    DebugPrint(TEXT("Unable to set registry value \"%s\" in key \"%s\" to %lu. %s. Error code = %lu."), value,
-               SettingsKeyFullName, number, ErrorText(error), error);
+    DebugPrintError(ERROR_CODE(), TEXT("Unable to set registry value \"%s\" in key \"%s\" to %lu"), value,
+                    SettingsKeyFullName, number);
     return false;
 }
 
@@ -159,8 +157,8 @@ bool ReloadProtocol() {
     return true;
 }
 
-// Case counts here although it does not when the session compares names: such a change is logged, and reconnects
-// nobody.
+// Case counts here although it does not when the session compares names: such a change is only logged, it does not
+// cause a reconnection.
 bool ReloadIdentServer() {
     STRING server;
     if (!RegGetString(SettingsKey.Get(), IdentServerValue, server)) {

@@ -2,8 +2,8 @@
 
 #include "diagnostics/debug_output.h"
 #include "diagnostics/event_source.h"
+#include "platform/version.h"
 #include "resources/message_ids.h"
-#include "service/version_banner.h"
 
 namespace keldwick {
 

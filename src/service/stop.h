@@ -1,5 +1,5 @@
-// How the agent is told to stop and that its settings changed: the process-wide events, and the one routine through
-// which every cause of a stop goes.
+// The process-wide events, which signal a stop and changed settings, and the one routine through which every cause of a
+// stop goes.
 #pragma once
 
 #include <windows.h>

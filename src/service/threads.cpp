@@ -69,7 +69,7 @@ public:
     }
 
 private:
-    // False: not all of them have ended, or nobody can tell.
+    // False: not all of them have ended, or that is not known.
     bool WaitForChunk(size_t first, DWORD count, DWORD remaining) {
         HANDLE handles[MAXIMUM_WAIT_OBJECTS];
         for (DWORD i = 0; i < count; ++i) handles[i] = *threads[first + i].slot;
@@ -86,9 +86,7 @@ private:
             return true;
         }
         if (result == WAIT_FAILED) {
-            log(FormatString(TEXT("Failure waiting for %lu %s to complete. %s. Error code = %lu."), count,
-                             ThreadWord(count), ErrorText(error), error)
-                    .Text());
+            log(FormatError(error, TEXT("Failure waiting for %lu %s to complete"), count, ThreadWord(count)).Text());
         } else if (result != WAIT_TIMEOUT) {
             log(FormatString(TEXT("Unexpected result = %ld waiting for %lu %s to stop"), static_cast<LONG>(result),
                              count, ThreadWord(count))

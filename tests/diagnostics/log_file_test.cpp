@@ -3,7 +3,6 @@
 
 #include <atomic>
 
-#include "diagnostics/log_rename.h"
 #include "platform/time_stamp.h"
 #include "tests/diagnostics/log_fixture.h"
 

@@ -7,10 +7,9 @@
 #include <string>
 #include <vector>
 
+#include "diagnostics/debug_line.h"
 #include "diagnostics/debug_output.h"
-#include "diagnostics/debug_state.h"
 #include "diagnostics/log_file.h"
-#include "diagnostics/log_path.h"
 #include "tests/support/debug_lines.h"
 #include "tests/support/fail_call.h"
 #include "tests/support/last_error.h"

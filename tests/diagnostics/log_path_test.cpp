@@ -1,4 +1,4 @@
-#include "diagnostics/log_path.h"
+#include "diagnostics/log_file.h"
 
 #include <shlobj.h>
 

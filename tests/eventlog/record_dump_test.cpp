@@ -3,8 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "eventlog/event_names.h"
-#include "eventlog/message_files.h"
+#include "eventlog/event_record.h"
 #include "reader_test.h"
 #include "win32/eventlog/evt_record.h"
 

@@ -1,5 +1,5 @@
 // What each event does to the tables, the server and the log; and the sweep, with the clock moved by hand.
-#include "identity/logon_events.h"
+#include "identity/handlers.h"
 
 #include <gtest/gtest.h>
 
@@ -7,7 +7,6 @@
 #include <functional>
 #include <memory>
 
-#include "eventlog/event_log.h"
 #include "platform/registry_values.h"
 #include "protocol/identity_protocol.h"
 #include "protocol/identity_reports.h"
@@ -120,9 +119,11 @@ protected:
             for (size_t at; (at = written.find(name)) != written.npos;) written.erase(at, name.size());
             EXPECT_EQ(expected, written);
             EXPECT_EQ(LINES(), Reports());
-            EXPECT_EQ(0u, log.logons.Count() + log.serviceTickets.Count());
+            EXPECT_EQ(0u, Logons().Count() + Tickets().Count());
         }
     }
+    LOGON_TABLE& Logons() { return log.Identities().Logons(); }
+    SERVICE_TICKET_TABLE& Tickets() { return log.Identities().Tickets(); }
     void Refuse() {
         server.Answer([](const std::string&) { return std::string(14, 'x'); });
     }
@@ -202,19 +203,19 @@ TEST_F(EVENTS_TEST, ARepeatedLogonOnlyRenewsAndAnotherUserReplaces) {
     Run(Do_EVENT_LOGON, Logon540);
     EXPECT_EQ(LINES(), Reports());
     EXPECT_EQ("Do_EVENT_ACCOUNT_LOGON: Reset TTL,|User name = 'CORP\\ann',|IP Address = '10.0.0.5'", Written().back());
-    EXPECT_LT(log.logons.First()->logonTime.ElapsedMs(), 60000u);
-    EXPECT_GE(log.logons.First()->heartbeatTime.ElapsedMs(), 300000u);
+    EXPECT_LT(Logons().First()->logonTime.ElapsedMs(), 60000u);
+    EXPECT_GE(Logons().First()->heartbeatTime.ElapsedMs(), 300000u);
     Run(Do_EVENT_ACCOUNT_LOGON, With(Logon4624, {{5, u"bob"}, {11, u""}}));
     EXPECT_EQ((LINES{"!CORP\\PC1CORP\\ann", " CORP\\bob"}), Reports());
     EXPECT_EQ("Do_EVENT_ACCOUNT_LOGON: User name changed |from 'CORP\\ann' to 'CORP\\bob' for IP address 10.0.0.5",
               Written().at(0));
-    EXPECT_EQ(1u, log.logons.Count());
+    EXPECT_EQ(1u, Logons().Count());
 }
 
 TEST_F(EVENTS_TEST, AUserOfADomainWithADotIsReportedAnewEachTime) {
     for (int i = 0; i < 2; ++i) Run(Do_EVENT_ACCOUNT_LOGON, With(Logon4624, {{6, u"CORP.LOCAL"}}));
     EXPECT_EQ((LINES{" CORP\\PC1CORP\\ann", "!CORP\\PC1CORP\\ann", " CORP\\PC1CORP\\ann"}), Reports());
-    EXPECT_EQ(1u, log.logons.Count());
+    EXPECT_EQ(1u, Logons().Count());
 }
 
 TEST_F(EVENTS_TEST, ALogonThatTheServerDoesNotTakeIsForgotten) {
@@ -225,7 +226,7 @@ TEST_F(EVENTS_TEST, ALogonThatTheServerDoesNotTakeIsForgotten) {
               Written());
     Run(Do_EVENT_LOCAL_LOGON, Logon528);
     Run(Do_EVENT_LOGON, Logon540);
-    EXPECT_EQ(0u, log.logons.Count());
+    EXPECT_EQ(0u, Logons().Count());
 }
 
 TEST_F(EVENTS_TEST, AComputerThatIsNotNamedIsLookedUpByItsAddress) {
@@ -247,7 +248,7 @@ TEST_F(EVENTS_TEST, AComputerThatIsNotNamedIsLookedUpByItsAddress) {
 TEST_F(EVENTS_TEST, ALocalLogonIsAddedWithoutASearch) {
     for (int i = 0; i < 2; ++i) Run(Do_EVENT_LOCAL_LOGON, With(Logon528, {{0, u"pc$"}, {6, u"-"}}));
     EXPECT_EQ((LINES{" CORP\\-CORP\\pc$", " CORP\\-CORP\\pc$"}), Reports());
-    EXPECT_EQ(2u, log.logons.Count());
+    EXPECT_EQ(2u, Logons().Count());
     EXPECT_EQ(
         "Do_EVENT_LOCAL_LOGON: Logon reported, Logon ID = '(0x0,0x1)',|User name = 'CORP\\pc$',|Computer name = "
         "'CORP\\-',|IPv4 address = '10.0.0.5',|Request length = 74",
@@ -261,12 +262,12 @@ TEST_F(EVENTS_TEST, ATicketNamesTheComputerOfTheLogonThatFollowsOnce) {
     EXPECT_EQ((LINES{made + dns + names, "Do_EVENT_SERVICE_TICKET: EXISTING" + dns + names}), Written());
     Refuse();
     Run(Do_EVENT_LOGON, With(Logon540, {{0, u"ANN"}}));
-    EXPECT_EQ(1u, log.serviceTickets.Count());
+    EXPECT_EQ(1u, Tickets().Count());
     const std::string id = "|Logon ID = '(0x0,0x1)',", user = "|User name = 'CORP\\ann',|IP address = '";
     EXPECT_EQ(LINES{"Do_EVENT_LOGON: " + id + names}, Written());
     server.Answer(nullptr);
     Run(Do_EVENT_LOGON, Logon540);
-    EXPECT_EQ(0u, log.serviceTickets.Count());
+    EXPECT_EQ(0u, Tickets().Count());
     EXPECT_EQ((LINES{" CORP\\PC9CORP\\ANN", " CORP\\PC9CORP\\ann"}), Reports());
     EXPECT_EQ("\nDo_EVENT_LOGON: Logon reported, SERVICE TICKET DELETED" + id + user + "10.0.0.5',|Request length = 78",
               Written().back());
@@ -280,8 +281,8 @@ TEST_F(EVENTS_TEST, ATicketNamesTheComputerOfTheLogonThatFollowsOnce) {
 TEST_F(EVENTS_TEST, HostileNamesPassThroughUnharmed) {
     const std::u16string name = u"%s%n%99999d\n\xD800\xDC00\xDC00" + std::u16string(5000, u'%');
     Run(Do_EVENT_ACCOUNT_LOGON, With(Logon4624, {{5, name}, {6, u"%"}, {7, name}, {11, name}}));
-    ASSERT_EQ(1u, log.logons.Count());
-    EXPECT_EQ(u"%\\" + name, std::u16string(log.logons.First()->request.UserName().Text()));
+    ASSERT_EQ(1u, Logons().Count());
+    EXPECT_EQ(u"%\\" + name, std::u16string(Logons().First()->request.UserName().Text()));
     Run(Do_EVENT_ACCOUNT_LOGON, With(Logon4624, {{5, name}, {6, u"%"}}));
     EXPECT_EQ(1u, server.TakeRequests().size());
 }
@@ -311,7 +312,7 @@ TEST_F(EVENTS_TEST, ASweepComesOnceAMinuteAndWritesTheTablesSizes) {
     minutesAhead = 13;
     log.ExpireEntries();
     EXPECT_EQ(LINES{"Logon expired: User name = 'CORP\\ann', IP address = '10.0.0.5'"}, Written());
-    EXPECT_EQ(0u, log.logons.Count());
+    EXPECT_EQ(0u, Logons().Count());
     EXPECT_EQ((LINES{" CORP\\PC1CORP\\ann"}), Reports());  // an expired logon is no logoff
 }
 
@@ -327,13 +328,13 @@ TEST_F(EVENTS_TEST, HeartbeatsKeepTheirPaceWhetherOrNotTheyArrive) {
         for (size_t i = Reports().size(); i > 0; --i) sent.push_back(std::to_string(minutesAhead));
     }
     EXPECT_EQ((LINES{"6", "12", "18", "24"}), sent);
-    EXPECT_EQ(1u, log.logons.Count());
+    EXPECT_EQ(1u, Logons().Count());
 }
 
 TEST_F(EVENTS_TEST, TheListForOthersCostsAHundredthOfTheTimeAndMissesNoChange) {
     const auto File = [this] { return root.Read("Keldwick.identities"); };
     const auto Listed = [&](const char* text) { return File().find(text) != std::string::npos; };
-    const auto Update = [this] { return log.identityFile.Update(log.logons, log.serviceTickets); };
+    const auto Update = [this] { return log.Identities().UpdateFile(); };
     EXPECT_EQ(INFINITE, Update());
     EXPECT_TRUE(Listed("\"identities\":0"));
     Run(Do_EVENT_LOCAL_LOGON, Logon528);
@@ -341,7 +342,7 @@ TEST_F(EVENTS_TEST, TheListForOthersCostsAHundredthOfTheTimeAndMissesNoChange) {
     millisecondsALook = 20;  // writing takes so long
     EXPECT_EQ(INFINITE, Update());
     EXPECT_TRUE(Listed("{\"address\":\"10.0.0.5\",\"user\":\"CORP\\\\ann\",\"computer\":\"CORP\\\\PC1\",\"logon\":"));
-    log.logons.Remove(log.logons.First());
+    Logons().Remove(Logons().First());
     const DWORD due = Update();
     EXPECT_TRUE(due > 1000 && due <= 2001) << due;
     EXPECT_TRUE(Listed("10.0.0.5"));
@@ -352,7 +353,7 @@ TEST_F(EVENTS_TEST, TheListForOthersCostsAHundredthOfTheTimeAndMissesNoChange) {
     minutesAhead = 3;
     EXPECT_EQ(INFINITE, Update());
     EXPECT_NE(before, File());  // nothing changed: it tells that
-    log.logons.Append();
+    Logons().Append();
     minutesAhead = 1;
     EXPECT_EQ(INFINITE, Update());
     EXPECT_TRUE(Listed("\"identities\":1")) << "the clock was set back";
@@ -366,7 +367,7 @@ TEST_F(EVENTS_TEST, TheListForOthersGrowsOlderRatherThanWriteMoreBytes) {
         bytes = writes = 0;
         for (const ULONGLONG end = secondsAhead + seconds; secondsAhead < end; ++secondsAhead) {
             change();
-            log.identityFile.Update(log.logons, log.serviceTickets);
+            log.Identities().UpdateFile();
             if (!std::filesystem::exists(file)) continue;
             bytes += size = std::filesystem::file_size(file);
             ++writes;
@@ -374,10 +375,10 @@ TEST_F(EVENTS_TEST, TheListForOthersGrowsOlderRatherThanWriteMoreBytes) {
         }
     };
     const auto Grow = [&](int more) {
-        for (int i = 0; i < more; ++i) log.logons.Append();
+        for (int i = 0; i < more; ++i) Logons().Append();
     };
-    const auto Replace = [&] { log.logons.Remove(log.logons.First()), log.logons.Append(); };
-    const auto Renew = [&] { log.logons.Renew(log.logons.First()); };
+    const auto Replace = [&] { Logons().Remove(Logons().First()), Logons().Append(); };
+    const auto Renew = [&] { Logons().Renew(Logons().First()); };
     Grow(1000);
     FollowWhile(Renew);
     ASSERT_EQ(seconds / 60, writes);  // who is where has not changed
@@ -394,12 +395,12 @@ TEST_F(EVENTS_TEST, TheListForOthersGrowsOlderRatherThanWriteMoreBytes) {
 
 TEST_F(EVENTS_TEST, AClockSetBackExpiresEverything) {
     minutesAhead = 100;
-    log.lastSweep = TIME_STAMP::Now();
+    log.ExpireEntries();  // from here on the next sweep counts
     Run(Do_EVENT_SERVICE_TICKET, Ticket673);
     Run(Do_EVENT_LOCAL_LOGON, Logon528);
     minutesAhead = 90;
     log.ExpireEntries();
-    EXPECT_EQ(0u, log.logons.Count() + log.serviceTickets.Count());
+    EXPECT_EQ(0u, Logons().Count() + Tickets().Count());
 }
 
 }  // namespace

@@ -4,9 +4,8 @@
 #include <list>
 #include <random>
 
-#include "identity/logon_table.h"
-#include "identity/logon_types.h"
-#include "identity/service_ticket_table.h"
+#include "identity/identity_tables.h"
+#include "identity/logon_steps.h"
 
 namespace keldwick {
 

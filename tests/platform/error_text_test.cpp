@@ -2,11 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/file_version.h"
-#include "platform/resource_strings.h"
 #include "tests/support/debug_lines.h"
-#include "tests/support/fail_call.h"
-#include "tests/support/temporary_root.h"
 
 // What FormatMessageW answers, and what it was asked; null: the layer's own answer, empty: failure.
 static const WCHAR* Answer = nullptr;
@@ -75,33 +71,14 @@ TEST_F(ErrorTexts, DirectoryResultsHaveTextsOfTheirOwnBesideTheSystems) {
     EXPECT_EQ("Unknown Active Directory error", directory(0x80005012));
 }
 
-TEST(ResourceStrings, AMissingEntryLeavesTheTargetAlone) {
-    STRING text(TEXT("old"));
-    LoadResourceString(text, 102);
-    EXPECT_EQ("old", Narrow(text));
-    LoadResourceString(text, 100);
-    EXPECT_EQ("Vantorel Keldwick Warning", Narrow(text));
-    STRING_UTF8 narrow;
-    LoadResourceString(narrow, 122);
-    EXPECT_STREQ("Unknown Active Directory error", narrow.Text());
-    EXPECT_TRUE(LoadResourceString(0).IsEmpty() && LoadResourceString(65535).IsEmpty());
-    EXPECT_EQ("Invalid command line argument:  \"-q\"", Narrow(ResourceFormat(nullptr, 101, TEXT("-q"))));
-}
-
-TEST(FileVersion, TheProgramsOwnAndWhatIsMissing) {
-    const TEMPORARY_ROOT root;
-    STRING version, other;
-    for (const bool all : {false, true}) {
-        other.Assign(TEXT("old"));
-        version.Assign(TEXT("old"));
-        const std::initializer_list<VERSION_STRING> wanted = {{TEXT("NoSuchName"), &other},
-                                                              {TEXT("FileVersion"), &version}};
-        EXPECT_EQ(all ? 2u : 0u, GetFileVersionStrings(all, nullptr, wanted));
-        EXPECT_EQ("1.02.05", Narrow(version)) << "names after a missing one are still read";
-        EXPECT_TRUE(other.IsEmpty());
-    }
-    EXPECT_EQ(2u, GetFileVersionStrings(false, TEXT("no such file.exe"), {{TEXT("FileVersion"), &version}}));
-    EXPECT_TRUE(version.IsEmpty());
+TEST_F(ErrorTexts, AMessageIsEndedByTextAndCodeAsTheErrorsFormWantsIt) {
+    Answer = TEXT("Why.\r\n");
+    const WCHAR* const name = TEXT("100%s");
+    EXPECT_EQ("Not 100%s. Why. Error code = 26.", Narrow(FormatError(26, TEXT("Not %s"), name)));
+    EXPECT_EQ("Not 100%s.\n    Why. Error code = 26.", Narrow(FormatError(26, TEXT("Not %s.\n    "), name)));
+    EXPECT_EQ("No. Why. Error code = 0x1a.", Narrow(FormatError({26, ERROR_CODE::FORM::HEXADECIMAL}, TEXT("No"))));
+    const auto directory = ERROR_CODE::FromDirectory(static_cast<HRESULT>(0x80005000));
+    EXPECT_EQ("No. Bad pathname. Error code = 0x80005000.", Narrow(FormatError(directory, TEXT("No"))));
 }
 
 }  // namespace

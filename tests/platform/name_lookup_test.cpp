@@ -8,7 +8,6 @@
 
 #include "platform/handles.h"
 #include "platform/host_names.h"
-#include "service/stop.h"
 #include "tests/support/debug_lines.h"
 
 namespace {
@@ -55,17 +54,15 @@ protected:
         nameSystem.left = left.Get();
         nameSystem.result = 0;
         nameSystem.questions = 0;
-        StopEvent = stop.Get();
         SetEvent(let.Get());
     }
-    ~NAME_LOOKUP_TEST() override { StopEvent = nullptr; }
 
-    static bool LookUp(STRING& name) {
+    bool LookUp(STRING& name) const {
         sockaddr_in address{};
         address.sin_family = AF_INET;
         address.sin_addr.s_addr = htonl(0x0A000005);
         WSASetLastError(0);
-        return LookupHostName(reinterpret_cast<const SOCKADDR*>(&address), sizeof(address), name);
+        return LookupHostName(reinterpret_cast<const SOCKADDR*>(&address), sizeof(address), name, stop.Get());
     }
 
     static HANDLE_OWNER Event() { return HANDLE_OWNER(CreateEventW(nullptr, TRUE, FALSE, nullptr)); }
@@ -86,12 +83,12 @@ TEST_F(NAME_LOOKUP_TEST, AStopEndsTheWaitAndNothingIsAskedAfterIt) {
     ResetEvent(let.Get());
     const HANDLE_OWNER stopper(reinterpret_cast<HANDLE>(_beginthreadex(
         nullptr, 0,
-        [](void*) -> unsigned {
+        [](void* event) -> unsigned {
             WaitForSingleObject(nameSystem.asked, INFINITE);
-            SetEvent(StopEvent);
+            SetEvent(event);
             return 0;
         },
-        nullptr, 0, nullptr)));
+        stop.Get(), 0, nullptr)));
     STRING name(TEXT("kept"));
     EXPECT_FALSE(LookUp(name)) << "the system has not answered";
     EXPECT_EQ(ERROR_CANCELLED, GetLastError());

@@ -71,16 +71,6 @@ TEST_F(RegistryValues, TextsAreReadWhateverTheirStoredEnd) {
     EXPECT_EQ("old", Narrow(value));
 }
 
-TEST_F(RegistryValues, ASetTextIsStoredWithItsTerminator) {
-    ASSERT_TRUE(RegSetString(key.Get(), TEXT("V"), TEXT("abcd")));
-    DWORD type = 0, bytes = 0;
-    EXPECT_TRUE(RegGetValueInfo(key.Get(), TEXT("V"), &type, &bytes));
-    EXPECT_TRUE(type == REG_SZ && bytes == 10) << type << " " << bytes;
-    EXPECT_TRUE(RegGetValueInfo(key.Get(), TEXT("V"), nullptr, nullptr));
-    EXPECT_FALSE(RegGetValueInfo(key.Get(), TEXT("none"), &type, nullptr));
-    EXPECT_EQ(2u, GetLastError());
-}
-
 TEST_F(RegistryValues, RootKeysAreForgottenAndAFailingCloseIsTheLastError) {
     {
         const FAIL_CALL refuses(RegCloseKey_calls, ERROR_INVALID_HANDLE, 0);

@@ -12,7 +12,6 @@
 
 WRAP_CALL(BOOL, LookupAccountSidW, (LPCWSTR s, PSID i, LPWSTR a, LPDWORD n, LPWSTR d, LPDWORD m, PSID_NAME_USE u),
           (s, i, a, n, d, m, u))
-WRAP_CALL(BOOL, LookupPrivilegeValueW, (LPCWSTR system, LPCWSTR name, PLUID luid), (system, name, luid))
 WRAP_CALL(BOOL, AdjustTokenPrivileges, (HANDLE t, BOOL a, PTOKEN_PRIVILEGES s, DWORD b, PTOKEN_PRIVILEGES p, PDWORD n),
           (t, a, s, b, p, n))
 WRAP_CALL(BOOL, AllocateAndInitializeSid,
@@ -81,16 +80,6 @@ TEST_F(AccountNames, TheLsaIsAskedOnlyThroughAnOpenPolicy) {
     EXPECT_EQ("ANONYMOUS LOGON", Narrow(account)) << "a look-up that failed leaves the names";
 }
 
-TEST_F(AccountNames, TheSidOfAnUnknownAccountIsOfUnknownType) {
-    ASSERT_TRUE(OpenLsaPolicy());
-    const SID_OWNER nobody{AllocateSid(5, 0xFFFFFFFF, 21, 0xFFFFFFFF, 1, 0xFFFFFFFF, 2, 0xFFFFFFFF, 3, 0)};
-    EXPECT_FALSE(LsaLookupSidName(nobody.Get(), domain, account, &type));
-    EXPECT_EQ(SidTypeUnknown, type);
-    EXPECT_EQ(DWORD{ERROR_NONE_MAPPED}, GetLastError());
-    EXPECT_THAT(lines.Last(), testing::StartsWith("Unable to open lookup SID. "));
-    EXPECT_THAT(lines.Last(), testing::EndsWith(" Error code = 0x534."));
-}
-
 TEST_F(AccountNames, LookupAccountSidsFailuresAreSaid) {
     EXPECT_TRUE(LookupSidAccount(anonymous.Get(), &account, &domain, &type));
     EXPECT_EQ("NT AUTHORITY\\ANONYMOUS LOGON", Names());
@@ -105,14 +94,6 @@ TEST_F(AccountNames, LookupAccountSidsFailuresAreSaid) {
     const FAIL_CALL needsNothing(LookupAccountSidW_calls, TRUE, 0);
     EXPECT_TRUE(LookupSidAccount(anonymous.Get(), &account));
     EXPECT_TRUE(account.IsEmpty());
-}
-
-TEST(Privileges, AFailedLookUpWritesItsPrefixAloneAndKeepsItsReason) {
-    const DEBUG_LINES lines;
-    const FAIL_CALL unknown(LookupPrivilegeValueW_calls, FALSE, ERROR_NO_SUCH_PRIVILEGE);
-    EXPECT_FALSE(CreateTokenPrivilegesHelper(SE_PRIVILEGE_ENABLED, TEXT("SeNoPrivilege")));
-    EXPECT_EQ(DWORD(ERROR_NO_SUCH_PRIVILEGE), GetLastError());
-    EXPECT_EQ("CreateTokenPrivilegesHelper: ", lines.Last());
 }
 
 TEST(Privileges, WhatIsNotHeldIsAFailureThoughTheCallSucceeds) {

@@ -6,9 +6,9 @@
 
 #include "directory/name_translation.h"
 #include "platform/host_names.h"
+#include "platform/version.h"
 #include "protocol/manual_report.h"
 #include "protocol/pack_buffer.h"
-#include "service/version_banner.h"
 #include "tests/protocol/session.h"
 #include "tests/support/fake_directory.h"
 

@@ -8,7 +8,6 @@
 #include "platform/registry_values.h"
 #include "service/command_line.h"
 #include "service/settings.h"
-#include "service/settings_watch.h"
 #include "service/stop.h"
 #include "tests/support/registry_text.h"
 

@@ -7,7 +7,6 @@
 #include "service/service_main.h"
 #include "service/service_worker.h"
 #include "service/settings.h"
-#include "service/settings_watch.h"
 #include "service/stop.h"
 
 namespace keldwick {
@@ -121,7 +120,6 @@ TEST_F(ServiceTest, InitialisationTakesBackAStopRequestAndStopsInOrder) {
     EXPECT_EQ(0u, Number(TEXT("Shutdown")));
     EXPECT_TRUE(Said("Registry value \"Shutdown\" reset"));
     EXPECT_TRUE(StatisticsKey);
-    EXPECT_NE(nullptr, SettingsThread);
     Forget();
     ServiceUninitialize();
     LINES lines = Lines();
@@ -131,7 +129,6 @@ TEST_F(ServiceTest, InitialisationTakesBackAStopRequestAndStopsInOrder) {
     EXPECT_EQ((LINES{"Uninitializing service", "Stopping Service: Reason = stopping worker thread",
                      "Stopping Settings thread"}),
               lines);
-    EXPECT_EQ(nullptr, SettingsThread);
     for (const auto* event : {&StopEvent, &SettingsNotifyEvent, &SettingsChangedEvent})
         EXPECT_EQ(INVALID_HANDLE_VALUE, event->load());
 }
@@ -147,7 +144,6 @@ TEST_F(ServiceTest, EachEventThatCannotBeMadeIsNamedAndTheOthersAreClosed) {
         EXPECT_THAT(Recorded.events,
                     ElementsAre(AllOf(StartsWith("1 C000001F: "), HasSubstr(std::string(" | 8 | ") + names[i]))));
         EXPECT_EQ(INVALID_HANDLE_VALUE, StopEvent.load());
-        EXPECT_EQ(nullptr, SettingsThread);
     }
 }
 

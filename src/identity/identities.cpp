@@ -1,6 +1,6 @@
-// EVENT_LOG's once-a-minute sweep over the identity tables.
+#include "identity/identities.h"
+
 #include "diagnostics/debug_output.h"
-#include "eventlog/event_log.h"
 #include "platform/registry_values.h"
 #include "protocol/identity_reports.h"
 #include "service/settings.h"
@@ -9,7 +9,6 @@ namespace keldwick {
 
 namespace {
 
-constexpr ULONGLONG SweepIntervalMs = 60000;
 constexpr ULONGLONG TicketLifeMs = 60000;
 
 void ExpireTickets(SERVICE_TICKET_TABLE& tickets) {
@@ -43,14 +42,18 @@ void ExpireLogons(LOGON_TABLE& logons) {
 
 }  // namespace
 
-void EVENT_LOG::ExpireEntries() {
-    if (lastSweep.ElapsedMs() <= SweepIntervalMs) return;
-    ExpireTickets(serviceTickets);
+void IDENTITIES::Sweep() {
+    ExpireTickets(tickets);
     ExpireLogons(logons);
     DebugPrintMasked(DEBUG_VERBOSE, TEXT("Updating statistics"));
-    RegSetDword(StatisticsKey.Get(), TEXT("ServiceTickets"), serviceTickets.Count());
+    RegSetDword(StatisticsKey.Get(), TEXT("ServiceTickets"), tickets.Count());
     RegSetDword(StatisticsKey.Get(), TEXT("Logons"), logons.Count());
-    lastSweep = TIME_STAMP::Now();
+}
+
+void IDENTITIES::Clear() {
+    logons.Clear();
+    tickets.Clear();
+    file.Write(logons, tickets);
 }
 
 }  // namespace keldwick

@@ -1,11 +1,18 @@
-#include "platform/file_version.h"
+#include "platform/version.h"
 
 #include <winver.h>
 
+#include "diagnostics/debug_output.h"
 #include "platform/heap_buffer.h"
+#include "platform/version_numbers.h"
 
 namespace keldwick {
+
+OSVERSIONINFOW OsVersion;
+
 namespace {
+
+STRING FileVersionText;  // from the program's own version resource; empty when it has none
 
 constexpr WORD English = 0x409;
 
@@ -54,6 +61,13 @@ bool ReadEntry(const HEAP_BUFFER& block, const STRING& prefix, const VERSION_STR
     return true;
 }
 
+OSVERSIONINFOW ReadOsVersion() {
+    OSVERSIONINFOW version{};
+    version.dwOSVersionInfoSize = sizeof version;
+    GetVersionExW(&version);
+    return version;
+}
+
 }  // namespace
 
 DWORD GetFileVersionStrings(bool strict, const WCHAR* file, std::initializer_list<VERSION_STRING> strings) {
@@ -69,6 +83,24 @@ DWORD GetFileVersionStrings(bool strict, const WCHAR* file, std::initializer_lis
         if (!ReadEntry(block, prefix, wanted) && strict) result = ERROR_FILE_NOT_FOUND;
     }
     return result;
+}
+
+void ReadVersions() {
+    OsVersion = ReadOsVersion();
+    GetFileVersionStrings(false, nullptr, {{TEXT("FileVersion"), &FileVersionText}});
+}
+
+STRING VersionText() {
+    return FormatString(TEXT("%lu.%lu.%lu build %lu %s"), VERSION_NUMBERS::Major, VERSION_NUMBERS::Minor,
+                        VERSION_NUMBERS::Revision, VERSION_NUMBERS::Build, VERSION_NUMBERS::Configuration);
+}
+
+void LogVersionBanner() {
+    const OSVERSIONINFOW system = ReadOsVersion();
+    DebugPrint(TEXT("%s version %u.%u.%u build %u (%s), %s, Windows version %lu.%lu build %lu"),
+               VERSION_NUMBERS::ExecutableName, VERSION_NUMBERS::Major, VERSION_NUMBERS::Minor,
+               VERSION_NUMBERS::Revision, VERSION_NUMBERS::Build, FileVersionText, VERSION_NUMBERS::Configuration,
+               system.dwMajorVersion, system.dwMinorVersion, system.dwBuildNumber);
 }
 
 }  // namespace keldwick

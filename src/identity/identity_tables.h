@@ -1,18 +1,25 @@
-// Who is logged on at which address: the logons that the identity server has accepted, in the order in which they came.
-// Finding an address costs the same however many entries there are. One thread uses a table.
+// The identity tables: who is logged on at which address, and which computers Kerberos service tickets were issued for.
+// Both keep the order in which their entries came, and finding an entry costs the same however many there are. One
+// thread uses a table.
 #pragma once
 
 #include <windows.h>
 
 #include <cstddef>
+#include <list>
 #include <memory>
+#include <unordered_map>
 
 #include "platform/ip_address.h"
+#include "platform/string.h"
 #include "platform/time_stamp.h"
 #include "protocol/identity_request.h"
 
 namespace keldwick {
 
+// ---- Logons ----
+
+// A logon that the identity server has accepted, or one that is just being reported.
 class LOGON_ENTRY {
 public:
     TIME_STAMP logonTime;      // the time-to-live counts from here
@@ -75,7 +82,53 @@ private:
     std::unique_ptr<LOGON_ENTRY*[]> buckets;
     size_t bucketCount = 0;  // a power of two, or 0
     size_t headCount = 0;    // addresses in the index
-    const uint64_t seed;     // random, so that nobody can choose addresses that share a bucket
+    const uint64_t seed;     // random, so that an attacker cannot choose addresses that share a bucket
+};
+
+// ---- Service tickets ----
+
+// The computer that a user's Kerberos service ticket was issued for: bridges the short gap between an event 673 and the
+// event 540 that follows it.
+struct SERVICE_TICKET_ENTRY {
+    TIME_STAMP time;       // of its creation; never refreshed
+    STRING userName;       // DOMAIN\user
+    STRING computerName;   // DOMAIN\host, without the computer account's dollar sign
+    STRING ipAddress;      // as the event gave it
+    size_t key = 0;        // of the index: equal for names and addresses that are equal ignoring case
+    ULONGLONG number = 0;  // of the entry in insertion order
+};
+
+class SERVICE_TICKET_TABLE {
+public:
+    // The oldest entry whose user name and address text both equal the given ones, ignoring case, or null.
+    SERVICE_TICKET_ENTRY* Find(const WCHAR* userName, const WCHAR* ipAddress);
+
+    // A new last entry, its time now. The table owns it.
+    SERVICE_TICKET_ENTRY* Append(const STRING& userName, const STRING& computerName, const WCHAR* ipAddress);
+
+    // Destroys the entry, which must be the table's.
+    void Remove(SERVICE_TICKET_ENTRY* entry);
+
+    void Clear();
+
+    DWORD Count() const { return static_cast<DWORD>(entries.size()); }
+
+    // Destroys, oldest first, every entry for which the condition is true.
+    template <class CONDITION>
+    void RemoveIf(CONDITION condition) {
+        for (auto entry = entries.begin(); entry != entries.end();) {
+            SERVICE_TICKET_ENTRY& ticket = *entry++;
+            if (condition(ticket)) Remove(&ticket);
+        }
+    }
+
+private:
+    using ENTRIES = std::list<SERVICE_TICKET_ENTRY>;
+    using INDEX = std::unordered_multimap<size_t, ENTRIES::iterator>;
+
+    ENTRIES entries;  // in insertion order
+    INDEX index;
+    ULONGLONG nextNumber = 0;
 };
 
 }  // namespace keldwick
