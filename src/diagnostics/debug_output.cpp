@@ -153,7 +153,7 @@ void DebugPrintErrorV(DWORD flags, const ERROR_CODE& error, const WCHAR* format,
         WithinMemory(
             [&] { PrintWanted(state, flags, TEXT("%s"), FormatArguments(FormatErrorV(error, format, arguments))); });
     }
-    error.Restore();
+    error.Restore();  // for the caller
 }
 
 void DebugPrintNarrowV(DWORD flags, const char* format, FORMAT_ARGUMENTS arguments) {

@@ -7,8 +7,6 @@
 
 #include "tests/diagnostics/log_fixture.h"
 
-WRAP_CALL(BOOL, TlsSetValue, (DWORD slot, LPVOID value), (slot, value))
-
 namespace keldwick {
 namespace {
 
@@ -125,27 +123,6 @@ TEST_F(DebugOutput, DeferredLinesWaitForTheirThreadsNextLine) {
     EXPECT_EQ(") a1\r\na2\r\na3\r\na4\r\na5\r\na6\r\n\r\n", text.substr(text.find(") a1")));
 }
 
-TEST_F(DebugOutput, ALineThatCannotBeDeferredIsDroppedAloneAndItsThreadCanDeferLater) {
-    SetDebugOutputMode(0x2);
-    std::string expected;
-    for (const int skip : {-1, 0, 1, 2}) {  // allocations that succeed; -1: the thread's slot cannot be set
-        std::thread([&] {
-            {
-                const LOCK_GUARD guard(DebugState().lock);
-                DebugState().deferred.shrink_to_fit();  // the next list needs a larger block
-                CALL_PLAN& plan = skip < 0 ? TlsSetValue_calls : NewCalls;
-                const FAIL_CALL exhausted(plan, FALSE, ERROR_NOT_ENOUGH_MEMORY, std::max(skip, 0), 1);
-                DebugPrintMasked(DEBUG_DEFER | DEBUG_RAW, TEXT("dropped"));
-                EXPECT_EQ(1, exhausted.Failed());
-            }
-            DebugPrintMasked(DEBUG_DEFER | DEBUG_RAW, TEXT("kept"));
-            DebugPrintMasked(DEBUG_RAW, TEXT("written"));
-        }).join();
-        expected += "kept\r\nwritten\r\n";
-    }
-    EXPECT_EQ(expected, Log());
-}
-
 // Every allocation of these calls fails once, of the debug output as of the system below it.
 TEST_F(DebugOutput, WhereverMemoryRunsOutCallersAreSparedAndNoLineComesTwice) {
     for (CALL_PLAN* const plan : {&MallocCalls, &ReallocCalls, &NewCalls}) {
@@ -178,18 +155,6 @@ TEST_F(DebugOutput, WhereverMemoryRunsOutCallersAreSparedAndNoLineComesTwice) {
             EXPECT_TRUE(text.ends_with("last\r\n"));
         }
     }
-}
-
-TEST(LineBuffer, KeepsItsTextHoweverItGrows) {
-    LINE_BUFFER<char> line;
-    const std::string text(20000, 'a');
-    line.Append(text);
-    const FAIL_CALL elsewhere(ReallocCalls, 0, ERROR_NOT_ENOUGH_MEMORY);
-    line.Append(text);
-    EXPECT_EQ(text + text, line.View());
-    const FAIL_CALL nowhere(MallocCalls, 0, ERROR_NOT_ENOUGH_MEMORY);
-    line.Append(std::string(40000, 'b'));
-    EXPECT_TRUE(line.Failed());
 }
 
 TEST_F(DebugOutput, LinesOfManyThreadsStayWhole) {
@@ -236,6 +201,9 @@ TEST_F(DebugOutput, PrintingKeepsTheLastErrorAndThePrefixIsBounded) {
     DebugPrint(TEXT("x"));
     EXPECT_EQ(1234u, GetLastError());
     EXPECT_EQ("01234567890123456789012345678901(*) x\r\n", Log());
+    DebugPrintError(1234, TEXT("No %s"), TEXT("y"));
+    EXPECT_EQ(1234u, GetLastError());
+    EXPECT_TRUE(Log().ends_with(". Error code = 1234.\r\n"));
 }
 
 TEST(DebugMode, NamesInTheirOrder) {
@@ -250,15 +218,6 @@ TEST(DebugMode, NamesInTheirOrder) {
     for (const auto& [mode, names] : cases) EXPECT_EQ(names, Narrow(FormatDebugOutputMode(mode)));
     SetDebugCategoryName(DEBUG_AD, TEXT("too late"));
     EXPECT_EQ("AD", Narrow(FormatDebugOutputMode(DEBUG_AD)));
-}
-
-TEST_F(DebugOutput, WhetherAnySinkIsActive) {
-    const std::pair<DWORD, DWORD> cases[] = {{0, 0},      {0x1, 0x1},        {0x406, 0x401},   {0x40002, 0x40001},
-                                             {0x20, 0x1}, {0x40020, 0x2001}, {0x40000, 0x2000}};
-    for (const auto& [mode, active] : cases) {
-        SetDebugOutputMode(mode);
-        EXPECT_EQ(active, DebugOutputActive()) << mode;
-    }
 }
 
 TEST(DebugOutputDeathTest, TheProcessesEndWritesWhatIsDeferredAndEndsTheOutput) {

@@ -9,13 +9,11 @@ WRAP_CALL(HANDLE, CreateFileW,
           (path, access, share, security, (Dispositions().push_back(disposition), disposition), flags, templateFile))
 WRAP_CALL(BOOL, WriteFile, (HANDLE file, LPCVOID bytes, DWORD count, LPDWORD written, LPOVERLAPPED overlapped),
           (file, bytes, count, written, overlapped))
-WRAP_CALL(BOOL, MoveFileW, (LPCWSTR from, LPCWSTR to), (from, to))
 WRAP_CALL(BOOL, DeleteFileW, (LPCWSTR path), (path))
 WRAP_CALL(void*, malloc, (size_t bytes), (bytes))
 WRAP_CALL(void*, realloc, (void* block, size_t bytes), (block, bytes))
 CALL_PLAN& CreateFileCalls = CreateFileW_calls;
 CALL_PLAN& WriteFileCalls = WriteFile_calls;
-CALL_PLAN& MoveFileCalls = MoveFileW_calls;
 CALL_PLAN& DeleteFileCalls = DeleteFileW_calls;
 CALL_PLAN& MallocCalls = malloc_calls;
 CALL_PLAN& ReallocCalls = realloc_calls;

@@ -17,7 +17,6 @@
 
 extern CALL_PLAN& CreateFileCalls;
 extern CALL_PLAN& WriteFileCalls;
-extern CALL_PLAN& MoveFileCalls;
 extern CALL_PLAN& DeleteFileCalls;
 extern CALL_PLAN& MallocCalls;   // of STRING and HEAP_BUFFER
 extern CALL_PLAN& ReallocCalls;  // of HEAP_BUFFER

@@ -77,16 +77,6 @@ TEST_F(LogPath, ChoicesOfFolderNameAndExtensionNeverNameTheProgramFile) {
     EXPECT_TRUE(std::filesystem::is_empty(root.Path("unended"))) << "the probe file goes away again";
 }
 
-TEST_F(LogPath, WithoutAModulePathOrAppDataTheCurrentFolderServes) {
-    AppDataResult = E_FAIL;
-    ModulePath = u"fails";
-    const FAIL_CALL noFiles(CreateFileCalls, static_cast<uintptr_t>(-1), ERROR_ACCESS_DENIED);
-    for (const DWORD choice : {0, 2, 3, 4}) {
-        EXPECT_FALSE(SetLogPath(choice, TEXT("n"), 0));
-        EXPECT_EQ("n.log", ChosenPath());
-    }
-}
-
 TEST_F(LogPath, AFolderThatCannotBeWrittenToIsFoundOut) {
     const struct {
         CALL_PLAN& plan;
@@ -135,34 +125,6 @@ TEST_F(LogPath, EveryMissingFolderIsMade) {
     }
     const FAIL_CALL denied(CreateDirectoryW_calls, FALSE, ERROR_ACCESS_DENIED);
     EXPECT_EQ(5u, ErrorOf(CreateDirectoryPath(Windows("f").c_str())));
-}
-
-TEST_F(LogPath, RootsAreSkippedWithoutLooking) {
-    const FAIL_CALL looked(GetFileAttributesW_calls, INVALID_FILE_ATTRIBUTES, ERROR_ACCESS_DENIED);
-    for (const WCHAR* path : {u"", u"\\\\server", u"\\\\server\\share", u"\\\\server\\share\\", u"\\\\server/share/",
-                              u"C:", u"C:\\", u"C:/", u".\\..", u"/"})
-        EXPECT_TRUE(CreateDirectoryPath(path)) << Narrow(path);
-    EXPECT_EQ(0, looked.Failed());
-    for (const WCHAR* path : {u"\\\\server\\share\\a", u"C:a", u"C:\\a", u"a", u"\\a"})
-        EXPECT_EQ(5u, ErrorOf(CreateDirectoryPath(path))) << Narrow(path);
-}
-
-TEST_F(LogPath, LocalApplicationData) {
-    const std::tuple<HRESULT, const WCHAR*, const WCHAR*, const char*, DWORD> cases[] = {
-        {S_OK, TEXT("C:\\Data"), TEXT(""), "C:\\Data\\", 0},
-        {S_OK, TEXT("C:\\"), TEXT("n.log"), "C:\\n.log", 0},
-        {S_FALSE, TEXT(""), TEXT(""), "old", ERROR_PATH_NOT_FOUND},
-        {E_ACCESSDENIED, TEXT(""), TEXT(""), "old", ERROR_ACCESS_DENIED},
-    };
-    for (const auto& [result, folder, name, expected, error] : cases) {
-        AppDataResult = result;
-        AppData = folder;
-        STRING path(TEXT("old"));
-        SetLastError(0);
-        EXPECT_EQ(error == 0, LocalAppDataPath(path, name));
-        EXPECT_EQ(error, GetLastError());
-        EXPECT_EQ(expected, Narrow(path));
-    }
 }
 
 TEST_F(LogPath, AModulePathOfAnyLengthIsReadWhole) {

@@ -1,15 +1,154 @@
+// The reader of the event log over a real log in a machine root, with handlers that record what they get, and the
+// dumps.
 #include "eventlog/event_log.h"
 
-#include <fstream>
+#include <gmock/gmock.h>
 
-#include "reader_test.h"
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <optional>
+
+#include "eventlog/record_dump.h"
+#include "platform/handles.h"
 #include "service/stop.h"
+#include "tests/support/debug_lines.h"
+#include "tests/support/fail_call.h"
+#include "tests/support/temporary_root.h"
+#include "win32/eventlog/evt_record.h"
+
+WRAP_CALL(BOOL, ReadEventLogW, (HANDLE l, DWORD f, DWORD o, LPVOID b, DWORD n, DWORD* r, DWORD* m),
+          (l, f, o, b, n, r, m))
+WRAP_CALL(BOOL, NotifyChangeEventLog, (HANDLE l, HANDLE e), (l, e))
+WRAP_CALL(HANDLE, CreateEventW, (LPSECURITY_ATTRIBUTES s, BOOL m, BOOL i, LPCWSTR n), (s, m, i, n))
+WRAP_CALL(HLOCAL, LocalAlloc, (UINT f, SIZE_T b), (f, b))
+
+static std::function<std::optional<DWORD>(DWORD count, DWORD milliseconds)> WaitScript;
+
+extern "C" DWORD __real_WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL all, DWORD milliseconds);
+extern "C" DWORD __wrap_WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL all, DWORD milliseconds) {
+    if (WaitScript && count == 3) {
+        if (const auto result = WaitScript(count, milliseconds)) {
+            SetLastError(ERROR_INVALID_HANDLE);
+            return *result;
+        }
+    }
+    return __real_WaitForMultipleObjects(count, handles, all, milliseconds);
+}
 
 namespace keldwick {
 namespace {
 
+using LINES = std::vector<std::string>;
 using testing::Each;
+using testing::ElementsAre;
 using testing::Not;
+using testing::StartsWith;
+
+LINES Handled;  // "id: string | string" of every record that came to a handler
+
+void Handle(const EVENTLOGRECORD& record, EVENT_LOG&, const REPLACEMENT_STRINGS& strings) {
+    std::string text = std::to_string(record.EventID) + ":";
+    for (DWORD i = 0; i < strings.Count(); ++i) text += (i == 0 ? " " : " | ") + Narrow(strings[i]);
+    Handled.push_back(text);
+}
+
+constexpr EVENT_HANDLER TestHandlers[] = {{528, Handle}, {4624, Handle}};
+
+// The agent's only log that one may write to by the documented calls stands for the Security log here.
+constexpr const WCHAR* LogName = TEXT("Application");
+
+class READER_TEST : public ::testing::Test {
+protected:
+    READER_TEST();
+    ~READER_TEST() override;
+
+    static void Write(DWORD id, const std::vector<std::string>& strings = {});
+    static void ClearLog();
+    // Values of a key below the log's own, with quotes written as "'".
+    void Configure(const std::string& key, const std::string& values);
+
+    // Follows the log: before the n-th wait of Process does `beforeWait[n]`, then waits for real; stops after the last.
+    DWORD Follow(EVENT_LOG& log, std::vector<std::function<void()>> beforeWait);
+
+    static LINES Lines();  // of the debug output since the last Forget, error texts replaced by "?"
+    void Forget();
+
+    TEMPORARY_ROOT root;
+    DEBUG_LINES debugLines{DEBUG_VERBOSE};
+    COMMAND_LINE options;
+    HANDLE_OWNER stop{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
+    HANDLE_OWNER settings{CreateEventW(nullptr, FALSE, FALSE, nullptr)};
+};
+
+READER_TEST::READER_TEST() {
+    StopEvent = stop.Get();
+    WaitScript = nullptr;
+    Forget();
+}
+
+READER_TEST::~READER_TEST() {
+    WaitScript = nullptr;
+    StopEvent = nullptr;
+}
+
+void READER_TEST::Write(DWORD id, const std::vector<std::string>& strings) {
+    const EVENT_SOURCE_HANDLE source(RegisterEventSourceW(nullptr, TEXT("Test")));
+    ASSERT_TRUE(source);
+    std::vector<STRING> wide;
+    for (const std::string& text : strings) wide.emplace_back(text.c_str());
+    std::vector<const WCHAR*> texts;
+    for (const STRING& text : wide) texts.push_back(text.Text());
+    ASSERT_TRUE(ReportEventW(source.Get(), EVENTLOG_AUDIT_SUCCESS, 0, id, nullptr, static_cast<WORD>(texts.size()), 0,
+                             texts.data(), nullptr));
+}
+
+void READER_TEST::ClearLog() {
+    const EVENT_LOG_HANDLE log(OpenEventLogW(nullptr, LogName));
+    ASSERT_TRUE(log);
+    ASSERT_TRUE(ClearEventLogW(log.Get(), nullptr));
+}
+
+void READER_TEST::Configure(const std::string& key, const std::string& values) {
+    std::string text =
+        "Windows Registry Editor Version 5.00\r\n\r\n"
+        "[HKEY_LOCAL_MACHINE\\SYSTEM\\CurrentControlSet\\services\\EventLog\\Application" +
+        key + "]\r\n" + values + "\r\n";
+    std::replace(text.begin(), text.end(), '\'', '"');
+    root.Write("registry.reg", text);
+}
+
+DWORD READER_TEST::Follow(EVENT_LOG& log, std::vector<std::function<void()>> beforeWait) {
+    ResetEvent(stop.Get());
+    WaitScript = [this, beforeWait, next = size_t{0}](DWORD, DWORD milliseconds) mutable -> std::optional<DWORD> {
+        EXPECT_EQ(15000u, milliseconds);
+        if (next == beforeWait.size()) {
+            SetEvent(stop.Get());
+            return WAIT_OBJECT_0 + 1;
+        }
+        beforeWait[next++]();
+        return std::nullopt;
+    };
+    const DWORD result = log.Process(stop.Get(), settings.Get());
+    WaitScript = nullptr;
+    return result;
+}
+
+LINES READER_TEST::Lines() {
+    LINES lines = DEBUG_LINES::Seen();
+    for (std::string& line : lines) {
+        const size_t code = line.find(". Error code = ");
+        if (code == std::string::npos) continue;
+        const size_t text = line.rfind(". ", code - 1) + 2;
+        line.replace(text, code - text, "?");
+    }
+    return lines;
+}
+
+void READER_TEST::Forget() {
+    debugLines.Forget();
+    Handled.clear();
+}
 
 class EventLogTest : public READER_TEST {
 protected:
@@ -105,25 +244,6 @@ TEST_F(EventLogTest, AClearedLogIsOpenedAgainAndFollowedFromItsNewEnd) {
     EXPECT_THAT(lines.at(6), StartsWith("EVENT_LOG::Process: Signaled, Records: Count = 0"));
 }
 
-TEST_F(EventLogTest, ALogThatIsClearedAndGoneEndsTheProcessing) {
-    Open();
-    const FAIL_CALL gone(openLog, 0, ERROR_FILE_NOT_FOUND);
-    const FAIL_CALL cleared(readLog, FALSE, ERROR_EVENTLOG_FILE_CHANGED);
-    EXPECT_EQ(PROCESS_FAILED, Follow(log, {}));
-    EXPECT_EQ("Uable to reopen the Application event log. ?. Error code = 2.", Lines().back());
-    EXPECT_TRUE(log.Close());  // nothing is open any more
-}
-
-TEST_F(EventLogTest, AReaderThatTheCircleOvertookGoesOnAtTheOldestRecordLeft) {
-    Configure("", "'MaxSize'=dword:00010000");
-    Open();
-    Followed({[&] {
-        for (int i = 0; i < 100; ++i) Write(4769, {std::string(1000, 'x')});
-        Write(4624, {"last"});
-    }});
-    EXPECT_EQ(LINES{"4624: last"}, Handled);
-}
-
 TEST_F(EventLogTest, EveryReadErrorHasItsMeaning) {
     Open();
     const auto unable = [](const std::string& code) {
@@ -146,7 +266,7 @@ TEST_F(EventLogTest, EveryReadErrorHasItsMeaning) {
         SCOPED_TRACE(c.error);
         Forget();
         DWORD bytes = 99;
-        const FAIL_CALL fails(readLog, FALSE, c.error);
+        const FAIL_CALL fails(ReadEventLogW_calls, FALSE, c.error);
         EXPECT_EQ(c.error, log.ReadRecords(c.flags, 0, buffer, bytes));
         EXPECT_EQ(0u, bytes);
         EXPECT_EQ(c.lines, Lines());
@@ -156,17 +276,17 @@ TEST_F(EventLogTest, EveryReadErrorHasItsMeaning) {
 TEST_F(EventLogTest, WhatEndsTheProcessingIsTold) {
     Open();
     {
-        const FAIL_CALL fails(createEvent, 0, ERROR_NOT_ENOUGH_MEMORY);
+        const FAIL_CALL fails(CreateEventW_calls, 0, ERROR_NOT_ENOUGH_MEMORY);
         EXPECT_EQ(PROCESS_FAILED, Follow(log, {}));
     }
     {
-        const FAIL_CALL fails(notifyChange, FALSE, ERROR_INVALID_HANDLE);
+        const FAIL_CALL fails(NotifyChangeEventLog_calls, FALSE, ERROR_INVALID_HANDLE);
         Forget();
         EXPECT_EQ(PROCESS_FAILED, Follow(log, {}));
         EXPECT_EQ(LINES(), Lines());
     }
     {
-        const FAIL_CALL fails(readLog, FALSE, ERROR_READ_FAULT);
+        const FAIL_CALL fails(ReadEventLogW_calls, FALSE, ERROR_READ_FAULT);
         EXPECT_EQ(PROCESS_FAILED, Follow(log, {}));
     }
     const auto process = [&](DWORD firstWait, DWORD thenWaits) {
@@ -181,37 +301,6 @@ TEST_F(EventLogTest, WhatEndsTheProcessingIsTold) {
         << "nothing is done for the first";
     EXPECT_EQ(PROCESS_STOPPED, process(WAIT_TIMEOUT, WAIT_OBJECT_0 + 1));
     EXPECT_EQ("EVENT_LOG::Process: Time-out, Records: Count = 0, First = 0, Last = 0", Lines().back());
-}
-
-TEST_F(EventLogTest, UnknownCountsAreSaidAndDoNotMatter) {
-    Open();
-    const FAIL_CALL count(countRecords, FALSE, ERROR_ACCESS_DENIED);
-    const FAIL_CALL oldest(oldestRecord, FALSE, ERROR_ACCESS_DENIED);
-    Followed({[] { Write(528); }});
-    EXPECT_EQ("Unable to get event record count. ?. Error code = 5.", Lines().at(0));
-    EXPECT_EQ("Unable to get oldest event record number. ?. Error code = 5.", Lines().at(1));
-    EXPECT_EQ(LINES{"528:"}, Handled);
-}
-
-TEST_F(EventLogTest, OpeningIsTriedAgainUntilItWorksOrTheServiceStops) {
-    Write(4624);
-    {
-        const FAIL_CALL twice(openLog, 0, ERROR_PRIVILEGE_NOT_HELD, 0, 2);
-        const FAIL_CALL minutes(waitForOne, WAIT_TIMEOUT, 0, 0, 2);
-        EXPECT_TRUE(log.Open(LogName));
-    }
-    ASSERT_EQ(5u, Lines().size());
-    EXPECT_EQ("Opening Security event log ...", Lines()[4]);
-    EXPECT_EQ("Uable to open the \"Application\" event log. ?. Error code = 1314.", Lines()[1]);
-
-    const FAIL_CALL never(openLog, 0, ERROR_PRIVILEGE_NOT_HELD);
-    SetEvent(stop.Get());
-    EXPECT_FALSE(log.Open(LogName));
-    ResetEvent(stop.Get());
-    const FAIL_CALL unable(waitForOne, WAIT_FAILED, ERROR_INVALID_HANDLE, 0, 1);
-    EXPECT_FALSE(log.Open(LogName));
-    EXPECT_EQ("Stopping Service: Reason = open event log wait failure", Lines().back());
-    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(stop.Get(), 0));
 }
 
 TEST_F(EventLogTest, RecordsAreDumpedAsTheOptionsAsk) {
@@ -237,6 +326,77 @@ TEST_F(EventLogTest, RecordsAreDumpedAsTheOptionsAsk) {
         EXPECT_EQ(expected, Lines());
         EXPECT_EQ(LINES{"4624:"}, Handled);
         EXPECT_TRUE(counters.count == 2 && counters.last == 2);
+    }
+}
+
+// A record as the log gives it.
+struct RECORD_BYTES {
+    RECORD_BYTES(DWORD id, WORD type, const std::vector<std::u16string>& strings, const std::string& data = {}) {
+        constexpr DWORD generated = 1700000000;  // 2023-11-14 22:13:20 UTC
+        EXPECT_TRUE(win32::BuildRecord(
+            {id, type, 0, generated, 0, u"Source", u"PC", strings, {}, {data.begin(), data.end()}}, bytes));
+        reinterpret_cast<EVENTLOGRECORD*>(bytes.data())->RecordNumber = 77;
+    }
+    const EVENTLOGRECORD& Record() const { return *reinterpret_cast<const EVENTLOGRECORD*>(bytes.data()); }
+    win32::BYTES bytes;
+};
+
+class RecordDumpTest : public READER_TEST {
+protected:
+    RecordDumpTest() : log(options, TestHandlers) {
+        setenv("TZ", "UTC", 1);
+        tzset();
+        Write(1);  // so that there is a log to open
+        if (!log.Open(LogName)) std::abort();
+        Forget();
+    }
+    LINES Dump(const RECORD_BYTES& bytes, DWORD detail) {
+        Forget();
+        REPLACEMENT_STRINGS strings;
+        strings.Decode(bytes.Record());
+        DumpEventRecord(bytes.Record(), log, strings, detail);
+        return Lines();
+    }
+    EVENT_LOG log;
+};
+
+TEST_F(RecordDumpTest, ADumpShowsHeaderStringsAndData) {
+    EXPECT_EQ(
+        (LINES{"\nEVENT_KERBEROS_SERVICE_TICKET\n    RecordNumber: 77\n    Severity: 3\n    Facility: 10\n"
+               "    Time stamp: 11/14/2023 22:13:20\n    Type: Audit Failure\n    Source: Source\n    Computer: PC",
+               "    %1: {a%n}", "    %2: {}", "    Data length: 6\n    Data: 01020304 0506"}),
+        Dump(RECORD_BYTES(0xC00A0000 | 4769, 16, {u"a%n", u""}, "\1\2\3\4\5\6"), DUMP_STRINGS | DUMP_DATA));
+}
+
+TEST_F(RecordDumpTest, AnEmptyRecordSaysSoAndTheMiniDumpIsOneLine) {
+    EXPECT_THAT(Dump(RECORD_BYTES(4768, 0, {}), DUMP_STRINGS | DUMP_DATA),
+                ElementsAre(AllOf(StartsWith("\nEVENT_4768\n"), testing::HasSubstr("    Type: <Unknown>\n")),
+                            "    No replacement strings"));
+    EXPECT_EQ("    Data length: 4\n    Data: FFFEFDFC", Dump(RECORD_BYTES(1, 1, {}, "\xFF\xFE\xFD\xFC"), DUMP_DATA)[1]);
+    options.miniDump = true;
+    EXPECT_EQ(LINES{"\nEvent = 8, RecordNumber = 77"}, Dump(RECORD_BYTES(0xC0000008, 1, {u"a"}), 15));
+}
+
+TEST_F(RecordDumpTest, InsertsAreReplacedByTheProgramsOwnRules) {
+    const std::pair<std::u16string, const char*> cases[] = {
+        {u"", ""},          {u"plain", "plain"}, {u"%1-%2!", "one-zwei!"}, {u"[%3%0%99999999999999999999]", "[]"},
+        {u"%0002", "zwei"}, {u"%%1", "%1"},      {u"100%", "100"},         {u"a%nb%rc%td%Ne", "a\nb\rc\tdNe"},
+        {u"%", ""},         {u"x%1", "xone"}};
+    const RECORD_BYTES bytes(1, 1, {u"one", u"zwei"});
+    REPLACEMENT_STRINGS strings;
+    strings.Decode(bytes.Record());
+    for (const auto& [given, expected] : cases) {
+        SCOPED_TRACE(expected);
+        const size_t size = (given.size() + 1) * sizeof(WCHAR);
+        LOCAL_TEXT text(static_cast<WCHAR*>(LocalAlloc(LMEM_FIXED, size)));
+        memcpy(text.Get(), given.c_str(), size);
+        ASSERT_TRUE(ExpandInserts(text, static_cast<DWORD>(given.size()), strings));
+        EXPECT_EQ(expected, Narrow(text.Get()));
+
+        WCHAR* const before = text.Get();
+        const FAIL_CALL none(LocalAlloc_calls, 0, ERROR_NOT_ENOUGH_MEMORY);
+        EXPECT_FALSE(ExpandInserts(text, 0, strings));
+        EXPECT_EQ(before, text.Get());
     }
 }
 

@@ -96,14 +96,6 @@ TEST(Format, NumbersAreThoseOfTheCLibraryForEveryFlagWidthAndPrecision) {
     }
 }
 
-TEST(Format, ANarrowFormatTakesUtf8Text) {
-    STRING_UTF8 text;
-    text.Format("%s %u%c", "gr\xC3\xBC\xC3\x9F", 5u, WCHAR(0xE9));
-    EXPECT_STREQ("gr\xC3\xBC\xC3\x9F 5?", text.Text());
-    text.FormatV("%s", FormatArguments(TEXT("wide")));
-    EXPECT_STREQ("", text.Text());
-}
-
 TEST(Format, AStringTableIdIsAFormat) {
     STRING text;
     text.Format(101, TEXT("-x%s"));

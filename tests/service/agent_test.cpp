@@ -20,8 +20,6 @@ WRAP_CALL(LSTATUS, RegCreateKeyExW,
            LPDWORD d),
           (k, s, r, c, o, a, sec, p, d))
 WRAP_CALL(LSTATUS, RegSetValueExW, (HKEY k, LPCWSTR n, DWORD r, DWORD t, const BYTE* d, DWORD c), (k, n, r, t, d, c))
-WRAP_CALL(LSTATUS, RegQueryValueExW, (HKEY k, LPCWSTR n, LPDWORD r, LPDWORD t, LPBYTE d, LPDWORD c), (k, n, r, t, d, c))
-WRAP_CALL(LSTATUS, RegDeleteValueW, (HKEY k, LPCWSTR n), (k, n))
 WRAP_CALL(SERVICE_STATUS_HANDLE, RegisterServiceCtrlHandlerExW, (LPCWSTR n, LPHANDLER_FUNCTION_EX h, LPVOID c),
           (n, h, c))
 WRAP_CALL(BOOL, StartServiceCtrlDispatcherW, (const SERVICE_TABLE_ENTRYW* t), (t))
@@ -62,10 +60,6 @@ BOOL __wrap_SetServiceStatus(SERVICE_STATUS_HANDLE, LPSERVICE_STATUS status) {
     return FALSE;
 }
 
-int __wrap_MessageBoxW(HWND, LPCWSTR text, LPCWSTR caption, UINT) {
-    Record(Recorded.boxes, Narrow(caption) + ": " + Narrow(text));
-    return 1;
-}
 void __wrap_OutputDebugStringW(LPCWSTR text) { Record(Recorded.debugger, Narrow(text)); }
 
 HANDLE __real_OpenEventLogW(LPCWSTR server, LPCWSTR log);
@@ -112,7 +106,6 @@ bool __wrap__ZN8keldwick17IDENTITY_PROTOCOL17PersistentConnectEv(void* session) 
 namespace keldwick {
 
 CALL_PLAN &createEvent = CreateEventW_calls, &regCreateKey = RegCreateKeyExW_calls, &regSetValue = RegSetValueExW_calls,
-          &regQueryValue = RegQueryValueExW_calls, &regDeleteValue = RegDeleteValueW_calls,
           &registerHandler = RegisterServiceCtrlHandlerExW_calls, &startDispatcher = StartServiceCtrlDispatcherW_calls,
           &waitForOne = WaitForSingleObject_calls, &beginThread = _beginthreadex_calls,
           &openEventLog = OpenEventLogW_calls, &notifyChange = NotifyChangeEventLog_calls;

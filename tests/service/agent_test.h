@@ -1,5 +1,5 @@
 // What the tests of the service host share: a machine root with a settings key, everything that the agent says to the
-// outside (lines, events, states, message boxes) recorded, and the calls that they make fail.
+// outside (lines, events, states) recorded, and the calls that they make fail.
 #pragma once
 
 #include <gmock/gmock.h>
@@ -16,14 +16,13 @@
 
 namespace keldwick {
 
-extern CALL_PLAN &createEvent, &regCreateKey, &regSetValue, &regQueryValue, &regDeleteValue, &registerHandler,
-    &startDispatcher, &waitForOne, &beginThread, &openEventLog, &notifyChange;
+extern CALL_PLAN &createEvent, &regCreateKey, &regSetValue, &registerHandler, &startDispatcher, &waitForOne,
+    &beginThread, &openEventLog, &notifyChange;
 
 // What the wrapped calls recorded since the last Forget().
 struct RECORD {
     std::vector<std::string> events;     // "type id: string | string"
     std::vector<SERVICE_STATUS> states;  // as given to SetServiceStatus
-    std::vector<std::string> boxes;      // "caption: text"
     std::vector<std::string> debugger;   // texts of OutputDebugStringW
     std::vector<HANDLE> terminated;      // by TerminateThread
     int connects = 0;                    // calls of PersistentConnect

@@ -33,24 +33,6 @@ TEST_F(DebugModesTest, TheEnvironmentCountsOnlyWhenItIsAllOneNumber) {
     unsetenv("Keldwick");
 }
 
-TEST_F(DebugModesTest, TheRegistryModeIsReadAndItsProblemsGoToTheDebugger) {
-    EXPECT_EQ(0u, Loaded().registryDebugMode);
-    EXPECT_THAT(Recorded.debugger,
-                ElementsAre(AllOf(StartsWith("Unable to open registry key \"" + KeyName + "\".\n    "),
-                                  HasSubstr(". Error code = 2.\n\n"))));
-    Forget();
-    MakeSettings("DebugOutput=dword:102");
-    EXPECT_EQ(0x102u, Loaded().registryDebugMode);
-    MakeSettings("");
-    EXPECT_EQ(0u, Loaded().registryDebugMode);
-    EXPECT_THAT(Recorded.debugger, ElementsAre());
-    MakeSettings("DebugOutput='5'");
-    EXPECT_EQ(0u, Loaded().registryDebugMode);
-    EXPECT_THAT(Recorded.debugger,
-                ElementsAre(AllOf(StartsWith("Unable to read registry value = \"DebugOutput\". \n    "),
-                                  HasSubstr(". Error code = 1804.\n\n"))));
-}
-
 TEST_F(DebugModesTest, TheFirstSourceWithAModeWinsAndThereIsAlwaysALogFile) {
     const struct {
         DWORD commandLine, registry, environment, mode;
@@ -96,15 +78,6 @@ TEST_F(DebugModesTest, SavingKeepsTheCommandLinesModeAndOptionCDeletesIt) {
     EXPECT_EQ(std::nullopt, saved());  // nothing there: cleared all the same
     const std::string cleared = "Saved debug output mode cleared";
     EXPECT_EQ((LINES{"Debug output mode saved", cleared, cleared}), Lines());
-
-    Forget();
-    const FAIL_CALL denied(regDeleteValue, ERROR_ACCESS_DENIED, 0);
-    SaveDebugOutputMode(line, SettingsKey.Get());
-    EXPECT_EQ(DWORD{ERROR_ACCESS_DENIED}, GetLastError());
-    line.clearSavedMode = false;
-    const FAIL_CALL full(regSetValue, ERROR_DISK_FULL, 0);
-    EXPECT_EQ(std::nullopt, saved());
-    EXPECT_EQ(LINES(), Lines());
 }
 
 TEST_F(DebugModesTest, AReloadTakesAChangedModeAsItStandsAndSaysNothingOfZero) {

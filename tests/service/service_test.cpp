@@ -107,13 +107,6 @@ TEST_F(ServiceTest, TheServiceGoesThroughItsStatesAndEveryFailureHasItsCode) {
     }
 }
 
-TEST_F(ServiceTest, WithoutAControlHandlerNoStateCanBeReported) {
-    const FAIL_CALL refused(registerHandler, 0, ERROR_ACCESS_DENIED);
-    RunAgent(true, {});
-    EXPECT_TRUE(Recorded.states.empty());
-    EXPECT_THAT(Recorded.debugger, ElementsAre(HasSubstr("Unable to register service. error = 5\n")));
-}
-
 TEST_F(ServiceTest, InitialisationTakesBackAStopRequestAndStopsInOrder) {
     MakeSettings(std::string(Server) + " Shutdown=dword:2");
     ASSERT_TRUE(ServiceInitialize());
@@ -157,12 +150,6 @@ TEST_F(ServiceTest, InitialisationGoesOnWithoutStatisticsButNotWithoutItsThread)
                 ElementsAre(AllOf(StartsWith("2 C0000006: "), HasSubstr(" | 5 | " + KeyName + "\\Statistics"))));
     EXPECT_EQ(INVALID_HANDLE_VALUE, StopEvent.load());
     EXPECT_EQ(INVALID_HANDLE_VALUE, SettingsChangedEvent.load());
-}
-
-TEST_F(ServiceTest, TheSettingsThreadEndsWhenItCannotWait) {
-    Script.wait = [](DWORD, DWORD) { return WAIT_FAILED; };
-    EXPECT_EQ(1u, SettingsWatchThread(nullptr));
-    EXPECT_EQ((LINES{"Settings thread started", "Settings thread abnormal exit"}), Lines());
 }
 
 // The worker over a log that cannot be read: what the minute's pause brings, one after the other; then a stop.
@@ -219,19 +206,6 @@ TEST_F(WORKER_TEST, ALogThatCannotBeOpenedAgainStopsTheService) {
     const FAIL_CALL stopping(waitForOne, WAIT_OBJECT_0, 0, 0, 1);
     Work({WAIT_TIMEOUT});
     EXPECT_TRUE(Said("Stopping Service: Reason = Unable to re-open Security event log"));
-}
-
-TEST_F(WORKER_TEST, TheFirstLineSaysWhatIsDumped) {
-    const char* const dumped[] = {"", "; dumping pertinent events", "; dumping non-pertinent events",
-                                  "; dumping all events"};
-    for (int i = 0; i < 4; ++i) {
-        Forget();
-        CommandLine.dumpPertinent = (i & 1) != 0;
-        CommandLine.dumpNonPertinent = (i & 2) != 0;
-        Work({});
-        EXPECT_EQ(std::string("Service version 1.2.5 build 26 Release x64 started") + dumped[i], Lines()[0]);
-    }
-    EXPECT_EQ("4 40000002: 1.2.5 build 26 Release x64", Recorded.events.at(0));
 }
 
 TEST_F(ServiceTest, WithoutASettingsKeyTheProgramSaysSoAndEndsWithThree) {

@@ -188,7 +188,8 @@ void AddManual(SAID& said, const char* page, std::vector<std::string> prefixes) 
         }
         std::smatch cells;
         if (!std::regex_match(line, cells, row)) continue;
-        const std::vector<std::string> names = Words(cells[1], "[A-Za-z]+"), defaults = Words(cells[3], "^[0-9]+|, [0-9]+");
+        const std::vector<std::string> names = Words(cells[1], "[A-Za-z]+"),
+                                       defaults = Words(cells[3], "^[0-9]+|, [0-9]+");
         for (size_t i = 0; i < names.size(); ++i) {
             std::string text = cells[2].str().starts_with("number") ? cells[2].str() : "text";
             if (text != "text" && i < defaults.size()) text += " " + Words(defaults[i], "[0-9]+").at(0);

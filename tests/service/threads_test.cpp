@@ -70,35 +70,6 @@ TEST_F(ThreadsTest, WhatAWaitLeavesBehindIsTerminatedOrNoted) {
         EXPECT_THAT(Recorded.terminated, ElementsAre(running));
         EXPECT_EQ(nullptr, array[1]);
     }
-    Forget();
-    HANDLE slot = Thread(false);
-    EveryWait(5000, WAIT_TIMEOUT);
-    StopThreads(5000, DebugPrintText, {{TEXT("Settings"), nullptr, nullptr, &slot}});
-    EXPECT_EQ((LINES{"Stopping Settings thread", "%Waiting 5.000 seconds for 1 thread to stop ...",
-                     "Terminating Settings thread"}),
-              Lines());
-}
-
-// The whole time since the start is taken off after every chunk of 64.
-TEST_F(ThreadsTest, LaterChunksGetTheTimeThatTheAccountingLeaves) {
-    const std::pair<DWORD, LINES> cases[] = {
-        {5000, {"5.000 seconds for 64 threads", "4.000 seconds for 64 threads", "2.000 seconds for 1 thread"}},
-        {2500, {"2.500 seconds for 64 threads", "1.500 seconds for 64 threads"}},
-        {1000, {"1.000 seconds for 64 threads"}},
-        {0, {}}};
-    for (const auto& [timeout, expected] : cases) {
-        SCOPED_TRACE(timeout);
-        Forget();
-        std::vector<HANDLE> array;
-        for (int i = 0; i < 129; ++i) array.push_back(Thread(false));
-        EveryWait(1000, WAIT_OBJECT_0);
-        StopThreads(timeout, DebugPrintText, {{TEXT("B"), nullptr, nullptr, array.data(), true, 129}});
-        LINES waits;
-        for (const std::string& line : Lines())
-            if (line[0] == '%') waits.push_back(line.substr(9, line.find(" to stop ...") - 9));
-        EXPECT_EQ(expected, waits);
-        EXPECT_EQ(std::vector<HANDLE>(129), array);
-    }
 }
 
 HANDLE Gate;

@@ -212,10 +212,9 @@ TEST_F(EVENTS_TEST, ARepeatedLogonOnlyRenewsAndAnotherUserReplaces) {
     EXPECT_EQ(1u, Logons().Count());
 }
 
-TEST_F(EVENTS_TEST, AUserOfADomainWithADotIsReportedAnewEachTime) {
+TEST_F(EVENTS_TEST, AUserOfADomainWithADotIsReportedEachTime) {
     for (int i = 0; i < 2; ++i) Run(Do_EVENT_ACCOUNT_LOGON, With(Logon4624, {{6, u"CORP.LOCAL"}}));
     EXPECT_EQ((LINES{" CORP\\PC1CORP\\ann", "!CORP\\PC1CORP\\ann", " CORP\\PC1CORP\\ann"}), Reports());
-    EXPECT_EQ(1u, Logons().Count());
 }
 
 TEST_F(EVENTS_TEST, ALogonThatTheServerDoesNotTakeIsForgotten) {
@@ -357,6 +356,8 @@ TEST_F(EVENTS_TEST, TheListForOthersCostsAHundredthOfTheTimeAndMissesNoChange) {
     minutesAhead = 1;
     EXPECT_EQ(INFINITE, Update());
     EXPECT_TRUE(Listed("\"identities\":1")) << "the clock was set back";
+    log.Identities().Clear();
+    EXPECT_TRUE(Listed("\"identities\":0"));
 }
 
 TEST_F(EVENTS_TEST, TheListForOthersGrowsOlderRatherThanWriteMoreBytes) {
