@@ -66,10 +66,10 @@ bool Compose(const DEBUG_STATE& state, WIDE_LINE& line, TEXT_VIEW message, const
 
 // Appends the text as UTF-8.
 void AppendUtf8(LINE_BUFFER<char>& bytes, TEXT_VIEW text) {
-    constexpr size_t MostBytesOfUnit = 3;  // a pair of surrogates takes 4
+    constexpr size_t MaxBytesOfUnit = 3;  // a pair of surrogates takes 4
     if (text.empty()) return;
     const size_t before = bytes.View().size();
-    const size_t room = text.size() * MostBytesOfUnit;
+    const size_t room = text.size() * MaxBytesOfUnit;
     char* const at = bytes.Extend(room);
     if (at == nullptr) return;
     const int written = WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), at,

@@ -85,7 +85,7 @@ struct LOG_FILE_STATE {
     STRING folder;  // ends with a backslash, or is empty for the current directory
     STRING baseName{TEXT("Debug")};
     STRING extension{TEXT("log")};
-    FILE_HANDLE file;
+    FILE_OWNER file;
     STRING openPath;  // of the open file
     bool firstOpen = true;
 };

@@ -68,7 +68,7 @@ void EVENT_SOURCE::Echo(DWORD id, std::span<const WCHAR* const> strings) const {
     for (size_t i = 0; i < strings.size() && i < MaxInsertionStrings; ++i) {
         inserts[i] = reinterpret_cast<DWORD_PTR>(strings[i]);
     }
-    LOCAL_TEXT text;
+    LOCAL_TEXT_OWNER text;
     const DWORD flags = FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_HMODULE | FORMAT_MESSAGE_ARGUMENT_ARRAY;
     const DWORD length = FormatMessageW(flags | EchoWidth, messages, id, 0, reinterpret_cast<LPWSTR>(text.Put()), 0,
                                         reinterpret_cast<va_list*>(inserts));

@@ -32,7 +32,7 @@ private:
     void Echo(DWORD id, std::span<const WCHAR* const> strings) const;
 
     HMODULE messages;
-    EVENT_SOURCE_HANDLE source;
+    EVENT_SOURCE_OWNER source;
     CRITICAL_SECTION_OWNER lock;  // guards the counter
     HANDLE_OWNER limiterStop;
     HANDLE_OWNER limiter;

@@ -18,21 +18,21 @@ namespace {
 constexpr int MaxRenameAttempts = 999;  // after the one without a number
 constexpr int MaxFirstOpens = 1000;     // bound on the attempts while another process keeps making the file
 
-FILE_HANDLE Create(const STRING& path, DWORD disposition) {
-    return FILE_HANDLE(CreateFileW(path.Text(), FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                                   disposition, FILE_FLAG_WRITE_THROUGH | FILE_ATTRIBUTE_NORMAL, nullptr));
+FILE_OWNER Create(const STRING& path, DWORD disposition) {
+    return FILE_OWNER(CreateFileW(path.Text(), FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                                  disposition, FILE_FLAG_WRITE_THROUGH | FILE_ATTRIBUTE_NORMAL, nullptr));
 }
 
-FILE_HANDLE NotCreated(const STRING& path) {
+FILE_OWNER NotCreated(const STRING& path) {
     const ERROR_CODE error;
     DebugOutputError(TEXT("%s\n    "), FormatError(error, TEXT("Unable to create log file \"%s\""), path));
-    return FILE_HANDLE();
+    return FILE_OWNER();
 }
 
 // Opens or makes the file; the message names what an existing file went through.
-FILE_HANDLE OpenOrCreate(const STRING& path, DWORD disposition, const WCHAR* existing) {
+FILE_OWNER OpenOrCreate(const STRING& path, DWORD disposition, const WCHAR* existing) {
     SetLastError(ERROR_SUCCESS);
-    FILE_HANDLE file = Create(path, disposition);
+    FILE_OWNER file = Create(path, disposition);
     if (!file) return NotCreated(path);
     const bool existed = GetLastError() == ERROR_ALREADY_EXISTS;
     InternalPrint(TEXT("Log file \"%s\" %s"), path, existed ? existing : TEXT("created"));
@@ -40,20 +40,20 @@ FILE_HANDLE OpenOrCreate(const STRING& path, DWORD disposition, const WCHAR* exi
 }
 
 // The first open in the mode "Rename existing".
-FILE_HANDLE CreateRenaming(const DEBUG_STATE& state, const STRING& path) {
+FILE_OWNER CreateRenaming(const DEBUG_STATE& state, const STRING& path) {
     for (int attempt = 0; attempt < MaxFirstOpens; ++attempt) {
-        FILE_HANDLE file = Create(path, CREATE_NEW);
+        FILE_OWNER file = Create(path, CREATE_NEW);
         if (file) {
             InternalPrint(TEXT("Log file \"%s\" created"), path);
             return file;
         }
         if (GetLastError() != ERROR_FILE_EXISTS) break;
-        if (!RenameLogFile(state, path, nullptr)) return FILE_HANDLE();
+        if (!RenameLogFile(state, path, nullptr)) return FILE_OWNER();
     }
     return NotCreated(path);
 }
 
-FILE_HANDLE FirstOpen(const DEBUG_STATE& state, const STRING& path) {
+FILE_OWNER FirstOpen(const DEBUG_STATE& state, const STRING& path) {
     if ((state.mode & DEBUG_MODE_RENAME) != 0) return CreateRenaming(state, path);
     if ((state.mode & DEBUG_MODE_OVERWRITE) != 0) return OpenOrCreate(path, CREATE_ALWAYS, TEXT("overwritten"));
     return OpenOrCreate(path, OPEN_ALWAYS, TEXT("opened"));

@@ -82,7 +82,7 @@ bool MakeFolder(const STRING& folder) {
 // Whether a new file can be made at the path, or beside it when there is one.
 bool ProbeFolder(const STRING& path) {
     STRING name = path;
-    FILE_HANDLE probe;
+    FILE_OWNER probe;
     for (int attempt = 1;; ++attempt) {
         probe.Reset(CreateFileW(name.Text(), FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, CREATE_NEW,
                                 FILE_ATTRIBUTE_NORMAL, nullptr));

@@ -11,9 +11,9 @@
 #include "directory/com.h"
 #include "directory/directory_object.h"
 #include "directory/name_translation.h"
-#include "platform/collation_hash.h"
 #include "platform/error_text.h"
 #include "platform/handles.h"
+#include "platform/string.h"
 
 namespace keldwick {
 
@@ -112,10 +112,10 @@ struct TASK_MEMORY_CLOSER {
     using TYPE = BYTE*;
     static void Close(TYPE memory) { CoTaskMemFree(memory); }
 };
-using TASK_MEMORY = OWNER<TASK_MEMORY_CLOSER>;
+using TASK_MEMORY_OWNER = OWNER<TASK_MEMORY_CLOSER>;
 
 // A copy of a byte array's bytes; nothing is said when it is empty. Throws COM_ERROR when memory runs out.
-bool CopySidBytes(const VARIANT& value, const WCHAR* dn, TASK_MEMORY& bytes, size_t& size) {
+bool CopySidBytes(const VARIANT& value, const WCHAR* dn, TASK_MEMORY_OWNER& bytes, size_t& size) {
     LONG lower = 0;
     LONG upper = 0;
     if (FAILED(SafeArrayGetLBound(value.parray, 1, &lower))) return false;
@@ -145,10 +145,10 @@ bool IsWholeSid(const BYTE* bytes, size_t size) {
 
 // The object's SID as text, from the bytes of its objectSid attribute.
 bool SidText(const VARIANT& value, const WCHAR* dn, STRING& text) {
-    TASK_MEMORY bytes;
+    TASK_MEMORY_OWNER bytes;
     size_t size = 0;
     if (!CopySidBytes(value, dn, bytes, size)) return false;
-    LOCAL_TEXT sid;
+    LOCAL_TEXT_OWNER sid;
     if (!IsWholeSid(bytes.Get(), size) || !ConvertSidToStringSidW(bytes.Get(), sid.Put())) {
         DebugPrintMasked(DEBUG_AD, TEXT("GetPrimaryGroup: Unable to convert primary group SID to a string."));
         return false;

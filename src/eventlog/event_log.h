@@ -82,7 +82,7 @@ private:
     const COMMAND_LINE& options;
     const std::span<const EVENT_HANDLER> handlers;
     STRING logName;  // the name of the latest successful Open
-    EVENT_LOG_HANDLE handle;
+    EVENT_LOG_OWNER handle;
     REPLACEMENT_STRINGS strings;               // of the record being dispatched
     TIME_STAMP lastSweep = TIME_STAMP::Now();  // the end of the last sweep; at first the reader's beginning
     IDENTITIES identities;                     // goes before the log is closed

@@ -31,21 +31,21 @@ void ExpandEnvironment(STRING& value) {
 }
 
 // The message of that id in one file; empty when the file has none.
-LOCAL_TEXT LoadMessage(const STRING& file, DWORD id, DWORD& length) {
-    const MODULE_HANDLE module(
+LOCAL_TEXT_OWNER LoadMessage(const STRING& file, DWORD id, DWORD& length) {
+    const MODULE_OWNER module(
         LoadLibraryExW(file.Text(), nullptr, LOAD_LIBRARY_AS_DATAFILE | LOAD_WITH_ALTERED_SEARCH_PATH));
     if (!module) {
         DebugPrintError(ERROR_CODE(), TEXT("Uable to open message source file \"%s\""), file);
-        return LOCAL_TEXT();
+        return LOCAL_TEXT_OWNER();
     }
     WCHAR* text = nullptr;
     length =
         FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_IGNORE_INSERTS | FORMAT_MESSAGE_FROM_HMODULE,
                        module.Get(), id, 0, reinterpret_cast<LPWSTR>(&text), 0, nullptr);
-    if (length != 0) return LOCAL_TEXT(text);
+    if (length != 0) return LOCAL_TEXT_OWNER(text);
     const ERROR_CODE error;
     if (error.Get() != ERROR_MR_MID_NOT_FOUND) DebugPrintError(error, TEXT("Format message failed"));
-    return LOCAL_TEXT();
+    return LOCAL_TEXT_OWNER();
 }
 
 bool IsDigit(WCHAR unit) { return unit >= TEXT('0') && unit <= TEXT('9'); }
@@ -92,18 +92,18 @@ void ForEachPiece(TEXT_VIEW text, const REPLACEMENT_STRINGS& strings, TAKE take)
 
 }  // namespace
 
-LOCAL_TEXT FormatEventMessage(const EVENTLOGRECORD& record, const EVENT_LOG& log, DWORD& length) {
+LOCAL_TEXT_OWNER FormatEventMessage(const EVENTLOGRECORD& record, const EVENT_LOG& log, DWORD& length) {
     length = 0;
     STRING path;
-    if (!GetEventMessageFile(log, SourceName(record), path)) return LOCAL_TEXT();
+    if (!GetEventMessageFile(log, SourceName(record), path)) return LOCAL_TEXT_OWNER();
     for (TEXT_VIEW rest = path.View(); !rest.empty();) {
         const size_t end = rest.find(TEXT(';'));
         const STRING file(rest.substr(0, end));
         rest = end == TEXT_VIEW::npos ? TEXT_VIEW() : rest.substr(end + 1);
-        LOCAL_TEXT text = LoadMessage(file, record.EventID, length);
+        LOCAL_TEXT_OWNER text = LoadMessage(file, record.EventID, length);
         if (text) return text;
     }
-    return LOCAL_TEXT();
+    return LOCAL_TEXT_OWNER();
 }
 
 bool GetEventMessageFile(const EVENT_LOG& log, const WCHAR* source, STRING& path) {
@@ -122,12 +122,12 @@ bool GetEventMessageFile(const EVENT_LOG& log, const WCHAR* source, STRING& path
     return true;
 }
 
-bool ExpandInserts(LOCAL_TEXT& text, DWORD length, const REPLACEMENT_STRINGS& strings) {
+bool ExpandInserts(LOCAL_TEXT_OWNER& text, DWORD length, const REPLACEMENT_STRINGS& strings) {
     const TEXT_VIEW stored(text.Get(), length);
     size_t units = 0;
     ForEachPiece(stored, strings, [&](TEXT_VIEW piece) { units += piece.size(); });
 
-    LOCAL_TEXT expanded(static_cast<WCHAR*>(LocalAlloc(LMEM_FIXED, (units + 1) * sizeof(WCHAR))));
+    LOCAL_TEXT_OWNER expanded(static_cast<WCHAR*>(LocalAlloc(LMEM_FIXED, (units + 1) * sizeof(WCHAR))));
     if (!expanded) return false;
     WCHAR* end = expanded.Get();
     ForEachPiece(stored, strings, [&](TEXT_VIEW piece) { end += piece.copy(end, piece.size()); });
@@ -167,7 +167,7 @@ void DumpHeader(const EVENTLOGRECORD& record) {
 
 void DumpMessage(const EVENTLOGRECORD& record, const EVENT_LOG& log, const REPLACEMENT_STRINGS& strings, DWORD detail) {
     DWORD length = 0;
-    LOCAL_TEXT text = FormatEventMessage(record, log, length);
+    LOCAL_TEXT_OWNER text = FormatEventMessage(record, log, length);
     if (!text) {
         DebugPrintMasked(HeldAndRaw, TEXT("    Message not available"));
         return;

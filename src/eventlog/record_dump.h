@@ -23,7 +23,7 @@ void DumpEventRecord(const EVENTLOGRECORD& record, const EVENT_LOG& log, const R
                      DWORD detail);
 
 // The message as stored, inserts not replaced; `length` in units. Empty, and length 0, when there is none.
-LOCAL_TEXT FormatEventMessage(const EVENTLOGRECORD& record, const EVENT_LOG& log, DWORD& length);
+LOCAL_TEXT_OWNER FormatEventMessage(const EVENTLOGRECORD& record, const EVENT_LOG& log, DWORD& length);
 
 // The source's message files, separated by ";", environment variables expanded. False: none is registered; that the
 // source itself is not registered has been reported.
@@ -31,6 +31,6 @@ bool GetEventMessageFile(const EVENT_LOG& log, const WCHAR* source, STRING& path
 
 // Replaces %1, %2 ... in the first `length` units by the record's strings, and %n, %r and %t by what they stand for.
 // False: out of memory, the text is as it was.
-bool ExpandInserts(LOCAL_TEXT& text, DWORD length, const REPLACEMENT_STRINGS& strings);
+bool ExpandInserts(LOCAL_TEXT_OWNER& text, DWORD length, const REPLACEMENT_STRINGS& strings);
 
 }  // namespace keldwick

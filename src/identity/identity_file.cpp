@@ -83,7 +83,7 @@ bool Put(HANDLE file, std::string& chunk, LONGLONG& bytes) {
 }
 
 bool WriteAll(const STRING& path, std::string chunk, const LOGON_TABLE& logons, LONGLONG& bytes) {
-    const FILE_HANDLE file(
+    const FILE_OWNER file(
         CreateFileW(path.Text(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
     if (!file) return false;
     for (const LOGON_ENTRY* entry = logons.First(); entry != nullptr; entry = LOGON_TABLE::Next(entry)) {

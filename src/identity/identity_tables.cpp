@@ -3,7 +3,7 @@
 #include <cstring>
 #include <random>
 
-#include "platform/collation_hash.h"
+#include "platform/string.h"
 
 namespace keldwick {
 

@@ -4,7 +4,7 @@
 
 #include "diagnostics/debug_output.h"
 #include "platform/error_text.h"
-#include "platform/owner.h"
+#include "platform/handles.h"
 
 namespace keldwick {
 namespace {

@@ -4,17 +4,17 @@
 #include <iterator>
 
 #include "platform/handles.h"
-#include "platform/resource_strings.h"
+#include "platform/string.h"
 
 namespace keldwick {
 namespace {
 
 // The system's text for the code; null when there is none. Its length in units goes to `length`.
-LOCAL_TEXT SystemText(DWORD code, HMODULE module, DWORD& length) {
+LOCAL_TEXT_OWNER SystemText(DWORD code, HMODULE module, DWORD& length) {
     DWORD flags = FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_IGNORE_INSERTS | FORMAT_MESSAGE_FROM_SYSTEM |
                   FORMAT_MESSAGE_ARGUMENT_ARRAY;
     if (module != nullptr) flags |= FORMAT_MESSAGE_FROM_HMODULE;
-    LOCAL_TEXT text;
+    LOCAL_TEXT_OWNER text;
     // The allocating form takes the place for the pointer where the others take the buffer.
     const auto place = reinterpret_cast<LPWSTR>(text.Put());
     length = FormatMessageW(flags, module, code, LOCALE_USER_DEFAULT, place, 1, nullptr);
@@ -31,7 +31,7 @@ constexpr DWORD DirectoryResults[] = {
 
 bool LoadErrorText(STRING& text, DWORD code, HMODULE module) {
     DWORD length = 0;
-    const LOCAL_TEXT system = SystemText(code, module, length);
+    const LOCAL_TEXT_OWNER system = SystemText(code, module, length);
     if (!system) length = 0;
     const WCHAR* const start = system.Get();
     while (length != 0 && (start[length - 1] == '\r' || start[length - 1] == '\n')) --length;

@@ -84,8 +84,8 @@ void PutInteger(SINK& sink, FORMAT_CONVERSION conversion, uint64_t argument) {
 
 template <typename SINK>
 void PutReal(SINK& sink, FORMAT_CONVERSION conversion, double value) {
-    constexpr size_t LongestReal = 310 + 1 + MaxRealPrecision;  // digits of the largest double, point, decimals
-    char digits[LongestReal];
+    constexpr size_t MaxRealLength = 310 + 1 + MaxRealPrecision;  // digits of the largest double, point, decimals
+    char digits[MaxRealLength];
     const std::string_view sign = std::signbit(value) ? "-" : PositiveSign(conversion);
     const int precision = conversion.precision >= 0 ? conversion.precision : 6;
     const char* const end =

@@ -1,13 +1,78 @@
-// The kinds of handles that the system owns.
+// Owners: OWNER holds one handle and closes it on every way out. A closer names the kind:
+//
+//     struct EVENT_LOG_CLOSER {
+//         using TYPE = HANDLE;
+//         static void Close(TYPE log) { CloseEventLog(log); }
+//         static TYPE Empty() { return INVALID_HANDLE_VALUE; }   // only when that is not null
+//     };
+//     using EVENT_LOG_OWNER = OWNER<EVENT_LOG_CLOSER>;
+//
+// Closing keeps the thread's last error. A Close that gives a DWORD or LONG gives an error code, which, when it is not
+// 0, becomes the last error instead.
+//
+// The owners of the kinds of handles that the agent uses follow.
 #pragma once
 
 #include <windows.h>
 
 #include <cstdlib>
-
-#include "platform/owner.h"
+#include <type_traits>
+#include <utility>
 
 namespace keldwick {
+
+template <typename CLOSER>
+class OWNER {
+public:
+    using TYPE = typename CLOSER::TYPE;
+
+    OWNER() = default;
+    explicit OWNER(TYPE owned) : handle(owned) {}
+    OWNER(OWNER&& other) noexcept : handle(other.Release()) {}
+    OWNER& operator=(OWNER&& other) noexcept {
+        if (this != &other) Reset(other.Release());
+        return *this;
+    }
+    OWNER(const OWNER&) = delete;
+    OWNER& operator=(const OWNER&) = delete;
+    ~OWNER() { Reset(); }
+
+    TYPE Get() const { return handle; }
+    explicit operator bool() const { return handle != Empty(); }
+    TYPE operator->() const requires std::is_pointer_v<TYPE> { return handle; }
+
+    // The place for a call's out parameter. What was held is closed first.
+    TYPE* Put() {
+        Reset();
+        return &handle;
+    }
+    void Reset(TYPE owned = Empty()) {
+        const TYPE old = std::exchange(handle, owned);
+        if (old != Empty() && old != owned) Close(old);
+    }
+    [[nodiscard]] TYPE Release() { return std::exchange(handle, Empty()); }
+
+    static TYPE Empty() {
+        if constexpr (requires { CLOSER::Empty(); })
+            return CLOSER::Empty();
+        else
+            return TYPE{};
+    }
+
+private:
+    static void Close(TYPE old) {
+        const DWORD lastError = GetLastError();
+        if constexpr (std::is_void_v<decltype(CLOSER::Close(old))>) {
+            CLOSER::Close(old);
+            SetLastError(lastError);
+        } else {
+            const DWORD error = static_cast<DWORD>(CLOSER::Close(old));
+            SetLastError(error != 0 ? error : lastError);
+        }
+    }
+
+    TYPE handle = Empty();
+};
 
 // Events, threads, timers, tokens: null is empty.
 struct HANDLE_CLOSER {
@@ -22,7 +87,7 @@ struct FILE_CLOSER {
     static void Close(TYPE file) { CloseHandle(file); }
     static TYPE Empty() { return INVALID_HANDLE_VALUE; }
 };
-using FILE_HANDLE = OWNER<FILE_CLOSER>;
+using FILE_OWNER = OWNER<FILE_CLOSER>;
 
 // A registry key. The predefined root keys are only forgotten; a failing close becomes the thread's last error.
 struct REG_KEY_CLOSER {
@@ -41,19 +106,19 @@ struct EVENT_LOG_CLOSER {
     using TYPE = HANDLE;
     static void Close(TYPE log) { CloseEventLog(log); }
 };
-using EVENT_LOG_HANDLE = OWNER<EVENT_LOG_CLOSER>;
+using EVENT_LOG_OWNER = OWNER<EVENT_LOG_CLOSER>;
 
 struct EVENT_SOURCE_CLOSER {
     using TYPE = HANDLE;
     static void Close(TYPE source) { DeregisterEventSource(source); }
 };
-using EVENT_SOURCE_HANDLE = OWNER<EVENT_SOURCE_CLOSER>;
+using EVENT_SOURCE_OWNER = OWNER<EVENT_SOURCE_CLOSER>;
 
 struct MODULE_CLOSER {
     using TYPE = HMODULE;
     static void Close(TYPE module) { FreeLibrary(module); }
 };
-using MODULE_HANDLE = OWNER<MODULE_CLOSER>;
+using MODULE_OWNER = OWNER<MODULE_CLOSER>;
 
 // What the system allocated with LocalAlloc: texts of FormatMessageW and ConvertSidToStringSidW.
 template <typename POINTED>
@@ -61,8 +126,7 @@ struct LOCAL_CLOSER {
     using TYPE = POINTED*;
     static void Close(TYPE memory) { LocalFree(memory); }
 };
-using LOCAL_TEXT = OWNER<LOCAL_CLOSER<WCHAR>>;
-using LOCAL_MEMORY = OWNER<LOCAL_CLOSER<void>>;
+using LOCAL_TEXT_OWNER = OWNER<LOCAL_CLOSER<WCHAR>>;
 
 // SIDs made by AllocateSid.
 struct SID_CLOSER {

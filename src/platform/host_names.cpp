@@ -19,7 +19,7 @@ struct ADDRESS_LIST_CLOSER {
     using TYPE = PADDRINFOA;
     static void Close(TYPE list) { freeaddrinfo(list); }
 };
-using ADDRESS_LIST = OWNER<ADDRESS_LIST_CLOSER>;
+using ADDRESS_LIST_OWNER = OWNER<ADDRESS_LIST_CLOSER>;
 
 // Keeps the text of the family's first address that is not the loopback's.
 void Keep(const ADDRINFOA& entry, const WCHAR* loopback, STRING& kept) {
@@ -30,7 +30,7 @@ void Keep(const ADDRINFOA& entry, const WCHAR* loopback, STRING& kept) {
 
 void LoadAddresses(LOCAL_HOST_INFO& info) {
     const ADDRINFOA anyFamily{};
-    ADDRESS_LIST list;
+    ADDRESS_LIST_OWNER list;
     if (getaddrinfo("", nullptr, &anyFamily, list.Put()) != 0) {
         const ERROR_CODE error = ERROR_CODE::FromSockets();
         DebugPrint(TEXT("Unable to get IP address information for %s.\n    %s Error code = %d"), info.hostName,

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
-
-#include "platform/resource_strings.h"
+#include <string>
+#include <string_view>
 
 namespace keldwick {
 
@@ -165,6 +165,76 @@ void STRING_UTF8::AssignWide(TEXT_VIEW text) {
     WideCharToMultiByte(CP_UTF8, 0, text.data(), units, narrow, bytes, nullptr, nullptr);
     narrow[bytes] = 0;
     Adopt(narrow, static_cast<DWORD>(bytes));
+}
+
+// ---- The string table ----
+
+namespace {
+
+constexpr WORD StringsInBlock = 16;  // of a string-table resource
+
+// The counted string of that id, inside the module's resources; empty when there is none.
+TEXT_VIEW FindString(WORD id, HMODULE module) {
+    if (module == nullptr) module = GetModuleHandleW(nullptr);
+    const HRSRC found = FindResourceW(module, MAKEINTRESOURCEW(id / StringsInBlock + 1), MAKEINTRESOURCEW(6));
+    if (found == nullptr) return {};
+    const HGLOBAL loaded = LoadResource(module, found);
+    const auto* at = loaded != nullptr ? static_cast<const WCHAR*>(LockResource(loaded)) : nullptr;
+    if (at == nullptr) return {};
+    const WCHAR* const end = at + SizeofResource(module, found) / sizeof(WCHAR);
+    for (WORD skip = id % StringsInBlock; at < end; --skip) {
+        const size_t count = static_cast<size_t>(*at++);
+        if (count > static_cast<size_t>(end - at)) break;
+        if (skip == 0) return {at, count};
+        at += count;
+    }
+    return {};
+}
+
+}  // namespace
+
+STRING LoadResourceString(WORD id, HMODULE module) { return STRING(FindString(id, module)); }
+
+void LoadResourceString(STRING& target, WORD id, HMODULE module) {
+    const TEXT_VIEW text = FindString(id, module);
+    if (!text.empty()) target.Assign(text);
+}
+
+void LoadResourceString(STRING_UTF8& target, WORD id, HMODULE module) {
+    const TEXT_VIEW text = FindString(id, module);
+    if (!text.empty()) target.AssignWide(text);
+}
+
+STRING ResourceFormatV(HMODULE module, WORD id, FORMAT_ARGUMENTS arguments) {
+    const STRING format = LoadResourceString(id, module);
+    STRING text;
+    text.FormatV(format.Text(), arguments);
+    return text;
+}
+
+// ---- Helpers ----
+
+namespace {
+
+std::string_view Bytes(const void* data, size_t size) { return {static_cast<const char*>(data), size}; }
+
+int SortKey(const WCHAR* text, char* key, size_t size) {
+    return LCMapStringW(GetThreadLocale(), LCMAP_SORTKEY | NORM_IGNORECASE, text, -1, reinterpret_cast<LPWSTR>(key),
+                        static_cast<int>(size));
+}
+
+}  // namespace
+
+// Texts that compare equal have equal sort keys. Where the system has no key to give, all texts share one hash.
+size_t CollationHash(const WCHAR* text) {
+    char shortKey[512];
+    int size = SortKey(text, shortKey, sizeof(shortKey));
+    if (size > 0) return std::hash<std::string_view>()(Bytes(shortKey, static_cast<size_t>(size)));
+    size = SortKey(text, nullptr, 0);
+    if (size <= 0) return 0;
+    std::string key(static_cast<size_t>(size), '\0');
+    size = SortKey(text, key.data(), key.size());
+    return size > 0 ? std::hash<std::string_view>()(Bytes(key.data(), static_cast<size_t>(size))) : 0;
 }
 
 const WCHAR* ReadDigits(const WCHAR* text, DWORD base, ULONGLONG& number) {

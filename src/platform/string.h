@@ -129,6 +129,32 @@ STRING FormatString(FORMAT<ARGUMENTS...> format, const ARGUMENTS&... arguments) 
     return text;
 }
 
+// ---- Texts of the program's string table ----
+
+// Ids of the table's entries.
+constexpr WORD StringWarningCaption = 100;
+constexpr WORD StringInvalidArgument = 101;
+constexpr WORD StringDirectoryFirst = 104;
+constexpr WORD StringUnknownDirectoryError = 122;
+
+// The table's text, from the program's own module when none is given; empty when it is missing.
+STRING LoadResourceString(WORD id, HMODULE module = nullptr);
+// Into an existing string, which stays as it is when the text is missing.
+void LoadResourceString(STRING& target, WORD id, HMODULE module = nullptr);
+void LoadResourceString(STRING_UTF8& target, WORD id, HMODULE module = nullptr);
+
+// Formats with the table's text as the format; empty where it is missing or does not fit.
+STRING ResourceFormatV(HMODULE module, WORD id, FORMAT_ARGUMENTS arguments);
+template <typename... ARGUMENTS>
+STRING ResourceFormat(HMODULE module, WORD id, const ARGUMENTS&... arguments) {
+    return ResourceFormatV(module, id, FormatArguments(arguments...));
+}
+
+// ---- Helpers ----
+
+// A hash that is equal for any two texts that are equal by lstrcmpiW, and so by STRING::EqualsNoCase.
+size_t CollationHash(const WCHAR* text);
+
 // The number whose digits the text begins with, in that base, 16 at most; more than 32 bits give MAXDWORD + 1. Gives
 // the place after the digits, which is the text itself when there are none: 0.
 const WCHAR* ReadDigits(const WCHAR* text, DWORD base, ULONGLONG& number);

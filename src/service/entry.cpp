@@ -7,7 +7,7 @@
 #include "directory/com.h"
 #include "platform/account_names.h"
 #include "platform/host_names.h"
-#include "platform/resource_strings.h"
+#include "platform/string.h"
 #include "platform/version.h"
 #include "protocol/identity_protocol.h"
 #include "protocol/manual_report.h"

@@ -9,7 +9,7 @@
 #include "diagnostics/event_source.h"
 #include "platform/account_names.h"
 #include "platform/registry_values.h"
-#include "platform/sids.h"
+#include "platform/security.h"
 #include "platform/string.h"
 #include "resources/message_ids.h"
 #include "service/command_line.h"

@@ -5,7 +5,7 @@
 #include "diagnostics/debug_output.h"
 #include "diagnostics/event_source.h"
 #include "identity/handlers.h"
-#include "platform/privileges.h"
+#include "platform/security.h"
 #include "platform/string.h"
 #include "platform/version.h"
 #include "protocol/identity_protocol.h"
@@ -39,7 +39,7 @@ void ReportStarted() {
 // Without the privilege the Security log does not open; that is said again, and tried again, by the reader.
 void EnableSecurityPrivilege() {
     constexpr const WCHAR* name = TEXT("SeSecurityPrivilege");
-    const PRIVILEGE_SET privilege = CreateTokenPrivilegesHelper(SE_PRIVILEGE_ENABLED, name);
+    const PRIVILEGE_SET_OWNER privilege = CreateTokenPrivilegesHelper(SE_PRIVILEGE_ENABLED, name);
     const DWORD error = privilege ? SetTokenPrivileges(privilege) : GetLastError();
     if (error == ERROR_SUCCESS) {
         DebugPrint(TEXT("%s privilege enabled"), name);

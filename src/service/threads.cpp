@@ -14,7 +14,7 @@ namespace keldwick {
 
 namespace {
 
-constexpr DWORD GroupStopTimeout = 5000;  // milliseconds
+constexpr DWORD GroupStopMs = 5000;
 constexpr DWORD TerminatedExitCode = 0xFFFFFFFF;
 
 struct COLLECTED_THREAD {
@@ -134,7 +134,7 @@ THREAD_GROUP::THREAD_GROUP(const WCHAR* groupName, HANDLE* slots, THREAD_LOG log
 
 THREAD_GROUP::~THREAD_GROUP() {
     const DWORD count = static_cast<DWORD>(end - begin);
-    if (count > 0) StopThreads(GroupStopTimeout, log, {{name, stop, argument, begin, count > 1, count}});
+    if (count > 0) StopThreads(GroupStopMs, log, {{name, stop, argument, begin, count > 1, count}});
     if (ownsSlots) delete[] begin;
 }
 

@@ -93,7 +93,7 @@ READER_TEST::~READER_TEST() {
 }
 
 void READER_TEST::Write(DWORD id, const std::vector<std::string>& strings) {
-    const EVENT_SOURCE_HANDLE source(RegisterEventSourceW(nullptr, TEXT("Test")));
+    const EVENT_SOURCE_OWNER source(RegisterEventSourceW(nullptr, TEXT("Test")));
     ASSERT_TRUE(source);
     std::vector<STRING> wide;
     for (const std::string& text : strings) wide.emplace_back(text.c_str());
@@ -104,7 +104,7 @@ void READER_TEST::Write(DWORD id, const std::vector<std::string>& strings) {
 }
 
 void READER_TEST::ClearLog() {
-    const EVENT_LOG_HANDLE log(OpenEventLogW(nullptr, LogName));
+    const EVENT_LOG_OWNER log(OpenEventLogW(nullptr, LogName));
     ASSERT_TRUE(log);
     ASSERT_TRUE(ClearEventLogW(log.Get(), nullptr));
 }
@@ -388,7 +388,7 @@ TEST_F(RecordDumpTest, InsertsAreReplacedByTheProgramsOwnRules) {
     for (const auto& [given, expected] : cases) {
         SCOPED_TRACE(expected);
         const size_t size = (given.size() + 1) * sizeof(WCHAR);
-        LOCAL_TEXT text(static_cast<WCHAR*>(LocalAlloc(LMEM_FIXED, size)));
+        LOCAL_TEXT_OWNER text(static_cast<WCHAR*>(LocalAlloc(LMEM_FIXED, size)));
         memcpy(text.Get(), given.c_str(), size);
         ASSERT_TRUE(ExpandInserts(text, static_cast<DWORD>(given.size()), strings));
         EXPECT_EQ(expected, Narrow(text.Get()));

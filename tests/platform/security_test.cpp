@@ -4,8 +4,7 @@
 #include <sddl.h>
 
 #include "platform/account_names.h"
-#include "platform/privileges.h"
-#include "platform/sids.h"
+#include "platform/security.h"
 #include "platform/token_handle.h"
 #include "tests/support/debug_lines.h"
 #include "tests/support/fail_call.h"
@@ -27,7 +26,7 @@ namespace keldwick {
 namespace {
 
 std::string SidText(PSID sid) {
-    LOCAL_TEXT text;
+    LOCAL_TEXT_OWNER text;
     return sid != nullptr && ConvertSidToStringSidW(sid, text.Put()) ? Narrow(text.Get()) : "none";
 }
 
@@ -98,10 +97,10 @@ TEST_F(AccountNames, LookupAccountSidsFailuresAreSaid) {
 
 TEST(Privileges, WhatIsNotHeldIsAFailureThoughTheCallSucceeds) {
     const DEBUG_LINES lines;
-    const PRIVILEGE_SET set = CreateTokenPrivilegesHelper(SE_PRIVILEGE_ENABLED, SE_SECURITY_NAME);
+    const PRIVILEGE_SET_OWNER set = CreateTokenPrivilegesHelper(SE_PRIVILEGE_ENABLED, SE_SECURITY_NAME);
     ASSERT_TRUE(set);
     EXPECT_TRUE(set->PrivilegeCount == 1 && set->Privileges[0].Attributes == SE_PRIVILEGE_ENABLED);
-    PRIVILEGE_SET previous;
+    PRIVILEGE_SET_OWNER previous;
     const FAIL_CALL adjusting(AdjustTokenPrivileges_calls, TRUE, ERROR_NOT_ALL_ASSIGNED);
     EXPECT_EQ(1300u, SetTokenPrivileges(set));
     EXPECT_EQ(1300u, SetTokenPrivileges(set, &previous));

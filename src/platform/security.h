@@ -1,4 +1,4 @@
-// Making security identifiers.
+// Making security identifiers, and the privileges of the running process.
 #pragma once
 
 #include <windows.h>
@@ -8,6 +8,8 @@
 #include "platform/handles.h"
 
 namespace keldwick {
+
+// ---- Security identifiers ----
 
 constexpr DWORD SidNullAuthority = 0;  // indexes of the authorities that AllocateSid knows
 constexpr DWORD SidNtAuthority = 5;
@@ -22,5 +24,16 @@ PSID AllocateSid(DWORD authority, NUMBERS... list) {
     const DWORD numbers[] = {static_cast<DWORD>(list)...};
     return AllocateSidV(authority, numbers);
 }
+
+// ---- Privileges ----
+
+using PRIVILEGE_SET_OWNER = OWNER<HEAP_CLOSER<TOKEN_PRIVILEGES>>;
+
+// A set of one privilege with those attributes, such as SE_PRIVILEGE_ENABLED. Empty: the last error says why.
+PRIVILEGE_SET_OWNER CreateTokenPrivilegesHelper(DWORD attributes, const WCHAR* name);
+
+// Gives the process's token those privileges; `previous`, when given, receives what was changed. A Windows error code,
+// 0 on full success only: 1300 when the account does not hold one of them.
+DWORD SetTokenPrivileges(const PRIVILEGE_SET_OWNER& set, PRIVILEGE_SET_OWNER* previous = nullptr);
 
 }  // namespace keldwick

@@ -1,5 +1,5 @@
 // What the owners and time stamps promise.
-#include "platform/owner.h"
+#include "platform/handles.h"
 
 #include <gtest/gtest.h>
 
