@@ -38,10 +38,10 @@ endfunction()
 
 keldwick_level(resources FOLDER resources LINKS windows_headers)  # the layer serves these tables as a program's own
 keldwick_level(text FOLDER platform LINKS win32_layer
-  FILES critical_section error_code error_text format handles heap_buffer string time_stamp)
+  FILES error_text format handles heap_buffer string time_stamp)
 keldwick_level(diagnostics FOLDER diagnostics LINKS agent_text PRIVATE debug_line)
 keldwick_level(platform FOLDER platform LINKS agent_diagnostics agent_resources
-  FILES account_names host_names ip_address registry_values security token_handle version version_numbers)
+  FILES host_names ip_address registry_values security version version_numbers)
 keldwick_level(state FOLDER service LINKS agent_platform FILES command_line debug_modes settings stop)
 keldwick_level(directory FOLDER directory LINKS agent_state)
 keldwick_level(component FOLDER component LINKS agent_state)

@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "diagnostics/debug_output.h"
-#include "platform/critical_section.h"
 #include "platform/handles.h"
 #include "platform/heap_buffer.h"
 

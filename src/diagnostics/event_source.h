@@ -7,7 +7,6 @@
 #include <initializer_list>
 #include <span>
 
-#include "platform/critical_section.h"
 #include "platform/error_text.h"
 #include "platform/handles.h"
 

@@ -1,5 +1,7 @@
 #include "platform/error_text.h"
 
+#include <winsock2.h>
+
 #include <algorithm>
 #include <iterator>
 
@@ -28,6 +30,8 @@ constexpr DWORD DirectoryResults[] = {
 };
 
 }  // namespace
+
+ERROR_CODE ERROR_CODE::FromSockets() { return ERROR_CODE(static_cast<DWORD>(WSAGetLastError())); }
 
 bool LoadErrorText(STRING& text, DWORD code, HMODULE module) {
     DWORD length = 0;

@@ -1,10 +1,37 @@
 // Error codes as readable text, and the end of every message about a failed call.
 #pragma once
 
-#include "platform/error_code.h"
+#include <windows.h>
+
 #include "platform/string.h"
 
 namespace keldwick {
+
+// The code of a failed call, kept while a message about it is built. Take it right after the call, and put it back
+// before returning, since building and writing the message may change the thread's last error.
+class ERROR_CODE {
+public:
+    // How a message writes the code, and where its text comes from.
+    enum class FORM {
+        DECIMAL,
+        HEXADECIMAL,
+        DIRECTORY  // hexadecimal, with the texts of the directory interfaces
+    };
+
+    ERROR_CODE() : code(GetLastError()) {}
+    ERROR_CODE(DWORD number, FORM wanted = FORM::DECIMAL)
+        : code(number), form(wanted) {}  // NOLINT(google-explicit-constructor)
+    static ERROR_CODE FromSockets();     // WSAGetLastError
+    static ERROR_CODE FromDirectory(HRESULT result) { return {static_cast<DWORD>(result), FORM::DIRECTORY}; }
+
+    DWORD Get() const { return code; }
+    FORM Form() const { return form; }
+    void Restore() const { SetLastError(code); }
+
+private:
+    DWORD code;
+    FORM form = FORM::DECIMAL;
+};
 
 // The system's text for a Windows error code or HRESULT (or the module's, when one is given), without the line breaks
 // at its end and without one final period. Empty when there is none. Changes the thread's last error.

@@ -1,4 +1,4 @@
-// Making security identifiers, and the privileges of the running process.
+// Security: identifiers (SIDs), the names of their accounts, access tokens, and the privileges of the running process.
 #pragma once
 
 #include <windows.h>
@@ -6,6 +6,8 @@
 #include <span>
 
 #include "platform/handles.h"
+#include "platform/heap_buffer.h"
+#include "platform/string.h"
 
 namespace keldwick {
 
@@ -24,6 +26,33 @@ PSID AllocateSid(DWORD authority, NUMBERS... list) {
     const DWORD numbers[] = {static_cast<DWORD>(list)...};
     return AllocateSidV(authority, numbers);
 }
+
+// ---- Names of accounts ----
+
+// Opens the process-wide LSA policy, once, on the main thread. False: with a message and the last error.
+bool OpenLsaPolicy();
+
+// Asks the LSA. False when the policy is not open, the look-up failed (message, last error) or the account is unknown;
+// but for a failed look-up, both names are then empty.
+bool LsaLookupSidName(PSID sid, STRING& domain, STRING& account, SID_NAME_USE* type = nullptr);
+
+// Asks LookupAccountSidW. Each output may be null. False with a message.
+bool LookupSidAccount(PSID sid, STRING* account, STRING* domain = nullptr, SID_NAME_USE* type = nullptr);
+
+// ---- Tokens ----
+
+class TOKEN_HANDLE : public HANDLE_OWNER {
+public:
+    using HANDLE_OWNER::HANDLE_OWNER;
+
+    // False: the last error says why; with a message unless only the size was unknown.
+    bool GetInformation(TOKEN_INFORMATION_CLASS what, HEAP_BUFFER& information) const;
+    bool GetSessionId(DWORD& session) const;
+    bool GetUserSid(HEAP_BUFFER& sid) const;  // a copy
+};
+
+// The user SID and session of the running process; true when both were read.
+bool GetProcessUserSid(HEAP_BUFFER& sid, DWORD& session);
 
 // ---- Privileges ----
 

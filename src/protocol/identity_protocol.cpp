@@ -6,7 +6,6 @@
 #include <utility>
 
 #include "diagnostics/debug_output.h"
-#include "platform/error_code.h"
 #include "platform/error_text.h"
 #include "service/command_line.h"
 #include "service/settings.h"
@@ -235,8 +234,7 @@ WAIT_RESULT IDENTITY_PROTOCOL::Wait(DWORD seconds, SESSION_EVENTS wanted) {
                 ProcessEvents();
                 break;
             case WAIT_FAILED:
-                DebugPrint(TEXT("IDENTITY_PROTOCOL::Wait: Wait failed. %s. Error code = %lu."), ErrorText(error),
-                           error.Get());
+                DebugPrintError(error, TEXT("IDENTITY_PROTOCOL::Wait: Wait failed"));
                 return WAIT_RESULT::FAILED;
             default:
                 DebugPrint(TEXT("IDENTITY_PROTOCOL::Wait: Unexpected wait result = %ld"), static_cast<LONG>(signal));
@@ -323,8 +321,7 @@ bool IDENTITY_PROTOCOL::AwaitNextRound() {
         case WAIT_TIMEOUT:
             return true;
         case WAIT_FAILED:
-            DebugPrint(TEXT("IDENTITY_PROTOCOL::PersistentConnect Wait failed. %s. Error code = %lu."),
-                       ErrorText(error), error.Get());
+            DebugPrintError(error, TEXT("IDENTITY_PROTOCOL::PersistentConnect Wait failed"));
             return false;
         default:
             StopService(FormatString(TEXT("Unexpected Identity connect wait result = %lu"), result));

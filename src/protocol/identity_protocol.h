@@ -10,7 +10,6 @@
 #include <span>
 #include <vector>
 
-#include "platform/critical_section.h"
 #include "platform/handles.h"
 #include "platform/string.h"
 #include "protocol/identity_request.h"

@@ -2,9 +2,9 @@
 
 #include <cstring>
 
+#include "platform/version.h"
 #include "platform/version_numbers.h"
 #include "protocol/pack_buffer.h"
-#include "service/version_banner.h"
 
 namespace keldwick {
 

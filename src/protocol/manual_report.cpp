@@ -1,9 +1,8 @@
 #include "protocol/manual_report.h"
 
 #include "diagnostics/debug_output.h"
-#include "platform/account_names.h"
 #include "platform/host_names.h"
-#include "platform/token_handle.h"
+#include "platform/security.h"
 #include "protocol/identity_protocol.h"
 #include "protocol/identity_reports.h"
 #include "service/command_line.h"

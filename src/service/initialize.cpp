@@ -7,7 +7,6 @@
 
 #include "diagnostics/debug_output.h"
 #include "diagnostics/event_source.h"
-#include "platform/account_names.h"
 #include "platform/registry_values.h"
 #include "platform/security.h"
 #include "platform/string.h"

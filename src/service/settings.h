@@ -6,7 +6,6 @@
 
 #include <atomic>
 
-#include "platform/critical_section.h"
 #include "platform/handles.h"
 #include "platform/string.h"
 

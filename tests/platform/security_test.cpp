@@ -3,9 +3,7 @@
 #include <ntsecapi.h>
 #include <sddl.h>
 
-#include "platform/account_names.h"
 #include "platform/security.h"
-#include "platform/token_handle.h"
 #include "tests/support/debug_lines.h"
 #include "tests/support/fail_call.h"
 
