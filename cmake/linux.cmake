@@ -15,7 +15,7 @@ add_library(windows_headers INTERFACE)
 target_include_directories(windows_headers SYSTEM INTERFACE ${PROJECT_SOURCE_DIR}/win32/include)
 
 # The layer: libraries that call each other, and so are one link group. Its own headers, win32/FOLDER/..., are not for
-# src/: only component/, which knows the platform from the inside, gets them too.
+# the levels of src/.
 set(layer_folders text sync files registry eventlog services security directory sockets)
 set(layer_headers ${PROJECT_BINARY_DIR}/levels/layer)
 file(MAKE_DIRECTORY ${layer_headers})
@@ -32,7 +32,6 @@ target_link_libraries(win32_layer INTERFACE "$<LINK_GROUP:RESCAN,${members}>")
 
 set(KELDWICK_LEVEL_TYPE STATIC)
 include(cmake/levels.cmake)
-target_include_directories(agent_component PRIVATE ${layer_headers})
 
 # The whole agent, and the folders of its tests.
 set(agent_folders resources platform diagnostics eventlog identity directory protocol component service)
