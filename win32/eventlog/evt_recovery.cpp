@@ -134,6 +134,12 @@ void BelieveRecords(const EVT_FILE& file, EVT_STATE& state) {
     record = cursor.Find(position, 1, ignored);
     state.start = record ? state.OffsetOf(position) : state.end;
     state.oldest = record ? record->RecordNumber : 0;
+    // A record that has the next number already: those that follow it count up.
+    while (record != nullptr && record->RecordNumber >= state.current && record->RecordNumber != MAXDWORD) {
+        state.current = record->RecordNumber + 1;
+        position += record->Length;
+        record = cursor.Find(position, state.current, ignored);
+    }
 }
 
 }  // namespace

@@ -92,6 +92,24 @@ TEST_F(DAMAGE, EachHarmLeavesTheOtherRecordsReadableAndTheNextAppendWorks) {
         }
 }
 
+TEST_F(DAMAGE, ARecordWithTheNextNumberIsReadOnceEachWay) {
+    MakeLog(4);
+    FILE_BYTES bytes = Bytes();
+    Poke(bytes, Record(bytes, 1) + 4, 0);
+    for (DWORD number = 2; number <= 4; ++number) Poke(bytes, Record(bytes, number) + 8, number - 1);
+    Poke(bytes, HeaderStart, static_cast<DWORD>(Record(bytes, 2)));
+    Poke(bytes, HeaderEnd, EvtHeaderBytes);
+    Poke(bytes, HeaderCurrent, 1);
+    Poke(bytes, HeaderOldest, 0);
+    Poke(bytes, bytes.size() - 36, 7);  // no end-of-file record
+    root.Write("eventlog/Security.evt", bytes);
+    const LOG log = OpenLog();
+    const READ newest = ReadOnce(log.get(), Backwards);
+    EXPECT_EQ((std::vector<DWORD>{4, 3, 2}), newest.ids);
+    EXPECT_EQ(DWORD{ERROR_HANDLE_EOF}, ReadOnce(log.get(), Backwards).error);
+    EXPECT_EQ((std::vector<DWORD>{2, 3, 4}), ReadOnce(log.get(), Forwards).ids);
+}
+
 TEST_F(DAMAGE, AnAppendCutOffAtAnyByteGivesTheOldOrTheNewRecord) {
     MakeLog(3);
     const FILE_BYTES before = Bytes();
