@@ -1,5 +1,6 @@
 #include "tools/keldwickctl/setting_values.h"
 
+#include "service/settings.h"
 #include "tools/common/safe_text.h"
 #include "tools/common/values.h"
 #include "win32/text/utf.h"
@@ -12,39 +13,6 @@
 namespace tools {
 namespace {
 
-struct KNOWN_SETTING {
-    const char16_t* name;
-    DWORD type;
-    const char* unit;
-};
-
-constexpr KNOWN_SETTING KnownSettings[] = {
-    {u"IdentServer", REG_SZ, ""},
-    {u"IdentProtocol", REG_DWORD, ""},
-    {u"AdServer", REG_SZ, ""},
-    {u"Heartbeat", REG_DWORD, "minutes"},
-    {u"LogonTTL", REG_DWORD, "minutes"},
-    {u"Shutdown", REG_DWORD, ""},
-    {u"DebugOutput", REG_DWORD, ""},
-    {u"Statistics\\ServiceTickets", REG_DWORD, ""},
-    {u"Statistics\\Logons", REG_DWORD, ""},
-    {u"Linux\\NameLookupTimeout", REG_DWORD, "milliseconds"},
-    {u"Linux\\DirectoryBackend", REG_SZ, ""},
-    {u"Linux\\DirectoryUri", REG_SZ, ""},
-    {u"Linux\\DirectoryDomain", REG_SZ, ""},
-    {u"Linux\\DirectoryBind", REG_SZ, ""},
-    {u"Linux\\DirectoryUser", REG_SZ, ""},
-    {u"Linux\\DirectoryPasswordFile", REG_SZ, ""},
-    {u"Linux\\DirectoryKeytab", REG_SZ, ""},
-    {u"Linux\\DirectoryCaFile", REG_SZ, ""},
-    {u"Linux\\DirectoryStartTls", REG_DWORD, ""},
-    {u"Linux\\OsMajor", REG_DWORD, ""},
-    {u"Linux\\OsMinor", REG_DWORD, ""},
-    {u"Linux\\OsBuild", REG_DWORD, ""},
-    {u"Linux\\OsProductType", REG_DWORD, ""},
-    {u"Linux\\OsServicePack", REG_DWORD, ""},
-};
-
 struct TYPE_WORD {
     DWORD type;
     const char* word;
@@ -55,8 +23,8 @@ constexpr TYPE_WORD Types[] = {{REG_SZ, "sz"},         {REG_DWORD, "dword"},    
 
 constexpr const char* ProtocolWords[] = {"auto", "tcps", "tcp"};  // by their number
 
-const KNOWN_SETTING* Known(std::u16string_view name) {
-    for (const KNOWN_SETTING& setting : KnownSettings) {
+const keldwick::SETTING_INFO* Known(std::u16string_view name) {
+    for (const keldwick::SETTING_INFO& setting : keldwick::SettingTable) {
         if (win32::SameName(setting.name, name)) return &setting;
     }
     return nullptr;
@@ -130,12 +98,16 @@ std::vector<std::u16string> TextsOf(const std::vector<BYTE>& data) {
 }  // namespace
 
 const win32::REG_PATH& SettingsPath() {
-    static const win32::REG_PATH path{u"HKEY_LOCAL_MACHINE", u"SOFTWARE", u"Vantorel Systems", u"Keldwick"};
+    static const win32::REG_PATH path = [] {
+        win32::REG_PATH names;
+        win32::SplitKeyPath(keldwick::SettingsKeyFullName, names);
+        return names;
+    }();
     return path;
 }
 
 std::optional<DWORD> SettingType(std::u16string_view name) {
-    const KNOWN_SETTING* const setting = Known(name);
+    const keldwick::SETTING_INFO* const setting = Known(name);
     return setting != nullptr ? std::optional(setting->type) : std::nullopt;
 }
 
@@ -200,7 +172,7 @@ std::string ExplainValue(std::u16string_view name, const win32::REG_VALUE& value
         text = ShowValue(value);
     }
     if (IsNumber(value)) {
-        const KNOWN_SETTING* const setting = Known(name);
+        const keldwick::SETTING_INFO* const setting = Known(name);
         const uint64_t number = NumberOf(value.data);
         char hex[24];
         std::snprintf(hex, sizeof hex, " (%#llx)", static_cast<unsigned long long>(number));
