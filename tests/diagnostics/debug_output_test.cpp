@@ -201,9 +201,9 @@ TEST_F(DebugOutput, PrintingKeepsTheLastErrorAndThePrefixIsBounded) {
     DebugPrint(TEXT("x"));
     EXPECT_EQ(1234u, GetLastError());
     EXPECT_EQ("01234567890123456789012345678901(*) x\r\n", Log());
-    DebugPrintError(1234, TEXT("No %s"), TEXT("y"));
-    EXPECT_EQ(1234u, GetLastError());
-    EXPECT_TRUE(Log().ends_with(". Error code = 1234.\r\n"));
+    DebugPrintError(5, TEXT("No %s"), TEXT("y"));
+    EXPECT_EQ(5u, GetLastError());
+    EXPECT_TRUE(Log().ends_with("No y. Access is denied. Error code = 5.\r\n"));
 }
 
 TEST(DebugMode, NamesInTheirOrder) {
