@@ -14,12 +14,15 @@
 
 namespace keldwick {
 
-// Takes the step as far as memory allows: the debug output never fails its callers.
+// Takes the step as far as memory allows: the debug output never fails its callers. False: it ended for want of memory.
 template <typename STEP>
-void WithinMemory(STEP step) try {
+bool WithinMemory(STEP step) try {
     step();
+    return true;
 } catch (const STRING_NO_MEMORY&) {
+    return false;
 } catch (const std::bad_alloc&) {
+    return false;
 }
 
 // A growing block of text units, used again for every line so that lines cost no allocation. What cannot be allocated

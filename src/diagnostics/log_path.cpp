@@ -147,7 +147,8 @@ bool SetLogPath(LOG_PATH_CHOICE folder, LOG_PATH_CHOICE baseName, LOG_PATH_CHOIC
     DEBUG_STATE& state = DebugState();
     const LOCK_GUARD guard(state.lock);
     bool writable = false;
-    WithinMemory([&] { writable = ChooseLogPath(state, folder, baseName, extension, module); });
+    if (!WithinMemory([&] { writable = ChooseLogPath(state, folder, baseName, extension, module); }))
+        InternalPrint(TEXT("Unable to set the log path: not enough memory"));
     return writable;
 }
 
