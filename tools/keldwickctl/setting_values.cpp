@@ -51,15 +51,14 @@ bool IsNumber(const win32::REG_VALUE& value) {
 }
 
 std::vector<BYTE> ParseNumberSetting(std::u16string_view name, const std::string& text, DWORD type) {
-    std::optional<uint64_t> number = ParseNumber(text, UINT64_MAX);
-    if (!number && win32::SameName(name, u"IdentProtocol")) number = ProtocolNumber(text);
-    const bool fits = number && (type == REG_QWORD || *number <= MAXDWORD);
-    if (!fits) {
-        const bool protocol = win32::SameName(name, u"IdentProtocol");
-        Misfit(name, "takes " + std::string(protocol ? "auto, tcps, tcp or " : "") + "a number of at most " +
-                         (type == REG_QWORD ? "64" : "32") + " bits, not \"" + text + "\"");
-    }
-    return LittleEndian(*number, type == REG_QWORD ? 8 : 4);
+    const DWORD bytes = type == REG_QWORD ? 8 : 4;
+    if (const auto number = ParseNumber(text, type == REG_QWORD ? UINT64_MAX : MAXDWORD))
+        return LittleEndian(*number, bytes);
+    const bool protocol = win32::SameName(name, u"IdentProtocol");
+    if (protocol)
+        if (const auto number = ProtocolNumber(text)) return LittleEndian(*number, bytes);
+    Misfit(name, "takes " + std::string(protocol ? "auto, tcps, tcp or " : "") + "a number of at most " +
+                     (type == REG_QWORD ? "64" : "32") + " bits, not \"" + text + "\"");
 }
 
 // Pairs of hexadecimal digits; blanks and commas between the pairs do not count.
