@@ -148,7 +148,7 @@ bool SetLogPath(LOG_PATH_CHOICE folder, LOG_PATH_CHOICE baseName, LOG_PATH_CHOIC
     const LOCK_GUARD guard(state.lock);
     bool writable = false;
     if (!WithinMemory([&] { writable = ChooseLogPath(state, folder, baseName, extension, module); }))
-        InternalPrint(TEXT("Unable to set the log path: not enough memory"));
+        DebuggerPrint(TEXT("Unable to set the log path: not enough memory"));
     return writable;
 }
 
