@@ -1,5 +1,5 @@
-// The clocks. The wall clock is read through GetSystemTimeAsFileTime alone, so that whoever replaces it moves all
-// times.
+// The clocks. All wall-clock times come from GetSystemTimeAsFileTime, so that replacing this call moves all of them.
+// What is computed from its reading is in file_time.cpp.
 #include <sched.h>
 #include <time.h>
 #include <unistd.h>
