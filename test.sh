@@ -23,11 +23,9 @@ build fuzz fuzz-targets
 fuzz/run-briefly build/fuzz/bin
 
 step "The threaded parts under the thread sanitizer"
-threaded=(tests_win32_sync tests_win32_files tests_win32_registry tests_win32_eventlog tests_win32_sockets
-          tests_win32_directory tests_win32_services tests_diagnostics tests_component tests_protocol tests_service
-          tests_loop)
+threaded=(tests_win32 tests_diagnostics tests_component tests_protocol tests_service tests_loop)
 build tsan "${threaded[@]}"
-ctest --preset tsan -L 'layer|unit|loop' -R '^(win32/(sync|files|registry|eventlog|sockets|directory|services)|diagnostics|component|protocol|service|loop)/' \
+ctest --preset tsan -L 'layer|unit|loop' -R '^(win32|diagnostics|component|protocol|service|loop)/' \
     --no-tests=error >build/tsan/ctest.log || { cat build/tsan/ctest.log; exit 1; }
 grep 'tests passed' build/tsan/ctest.log
 

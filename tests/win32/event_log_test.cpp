@@ -1,0 +1,133 @@
+// The event-log calls: positions, codes, the circle, clearing, resizing, notification.
+#include <fcntl.h>
+#include <sys/file.h>
+
+#include <filesystem>
+#include <tuple>
+
+#include "tests/win32/log_fixture.h"
+#include "win32/files/machine_root.h"
+#include "win32/sync/descriptor.h"
+
+namespace win32 {
+namespace {
+
+using EVENT_LOG_CALLS = LOG_TEST;
+
+TEST_F(EVENT_LOG_CALLS, FlagsOffsetsAndBufferSizesAreAnsweredWithTheDocumentedCodes) {
+    MakeLog();
+    ASSERT_TRUE(Append(101, 10));
+    const DWORD one = AsRecord(MakeRecord(1)).Length;
+    const std::tuple<DWORD, DWORD, DWORD, DWORD, std::vector<DWORD>> cases[] = {
+        {1, 4096, 0, ERROR_INVALID_PARAMETER, {}},
+        {1 | 2 | 4, 4096, 1, ERROR_INVALID_PARAMETER, {}},
+        {1 | 4, MaxReadBytes + 1, 0, ERROR_INVALID_PARAMETER, {}},
+        {2 | 4, 4096, 0, ERROR_INVALID_PARAMETER, {}},
+        {2 | 4, 4096, 11, ERROR_INVALID_PARAMETER, {}},
+        {2 | 4, 65536, 8, 0, Range(108, 110)},
+        {2 | 8, 65536, 3, 0, Range(103, 101)},
+        {2 | 4, one - 1, 8, ERROR_INSUFFICIENT_BUFFER, {}},
+        {2 | 4, one, 8, 0, Range(108, 108)},
+        {2 | 4, 2 * one - 1, 8, 0, Range(108, 108)},
+    };
+    for (const auto& [flags, bytes, offset, error, ids] : cases) {
+        SCOPED_TRACE(testing::Message() << flags << ", " << bytes << " bytes from " << offset);
+        const READ read = ReadOnce(OpenLog().get(), flags, bytes, offset);
+        EXPECT_EQ(error, read.error);
+        EXPECT_EQ(ids, read.ids);
+        EXPECT_EQ(error == ERROR_INSUFFICIENT_BUFFER ? one : 0, read.needed);
+    }
+}
+
+TEST_F(EVENT_LOG_CALLS, NamesThatMeanNoLogAreRefused) {
+    MakeLog();
+    root.Write("eventlog/Broken.evt", "no log");
+    const std::pair<std::u16string, DWORD> cases[] = {
+        {u"sECURITY", 0},
+        {u"Nonesuch", ERROR_FILE_NOT_FOUND},
+        {u"../eventlog/Security", ERROR_INVALID_NAME},
+        {u".Security", ERROR_INVALID_NAME},
+        {std::u16string(300, u'a'), ERROR_INVALID_NAME},
+        {u"Broken", ERROR_EVENTLOG_FILE_CORRUPT},
+        {u"C:\\tmp", ERROR_EVENTLOG_FILE_CORRUPT},
+    };
+    for (const auto& [log, error] : cases) EXPECT_EQ(error, ErrorOf(OpenLog(log.c_str()) != nullptr));
+    EXPECT_TRUE(OpenLog(WindowsPath(Path()).c_str()));
+}
+
+TEST_F(EVENT_LOG_CALLS, AChangedMaxSizeKeepsTheNewestRecordsAndTheReadersPlace) {
+    MakeLog(1000);
+    const LOG log = OpenLog();
+    ReadAll(log.get(), Forwards);
+    for (const DWORD size : {3 * SmallestLog, SmallestLog, 2 * SmallestLog}) {
+        SCOPED_TRACE(size);
+        ASSERT_TRUE(Append(1001, 1500, size));
+        const std::vector<DWORD> followed = ReadAll(log.get(), Forwards).numbers;
+        const std::vector<DWORD> held = ReadAll(OpenLog().get(), Forwards).numbers;
+        EXPECT_EQ(held.back(), followed.back());
+        EXPECT_EQ(Range(followed.front(), followed.back()), followed);
+        EXPECT_GE(followed.front(), held.front());
+        EXPECT_LE(std::filesystem::file_size(Path()), size);
+        EXPECT_GT(std::filesystem::file_size(Path()), size / 2);
+    }
+}
+
+TEST_F(EVENT_LOG_CALLS, ARecordThatCannotFitIsRefusedAndTheLogStaysAsItIs) {
+    MakeLog(3);
+    const std::string before = Bytes();
+    EXPECT_EQ(DWORD{ERROR_LOG_FILE_FULL}, ErrorOf(Append(4, 1, SmallestLog, 40000)));
+    NEW_EVENT event;
+    event.strings = {std::u16string(MaxRecordBytes / 2, u'x')};
+    BYTES record;
+    EXPECT_EQ(DWORD{ERROR_INVALID_PARAMETER}, ErrorOf(BuildRecord(event, record)));
+    EXPECT_EQ(before, Bytes());
+    EXPECT_TRUE(Append(4, 3, SmallestLog, 30000));  // one fills nearly all of it
+    EXPECT_EQ(Range(6, 6), ReadOnce(OpenLog().get(), Forwards, MaxReadBytes).ids);
+}
+
+TEST_F(EVENT_LOG_CALLS, ALogWhoseNameCannotBeLookedAtIsReadOn) {
+    MakeLog(2);
+    const LOG reader = OpenLog();
+    EXPECT_EQ(Range(1, 2), ReadOnce(reader.get(), Forwards).ids);
+    ASSERT_TRUE(Append(3, 1));
+    std::filesystem::rename(root.Path("eventlog"), root.Path("moved"));
+    std::filesystem::create_symlink("eventlog", root.Path("eventlog"));  // a loop
+    EXPECT_EQ(Range(3, 3), ReadOnce(reader.get(), Forwards).ids);
+}
+
+TEST_F(EVENT_LOG_CALLS, AManualResetEventWakesOneWaitForEachChangeAndThenNoMore) {
+    MakeLog();
+    const LOG log = OpenLog();
+    const OWNED_HANDLE changed(ManualEvent());
+    ASSERT_TRUE(NotifyChangeEventLog(log.get(), changed));
+    DWORD seen = 0;
+    for (DWORD id = 1; id <= 20; ++id) {
+        ASSERT_TRUE(Append(id, 1));
+        ASSERT_TRUE(IsSet(changed, SoonEnough));
+        seen += static_cast<DWORD>(ReadAll(log.get(), Forwards).ids.size());
+    }
+    EXPECT_EQ(20u, seen);
+    EXPECT_FALSE(IsSet(changed)) << "the wake-up was used up";
+    ASSERT_TRUE(ClearLogFile(Path(), SmallestLog));
+    EXPECT_TRUE(IsSet(changed, SoonEnough));
+    EXPECT_EQ(DWORD{ERROR_EVENTLOG_FILE_CHANGED}, ReadOnce(log.get(), Forwards).error);
+}
+
+TEST_F(EVENT_LOG_CALLS, ALockThatAnotherKeepsFailsReadsAndWritesInTime) {
+    MakeLog(3);
+    const LOG log = OpenLog();
+    const DESCRIPTOR other(open(Path().c_str(), O_RDONLY | O_CLOEXEC));
+    ASSERT_EQ(0, flock(other.Get(), LOCK_EX));
+    const ULONGLONG before = ticksAhead;
+    ticksPerCall = 1000;
+    EXPECT_EQ(DWORD{ERROR_LOCK_VIOLATION}, ReadOnce(log.get(), Forwards).error);
+    EXPECT_EQ(DWORD{ERROR_LOCK_VIOLATION}, ErrorOf(Append(4, 1)));
+    EXPECT_EQ(DWORD{ERROR_LOCK_VIOLATION}, ErrorOf(ClearLogFile(Path(), SmallestLog)));
+    ticksPerCall = 0;
+    EXPECT_LT(ticksAhead - before, 3u * 15'000) << "some ten seconds each";
+    flock(other.Get(), LOCK_UN);
+    EXPECT_EQ(Range(1, 3), ReadOnce(log.get(), Forwards).ids);
+}
+
+}  // namespace
+}  // namespace win32

@@ -1,0 +1,116 @@
+// Changes of files, told by inotify or found by looking.
+#include "win32/files/file_watch.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
+
+#include "tests/win32/fixture.h"
+
+namespace {
+
+// Sets the event at each change.
+class SIGNALLED_WATCH {
+public:
+    explicit SIGNALLED_WATCH(const std::string& path) : watch(path, [this] { SetEvent(changed); }) {}
+    // Whether it tells of what the act changes.
+    bool Tells(const std::function<void()>& act) {
+        ResetEvent(changed);
+        act();
+        return IsSet(changed, SoonEnough);
+    }
+
+private:
+    const OWNED_HANDLE changed = AutoEvent();
+    const win32::FILE_WATCH watch;
+};
+
+class FileWatch : public MACHINE_TEST {
+protected:
+    // Changes that inotify does not tell of, on a clock that is moved.
+    void ExpectPolling() const {
+        SIGNALLED_WATCH watch(root.Path("folder/watched"));
+        for (const char* text : {"one", "two"}) {
+            EXPECT_TRUE(watch.Tells([&] {
+                root.Write("folder/watched", text);
+                ticksAhead += 1000;
+            })) << text;
+        }
+    }
+};
+
+TEST_F(FileWatch, EveryWayToChangeAFileIsTold) {
+    namespace fs = std::filesystem;
+    const std::string path = root.Path("watched"), aside = root.Path("aside");
+    SIGNALLED_WATCH watch(path), barrier(root.Path("barrier"));
+    const auto write = [&](const char* text) { root.Write("watched", text); };
+    const std::pair<const char*, std::function<void()>> cases[] = {
+        {"created and written", [&] { write("one"); }},
+        {"written in place", [&] { write("two"); }},
+        {"replaced by a rename", [&] { root.Write("aside", "three"), fs::rename(aside, path); }},
+        {"written after the rename", [&] { write("four"); }},
+        {"renamed away", [&] { fs::rename(path, aside); }},
+        {"created in its place", [&] { write("five"); }},
+        {"written, the new one", [&] { write("six"); }},
+        {"removed", [&] { fs::remove(path); }},
+    };
+    for (const auto& [name, act] : cases) {
+        // The second call comes with a later batch of events: what went before the first has then been told.
+        for (int i = 0; i < 2; ++i) ASSERT_TRUE(barrier.Tells([&] { root.Write("barrier", "x"); }));
+        EXPECT_TRUE(watch.Tells(act)) << name;
+    }
+}
+
+TEST_F(FileWatch, WhatInotifyRefusesIsPolledAndSaidOnce) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");  // the process says it once
+    const struct {
+        int instance, watch;
+        bool folder;
+    } cases[] = {{EMFILE, 0, true}, {0, ENOSPC, true}, {0, 0, false}};
+    for (const auto& c : cases) {
+        std::filesystem::remove_all(root.Path("folder"));
+        if (c.folder) root.Write("folder/watched", "old");
+        const auto run = [&] {
+            inotifyInitError = c.instance;
+            inotifyWatchError = c.watch;
+            ExpectPolling();
+            ExpectPolling();
+            _exit(testing::Test::HasFailure());
+        };
+        const char* const once = "do not come by inotify";
+        ASSERT_EXIT(run(), testing::ExitedWithCode(0),
+                    testing::AllOf(testing::HasSubstr(once),
+                                   testing::Not(testing::ContainsRegex(std::string(once) + "(.|\n)*" + once))));
+    }
+}
+
+TEST_F(FileWatch, AfterEventsThatWereLostTheFileOfThatNameIsWatched) {
+    root.Write("watched", "old");
+    root.Write("aside", "new");
+    unsigned room = 0;
+    std::ifstream("/proc/sys/fs/inotify/max_queued_events") >> room;
+    if (room == 0 || room > 200'000) GTEST_SKIP() << "too many events fit the queue";
+    std::mutex busy;
+    const OWNED_HANDLE entered = ManualEvent();
+    const win32::FILE_WATCH blocking(root.Path("blocking"), [&] {
+        SetEvent(entered);
+        const std::lock_guard wait(busy);
+    });
+    SIGNALLED_WATCH watch(root.Path("watched"));
+    std::unique_lock hold(busy);
+    root.Write("blocking", "x");
+    ASSERT_TRUE(IsSet(entered, SoonEnough));
+    const std::string flood = root.Path("flood");
+    for (unsigned i = 0; i <= room / 2; ++i) {
+        close(open(flood.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
+        unlink(flood.c_str());
+    }
+    std::filesystem::rename(root.Path("aside"), root.Path("watched"));
+    ASSERT_TRUE(watch.Tells([&] { hold.unlock(); }));
+    EXPECT_TRUE(watch.Tells([&] { root.Write("watched", "in place"); }));
+}
+
+}  // namespace

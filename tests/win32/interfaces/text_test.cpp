@@ -1,0 +1,97 @@
+// Texts by the calls alone: comparison, conversion, the environment.
+#include <cstdlib>
+
+#include "tests/win32/fixture.h"
+
+namespace {
+
+// The orders below are those of US English, whatever the user of this machine speaks. Set before anything is compared.
+[[maybe_unused]] const int pinned = setenv("LC_ALL", "en_US.UTF-8", 1);
+
+using namespace std::string_literals;
+
+int Sign(int value) { return value < 0 ? -1 : value > 0 ? 1 : 0; }
+
+TEST(Compare, CaseCountsOnlyWhenAskedFor) {
+    const struct {
+        const char16_t *a, *b;
+        int exact, ignoreCase;  // lstrcmpW, lstrcmpiW
+    } cases[] = {{u"", u"", 0, 0},
+                 {u"", u"a", -1, -1},
+                 {u"KRBTGT", u"krbtgt", 1, 0},
+                 {u"a", u"B", -1, -1},
+                 {u"\u00C9ric", u"\u00E9RIC", 1, 0},
+                 {u"e\u0301", u"\u00E9", 0, 0},
+                 {u"Zo\u00EB", u"Zoe", 1, 1},
+                 {nullptr, u"", -1, -1}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(&c - cases);
+        EXPECT_EQ(c.exact, Sign(lstrcmpW(c.a, c.b)));
+        EXPECT_EQ(-c.exact, Sign(lstrcmpW(c.b, c.a)));
+        EXPECT_EQ(c.ignoreCase, Sign(lstrcmpiW(c.a, c.b)));
+        EXPECT_EQ(-c.ignoreCase, Sign(lstrcmpiW(c.b, c.a)));
+    }
+}
+
+// Both calls of the usual pattern: the size, then the text.
+template <typename TEXT, typename CONVERT>
+TEXT Converted(CONVERT convert) {
+    TEXT text(static_cast<size_t>(convert(nullptr, 0)), 0);
+    EXPECT_TRUE(text.empty() || convert(text.data(), static_cast<int>(text.size())) == static_cast<int>(text.size()));
+    return text;
+}
+
+TEST(Conversion, MalformedTextIsReplacedInBothDirections) {
+    struct CASE {
+        std::string utf8;
+        std::u16string utf16;
+        enum { Neither, Bytes, Units } wrong = Neither;  // which of both is malformed
+    };
+    const CASE cases[] = {{"Anna"s, u"Anna"s},
+                          {"a\0b"s, u"a\0b"s},
+                          {"\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80", u"\u00E9\u20AC\U0001F600"},
+                          {"a\377b", u"a\uFFFDb", CASE::Bytes},
+                          {"a\xE2\x82", u"a\uFFFD", CASE::Bytes},
+                          {"\xC0\x80", u"\uFFFD\uFFFD", CASE::Bytes},
+                          {"\xED\xA0\x80", u"\uFFFD\uFFFD\uFFFD", CASE::Bytes},
+                          {"\xEF\xBF\xBD!", {0xD83D, u'!'}, CASE::Units}};
+    for (const CASE& c : cases) {
+        SCOPED_TRACE(c.utf8);
+        const int bytes = static_cast<int>(c.utf8.size()), units = static_cast<int>(c.utf16.size());
+        const auto widen = [&](LPWSTR to, int room) {
+            return MultiByteToWideChar(CP_UTF8, 0, c.utf8.data(), bytes, to, room);
+        };
+        const auto narrow = [&](LPSTR to, int room) {
+            return WideCharToMultiByte(CP_UTF8, 0, c.utf16.data(), units, to, room, nullptr, nullptr);
+        };
+        EXPECT_TRUE(c.wrong == CASE::Units || c.utf16 == Converted<std::u16string>(widen));
+        EXPECT_TRUE(c.wrong == CASE::Bytes || c.utf8 == Converted<std::string>(narrow));
+    }
+    for (const int room : {1, 2}) {
+        char text[] = "xxx";
+        EXPECT_EQ(0, WideCharToMultiByte(CP_UTF8, 0, u"a\u00E9", 2, text, room, nullptr, nullptr));
+        EXPECT_EQ(DWORD{ERROR_INSUFFICIENT_BUFFER}, GetLastError());
+        EXPECT_EQ('x', text[room]);
+    }
+}
+
+TEST(Environment, KnownNamesAreExpandedAndUnknownOnesKept) {
+    setenv("KELDWICK_EMPTY", "", 1);
+    setenv("KELDWICK_WORD", "\xC3\xA9t\xC3\xA9", 1);
+    const std::pair<const char16_t*, std::u16string> cases[] = {
+        {u"%keldwick_word%\\x.dll", u"\u00E9t\u00E9\\x.dll"},   {u"a%KELDWICK_EMPTY%b", u"ab"},
+        {u"%NO_SUCH_NAME_HERE%", u"%NO_SUCH_NAME_HERE%"},       {u"100%", u"100%"},
+        {u"%no such%KELDWICK_WORD%", u"%no such\u00E9t\u00E9"},
+    };
+    for (const auto& [text, expanded] : cases) {
+        const DWORD needed = ExpandEnvironmentStringsW(text, nullptr, 0);
+        ASSERT_EQ(expanded.size() + 1, needed);
+        std::u16string buffer(needed, u'x');
+        EXPECT_EQ(needed, ExpandEnvironmentStringsW(text, buffer.data(), needed - 1));
+        EXPECT_EQ(u'x', buffer[needed - 1]);
+        EXPECT_EQ(needed, ExpandEnvironmentStringsW(text, buffer.data(), needed));
+        EXPECT_EQ(expanded, std::u16string(buffer.c_str()));
+    }
+}
+
+}  // namespace

@@ -1,0 +1,119 @@
+// Look-ups of names when the name server is slow, dead or alive again.
+#include <arpa/inet.h>
+#include <ws2tcpip.h>
+
+#include <chrono>
+#include <thread>
+
+#include "tests/win32/fixture.h"
+
+namespace {
+
+constexpr int MaxLookups = 16;       // under way
+constexpr ULONGLONG Pause = 10'000;  // after a look-up that got no answer
+
+INT LookUp() {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    inet_pton(AF_INET, "192.0.2.1", &address.sin_addr);
+    WCHAR host[1025];
+    const auto* const named = reinterpret_cast<const sockaddr*>(&address);
+    return GetNameInfoW(named, sizeof(address), host, 1025, nullptr, 0, NI_NAMEREQD);
+}
+
+class NameInfo : public MACHINE_TEST {
+protected:
+    NameInfo() { SetTimeout("14"); }
+    ~NameInfo() override {
+        Revive();
+        ticksAhead += Pause;
+        AwaitName();
+    }
+    void SetTimeout(const std::string& hexMs) const { LinuxSettings("NameLookupTimeout=dword:" + hexMs); }
+    static void Die() {
+        const std::lock_guard guard(nameServer.lock);
+        nameServer.dead = true;
+    }
+    static void Revive() {
+        {
+            const std::lock_guard guard(nameServer.lock);
+            nameServer.dead = false;
+            nameServer.result = 0;
+            nameServer.duration = 0;
+            nameServer.changed.notify_all();
+        }
+        WaitForWaiting(0);
+    }
+    static void WaitForWaiting(int count) {
+        std::unique_lock guard(nameServer.lock);
+        nameServer.changed.wait(guard, [=] { return nameServer.waiting == count; });
+    }
+    static void AwaitName() {
+        while (LookUp() != 0) std::this_thread::yield();
+    }
+    static int Asked() {
+        const std::lock_guard guard(nameServer.lock);
+        return std::exchange(nameServer.asked, 0);
+    }
+};
+
+TEST_F(NameInfo, ADeadNameServerIsNotAskedForTenSeconds) {
+    Die();
+    Asked();
+    EXPECT_EQ(WSATRY_AGAIN, LookUp());
+    EXPECT_EQ(1, Asked());
+    for (const ULONGLONG moved : {ULONGLONG{0}, Pause - 1000}) {
+        ticksAhead += moved;
+        EXPECT_EQ(WSATRY_AGAIN, LookUp());
+        EXPECT_EQ(0, Asked()) << "within the pause";
+    }
+    ticksAhead += 1000;
+    const ULONGLONG again = GetTickCount64();
+    EXPECT_EQ(WSATRY_AGAIN, LookUp());
+    EXPECT_EQ(1, Asked()) << "after the pause";
+    EXPECT_EQ(WSATRY_AGAIN, LookUp());
+    EXPECT_EQ(0, Asked()) << "one look-up a pause";
+    Revive();
+    AwaitName();
+    EXPECT_LT(GetTickCount64() - again, Pause) << "the late answer ends the pause";
+}
+
+TEST_F(NameInfo, AfterThePauseALookUpWaitsForAMomentOnly) {
+    Die();
+    EXPECT_EQ(WSATRY_AGAIN, LookUp());
+    SetTimeout("4E20");
+    ticksAhead += Pause;
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(WSATRY_AGAIN, LookUp());
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));
+}
+
+TEST_F(NameInfo, OnlyASlowFailureOfTheNameServerBeginsThePause) {
+    SetTimeout("EA60");
+    const struct {
+        int result;
+        ULONGLONG duration;
+        int asked;  // for two look-ups
+    } cases[] = {{EAI_AGAIN, 0, 2}, {EAI_NONAME, 5000, 2}, {EAI_AGAIN, 1000, 1}};
+    for (const auto& one : cases) {
+        nameServer.result = one.result;
+        nameServer.duration = one.duration;
+        Asked();
+        for (int i = 0; i < 2; ++i) EXPECT_NE(0, LookUp());
+        EXPECT_EQ(one.asked, Asked()) << one.result << " after " << one.duration;
+    }
+}
+
+TEST_F(NameInfo, ADeadNameServerCostsABoundedNumberOfThreads) {
+    Die();
+    for (int i = 0; i < MaxLookups; ++i) {
+        EXPECT_EQ(WSATRY_AGAIN, LookUp());
+        ticksAhead += Pause;
+    }
+    WaitForWaiting(MaxLookups);
+    Asked();
+    EXPECT_EQ(WSATRY_AGAIN, LookUp());
+    EXPECT_EQ(0, Asked());
+}
+
+}  // namespace

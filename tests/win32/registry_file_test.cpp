@@ -1,0 +1,84 @@
+// The file of the registry, which editors, tools and other processes change as well.
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <thread>
+#include <tuple>
+
+#include "tests/win32/registry_keys.h"
+
+namespace {
+
+using RegistryFile = MACHINE_TEST;
+
+TEST_F(RegistryFile, AnEditByHandIsSeenAtOnce) {
+    root.Write(File, Heartbeat(0));
+    const KEY key;
+    for (int i = 0; i < 10; ++i) {  // the same size, and more than one within a tick of the file system's clock
+        root.Write(File, Heartbeat(i));
+        EXPECT_EQ(i, Number(key, u"Heartbeat"));
+    }
+}
+
+TEST_F(RegistryFile, OneThatDoesNotParseChangesNothingAndIsComplainedAboutOnce) {
+    const std::string broken = Settings("\"Heartbeat\"=dword:oops\n");
+    root.Write(File, Heartbeat(7));
+    const KEY key;
+    root.Write(File, broken);
+    testing::internal::CaptureStderr();
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(7, Number(key, u"Heartbeat"));
+    EXPECT_EQ(ERROR_BADDB, SetNumber(key, u"Heartbeat", 8));
+    EXPECT_EQ(ERROR_BADDB, RegDeleteValueW(key, u"Heartbeat"));
+    EXPECT_EQ(broken, root.Read(File));
+    EXPECT_EQ(1u, Times(testing::internal::GetCapturedStderr(), "line 4"));
+    std::filesystem::remove(root.Path(File));  // an editor between two renames
+    EXPECT_EQ(7, Number(key, u"Heartbeat"));
+    root.Write(File, Heartbeat(9));
+    EXPECT_EQ(ERROR_SUCCESS, SetNumber(key, u"LogonTTL", 8));
+    EXPECT_EQ(9, Number(key, u"Heartbeat"));
+}
+
+TEST_F(RegistryFile, AFailedWriteSaysWhyAndLeavesTheOldFile) {
+    const KEY key;
+    const std::string before = root.Read(File);
+    const std::tuple<std::atomic<int>&, int, LSTATUS> cases[] = {{fsyncError, ENOSPC, ERROR_DISK_FULL},
+                                                                 {renameError, EROFS, ERROR_WRITE_PROTECT}};
+    for (const auto& [call, error, status] : cases) {
+        call = error;
+        EXPECT_EQ(status, SetNumber(key, u"Heartbeat", 1));
+        call = 0;
+        EXPECT_EQ(before, root.Read(File));
+        EXPECT_FALSE(std::filesystem::exists(root.Path(File + ".new")));
+    }
+    root.Write(File + ".new", "left by a crash");
+    EXPECT_EQ(ERROR_SUCCESS, SetNumber(key, u"Heartbeat", 1));
+    EXPECT_EQ(1, Number(key, u"Heartbeat"));
+    EXPECT_FALSE(std::filesystem::exists(root.Path(File + ".new")));
+}
+
+TEST_F(RegistryFile, ProcessesAndThreadsWritingAtOnceLoseNothing) {
+    constexpr int writes = 25;
+    const auto write = [](const std::u16string& name) {
+        const KEY key;
+        LSTATUS status = ERROR_SUCCESS;
+        for (char16_t letter = u'A'; letter < u'A' + writes && status == ERROR_SUCCESS; ++letter)
+            status = SetNumber(key, (name + letter).c_str(), 1);
+        return status;
+    };
+    std::vector<pid_t> children;
+    std::vector<std::thread> threads;
+    for (const char16_t* name : {u"p0", u"p1", u"p2"})
+        if (children.emplace_back(fork()) == 0) _exit(static_cast<int>(write(name)));
+    for (const char16_t* name : {u"t0", u"t1"})
+        threads.emplace_back([&, name] { EXPECT_EQ(ERROR_SUCCESS, write(name)); });
+    for (std::thread& thread : threads) thread.join();
+    for (const pid_t child : children) {
+        int status = -1;
+        EXPECT_TRUE(waitpid(child, &status, 0) == child && status == 0);
+    }
+    EXPECT_EQ(size_t{5 * writes}, Times(root.Read(File), "=dword:00000001\n"));
+}
+
+}  // namespace

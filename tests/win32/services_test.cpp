@@ -1,0 +1,88 @@
+// A stop that comes early, the watchdog's measure, and the end by an exception. What a service manager is told is
+// tested in tests/system.
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <new>
+#include <stdexcept>
+#include <thread>
+
+#include "tests/win32/fixture.h"
+#include "win32/services/last_words.h"
+#include "win32/services/service_manager.h"
+#include "win32/sync/descriptor.h"
+
+namespace {
+
+TEST(Service, AStopSignalThatComesTooEarlyIsPassedOnLater) {
+    const TEMPORARY_ROOT root;
+    const win32::DESCRIPTOR manager(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    root.Path("notify").copy(address.sun_path, sizeof(address.sun_path) - 1);
+    ASSERT_EQ(0, bind(manager.Get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)));
+    setenv("NOTIFY_SOCKET", address.sun_path, 1);
+    static HANDLE stop = AutoEvent();
+    const auto main = [](DWORD, LPWSTR*) {
+        const SERVICE_STATUS_HANDLE service = RegisterServiceCtrlHandlerExW(
+            u"KELDWICK", [](DWORD control, DWORD, LPVOID, LPVOID) { return DWORD(control == 1 && !SetEvent(stop)); },
+            nullptr);
+        const auto report = [&](DWORD state, DWORD accepted) {
+            SERVICE_STATUS status{SERVICE_WIN32_OWN_PROCESS, state, accepted, 0, 0, 0, 0};
+            EXPECT_TRUE(SetServiceStatus(service, &status));
+        };
+        report(SERVICE_START_PENDING, 0);
+        kill(getpid(), SIGTERM);
+        EXPECT_FALSE(IsSet(stop));
+        report(SERVICE_RUNNING, SERVICE_ACCEPT_STOP);
+        EXPECT_TRUE(IsSet(stop, SoonEnough));
+        report(SERVICE_STOPPED, 0);
+    };
+    WCHAR name[] = u"Keldwick";
+    const SERVICE_TABLE_ENTRYW table[] = {{name, main}, {nullptr, nullptr}};
+    EXPECT_TRUE(StartServiceCtrlDispatcherW(table));
+    unsetenv("NOTIFY_SOCKET");
+}
+
+TEST(Service, AThreadHangsOnceItHasNotSleptForLongerThanTheLimit) {
+    using std::chrono::milliseconds;
+    const struct {
+        int atMs;
+        std::optional<uint64_t> count;
+        bool made;
+    } steps[] = {{0, 5, true},    {100, 5, true},
+                 {101, 5, false}, {102, 6, true},
+                 {202, 6, true},  {203, std::nullopt, false},
+                 {204, 7, true},  {304, std::nullopt, true},
+                 {305, 8, true}};
+    win32::PROGRESS progress(milliseconds(100));
+    for (const auto& step : steps)
+        EXPECT_EQ(step.made, progress.Made(step.count, win32::PROGRESS::TIME(milliseconds(step.atMs)))) << step.atMs;
+
+    const std::optional<uint64_t> before = win32::TimesAsleep(gettid());
+    poll(nullptr, 0, 1);
+    EXPECT_LT(before.value(), win32::TimesAsleep(gettid()).value());
+    EXPECT_EQ(std::nullopt, win32::TimesAsleep(0));
+}
+
+TEST(LastWordsDeathTest, AnUncaughtExceptionIsNamedAndEndsTheProcess) {
+    const std::pair<void (*)(), const char*> cases[] = {
+        {[] { throw std::bad_alloc(); }, "ended: not enough memory\n"},
+        {[] { throw std::runtime_error("no more threads"); }, "ended: no more threads\n"},
+        {[] { throw 1; }, "ended: not enough memory for a text\n"},
+        {[] { std::terminate(); }, "ended: terminated without an exception"},
+    };
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    for (const auto& [fail, words] : cases)
+        EXPECT_EXIT(
+            {
+                win32::EndOnUncaughtException(3);
+                std::thread(fail).join();
+            },
+            testing::ExitedWithCode(3), words);
+}
+
+}  // namespace
