@@ -1,4 +1,4 @@
-// Files of the host behind the Windows calls: who holds them, what cannot be written, how paths are translated.
+// Files that other processes hold, and paths between Windows and the host.
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -80,24 +80,6 @@ TEST_F(HostFiles, PathsCrossTheBorderBetweenWindowsAndTheHost) {
         {u"C:log", "log"},     {u"\\a", "/a"},       {u"a\\b", "a/b"}, {u"\\\\?\\C:\\\u00E9", "/\xC3\xA9"}};
     for (const auto& [windows, host] : cases) EXPECT_EQ(host, win32::HostPath(windows));
     EXPECT_EQ(u"C:\\a\\\u00E9", win32::WindowsPath("/a/\xC3\xA9"));
-    for (const char16_t* path : {u"D:\\file", u"\\\\server\\share\\file", u"C:\\tmp\\a?b", u"C:\\no\\such\\file", u""})
-        EXPECT_EQ(INVALID_HANDLE_VALUE, CreateFileW(path, Append, Shared, nullptr, OPEN_ALWAYS, 0, nullptr));
-}
-
-TEST_F(HostFiles, ASearchFindsTheProgramAndItsNeighboursOnly) {
-    root.Write("helper.dll", "");
-    root.Write("sub/deep.dll", "");
-    const std::pair<std::u16string, std::u16string> cases[] = {{u"Keldwick.exe", Path("Keldwick.exe")},
-                                                               {u"helper.dll", Path("helper.dll")},
-                                                               {Path("sub/deep.dll"), Path("sub/deep.dll")},
-                                                               {u"deep.dll", u""}};
-    for (const auto& [file, found] : cases) {
-        WCHAR buffer[1024] = u"";
-        const DWORD length = SearchPathW(nullptr, file.c_str(), nullptr, 1024, buffer, nullptr);
-        EXPECT_EQ(found, std::u16string(buffer, length));
-    }
-    EXPECT_NE(nullptr, LoadLibraryExW(u"KELDWICK.EXE", nullptr, LOAD_LIBRARY_AS_DATAFILE));
-    EXPECT_EQ(nullptr, LoadLibraryExW(Path("helper.dll").c_str(), nullptr, LOAD_LIBRARY_AS_DATAFILE));
 }
 
 }  // namespace

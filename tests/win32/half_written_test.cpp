@@ -109,10 +109,6 @@ TEST_F(HalfWritten, EveryEditIsTakenWholeThoughStatisticsAreWritten) {
              };
              Meanwhile();
          }},
-        {"renamed over it",
-         [&](const std::string& first) {
-             root.Write("aside", first + rest), Meanwhile(), std::filesystem::rename(aside, file);
-         }},
         {"renamed over it while statistics are written",
          [&](const std::string& first) {
              root.Write("aside", first + rest);

@@ -3,6 +3,7 @@
 
 #include <cstring>
 #include <memory>
+#include <numeric>
 
 #include "tests/win32/fixture.h"
 #include "win32/eventlog/evt_record.h"
@@ -35,7 +36,7 @@ inline const EVENTLOGRECORD& AsRecord(const BYTES& bytes) {
 
 class LOG_TEST : public MACHINE_TEST {
 protected:
-    std::string Path(const std::string& log = "Security") const { return root.Path("eventlog/" + log + ".evt"); }
+    std::string Path() const { return root.Path("eventlog/Security.evt"); }
 
     // With so many records, whose event IDs and numbers are 1, 2, ...
     void MakeLog(DWORD records = 0, DWORD maxSize = SmallestLog) {
@@ -57,15 +58,15 @@ protected:
     static LOG OpenLog(const char16_t* name = u"Security") { return LOG(OpenEventLogW(nullptr, name)); }
 
     struct READ {
-        DWORD error = 0, needed = 0;
+        DWORD error = 0;
         std::vector<DWORD> ids, numbers;
     };
     // One ReadEventLogW call.
-    static READ ReadOnce(HANDLE log, DWORD flags, DWORD bytes = 65536, DWORD offset = 0) {
+    static READ ReadOnce(HANDLE log, DWORD flags, DWORD bytes = 65536) {
         READ result;
         std::vector<DWORD> buffer(bytes / 4 + 1);
-        DWORD got = 0;
-        result.error = ErrorOf(ReadEventLogW(log, flags, offset, buffer.data(), bytes, &got, &result.needed));
+        DWORD got = 0, needed = 0;
+        result.error = ErrorOf(ReadEventLogW(log, flags, 0, buffer.data(), bytes, &got, &needed));
         const BYTE* at = reinterpret_cast<const BYTE*>(buffer.data());
         for (const BYTE* end = at + got; at < end;) {
             const EVENTLOGRECORD& record = *reinterpret_cast<const EVENTLOGRECORD*>(at);
@@ -87,12 +88,10 @@ protected:
         return all;
     }
 
-    static std::vector<DWORD> Range(DWORD first, DWORD last) {  // downwards when first > last
-        std::vector<DWORD> range;
-        for (DWORD i = first;; first <= last ? ++i : --i) {
-            range.push_back(i);
-            if (i == last) return range;
-        }
+    static std::vector<DWORD> Range(DWORD first, DWORD last) {
+        std::vector<DWORD> range(last - first + 1);
+        std::iota(range.begin(), range.end(), first);
+        return range;
     }
 };
 

@@ -1,7 +1,6 @@
-// The program's own messages, the errors of the host, names in any case.
+// The program's own messages.
 #include "resources/message_ids.h"
 #include "tests/win32/fixture.h"
-#include "win32/text/last_error.h"
 #include "win32/text/utf.h"
 
 namespace {
@@ -16,13 +15,6 @@ std::u16string Message(DWORD flags, DWORD id, const char16_t* insert = nullptr) 
     const std::u16string text(buffer, length);
     LocalFree(buffer);
     return text;
-}
-
-TEST(SystemMessage, EveryCodeThatTheHostsErrorsBecomeHasAText) {
-    for (int number = 0; number < 134; ++number) {
-        const DWORD code = win32::ErrorFromErrno(number);
-        EXPECT_TRUE(Message(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, code).ends_with(u".\r\n"));
-    }
 }
 
 TEST(OwnMessage, AWidthWrapsAtBlanksAndKeepsOnlyHardBreaks) {
@@ -41,14 +33,6 @@ TEST(OwnMessage, AWidthWrapsAtBlanksAndKeepsOnlyHardBreaks) {
     for (const auto& c : cases)
         EXPECT_EQ(c.result, Message(own | c.width, keldwick::MSG_START_PARAMETER, c.parameter)) << c.width;
     EXPECT_EQ(u"error 317", Message(own, 0x40000006));
-}
-
-TEST(Names, AreTheSameWithoutRegardToCaseInAnyScript) {
-    EXPECT_TRUE(win32::SameName(u"\u00C4rger \u0394", u"\u00E4RGER \u03B4"));
-    EXPECT_TRUE(win32::SameName(u"\U00010400", u"\U00010428"));
-    EXPECT_FALSE(win32::SameName(u"Ident", u"IdentServer"));
-    EXPECT_FALSE(win32::SameName(u"IdentServer", u"Ident"));
-    EXPECT_EQ(win32::FoldName(u"\u00C4X\U00010400"), win32::FoldName(u"\u00E4x\U00010428"));
 }
 
 }  // namespace

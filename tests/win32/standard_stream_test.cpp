@@ -40,13 +40,7 @@ private:
 
 int Pipe(int* ends) { return pipe(ends); }
 int Socket(int* ends) { return socketpair(AF_UNIX, SOCK_STREAM, 0, ends); }
-int Terminal(int* ends) {
-    ends[0] = posix_openpt(O_RDWR | O_NOCTTY);
-    if (ends[0] < 0 || grantpt(ends[0]) != 0 || unlockpt(ends[0]) != 0) return -1;
-    ends[1] = open(ptsname(ends[0]), O_RDWR | O_NOCTTY);
-    return ends[1] < 0 ? -1 : 0;
-}
-constexpr std::pair<const char*, int (*)(int*)> Kinds[] = {{"pipe", Pipe}, {"socket", Socket}, {"terminal", Terminal}};
+constexpr std::pair<const char*, int (*)(int*)> Kinds[] = {{"pipe", Pipe}, {"socket", Socket}};
 
 TEST(StandardStream, AStuckReaderCostsAMomentOnceAndThenOnlyLines) {
     for (const auto& [kind, make] : Kinds) {

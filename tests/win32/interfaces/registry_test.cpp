@@ -1,7 +1,4 @@
 // Keys and values by the calls alone.
-#include <cstring>
-#include <tuple>
-
 #include "tests/win32/registry_keys.h"
 
 namespace {
@@ -27,29 +24,6 @@ TEST_F(Registry, AKeyDoesWhatItWasOpenedForUntilItIsClosed) {
         EXPECT_EQ(c.set, SetNumber(opened, u"Heartbeat", 1)) << c.access;
         EXPECT_EQ(c.notify, Arm(opened, event)) << c.access;
     }
-}
-
-TEST_F(Registry, TheQueryProtocolGivesSizeTypeAndData) {
-    const KEY key;
-    const char16_t text[] = u"host";
-    ASSERT_EQ(ERROR_SUCCESS, RegSetValueExW(key, u"IdentServer", 0, REG_SZ, reinterpret_cast<const BYTE*>(text), 10));
-    const std::tuple<const char16_t*, bool, DWORD, LSTATUS, DWORD> cases[] = {
-        {u"identserver", false, 0, ERROR_SUCCESS, 10},
-        {u"IDENTSERVER", true, 9, ERROR_MORE_DATA, 10},
-        {u"IdentServer", true, 10, ERROR_SUCCESS, 10},
-        {u"Ident", true, 64, ERROR_FILE_NOT_FOUND, 64},
-    };
-    for (const auto& [value, buffer, room, status, needed] : cases) {
-        SCOPED_TRACE(room);
-        BYTE data[64] = {};
-        DWORD size = room, type = 99;
-        EXPECT_EQ(status, RegQueryValueExW(key, value, nullptr, &type, buffer ? data : nullptr, &size));
-        EXPECT_EQ(needed, size);
-        EXPECT_EQ(status == ERROR_FILE_NOT_FOUND ? 99u : REG_SZ, type);
-        EXPECT_EQ(buffer && status == ERROR_SUCCESS, memcmp(text, data, 10) == 0);
-    }
-    EXPECT_EQ(ERROR_SUCCESS, RegDeleteValueW(key, u"identSERVER"));
-    EXPECT_EQ(ERROR_FILE_NOT_FOUND, RegDeleteValueW(key, u"IdentServer"));
 }
 
 TEST_F(Registry, OwnValueChangesSignalOnceForEachArming) {

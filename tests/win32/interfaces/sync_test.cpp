@@ -1,7 +1,4 @@
 // Handles, events, waits and timers by the calls alone.
-#include <array>
-#include <atomic>
-#include <thread>
 
 #include "tests/win32/fixture.h"
 
@@ -32,28 +29,6 @@ TEST(Waits, ForAnyTakeTheLowestSignalAndForAllEveryOneOrNone) {
     EXPECT_EQ(WAIT_OBJECT_0, WaitForMultipleObjects(3, all, TRUE, 0));
     EXPECT_FALSE(IsSet(a) || IsSet(b));
     EXPECT_TRUE(IsSet(c));
-}
-
-// Two threads that each need both events, and name them in opposite orders, share what a third hands out.
-TEST(Waits, ForAllInOppositeOrdersNeitherLoseSignalsNorBlock) {
-    constexpr int Rounds = 500;
-    const OWNED_HANDLE a(AutoEvent()), b(AutoEvent()), taken(AutoEvent());
-    std::atomic<int> takes{0};
-    const auto take = [&](std::array<HANDLE, 2> pair) {
-        while (takes < Rounds && WaitForMultipleObjects(2, pair.data(), TRUE, SoonEnough) == WAIT_OBJECT_0) {
-            ++takes;
-            SetEvent(taken);
-        }
-    };
-    std::thread first(take, std::array<HANDLE, 2>{a, b}), second(take, std::array<HANDLE, 2>{b, a});
-    for (int i = 0; i < Rounds + 1; ++i) {  // one round more releases the thread that still waits
-        SetEvent(a);
-        SetEvent(b);
-        ASSERT_TRUE(i == Rounds || IsSet(taken, SoonEnough));
-    }
-    first.join();
-    second.join();
-    EXPECT_GE(takes, Rounds);
 }
 
 bool Arm(HANDLE timer, LONGLONG due, LONG period = 0) {

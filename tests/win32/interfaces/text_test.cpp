@@ -1,4 +1,4 @@
-// Texts by the calls alone: comparison, conversion, the environment.
+// Texts by the calls alone: comparison and conversion.
 #include <cstdlib>
 
 #include "tests/win32/fixture.h"
@@ -72,25 +72,6 @@ TEST(Conversion, MalformedTextIsReplacedInBothDirections) {
         EXPECT_EQ(0, WideCharToMultiByte(CP_UTF8, 0, u"a\u00E9", 2, text, room, nullptr, nullptr));
         EXPECT_EQ(DWORD{ERROR_INSUFFICIENT_BUFFER}, GetLastError());
         EXPECT_EQ('x', text[room]);
-    }
-}
-
-TEST(Environment, KnownNamesAreExpandedAndUnknownOnesKept) {
-    setenv("KELDWICK_EMPTY", "", 1);
-    setenv("KELDWICK_WORD", "\xC3\xA9t\xC3\xA9", 1);
-    const std::pair<const char16_t*, std::u16string> cases[] = {
-        {u"%keldwick_word%\\x.dll", u"\u00E9t\u00E9\\x.dll"},   {u"a%KELDWICK_EMPTY%b", u"ab"},
-        {u"%NO_SUCH_NAME_HERE%", u"%NO_SUCH_NAME_HERE%"},       {u"100%", u"100%"},
-        {u"%no such%KELDWICK_WORD%", u"%no such\u00E9t\u00E9"},
-    };
-    for (const auto& [text, expanded] : cases) {
-        const DWORD needed = ExpandEnvironmentStringsW(text, nullptr, 0);
-        ASSERT_EQ(expanded.size() + 1, needed);
-        std::u16string buffer(needed, u'x');
-        EXPECT_EQ(needed, ExpandEnvironmentStringsW(text, buffer.data(), needed - 1));
-        EXPECT_EQ(u'x', buffer[needed - 1]);
-        EXPECT_EQ(needed, ExpandEnvironmentStringsW(text, buffer.data(), needed));
-        EXPECT_EQ(expanded, std::u16string(buffer.c_str()));
     }
 }
 
