@@ -30,7 +30,7 @@ list(JOIN members "," members)
 add_library(win32_layer INTERFACE)
 target_link_libraries(win32_layer INTERFACE "$<LINK_GROUP:RESCAN,${members}>")
 
-set(KELDWICK_LEVEL_TYPE STATIC)
+set(KELDWICK_OF_ANOTHER_PLATFORM schannel_engine)
 include(cmake/levels.cmake)
 
 # The whole agent, and the folders of its tests.

@@ -1,8 +1,44 @@
-# The agent's own code against the real Windows headers: compiled, not linked, as the proof that the layer in win32/
-# tells the truth about types, constants and signatures, and that no level of src/ includes what stands above it.
+# Keldwick.exe, from the same levels as the agent on Linux, here over Windows' own headers and libraries: the proof that
+# the layer in win32/ tells the truth about types, constants and signatures, and that no level includes what stands above it.
+find_program(SYSTEM_PYTHON python3 PATHS /usr/bin NO_DEFAULT_PATH REQUIRED)  # Debian's, whose packages the tests use
+find_program(MESSAGE_COMPILER NAMES x86_64-w64-mingw32-windmc REQUIRED)
+enable_language(RC)
 add_compile_definitions(UNICODE _UNICODE _WIN32_WINNT=0x0A00 WIN32_LEAN_AND_MEAN NOMINMAX)
 add_library(windows_headers INTERFACE)  # the compiler's own
 add_library(win32_layer INTERFACE)      # Windows itself
-set(KELDWICK_LEVEL_TYPE OBJECT)
-set(KELDWICK_OF_ANOTHER_PLATFORM openssl_engine)  # the TLS engine, whose Windows side is still to come
+target_link_libraries(win32_layer INTERFACE ws2_32 secur32 crypt32 activeds adsiid ole32 oleaut32 version)
+set(KELDWICK_OF_ANOTHER_PLATFORM openssl_engine)
 include(cmake/levels.cmake)
+# Their files have constants of the same names, each its own.
+set_target_properties(agent_diagnostics agent_identity_handlers PROPERTIES UNITY_BUILD OFF)
+
+# The resources, from the lists that the Linux build reads.
+set(resources ${PROJECT_SOURCE_DIR}/src/resources)
+set(messages ${PROJECT_BINARY_DIR}/messages)
+file(MAKE_DIRECTORY ${messages})
+add_custom_command(OUTPUT ${messages}/keldwick_messages.rc
+  COMMAND ${SYSTEM_PYTHON} ${resources}/message_table_mc.py ${resources}/message_table.inc > keldwick_messages.mc
+  COMMAND ${MESSAGE_COMPILER} keldwick_messages.mc
+  DEPENDS ${resources}/message_table_mc.py ${resources}/message_table.inc WORKING_DIRECTORY ${messages} VERBATIM)
+set_source_files_properties(${resources}/keldwick.rc PROPERTIES OBJECT_DEPENDS
+  "${resources}/string_table.inc;${resources}/version.inc;${resources}/keldwick.manifest")
+
+add_executable(keldwick WIN32 src/service/main.cpp ${resources}/keldwick.rc ${messages}/keldwick_messages.rc)
+set_target_properties(keldwick PROPERTIES OUTPUT_NAME Keldwick UNITY_BUILD OFF)
+target_include_directories(keldwick PRIVATE ${PROJECT_SOURCE_DIR}/src)
+target_link_libraries(keldwick PRIVATE agent_service)
+target_link_options(keldwick PRIVATE -municode -static -s)
+
+# tests/windows/test_*.py, Python's unittest: what was built, and what it does under wine, beside the Linux programs.
+set(KELDWICK_LINUX_BIN ${PROJECT_SOURCE_DIR}/build/asan/bin CACHE PATH "The Linux programs that the tests compare with")
+if(KELDWICK_TESTS)
+  enable_testing()
+  file(GLOB tests CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/tests/windows/test_*.py)
+  foreach(test ${tests})
+    cmake_path(GET test STEM name)
+    add_test(NAME windows/${name} COMMAND ${SYSTEM_PYTHON} -m unittest -v ${name}
+      WORKING_DIRECTORY ${PROJECT_SOURCE_DIR}/tests/windows)
+    set_tests_properties(windows/${name} PROPERTIES LABELS windows TIMEOUT 300 ENVIRONMENT
+      "KELDWICK_WINDOWS_BIN=${CMAKE_RUNTIME_OUTPUT_DIRECTORY};KELDWICK_BIN=${KELDWICK_LINUX_BIN};PYTHONDONTWRITEBYTECODE=1")
+  endforeach()
+endif()

@@ -1,5 +1,6 @@
 #include "service/entry.h"
 
+#include <winsock2.h>
 #include <winsvc.h>
 
 #include "diagnostics/debug_output.h"
@@ -35,6 +36,13 @@ bool OpenSettingsKey() {
     if (result == ERROR_SUCCESS) return true;
     ReportFailureEvent(EVENTLOG_ERROR_TYPE, MSG_CREATE_REGISTRY_KEY, static_cast<DWORD>(result), SettingsKeyFullName);
     return false;
+}
+
+// ServiceUninitialize ends their use. What fails without them says so itself.
+void StartSockets() {
+    WSADATA granted;
+    if (const int error = WSAStartup(MAKEWORD(2, 2), &granted))
+        DebugPrintError(static_cast<DWORD>(error), TEXT("Unable to start Windows Sockets"));
 }
 
 // One identity, sent by hand.
@@ -105,6 +113,7 @@ int RunProgram(int argc, WCHAR** argv) {
 
     if (!OpenSettingsKey()) return EXIT_NO_SETTINGS_KEY;
     OpenLsaPolicy();
+    StartSockets();
     LoadLocalHostInfo();
     return RunByCommandLine();
 }
