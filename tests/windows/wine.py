@@ -1,0 +1,118 @@
+"""A Windows machine of a test's own: a wine prefix below a temporary folder, with the built Keldwick.exe in C:\\Keldwick,
+settings through `reg` and the service through `sc`, as an administrator would."""
+import os
+import re
+import shutil
+import socket
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+sys.path.insert(0, os.path.join(HERE, "../system"))
+BIN = os.environ["KELDWICK_WINDOWS_BIN"]
+WINE = "/usr/lib/wine"
+KEY = "HKLM\\SOFTWARE\\Vantorel Systems\\Keldwick"
+STAMP = re.compile(r"^\d{4}/\d\d/\d\d \d\d:\d\d:\d\d [AP]M KDWK: \(\d+\.\d+\) ", re.M)
+ADDRESS = "10.20.30.40"  # what the machine's name stands for: no loopback address, as an agent reports none
+PATIENCE = 60
+
+
+class WineTest(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.folder = tempfile.mkdtemp(prefix="keldwick-wine-")
+        cls.addClassCleanup(shutil.rmtree, cls.folder, ignore_errors=True)
+        with open(f"{cls.folder}/hosts", "w", encoding="ascii") as file:
+            file.write(f"127.0.0.1 localhost\n{ADDRESS} {socket.gethostname()}\n")
+        rights = [] if os.geteuid() == 0 else ["--user", "--map-root-user"]
+        cls.machine = ["unshare", *rights, "--mount", "--propagation", "private", "sh", "-c",
+                       'mount --bind "$0" /etc/hosts && exec "$@"', f"{cls.folder}/hosts"]
+        cls.environment = {name: value for name, value in os.environ.items() if name != "DISPLAY"} | {
+            "WINEPREFIX": f"{cls.folder}/prefix", "WINEDEBUG": "-all", "WINEDLLOVERRIDES": "mscoree,mshtml=",
+            "WINEPATH": "C:\\Keldwick", "HOME": cls.folder}
+        cls.wine("wineboot", "-i")
+        cls.addClassCleanup(subprocess.run, [f"{WINE}/wineserver", "-k"], env=cls.environment, check=False)
+        cls.wine("reg", "add", "HKCU\\Software\\Wine", "/v", "Version", "/d", "win10", "/f")
+        # Without a program that runs wine ends its services.
+        cls.keeper = subprocess.Popen([*cls.machine, f"{WINE}/wine64", "cmd", "/c", "pause"], env=cls.environment,
+                                      stdin=subprocess.PIPE, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        cls.addClassCleanup(cls.keeper.communicate)
+        cls.home = f"{cls.folder}/prefix/drive_c/Keldwick"
+        os.mkdir(cls.home)
+        shutil.copy(f"{BIN}/Keldwick.exe", cls.home)
+
+    @classmethod
+    def wine(cls, *command, code=0):
+        """Runs a Windows program to its end. Gives what it printed."""
+        done = subprocess.run([*cls.machine, f"{WINE}/wine64", *command], env=cls.environment, capture_output=True, text=True,
+                              timeout=PATIENCE, stdin=subprocess.DEVNULL)
+        assert code in (None, done.returncode), f"{command}: {done.returncode}, {done.stdout}{done.stderr}"
+        return done.stdout
+
+    def setUp(self):
+        self.agents = []
+        self.addCleanup(self.end_agents)
+        self.wine("reg", "delete", KEY, "/f", code=None)
+        for name in os.listdir(self.home):
+            if name != "Keldwick.exe":
+                os.remove(f"{self.home}/{name}")
+
+    def end_agents(self):
+        for agent in self.agents:
+            if agent.poll() is None:
+                agent.kill()
+            agent.communicate()
+
+    def set(self, **values):
+        """Settings: numbers and texts."""
+        self.wine("reg", "add", KEY, "/f")
+        for name, value in values.items():
+            kind = "REG_DWORD" if isinstance(value, int) else "REG_SZ"
+            self.wine("reg", "add", KEY, "/v", name, "/t", kind, "/d", str(value), "/f")
+
+    def get(self, name, below=""):
+        found = re.search(rf"^ +{name} +REG_\w+ +(.*)$", self.wine("reg", "query", KEY + below, "/v", name, code=None), re.M)
+        return found and found[1].strip()
+
+    def run_agent(self, *arguments):
+        """Runs the agent to its end. Gives its exit code, of which wine itself hands on the lowest byte alone."""
+        text = self.wine("cmd", "/v:on", "/c", "start", "/wait", "C:\\Keldwick\\Keldwick.exe", *arguments, "&", "echo",
+                         "code", "!errorlevel!", code=None)
+        return int(re.search(r"code (\d+)", text)[1])
+
+    def start_agent(self, *arguments):
+        agent = subprocess.Popen([*self.machine, f"{WINE}/wine64", "C:\\Keldwick\\Keldwick.exe", *arguments],
+                                 env=self.environment, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                                 stderr=subprocess.DEVNULL)
+        self.agents.append(agent)
+        return agent
+
+    def service(self, *command, code=0):
+        return self.wine("sc", command[0], "Keldwick", *command[1:], code=code)
+
+    def service_state(self):
+        """(state, exit code, the service's own code)"""
+        text = self.service("query")
+        return tuple(int(re.search(rf"{field} +: (\d+)", text)[1]) for field in ("STATE", "WIN32_EXIT_CODE", "SERVICE_EXIT_CODE"))
+
+    def until(self, condition, what):
+        end = time.monotonic() + PATIENCE
+        while not condition():
+            self.assertLess(time.monotonic(), end, f"never came: {what}\n{self.log()[-3000:]}")
+            time.sleep(0.02)
+
+    def until_logged(self, text, times=1):
+        self.until(lambda: self.log().count(text) >= times, text)
+
+    def log(self):
+        try:
+            with open(f"{self.home}/Keldwick.log", encoding="utf-8", newline="") as file:
+                return file.read().replace("\r\n", "\n")
+        except FileNotFoundError:
+            return ""
+
+    def messages(self):
+        return [message.strip("\n") for message in STAMP.split(self.log())[1:]]
