@@ -44,6 +44,11 @@ constexpr size_t Share = 16384;
 // More than any message of a handshake: a server that sends one without end is not waited for.
 constexpr size_t MostUnread = 256 * 1024;
 
+// A record: its type, two bytes of version, two of length.
+constexpr size_t RecordHeader = 5;
+constexpr BYTE FirstType = 20, AlertType = 21, LastType = 24, MajorVersion = 3;
+constexpr size_t LongestRecord = 16384 + 2048;
+
 constexpr ULONG ContextFlags = ISC_REQ_SEQUENCE_DETECT | ISC_REQ_REPLAY_DETECT | ISC_REQ_CONFIDENTIALITY |
                                ISC_REQ_ALLOCATE_MEMORY | ISC_REQ_STREAM | ISC_REQ_EXTENDED_ERROR |
                                ISC_REQ_MANUAL_CRED_VALIDATION | ISC_REQ_USE_SUPPLIED_CREDS;
@@ -147,7 +152,10 @@ public:
     SCHANNEL_ENGINE(const SCHANNEL_ENGINE&) = delete;
     SCHANNEL_ENGINE& operator=(const SCHANNEL_ENGINE&) = delete;
 
-    SECURITY_STATUS Prepare(DWORD protocols) { return AcquireClientCredentials(protocols, credentials); }
+    SECURITY_STATUS Prepare(DWORD protocols) {
+        enabled = protocols;
+        return AcquireClientCredentials(protocols, credentials);
+    }
 
     RESULT Handshake() override {
         taken = 0;
@@ -218,8 +226,7 @@ public:
     }
 
     std::string Description() const override {
-        SecPkgContext_ConnectionInfo connection{};
-        QueryContextAttributesW(Context(), SECPKG_ATTR_CONNECTION_INFO, &connection);
+        const SecPkgContext_ConnectionInfo connection = Connection();
         std::string text = "unknown version";
         for (const VERSION& one : versions)
             if (connection.dwProtocol & one.bits) text = one.name;
@@ -244,9 +251,17 @@ private:
     }
 
     RESULT HandshakeStep() {
-        std::array input = {Buffer(SECBUFFER_TOKEN, incoming), Buffer(SECBUFFER_EMPTY)};
+        if (!established && !BeginsRecord()) return NoRecord();
+        const std::span<BYTE> token = answersRequest ? std::span<BYTE>() : std::span<BYTE>(incoming);
+        std::array input = {Buffer(SECBUFFER_TOKEN, token), Buffer(SECBUFFER_EMPTY)};
         SecBufferDesc description = Described(input);
         const SECURITY_STATUS status = Step(SecIsValidHandle(&context) ? &description : nullptr);
+        if (std::exchange(answersRequest, false)) {
+            // What follows the request is no part of the handshake. Without a word to say the request is passed over.
+            handshaking = status != SEC_E_INCOMPLETE_MESSAGE;
+            wantsMore = incoming.empty();
+            if (!handshaking || status == SEC_I_CONTINUE_NEEDED) return RESULT::Done;
+        }
         switch (status) {
             case SEC_E_INCOMPLETE_MESSAGE:
                 wantsMore = true;
@@ -292,6 +307,10 @@ private:
         if (established && shown != certificate)
             return Broken(WSAECONNABORTED, "TLS: the server showed another certificate");
         certificate = shown;
+        const DWORD spoken = Connection().dwProtocol;
+        if ((spoken & enabled) == 0)  // a Schannel that does not know one of them may take all of its own
+            return Broken(WSAECONNABORTED, "TLS: a version that is not enabled");
+        usesTls13 = (spoken & TlsProtocol1_3) != 0;
         established = true;
         handshaking = false;
         return RESULT::Done;
@@ -299,7 +318,18 @@ private:
 
     // ---- Records ----
 
+    // Whether what has arrived can be a record's beginning. Schannel may wait for the rest of what is none.
+    bool BeginsRecord() const {
+        if (incoming.size() < RecordHeader) return true;
+        const size_t length = (size_t{incoming[3]} << 8) + incoming[4];
+        return incoming[0] >= FirstType && incoming[0] <= LastType && incoming[1] == MajorVersion &&
+               length <= LongestRecord;
+    }
+    RESULT NoRecord() { return Broken(WSAECONNABORTED, "TLS: what arrived is no record"); }
+
     RESULT Decrypt() {
+        if (!BeginsRecord()) return NoRecord();
+        const bool isAlert = !incoming.empty() && incoming[0] == AlertType;
         std::array buffers = {Buffer(SECBUFFER_DATA, incoming), Buffer(SECBUFFER_EMPTY), Buffer(SECBUFFER_EMPTY),
                               Buffer(SECBUFFER_EMPTY)};
         SecBufferDesc description = Described(buffers);
@@ -318,7 +348,9 @@ private:
             if (buffer.BufferType == SECBUFFER_EXTRA) extra = &buffer;
         }
         KeepExtra(*extra);
+        if (isAlert) return Ended();  // one that Schannel passes over: no alert leaves the connection of use
         handshaking = status == SEC_I_RENEGOTIATE;
+        answersRequest = handshaking && !usesTls13;  // there the message itself is what the next step takes
         wantsMore = !handshaking && incoming.empty();
         return RESULT::Done;
     }
@@ -395,6 +427,12 @@ private:
     // QueryContextAttributes takes a handle that is not const, and changes nothing.
     PCtxtHandle Context() const { return const_cast<PCtxtHandle>(&context); }
 
+    SecPkgContext_ConnectionInfo Connection() const {
+        SecPkgContext_ConnectionInfo connection{};
+        QueryContextAttributesW(Context(), SECPKG_ATTR_CONNECTION_INFO, &connection);
+        return connection;
+    }
+
     OWNER<CERTIFICATE_CLOSER> Certificate() const {
         OWNER<CERTIFICATE_CLOSER> shown;
         QueryContextAttributesW(Context(), SECPKG_ATTR_REMOTE_CERT_CONTEXT, shown.Put());
@@ -413,6 +451,9 @@ private:
     CtxtHandle context{~ULONG_PTR{0}, ~ULONG_PTR{0}};
     SecPkgContext_StreamSizes sizes{};
     bool handshaking = true, established = false, broken = false;
+    DWORD enabled = 0;  // versions
+    bool usesTls13 = false;
+    bool answersRequest = false;    // the next step answers the server's request for a new handshake
     bool wantsMore = false;         // nothing can be done with `incoming` before more arrives
     size_t taken = 0;               // bytes read in this call of the engine
     std::vector<BYTE> incoming;     // from the socket, not yet given to Schannel or left by it

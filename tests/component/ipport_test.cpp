@@ -14,7 +14,12 @@
 namespace {
 
 using namespace keldwick;
-using CLIENT = EVENT_RECORDER<IPPort>;
+
+class PLAIN_CLIENT : public IPPort {
+public:
+    bool Signalled(DWORD milliseconds) { return WaitForSingleObject(EventHandle(), milliseconds) == WAIT_OBJECT_0; }
+};
+using CLIENT = EVENT_RECORDER<PLAIN_CLIENT>;
 
 // A client connected to a peer.
 struct CONNECTED {

@@ -50,7 +50,11 @@ public:
     bool Seen(const std::string& wanted) const {
         return std::any_of(events.begin(), events.end(), [&](auto& one) { return one.starts_with(wanted); });
     }
-    bool Idle() { return this->WaitLimit() == INFINITE && WaitForSingleObject(this->EventHandle(), 0) == WAIT_TIMEOUT; }
+    // At most one signal is left, from before the last of the bytes was read.
+    bool Idle() {
+        if (this->Signalled(0)) this->ProcessEvents();
+        return this->WaitLimit() == INFINITE && !this->Signalled(0);
+    }
     int SendText(const std::string& text) {
         this->ProcessEvents();
         return this->Send(text.data(), static_cast<int>(text.size()));
@@ -60,8 +64,7 @@ private:
     // False: nothing for so long.
     bool AwaitTurn(DWORD milliseconds) {
         const DWORD limit = this->WaitLimit();
-        return WaitForSingleObject(this->EventHandle(), std::min(limit, milliseconds)) == WAIT_OBJECT_0 ||
-               limit <= milliseconds;
+        return this->Signalled(std::min(limit, milliseconds)) || limit <= milliseconds;
     }
     template <typename DONE>
     bool Until(DONE done) {

@@ -26,7 +26,7 @@ class WineTest(unittest.TestCase):
         cls.folder = tempfile.mkdtemp(prefix="keldwick-wine-")
         cls.addClassCleanup(shutil.rmtree, cls.folder, ignore_errors=True)
         with open(f"{cls.folder}/hosts", "w", encoding="ascii") as file:
-            file.write(f"127.0.0.1 localhost\n{ADDRESS} {socket.gethostname()}\n")
+            file.write(f"127.0.0.1 localhost one.example\n{ADDRESS} {socket.gethostname()}\n")
         rights = [] if os.geteuid() == 0 else ["--user", "--map-root-user"]
         cls.machine = ["unshare", *rights, "--mount", "--propagation", "private", "sh", "-c",
                        'mount --bind "$0" /etc/hosts && exec "$@"', f"{cls.folder}/hosts"]
