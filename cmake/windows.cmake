@@ -23,16 +23,21 @@ add_custom_command(OUTPUT ${messages}/keldwick_messages.rc
 set_source_files_properties(${resources}/keldwick.rc PROPERTIES OBJECT_DEPENDS
   "${resources}/string_table.inc;${resources}/version.inc;${resources}/keldwick.manifest")
 
-add_executable(keldwick WIN32 src/service/main.cpp ${resources}/keldwick.rc ${messages}/keldwick_messages.rc)
-set_target_properties(keldwick PROPERTIES OUTPUT_NAME Keldwick UNITY_BUILD OFF)
-target_include_directories(keldwick PRIVATE ${PROJECT_SOURCE_DIR}/src)
-target_link_libraries(keldwick PRIVATE agent_service)
-target_link_options(keldwick PRIVATE -municode -static -s)
+# keldwick_executable(TARGET NAME [SOURCE...]): NAME.exe, the whole agent.
+function(keldwick_executable target name)
+  add_executable(${target} WIN32 src/service/main.cpp ${resources}/keldwick.rc ${messages}/keldwick_messages.rc ${ARGN})
+  set_target_properties(${target} PROPERTIES OUTPUT_NAME ${name} UNITY_BUILD OFF)
+  target_include_directories(${target} PRIVATE src)
+  target_link_libraries(${target} PRIVATE agent_service)
+  target_link_options(${target} PRIVATE -municode -static -s)
+endfunction()
+keldwick_executable(keldwick Keldwick)
 
 # tests/windows/test_*.py, Python's unittest: what was built, and what it does under wine, beside the Linux programs.
 set(KELDWICK_LINUX_BIN ${PROJECT_SOURCE_DIR}/build/asan/bin CACHE PATH "The Linux programs that the tests compare with")
 if(KELDWICK_TESTS)
   enable_testing()
+  keldwick_executable(keldwick_with_log KeldwickWithLog tests/windows/event_log_double.cpp)
   add_executable(tls_client tests/windows/tls_client.cpp)  # what the Linux tests of the TLS engine drive
   target_include_directories(tls_client PRIVATE src)
   target_link_libraries(tls_client PRIVATE agent_component)

@@ -21,6 +21,8 @@ PATIENCE = 60
 
 
 class WineTest(unittest.TestCase):
+    programs = ["Keldwick"]
+
     @classmethod
     def setUpClass(cls):
         cls.folder = tempfile.mkdtemp(prefix="keldwick-wine-")
@@ -41,8 +43,6 @@ class WineTest(unittest.TestCase):
                                       stdin=subprocess.PIPE, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         cls.addClassCleanup(cls.keeper.communicate)
         cls.home = f"{cls.folder}/prefix/drive_c/Keldwick"
-        os.mkdir(cls.home)
-        shutil.copy(f"{BIN}/Keldwick.exe", cls.home)
 
     @classmethod
     def wine(cls, *command, code=0):
@@ -56,9 +56,10 @@ class WineTest(unittest.TestCase):
         self.agents = []
         self.addCleanup(self.end_agents)
         self.wine("reg", "delete", KEY, "/f", code=None)
-        for name in os.listdir(self.home):
-            if name != "Keldwick.exe":
-                os.remove(f"{self.home}/{name}")
+        shutil.rmtree(self.home, ignore_errors=True)
+        os.mkdir(self.home)
+        for program in self.programs:
+            shutil.copy(f"{BIN}/{program}.exe", self.home)
 
     def end_agents(self):
         for agent in self.agents:
@@ -83,9 +84,9 @@ class WineTest(unittest.TestCase):
                          "code", "!errorlevel!", code=None)
         return int(re.search(r"code (\d+)", text)[1])
 
-    def start_agent(self, *arguments):
-        agent = subprocess.Popen([*self.machine, f"{WINE}/wine64", "C:\\Keldwick\\Keldwick.exe", *arguments],
-                                 env=self.environment, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+    def start_agent(self, *arguments, **environment):
+        agent = subprocess.Popen([*self.machine, f"{WINE}/wine64", f"C:\\Keldwick\\{self.programs[0]}.exe", *arguments],
+                                 env={**self.environment, **environment}, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
                                  stderr=subprocess.DEVNULL)
         self.agents.append(agent)
         return agent
