@@ -9,9 +9,6 @@ add_library(win32_layer INTERFACE)      # Windows itself
 target_link_libraries(win32_layer INTERFACE ws2_32 secur32 crypt32 activeds adsiid ole32 oleaut32 version)
 set(KELDWICK_OF_ANOTHER_PLATFORM openssl_engine)
 include(cmake/levels.cmake)
-# Their files have constants of the same names, each its own.
-set_target_properties(agent_diagnostics agent_identity_handlers PROPERTIES UNITY_BUILD OFF)
-
 # The resources, from the lists that the Linux build reads.
 set(resources ${PROJECT_SOURCE_DIR}/src/resources)
 set(messages ${PROJECT_BINARY_DIR}/messages)

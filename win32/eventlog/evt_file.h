@@ -11,6 +11,9 @@
 
 namespace win32 {
 
+// How often one call follows a log that another process replaces meanwhile, before it gives up.
+constexpr int MaxReplacements = 16;
+
 // Where the records lie. A logical position counts bytes from the oldest record, round the end of the ring.
 struct EVT_STATE {
     DWORD start = EvtHeaderBytes, end = EvtHeaderBytes;  // file offsets

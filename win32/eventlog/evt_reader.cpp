@@ -9,7 +9,6 @@ namespace win32 {
 namespace {
 
 constexpr DWORD Continued = MAXDWORD;  // between the functions here only: the log stands in another file now
-constexpr int MaxReplacements = 16;    // followed in one call before it gives up
 
 // The bytes of the whole records that the buffer begins with, numbered from `number` on, which then is the next one.
 DWORD CountWhole(const BYTE* buffer, DWORD bytes, DWORD& number, DWORD end) {

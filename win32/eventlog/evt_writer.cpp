@@ -16,7 +16,6 @@ namespace win32 {
 namespace {
 
 constexpr DWORD GatherBytes = 1024 * 1024;
-constexpr int MaxReplacements = 16;
 constexpr mode_t LogMode = 0640;
 
 DWORD RoundedSize(DWORD maxSize) { return std::clamp(maxSize, SmallestLog, LargestLog) / SmallestLog * SmallestLog; }

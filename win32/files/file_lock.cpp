@@ -16,7 +16,7 @@ namespace win32 {
 
 namespace {
 
-constexpr std::chrono::seconds MaxWait{10};
+constexpr std::chrono::seconds MaxLockWait{10};
 constexpr useconds_t MinPauseUs = 50, MaxPauseUs = 1000;  // between two attempts
 
 // These give a lease only with the server's leave, and refuse it as if there were a writer.
@@ -33,7 +33,7 @@ bool TakeFileLock(int descriptor, int kind) {
     const auto begin = Uptime();
     for (useconds_t pause = MinPauseUs; flock(descriptor, kind | LOCK_NB) != 0;) {
         if (errno == EINTR) continue;
-        if (errno != EAGAIN || Uptime() - begin >= MaxWait) return false;
+        if (errno != EAGAIN || Uptime() - begin >= MaxLockWait) return false;
         usleep(pause);
         pause = std::min(2 * pause, MaxPauseUs);
     }

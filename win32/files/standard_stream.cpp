@@ -21,7 +21,7 @@
 namespace win32 {
 namespace {
 
-constexpr std::chrono::milliseconds MaxWait{200};  // in which a reader that is alive takes something
+constexpr std::chrono::milliseconds MaxReaderWait{200};  // in which a reader that is alive takes something
 std::atomic<bool> Stuck[STDERR_FILENO + 1];
 
 // The stream for one text, so that a write never waits: other processes share the stream, so it is not made
@@ -65,7 +65,7 @@ void IgnoreBrokenPipes() { std::signal(SIGPIPE, SIG_IGN); }
 
 size_t WriteToStream(int stream, std::string_view text) {
     const OWN_STREAM to(stream);
-    const auto end = std::chrono::steady_clock::now() + (Stuck[stream] ? std::chrono::milliseconds(0) : MaxWait);
+    const auto end = std::chrono::steady_clock::now() + (Stuck[stream] ? std::chrono::milliseconds(0) : MaxReaderWait);
     size_t done = 0;
     while (done < text.size()) {
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());

@@ -21,11 +21,6 @@
 
 namespace {
 
-int Fail(int code) {
-    WSASetLastError(code);
-    return code;
-}
-
 // The two kinds of list, of getaddrinfo and of GetAddrInfoW, differ in the type of their names only; neither is given
 // names here. A list element has room for its address. Every list given out consists of these, whoever found the
 // addresses.
@@ -128,14 +123,14 @@ int AddOwnAddresses(const addrinfo& hints, LIST_BUILDER<INFO>& list) {
 // Gives the list of the node's addresses, or null and a code. toUtf8: of the texts, which may be null.
 template <typename INFO, typename TEXT, typename CONVERT>
 int LookUp(const TEXT* node, const TEXT* service, const INFO* wanted, INFO** result, CONVERT toUtf8) {
-    if (result == nullptr) return Fail(WSAEFAULT);
+    if (result == nullptr) return win32::FailLookup(WSAEFAULT);
     *result = nullptr;
     const bool isOwnName = node != nullptr && *node == 0;
     if (isOwnName && service != nullptr && *service != 0)
-        return Fail(WSAEINVAL);  // ports of the own addresses: not asked for
+        return win32::FailLookup(WSAEINVAL);  // ports of the own addresses: not asked for
     addrinfo hints{};
     if (wanted != nullptr) {
-        if (wanted->ai_flags & AI_CANONNAME) return Fail(WSAEINVAL);  // not given here
+        if (wanted->ai_flags & AI_CANONNAME) return win32::FailLookup(WSAEINVAL);  // not given here
         hints.ai_flags = wanted->ai_flags;
         hints.ai_family = wanted->ai_family;
         hints.ai_socktype = wanted->ai_socktype;
@@ -147,10 +142,10 @@ int LookUp(const TEXT* node, const TEXT* service, const INFO* wanted, INFO** res
         const auto orNull = [](const std::optional<std::string>& text) { return text ? text->c_str() : nullptr; };
         const int code =
             isOwnName ? AddOwnAddresses(hints, list) : AddLookedUp(orNull(host), orNull(port), hints, list);
-        if (code != 0) return Fail(code);
+        if (code != 0) return win32::FailLookup(code);
         *result = list.Release();
     } catch (const std::bad_alloc&) {
-        return Fail(ERROR_NOT_ENOUGH_MEMORY);
+        return win32::FailLookup(ERROR_NOT_ENOUGH_MEMORY);
     }
     return 0;
 }

@@ -201,22 +201,18 @@ bool CopyText(const std::string& text, LPWSTR place, DWORD units) {
     return true;
 }
 
-int Fail(int code) {
-    WSASetLastError(code);
-    return code;
-}
-
 }  // namespace
 
 INT WINAPI GetNameInfoW(const SOCKADDR* address, socklen_t length, LPWSTR host, DWORD hostUnits, LPWSTR service,
                         DWORD serviceUnits, INT flags) try {
     const auto lookup = std::make_shared<LOOKUP>();
-    if (address == nullptr || length < sizeof(sa_family_t) || length > sizeof(lookup->address)) return Fail(WSAEFAULT);
+    if (address == nullptr || length < sizeof(sa_family_t) || length > sizeof(lookup->address))
+        return win32::FailLookup(WSAEFAULT);
     std::memcpy(&lookup->address, address, length);
     lookup->length = length;
     lookup->wantsHost = host != nullptr && hostUnits > 0;
     lookup->wantsService = service != nullptr && serviceUnits > 0;
-    if (!lookup->wantsHost && !lookup->wantsService) return Fail(WSAHOST_NOT_FOUND);
+    if (!lookup->wantsHost && !lookup->wantsService) return win32::FailLookup(WSAHOST_NOT_FOUND);
     for (const FLAG_PAIR& pair : flagTable)
         if (flags & pair.windows) lookup->flags |= pair.ours;
 
@@ -227,10 +223,10 @@ INT WINAPI GetNameInfoW(const SOCKADDR* address, socklen_t length, LPWSTR host, 
     } else {
         error = AskWithinTimeout(lookup);
     }
-    if (error != 0) return Fail(error);
+    if (error != 0) return win32::FailLookup(error);
     if (!CopyText(lookup->host, host, hostUnits) || !CopyText(lookup->service, service, serviceUnits))
-        return Fail(ERROR_INSUFFICIENT_BUFFER);
+        return win32::FailLookup(ERROR_INSUFFICIENT_BUFFER);
     return 0;
 } catch (const std::bad_alloc&) {
-    return Fail(ERROR_NOT_ENOUGH_MEMORY);
+    return win32::FailLookup(ERROR_NOT_ENOUGH_MEMORY);
 }

@@ -86,4 +86,9 @@ int FailSocketCall(int code) {
     return SOCKET_ERROR;
 }
 
+int FailLookup(int code) {
+    SetLastError(static_cast<DWORD>(code));
+    return code;
+}
+
 }  // namespace win32

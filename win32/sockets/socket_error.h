@@ -13,4 +13,7 @@ int SocketErrorFromLookup(int result, int errorNumber);
 // Sets the thread's last error and returns SOCKET_ERROR.
 int FailSocketCall(int code);
 
+// Sets the thread's last error and returns it, as the look-ups of names and addresses do.
+int FailLookup(int code);
+
 }  // namespace win32
