@@ -100,14 +100,13 @@ bool ValidFlags(DWORD flags) {
            OneOf(flags, EVENTLOG_FORWARDS_READ, EVENTLOG_BACKWARDS_READ) && flags <= 0xF;
 }
 
-// Reads into a buffer that a caller may have put at any address.
-DWORD ReadInto(EVT_READER& reader, bool forwards, void* buffer, DWORD bytes, DWORD& bytesRead, DWORD& needed) {
-    if (reinterpret_cast<uintptr_t>(buffer) % alignof(EVENTLOGRECORD) == 0)
-        return reader.Read(forwards, static_cast<BYTE*>(buffer), bytes, bytesRead, needed);
-    BYTES aligned(bytes);
-    const DWORD error = reader.Read(forwards, aligned.data(), bytes, bytesRead, needed);
-    std::memcpy(buffer, aligned.data(), bytesRead);
-    return error;
+BOOL Numbers(HANDLE handle, PDWORD count, PDWORD oldest) {
+    const auto log = ObjectAs<OPEN_LOG>(handle);
+    if (!log) return FALSE;
+    if (count == nullptr || oldest == nullptr) return FailWith(ERROR_INVALID_PARAMETER);
+    const std::lock_guard guard(log->lock);
+    DWORD current;
+    return Result(log->reader.Numbers(current, *oldest, *count));
 }
 
 }  // namespace
@@ -135,7 +134,8 @@ BOOL WINAPI ReadEventLogW(HANDLE handle, DWORD flags, DWORD offset, LPVOID buffe
                           DWORD* bytesNeeded) {
     const auto log = win32::ObjectAs<win32::OPEN_LOG>(handle);
     if (!log) return FALSE;
-    if (!win32::ValidFlags(flags) || buffer == nullptr || bytes > win32::MaxReadBytes || !bytesRead || !bytesNeeded)
+    const bool aligned = reinterpret_cast<uintptr_t>(buffer) % alignof(EVENTLOGRECORD) == 0;
+    if (!win32::ValidFlags(flags) || !buffer || !aligned || bytes > win32::MaxReadBytes || !bytesRead || !bytesNeeded)
         return win32::FailWith(ERROR_INVALID_PARAMETER);
     const bool forwards = (flags & EVENTLOG_FORWARDS_READ) != 0;
     const std::lock_guard guard(log->lock);
@@ -143,25 +143,17 @@ BOOL WINAPI ReadEventLogW(HANDLE handle, DWORD flags, DWORD offset, LPVOID buffe
     if (flags & EVENTLOG_SEEK_READ)
         if (const DWORD error = log->reader.Seek(offset, forwards); error != ERROR_SUCCESS)
             return win32::FailWith(error);
-    return win32::Result(win32::ReadInto(log->reader, forwards, buffer, bytes, *bytesRead, *bytesNeeded));
+    return win32::Result(log->reader.Read(forwards, static_cast<BYTE*>(buffer), bytes, *bytesRead, *bytesNeeded));
 }
 
 BOOL WINAPI GetNumberOfEventLogRecords(HANDLE handle, PDWORD count) {
-    const auto log = win32::ObjectAs<win32::OPEN_LOG>(handle);
-    if (!log) return FALSE;
-    if (count == nullptr) return win32::FailWith(ERROR_INVALID_PARAMETER);
-    const std::lock_guard guard(log->lock);
-    DWORD current, oldest;
-    return win32::Result(log->reader.Numbers(current, oldest, *count));
+    DWORD ignored;
+    return win32::Numbers(handle, count, &ignored);
 }
 
 BOOL WINAPI GetOldestEventLogRecord(HANDLE handle, PDWORD number) {
-    const auto log = win32::ObjectAs<win32::OPEN_LOG>(handle);
-    if (!log) return FALSE;
-    if (number == nullptr) return win32::FailWith(ERROR_INVALID_PARAMETER);
-    const std::lock_guard guard(log->lock);
-    DWORD current, count;
-    return win32::Result(log->reader.Numbers(current, *number, count));
+    DWORD ignored;
+    return win32::Numbers(handle, &ignored, number);
 }
 
 // One event a log handle: a second call puts its event in the first one's place. A caller that closes the event does

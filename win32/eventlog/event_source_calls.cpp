@@ -48,18 +48,7 @@ std::string EventText(const NEW_EVENT& event) {
 }
 
 const char* TypeName(WORD type) {
-    switch (type) {
-        case EVENTLOG_ERROR_TYPE:
-            return "error";
-        case EVENTLOG_WARNING_TYPE:
-            return "warning";
-        case EVENTLOG_AUDIT_SUCCESS:
-            return "audit-success";
-        case EVENTLOG_AUDIT_FAILURE:
-            return "audit-failure";
-        default:
-            return "information";
-    }
+    return type == EVENTLOG_ERROR_TYPE ? "error" : type == EVENTLOG_WARNING_TYPE ? "warning" : "information";
 }
 
 // syslog's levels

@@ -80,24 +80,29 @@ void EVT_READER::Settle(bool forwards) {
     nextOffset = forwards ? state.start : state.end;
 }
 
-DWORD EVT_READER::Read(bool forwards, BYTE* buffer, DWORD bytes, DWORD& bytesRead, DWORD& needed) {
-    bytesRead = needed = 0;
+template <typename ACTION>
+DWORD EVT_READER::InLog(ACTION act) {
     for (int attempt = 0; attempt < MaxReplacements; ++attempt) {
         {
             const EVT_LOCK lock(file, EVT_LOCK::SHARED);
             if (!lock) return GetLastError();
-            DWORD error = Enter();
-            if (error == ERROR_SUCCESS) {
-                Settle(forwards);
-                if (forwards || state.oldest == 0) file.Mark(next);  // at the end of an empty log there is one way on
-                return forwards ? ReadForwards(buffer, bytes, bytesRead, needed)
-                                : ReadBackwards(buffer, bytes, bytesRead, needed);
-            }
+            const DWORD error = Enter();
+            if (error == ERROR_SUCCESS) return act();
             if (error != Continued) return error;
         }
         if (const DWORD error = FollowReplacement(); error != ERROR_SUCCESS) return error;
     }
     return ERROR_EVENTLOG_FILE_CHANGED;
+}
+
+DWORD EVT_READER::Read(bool forwards, BYTE* buffer, DWORD bytes, DWORD& bytesRead, DWORD& needed) {
+    bytesRead = needed = 0;
+    return InLog([&] {
+        Settle(forwards);
+        if (forwards || state.oldest == 0) file.Mark(next);  // at the end of an empty log there is one way on
+        return forwards ? ReadForwards(buffer, bytes, bytesRead, needed)
+                        : ReadBackwards(buffer, bytes, bytesRead, needed);
+    });
 }
 
 // Filler and damage do not end the read, only a record that does not fit: as many records are given as going backwards.
@@ -199,21 +204,12 @@ DWORD EVT_READER::Seek(DWORD number, bool forwards) {
 }
 
 DWORD EVT_READER::Numbers(DWORD& current, DWORD& oldest, DWORD& count) {
-    for (int attempt = 0; attempt < MaxReplacements; ++attempt) {
-        {
-            const EVT_LOCK lock(file, EVT_LOCK::SHARED);
-            if (!lock) return GetLastError();
-            const DWORD error = Enter();
-            if (error == ERROR_SUCCESS) {
-                current = state.current;
-                oldest = state.oldest;
-                count = state.Records();
-            }
-            if (error != Continued) return error;
-        }
-        if (const DWORD error = FollowReplacement(); error != ERROR_SUCCESS) return error;
-    }
-    return ERROR_EVENTLOG_FILE_CHANGED;
+    return InLog([&]() -> DWORD {
+        current = state.current;
+        oldest = state.oldest;
+        count = state.Records();
+        return ERROR_SUCCESS;
+    });
 }
 
 }  // namespace win32

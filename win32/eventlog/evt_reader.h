@@ -40,6 +40,9 @@ private:
         DWORD position, length, number;  // of one record
     };
 
+    // Does it under the lock of the file in which the log stands now; what it gives, or why there is none.
+    template <typename ACTION>
+    DWORD InLog(ACTION act);
     DWORD Enter();  // under the lock: loads the state, follows a resized log, catches up when overtaken
     DWORD FollowReplacement();
     void Settle(bool forwards);

@@ -87,13 +87,8 @@ DELETE_ACCESS::DELETE_ACCESS(const std::string& host) {
 }
 
 int AccessFlags(DWORD access) {
-    const bool reads = (access & (GENERIC_READ | FILE_READ_DATA)) != 0;
-    const bool writes = (access & (GENERIC_WRITE | FILE_WRITE_DATA)) != 0;
-    const bool appends = (access & FILE_APPEND_DATA) != 0;
-    int flags = O_CLOEXEC | O_NOCTTY;
-    flags |= !writes && !appends ? O_RDONLY : reads ? O_RDWR : O_WRONLY;
-    if (appends && !writes) flags |= O_APPEND;
-    return flags;
+    const bool writes = (access & GENERIC_WRITE) != 0, appends = (access & FILE_APPEND_DATA) != 0;
+    return O_CLOEXEC | O_NOCTTY | (writes || appends ? O_WRONLY : O_RDONLY) | (appends && !writes ? O_APPEND : 0);
 }
 
 // The host's flags; nothing is truncated by the open.
@@ -114,11 +109,6 @@ void ComplainOnce(const std::string& fault) {
     SetLastError(error);
 }
 
-bool IsValidDisposition(DWORD access, DWORD disposition) {
-    if (disposition == TRUNCATE_EXISTING) return (access & (GENERIC_WRITE | FILE_WRITE_DATA)) != 0;
-    return disposition >= CREATE_NEW && disposition < TRUNCATE_EXISTING;
-}
-
 // The new handle of a file that the host has opened, as CreateFileW gives it; null with the last error.
 HANDLE NewFile(DESCRIPTOR file, bool made, DWORD share, DWORD disposition) {
     struct stat status;
@@ -127,8 +117,8 @@ HANDLE NewFile(DESCRIPTOR file, bool made, DWORD share, DWORD disposition) {
     // Locked already: it is being renamed or deleted.
     if ((share & FILE_SHARE_DELETE) == 0 && !TryLock(file.Get(), status, LOCK_SH))
         return NullWith(ERROR_SHARING_VIOLATION);
-    const bool truncates = !made && (disposition == CREATE_ALWAYS || disposition == TRUNCATE_EXISTING);
-    if (truncates && ftruncate(file.Get(), 0) != 0 && errno != EINVAL)  // EINVAL: a pipe or a device
+    if (!made && disposition == CREATE_ALWAYS && ftruncate(file.Get(), 0) != 0 &&
+        errno != EINVAL)  // EINVAL: a pipe or a device
         return NullWith(ErrorFromErrno(errno));
     return NewHandle(std::make_shared<FILE_OBJECT>(std::move(file)));
 }
@@ -154,8 +144,8 @@ using namespace win32;
 HANDLE WINAPI CreateFileW(LPCWSTR path, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES, DWORD disposition, DWORD,
                           HANDLE) {
     std::string host;
-    if (!IsValidDisposition(access, disposition)) SetLastError(ERROR_INVALID_PARAMETER);
-    if (!IsValidDisposition(access, disposition) || !ResolvePath(path, host)) return INVALID_HANDLE_VALUE;
+    if (disposition < CREATE_NEW || disposition > OPEN_ALWAYS) SetLastError(ERROR_INVALID_PARAMETER);
+    if (disposition < CREATE_NEW || disposition > OPEN_ALWAYS || !ResolvePath(path, host)) return INVALID_HANDLE_VALUE;
     bool made = false;
     const mode_t mode = IsInMachineRoot(host) ? 0640 : 0644;  // in a root for its owner and his group
     DESCRIPTOR file(OpenRootFile(host, AccessFlags(access) | DispositionFlags(disposition), mode, &made));

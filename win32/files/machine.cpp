@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstring>
 #include <string>
+#include <tuple>
 
 #include "win32/registry/linux_settings.h"
 #include "win32/text/last_error.h"
@@ -42,23 +43,6 @@ DWORD ConditionOf(DWORDLONG mask, DWORD type) {
     return static_cast<DWORD>(mask >> position) & 7;
 }
 
-struct VERSION_FIELD {
-    DWORD type;
-    DWORD present;
-    DWORD wanted;
-};
-
-// Major, minor and service pack are one number of three digits: a greater digit decides, an equal one passes on.
-bool DigitsSatisfy(const VERSION_FIELD (&fields)[3], DWORD types, DWORDLONG mask) {
-    for (const VERSION_FIELD& field : fields) {
-        if ((types & field.type) == 0) continue;
-        const DWORD condition = ConditionOf(mask, field.type);
-        if (condition == VER_EQUAL && field.present != field.wanted) return false;
-        if (condition == VER_GREATER_EQUAL && field.present != field.wanted) return field.present > field.wanted;
-    }
-    return true;
-}
-
 }  // namespace
 
 BOOL WINAPI GetComputerNameW(LPWSTR buffer, LPDWORD units) {
@@ -78,13 +62,11 @@ BOOL WINAPI GetComputerNameW(LPWSTR buffer, LPDWORD units) {
 
 BOOL WINAPI GetVersionExW(LPOSVERSIONINFOW version) {
     if (version == nullptr) return win32::FailWith(ERROR_INVALID_PARAMETER);
-    const DWORD size = version->dwOSVersionInfoSize;
-    if (size != sizeof(OSVERSIONINFOW) && size != sizeof(OSVERSIONINFOEXW))
-        return win32::FailWith(ERROR_INSUFFICIENT_BUFFER);
+    if (version->dwOSVersionInfoSize != sizeof(OSVERSIONINFOW)) return win32::FailWith(ERROR_INSUFFICIENT_BUFFER);
     OSVERSIONINFOEXW full = {};
     FillVersion(full);
-    full.dwOSVersionInfoSize = size;
-    memcpy(static_cast<void*>(version), &full, size);  // the shorter structure is the longer one's beginning
+    full.dwOSVersionInfoSize = sizeof(OSVERSIONINFOW);
+    memcpy(version, &full, sizeof(OSVERSIONINFOW));  // which is the longer structure's beginning
     return TRUE;
 }
 
@@ -93,27 +75,20 @@ ULONGLONG WINAPI VerSetConditionMask(ULONGLONG mask, DWORD type, BYTE condition)
     return mask | static_cast<ULONGLONG>(condition & 7) << (static_cast<unsigned>(__builtin_ctz(type)) * ConditionBits);
 }
 
+// Asked are: this version or a later one, and this kind of product.
 BOOL WINAPI VerifyVersionInfoW(LPOSVERSIONINFOEXW version, DWORD types, DWORDLONG mask) {
-    constexpr DWORD known = VER_MAJORVERSION | VER_MINORVERSION | VER_SERVICEPACKMAJOR | VER_PRODUCT_TYPE;
-    if (version == nullptr || types == 0 || (types & ~known) != 0 || mask == 0)
+    constexpr DWORD digits = VER_MAJORVERSION | VER_MINORVERSION | VER_SERVICEPACKMAJOR;
+    const DWORD condition = types == digits ? VER_GREATER_EQUAL : VER_EQUAL;
+    if (version == nullptr || (types != digits && types != VER_PRODUCT_TYPE))
         return win32::FailWith(ERROR_INVALID_PARAMETER);
-    for (DWORD type = 1; type <= known; type <<= 1) {
-        const DWORD condition = ConditionOf(mask, type);
-        if ((types & type) != 0 && condition != VER_EQUAL && condition != VER_GREATER_EQUAL)
+    for (DWORD type = 1; type <= types; type <<= 1)
+        if ((types & type) != 0 && ConditionOf(mask, type) != condition)
             return win32::FailWith(ERROR_INVALID_PARAMETER);
-    }
     OSVERSIONINFOEXW own = {};
     FillVersion(own);
-    const VERSION_FIELD digits[3] = {
-        {VER_MAJORVERSION, own.dwMajorVersion, version->dwMajorVersion},
-        {VER_MINORVERSION, own.dwMinorVersion, version->dwMinorVersion},
-        {VER_SERVICEPACKMAJOR, own.wServicePackMajor, version->wServicePackMajor},
+    const auto number = [](const OSVERSIONINFOEXW& of) {
+        return std::tuple(of.dwMajorVersion, of.dwMinorVersion, of.wServicePackMajor);
     };
-    if (!DigitsSatisfy(digits, types, mask)) return win32::FailWith(OldVersionError);
-    if ((types & VER_PRODUCT_TYPE) != 0) {
-        const bool equal = ConditionOf(mask, VER_PRODUCT_TYPE) == VER_EQUAL;
-        if (equal ? own.wProductType != version->wProductType : own.wProductType < version->wProductType)
-            return win32::FailWith(OldVersionError);
-    }
-    return TRUE;
+    const bool holds = types == digits ? number(own) >= number(*version) : own.wProductType == version->wProductType;
+    return holds || win32::FailWith(OldVersionError);
 }

@@ -4,9 +4,7 @@
 
 typedef WCHAR OLECHAR;
 typedef OLECHAR* BSTR;
-typedef const OLECHAR* LPCOLESTR;
 typedef WORD VARTYPE;
-typedef SHORT VARIANT_BOOL;
 
 struct IUnknown {
     virtual HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** object) = 0;

@@ -9,35 +9,30 @@
 // ---- Types --------------------------------------------------------------------------------------------------------
 
 typedef int BOOL;
-typedef unsigned char BYTE, UCHAR, BOOLEAN;
+typedef unsigned char BYTE;
 typedef char CHAR;
 typedef int16_t SHORT;
 typedef uint16_t WORD, USHORT;
 typedef int32_t INT, LONG;
 typedef uint32_t UINT, DWORD, ULONG;
-typedef int64_t LONGLONG, INT64;
-typedef uint64_t ULONGLONG, DWORDLONG, UINT64;
-typedef uintptr_t UINT_PTR, ULONG_PTR, DWORD_PTR;
-typedef intptr_t INT_PTR, LONG_PTR;
+typedef int64_t LONGLONG;
+typedef uint64_t ULONGLONG, DWORDLONG;
+typedef uintptr_t ULONG_PTR, DWORD_PTR;
+typedef intptr_t INT_PTR;
 typedef size_t SIZE_T;
-typedef void VOID;
 typedef void *PVOID, *LPVOID, *HANDLE, *HGLOBAL, *HLOCAL;
 typedef const void* LPCVOID;
 typedef char16_t WCHAR;
-typedef CHAR *LPSTR, *PSTR;
-typedef const CHAR *LPCSTR, *PCSTR;
-typedef WCHAR *LPWSTR, *PWSTR, *LPWCH;
-typedef const WCHAR *LPCWSTR, *PCWSTR, *LPCWCH;
-typedef BYTE *LPBYTE, *PBYTE;
-typedef WORD* LPWORD;
+typedef CHAR* LPSTR;
+typedef const CHAR* LPCSTR;
+typedef WCHAR *LPWSTR, *PWSTR;
+typedef const WCHAR *LPCWSTR, *PCWSTR;
+typedef BYTE* LPBYTE;
 typedef DWORD *LPDWORD, *PDWORD;
-typedef ULONG* PULONG;
-typedef LONG* PLONG;
-typedef BOOL *LPBOOL, *PBOOL;
-typedef HANDLE *PHANDLE, *LPHANDLE;
-typedef LONG HRESULT, NTSTATUS, LSTATUS, SCODE;
+typedef BOOL* LPBOOL;
+typedef HANDLE* PHANDLE;
+typedef LONG HRESULT, NTSTATUS, LSTATUS;
 typedef DWORD LCID, ACCESS_MASK, REGSAM;
-typedef WORD LANGID, ATOM;
 
 #define DECLARE_HANDLE(name) \
     struct name##__;         \
@@ -57,13 +52,6 @@ typedef union _LARGE_INTEGER {
     };
     LONGLONG QuadPart;
 } LARGE_INTEGER, *PLARGE_INTEGER;
-typedef union _ULARGE_INTEGER {
-    struct {
-        DWORD LowPart;
-        DWORD HighPart;
-    };
-    ULONGLONG QuadPart;
-} ULARGE_INTEGER;
 typedef struct _FILETIME {
     DWORD dwLowDateTime, dwHighDateTime;
 } FILETIME, *PFILETIME, *LPFILETIME;
@@ -80,11 +68,7 @@ typedef struct _GUID {
     BYTE Data4[8];
 } GUID, IID, CLSID;
 typedef const GUID &REFGUID, &REFIID, &REFCLSID;
-typedef struct _SECURITY_ATTRIBUTES {
-    DWORD nLength;
-    LPVOID lpSecurityDescriptor;
-    BOOL bInheritHandle;
-} SECURITY_ATTRIBUTES, *PSECURITY_ATTRIBUTES, *LPSECURITY_ATTRIBUTES;
+typedef struct _SECURITY_ATTRIBUTES* LPSECURITY_ATTRIBUTES;
 typedef struct _OVERLAPPED OVERLAPPED, *LPOVERLAPPED;
 typedef PVOID PSID;
 
@@ -170,9 +154,7 @@ extern "C" {
 #define ERROR_RESOURCE_DATA_NOT_FOUND 1812
 #define ERROR_RESOURCE_TYPE_NOT_FOUND 1813
 #define ERROR_RESOURCE_NAME_NOT_FOUND 1814
-#define ERROR_RESOURCE_LANG_NOT_FOUND 1815
 #define ERROR_CANT_ACCESS_FILE 1920
-#define ERROR_FILE_CORRUPT 1392
 #define ERROR_NO_SYSTEM_RESOURCES 1450
 
 #define SUCCEEDED(hr) (static_cast<HRESULT>(hr) >= 0)
@@ -286,8 +268,6 @@ BOOL WINAPI TlsSetValue(DWORD index, LPVOID value);
 
 // ---- Files --------------------------------------------------------------------------------------------------------
 
-#define FILE_READ_DATA 0x0001
-#define FILE_WRITE_DATA 0x0002
 #define FILE_APPEND_DATA 0x0004
 #define GENERIC_READ 0x80000000u
 #define GENERIC_WRITE 0x40000000u
@@ -298,7 +278,6 @@ BOOL WINAPI TlsSetValue(DWORD index, LPVOID value);
 #define CREATE_ALWAYS 2
 #define OPEN_EXISTING 3
 #define OPEN_ALWAYS 4
-#define TRUNCATE_EXISTING 5
 #define FILE_ATTRIBUTE_READONLY 0x00000001
 #define FILE_ATTRIBUTE_DIRECTORY 0x00000010
 #define FILE_ATTRIBUTE_NORMAL 0x00000080
@@ -355,7 +334,6 @@ BOOL WINAPI VerQueryValueW(LPCVOID block, LPCWSTR subBlock, LPVOID* value, UINT*
 #define REG_OPTION_NON_VOLATILE 0
 #define REG_CREATED_NEW_KEY 1
 #define REG_OPENED_EXISTING_KEY 2
-#define REG_NOTIFY_CHANGE_NAME 0x00000001
 #define REG_NOTIFY_CHANGE_LAST_SET 0x00000004
 LSTATUS WINAPI RegOpenKeyExW(HKEY key, LPCWSTR subKey, DWORD options, REGSAM access, PHKEY result);
 LSTATUS WINAPI RegCreateKeyExW(HKEY key, LPCWSTR subKey, DWORD reserved, LPWSTR className, DWORD options, REGSAM access,

@@ -153,17 +153,6 @@ std::shared_ptr<OPEN_KEY> LeaveKey(HKEY handle) {
     return left;
 }
 
-constexpr REGSAM MaximumAllowed = 0x02000000, GenericAll = 0x10000000;
-
-REGSAM Granted(REGSAM wanted) { return (wanted & (MaximumAllowed | GenericAll)) != 0 ? KEY_ALL_ACCESS : wanted; }
-
-// The path of a key's subkey; ERROR_SUCCESS, or why it is none. Null or empty: the key itself.
-LSTATUS SubKeyPath(const OPEN_KEY& key, LPCWSTR subKey, REG_PATH& path) {
-    path = key.path;
-    if (subKey == nullptr || SplitKeyPath(subKey, path)) return ERROR_SUCCESS;
-    return static_cast<LSTATUS>(GetLastError());
-}
-
 // The tree that the key stands in; null: `status` says why the key cannot be used.
 std::shared_ptr<const REG_TREE> TreeOf(const OPEN_KEY& key, LSTATUS& status) {
     DWORD error = ERROR_SUCCESS;
@@ -171,6 +160,23 @@ std::shared_ptr<const REG_TREE> TreeOf(const OPEN_KEY& key, LSTATUS& status) {
     ComplainOnce(key.store);
     status = static_cast<LSTATUS>(error);
     return tree;
+}
+
+// A key's subkey, whether it is there or not; null or empty: the key itself.
+struct SUBKEY {
+    std::shared_ptr<OPEN_KEY> key;
+    REG_PATH path;
+    std::shared_ptr<const REG_TREE> tree;
+};
+
+LSTATUS FindSubKey(HKEY handle, LPCWSTR name, SUBKEY& subKey) {
+    subKey.key = KeyOf(handle);
+    if (!subKey.key) return ERROR_INVALID_HANDLE;
+    subKey.path = subKey.key->path;
+    if (name != nullptr && !SplitKeyPath(name, subKey.path)) return static_cast<LSTATUS>(GetLastError());
+    LSTATUS status = ERROR_SUCCESS;
+    subKey.tree = TreeOf(*subKey.key, status);
+    return status;
 }
 
 // Changes a key's values under the file's lock.
@@ -203,15 +209,10 @@ LSTATUS GiveValue(const REG_VALUE& value, LPDWORD type, LPBYTE data, LPDWORD byt
 LSTATUS WINAPI RegOpenKeyExW(HKEY handle, LPCWSTR subKey, DWORD, REGSAM access, PHKEY result) {
     if (result == nullptr) return ERROR_INVALID_PARAMETER;
     *result = nullptr;
-    const std::shared_ptr<OPEN_KEY> key = KeyOf(handle);
-    if (!key) return ERROR_INVALID_HANDLE;
-    REG_PATH path;
-    LSTATUS status = SubKeyPath(*key, subKey, path);
-    if (status != ERROR_SUCCESS) return status;
-    const std::shared_ptr<const REG_TREE> tree = TreeOf(*key, status);
-    if (!tree) return status;
-    if (tree->Find(path) == nullptr) return ERROR_FILE_NOT_FOUND;
-    *result = EnterKey(std::make_shared<OPEN_KEY>(key->store, std::move(path), Granted(access)));
+    SUBKEY found;
+    if (const LSTATUS status = FindSubKey(handle, subKey, found); status != ERROR_SUCCESS) return status;
+    if (found.tree->Find(found.path) == nullptr) return ERROR_FILE_NOT_FOUND;
+    *result = EnterKey(std::make_shared<OPEN_KEY>(found.key->store, std::move(found.path), access));
     return ERROR_SUCCESS;
 }
 
@@ -220,26 +221,21 @@ LSTATUS WINAPI RegCreateKeyExW(HKEY handle, LPCWSTR subKey, DWORD reserved, LPWS
     if (result == nullptr || subKey == nullptr || reserved != 0) return ERROR_INVALID_PARAMETER;
     *result = nullptr;
     if (options != REG_OPTION_NON_VOLATILE) return ERROR_NOT_SUPPORTED;
-    const std::shared_ptr<OPEN_KEY> key = KeyOf(handle);
-    if (!key) return ERROR_INVALID_HANDLE;
-    REG_PATH path;
-    LSTATUS status = SubKeyPath(*key, subKey, path);
-    if (status != ERROR_SUCCESS) return status;
-    const std::shared_ptr<const REG_TREE> tree = TreeOf(*key, status);
-    if (!tree) return status;
+    SUBKEY found;
+    if (const LSTATUS status = FindSubKey(handle, subKey, found); status != ERROR_SUCCESS) return status;
     bool created = false;
-    if (tree->Find(path) == nullptr) {
-        const DWORD error = key->store.Change([&](REG_TREE& fresh) -> DWORD {
-            REG_NODE* const made = fresh.Make(path, &created);
+    if (found.tree->Find(found.path) == nullptr) {
+        const DWORD error = found.key->store.Change([&](REG_TREE& fresh) -> DWORD {
+            REG_NODE* const made = fresh.Make(found.path, &created);
             if (made == nullptr) return ERROR_NO_SYSTEM_RESOURCES;
             made->listed = true;
             return ERROR_SUCCESS;
         });
-        ComplainOnce(key->store);
+        ComplainOnce(found.key->store);
         if (error != ERROR_SUCCESS) return static_cast<LSTATUS>(error);
     }
     if (disposition != nullptr) *disposition = created ? REG_CREATED_NEW_KEY : REG_OPENED_EXISTING_KEY;
-    *result = EnterKey(std::make_shared<OPEN_KEY>(key->store, std::move(path), Granted(access)));
+    *result = EnterKey(std::make_shared<OPEN_KEY>(found.key->store, std::move(found.path), access));
     return ERROR_SUCCESS;
 }
 

@@ -90,12 +90,6 @@ std::optional<ACCOUNT> FindAccount(const SID_VALUE& sid) {
     return sid == UserSid(user) ? User(user) : std::nullopt;
 }
 
-bool IsThisSystem(LPCWSTR name) {
-    if (name == nullptr || *name == 0) return true;
-    while (*name == u'\\') ++name;
-    return SameName(name, ComputerName());
-}
-
 }  // namespace win32
 
 // By the two-call pattern of size and text.
@@ -103,7 +97,7 @@ BOOL WINAPI LookupAccountSidW(LPCWSTR system, PSID sid, LPWSTR account, LPDWORD 
                               LPDWORD domainUnits, PSID_NAME_USE use) {
     const auto value = win32::SID_VALUE::At(sid);
     if (!accountUnits || !domainUnits || !use || !value) return win32::FailWith(ERROR_INVALID_PARAMETER);
-    if (!win32::IsThisSystem(system)) return win32::FailWith(win32::RpcServerUnavailable);
+    if (system != nullptr) return win32::FailWith(win32::RpcServerUnavailable);
     const auto found = win32::FindAccount(*value);
     if (!found) return win32::FailWith(ERROR_NONE_MAPPED);
     const bool fits =

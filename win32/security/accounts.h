@@ -29,7 +29,4 @@ SID_VALUE UserSid(uid_t user);
 // The machine's name, as GetComputerNameW gives it; empty: it cannot be had.
 std::u16string ComputerName();
 
-// Whether a call that names a system means this one: null, empty, or its own name.
-bool IsThisSystem(LPCWSTR name);
-
 }  // namespace win32

@@ -61,10 +61,7 @@ void Fill(const SID_VALUE& sid, const ACCOUNT& account, TRANSLATED_BLOCK& name, 
 NTSTATUS NTAPI LsaOpenPolicy(PLSA_UNICODE_STRING system, PLSA_OBJECT_ATTRIBUTES attributes, ACCESS_MASK access,
                              PLSA_HANDLE policy) {
     if (attributes == nullptr || policy == nullptr) return win32::StatusInvalidParameter;
-    if (system != nullptr && system->Length != 0) {
-        const std::u16string name(system->Buffer, system->Length / sizeof(WCHAR));
-        if (!win32::IsThisSystem(name.c_str())) return win32::StatusServerUnavailable;
-    }
+    if (system != nullptr) return win32::StatusServerUnavailable;
     *policy = win32::NewHandle(std::make_shared<win32::POLICY>(access));
     return win32::StatusSuccess;
 }

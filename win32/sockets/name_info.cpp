@@ -26,14 +26,7 @@
 
 namespace {
 
-// The C library's flags under names that survive the Windows ones.
-constexpr int HostAsDigits = NI_NUMERICHOST;
-struct FLAG_PAIR {
-    int windows;
-    int ours;
-};
-constexpr FLAG_PAIR flagTable[] = {
-    {0x01, NI_NOFQDN}, {0x02, NI_NUMERICHOST}, {0x04, NI_NAMEREQD}, {0x08, NI_NUMERICSERV}, {0x10, NI_DGRAM}};
+constexpr int NameRequired = NI_NAMEREQD;  // the C library's, under a name that survives the Windows one
 
 }  // namespace
 
@@ -88,26 +81,21 @@ bool IsAnswer(int code) {
 struct LOOKUP {
     sockaddr_storage address{};
     socklen_t length = 0;
-    bool wantsHost = false, wantsService = false;
-    int flags = 0;
 
     const win32::DESCRIPTOR answered{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};  // readable once it has been
     std::mutex lock;
     int error = 0;  // Winsock's
-    std::string host, service;
+    std::string host;
 
     void Ask() {
-        char hostText[NI_MAXHOST] = "", serviceText[NI_MAXSERV] = "";
-        const int result =
-            getnameinfo(reinterpret_cast<const sockaddr*>(&address), length, wantsHost ? hostText : nullptr,
-                        wantsHost ? sizeof(hostText) : 0, wantsService ? serviceText : nullptr,
-                        wantsService ? sizeof(serviceText) : 0, flags);
+        char hostText[NI_MAXHOST] = "";
+        const int result = getnameinfo(reinterpret_cast<const sockaddr*>(&address), length, hostText, sizeof(hostText),
+                                       nullptr, 0, NameRequired);
         const int code = win32::SocketErrorFromLookup(result, errno);
-        if (IsAnswer(code) && wantsHost && !(flags & HostAsDigits)) NAME_SERVER::Current().NoteAnswer();
+        if (IsAnswer(code)) NAME_SERVER::Current().NoteAnswer();
         const std::lock_guard guard(lock);
         try {
             host = hostText;
-            service = serviceText;
             error = code;
         } catch (const std::bad_alloc&) {
             error = ERROR_NOT_ENOUGH_MEMORY;
@@ -192,40 +180,21 @@ int AskWithinTimeout(const std::shared_ptr<LOOKUP>& lookup) {
     return lookup->error;
 }
 
-// Copies the text with its terminator; a null or empty place wants none. False: it does not fit.
-bool CopyText(const std::string& text, LPWSTR place, DWORD units) {
-    if (place == nullptr || units == 0) return true;
-    const std::u16string wide = win32::ToUtf16(text);
-    if (wide.size() >= units) return false;
-    std::copy_n(wide.c_str(), wide.size() + 1, place);
-    return true;
-}
-
 }  // namespace
 
-INT WINAPI GetNameInfoW(const SOCKADDR* address, socklen_t length, LPWSTR host, DWORD hostUnits, LPWSTR service,
-                        DWORD serviceUnits, INT flags) try {
+// Names of hosts only, and no digits in the place of one.
+INT WINAPI GetNameInfoW(const SOCKADDR* address, socklen_t length, LPWSTR host, DWORD hostUnits, LPWSTR service, DWORD,
+                        INT flags) try {
     const auto lookup = std::make_shared<LOOKUP>();
     if (address == nullptr || length < sizeof(sa_family_t) || length > sizeof(lookup->address))
         return win32::FailLookup(WSAEFAULT);
+    if (host == nullptr || service != nullptr || flags != NI_NAMEREQD) return win32::FailLookup(WSAEOPNOTSUPP);
     std::memcpy(&lookup->address, address, length);
     lookup->length = length;
-    lookup->wantsHost = host != nullptr && hostUnits > 0;
-    lookup->wantsService = service != nullptr && serviceUnits > 0;
-    if (!lookup->wantsHost && !lookup->wantsService) return win32::FailLookup(WSAHOST_NOT_FOUND);
-    for (const FLAG_PAIR& pair : flagTable)
-        if (flags & pair.windows) lookup->flags |= pair.ours;
-
-    int error = 0;
-    if (!lookup->wantsHost || lookup->flags & HostAsDigits) {
-        lookup->Ask();  // asks no name server
-        error = lookup->error;
-    } else {
-        error = AskWithinTimeout(lookup);
-    }
-    if (error != 0) return win32::FailLookup(error);
-    if (!CopyText(lookup->host, host, hostUnits) || !CopyText(lookup->service, service, serviceUnits))
-        return win32::FailLookup(ERROR_INSUFFICIENT_BUFFER);
+    if (const int error = AskWithinTimeout(lookup); error != 0) return win32::FailLookup(error);
+    const std::u16string name = win32::ToUtf16(lookup->host);
+    if (name.size() >= hostUnits) return win32::FailLookup(ERROR_INSUFFICIENT_BUFFER);
+    std::copy_n(name.c_str(), name.size() + 1, host);
     return 0;
 } catch (const std::bad_alloc&) {
     return win32::FailLookup(ERROR_NOT_ENOUGH_MEMORY);

@@ -1,8 +1,6 @@
 // The clocks. All wall-clock times come from GetSystemTimeAsFileTime, so that replacing this call moves all of them.
 // What is computed from its reading is in file_time.cpp.
-#include <sched.h>
 #include <time.h>
-#include <unistd.h>
 
 #include <cerrno>
 
@@ -22,16 +20,7 @@ ULONGLONG WINAPI GetTickCount64() {
 }
 
 void WINAPI Sleep(DWORD milliseconds) {
-    if (milliseconds == 0) {
-        sched_yield();
-        return;
-    }
-    if (milliseconds == INFINITE)
-        for (;;) pause();
-    timespec until;
-    clock_gettime(CLOCK_MONOTONIC, &until);
-    const int64_t nanoseconds = until.tv_nsec + milliseconds % 1000 * int64_t{1'000'000};
-    until = {until.tv_sec + milliseconds / 1000 + nanoseconds / 1'000'000'000, nanoseconds % 1'000'000'000};
-    while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr) == EINTR) {
+    timespec left{milliseconds / 1000, milliseconds % 1000 * 1'000'000L};
+    while (clock_nanosleep(CLOCK_MONOTONIC, 0, &left, &left) == EINTR) {
     }
 }

@@ -76,30 +76,30 @@ private:
     std::function<void()> ended;
 };
 
+// False: the object is not an event.
+template <typename ACTION>
+bool WithEvent(KERNEL_OBJECT& object, ACTION act) {
+    EVENT* const event = dynamic_cast<EVENT*>(&object);
+    if (event != nullptr) act(*event);
+    return event != nullptr;
+}
+
 }  // namespace
 
 bool SignalEventObject(KERNEL_OBJECT& event) {
-    EVENT* object = dynamic_cast<EVENT*>(&event);
-    if (object) object->Set();
-    return object != nullptr;
+    return WithEvent(event, [](EVENT& object) { object.Set(); });
 }
 
 bool PulseEventObject(KERNEL_OBJECT& event) {
-    EVENT* object = dynamic_cast<EVENT*>(&event);
-    if (object) object->Pulse();
-    return object != nullptr;
+    return WithEvent(event, [](EVENT& object) { object.Pulse(); });
 }
 
 bool OnEventEnd(KERNEL_OBJECT& event, std::function<void()> call) {
-    EVENT* object = dynamic_cast<EVENT*>(&event);
-    if (object) object->OnEnd(std::move(call));
-    return object != nullptr;
+    return WithEvent(event, [&](EVENT& object) { object.OnEnd(std::move(call)); });
 }
 
 bool SetEventCompanion(KERNEL_OBJECT& event, int fd, short events) {
-    EVENT* object = dynamic_cast<EVENT*>(&event);
-    if (object) object->SetCompanion({fd, events});
-    return object != nullptr;
+    return WithEvent(event, [&](EVENT& object) { object.SetCompanion({fd, events}); });
 }
 
 }  // namespace win32

@@ -100,25 +100,6 @@ void* Run(void* memory) {
     return nullptr;
 }
 
-class THREAD_ATTRIBUTES {
-public:
-    explicit THREAD_ATTRIBUTES(size_t stack) {
-        pthread_attr_init(&attributes);
-        pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
-        size_t usual = 0;
-        pthread_attr_getstacksize(&attributes, &usual);
-        if (stack > usual) pthread_attr_setstacksize(&attributes, stack);  // a smaller wish is only a first commitment
-    }
-    ~THREAD_ATTRIBUTES() { pthread_attr_destroy(&attributes); }
-    THREAD_ATTRIBUTES(const THREAD_ATTRIBUTES&) = delete;
-    THREAD_ATTRIBUTES& operator=(const THREAD_ATTRIBUTES&) = delete;
-
-    const pthread_attr_t* Get() const { return &attributes; }
-
-private:
-    pthread_attr_t attributes;
-};
-
 // The agent ends without a line when a thread that it needs does not start: here it is said why.
 uintptr_t NotStarted(int reason, DWORD code) {
     OutputDebugStringW(
@@ -131,11 +112,12 @@ uintptr_t NotStarted(int reason, DWORD code) {
 }  // namespace
 }  // namespace win32
 
-// The new thread's handle, or 0 with errno and the last error. Flags (suspended start) are not supported.
+// The new thread's handle, or 0 with errno and the last error. Flags (suspended start) and sizes of a stack are not
+// supported.
 uintptr_t _beginthreadex(void*, unsigned stack, unsigned(WINAPI* routine)(void*), void* argument, unsigned flags,
                          unsigned* threadId) {
-    if (routine == nullptr || flags != 0) {
-        SetLastError(flags != 0 ? ERROR_NOT_SUPPORTED : ERROR_INVALID_PARAMETER);
+    if (routine == nullptr || stack != 0 || flags != 0) {
+        SetLastError(ERROR_NOT_SUPPORTED);
         errno = EINVAL;
         return 0;
     }
@@ -143,11 +125,11 @@ uintptr_t _beginthreadex(void*, unsigned stack, unsigned(WINAPI* routine)(void*)
     if (!fd) return win32::NotStarted(errno, win32::ErrorFromErrno(errno));
     const auto thread = std::make_shared<win32::THREAD>(std::move(fd));
     auto start = std::make_unique<win32::START>(win32::START{thread, routine, argument});
-    const win32::THREAD_ATTRIBUTES attributes(stack);
-    pthread_t ignored;
-    if (const int error = pthread_create(&ignored, attributes.Get(), win32::Run, start.get()); error != 0)
+    pthread_t started;
+    if (const int error = pthread_create(&started, nullptr, win32::Run, start.get()); error != 0)
         return win32::NotStarted(error, ERROR_NOT_ENOUGH_MEMORY);
     static_cast<void>(start.release());  // the thread owns it now
+    pthread_detach(started);
     if (threadId) *threadId = thread->Id();
     return reinterpret_cast<uintptr_t>(win32::NewHandle(thread));
 }

@@ -40,11 +40,6 @@ const char16_t* SystemMessage(DWORD code) {
     return HIWORD(code) == win32Facility ? SystemMessage(LOWORD(code)) : nullptr;
 }
 
-// Neutral, the user's default, the system's default and US English are one: the only language there is.
-bool IsOwnLanguage(DWORD language) {
-    return language == 0 || language == 0x0400 || language == 0x0800 || language == keldwick::ResourceLanguage;
-}
-
 bool FindInModule(LPCVOID module, DWORD id, std::u16string& text) {
     if (module != nullptr && !win32::IsOwnModule(static_cast<HMODULE>(const_cast<void*>(module))))
         return win32::FailWith(ERROR_RESOURCE_TYPE_NOT_FOUND);
@@ -57,10 +52,9 @@ bool FindInModule(LPCVOID module, DWORD id, std::u16string& text) {
 }
 
 // Sets the last error when nothing is found.
-bool FindText(DWORD flags, LPCVOID module, DWORD id, DWORD language, std::u16string& text) {
+bool FindText(DWORD flags, LPCVOID module, DWORD id, std::u16string& text) {
     constexpr DWORD sources = FORMAT_MESSAGE_FROM_HMODULE | FORMAT_MESSAGE_FROM_SYSTEM;
     if ((flags & sources) == 0) return win32::FailWith(ERROR_INVALID_PARAMETER);
-    if (!IsOwnLanguage(language)) return win32::FailWith(ERROR_RESOURCE_LANG_NOT_FOUND);
     if ((flags & FORMAT_MESSAGE_FROM_HMODULE) != 0 && FindInModule(module, id, text)) return true;
     if ((flags & FORMAT_MESSAGE_FROM_SYSTEM) == 0) return false;
     const char16_t* message = SystemMessage(id);
@@ -71,8 +65,6 @@ bool FindText(DWORD flags, LPCVOID module, DWORD id, DWORD language, std::u16str
 }
 
 // ---- Formatting ----------------------------------------------------------------------------------------------------
-
-constexpr DWORD OnlyHardBreaks = FORMAT_MESSAGE_MAX_WIDTH_MASK;
 
 // Puts units one after the other and breaks lines at the width wanted.
 class LINE_WRITER {
@@ -93,7 +85,7 @@ public:
     }
 
     void PutUnit(char16_t unit) {
-        if (width != 0 && width != OnlyHardBreaks && text.size() - lineStart >= width) BreakLine(unit);
+        if (width != 0 && text.size() - lineStart >= width) BreakLine(unit);
         if (unit == u' ') lastBlank = text.size();
         text += unit;
     }
@@ -174,14 +166,15 @@ DWORD Deliver(DWORD flags, const std::u16string& text, LPWSTR buffer, DWORD size
 
 }  // namespace
 
-DWORD WINAPI FormatMessageW(DWORD flags, LPCVOID source, DWORD messageId, DWORD languageId, LPWSTR buffer, DWORD size,
+// In the one language there is.
+DWORD WINAPI FormatMessageW(DWORD flags, LPCVOID source, DWORD messageId, DWORD, LPWSTR buffer, DWORD size,
                             void* arguments) {
     if (buffer == nullptr) return static_cast<DWORD>(win32::FailWith(ERROR_INVALID_PARAMETER));
     const bool allocates = (flags & FORMAT_MESSAGE_ALLOCATE_BUFFER) != 0;
     if (allocates) *reinterpret_cast<LPWSTR*>(buffer) = nullptr;
 
     std::u16string text;
-    if (!FindText(flags, source, messageId, languageId, text)) return 0;
+    if (!FindText(flags, source, messageId, text)) return 0;
     const bool hasArray = (flags & FORMAT_MESSAGE_ARGUMENT_ARRAY) != 0;
     const auto finished =
         Format(text, (flags & FORMAT_MESSAGE_IGNORE_INSERTS) != 0, flags & FORMAT_MESSAGE_MAX_WIDTH_MASK,

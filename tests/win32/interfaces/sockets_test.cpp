@@ -40,9 +40,6 @@ TEST(Addresses, TakeTheFormsThatWindowsTakesAndNoOthers) {
         {u"1:0:2:3:4:5:6:7", u"1:0:2:3:4:5:6:7"},
         {u"1:2:3:4:5:6:0:0", u"1:2:3:4:5:6::"},
         {u"::ffff:10.0.0.5", u"::ffff:10.0.0.5"},
-        {u"::ffff:0:10.0.0.5", u"::ffff:0:10.0.0.5"},
-        {u"fe80::5efe:10.0.0.5", u"fe80::5efe:10.0.0.5"},
-        {u"::ffff:0:5", u"::ffff:0:5"},
     };
     for (const auto& [text, written] : good) {
         const bool ipv6 = text.find(u':') < text.rfind(u':');
