@@ -1,82 +1,42 @@
-// A server that speaks TLS, and one that only pretends to, each playing a script on one connection.
+// A server on a thread of its own, which accepts one connection over TLS and plays a script on it.
 #pragma once
 
-#include <gtest/gtest.h>
 #include <openssl/ssl.h>
-#include <openssl/x509.h>
 #include <signal.h>
 
 #include <algorithm>
-#include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
 #include <thread>
 
 #include "tests/support/peer.h"
+#include "tools/keldwick-server/server_tls.h"
 
-struct SERVER_KIND {
-    int lowest = TLS1_2_VERSION, highest = TLS1_2_VERSION;
-    long validTo = 3600;  // seconds from now
-};
-
-template <auto FREE>
-struct FREER {
-    void operator()(auto* owned) const { FREE(owned); }
-};
-template <typename T, auto FREE>
-using OWNED = std::unique_ptr<T, FREER<FREE>>;
-using CERTIFICATE = OWNED<X509, X509_free>;
-
-inline OWNED<SSL_CTX, SSL_CTX_free> NewServer(const SERVER_KIND& kind) {
-    OWNED<SSL_CTX, SSL_CTX_free> context(SSL_CTX_new(TLS_server_method()));
-    const OWNED<EVP_PKEY, EVP_PKEY_free> key(EVP_EC_gen("P-256"));
-    const CERTIFICATE certificate(X509_new());
-    X509* const raw = certificate.get();
-    ASN1_INTEGER_set(X509_get_serialNumber(raw), 1);
-    X509_gmtime_adj(X509_getm_notBefore(raw), -7200);
-    X509_gmtime_adj(X509_getm_notAfter(raw), kind.validTo);
-    X509_set_pubkey(raw, key.get());
-    const auto* name = reinterpret_cast<const unsigned char*>("identity.example");
-    X509_NAME_add_entry_by_txt(X509_get_subject_name(raw), "CN", MBSTRING_UTF8, name, -1, -1, 0);
-    X509_set_issuer_name(raw, X509_get_subject_name(raw));
-    X509_sign(raw, key.get(), EVP_sha256());
-    SSL_CTX_use_certificate(context.get(), raw);
-    SSL_CTX_use_PrivateKey(context.get(), key.get());
-    SSL_CTX_set_min_proto_version(context.get(), kind.lowest);
-    SSL_CTX_set_max_proto_version(context.get(), kind.highest);
-    SSL_CTX_set_cipher_list(context.get(), "DEFAULT:@SECLEVEL=0");
-    return context;
-}
-
-// A server on a thread of its own, which accepts one connection and plays a script on it.
 class PLAYED {
 public:
-    using SCRIPT = std::function<void(ACCEPTED&)>;
-    using TLS_SCRIPT = std::function<void(SSL*, ACCEPTED&)>;
+    using SCRIPT = std::function<void(SSL*, ACCEPTED&)>;
 
-    explicit PLAYED(SCRIPT script, const std::string& address = "127.0.0.1", int port = 0)
-        : listening(address, port), thread([this, play = std::move(script)] {
-              sigset_t pipes;  // blocked: this thread's OpenSSL writes with write
-              sigemptyset(&pipes);
-              sigaddset(&pipes, SIGPIPE);
-              pthread_sigmask(SIG_BLOCK, &pipes, nullptr);
-              ACCEPTED peer = listening.Accept();
-              play(peer);
-          }) {}
-    PLAYED(const SERVER_KIND& kind, TLS_SCRIPT script, const std::string& address = "127.0.0.1", int port = 0)
-        : PLAYED(
-              [kind, play = std::move(script)](ACCEPTED& peer) {
-                  const auto context = NewServer(kind);
-                  const OWNED<SSL, SSL_free> session(SSL_new(context.get()));
-                  SSL_set_fd(session.get(), peer.Get());
-                  if (SSL_accept(session.get()) == 1) play(session.get(), peer);
-              },
-              address, port) {}
+    explicit PLAYED(const SCRIPT& script) : thread([this, script] { Play(script); }) {}
     ~PLAYED() { thread.join(); }
     int Port() const { return listening.Port(); }
 
 private:
+    void Play(const SCRIPT& script) const {
+        sigset_t pipes;  // blocked: this thread's OpenSSL writes with write
+        sigemptyset(&pipes);
+        sigaddset(&pipes, SIGPIPE);
+        pthread_sigmask(SIG_BLOCK, &pipes, nullptr);
+        ACCEPTED peer = listening.Accept();
+        std::string reason;
+        const tools::TLS_CONTEXT context = tools::NewServerContext("", "", reason);
+        SSL_CTX_set_max_proto_version(context.get(), TLS1_2_VERSION);
+        SSL_CTX_clear_options(context.get(), SSL_OP_NO_RENEGOTIATION);
+        const std::unique_ptr<SSL, decltype(&SSL_free)> session(SSL_new(context.get()), SSL_free);
+        SSL_set_fd(session.get(), peer.Get());
+        if (SSL_accept(session.get()) == 1) script(session.get(), peer);
+    }
+
     LISTENING listening;
     std::thread thread;
 };
@@ -102,15 +62,8 @@ inline std::string Records(SSL* session, const std::function<void()>& talk) {
     return {bytes, count};
 }
 
-// ---- Floods: a client need not answer a request for a new handshake, so it can be sent any number of them ----
-
-inline std::string HelloRequests(size_t count) {  // in the first handshake
-    std::string records;
-    while (count-- > 0) records += std::string("\x16\x03\x03\0\x04\0\0\0\0", 9);
-    return records;
-}
-
-inline void AskForHandshakes(SSL* session, int count) {  // after it
+// A client need not answer a request for a new handshake, so it can be sent any number of them.
+inline void AskForHandshakes(SSL* session, int count) {
     while (count-- > 0) {
         SSL_renegotiate(session);
         SSL_do_handshake(session);
@@ -133,12 +86,4 @@ inline bool Pour(const ACCEPTED& peer, const std::string& bytes) {
         done += static_cast<size_t>(sent);
     }
     return true;
-}
-
-// Pours the bytes again and again, for four seconds at most. True: the client has gone before.
-inline bool FloodUntilGone(const ACCEPTED& peer, const std::string& bytes) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(4);
-    while (std::chrono::steady_clock::now() < end)
-        if (!Pour(peer, bytes)) return true;
-    return false;
 }
