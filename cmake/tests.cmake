@@ -47,13 +47,10 @@ function(keldwick_tests prefix)
 endfunction()
 
 keldwick_tests(win32 LABEL layer FOLDERS win32 win32/interfaces LIBRARIES keldwick_all)
-foreach(folder ${agent_folders})
-  keldwick_tests(${folder} LABEL unit LIBRARIES keldwick_all)
-endforeach()
-# The assembled agent under a moved clock.
+# The agent, in parts and assembled under a moved clock.
 set_source_files_properties(${PROJECT_SOURCE_DIR}/tests/loop/recorded_test.cpp PROPERTIES
   COMPILE_DEFINITIONS RECORDED_FOLDER="${PROJECT_SOURCE_DIR}/tests/loop/recorded")
-keldwick_tests(loop LABEL loop LIBRARIES ctl_commands server_parts)
+keldwick_tests(agent LABEL agent FOLDERS ${agent_folders} loop LIBRARIES ctl_commands server_parts)
 if(TARGET ctl_commands)
   keldwick_tests(keldwickctl LABEL tools LIBRARIES ctl_commands)
 endif()

@@ -6,7 +6,6 @@
 #include <thread>
 
 #include "either_client.h"
-#include "names.h"
 #include "recorder.h"
 #include "tests/support/tls_peer.h"
 
@@ -269,7 +268,7 @@ TEST(SecureConnection, AGoodbyeAfterAFloodIsSeenBeforeASend) {
 }
 
 TEST(SecureConnection, AServerIsNamedTheHostAndSentAGoodbye) {
-    knownNames["one.example"] = {"127.0.0.1"};
+    NameServer().addresses["one.example"] = {"127.0.0.1"};
     for (const std::string way : {"disconnects", "connects again", "is destroyed"}) {
         SCOPED_TRACE(way);
         const bool byName = way == "disconnects";

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "component/ipports.h"
+#include "tests/support/wrapped_calls.h"
 
 template <typename BASE>
 class EVENT_RECORDER : public BASE {

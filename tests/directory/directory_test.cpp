@@ -4,8 +4,7 @@
 #include "directory/dn.h"
 #include "directory/groups.h"
 #include "directory/name_translation.h"
-#include "tests/support/debug_lines.h"
-#include "tests/support/fake_directory.h"
+#include "tests/support/wrapped_calls.h"
 
 namespace keldwick {
 
@@ -34,40 +33,28 @@ protected:
         return entries;
     }
 
-    DEBUG_LINES lines{DEBUG_VERBOSE | DEBUG_AD};
+    DEBUG_LINES lines;
     FAKE_DIRECTORY directory;
     GROUP_LIST list;
 };
 
-TEST_F(DIRECTORY_TEST, GroupsComeDepthFirstAfterThePrimaryGroupAndCirclesEnd) {
-    AddUser({});
-    EXPECT_TRUE(GetGroups(u"CORP\\ann", list, nullptr));
-    EXPECT_EQ(0u, list.Count());
+TEST_F(DIRECTORY_TEST, GroupsComeDepthFirstAndCirclesEnd) {
     AddUser({.memberOf = {u"CN=A", u"CN=C"}, .primaryGroupId = 513, .sid = UserSid});
     directory.names[{ADS_NAME_TYPE_SID_OR_SID_HISTORY_NAME, u"S-1-5-21-1-2-3-513", ADS_NAME_TYPE_1779}] = u"CN=Users";
     AddGroupObject(u"Users", {});
     AddGroupObject(u"A", {u"CN=B", u"cn=a"});
     AddGroupObject(u"B", {u"CN=A"});
     AddGroupObject(u"C", {u"CN=B"});
-    lines.Forget();
     EXPECT_TRUE(GetGroups(u"CORP\\ann", list, nullptr));
     EXPECT_EQ((LINES{"CORP\\Users=CN=Users", "CORP\\A=CN=A", "CORP\\B=CN=B", "CORP\\C=CN=C"}), Listed(list));
     EXPECT_EQ(0, directory.live);
-    const LINES written = lines.TakePlain();
-    for (const char* line : {"Getting groups for 'CN=Ann'", "GetPrimaryGroup: DN = 'CN=Users'.",
-                             "AddGroup:|Domain = 'CORP\\A',|DN = 'CN=A'", "AddGroup: 'CN=A' already in list; ignoring",
-                             "AddGroup: 'cn=a' already in list; ignoring", "AddGroup: 'CN=B' already in list; ignoring",
-                             "Translated NT name 'CORP\\ann' to Distinguished name 'CN=Ann'"})
-        EXPECT_EQ(1u, DEBUG_LINES::Count(written, line)) << line;
 }
 
-TEST_F(DIRECTORY_TEST, AGroupThatCannotBeOpenedFailsTheWalkButStaysListed) {
-    AddUser({.memberOf = {u"CN=Gone/West"}, .single = true});
+TEST_F(DIRECTORY_TEST, AGroupThatCannotBeOpenedFailsTheWalkButIsListed) {
+    AddUser({.memberOf = {u"CN=Gone/West"}});
     EXPECT_FALSE(GetGroups(u"CORP\\ann", list, nullptr));
     EXPECT_EQ((LINES{"=CN=Gone/West"}), Listed(list));
     EXPECT_EQ(0, directory.live);
-    const std::string failed = "ADsOpenObject failed:|Group DN = 'CN=Gone/West'|Group DN escaped = 'CN=Gone\\/West'|";
-    EXPECT_EQ(1u, DEBUG_LINES::Count(lines.TakePlain(), failed + "Bad pathname. Error code = 0x80005000."));
 }
 
 TEST_F(DIRECTORY_TEST, NestingDeeperThanAnyStackIsWalked) {
@@ -80,30 +67,11 @@ TEST_F(DIRECTORY_TEST, NestingDeeperThanAnyStackIsWalked) {
     EXPECT_EQ(depth + 1, list.Count());
 }
 
-TEST_F(DIRECTORY_TEST, APrimaryGroupThatCannotBeFoundSaysWhyAndIsLeftOut) {
-    const auto without = [](const std::string& property) {
-        return "GetPrimaryGroup: Unable to get '" + property +
-               "' property for 'CN=Ann'.|Property not found. Error code = "
-               "0x8000500d.";
-    };
-    const std::string noSid = "GetPrimaryGroup: Unable to convert primary group SID to a string.";
-    FAKE_DIRECTORY::OBJECT wrongType{.primaryGroupId = 513, .sid = UserSid, .sidType = VT_I4};
-    const std::pair<FAKE_DIRECTORY::OBJECT, std::string> cases[] = {
-        {{.sid = UserSid}, without("primaryGroupID")},
-        {{.primaryGroupId = 513}, without("objectSid")},
-        {wrongType, "AddObjectGroups: Unexpected VARIANT type = 0x3"},
-        {{.primaryGroupId = 513, .sid = UserSid.substr(0, 27)}, noSid},
-        {{.primaryGroupId = 513, .sid = std::string("\1\xFF\0\0\0\0\0\5", 8)}, noSid},  // states more than it has
-        {{.primaryGroupId = -1, .sid = UserSid},
-         "GetPrimaryGroup: Unable to convert SID 'S-1-5-21-1-2-3-4294967295' to a DN."},
-    };
-    for (const auto& [user, line] : cases) {
-        AddUser(user);
-        lines.Forget();
+TEST_F(DIRECTORY_TEST, APrimaryGroupOfADamagedSidIsLeftOut) {
+    for (const std::string& sid : {std::string(), UserSid.substr(0, 27), std::string("\1\xFF\0\0\0\0\0\5", 8)}) {
+        AddUser({.primaryGroupId = 513, .sid = sid});
         EXPECT_TRUE(GetGroups(u"CORP\\ann", list, nullptr));
         EXPECT_EQ(0u, list.Count());
-        const LINES written = lines.TakePlain();
-        EXPECT_EQ(1u, DEBUG_LINES::Count(written, line)) << line << testing::PrintToString(written);
         EXPECT_EQ(0, directory.live);
     }
 }
@@ -129,8 +97,6 @@ TEST_F(DIRECTORY_TEST, ABindingDecidesWhereAndAsWhomALookUpGoes) {
 TEST(DnTest, TheOuPathIsCutOutOfADn) {
     const std::pair<const WCHAR*, TEXT_VIEW> cases[] = {{u"CN=Ann,OU=Sales,OU=West,DC=corp,DC=example", u"Sales.West"},
                                                         {u"CN=u,ou=Low,OU=Top,DC=x", u"Low.Top"},
-                                                        {u"CN=u,DC=x", u""},
-                                                        {u"", u""},
                                                         {u"CN=u, OU=Blank,OUX=No,O=No,OX=No,XU=No,OU=Yes", u"Yes"},
                                                         {u"OU=,OU=a=b,OU", u".a=b"},
                                                         {u"CN=a\\,OU=Sly,OU=Real", u"Sly.Real"},
@@ -155,15 +121,6 @@ TEST(DnTest, OnlySlashesAreEscaped) {
 
 // Equal texts must share a hash, or a list would hold a group twice.
 TEST(GroupListTest, ADnIsListedOnceHoweverItIsSpelt) {
-    const struct {
-        const WCHAR *first, *second;
-    } same[] = {{u"CN=Bürö", u"cn=BÜRÖ"}, {u"CN=B\u00E9", u"CN=Be\u0301"}, {u"CN=a\u00ADb", u"CN=AB"}};
-    for (const auto& c : same) {
-        if (lstrcmpiW(c.first, c.second) != 0) continue;
-        GROUP_LIST list;
-        EXPECT_NE(nullptr, list.Add(c.first));
-        EXPECT_EQ(nullptr, list.Add(c.second)) << STRING_UTF8(c.first).Text();
-    }
     GROUP_LIST list;
     list.Add(u"CN=Büro");
     EXPECT_EQ(nullptr, list.Add(u"CN=BÜRO"));

@@ -35,30 +35,10 @@ LOGON_ENTRY* Add(LOGON_TABLE& table, const WCHAR* address) {
     return entry;
 }
 
-TEST(LogonTableTest, AnEntryIsFoundOnlyOnceItsLogonWasReported) {
-    LOGON_TABLE table;
-    LOGON_ENTRY* const entry = table.Append();
-    EXPECT_EQ(nullptr, table.Find(Address(u"10.0.0.1")));
-    GiveAddress(entry, u"10.0.0.1");
-    table.Index(entry);
-    EXPECT_EQ(entry, table.Find(Address(u"10.0.0.1")));
-    EXPECT_EQ(nullptr, table.Find(IP_ADDRESS()));
-    EXPECT_EQ(nullptr, table.Find(Address(u"a00:1::"))) << "the same bytes in the other version";
-    LOGON_ENTRY* const v6 = Add(table, u"a00:1::");
-    EXPECT_EQ(v6, table.Find(Address(u"a00:1::")));
-    EXPECT_EQ(entry, table.Find(Address(u"10.0.0.1")));
-    table.Remove(v6);
-    table.Remove(Add(table, u""));
-    table.Remove(entry);
-    EXPECT_EQ(nullptr, table.Find(Address(u"10.0.0.1")));
-    EXPECT_EQ(0u, table.Count());
-    EXPECT_EQ(nullptr, table.First());
-}
-
 // Adds and removes at random among few addresses, so that many are held twice, and compares every answer.
-TEST(LogonTableTest, TheFirstMatchInInsertionOrderIsFoundWhateverCameAndWent) {
+TEST(LogonTableTest, TheFirstInInsertionOrderIsFoundAfterAnyChange) {
     std::minstd_rand random(1);
-    const WCHAR* const addresses[] = {u"10.0.0.1", u"10.0.0.2", u"10.0.0.3", u"fe80::1", u"fe80::2", u""};
+    const WCHAR* const addresses[] = {u"10.0.0.1", u"10.0.0.2", u"a00:1::", u"fe80::1", u""};
     LOGON_TABLE table;
     std::list<std::pair<const WCHAR*, LOGON_ENTRY*>> reference;
     for (int step = 0; step < 20000; ++step) {
@@ -84,20 +64,7 @@ TEST(LogonTableTest, TheFirstMatchInInsertionOrderIsFoundWhateverCameAndWent) {
     }
 }
 
-TEST(LogonTableTest, ManyAddressesAreAllFoundAndAnEntryTakesLittleMemory) {
-    LOGON_TABLE table;
-    std::vector<LOGON_ENTRY*> entries;
-    for (DWORD i = 0; i < 100000; ++i)
-        entries.push_back(Add(table, FormatString(TEXT("10.%u.%u.%u"), i >> 16, i >> 8 & 0xFF, i & 0xFF).Text()));
-    for (DWORD i = 0; i < 100000; i += 777)
-        EXPECT_EQ(entries[i],
-                  table.Find(Address(FormatString(TEXT("10.%u.%u.%u"), i >> 16, i >> 8 & 0xFF, i & 0xFF).Text())));
-    constexpr size_t heapBlock = 8 + 15;           // what an allocator adds to a block at most: its header and rounding
-    constexpr size_t buckets = 2 * sizeof(void*);  // of an index that is half full
-    EXPECT_GE(200u, sizeof(LOGON_ENTRY) + 2 * heapBlock + buckets);
-}
-
-TEST(ServiceTicketTableTest, TheOldestTicketOfAUserAndAddressIsFoundIgnoringCase) {
+TEST(ServiceTicketTableTest, TheOldestTicketIsFoundIgnoringCase) {
     SERVICE_TICKET_TABLE table;
     SERVICE_TICKET_ENTRY* const first = table.Append(STRING(u"CORP\\Jürgen"), STRING(u"CORP\\A"), u"fe80::AB");
     SERVICE_TICKET_ENTRY* const second = table.Append(STRING(u"CORP\\JÜRGEN"), STRING(u"CORP\\B"), u"FE80::ab");
@@ -107,11 +74,6 @@ TEST(ServiceTicketTableTest, TheOldestTicketOfAUserAndAddressIsFoundIgnoringCase
     EXPECT_EQ(nullptr, table.Find(u"fe80::ab", u"corp\\jürgen"));
     table.Remove(first);
     EXPECT_EQ(second, table.Find(u"corp\\jürgen", u"fe80::ab"));
-    table.RemoveIf([&](const SERVICE_TICKET_ENTRY& ticket) { return &ticket == second; });
-    EXPECT_EQ(nullptr, table.Find(u"corp\\jürgen", u"fe80::ab"));
-    EXPECT_EQ(1u, table.Count());
-    table.Clear();
-    EXPECT_EQ(nullptr, table.Find(u"CORP\\Jurgen", u"fe80::ab"));
 }
 
 TEST(LogonTypesTest, ATypesTextIsReadAsTheCLibraryReadsNumbers) {
@@ -129,10 +91,6 @@ TEST(LogonTypesTest, ATypesTextIsReadAsTheCLibraryReadsNumbers) {
         EXPECT_EQ(MAXDWORD, Parsed(text)) << STRING_UTF8(text).Text();
     for (const WCHAR* text : {u"3a", u"3 ", u"0x", u"0xg", u" 0x3", u"-", u" ", u"x", u"\xFF13", u"0x-3"})
         EXPECT_EQ(-1, Parsed(text)) << STRING_UTF8(text).Text();
-    NUMBER_TEXT number;
-    EXPECT_EQ(TEXT_VIEW(u"REMOTE_INTERACTIVE"), LogonTypeName(10, number));
-    EXPECT_EQ(TEXT_VIEW(u"6"), LogonTypeName(6, number));
-    EXPECT_EQ(TEXT_VIEW(u"4294967295"), LogonTypeName(MAXDWORD, number));
     for (DWORD type = 0; type < 300; ++type) EXPECT_EQ(((type - 2) & ~9u) == 0, IsPersonalLogonType(type)) << type;
 }
 

@@ -61,7 +61,7 @@ const struct {
 
 class ANSWERS : public AGENT {};
 
-TEST_F(ANSWERS, OneThatIsLateOrInPiecesFailsItsReportAndAtMostTheNext) {
+TEST_F(ANSWERS, ALateOrBrokenOneFailsItsReportAndAtMostTheNext) {
     SCRIPTED_SERVER& server = Serve();
     LINES answers, times;
     AnswerEach(0, [&](const std::string& request) {

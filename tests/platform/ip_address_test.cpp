@@ -1,38 +1,15 @@
 #include "platform/ip_address.h"
 
-#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
+#include <thread>
+
+#include "platform/handles.h"
 #include "platform/host_names.h"
-#include "tests/support/debug_lines.h"
-#include "tests/support/fail_call.h"
-
-WRAP_CALL(int, WSAStringToAddressW, (LPWSTR t, INT f, LPWSAPROTOCOL_INFOW p, LPSOCKADDR a, int* n), (t, f, p, a, n))
-WRAP_CALL(int, WSAAddressToStringW, (LPSOCKADDR a, DWORD b, LPWSAPROTOCOL_INFOW p, LPWSTR t, LPDWORD n),
-          (a, b, p, t, n))
-
-static std::vector<const char*> LocalAddresses;  // what getaddrinfo gives
-
-extern "C" {
-int __real_win32_getaddrinfo(const char* node, const char* service, const ADDRINFOA* hints, PADDRINFOA* list);
-int __wrap_win32_getaddrinfo(const char*, const char* service, const ADDRINFOA*, PADDRINFOA* list) {
-    ADDRINFOA numeric{};
-    numeric.ai_flags = AI_NUMERICHOST;
-    numeric.ai_socktype = SOCK_STREAM;
-    for (const char* each : LocalAddresses) {
-        if (__real_win32_getaddrinfo(each, service, &numeric, list) != 0) std::abort();
-        list = &(*list)->ai_next;
-    }
-    WSASetLastError(WSAHOST_NOT_FOUND);
-    return LocalAddresses.empty() ? WSAHOST_NOT_FOUND : 0;
-}
-}
+#include "tests/support/wrapped_calls.h"
 
 namespace keldwick {
 namespace {
-
-using testing::StartsWith;
-
-constexpr auto SocketError = static_cast<uintptr_t>(SOCKET_ERROR);
 
 TEST(IpAddress, TextsAndWhatTheyMean) {
     const struct {
@@ -68,64 +45,35 @@ TEST(IpAddress, TextsAndWhatTheyMean) {
         EXPECT_TRUE(AddressToText(address.SocketAddress(), address.SocketAddressLength(), text));
         EXPECT_EQ(Narrow(c.text), Narrow(text));
     }
-    EXPECT_EQ(nullptr, AddressBytes(IP_ADDRESS(AF_INET))) << "a family without an address";
 }
 
-TEST(IpAddress, WhereAnAreaIsTooSmallABufferIsTried) {
-    HEAP_BUFFER address;
-    const FAIL_CALL smallAddress(WSAStringToAddressW_calls, SocketError, WSAEFAULT, 0, 1);
-    ASSERT_TRUE(TextToAddress(TEXT("10.0.0.5"), AF_INET, address));
-    EXPECT_EQ(AF_INET, address.As<SOCKADDR>()->sa_family);
-    const FAIL_CALL smallText(WSAAddressToStringW_calls, SocketError, WSAEFAULT, 0, 1);
-    STRING text;
-    EXPECT_TRUE(AddressToText(address.As<SOCKADDR>(), address.Size(), text));
-    EXPECT_EQ("10.0.0.5", Narrow(text.Text()));
-}
-
-TEST(IpAddress, AnAddressThatCannotBePrintedIsDumpedUpToSixteenBytes) {
+TEST(LocalHost, TheFirstAddressOfEachFamilyButTheLoopbackWins) {
     const DEBUG_LINES lines;
-    BYTE bytes[28] = {0xFF, 0x7F, 0xAB};
-    STRING text(TEXT("old"));
-    EXPECT_FALSE(AddressToText(reinterpret_cast<const SOCKADDR*>(bytes), sizeof(bytes), text));
-    EXPECT_THAT(lines.Last(),
-                StartsWith("Unable to convert address = [FF 7F AB 00 00 00 00 00 00 00 00 00 00 00 00 00],\n"
-                           "    Length = 28, Family = 32767 to a string.\n    "));
-}
-
-class LocalHost : public ::testing::Test {
-protected:
-    ~LocalHost() override {
-        LocalAddresses.clear();
-        LocalHostInfo = {};
-    }
-    DEBUG_LINES lines;
-};
-
-TEST_F(LocalHost, TheFirstAddressOfEachFamilyButTheLoopbackWins) {
-    LocalAddresses = {"127.0.0.1", "::1", "fe80::7", "192.0.2.9", "2001:db8::1", "10.1.1.1"};
+    NameServer().addresses[""] = {"127.0.0.1", "::1", "fe80::7", "192.0.2.9", "2001:db8::1", "10.1.1.1"};
     LoadLocalHostInfo();
+    NameServer().addresses.erase("");
     EXPECT_EQ("192.0.2.9 fe80::7", Narrow(LocalHostInfo.ipV4) + " " + Narrow(LocalHostInfo.ipV6));
-    const std::string host = Narrow(LocalHostInfo.hostName);
-    EXPECT_EQ("HostName = \"" + host + "\",\n    HostIpV4 = 192.0.2.9,\n    HostIpV6 = fe80::7", lines.Last());
+    LocalHostInfo = {};
 }
 
-TEST_F(LocalHost, TheAddressOfTheOtherFamilyServesWhenThereIsNoneOfTheWanted) {
-    const auto local = [](WORD wanted, const WCHAR* v4, const WCHAR* v6) {
-        LocalHostInfo.ipV4.Assign(v4);
-        LocalHostInfo.ipV6.Assign(v6);
-        IP_ADDRESS address(wanted);
-        const STRING* text = nullptr;
-        const bool found = GetLocalAddress(address, &text);
-        return std::tuple(found, address.family, text != nullptr ? Narrow(*text) : "");
-    };
-    const std::tuple<bool, WORD, std::string> v4(true, AF_INET, "10.0.0.1"), v6(true, AF_INET6, "fe80::1");
-    EXPECT_EQ(v4, local(AF_INET, u"10.0.0.1", u"fe80::1"));
-    EXPECT_EQ(v6, local(AF_INET, u"", u"fe80::1"));
-    EXPECT_EQ(v6, local(AF_INET6, u"10.0.0.1", u"fe80::1"));
-    EXPECT_EQ(v4, local(AF_INET6, u"10.0.0.1", u""));
-    EXPECT_EQ(std::tuple(false, AF_INET, ""), local(AF_INET, u"", u""));
-    EXPECT_EQ(std::tuple(false, 77, ""), local(77, u"10.0.0.1", u"fe80::1"));
-    EXPECT_EQ(std::tuple(true, 0, "no address"), local(AF_INET, u"no address", u""));
+TEST(NameLookup, AStopEndsTheWaitAndNothingIsAskedAfterIt) {
+    const HANDLE_OWNER stop(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    IP_ADDRESS address;
+    ASSERT_TRUE(ParseAddress(address, TEXT("10.0.0.5")));
+    STRING name(TEXT("kept"));
+    NameServer().Die();
+    std::thread stopper([&] {
+        NameServer().AwaitQuestions(1);
+        SetEvent(stop.Get());
+    });
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_FALSE(LookupHostName(address.SocketAddress(), address.SocketAddressLength(), name, stop.Get()));
+        EXPECT_EQ(ERROR_CANCELLED, GetLastError());
+    }
+    EXPECT_EQ("kept", Narrow(name));
+    EXPECT_EQ(1, NameServer().questions);
+    stopper.join();
+    NameServer().Revive(1);
 }
 
 }  // namespace

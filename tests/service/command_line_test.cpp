@@ -1,8 +1,10 @@
 #include "service/command_line.h"
 
+#include <gtest/gtest.h>
+
 #include <sstream>
 
-#include "agent_test.h"
+#include "tests/support/debug_lines.h"
 
 namespace keldwick {
 namespace {
@@ -70,17 +72,6 @@ TEST(ParseCommandLineTest, EveryOptionDoesWhatTheTableSays) {
         EXPECT_EQ(arguments.data(), line.argumentBegin);
         EXPECT_EQ(arguments.data() + arguments.size(), line.argumentEnd);
     }
-}
-
-TEST(ParseCommandLineTest, ASecondParseKeepsEverythingButTheDebugMode) {
-    COMMAND_LINE line;
-    const WCHAR* first[] = {TEXT("Keldwick.exe"), TEXT("-V"), TEXT("-SERVER"), TEXT("host"), TEXT("-DUMP_ALL")};
-    const WCHAR* second[] = {TEXT("Keldwick"), TEXT("-D")};
-    EXPECT_EQ(nullptr, ParseCommandLine(line, first, 5));
-    EXPECT_EQ(nullptr, ParseCommandLine(line, second, 2));
-    EXPECT_EQ("debug=1 server=host pertinent non-pertinent ", Told(line));
-    EXPECT_EQ(nullptr, ParseCommandLine(line, nullptr, 0));
-    EXPECT_EQ(0u, line.debugMode);
 }
 
 }  // namespace

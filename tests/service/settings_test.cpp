@@ -2,12 +2,8 @@
 
 #include <fstream>
 #include <map>
-#include <regex>
-#include <set>
 
-#include "agent_test.h"
-#include "service/command_line.h"
-#include "service/stop.h"
+#include "tests/support/agent.h"
 
 namespace keldwick {
 namespace {
@@ -15,207 +11,141 @@ namespace {
 const std::string Complete =
     "IdentServer='ident' IdentProtocol=dword:2 AdServer='dc1' Heartbeat=dword:5 LogonTTL=dword:7";
 
-class SettingsTest : public AGENT_TEST {
+class SettingsTest : public AGENT {
 protected:
-    // The lines after the first, and their error texts, which are the system's, cut out.
-    static LINES LinesAfter(const std::string& first) {
-        LINES lines = Lines();
-        EXPECT_EQ(first, lines.at(0));
-        lines.erase(lines.begin());
-        for (std::string& line : lines) {
-            const size_t code = line.find(" Error code = ");
-            if (code == std::string::npos) continue;
-            const size_t text = line.rfind(". ", line.rfind(". ", code) - 1);
-            line.erase(text + 1, code - text - 1);
-        }
-        return lines;
+    ~SettingsTest() override { SettingsChangedEvent = nullptr; }
+    void Make(const std::string& values) {
+        MakeSettings(values);
+        ASSERT_EQ(0, RegOpenKeyExW(HKEY_LOCAL_MACHINE, SettingsKeyPath, 0, KEY_ALL_ACCESS, SettingsKey.Put()));
+    }
+    // "identity server, its protocol, directory server, heartbeat and life in milliseconds"
+    static std::string Loaded() {
+        return Narrow(Settings.identServer) + " " + std::to_string(Settings.identProtocol) + " '" +
+               Narrow(Settings.adServer) + "' " + std::to_string(Settings.heartbeat) + " " +
+               std::to_string(Settings.logonTtl);
     }
 };
 
-TEST_F(SettingsTest, EveryValueIsLoadedLoggedAndConverted) {
-    MakeSettings(Complete);
-    EXPECT_TRUE(LoadSettings());
-    EXPECT_EQ((LINES{"Active Directory server = \"dc1\"", "Identity server = \"ident\"", "Identity protocol = TCP",
-                     "Heartbeat interval = 5 (minutes)", "Logon time-to-live = 7 (minutes)"}),
-              LinesAfter("Loading settings ..."));
-    EXPECT_EQ(300000u, Settings.heartbeat);
-    EXPECT_EQ(420000u, Settings.logonTtl);
-    STRING ad, ident;
-    GetAdServer(ad);
-    GetIdentServer(ident);
-    EXPECT_EQ("dc1 ident", Narrow(ad) + " " + Narrow(ident));
-}
-
-TEST_F(SettingsTest, WhatIsMissingOrBadFallsBackAndOnlyTheIdentityServerIsNeeded) {
+TEST_F(SettingsTest, WhatIsMissingOrBadFallsBack) {
     const struct {
-        const char* values;
-        LINES lines, events;
-        DWORD heartbeat;
+        std::string values, loaded;
+        LINES events;  // which end with the code and the name of the value
     } cases[] = {
-        {"",
-         {"Identity protocol = automatic", "Heartbeat interval = 30 (minutes)", "Logon time-to-live = 12 (minutes)"},
-         {"1 C0000009: 2 | IdentServer"},
-         1800000},
-        {"AdServer=dword:1 IdentServer=dword:1 IdentProtocol='2' Heartbeat='5'",
-         {"Unable to load registry value = IdentProtocol. Error code = 1804.", "Identity protocol = automatic",
-          "Unable to load registry value = Heartbeat. Error code = 1804.", "Heartbeat interval = 30 (minutes)",
-          "Logon time-to-live = 12 (minutes)"},
-         {"1 C0000009: 1804 | AdServer", "1 C0000009: 1804 | IdentServer"},
-         1800000},
+        {Complete, "ident 2 'dc1' 300000 420000", {}},
         {"IdentServer='s' IdentProtocol=dword:7 Heartbeat=dword:0 LogonTTL=dword:1179f",
-         {"Identity server = \"s\"", "Identity protocol = automatic", "Heartbeat interval = 0 (minutes)",
-          "Logon time-to-live = 71583 (minutes)"},
-         {},
-         0},
+         "s 0 '' 0 12704",  // the life wraps
+         {}},
+        {"", " 0 '' 1800000 720000", {" | 2 | IdentServer"}},
+        {"AdServer=dword:1 IdentServer=dword:1 IdentProtocol='2' Heartbeat='5'",
+         " 0 '' 1800000 720000",
+         {" | 1804 | AdServer", " | 1804 | IdentServer"}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.values);
-        Forget();
-        MakeSettings(c.values);
+        Settings.adServer.Clear();
+        Settings.identServer.Clear();
+        Said().events.clear();
+        Make(c.values);
         EXPECT_EQ(c.events.empty(), LoadSettings());
-        EXPECT_EQ(c.lines, LinesAfter("Loading settings ..."));
-        ASSERT_EQ(c.events.size(), Recorded.events.size());
-        for (size_t i = 0; i < c.events.size(); ++i) {  // the error text before the code is the system's
-            const std::string& event = Recorded.events[i];
-            EXPECT_EQ(c.events[i] + " | " + KeyName, event.substr(0, 11) + event.substr(event.find(" | ") + 2));
-        }
-        EXPECT_EQ(c.heartbeat, Settings.heartbeat);
+        EXPECT_EQ(c.loaded, Loaded());
+        ASSERT_EQ(c.events.size(), Said().events.size());
+        for (size_t i = 0; i < c.events.size(); ++i)
+            EXPECT_THAT(Said().events[i], testing::HasSubstr(c.events[i] + " | " + KeyName));
     }
-    EXPECT_EQ(71583u * 60000u, Settings.logonTtl);  // 12704: it wraps
 }
 
-TEST_F(SettingsTest, OverridesAreUsedWhetherOrNotTheyCanBeWrittenBack) {
-    const auto unable = [](const std::string& name, const std::string& value) {
-        return "Unable to set registry value \"" + name + "\" in key \"" + KeyName + "\" to " + value +
-               ". Error code = 112.";
-    };
-    for (const bool full : {true, false}) {
-        MakeSettings(Complete);
-        Forget();
-        CommandLine.adServer = TEXT("dc2");
-        CommandLine.identServer = TEXT("other");
-        CommandLine.protocol = PROTOCOL_TCPS;
-        std::optional<FAIL_CALL> writing;
-        if (full) writing.emplace(regSetValue, ERROR_DISK_FULL, 0);
-        EXPECT_TRUE(LoadSettings());
-        LINES lines = LinesAfter("Loading settings ...");
-        lines.resize(3);
-        EXPECT_EQ(full ? (LINES{unable("AdServer", "\"dc2\""), unable("IdentServer", "\"other\""),
-                                unable("IdentProtocol", "1")})
-                       : (LINES{"Active Directory server = \"dc2\" (/AD_SERVER)",
-                                "Identity server = \"other\" (/SERVER)", "Identity protocol = secure TCP (/PROTOCOL)"}),
-                  lines);
-        EXPECT_EQ("dc2 other", Narrow(Settings.adServer) + " " + Narrow(Settings.identServer));
-        EXPECT_EQ(1u, Settings.identProtocol);
-        EXPECT_EQ(full ? "dc1" : "dc2", Text(TEXT("AdServer")));
-        EXPECT_EQ(full ? "ident" : "other", Text(TEXT("IdentServer")));
-        EXPECT_EQ(full ? 2u : 1u, Number(TEXT("IdentProtocol")));
-    }
-    Forget();
+TEST_F(SettingsTest, TheCommandLineOverridesAndIsWrittenBack) {
+    Make(Complete);
     CommandLine.adServer = TEXT("");
-    EXPECT_TRUE(LoadSettings());
-    EXPECT_EQ("Using the Active Directory Global Cache", Lines()[1]);
-    EXPECT_EQ(std::nullopt, Text(TEXT("AdServer")));
-    EXPECT_TRUE(Settings.adServer.IsEmpty());
+    CommandLine.identServer = TEXT("other");
+    CommandLine.protocol = PROTOCOL_TCPS;
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_TRUE(LoadSettings());
+        EXPECT_EQ("other 1 '' 300000 420000", Loaded());
+        CommandLine = COMMAND_LINE();
+    }
 }
 
-TEST_F(SettingsTest, AReloadTakesWhatChangedAndTellsTheWorkerOnlyOfTheConnection) {
+TEST_F(SettingsTest, AReloadTellsTheWorkerOnlyOfTheConnection) {
     const struct {
-        const char* change;
-        LINES lines;
-        bool changed;
+        const char *change, *loaded;
+        bool tells = false;
     } cases[] = {
-        {"", {}, false},
-        {" IdentProtocol=dword:7", {"Identity protocol changed to automatic"}, true},
-        {" IdentServer='Ident'", {"Ident server changed from \"ident\" to \"Ident\""}, true},
-        {" IdentServer= LogonTTL=", {"Unable to load registry value = IdentServer. Error code = 2."}, false},
-        {" AdServer='DC1'", {"Active Directory server changed from \"dc1\" to \"DC1\""}, false},
-        {" AdServer=''", {"Active Directory server changed from \"dc1\" to the Global Cache"}, false},
-        {" AdServer= Heartbeat=", {"Active Directory server changed from \"dc1\" to the Global Cache"}, false},
-        {" AdServer=dword:1", {"Unable to load registry value = AdServer. Error code = 1804."}, false},
-        {" Heartbeat=dword:6", {"Heartbeat interval = 6 (minutes)"}, false},
-        {" LogonTTL=dword:8", {"Logon time-to-live = 8 (minutes)"}, false},
-        {" Heartbeat='6' LogonTTL='8'", {}, false},
-        {" Shutdown=dword:3", {}, false},
-        {" IdentServer='n' Shutdown=dword:1", {"Stopping Service: Reason = Registry value \"Shutdown\" set"}, false},
+        {"", "ident 2 'dc1' 300000 420000"},
+        {" IdentProtocol=dword:7", "ident 0 'dc1' 300000 420000", true},
+        {" IdentServer='Ident'", "Ident 2 'dc1' 300000 420000", true},
+        {" IdentServer= LogonTTL=", "ident 2 'dc1' 300000 420000"},
+        {" AdServer='DC1'", "ident 2 'DC1' 300000 420000"},
+        {" AdServer= Heartbeat=", "ident 2 '' 300000 420000"},
+        {" AdServer=dword:1", "ident 2 'dc1' 300000 420000"},
+        {" Heartbeat=dword:6 LogonTTL=dword:8", "ident 2 'dc1' 360000 480000"},
+        {" Heartbeat='6' LogonTTL='8'", "ident 2 'dc1' 300000 420000"},
+        {" IdentServer='n' Shutdown=dword:1", "ident 2 'dc1' 300000 420000"},
     };
     const HANDLE_OWNER changed(CreateEventW(nullptr, FALSE, FALSE, nullptr));
     SettingsChangedEvent = changed.Get();
     for (const auto& c : cases) {
         SCOPED_TRACE(c.change);
-        MakeSettings(Complete);
+        Make(Complete);
         ASSERT_TRUE(LoadSettings());
-        MakeSettings(Complete + c.change);
-        Forget();
+        Make(Complete + c.change);
         ReloadSettings();
-        EXPECT_EQ(c.lines, LinesAfter("Reloading settings ..."));
-        EXPECT_EQ(c.changed ? WAIT_OBJECT_0 : DWORD{WAIT_TIMEOUT}, WaitForSingleObject(changed.Get(), 0));
+        EXPECT_EQ(c.loaded, Loaded());
+        EXPECT_EQ(c.tells ? WAIT_OBJECT_0 : DWORD{WAIT_TIMEOUT}, WaitForSingleObject(changed.Get(), 0));
     }
-    EXPECT_EQ(2u, Number(TEXT("Shutdown")));
-    MakeSettings("IdentServer='ident'");
-    ASSERT_TRUE(LoadSettings());
-    for (int i = 0; i < 2; ++i) {
-        Forget();
+    const auto stops = [this](const std::string& change) {
+        Make(Complete + change);
+        lines.Forget();
         ReloadSettings();
-        EXPECT_EQ(LINES{"Using the Active Directory Global Cache"}, LinesAfter("Reloading settings ..."));
-    }
+        return DEBUG_LINES::Count(lines.Seen(), "Stopping Service: Reason = Registry value \"Shutdown\" set");
+    };
+    EXPECT_EQ(1u, stops(" Shutdown=dword:1"));
+    EXPECT_EQ(0u, stops(" Shutdown=dword:3"));
 }
 
-// What is said of a setting: its type with its unit, and its default when that is a number.
-using SAID = std::map<std::string, std::string>;
+std::vector<std::string> Split(const std::string& text, const std::string& separator) {
+    std::vector<std::string> parts;
+    for (size_t at = 0, end = 0; end != text.npos; at = end + separator.size()) {
+        end = text.find(separator, at);
+        parts.push_back(text.substr(at, end - at));
+    }
+    return parts;
+}
 
+// The lines of a file of the source.
 std::vector<std::string> LinesOf(const char* file) {
-    std::ifstream stream(std::filesystem::path(__FILE__).parent_path() / "../.." / file);
+    std::ifstream stream(std::filesystem::path(__FILE__).parent_path() / "../.." / file, std::ios::binary);
     EXPECT_TRUE(stream) << file;
-    std::vector<std::string> lines;
-    for (std::string line; std::getline(stream, line);) lines.push_back(line);
-    return lines;
-}
-
-std::vector<std::string> Words(const std::string& text, const std::string& word) {
-    const std::regex pattern(word);
-    return {std::sregex_token_iterator(text.begin(), text.end(), pattern), {}};
-}
-
-// Adds the rows of a page's tables with these columns; `prefixes`: of the first such table's values, the second's ...
-void AddManual(SAID& said, const char* page, std::vector<std::string> prefixes) {
-    const std::regex row(R"(\| (`.*`) \| (.*?) \| (.*?) \| .*)");
-    std::string prefix;
-    for (const std::string& line : LinesOf(page)) {
-        if (line.starts_with("| value | type | default |")) {
-            prefix = prefixes.at(0);
-            prefixes.erase(prefixes.begin());
-        }
-        std::smatch cells;
-        if (!std::regex_match(line, cells, row)) continue;
-        const std::vector<std::string> names = Words(cells[1], "[A-Za-z]+"),
-                                       defaults = Words(cells[3], "^[0-9]+|, [0-9]+");
-        for (size_t i = 0; i < names.size(); ++i) {
-            std::string text = cells[2].str().starts_with("number") ? cells[2].str() : "text";
-            if (text != "text" && i < defaults.size()) text += " " + Words(defaults[i], "[0-9]+").at(0);
-            said[prefix + names[i]] = std::regex_replace(text, std::regex(", flags| or auto, tcps, tcp"), "");
-        }
-    }
+    return Split({std::istreambuf_iterator<char>(stream), {}}, "\n");
 }
 
 TEST(SettingTableTest, TheManualAndTheCompletionSayTheSame) {
-    SAID table, manual;
-    std::set<std::string> own, completed;
+    std::map<std::string, std::pair<std::string, std::string>> manual;  // of each name, its type and its default
+    for (const char* const page : {"docs/running.md", "docs/directory.md"})
+        for (const std::string& line : LinesOf(page)) {
+            if (!line.starts_with("| `")) continue;
+            const auto cells = Split(line, " | ");
+            const auto names = Split(cells.at(0).substr(2), ", "), defaults = Split(cells.at(2 % cells.size()), ", ");
+            for (size_t i = 0; i < names.size(); ++i)
+                manual[names[i]] = {cells.at(1), defaults.at(std::min(i, defaults.size() - 1))};
+        }
+    std::string own;
     for (const SETTING_INFO& setting : SettingTable) {
-        const std::string name = Narrow(setting.name);
-        if (name.find('\\') == name.npos) own.insert(name);
-        if (name.starts_with("Statistics")) continue;  // the agent's to write
-        std::string& text = table[name] = setting.type == REG_SZ ? "text" : "number";
-        if (*setting.unit != 0) text += std::string(", ") + setting.unit;
-        if (setting.byDefault != NoDefault) text += " " + std::to_string(setting.byDefault);
+        const std::string path = Narrow(setting.name), name = path.substr(path.find('\\') + 1);
+        SCOPED_TRACE(path);
+        if (path.starts_with("Statistics")) continue;  // the agent's to write
+        const auto& [type, byDefault] = manual["`" + name + "`"];
+        EXPECT_EQ(setting.type == REG_DWORD, type.starts_with("number"));
+        EXPECT_NE("", type);
+        EXPECT_TRUE(*setting.unit == 0 || type == std::string("number, ") + setting.unit);
+        EXPECT_TRUE(setting.byDefault == NoDefault || std::to_string(setting.byDefault) == Split(byDefault, ";")[0]);
+        if (name == path) own += name + " ";
     }
-    AddManual(manual, "docs/running.md", {"", "Linux\\"});
-    AddManual(manual, "docs/directory.md", {"Linux\\"});
-    EXPECT_EQ(table, manual);
-    for (const std::string& line : LinesOf("packaging/keldwickctl.bash"))
-        if (line.starts_with("_keldwickctl_settings()"))
-            for (const std::string& word : Words(line.substr(line.find('\'')), "[A-Za-z]+")) completed.insert(word);
-    EXPECT_EQ(own, completed);
+    const auto script = LinesOf("packaging/keldwickctl.bash");
+    const auto list = std::find_if(script.begin(), script.end(),
+                                   [](const auto& line) { return line.starts_with("_keldwickctl_settings()"); });
+    ASSERT_NE(script.end(), list);
+    for (const std::string& name : Split(own, " ")) EXPECT_NE(list->npos, list->find(name)) << name;
 }
 
 }  // namespace

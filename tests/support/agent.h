@@ -1,7 +1,6 @@
 // The whole agent in a machine root of its own, against identity servers and a directory that a test scripts, under a
 // clock that the test moves. The agent runs on the test's thread: a test plans what happens when, calls Run, and looks
-// at what the servers have seen. The test program's wrapped-calls.txt names the calls of virtual_clock.h,
-// fake_directory.h and the end of this file.
+// at what the servers have seen.
 #pragma once
 
 #include <gmock/gmock.h>
@@ -13,19 +12,19 @@
 #include <string>
 #include <vector>
 
+#include "diagnostics/log_file.h"
 #include "platform/registry_values.h"
+#include "protocol/identity_protocol.h"
 #include "service/command_line.h"
 #include "service/entry.h"
+#include "service/service_main.h"
 #include "service/settings.h"
 #include "service/stop.h"
-#include "tests/support/debug_lines.h"
-#include "tests/support/fail_call.h"
-#include "tests/support/fake_directory.h"
 #include "tests/support/network_quiet.h"
 #include "tests/support/registry_text.h"
 #include "tests/support/scripted_server.h"
 #include "tests/support/temporary_root.h"
-#include "tests/support/virtual_clock.h"
+#include "tests/support/wrapped_calls.h"
 #include "tools/keldwick-server/request.h"
 #include "win32/eventlog/evt_record.h"
 #include "win32/eventlog/evt_writer.h"
@@ -39,18 +38,24 @@ inline CALL_PLAN notifyChange;  // of NotifyChangeEventLog
 
 class AGENT : public testing::Test {
 protected:
-    static constexpr DWORD LogBytes = 1024 * 1024;
+    DWORD logBytes = 1024 * 1024;
+    inline static const std::string KeyName = "HKEY_LOCAL_MACHINE\\SOFTWARE\\Vantorel Systems\\Keldwick";
     static constexpr VIRTUAL_CLOCK::TIME Start = 134'176'032'000'000'000;  // 2026-03-10 08:00:00
 
     AGENT() {
         setenv("TZ", "UTC-2", 1);  // two hours ahead of UTC
         tzset();
         std::filesystem::create_directories(root.Path("eventlog"));
-        EXPECT_TRUE(win32::CreateLogFile(SecurityLog(), LogBytes));
+        EXPECT_TRUE(win32::CreateLogFile(SecurityLog(), logBytes));
         changeObject.reset();
         CommandLine = COMMAND_LINE();
+        SetDebugOutputPrefix(TEXT("KDWK: "));
+        EXPECT_TRUE(SetLogPath(2, TEXT("Keldwick"), 0));
+        Said().events.clear();
+        Said().states.clear();
     }
     ~AGENT() override {
+        NameServer().name.clear();
         SettingsKey.Reset();
         StatisticsKey.Reset();
     }
@@ -58,14 +63,15 @@ protected:
     // ---- The world around the agent ----
 
     // An identity server, at Server(number). tls: see SCRIPTED_SERVER.
-    SCRIPTED_SERVER& Serve(int number = 0, SSL_CTX* tls = nullptr) {
-        servers[number] = std::make_unique<SCRIPTED_SERVER>(number, tls);
+    SCRIPTED_SERVER& Serve(int number = 0, SSL_CTX* tls = nullptr, int port = 0) {
+        servers[number] = std::make_unique<SCRIPTED_SERVER>(number, tls, port);
         AnswerEach(number, [](const std::string& request) { return SCRIPTED_SERVER::GoodAnswer(request); });
         return *servers[number];
     }
     // What the server sends for a request; every request is noted.
     void AnswerEach(int number, const SCRIPTED_SERVER::SCRIPT& script) {
         servers[number]->Answer([this, number, script](const std::string& request) {
+            requests.push_back(request);
             reports.push_back(Time() + (number == 0 ? " " : " #" + std::to_string(number) + " ") + ReportText(request));
             return script(request);
         });
@@ -82,7 +88,7 @@ protected:
     void Write(const std::vector<win32::NEW_EVENT>& events) {
         ChangeLog([&] {
             win32::EVT_WRITER writer;
-            EXPECT_TRUE(writer.Open(SecurityLog(), LogBytes));
+            EXPECT_TRUE(writer.Open(SecurityLog(), logBytes));
             for (const win32::NEW_EVENT& event : events) {
                 win32::BYTES record;
                 EXPECT_TRUE(win32::BuildRecord(event, record));
@@ -92,7 +98,7 @@ protected:
         });
     }
     void ClearLog() {
-        ChangeLog([&] { EXPECT_TRUE(win32::ClearLogFile(SecurityLog(), LogBytes)); });
+        ChangeLog([&] { EXPECT_TRUE(win32::ClearLogFile(SecurityLog(), logBytes)); });
     }
     // Changes a value of the settings key; the running agent has taken it up when this returns.
     static void Set(const WCHAR* name, const WCHAR* value) {
@@ -102,15 +108,39 @@ protected:
         VIRTUAL_CLOCK::Through(SettingsNotifyEvent, [&] { EXPECT_TRUE(RegSetDword(SettingsKey.Get(), name, value)); });
     }
 
+    // False: nothing moved, and nothing is on its way.
+    bool LetTheWorldMove() {
+        bool moved = false;
+        for (const auto& [number, server] : servers)
+            if (server) moved = server->Step() || moved;
+        if (moved || NetworkIsQuiet()) return moved;
+        poll(nullptr, 0, 1);  // it is on its way
+        return true;
+    }
+
     // ---- The agent ----
 
-    // Runs it as an application with these settings (see RegistryText) from Start to that time.
-    void Run(const std::string& settings, const std::string& end) {
-        root.Write("registry.reg", RegistryText("HKEY_LOCAL_MACHINE\\SOFTWARE\\Vantorel Systems\\Keldwick", settings));
+    // Makes the settings key, or the one below it, with these values in it (see RegistryText).
+    void MakeSettings(const std::string& values, const std::string& below = "") const {
+        root.Write("registry.reg", RegistryText(KeyName + below, values));
+    }
+    // Runs it with these settings from Start to that time, and compares the exit code.
+    void Run(const std::string& settings, const std::string& end, std::vector<const WCHAR*> options = {TEXT("-A")},
+             int code = 0) {
+        MakeSettings(settings);
         At(end, [] { StopService(TEXT("the scenario is over")); });
-        STRING name(TEXT("Keldwick")), mode(TEXT("-A"));
-        WCHAR* arguments[] = {name.Buffer(), mode.Buffer()};
-        EXPECT_EQ(0, RunProgram(2, arguments));
+        WithArguments(options, [code](DWORD count, WCHAR** arguments) {
+            EXPECT_EQ(code, RunProgram(static_cast<int>(count), arguments));
+        });
+    }
+    // Starts it with the service's name and these arguments.
+    static void WithArguments(const std::vector<const WCHAR*>& options,
+                              const std::function<void(DWORD count, WCHAR** arguments)>& start) {
+        std::vector<STRING> texts{STRING(ServiceName)};
+        for (const WCHAR* option : options) texts.emplace_back(option);
+        std::vector<WCHAR*> arguments;
+        for (STRING& text : texts) arguments.push_back(text.Buffer());
+        start(static_cast<DWORD>(arguments.size()), arguments.data());
         CommandLine = COMMAND_LINE();
     }
 
@@ -162,7 +192,8 @@ protected:
     TEMPORARY_ROOT root;
     FAKE_DIRECTORY directory;
     std::map<int, std::unique_ptr<SCRIPTED_SERVER>> servers;
-    LINES reports;  // "HH:MM:SS #SERVER REPORT" in the order of their arrival; the number of server 0 is left out
+    LINES requests;  // their bytes
+    LINES reports;   // "HH:MM:SS #SERVER REPORT" in the order of their arrival; the number of server 0 is left out
     VIRTUAL_CLOCK clock{Start, [this] { return LetTheWorldMove(); }};
     DEBUG_LINES lines;  // ends before its folder, and closes the log file there
 
@@ -188,18 +219,32 @@ private:
         win32::PulseEventObject(*followed);
     }
 
-    bool LetTheWorldMove() {
-        bool moved = false;
-        for (const auto& [number, server] : servers)
-            if (server) moved = server->Step(0) || moved;
-        if (moved || NetworkIsQuiet()) return moved;
-        poll(nullptr, 0, 1);  // it is on its way
-        return true;
-    }
-
     // What the agent has registered for changes of its log.
     static inline HANDLE changeEvent;
     static inline std::weak_ptr<win32::KERNEL_OBJECT> changeObject;  // gone when the agent has closed the handle
+};
+
+// A session with the first server and the reader of its events, without a loop around them.
+class SESSION : public AGENT {
+protected:
+    SESSION() {
+        StopEvent = stop.Get();
+        SettingsChangedEvent = changed.Get();
+        Settings.identServer = STRING(SCRIPTED_SERVER::Host().c_str());
+        Settings.adServer.Clear();
+        Settings.identProtocol = PROTOCOL_TCP;
+        session = std::make_unique<IDENTITY_PROTOCOL>();
+        CurrentSession = session.get();
+    }
+    ~SESSION() override {
+        CurrentSession = nullptr;
+        session.reset();
+        StopEvent = SettingsChangedEvent = nullptr;
+    }
+
+    const HANDLE_OWNER stop{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
+    const HANDLE_OWNER changed{CreateEventW(nullptr, FALSE, FALSE, nullptr)};
+    std::unique_ptr<IDENTITY_PROTOCOL> session;
 };
 
 }  // namespace keldwick
@@ -212,16 +257,4 @@ BOOL __real_NotifyChangeEventLog(HANDLE log, HANDLE event);
     keldwick::AGENT::Registered(event);
     return __real_NotifyChangeEventLog(log, event);
 }
-
-// Nobody has a name, as on a machine without a name server; without the flag, the address itself is one.
-[[gnu::used]] inline INT __wrap_GetNameInfoW(const SOCKADDR*, socklen_t, LPWSTR host, DWORD, LPWSTR, DWORD, INT flags) {
-    if ((flags & NI_NAMEREQD) == 0) {
-        lstrcpyW(host, TEXT("192.0.2.99"));
-        return 0;
-    }
-    WSASetLastError(WSAHOST_NOT_FOUND);
-    return WSAHOST_NOT_FOUND;
-}
-
-[[gnu::used]] inline void __wrap_OutputDebugStringW(LPCWSTR) {}
 }

@@ -1,15 +1,9 @@
 // Makes single calls of a Windows interface fail with a given code, by link-time wrapping: the program that is tested
-// carries no hooks. A test program names the call in its wrapped-calls.txt and defines it once:
+// carries no hooks. Its wrapped-calls.txt names the call, and WRAP_CALL in a header of its tests defines it. Then
 //
-//     WRAP_CALL(LSTATUS, RegSetValueExW, (HKEY k, LPCWSTR n, DWORD r, DWORD t, const BYTE* d, DWORD c), (k, n, r, t, d,
-//     c))
+//     FAIL_CALL none(CreateEventW_calls, 0, ERROR_NOT_ENOUGH_MEMORY);   // result, last error
 //
-// and a test then says
-//
-//     FAIL_CALL full(RegSetValueExW_calls, ERROR_DISK_FULL, ERROR_DISK_FULL);   // result, last error
-//
-// which makes every call fail until `full` goes out of scope. A success leaves a wrong last error behind, as the
-// documentation allows.
+// makes every call fail until `none` goes out of scope.
 #pragma once
 
 #include <windows.h>
@@ -54,14 +48,13 @@ private:
     CALL_PLAN& plan;
 };
 
-#define WRAP_CALL(RETURN, NAME, PARAMETERS, ARGUMENTS)   \
-    static CALL_PLAN NAME##_calls;                       \
-    extern "C" RETURN __real_##NAME PARAMETERS;          \
-    extern "C" RETURN __wrap_##NAME PARAMETERS;          \
-    extern "C" RETURN __wrap_##NAME PARAMETERS {         \
-        if (NAME##_calls.Fires()) {                      \
-            SetLastError(NAME##_calls.error);            \
-            return (RETURN)(NAME##_calls.result.load()); \
-        }                                                \
-        return __real_##NAME ARGUMENTS;                  \
+#define WRAP_CALL(RETURN, NAME, PARAMETERS, ARGUMENTS)                \
+    inline CALL_PLAN NAME##_calls;                                    \
+    extern "C" RETURN __real_##NAME PARAMETERS;                       \
+    extern "C" [[gnu::used]] inline RETURN __wrap_##NAME PARAMETERS { \
+        if (NAME##_calls.Fires()) {                                   \
+            SetLastError(NAME##_calls.error);                         \
+            return (RETURN)(NAME##_calls.result.load());              \
+        }                                                             \
+        return __real_##NAME ARGUMENTS;                               \
     }

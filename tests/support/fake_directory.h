@@ -1,6 +1,5 @@
-// A directory of a test's own behind CoCreateInstance and ADsOpenObject: names, and objects with their groups. The test
-// program's wrapped-calls.txt names both calls. Without a FAKE_DIRECTORY alive, both answer what a machine without a
-// directory answers.
+// A directory of a test's own behind CoCreateInstance and ADsOpenObject: names, and objects with their groups. Without
+// a FAKE_DIRECTORY alive, both answer what a machine without a directory answers.
 #pragma once
 
 #include "directory/com.h"
@@ -14,12 +13,9 @@
 class FAKE_DIRECTORY {
 public:
     struct OBJECT {
-        std::vector<std::u16string> memberOf = {};
-        bool single = false;  // memberOf comes as one string, not as an array
-        HRESULT memberOfResult = S_OK;
-        LONG primaryGroupId = 0;  // 0: the attribute is missing
+        std::vector<std::u16string> memberOf = {};  // one comes as a string, more as an array
+        LONG primaryGroupId = 0;                    // 0: the attribute is missing
         std::string sid = {};
-        VARTYPE sidType = VT_ARRAY | VT_UI1;
     };
 
     FAKE_DIRECTORY() { Current() = this; }
@@ -34,10 +30,8 @@ public:
     NAMES names;
     std::map<std::u16string, NAMES> namesOfServer;  // in place of names, for the servers that are here
     std::map<std::u16string, OBJECT> objects;       // by ADsPath
-    HRESULT initResult = S_OK;
-    HRESULT setResult = S_OK;
-    std::vector<std::string> calls;  // what was asked for, in order
-    int live = 0;                    // interface pointers not yet released
+    std::vector<std::string> calls;                 // what was asked for, in order
+    int live = 0;                                   // interface pointers not yet released
 
     void Called(const std::string& what) { calls.push_back(what); }
 
@@ -72,17 +66,17 @@ public:
     HRESULT Init(LONG kind, BSTR path) override {
         FAKE_DIRECTORY::Current()->Called("Init " + std::to_string(kind) + " " + Utf8(path));
         if (path != nullptr) server = path;
-        return FAKE_DIRECTORY::Current()->initResult;
+        return S_OK;
     }
     HRESULT InitEx(LONG kind, BSTR path, BSTR user, BSTR domain, BSTR password) override {
         FAKE_DIRECTORY::Current()->Called("InitEx " + std::to_string(kind) + " " + Utf8(path) + " " + Utf8(user) + " " +
                                           Utf8(domain) + " " + Utf8(password));
-        return FAKE_DIRECTORY::Current()->initResult;
+        return S_OK;
     }
     HRESULT Set(LONG type, BSTR name) override {
         inputType = type;
         input = name;
-        return FAKE_DIRECTORY::Current()->setResult;
+        return S_OK;
     }
     HRESULT Get(LONG type, BSTR* name) override {
         const auto& named = FAKE_DIRECTORY::Current()->namesOfServer.find(server);
@@ -110,8 +104,7 @@ public:
             return S_OK;
         }
         if (attribute != u"objectSid" || object.sid.empty()) return E_ADS_PROPERTY_NOT_FOUND;
-        value->vt = object.sidType;
-        if (object.sidType != (VT_ARRAY | VT_UI1)) return S_OK;
+        value->vt = VT_ARRAY | VT_UI1;
         value->parray = SafeArrayCreateVector(VT_UI1, 0, static_cast<ULONG>(object.sid.size()));
         void* data = nullptr;
         if (FAILED(SafeArrayAccessData(value->parray, &data))) return E_FAIL;
@@ -119,9 +112,8 @@ public:
         return SafeArrayUnaccessData(value->parray);
     }
     HRESULT GetEx(BSTR, VARIANT* value) override {
-        if (FAILED(object.memberOfResult)) return object.memberOfResult;
         if (object.memberOf.empty()) return E_ADS_PROPERTY_NOT_FOUND;
-        if (object.single) {
+        if (object.memberOf.size() == 1) {
             value->vt = VT_BSTR;
             value->bstrVal = SysAllocString(object.memberOf[0].c_str());
             return value->bstrVal != nullptr ? S_OK : E_OUTOFMEMORY;

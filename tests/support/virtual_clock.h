@@ -1,6 +1,5 @@
 // A clock of the test's own: time stands still while the agent works, and jumps to the next time-out, timer or planned
-// action when its worker would block with nothing signalled and nothing on the way to it. The test program's
-// wrapped-calls.txt names the calls at the end of this file.
+// action when its worker would block with nothing signalled and nothing on the way to it.
 #pragma once
 
 #include <windows.h>
@@ -46,6 +45,9 @@ public:
 
     static VIRTUAL_CLOCK* Current() { return current; }
     TIME Now() const { return now; }
+    TIME Look() { return now += perLook; }  // what the agent is told
+    void Set(TIME time) { now = time; }     // forward or back; nothing happens meanwhile
+    std::atomic<TIME> perLook{0};           // by which the clock goes on whenever the agent looks at it
     bool IsMovedByThisThread() const { return std::this_thread::get_id() == mover; }
 
     // Does it, on the worker's thread, when it is that time and the worker waits. Of one time in the order of planning.
@@ -200,9 +202,9 @@ private:
 extern "C" {
 
 [[gnu::used]] inline void __wrap_GetSystemTimeAsFileTime(LPFILETIME time) {
-    const VIRTUAL_CLOCK* const clock = VIRTUAL_CLOCK::Current();
+    VIRTUAL_CLOCK* const clock = VIRTUAL_CLOCK::Current();
     if (clock == nullptr) return __real_GetSystemTimeAsFileTime(time);
-    const auto units = static_cast<ULONGLONG>(clock->Now());
+    const auto units = static_cast<ULONGLONG>(clock->Look());
     *time = {static_cast<DWORD>(units), static_cast<DWORD>(units >> 32)};
 }
 

@@ -1,0 +1,231 @@
+// What each event leads to: reports, identities, and the list of them for others.
+#include <filesystem>
+
+#include "identity/identities.h"
+#include "tests/support/agent.h"
+#include "tests/support/event_strings.h"
+
+namespace keldwick {
+
+namespace {
+
+using testing::ElementsAre;
+
+class EVENTS : public AGENT {
+protected:
+    EVENTS() {
+        for (const WCHAR* const name : {u"ann", u"PC9$", u"dc1$"})
+            directory.names[{ADS_NAME_TYPE_DOMAIN_SIMPLE, std::u16string(name) + u"@CORP.EX", ADS_NAME_TYPE_NT4}] =
+                std::u16string(u"CORP\\") + name;
+        Serve();
+    }
+    void WriteAt(const std::string& time, DWORD id, const STRINGS& strings, const CHANGES& changes = {}) {
+        At(time, [=, this] { Write({Event(id, With(strings, changes))}); });
+    }
+    void NoteStatisticsAt(const std::string& time) {
+        At(time, [this] { statistics.push_back(Statistics()); });
+    }
+    void RunUntil(const std::string& end, const std::string& settings = "") {
+        Run("IdentServer=" + Server() + " IdentProtocol=dword:2 " + settings, end);
+    }
+    LINES statistics;
+};
+
+TEST_F(EVENTS, OnlyAUsersOwnRemoteLogonIsReported) {
+    const struct {
+        DWORD id;
+        STRINGS strings;
+        std::vector<CHANGES> dropped;
+    } cases[] = {
+        {4624, STRINGS(19), {{}}},
+        {4624,
+         Logon4624,
+         {{{8, u"3a"}},
+          {{0, u"S-1-5-18"}, {5, u"x%s$"}},
+          {{0, u"S-1-5-18"}},
+          {{4, u"s-1-5-7"}},
+          {{8, u"5"}},
+          {{8, u""}},
+          {{5, u"PC1$"}},
+          {{18, u"-"}},
+          {{18, u"::1"}}}},
+        {4634, Logoff4634, {{}, {{4, u"x"}}, {{0, u"S-1-5-7"}}}},
+        {528, STRINGS(14), {{}}},
+        {528, Logon528, {{{3, u"?"}}, {{13, u"x"}}, {{13, u"127.0.0.1"}}}},
+        {538, Logoff538, {{}, {{0, u"PC$"}}, {{3, u"-"}}, {{3, u"11"}}}},
+        {540, STRINGS(14), {{}}},
+        {540,
+         Logon540,
+         {{{8, u"DC1$"}},
+          {{9, u"CORP"}},
+          {{10, u"(0x0,0x3E7)"}},
+          {{11, u"4"}},
+          {{0, u"PC$"}},
+          {{3, u"0x"}},
+          {{0, u""}, {1, u""}},
+          {{13, u"-"}}}},
+        {673, STRINGS(7), {{}}},
+        {673, Ticket673, {{{7, u"0x1B"}}, {{2, u"krbtgt"}}, {{2, u"dc1$"}}, {{0, u"bob@CORP.EX"}}, {{2, u"PC8$"}}}},
+    };
+    for (const auto& c : cases)
+        for (const CHANGES& changes : c.dropped) WriteAt("08:00:50", c.id, c.strings, changes);
+    NoteStatisticsAt("08:01:16");
+    for (const WCHAR* const type : {u"2", u"0x3", u"10", u"11"})
+        WriteAt("08:01:20", 4624, Logon4624,
+                {{0, u"s-1-0-0"}, {8, type}, {18, u"fe80::" + std::u16string(1, std::u16string(type).back())}});
+    RunUntil("08:01:30");
+    EXPECT_THAT(statistics, ElementsAre("0 0"));
+    EXPECT_EQ(4u, reports.size()) << testing::PrintToString(reports);
+}
+
+TEST_F(EVENTS, ARepeatedLogonOnlyRenewsAndAnotherUserReplaces) {
+    WriteAt("08:01:00", 4624, Logon4624);
+    WriteAt("08:05:00", 4624, Logon4624, {{5, u"ANN"}});
+    WriteAt("08:05:00", 540, Logon540);
+    WriteAt("08:09:00", 4624, Logon4624, {{5, u"bob"}, {11, u""}});
+    for (int i = 0; i < 2; ++i) WriteAt("08:10:00", 528, Logon528, {{6, u"-"}, {13, u"10.0.0.6"}});
+    for (int i = 0; i < 2; ++i) WriteAt("08:11:00", 4624, Logon4624, {{6, u"CORP.LOCAL"}, {18, u"10.0.0.7"}});
+    NoteStatisticsAt("08:12:00");
+    RunUntil("08:12:10", "LogonTTL=dword:5");
+    const std::string annThere = "CORP\\ann on CORP\\PC1 at 10.0.0.", local = "CORP\\ann on CORP\\- at 10.0.0.6";
+    EXPECT_THAT(reports, ElementsAre("08:01:00 logon " + annThere + "5", "08:09:00 logoff " + annThere + "5",
+                                     "08:09:00 logon CORP\\bob at 10.0.0.5", "08:10:00 logon " + local,
+                                     "08:10:00 logon " + local, "08:11:00 logon " + annThere + "7",
+                                     "08:11:00 logoff " + annThere + "7", "08:11:00 logon " + annThere + "7"));
+    EXPECT_THAT(statistics, ElementsAre("4 0"));
+}
+
+TEST_F(EVENTS, ALogonThatTheServerDoesNotTakeIsForgotten) {
+    AnswerEach(0, [](const std::string&) { return std::string(14, 'x'); });
+    WriteAt("08:01:00", 4624, Logon4624);
+    WriteAt("08:01:00", 540, Logon540);
+    NoteStatisticsAt("08:01:20");
+    RunUntil("08:01:30");
+    EXPECT_EQ(2u, reports.size());
+    EXPECT_THAT(statistics, ElementsAre("0 0"));
+}
+
+TEST_F(EVENTS, AComputerThatIsNotNamedIsLookedUpByItsAddress) {
+    NameServer().name = u"pc7.corp.example";
+    WriteAt("08:01:00", 4624, Logon4624, {{11, u"-"}, {18, u"fe80::7"}});
+    At("08:02:00", [] { NameServer().name.clear(); });
+    WriteAt("08:03:00", 4624, Logon4624, {{11, u""}, {18, u"fe80::8"}});
+    RunUntil("08:03:10");
+    EXPECT_THAT(reports,
+                ElementsAre("08:01:00 logon CORP\\ann on CORP\\pc7 at fe80::7", "08:03:00 logon CORP\\ann at fe80::8"));
+}
+
+TEST_F(EVENTS, ATicketNamesTheComputerOfTheLogonAfterItOnce) {
+    AnswerEach(0, [this](const std::string& request) {
+        return reports.size() == 1 ? "" : SCRIPTED_SERVER::GoodAnswer(request);
+    });
+    for (int i = 0; i < 2; ++i) WriteAt("08:01:00", 673, Ticket673);
+    WriteAt("08:01:00", 540, Logon540, {{0, u"ANN"}});  // not taken: the ticket stays
+    WriteAt("08:01:30", 540, Logon540);
+    WriteAt("08:01:30", 540, Logon540, {{13, u"127.0.0.1"}});
+    WriteAt("08:02:00", 540, Logon540, {{0, u"bob"}});
+    WriteAt("08:02:10", 540, Logon540);
+    RunUntil("08:02:20");
+    const std::string there = "CORP\\ann on CORP\\PC9 at 10.0.0.5", bobThere = "CORP\\bob at 10.0.0.5";
+    EXPECT_THAT(reports, ElementsAre("08:01:00 logon CORP\\ANN on CORP\\PC9 at 10.0.0.5", "08:01:30 logon " + there,
+                                     "08:01:30 logon CORP\\ann at 127.0.0.1", "08:02:00 logoff " + there,
+                                     "08:02:00 logon " + bobThere, "08:02:10 logoff " + bobThere,
+                                     "08:02:10 logon CORP\\ann at 10.0.0.5"));
+    const LINES written = lines.Take();
+    EXPECT_EQ(1, std::count_if(written.begin(), written.end(), [](const std::string& line) {
+                  return line.starts_with("\nDo_EVENT_SERVICE_TICKET: CREATED");
+              }));
+}
+
+TEST_F(EVENTS, HostileNamesPassThroughUnharmed) {
+    const std::u16string name = u"%s%n%99999d\n\xD800\xDC00\xDC00" + std::u16string(5000, u'%');
+    for (const char* const time : {"08:01:00", "08:01:05"})
+        WriteAt(time, 4624, Logon4624, {{5, name}, {6, u"%"}, {7, name}, {11, name}});
+    RunUntil("08:01:20");
+    ASSERT_EQ(1u, reports.size());
+    EXPECT_THAT(reports[0], testing::StartsWith("08:01:00 logon %\\" + Narrow(name.c_str()) + " on %\\%s%n%99999d"));
+}
+
+TEST_F(EVENTS, AClockSetBackExpiresEverything) {
+    WriteAt("08:30:00", 4624, Logon4624);
+    WriteAt("08:30:00", 673, Ticket673);
+    NoteStatisticsAt("08:30:50");
+    At("08:31:00", [this] {
+        clock.Set(clock.Now() - 600 * VIRTUAL_CLOCK::Second);
+        NoteStatisticsAt("08:23:00");
+    });
+    RunUntil("08:31:00");
+    EXPECT_EQ("0 0", statistics.back());
+}
+
+// ---- The list for others ----
+
+class IDENTITY_LIST : public AGENT {
+protected:
+    bool Listed(int count) const {
+        return root.Read("Keldwick.identities").find("\"identities\":" + std::to_string(count)) != std::string::npos;
+    }
+    void Advance(VIRTUAL_CLOCK::TIME seconds) { clock.Set(clock.Now() + seconds * VIRTUAL_CLOCK::Second); }
+    IDENTITIES identities;
+};
+
+TEST_F(IDENTITY_LIST, CostsAHundredthOfTheTimeAndMissesNoChange) {
+    const auto update = [this] { return identities.UpdateFile(); };
+    EXPECT_EQ(INFINITE, update());
+    EXPECT_TRUE(Listed(0));
+    identities.Logons().Append();
+    Advance(60);
+    clock.perLook = VIRTUAL_CLOCK::Second / 50;  // writing takes so long
+    EXPECT_EQ(INFINITE, update());
+    EXPECT_TRUE(Listed(1));
+    identities.Logons().Append();
+    const DWORD due = update();
+    EXPECT_TRUE(due > 1000 && due <= 2001) << due;
+    EXPECT_TRUE(Listed(1));
+    Advance(3);
+    EXPECT_EQ(INFINITE, update());
+    EXPECT_TRUE(Listed(2));
+    identities.Logons().Append();
+    Advance(-600);
+    EXPECT_EQ(INFINITE, update());
+    EXPECT_TRUE(Listed(3)) << "the clock was set back";
+    identities.Clear();
+    EXPECT_TRUE(Listed(0));
+}
+
+TEST_F(IDENTITY_LIST, GrowsOlderRatherThanWriteMoreBytes) {
+    constexpr uintmax_t seconds = 180, bytesASecond = 32768;
+    const std::filesystem::path file = root.Path("Keldwick.identities");
+    LOGON_TABLE& logons = identities.Logons();
+    uintmax_t bytes = 0, writes = 0, size = 0;
+    const auto followWhile = [&](const std::function<void()>& change) {
+        bytes = writes = 0;
+        for (uintmax_t i = 0; i < seconds; ++i, Advance(1)) {
+            change();
+            identities.UpdateFile();
+            if (!std::filesystem::exists(file)) continue;
+            bytes += size = std::filesystem::file_size(file);
+            ++writes;
+            std::filesystem::remove(file);
+        }
+    };
+    const auto grow = [&](int more) {
+        while (more-- > 0) logons.Append();
+    };
+    const auto replace = [&] { logons.Remove(logons.First()), logons.Append(); };
+    const auto renew = [&] { logons.Renew(logons.First()); };
+    grow(1000);
+    followWhile(renew);
+    ASSERT_EQ(seconds / 60, writes);  // who is where has not changed
+    followWhile(replace);
+    ASSERT_LE(bytes, seconds * bytesASecond + size);
+    EXPECT_GE(bytes, seconds * bytesASecond / 2);  // and no older than that
+    grow(80000);  // more than a minute's worth: this holds for the file that only tells that it is right, too
+    followWhile(renew);
+    EXPECT_LE(bytes, seconds * bytesASecond + size);
+    EXPECT_GE(writes, 1u);
+}
+
+}  // namespace
+
+}  // namespace keldwick

@@ -1,0 +1,65 @@
+// Texts, numbers in them, error texts, and the buffer.
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "platform/error_text.h"
+#include "platform/heap_buffer.h"
+#include "tests/support/wrapped_calls.h"
+
+namespace keldwick {
+namespace {
+
+TEST(String, WhatCannotBeAllocatedLeavesItAsItWas) {
+    STRING text(TEXT("kept"));
+    const FAIL_CALL noMemory(malloc_calls, 0, 0);
+    EXPECT_THROW(text.Resize(10), STRING_NO_MEMORY);
+    EXPECT_THROW(text.Resize(MAXDWORD), STRING_NO_MEMORY) << "more bytes than the number holds";
+    EXPECT_EQ(TEXT_VIEW(TEXT("kept")), text.View());
+}
+
+TEST(String, DigitsAreReadUpToTheFirstOtherUnit) {
+    const struct {
+        const WCHAR* text;
+        DWORD base;
+        ULONGLONG number;
+        const char* rest;
+    } cases[] = {{TEXT("12ab"), 10, 12, "ab"},
+                 {TEXT("aBg"), 16, 0xAB, "g"},
+                 {TEXT("-1"), 10, 0, "-1"},
+                 {TEXT("4294967295"), 10, MAXDWORD, ""},
+                 {TEXT("99999999999999999999999 "), 10, 1ull << 32, " "}};
+    for (const auto& c : cases) {
+        ULONGLONG read = 7;
+        EXPECT_EQ(c.rest, Narrow(ReadDigits(c.text, c.base, read)));
+        EXPECT_EQ(c.number, read);
+    }
+}
+
+TEST(HeapBuffer, ABlockThatCannotGrowIsReplacedOrLeftEmpty) {
+    HEAP_BUFFER buffer;
+    ASSERT_TRUE(buffer.Assign("abcd", 4) && buffer.Resize(8));
+    EXPECT_EQ(0, std::memcmp(buffer.Data(), "abcd", 4));
+    const FAIL_CALL cannotGrow(realloc_calls, 0, 0);
+    EXPECT_TRUE(buffer.Resize(64));
+    EXPECT_EQ(64u, buffer.Size());
+    const FAIL_CALL noMemory(malloc_calls, 0, 0);
+    EXPECT_FALSE(buffer.Resize(128));
+    EXPECT_TRUE(buffer.IsEmpty());
+    EXPECT_EQ(nullptr, buffer.Data());
+}
+
+TEST(ErrorTexts, AMessageIsEndedByTextAndCode) {
+    const WCHAR* const name = TEXT("100%s");
+    const auto directory = ERROR_CODE::FromDirectory(static_cast<HRESULT>(0x80005000));
+    EXPECT_EQ("Not 100%s. Access is denied. Error code = 5.", Narrow(FormatError(5, TEXT("Not %s"), name)));
+    EXPECT_EQ("Not 100%s.\n    Access is denied. Error code = 5.", Narrow(FormatError(5, TEXT("Not %s.\n    "), name)));
+    EXPECT_EQ("No. Access is denied. Error code = 0x5.",
+              Narrow(FormatError({5, ERROR_CODE::FORM::HEXADECIMAL}, TEXT("No"))));
+    EXPECT_EQ("No. Bad pathname. Error code = 0x80005000.", Narrow(FormatError(directory, TEXT("No"))));
+    EXPECT_EQ("No. Unknown Active Directory error. Error code = 0x80005f12.",
+              Narrow(FormatError(ERROR_CODE::FromDirectory(static_cast<HRESULT>(0x80005F12)), TEXT("No"))));
+}
+
+}  // namespace
+}  // namespace keldwick
