@@ -27,8 +27,8 @@ int Fail(int code) {
 }
 
 // The two kinds of list, of getaddrinfo and of GetAddrInfoW, differ in the type of their names only; neither is given
-// names here. A list element has room for its address. Every list given out consists of these, whoever found the
-// addresses.
+// names here. A list element has room for its address. Every list given out consists of these, also what the C
+// library found.
 template <typename INFO>
 struct ELEMENT {
     INFO info{};  // the first member, so that the element is found from it
