@@ -44,7 +44,7 @@ std::optional<ACCOUNT> User(uid_t id) {
 
 SID_VALUE MachineSid() {
     sd_id128_t id{};
-    if (sd_id128_get_machine_app_specific(Purpose, &id) < 0) {  // no machine id yet: the host's name tells them apart
+    if (sd_id128_get_machine_app_specific(Purpose, &id) < 0) {  // no machine id yet: by the host's name
         char host[256] = "";
         gethostname(host, sizeof(host) - 1);
         uint64_t hash = 14695981039346656037u;  // FNV-1a

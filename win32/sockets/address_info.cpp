@@ -22,8 +22,8 @@
 namespace {
 
 // The two kinds of list, of getaddrinfo and of GetAddrInfoW, differ in the type of their names only; neither is given
-// names here. A list element has room for its address. Every list given out consists of these, whoever found the
-// addresses.
+// names here. A list element has room for its address. Every list given out consists of these, also what the C
+// library found.
 template <typename INFO>
 struct ELEMENT {
     INFO info{};  // the first member, so that the element is found from it
