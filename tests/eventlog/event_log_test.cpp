@@ -96,6 +96,7 @@ TEST_F(READER, AClearedLogIsFollowedFromItsNewEnd) {
 }
 
 TEST_F(READER, WhatEndsTheProcessingIsTold) {
+    EXPECT_EQ(PROCESS_STOPPED, Follow({}));
     EXPECT_EQ(PROCESS_SETTINGS_CHANGED, Follow({[this] { SetEvent(changed.Get()); }}));
     const FAIL_CALL fails(ReadEventLogW_calls, FALSE, ERROR_READ_FAULT);
     EXPECT_EQ(PROCESS_FAILED, Follow({}));
