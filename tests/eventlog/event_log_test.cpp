@@ -46,7 +46,7 @@ protected:
 
 TEST_F(READER, OnlyNewRecordsOfTheRightEventsAreHandled) {
     Write({ann, ann});
-    win32::NEW_EVENT another = ann;
+    win32::NEW_EVENT another = LogonOf(u"cid", u"10.0.0.7");
     another.id |= 0x80000000;  // compared as a whole
     EXPECT_EQ(PROCESS_STOPPED, Follow({[&] { Write({bob, another, Event(4769, {})}); }, [&] { Write({ann}); }}));
     EXPECT_EQ((LINES{"bob", "ann"}), Users());
@@ -54,7 +54,7 @@ TEST_F(READER, OnlyNewRecordsOfTheRightEventsAreHandled) {
 }
 
 TEST_F(READER, MoreThanOneBufferAtTheStartIsSkipped) {
-    Write(std::vector<win32::NEW_EVENT>(400, ann));
+    Write(std::vector<win32::NEW_EVENT>(1000, ann));
     EXPECT_EQ(PROCESS_STOPPED, Follow({[this] { Write({bob}); }}));
     EXPECT_EQ(LINES{"bob"}, Users());
 }
@@ -96,6 +96,7 @@ TEST_F(READER, AClearedLogIsFollowedFromItsNewEnd) {
 }
 
 TEST_F(READER, WhatEndsTheProcessingIsTold) {
+    EXPECT_EQ(PROCESS_STOPPED, Follow({}));
     EXPECT_EQ(PROCESS_SETTINGS_CHANGED, Follow({[this] { SetEvent(changed.Get()); }}));
     const FAIL_CALL fails(ReadEventLogW_calls, FALSE, ERROR_READ_FAULT);
     EXPECT_EQ(PROCESS_FAILED, Follow({}));

@@ -128,8 +128,7 @@ TEST_F(LOOP, AnotherServerIsTakenAtOnceAndAProtocolWithIt) {
                 ElementsAre("08:01:00" + withDn + "5 [1 CORP\\G (CN=G)]", "08:03:00 logon " + bobThere,
                             "08:05:00 #1" + withDn + "7",
                             "08:31:15 #1 heartbeat CORP\\ann (CN=Ann) on CORP\\PC1 at 10.0.0.5 [1 CORP\\G (CN=G)]"));
-    EXPECT_EQ(1u,
-              DEBUG_LINES::Count(lines.TakePlain(), "Identity Server changed to '" + SCRIPTED_SERVER::Host(1) + "'"));
+    EXPECT_EQ(1u, DEBUG_LINES::Count(lines.Seen(), "Identity Server changed to \"" + SCRIPTED_SERVER::Host(1) + "\""));
 }
 
 TEST_F(LOOP, TlsBefore11IsNotSpoken) {
@@ -146,8 +145,8 @@ TEST_F(LOOP, TlsBefore11IsNotSpoken) {
     WriteAt("08:03:00", {bob});
     Run("IdentProtocol=dword:1 IdentServer=" + Server(), "08:04:30");
     EXPECT_THAT(reports, ElementsAre("08:01:00 logon " + annThere));
-    const std::string failed = "Connect to Identity server = '" + SCRIPTED_SERVER::Host(1) + "' failed";
-    EXPECT_EQ(3u, DEBUG_LINES::Count(lines.TakePlain(), failed));
+    const std::string failed = "Connect to Identity server = \"" + SCRIPTED_SERVER::Host(1) + "\" failed";
+    EXPECT_EQ(3u, DEBUG_LINES::Count(lines.Seen(), failed));
 }
 
 TEST_F(LOOP, AConnectionSendsAtOnceAndNoticesADeadPeer) {

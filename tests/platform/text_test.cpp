@@ -1,21 +1,44 @@
 // Texts, numbers in them, error texts, and the buffer.
 #include <gtest/gtest.h>
 
+#include <climits>
 #include <cstring>
 
 #include "platform/error_text.h"
+#include "platform/format.h"
 #include "platform/heap_buffer.h"
 #include "tests/support/wrapped_calls.h"
 
 namespace keldwick {
 namespace {
 
-TEST(String, WhatCannotBeAllocatedLeavesItAsItWas) {
-    STRING text(TEXT("kept"));
-    const FAIL_CALL noMemory(malloc_calls, 0, 0);
-    EXPECT_THROW(text.Resize(10), STRING_NO_MEMORY);
-    EXPECT_THROW(text.Resize(MAXDWORD), STRING_NO_MEMORY) << "more bytes than the number holds";
-    EXPECT_EQ(TEXT_VIEW(TEXT("kept")), text.View());
+TEST(Format, EveryConventionOfTheMessages) {
+    const struct {
+        const WCHAR* format;
+        std::vector<FORMAT_ARGUMENT> arguments;
+        const char* expected;
+    } cases[] = {
+        {TEXT("%lu %u %ld %d"),
+         {MAXDWORD, WORD(65535), LONG(INT_MIN), DWORD(MAXDWORD)},
+         "4294967295 65535 -2147483648 -1"},
+        {TEXT("%#lx"), {HRESULT(-2147024882)}, "0x8007000e"},
+        {TEXT("%I32u"), {DWORD(3000000000u)}, "3000000000"},
+        {TEXT("%I64u %lld"), {~uint64_t{0}, INT64_MIN}, "18446744073709551615 -9223372036854775808"},
+        {TEXT("%cM %c"), {'A', WCHAR(0xE9)}, "AM \xC3\xA9"},
+        {TEXT("%%Waiting %.3f seconds"), {5.0}, "%Waiting 5.000 seconds"},
+        {TEXT("[%5s|%-5s|%.2s|%2s]"), {TEXT("ab"), TEXT("ab"), TEXT("abc"), TEXT("abc")}, "[   ab|ab   |ab|abc]"},
+        {TEXT("%s"), {static_cast<const WCHAR*>(nullptr)}, "(null)"},
+        {TEXT("before %n"), {1}, ""},
+        {TEXT("%s"), {1}, ""},
+        {TEXT("[%s|%2s]"), {TEXT_VIEW(), TEXT_VIEW()}, "[|  ]"},
+        {TEXT("%s"), {TEXT_VIEW(TEXT("cut here")).substr(0, 3)}, "cut"},
+        {TEXT("%s!"), {TEXT("100%s %n%lu\\%")}, "100%s %n%lu\\%!"},
+    };
+    for (const auto& c : cases) {
+        STRING text(TEXT("what was there before"));
+        text.FormatV(c.format, c.arguments);
+        EXPECT_EQ(c.expected, Narrow(text));
+    }
 }
 
 TEST(String, DigitsAreReadUpToTheFirstOtherUnit) {

@@ -75,12 +75,5 @@ TEST_F(SERVICE, AStopRequestOfAnEarlierRunIsTakenBack) {
         EXPECT_EQ(INVALID_HANDLE_VALUE, event->load());
 }
 
-TEST_F(SERVICE, TheProgramEndsWithItsCodes) {
-    WithArguments({}, [](DWORD, WCHAR** arguments) { EXPECT_EQ(3, RunProgram(1, arguments)); });
-    EXPECT_THAT(Said().events, Contains(AllOf(StartsWith("1 C0000006: "), HasSubstr(" | 2 | " + KeyName))));
-    Run("", "08:01:00", {TEXT("-A")}, 1010);
-    Run("", "08:01:00", {}, 1010);  // there is no service manager
-}
-
 }  // namespace
 }  // namespace keldwick

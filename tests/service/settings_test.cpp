@@ -54,18 +54,6 @@ TEST_F(SettingsTest, WhatIsMissingOrBadFallsBack) {
     }
 }
 
-TEST_F(SettingsTest, TheCommandLineOverridesAndIsWrittenBack) {
-    Make(Complete);
-    CommandLine.adServer = TEXT("");
-    CommandLine.identServer = TEXT("other");
-    CommandLine.protocol = PROTOCOL_TCPS;
-    for (int i = 0; i < 2; ++i) {
-        EXPECT_TRUE(LoadSettings());
-        EXPECT_EQ("other 1 '' 300000 420000", Loaded());
-        CommandLine = COMMAND_LINE();
-    }
-}
-
 TEST_F(SettingsTest, AReloadTellsTheWorkerOnlyOfTheConnection) {
     const struct {
         const char *change, *loaded;

@@ -37,21 +37,11 @@ public:
         const std::lock_guard lock(mutex);
         return std::exchange(seen, {});
     }
-    // The same, each line break with its indentation written as "|" and each quote as "'".
-    std::vector<std::string> TakePlain() {
-        std::vector<std::string> lines = Take();
-        for (std::string& line : lines) {
-            std::replace(line.begin(), line.end(), '"', '\'');
-            for (size_t at; (at = line.find("\n    ")) != line.npos;) line.replace(at, 5, "|");
-        }
-        return lines;
-    }
     void Forget() { Take(); }
     static std::vector<std::string> Seen() {
         const std::lock_guard lock(mutex);
         return seen;
     }
-    static std::string Last() { return Seen().empty() ? "" : Seen().back(); }
     static size_t Count(const std::vector<std::string>& lines, const std::string& line) {
         return static_cast<size_t>(std::count(lines.begin(), lines.end(), line));
     }
