@@ -35,18 +35,20 @@ class WineTest(unittest.TestCase):
         cls.environment = {name: value for name, value in os.environ.items() if name != "DISPLAY"} | {
             "WINEPREFIX": f"{cls.folder}/prefix", "WINEDEBUG": "-all", "WINEDLLOVERRIDES": "mscoree,mshtml=",
             "WINEPATH": "C:\\Keldwick", "HOME": cls.folder}
-        os.mkdir(f"{cls.folder}/prefix")
-        # One server for all: programs that start at the same time would each start one.
-        subprocess.run([*cls.machine, f"{WINE}/wineserver", "-p"], env=cls.environment, check=True)
-        cls.addClassCleanup(subprocess.run, [f"{WINE}/wineserver", "-k"], env=cls.environment, check=False)
-        cls.wine("wineboot", "-i")
-        cls.wine("reg", "add", "HKCU\\Software\\Wine", "/v", "Version", "/d", "win10", "/f")
-        # Without a program that runs wine ends its services.
+        # The first program makes the machine, and all others run on it. Without one wine would end its services.
         cls.keeper = subprocess.Popen([*cls.machine, f"{WINE}/wine64", "cmd", "/c", "echo up & pause"], env=cls.environment,
                                       stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
-        cls.addClassCleanup(cls.keeper.communicate)
+        cls.addClassCleanup(cls.end_machine)
         assert cls.keeper.stdout.readline().startswith(b"up")
+        cls.wine("reg", "add", "HKCU\\Software\\Wine", "/v", "Version", "/d", "win10", "/f")
         cls.home = f"{cls.folder}/prefix/drive_c/Keldwick"
+
+    @classmethod
+    def end_machine(cls):
+        subprocess.run([f"{WINE}/wineserver", "-k"], env=cls.environment, check=False)
+        cls.keeper.stdin.close()
+        cls.keeper.stdout.close()
+        cls.keeper.wait()
 
     @classmethod
     def wine(cls, *command, code=0):
