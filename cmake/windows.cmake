@@ -39,6 +39,20 @@ if(KELDWICK_TESTS)
   target_include_directories(tls_client PRIVATE src)
   target_link_libraries(tls_client PRIVATE agent_component)
   target_link_options(tls_client PRIVATE -static -s)
+  # The tests of the layer that make Windows calls alone, here over Windows' own.
+  set(googletest /usr/src/googletest)
+  file(GLOB interfaces CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/tests/win32/interfaces/*.cpp)
+  add_executable(tests_interfaces ${interfaces} ${googletest}/googletest/src/gtest-all.cc
+    ${googletest}/googlemock/src/gmock-all.cc ${googletest}/googletest/src/gtest_main.cc)
+  target_include_directories(tests_interfaces PRIVATE tests/windows/instead .)
+  target_include_directories(tests_interfaces SYSTEM PRIVATE ${googletest}/googletest ${googletest}/googletest/include
+    ${googletest}/googlemock ${googletest}/googlemock/include)
+  target_compile_options(tests_interfaces PRIVATE -O0)
+  target_precompile_headers(tests_interfaces PRIVATE tests/windows/instead/windows_with_char16.h)
+  set_target_properties(tests_interfaces PROPERTIES UNITY_BUILD OFF)
+  target_link_libraries(tests_interfaces PRIVATE ws2_32)
+  target_link_options(tests_interfaces PRIVATE -static -s)
+
   file(GLOB tests CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/tests/windows/test_*.py)
   foreach(test ${tests})
     cmake_path(GET test STEM name)

@@ -35,22 +35,32 @@ class WineTest(unittest.TestCase):
         cls.environment = {name: value for name, value in os.environ.items() if name != "DISPLAY"} | {
             "WINEPREFIX": f"{cls.folder}/prefix", "WINEDEBUG": "-all", "WINEDLLOVERRIDES": "mscoree,mshtml=",
             "WINEPATH": "C:\\Keldwick", "HOME": cls.folder}
-        cls.wine("wineboot", "-i")
-        cls.addClassCleanup(subprocess.run, [f"{WINE}/wineserver", "-k"], env=cls.environment, check=False)
+        # The first program makes the machine, and all others run on it. Without one wine would end its services.
+        cls.keeper = subprocess.Popen([*cls.machine, f"{WINE}/wine64", "cmd", "/c", "echo up & pause"], env=cls.environment,
+                                      stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+        cls.addClassCleanup(cls.end_machine)
+        assert cls.keeper.stdout.readline().startswith(b"up")
         cls.wine("reg", "add", "HKCU\\Software\\Wine", "/v", "Version", "/d", "win10", "/f")
-        # Without a program that runs wine ends its services.
-        cls.keeper = subprocess.Popen([*cls.machine, f"{WINE}/wine64", "cmd", "/c", "pause"], env=cls.environment,
-                                      stdin=subprocess.PIPE, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        cls.addClassCleanup(cls.keeper.communicate)
         cls.home = f"{cls.folder}/prefix/drive_c/Keldwick"
 
     @classmethod
+    def end_machine(cls):
+        subprocess.run([f"{WINE}/wineserver", "-k"], env=cls.environment, check=False)
+        cls.keeper.stdin.close()
+        cls.keeper.stdout.close()
+        cls.keeper.wait()
+
+    @classmethod
     def wine(cls, *command, code=0):
-        """Runs a Windows program to its end. Gives what it printed."""
-        done = subprocess.run([*cls.machine, f"{WINE}/wine64", *command], env=cls.environment, capture_output=True, text=True,
-                              timeout=PATIENCE, stdin=subprocess.DEVNULL)
-        assert code in (None, done.returncode), f"{command}: {done.returncode}, {done.stdout}{done.stderr}"
-        return done.stdout
+        """Runs a Windows program to its end. Gives what it printed: into a file, since the programs that wine starts in the
+        background would keep a pipe open."""
+        with tempfile.TemporaryFile() as output:
+            done = subprocess.run([*cls.machine, f"{WINE}/wine64", *command], env=cls.environment, stdin=subprocess.DEVNULL,
+                                  stdout=output, stderr=subprocess.STDOUT, timeout=PATIENCE)
+            output.seek(0)
+            text = output.read().decode(errors="replace").replace("\r\n", "\n")
+        assert code in (None, done.returncode), f"{command}: {done.returncode}, {text}"
+        return text
 
     def setUp(self):
         self.agents = []

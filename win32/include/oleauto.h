@@ -21,6 +21,9 @@ struct tagVARIANT {
         LONG lVal;
         BSTR bstrVal;
         SAFEARRAY* parray;
+        struct {
+            PVOID pvRecord, pRecInfo;
+        };
     };
 };
 extern "C" {

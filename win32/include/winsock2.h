@@ -22,7 +22,8 @@ typedef struct _QualityOfService QOS, *LPQOS;
 typedef OVERLAPPED WSAOVERLAPPED, *LPWSAOVERLAPPED;
 typedef void(CALLBACK* LPWSAOVERLAPPED_COMPLETION_ROUTINE)(DWORD error, DWORD bytes, LPWSAOVERLAPPED, DWORD flags);
 typedef struct WSAData {
-    WORD wVersion, wHighVersion;
+    WORD wVersion, wHighVersion, iMaxSockets, iMaxUdpDg;
+    char* lpVendorInfo;
     char szDescription[257], szSystemStatus[129];
 } WSADATA, *LPWSADATA;
 #define INVALID_SOCKET (-1)

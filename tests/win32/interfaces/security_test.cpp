@@ -76,7 +76,7 @@ TEST(Privileges, TheSecurityPrivilegeIsHeldByWhoMayReadTheSecurityLog) {
     root.Write("eventlog/Application.evt", "");
     TOKEN_PRIVILEGES previous{};
     EXPECT_EQ(DWORD{ERROR_SUCCESS}, Adjust(enable, &previous)) << "the folder alone";
-    EXPECT_EQ(std::pair(1u, 0u), std::pair(previous.PrivilegeCount, previous.Privileges[0].Attributes));
+    EXPECT_EQ((std::pair<DWORD, DWORD>(1, 0)), std::pair(previous.PrivilegeCount, previous.Privileges[0].Attributes));
     root.Write("eventlog/Security.evt", "");
     EXPECT_EQ(DWORD{ERROR_SUCCESS}, Adjust(enable, &previous));
     EXPECT_EQ(0u, previous.PrivilegeCount) << "it was enabled already";
