@@ -133,12 +133,6 @@ class ManualReports(MachineTest):
                 self.assertIn(self.names(address, "ann", "WS1", message), self.messages())
                 self.assertEqual(1, self.log().count("Unable to report "))
 
-    def test_without_a_server_the_run_says_so_and_ends_well(self):
-        self.assertEqual([], self.report("-REPORT_LOGOFF"))
-        self.assertEqual([f'Connecting to Identity server = "{self.address}" ...',
-                          f'Unable to connect to Identity server = "{self.address}" ...'],
-                         [line for line in self.messages() if "connect" in line.lower() and "Fire" not in line])
-
 
 if __name__ == "__main__":
     unittest.main()

@@ -44,15 +44,6 @@ class Service(MachineTest):
         self.assertIn("Stopping Service: Reason = SERVICE_CONTROL_STOP", self.messages())
         self.assertIn("SERVICE_CONTROL_STOP", self.ctl("events", "list", "--log", "Application", "--json"))
 
-    def test_the_units_arguments_are_the_services_and_are_kept(self):
-        self.prepare(server="old.example")
-        agent = self.serve("-L", "-V", "-SERVER", self.address)
-        self.told("STATUS=Starting\nEXTEND_TIMEOUT_USEC=30000000", "READY=1\nSTATUS=Running")
-        self.assertEqual(self.address, self.ctl("settings", "get", "IdentServer").strip())
-        self.assertEqual(0x102, int(self.ctl("settings", "get", "DebugOutput").split()[0], 0))
-        agent.send_signal(signal.SIGINT)
-        self.assertEqual(0, agent.wait(PATIENCE))
-
     def test_what_the_service_failed_with_is_the_exit_status(self):
         self.ctl("init")  # no identity server: initialisation fails
         agent = self.serve()
@@ -156,6 +147,25 @@ class Service(MachineTest):
         self.shut_down(agent)
         with open(f"{self.root}/Keldwick.identities", encoding="utf-8") as file:
             self.assertEqual(0, json.loads(file.read())["identities"], "nobody is left in the file")
+
+    def test_without_inotify_it_looks_by_itself_says_so_once_and_status_shows_it(self):
+        server = Server(self.address)
+        self.addCleanup(server.close)
+        self.prepare()
+        limit = 'echo 0 > /proc/sys/user/max_inotify_instances && exec "$0" "$@"'
+        through = ("unshare", "--user", "--map-root-user", "sh", "-c", limit)
+        if subprocess.run([*through, "true"], capture_output=True, check=False).returncode != 0:
+            self.skipTest("user namespaces are not allowed")
+        agent = self.start("-L", "-V", through=through)
+        status = json.loads(self.ctl("status", "--json"))
+        self.assertEqual((agent.pid, True), (status["pid"], status["polls"]))
+        self.ctl("settings", "set", "Heartbeat", "44")
+        self.until_logged("Heartbeat interval = 44 (minutes)")
+        self.logon("ann", "10.9.8.7", "WS1")
+        self.assertEqual("CORP\\ann", server.next()["user"][0])
+        self.ctl("settings", "set", "Shutdown", "1")
+        said = agent.communicate(timeout=PATIENCE)[1]
+        self.assertEqual((0, 1), (agent.returncode, said.count("do not come by inotify: Too many open files")), said)
 
 
 if __name__ == "__main__":
