@@ -27,7 +27,7 @@ constexpr DWORD ProcessAborted = 1067;    // ERROR_PROCESS_ABORTED
 constexpr DWORD NotInThisProgram = 1083;  // ERROR_SERVICE_NOT_IN_EXE
 constexpr DWORD MaxEndMs = 5000;          // for what ServiceMain does after its report of SERVICE_STOPPED
 
-// What the process was started with, but for the program's name: the unit's arguments.
+// What the process was started with, without the program's name: the unit's arguments.
 std::vector<std::u16string> ProcessArguments() {
     std::ifstream file("/proc/self/cmdline", std::ios::binary);
     std::vector<std::u16string> arguments;

@@ -83,7 +83,7 @@ private:
     PROGRESS progress;
 };
 
-// How often a thread of this process has gone to sleep of its own accord; nothing when that is not known.
+// How often a thread of this process has gone to sleep by a call of its own; nothing when that is not known.
 std::optional<uint64_t> TimesAsleep(pid_t thread);
 
 }  // namespace win32

@@ -54,7 +54,7 @@ private:
 
 // A thread has ended when nothing of it is left: libraries clean up after it in destructors of their own, which must
 // have run before a thread that waited for it ends the process. So its end is the destructor of a thread-local
-// key that comes back in the rounds of destructors, but for the last one, which the sanitizers keep for themselves.
+// key that comes back in the rounds of destructors, except the last one, which the sanitizers keep for themselves.
 class THREAD_END {
 public:
     explicit THREAD_END(std::shared_ptr<THREAD> object) : thread(std::move(object)) {}
