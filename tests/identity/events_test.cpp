@@ -148,14 +148,15 @@ TEST_F(EVENTS, HostileNamesPassThroughUnharmed) {
 
 TEST_F(EVENTS, AClockSetBackExpiresEverything) {
     WriteAt("08:30:00", 4624, Logon4624);
-    WriteAt("08:30:00", 673, Ticket673);
-    NoteStatisticsAt("08:30:50");
-    At("08:31:00", [this] {
+    NoteStatisticsAt("08:31:30");
+    WriteAt("08:31:40", 673, Ticket673);
+    At("08:31:40", [this] {
         clock.Set(clock.Now() - 600 * VIRTUAL_CLOCK::Second);
-        NoteStatisticsAt("08:23:00");
+        WriteAt("08:22:00", 4634, Logoff4634);  // its wait is to end at a time that was before
+        NoteStatisticsAt("08:22:50");
     });
-    RunUntil("08:31:00");
-    EXPECT_EQ("0 0", statistics.back());
+    RunUntil("08:31:40");
+    EXPECT_THAT(statistics, ElementsAre("1 0", "0 0"));
 }
 
 // ---- The list for others ----

@@ -38,7 +38,7 @@ inline CALL_PLAN notifyChange;  // of NotifyChangeEventLog
 
 class AGENT : public testing::Test {
 protected:
-    DWORD logBytes = 1024 * 1024;
+    DWORD logBytes = 1024 * 1024;  // of the Security log
     inline static const std::string KeyName = "HKEY_LOCAL_MACHINE\\SOFTWARE\\Vantorel Systems\\Keldwick";
     static constexpr VIRTUAL_CLOCK::TIME Start = 134'176'032'000'000'000;  // 2026-03-10 08:00:00
 
@@ -124,13 +124,12 @@ protected:
     void MakeSettings(const std::string& values, const std::string& below = "") const {
         root.Write("registry.reg", RegistryText(KeyName + below, values));
     }
-    // Runs it with these settings from Start to that time, and compares the exit code.
-    void Run(const std::string& settings, const std::string& end, std::vector<const WCHAR*> options = {TEXT("-A")},
-             int code = 0) {
+    // Runs it as an application with these settings from Start to that time.
+    void Run(const std::string& settings, const std::string& end) {
         MakeSettings(settings);
         At(end, [] { StopService(TEXT("the scenario is over")); });
-        WithArguments(options, [code](DWORD count, WCHAR** arguments) {
-            EXPECT_EQ(code, RunProgram(static_cast<int>(count), arguments));
+        WithArguments({TEXT("-A")}, [](DWORD count, WCHAR** arguments) {
+            EXPECT_EQ(0, RunProgram(static_cast<int>(count), arguments));
         });
     }
     // Starts it with the service's name and these arguments.
@@ -224,7 +223,7 @@ private:
     static inline std::weak_ptr<win32::KERNEL_OBJECT> changeObject;  // gone when the agent has closed the handle
 };
 
-// A session with the first server and the reader of its events, without a loop around them.
+// A session with the first server, without the agent around it.
 class SESSION : public AGENT {
 protected:
     SESSION() {

@@ -45,7 +45,7 @@ public:
     void Say(const std::string& bytes) {                         // to every client, unasked
         for (const auto& client : clients) client->Send(bytes);
     }
-    void HangUp() { clients.clear(); }
+    void HangUp() { clients.clear(); }  // not while it answers
     size_t Clients() const { return clients.size(); }
 
     // Does what there is to do. False: there was nothing.
@@ -109,7 +109,7 @@ private:
             if (length < 10 || client.bytes.size() < length) return more && length >= 10;
             const std::string request = client.bytes.substr(0, length);
             client.bytes.erase(0, length);
-            client.Send(script(request));
+            if (const std::string answer = script(request); !answer.empty()) client.Send(answer);
         }
     }
 

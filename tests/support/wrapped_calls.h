@@ -60,7 +60,7 @@ struct NAME_SERVER {
     }
     void AwaitQuestions(int count) {
         std::unique_lock guard(lock);
-        changed.wait(guard, [&] { return hanging >= count; });
+        changed.wait_for(guard, Patience, [&] { return hanging >= count; });
     }
     // Once so many questions wait; they have been answered afterwards.
     void Revive(int count) {
@@ -75,7 +75,7 @@ struct NAME_SERVER {
         ++questions;
         ++hanging;
         changed.notify_all();
-        changed.wait(guard, [&] { return !dead; });
+        changed.wait_for(guard, Patience, [&] { return !dead; });
         --hanging;
         changed.notify_all();
         const auto found = addresses.find(host);
@@ -83,6 +83,7 @@ struct NAME_SERVER {
     }
 
 private:
+    static constexpr std::chrono::seconds Patience{15};  // so that who waits in vain fails and does not hang
     std::mutex lock;
     std::condition_variable changed;
     int hanging = 0;
