@@ -27,9 +27,6 @@ static_assert(Same({sizeof(SYSTEMTIME), offsetof(SYSTEMTIME, wMonth), offsetof(S
                    {16, 2, 4, 6, 8, 10, 12, 14}));
 static_assert(Same({sizeof(LUID), offsetof(LUID, HighPart)}, {8, 4}));
 static_assert(Same({sizeof(GUID), offsetof(GUID, Data2), offsetof(GUID, Data3), offsetof(GUID, Data4)}, {16, 4, 6, 8}));
-static_assert(Same({sizeof(SECURITY_ATTRIBUTES), offsetof(SECURITY_ATTRIBUTES, lpSecurityDescriptor),
-                    offsetof(SECURITY_ATTRIBUTES, bInheritHandle)},
-                   {24, 8, 16}));
 static_assert(Same({sizeof(EVENTLOGRECORD), offsetof(EVENTLOGRECORD, Reserved), offsetof(EVENTLOGRECORD, RecordNumber),
                     offsetof(EVENTLOGRECORD, TimeGenerated), offsetof(EVENTLOGRECORD, TimeWritten),
                     offsetof(EVENTLOGRECORD, EventID), offsetof(EVENTLOGRECORD, EventType),
