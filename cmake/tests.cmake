@@ -51,12 +51,7 @@ keldwick_tests(win32 LABEL layer FOLDERS win32 win32/interfaces LIBRARIES keldwi
 set_source_files_properties(${PROJECT_SOURCE_DIR}/tests/loop/recorded_test.cpp PROPERTIES
   COMPILE_DEFINITIONS RECORDED_FOLDER="${PROJECT_SOURCE_DIR}/tests/loop/recorded")
 keldwick_tests(agent LABEL agent FOLDERS ${agent_folders} loop LIBRARIES ctl_commands server_parts)
-if(TARGET ctl_commands)
-  keldwick_tests(keldwickctl LABEL tools LIBRARIES ctl_commands)
-endif()
-if(TARGET server_parts)
-  keldwick_tests(keldwick-server LABEL tools LIBRARIES server_parts)
-endif()
+keldwick_tests(tools LABEL tools FOLDERS keldwickctl keldwick-server LIBRARIES ctl_commands server_parts)
 
 # System tests: tests/system/test_*.py, Python's unittest, against the built programs.
 file(GLOB system_tests CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/tests/system/test_*.py)
