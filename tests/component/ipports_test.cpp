@@ -11,7 +11,7 @@ namespace {
 
 using namespace keldwick;
 
-class CLIENT : public EVENT_RECORDER<EITHER_CLIENT> {
+class TLS_CLIENT : public EVENT_RECORDER<EITHER_CLIENT> {
 public:
     bool acceptsAll = true;
     std::vector<std::string> authentications;  // "subject / issuer / status / accept"
@@ -54,7 +54,7 @@ TEST(SecureConnection, UsesTheEnabledVersionsAndNoOthers) {
         const std::string setting = "SSLEnabledProtocols=" + std::to_string(c.protocols);
         SCOPED_TRACE(setting + " to " + std::to_string(c.lowest) + "-" + std::to_string(c.highest));
         PLAYED server(SERVER_KIND{c.lowest, c.highest}, Echo);
-        CLIENT client;
+        TLS_CLIENT client;
         EXPECT_EQ(0, client.Config(setting.c_str()));
         client.Connect("127.0.0.1", server.Port());
         ASSERT_TRUE(client.Await(c.spoken != nullptr ? "ReadyToSend" : "Connected"));
@@ -71,7 +71,7 @@ TEST(SecureConnection, UsesTheEnabledVersionsAndNoOthers) {
 }
 
 TEST(SecureConnection, SettingsThatAreNoneAreRefusedAndNoVersionIsNoConnection) {
-    CLIENT client;
+    TLS_CLIENT client;
     for (const char* setting : {"", "SSLEnabledProtocols=", "SSLEnabledProtocols=1x", "SSLEnabledProtocols=99999999999",
                                 "Other=1", static_cast<const char*>(nullptr)})
         EXPECT_EQ(WSAEINVAL, client.Config(setting));
@@ -85,7 +85,7 @@ TEST(SecureConnection, SettingsThatAreNoneAreRefusedAndNoVersionIsNoConnection) 
 TEST(SecureConnection, TheOwnerDecidesAboutTheCertificate) {
     for (const bool accepts : {true, false}) {
         PLAYED server(SERVER_KIND{.validTo = accepts ? -3600 : 3600}, Echo);
-        CLIENT client;
+        TLS_CLIENT client;
         client.acceptsAll = accepts;
         client.Connect("127.0.0.1", server.Port());
         ASSERT_TRUE(client.Await(accepts ? "ReadyToSend" : "Disconnected"));
@@ -113,7 +113,7 @@ TEST(SecureConnection, AHandshakeThatGoesWrongIsOneEvent) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         PLAYED server(c.script);
-        CLIENT client;
+        TLS_CLIENT client;
         client.SetTimeout(1);
         client.Connect("127.0.0.1", server.Port());
         ASSERT_TRUE(client.Await("Connected"));
@@ -139,7 +139,7 @@ TEST(SecureConnection, EveryKindOfEndIsSeenAfterTheBytesBeforeIt) {
         SCOPED_TRACE(c.name);
         PLAYED server(SERVER_KIND{},
                       [&](SSL* session, ACCEPTED& peer) { Say(session, "bye"), c.script(session, peer); });
-        CLIENT client;
+        TLS_CLIENT client;
         ASSERT_TRUE(client.Opens(server.Port()));
         ASSERT_TRUE(client.Await("Disconnected"));
         EXPECT_EQ(Ended(c.status), EVENTS{client.events.back()});
@@ -164,7 +164,7 @@ TEST(SecureConnection, AnEndThatArrivesWithBytesLeavesTimeToTakeThem) {
                     peer.Say(Records(session, talk) + (clean ? "" : "garbage garbage"));
                     heardAfterwards = peer.Hear(1 << 20);
                 });
-                CLIENT client;
+                TLS_CLIENT client;
                 ASSERT_TRUE(client.Opens(server.Port()));
                 EXPECT_EQ(0, client.SendText("request"));
                 if (bySend) {
@@ -189,7 +189,7 @@ TEST(SecureConnection, LargeMessagesGoThroughWhole) {
         peer.Say(Records(session, [&] { Say(session, heard); }));
         Hear(session, 1);
     });
-    CLIENT client;
+    TLS_CLIENT client;
     ASSERT_TRUE(client.Opens(server.Port()));
     EXPECT_EQ(0, client.SendText(large));
     EXPECT_TRUE(client.AwaitBytes(large.size()));
@@ -209,7 +209,7 @@ TEST(SecureConnection, ARenegotiationIsDeclinedAndTheConnectionGoesOn) {
             });
             Echo(session, peer);
         });
-        CLIENT client;
+        TLS_CLIENT client;
         ASSERT_TRUE(client.Opens(server.Port()));
         EXPECT_EQ(0, client.SendText("request"));
         EXPECT_TRUE(client.AwaitBytes(7)) << testing::PrintToString(client.texts);
@@ -233,7 +233,7 @@ TEST(SecureConnection, AFloodAfterTheHandshakeIsReadInTurns) {
     });
     size_t turns = 0;
     {
-        CLIENT client;
+        TLS_CLIENT client;
         ASSERT_TRUE(client.Opens(server.Port()));
         EXPECT_EQ(0, client.SendText("go"));
         for (; client.received.empty() && !HasFailure(); ++turns) client.Turn();
@@ -256,7 +256,7 @@ TEST(SecureConnection, AGoodbyeAfterAFloodIsSeenBeforeASend) {
             poured.set_value();
             heardAfterwards = peer.Hear(1 << 20);
         });
-        CLIENT client;
+        TLS_CLIENT client;
         ASSERT_TRUE(client.Opens(server.Port()));
         poured.get_future().wait();
         EXPECT_EQ(WSAECONNRESET, client.SendText("request"));
@@ -279,7 +279,7 @@ TEST(SecureConnection, AServerIsNamedTheHostAndSentAGoodbye) {
                 Hear(session, 1);
                 saidGoodbye = (SSL_get_shutdown(session) & SSL_RECEIVED_SHUTDOWN) != 0;
             });
-            CLIENT client;
+            TLS_CLIENT client;
             ASSERT_TRUE(client.Opens(server.Port(), byName ? "one.example" : "127.0.0.1"));
             if (way == "disconnects") client.Disconnect();
             if (way == "connects again") client.Connect("127.0.0.1", 1);
