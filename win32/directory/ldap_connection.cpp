@@ -13,6 +13,7 @@
 #include <mutex>
 #include <system_error>
 #include <thread>
+#include "win32/sync/signals_blocked.h"
 
 namespace win32 {
 
@@ -288,6 +289,7 @@ bool FinishesWithin(std::chrono::milliseconds time, std::function<void()> work) 
         progress->ended.notify_all();
     };
     try {
+        const SIGNALS_BLOCKED blocked;
         std::thread(run).detach();
     } catch (const std::system_error&) {
         return false;  // no thread to be had
