@@ -62,9 +62,11 @@ class Logons(WineTest):
         self.logon("bob", "10.9.8.7")
         self.reported("logoff", "ann", "10.9.8.7")
         self.reported("logon", "bob", "10.9.8.7")
+        sweeps = self.log().count("Updating statistics")
         self.forward(21)
         self.write(4608, "-")  # wakes the worker, whose sweep is due
         self.reported("heartbeat", "bob", "10.9.8.7")
+        self.until_logged("Updating statistics", sweeps + 1)
         self.forward(82)  # 61 after the heartbeat
         self.write(4608, "-")
         self.until_logged('Logon expired: User name = "CORP\\bob", IP address = "10.9.8.7"')

@@ -15,9 +15,11 @@
 
 #define __STRALIGN_H_  // its inline functions call those of C
 #define wchar_t char16_t
-#include <ntsecapi.h>
-#include <windows.h>
 #include <winsock2.h>
+
+#include <windows.h>  // after it, and before the others
+
+#include <ntsecapi.h>
 #include <ws2tcpip.h>
 #undef wchar_t
 
