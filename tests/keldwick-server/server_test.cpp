@@ -9,7 +9,6 @@
 #include <thread>
 
 #include "request_bytes.h"
-#include "tests/support/temporary_root.h"
 #include "tools/keldwick-server/client.h"
 #include "win32/sync/descriptor.h"
 
@@ -184,24 +183,6 @@ TEST(Server, AHandshakeThatStopsHalfwayIsNotServedInCircles) {
     ASSERT_EQ(8, send(stranger.Get(), half.data(), half.size(), 0));
     EXPECT_TRUE(client.Serve(0, [](const REQUEST&) {}));
     EXPECT_FALSE(client.HasBuffered());
-}
-
-TEST(Server, SaysInOneLineWhatItCannotDo) {
-    const TEMPORARY_ROOT files;
-    RUNNING server;
-    SERVER_OPTIONS taken, missing;
-    taken.tcpPort = static_cast<uint16_t>(server.TcpPort());
-    missing.certificateFile = files.Path("missing.pem");
-    const std::pair<SERVER_OPTIONS, std::string> cases[] = {
-        {taken, "cannot listen on 127.0.0.1 port " + std::to_string(server.TcpPort())},
-        {missing, "cannot use TLS: " + missing.certificateFile + ": No such file"}};
-    for (const auto& [options, said] : cases) {
-        SERVER other({});
-        std::string error;
-        EXPECT_FALSE(other.Open(options, error));
-        EXPECT_THAT(error, testing::StartsWith(said));
-        EXPECT_EQ(std::string::npos, error.find('\n'));
-    }
 }
 
 }  // namespace

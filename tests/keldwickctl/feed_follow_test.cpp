@@ -1,9 +1,7 @@
 // That a feed loses nothing and doubles nothing: rotation in each of its ways, truncation, restarts, crashes, full
 // disks.
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <signal.h>
-#include <sys/file.h>
 #include <sys/inotify.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -20,24 +18,14 @@
 #include "tools/feed/follower.h"
 #include "tools/feed/log.h"
 #include "tools/feed/state.h"
-#include "tools/keldwickctl/status.h"
 #include "win32/eventlog/log_names.h"
 #include "win32/text/utf.h"
-
-// The call of wrapped-calls.txt: the tick count goes on by so much with each call.
-static ULONGLONG ticksPerCall = 0, ticksAhead = 0;
-extern "C" {
-ULONGLONG __real_GetTickCount64();
-ULONGLONG __wrap_GetTickCount64();
-ULONGLONG __wrap_GetTickCount64() { return __real_GetTickCount64() + (ticksAhead += ticksPerCall); }
-}
 
 namespace tools::feed {
 namespace {
 
 namespace fs = std::filesystem;
 using testing::HasSubstr;
-using testing::StartsWith;
 
 using LINES = std::vector<std::string>;
 
@@ -131,10 +119,6 @@ protected:
         std::ofstream(Path(suffix), std::ios::binary | std::ios::app) << text;
     }
     void Move(const std::string& from, const std::string& to) const { fs::rename(Path(from), Path(to)); }
-    void CopyAndTruncate() const {
-        fs::copy_file(Path(), Path(".1"), fs::copy_options::overwrite_existing);
-        fs::resize_file(Path(), 0);
-    }
     // The next lines, at most so many.
     static LINES Read(FOLLOWER& follower, size_t most = std::string::npos) {
         COLLECTING taker;
@@ -231,13 +215,7 @@ TEST_F(FOLLOWED, WhatIsDoneToAFileByHandCostsNoLineAndDoublesNone) {
         LINES lines;
         bool found = true;  // the place where a feed was that comes back
     } cases[] = {
-        {"half a line waits for its end", [&] { Append("three\r\nfo"); }, {"three"}},
-        {"renamed, still written", [&] { Move("", ".old"), add("four"), add("three", ".old"); }, {"three", "four"}},
         {"truncated and longer now", [&] { copy(".1"), truncate(), add("longer than both"); }, {"longer than both"}},
-        {"copied twice over one copy, of which the first was read",
-         [&] { copy(".1"), truncate(), add("three"), copy(".1"), truncate(), add("four"); },
-         {"three", "four"},
-         false},
         {"truncated", [&] { truncate(), add("x"); }, {"x"}, false},
         {"replaced", [&] { add("new", ".fresh"), Move(".fresh", ""); }, {"new"}, false},
         {"replaced by a copy of itself", [&] { copy("~"), Move("~", ""), add("x"); }, {"x"}},
@@ -294,85 +272,6 @@ TEST_F(FOLLOWED, AClockThatWasSetBackHidesNothing) {
         EXPECT_EQ((LINES{"three", "four"}), Read(second));
         EXPECT_EQ((LINES{"three", "four"}), Read(first));
     }
-}
-
-TEST_F(FOLLOWED, AReaderIsShownWhatWasReadBeforeAndNothingElse) {
-    Append("long ago\n", ".2");
-    Append("one\n", ".1");
-    Append("two\n");
-    fs::last_write_time(Path(".2"), fs::file_time_type::clock::now() - std::chrono::seconds(2));
-    fs::last_write_time(Path(".1"), fs::file_time_type::clock::now() - std::chrono::seconds(1));
-    FOLLOWER first(Path()), second(Path());
-    first.Resume({});
-    EXPECT_EQ(LINES{"two"}, Read(first));
-    Append("three\n");
-    EXPECT_TRUE(second.Resume(first.Position()));
-    COLLECTING remembered;
-    second.Remember(6, remembered);
-    EXPECT_EQ((LINES{"one", "two"}), remembered.lines);
-    EXPECT_EQ(LINES{"three"}, Read(second));
-}
-
-// Root may read everything.
-void AsAnother(const std::function<void()>& act) {
-    const uid_t self = geteuid();
-    ASSERT_EQ(0, self == 0 ? seteuid(65534) : 0);
-    act();
-    ASSERT_EQ(0, seteuid(self));
-}
-
-TEST_F(FOLLOWED, AFileThatMayNotBeReadIsAskedForAgainOrNamed) {
-    Append("one\n");
-    FOLLOWER follower(Path()), later(Path());
-    follower.Resume({});
-    EXPECT_EQ(LINES{"one"}, Read(follower));
-    const POSITION position = follower.Position();
-    Move("", ".1");
-    Append("two\n");
-    chmod(root.Path("").c_str(), 0755);
-    chmod(Path().c_str(), 0);
-    AsAnother([&] { EXPECT_EQ(LINES(), Read(follower)); });
-    EXPECT_TRUE(follower.Refused());
-    chmod(Path().c_str(), 0644);
-    EXPECT_EQ(LINES{"two"}, Read(follower));
-    EXPECT_FALSE(follower.Refused());
-    chmod(Path(".1").c_str(), 0);
-    AsAnother([&] {
-        EXPECT_THAT([&] { later.Resume(position); },
-                    testing::ThrowsMessage<COMMAND_ERROR>(StartsWith("cannot read " + Path(".1"))));
-    });
-}
-
-TEST_F(FOLLOWED, AFileThatWasReadToItsEndIsNotReadAgainFromACopy) {
-    FOLLOWER follower(Path());
-    follower.Resume({});
-    for (int i = 0; i < 10; ++i) {  // more than are kept open
-        if (i > 0) Move("", "." + std::to_string(100 - i));
-        Append("line " + std::to_string(i) + "\n");
-        EXPECT_EQ(LINES{"line " + std::to_string(i)}, Read(follower));
-    }
-    fs::copy_file(Path(".99"), Path(".5"));
-    Move("", ".2");
-    Append("new\n");
-    EXPECT_EQ(LINES{"new"}, Read(follower));
-}
-
-TEST_F(FOLLOWED, ACopyOfWhatWasReadLongAgoIsNotReadAgain) {
-    const auto now = fs::file_time_type::clock::now();
-    Append("long ago\n", ".1");
-    Append("one\n");
-    fs::last_write_time(Path(".1"), now - std::chrono::seconds(20));
-    fs::last_write_time(Path(), now - std::chrono::seconds(10));
-    FOLLOWER first(Path()), second(Path());
-    first.Resume({});
-    EXPECT_EQ(LINES{"one"}, Read(first));
-    fs::copy_file(Path(".1"), Path(".1-20261116"));
-    Append("and more\n", ".1-20261116");
-    Move(".1", ".2");
-    Move("", ".1");
-    Append("two\n");
-    EXPECT_TRUE(second.Resume(first.Position()));
-    EXPECT_EQ((LINES{"and more", "two"}), Read(second));
 }
 
 TEST_F(FOLLOWED, APlaceIsBeforeHalfALineAndAnyLineEndsSomewhere) {
@@ -453,42 +352,6 @@ TEST_F(FEEDING, WhatIsKeptAsideIsBoundedAndTheNewestIsThere) {
     EXPECT_THAT(root.Read("feed/kept.aside"), HasSubstr("reason 39"));
 }
 
-TEST_F(FEEDING, WhatCannotGoOnSaysWhy) {
-    const auto why = [&]() -> std::string {
-        try {
-            Feed();
-        } catch (const COMMAND_ERROR& error) {
-            return error.what();
-        }
-        return "nothing";
-    };
-    EXPECT_THAT(why(), HasSubstr("audit: there is no such file"));
-    Append("a\n");
-    {
-        STATE_FILE running("test");
-        EXPECT_THAT(why(), StartsWith("the feed test is running already"));
-    }
-    const std::string counts = R"("behind":0,"nextRecord":1,"records":0,"skipped":0,"unreadable":0})";
-    const struct {
-        std::function<void()> prepare;
-        std::string why;
-    } cases[] = {
-        {[&] { root.Write("feed/test.state", "{\"offset\":-1}"); }, "test.state is damaged"},
-        {[&] { root.Write("feed/test.state", R"({"file":"/other",)" + counts); },
-         "the feed test follows /other; --name gives this one its own name"},
-        {[&] { root.Write("feed/test.state", R"({"log":"Application",)" + counts); },
-         "the feed test writes to the Application log; --name gives"},
-        {[&] { fs::remove_all(root.Path("feed")), root.Write("feed", "a file where the folder belongs"); },
-         "cannot make " + root.Path("feed")},
-        {[&] { fs::remove_all(root.Path("feed")), fs::remove_all(root.Path("eventlog")); }, "there is no Security log"},
-    };
-    for (const auto& c : cases) {
-        c.prepare();
-        EXPECT_THAT(why(), HasSubstr(c.why));
-    }
-    EXPECT_FALSE(fs::exists(root.Path("feed"))) << "made in what is no machine root";
-}
-
 TEST_F(FEEDING, AStateIsReplacedWhateverStandsInItsPlace) {
     STATE_FILE files("test");
     root.Write("victim", "another's");
@@ -501,21 +364,6 @@ TEST_F(FEEDING, AStateIsReplacedWhateverStandsInItsPlace) {
     EXPECT_EQ(0u, added.records);
     EXPECT_EQ("another's", root.Read("victim"));
     EXPECT_THAT(State(), HasSubstr("\"records\": 7"));
-}
-
-TEST_F(FEEDING, ATurnThatAnotherKeepsFailsInTime) {
-    STATE_FILE files("test");
-    STATE state;
-    COUNTS added = {2, 0, 0};
-    {
-        const win32::DESCRIPTOR other(open(root.Path("feed/test.writing").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
-        ASSERT_EQ(0, flock(other.Get(), LOCK_EX));
-        ticksPerCall = 1000;
-        EXPECT_FALSE(files.Save(state, added));
-        EXPECT_EQ(EAGAIN, errno);
-        ticksPerCall = 0;
-    }
-    EXPECT_TRUE(files.Save(state, added));
 }
 
 TEST_F(FEEDING, OnlyAPlainFileIsOpenedToBeFollowed) {
@@ -532,32 +380,6 @@ TEST_F(FEEDING, ALogThatIsNotOnTheDiskIsNoPlaceToMark) {
     EXPECT_TRUE(log.Sync());
     fs::remove(root.Path("eventlog/Security.evt"));
     EXPECT_FALSE(log.Sync());
-}
-
-TEST_F(FEEDING, BehindIsWhatAllFilesHoldAfterTheirPlaces) {
-    Append("of old\n", ".3");
-    Append("a\n");
-    Feed();
-    mkfifo(root.Path("feed/other.lock").c_str(), 0600);
-    const auto behind = [] {
-        for (const FEED_STATUS& each : ReadFeeds())
-            if (each.name == "test") return each.behind;
-        return ~0ULL;
-    };
-    EXPECT_EQ(0u, behind());
-    Append("12345\n");
-    Move("", ".2");
-    EXPECT_EQ(6u, behind());
-    Append("12\n", ".1");
-    fs::last_write_time(Path(".1"), fs::file_time_type::clock::now() + std::chrono::seconds(1));
-    Append("1234\n");
-    EXPECT_EQ(14u, behind());
-    Feed();
-    EXPECT_EQ(0u, behind());
-    Append("12345\n");
-    CopyAndTruncate();
-    Append("1\n");
-    EXPECT_EQ(8u, behind());
 }
 
 TEST_F(FEEDING, AnAgentThatWasThereAMomentAgoIsWaitedFor) {
@@ -585,19 +407,6 @@ TEST_F(FEEDING, ANewRecordDoesNotEndTheRecognitionOfOldOnes) {
     after.RecogniseFrom(1);
     for (int i = 0; i < 100; ++i) ASSERT_TRUE(Write(after, u"another"));
     EXPECT_FALSE(after.IsRecognising()) << "all that was written must have come";
-}
-
-TEST_F(FEEDING, ALogKeepsToTheSizeThatIsSetWhenItIsWritten) {
-    LOG log("Security");
-    const DWORD size = 65536;
-    HKEY key = nullptr;
-    ASSERT_EQ(ERROR_SUCCESS,
-              RegCreateKeyExW(HKEY_LOCAL_MACHINE, u"SYSTEM\\CurrentControlSet\\services\\EventLog\\Security", 0,
-                              nullptr, 0, KEY_ALL_ACCESS, nullptr, &key, nullptr));
-    ASSERT_EQ(ERROR_SUCCESS, RegSetValueExW(key, u"MaxSize", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&size), 4));
-    RegCloseKey(key);
-    for (int i = 0; i < 20; ++i) ASSERT_TRUE(Write(log, u"x", std::u16string(5000, u'x')));
-    EXPECT_LE(fs::file_size(root.Path("eventlog/Security.evt")), size);
 }
 
 TEST_F(FEEDING, ABatchThatDidNotFitTheDiskIsWrittenOnceWhenItFits) {

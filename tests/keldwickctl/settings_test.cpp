@@ -62,17 +62,6 @@ TEST_F(Keldwickctl, InitMakesAMachineRootAndKeepsOneThatIsThere) {
     EXPECT_EQ("other.example\n5\n", Get("IdentServer") + Get("Heartbeat"));
 }
 
-TEST_F(Keldwickctl, RootIsTheOptionThenTheVariable) {
-    const std::string other = root.Path("deep/er");
-    Done("--root " + other + " init --server one");
-    Done("init --server two");
-    EXPECT_EQ("one\n", Done("--root " + other + " settings get IdentServer"));
-    EXPECT_EQ("one\n", Done("settings get IdentServer --root " + other));
-    EXPECT_EQ("two\n", Get("IdentServer"));
-    root.Write("file", "");
-    EXPECT_THAT(Refused(1, "--root " + root.Path("file") + " init"), HasSubstr(root.Path("file")));
-}
-
 TEST_F(Keldwickctl, TheTypeFollowsTheName) {
     Done("init");
     const auto check = [&](const std::string& name, const WORDS& words, const char* stored, const char* shown) {
@@ -84,8 +73,6 @@ TEST_F(Keldwickctl, TheTypeFollowsTheName) {
     check("AdServer", {"12"}, "\"AdServer\"=\"12\"\n", "12\n");
     check("heartbeat", {"30"}, "\"heartbeat\"=dword:0000001e\n", "30\n");
     check("DebugOutput", {"0xFFFFFFFF"}, "\"DebugOutput\"=dword:ffffffff\n", "4294967295\n");
-    check("IdentProtocol", {"auto"}, "\"IdentProtocol\"=dword:00000000\n", "0\n");
-    check("IdentProtocol", {"tcps"}, "\"IdentProtocol\"=dword:00000001\n", "1\n");
     check("IdentProtocol", {"Tcp"}, "\"IdentProtocol\"=dword:00000002\n", "2\n");
     check("IdentProtocol", {"7"}, "\"IdentProtocol\"=dword:00000007\n", "7\n");
     check("Linux\\OsMajor", {"6"}, "\\Keldwick\\Linux]\n\"OsMajor\"=dword:00000006\n", "6\n");
@@ -101,22 +88,6 @@ TEST_F(Keldwickctl, TheTypeFollowsTheName) {
     check("Own", {"--type", "sz", "--", "-x"}, "\"Own\"=\"-x\"\n", "-x\n");
     EXPECT_EQ("", Done("settings delete own"));
     EXPECT_THAT(Refused(1, "settings delete Own"), HasSubstr("\"Own\""));
-}
-
-TEST_F(Keldwickctl, ListShowsEveryValueWithItsTypeAndMeaning) {
-    Done("init --server id.example --protocol tcp");
-    Done("settings set LogonTTL 12");
-    Done("settings set Linux\\OsBuild 20348");
-    Done("settings set AdServer", {"a\x1B[2J\nb"});
-    Done("settings set --type sz", {"n\xE2\x80\xAE", "x"});
-    EXPECT_EQ(
-        "IdentServer    sz     id.example\n"
-        "IdentProtocol  dword  2 (tcp)\n"
-        "LogonTTL       dword  12 (minutes)\n"
-        "AdServer       sz     a\\u001b[2J\\u000ab\n"
-        "n\\u202e        sz     x\n"
-        "Linux\\OsBuild  dword  20348\n",
-        Done("settings list"));
 }
 
 TEST_F(Keldwickctl, WhatCannotBeDoneIsOneAndWrongUsageIsTwo) {
