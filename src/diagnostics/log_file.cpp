@@ -254,7 +254,8 @@ void StopLogRename() {
     rename.stop = true;
     SetEvent(rename.wake.Get());
     // Only a thread that has ended is terminated: one that does not end in time is left running.
-    if (WaitForSingleObject(rename.thread.Get(), ThreadStopWaitMs) == WAIT_OBJECT_0) TerminateThread(rename.thread.Get(), 0);
+    if (WaitForSingleObject(rename.thread.Get(), ThreadStopWaitMs) == WAIT_OBJECT_0)
+        TerminateThread(rename.thread.Get(), 0);
     rename.timer.Reset();
     rename.wake.Reset();
     rename.thread.Reset();

@@ -13,7 +13,6 @@
 #include <mutex>
 #include <system_error>
 #include <thread>
-#include "win32/sync/signals_blocked.h"
 
 namespace win32 {
 
@@ -289,7 +288,6 @@ bool FinishesWithin(std::chrono::milliseconds time, std::function<void()> work) 
         progress->ended.notify_all();
     };
     try {
-        const SIGNALS_BLOCKED blocked;
         std::thread(run).detach();
     } catch (const std::system_error&) {
         return false;  // no thread to be had

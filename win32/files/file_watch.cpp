@@ -22,7 +22,6 @@
 
 #include "win32/sync/descriptor.h"
 #include "win32/sync/file_time.h"
-#include "win32/sync/signals_blocked.h"
 #include "win32/text/utf.h"
 
 namespace win32 {
@@ -104,7 +103,6 @@ private:
         if (wake) queue = DESCRIPTOR(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
         queueFailure = errno;
         // Without the thread no change would ever be noticed, and callers do not ask: what it throws ends the process.
-        const SIGNALS_BLOCKED blocked;
         std::thread([this] { Run(); }).detach();
         started = true;
     }

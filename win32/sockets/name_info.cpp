@@ -22,7 +22,6 @@
 #include "win32/registry/linux_settings.h"
 #include "win32/sockets/socket_error.h"
 #include "win32/sync/descriptor.h"
-#include "win32/sync/signals_blocked.h"
 #include "win32/text/utf.h"
 
 namespace {
@@ -112,6 +111,22 @@ struct LOOKUP {
 constexpr int MaxLookups = 16;  // under way; with that many hanging, the next one fails at once instead
 std::atomic<int> lookupsInFlight{0};
 
+// Blocks all signals for the calling thread and those it starts, while in scope.
+class SIGNALS_BLOCKED {
+public:
+    SIGNALS_BLOCKED() {
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_SETMASK, &all, &before);
+    }
+    ~SIGNALS_BLOCKED() { pthread_sigmask(SIG_SETMASK, &before, nullptr); }
+    SIGNALS_BLOCKED(const SIGNALS_BLOCKED&) = delete;
+    SIGNALS_BLOCKED& operator=(const SIGNALS_BLOCKED&) = delete;
+
+private:
+    sigset_t before;
+};
+
 // Asks on a detached thread. False: too many are under way, or there is no thread to be had.
 bool StartLookup(std::shared_ptr<LOOKUP> lookup) {
     if (++lookupsInFlight > MaxLookups) {
@@ -119,7 +134,7 @@ bool StartLookup(std::shared_ptr<LOOKUP> lookup) {
         return false;
     }
     try {
-        const win32::SIGNALS_BLOCKED blocked;
+        const SIGNALS_BLOCKED blocked;
         std::thread([question = std::move(lookup)]() mutable {
             question->Ask();
             question.reset();  // what it owns goes before its place is free
