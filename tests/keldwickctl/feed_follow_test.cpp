@@ -432,5 +432,52 @@ TEST_F(FEEDING, ABatchThatDidNotFitTheDiskIsWrittenOnceWhenItFits) {
     EXPECT_EQ((LINES{"a", "b", "c"}), Logged());
 }
 
+TEST_F(FOLLOWED, AReaderIsShownWhatWasReadBeforeAndNothingElse) {
+    Append("long ago\n", ".2");
+    Append("one\n", ".1");
+    Append("two\n");
+    fs::last_write_time(Path(".2"), fs::file_time_type::clock::now() - std::chrono::seconds(2));
+    fs::last_write_time(Path(".1"), fs::file_time_type::clock::now() - std::chrono::seconds(1));
+    FOLLOWER first(Path()), second(Path());
+    first.Resume({});
+    EXPECT_EQ(LINES{"two"}, Read(first));
+    Append("three\n");
+    EXPECT_TRUE(second.Resume(first.Position()));
+    COLLECTING remembered;
+    second.Remember(6, remembered);
+    EXPECT_EQ((LINES{"one", "two"}), remembered.lines);
+    EXPECT_EQ(LINES{"three"}, Read(second));
+}
+
+// Root may read everything.
+void AsAnother(const std::function<void()>& act) {
+    const uid_t self = geteuid();
+    ASSERT_EQ(0, self == 0 ? seteuid(65534) : 0);
+    act();
+    ASSERT_EQ(0, seteuid(self));
+}
+
+TEST_F(FOLLOWED, AFileThatMayNotBeReadIsAskedForAgainOrNamed) {
+    Append("one\n");
+    FOLLOWER follower(Path()), later(Path());
+    follower.Resume({});
+    EXPECT_EQ(LINES{"one"}, Read(follower));
+    const POSITION position = follower.Position();
+    Move("", ".1");
+    Append("two\n");
+    chmod(root.Path("").c_str(), 0755);
+    chmod(Path().c_str(), 0);
+    AsAnother([&] { EXPECT_EQ(LINES(), Read(follower)); });
+    EXPECT_TRUE(follower.Refused());
+    chmod(Path().c_str(), 0644);
+    EXPECT_EQ(LINES{"two"}, Read(follower));
+    EXPECT_FALSE(follower.Refused());
+    chmod(Path(".1").c_str(), 0);
+    AsAnother([&] {
+        EXPECT_THAT([&] { later.Resume(position); },
+                    testing::ThrowsMessage<COMMAND_ERROR>(StartsWith("cannot read " + Path(".1"))));
+    });
+}
+
 }  // namespace
 }  // namespace tools::feed
