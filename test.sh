@@ -20,15 +20,16 @@ build windows
 
 step "The layer and the agent under the thread sanitizer"
 build tsan tests_win32 tests_agent
-ctest --preset tsan -L 'layer|agent' \
-    --no-tests=error >build/tsan/ctest.log || { cat build/tsan/ctest.log; exit 1; }
+ctest --preset tsan -L 'layer|agent' --no-tests=error >build/tsan/ctest.log || { cat build/tsan/ctest.log; exit 1; }
 grep 'tests passed' build/tsan/ctest.log
 
 step "Fuzz targets, a short run each"
 build asan
 fuzz/run-briefly build/asan/bin
+
 step "Keldwick.exe under wine"
 ctest --preset windows --no-tests=error >build/windows/ctest.log || { cat build/windows/ctest.log; exit 1; }
 grep 'tests passed' build/windows/ctest.log
+
 step "The whole suite under the address and undefined-behaviour sanitizers"
 ctest --preset asan --no-tests=error
