@@ -475,7 +475,7 @@ TEST_F(FOLLOWED, AFileThatMayNotBeReadIsAskedForAgainOrNamed) {
     chmod(Path(".1").c_str(), 0);
     AsAnother([&] {
         EXPECT_THAT([&] { later.Resume(position); },
-                    testing::ThrowsMessage<COMMAND_ERROR>(StartsWith("cannot read " + Path(".1"))));
+                    testing::ThrowsMessage<COMMAND_ERROR>(testing::StartsWith("cannot read " + Path(".1"))));
     });
 }
 
