@@ -60,6 +60,7 @@ class Machine:
         self.offset, self.number, self.asked, self.slow = 0, 0, set(), 0.0
         self.agent = self.feed = self.baseline = self.name_server = None
         self.servers, self.received, self.script = {}, Received(), collections.deque()
+        self.answering = threading.Lock()  # an answer and its record are one to a server's death
         self.protocol, self.host = 0, HOSTS[0]
         self.model, self.messages, self.heard = Model(self.received), Messages(f"{self.work}/agent.err"), []
         self.manager = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
@@ -143,19 +144,21 @@ class Machine:
         self.servers[host] = Server(host, tls_files=self.tls, reply=self.reply)
 
     def die(self, host):
-        self.servers.pop(host).close()
-        self.received.add("died")
+        with self.answering:
+            self.servers.pop(host).close()
+            self.received.add("died")
 
     def reply(self, connection, _request, fields):
         """Answers as the script says next. What became of a good answer is known only after it."""
         verdict, whole = self.script.popleft() if self.script else "good", answer(fields["id"])
         if verdict in ("good", "slow"):
             time.sleep(self.slow if verdict == "slow" else 0)
-            try:
-                connection.sendall(whole)
-            except OSError:
-                return self.received.add("lost", fields)
-            return self.received.add("good", fields)
+            with self.answering:
+                try:
+                    connection.sendall(whole)
+                except OSError:
+                    return self.received.add("lost", fields)
+                return self.received.add("good", fields)
         self.received.add(verdict, fields)
         if verdict == "late":
             time.sleep(20.7)
