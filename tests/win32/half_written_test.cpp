@@ -151,6 +151,17 @@ TEST_F(HalfWritten, AFileThatLostAKeyIsTakenOnceItStaysSo) {
     EXPECT_EQ(-ERROR_KEY_DELETED, Number(other, u"None"));
 }
 
+TEST_F(HalfWritten, AWriterIsNotTakenForOneOfLongBefore) {
+    const KEY key;
+    for (int writers = 0; writers < 2; ++writers) {
+        const PLACE_WRITER writer(root.Path(File), 0);
+        writer.Put(Settings(""));
+        EXPECT_EQ(1, Number(key, u"Heartbeat"));
+        ticksAhead += 100'000;
+    }
+    EXPECT_EQ("", win32::REG_STORE::Current().Problem());
+}
+
 TEST_F(HalfWritten, AFileThatSomebodyOpensDuringAWriteIsReadAgain) {
     const KEY key;
     int opened = 0;

@@ -15,7 +15,7 @@ DWORD Number(const FILE_BYTES& bytes, size_t at) {
 }
 void Poke(FILE_BYTES& bytes, size_t at, DWORD value) { std::memcpy(bytes.data() + at, &value, sizeof(value)); }
 
-constexpr size_t HeaderStart = 16, HeaderEnd = 20, HeaderCurrent = 24;
+constexpr size_t HeaderStart = 16, HeaderEnd = 20, HeaderCurrent = 24, HeaderOldest = 28;
 
 size_t Record(const FILE_BYTES& bytes, DWORD number) {  // where record `number` of an unwrapped log from 1 on stands
     size_t at = EvtHeaderBytes;
@@ -95,6 +95,23 @@ TEST_F(DAMAGE, AnAppendCutOffAtAnyByteGivesTheOldOrTheNewRecord) {
         const std::vector<DWORD> whole = {1, 2, 3, 4, 5}, torn = {1, 2, 3, 5};
         ASSERT_EQ(reached >= length ? whole : torn, ReadAll(OpenLog().get(), Forwards).ids);
     }
+}
+
+TEST_F(DAMAGE, ARecordWithTheNextNumberIsReadOnceEachWay) {
+    MakeLog(4);
+    FILE_BYTES bytes = Bytes();
+    Poke(bytes, Record(bytes, 1) + 4, 0);
+    for (DWORD number = 2; number <= 4; ++number) Poke(bytes, Record(bytes, number) + 8, number - 1);
+    Poke(bytes, HeaderStart, static_cast<DWORD>(Record(bytes, 2)));
+    Poke(bytes, HeaderEnd, EvtHeaderBytes);
+    Poke(bytes, HeaderCurrent, 1);
+    Poke(bytes, HeaderOldest, 0);
+    Poke(bytes, bytes.size() - 36, 7);  // no end-of-file record
+    root.Write("eventlog/Security.evt", bytes);
+    const LOG log = OpenLog();
+    EXPECT_EQ((std::vector<DWORD>{4, 3, 2}), ReadOnce(log.get(), Backwards).ids);
+    EXPECT_EQ(DWORD{ERROR_HANDLE_EOF}, ReadOnce(log.get(), Backwards).error);
+    EXPECT_EQ((std::vector<DWORD>{2, 3, 4}), ReadOnce(log.get(), Forwards).ids);
 }
 
 TEST(Record, IsWholeOnlyWhileEachOfItsPartsLiesInsideIt) {
