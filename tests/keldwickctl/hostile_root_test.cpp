@@ -125,6 +125,17 @@ TEST_F(HostileRoot, AFolderThatIsAnothersLinkIsRefused) {
     }
 }
 
+TEST_F(HostileRoot, AnAdministratorsLinkLeadsTheLogsToAnotherDisk) {
+    fs::remove_all(root.Path("eventlog"));
+    ASSERT_EQ(0, chown(elsewhere.Path("").c_str(), Attacker, Attacker));
+    fs::create_directory_symlink(elsewhere.Path(""), root.Path("eventlog"));
+    EXPECT_EQ(0, RunKeldwickctl(root, Words("init")).exitCode);
+    EXPECT_EQ(0, RunKeldwickctl(root, Words("events write --id 4624 -- one")).exitCode);
+    struct stat log = {};
+    EXPECT_EQ(0, stat(elsewhere.Path("Security.evt").c_str(), &log));
+    EXPECT_EQ(Attacker, log.st_uid) << "the agent's, as the folder is";
+}
+
 TEST_F(HostileRoot, TheFiguresAreWrittenThroughNoLinkOfAnotherAccount) {
     fs::create_directory(root.Path("exporter"));
     fs::create_directory_symlink(elsewhere.Path(""), root.Path("exporter/out"));

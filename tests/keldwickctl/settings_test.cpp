@@ -62,6 +62,34 @@ TEST_F(Keldwickctl, InitMakesAMachineRootAndKeepsOneThatIsThere) {
     EXPECT_EQ("other.example\n5\n", Get("IdentServer") + Get("Heartbeat"));
 }
 
+TEST_F(Keldwickctl, RootIsTheOptionThenTheVariable) {
+    const std::string other = root.Path("deep/er");
+    Done("--root " + other + " init --server one");
+    Done("init --server two");
+    EXPECT_EQ("one\n", Done("settings get IdentServer --root " + other));
+    EXPECT_EQ("two\n", Get("IdentServer"));
+    root.Write("file", "");
+    EXPECT_THAT(Refused(1, "--root " + root.Path("file") + " init"), HasSubstr(root.Path("file")));
+}
+
+TEST_F(Keldwickctl, ListsShowControlCharactersAndNeverSendThem) {
+    Done("init --server id.example --protocol tcp");
+    Done("settings set AdServer", {"a\x1B[2J\nb"});
+    Done("settings set --type sz", {"n\xE2\x80\xAE", "x"});
+    EXPECT_EQ(
+        "IdentServer    sz     id.example\n"
+        "IdentProtocol  dword  2 (tcp)\n"
+        "AdServer       sz     a\\u001b[2J\\u000ab\n"
+        "n\\u202e        sz     x\n",
+        Done("settings list"));
+    Done("events write --id 0xC0000008 --type error --computer C --data 00ff --time 2026-11-16T08:00:12Z",
+         {"--source", "S \"q\"", "--", "", "--id", "x\ny\x1B[2J\xC2\x9B"});
+    EXPECT_EQ(
+        "1  2026-11-16T08:00:12Z  3221225480  error  S \\\"q\\\"  C  \"\" \"--id\" "
+        "\"x\\u000ay\\u001b[2J\\u009b\"  data 00ff\n",
+        Done("events list"));
+}
+
 TEST_F(Keldwickctl, TheTypeFollowsTheName) {
     Done("init");
     const auto check = [&](const std::string& name, const WORDS& words, const char* stored, const char* shown) {
@@ -73,6 +101,8 @@ TEST_F(Keldwickctl, TheTypeFollowsTheName) {
     check("AdServer", {"12"}, "\"AdServer\"=\"12\"\n", "12\n");
     check("heartbeat", {"30"}, "\"heartbeat\"=dword:0000001e\n", "30\n");
     check("DebugOutput", {"0xFFFFFFFF"}, "\"DebugOutput\"=dword:ffffffff\n", "4294967295\n");
+    check("IdentProtocol", {"auto"}, "\"IdentProtocol\"=dword:00000000\n", "0\n");
+    check("IdentProtocol", {"tcps"}, "\"IdentProtocol\"=dword:00000001\n", "1\n");
     check("IdentProtocol", {"Tcp"}, "\"IdentProtocol\"=dword:00000002\n", "2\n");
     check("IdentProtocol", {"7"}, "\"IdentProtocol\"=dword:00000007\n", "7\n");
     check("Linux\\OsMajor", {"6"}, "\\Keldwick\\Linux]\n\"OsMajor\"=dword:00000006\n", "6\n");

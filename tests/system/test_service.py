@@ -44,6 +44,17 @@ class Service(MachineTest):
         self.assertIn("Stopping Service: Reason = SERVICE_CONTROL_STOP", self.messages())
         self.assertIn("SERVICE_CONTROL_STOP", self.ctl("events", "list", "--log", "Application", "--json"))
 
+    def test_a_stop_that_comes_before_it_runs_is_not_lost(self):
+        self.prepare()
+        for early in (signal.SIGTERM, signal.SIGINT):
+            with self.subTest(early):
+                agent = self.serve()
+                self.told("STATUS=Starting\nEXTEND_TIMEOUT_USEC=30000000")
+                agent.send_signal(early)
+                self.assertEqual(0, agent.wait(PATIENCE))
+                heard = [self.manager.recv(4096).decode() for _ in range(3)]
+                self.assertEqual(["READY=1\nSTATUS=Running", "STOPPING=1\nSTATUS=Stopping", "STOPPING=1\nSTATUS=Stopped"], heard)
+
     def test_what_the_service_failed_with_is_the_exit_status(self):
         self.ctl("init")  # no identity server: initialisation fails
         agent = self.serve()
