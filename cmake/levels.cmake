@@ -15,7 +15,7 @@ function(keldwick_level name)
   foreach(file ${found})
     cmake_path(GET file STEM stem)
     cmake_path(GET file FILENAME file_name)
-    if(file_name STREQUAL "main.cpp" OR (arg_FILES AND NOT stem IN_LIST arg_FILES))
+    if(file_name MATCHES "^main(_windows)?\\.cpp$" OR (arg_FILES AND NOT stem IN_LIST arg_FILES))
       continue()
     endif()
     set_property(GLOBAL APPEND PROPERTY KELDWICK_LEVEL_FILES ${file})
@@ -60,7 +60,7 @@ set_target_properties(agent_diagnostics agent_identity_handlers PROPERTIES UNITY
 # A file that no level has would not be compiled; one that two have would be compiled twice.
 file(GLOB_RECURSE files CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/src/*.cpp ${PROJECT_SOURCE_DIR}/src/*.h
   ${PROJECT_SOURCE_DIR}/src/*.inc)
-list(FILTER files EXCLUDE REGEX "/main\\.cpp$")
+list(FILTER files EXCLUDE REGEX "/main(_windows)?\\.cpp$")
 get_property(in_levels GLOBAL PROPERTY KELDWICK_LEVEL_FILES)
 list(SORT files)
 list(SORT in_levels)

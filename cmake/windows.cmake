@@ -9,6 +9,7 @@ add_library(win32_layer INTERFACE)      # Windows itself
 target_link_libraries(win32_layer INTERFACE ws2_32 secur32 crypt32 activeds adsiid ole32 oleaut32 version)
 set(KELDWICK_OF_ANOTHER_PLATFORM openssl_engine)
 include(cmake/levels.cmake)
+
 # The resources, from the lists that the Linux build reads.
 set(resources ${PROJECT_SOURCE_DIR}/src/resources)
 set(messages ${PROJECT_BINARY_DIR}/messages)
@@ -22,7 +23,7 @@ set_source_files_properties(${resources}/keldwick.rc PROPERTIES OBJECT_DEPENDS
 
 # keldwick_executable(TARGET NAME [SOURCE...]): NAME.exe, the whole agent.
 function(keldwick_executable target name)
-  add_executable(${target} WIN32 src/service/main.cpp ${resources}/keldwick.rc ${messages}/keldwick_messages.rc ${ARGN})
+  add_executable(${target} WIN32 src/service/main_windows.cpp ${resources}/keldwick.rc ${messages}/keldwick_messages.rc ${ARGN})
   set_target_properties(${target} PROPERTIES OUTPUT_NAME ${name} UNITY_BUILD OFF)
   target_include_directories(${target} PRIVATE src)
   target_link_libraries(${target} PRIVATE agent_service)

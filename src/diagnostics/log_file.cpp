@@ -133,7 +133,7 @@ namespace {
 
 constexpr DWORD MsPerHour = 3600 * 1000;
 constexpr DWORD MsPerDay = 24 * MsPerHour;
-constexpr DWORD ThreadStopWaitMs = 10000;  // for the thread to end
+constexpr DWORD StopWaitMs = 10000;  // for the thread to end
 
 // What the next renamed file is called, and when that is due; both are local times.
 struct SCHEDULE {
@@ -254,8 +254,7 @@ void StopLogRename() {
     rename.stop = true;
     SetEvent(rename.wake.Get());
     // Only a thread that has ended is terminated: one that does not end in time is left running.
-    if (WaitForSingleObject(rename.thread.Get(), ThreadStopWaitMs) == WAIT_OBJECT_0)
-        TerminateThread(rename.thread.Get(), 0);
+    if (WaitForSingleObject(rename.thread.Get(), StopWaitMs) == WAIT_OBJECT_0) TerminateThread(rename.thread.Get(), 0);
     rename.timer.Reset();
     rename.wake.Reset();
     rename.thread.Reset();

@@ -1,15 +1,5 @@
-// The platform's entry function: brings the arguments into the program's form and runs it.
+// The program's entry on Linux: brings the arguments into the program's form, answers --help and --version, and runs it.
 #include <windows.h>
-
-#include "service/entry.h"
-
-#ifdef _WIN32
-
-#include <stdlib.h>
-
-int WINAPI wWinMain(HINSTANCE, HINSTANCE, LPWSTR, int) { return keldwick::RunProgram(__argc, __wargv); }
-
-#else
 
 #include <cstdio>
 #include <cstring>
@@ -17,6 +7,7 @@ int WINAPI wWinMain(HINSTANCE, HINSTANCE, LPWSTR, int) { return keldwick::RunPro
 
 #include "platform/string.h"
 #include "platform/version_numbers.h"
+#include "service/entry.h"
 #include "win32/files/standard_stream.h"
 #include "win32/services/exit_status.h"
 #include "win32/services/last_words.h"
@@ -92,5 +83,3 @@ int main(int argc, char** argv) {
     const int code = keldwick::RunProgram(argc, arguments.data());
     return code != 0 ? code : win32::ServiceExitStatus();
 }
-
-#endif
