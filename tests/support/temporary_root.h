@@ -2,12 +2,10 @@
 #pragma once
 
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <sstream>
-#include <string>
 
-class TEMPORARY_ROOT {
+#include "tests/support/folder.h"
+
+class TEMPORARY_ROOT : public FOLDER {
 public:
     TEMPORARY_ROOT() {
         std::string name = (std::filesystem::temp_directory_path() / "keldwick-test-XXXXXX").string();
@@ -24,17 +22,4 @@ public:
     TEMPORARY_ROOT& operator=(const TEMPORARY_ROOT&) = delete;
 
     std::string Path(const std::string& name) const { return (folder / name).string(); }
-    std::string Read(const std::string& name) const {
-        std::ifstream file(folder / name, std::ios::binary);
-        std::ostringstream bytes;
-        bytes << file.rdbuf();
-        return bytes.str();
-    }
-    void Write(const std::string& name, const std::string& bytes) const {
-        std::filesystem::create_directories((folder / name).parent_path());
-        std::ofstream(folder / name, std::ios::binary) << bytes;
-    }
-
-private:
-    std::filesystem::path folder;
 };

@@ -22,12 +22,11 @@ def xml(user, address, workstation="WS1"):
     return EVENT + "".join(f"<Data>{each}</Data>" for each in strings) + "</EventData></Event>"
 
 
-class MachineTest(unittest.TestCase):
-    address = "127.0.0.1"  # each class its own, since the agent's ports are fixed and classes may run side by side
+class AgentTest(unittest.TestCase):
+    """Ends the processes in `agents`, waits, and reads the log in the folder `home`."""
+    patience = PATIENCE
 
     def setUp(self):
-        self.root = tempfile.mkdtemp(prefix="keldwick-system-")
-        self.addCleanup(shutil.rmtree, self.root, ignore_errors=True)
         self.agents = []
         self.addCleanup(self.end_agents)
 
@@ -36,6 +35,34 @@ class MachineTest(unittest.TestCase):
             if agent.poll() is None:
                 agent.kill()
             agent.communicate()
+
+    def until(self, condition, what):
+        end = time.monotonic() + self.patience
+        while not condition():
+            self.assertLess(time.monotonic(), end, f"never came: {what}\n{self.log()[-3000:]}")
+            time.sleep(0.01)
+
+    def until_logged(self, text, times=1):
+        self.until(lambda: self.log().count(text) >= times, text)
+
+    def log(self):
+        try:
+            with open(f"{self.home}/Keldwick.log", encoding="utf-8", newline="") as file:
+                return file.read().replace("\r\n", "\n")
+        except FileNotFoundError:
+            return ""
+
+    def messages(self):
+        return [message.strip("\n") for message in STAMP.split(self.log())[1:]]
+
+
+class MachineTest(AgentTest):
+    address = "127.0.0.1"  # each class its own, since the agent's ports are fixed and classes may run side by side
+
+    def setUp(self):
+        self.root = self.home = tempfile.mkdtemp(prefix="keldwick-system-")
+        self.addCleanup(shutil.rmtree, self.root, ignore_errors=True)
+        super().setUp()
 
     def ctl(self, *arguments, code=0, text=None):
         done = subprocess.run([f"{BIN}/keldwickctl", "--root", self.root, *arguments], input=text, capture_output=True,
@@ -53,25 +80,6 @@ class MachineTest(unittest.TestCase):
         if wait:
             self.until(lambda: self.log().count("PositionToEnd: FORWARDS") > follows, "the agent follows the log")
         return agent
-
-    def until(self, condition, what):
-        end = time.monotonic() + PATIENCE
-        while not condition():
-            self.assertLess(time.monotonic(), end, f"never came: {what}\n{self.log()[-3000:]}")
-            time.sleep(0.01)
-
-    def until_logged(self, text):
-        self.until(lambda: text in self.log(), text)
-
-    def log(self):
-        try:
-            with open(f"{self.root}/Keldwick.log", encoding="utf-8", newline="") as file:
-                return file.read().replace("\r\n", "\n")
-        except FileNotFoundError:
-            return ""
-
-    def messages(self):
-        return [message.strip("\n") for message in STAMP.split(self.log())[1:]]
 
     def prepare(self, protocol="tcp", server=None):
         """A machine root with settings, and one old record in the log, so that the agent says when it follows it."""

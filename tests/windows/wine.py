@@ -7,21 +7,21 @@ import socket
 import subprocess
 import sys
 import tempfile
-import time
-import unittest
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, os.path.join(HERE, "../system"))
+from machine import AgentTest
+
 BIN = os.environ["KELDWICK_WINDOWS_BIN"]
 WINE = "/usr/lib/wine"
 KEY = "HKLM\\SOFTWARE\\Vantorel Systems\\Keldwick"
-STAMP = re.compile(r"^\d{4}/\d\d/\d\d \d\d:\d\d:\d\d [AP]M KDWK: \(\d+\.\d+\) ", re.M)
 ADDRESS = "10.20.30.40"  # what the machine's name stands for: no loopback address, as an agent reports none
 PATIENCE = 60
 
 
-class WineTest(unittest.TestCase):
+class WineTest(AgentTest):
     programs = ["Keldwick"]
+    patience = PATIENCE
 
     @classmethod
     def setUpClass(cls):
@@ -63,19 +63,12 @@ class WineTest(unittest.TestCase):
         return text
 
     def setUp(self):
-        self.agents = []
-        self.addCleanup(self.end_agents)
+        super().setUp()
         self.wine("reg", "delete", KEY, "/f", code=None)
         shutil.rmtree(self.home, ignore_errors=True)
         os.mkdir(self.home)
         for program in self.programs:
             shutil.copy(f"{BIN}/{program}.exe", self.home)
-
-    def end_agents(self):
-        for agent in self.agents:
-            if agent.poll() is None:
-                agent.kill()
-            agent.communicate()
 
     def set(self, **values):
         """Settings: numbers and texts."""
@@ -108,22 +101,3 @@ class WineTest(unittest.TestCase):
         """(state, exit code, the service's own code)"""
         text = self.service("query")
         return tuple(int(re.search(rf"{field} +: (\d+)", text)[1]) for field in ("STATE", "WIN32_EXIT_CODE", "SERVICE_EXIT_CODE"))
-
-    def until(self, condition, what):
-        end = time.monotonic() + PATIENCE
-        while not condition():
-            self.assertLess(time.monotonic(), end, f"never came: {what}\n{self.log()[-3000:]}")
-            time.sleep(0.02)
-
-    def until_logged(self, text, times=1):
-        self.until(lambda: self.log().count(text) >= times, text)
-
-    def log(self):
-        try:
-            with open(f"{self.home}/Keldwick.log", encoding="utf-8", newline="") as file:
-                return file.read().replace("\r\n", "\n")
-        except FileNotFoundError:
-            return ""
-
-    def messages(self):
-        return [message.strip("\n") for message in STAMP.split(self.log())[1:]]

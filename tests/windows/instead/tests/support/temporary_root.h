@@ -2,12 +2,9 @@
 // are removed before each test.
 #pragma once
 
-#include <filesystem>
-#include <fstream>
-#include <sstream>
-#include <string>
+#include "tests/support/folder.h"
 
-class TEMPORARY_ROOT {
+class TEMPORARY_ROOT : public FOLDER {
 public:
     TEMPORARY_ROOT() {
         char path[MAX_PATH] = "";
@@ -15,17 +12,4 @@ public:
         folder = std::filesystem::path(path).parent_path();
         RegDeleteTreeA(HKEY_LOCAL_MACHINE, "SOFTWARE\\Vantorel Systems");
     }
-    std::string Read(const std::string& name) const {
-        std::ifstream file(folder / name, std::ios::binary);
-        std::ostringstream bytes;
-        bytes << file.rdbuf();
-        return bytes.str();
-    }
-    void Write(const std::string& name, const std::string& bytes) const {
-        std::filesystem::create_directories((folder / name).parent_path());
-        std::ofstream(folder / name, std::ios::binary) << bytes;
-    }
-
-private:
-    std::filesystem::path folder;
 };
