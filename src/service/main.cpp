@@ -1,4 +1,5 @@
-// The program's entry on Linux: brings the arguments into the program's form, answers --help and --version, and runs it.
+// The program's entry on Linux: brings the arguments into the program's form, answers --help and --version, and runs
+// it.
 #include <windows.h>
 
 #include <cstdio>
