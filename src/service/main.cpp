@@ -74,11 +74,10 @@ int main(int argc, char** argv) {
     win32::EndOnUncaughtException();
     if (argc > 1 && AnswerQuestion(argv[1])) return 0;
 
-    std::vector<keldwick::STRING> texts;
-    texts.reserve(static_cast<size_t>(argc));
-    for (int i = 0; i < argc; ++i) texts.emplace_back(argv[i]);
-    std::vector<WCHAR*> arguments;
-    arguments.reserve(texts.size());
+    // Kept until the process ends, as Windows does: what was parsed points into them, and a service's thread may
+    // outlive its dispatcher.
+    static auto& texts = *new std::vector<keldwick::STRING>(argv, argv + argc);
+    static auto& arguments = *new std::vector<WCHAR*>;
     for (keldwick::STRING& text : texts) arguments.push_back(text.Buffer());
     // A service's own exit code reaches the manager as the process's.
     const int code = keldwick::RunProgram(argc, arguments.data());
