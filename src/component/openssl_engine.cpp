@@ -33,8 +33,8 @@ struct WIRE {
     bool ended = false;  // the peer sends nothing more
 };
 
-// What one call reads, but for the rest of a piece. OpenSSL by itself reads on for as long as the peer sends records
-// that bring nothing, such as requests for a new handshake.
+// What one call reads, and at most the rest of a piece more. OpenSSL by itself reads on for as long as the peer sends
+// records that bring nothing, such as requests for a new handshake.
 constexpr int Share = 16384;
 
 WIRE& WireOf(BIO* bio) { return *static_cast<WIRE*>(BIO_get_data(bio)); }

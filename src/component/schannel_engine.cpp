@@ -39,7 +39,7 @@ struct TOKEN_CLOSER {  // what Schannel allocated
     static void Close(TYPE token) { FreeContextBuffer(token); }
 };
 
-// What one call reads, but for the rest of a piece.
+// What one call reads, and at most the rest of a piece more.
 constexpr size_t Share = 16384;
 // More than any message of a handshake: a server that sends one without end is not waited for.
 constexpr size_t MostUnread = 256 * 1024;

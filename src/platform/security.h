@@ -33,7 +33,7 @@ PSID AllocateSid(DWORD authority, NUMBERS... list) {
 bool OpenLsaPolicy();
 
 // Asks the LSA. False when the policy is not open, the look-up failed (message, last error) or the account is unknown;
-// but for a failed look-up, both names are then empty.
+// except after a failed look-up, both names are then empty.
 bool LsaLookupSidName(PSID sid, STRING& domain, STRING& account, SID_NAME_USE* type = nullptr);
 
 // Asks LookupAccountSidW. Each output may be null. False with a message.

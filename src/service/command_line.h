@@ -40,7 +40,7 @@ struct COMMAND_LINE {
 extern COMMAND_LINE CommandLine;  // the process's own record; read-only once a run mode has been chosen
 
 // Parses count arguments, the first of which (the program's or service's name) is skipped. Overwrites only what it
-// finds, but for debugMode, which every parse clears first. Gives null, or the argument to be reported as invalid, at
+// finds, except debugMode, which every parse clears first. Gives null, or the argument to be reported as invalid, at
 // which parsing ended; what came before it has been taken.
 const WCHAR* ParseCommandLine(COMMAND_LINE& commandLine, const WCHAR* const* arguments, DWORD count);
 

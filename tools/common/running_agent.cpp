@@ -176,7 +176,7 @@ std::optional<AGENT_PROCESS> FindAgent() {
         const pid_t pid = static_cast<pid_t>(ParseNumber(process.filename().string(), INT32_MAX).value_or(0));
         std::string name;
         std::ifstream(process / "comm") >> name;
-        struct stat user;  // anybody may give a process that name and that environment
+        struct stat user;  // any user may give a process that name and that environment
         if (pid <= 0 || name != "keldwick" || stat(process.c_str(), &user) != 0) continue;
         if (user.st_uid != 0 && user.st_uid != owner.st_uid) continue;
         const std::string program = LinkTarget(process / "exe");
@@ -247,7 +247,7 @@ bool IDENTITY_LIST::Next(LISTED_IDENTITY& identity) {
 }
 
 void IDENTITY_LIST::FailDamaged() const {
-    throw COMMAND_ERROR(path + " is damaged; the agent writes it anew within a minute or so");
+    throw COMMAND_ERROR(path + " is damaged; the agent writes it again within a minute or so");
 }
 
 }  // namespace tools

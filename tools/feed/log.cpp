@@ -72,7 +72,7 @@ bool LOG::Take(const win32::NEW_EVENT& event, std::string& reason) {
     return true;
 }
 
-// What was written before comes first, but for records of other feeds among it, which never come.
+// What was written before comes first, except records of other feeds among it, which never come.
 bool LOG::Recognise(const EVENTLOGRECORD& record) {
     constexpr unsigned most = 100;
     if (known.empty()) return false;

@@ -16,8 +16,8 @@ namespace tools::feed {
 // - an Authorization of a Kerberos session is one when its account was not the last user seen at its address, or not
 //   within SessionSeconds: its ticket came from another controller, or is hours old, or another user logged on since;
 // - what has no address or no user, what comes from the controller's own address, and what failed, is none; nor is what
-//   another server passed on, since the address is that server's, not the user's, but for a logon at the console of a
-//   computer of the domain, which passes that on itself.
+//   another server passed on, since the address is that server's, not the user's, except for a logon at the console of
+//   a computer of the domain, which passes that on itself.
 // Machine accounts are records like others: who reads the log knows them by their "$".
 class SAMBA_AUDIT final : public LINE_READER {
 public:

@@ -52,7 +52,7 @@ public:
 
     virtual ~LINE_READER() = default;
 
-    // Takes one line without its end. Does not throw but for memory that runs out.
+    // Takes one line without its end. Throws only when memory runs out.
     virtual RESULT Read(std::string_view line, win32::NEW_EVENT& event, std::string& reason) = 0;
 
     // How many bytes of lines before the place where a feed goes on this reader wants to see again, to know what it

@@ -153,7 +153,7 @@ bool LoadState(const std::string& name, STATE& state) {
     if (found == FOUND::UNREADABLE) FailFile("cannot read " + path);
     if (found == FOUND::DAMAGED)
         throw COMMAND_ERROR(path + " is damaged (" + damage +
-                            "); without it the feed begins anew and writes again what is in the log already");
+                            "); without it the feed starts over and writes again what is in the log already");
     return found == FOUND::STATE;
 }
 
@@ -170,7 +170,8 @@ bool STATE_FILE::Load(STATE& state, std::string& damage) const {
     const std::string path = Path("state");
     if (FindState(path, state, fault) != FOUND::DAMAGED) return LoadState(name, state);
     if (!win32::RenameRootFile(path, Path("state.damaged"))) FailFile("cannot set aside the damaged " + path);
-    damage = path + " is damaged (" + fault + "): set aside as " + Path("state.damaged") + ", the counts begin anew";
+    damage =
+        path + " is damaged (" + fault + "): set aside as " + Path("state.damaged") + ", the counts start from zero";
     return false;
 }
 

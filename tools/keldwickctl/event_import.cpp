@@ -153,8 +153,8 @@ KIND KindOf(std::string_view head) {
     return first != std::string_view::npos && head[first] == '<' ? XML : OTHER;
 }
 
-// The records of a classic .evt file, taken over as they are but for their numbers: those that it holds now, the oldest
-// first (so a log may be imported into itself). Damaged places go to the sink as unreadable.
+// The records of a classic .evt file, taken over as they are except for their numbers: those that it holds now, the
+// oldest first (so a log may be imported into itself). Damaged places go to the sink as unreadable.
 void ImportEvt(const std::string& path, EVENT_SINK& sink) {
     win32::EVT_READER reader;
     DWORD end = 0, oldest = 0, count = 0;

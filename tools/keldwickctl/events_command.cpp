@@ -151,7 +151,7 @@ CLI::Option* AddLog(CLI::App* command, std::string& log) {
     return command->add_option("--log", log, "the log's name")->type_name("LOG")->capture_default_str();
 }
 
-// The usual help, but for the many positionals.
+// The usual help, without the many positionals.
 class WRITE_HELP final : public CLI::Formatter {
     std::string make_usage(const CLI::App*, std::string name) const override {
         return "Usage: " + name + " [OPTIONS] -- [STRING ...]\n";
@@ -224,7 +224,7 @@ void AddList(CLI::App* events) {
 
 void AddClear(CLI::App* events) {
     const auto log = std::make_shared<std::string>("Security");
-    CLI::App* const clear = events->add_subcommand("clear", "Clears a log; it takes its MaxSize value anew.");
+    CLI::App* const clear = events->add_subcommand("clear", "Clears a log; its new size is the MaxSize value.");
     AddLog(clear, *log);
     clear->callback([log] { ClearLog(*log); });
 }

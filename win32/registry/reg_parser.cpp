@@ -185,7 +185,7 @@ private:
             }
         }
         SkipBlanks();
-        if (!Take(u'=')) return Fail("no \"=\" behind the value's name");
+        if (!Take(u'=')) return Fail("no \"=\" after the value's name");
         if (key == nullptr) return Fail("a value outside a key");
         SkipBlanks();
         if (Take(u'-')) {
@@ -268,7 +268,7 @@ private:
         size_t digits = 0;
         type = REG_BINARY;
         if (Take(u'(') && (!ReadNumber(type, digits) || !Take(u')'))) return Fail("not a type of a value");
-        return Take(u':') || Fail("no \":\" behind hex");
+        return Take(u':') || Fail("no \":\" after hex");
     }
 
     // Pairs of digits with commas between; a back slash at the end of a line continues the list on the next.
@@ -277,7 +277,7 @@ private:
             if (!SkipContinuation()) return false;
             const int high = HexDigit(Peek());
             if (high < 0) {
-                if (!first) return Fail("a byte is missing behind a comma");
+                if (!first) return Fail("a byte is missing after a comma");
                 break;
             }
             ++at;
