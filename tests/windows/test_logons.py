@@ -1,32 +1,55 @@
 """Logons, from the record in the log to the bytes at the server, by the program with a log of the test's own
 (event_log_double.cpp), which the tool on Linux writes."""
+import glob
 import os
 import struct
 import subprocess
+import tempfile
+import time
 import unittest
 
-from wine import WineTest
+from wine import HERE, WineTest
 from wire import Server
 
 LINUX = os.environ["KELDWICK_BIN"]
 LOG_VERBOSE = 0x102
 
 
+def without_system(message):
+    """A request but for the version of the system that the agent runs on."""
+    at = 24 + {0: 0, 4: 4, 6: 16}[message[19]]
+    return message[:at] + message[at + 3:]
+
+
 class Logons(WineTest):
     programs = ["KeldwickWithLog"]
     address = "127.54.0.1"
+
+    @classmethod
+    def surroundings(cls):
+        cls.clock = f"{cls.folder}/clock"
+        cls.forward(0)
+        return {"KELDWICK_TEST_CLOCK": cls.clock, "LD_PRELOAD": f"{LINUX}/libmoved_clock.so"}
 
     def setUp(self):
         super().setUp()
         self.server = Server(self.address)
         self.addCleanup(self.server.close)
         self.ctl("init")
-        self.clock = f"{self.home}/clock"
         self.forward(0)
         self.write(4608, "-")  # an old record
 
     def ctl(self, *arguments):
         subprocess.run([f"{LINUX}/keldwickctl", "--root", self.home, *arguments], check=True, capture_output=True, timeout=60)
+
+    def linux_root(self, **settings):
+        """The machine root of an agent on Linux that follows the same log."""
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        os.symlink(f"{self.home}/eventlog", f"{folder.name}/eventlog")
+        for arguments in (["init"], *(["settings", "set", *setting] for setting in settings.items())):
+            subprocess.run([f"{LINUX}/keldwickctl", "--root", folder.name, *arguments], check=True, capture_output=True)
+        return folder.name
 
     def write(self, event, *strings):
         self.ctl("events", "write", "--id", str(event), "--", *strings)
@@ -35,13 +58,14 @@ class Logons(WineTest):
         self.write(4624, "S-1-0-0", "-", "-", "0x0", "S-1-5-21-1-2-3-1104", user, "CORP", "0x1", "3", "K", "K", "WS1", "{0}", "-",
                    "-", "0", "0x0", "-", address, "1")
 
-    def forward(self, minutes):
-        with open(self.clock, "r+b" if os.path.exists(self.clock) else "wb") as file:
+    @classmethod
+    def forward(cls, minutes):
+        with open(cls.clock, "r+b" if os.path.exists(cls.clock) else "wb") as file:
             file.write(struct.pack("<q", minutes * 60))
 
     def follow(self, **settings):
         self.set(IdentServer=self.address, IdentProtocol=2, DebugOutput=LOG_VERBOSE, **settings)
-        agent = self.start_agent("-A", KELDWICK_TEST_CLOCK=self.clock, LD_PRELOAD=f"{LINUX}/libmoved_clock.so")
+        agent = self.start_agent("-A")
         self.until_logged("PositionToEnd: FORWARDS")
         return agent
 
@@ -80,6 +104,61 @@ class Logons(WineTest):
         self.until_logged("Security event log reopened")
         self.until_logged("EVENT_LOG::Process: RecordCount", 2)
         self.until_logged("OldestRecordNumber", 2)
+        self.stop(agent)
+
+    def test_at_midnight_the_log_is_renamed_to_its_day(self):
+        now = time.localtime()
+        before = 24 * 60 - 10 - now.tm_hour * 60 - now.tm_min
+        self.forward(before)
+        agent = self.follow()
+        day = time.strftime("%Y-%m-%d", time.localtime(time.time() + before * 60))
+        self.forward(before + 11)
+        self.write(4608, "-")
+        self.until(lambda: os.path.exists(f"{self.home}/Keldwick_{day}.log"), f"the log of {day}")
+        self.logon("ann", "10.9.8.7")
+        self.reported("logon", "ann", "10.9.8.7")
+        with open(f"{self.home}/Keldwick_{day}.log", encoding="utf-8") as old:
+            self.assertIn("PositionToEnd: FORWARDS", old.read())
+        self.assertNotIn("PositionToEnd", self.log())
+        self.stop(agent)
+
+    def test_beside_an_agent_on_linux_both_report_the_same(self):
+        """From one log that both follow: recorded events, heartbeats, a log that was cleared."""
+        others = Server("127.54.0.2")
+        self.addCleanup(others.close)
+        agent = self.follow(Heartbeat=20, LogonTTL=60)
+        root = self.linux_root(Heartbeat="20", LogonTTL="60", IdentServer="127.54.0.2", IdentProtocol="tcp")
+        self.agents.append(subprocess.Popen([f"{LINUX}/keldwick", "-A", "-L", "-V"], stderr=subprocess.DEVNULL, env={
+            **os.environ, **self.surroundings(), "KELDWICK_ROOT": root}))
+        kinds = set()
+        with open(f"{root}/Keldwick.log", "a+", encoding="utf-8") as log:
+            def logged(text):
+                log.seek(0)
+                return self.log().count(text), log.read().count(text)
+
+            def until_both_logged(text, before=(0, 0)):
+                self.until(lambda: all(now > then for now, then in zip(logged(text), before)), f"{text}, by both")
+
+            until_both_logged("PositionToEnd: FORWARDS")
+            for step in ("logons", "heartbeats", "cleared log"):
+                if step == "heartbeats":
+                    sweeps = logged("Updating statistics")
+                    self.forward(21)
+                    self.write(4608, "-")  # wakes the workers, whose sweep is due
+                    until_both_logged("Updating statistics", sweeps)
+                if step == "cleared log":
+                    self.ctl("events", "clear")
+                    until_both_logged("Security event log reopened")
+                for event in sorted(glob.glob(f"{HERE}/../loop/recorded/*.xml")):
+                    self.ctl("events", "import", event)
+                self.logon(step, "10.1.1.1")
+                fields = {"user": [""]}
+                while fields["user"][0] != f"CORP\\{step}" or fields["kind"] != "logon":
+                    (ours, fields), (theirs, same) = (server.requests.get(timeout=30) for server in (self.server, others))
+                    self.assertEqual(without_system(theirs), without_system(ours), (fields, same))
+                    kinds.add(fields["kind"])
+        self.assertEqual({"logon", "logoff", "heartbeat"}, kinds)
+        self.assertTrue(others.requests.empty())
         self.stop(agent)
 
     def test_what_is_no_users_logon_from_elsewhere_is_not_reported(self):

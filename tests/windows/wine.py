@@ -34,7 +34,7 @@ class WineTest(AgentTest):
                        'mount --bind "$0" /etc/hosts && exec "$@"', f"{cls.folder}/hosts"]
         cls.environment = {name: value for name, value in os.environ.items() if name != "DISPLAY"} | {
             "WINEPREFIX": f"{cls.folder}/prefix", "WINEDEBUG": "-all", "WINEDLLOVERRIDES": "mscoree,mshtml=",
-            "WINEPATH": "C:\\Keldwick", "HOME": cls.folder}
+            "WINEPATH": "C:\\Keldwick", "HOME": cls.folder, **cls.surroundings()}
         # The first program makes the machine, and all others run on it. Without one wine would end its services.
         cls.keeper = subprocess.Popen([*cls.machine, f"{WINE}/wine64", "cmd", "/c", "echo up & pause"], env=cls.environment,
                                       stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
@@ -42,6 +42,11 @@ class WineTest(AgentTest):
         assert cls.keeper.stdout.readline().startswith(b"up")
         cls.wine("reg", "add", "HKCU\\Software\\Wine", "/v", "Version", "/d", "win10", "/f")
         cls.home = f"{cls.folder}/prefix/drive_c/Keldwick"
+
+    @classmethod
+    def surroundings(cls):
+        """Variables that every program of the machine sees."""
+        return {}
 
     @classmethod
     def end_machine(cls):
@@ -87,9 +92,9 @@ class WineTest(AgentTest):
                          "code", "!errorlevel!", code=None)
         return int(re.search(r"code (\d+)", text)[1])
 
-    def start_agent(self, *arguments, **environment):
+    def start_agent(self, *arguments):
         agent = subprocess.Popen([*self.machine, f"{WINE}/wine64", f"C:\\Keldwick\\{self.programs[0]}.exe", *arguments],
-                                 env={**self.environment, **environment}, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                                 env=self.environment, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
                                  stderr=subprocess.DEVNULL)
         self.agents.append(agent)
         return agent
