@@ -1,5 +1,5 @@
-// The Security log of a test build: the calls that read an event log, over the file Security.evt beside the program,
-// which the test writes. wine has these calls, but its logs are always empty. Linked ahead of the import library, whose
+// The event log of a test build: the calls that read it, over the file Security.evt beside the program, which the test
+// writes, and the one that writes it, into the file reported. wine has these calls, but its logs are always empty. Linked ahead of the import library, whose
 // pointers these are; the program itself knows nothing of it. The file's ring is not to have gone round.
 #include <windows.h>
 
@@ -118,6 +118,15 @@ BOOL WINAPI Read(HANDLE handle, DWORD flags, DWORD, LPVOID buffer, DWORD room, D
     return *read > 0 ? TRUE : Fail(ERROR_HANDLE_EOF);
 }
 
+// A line for each event: its type, its number, its strings.
+BOOL WINAPI Report(HANDLE, WORD type, WORD, DWORD id, PSID, WORD count, DWORD, LPCWSTR* strings, LPVOID) {
+    std::wofstream file((Folder() + L"\\reported").c_str(), std::ios::app);
+    file << type << L' ' << std::hex << id;
+    for (WORD i = 0; i < count; ++i) file << L'|' << strings[i];
+    file << std::endl;
+    return file ? TRUE : Fail(ERROR_WRITE_FAULT);
+}
+
 }  // namespace
 
 extern "C" {
@@ -127,4 +136,5 @@ decltype(&GetOldestEventLogRecord) __imp_GetOldestEventLogRecord = Oldest;
 decltype(&NotifyChangeEventLog) __imp_NotifyChangeEventLog = Notify;
 decltype(&CloseEventLog) __imp_CloseEventLog = Close;
 decltype(&ReadEventLogW) __imp_ReadEventLogW = Read;
+decltype(&ReportEventW) __imp_ReportEventW = Report;
 }

@@ -96,6 +96,11 @@ class Logons(WineTest):
         self.until_logged('Logon expired: User name = "CORP\\bob", IP address = "10.9.8.7"')
         self.stop(agent)
 
+    def test_its_start_and_its_stop_are_events_of_its_own(self):
+        self.stop(self.follow())
+        with open(f"{self.home}/eventlog/reported", encoding="ascii") as reported:
+            self.assertRegex(reported.read(), r"\A4 40000002\|[\d.]+ build .+\n4 40000003\|[\d.]+ build .+\|.*Shutdown.*\n\Z")
+
     def test_a_cleared_log_is_followed_on(self):
         agent = self.follow()
         self.logon("ann", "2001:db8::7")
