@@ -1,5 +1,6 @@
 """The installer: its tables, and what installing and removing it does."""
 import os
+import re
 import subprocess
 import unittest
 
@@ -12,9 +13,14 @@ class Installer(WineTest):
     @classmethod
     def setUpClass(cls):
         super().setUpClass()
-        cls.package = f"{cls.folder}/prefix/drive_c/Keldwick.msi"
-        subprocess.run([f"{HERE}/../../packaging/windows/build-msi", cls.package, f"{BIN}/Keldwick.exe"], check=True,
+        cls.package = cls.build_package("Keldwick.msi")
+
+    @classmethod
+    def build_package(cls, name, *version):
+        package = f"{cls.folder}/prefix/drive_c/{name}"
+        subprocess.run([f"{HERE}/../../packaging/windows/build-msi", package, f"{BIN}/Keldwick.exe", *version], check=True,
                        capture_output=True)
+        return package
 
     def rows(self, table):
         """The rows of a table by their keys, as dictionaries."""
@@ -22,8 +28,8 @@ class Installer(WineTest):
         names, _types, _keys, *rows = [line.split("\t") for line in text.replace("\r", "").split("\n")[:-1]]
         return {row[0]: dict(zip(names, row)) for row in rows}
 
-    def msiexec(self, *arguments):
-        self.wine("msiexec", arguments[0], "C:\\Keldwick.msi", *arguments[1:], "/qn")
+    def msiexec(self, *arguments, package="Keldwick.msi"):
+        self.wine("msiexec", arguments[0], f"C:\\{package}", *arguments[1:], "/qn")
 
     def installed(self):
         return self.wine("sc", "query", "Keldwick", code=None) != "" and os.path.exists(
@@ -60,6 +66,18 @@ class Installer(WineTest):
         self.msiexec("/x", "REMOVESETTINGS=1")
         self.assertFalse(self.installed())
         self.assertIsNone(self.get("IdentServer"))
+
+    def test_a_newer_version_takes_the_place_of_the_one_that_runs(self):
+        self.build_package("Newer.msi", "99.0.0")
+        self.msiexec("/i", "IDENTSERVER=127.55.0.1", "IDENTPROTOCOL=2")
+        self.msiexec("/i", package="Newer.msi")
+        products = self.wine("reg", "query", "HKLM\\SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Uninstall", "/s")
+        self.assertEqual(["99.0.0"], re.findall(r"DisplayVersion +REG_SZ +(\S+)", products))
+        self.assertTrue(self.installed())
+        self.until(lambda: self.service_state()[0] == 4, "the service runs")
+        self.assertEqual("127.55.0.1", self.get("IdentServer"))
+        self.msiexec("/x", "REMOVESETTINGS=1", package="Newer.msi")
+        self.assertFalse(self.installed())
 
 
 if __name__ == "__main__":
