@@ -26,9 +26,11 @@ foreach(folder ${layer_folders})
   target_link_libraries(win32_${folder} PUBLIC agent_resources OpenSSL::Crypto)
   list(APPEND members win32_${folder})
 endforeach()
-# Where several files are compiled as one (CMAKE_UNITY_BUILD), these stay apart: sockets/ stands between two families of
-# headers whose macros have the same names, and the tests move the clock of sync/ at the border of its file.
-set_target_properties(win32_sockets win32_sync PROPERTIES UNITY_BUILD OFF)
+# Where several files are compiled as one (CMAKE_UNITY_BUILD), these stay apart: two of sockets/ stand between two
+# families of headers whose macros have the same names, and the tests move the clock of sync/ at the border of its file.
+set_target_properties(win32_sync PROPERTIES UNITY_BUILD OFF)
+set_source_files_properties(win32/sockets/name_info.cpp win32/sockets/socket_error.cpp
+  PROPERTIES SKIP_UNITY_BUILD_INCLUSION ON)
 list(JOIN members "," members)
 add_library(win32_layer INTERFACE)
 target_link_libraries(win32_layer INTERFACE "$<LINK_GROUP:RESCAN,${members}>")
