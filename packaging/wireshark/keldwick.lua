@@ -123,13 +123,21 @@ function READER:Number(what, size, expected)
     return value, item
 end
 
+local function HasNul(units)
+    local at = units:find("\0\0", 1, true)
+    while at and at % 2 == 0 do at = units:find("\0\0", at + 1, true) end
+    return at ~= nil
+end
+
 function READER:Text(what, rest)
     local units = self:Add(field.units, 2, rest)
     local size = 2 * self.tvb(units.at, 2):uint()
     if size == 0 then
         table.insert(self.items, { field = what, at = units.at, size = 2, section = self.section, value = "" })
     else
-        self:Add(what, size, rest).text = true
+        local item = self:Add(what, size, rest)
+        item.text = true
+        if HasNul(self.tvb(item.at, size):raw()) then self:Mark(item, note.value, "The text holds a NUL, and is shown up to it") end
     end
 end
 
@@ -201,60 +209,52 @@ end
 
 local function BeginsRequest(tvb, at) return tvb:captured_len() >= at + 6 and tvb(at + 2, 4):uint() == Format * 65536 + RequestCode end
 
--- How many bytes are to come before the fields that were missed can be there, or nothing: what is missing will not come, since the
--- message ends with the length that it states.
-local function Missing(reader, wanted)
+-- Whether the fields that are missing may still come: not when the request ends with the length that it states.
+local function MayGoOn(reader, wanted)
     local stated = reader.stated
-    if not stated or reader.have < HeaderBytes then return DESEGMENT_ONE_MORE_SEGMENT end
-    if wanted <= stated then return stated - reader.have end
-    if reader.have == stated or BeginsRequest(reader.tvb, stated) then return nil end
-    return DESEGMENT_ONE_MORE_SEGMENT
+    if wanted > MostBytes then return false end
+    return reader.have < HeaderBytes or wanted <= stated or reader.have ~= stated and not BeginsRequest(reader.tvb, stated)
 end
 
--- Reads one request. Gives the reader with its `size`, or how many bytes are to come before.
+-- Where a request ends that has nothing more to come. whole: all its fields are there.
+local function EndOf(reader, whole)
+    local stated, at, have = reader.stated, reader.at, reader.have
+    local fits = stated >= HeaderBytes and stated <= have
+    if whole and (stated == at % 65536 or reader.kind and BeginsRequest(reader.tvb, at)) then return at end
+    if fits and (stated == have or BeginsRequest(reader.tvb, stated)) then return stated end
+    return whole and at or fits and stated or have
+end
+
+-- Reads one request. Gives the reader with its `size`; nothing when more is to come before, in whole segments, since where they end
+-- tells something. The fields of an unfinished one are not walked through before they can have got further.
 local function ReadRequest(tvb, stream, patient)
     local reader = NewReader(tvb)
-    local start = tvb(0, math.min(HeaderBytes, reader.have)):raw()
-    local unfinished = stream.unfinished
-    if patient and unfinished and unfinished.start == start and reader.have < unfinished.wanted and not BeginsRequest(tvb, unfinished.stated) then
-        return nil, DESEGMENT_ONE_MORE_SEGMENT
+    local start, unfinished = tvb(0, math.min(HeaderBytes, reader.have)):raw(), stream.unfinished
+    if patient and unfinished and unfinished.start == start and reader.have < unfinished.wanted and
+       MayGoOn({ tvb = tvb, have = reader.have, stated = unfinished.stated }, unfinished.wanted) then
+        return nil
     end
     local whole, problem = pcall(reader.Request, reader)
     if not whole and type(problem) ~= "table" then error(problem, 0) end
-    local stated, ends = reader.stated or 0, reader.at
-    local endsAsStated = stated >= HeaderBytes and stated <= reader.have
-    if not whole and problem.wanted then
-        local missing = Missing(reader, problem.wanted)
-        if problem.wanted > MostBytes then
-            problem = { damage = "longer than any request" }
-        elseif missing and patient then
-            if missing == DESEGMENT_ONE_MORE_SEGMENT and problem.wanted > stated and reader.have >= HeaderBytes then
-                stream.unfinished = { start = start, wanted = problem.wanted, stated = stated }
-            end
-            return nil, missing
-        elseif missing then
-            problem = { cut = true }
-        end
-    end
     stream.unfinished = nil
-    if whole then
-        local longer = endsAsStated and stated > ends and not (reader.kind and BeginsRequest(tvb, ends))
-        if stated ~= ends % 65536 then
-            reader:Mark(reader.items[1], note.length, "The length is stated as %u, the fields take %u", stated, ends)
-            if longer then ends = stated end
+    local wanted = not whole and problem.wanted
+    if wanted and MayGoOn(reader, wanted) then
+        if patient then
+            if reader.have >= HeaderBytes then stream.unfinished = { start = start, wanted = wanted, stated = reader.stated } end
+            return nil
         end
-    elseif problem.cut then
-        reader:Mark(reader.items[#reader.items], note.cut, "The rest is not in the capture")
-        ends = reader.have
-    else
-        ends = endsAsStated and stated >= reader.at and stated or reader.have
-        if problem.wanted then
-            reader:Mark(reader.items[1], note.length, "The length is stated as %u, the fields take %u at least", stated, problem.wanted)
-        else
-            reader:Mark(problem.item or reader.items[#reader.items], note.value, "%s", problem.damage)
-        end
+        reader:Mark(reader.items[#reader.items] or reader, note.cut, "The rest is not in the capture")
+        reader.size = reader.have
+        return reader
     end
-    reader.size = ends
+    if wanted then
+        reader:Mark(reader.items[1], note.length, "The length is stated as %u, the fields take %u at least", reader.stated, wanted)
+    elseif not whole then
+        reader:Mark(problem.item, note.value, "%s", problem.damage)
+    elseif reader.stated ~= reader.at % 65536 then
+        reader:Mark(reader.items[1], note.length, "The length is stated as %u, the fields take %u", reader.stated, reader.at)
+    end
+    reader.size = EndOf(reader, whole)
     return reader
 end
 
@@ -262,7 +262,7 @@ end
 local function ReadAnswer(tvb, patient)
     local reader = NewReader(tvb)
     local may = reader.have == 1 and tvb(0, 1):uint() == 0 or reader.have > 1 and tvb(0, 2):uint() == AnswerBytes
-    if may and reader.have < AnswerBytes and patient then return nil, AnswerBytes - reader.have end
+    if may and reader.have < AnswerBytes and patient then return nil end
     local whole = pcall(function()
         reader:Header(AnswerCode)
         reader:Number(field.status, 4)
@@ -270,7 +270,7 @@ local function ReadAnswer(tvb, patient)
     reader.kind, reader.size = "answer", may and whole and AnswerBytes or reader.have
     if not may or not whole then
         local text = "%u bytes, stated as %u; an answer takes " .. AnswerBytes
-        if #reader.items > 0 then reader:Mark(reader.items[1], note.length, text, reader.size, reader.stated or 0) end
+        reader:Mark(reader.items[1] or reader, note.length, text, reader.size, reader.stated or 0)
     end
     return reader
 end
@@ -279,11 +279,17 @@ end
 
 local function Printable(text) return (text:gsub("%c", "?")) end
 
+local function ShowNotes(item, tree)
+    for _, one in ipairs(item.notes or {}) do tree:add_proto_expert_info(one.why, one.text) end
+end
+
 local function ShowItems(reader, tree)
+    local items = {}
     for _, item in ipairs(reader.items) do
-        if item.section then item.section.size = item.at + item.size - item.section.at end
+        if item.at + item.size <= reader.size then table.insert(items, item) end
+        if item.section then item.section.size = math.min(item.at + item.size, reader.size) - item.section.at end
     end
-    for _, item in ipairs(reader.items) do
+    for _, item in ipairs(items) do
         local parent, range, section = tree, reader.tvb(item.at, item.size), item.section
         if section then
             section.tree = section.tree or tree:add(reader.tvb(section.at, section.size), section.title)
@@ -301,8 +307,9 @@ local function ShowItems(reader, tree)
             shown:add(field.maskComputer, range)
             shown:add(field.maskUser, range)
         end
-        for _, one in ipairs(item.notes or {}) do shown:add_proto_expert_info(one.why, one.text) end
+        ShowNotes(item, shown)
     end
+    ShowNotes(reader, tree)
     if reader.at < reader.size then
         tree:add(field.rest, reader.tvb(reader.at, reader.size - reader.at))
     end
@@ -380,15 +387,15 @@ local function ShowOne(tvb, pinfo, tree, stream)
         tree:add(keldwick, tvb(), "Keldwick Identity Protocol, no message"):add_proto_expert_info(note.stray)
         return tvb:captured_len()
     end
-    local patient = pinfo.can_desegment > 0 and tvb:captured_len() == tvb:reported_len()
-    local reader, missing
+    local patient = pinfo.can_desegment > 0
+    local reader
     if answers then
-        reader, missing = ReadAnswer(tvb, patient)
-        if missing then stream.pieces = true end
+        reader = ReadAnswer(tvb, patient)
+        stream.pieces = stream.pieces or not reader
     else
-        reader, missing = ReadRequest(tvb, stream, patient)
+        reader = ReadRequest(tvb, stream, patient)
     end
-    if not reader then return nil, missing end
+    if not reader then return nil end
     local summary = Summary(reader)
     pinfo.cols.info:prepend(summary .. "  ")
     local branch = tree:add(keldwick, tvb(0, reader.size), "Keldwick Identity Protocol, " .. summary)
@@ -402,9 +409,9 @@ function keldwick.dissector(tvb, pinfo, tree)
     pinfo.cols.protocol = "Keldwick"
     local stream, at = Stream(), 0
     while at < tvb:captured_len() do
-        local taken, missing = ShowOne(tvb(at):tvb(), pinfo, tree, stream)
+        local taken = ShowOne(tvb(at):tvb(), pinfo, tree, stream)
         if not taken then
-            pinfo.desegment_offset, pinfo.desegment_len = at, missing
+            pinfo.desegment_offset, pinfo.desegment_len = at, DESEGMENT_ONE_MORE_SEGMENT
             break
         end
         at = at + taken

@@ -15,15 +15,16 @@ from machine import MachineTest
 from wire import Server, answer, certificate, decode
 
 SCRIPT = os.path.realpath(f"{os.path.dirname(__file__)}/../../packaging/wireshark/keldwick.lua")
-EXPERTS = ("wrong_length", "wrong_value", "stray", "cut", "groups_not_sent", "unasked", "late", "unanswered")
+EXPERTS = ("wrong_length", "wrong_value", "stray", "cut", "groups_not_sent", "unasked", "late", "pieces", "unanswered")
 
 
 class Relay:
     """Passes one port's connections on, and keeps (stream, from the client, bytes, time) of what passes."""
 
     def __init__(self, address, target, port):
-        self.seen, self.streams = queue.Queue(), 0
-        self.listener, self.target = socket.create_server((address, port)), (target, port)
+        self.seen, self.streams, self.target = queue.Queue(), 0, (target, port)
+        self.listener = socket.create_server((address, port))
+        self.sockets = [self.listener]
         threading.Thread(target=self.accept, daemon=True).start()
 
     def accept(self):
@@ -32,6 +33,7 @@ class Relay:
                 client, _ = self.listener.accept()
                 server = socket.create_connection(self.target)
                 self.streams += 1
+                self.sockets += [client, server]
                 for source, sink, up in ((client, server, True), (server, client, False)):
                     threading.Thread(target=self.pump, args=(self.streams, source, sink, up), daemon=True).start()
         except OSError:
@@ -48,7 +50,8 @@ class Relay:
 
     def close(self):
         self.listener.shutdown(socket.SHUT_RDWR)
-        self.listener.close()
+        for each in self.sockets:
+            each.close()
 
     def exchange(self):
         return [self.seen.get() for _ in range(self.seen.qsize())]
@@ -100,6 +103,10 @@ def messages(path, *options):
                 fields["experts"] = sorted(set(EXPERTS) & set(fields))
                 found.setdefault(int(layers["tcp"]["tcp.stream"]), []).append(fields)
     return found
+
+
+class Reply(bytes):
+    """What the server sends."""
 
 
 def text(value):
@@ -163,29 +170,89 @@ class Dissector(MachineTest):
                 os.remove(f"{self.root}/Keldwick.log")
 
     def test_damage_is_marked_and_costs_no_other_message(self):
-        good, other, reply = request(), request(3), answer(2)
-        cases = (  # what it is, from the client, from the server, marks of the requests and then of the answers
-            ("nothing wrong", [good, other], [reply, answer(3)], [[], []], [[], []]),
-            ("two in a segment", [good + other], [], [[], ["unanswered"]], []),
-            ("a length too small", [request(stated=77), other], [], [["wrong_length"], ["unanswered"]], []),
-            ("a length too large", [request(stated=79), other], [], [["wrong_length"], ["unanswered"]], []),
-            ("too large, another after it", [request(stated=79) + other], [], [["wrong_length"], ["unanswered"]], []),
-            ("a name too long", [changed(good, 58, b"\1\0"), other], [], [["wrong_length"], ["unanswered"]], []),
-            ("too long, another after it", [changed(good, 58, b"\1\0") + other], [], [["wrong_length"], ["unanswered"]], []),
-            ("a name too short", [changed(good, 58, b"\0\1"), other], [], None, []),
-            ("a constant", [changed(good, 18, b"\2"), other], [], [["wrong_value"], ["unanswered"]], []),
-            ("a kind", [good[:-1] + b"x", other], [], [["wrong_value"], ["unanswered"]], []),
-            ("an address version", [changed(good, 19, b"\5") + other], [], [["wrong_value"], ["unanswered"]], []),
-            ("a mask", [changed(good, 12, b"\x0e\x8e") + other], [], [["wrong_value"], ["unanswered"]], []),
-            ("a format", [changed(good, 3, b"\4"), other], [], [["wrong_value"], ["unanswered"]], []),
-            ("no beginning", [good[20:], other], [], [["stray"], []], []),
-            ("groups only counted", [request(stated=79)[:-3] + b"\0\5\0 ", other], [], [["groups_not_sent"], ["unanswered"]], []),
-            ("an answer too short", [good, other], [reply[:13], answer(3)], [[], ["unanswered"]], None),
-            ("an answer too long", [good], [reply + b"x"], [[]], [[], ["wrong_length"]]),
-            ("a length the other way round", [good], [changed(reply, 0, b"\x0e\0")], [[]], [["wrong_length"]]),
-            ("an answer's code", [good], [answer(2, code=0x10)], [[]], [["wrong_value"]]),
-            ("an answer nobody asked for", [good], [answer(9)], [[]], [["unasked"]]),
-            ("an answer in pieces", [good], [reply[:9], reply[9:]], [[]], [["pieces"]]),
-            ("a late answer", [good, other], [reply, answer(3)], [[], ["unanswered"]], [["late"], []]),
+        good, other, reply, next_reply = request(), request(3), Reply(answer(2)), Reply(answer(3))
+        long_name, short_name = changed(good, 53, b"\1\0"), changed(good, 53, b"\0\1")
+        cases = (  # what it is; what passes, in segments, a number being seconds; the marks of each message shown
+            ("nothing", [good, reply, other, next_reply], [[], [], [], []]),
+            ("two in a segment", [good + other], [[], ["unanswered"]]),
+            ("a length too small", [request(stated=77), reply, other], [["wrong_length"], [], []]),
+            ("a length too large", [request(stated=79), reply, other], [["wrong_length"], [], []]),
+            ("too large, another after it", [request(stated=79) + other], [["wrong_length"], ["unanswered"]]),
+            ("a name too long", [long_name, reply, other], [["wrong_length"], [], []]),
+            ("too long, another after it", [long_name + other], [["wrong_length"], ["unanswered"]]),
+            ("too long, into another", [changed(good, 53, b"\0\x20") + other], [["wrong_length"], ["unanswered"]]),
+            ("too long, in two segments", [long_name[:40], long_name[40:], reply, other], [["wrong_length"], [], []]),
+            ("a name too short", [short_name, reply, other], [["wrong_length"], [], []]),
+            ("a constant", [changed(good, 18, b"\2"), reply, other], [["wrong_value"], [], []]),
+            ("a NUL in a name", [request(user="ann\0x")], [["wrong_value"]]),
+            ("no NUL in a name", [request(user="\u0100a\u0200")], [[]]),
+            ("a kind", [good[:-1] + b"x", reply, other], [["wrong_value"], [], []]),
+            ("an address version", [changed(good, 19, b"\5") + other], [["wrong_value"], ["unanswered"]]),
+            ("a mask", [changed(good, 12, b"\x0e\x8e") + other], [["wrong_value"], ["unanswered"]]),
+            ("a format", [changed(good, 3, b"\4"), reply, other], [["wrong_value"], [], []]),
+            ("no beginning", [good[20:], other], [["stray"], []]),
+            ("groups counted, not sent", [request(stated=79)[:-3] + b"\0\5\0 ", reply, other], [["groups_not_sent"], [], []]),
+            ("an answer too short", [good, Reply(reply[:13]), other, next_reply], [[], ["unanswered"], ["late", "pieces"],
+                                                                                  ["unasked", "wrong_length", "wrong_value"]]),
+            ("an answer too long", [good, Reply(reply + b"x"), other, next_reply], [[], [], ["wrong_length"], [], []]),
+            ("an answer's length turned round", [good, Reply(b"\x0e\0" + reply[2:])], [[], ["wrong_length"]]),
+            ("an answer's code", [good, Reply(answer(2, code=0x10))], [[], ["wrong_value"]]),
+            ("an answer nobody asked for", [good, Reply(answer(9))], [[], ["unasked"]]),
+            ("an answer in pieces", [good, Reply(reply[:9]), Reply(reply[9:])], [[], ["pieces"]]),
+            ("an answer to the request before", [good, other, reply, next_reply], [[], ["unanswered"], ["late"], []]),
+            ("an answer after 21 seconds", [good, 21, reply], [[], ["late"]]),
         )
         exchange = []
+        for stream, (_, steps, _) in enumerate(cases):
+            now = 1000.0
+            for step in steps:
+                if isinstance(step, int):
+                    now += step
+                else:
+                    exchange.append((stream, not isinstance(step, Reply), step, now))
+        capture(f"{self.root}/damage", exchange, 1306)
+        shown = messages(f"{self.root}/damage")
+        for stream, (what, _, marks) in enumerate(cases):
+            with self.subTest(what):
+                self.assertEqual(marks, [each["experts"] for each in shown[stream]], [each.get("id") for each in shown[stream]])
+
+    def test_long_requests_are_put_together_from_their_segments(self):
+        groups = [(f"CORP\\group{i}", "CN=" + "x" * (i % 200)) for i in range(1000)]
+        wires = [request(2, groups=groups[:count]) for count in (1, 30, 300, 500, 1000)]
+        self.assertGreater(len(wires[-1]), 2 * 65536)
+        for segment, some in ((40, wires[:2]), (1448, wires), (65495, wires)):
+            exchange = [(stream, True, wire + request(3), 1000) for stream, wire in enumerate(some)]
+            capture(f"{self.root}/long", exchange, 1306, segment)
+            shown = messages(f"{self.root}/long")
+            for stream, wire in enumerate(some):
+                with self.subTest(segment=segment, size=len(wire)):
+                    first, second = shown[stream]
+                    self.check(first, wire)
+                    self.assertEqual((["3"], ["unanswered"]), (second["id"], second["experts"]))
+
+    def test_a_capture_that_keeps_only_beginnings_says_so(self):
+        capture(f"{self.root}/cut", [(1, True, request(), 1000), (1, False, answer(2), 1001)], 1306, keep=90)
+        shown = messages(f"{self.root}/cut")[0]
+        self.assertEqual([["cut"], []], [each["experts"] for each in shown])
+        self.assertEqual("10.9.8.7", shown[0]["ipv4"][0])
+
+    def test_no_bytes_stop_it(self):
+        chance = random.Random(5)
+        seeds = [request(), request(groups=[("CORP\\g", "CN=g")] * 3), answer(2), request() + request(3)]
+        exchange = []
+        for stream in range(400):
+            data = bytearray(chance.choice(seeds))
+            for _ in range(chance.randint(1, 6)):
+                data[chance.randrange(len(data))] = chance.choice((0, 1, 4, 6, 0x7F, 0xFF, chance.randrange(256)))
+            cut = chance.randrange(len(data) + 1)
+            exchange += [(stream, stream % 3 > 0, bytes(part), 1000) for part in (data[:cut], data[cut:], request(3)) if part]
+        endless = struct.pack(">HHHII", 60000, 3, 0x10, 2, 0xE06) + bytes.fromhex("0200000001 00 13010205 0C0A00 FFFF 00") + bytes(2000)
+        exchange += [(401, True, endless[at:at + 1], 1000) for at in range(len(endless))]
+        capture(f"{self.root}/chance", exchange, 1306)
+        begun = time.monotonic()
+        self.assertGreater(len(messages(f"{self.root}/chance")), 350)
+        self.assertLess(time.monotonic() - begun, 60)
+
+
+if __name__ == "__main__":
+    unittest.main()
