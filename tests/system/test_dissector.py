@@ -12,7 +12,7 @@ import time
 import unittest
 
 from machine import MachineTest
-from wire import Server, answer, certificate, decode
+from wire import Server, answer, certificate, decode, request
 
 SCRIPT = os.path.realpath(f"{os.path.dirname(__file__)}/../../packaging/wireshark/keldwick.lua")
 EXPERTS = ("wrong_length", "wrong_value", "stray", "cut", "groups_not_sent", "unasked", "late", "pieces", "unanswered")
@@ -107,17 +107,6 @@ def messages(path, *options):
 
 class Reply(bytes):
     """What the server sends."""
-
-
-def text(value):
-    return struct.pack(">H", len(value.encode("utf-16-le")) // 2) + value.encode("utf-16-le")
-
-
-def request(ident=2, user="CORP\\ann", groups=(), stated=None):
-    """A logon at 10.9.8.7 from CORP\\WS1, as a real one looks."""
-    body = bytes.fromhex("0200000001 04 0A090807 13010205 0C0A00") + text("CORP\\WS1") + text("") * 2 + text(user) + text("") * 2
-    body += struct.pack(">H", len(groups)) + (b"\0" + b"".join(text(each) for group in groups for each in group) if groups else b"") + b" "
-    return struct.pack(">HHHII", (14 + len(body)) % 65536 if stated is None else stated, 3, 0x10, ident, 0xFFE) + body
 
 
 def changed(message, at, value):
