@@ -12,6 +12,7 @@ while True:
     [[_, entries]] = link.xreadgroup(group, name, {"keldwick": start}, count=100, block=0)
     start = "0" if entries and start == "0" else ">"
     for key, fields in entries:
-        report = json.loads(fields[b"report"])
-        print(*(ascii(report[each]) for each in ("kind", "address", "user", "computer")), flush=True)
+        if fields:  # otherwise the stream had to let it go
+            report = json.loads(fields[b"report"])
+            print(*(ascii(report[each]) for each in ("kind", "address", "user", "computer")), flush=True)
         link.xack("keldwick", group, key)

@@ -7,7 +7,7 @@ import subprocess
 import unittest
 
 from machine import BIN, MachineTest
-from wire import request
+from wire import encode
 
 EXAMPLES = os.path.realpath(f"{os.path.dirname(__file__)}/../../packaging/examples")
 
@@ -49,7 +49,7 @@ class Broker(MachineTest):
         self.assertIn("listening", server.stderr.readline())
         with socket.create_connection((self.address, 1306)) as link:
             for ident in range(first, last):
-                link.sendall(request(ident, user=self.user(ident)))
+                link.sendall(encode(ident, "10.9.8.7", (self.user(ident), "", ""), ("CORP\\WS1", "", "")))
                 self.assertEqual(14, len(link.recv(14, socket.MSG_WAITALL)))
         self.end(server, signal.SIGTERM)
 

@@ -12,7 +12,7 @@ import time
 import unittest
 
 from machine import MachineTest
-from wire import Server, answer, certificate, decode, request
+from wire import Server, answer, certificate, decode, encode
 
 SCRIPT = os.path.realpath(f"{os.path.dirname(__file__)}/../../packaging/wireshark/keldwick.lua")
 EXPERTS = ("wrong_length", "wrong_value", "stray", "cut", "groups_not_sent", "unasked", "late", "pieces", "unanswered")
@@ -107,6 +107,11 @@ def messages(path, *options):
 
 class Reply(bytes):
     """What the server sends."""
+
+
+def request(ident=2, user="CORP\\ann", groups=(), stated=None):
+    wire = encode(ident, "10.9.8.7", (user, "", ""), ("CORP\\WS1", "", ""), groups)
+    return wire if stated is None else changed(wire, 0, struct.pack(">H", stated))
 
 
 def changed(message, at, value):

@@ -50,15 +50,17 @@ def decode(message):
     return fields
 
 
-def text(value):
-    return struct.pack(">H", len(value.encode("utf-16-le")) // 2) + value.encode("utf-16-le")
+def encode(ident, address, user=("", "", ""), computer=("", "", ""), groups=(), kind="logon"):
+    """One request of an IPv4 address with a user block and a computer block (name, DN, OU), as decode() reads it."""
+    def text(value):
+        units = value.encode("utf-16-le", "surrogatepass")
+        return struct.pack(">H", len(units) // 2) + units
 
-
-def request(ident=2, user="CORP\\ann", groups=(), stated=None):
-    """A logon at 10.9.8.7 from CORP\\WS1, as a real one looks."""
-    body = bytes.fromhex("0200000001 04 0A090807 13010205 0C0A00") + text("CORP\\WS1") + text("") * 2 + text(user) + text("") * 2
-    body += struct.pack(">H", len(groups)) + (b"\0" + b"".join(text(each) for group in groups for each in group) if groups else b"") + b" "
-    return struct.pack(">HHHII", (14 + len(body)) % 65536 if stated is None else stated, 3, 0x10, ident, 0xFFE) + body
+    body = struct.pack(">I", 0xFFE) + b"\x02\0\0\0\1\4" + socket.inet_aton(address) + b"\x13\1\2\5\x0c\x0a\0"
+    body += b"".join(map(text, (*computer, *user))) + struct.pack(">H", len(groups)) + (b"\0" if groups else b"")
+    body += b"".join(text(name) + text(dn) for name, dn in groups)
+    body += bytes([{"logon": 0x20, "heartbeat": 0x30, "logoff": 0x21}[kind]])
+    return struct.pack(">HHHI", len(body) + 10 & 0xFFFF, 3, 0x10, ident) + body
 
 
 def answer(ident, status=0, code=0x8010):
