@@ -10,30 +10,50 @@ import redis
 
 PLACE, STREAM, MOST = "keldwick:place", "keldwick", 1_000_000  # about so many reports are kept
 
-path, link = sys.argv[1], redis.Redis.from_url((sys.argv[2:] or ["redis://localhost"])[0])
+
+def place(where):
+    return tuple(int(each or 0) for each in where.hmget(PLACE, "inode", "at"))
+
+
+def move(where, inode, at):
+    where.hset(PLACE, mapping={"inode": inode, "at": at})
+
+
+def follow(path, link):
+    """Returns when another file, or this one again from its place, is to be followed."""
+    inode, at = place(link)
+    old = os.path.exists(path + ".1") and os.stat(path + ".1").st_ino == inode
+    with open(path + ".1" if old else path, "rb") as file:
+        own = os.fstat(file.fileno())
+        if inode != own.st_ino or at > own.st_size:
+            at = 0
+            move(link, own.st_ino, at)
+        file.seek(at)
+        while True:
+            newer = os.stat(path).st_ino  # looked at before reading: then nothing is added to this file any more
+            lines = [line for line in file.readlines(1 << 20) if line.endswith(b"\n")]
+            if not lines and newer != own.st_ino:
+                return move(link, newer, 0)
+            if lines:
+                with link.pipeline() as batch:
+                    batch.watch(PLACE)
+                    if place(batch) != (own.st_ino, at):  # Redis has lost its last writes, or another feed is at work
+                        return None
+                    batch.multi()
+                    for line in lines:
+                        batch.xadd(STREAM, {"report": line.rstrip()}, maxlen=MOST, approximate=True)
+                    at += sum(map(len, lines))
+                    move(batch, own.st_ino, at)
+                    batch.execute()
+            else:
+                time.sleep(0.1)
+            file.seek(at)  # before a line that was not whole
+
+
+connection = redis.Redis.from_url((sys.argv[2:] or ["redis://localhost"])[0])
 while True:
     try:
-        inode, at = (int(each or 0) for each in link.hmget(PLACE, "inode", "at"))
-        old = os.path.exists(path + ".1") and os.stat(path + ".1").st_ino == inode
-        with open(path + ".1" if old else path, "rb") as file:
-            own = os.fstat(file.fileno())
-            file.seek(at if own.st_ino == inode and at <= own.st_size else 0)
-            while True:
-                newer = os.stat(path).st_ino  # looked at before reading: then nothing is added to this file any more
-                lines = file.readlines(1 << 20)
-                if lines and not lines[-1].endswith(b"\n"):
-                    file.seek(-len(lines.pop()), os.SEEK_CUR)
-                if lines:
-                    with link.pipeline(transaction=True) as batch:
-                        for line in lines:
-                            batch.xadd(STREAM, {"report": line.rstrip()}, maxlen=MOST, approximate=True)
-                        batch.hset(PLACE, mapping={"inode": own.st_ino, "at": file.tell()})
-                        batch.execute()
-                elif newer != own.st_ino:
-                    link.hset(PLACE, mapping={"inode": newer, "at": 0})
-                    break
-                else:
-                    time.sleep(0.1)
+        follow(sys.argv[1], connection)
     except (redis.RedisError, OSError) as error:
         print(f"redis-feed: {error}; trying again", file=sys.stderr, flush=True)
         time.sleep(1)

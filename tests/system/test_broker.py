@@ -72,22 +72,25 @@ class Broker(MachineTest):
         self.until(lambda: len(self.streamed()) == 300, "reports of two files, of before the feed was started again")
         self.end(redis)
         self.report(300, 400)
-        redis = self.redis()
+        self.redis()
         self.until(lambda: len(self.streamed()) >= 400, "reports of while Redis was away")
-        self.assertEqual(list(range(400)), self.streamed())
+        self.feed()
+        self.report(400, 500)
+        self.until(lambda: len(self.streamed()) >= 500, "reports of two feeds at once")
+        self.assertEqual(list(range(500)), self.streamed())
 
         def seen():
             with open(f"{self.root}/seen", encoding="utf-8") as lines:
                 return {line.rstrip("\n") for line in lines if line.endswith("\n")}
 
-        for enough in (50, 400):
+        for enough in (50, 500):
             with open(f"{self.root}/seen", "ab") as output:
                 consumer = self.begin(f"{EXAMPLES}/redis-consumer.py", f"unix://{self.root}/redis", output=output)
             self.until(lambda: len(seen()) >= enough, "reports at the consumer")
-            if enough == 400:
+            if enough == 500:
                 self.until(lambda: self.ask("XPENDING", "keldwick", "example").startswith("0"), "acknowledgements")
             self.end(consumer)
-        self.assertEqual({f"'logon' '10.9.8.7' {ascii(self.user(ident))} {ascii('CORP' + chr(92) + 'WS1')}" for ident in range(400)}, seen())
+        self.assertEqual({f"'logon' '10.9.8.7' {ascii(self.user(ident))} {ascii('CORP' + chr(92) + 'WS1')}" for ident in range(500)}, seen())
 
 
 if __name__ == "__main__":
