@@ -13,10 +13,8 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <spawn.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -31,15 +29,12 @@
 #include <thread>
 #include <vector>
 
+#include "bench/processes.h"
+
 namespace {
 
 namespace fs = std::filesystem;
 constexpr const char* ServerAddress = "127.44.0.1";  // a loopback address of its own: the agent's ports are fixed
-
-[[noreturn]] void Fail(const std::string& what) {
-    std::fprintf(stderr, "bench_end_to_end: %s: %s\n", what.c_str(), std::strerror(errno));
-    std::exit(1);
-}
 
 // What the server process tells the driver, in shared memory.
 struct TALLY {
@@ -49,11 +44,6 @@ struct TALLY {
     std::atomic<bool> hold{false};  // the first answer waits until this is false: the import shall not be measured
     unsigned char firstRequest[65536];
 };
-
-long NowNs() {
-    return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
-        .count();
-}
 
 // One connection, plain or TLS, that reads and writes whole buffers.
 class LINK {
@@ -180,17 +170,6 @@ double BareRate(bool secure, const TALLY& agents, long count, TALLY& tally) {
     return Rate(tally);
 }
 
-void Run(const std::vector<std::string>& words) {
-    std::vector<char*> arguments;
-    for (const std::string& word : words) arguments.push_back(const_cast<char*>(word.c_str()));
-    arguments.push_back(nullptr);
-    pid_t child = 0;
-    int status = 0;
-    if (posix_spawn(&child, arguments[0], nullptr, nullptr, arguments.data(), environ) != 0 ||
-        waitpid(child, &status, 0) != child || status != 0)
-        Fail(words[0] + " " + words[1]);
-}
-
 void WriteLogons(const std::string& file, long count) {
     std::ofstream xml(file);
     for (long i = 0; i < count; ++i) {
@@ -209,21 +188,6 @@ void WriteLogons(const std::string& file, long count) {
     }
 }
 
-template <typename CONDITION>
-void Await(CONDITION condition, const char* what) {
-    for (int i = 0; i < 12000; ++i) {
-        if (condition()) return;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    errno = ETIMEDOUT;
-    Fail(what);
-}
-
-bool FileHas(const std::string& file, const std::string& text) {
-    std::ifstream in(file);
-    return std::string(std::istreambuf_iterator<char>(in), {}).find(text) != std::string::npos;
-}
-
 // Runs the agent over `count` logons; the server's tally then holds its rate and the bytes of one request.
 void RunAgent(const std::string& bin, bool secure, long count, TALLY& tally) {
     const std::string root = fs::temp_directory_path() / ("keldwick-bench-" + std::to_string(getpid()));
@@ -233,9 +197,7 @@ void RunAgent(const std::string& bin, bool secure, long count, TALLY& tally) {
     Run({ctl, "init", "--server", ServerAddress, "--protocol", secure ? "tcps" : "tcp"});
     Run({ctl, "events", "write", "--id", "4608", "--", "-"});
     WriteLogons(xml, count);
-    pid_t agent = 0;
-    char* arguments[] = {const_cast<char*>(agentPath.c_str()), const_cast<char*>("-A"), nullptr};
-    if (posix_spawn(&agent, agentPath.c_str(), nullptr, nullptr, arguments, environ) != 0) Fail("starting the agent");
+    const pid_t agent = Start({agentPath, "-A"});
     Await([&] { return FileHas(root + "/Keldwick.log", "PositionToEnd: FORWARDS"); }, "the agent follows the log");
     tally.hold = true;
     Run({ctl, "events", "import", xml});

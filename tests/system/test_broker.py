@@ -1,0 +1,100 @@
+"""The way of the reports into a Redis stream and out of it, by the examples that the package ships."""
+import contextlib
+import json
+import os
+import signal
+import socket
+import subprocess
+import unittest
+
+from machine import BIN, MachineTest
+from wire import encode
+
+EXAMPLES = os.path.realpath(f"{os.path.dirname(__file__)}/../../packaging/examples")
+
+
+class Broker(MachineTest):
+    address = "127.47.0.1"
+
+    @staticmethod
+    def user(ident):
+        return f"CORP\\{ident} '\" \\ \u202e\n"
+
+    def begin(self, *words, output=subprocess.DEVNULL):
+        program = subprocess.Popen(words, stdout=output, stderr=subprocess.PIPE, text=True)
+        self.agents.append(program)
+        return program
+
+    def end(self, program, how=signal.SIGKILL):
+        program.send_signal(how)
+        program.communicate()
+        self.agents.remove(program)
+
+    def redis(self):
+        program = self.begin("redis-server", "--port", "0", "--unixsocket", f"{self.root}/redis", "--dir", self.root, "--save", "",
+                             "--appendonly", "yes")
+        self.until(lambda: self.ask("PING") == "PONG", "Redis answers")
+        return program
+
+    def ask(self, *words):
+        done = subprocess.run(["redis-cli", "-s", f"{self.root}/redis", *words], capture_output=True, text=True, timeout=10)
+        return done.stdout.strip()
+
+    def feed(self):
+        return self.begin(f"{EXAMPLES}/redis-feed.py", self.reports, f"unix://{self.root}/redis")
+
+    def report(self, first, last):
+        """keldwick-server writes these reports into the file, where it goes on."""
+        with open(self.reports, "ab") as output:
+            server = self.begin(f"{BIN}/keldwick-server", "--host", self.address, "--tls-port", "0", "--json", output=output)
+        self.assertIn("listening", server.stderr.readline())
+        with socket.create_connection((self.address, 1306)) as link:
+            for ident in range(first, last):
+                link.sendall(encode(ident, "10.9.8.7", (self.user(ident), "", ""), ("CORP\\WS1", "", "")))
+                self.assertEqual(14, len(link.recv(14, socket.MSG_WAITALL)))
+        self.end(server, signal.SIGTERM)
+
+    def streamed(self):
+        """The IDs in the stream."""
+        return [json.loads(line)["id"] for line in self.ask("XRANGE", "keldwick", "-", "+").splitlines() if line.startswith("{")]
+
+    def test_each_report_comes_once_whoever_is_killed(self):
+        self.reports = f"{self.root}/reports"
+        feed = self.feed()
+        self.assertIn("trying again", feed.stderr.readline())  # neither the file nor Redis is there
+        redis = self.redis()
+        self.report(0, 100)
+        self.until(lambda: len(self.streamed()) == 100, "reports of a feed that was first")
+        self.end(feed)
+        self.report(100, 200)
+        os.rename(self.reports, self.reports + ".1")
+        self.report(200, 300)
+        feed = self.feed()
+        self.until(lambda: len(self.streamed()) == 300, "reports of two files, of before the feed was started again")
+        self.end(redis)
+        self.report(300, 400)
+        self.redis()
+        self.until(lambda: len(self.streamed()) >= 400, "reports of while Redis was away")
+        self.feed()
+        self.until(lambda: self.ask("CLIENT", "LIST").count("id=") == 3, "two feeds beside this one who asks")
+        self.report(400, 500)
+        self.until(lambda: len(self.streamed()) >= 500, "reports of two feeds at once")
+        self.assertEqual(list(range(500)), self.streamed())
+
+        def seen():
+            texts = [open(f"{self.root}/{each}", encoding="utf-8") for each in os.listdir(self.root) if each.startswith("seen")]
+            with contextlib.ExitStack() as stack:  # the last line of a killed one may not be whole
+                return {line.rstrip("\n") for text in texts for line in stack.enter_context(text) if line.endswith("\n")}
+
+        for enough in (50, 500):
+            with open(f"{self.root}/seen{enough}", "wb") as output:
+                consumer = self.begin(f"{EXAMPLES}/redis-consumer.py", f"unix://{self.root}/redis", output=output)
+            self.until(lambda: len(seen()) >= enough, "reports at the consumer")
+            if enough == 500:
+                self.until(lambda: self.ask("XPENDING", "keldwick", "example").startswith("0"), "acknowledgements")
+            self.end(consumer)
+        self.assertEqual({f"'logon' '10.9.8.7' {ascii(self.user(ident))} {ascii('CORP' + chr(92) + 'WS1')}" for ident in range(500)}, seen())
+
+
+if __name__ == "__main__":
+    unittest.main()
