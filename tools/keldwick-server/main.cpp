@@ -9,6 +9,7 @@
 #include <exception>
 
 #include "tools/common/safe_text.h"
+#include "tools/keldwick-server/report_lines.h"
 #include "tools/keldwick-server/server.h"
 
 namespace tools {
@@ -40,7 +41,7 @@ std::optional<int> ParseArguments(int count, char** texts, ARGUMENTS& arguments)
     app.add_option("--key", arguments.server.keyFile, "its private key (PEM), when it is not in the same file")
         ->needs(certificate);
     app.add_option("--status", arguments.server.status, "status in every answer")->capture_default_str();
-    app.add_flag("--json", arguments.json, "print each request as a JSON object");
+    app.add_flag("--json", arguments.json, "print each request as a JSON object: its fields, when it came, from where");
     try {
         app.parse(count, texts);
         if (tcpPort == 0 && tlsPort == 0) throw CLI::ValidationError("both ports are 0: there is nothing to serve");
@@ -69,8 +70,8 @@ class PRINTER {
 public:
     explicit PRINTER(bool asJson) : json(asJson) {}
 
-    void operator()(const REQUEST& request) {
-        const std::string line = (json ? JsonLine(request) : TextLine(request)) + '\n';
+    void operator()(const CONNECTION& from, const REPORT& report) {
+        const std::string line = (json ? JsonLine(from, report) : TextLine(report.request)) + '\n';
         const bool written = std::fwrite(line.data(), 1, line.size(), stdout) == line.size();
         if (std::fflush(stdout) == 0 && written) return;
         if (!failed) Complain(std::string("cannot print requests: ") + std::strerror(errno));
@@ -87,7 +88,9 @@ int Serve(int count, char** texts) {
     ARGUMENTS arguments;
     if (const std::optional<int> code = ParseArguments(count, texts, arguments)) return *code;
     const win32::DESCRIPTOR stop = StopDescriptor();
-    SERVER server({PRINTER(arguments.json), Complain});
+    SERVER server({{}, PRINTER(arguments.json), [](const CONNECTION& from, const ENDING& end) {
+                       if (!end.complaint.empty()) Complain(from.Peer() + ": " + end.complaint);
+                   }});
     std::string error;
     if (!stop) error = std::string("cannot receive signals: ") + std::strerror(errno);
     if (!stop || !server.Open(arguments.server, error)) {

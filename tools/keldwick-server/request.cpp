@@ -3,12 +3,7 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
-#include <nlohmann/json.hpp>
-
-#include "tools/common/safe_text.h"
-#include "win32/text/utf.h"
 
 namespace tools {
 namespace {
@@ -175,7 +170,7 @@ void REQUEST_READER::Append(std::span<const uint8_t> bytes) {
     held.insert(held.end(), bytes.begin(), bytes.end());
 }
 
-PARSED REQUEST_READER::Next(REQUEST& request) {
+PARSED REQUEST_READER::Next(REQUEST& request, std::vector<uint8_t>* bytes) {
     if (Held() < std::max<size_t>(wanted, 1)) {
         if (start != 0) {  // only the beginning of a request is left: it moves to the front
             held.erase(held.begin(), held.begin() + static_cast<std::ptrdiff_t>(start));
@@ -184,7 +179,12 @@ PARSED REQUEST_READER::Next(REQUEST& request) {
         return PARSED::Incomplete;
     }
     const PARSED result = ParseRequest(std::span(held).subspan(start), request, wanted, reason);
-    if (result == PARSED::Incomplete) return Next(request);
+    if (result == PARSED::Incomplete) return Next(request, bytes);
+    if (bytes != nullptr && result != PARSED::Incomplete) {
+        const auto first = held.begin() + static_cast<std::ptrdiff_t>(start);
+        bytes->assign(first,
+                      result == PARSED::Whole ? first + static_cast<std::ptrdiff_t>(request.length) : held.end());
+    }
     if (result == PARSED::Whole) {
         start += request.length;
         wanted = 0;
@@ -203,65 +203,6 @@ void AppendAnswer(uint32_t id, uint32_t status, std::vector<uint8_t>& bytes) {
     AppendBigEndian(AnswerCode, 2, bytes);
     AppendBigEndian(id, 4, bytes);
     AppendBigEndian(status, 4, bytes);
-}
-
-namespace {
-
-// Within quotes the quote that ends a name is escaped, too.
-std::string Quoted(const std::u16string& text) {
-    std::string bytes = SafeText(win32::ToUtf8(text));
-    for (size_t at = 0; (at = bytes.find('"', at)) != bytes.npos;) bytes.replace(at, 1, "\\u0022");
-    return '"' + bytes + '"';
-}
-
-const char* KindName(REQUEST::KIND kind) {
-    switch (kind) {
-        case REQUEST::KIND::Logon:
-            return "logon";
-        case REQUEST::KIND::Heartbeat:
-            return "heartbeat";
-        case REQUEST::KIND::Logoff:
-            break;
-    }
-    return "logoff";
-}
-
-void AppendName(const char* label, const std::u16string& name, const std::u16string& dn, std::string& line) {
-    if (name.empty()) return;
-    line += std::string("  ") + label + ' ' + Quoted(name);
-    if (!dn.empty()) line += " (" + Quoted(dn) + ')';
-}
-
-}  // namespace
-
-std::string TextLine(const REQUEST& request) {
-    char start[96];
-    std::snprintf(start, sizeof(start), "%-9s #%u  %s", KindName(request.kind), request.id,
-                  request.address.empty() ? "no address" : request.address.c_str());
-    std::string line = start;
-    AppendName("user", request.user, request.userDn, line);
-    AppendName("computer", request.computer, request.computerDn, line);
-    if (request.groupsStated != 0) line += "  groups " + std::to_string(request.groupsStated);
-    return line + "  " + std::to_string(request.length) + " bytes";
-}
-
-std::string JsonLine(const REQUEST& request) {
-    nlohmann::ordered_json line;
-    line["kind"] = KindName(request.kind);
-    line["id"] = request.id;
-    line["user"] = win32::ToUtf8(request.user);
-    line["user_dn"] = win32::ToUtf8(request.userDn);
-    line["user_ou"] = win32::ToUtf8(request.userOu);
-    line["computer"] = win32::ToUtf8(request.computer);
-    line["computer_dn"] = win32::ToUtf8(request.computerDn);
-    line["computer_ou"] = win32::ToUtf8(request.computerOu);
-    line["address"] = request.address;
-    line["groups"] = nlohmann::ordered_json::array();
-    for (const GROUP& group : request.groups)
-        line["groups"].push_back({{"domain", win32::ToUtf8(group.domain)}, {"dn", win32::ToUtf8(group.dn)}});
-    line["os"] = {{"code", request.osCode}, {"major", request.osMajor}, {"minor", request.osMinor}};
-    line["length"] = request.length;
-    return SafeJson(line);
 }
 
 }  // namespace tools

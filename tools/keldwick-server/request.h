@@ -1,4 +1,4 @@
-// Requests: read from the bytes of one client, shown in a line, answered. Everything here comes from a stranger: a
+// Requests: read from the bytes of one client, answered. Everything here comes from a stranger: a
 // request is accepted only when each of its fields is what the protocol says, and memory is bounded.
 //
 // A request states its length modulo 65,536, so its end follows from its own structure, and the stated length must
@@ -49,8 +49,9 @@ public:
     // Adds what a client has sent.
     void Append(std::span<const uint8_t> bytes);
 
-    // The next request. After Malformed the reader is of no more use.
-    PARSED Next(REQUEST& request);
+    // The next request, and a copy of its bytes where they are wanted. After Malformed the reader is of no more use,
+    // and the bytes are all that it held.
+    PARSED Next(REQUEST& request, std::vector<uint8_t>* bytes = nullptr);
 
     const std::string& Reason() const { return reason; }
     size_t Held() const { return held.size() - start; }
@@ -61,12 +62,6 @@ private:
     size_t wanted = 0;  // bytes from there, below which looking is of no use
     std::string reason;
 };
-
-// The request in one line, without its end. For people: names in quotes, with everything escaped that could end the
-// line, move the cursor or turn the text round. For programs: one JSON object, valid UTF-8 whatever the names hold,
-// with the same characters escaped.
-std::string TextLine(const REQUEST& request);
-std::string JsonLine(const REQUEST& request);
 
 // The answer to a request: 14 bytes.
 constexpr size_t AnswerBytes = 14;

@@ -1,5 +1,6 @@
 #include "tools/keldwick-server/server.h"
 
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
@@ -30,23 +31,26 @@ size_t ClientLimit() {
     return static_cast<size_t>(limit.rlim_cur) - DescriptorsKept;
 }
 
-std::string NameOf(const sockaddr* address, socklen_t length) {
-    char host[NI_MAXHOST], port[NI_MAXSERV];
-    if (getnameinfo(address, length, host, sizeof(host), port, sizeof(port), NI_NUMERICHOST | NI_NUMERICSERV) != 0)
-        return "?";
-    return (address->sa_family == AF_INET6 ? '[' + std::string(host) + ']' : std::string(host)) + ':' + port;
+// The port of the address; its host as text.
+uint16_t Numeric(const sockaddr_storage& address, std::string& host) {
+    char text[INET6_ADDRSTRLEN] = "?";
+    const bool six = address.ss_family == AF_INET6;
+    const auto& in6 = reinterpret_cast<const sockaddr_in6&>(address);
+    const auto& in4 = reinterpret_cast<const sockaddr_in&>(address);
+    inet_ntop(address.ss_family, six ? static_cast<const void*>(&in6.sin6_addr) : &in4.sin_addr, text, sizeof(text));
+    host = text;
+    return ntohs(six ? in6.sin6_port : in4.sin_port);
 }
 
 uint16_t PortOf(int fd) {
     sockaddr_storage address{};
     socklen_t length = sizeof(address);
+    std::string host;
     if (getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) return 0;
-    return ntohs(address.ss_family == AF_INET6 ? reinterpret_cast<sockaddr_in6&>(address).sin6_port
-                                               : reinterpret_cast<sockaddr_in&>(address).sin_port);
+    return Numeric(address, host);
 }
 
-// A listening socket, or -1 with errno.
-// None: errno says why.
+// A listening socket. None: errno says why.
 win32::DESCRIPTOR NewListener(const addrinfo& address) {
     win32::DESCRIPTOR made(socket(address.ai_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     const int on = 1;
@@ -144,8 +148,14 @@ void SERVER::Accept(const LISTENER& listener) {
     }
     const int on = 1, fd = taken.Get();
     setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+    CONNECTION connection;
+    connection.number = ++connections;
+    connection.port = Numeric(address, connection.address);
+    connection.secure = listener.secure;
+    connection.since = std::chrono::system_clock::now();
+    if (output.connected) output.connected(connection);
     const auto added = clients.emplace(
-        fd, std::make_unique<CLIENT>(std::move(taken), NameOf(peer, length), listener.secure ? tls.get() : nullptr));
+        fd, std::make_unique<CLIENT>(std::move(taken), std::move(connection), listener.secure ? tls.get() : nullptr));
     Watch(fd, added.first->second->Wanted());
     if (clients.size() >= mostClients) WatchListeners(false);
 }
@@ -158,7 +168,7 @@ void SERVER::WatchListeners(bool on) {
 
 void SERVER::Serve(CLIENT& client) {
     const uint32_t before = client.Wanted();
-    if (!client.Serve(options.status, output.request)) {
+    if (!client.Serve(options.status, output.report)) {
         Drop(client.Descriptor());
         return;
     }
@@ -175,8 +185,9 @@ void SERVER::ServeBuffered() {
 
 void SERVER::Drop(int fd) {
     const auto client = clients.find(fd);
-    if (!client->second->Complaint().empty())
-        output.complaint(client->second->Peer() + ": " + client->second->Complaint());
+    ENDING end = client->second->End();
+    end.when = std::chrono::system_clock::now();
+    output.ended(client->second->Connection(), end);
     clients.erase(client);
     if (!accepting) WatchListeners(true);
 }

@@ -23,8 +23,9 @@ struct SERVER_OPTIONS {
 class SERVER {
 public:
     struct OUTPUT {
-        std::function<void(const REQUEST&)> request;
-        std::function<void(const std::string&)> complaint;  // about one client, in one line
+        std::function<void(const CONNECTION&)> connected;
+        CLIENT::SEEN report;
+        std::function<void(const CONNECTION&, const ENDING&)> ended;
     };
 
     explicit SERVER(OUTPUT where);
@@ -60,6 +61,7 @@ private:
     uint16_t tcpPort = 0, tlsPort = 0;
     win32::DESCRIPTOR poller;
     size_t mostClients = 0;
+    uint64_t connections = 0;  // so far
     bool accepting = true;
     std::vector<LISTENER> listeners;
     std::unordered_map<int, std::unique_ptr<CLIENT>> clients;  // by descriptor
