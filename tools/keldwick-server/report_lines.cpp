@@ -25,18 +25,6 @@ void AppendName(const char* label, const std::u16string& name, const std::u16str
 
 }  // namespace
 
-const char* KindName(REQUEST::KIND kind) {
-    switch (kind) {
-        case REQUEST::KIND::Logon:
-            return "logon";
-        case REQUEST::KIND::Heartbeat:
-            return "heartbeat";
-        case REQUEST::KIND::Logoff:
-            break;
-    }
-    return "logoff";
-}
-
 std::string IsoTime(TIME time) {
     const auto seconds = std::chrono::floor<std::chrono::seconds>(time);
     char fraction[8];

@@ -8,8 +8,6 @@
 
 namespace tools {
 
-const char* KindName(REQUEST::KIND kind);  // logon, logoff, heartbeat
-
 // 2026-11-16T08:00:12.345Z
 std::string IsoTime(TIME time);
 

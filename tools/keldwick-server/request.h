@@ -32,6 +32,8 @@ struct REQUEST {
     size_t length = 0;  // bytes on the wire
 };
 
+const char* KindName(REQUEST::KIND kind);  // logon, logoff, heartbeat
+
 // No request is longer: 65,535 groups of 120 bytes, or 20 names as long as names can be.
 constexpr size_t MaxRequestBytes = 8 * 1024 * 1024;
 
@@ -41,8 +43,18 @@ enum class PARSED {
     Malformed    // reason says what is wrong; the stream has no next request
 };
 
-// Looks at the first request in the bytes.
-PARSED ParseRequest(std::span<const uint8_t> bytes, REQUEST& request, size_t& wanted, std::string& reason);
+// One field of a request, for people who look at its bytes.
+struct FIELD {
+    const char* name;
+    size_t at, length;  // in bytes; of a text with its count
+    std::string value;  // UTF-8
+};
+constexpr size_t MaxFields = 1000;  // the fields after these are not told
+
+// Looks at the first request in the bytes. fields: receives those that were read, the wrong one of a malformed request
+// last.
+PARSED ParseRequest(std::span<const uint8_t> bytes, REQUEST& request, size_t& wanted, std::string& reason,
+                    std::vector<FIELD>* fields = nullptr);
 
 class REQUEST_READER {
 public:

@@ -18,6 +18,7 @@ struct SERVER_OPTIONS {
     std::optional<uint16_t> tcpPort, tlsPort;  // absent: not served; 0: the system chooses
     std::string certificateFile, keyFile;      // empty: a self-signed certificate of its own
     uint32_t status = 0;                       // in every answer
+    size_t otherDescriptors = 0;               // that other parts of the process may need
 };
 
 class SERVER {
