@@ -50,6 +50,19 @@ def decode(message):
     return fields
 
 
+def encode(ident, address, user=("", "", ""), computer=("", "", ""), groups=(), kind="logon"):
+    """One request of an IPv4 address with a user block and a computer block (name, DN, OU), as decode() reads it."""
+    def text(value):
+        units = value.encode("utf-16-le", "surrogatepass")
+        return struct.pack(">H", len(units) // 2) + units
+
+    body = struct.pack(">I", 0xFFE) + b"\x02\0\0\0\1\4" + socket.inet_aton(address) + b"\x13\1\2\5\x0c\x0a\0"
+    body += b"".join(map(text, (*computer, *user))) + struct.pack(">H", len(groups)) + (b"\0" if groups else b"")
+    body += b"".join(text(name) + text(dn) for name, dn in groups)
+    body += bytes([{"logon": 0x20, "heartbeat": 0x30, "logoff": 0x21}[kind]])
+    return struct.pack(">HHHI", len(body) + 10 & 0xFFFF, 3, 0x10, ident) + body
+
+
 def answer(ident, status=0, code=0x8010):
     return struct.pack(">HHHII", 14, 3, code, ident, status)
 

@@ -261,25 +261,26 @@ API_ANSWER API::Identities(const PARAMETERS& parameters, TIME now) {
     if (!by) return Problem(400, "sort must be since, heard, user, computer or address");
     if (order != "asc" && order != "desc") return Problem(400, "order must be asc or desc");
     const QUERY query{Cut(text("search", ""), MostSearch), *by, order == "desc"};
-    const std::vector<uint64_t>* const found = views.Find(picture, query, VIEWS::CLOCK::now());
-    if (found == nullptr) return Problem(503, "too many searches at once: ask again in a second");
-    JSON list = JSON::array();
+    const VIEWS::LIST* const list = views.Find(picture, query, VIEWS::CLOCK::now());
+    if (list == nullptr) return Problem(503, "too many searches at once: ask again in a second");
+    const std::vector<uint64_t>& found = list->numbers;
+    JSON rows = JSON::array();
     const bool brief = text("brief", "") == "1";
-    size_t at = static_cast<size_t>(std::min<unsigned long long>(*offset, found->size())), bytes = 0;
-    for (const size_t end = at + static_cast<size_t>(std::min<unsigned long long>(*limit, found->size() - at));
+    size_t at = static_cast<size_t>(std::min<unsigned long long>(*offset, found.size())), bytes = 0;
+    for (const size_t end = at + static_cast<size_t>(std::min<unsigned long long>(*limit, found.size() - at));
          at < end && bytes < EnoughBytes; ++at) {
-        const IDENTITY* const identity = picture.Identity((*found)[at]);
+        const IDENTITY* const identity = picture.Identity(found[at]);
         if (identity == nullptr && !brief) continue;
-        list.push_back(identity == nullptr ? JSON() : IdentityObject(picture, *identity, brief, now));
+        rows.push_back(identity == nullptr ? JSON() : IdentityObject(picture, *identity, brief, now));
         if (identity != nullptr && !brief) bytes += identity->bytes;
     }
     return Answer({{"time", IsoTime(now)},
-                   {"version", picture.Version()},
+                   {"version", list->version},
                    {"total", picture.Identities().size()},
-                   {"matching", found->size()},
+                   {"matching", found.size()},
                    {"offset", *offset},
-                   {"next", at < found->size() ? JSON(at) : JSON()},
-                   {"identities", std::move(list)}});
+                   {"next", at < found.size() ? JSON(at) : JSON()},
+                   {"identities", std::move(rows)}});
 }
 
 std::string API::FirstEvent(TIME now) const {

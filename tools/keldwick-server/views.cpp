@@ -74,31 +74,31 @@ void VIEWS::Make(const PICTURE& picture, VIEW& view, CLOCK::time_point now) {
     for (const IDENTITY& identity : picture.Identities())
         if (Matches(identity, words)) found.push_back(&identity);
     Sort(found, view.query);
-    view.numbers.clear();
-    view.numbers.reserve(found.size());
-    for (const IDENTITY* identity : found) view.numbers.push_back(identity->number);
-    view.version = picture.Version();
+    view.list.numbers.clear();
+    view.list.numbers.reserve(found.size());
+    for (const IDENTITY* identity : found) view.list.numbers.push_back(identity->number);
+    view.list.version = picture.Version();
     view.made = now;
     view.cost = CLOCK::now() - start;
     worked += view.cost;
 }
 
-const std::vector<uint64_t>* VIEWS::Find(const PICTURE& picture, const QUERY& query, CLOCK::time_point now) {
+const VIEWS::LIST* VIEWS::Find(const PICTURE& picture, const QUERY& query, CLOCK::time_point now) {
     const auto known = std::find_if(views.begin(), views.end(), [&](const VIEW& view) { return view.query == query; });
     if (known != views.end()) {
         views.splice(views.begin(), views, known);
         VIEW& view = views.front();
-        const bool good = view.version == picture.Version() ||
+        const bool good = view.list.version == picture.Version() ||
                           now - view.made < std::max<CLOCK::duration>(Fresh, CostShare * view.cost);
         if (!good && MayWork(now)) Make(picture, view, now);
-        return &view.numbers;
+        return &view.list;
     }
     if (!MayWork(now)) return nullptr;
     if (views.size() >= MostViews) views.pop_back();
     VIEW& view = views.emplace_front();
     view.query = query;
     Make(picture, view, now);
-    return &view.numbers;
+    return &view.list;
 }
 
 }  // namespace tools

@@ -26,15 +26,18 @@ class VIEWS {
 public:
     using CLOCK = std::chrono::steady_clock;
 
-    // The numbers of the identities in order; those removed since may be among them. Null: too much was asked for in
-    // this second. Valid until the next call.
-    const std::vector<uint64_t>* Find(const PICTURE& picture, const QUERY& query, CLOCK::time_point now);
+    struct LIST {
+        std::vector<uint64_t> numbers;  // of the identities in order; those removed since may be among them
+        uint64_t version = 0;           // of the picture that it was made of
+    };
+
+    // Null: too much was asked for in this second. Valid until the next call.
+    const LIST* Find(const PICTURE& picture, const QUERY& query, CLOCK::time_point now);
 
 private:
     struct VIEW {
         QUERY query;
-        std::vector<uint64_t> numbers;
-        uint64_t version = 0;
+        LIST list;
         CLOCK::time_point made;
         CLOCK::duration cost{};
     };

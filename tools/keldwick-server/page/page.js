@@ -236,7 +236,7 @@ async function showReport(report) {
   try {
     const one = await fetchJson("/api/reports/" + report.number);
     const head = element("thead", "", element("tr", "", element("th", "offset", "offset"), element("th", "", "field"),
-                                              element("th", "", "bytes"), element("th", "", "value")));
+                                              element("th", "bytes", "bytes"), element("th", "", "value")));
     showDetails(`${one.kind} #${one.number}`,
                 pairs([["came", clock(one.time)], ["from", `${peer(one.from)} (${one.from.transport}, connection ${one.from.connection})`],
                        ["refused", one.reason], ["answered with status", one.status], ["length", `${one.length} bytes`]]),
@@ -414,7 +414,7 @@ function showPart(name) {
 }
 
 function showKeys() {
-  const keys = [["/", "search"], ["Escape", "clear the search, close what is open"], ["↑ ↓ Page Home End", "move in the table"],
+  const keys = [["/", "search"], ["Escape", "clear the search and go to the table; close what is open"], ["↑ ↓ Page Home End", "move in the table"],
                 ["Enter", "all of the chosen identity"], ["r", "the last reports (Tab, Enter)"], ["t", "light, dark, as the system"],
                 ["?", "this list"]];
   showDetails("Keys", element("table", "", element("tbody", "", ...keys.map(([key, what]) =>
@@ -424,7 +424,7 @@ function showKeys() {
 function anyKey(event) {
   if (event.ctrlKey || event.altKey || event.metaKey || $("details").open) return;
   const typing = event.target === $("search");
-  if (typing && event.key === "Escape") { $("search").value = ""; search(); }
+  if (typing && event.key === "Escape") { $("search").value = ""; search(); $("scroller").focus(); }
   else if (typing && (event.key === "ArrowDown" || event.key === "Enter")) $("scroller").focus();
   else if (typing) return;
   else if (event.key === "/") { showPart("identities"); $("search").focus(); $("search").select(); }
