@@ -4,6 +4,7 @@ import itertools
 import json
 import os
 import shutil
+import signal
 import socket
 import struct
 import subprocess
@@ -21,7 +22,8 @@ class Browser:
         self.process = subprocess.Popen(
             ["chromium-headless-shell", "--headless", "--no-sandbox", "--disable-gpu", "--no-first-run",
              "--disable-background-networking", "--remote-debugging-port=0", "--force-color-profile=srgb",
-             f"--user-data-dir={self.folder}", "about:blank"], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+             f"--user-data-dir={self.folder}", "about:blank"], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+            start_new_session=True)
         try:
             self.connect()
         except BaseException:
@@ -56,7 +58,7 @@ class Browser:
     def close(self):
         if hasattr(self, "socket"):
             self.socket.close()
-        self.process.kill()
+        os.killpg(self.process.pid, signal.SIGKILL)  # Debian's program is a script that starts the browser
         self.process.wait()
         shutil.rmtree(self.folder, ignore_errors=True)
 
