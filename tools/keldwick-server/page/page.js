@@ -30,7 +30,7 @@ function ago(iso) {
 }
 
 const peer = (from) => (from.address.includes(":") ? `[${from.address}]` : from.address) + ":" + from.port;
-const number = (value) => value.toLocaleString("en");
+const number = new Intl.NumberFormat("en").format;
 
 async function fetchJson(path, signal) {
   const answer = await fetch(path, {signal});
@@ -130,7 +130,7 @@ function fillRow(made, row, index) {
                     : ["…", "", "", "", "", "", "", ""];
   texts.forEach((text, column) => {
     const cell = made.children[column], shown = visible(text);
-    if (cell.textContent !== shown) cell.textContent = shown;
+    if (cell.textContent !== shown) cell.textContent = cell.title = shown;
   });
 }
 
@@ -239,7 +239,7 @@ async function showReport(report) {
                                               element("th", "bytes", "bytes"), element("th", "", "value")));
     showDetails(`${one.kind} #${one.number}`,
                 pairs([["came", clock(one.time)], ["from", `${peer(one.from)} (${one.from.transport}, connection ${one.from.connection})`],
-                       ["refused", one.reason], ["answered with status", one.status], ["length", `${one.length} bytes`]]),
+                       ["refused", one.reason], ["answer's status", one.status], ["length", `${one.length} bytes`]]),
                 element("table", "fields", head, element("tbody", "", ...one.fields.map(fieldRow))));
   } catch (error) {
     showDetails(`${report.kind} #${report.number}`, element("p", "", error.message));
@@ -279,9 +279,11 @@ function reportItem(report) {
   return item;
 }
 
+// New ones come to the top, and as many leave at the end.
 function showReports() {
-  const known = new Map([...$("reports").children].map((item) => [item.dataset.number, item]));
-  $("reports").replaceChildren(...reports.list.map((report) => known.get(String(report.number)) || reportItem(report)));
+  const list = $("reports"), shown = Number(list.firstElementChild?.dataset.number ?? 0);
+  list.prepend(...reports.list.filter((report) => report.number > shown).map(reportItem));
+  while (list.childElementCount > REPORTS_SHOWN) list.lastElementChild.remove();
   reports.waiting = 0;
   showHeld();
 }
@@ -312,30 +314,41 @@ const sum = (second) => KINDS.reduce((all, [name]) => all + (second ? second[nam
 
 function takeSeconds(list) {
   for (const second of list) seconds.set(second.at, second);
-  const last = Math.max(...seconds.keys());
+  const last = Math.max(...seconds.keys()) - 1;  // the last one is not over yet
   for (const at of seconds.keys()) if (at < last - SECONDS) seconds.delete(at);
-  drawChart(last - 1);  // the last one is not over yet
+  if (last !== chart.last) drawChart(last);
+}
+
+// What asking for costs much is asked for when it changes.
+const chart = {last: 0, width: 0, height: 0, colors: {}};
+
+function measureChart() {
+  const canvas = $("chart"), ratio = devicePixelRatio || 1, style = getComputedStyle(document.documentElement);
+  chart.width = canvas.clientWidth;
+  chart.height = canvas.clientHeight;
+  canvas.width = chart.width * ratio;
+  canvas.height = chart.height * ratio;
+  canvas.getContext("2d").scale(ratio, ratio);
+  for (const name of ["line", "heartbeat", "logon", "logoff", "refused"]) chart.colors[name] = style.getPropertyValue("--" + name);
+  drawChart(chart.last);
 }
 
 function drawChart(last) {
-  const canvas = $("chart"), ratio = devicePixelRatio || 1, style = getComputedStyle(document.documentElement);
-  const width = canvas.clientWidth, height = canvas.clientHeight;
-  canvas.width = width * ratio;
-  canvas.height = height * ratio;
-  const draw = canvas.getContext("2d");
-  draw.scale(ratio, ratio);
+  const canvas = $("chart"), draw = canvas.getContext("2d"), {width, height} = chart;
+  chart.last = last;
+  draw.clearRect(0, 0, width, height);
   const peak = Math.max(1, ...[...seconds.values()].map(sum)), bar = width / SECONDS;
   for (let i = 0; i < SECONDS; ++i) {
     const second = seconds.get(last - SECONDS + 1 + i);
     let base = height - 1;
     for (const [name, kind] of second ? KINDS : []) {
       const tall = second[name] ? Math.max(1, second[name] / peak * (height - 2)) : 0;
-      draw.fillStyle = style.getPropertyValue("--" + kind);
+      draw.fillStyle = chart.colors[kind];
       draw.fillRect(i * bar, base - tall, Math.max(1, bar - 0.5), tall);
       base -= tall;
     }
   }
-  draw.fillStyle = style.getPropertyValue("--line");
+  draw.fillStyle = chart.colors.line;
   draw.fillRect(0, height - 1, width, 1);
   const rate = sum(seconds.get(last));
   $("rate").textContent = number(rate);
@@ -362,6 +375,7 @@ function live(text, className) {
 async function begin(event) {
   live("live", "on");
   seconds.clear();
+  $("reports").replaceChildren();
   reports.list = [];
   reports.newest = 0;
   table.shownVersion = 0;
@@ -398,7 +412,7 @@ function applyTheme() {
   root.dataset.theme = theme;
   root.toggleAttribute("data-dark", theme === "dark" || (theme === "auto" && systemDark.matches));
   $("theme").textContent = theme;
-  if (seconds.size) takeSeconds([]);
+  measureChart();
 }
 
 function nextTheme() {
@@ -471,7 +485,7 @@ function start() {
   list.addEventListener("focusin", () => holdReports(true));
   list.addEventListener("focusout", (event) => { if (!list.contains(event.relatedTarget)) holdReports(false); });
   document.addEventListener("keydown", anyKey);
-  addEventListener("resize", showTable);
+  addEventListener("resize", () => { measureChart(); showTable(); });
   showPart("identities");
   newView();
   listen();
