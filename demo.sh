@@ -1,8 +1,13 @@
 #!/usr/bin/env bash
 # Sets everything up and shows the main job: a small office logs on, the agent reports each logon to an identity server.
-# Needs Debian 12 and root or sudo (for packages); ends by itself and leaves nothing behind but build/.
+# Needs Debian 12 and root or sudo (for packages); ends by itself and leaves nothing behind but build/. `./demo.sh --page`
+# leaves the server's page running, for a browser, until Ctrl-C.
 set -euo pipefail
 cd "$(dirname "$0")"
+case "$*" in
+    '' | --page) page=${1:-} ;;
+    *) echo "usage: ./demo.sh [--page]" >&2 && exit 2 ;;
+esac
 
 step() { printf '\n== %s\n' "$1"; }
 # await TEXT FILE: waits until the text stands in the file, a minute at most.
@@ -42,7 +47,7 @@ step "A machine root with settings, and a logon from before the start, which is 
 "$bin/keldwickctl" settings list
 
 step "An identity server and the agent"
-"$bin/keldwick-server" --host "$host" --json >"$root/reports" 2>"$root/server-errors" &
+"$bin/keldwick-server" --host "$host" --json --http "$host:8306" >"$root/reports" 2>"$root/server-errors" &
 server=$!
 await "port 1306" "$root/server-errors"  # the agent would come again only after a minute
 "$bin/keldwick" -A 2>"$root/agent-errors" &
@@ -58,8 +63,16 @@ step "Stopping the agent through its Shutdown value"
 "$bin/keldwickctl" settings set Shutdown 1
 wait "$agent" && echo "The agent ended with exit code 0."
 agent=
-kill "$server" && wait "$server"
-server=
 
 step "What the agent logged about each event, and each report as the server got it"
 python3 demo/show.py "$root/Keldwick.log" "$root/reports"
+
+if [ "$page" = --page ]; then
+    step "The page: open http://$host:8306/ in a browser on this machine; Ctrl-C ends it"
+    trap 'exit 0' INT
+    wait "$server"
+else
+    kill "$server" && wait "$server"
+    server=
+    printf '\nTo look at it in a browser: ./demo.sh --page leaves the server running, with its page on http://%s:8306/\n' "$host"
+fi

@@ -9,6 +9,7 @@ pkg_check_modules(ICU REQUIRED IMPORTED_TARGET icu-uc icu-i18n)
 pkg_check_modules(SYSTEMD REQUIRED IMPORTED_TARGET libsystemd)
 pkg_check_modules(LDAP REQUIRED IMPORTED_TARGET ldap)
 pkg_check_modules(EVTX REQUIRED IMPORTED_TARGET libevtx)
+pkg_check_modules(HTTP REQUIRED IMPORTED_TARGET libmicrohttpd)
 
 # The headers in win32/include stand for the system's.
 add_library(windows_headers INTERFACE)
@@ -47,6 +48,12 @@ keldwick_folder(tool_common tools/common)
 keldwick_folder(tool_feed tools/feed)
 keldwick_folder(ctl_commands tools/keldwickctl)
 keldwick_folder(server_parts tools/keldwick-server)
+set(page_folder ${PROJECT_SOURCE_DIR}/tools/keldwick-server/page)
+add_custom_command(OUTPUT ${PROJECT_BINARY_DIR}/page_files.cpp
+  COMMAND ${CMAKE_COMMAND} -DFOLDER=${page_folder} -DOUTPUT=${PROJECT_BINARY_DIR}/page_files.cpp
+    -P ${PROJECT_SOURCE_DIR}/cmake/page_files.cmake
+  DEPENDS cmake/page_files.cmake ${page_folder}/index.html ${page_folder}/page.css ${page_folder}/page.js)
+target_sources(server_parts PRIVATE ${PROJECT_BINARY_DIR}/page_files.cpp)
 
 get_property(libraries GLOBAL PROPERTY KELDWICK_LIBRARIES)
 foreach(library ${libraries})
@@ -71,7 +78,7 @@ if(TARGET ctl_commands)
   target_link_libraries(ctl_commands PUBLIC tool_feed PkgConfig::EVTX CLI11::CLI11)
 endif()
 if(TARGET server_parts)
-  target_link_libraries(server_parts PUBLIC tool_common OpenSSL::SSL OpenSSL::Crypto CLI11::CLI11)
+  target_link_libraries(server_parts PUBLIC tool_common PkgConfig::HTTP OpenSSL::SSL OpenSSL::Crypto CLI11::CLI11)
 endif()
 keldwick_program(keldwick src/service keldwick_all)
 keldwick_program(keldwickctl tools/keldwickctl ctl_commands)

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "request_bytes.h"
+#include "tools/keldwick-server/report_lines.h"
 
 namespace tools {
 namespace {
@@ -29,8 +30,11 @@ TEST(RequestReader, FindsEveryField) {
               R"("computer":"CORP\\WS1","computer_dn":"CN=WS1","computer_ou":"OU=Desks","address":"10.0.0.5",)"
               R"("groups":[{"domain":"CORP\\Staff","dn":"CN=Staff"},{"domain":"CORP\\All","dn":"CN=All"}],)"
               R"("os":{"code":12,"major":10,"minor":0},"length":)" +
-                  std::to_string(FullRequest().Get().size()) + "}",
-              JsonLine(read.request));
+                  std::to_string(FullRequest().Get().size()) +
+                  R"(,"time":"2026-11-16T08:00:12.045Z","from":{"address":"fe80::1","port":4711,"connection":7,)"
+                  R"("transport":"tls","connected":"1970-01-01T00:00:01.000Z"},"status":5})",
+              JsonLine({7, "fe80::1", 4711, true, TIME(std::chrono::seconds(1))},
+                       {read.request, {}, TIME(std::chrono::milliseconds(1'794'816'012'045)), 5}));
 
     REQUEST_BYTES bare;
     EXPECT_EQ(34u, bare.Get().size());
@@ -146,9 +150,9 @@ TEST(ReportLine, NamesCanNeitherBreakTheLineNorTheJson) {
         "logon     #0  10.0.0.5  user \"a\\u0022\\u000a\\u000d\\u001b[2J\\u0085\\u2028\\u202e\xEF\xBF\xBD"
         "\xF0\x9F\x98\x80\xC3\xA4\"  99 bytes",
         TextLine(request));
-    EXPECT_NE(std::string::npos,
-              JsonLine(request).find("\"user\":\"a\\\"\\n\\r\\u001b[2J\\u0085\\u2028\\u202e\xEF\xBF\xBD"
-                                     "\xF0\x9F\x98\x80\xC3\xA4\""));
+    EXPECT_NE(std::string::npos, JsonLine({}, {request, {}, {}})
+                                     .find("\"user\":\"a\\\"\\n\\r\\u001b[2J\\u0085\\u2028\\u202e\xEF\xBF\xBD"
+                                           "\xF0\x9F\x98\x80\xC3\xA4\""));
 }
 
 }  // namespace

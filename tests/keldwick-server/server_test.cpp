@@ -34,8 +34,16 @@ BYTES Request(uint32_t id) {
 class RUNNING {
 public:
     explicit RUNNING(uint32_t status = 0)
-        : server({[this](const REQUEST& request) { ids.push_back(request.id); },
-                  [this](const std::string& line) { complaints.push_back(line); }}) {
+        : server({[this](const CONNECTION& from) { EXPECT_EQ(++connections, from.number); },
+                  [this](const CONNECTION& from, const REPORT& report) {
+                      ids.push_back(report.request.id);
+                      EXPECT_EQ("127.0.0.1", from.address);
+                      EXPECT_EQ(report.request.length, report.bytes.size());
+                  },
+                  [this](const CONNECTION& from, const ENDING& end) {
+                      if (!end.complaint.empty()) complaints.push_back(from.Peer() + ": " + end.complaint);
+                      if (end.refused) ++refusals;
+                  }}) {
         std::signal(SIGPIPE, SIG_IGN);
         SERVER_OPTIONS options;
         options.tcpPort = options.tlsPort = 0;
@@ -52,8 +60,9 @@ public:
     }
     int TcpPort() const { return server.TcpPort(); }
     int TlsPort() const { return server.TlsPort(); }
-    std::vector<uint32_t> ids;            // after Stop
-    std::vector<std::string> complaints;  // likewise
+    std::vector<uint32_t> ids;             // after Stop
+    std::vector<std::string> complaints;   // likewise
+    size_t connections = 0, refusals = 0;  // likewise
 
 private:
     SERVER server;
@@ -167,7 +176,13 @@ TEST(Server, StrangersDisturbNobodyElse) {
     EXPECT_TRUE(good.Hear(1).empty()) << "and the connection ends";
     server.Stop();
     EXPECT_EQ(2 * strange.size() + 1, server.ids.size());
-    for (const std::string& complaint : server.complaints) EXPECT_EQ(0u, complaint.find("127.0.0.1:")) << complaint;
+    size_t unreadable = 0;
+    for (const std::string& complaint : server.complaints) {
+        EXPECT_EQ(0u, complaint.find("127.0.0.1:")) << complaint;
+        for (const char* sign : {": malformed request: ", ": TLS: "})
+            unreadable += complaint.find(sign) != complaint.npos;
+    }
+    EXPECT_EQ(unreadable, server.refusals) << "who just ended is not refused";
     EXPECT_THAT(server.complaints.back(), testing::HasSubstr("malformed request: the format is not 3"));
 }
 
@@ -178,10 +193,10 @@ TEST(Server, AHandshakeThatStopsHalfwayIsNotServedInCircles) {
     int ends[2];
     ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends));
     const DESCRIPTOR stranger(ends[1]);
-    CLIENT client(DESCRIPTOR{ends[0]}, "stranger", context.get());
+    CLIENT client(DESCRIPTOR{ends[0]}, {}, context.get());
     const std::string half("\x16\x03\x01\0\x50\1\0\0", 8);
     ASSERT_EQ(8, send(stranger.Get(), half.data(), half.size(), 0));
-    EXPECT_TRUE(client.Serve(0, [](const REQUEST&) {}));
+    EXPECT_TRUE(client.Serve(0, [](const CONNECTION&, const REPORT&) {}));
     EXPECT_FALSE(client.HasBuffered());
 }
 

@@ -18,8 +18,8 @@ constexpr size_t MaxAnswersWaiting = 64 * 1024;  // a client that does not take 
 
 }  // namespace
 
-CLIENT::CLIENT(win32::DESCRIPTOR descriptor, std::string peerName, SSL_CTX* context)
-    : socket(std::move(descriptor)), peer(std::move(peerName)), shaken(context == nullptr) {
+CLIENT::CLIENT(win32::DESCRIPTOR descriptor, CONNECTION whose, SSL_CTX* context)
+    : socket(std::move(descriptor)), connection(std::move(whose)), shaken(context == nullptr) {
     if (context == nullptr) return;
     session.reset(SSL_new(context));
     if (session && SSL_set_fd(session.get(), socket.Get()) == 1)
@@ -29,14 +29,14 @@ CLIENT::CLIENT(win32::DESCRIPTOR descriptor, std::string peerName, SSL_CTX* cont
 }
 
 CLIENT::~CLIENT() {
-    if (session && shaken && complaint.empty()) SSL_shutdown(session.get());
+    if (session && shaken && end.complaint.empty()) SSL_shutdown(session.get());
     ERR_clear_error();
 }
 
-bool CLIENT::Serve(uint32_t status, const std::function<void(const REQUEST&)>& seen) {
+bool CLIENT::Serve(uint32_t status, const SEEN& seen) {
     static std::array<uint8_t, ReadBytes> buffer;  // one thread serves all clients
     if (!shaken && !session) return false;
-    if (!shaken && !Handshake()) return complaint.empty();
+    if (!shaken && !Handshake()) return end.complaint.empty();
     stalled = false;
     bool goesOn = Flush();
     for (int round = 0; goesOn && !ended && !stalled && round < MaxReadsPerRound; ++round) {
@@ -51,9 +51,9 @@ bool CLIENT::Serve(uint32_t status, const std::function<void(const REQUEST&)>& s
         if (!session && count < buffer.size()) stalled = true;
         if (session && SSL_has_pending(session.get()) == 0) stalled = true;
     }
-    for (const REQUEST& request : requests) seen(request);
-    requests.clear();
-    if (ended && complaint.empty() && reader.Held() != 0) complaint = "ended in the middle of a request";
+    for (REPORT& report : reports) seen(connection, std::move(report));
+    reports.clear();
+    if (ended && end.complaint.empty() && reader.Held() != 0) end.complaint = "ended in the middle of a request";
     return goesOn && !(ended && answers.empty());
 }
 
@@ -64,7 +64,7 @@ uint32_t CLIENT::Wanted() const {
     return wanted;
 }
 
-// Whether it is done. Otherwise it goes on later, or the complaint says why not.
+// Whether it is done. Otherwise it goes on later, or the end.complaint says why not.
 bool CLIENT::Handshake() {
     ERR_clear_error();
     switch (TlsResult(SSL_do_handshake(session.get()))) {
@@ -74,7 +74,7 @@ bool CLIENT::Handshake() {
         case RESULT::Stalled:
             break;
         case RESULT::Over:
-            if (complaint.empty()) complaint = "ended in the TLS handshake";
+            if (end.complaint.empty()) end.complaint = "ended in the TLS handshake";
             break;
     }
     return false;
@@ -87,7 +87,7 @@ CLIENT::RESULT CLIENT::Read(uint8_t* buffer, size_t capacity, size_t& count) {
     }
     const ssize_t got = recv(socket.Get(), buffer, capacity, 0);
     if (got < 0 && (errno == EAGAIN || errno == EINTR)) return RESULT::Stalled;
-    if (got < 0) complaint = std::strerror(errno);
+    if (got < 0) end.complaint = std::strerror(errno);
     count = got > 0 ? static_cast<size_t>(got) : 0;
     return got > 0 ? RESULT::Some : RESULT::Over;
 }
@@ -99,7 +99,7 @@ CLIENT::RESULT CLIENT::Write(const uint8_t* bytes, size_t length, size_t& count)
     }
     const ssize_t sent = send(socket.Get(), bytes, length, MSG_NOSIGNAL);
     if (sent < 0 && (errno == EAGAIN || errno == EINTR)) return RESULT::Stalled;
-    if (sent < 0) complaint = std::strerror(errno);
+    if (sent < 0) end.complaint = std::strerror(errno);
     count = sent > 0 ? static_cast<size_t>(sent) : 0;
     return sent > 0 ? RESULT::Some : RESULT::Over;
 }
@@ -117,13 +117,13 @@ CLIENT::RESULT CLIENT::TlsResult(int result) {
         case SSL_ERROR_ZERO_RETURN:
             return RESULT::Over;
         case SSL_ERROR_SYSCALL:
-            if (savedErrno != 0) complaint = std::strerror(savedErrno);
+            if (savedErrno != 0) end.complaint = std::strerror(savedErrno);
             return RESULT::Over;
         default: {
             const unsigned long error = ERR_peek_error();
             if (ERR_GET_REASON(error) == SSL_R_UNEXPECTED_EOF_WHILE_READING && shaken) return RESULT::Over;
             const char* reason = ERR_reason_error_string(error);
-            complaint = std::string("TLS: ") + (reason != nullptr ? reason : "unknown failure");
+            Refuse(std::string("TLS: ") + (reason != nullptr ? reason : "unknown failure"));
             return RESULT::Over;
         }
     }
@@ -132,17 +132,25 @@ CLIENT::RESULT CLIENT::TlsResult(int result) {
 // Takes every whole request out of the reader and sends the answers. False: the connection is over.
 bool CLIENT::Answer(uint32_t status) {
     for (;;) {
-        REQUEST request;
-        const PARSED result = reader.Next(request);
+        REPORT report;
+        const PARSED result = reader.Next(report.request, &report.bytes);
         if (result == PARSED::Incomplete) return Flush();
         if (result == PARSED::Malformed) {
             Flush();
-            complaint = "malformed request: " + reader.Reason();
+            end.bytes = std::move(report.bytes);
+            Refuse("malformed request: " + reader.Reason());
             return false;
         }
-        AppendAnswer(request.id, status, answers);
-        requests.push_back(std::move(request));
+        AppendAnswer(report.request.id, status, answers);
+        report.when = std::chrono::system_clock::now();
+        report.status = status;
+        reports.push_back(std::move(report));
     }
+}
+
+void CLIENT::Refuse(std::string why) {
+    end.complaint = std::move(why);
+    end.refused = true;
 }
 
 bool CLIENT::Flush() {

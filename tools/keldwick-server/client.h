@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/keldwick-server/request.h"
+#include "tools/keldwick-server/report.h"
 #include "win32/sync/descriptor.h"
 
 namespace tools {
@@ -21,21 +21,23 @@ struct SSL_FREER {
 class CLIENT {
 public:
     // The descriptor must be non-blocking. context: null for plain TCP.
-    CLIENT(win32::DESCRIPTOR descriptor, std::string peerName, SSL_CTX* context);
+    CLIENT(win32::DESCRIPTOR descriptor, CONNECTION whose, SSL_CTX* context);
     ~CLIENT();
     CLIENT(const CLIENT&) = delete;
     CLIENT& operator=(const CLIENT&) = delete;
 
+    using SEEN = std::function<void(const CONNECTION&, REPORT&&)>;
+
     // Reads a bounded amount, answers every whole request with the status, and hands each to `seen` once its answer is
-    // on the way. False: the connection is over; Complaint says why when it did not just end.
-    bool Serve(uint32_t status, const std::function<void(const REQUEST&)>& seen);
+    // on the way. False: the connection is over; End says why when it did not just end.
+    bool Serve(uint32_t status, const SEEN& seen);
 
     // What to wait for, as epoll's bits.
     uint32_t Wanted() const;
 
     int Descriptor() const { return socket.Get(); }
-    const std::string& Peer() const { return peer; }
-    const std::string& Complaint() const { return complaint; }
+    const CONNECTION& Connection() const { return connection; }
+    const ENDING& End() const { return end; }
 
     // Whether there is something to do although the descriptor may not say so.
     bool HasBuffered() const { return session && shaken && !stalled && SSL_has_pending(session.get()) == 1; }
@@ -47,20 +49,21 @@ private:
     RESULT Read(uint8_t* buffer, size_t capacity, size_t& count);
     RESULT Write(const uint8_t* bytes, size_t length, size_t& count);
     RESULT TlsResult(int result);
+    void Refuse(std::string why);
     bool Answer(uint32_t status);
     bool Flush();
 
     const win32::DESCRIPTOR socket;
-    const std::string peer;
+    const CONNECTION connection;
     std::unique_ptr<SSL, SSL_FREER> session;
     bool shaken;           // the handshake is done, or none is needed
     bool stalled = false;  // the last read found nothing more
     bool ended = false;    // the client sends nothing more
     bool tlsWantsRoom = false;
-    std::string complaint;
     REQUEST_READER reader;
     std::vector<uint8_t> answers;
-    std::vector<REQUEST> requests;  // of this round
+    std::vector<REPORT> reports;  // of this round
+    ENDING end;
 };
 
 }  // namespace tools

@@ -7,8 +7,11 @@
 #include <cstdio>
 #include <cstring>
 #include <exception>
+#include <optional>
 
 #include "tools/common/safe_text.h"
+#include "tools/keldwick-server/page.h"
+#include "tools/keldwick-server/report_lines.h"
 #include "tools/keldwick-server/server.h"
 
 namespace tools {
@@ -20,7 +23,20 @@ constexpr int ExitUsage = 2;
 struct ARGUMENTS {
     SERVER_OPTIONS server;
     bool json = false;
+    std::string httpPlace;  // empty: no page
+    HTTP_OPTIONS http;
+    PICTURE_LIMITS picture;
 };
+
+// False: what stands for --http is no place.
+bool TakePlace(ARGUMENTS& arguments) {
+    if (arguments.httpPlace.empty()) return true;
+    auto place = ParseHttpPlace(arguments.httpPlace);
+    if (!place) return false;
+    place->names = std::move(arguments.http.names);
+    arguments.http = std::move(*place);
+    return true;
+}
 
 // Nothing: go on with the arguments; otherwise the exit code.
 std::optional<int> ParseArguments(int count, char** texts, ARGUMENTS& arguments) {
@@ -40,9 +56,21 @@ std::optional<int> ParseArguments(int count, char** texts, ARGUMENTS& arguments)
     app.add_option("--key", arguments.server.keyFile, "its private key (PEM), when it is not in the same file")
         ->needs(certificate);
     app.add_option("--status", arguments.server.status, "status in every answer")->capture_default_str();
-    app.add_flag("--json", arguments.json, "print each request as a JSON object");
+    app.add_flag("--json", arguments.json, "print each request as a JSON object: its fields, when it came, from where");
+    CLI::Option* const http =
+        app.add_option("--http", arguments.httpPlace,
+                       "port, or ADDRESS:PORT, of the page that shows who is where; it has no password");
+    app.add_option("--http-name", arguments.http.names, "a name of this machine that the page may be asked for by")
+        ->needs(http);
+    unsigned minutes = 32;
+    app.add_option("--time-to-live", minutes, "minutes until the page forgets an identity it does not hear of")
+        ->needs(http)
+        ->check(CLI::Range(1, 100'000))
+        ->capture_default_str();
     try {
         app.parse(count, texts);
+        if (!TakePlace(arguments)) throw CLI::ValidationError("--http: not a port, ADDRESS:PORT or [ADDRESS]:PORT");
+        arguments.picture.timeToLive = std::chrono::minutes(minutes);
         if (tcpPort == 0 && tlsPort == 0) throw CLI::ValidationError("both ports are 0: there is nothing to serve");
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? 0 : ExitUsage;
@@ -69,8 +97,8 @@ class PRINTER {
 public:
     explicit PRINTER(bool asJson) : json(asJson) {}
 
-    void operator()(const REQUEST& request) {
-        const std::string line = (json ? JsonLine(request) : TextLine(request)) + '\n';
+    void operator()(const CONNECTION& from, const REPORT& report) {
+        const std::string line = (json ? JsonLine(from, report) : TextLine(report.request)) + '\n';
         const bool written = std::fwrite(line.data(), 1, line.size(), stdout) == line.size();
         if (std::fflush(stdout) == 0 && written) return;
         if (!failed) Complain(std::string("cannot print requests: ") + std::strerror(errno));
@@ -83,20 +111,43 @@ private:
     bool failed = false;  // said once; answering goes on
 };
 
+// page: null when there is none.
+SERVER::OUTPUT Output(bool json, PAGE* page) {
+    SERVER::OUTPUT output;
+    output.connected = [page](const CONNECTION& from) {
+        if (page != nullptr) page->Connected(from);
+    };
+    output.report = [page, print = PRINTER(json)](const CONNECTION& from, REPORT&& report) mutable {
+        print(from, report);
+        if (page != nullptr) page->Reported(from, std::move(report));
+    };
+    output.ended = [page](const CONNECTION& from, const ENDING& end) {
+        if (!end.complaint.empty()) Complain(from.Peer() + ": " + end.complaint);
+        if (page != nullptr) page->Ended(from, end);
+    };
+    return output;
+}
+
 int Serve(int count, char** texts) {
     ARGUMENTS arguments;
     if (const std::optional<int> code = ParseArguments(count, texts, arguments)) return *code;
     const win32::DESCRIPTOR stop = StopDescriptor();
-    SERVER server({PRINTER(arguments.json), Complain});
+    std::optional<PAGE> page;
+    if (!arguments.httpPlace.empty()) {
+        page.emplace(arguments.picture);
+        arguments.server.otherDescriptors = PAGE::Descriptors;
+    }
+    SERVER server(Output(arguments.json, page ? &*page : nullptr));
     std::string error;
     if (!stop) error = std::string("cannot receive signals: ") + std::strerror(errno);
-    if (!stop || !server.Open(arguments.server, error)) {
+    if (!stop || !server.Open(arguments.server, error) || (page && !page->Open(arguments.http, Complain, error))) {
         Complain(error);
         return ExitFailed;
     }
     const std::string place = "listening on " + arguments.server.host + " port ";
     if (server.TcpPort() != 0) Complain(place + std::to_string(server.TcpPort()) + " (TCP)");
     if (server.TlsPort() != 0) Complain(place + std::to_string(server.TlsPort()) + " (TLS)");
+    if (page) Complain("the page is at " + page->Url());
     server.Run(stop.Get());
     return 0;
 }

@@ -1,4 +1,4 @@
-// Requests: read from the bytes of one client, shown in a line, answered. Everything here comes from a stranger: a
+// Requests: read from the bytes of one client, answered. Everything here comes from a stranger: a
 // request is accepted only when each of its fields is what the protocol says, and memory is bounded.
 //
 // A request states its length modulo 65,536, so its end follows from its own structure, and the stated length must
@@ -32,6 +32,8 @@ struct REQUEST {
     size_t length = 0;  // bytes on the wire
 };
 
+const char* KindName(REQUEST::KIND kind);  // logon, logoff, heartbeat
+
 // No request is longer: 65,535 groups of 120 bytes, or 20 names as long as names can be.
 constexpr size_t MaxRequestBytes = 8 * 1024 * 1024;
 
@@ -41,16 +43,27 @@ enum class PARSED {
     Malformed    // reason says what is wrong; the stream has no next request
 };
 
-// Looks at the first request in the bytes.
-PARSED ParseRequest(std::span<const uint8_t> bytes, REQUEST& request, size_t& wanted, std::string& reason);
+// One field of a request, for people who look at its bytes.
+struct FIELD {
+    const char* name;
+    size_t at, length;  // in bytes; of a text with its count
+    std::string value;  // UTF-8
+};
+constexpr size_t MaxFields = 1000;  // the fields after these are not told
+
+// Looks at the first request in the bytes. fields: receives those that were read, the wrong one of a malformed request
+// last.
+PARSED ParseRequest(std::span<const uint8_t> bytes, REQUEST& request, size_t& wanted, std::string& reason,
+                    std::vector<FIELD>* fields = nullptr);
 
 class REQUEST_READER {
 public:
     // Adds what a client has sent.
     void Append(std::span<const uint8_t> bytes);
 
-    // The next request. After Malformed the reader is of no more use.
-    PARSED Next(REQUEST& request);
+    // The next request, and a copy of its bytes where they are wanted. After Malformed the reader is of no more use,
+    // and the bytes are all that it held.
+    PARSED Next(REQUEST& request, std::vector<uint8_t>* bytes = nullptr);
 
     const std::string& Reason() const { return reason; }
     size_t Held() const { return held.size() - start; }
@@ -61,12 +74,6 @@ private:
     size_t wanted = 0;  // bytes from there, below which looking is of no use
     std::string reason;
 };
-
-// The request in one line, without its end. For people: names in quotes, with everything escaped that could end the
-// line, move the cursor or turn the text round. For programs: one JSON object, valid UTF-8 whatever the names hold,
-// with the same characters escaped.
-std::string TextLine(const REQUEST& request);
-std::string JsonLine(const REQUEST& request);
 
 // The answer to a request: 14 bytes.
 constexpr size_t AnswerBytes = 14;

@@ -1,7 +1,5 @@
 #include "tools/keldwick-server/server.h"
 
-#include <fcntl.h>
-#include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/epoll.h>
@@ -14,54 +12,29 @@
 #include <cstring>
 #include <utility>
 
+#include "tools/keldwick-server/sockets.h"
+
 namespace tools {
 namespace {
 
 constexpr size_t DescriptorsKept = 32;  // of the process's limit, for everything that is no client
 constexpr int RetryMs = 200;            // until accepting is tried again after the system had no descriptor left
 
-struct ADDRINFO_FREER {
-    void operator()(addrinfo* list) const { freeaddrinfo(list); }
-};
-
-size_t ClientLimit() {
+// others: descriptors that the process needs besides.
+size_t ClientLimit(size_t others) {
     rlimit limit{};
-    if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur <= 2 * DescriptorsKept) return DescriptorsKept;
-    return static_cast<size_t>(limit.rlim_cur) - DescriptorsKept;
-}
-
-std::string NameOf(const sockaddr* address, socklen_t length) {
-    char host[NI_MAXHOST], port[NI_MAXSERV];
-    if (getnameinfo(address, length, host, sizeof(host), port, sizeof(port), NI_NUMERICHOST | NI_NUMERICSERV) != 0)
-        return "?";
-    return (address->sa_family == AF_INET6 ? '[' + std::string(host) + ']' : std::string(host)) + ':' + port;
-}
-
-uint16_t PortOf(int fd) {
-    sockaddr_storage address{};
-    socklen_t length = sizeof(address);
-    if (getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) return 0;
-    return ntohs(address.ss_family == AF_INET6 ? reinterpret_cast<sockaddr_in6&>(address).sin6_port
-                                               : reinterpret_cast<sockaddr_in&>(address).sin_port);
-}
-
-// A listening socket, or -1 with errno.
-// None: errno says why.
-win32::DESCRIPTOR NewListener(const addrinfo& address) {
-    win32::DESCRIPTOR made(socket(address.ai_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    const int on = 1;
-    setsockopt(made.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
-    const bool listens =
-        bind(made.Get(), address.ai_addr, address.ai_addrlen) == 0 && listen(made.Get(), SOMAXCONN) == 0;
-    return listens ? std::move(made) : win32::DESCRIPTOR();
+    const size_t kept = DescriptorsKept + others;
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur <= 2 * kept) return DescriptorsKept;
+    return static_cast<size_t>(limit.rlim_cur) - kept;
 }
 
 }  // namespace
 
-SERVER::SERVER(OUTPUT where) : output(std::move(where)), mostClients(ClientLimit()) {}
+SERVER::SERVER(OUTPUT where) : output(std::move(where)) {}
 
 bool SERVER::Open(const SERVER_OPTIONS& wanted, std::string& error) {
     options = wanted;
+    mostClients = ClientLimit(options.otherDescriptors);
     poller = win32::DESCRIPTOR(epoll_create1(EPOLL_CLOEXEC));
     if (!poller) {
         error = std::string("cannot wait for sockets: ") + std::strerror(errno);
@@ -82,16 +55,9 @@ bool SERVER::Open(const SERVER_OPTIONS& wanted, std::string& error) {
 }
 
 bool SERVER::Listen(uint16_t port, bool secure, uint16_t& bound, std::string& error) {
-    addrinfo hints{}, *list = nullptr;
-    hints.ai_socktype = SOCK_STREAM;
-    hints.ai_flags = AI_PASSIVE | AI_NUMERICSERV;
-    const int result = getaddrinfo(options.host.c_str(), std::to_string(port).c_str(), &hints, &list);
-    if (result != 0) {
-        error = "cannot find host " + options.host + ": " + gai_strerror(result);
-        return false;
-    }
-    const std::unique_ptr<addrinfo, ADDRINFO_FREER> owner(list);
-    for (const addrinfo* one = list; one != nullptr; one = one->ai_next) {
+    const ADDRESSES list = FindAddresses(options.host, port, 0, error);
+    if (!list) return false;
+    for (const addrinfo* one = list.get(); one != nullptr; one = one->ai_next) {
         win32::DESCRIPTOR made = NewListener(*one);
         if (!made) {
             error = "cannot listen on " + options.host + " port " + std::to_string(port) + ": " + std::strerror(errno);
@@ -144,8 +110,14 @@ void SERVER::Accept(const LISTENER& listener) {
     }
     const int on = 1, fd = taken.Get();
     setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+    CONNECTION connection;
+    connection.number = ++connections;
+    connection.port = Numeric(address, connection.address);
+    connection.secure = listener.secure;
+    connection.since = std::chrono::system_clock::now();
+    output.connected(connection);
     const auto added = clients.emplace(
-        fd, std::make_unique<CLIENT>(std::move(taken), NameOf(peer, length), listener.secure ? tls.get() : nullptr));
+        fd, std::make_unique<CLIENT>(std::move(taken), std::move(connection), listener.secure ? tls.get() : nullptr));
     Watch(fd, added.first->second->Wanted());
     if (clients.size() >= mostClients) WatchListeners(false);
 }
@@ -158,7 +130,7 @@ void SERVER::WatchListeners(bool on) {
 
 void SERVER::Serve(CLIENT& client) {
     const uint32_t before = client.Wanted();
-    if (!client.Serve(options.status, output.request)) {
+    if (!client.Serve(options.status, output.report)) {
         Drop(client.Descriptor());
         return;
     }
@@ -175,8 +147,9 @@ void SERVER::ServeBuffered() {
 
 void SERVER::Drop(int fd) {
     const auto client = clients.find(fd);
-    if (!client->second->Complaint().empty())
-        output.complaint(client->second->Peer() + ": " + client->second->Complaint());
+    ENDING end = client->second->End();
+    end.when = std::chrono::system_clock::now();
+    output.ended(client->second->Connection(), end);
     clients.erase(client);
     if (!accepting) WatchListeners(true);
 }

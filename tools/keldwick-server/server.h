@@ -18,13 +18,15 @@ struct SERVER_OPTIONS {
     std::optional<uint16_t> tcpPort, tlsPort;  // absent: not served; 0: the system chooses
     std::string certificateFile, keyFile;      // empty: a self-signed certificate of its own
     uint32_t status = 0;                       // in every answer
+    size_t otherDescriptors = 0;               // that other parts of the process may need
 };
 
 class SERVER {
 public:
     struct OUTPUT {
-        std::function<void(const REQUEST&)> request;
-        std::function<void(const std::string&)> complaint;  // about one client, in one line
+        std::function<void(const CONNECTION&)> connected;
+        CLIENT::SEEN report;
+        std::function<void(const CONNECTION&, const ENDING&)> ended;
     };
 
     explicit SERVER(OUTPUT where);
@@ -60,6 +62,7 @@ private:
     uint16_t tcpPort = 0, tlsPort = 0;
     win32::DESCRIPTOR poller;
     size_t mostClients = 0;
+    uint64_t connections = 0;  // so far
     bool accepting = true;
     std::vector<LISTENER> listeners;
     std::unordered_map<int, std::unique_ptr<CLIENT>> clients;  // by descriptor

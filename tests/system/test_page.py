@@ -1,0 +1,235 @@
+"""The server's page in a real browser, and the server's HTTP side before clients that are no browser."""
+import http.client
+import json
+import socket
+import subprocess
+import time
+import unittest
+
+from browser import Browser
+from machine import BIN, PATIENCE
+from wire import encode
+
+HOST, PORT = "127.81.0.1", 8306
+HOSTILE = ("<img src=x onerror=\"window.hit=1\">", "<script>window.hit=2</script>", "\u202egnp.exe\u2066\u200b", "\"'&amp;${1}`\\",
+           "</span><b>bold", "javascript:window.hit=3")
+SHOWN = ("<img src=x onerror=\"window.hit=1\">", "<script>window.hit=2</script>", "\\u202egnp.exe\\u2066\\u200b", "\"'&amp;${1}`\\",
+         "</span><b>bold", "javascript:window.hit=3")
+
+
+class ServerTest(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.start()
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.stop()
+
+    @classmethod
+    def start(cls):
+        cls.server = subprocess.Popen([f"{BIN}/keldwick-server", "--host", HOST, "--tls-port", "0", "--http", f"{HOST}:{PORT}"],
+                                      stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
+        while "the page is at" not in (line := cls.server.stderr.readline()):
+            assert line, "the server has ended"
+
+    @classmethod
+    def stop(cls):
+        cls.server.terminate()
+        _, errors = cls.server.communicate(timeout=PATIENCE)
+        assert cls.server.returncode == 0, errors
+
+    def report(self, *requests):
+        """Sends the requests over one connection, which then ends; all are answered."""
+        with socket.create_connection((HOST, 1306), timeout=PATIENCE) as agent:
+            agent.sendall(b"".join(requests))
+            left = 14 * len(requests)
+            while left and (got := agent.recv(left)):
+                left -= len(got)
+        self.assertEqual(0, left)
+
+    def logon(self, number, kind="logon"):
+        name = f"user{number:05}"
+        return encode(number + 1, f"10.0.{number >> 8}.{number & 255}", (f"CORP\\{name}", f"CN={name},OU=People", "OU=People"),
+                      (f"CORP\\WS{number:05}", f"CN=WS{number:05}", ""), [("CORP\\Staff", "CN=Staff"), ("CORP\\Night", "CN=Night")], kind)
+
+    def get(self, path, headers=None, method="GET", source="127.0.0.1"):
+        """Status and body."""
+        connection = http.client.HTTPConnection(HOST, PORT, timeout=PATIENCE, source_address=(source, 0))
+        try:
+            connection.request(method, path, headers=headers or {})
+            answer = connection.getresponse()
+            return answer.status, answer.read().decode()
+        finally:
+            connection.close()
+
+
+class Page(ServerTest):
+    @classmethod
+    def setUpClass(cls):
+        super().setUpClass()
+        cls.browser = Browser(PATIENCE)
+        cls.addClassCleanup(cls.browser.close)
+
+    def setUp(self):
+        browser = self.browser
+        browser.complaints.clear()
+        browser.size(1280, 760)
+        browser.scheme("light")
+        browser.open(f"http://{HOST}:{PORT}/")
+        browser.run("localStorage.clear()")
+        browser.open(f"http://{HOST}:{PORT}/")
+        browser.until("document.querySelector('#live').textContent == 'live'")
+
+    def tearDown(self):
+        self.assertEqual([], self.browser.complaints, "nothing was thrown, and no policy was broken")
+
+    def search(self, text, *addresses):
+        """Types the text and waits until the identities at the addresses are left, in that order; gives their rows."""
+        self.browser.press("/")
+        self.browser.type(text)
+        self.browser.until("[...document.querySelectorAll('#scroller .address')].map(cell => cell.textContent).join() == "
+                           f"'{','.join(addresses)}'")
+        return self.browser.run("[...document.querySelectorAll('#scroller .row')].map(row => [...row.children].map(cell => cell.textContent))")
+
+    def test_five_thousand_logons_arrive_and_search_finds_one(self):
+        browser = self.browser
+        self.report(*map(self.logon, range(5000)))
+        browser.until("Number(document.querySelector('#identities').textContent.replace(',', '')) >= 5000")
+        row, = self.search("night WS04321", "10.0.16.225")
+        self.assertEqual(["CORP\\user04321", "10.0.16.225", "CORP\\WS04321", "CN=user04321,OU=People", "CORP\\Staff, CORP\\Night"], row[:5])
+        self.assertRegex(row[7], r"^127\.0\.0\.1:\d+$")
+        browser.press("Enter")
+        browser.press("Enter")
+        browser.until("document.querySelector('#details').open")
+        self.assertIn("CORP\\Night (CN=Night)", browser.run("document.querySelector('#details-body').innerText"))
+        browser.press("Escape")
+        browser.until("!document.querySelector('#details').open")
+        browser.press("/")
+        browser.press("Escape")
+        browser.until("document.querySelectorAll('#scroller .row').length > 10")
+        browser.click("[data-sort=user]")
+        browser.run("document.querySelector('#scroller').focus()")
+        browser.press("End")
+        browser.until("[...document.querySelectorAll('#scroller .row.chosen .user')].some(cell => cell.textContent == 'CORP\\\\user04999')",
+                      "the last row, chosen")
+        self.assertLess(browser.run("document.querySelectorAll('#scroller .row').length"), 60, "only what can be seen is made")
+
+    def test_hostile_names_show_as_text(self):
+        addresses = [f"10.9.0.{number}" for number in range(len(HOSTILE))]
+        self.report(*(encode(1, address, (name, f"CN={name}", name), (name, name, name), [(name, name)])
+                      for address, name in reversed(list(zip(addresses, HOSTILE)))))
+        rows = self.search("10.9.0.", *addresses)
+        self.browser.press("Enter")
+        for row, shown in zip(rows, SHOWN):
+            self.assertEqual([shown, shown, f"CN={shown}", shown], [row[0], *row[2:5]])
+            self.browser.press("Enter")
+            self.browser.until("document.querySelector('#details').open")
+            self.assertEqual(9, self.browser.run("document.querySelector('#details').innerText").count(shown), shown)
+            self.browser.press("Escape")
+            self.browser.press("ArrowDown")
+        self.assertEqual([None, 0], self.browser.run(
+            "[window.hit ?? null, document.querySelectorAll('main img, main script, dialog script, dialog img, main b:not(.status)').length]"))
+
+    def test_logoffs_and_refusals_are_marked_and_laid_out(self):
+        browser = self.browser
+        self.report(self.logon(1), self.logon(1, "logoff"))
+        with socket.create_connection((HOST, 1306), timeout=PATIENCE) as stranger:
+            stranger.sendall(b"GET / HTTP/1.1\r\n\r\n")
+            self.assertEqual(b"", stranger.recv(1))
+        browser.until("document.querySelector('#reports .refused') && document.querySelector('#reports .logoff')")
+        browser.click("#reports .refused button")
+        browser.until("document.querySelector('#details .wrong')")
+        self.assertIn("the format is not 3", browser.run("document.querySelector('#details .wrong').innerText"))
+        browser.press("Escape")
+        browser.press("r")
+        browser.press("Tab")
+        browser.press("Enter")
+        browser.until("document.querySelector('#details-title').textContent.startsWith('logoff')")
+        fields = browser.run("[...document.querySelectorAll('#details .fields tbody tr')].map(row => row.innerText)")
+        self.assertTrue(any("CN=user00001,OU=People" in field for field in fields), fields)
+        self.assertIn("logoff", fields[-1])
+        self.assertEqual(["rgb(168, 93, 0)", "rgb(192, 43, 43)"], browser.run(
+            "['logoff', 'refused'].map(kind => getComputedStyle(document.querySelector(`#reports .${kind} .kind`)).color)"))
+
+    def test_light_dark_and_a_phone(self):
+        browser = self.browser
+        back = "getComputedStyle(document.body).backgroundColor"
+        light = browser.run(back)
+        browser.scheme("dark")
+        browser.until(f"{back} != '{light}'", "dark as the system is")
+        browser.press("t")
+        self.assertEqual(light, browser.run(back), "light by the switch")
+        browser.open(f"http://{HOST}:{PORT}/")
+        self.assertEqual(light, browser.run(back), "the choice is kept")
+        self.report(self.logon(1))
+        browser.size(390, 760, mobile=True)
+        browser.open(f"http://{HOST}:{PORT}/")
+        browser.until("document.querySelectorAll('#scroller .row').length > 0")
+        self.assertLessEqual(browser.run("document.documentElement.scrollWidth"), 390)
+        browser.click("[data-shows=reports]")
+        browser.until("document.querySelector('#reports li')?.getBoundingClientRect().width > 300")
+
+    def test_the_page_comes_back_with_the_server(self):
+        self.stop()
+        self.browser.until("document.querySelector('#live').className == 'off'")
+        self.start()
+        self.browser.until("document.querySelector('#live').textContent == 'live'")
+        self.report(self.logon(77))
+        self.browser.until("document.querySelector('#scroller .user')?.textContent == 'CORP\\\\user00077'")
+        self.browser.complaints.clear()  # the stream that broke off
+
+
+class Http(ServerTest):
+    def test_who_may_not_ask_is_refused(self):
+        for status, headers in ((200, {}), (200, {"Host": "localhost:8306"}), (200, {"Host": "[::1]"}), (421, {"Host": "evil.example"}),
+                                (421, {"Host": "127.0.0.1.evil.example:8306"}), (403, {"Sec-Fetch-Site": "cross-site"}),
+                                (403, {"Sec-Fetch-Site": "same-site", "Sec-Fetch-Mode": "cors"}),
+                                (200, {"Sec-Fetch-Site": "same-origin"}), (431, {"X-Long": "x" * 40_000})):
+            with self.subTest(headers=str(headers)[:80]):
+                self.assertEqual(status, self.get("/api/reports", headers)[0])
+        self.assertEqual(405, self.get("/api/reports", method="DELETE")[0])
+        self.assertEqual(404, self.get("/../etc/passwd")[0])
+
+    def test_silent_clients_and_readers_that_do_not_read_keep_nobody_out(self):
+        silent = []
+        try:
+            for _ in range(150):
+                silent.append(socket.create_connection((HOST, PORT), timeout=PATIENCE, source_address=("127.81.0.66", 0)))
+            for each in silent:
+                try:
+                    each.sendall(b"GET /api/stream HTTP/1.1\r\nHost: localhost\r\n\r\n")
+                except OSError:
+                    pass  # one connection too many
+            self.report(*map(self.logon, range(3000)))
+            until = time.monotonic() + PATIENCE
+            while json.loads(self.get("/api/identities?limit=1")[1])["total"] < 3000:
+                self.assertLess(time.monotonic(), until)
+            heads = [each.recv(12) for each in silent[:60]]
+            self.assertEqual((24, 36), (heads.count(b"HTTP/1.1 200"), heads.count(b"HTTP/1.1 503")))
+        finally:
+            for each in silent:
+                each.close()
+
+    def test_what_programs_ask_for_fits_together(self):
+        self.report(*map(self.logon, range(40)), *(self.logon(number, "heartbeat") for number in range(5)))
+        answer = json.loads(self.get("/api/identities?search=user000&sort=address&order=asc&limit=7&offset=14")[1])
+        self.assertEqual([f"CORP\\user{number:05}" for number in range(14, 21)], [each["user"] for each in answer["identities"]])
+        self.assertEqual(21, answer["next"])
+        one = json.loads(self.get(f"/api/identities/{answer['identities'][0]['number']}")[1])
+        connection = one["from"].pop()["connection"]
+        answer["identities"][0]["from"].clear()
+        self.assertEqual(answer["identities"][0], one)
+        self.assertEqual({"domain": "CORP\\Night", "dn": "CN=Night"}, one["groups"][1])
+        agents = json.loads(self.get("/api/agents")[1])["agents"]
+        self.assertEqual(agents[0]["connection"], connection)
+        self.assertEqual((45, 40), (agents[0]["reports"], agents[0]["identities"]))
+        report = json.loads(self.get("/api/reports?limit=1")[1])["reports"][0]
+        laid = json.loads(self.get(f"/api/reports/{report['number']}")[1])
+        self.assertEqual(("heartbeat", report["length"]), (report["kind"], sum(field["length"] for field in laid["fields"])))
+        checked = subprocess.run(["promtool", "check", "metrics"], input=self.get("/metrics")[1], text=True, capture_output=True)
+        self.assertEqual((0, ""), (checked.returncode, checked.stdout + checked.stderr))
+
+
+if __name__ == "__main__":
+    unittest.main()
