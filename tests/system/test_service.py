@@ -121,7 +121,7 @@ class Service(MachineTest):
         status = self.status()
         self.assertEqual((True, agent.pid, self.address, "tcp"),
                          tuple(status[key] for key in ("running", "pid", "server", "protocol")))
-        self.assertEqual({"address": self.address, "port": 1306, "over": "TCP"}, status["connection"])
+        self.assertEqual({"address": self.address, "port": 1306, "over": "TCP", "groups": True}, status["connection"])
         self.assertLess(abs(datetime.fromisoformat(status["since"]).timestamp() - time.time()), PATIENCE)
         self.logon("cleo", "10.0.0.8", workstation="PC2")
         self.until(lambda: self.status()["behind"] == 0, "the agent has read the first logon")

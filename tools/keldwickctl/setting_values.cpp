@@ -3,6 +3,7 @@
 #include "diagnostics/debug_output.h"
 #include "tools/common/safe_text.h"
 #include "tools/common/values.h"
+#include "win32/registry/store.h"
 #include "win32/text/utf.h"
 
 #include <CLI/CLI.hpp>
@@ -260,6 +261,29 @@ std::string ExplainValue(std::u16string_view name, const win32::REG_VALUE& value
         }
     }
     return SafeText(text);
+}
+
+namespace {
+
+std::optional<win32::REG_VALUE> Stored(std::u16string_view name) {
+    const std::shared_ptr<const win32::REG_TREE> tree = win32::REG_STORE::Current().Tree();
+    const win32::REG_NODE* const settings = tree ? tree->Find(SettingsPath()) : nullptr;
+    const win32::REG_VALUE* const value = settings != nullptr ? win32::FindValue(*settings, name) : nullptr;
+    return value != nullptr ? std::optional(*value) : std::nullopt;
+}
+
+}  // namespace
+
+std::string StoredText(std::u16string_view name) {
+    const std::optional<win32::REG_VALUE> value = Stored(name);
+    const bool isText = value && (value->type == REG_SZ || value->type == REG_EXPAND_SZ);
+    return isText ? win32::ToUtf8(win32::BytesText(value->data)) : std::string();
+}
+
+std::optional<DWORD> StoredNumber(std::u16string_view name) {
+    const std::optional<win32::REG_VALUE> value = Stored(name);
+    if (!value || value->type != REG_DWORD || !IsNumber(*value)) return std::nullopt;
+    return static_cast<DWORD>(NumberOf(value->data));
 }
 
 std::u16string FromArgument(const std::string& text) {

@@ -51,6 +51,11 @@ std::string ShowValue(const win32::REG_VALUE& value);
 // The value for a person, on one line, without control characters: with its unit or the word for it.
 std::string ExplainValue(std::u16string_view name, const win32::REG_VALUE& value);
 
+// What the settings key holds under that name; empty, and nothing, when there is no such value, it has another type, or
+// the registry cannot be read.
+std::string StoredText(std::u16string_view name);
+std::optional<DWORD> StoredNumber(std::u16string_view name);
+
 // Text of the command line, which must be UTF-8. Throws CLI::ValidationError.
 std::u16string FromArgument(const std::string& text);
 
