@@ -3,9 +3,10 @@
 # The words that may stand after the commands so far (options and their values left out).
 _keldwickctl_words() {
     case "$*" in
-        '') echo 'init status identities settings events feed directory --root --version --help' ;;
+        '') echo 'init check status identities settings events feed directory --root --version --help' ;;
         init) echo '--server --protocol --help' ;;
-        status) echo '--json --prometheus' ;;
+        check) echo '--json --exchange --address' ;;
+        status) echo '--json --check --prometheus' ;;
         identities) echo '--json' ;;
         settings) echo 'list get set delete' ;;
         events) echo 'write import list clear' ;;

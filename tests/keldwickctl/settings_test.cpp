@@ -74,7 +74,7 @@ TEST_F(Keldwickctl, RootIsTheOptionThenTheVariable) {
 
 TEST_F(Keldwickctl, ListsShowControlCharactersAndNeverSendThem) {
     Done("init --server id.example --protocol tcp");
-    Done("settings set AdServer", {"a\x1B[2J\nb"});
+    RunKeldwickctl(root, Words("settings set AdServer", {"a\x1B[2J\nb"}));
     Done("settings set --type sz", {"n\xE2\x80\xAE", "x"});
     EXPECT_EQ(
         "IdentServer    sz     id.example\n"
@@ -93,7 +93,7 @@ TEST_F(Keldwickctl, ListsShowControlCharactersAndNeverSendThem) {
 TEST_F(Keldwickctl, TheTypeFollowsTheName) {
     Done("init");
     const auto check = [&](const std::string& name, const WORDS& words, const char* stored, const char* shown) {
-        EXPECT_EQ("", Done("settings set " + name, words));
+        EXPECT_EQ(0, RunKeldwickctl(root, Words("settings set " + name, words)).exitCode);
         EXPECT_THAT(root.Read(File), HasSubstr(stored));
         EXPECT_EQ(shown, Get(name));
     };
@@ -101,6 +101,8 @@ TEST_F(Keldwickctl, TheTypeFollowsTheName) {
     check("AdServer", {"12"}, "\"AdServer\"=\"12\"\n", "12\n");
     check("heartbeat", {"30"}, "\"heartbeat\"=dword:0000001e\n", "30\n");
     check("DebugOutput", {"0xFFFFFFFF"}, "\"DebugOutput\"=dword:ffffffff\n", "4294967295\n");
+    check("DebugOutput", {"log,append,verbose"}, "\"DebugOutput\"=dword:00000102\n", "258\n");
+    check("DebugOutput", {"Rename,no-time-stamp"}, "\"DebugOutput\"=dword:0004000a\n", "262154\n");
     check("IdentProtocol", {"auto"}, "\"IdentProtocol\"=dword:00000000\n", "0\n");
     check("IdentProtocol", {"tcps"}, "\"IdentProtocol\"=dword:00000001\n", "1\n");
     check("IdentProtocol", {"Tcp"}, "\"IdentProtocol\"=dword:00000002\n", "2\n");
@@ -120,6 +122,45 @@ TEST_F(Keldwickctl, TheTypeFollowsTheName) {
     EXPECT_THAT(Refused(1, "settings delete Own"), HasSubstr("\"Own\""));
 }
 
+TEST_F(Keldwickctl, AValueThatCannotWorkIsStoredWithAWarning) {
+    Done("init");
+    const struct {
+        const char* name;
+        WORDS value;
+        const char* warning;  // null: there is nothing to warn of
+    } cases[] = {
+        {"IdentServer", {"id.example:1306"}, "the ports are fixed"},
+        {"IdentServer", {"http://id.example"}, "is a URL"},
+        {"IdentServer", {"id example"}, "blank"},
+        {"IdentServer", {""}, "is empty"},
+        {"IdentServer", {"2001:db8::1"}, nullptr},
+        {"IdentServer", {"fe80::1%eth0"}, nullptr},
+        {"identserver", {"id.example"}, nullptr},
+        {"IdentServer", {"7", "--type", "dword"}, "is of type dword, not sz"},
+        {"AdServer", {"ldap://dc1"}, "no URL"},
+        {"AdServer", {""}, nullptr},
+        {"IdentProtocol", {"3"}, "auto"},
+        {"Heartbeat", {"0"}, "every minute"},
+        {"Heartbeat", {"10", "--type", "sz"}, "takes 30 at its next start"},
+        {"LogonTTL", {"71582"}, nullptr},
+        {"LogonTTL", {"71583"}, "takes 12 seconds"},
+        {"Shutdown", {"3"}, "means nothing"},
+        {"DebugOutput", {"verbose"}, "ends its log"},
+        {"DebugOutput", {"log,0x2000"}, "mean nothing"},
+        {"DebugOutput", {"log,append,verbose"}, nullptr},
+        {"Linux\\NameLookupTimeout", {"60001"}, "60000 ms at most"},
+    };
+    for (const auto& c : cases) {
+        const OUTCOME outcome = RunKeldwickctl(root, Words(std::string("settings set ") + c.name, c.value));
+        EXPECT_EQ(0, outcome.exitCode) << c.name;
+        EXPECT_THAT(outcome.error, c.warning == nullptr
+                                       ? testing::Matcher<std::string>(testing::IsEmpty())
+                                       : AllOf(StartsWith("keldwickctl: warning: "), HasSubstr(c.warning)))
+            << c.name << testing::PrintToString(c.value);
+    }
+    EXPECT_THAT(Done("settings list"), HasSubstr("DebugOutput              dword  258 (0x102: log,append,verbose)\n"));
+}
+
 TEST_F(Keldwickctl, WhatCannotBeDoneIsOneAndWrongUsageIsTwo) {
     for (const char* early : {"settings list", "settings set Heartbeat 5"})
         EXPECT_THAT(Refused(1, early), HasSubstr("keldwickctl init"));
@@ -130,9 +171,9 @@ TEST_F(Keldwickctl, WhatCannotBeDoneIsOneAndWrongUsageIsTwo) {
     for (const char* wrong :
          {"", "settings", "nonsense", "--nonsense settings list", "init --protocol udp", "settings get",
           "settings set Heartbeat", "settings set Heartbeat soon", "settings set Heartbeat 4294967296",
-          "settings set Heartbeat 1 2", "settings set IdentProtocol udp", "settings set Hartbeat 5",
-          "settings set Heartbeat 5 --type word", "settings set Own abc --type binary", "settings set IdentServer \xFF",
-          "settings set Linux\\ 1 --type sz"})
+          "settings set Heartbeat 1 2", "settings set IdentProtocol udp", "settings set DebugOutput log,loud",
+          "settings set DebugOutput append,rename", "settings set Hartbeat 5", "settings set Heartbeat 5 --type word",
+          "settings set Own abc --type binary", "settings set IdentServer \xFF", "settings set Linux\\ 1 --type sz"})
         Refused(2, wrong);
     Refused(2, "init --server", {""});
     Refused(2, "settings set --type sz", {"a\nb", "1"});

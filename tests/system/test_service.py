@@ -11,6 +11,8 @@ from datetime import datetime
 from machine import BIN, PATIENCE, MachineTest
 from wire import Server
 
+PACKAGING = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "packaging")
+
 
 class Service(MachineTest):
     address = "127.49.0.1"
@@ -43,6 +45,17 @@ class Service(MachineTest):
         self.assertEqual(0, agent.wait(PATIENCE))
         self.assertIn("Stopping Service: Reason = SERVICE_CONTROL_STOP", self.messages())
         self.assertIn("SERVICE_CONTROL_STOP", self.ctl("events", "list", "--log", "Application", "--json"))
+
+    def test_with_the_units_environment_the_log_of_a_crash_is_kept(self):
+        self.prepare()
+        with open(f"{PACKAGING}/systemd/keldwick.service", encoding="utf-8") as unit:
+            given = dict(line.strip().split("=", 2)[1:] for line in unit if line.startswith("Environment="))
+        del given["KELDWICK_ROOT"]
+        for times in (1, 2):
+            agent = self.serve(**given)
+            self.until_logged("Connect to Identity server", times)
+            agent.kill()
+            agent.wait(PATIENCE)
 
     def test_a_stop_that_comes_before_it_runs_is_not_lost(self):
         self.prepare()
@@ -108,7 +121,7 @@ class Service(MachineTest):
         status = self.status()
         self.assertEqual((True, agent.pid, self.address, "tcp"),
                          tuple(status[key] for key in ("running", "pid", "server", "protocol")))
-        self.assertEqual({"address": self.address, "port": 1306, "over": "TCP"}, status["connection"])
+        self.assertEqual({"address": self.address, "port": 1306, "over": "TCP", "groups": True}, status["connection"])
         self.assertLess(abs(datetime.fromisoformat(status["since"]).timestamp() - time.time()), PATIENCE)
         self.logon("cleo", "10.0.0.8", workstation="PC2")
         self.until(lambda: self.status()["behind"] == 0, "the agent has read the first logon")

@@ -26,7 +26,6 @@ using nlohmann::json;
 namespace tools {
 namespace {
 
-constexpr WORD TcpPort = 1306, TlsPort = 1308;
 constexpr const char* Established = "01";  // as the kernel's socket tables say it
 
 std::string LinkTarget(const fs::path& link) {
@@ -84,13 +83,18 @@ bool IsSameFile(const fs::path& a, const fs::path& b) {
            first.st_ino == second.st_ino;
 }
 
-void LookAtSockets(const fs::path& process, AGENT_PROCESS& agent) {
+void LookAtDescriptors(const fs::path& process, AGENT_PROCESS& agent) {
     std::set<std::string> sockets;
+    const std::string log = AgentsOwnLogPath();
     std::error_code error;
     for (fs::directory_iterator it(process / "fd", error), end; !error && it != end; it.increment(error)) {
         const std::string target = LinkTarget(it->path());
         constexpr std::string_view socket = "socket:[";
         if (target.starts_with(socket)) sockets.insert(target.substr(socket.size(), target.size() - socket.size() - 1));
+        if (IsSameFile(it->path(), log))
+            agent.log = AGENT_LOG::OPEN;
+        else if (target == log && agent.log == AGENT_LOG::CLOSED)
+            agent.log = AGENT_LOG::GONE;
     }
     for (const char* name : {"net/tcp", "net/tcp6"}) {
         std::ifstream table(process / name);
@@ -164,11 +168,11 @@ std::optional<DWORD> NextRecordOf(const std::string& process, const std::string&
     return std::nullopt;
 }
 
-std::optional<AGENT_PROCESS> FindAgent() {
+std::vector<AGENT_PROCESS> FindAgents() {
     const std::string machineRoot = win32::MachineRoot(), root = machineRoot.empty() ? "/" : machineRoot;
     struct stat owner;
-    if (stat(root.c_str(), &owner) != 0) return std::nullopt;
-    std::optional<AGENT_PROCESS> found;
+    std::vector<AGENT_PROCESS> found;
+    if (stat(root.c_str(), &owner) != 0) return found;
     pid_t hidden = 0;
     std::error_code error;
     for (fs::directory_iterator it("/proc", error), end; !error && it != end; it.increment(error)) {
@@ -185,16 +189,24 @@ std::optional<AGENT_PROCESS> FindAgent() {
         AGENT_PROCESS agent;
         agent.pid = pid;
         agent.since = StartTime(process);
-        LookAtSockets(process, agent);
+        LookAtDescriptors(process, agent);
         agent.polls = PollsForChanges(process);
+        agent.debugVariable = EnvironmentOf(process, "Keldwick").value_or("");
         agent.nextRecord = NextRecordOf(process, AgentsLogPath());
-        if (agent.nextRecord) return agent;
-        if (!found) found = agent;  // one that does not follow yet, or that only sends a report
+        found.push_back(agent);  // it may not follow yet, or only send a report
     }
-    if (!found && hidden != 0)
+    if (found.empty() && hidden != 0)
         throw COMMAND_ERROR("may not look at process " + std::to_string(hidden) + ": be root or its user");
+    std::stable_partition(found.begin(), found.end(), [](const auto& agent) { return agent.nextRecord.has_value(); });
     return found;
 }
+
+std::optional<AGENT_PROCESS> FindAgent() {
+    const std::vector<AGENT_PROCESS> found = FindAgents();
+    return found.empty() ? std::nullopt : std::optional(found.front());
+}
+
+std::string AgentsOwnLogPath() { return win32::MachinePath("Keldwick.log"); }
 
 std::string IdentitiesPath() { return win32::MachinePath("Keldwick.identities"); }
 

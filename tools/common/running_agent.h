@@ -13,13 +13,23 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <vector>
 
 namespace tools {
+
+constexpr WORD TcpPort = 1306, TlsPort = 1308;  // of an identity server
 
 struct AGENT_CONNECTION {
     std::string address;
     WORD port;
     const char* over;  // "TLS" or "TCP", as the port shows
+};
+
+// What the agent has Keldwick.log for.
+enum class AGENT_LOG {
+    CLOSED,  // it writes none, or has not written since the log was renamed at midnight
+    OPEN,    // it writes the file that is there
+    GONE     // it writes a file that was deleted or moved away meanwhile
 };
 
 struct AGENT_PROCESS {
@@ -28,7 +38,13 @@ struct AGENT_PROCESS {
     std::optional<AGENT_CONNECTION> connection;
     std::optional<DWORD> nextRecord;  // of the Security log: those before it are done with; nothing: not read yet
     bool polls = false;               // looks for changed files once a second, since inotify does not report them all
+    AGENT_LOG log = AGENT_LOG::CLOSED;
+    std::string debugVariable;  // its environment's "Keldwick": what is logged, unless the settings say it
 };
+
+// All that run in the machine root, the one that follows the Security log first. Throws COMMAND_ERROR when there is
+// none but one that may not be looked at.
+std::vector<AGENT_PROCESS> FindAgents();
 
 // Nothing: no agent of this machine root runs. Throws COMMAND_ERROR when there is one that may not be looked at.
 std::optional<AGENT_PROCESS> FindAgent();
@@ -46,7 +62,8 @@ std::optional<DWORD> NextRecordAt(const std::string& process, const std::string&
 // of /proc/net/tcp and tcp6.
 std::optional<AGENT_CONNECTION> ServerConnection(std::istream& table, const std::set<std::string>& inodes);
 
-std::string IdentitiesPath();  // of the file Keldwick.identities
+std::string IdentitiesPath();    // of the file Keldwick.identities
+std::string AgentsOwnLogPath();  // of Keldwick.log
 
 struct IDENTITY_HEADING {
     pid_t process = 0;

@@ -98,6 +98,14 @@ std::string IsoTime(DWORD seconds) {
     return text.data();
 }
 
+std::string DurationText(int64_t seconds) {
+    constexpr int64_t minute = 60, hour = 60 * minute, day = 24 * hour;
+    if (seconds < 2 * minute) return std::to_string(seconds) + " s";
+    if (seconds < 2 * hour) return std::to_string(seconds / minute) + " min";
+    if (seconds < 2 * day) return std::to_string(seconds / hour) + " h";
+    return std::to_string(seconds / day) + " days";
+}
+
 std::optional<win32::BYTES> ParseHex(std::string_view text) {
     if (text.size() % 2 != 0) return {};
     win32::BYTES bytes;

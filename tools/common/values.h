@@ -3,6 +3,7 @@
 
 #include <windows.h>
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -19,6 +20,9 @@ std::optional<WORD> EventTypeOf(std::string_view name);
 // offset it is UTC. Seconds since 1970; nothing: not a time, or not within 1970 to 2106.
 std::optional<DWORD> ParseIsoTime(std::string_view text);
 std::string IsoTime(DWORD seconds);
+
+// A length of time as a person says it, in its largest unit: "40 s", "5 min", "3 h", "12 days".
+std::string DurationText(int64_t seconds);
 
 // Pairs of hexadecimal digits; nothing when it is anything else.
 std::optional<win32::BYTES> ParseHex(std::string_view text);

@@ -6,9 +6,8 @@
 #include "service/command_line.h"
 #include "tools/common/safe_text.h"
 #include "tools/keldwickctl/commands.h"
+#include "tools/keldwickctl/directory_failure.h"
 #include "tools/keldwickctl/setting_values.h"
-#include "win32/directory/directory_check.h"
-#include "win32/registry/store.h"
 #include "win32/text/utf.h"
 
 #include <nlohmann/json.hpp>
@@ -45,31 +44,15 @@ std::string ResultText(HRESULT result) {
     return Utf8(keldwick::DirectoryErrorText(result)) + " (" + number + ")";
 }
 
-// A value of the settings key; nothing: there is none.
-std::optional<win32::REG_VALUE> Setting(std::u16string_view name) {
-    const std::shared_ptr<const win32::REG_TREE> tree = win32::REG_STORE::Current().Tree();
-    const win32::REG_NODE* const settings = tree ? tree->Find(SettingsPath()) : nullptr;
-    const win32::REG_VALUE* const value = settings != nullptr ? win32::FindValue(*settings, name) : nullptr;
-    return value != nullptr ? std::optional(*value) : std::nullopt;
-}
-
-// The server that the agent is set to ask; empty: whichever the directory's settings name.
-std::string AdServer() {
-    const std::optional<win32::REG_VALUE> value = Setting(u"AdServer");
-    const bool isText = value && (value->type == REG_SZ || value->type == REG_EXPAND_SZ);
-    return isText ? ToUtf8(win32::BytesText(value->data)) : std::string();
-}
-
 // When an account's groups are reported: not over TLS.
 struct GROUP_REPORTING {
     const char* json;
     const char* remark;
 };
 GROUP_REPORTING GroupReporting() {
-    const std::optional<win32::REG_VALUE> value = Setting(u"IdentProtocol");
-    const std::string number = value && value->type == REG_DWORD ? ShowValue(*value) : std::string();
-    if (number == std::to_string(keldwick::PROTOCOL_TCP)) return {"yes", ""};
-    if (number == std::to_string(keldwick::PROTOCOL_TCPS))
+    const auto protocol = static_cast<LONG>(StoredNumber(u"IdentProtocol").value_or(keldwick::PROTOCOL_AUTO));
+    if (protocol == keldwick::PROTOCOL_TCP) return {"yes", ""};
+    if (protocol == keldwick::PROTOCOL_TCPS)
         return {"no", "  (not reported: IdentProtocol is tcps, and groups do not go over TLS)"};
     return {"plain TCP only", "  (reported only over plain TCP, not over TLS; IdentProtocol is auto)"};
 }
@@ -91,7 +74,8 @@ struct LOOKUP {
 // As the agent does it for a report: in the binding of its settings, but names of service tickets without one.
 void LookUp(LOOKUP& lookup) {
     DIRECTORY_BINDING binding;
-    if (const std::u16string server = ToUtf16(AdServer()); !server.empty()) SetBindingServer(binding, server.c_str());
+    if (const std::u16string server = ToUtf16(StoredText(u"AdServer")); !server.empty())
+        SetBindingServer(binding, server.c_str());
     STRING name(ToUtf16(lookup.asked));
     const bool isNt4Name = lookup.asked.find('\\') != lookup.asked.npos;
     if (!isNt4Name && !keldwick::DnsNameToNt4Name(name.Text(), name)) FailLookup(lookup);
@@ -135,23 +119,20 @@ void ShowLookup(const std::string& name, bool json) {
         throw COMMAND_ERROR("not every group could be read; the agent would report " + name + " without groups");
 }
 
-// What failed in the end, with its reason; empty: nothing.
+// Gives what failed in the end, as FailureOf.
 std::string ShowSteps(const std::vector<win32::DIRECTORY_STEP>& steps) {
     for (const win32::DIRECTORY_STEP& step : steps) {
         const bool done = SUCCEEDED(step.result);
         std::printf("%-6s %8.1f ms  %s\n", done ? "ok" : "failed", step.milliseconds, SafeText(step.what).c_str());
     }
-    const win32::DIRECTORY_STEP& last = steps.back();
-    if (SUCCEEDED(last.result)) return {};
-    const std::string reason = last.reason.empty() ? "" : last.reason + ": ";
-    return last.what + ": " + reason + ResultText(last.result);
+    return FailureOf(steps);
 }
 
 // The agent asks AdServer for a report's names and groups, and the directory's own servers for the names of service
 // tickets and SIDs: both must answer.
 void ShowCheck() {
     std::string failure = ShowSteps(win32::CheckDirectory({}));
-    if (const std::string server = AdServer(); !server.empty()) {
+    if (const std::string server = StoredText(u"AdServer"); !server.empty()) {
         const std::string another = ShowSteps(win32::CheckDirectory(server));
         if (failure.empty()) failure = another;
     }
@@ -159,6 +140,13 @@ void ShowCheck() {
 }
 
 }  // namespace
+
+std::string FailureOf(const std::vector<win32::DIRECTORY_STEP>& steps) {
+    const win32::DIRECTORY_STEP& last = steps.back();
+    if (SUCCEEDED(last.result)) return {};
+    const std::string reason = last.reason.empty() ? "" : last.reason + ": ";
+    return last.what + ": " + reason + ResultText(last.result);
+}
 
 void AddDirectoryCommands(CLI::App& app) {
     CLI::App* const directory = app.add_subcommand("directory", "Asks the directory that the agent asks.");

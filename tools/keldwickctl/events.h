@@ -16,6 +16,9 @@ std::string RecordAsText(const EVENTLOGRECORD& record);
 // One JSON object: record, time, id, type, source, computer, strings, data.
 std::string RecordAsJson(const EVENTLOGRECORD& record);
 
+// What an event of the agent's own says, on one line.
+std::string RecordMessage(const EVENTLOGRECORD& record);
+
 // Appends the events of `source` (a path, or - for standard input) to the log of that name, says on standard output how
 // many, and on standard error each thing that could not be read. What could be read is in the log also when this throws
 // COMMAND_ERROR, as it does when something could not.

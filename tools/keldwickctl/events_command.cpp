@@ -1,4 +1,5 @@
 // keldwickctl events: write, import, list, clear.
+#include <algorithm>
 #include <cstdio>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -10,6 +11,7 @@
 #include "tools/common/values.h"
 #include "tools/keldwickctl/commands.h"
 #include "tools/keldwickctl/events.h"
+#include "win32/eventlog/event_text.h"
 #include "win32/eventlog/evt_record.h"
 #include "win32/text/utf.h"
 
@@ -78,6 +80,15 @@ std::string RecordAsJson(const EVENTLOGRECORD& record) {
     object["strings"] = fields.strings;
     object["data"] = DataDigits(record);
     return SafeJson(object);
+}
+
+std::string RecordMessage(const EVENTLOGRECORD& record) {
+    std::vector<std::u16string> strings;
+    for (const std::string& text : Decode(record).strings) strings.push_back(win32::ToUtf16(text));
+    std::string message = win32::EventText(record.EventID, strings);
+    for (size_t at; (at = message.find('\n')) != std::string::npos;)  // with the indentation after it
+        message.replace(at, std::min(message.find_first_not_of("\n ", at), message.size()) - at, " ");
+    return SafeText(message);
 }
 
 namespace {

@@ -1,6 +1,7 @@
 // keldwickctl init: makes the machine root, or completes one.
 #include "tools/common/failure.h"
 #include "tools/keldwickctl/commands.h"
+#include "tools/keldwickctl/setting_faults.h"
 #include "tools/keldwickctl/setting_values.h"
 #include "win32/eventlog/evt_writer.h"
 #include "win32/eventlog/log_names.h"
@@ -86,7 +87,9 @@ void Init(const INIT_OPTIONS& options) {
     std::printf("Machine root %s is ready.\n", root.c_str());
     const std::shared_ptr<const REG_TREE> tree = store.Tree();
     const REG_NODE* const settings = tree ? tree->Find(SettingsPath()) : nullptr;
-    if (settings != nullptr && win32::FindValue(*settings, u"IdentServer") == nullptr) {
+    const auto* const server = settings != nullptr ? win32::FindValue(*settings, u"IdentServer") : nullptr;
+    if (server != nullptr) WarnOfSetting(u"IdentServer", *server);
+    if (settings != nullptr && server == nullptr) {
         std::printf("The identity server is not set yet: keldwickctl settings set IdentServer HOST\n");
     }
 }

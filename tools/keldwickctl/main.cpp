@@ -1,4 +1,5 @@
-// keldwickctl, the administrator's tool. Exit codes: 0 done, 1 it could not be done, 2 wrong usage.
+// keldwickctl, the administrator's tool. Exit codes: 0 done, 1 it could not be done, 2 wrong usage,
+// 3 what was found is not as it should be (check, status --check).
 #include "platform/version_numbers.h"
 #include "tools/common/safe_text.h"
 #include "tools/keldwickctl/commands.h"
@@ -75,9 +76,13 @@ int Run(int argc, char** argv) {
         AddDirectoryCommands(app);
         AddFeedCommands(app);
         AddStatusCommand(app);
+        AddCheckCommand(app);
         AddIdentitiesCommand(app);
         app.parse(argc, argv);
         return Finish();
+    } catch (const EXIT_STATUS& end) {
+        const int said = Finish();
+        return said != ExitDone ? said : end.code;
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() != 0) return Complain(UsageFault(app, error), ExitUsage);
         app.exit(error);  // help or version

@@ -1,12 +1,14 @@
 #include "tools/keldwickctl/setting_values.h"
 
-#include "service/settings.h"
+#include "diagnostics/debug_output.h"
 #include "tools/common/safe_text.h"
 #include "tools/common/values.h"
+#include "win32/registry/store.h"
 #include "win32/text/utf.h"
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <cstdio>
 #include <iterator>
 
@@ -23,11 +25,31 @@ constexpr TYPE_WORD Types[] = {{REG_SZ, "sz"},         {REG_DWORD, "dword"},    
 
 constexpr const char* ProtocolWords[] = {"auto", "tcps", "tcp"};  // by their number
 
-const keldwick::SETTING_INFO* Known(std::u16string_view name) {
-    for (const keldwick::SETTING_INFO& setting : keldwick::SettingTable) {
-        if (win32::SameName(setting.name, name)) return &setting;
-    }
-    return nullptr;
+// The flags of DebugOutput that an administrator sets.
+struct MODE_WORD {
+    DWORD flag;
+    const char* word;
+};
+constexpr MODE_WORD ModeWords[] = {
+    {keldwick::DEBUG_MODE_LOG, "log"},
+    {keldwick::DEBUG_MODE_OVERWRITE, "overwrite"},
+    {keldwick::DEBUG_MODE_RENAME, "rename"},
+    {keldwick::DEBUG_VERBOSE, "verbose"},
+    {keldwick::DEBUG_AD, "ad"},
+    {keldwick::DEBUG_TCP, "tcp"},
+    {keldwick::DEBUG_MODE_DEBUGGER, "debugger"},
+    {keldwick::DEBUG_MODE_KERNEL, "kernel"},
+    {keldwick::DEBUG_MODE_CONSOLE, "console"},
+    {keldwick::DEBUG_MODE_INTERNAL, "internal"},
+    {keldwick::DEBUG_MODE_NO_TIME_STAMP, "no-time-stamp"},
+};
+constexpr std::string_view AppendWord = "append";  // what a log does that neither overwrites nor renames
+constexpr DWORD ReplacingModes = keldwick::DEBUG_MODE_OVERWRITE | keldwick::DEBUG_MODE_RENAME;
+
+std::string AllModeWords() {
+    std::string all = std::string(AppendWord);
+    for (const MODE_WORD& each : ModeWords) all += std::string(", ") + each.word;
+    return all;
 }
 
 [[noreturn]] void Misfit(std::u16string_view name, const std::string& reason) {
@@ -40,12 +62,6 @@ std::vector<BYTE> LittleEndian(uint64_t number, size_t bytes) {
     return data;
 }
 
-uint64_t NumberOf(const std::vector<BYTE>& data) {
-    uint64_t number = 0;
-    for (size_t i = data.size(); i-- > 0;) number = number << 8 | data[i];
-    return number;
-}
-
 bool IsNumber(const win32::REG_VALUE& value) {
     return (value.type == REG_DWORD && value.data.size() == 4) || (value.type == REG_QWORD && value.data.size() == 8);
 }
@@ -54,11 +70,14 @@ std::vector<BYTE> ParseNumberSetting(std::u16string_view name, const std::string
     const DWORD bytes = type == REG_QWORD ? 8 : 4;
     if (const auto number = ParseNumber(text, type == REG_QWORD ? UINT64_MAX : MAXDWORD))
         return LittleEndian(*number, bytes);
-    const bool protocol = win32::SameName(name, u"IdentProtocol");
-    if (protocol)
-        if (const auto number = ProtocolNumber(text)) return LittleEndian(*number, bytes);
-    Misfit(name, "takes " + std::string(protocol ? "auto, tcps, tcp or " : "") + "a number of at most " +
-                     (type == REG_QWORD ? "64" : "32") + " bits, not \"" + text + "\"");
+    const bool protocol = win32::SameName(name, u"IdentProtocol"), mode = win32::SameName(name, u"DebugOutput");
+    const auto worded = protocol ? ProtocolNumber(text) : mode ? DebugModeOfWords(text) : std::nullopt;
+    if (worded) return LittleEndian(*worded, bytes);
+    const std::string words = protocol ? "auto, tcps, tcp or "
+                              : mode   ? "words (" + AllModeWords() + "), joined by commas, or "
+                                       : "";
+    Misfit(name, "takes " + words + "a number of at most " + (type == REG_QWORD ? "64" : "32") + " bits, not \"" +
+                     text + "\"");
 }
 
 // Pairs of hexadecimal digits; blanks and commas between the pairs do not count.
@@ -105,8 +124,15 @@ const win32::REG_PATH& SettingsPath() {
     return path;
 }
 
+const keldwick::SETTING_INFO* FindSetting(std::u16string_view name) {
+    for (const keldwick::SETTING_INFO& setting : keldwick::SettingTable) {
+        if (win32::SameName(setting.name, name)) return &setting;
+    }
+    return nullptr;
+}
+
 std::optional<DWORD> SettingType(std::u16string_view name) {
-    const keldwick::SETTING_INFO* const setting = Known(name);
+    const keldwick::SETTING_INFO* const setting = FindSetting(name);
     return setting != nullptr ? std::optional(setting->type) : std::nullopt;
 }
 
@@ -144,6 +170,59 @@ std::optional<DWORD> ProtocolNumber(std::string_view word) {
 
 SETTING_DATA NumberSetting(DWORD number) { return {REG_DWORD, LittleEndian(number, 4)}; }
 
+uint64_t NumberOf(const std::vector<BYTE>& data) {
+    uint64_t number = 0;
+    for (size_t i = data.size(); i-- > 0;) number = number << 8 | data[i];
+    return number;
+}
+
+DWORD KnownDebugModes() {
+    DWORD known = keldwick::DEBUG_CATEGORIES;  // two of them have no lines yet
+    for (const MODE_WORD& each : ModeWords) known |= each.flag;
+    return known;
+}
+
+std::string DebugModeWords(DWORD mode) {
+    std::string words;
+    const auto add = [&words](std::string_view word) { words.append(words.empty() ? "" : ",").append(word); };
+    const bool appends = (mode & keldwick::DEBUG_MODE_LOG) != 0 && (mode & ReplacingModes) == 0;
+    for (const MODE_WORD& each : ModeWords) {
+        if ((mode & each.flag) == 0) continue;
+        mode &= ~each.flag;
+        add(each.word);
+        if (appends && each.flag == keldwick::DEBUG_MODE_LOG) add(AppendWord);
+    }
+    char rest[16];
+    std::snprintf(rest, sizeof rest, "%#x", mode);
+    if (mode != 0) add(rest);
+    return words.empty() ? "none" : words;
+}
+
+std::optional<DWORD> DebugModeOfWords(std::string_view words) {
+    DWORD mode = 0;
+    bool appends = false;
+    for (bool more = true; more;) {
+        const size_t comma = words.find(',');
+        const std::string word(words.substr(0, comma));
+        more = comma != std::string_view::npos;
+        words.remove_prefix(more ? comma + 1 : words.size());
+        const auto* const known = std::find_if(std::begin(ModeWords), std::end(ModeWords), [&](const MODE_WORD& each) {
+            return win32::SameName(win32::ToUtf16(each.word), win32::ToUtf16(word));
+        });
+        if (known != std::end(ModeWords))
+            mode |= known->flag;
+        else if (word == AppendWord)
+            appends = true;
+        else if (const auto number = ParseNumber(word, MAXDWORD))
+            mode |= static_cast<DWORD>(*number);
+        else
+            return std::nullopt;
+    }
+    if (appends && (mode & ReplacingModes) != 0) return std::nullopt;
+    // A log that appends, overwrites or renames is one.
+    return appends || (mode & ReplacingModes) != 0 ? mode | keldwick::DEBUG_MODE_LOG : mode;
+}
+
 SETTING_DATA ParseSetting(std::u16string_view name, const std::vector<std::string>& texts, DWORD type) {
     if (type == REG_MULTI_SZ) return {type, ParseTexts(name, texts)};
     if (texts.size() != 1) Misfit(name, "takes one value");
@@ -171,17 +250,40 @@ std::string ExplainValue(std::u16string_view name, const win32::REG_VALUE& value
         text = ShowValue(value);
     }
     if (IsNumber(value)) {
-        const keldwick::SETTING_INFO* const setting = Known(name);
+        const keldwick::SETTING_INFO* const setting = FindSetting(name);
         const uint64_t number = NumberOf(value.data);
         char hex[24];
-        std::snprintf(hex, sizeof hex, " (%#llx)", static_cast<unsigned long long>(number));
+        std::snprintf(hex, sizeof hex, " (%#llx: ", static_cast<unsigned long long>(number));
         if (setting != nullptr && *setting->unit != '\0') text += std::string(" (") + setting->unit + ")";
-        if (win32::SameName(name, u"DebugOutput")) text += hex;
+        if (win32::SameName(name, u"DebugOutput")) text += hex + DebugModeWords(static_cast<DWORD>(number)) + ")";
         if (win32::SameName(name, u"IdentProtocol")) {
             text += std::string(" (") + ProtocolWords[number < std::size(ProtocolWords) ? number : 0] + ")";
         }
     }
     return SafeText(text);
+}
+
+namespace {
+
+std::optional<win32::REG_VALUE> Stored(std::u16string_view name) {
+    const std::shared_ptr<const win32::REG_TREE> tree = win32::REG_STORE::Current().Tree();
+    const win32::REG_NODE* const settings = tree ? tree->Find(SettingsPath()) : nullptr;
+    const win32::REG_VALUE* const value = settings != nullptr ? win32::FindValue(*settings, name) : nullptr;
+    return value != nullptr ? std::optional(*value) : std::nullopt;
+}
+
+}  // namespace
+
+std::string StoredText(std::u16string_view name) {
+    const std::optional<win32::REG_VALUE> value = Stored(name);
+    const bool isText = value && (value->type == REG_SZ || value->type == REG_EXPAND_SZ);
+    return isText ? win32::ToUtf8(win32::BytesText(value->data)) : std::string();
+}
+
+std::optional<DWORD> StoredNumber(std::u16string_view name) {
+    const std::optional<win32::REG_VALUE> value = Stored(name);
+    if (!value || value->type != REG_DWORD || !IsNumber(*value)) return std::nullopt;
+    return static_cast<DWORD>(NumberOf(value->data));
 }
 
 std::u16string FromArgument(const std::string& text) {

@@ -2,6 +2,7 @@
 #include "tools/common/failure.h"
 #include "tools/common/safe_text.h"
 #include "tools/keldwickctl/commands.h"
+#include "tools/keldwickctl/setting_faults.h"
 #include "tools/keldwickctl/setting_values.h"
 #include "win32/files/machine_root.h"
 #include "win32/registry/store.h"
@@ -110,21 +111,26 @@ DWORD ChooseType(const SETTING_OPTIONS& options, const SETTING_NAME& name, const
     throw CLI::ValidationError("Keldwick reads no value \"" + options.name + "\"; --type stores it anyway");
 }
 
-DWORD SetValue(REG_TREE& tree, const SETTING_OPTIONS& options, const SETTING_NAME& name) {
+DWORD SetValue(REG_TREE& tree, const SETTING_OPTIONS& options, const SETTING_NAME& name, REG_VALUE& stored) {
     const REG_NODE* const old = tree.Find(name.key);
     const DWORD type = ChooseType(options, name, old != nullptr ? win32::FindValue(*old, name.value) : nullptr);
     SETTING_DATA data = ParseSetting(name.whole, options.values, type);
     if (data.bytes.size() > win32::MaxValueBytes) throw COMMAND_ERROR("the value is too long");
     REG_NODE* const key = tree.Make(name.key);
-    const bool set = key != nullptr && tree.SetValue(*key, name.value, data.type, std::move(data.bytes)) != nullptr;
-    return set ? ERROR_SUCCESS : ERROR_NO_SYSTEM_RESOURCES;
+    const REG_VALUE* const set =
+        key != nullptr ? tree.SetValue(*key, name.value, data.type, std::move(data.bytes)) : nullptr;
+    if (set != nullptr) stored = *set;
+    return set != nullptr ? ERROR_SUCCESS : ERROR_NO_SYSTEM_RESOURCES;
 }
 
 void Set(const SETTING_OPTIONS& options) {
     const SETTING_NAME name(options.name);
     Settings();
-    const DWORD error = REG_STORE::Current().Change([&](REG_TREE& tree) { return SetValue(tree, options, name); });
+    REG_VALUE stored;
+    const DWORD error =
+        REG_STORE::Current().Change([&](REG_TREE& tree) { return SetValue(tree, options, name, stored); });
     if (error != ERROR_SUCCESS) FailRegistry("cannot set \"" + options.name + "\"", error);
+    WarnOfSetting(name.whole, stored);
 }
 
 void Delete(const SETTING_OPTIONS& options) {

@@ -97,7 +97,8 @@ void LookForLastError(STATUS& status) {
     DWORD searched = 0;
     EachRecord(reader, false, [&](const EVENTLOGRECORD& record) {
         if (record.EventType != EVENTLOG_ERROR_TYPE) return ++searched < MaxErrorsSearched;
-        status.lastError = RecordAsText(record);
+        status.lastError = RecordMessage(record);
+        status.lastErrorTime = record.TimeGenerated;
         status.lastErrorJson = RecordAsJson(record);
         return false;
     });
@@ -110,6 +111,18 @@ void LookAtFigures(STATUS& status) {
     const auto heading = status.agent ? list.Open() : std::nullopt;
     if (heading && heading->IsOf(status.agent->pid, status.agent->since))
         status.figures = heading;  // else of an earlier run
+}
+
+void LookAtAgent(STATUS& status) {
+    status.agent = FindAgent();
+    if (status.agent && !status.agent->connection) status.noConnection = ReadConnectionFailure(status.agent->pid);
+}
+
+// There are none at all where this user may look for them: this is no machine root.
+void RequireSettings(const std::string& root) {
+    struct stat about;
+    if (stat(win32::MachinePath(win32::RegistryFile).c_str(), &about) == 0 || errno == EACCES) return;
+    throw COMMAND_ERROR("there is no settings key in " + root + "; \"keldwickctl init\" makes it");
 }
 
 void LookAtRegistry(STATUS& status) {
@@ -144,16 +157,16 @@ STATUS ReadStatus() {
     STATUS status;
     status.root = win32::MachineRoot();
     status.now = std::time(nullptr);
-    status.agent = FindAgent();
-    LookAtRegistry(status);
-    for (const auto look : {LookAtSecurityLog, LookAtFigures, LookForLastError, LookAtFeeds}) {
+    RequireSettings(status.root);
+    for (const auto look :
+         {LookAtAgent, LookAtRegistry, LookAtSecurityLog, LookAtFigures, LookForLastError, LookAtFeeds}) {
         try {
             look(status);
         } catch (const COMMAND_ERROR& error) {  // the rest is worth knowing all the more
             status.troubles.emplace_back(error.what());
         }
     }
-    const std::string log = win32::MachinePath("Keldwick.log");
+    const std::string log = AgentsOwnLogPath();
     std::error_code error;
     if (fs::is_regular_file(log, error)) status.logFile = log;
     return status;

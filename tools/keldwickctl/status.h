@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/common/agent_log.h"
 #include "tools/common/running_agent.h"
 
 namespace tools {
@@ -37,14 +38,19 @@ struct STATUS {
     std::optional<LOGGED_EVENT> lastEvent;    // the Security log's newest
     std::optional<DWORD> behind;              // records that wait; nothing: the agent does not read
     std::optional<DWORD> behindSince;         // the time of the first of them
+    CONNECTION_FAILURE noConnection;          // why there is none, as the agent's log has it
     std::string lastError, lastErrorJson;     // the newest error event of the Application log; empty: there is none
+    int64_t lastErrorTime = 0;                // seconds since 1970
     std::string logFile;                      // empty: there is none
     std::vector<FEED_STATUS> feeds;
     std::vector<std::string> troubles;  // what could not be looked at, and why
 };
 
-// Reads it all. Throws COMMAND_ERROR without settings, or when the agent may not be looked at.
+// Reads what this user may read; the rest is among the troubles. Throws COMMAND_ERROR where there are no settings.
 STATUS ReadStatus();
+
+// Whether the agent runs and is connected to its identity server.
+inline bool IsWorking(const STATUS& status) { return status.agent && status.agent->connection; }
 
 std::string StatusAsText(const STATUS& status);
 std::string StatusAsJson(const STATUS& status);        // one object

@@ -26,6 +26,31 @@ std::string FiguresText(const std::optional<IDENTITY_HEADING>& figures) {
            std::to_string(figures->retried);
 }
 
+std::string ConnectionText(const STATUS& status) {
+    if (const auto& connection = status.agent->connection)
+        return "; connected to " + connection->address + " port " + std::to_string(connection->port) + " over " +
+               connection->over + (connection->port == TlsPort ? " (no groups)" : "");
+    const std::string reason = ReasonText(status.noConnection);
+    const int64_t time = status.noConnection.time;
+    return "; no connection" + (reason.empty() ? ", and the agent's log does not say why" : ": " + SafeText(reason)) +
+           (time != 0 ? " (" + Time(time) + ")" : "");
+}
+
+// What becomes of what the agent has to say.
+const char* LogState(const STATUS& status) {
+    if (!status.agent) return "not written, as no agent runs";
+    if (status.agent->log == AGENT_LOG::OPEN) return "being written";
+    if (status.agent->log == AGENT_LOG::GONE)
+        return "not written: the agent writes a file that was deleted or moved away";
+    return status.logFile.empty() ? "none since midnight, or ended by DebugOutput"
+                                  : "not written: ended by DebugOutput";
+}
+
+std::string LogText(const STATUS& status) {
+    if (status.logFile.empty() && !status.agent) return "";
+    return "\nlog file         " + (status.logFile.empty() ? "" : SafeText(status.logFile) + ", ") + LogState(status);
+}
+
 std::string BehindText(const STATUS& status) {
     if (!status.behind) return "the log is not being read";
     if (*status.behind == 0) return "nothing waits";
@@ -63,17 +88,14 @@ nlohmann::ordered_json OrNull(const std::optional<VALUE>& value) {
 }  // namespace
 
 std::string StatusAsText(const STATUS& status) {
-    std::string text = "agent            ";
+    std::string text = "machine root     " + SafeText(status.root) + "\nagent            ";
     text += status.agent
                 ? "running since " + Time(status.agent->since) + ", process " + std::to_string(status.agent->pid)
                 : "not running";
     text +=
         "\nidentity server  " + (status.server.empty() ? "not set" : SafeText(status.server) + ", " + status.protocol);
     if (status.agent) {
-        const auto& connection = status.agent->connection;
-        text += connection ? "; connected to " + connection->address + " port " + std::to_string(connection->port) +
-                                 " over " + connection->over
-                           : "; no connection";
+        text += ConnectionText(status);
         text += FiguresText(status.figures);
     }
     text += "\nlast event       ";
@@ -83,8 +105,10 @@ std::string StatusAsText(const STATUS& status) {
     if (status.agent) text += "; " + BehindText(status);
     if (status.agent && status.agent->polls) text += "\nchanged files    looked for once a second: no inotify";
     for (const FEED_STATUS& feed : status.feeds) text += FeedText(feed);
-    if (!status.lastError.empty()) text += "\nlast error       " + status.lastError;
-    if (!status.logFile.empty()) text += "\nlog file         " + SafeText(status.logFile);
+    if (!status.lastError.empty())
+        text += "\nlast error       " + status.lastError + " (" +
+                DurationText(std::max<int64_t>(status.now - status.lastErrorTime, 0)) + " ago)";
+    text += LogText(status);
     for (const std::string& trouble : status.troubles) text += "\nnot known        " + SafeText(trouble);
     return text;
 }
@@ -101,7 +125,14 @@ std::string StatusAsJson(const STATUS& status) {
     if (status.agent && status.agent->connection) {
         const AGENT_CONNECTION& connection = *status.agent->connection;
         object["connection"] = {{"address", connection.address}, {"port", connection.port}, {"over", connection.over}};
+        object["connection"]["groups"] = connection.port != TlsPort;
     }
+    object["no_connection"] = nullptr;
+    if (!status.noConnection.IsEmpty())
+        object["no_connection"] = {{"tls", status.noConnection.tls},
+                                   {"tcp", status.noConnection.plain},
+                                   {"line", status.noConnection.line},
+                                   {"time", status.noConnection.time != 0 ? Time(status.noConnection.time) : ""}};
     const auto figure = [&status](int64_t IDENTITY_HEADING::*member) {
         return status.figures ? nlohmann::ordered_json((*status.figures).*member) : nlohmann::ordered_json();
     };
@@ -121,7 +152,10 @@ std::string StatusAsJson(const STATUS& status) {
     object["last_error"] = nullptr;
     if (!status.lastErrorJson.empty())
         object["last_error"] = nlohmann::ordered_json::parse(status.lastErrorJson, nullptr, false);
+    if (object["last_error"].is_object()) object["last_error"]["text"] = status.lastError;
     object["log_file"] = status.logFile;
+    object["log_written"] =
+        status.agent ? nlohmann::ordered_json(status.agent->log == AGENT_LOG::OPEN) : nlohmann::ordered_json();
     object["troubles"] = status.troubles;
     object["feeds"] = nlohmann::ordered_json::array();
     for (const FEED_STATUS& feed : status.feeds) object["feeds"].push_back(FeedObject(feed));
@@ -224,8 +258,10 @@ std::string StatusAsPrometheus(const STATUS& status) {
 
 namespace {
 
+constexpr int ExitNotWorking = 3;
+
 struct STATUS_OPTIONS {
-    bool json = false;
+    bool json = false, check = false;
     std::string prometheus;
 };
 
@@ -245,8 +281,9 @@ void ShowStatus(const STATUS_OPTIONS& options) {
     } else if (!options.prometheus.empty()) {
         WriteWhole(options.prometheus, StatusAsPrometheus(status));
     }
-    if (!options.prometheus.empty() && !options.json) return;
-    std::printf("%s\n", (options.json ? StatusAsJson(status) : StatusAsText(status)).c_str());
+    if (options.prometheus.empty() || options.json)
+        std::printf("%s\n", (options.json ? StatusAsJson(status) : StatusAsText(status)).c_str());
+    if (options.check && !IsWorking(status)) throw EXIT_STATUS{ExitNotWorking};
 }
 
 }  // namespace
@@ -255,6 +292,7 @@ void AddStatusCommand(CLI::App& app) {
     const auto options = std::make_shared<STATUS_OPTIONS>();
     CLI::App* const status = app.add_subcommand("status", "Shows what the agent is doing.");
     status->add_flag("--json", options->json, "one JSON object");
+    status->add_flag("--check", options->check, "exit code 3 when the agent does not run or is not connected");
     status
         ->add_option("--prometheus", options->prometheus,
                      "write the figures there (- is standard output), for the node exporter; shows nothing else")

@@ -9,6 +9,7 @@
 #include <mutex>
 #include <string>
 
+#include "win32/eventlog/event_text.h"
 #include "win32/eventlog/evt_record.h"
 #include "win32/eventlog/evt_writer.h"
 #include "win32/eventlog/log_names.h"
@@ -21,31 +22,10 @@ namespace win32 {
 namespace {
 
 constexpr char16_t SourcesLog[] = u"Application";  // every source's log, as Windows has it for one it does not know
-constexpr WORD MaxInserts = 99;                    // %1 to %99 in message texts
 
 struct EVENT_SOURCE_OBJECT final : KERNEL_OBJECT {
     std::u16string source;
 };
-
-// The event's text from the program's message table; its strings in a row when the table does not know it.
-std::string EventText(const NEW_EVENT& event) {
-    std::array<DWORD_PTR, MaxInserts> inserts;
-    inserts.fill(reinterpret_cast<DWORD_PTR>(u""));
-    for (size_t i = 0; i < event.strings.size() && i < inserts.size(); ++i)
-        inserts[i] = reinterpret_cast<DWORD_PTR>(event.strings[i].c_str());
-    LPWSTR text = nullptr;
-    const DWORD units =
-        FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_HMODULE | FORMAT_MESSAGE_ARGUMENT_ARRAY,
-                       GetModuleHandleW(nullptr), event.id, 0, reinterpret_cast<LPWSTR>(&text), 0, inserts.data());
-    std::u16string message(text != nullptr ? text : u"", units);
-    LocalFree(text);
-    if (message.empty())
-        for (const std::u16string& each : event.strings) message += each + u" ";
-    std::erase(message, u'\r');  // or who reads the journal as JSON finds bytes in the place of a text
-    const size_t end = message.find_last_not_of(u" \n");
-    message.resize(end == std::u16string::npos ? 0 : end + 1);
-    return ToUtf8(message);
-}
 
 const char* TypeName(WORD type) {
     return type == EVENTLOG_ERROR_TYPE ? "error" : type == EVENTLOG_WARNING_TYPE ? "warning" : "information";
@@ -57,10 +37,12 @@ int Priority(WORD type) { return type == EVENTLOG_ERROR_TYPE ? 3 : type == EVENT
 // Where no journal runs this does nothing; the Application log is the record that counts.
 void SendToJournal(const NEW_EVENT& event) {
     const std::string source = ToUtf8(event.source);
-    const std::string fields[] = {
-        "MESSAGE=" + EventText(event),          "PRIORITY=" + std::to_string(Priority(event.type)),
-        "SYSLOG_IDENTIFIER=" + source,          "EVENT_SOURCE=" + source,
-        "EVENT_ID=" + std::to_string(event.id), std::string("EVENT_TYPE=") + TypeName(event.type)};
+    const std::string fields[] = {"MESSAGE=" + EventText(event.id, event.strings),
+                                  "PRIORITY=" + std::to_string(Priority(event.type)),
+                                  "SYSLOG_IDENTIFIER=" + source,
+                                  "EVENT_SOURCE=" + source,
+                                  "EVENT_ID=" + std::to_string(event.id),
+                                  std::string("EVENT_TYPE=") + TypeName(event.type)};
     std::array<iovec, std::size(fields)> parts;
     for (size_t i = 0; i < parts.size(); ++i) parts[i] = {const_cast<char*>(fields[i].data()), fields[i].size()};
     sd_journal_sendv(parts.data(), static_cast<int>(parts.size()));

@@ -1,0 +1,118 @@
+"""keldwickctl check and status: what an administrator is told when something is wrong."""
+import json
+import os
+import socket
+import subprocess
+import unittest
+
+from machine import BIN, MachineTest
+
+
+class Check(MachineTest):
+    address = "127.44.0.1"
+
+    def found(self, *options):
+        """The exit code, and of each thing checked the worst result with what was found."""
+        done = subprocess.run([f"{BIN}/keldwickctl", "--root", self.root, "check", "--json", *options], capture_output=True,
+                              text=True, timeout=60)
+        checks = json.loads(done.stdout)["checks"]
+        order = ["ok", "warning", "failed"]
+        worst = {each["check"]: each for each in sorted(checks, key=lambda each: order.index(each["result"]))}
+        return done.returncode, {what: (each["result"], each["found"]) for what, each in worst.items()}
+
+    def tell(self, found, what, result, text):
+        self.assertEqual(result, found[what][0], found)
+        self.assertIn(text, found[what][1])
+
+    def status(self, *options, code=0):
+        done = subprocess.run([f"{BIN}/keldwickctl", "--root", self.root, "status", *options], capture_output=True, text=True,
+                              timeout=60)
+        self.assertEqual(code, done.returncode, done)
+        return done.stdout
+
+    def serve(self, *options):
+        server = subprocess.Popen([f"{BIN}/keldwick-server", "--host", self.address, *options], stdout=subprocess.PIPE,
+                                  stderr=subprocess.PIPE, text=True)
+        self.agents.append(server)
+        for _ in range(1 if options else 2):  # it listens at a port, and says so
+            self.assertIn("listening", server.stderr.readline())
+        return server
+
+    def test_nothing_is_made_where_there_is_no_machine_root(self):
+        code, found = self.found()
+        self.assertEqual(1, code)
+        self.tell(found, "machine root", "failed", f"there is no {self.root}/registry.reg")
+        self.assertEqual([], os.listdir(self.root))
+
+    def test_a_server_that_answers_is_ok_and_its_loss_is_told(self):
+        self.prepare("auto")
+        server = self.serve()
+        self.start("-L")
+        code, found = self.found("--exchange", "--address", "127.0.0.1")
+        self.assertIn(code, (0, 3), found)  # the clock of a container may be nobody's
+        for what, text in (("machine root", self.root), ("agent", "connected over TLS"), ("event log", "1 record, the newest of"),
+                           ("identity server", "TLS"), ("exchange", "was answered, status 0"), ("name server", "localhost"),
+                           ("agent's log", "Keldwick.log")):
+            self.tell(found, what, "ok", text)
+        self.tell(found, "directory", "warning", "none is set")
+        self.assertIn("over TLS (no groups)", self.status("--check"))
+        self.assertIn("being written", self.status())
+
+        server.terminate()
+        server.wait()
+        self.ctl("settings", "set", "IdentServer", "nowhere.invalid")
+        self.until_logged("failed")
+        shown = self.status("--check", code=3)
+        self.assertRegex(shown, r'no connection: TLS: "nowhere.invalid": The host was not found')
+        code, found = self.found()
+        self.assertEqual(1, code)
+        self.tell(found, "server's name", "failed", "not found")
+        self.tell(found, "agent", "failed", "nowhere.invalid")
+
+        self.ctl("settings", "set", "DebugOutput", "debugger")
+        self.until(lambda: "ended by DebugOutput" in self.status(), "the log is ended")
+        self.tell(self.found()[1], "agent's log", "warning", "ended")
+
+    def test_what_is_wrong_with_a_server_is_said(self):
+        self.prepare("auto")
+        self.tell(self.found()[1], "identity server", "failed", "refused")
+        with socket.create_server((self.address, 1308)) as plain:
+            plain.settimeout(10)
+            self.serve("--tls-port", "0")
+            client = subprocess.Popen([f"{BIN}/keldwickctl", "--root", self.root, "check"], stdout=subprocess.PIPE, text=True)
+            peer, _ = plain.accept()
+            peer.recv(1)
+            peer.sendall(b"220 this is no TLS\r\n")
+            shown, _ = client.communicate(timeout=60)
+            peer.close()
+        self.assertRegex(shown, r"(?m)^warning +identity server +TLS, port 1308: .*; with auto the agent takes plain TCP")
+        self.assertRegex(shown, r"(?m)^ok +identity server +plain TCP, port 1306: connected")
+
+    def test_files_and_settings_that_cannot_work_are_named(self):
+        self.prepare("tcp")
+        self.ctl("settings", "set", "--type", "sz", "Heartbeat", "10")
+        self.ctl("settings", "set", "--type", "dword", "Hartbeat", "10")
+        self.ctl("settings", "set", "IdentServer", "id.example:1306")
+        os.rename(f"{self.root}/eventlog/Security.evt", f"{self.root}/there.evt")
+        os.symlink(f"{self.root}/there.evt", f"{self.root}/eventlog/Security.evt")
+        shown = subprocess.run([f"{BIN}/keldwickctl", "--root", self.root, "check"], capture_output=True, text=True, timeout=60)
+        self.assertEqual(1, shown.returncode)
+        for line in (r"warning +settings +Heartbeat = 10: is of type sz", r"warning +settings +the agent reads no value Hartbeat",
+                     r"failed +settings +IdentServer = id.example:1306: .*the ports are fixed",
+                     r"failed +machine root +.*/eventlog/Security.evt: .* is a link"):
+            self.assertRegex(shown.stdout, rf"(?m)^{line}")
+
+    @unittest.skipUnless(os.geteuid() == 0, "only root can be another user")
+    def test_another_user_sees_what_he_may(self):
+        self.prepare("tcp")
+        self.start(wait=False)
+        os.chmod(self.root, 0o711)
+        os.chmod(f"{self.root}/registry.reg", 0o600)
+        done = subprocess.run([f"{BIN}/keldwickctl", "--root", self.root, "status"], capture_output=True, text=True, user=65534)
+        self.assertEqual(0, done.returncode, done)
+        self.assertIn("not known        may not look at process", done.stdout)
+        self.assertIn("last event", done.stdout)
+
+
+if __name__ == "__main__":
+    unittest.main()
