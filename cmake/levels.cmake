@@ -38,7 +38,7 @@ endfunction()
 
 keldwick_level(resources FOLDER resources LINKS windows_headers)  # the layer serves these tables as a program's own
 keldwick_level(text FOLDER platform LINKS win32_layer
-  FILES error_text format handles heap_buffer string time_stamp)
+  FILES error_text format handles heap_buffer line_buffer string time_stamp)
 keldwick_level(diagnostics FOLDER diagnostics LINKS agent_text PRIVATE debug_line)
 keldwick_level(platform FOLDER platform LINKS agent_diagnostics agent_resources
   FILES host_names ip_address registry_values security version version_numbers)

@@ -5,12 +5,13 @@
 
 #include <memory>
 #include <new>
+#include <string>
 #include <string_view>
 #include <vector>
 
 #include "diagnostics/debug_output.h"
 #include "platform/handles.h"
-#include "platform/heap_buffer.h"
+#include "platform/line_buffer.h"
 
 namespace keldwick {
 
@@ -25,61 +26,9 @@ bool WithinMemory(STEP step) try {
     return false;
 }
 
-// A growing block of text units, used again for every line so that lines cost no allocation. What cannot be allocated
-// is left out, and Failed says so.
-template <typename UNIT>
-class LINE_BUFFER {
-public:
-    void Clear() {
-        length = 0;
-        failed = false;
-    }
-    UNIT* Extend(size_t units) {  // room for that many more; null when there is no memory
-        if (!Reserve(length + units)) return nullptr;
-        UNIT* const at = block.As<UNIT>() + length;
-        length += units;
-        return at;
-    }
-    void Append(std::basic_string_view<UNIT> text) {
-        if (text.empty()) return;
-        if (UNIT* const at = Extend(text.size())) text.copy(at, text.size());
-    }
-    void Append(UNIT unit) { Append(std::basic_string_view<UNIT>(&unit, 1)); }
-    void Truncate(size_t units) { length = units; }
-    std::basic_string_view<UNIT> View() const { return {block.As<UNIT>(), length}; }
-    const UNIT* Terminated() {  // null when there is no memory
-        if (!Reserve(length + 1)) return nullptr;
-        block.As<UNIT>()[length] = 0;
-        return block.As<UNIT>();
-    }
-    bool Failed() const { return failed; }
-
-private:
-    bool Reserve(size_t units) {
-        const size_t bytes = units * sizeof(UNIT);
-        if (bytes <= block.Size()) return true;
-        constexpr size_t Step = 4096;
-        const size_t rounded = (bytes + bytes / 2 + Step - 1) / Step * Step;
-        HEAP_BUFFER larger;
-        if (rounded > MAXDWORD || !larger.Resize(static_cast<DWORD>(rounded))) {
-            failed = true;
-            length = 0;
-            return false;
-        }
-        View().copy(larger.As<UNIT>(), length);
-        block = std::move(larger);
-        return true;
-    }
-
-    HEAP_BUFFER block;
-    size_t length = 0;
-    bool failed = false;
-};
-using WIDE_LINE = LINE_BUFFER<WCHAR>;
-
 struct DEFERRED_LINE {
     DWORD flags;
-    STRING text;
+    std::string text;
 };
 using DEFERRED_LINES = std::vector<DEFERRED_LINE>;
 
@@ -103,22 +52,18 @@ struct DEBUG_STATE {
     LOG_FILE_STATE log;
     DWORD deferredSlot = TLS_OUT_OF_INDEXES;                // holds the thread's DEFERRED_LINES
     std::vector<std::unique_ptr<DEFERRED_LINES>> deferred;  // those of all threads
-    WIDE_LINE message;                                      // of the line being printed
-    WIDE_LINE composed;                                     // ... as one sink gets it
-    LINE_BUFFER<char> bytes;                                // ... as UTF-8
+    LINE_BUFFER message;                                    // of the line being printed
+    LINE_BUFFER composed;                                   // ... as one sink gets it
 
     DEBUG_STATE() : deferredSlot(TlsAlloc()) {}
 };
 DEBUG_STATE& DebugState();
 
-// Formats the text and appends it to a line. False: the format does not fit, or there is no memory.
-bool AppendFormat(WIDE_LINE& line, const WCHAR* format, FORMAT_ARGUMENTS arguments);
-
 // ---- Lines (debug_line.cpp) ----
 
-// Gives the message to every sink that the mode and the line's flags name, with the same time for all. Never throws: a
-// sink for which there is no memory misses the line.
-void WriteLine(DEBUG_STATE& state, DWORD flags, TEXT_VIEW message);
+// Gives the message, which is UTF-8, to every sink that the mode and the line's flags name, with the same time for all.
+// Never throws: a sink for which there is no memory misses the line.
+void WriteLine(DEBUG_STATE& state, DWORD flags, std::string_view message);
 
 // An empty line to every active sink.
 void WriteSeparator(DEBUG_STATE& state);

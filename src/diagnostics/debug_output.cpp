@@ -88,12 +88,13 @@ DEFERRED_LINES* MakeThreadLines(DEBUG_STATE& state) {
 }
 
 void Defer(DEBUG_STATE& state, DWORD flags) {
-    if (DEFERRED_LINES* const lines = MakeThreadLines(state)) lines->push_back({flags, STRING(state.message.View())});
+    if (DEFERRED_LINES* const lines = MakeThreadLines(state))
+        lines->push_back({flags, std::string(state.message.View())});
 }
 
 void WriteDeferred(DEBUG_STATE& state, DEFERRED_LINES* lines) {
     if (lines == nullptr || lines->empty()) return;
-    for (const DEFERRED_LINE& line : *lines) WriteLine(state, line.flags, line.text.View());
+    for (const DEFERRED_LINE& line : *lines) WriteLine(state, line.flags, line.text);
     lines->clear();
 }
 
@@ -102,8 +103,8 @@ void PrintWanted(DEBUG_STATE& state, DWORD flags, const WCHAR* format, FORMAT_AR
                  std::initializer_list<TEXT_VIEW> before = {}) {
     const ERROR_CODE error;
     state.message.Clear();
-    for (const TEXT_VIEW text : before) state.message.Append(text);
-    AppendFormat(state.message, format, arguments);
+    for (const TEXT_VIEW text : before) state.message.AppendWide(text);
+    state.message.AppendFormat(format, arguments);
     if (state.message.Failed()) return;
     if ((flags & DEBUG_DEFER) != 0 && (flags & DeferOverruled) == 0) {
         WithinMemory([&] { Defer(state, flags); });

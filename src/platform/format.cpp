@@ -5,10 +5,28 @@
 #include <cmath>
 #include <cstring>
 
+#include "platform/line_buffer.h"
+
 namespace keldwick {
+
+// A line takes a format in one pass.
+struct LINE_SINK {
+    LINE_BUFFER& line;
+    void Put(const WCHAR* text, size_t units) { line.PutWide({text, units}); }
+    void PutAscii(const char* text, size_t units) { line.Append({text, units}); }
+    void Fill(char unit, size_t units) {
+        if (units == 0) return;
+        line.EndWide();
+        char* const at = line.Reserve(units);
+        if (at == nullptr) return;
+        std::fill_n(at, units, unit);
+        line.length += units;
+    }
+};
+
 namespace {
 
-// The two passes over a format: one counts, the other writes.
+// The two passes of a string, which has room for exactly its text: one counts, the other writes.
 template <typename UNIT>
 struct COUNTING_SINK {
     size_t count = 0;
@@ -174,5 +192,14 @@ size_t MeasureFormat(const WCHAR* format, FORMAT_ARGUMENTS arguments) { return M
 size_t MeasureFormat(const char* format, FORMAT_ARGUMENTS arguments) { return Measure(format, arguments); }
 void WriteFormat(WCHAR* to, const WCHAR* format, FORMAT_ARGUMENTS arguments) { Write(to, format, arguments); }
 void WriteFormat(char* to, const char* format, FORMAT_ARGUMENTS arguments) { Write(to, format, arguments); }
+
+bool LINE_BUFFER::AppendFormat(const WCHAR* format, FORMAT_ARGUMENTS arguments) {
+    const size_t before = length;
+    LINE_SINK sink{*this};
+    const bool fits = Run(sink, format, arguments);
+    EndWide();
+    if (!fits && !failed) length = before;
+    return fits;
+}
 
 }  // namespace keldwick

@@ -7,11 +7,13 @@
 #include "platform/error_text.h"
 #include "platform/format.h"
 #include "platform/heap_buffer.h"
+#include "platform/line_buffer.h"
 #include "tests/support/wrapped_calls.h"
 
 namespace keldwick {
 namespace {
 
+// In a string, and straight to UTF-8.
 TEST(Format, EveryConventionOfTheMessages) {
     const struct {
         const WCHAR* format;
@@ -33,11 +35,23 @@ TEST(Format, EveryConventionOfTheMessages) {
         {TEXT("[%s|%2s]"), {TEXT_VIEW(), TEXT_VIEW()}, "[|  ]"},
         {TEXT("%s"), {TEXT_VIEW(TEXT("cut here")).substr(0, 3)}, "cut"},
         {TEXT("%s!"), {TEXT("100%s %n%lu\\%")}, "100%s %n%lu\\%!"},
+        {TEXT("%c%c|%c|%2c"),
+         {WCHAR(0xD83D), WCHAR(0xDE00), WCHAR(0xDE00), WCHAR(0xD83D)},
+         "\xF0\x9F\x98\x80|\xEF\xBF\xBD| \xEF\xBF\xBD"},
+        {TEXT("%cx%c%.2f%s"),
+         {WCHAR(0xD83D), WCHAR(0xD83D), 1.0, TEXT("\x20AC")},
+         "\xEF\xBF\xBDx\xEF\xBF\xBD"
+         "1.00\xE2\x82\xAC"},
     };
     for (const auto& c : cases) {
         STRING text(TEXT("what was there before"));
         text.FormatV(c.format, c.arguments);
         EXPECT_EQ(c.expected, Narrow(text));
+        LINE_BUFFER line;
+        line.Append("<");
+        line.AppendFormat(c.format, c.arguments);
+        line.Append(">");
+        EXPECT_EQ("<" + std::string(c.expected) + ">", line.View());
     }
 }
 

@@ -9,6 +9,7 @@
 #include <fstream>
 
 #include "tests/win32/fixture.h"
+#include "win32/sync/file_time.h"
 
 namespace {
 
@@ -85,6 +86,34 @@ TEST_F(FileWatch, WhatInotifyRefusesIsPolledAndSaidOnce) {
                     testing::AllOf(testing::HasSubstr(once),
                                    testing::Not(testing::ContainsRegex(std::string(once) + "(.|\n)*" + once))));
     }
+}
+
+TEST_F(FileWatch, WhatWasMarkedHoldsUntilAChangeIsToldAndForASecond) {
+    namespace fs = std::filesystem;
+    root.Write("watched", "old");
+    const OWNED_HANDLE changed = AutoEvent();
+    const win32::FILE_WATCH watch(root.Path("watched"), [&] { SetEvent(changed); });
+    SIGNALLED_WATCH barrier(root.Path("barrier"));
+    const std::function<void()> changes[] = {
+        [&] { root.Write("watched", "in place"); },
+        [&] { root.Write("aside", "new"), fs::rename(root.Path("aside"), root.Path("watched")); },
+        [&] { fs::remove(root.Path("watched")); }};
+    for (const auto& change : changes) {
+        const auto mark = watch.Mark();
+        ResetEvent(changed);
+        change();
+        ASSERT_TRUE(IsSet(changed, SoonEnough));
+        EXPECT_FALSE(watch.Holds(mark));
+    }
+    for (int i = 0; i < 2; ++i) ASSERT_TRUE(barrier.Tells([&] { root.Write("barrier", "x"); }));
+    const auto mark = watch.Mark();
+    root.Write("neighbour", "x");
+    ASSERT_TRUE(barrier.Tells([&] { root.Write("barrier", "y"); }));
+    EXPECT_TRUE(watch.Holds(mark) || win32::Uptime() - mark.at >= std::chrono::seconds(1));
+    ticksAhead += 1000;
+    EXPECT_FALSE(watch.Holds(mark));
+    const win32::FILE_WATCH polled(root.Path("missing/watched"), [] {});
+    EXPECT_FALSE(polled.Holds(polled.Mark()));
 }
 
 TEST_F(FileWatch, AfterEventsThatWereLostTheFileOfThatNameIsWatched) {

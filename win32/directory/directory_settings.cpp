@@ -7,10 +7,13 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <memory>
 #include <mutex>
 #include <set>
+#include <system_error>
 
 #include "win32/directory/directory_text.h"
+#include "win32/files/file_watch.h"
 #include "win32/files/machine_root.h"
 #include "win32/files/root_files.h"
 #include "win32/registry/linux_settings.h"
@@ -28,10 +31,39 @@ std::string Setting(const char16_t* name) {
     return text ? ToUtf8(*text) : std::string();
 }
 
-bool Exists(const std::string& path) {
-    struct stat status;
-    return stat(path.c_str(), &status) == 0;
-}
+// One file of the machine root that is looked at with every name.
+class LOOKED_AT_FILE {
+public:
+    std::optional<FILE_IDENTITY> Identity(const std::string& now) {
+        const std::lock_guard guard(lock);
+        if (path != now) watch.reset();  // another machine root
+        if (!watch || !watch->Holds(mark)) Look(now);
+        errno = failure;
+        return failure == 0 ? std::optional(identity) : std::nullopt;
+    }
+
+private:
+    void Look(const std::string& now) {
+        path = now;
+        if (!watch && LinuxSettingsAreWatched()) Watch();
+        if (watch) mark = watch->Mark();
+        struct stat status;
+        failure = stat(path.c_str(), &status) == 0 ? 0 : errno;
+        if (failure == 0) identity = IdentityOf(status);
+    }
+
+    void Watch() try {
+        watch = std::make_unique<FILE_WATCH>(path, [] {});
+    } catch (const std::system_error&) {  // no thread: it is looked at each time
+    }
+
+    std::mutex lock;
+    std::string path;
+    std::unique_ptr<FILE_WATCH> watch;
+    FILE_WATCH::MARK mark;
+    int failure = 0;
+    FILE_IDENTITY identity;
+};
 
 bool IsUri(const std::string& uri) {
     const auto fits = [](char c) { return c > ' ' && c < 0x7F; };
@@ -137,11 +169,16 @@ bool MayOwnSecret(uid_t owner) {
 DIRECTORY_BACKEND ConfiguredBackend() {
     const BACKEND_SETTINGS& settings = Current(ReadBackendSettings);
     if (settings.chosen) return *settings.chosen;
-    if (Exists(LdifPath())) return DIRECTORY_BACKEND::LDIF;
+    if (LdifIdentity()) return DIRECTORY_BACKEND::LDIF;
     return settings.serverNamed ? DIRECTORY_BACKEND::LDAP : DIRECTORY_BACKEND::NONE;
 }
 
 std::string LdifPath() { return MachinePath(DirectoryFile); }
+
+std::optional<FILE_IDENTITY> LdifIdentity() {
+    static LOOKED_AT_FILE& file = *new LOOKED_AT_FILE;
+    return file.Identity(LdifPath());
+}
 
 std::optional<LDAP_SETTINGS> ReadLdapSettings(std::string& complaint) {
     const CHECKED_LDAP_SETTINGS& current = Current(ReadCheckedSettings);

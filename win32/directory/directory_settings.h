@@ -6,6 +6,8 @@
 #include <optional>
 #include <string>
 
+#include "win32/files/root_files.h"
+
 namespace win32 {
 
 enum class DIRECTORY_BACKEND { NONE, LDIF, LDAP };
@@ -16,6 +18,10 @@ DIRECTORY_BACKEND ConfiguredBackend();
 
 // directory.ldif in the machine root.
 std::string LdifPath();
+
+// What tells its states apart; nothing: it cannot be looked at, and errno says why. Costs one stat, and nothing while
+// inotify tells of no change to a process that stays.
+std::optional<FILE_IDENTITY> LdifIdentity();
 
 enum class LDAP_BIND { NONE, SIMPLE, GSSAPI };
 

@@ -51,19 +51,19 @@ public:
     LDIF_POINTER Data() {
         const std::lock_guard guard(lock);
         const std::string path = LdifPath();
-        struct stat status {};
         if (path != dataPath) {  // another machine root
             data = nullptr;
             mark = {};
         }
         dataPath = path;
-        if (stat(path.c_str(), &status) != 0) {
+        const std::optional<FILE_IDENTITY> now = LdifIdentity();
+        if (!now) {
             ComplainOnce(path, path + " cannot be read: " + strerror(errno));
             mark = {};
             return data;
         }
-        if (const FILE_IDENTITY now = IdentityOf(status); now != mark) {
-            mark = now;
+        if (*now != mark) {
+            mark = *now;
             std::string complaint;
             if (LDIF_POINTER loaded = Load(path, complaint)) {
                 ForgetComplaints(path);

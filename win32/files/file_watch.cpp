@@ -8,6 +8,7 @@
 #include <windows.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
@@ -40,19 +41,21 @@ using TIME = std::chrono::milliseconds;  // since the machine was started
 
 constexpr std::chrono::seconds PollPause{1};
 constexpr TIME Never = TIME::max();
+constexpr std::chrono::seconds MarkTime{1};  // that a mark is good for
 
 }  // namespace
 
 struct FILE_WATCH::STATE {
     std::string path, folder, name;
     std::function<void()> changed;
+    std::atomic<uint64_t> changes{1};  // that inotify has told of
+    std::atomic<bool> polled = false;  // written under the watcher's lock
 
     std::mutex running;  // held during a call of `changed`
     bool alive = true;   // guarded by `running`
 
     // Guarded by the watcher's lock:
     int folderWatch = -1, fileWatch = -1;
-    bool polled = false;
     TIME due = Never;  // when `changed` is called though no event came
 
     class WATCHER;
@@ -178,13 +181,16 @@ private:
             at += sizeof event + event.len;
             if ((event.mask & IN_Q_OVERFLOW) != 0) {
                 affected = stale = states;
-                continue;
+                continue;  // counted when they are renewed
             }
             const auto found = watched.find(event.wd);
             if (found == watched.end()) continue;
             for (const STATE_POINTER& state : found->second) {
                 const bool ofFile = event.wd == state->fileWatch;
-                if (ofFile || event.len == 0 || state->name == name) affected.insert(state);
+                if (ofFile || event.len == 0 || state->name == name) {
+                    ++state->changes;
+                    affected.insert(state);
+                }
                 if (ofFile && (event.mask & FileGone) != 0) stale.insert(state);
                 if (!ofFile && state->name == name) stale.insert(state);
                 if (!ofFile && (event.mask & FolderGone) != 0) Poll(state, ENOENT);
@@ -199,6 +205,7 @@ private:
         state->fileWatch = Watch(state->path, FileEvents, state);
         if (state->fileWatch < 0 && errno != ENOENT) Poll(state, errno);  // the folder reports when there is one
         if (former != state->fileWatch) Unwatch(former, state);
+        ++state->changes;  // the new file may have been written before it was watched
     }
 
     // `why`: the errno value of inotify's failure.
@@ -253,6 +260,12 @@ FILE_WATCH::~FILE_WATCH() {
 
 void FILE_WATCH::CallAfter(std::chrono::milliseconds pause) {
     STATE::WATCHER::Instance().CallAt(state, Uptime() + pause);
+}
+
+FILE_WATCH::MARK FILE_WATCH::Mark() const { return {state->changes, Uptime()}; }
+
+bool FILE_WATCH::Holds(const MARK& mark) const {
+    return mark.changes == state->changes && !state->polled && Uptime() - mark.at < MarkTime;
 }
 
 }  // namespace win32

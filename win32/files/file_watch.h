@@ -3,6 +3,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
@@ -26,6 +27,17 @@ public:
     FILE_WATCH& operator=(const FILE_WATCH&) = delete;
 
     void CallAfter(std::chrono::milliseconds pause);  // once, whether anything changes or not
+
+    // For what is asked of the file often: what was found out about it after Mark holds as long as Holds says so,
+    // which costs no system call. A change counts before any watch is called, and so before anyone whom its call
+    // wakes. A mark is good for a second, since not every file system tells of every change, and for nothing where
+    // inotify does not tell of this file.
+    struct MARK {
+        uint64_t changes = 0;
+        std::chrono::milliseconds at{};  // since the machine was started
+    };
+    MARK Mark() const;
+    bool Holds(const MARK& mark) const;
 
 private:
     struct STATE;

@@ -18,6 +18,8 @@ std::optional<REG_VALUE> LinuxValue(const char16_t* name) {
 
 std::shared_ptr<const void> LinuxSettingsVersion() { return REG_STORE::Current().Tree(); }
 
+bool LinuxSettingsAreWatched() { return REG_STORE::Current().IsWatched(); }
+
 std::optional<DWORD> LinuxNumber(const char16_t* name) {
     const std::optional<REG_VALUE> value = LinuxValue(name);
     if (!value || value->type != REG_DWORD || value->data.size() != 4) return std::nullopt;

@@ -1,7 +1,6 @@
 #include "win32/registry/store.h"
 
 #include "win32/files/file_lock.h"
-#include "win32/files/file_watch.h"
 #include "win32/files/machine_root.h"
 #include "win32/files/root_files.h"
 #include "win32/registry/reg_text.h"
@@ -77,13 +76,30 @@ std::shared_ptr<const REG_TREE> REG_STORE::Tree(DWORD* error) {
 // Whether what was last read is what the file still holds.
 bool REG_STORE::Fresh() {
     struct stat status;
-    if (!known || recent) return false;
-    return stat(path.c_str(), &status) == 0 && IdentityOf(status) == identity;
+    if (!known) return false;
+    if (Holds()) return true;
+    if (recent) return false;
+    const auto before = Mark();
+    if (stat(path.c_str(), &status) != 0 || IdentityOf(status) != identity) return false;
+    mark = before;
+    return true;
+}
+
+std::optional<FILE_WATCH::MARK> REG_STORE::Mark() {
+    const std::lock_guard guard(watching);
+    return watch ? std::optional(watch->Mark()) : std::nullopt;
+}
+
+// Whether inotify has told of no change since then.
+bool REG_STORE::Holds() {
+    const std::lock_guard guard(watching);
+    return watch && mark && watch->Holds(*mark);
 }
 
 void REG_STORE::Load() {
     FOUND found;
     known = false;
+    mark = Mark();
     loadError = Look(found);
     if (loadError == ERROR_BADDB) Know(found.identity);
     if (loadError != ERROR_SUCCESS) return;
@@ -247,6 +263,11 @@ void REG_STORE::Watch(std::function<void()> changed) {
         announce = std::move(changed);
         watch = std::make_unique<FILE_WATCH>(path, [this] { Announce(); });
     }
+}
+
+bool REG_STORE::IsWatched() {
+    const std::lock_guard guard(watching);
+    return watch != nullptr;
 }
 
 void REG_STORE::Announce() {

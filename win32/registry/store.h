@@ -2,6 +2,7 @@
 // editors change too.
 #pragma once
 
+#include "win32/files/file_watch.h"
 #include "win32/files/root_files.h"
 #include "win32/registry/tree.h"
 
@@ -9,11 +10,10 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 
 namespace win32 {
-
-class FILE_WATCH;
 
 class REG_STORE {
 public:
@@ -25,7 +25,8 @@ public:
     REG_STORE(const REG_STORE&) = delete;
     REG_STORE& operator=(const REG_STORE&) = delete;
 
-    // The tree as the file holds it now; costs one stat while the file is unchanged. A file that vanished, cannot be
+    // The tree as the file holds it now; costs one stat while the file is unchanged, and nothing while inotify says so
+    // of a file that is watched. A file that vanished, cannot be
     // read, does not parse or whose writer may not be done leaves the last good tree in force. Null: there never was
     // one; `error` then says why (ERROR_BADDB: it does not parse; ERROR_SHARING_VIOLATION: another program writes it,
     // and has gone on doing so for seconds). No file at all is an empty registry.
@@ -42,6 +43,7 @@ public:
     // Calls `changed` after each change of the tree, on the thread that made or noticed it and with no lock held. The
     // first call begins to watch the file; it throws when the watcher thread cannot be started.
     void Watch(std::function<void()> changed);
+    bool IsWatched();
 
     // What is wrong with the file, one UTF-8 line without a line break; empty: nothing. Taken, it comes again only
     // when it is another.
@@ -54,6 +56,8 @@ private:
     struct FOUND;
 
     bool Fresh();
+    std::optional<FILE_WATCH::MARK> Mark();
+    bool Holds();
     void Load();
     void Know(const FILE_IDENTITY& read);
     void Take(REG_TREE read, const FILE_IDENTITY& of);
@@ -76,12 +80,13 @@ private:
     std::mutex writing;  // one writer of this process at a time; taken before `lock`
     std::mutex lock;     // guards everything below
     std::shared_ptr<const REG_TREE> tree;
-    FILE_IDENTITY identity, taken;  // of what was last read, good or bad, and of what the tree was read from
-    FILE_IDENTITY seen;             // when it was last looked at, read or not
-    TIME seenAt{};                  // when it became that
-    TIME waitingSince{};            // since when another writer may not be done; 0: none is known
-    TIME waitedAt{};                // of the last look that found so
-    bool known = false;             // `identity` holds
+    FILE_IDENTITY identity, taken;         // of what was last read, good or bad, and of what the tree was read from
+    FILE_IDENTITY seen;                    // when it was last looked at, read or not
+    TIME seenAt{};                         // when it became that
+    TIME waitingSince{};                   // since when another writer may not be done; 0: none is known
+    TIME waitedAt{};                       // of the last look that found so
+    bool known = false;                    // `identity` holds
+    std::optional<FILE_WATCH::MARK> mark;  // of the watch, before the file was last found to be that
     bool recent = false;  // read so soon after it was written that the same times need not mean the same bytes
     DWORD loadError = ERROR_SUCCESS;
     std::string problem, takenProblem;

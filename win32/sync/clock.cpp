@@ -6,6 +6,12 @@
 
 #include "win32/sync/file_time.h"
 
+int64_t win32::MonotonicNanoseconds() {
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * int64_t{1'000'000'000} + now.tv_nsec;
+}
+
 void WINAPI GetSystemTimeAsFileTime(LPFILETIME time) {
     timespec now;
     clock_gettime(CLOCK_REALTIME, &now);

@@ -1,4 +1,4 @@
-// File times, 100-ns units since 1601-01-01 UTC, as 64-bit numbers; and the tick count as a duration.
+// File times, 100-ns units since 1601-01-01 UTC, as 64-bit numbers; and the clocks of durations.
 #pragma once
 
 #include <windows.h>
@@ -18,5 +18,7 @@ constexpr FILETIME FromUnits(uint64_t units) { return {static_cast<DWORD>(units)
 
 // How long the machine has been up, asleep or not.
 inline std::chrono::milliseconds Uptime() { return std::chrono::milliseconds(GetTickCount64()); }
+
+int64_t MonotonicNanoseconds();  // of CLOCK_MONOTONIC, by which waits are limited
 
 }  // namespace win32

@@ -3,7 +3,9 @@
 
 #include <windows.h>
 
+#include <cstdint>
 #include <functional>
+#include <limits>
 #include <memory>
 #include <mutex>
 
@@ -26,6 +28,15 @@ public:
         short events = 0;
     };
     virtual COMPANION Companion() const { return {}; }
+
+    // When the object becomes signalled although its descriptor does not say so: nanoseconds of CLOCK_MONOTONIC. It
+    // stays as it is while a wait is under way, unless the signal is taken or the descriptor says from then on.
+    static constexpr int64_t Never = std::numeric_limits<int64_t>::max();
+    virtual int64_t DueTime() const { return Never; }
+
+    // Of a wait for the object, which gets the time above. All three are called under the dispatcher lock.
+    virtual void BeginWait() {}
+    virtual void EndWait() {}
 
     // Takes the signal if the object is signalled right now (an auto-reset object becomes unsignalled by it).
     // False: another wait was faster. Called by waits only, which hold the dispatcher lock.

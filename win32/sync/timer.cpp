@@ -1,8 +1,10 @@
-// Waitable timers over timerfd.
+// Waitable timers. A relative due time costs no system call: the wait for the timer ends by its own time limit. An
+// absolute one, which follows changes of the wall clock, and one that is set while a thread waits, is a timerfd's.
 #include <poll.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <limits>
 #include <memory>
@@ -18,15 +20,23 @@ namespace {
 
 timespec SpanOf(int64_t units) { return {units / UnitsPerSecond, units % UnitsPerSecond * NanosecondsPerUnit}; }
 
-// One descriptor serves both kinds of due time: on the real-time clock an absolute time follows changes of the wall
-// clock, and a relative one does not.
+// At most a century, which is as good as never.
+int64_t Nanoseconds(const timespec& span) {
+    constexpr int64_t MaxSeconds = int64_t{100} * 366 * 24 * 60 * 60;
+    return std::min<int64_t>(span.tv_sec, MaxSeconds) * 1'000'000'000 + span.tv_nsec;
+}
+
 class TIMER final : public KERNEL_OBJECT {
 public:
     TIMER(DESCRIPTOR descriptor, bool manualReset) : fd(std::move(descriptor)), manual(manualReset) {}
 
     int WaitDescriptor() const override { return fd.Get(); }
+    int64_t DueTime() const override { return due; }
+    void BeginWait() override { ++waits; }
+    void EndWait() override { --waits; }
 
     bool TakeSignal() override {
+        if (due != Never) return TakeOwnSignal();
         if (manual) {
             pollfd state{fd.Get(), POLLIN, 0};
             return poll(&state, 1, 0) > 0;
@@ -38,12 +48,36 @@ public:
     // Also takes back a signal that no wait has taken.
     bool Arm(const itimerspec& schedule, bool absolute) {
         const std::lock_guard guard(DispatcherLock());
-        return timerfd_settime(fd.Get(), absolute ? TFD_TIMER_ABSTIME : 0, &schedule, nullptr) == 0;
+        if (absolute || waits > 0) {
+            due = Never;
+            usesDescriptor = true;
+            // One descriptor serves both kinds: on the real-time clock an absolute time follows changes of the wall
+            // clock, and a relative one does not.
+            return timerfd_settime(fd.Get(), absolute ? TFD_TIMER_ABSTIME : 0, &schedule, nullptr) == 0;
+        }
+        constexpr itimerspec none{};
+        if (usesDescriptor && timerfd_settime(fd.Get(), 0, &none, nullptr) != 0) return false;
+        usesDescriptor = false;
+        due = MonotonicNanoseconds() + Nanoseconds(schedule.it_value);
+        period = Nanoseconds(schedule.it_interval);
+        return true;
     }
 
 private:
+    bool TakeOwnSignal() {
+        const int64_t now = MonotonicNanoseconds();
+        if (now < due) return false;
+        if (!manual) due = period > 0 ? due + ((now - due) / period + 1) * period : Never;
+        return true;
+    }
+
     const DESCRIPTOR fd;
     const bool manual;
+    // Under the dispatcher lock:
+    int64_t due = Never;  // of a timer that does without the descriptor
+    int64_t period = 0;
+    bool usesDescriptor = false;
+    int waits = 0;  // that are under way
 };
 
 }  // namespace

@@ -1,4 +1,4 @@
-// Waiting for objects: one poll over their descriptors and those of their companions.
+// Waiting for objects: one poll over their descriptors and those of their companions, until the first of them is due.
 #include <poll.h>
 #include <time.h>
 
@@ -8,6 +8,7 @@
 #include <memory>
 #include <mutex>
 
+#include "win32/sync/file_time.h"
 #include "win32/sync/kernel_object.h"
 #include "win32/text/last_error.h"
 
@@ -17,36 +18,42 @@ namespace {
 constexpr int64_t NanosecondsPerSecond = 1'000'000'000;
 constexpr int64_t NanosecondsPerMillisecond = 1'000'000;
 
-int64_t MonotonicNanoseconds() {
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * NanosecondsPerSecond + now.tv_nsec;
-}
-
 // When a wait ends without a signal.
 class DEADLINE {
 public:
-    explicit DEADLINE(DWORD milliseconds) : kind(milliseconds) {
-        if (IsClock()) at = MonotonicNanoseconds() + milliseconds * NanosecondsPerMillisecond;
+    explicit DEADLINE(DWORD milliseconds) {
+        if (milliseconds != INFINITE)
+            at = milliseconds == 0 ? 0 : MonotonicNanoseconds() + milliseconds * NanosecondsPerMillisecond;
     }
 
-    // For ppoll: null waits without limit.
-    const timespec* Remaining() {
-        if (kind == INFINITE) return nullptr;
-        const int64_t left = IsClock() ? std::max<int64_t>(at - MonotonicNanoseconds(), 0) : 0;
+    bool IsOver() const { return at == 0 || (at != KERNEL_OBJECT::Never && MonotonicNanoseconds() >= at); }
+
+    // For ppoll: until then or until `due`, if that is earlier; null waits without limit.
+    const timespec* Remaining(int64_t due) {
+        const int64_t end = std::min(at, due);
+        if (end == KERNEL_OBJECT::Never) return nullptr;
+        const int64_t left = end == 0 ? 0 : std::max<int64_t>(end - MonotonicNanoseconds(), 0);
         span = {left / NanosecondsPerSecond, left % NanosecondsPerSecond};
         return &span;
     }
 
 private:
-    bool IsClock() const { return kind != 0 && kind != INFINITE; }
-    const DWORD kind;
-    int64_t at = 0;
+    int64_t at = KERNEL_OBJECT::Never;
     timespec span{};
 };
 
 class WAIT {
 public:
+    WAIT() = default;
+    ~WAIT() {
+        if (begun == 0) return;
+        const std::lock_guard guard(DispatcherLock());
+        for (DWORD i = 0; i < begun; ++i)
+            if (objects[i]) objects[i]->EndWait();
+    }
+    WAIT(const WAIT&) = delete;
+    WAIT& operator=(const WAIT&) = delete;
+
     // False: a handle that is none or that cannot be waited for (last error set).
     bool Prepare(const HANDLE* handles, DWORD number) {
         count = number;
@@ -62,6 +69,10 @@ public:
             const KERNEL_OBJECT::COMPANION companion = objects[i]->Companion();
             if (companion.fd >= 0) Add({companion.fd, companion.events, 0}, i);
         }
+        const std::lock_guard guard(DispatcherLock());
+        for (; begun < count; ++begun)
+            if (objects[begun]) objects[begun]->BeginWait();
+        LookWhenDue();
         return true;
     }
 
@@ -74,14 +85,15 @@ public:
     DWORD Any(DWORD milliseconds) {
         DEADLINE deadline(milliseconds);
         for (;;) {
-            const int ready = ppoll(polled.data(), polls, deadline.Remaining(), nullptr);
-            if (ready == 0) return WAIT_TIMEOUT;
+            const int ready = ppoll(polled.data(), polls, deadline.Remaining(firstDue), nullptr);
             if (ready < 0 && errno != EINTR) return Failed();
-            if (ready > 0) {
+            if (ready >= 0) {
                 const std::lock_guard guard(DispatcherLock());
                 for (nfds_t p = 0; p < polls; ++p)
                     if (Fired(p) && Take(p)) return WAIT_OBJECT_0 + owner[p];
+                LookWhenDue();
             }
+            if (ready == 0 && deadline.IsOver()) return WAIT_TIMEOUT;
         }
     }
 
@@ -90,9 +102,9 @@ public:
         DEADLINE deadline(milliseconds);
         for (;;) {
             if (TakeAll()) return WAIT_OBJECT_0;
-            const int ready = ppoll(missing.data(), polls, deadline.Remaining(), nullptr);
-            if (ready == 0) return WAIT_TIMEOUT;
+            const int ready = ppoll(missing.data(), polls, deadline.Remaining(missingDue), nullptr);
             if (ready < 0 && errno != EINTR) return Failed();
+            if (ready == 0 && deadline.IsOver()) return TakeAll() ? WAIT_OBJECT_0 : WAIT_TIMEOUT;
         }
     }
 
@@ -104,7 +116,18 @@ private:
         polled[polls++] = wanted;
     }
 
-    bool Fired(nfds_t p) const { return (polled[p].revents & ~POLLNVAL) != 0; }
+    void LookWhenDue() {
+        firstDue = KERNEL_OBJECT::Never;
+        for (DWORD i = 0; i < count; ++i) {
+            due[i] = objects[i] ? objects[i]->DueTime() : KERNEL_OBJECT::Never;
+            firstDue = std::min(firstDue, due[i]);
+        }
+    }
+
+    bool IsDue(DWORD object) const {
+        return due[object] != KERNEL_OBJECT::Never && MonotonicNanoseconds() >= due[object];
+    }
+    bool Fired(nfds_t p) const { return (polled[p].revents & ~POLLNVAL) != 0 || (!IsCompanion(p) && IsDue(owner[p])); }
     bool IsCompanion(nfds_t p) const { return p > 0 && owner[p - 1] == owner[p]; }
 
     // A companion signals its event without having been taken from it; what the event itself holds goes with it.
@@ -114,12 +137,15 @@ private:
     bool TakeAll() {
         const std::lock_guard guard(DispatcherLock());
         if (poll(polled.data(), polls, 0) < 0) return false;
+        LookWhenDue();
         missing = polled;
+        missingDue = KERNEL_OBJECT::Never;
         bool complete = true;
         for (nfds_t p = 0; p < polls;) {
             const bool pair = p + 1 < polls && IsCompanion(p + 1);
             const bool signalled = Fired(p) || (pair && Fired(p + 1));
             if (signalled || !complete) missing[p].fd = missing[p + pair].fd = -1;
+            if (!signalled && complete) missingDue = due[owner[p]];
             complete = complete && signalled;
             p += pair ? 2 : 1;
         }
@@ -134,9 +160,13 @@ private:
     }
 
     DWORD count = 0;
+    DWORD begun = 0;  // for so many objects
     nfds_t polls = 0;
+    int64_t firstDue = KERNEL_OBJECT::Never;
+    int64_t missingDue = KERNEL_OBJECT::Never;  // of the object in `missing`
     std::array<std::shared_ptr<KERNEL_OBJECT>, Limit> objects;
     std::array<pollfd, 2 * Limit> polled, missing;
+    std::array<int64_t, Limit> due;
     std::array<DWORD, 2 * Limit> owner;  // the object of each polled descriptor
 };
 

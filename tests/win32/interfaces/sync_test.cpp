@@ -61,4 +61,26 @@ TEST(Timers, AreSignalledWhenDue) {
     }
 }
 
+TEST(Timers, EndAWaitForSeveralObjectsHoweverTheyAreArmed) {
+    constexpr LONGLONG Hour = 36'000'000'000;
+    const OWNED_HANDLE event(CreateEventW(nullptr, FALSE, FALSE, nullptr));
+    const OWNED_HANDLE timer(CreateWaitableTimerW(nullptr, FALSE, nullptr));
+    const HANDLE both[] = {event, timer};
+    ASSERT_TRUE(Arm(timer, -10000));
+    EXPECT_EQ(DWORD{WAIT_TIMEOUT}, WaitForMultipleObjects(2, both, TRUE, 20)) << "the event is missing";
+    SetEvent(event);
+    EXPECT_EQ(WAIT_OBJECT_0, WaitForMultipleObjects(2, both, TRUE, SoonEnough));
+    EXPECT_FALSE(IsSet(timer)) << "the wait for both took its signal";
+    for (const LONGLONG former : {LONGLONG{-Hour}, LONGLONG{0}}) {  // the latter is a signal that arming takes back
+        ASSERT_TRUE(Arm(timer, former));
+        ASSERT_TRUE(Arm(timer, -Hour));
+        DWORD signal = WAIT_FAILED;
+        std::thread waiting([&] { signal = WaitForMultipleObjects(2, both, FALSE, SoonEnough); });
+        Sleep(20);  // whether it waits by then or not, the outcome is the same
+        EXPECT_TRUE(Arm(timer, -10000));
+        waiting.join();
+        EXPECT_EQ(WAIT_OBJECT_0 + 1, signal);
+    }
+}
+
 }  // namespace
