@@ -1,12 +1,13 @@
 // What the directory costs a report: a logon with user, computer and the user's groups looked up in a real domain,
-// beside the very same LDAP searches made back to back by a bare loop on one open connection; and reports while the
-// directory is dead.
+// beside the searches for the same names and objects made one after another by a bare loop on one open connection; and
+// reports while the directory is dead.
 //
-//     KELDWICK_ROOT=FOLDER bench_directory [USER COMPUTER]      CORP\nested and CORP\WS01 when they are not given
+//     KELDWICK_ROOT=FOLDER bench_directory [USER ...]      CORP\nested, CORP\some and CORP\many when none is given
 //
 // The folder's settings name the directory's socket (Linux\DirectoryUri, ldapi://...); tests/system/samba-dc starts,
-// populates and nests one. Reports go out as in the agent: over plain TCP on loopback to a server that only answers,
-// the log file on.
+// populates, nests and crowds one. Each user is reported without a delay and with one of half a millisecond, which a
+// process between the two puts on each way that a question goes. Reports go out as in the agent: over plain TCP on
+// loopback to a server that only answers, the log file on.
 #include <objbase.h>
 
 #include <arpa/inet.h>
@@ -14,6 +15,8 @@
 #include <ldap.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <signal.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -21,10 +24,13 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
 #include <filesystem>
 #include <fstream>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -32,6 +38,9 @@
 #include "bench/answering_server.h"
 #include "diagnostics/debug_output.h"
 #include "diagnostics/log_file.h"
+#include "directory/directory_binding.h"
+#include "directory/groups.h"
+#include "directory/name_translation.h"
 #include "platform/ip_address.h"
 #include "protocol/identity_protocol.h"
 #include "protocol/identity_reports.h"
@@ -46,7 +55,9 @@ namespace {
 using CLOCK = std::chrono::steady_clock;
 
 constexpr const char* ServerAddress = "127.48.0.1";
-constexpr int Rounds = 300;
+constexpr const char* Computer = "CORP\\WS01";
+constexpr std::chrono::seconds CompareTime{8};  // for each user and delay
+constexpr std::chrono::microseconds Delay{500};
 constexpr std::chrono::seconds RateTime{2}, DeadTime{25};  // the latter sees two pauses of 10 s end
 
 double MillisecondsSince(CLOCK::time_point begin) {
@@ -70,16 +81,16 @@ std::vector<SEARCH>* recording = nullptr;
 }  // namespace
 
 // Stands before the library's function of that name: every search of the agent's layer passes here.
-extern "C" int ldap_search_ext_s(LDAP* ldap, const char* base, int scope, const char* filter, char** attributes,
-                                 int typesOnly, LDAPControl** server, LDAPControl** client, timeval* time, int limit,
-                                 LDAPMessage** answer) {
-    static const auto next = reinterpret_cast<decltype(&ldap_search_ext_s)>(dlsym(RTLD_NEXT, "ldap_search_ext_s"));
+extern "C" int ldap_search_ext(LDAP* ldap, const char* base, int scope, const char* filter, char** attributes,
+                               int typesOnly, LDAPControl** server, LDAPControl** client, timeval* time, int limit,
+                               int* number) {
+    static const auto next = reinterpret_cast<decltype(&ldap_search_ext)>(dlsym(RTLD_NEXT, "ldap_search_ext"));
     if (recording != nullptr) {
         SEARCH search{base, filter, scope, limit, {}};
         for (char** name = attributes; *name != nullptr; ++name) search.attributes.emplace_back(*name);
         recording->push_back(std::move(search));
     }
-    return next(ldap, base, scope, filter, attributes, typesOnly, server, client, time, limit, answer);
+    return next(ldap, base, scope, filter, attributes, typesOnly, server, client, time, limit, number);
 }
 
 namespace {
@@ -101,6 +112,8 @@ public:
     ~BARE_LOOP() { ldap_unbind_ext_s(ldap, nullptr, nullptr); }
     BARE_LOOP(const BARE_LOOP&) = delete;
     BARE_LOOP& operator=(const BARE_LOOP&) = delete;
+
+    size_t Count() const { return searches.size(); }
 
     void Run() {
         for (size_t i = 0; i < searches.size(); ++i) {
@@ -177,46 +190,127 @@ RATE ReportsWithin(REPORTER& reporter, std::chrono::seconds time) {
     return rate;
 }
 
-void CompareWithBareLoop(REPORTER& reporter, const std::string& uri) {
+// What is asked for a report, each name and each object by a search of its own.
+std::vector<SEARCH> OneByOne(const std::string& user, const std::vector<SEARCH>& recorded) {
+    const std::vector<std::string> ofName{"sAMAccountName", "objectSid"},
+        ofObject{"memberOf", "primaryGroupID", "objectSid"};
     std::vector<SEARCH> searches;
-    reporter.Report();  // connects
-    recording = &searches;
-    reporter.Report();
-    recording = nullptr;
-    if (searches.size() < 3) Fail("the directory does not answer: see keldwickctl directory check");
-    BARE_LOOP bare(uri, searches);
-    std::vector<double> reports, loops;
-    for (int round = 0; round < Rounds; ++round) {
-        reports.push_back(reporter.Report());
-        const auto begin = CLOCK::now();
-        bare.Run();
-        loops.push_back(MillisecondsSince(begin));
+    const auto read = [&](const std::string& dn, const std::vector<std::string>& attributes) {
+        searches.push_back({dn, "(objectClass=*)", LDAP_SCOPE_BASE, 64, attributes});
+    };
+    const auto isFind = [](const SEARCH& search) { return search.scope == LDAP_SCOPE_SUBTREE; };
+    const auto isSid = [](const SEARCH& search) { return search.base.starts_with("<SID="); };
+    const keldwick::DIRECTORY_BINDING binding;
+    const std::u16string name = win32::ToUtf16(user);
+    keldwick::STRING dn;
+    keldwick::GROUP_LIST groups;
+    if (!keldwick::Nt4NameToDn(name.c_str(), dn, &binding) || !keldwick::GetGroups(name.c_str(), groups, &binding))
+        Fail("the directory does not know " + user + ": see keldwickctl directory check");
+    for (const SEARCH& search : recorded)
+        if (isFind(search)) searches.push_back({search.base, search.filter, search.scope, search.limit, ofName});
+    const auto sid = std::find_if(recorded.begin(), recorded.end(), isSid);
+    if (searches.size() != 3 || sid == recorded.end()) Fail("a report asks for other names than it used to");
+    read(win32::ToUtf8(dn.View()), ofObject);
+    read(sid->base, ofName);
+    for (const keldwick::GROUP& group : groups) {
+        read(win32::ToUtf8(group.dn.View()), ofName);
+        read(win32::ToUtf8(group.dn.View()), ofObject);
     }
-    const double report = Median(reports), loop = Median(loops);
-    std::printf("a report, %zu searches, %u bytes sent:   %7.2f ms (median of %d)\n", searches.size(),
-                reporter.Length(), report, Rounds);
-    std::printf("the searches alone, bare loop:          %7.2f ms\n", loop);
-    std::printf("ratio:                                  %7.2f\n", report / loop);
+    return searches;
 }
 
-// A socket that takes connections and never says a word.
-class DEAD_DIRECTORY {
-public:
-    explicit DEAD_DIRECTORY(const std::string& path) : listener(socket(AF_UNIX, SOCK_STREAM, 0)) {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        if (path.size() >= sizeof(address.sun_path)) Fail(path + " is too long for a socket");
-        memcpy(address.sun_path, path.c_str(), path.size());
-        if (bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || listen(listener, 64) != 0)
-            Fail("cannot listen on " + path);
+void CompareWithBareLoop(const std::string& user, const std::string& uri, std::chrono::microseconds delay) {
+    REPORTER reporter(user, Computer);
+    std::vector<SEARCH> recorded;
+    reporter.Report();  // connects
+    recording = &recorded;
+    reporter.Report();
+    recording = nullptr;
+    BARE_LOOP bare(uri, OneByOne(user, recorded));
+    std::vector<double> reports, loops;
+    for (const auto begin = CLOCK::now(); CLOCK::now() - begin < CompareTime || reports.size() < 5;) {
+        reports.push_back(reporter.Report());
+        const auto loop = CLOCK::now();
+        bare.Run();
+        loops.push_back(MillisecondsSince(loop));
     }
-    ~DEAD_DIRECTORY() { close(listener); }
-    DEAD_DIRECTORY(const DEAD_DIRECTORY&) = delete;
-    DEAD_DIRECTORY& operator=(const DEAD_DIRECTORY&) = delete;
+    const double report = Median(reports), loop = Median(loops);
+    std::printf("%-12s +%.1f ms: report %8.2f ms (%zu searches, %u bytes sent), one by one %8.2f ms (%zu), ratio %.2f "
+                "(medians of %zu)\n",
+                user.c_str(), static_cast<double>(delay.count()) / 1000, report, recorded.size(), reporter.Length(),
+                loop, bare.Count(), report / loop, reports.size());
+    std::fflush(stdout);
+}
 
-private:
-    const int listener;
-};
+sockaddr_un SocketAddress(const std::string& path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (path.size() >= sizeof(address.sun_path)) Fail(path + " is too long for a socket");
+    memcpy(address.sun_path, path.c_str(), path.size());
+    return address;
+}
+
+int ListenAt(const std::string& path) {
+    const sockaddr_un address = SocketAddress(path);
+    const int listener = socket(AF_UNIX, SOCK_STREAM, 0);
+    if (bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 || listen(listener, 64) != 0)
+        Fail("cannot listen on " + path);
+    return listener;
+}
+
+// One way of a connection: each byte goes on when it is as old as the delay.
+void Carry(int from, int to, std::chrono::microseconds delay) {
+    struct PART {
+        CLOCK::time_point due;
+        std::string bytes;
+    };
+    std::deque<PART> parts;
+    std::mutex lock;
+    std::condition_variable more;
+    std::thread reader([&] {
+        char bytes[65536];
+        ssize_t count = 0;
+        do {
+            count = recv(from, bytes, sizeof bytes, 0);
+            const std::lock_guard guard(lock);
+            parts.push_back({CLOCK::now() + delay, std::string(bytes, static_cast<size_t>(std::max<ssize_t>(count, 0)))});
+            more.notify_one();
+        } while (count > 0);
+    });
+    for (bool isOpen = true; isOpen;) {
+        std::unique_lock guard(lock);
+        more.wait(guard, [&] { return !parts.empty(); });
+        const PART part = std::move(parts.front());
+        parts.pop_front();
+        guard.unlock();
+        std::this_thread::sleep_until(part.due);
+        isOpen = !part.bytes.empty();
+        for (size_t sent = 0; sent < part.bytes.size();)
+            sent += static_cast<size_t>(
+                std::max<ssize_t>(0, send(to, part.bytes.data() + sent, part.bytes.size() - sent, MSG_NOSIGNAL)));
+    }
+    shutdown(to, SHUT_WR);
+    reader.join();
+}
+
+// A process that hands on what comes to the socket, half of the delay later each way.
+pid_t Relay(const std::string& path, const std::string& target, std::chrono::microseconds delay) {
+    const int listener = ListenAt(path);
+    const pid_t process = fork();
+    if (process != 0) {
+        close(listener);
+        return process;
+    }
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    prctl(PR_SET_TIMERSLACK, 1);
+    for (;;) {
+        const int client = accept(listener, nullptr, nullptr), server = socket(AF_UNIX, SOCK_STREAM, 0);
+        const sockaddr_un address = SocketAddress(target);
+        if (connect(server, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) Fail("cannot relay");
+        std::thread(Carry, client, server, delay / 2).detach();
+        std::thread(Carry, server, client, delay / 2).detach();
+    }
+}
 
 void UseSettings(const std::string& root, const std::string& uri) {
     std::ofstream(root + "/registry.reg") << "Windows Registry Editor Version 5.00\n\n"
@@ -231,34 +325,44 @@ std::string SocketUri(const std::string& path) {
     return uri;
 }
 
-void ReportWithDeadDirectory(REPORTER& reporter) {
-    const std::string root = std::filesystem::temp_directory_path() / ("keldwick-bench-" + std::to_string(getpid()));
+// A socket that takes connections and never says a word.
+void ReportWithDeadDirectory(const std::string& root) {
+    REPORTER reporter("CORP\\nested", Computer);
     std::filesystem::create_directories(root + "/dead");
-    const DEAD_DIRECTORY dead(root + "/ldapi");
+    const int dead = ListenAt(root + "/ldapi");
     UseSettings(root, "");
     const RATE none = ReportsWithin(reporter, RateTime);
     std::printf("without a directory:                    %7.0f reports a second\n", none.perSecond);
     UseSettings(root + "/dead", SocketUri(root + "/ldapi"));
     std::printf("a directory that never answers:         %7.0f ms for the first report\n", reporter.Report());
     const RATE after = ReportsWithin(reporter, DeadTime);
-    std::printf("the reports of the %2d s behind it:       %7.0f a second, the longest %.1f ms\n",
+    std::printf("the reports of the %2d s after it:       %7.0f a second, the longest %.1f ms\n",
                 static_cast<int>(DeadTime.count()), after.perSecond, after.longest);
-    std::filesystem::remove_all(root);
+    close(dead);
 }
 
-std::string DirectoryUri() {
+// The path of the directory's socket.
+std::string DirectorySocket() {
+    const std::string scheme = "ldapi://";
     std::string complaint;
     const auto settings = win32::ReadLdapSettings(complaint);
     if (!settings) Fail("KELDWICK_ROOT's settings name no directory: " + complaint);
-    if (!settings->uri.starts_with("ldapi://") || settings->bind != win32::LDAP_BIND::NONE)
+    if (!settings->uri.starts_with(scheme) || settings->bind != win32::LDAP_BIND::NONE)
         Fail("Linux\\DirectoryUri must be an ldapi:// socket: " + settings->uri);
-    return settings->uri;
+    std::string path = settings->uri.substr(scheme.size());
+    for (size_t at = 0; (at = path.find("%2F", at)) != path.npos;) path.replace(at, 3, "/");
+    return path;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    const std::string uri = DirectoryUri();
+    std::vector<std::string> users(argv + 1, argv + argc);
+    if (users.empty()) users = {"CORP\\nested", "CORP\\some", "CORP\\many"};
+    const std::string direct = DirectorySocket();
+    const std::string root = std::filesystem::temp_directory_path() / ("keldwick-bench-" + std::to_string(getpid()));
+    std::filesystem::create_directories(root);
+    const pid_t relay = Relay(root + "/relay", direct, Delay);
     const int listener = Listen();
     std::thread server(AnswerEverything, listener);
 
@@ -273,12 +377,19 @@ int main(int argc, char** argv) {
         keldwick::IDENTITY_PROTOCOL session;
         keldwick::CurrentSession = &session;
         if (!session.PersistentConnect()) Fail("no connection to its own server");
-        REPORTER reporter(argc > 2 ? argv[1] : "CORP\\nested", argc > 2 ? argv[2] : "CORP\\WS01");
-        CompareWithBareLoop(reporter, uri);
-        ReportWithDeadDirectory(reporter);
+        for (const std::string& user : users) {
+            const std::pair<std::string, std::chrono::microseconds> ways[] = {{direct, {}}, {root + "/relay", Delay}};
+            for (const auto& [path, delay] : ways) {
+                UseSettings(root, SocketUri(path));
+                CompareWithBareLoop(user, SocketUri(path), delay);
+            }
+        }
+        ReportWithDeadDirectory(root);
         session.Disconnect();
     }
     server.join();
     CoUninitialize();
+    kill(relay, SIGKILL);
+    std::filesystem::remove_all(root);
     return 0;
 }

@@ -19,6 +19,13 @@ std::string_view DIRECTORY_ENTRY::First(std::string_view attribute) const {
     return values != nullptr && !values->empty() ? std::string_view(values->front()) : std::string_view();
 }
 
+size_t DIRECTORY_ENTRY::Bytes() const {
+    size_t bytes = dn.size();
+    for (const auto& [name, values] : attributes)
+        for (const std::string& value : values) bytes += value.size() + sizeof(value);
+    return bytes;
+}
+
 HRESULT OpenDirectory(const DIRECTORY_TARGET& target, std::unique_ptr<DIRECTORY>& directory) {
     const std::string complaint = target.server.empty() ? "" : ServerComplaint(target.server);
     if (!complaint.empty()) {

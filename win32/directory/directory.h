@@ -41,6 +41,7 @@ struct DIRECTORY_ENTRY {
     // Null: the entry has no such attribute. The name's letter case does not count.
     const std::vector<std::string>* Values(std::string_view attribute) const;
     std::string_view First(std::string_view attribute) const;  // the first value; empty: there is none
+    size_t Bytes() const;                                      // of memory that its texts take, about
 };
 
 using ATTRIBUTE_NAMES = std::vector<const char*>;
@@ -59,6 +60,10 @@ public:
     // The entry with that DN or that SID in its binary form; DirectoryNoSuchObject when there is none.
     virtual HRESULT Read(const std::string& dn, const ATTRIBUTE_NAMES& wanted, DIRECTORY_ENTRY& entry) = 0;
     virtual HRESULT ReadSid(const std::string& sid, const ATTRIBUTE_NAMES& wanted, DIRECTORY_ENTRY& entry) = 0;
+
+    // The entry that was read last has been opened as an object, whose groups will be asked for next by this thread.
+    // What is fetched ahead is dropped with the result, which may be null.
+    virtual std::shared_ptr<void> ExpectGroupsOf(const DIRECTORY_ENTRY&) { return nullptr; }
 };
 
 // Which directory, and as which user. An empty server: the one that the settings name. An empty user: as the settings

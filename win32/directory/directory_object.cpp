@@ -85,7 +85,9 @@ public:
     HRESULT Read(DIRECTORY& directory, const std::string& dn) {
         ATTRIBUTE_NAMES wanted;
         for (const ATTRIBUTE& attribute : Attributes) wanted.push_back(attribute.name);
-        return directory.Read(dn, wanted, entry);
+        const HRESULT result = directory.Read(dn, wanted, entry);
+        if (SUCCEEDED(result)) fetchedAhead = directory.ExpectGroupsOf(entry);
+        return result;
     }
 
     // Other attributes than these are not read, no caller asks for them: E_NOTIMPL.
@@ -105,6 +107,7 @@ public:
 
 private:
     DIRECTORY_ENTRY entry;
+    std::shared_ptr<void> fetchedAhead;  // kept for the questions about its groups
 };
 
 }  // namespace

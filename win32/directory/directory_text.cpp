@@ -64,6 +64,12 @@ std::optional<std::vector<std::string>> SplitDn(std::string_view dn) {
     return components;
 }
 
+std::string SidDn(std::string_view sid) {
+    std::string dn = "<SID=";
+    for (const char byte : sid) AppendHex(dn, static_cast<unsigned char>(byte));
+    return dn + ">";
+}
+
 bool IsAtOrBelow(const std::vector<std::string>& dn, const std::vector<std::string>& base) {
     return dn.size() >= base.size() && std::equal(base.rbegin(), base.rend(), dn.rbegin());
 }

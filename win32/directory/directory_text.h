@@ -16,6 +16,9 @@ std::string LowerName(std::string_view name);
 // components.
 std::optional<std::vector<std::string>> SplitDn(std::string_view dn);
 
+// The name "<SID=...>" of the object with that SID, in its binary form, by which a server reads it as by a DN.
+std::string SidDn(std::string_view sid);
+
 // Whether the DN is the base or lies below it; of both the components.
 bool IsAtOrBelow(const std::vector<std::string>& dn, const std::vector<std::string>& base);
 

@@ -22,6 +22,8 @@ constexpr const char* SystemCaFile = "/etc/ssl/certs/ca-certificates.crt";
 
 constexpr size_t MaxMessageBytes = size_t{16} << 20;  // of one entry
 constexpr size_t MaxAnswerBytes = size_t{64} << 20;   // of all the values of an answer
+constexpr size_t MaxAheadBytes = size_t{1} << 20;     // the same of one that was asked for ahead
+constexpr size_t MaxAhead = 64;                       // searches under way
 
 constexpr HRESULT OperationsError = HRESULT(0x80072020u);     // ERROR_DS_OPERATIONS_ERROR
 constexpr HRESULT TimeLimitExceeded = HRESULT(0x80072022u);   // ERROR_DS_TIMELIMIT_EXCEEDED
@@ -138,39 +140,7 @@ DIRECTORY_ENTRY EntryOf(LDAP* ldap, LDAPMessage* message) {
     return entry;
 }
 
-size_t BytesOf(const DIRECTORY_ENTRY& entry) {
-    size_t bytes = entry.dn.size();
-    for (const auto& [name, values] : entry.attributes)
-        for (const std::string& value : values) bytes += value.size() + sizeof(value);
-    return bytes;
-}
-
 using MESSAGE = std::unique_ptr<LDAPMessage, int (*)(LDAPMessage*)>;
-
-// Takes the messages that answer the search as they come: the library would hold whatever a server sends. Result: the
-// library's code, LDAP_DECODING_ERROR for more than was asked for.
-int TakeEntries(LDAP* ldap, int search, size_t limit, std::vector<DIRECTORY_ENTRY>& found) {
-    const auto end = std::chrono::steady_clock::now() + LdapAnswerTime;
-    for (size_t bytes = 0;;) {
-        const auto left = std::chrono::duration_cast<std::chrono::microseconds>(end - std::chrono::steady_clock::now());
-        timeval time{left.count() / 1'000'000, left.count() % 1'000'000};
-        LDAPMessage* taken = nullptr;
-        const int kind = left.count() > 0 ? ldap_result(ldap, search, LDAP_MSG_ONE, &time, &taken) : 0;
-        const MESSAGE message(taken, ldap_msgfree);
-        int code = LDAP_TIMEOUT;
-        if (kind < 0) ldap_get_option(ldap, LDAP_OPT_RESULT_CODE, &code);
-        if (kind <= 0) return code;
-        if (kind == LDAP_RES_SEARCH_RESULT) {
-            const int parsed = ldap_parse_result(ldap, taken, &code, nullptr, nullptr, nullptr, nullptr, 0);
-            return parsed != LDAP_SUCCESS ? parsed : code;
-        }
-        if (kind == LDAP_RES_SEARCH_REFERENCE || kind == LDAP_RES_INTERMEDIATE) continue;
-        if (kind != LDAP_RES_SEARCH_ENTRY) return LDAP_DECODING_ERROR;  // for the library it ends the search
-        found.push_back(EntryOf(ldap, taken));
-        bytes += BytesOf(found.back());
-        if (found.size() > limit || bytes > MaxAnswerBytes) return LDAP_DECODING_ERROR;
-    }
-}
 
 bool UsesTls(const LDAP_ACCESS& access) { return access.startTls || access.uri.starts_with("ldaps://"); }
 
@@ -259,6 +229,24 @@ struct LDAP_CONNECTION::HANDLE_STATE {
         std::string password = access.password;
         berval secret{password.size(), password.data()};
         return ldap_sasl_bind_s(ldap, access.user.c_str(), LDAP_SASL_SIMPLE, &secret, nullptr, nullptr, nullptr);
+    }
+
+    // Adds what the message brings to the answer. True: the answer is complete, and the code says how it ended. For the
+    // library a message of another kind ends the search.
+    bool Take(int kind, LDAPMessage* message, ANSWER& answer, int& code) const {
+        if (kind == LDAP_RES_SEARCH_RESULT) {
+            const int parsed = ldap_parse_result(ldap, message, &code, nullptr, nullptr, nullptr, nullptr, 0);
+            if (parsed != LDAP_SUCCESS) code = parsed;
+            return true;
+        }
+        if (kind == LDAP_RES_SEARCH_REFERENCE || kind == LDAP_RES_INTERMEDIATE) return false;
+        code = LDAP_DECODING_ERROR;
+        if (kind != LDAP_RES_SEARCH_ENTRY) return true;
+        answer.found.push_back(EntryOf(ldap, message));
+        answer.bytes += answer.found.back().Bytes();
+        if (answer.found.size() > answer.limit || answer.bytes > MaxAnswerBytes) return true;
+        code = LDAP_RESULTS_TOO_LARGE;
+        return answer.isAhead && answer.bytes > MaxAheadBytes;
     }
 
     // The library's words for the code, and the server's or the TLS library's own.
@@ -374,24 +362,88 @@ HRESULT LDAP_CONNECTION::ReadRoot() {
     return DirectoryNoSuchObject;
 }
 
-HRESULT LDAP_CONNECTION::Search(const std::string& base, SCOPE scope, const std::string& filter,
-                                const ATTRIBUTE_NAMES& wanted, int limit, std::vector<DIRECTORY_ENTRY>& found) {
-    found.clear();
-    const int number = scope == SCOPE::BASE       ? LDAP_SCOPE_BASE
-                       : scope == SCOPE::CHILDREN ? LDAP_SCOPE_ONELEVEL
-                                                  : LDAP_SCOPE_SUBTREE;
+int LDAP_CONNECTION::Send(const std::string& base, int scope, const std::string& filter, const ATTRIBUTE_NAMES& wanted,
+                          int limit, bool isAhead, int& number) {
     std::vector<char*> names;  // the library does not write to them
     for (const char* name : wanted) names.push_back(const_cast<char*>(name));
     names.push_back(nullptr);
-    const NO_PIPE_SIGNAL quiet;
     timeval time = TimeValue(LdapAnswerTime);
-    int search = 0;
-    int code = ldap_search_ext(state->ldap, base.c_str(), number, filter.c_str(), names.data(), 0, nullptr, nullptr,
-                               &time, limit, &search);
-    if (code == LDAP_SUCCESS) code = TakeEntries(state->ldap, search, static_cast<size_t>(limit), found);
-    if (code == LDAP_SUCCESS || code == LDAP_SIZELIMIT_EXCEEDED) return S_OK;
+    const int code = ldap_search_ext(state->ldap, base.c_str(), scope, filter.c_str(), names.data(), 0, nullptr,
+                                     nullptr, &time, limit, &number);
+    if (code == LDAP_SUCCESS) unanswered[number] = {static_cast<size_t>(limit), isAhead, {}, 0};
+    return code;
+}
+
+// Takes the messages of all searches as they come, until the one of that number is answered: the library would hold
+// whatever a server sends. The time that an answer may take begins again with each answer to a search sent ahead: a
+// server that takes its time for each is as good as one that is asked one by one. Result: the library's code,
+// LDAP_DECODING_ERROR for more than was asked for.
+int LDAP_CONNECTION::Receive(int number, std::vector<DIRECTORY_ENTRY>& found) {
+    auto end = std::chrono::steady_clock::now() + LdapAnswerTime;
+    for (;;) {
+        const auto left = std::chrono::duration_cast<std::chrono::microseconds>(end - std::chrono::steady_clock::now());
+        timeval time{left.count() / 1'000'000, left.count() % 1'000'000};
+        LDAPMessage* taken = nullptr;
+        const int kind = left.count() > 0 ? ldap_result(state->ldap, LDAP_RES_ANY, LDAP_MSG_ONE, &time, &taken) : 0;
+        const MESSAGE message(taken, ldap_msgfree);
+        int code = LDAP_TIMEOUT;
+        if (kind < 0) ldap_get_option(state->ldap, LDAP_OPT_RESULT_CODE, &code);
+        if (kind <= 0) return code;
+        const auto asked = unanswered.find(ldap_msgid(taken));
+        if (asked == unanswered.end()) continue;  // the server's own word, or the rest of what was enough
+        if (!state->Take(kind, taken, asked->second, code)) continue;
+        const int answered = asked->first;
+        ANSWER answer = std::move(asked->second);
+        unanswered.erase(asked);
+        const bool isDropped = answer.isAhead && !receiver;
+        if (code < 0 && !isDropped) return code;
+        if (code == LDAP_SIZELIMIT_EXCEEDED) code = LDAP_SUCCESS;
+        if (answer.isAhead) {
+            const bool isThere = code == LDAP_SUCCESS && !answer.found.empty();
+            if (receiver) receiver(answered, isThere ? &answer.found[0] : nullptr);
+            if (answered == number) return LDAP_SUCCESS;
+            if (broken) return LDAP_SERVER_DOWN;
+            end = std::chrono::steady_clock::now() + LdapAnswerTime;
+        } else if (answered == number) {
+            found = std::move(answer.found);
+            return code;
+        }
+    }
+}
+
+HRESULT LDAP_CONNECTION::Search(const std::string& base, SCOPE scope, const std::string& filter,
+                                const ATTRIBUTE_NAMES& wanted, int limit, std::vector<DIRECTORY_ENTRY>& found) {
     found.clear();
-    return Fail(code);
+    const int scopeNumber = scope == SCOPE::BASE       ? LDAP_SCOPE_BASE
+                            : scope == SCOPE::CHILDREN ? LDAP_SCOPE_ONELEVEL
+                                                       : LDAP_SCOPE_SUBTREE;
+    const NO_PIPE_SIGNAL quiet;
+    int number = 0;
+    int code = Send(base, scopeNumber, filter, wanted, limit, false, number);
+    if (code == LDAP_SUCCESS) code = Receive(number, found);
+    return code == LDAP_SUCCESS ? S_OK : Fail(code);
+}
+
+std::optional<int> LDAP_CONNECTION::ReadAhead(const std::string& dn, const ATTRIBUTE_NAMES& wanted) {
+    if (broken || unanswered.size() >= MaxAhead) return std::nullopt;
+    const NO_PIPE_SIGNAL quiet;
+    int number = 0;
+    const int code = Send(dn, LDAP_SCOPE_BASE, AnyEntry, wanted, MaxFound, true, number);
+    if (code == LDAP_SUCCESS) return number;
+    Fail(code);
+    return std::nullopt;
+}
+
+void LDAP_CONNECTION::SendAnswersTo(RECEIVER to) {
+    receiver = std::move(to);
+    for (auto& [number, answer] : unanswered) answer.found.clear();
+}
+
+HRESULT LDAP_CONNECTION::Await(int number) {
+    const NO_PIPE_SIGNAL quiet;
+    std::vector<DIRECTORY_ENTRY> none;
+    const int code = Receive(number, none);
+    return code == LDAP_SUCCESS ? S_OK : Fail(code);
 }
 
 }  // namespace win32

@@ -5,7 +5,9 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "win32/directory/directory.h"
@@ -15,6 +17,9 @@ namespace win32 {
 
 constexpr std::chrono::seconds LdapConnectTime{5};
 constexpr std::chrono::seconds LdapAnswerTime{10};
+
+constexpr const char* AnyEntry = "(objectClass=*)";
+constexpr int MaxFound = 64;  // entries of one name: more than one is already too many
 
 // Which server, how, and as which user.
 struct LDAP_ACCESS {
@@ -45,6 +50,17 @@ public:
     HRESULT Search(const std::string& base, SCOPE scope, const std::string& filter, const ATTRIBUTE_NAMES& wanted,
                    int limit, std::vector<DIRECTORY_ENTRY>& found);
 
+    // Sends a search for the entry with that DN whose answer is not waited for here. It comes, in whatever call takes
+    // it off the wire, to the receiver, which may send more: the entry, or null when there is none to be had this way.
+    // Result: its number; nothing: it was not sent, since 64 are under way or the connection is of no more use.
+    using RECEIVER = std::function<void(int number, DIRECTORY_ENTRY* entry)>;
+    std::optional<int> ReadAhead(const std::string& dn, const ATTRIBUTE_NAMES& wanted);
+    void SendAnswersTo(RECEIVER to);  // null: those still to come are dropped
+    bool ReadsAhead() const { return receiver != nullptr; }
+
+    // Returns when the search of that number, sent ahead, has been answered. Fails when the connection does.
+    HRESULT Await(int number);
+
     bool IsBroken() const { return broken; }  // no further search can succeed
     const std::string& Reason() const { return reason; }
     const std::string& Identity() const { return identity; }  // after Bind, for a person
@@ -53,9 +69,22 @@ public:
 private:
     struct HANDLE_STATE;
 
+    // What has come of an answer so far.
+    struct ANSWER {
+        size_t limit = 0;  // of entries
+        bool isAhead = false;
+        std::vector<DIRECTORY_ENTRY> found;
+        size_t bytes = 0;
+    };
+
+    int Send(const std::string& base, int scope, const std::string& filter, const ATTRIBUTE_NAMES& wanted, int limit,
+             bool isAhead, int& number);
+    int Receive(int number, std::vector<DIRECTORY_ENTRY>& found);
     HRESULT Fail(int code);
 
-    std::shared_ptr<HANDLE_STATE> state;  // shared with a step that was given up and has not ended yet
+    std::shared_ptr<HANDLE_STATE> state;         // shared with a step that was given up and has not ended yet
+    std::unordered_map<int, ANSWER> unanswered;  // searches, by their number
+    RECEIVER receiver;
     bool broken = false;
     std::string reason, identity, configurationDn;
 };

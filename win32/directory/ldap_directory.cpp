@@ -1,138 +1,15 @@
 #include "win32/directory/ldap_directory.h"
 
-#include <map>
-#include <mutex>
-
 #include "win32/directory/directory_text.h"
-#include "win32/sync/file_time.h"
+#include "win32/directory/look_ahead.h"
 #include "win32/text/numbers.h"
 
 namespace win32 {
 
 namespace {
 
-using TIME = std::chrono::milliseconds;  // since the machine was started
-
-constexpr std::chrono::seconds FailurePause{10};        // until a server that failed is tried again
-constexpr std::chrono::milliseconds MaxRetryWait{200};  // of the look-up that has it tried again
-constexpr std::chrono::minutes MaxRetryTime{1};         // longer than its steps together can take
-constexpr std::chrono::minutes MaxIdleTime{5};          // servers close idle connections, often after 15 minutes
-constexpr std::chrono::minutes MaxAge{15};              // of a connection, and so of the domains read with it
-constexpr size_t MaxIdle = 8;
-constexpr size_t MaxFailures = 64;
-constexpr int MaxFound = 64;         // of one name: more than one is already too many
 constexpr int MaxDomains = 1000;     // a server's usual limit for one answer
 constexpr size_t MaxRanges = 10000;  // parts of one attribute
-constexpr const char* AnyEntry = "(objectClass=*)";
-
-// Everything that makes a connection another one.
-std::string KeyOf(const LDAP_ACCESS& access) {
-    std::string key;
-    for (const std::string* part : {&access.uri, &access.user, &access.password, &access.keytab, &access.caFile})
-        key += *part + '\0';
-    return key + static_cast<char>('0' + static_cast<int>(access.bind)) + (access.startTls ? 's' : 'p');
-}
-
-// A connection with what it takes to ask by it.
-struct OPEN_CONNECTION {
-    LDAP_CONNECTION ldap;
-    std::vector<DIRECTORY_DOMAIN> domains;
-    const TIME since = Uptime();
-};
-using CONNECTION = std::unique_ptr<OPEN_CONNECTION>;
-
-HRESULT OpenConnection(const LDAP_ACCESS& access, CONNECTION& connection) {
-    connection = std::make_unique<OPEN_CONNECTION>();
-    LDAP_CONNECTION& ldap = connection->ldap;
-    HRESULT result = ldap.Connect(access);
-    if (SUCCEEDED(result)) result = ldap.Bind(access);
-    if (SUCCEEDED(result)) result = ldap.ReadRoot();
-    if (SUCCEEDED(result)) result = SearchDomains(ldap, connection->domains);
-    if (FAILED(result)) ComplainOnce(access.uri, access.uri + ": " + ldap.Reason());
-    return result;
-}
-
-// Idle connections, and servers that have failed. When the pause after a failure is over the server is tried again
-// beside the look-ups: one that lives answers before the first of them gives up, a dead one costs it a moment, and the
-// others nothing.
-class LDAP_POOL {
-public:
-    // Never destroyed: look-ups may go on while the process ends.
-    static LDAP_POOL& Current() {
-        static LDAP_POOL& pool = *new LDAP_POOL;
-        return pool;
-    }
-
-    CONNECTION TakeIdle(const std::string& key) {
-        const std::lock_guard guard(lock);
-        const TIME now = Uptime();
-        std::erase_if(idle, [now](const IDLE& one) {
-            return one.since + MaxIdleTime < now || one.connection->since + MaxAge < now;
-        });
-        for (size_t i = idle.size(); i-- > 0;) {
-            if (idle[i].key != key) continue;
-            CONNECTION connection = std::move(idle[i].connection);
-            idle.erase(idle.begin() + static_cast<ptrdiff_t>(i));
-            return connection;
-        }
-        return nullptr;
-    }
-
-    void GiveBack(const std::string& key, CONNECTION connection) {
-        const std::lock_guard guard(lock);
-        if (idle.size() >= MaxIdle) idle.erase(idle.begin());
-        idle.push_back({key, std::move(connection), Uptime()});
-    }
-
-    // S_OK: it has not failed, or has answered since.
-    HRESULT LastFailure(const std::string& key, const LDAP_ACCESS& access) {
-        if (IsRetryDue(key)) FinishesWithin(MaxRetryWait, [this, key, access] { Retry(key, access); });
-        const std::lock_guard guard(lock);
-        const auto found = failures.find(key);
-        return found != failures.end() ? found->second.result : S_OK;
-    }
-
-    void RememberFailure(const std::string& key, HRESULT result) {
-        const std::lock_guard guard(lock);
-        if (failures.size() >= MaxFailures) failures.clear();
-        failures[key] = {result, Uptime() + FailurePause};
-        std::erase_if(idle, [&](const IDLE& one) { return one.key == key; });
-    }
-
-private:
-    // True once: that caller tries.
-    bool IsRetryDue(const std::string& key) {
-        const std::lock_guard guard(lock);
-        const auto found = failures.find(key);
-        if (found == failures.end() || Uptime() < found->second.until) return false;
-        found->second.until = Uptime() + MaxRetryTime;
-        return true;
-    }
-
-    void Retry(const std::string& key, const LDAP_ACCESS& access) {
-        CONNECTION connection;
-        const HRESULT result = OpenConnection(access, connection);
-        if (FAILED(result)) return RememberFailure(key, result);
-        ForgetComplaints(access.uri);  // the next outage is worth a line again
-        GiveBack(key, std::move(connection));
-        const std::lock_guard guard(lock);
-        failures.erase(key);
-    }
-
-    struct IDLE {
-        std::string key;
-        CONNECTION connection;
-        TIME since;
-    };
-    struct FAILURE {
-        HRESULT result;
-        TIME until;
-    };
-
-    std::mutex lock;
-    std::vector<IDLE> idle;
-    std::map<std::string, FAILURE> failures;
-};
 
 // The part after `range`, which becomes the range of what was read. It must begin where the last one ended.
 HRESULT ReadRange(LDAP_CONNECTION& ldap, const std::string& dn, const std::string& name,
@@ -202,19 +79,40 @@ public:
     HRESULT Find(const std::string& base, const char* attribute, const std::string& value,
                  const ATTRIBUTE_NAMES& wanted, std::vector<DIRECTORY_ENTRY>& found) override {
         const std::string filter = "(" + std::string(attribute) + "=" + FilterText(value) + ")";
-        return Ask([&](LDAP_CONNECTION& asked) {
-            return asked.Search(base, LDAP_CONNECTION::SCOPE::SUBTREE, filter, wanted, MaxFound, found);
+        isWide = LOOK_AHEAD::IsAskedAgain(key + base + filter) && LOOK_AHEAD::Covers(wanted);
+        const HRESULT result = Ask([&](OPEN_CONNECTION& asked) {
+            const auto search = [&](const ATTRIBUTE_NAMES& names) {
+                return asked.ldap.Search(base, LDAP_CONNECTION::SCOPE::SUBTREE, filter, names, MaxFound, found);
+            };
+            const HRESULT more = isWide ? search(LOOK_AHEAD::Attributes) : S_FALSE;
+            if (more == S_OK || asked.ldap.IsBroken()) return more;
+            isWide = false;
+            return search(wanted);
         });
+        if (SUCCEEDED(result) && isWide && found.size() == 1) LOOK_AHEAD::KeepFound(key, found[0]);
+        return result;
     }
 
     HRESULT Read(const std::string& dn, const ATTRIBUTE_NAMES& wanted, DIRECTORY_ENTRY& entry) override {
-        return Ask([&](LDAP_CONNECTION& asked) { return ReadEntry(asked, dn, wanted, entry); });
+        isWide = false;
+        ahead = LOOK_AHEAD::OpenOrFound(key, dn);
+        const bool mayBeThere = ahead && LOOK_AHEAD::Covers(wanted);
+        return Ask([&](OPEN_CONNECTION& asked) {
+            const HRESULT taken = mayBeThere && ahead ? ahead->Take(asked, dn, entry) : S_FALSE;
+            return taken == S_FALSE ? ReadEntry(asked.ldap, dn, wanted, entry) : taken;
+        });
     }
 
     HRESULT ReadSid(const std::string& sid, const ATTRIBUTE_NAMES& wanted, DIRECTORY_ENTRY& entry) override {
-        std::string dn = "<SID=";
-        for (const char byte : sid) AppendHex(dn, static_cast<unsigned char>(byte));
-        return Read(dn + ">", wanted, entry);
+        return Read(SidDn(sid), wanted, entry);
+    }
+
+    std::shared_ptr<void> ExpectGroupsOf(const DIRECTORY_ENTRY& object) override {
+        if (!connection || (ahead && ahead->Key() != key)) return nullptr;
+        if (!ahead) ahead = std::make_shared<LOOK_AHEAD>(key);
+        LOOK_AHEAD::Hold(ahead);
+        ahead->Expect(*connection, object);
+        return ahead;
     }
 
 private:
@@ -223,20 +121,25 @@ private:
     HRESULT Ask(QUESTION question) {
         HRESULT result = DirectoryServerDown;
         while (connection) {
-            result = question(connection->ldap);
+            result = question(*connection);
             if (!connection->ldap.IsBroken() && result != DirectoryServerDown) return result;
             result = Reconnect(result);
         }
         return result;
     }
 
-    // After a failure: to the same server once more when its kept connection turns out to be closed, else to the next.
-    // Fails, without a connection, when none is left.
+    // After a failure: to the same server once more when its kept connection turns out to be closed, or when more was
+    // asked than the question, else to the next. Fails, without a connection, when none is left.
     HRESULT Reconnect(HRESULT failure) {
-        if (connection->ldap.IsBroken() && failure == DirectoryServerDown && !isFresh) {
+        const bool isMoreAsked = (isWide || connection->ldap.ReadsAhead()) && failure != DirectoryTimeout;
+        const bool isKeptOneClosed = !isFresh && failure == DirectoryServerDown;
+        const bool isBroken = connection->ldap.IsBroken();
+        if (ahead && isBroken) ahead->Stop();
+        isWide = false;
+        if (isBroken && (isMoreAsked || isKeptOneClosed)) {
             failure = OpenFresh();
             if (SUCCEEDED(failure)) return S_OK;
-        } else if (connection->ldap.IsBroken()) {
+        } else if (isBroken) {
             const std::string& uri = servers[current].uri;
             ComplainOnce(uri, uri + ": " + connection->ldap.Reason());
             LDAP_POOL::Current().RememberFailure(key, failure);
@@ -258,7 +161,9 @@ private:
         key = KeyOf(servers[current]);
         const HRESULT failure = LDAP_POOL::Current().LastFailure(key, servers[current]);
         if (FAILED(failure)) return failure;
-        connection = LDAP_POOL::Current().TakeIdle(key);
+        ahead = LOOK_AHEAD::Open(key);
+        if (ahead) connection = ahead->TakeConnection();
+        if (!connection) connection = LDAP_POOL::Current().TakeIdle(key);
         isFresh = connection == nullptr;
         return isFresh ? OpenFresh() : S_OK;
     }
@@ -274,8 +179,12 @@ private:
     }
 
     void LetGo() {
-        if (connection && !connection->ldap.IsBroken()) LDAP_POOL::Current().GiveBack(key, std::move(connection));
+        if (ahead && connection && connection->ldap.IsBroken()) ahead->Stop();
+        const bool isUseful = connection && !connection->ldap.IsBroken();
+        if (isUseful && !(ahead && ahead->GiveBack(connection)))
+            LDAP_POOL::Current().GiveBack(key, std::move(connection));
         connection.reset();
+        ahead.reset();
     }
 
     const std::vector<LDAP_ACCESS> servers;
@@ -283,6 +192,8 @@ private:
     std::string key;     // its
     CONNECTION connection;
     bool isFresh = false;
+    bool isWide = false;                // the question asks for more than its caller does
+    std::shared_ptr<LOOK_AHEAD> ahead;  // of this thread's report
 };
 
 }  // namespace
