@@ -86,8 +86,11 @@ std::optional<DWORD> ParseShippedTime(std::string_view text) {
     std::string iso(text.substr(0, 64));
     constexpr size_t DateEnd = 10;  // of YYYY-MM-DD
     if (iso.size() > DateEnd && iso[DateEnd] == ' ') iso[DateEnd] = 'T';
-    const size_t sign = iso.size() > 5 ? iso.size() - 5 : 0;  // of +hhmm
-    if (sign > DateEnd && (iso[sign] == '+' || iso[sign] == '-')) iso.insert(sign + 3, ":");
+    const size_t sign = iso.find_last_of("+-");  // of an offset from UTC, which may stand apart, and without a colon
+    if (sign != std::string::npos && sign > DateEnd) {
+        if (iso.size() - sign == 5) iso.insert(sign + 3, ":");
+        if (iso[sign - 1] == ' ') iso.erase(sign - 1, 1);
+    }
     return ParseIsoTime(iso);
 }
 

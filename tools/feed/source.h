@@ -70,9 +70,9 @@ std::string ScalarText(const nlohmann::json& value);
 // The member's scalar as text; empty when there is no such member.
 std::string MemberText(const nlohmann::json& object, const char* name);
 
-// Seconds since 1970 of a time as log shippers write it: ISO 8601 with T or a blank, offsets with or without a colon
-// (without any it is UTC); /Date(ms)/; a number of seconds, milliseconds, microseconds or nanoseconds, with a
-// fraction or not (cut off).
+// Seconds since 1970 of a time as log shippers write it: ISO 8601 with T or a blank, offsets with or without a colon,
+// a blank before them or not (without any it is UTC); /Date(ms)/; a number of seconds, milliseconds, microseconds or
+// nanoseconds, with a fraction or not (cut off).
 std::optional<DWORD> ParseShippedTime(std::string_view text);
 
 }  // namespace tools::feed
