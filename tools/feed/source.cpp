@@ -5,8 +5,6 @@
 
 #include "tools/common/values.h"
 
-using nlohmann::json;
-
 namespace tools::feed {
 
 size_t LINES::Feed(std::string_view bytes, LINE_TAKER& taker) {
@@ -41,27 +39,6 @@ void LINES::End(LINE_TAKER& taker) {
         taker.TakeLine(whole);
     line.clear();
     pending = 0;
-}
-
-json ParseObject(std::string_view line) {
-    if (line.size() > MaxLineBytes) return json(json::value_t::discarded);
-    json object = json::parse(line, nullptr, false);
-    if (!object.is_object()) return json(json::value_t::discarded);
-    return object;
-}
-
-std::string ScalarText(const json& value) {
-    if (value.is_number() || value.is_boolean()) return value.dump();
-    if (!value.is_string()) return {};
-    std::string text = value.get_ref<const std::string&>();
-    for (size_t nul = text.find('\0'); nul != std::string::npos; nul = text.find('\0', nul))
-        text.replace(nul, 1, "\xEF\xBF\xBD");
-    return text;
-}
-
-std::string MemberText(const json& object, const char* name) {
-    const auto found = object.find(name);
-    return found == object.end() ? std::string() : ScalarText(*found);
 }
 
 namespace {
