@@ -10,6 +10,7 @@ pkg_check_modules(SYSTEMD REQUIRED IMPORTED_TARGET libsystemd)
 pkg_check_modules(LDAP REQUIRED IMPORTED_TARGET ldap)
 pkg_check_modules(EVTX REQUIRED IMPORTED_TARGET libevtx)
 pkg_check_modules(HTTP REQUIRED IMPORTED_TARGET libmicrohttpd)
+pkg_check_modules(SIMDJSON REQUIRED IMPORTED_TARGET simdjson)
 
 # The headers in win32/include stand for the system's.
 add_library(windows_headers INTERFACE)
@@ -73,7 +74,7 @@ endfunction()
 
 # The tools: what they share, the live sources on top of it, then the programs.
 target_link_libraries(tool_common PUBLIC keldwick_all EXPAT::EXPAT nlohmann_json::nlohmann_json)
-target_link_libraries(tool_feed PUBLIC tool_common)
+target_link_libraries(tool_feed PUBLIC tool_common PRIVATE PkgConfig::SIMDJSON)
 if(TARGET ctl_commands)
   target_link_libraries(ctl_commands PUBLIC tool_feed PkgConfig::EVTX CLI11::CLI11)
 endif()

@@ -78,6 +78,18 @@ TEST(EVENT_XML, EachFormOfStreamGivesItsReadableEvents) {
     Check("little-endian UTF-16", Utf16(Event(1) + Event(2), false), {1, 2});
     Check("big-endian UTF-16", Utf16(Event(1), true), {1});
     Check("UTF-16 that says so", Utf16("<?xml version=\"1.0\" encoding=\"UTF-16\"?>" + Event(1), false), {1});
+    const std::string queried =
+        "<Event xmlns='http://schemas.microsoft.com/win/2004/08/events/event'><System><Provider "
+        "Name='Microsoft-Windows-Security-Auditing' "
+        "Guid='{54849625-5478-4994-a5ba-3e3b0328c30d}'/><EventID>4624</EventID>"
+        "<Version>2</Version><Level>0</Level><Task>12544</Task><Opcode>0</Opcode><Keywords>0x8020000000000000</"
+        "Keywords>"
+        "<TimeCreated SystemTime='2026-11-16T08:00:12.1234567Z'/><EventRecordID>81</EventRecordID><Correlation/>"
+        "<Execution ProcessID='680' "
+        "ThreadID='1234'/><Channel>Security</Channel><Computer>DC9</Computer><Security/></System>"
+        "<EventData><Data Name='SubjectUserSid'>S-1-0-0</Data></EventData></Event>\r\n";
+    Check("wevtutil qe /f:xml", queried + queried, {4624, 4624});
+    Check("wevtutil qe /f:xml /e:Events /uni:true", Utf16("<Events>" + queried + "</Events>", false), {4624});
     Check("a prefix",
           "<e:Event xmlns:e='x'><e:System><e:EventID>7</e:EventID><e:TimeCreated "
           "SystemTime='2026-01-01T00:00:00Z'/></e:System></e:Event>",

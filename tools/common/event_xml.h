@@ -33,6 +33,7 @@ public:
     bool Parse(std::string_view xml, const std::string& encoding, win32::NEW_EVENT& event);
 
     const std::string& Reason() const { return reason; }
+    const std::string& Channel() const { return channel; }  // the log of the event; empty: it does not say
 
 private:
     enum SECTION { NONE, SYSTEM, EVENT_DATA, USER_DATA };
@@ -44,6 +45,7 @@ private:
     void End(std::string_view name);
     void StartSystemField(std::string_view name, const XML_Char** attributes);
     void EndSystemField(std::string_view name);
+    void AddString();
     void Finish();
     void Refuse(const std::string& why);
 
@@ -52,7 +54,8 @@ private:
     };
     std::unique_ptr<XML_ParserStruct, PARSER_FREE> parser;
     win32::NEW_EVENT* target = nullptr;
-    std::string text, reason;
+    std::string text, reason, channel;
+    size_t strings = 0;  // of the event, so far
     SECTION section = NONE;
     int depth = 0;
     bool leaf = false;  // no child element since the last start

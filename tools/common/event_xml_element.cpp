@@ -30,19 +30,6 @@ const char* Attribute(const XML_Char** attributes, std::string_view name) {
     return nullptr;
 }
 
-// Most texts are ASCII, which needs no converter.
-void AssignWide(std::u16string& wide, std::string_view text) {
-    wide.resize(text.size());
-    for (size_t i = 0; i < text.size(); ++i) {
-        const unsigned char byte = static_cast<unsigned char>(text[i]);
-        if (byte >= 0x80) {
-            wide = win32::ToUtf16(text);
-            return;
-        }
-        wide[i] = byte;
-    }
-}
-
 WORD TypeOf(unsigned long long keywords, unsigned long long level) {
     if (keywords & AuditFailure) return EVENTLOG_AUDIT_FAILURE;
     if (keywords & AuditSuccess) return EVENTLOG_AUDIT_SUCCESS;
@@ -61,15 +48,9 @@ bool EVENT_XML_PARSER::Parse(std::string_view xml, const std::string& encoding, 
     XML_SetUserData(parser.get(), this);
     XML_SetElementHandler(parser.get(), StartElement, EndElement);
     XML_SetCharacterDataHandler(parser.get(), Text);
-    event.id = 0;
-    event.category = 0;
-    event.generated = 0;
-    event.written = win32::SecondsNow();
-    event.source.clear();
-    event.computer.clear();
-    event.strings.clear();
-    event.sid.clear();
-    event.data.clear();
+    event.Begin(event.strings.size());
+    channel.clear();
+    strings = 0;
     target = &event;
     reason.clear();
     section = NONE;
@@ -118,7 +99,7 @@ void EVENT_XML_PARSER::StartSystemField(std::string_view name, const XML_Char** 
     if (name == "Provider") {
         const char* provider = Attribute(attributes, "Name");
         if (provider == nullptr) provider = Attribute(attributes, "EventSourceName");
-        if (provider != nullptr) AssignWide(target->source, provider);
+        if (provider != nullptr) win32::AssignUtf16(target->source, provider);
     } else if (name == "EventID") {
         const char* value = Attribute(attributes, "Qualifiers");
         const auto number = value != nullptr && *value != 0 ? ParseNumber(value, 0xFFFF) : 0;
@@ -147,18 +128,25 @@ void EVENT_XML_PARSER::End(std::string_view name) {
             if (!bytes) return Refuse("unusable binary data");
             target->data = std::move(*bytes);
         } else {
-            AssignWide(target->strings.emplace_back(), text);
+            AddString();
         }
     }
-    if (depth >= 3 && section == USER_DATA && leaf) AssignWide(target->strings.emplace_back(), text);
+    if (depth >= 3 && section == USER_DATA && leaf) AddString();
     leaf = false;
     --depth;
+}
+
+void EVENT_XML_PARSER::AddString() {
+    if (strings == target->strings.size()) target->strings.emplace_back();
+    win32::AssignUtf16(target->strings[strings++], text);
 }
 
 void EVENT_XML_PARSER::EndSystemField(std::string_view name) {
     const std::string_view value = Trimmed(text);
     if (name == "Computer") {
-        AssignWide(target->computer, value);
+        win32::AssignUtf16(target->computer, value);
+    } else if (name == "Channel") {
+        channel = value;
     } else if (name == "EventID") {
         const auto number = ParseNumber(value, qualifiers != 0 ? 0xFFFF : MAXDWORD);
         if (!number) return Refuse("unusable EventID");
@@ -180,6 +168,7 @@ void EVENT_XML_PARSER::EndSystemField(std::string_view name) {
 }
 
 void EVENT_XML_PARSER::Finish() {
+    target->strings.resize(strings);
     if (!reason.empty()) return;
     if (!seenId)
         reason = "no EventID";

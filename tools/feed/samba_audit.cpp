@@ -2,23 +2,43 @@
 
 #include <arpa/inet.h>
 
+#include <algorithm>
 #include <array>
+#include <iterator>
 
 #include "tools/common/values.h"
 #include "win32/text/utf.h"
 
-using nlohmann::json;
-
 namespace tools::feed {
 
+// The texts are the line's.
 struct SAMBA_AUDIT::LOGON {
     long long time = 0;  // seconds since 1970, by the audit's clock
-    std::string sid, account, domain, id = "0x0", type = "3", process, package, workstation, ntlm = "-", guid, address,
-                                      port;
+    std::string_view sid, account, domain, type = "3", process, package, workstation, ntlm = "-";
+    std::string id = "0x0", guid, address, port;
     bool ownSession = false;  // a session of this account at this address may follow that belongs to it
 
     // One user at an address; a computer's account beside, which opens sessions of its own all the time.
     std::string Key() const { return account.ends_with('$') ? address + '$' : address; }
+};
+
+// What the line says of a logon: the members of the object that is named as its type.
+class SAMBA_AUDIT::AUDIT {
+public:
+    AUDIT(const JSON_FIELDS& ofLine, std::string_view type) : fields(ofLine), name(type) {
+        name += '.';
+        prefix = name.size();
+    }
+    std::string_view Text(std::string_view member) const {
+        name.resize(prefix);
+        name += member;
+        return fields.Text(name);
+    }
+
+private:
+    const JSON_FIELDS& fields;
+    mutable std::string name;
+    size_t prefix;
 };
 
 namespace {
@@ -26,39 +46,12 @@ namespace {
 constexpr DWORD LogonEvent = 4624;
 constexpr WORD LogonCategory = 12544;  // the audit subcategory Logon
 constexpr size_t MostSeen = 200000;    // addresses
-constexpr const char* Anonymous = "S-1-5-7";
+constexpr std::string_view Anonymous = "S-1-5-7";
 constexpr const char* NoGuid = "{00000000-0000-0000-0000-000000000000}";
 
-// Of a computer that passed a logon on the controller knows the account; elsewhere there is only what the client says,
-// of which LDAP has nothing but the controller's own name.
-std::string Workstation(const json& fields, const std::string& service) {
-    if (service == "LDAP") return {};
-    std::string name = MemberText(fields, service == "SamLogon" ? "netlogonTrustAccount" : "workstation");
-    if (service == "SamLogon" && name.ends_with('$')) name.pop_back();
-    name.erase(0, name.find_first_not_of('\\'));
-    return name;
-}
-
-// Whether the user is at the computer that passed the logon on: at its console or desktop, and that computer a
-// workstation or member server by the account of its channel, no controller of a trusting domain.
-bool IsAtComputer(const json& fields, const std::string& logonType) {
-    return (logonType == "2" || logonType == "10" || logonType == "11") &&
-           MemberText(fields, "netlogonSecureChannelType") == "2";
-}
-
 // As a logon ID stands in the lines: hexadecimal digits without a prefix.
-bool IsLogonId(const std::string& text) { return text.size() <= 16 && ParseNumber("0x" + text, ~0ull).has_value(); }
-
-void FillEvent(const std::vector<std::string>& strings, long long time, win32::NEW_EVENT& event) {
-    event = {};
-    event.id = LogonEvent;
-    event.type = EVENTLOG_AUDIT_SUCCESS;
-    event.category = LogonCategory;
-    event.generated = static_cast<DWORD>(time);
-    event.written = win32::SecondsNow();
-    event.source = u"Microsoft-Windows-Security-Auditing";
-    event.computer = OwnComputerName();
-    for (const std::string& each : strings) event.strings.push_back(win32::ToUtf16(each.empty() ? "-" : each));
+bool IsLogonId(std::string_view text) {
+    return text.size() <= 16 && ParseNumber("0x" + std::string(text), ~0ull).has_value();
 }
 
 // The server's own log, when it shares the file: a header "[2026/11/16 08:00:12 ...", and indented text after it.
@@ -86,102 +79,133 @@ bool SplitAuditAddress(std::string_view text, std::string& address, std::string&
            inet_pton(v4 || isMapped ? AF_INET : AF_INET6, address.c_str(), bytes.data()) == 1 && bytes != unspecified;
 }
 
+SAMBA_AUDIT::SAMBA_AUDIT() : computer(OwnComputerName()) {}
+
 LINE_READER::RESULT SAMBA_AUDIT::Read(std::string_view line, win32::NEW_EVENT& event, std::string& reason) {
     const size_t indent = std::min(line.find_first_not_of(" \t\r"), line.size());
     line.remove_prefix(indent);
-    if (line.empty() || IsLogText(line, indent)) return SKIPPED;
-    const json object = ParseObject(line);
-    if (object.is_discarded()) {
-        reason = "not a JSON object";
-        return UNREADABLE;
-    }
-    const std::string type = MemberText(object, "type");
-    if (type != "Authentication" && type != "Authorization") return SKIPPED;
-    const auto fields = object.find(type);
-    const auto time = ParseShippedTime(MemberText(object, "timestamp"));
-    if (fields == object.end() || !fields->is_object() || !time) {
+    if (line.empty() || IsLogText(line, indent)) return reason = "no audit line", SKIPPED;
+    if (!fields.Read(line, reason)) return UNREADABLE;
+    const std::string_view type = fields.Text("type");
+    if (type != "Authentication" && type != "Authorization") return reason = "an audit line of another type", SKIPPED;
+    const auto time = ParseShippedTime(fields.Text("timestamp"));
+    if (!time || fields.Value(type).kind != JSON_KIND::OBJECT) {
         reason = time ? "without its fields" : "without a usable time stamp";
         return UNREADABLE;
     }
-    LearnOwnAddress(*fields);
+    const AUDIT audit(fields, type);
+    LearnOwnAddress(audit);
     LOGON logon;
     logon.time = *time;
-    const RESULT result = type == "Authentication" ? ReadAuthentication(*fields, logon, reason)
-                                                   : ReadAuthorization(*fields, logon, reason);
-    if (result != RECORD) return result;
-    FillEvent({"S-1-0-0",     "-",        "-",        "0x0",         logon.sid,     logon.account,
-               logon.domain,  logon.id,   logon.type, logon.process, logon.package, logon.workstation,
-               logon.guid,    "-",        logon.ntlm, "0",           "0x0",         "-",
-               logon.address, logon.port, "%%1833",   "-",           "-",           "-",
-               "%%1843",      "0x0",      "%%1842"},
-              logon.time, event);
-    return RECORD;
+    const RESULT result =
+        type == "Authentication" ? ReadAuthentication(audit, logon, reason) : ReadAuthorization(audit, logon, reason);
+    if (result == RECORD) Fill(logon, event);
+    return result;
+}
+
+void SAMBA_AUDIT::Fill(const LOGON& logon, win32::NEW_EVENT& event) const {
+    const std::string_view strings[] = {
+        "S-1-0-0",     "-",        "-",        "0x0",         logon.sid,     logon.account,
+        logon.domain,  logon.id,   logon.type, logon.process, logon.package, logon.workstation,
+        logon.guid,    "-",        logon.ntlm, "0",           "0x0",         "-",
+        logon.address, logon.port, "%%1833",   "-",           "-",           "-",
+        "%%1843",      "0x0",      "%%1842"};
+    event.Begin(std::size(strings));
+    event.id = LogonEvent;
+    event.type = EVENTLOG_AUDIT_SUCCESS;
+    event.category = LogonCategory;
+    event.generated = static_cast<DWORD>(logon.time);
+    event.source = u"Microsoft-Windows-Security-Auditing";
+    event.computer = computer;
+    for (size_t i = 0; i < std::size(strings); ++i)
+        win32::AssignUtf16(event.strings[i], strings[i].empty() ? "-" : strings[i]);
 }
 
 // The KDC does not say at which of the controller's addresses it was asked; other lines do.
-void SAMBA_AUDIT::LearnOwnAddress(const json& fields) {
+void SAMBA_AUDIT::LearnOwnAddress(const AUDIT& audit) {
     constexpr size_t mostOwn = 64;
     std::string address, port;
-    if (own.size() < mostOwn && SplitAuditAddress(MemberText(fields, "localAddress"), address, port))
-        own.insert(address);
+    if (own.size() < mostOwn && SplitAuditAddress(audit.Text("localAddress"), address, port)) own.insert(address);
 }
 
-// From where the client asked. False: from nowhere, or from the controller itself, whose services, the agent's look-ups
-// among them, log on at their own machine's address all the time.
-bool SAMBA_AUDIT::ComesFromElsewhere(const json& fields, LOGON& logon) const {
-    return SplitAuditAddress(MemberText(fields, "remoteAddress"), logon.address, logon.port) &&
-           !own.contains(logon.address);
+// From where the client asked. Not null: from nowhere, or from the controller itself, whose services, the agent's
+// look-ups among them, log on at their own machine's address all the time.
+const char* SAMBA_AUDIT::WhyNotFrom(const AUDIT& audit, LOGON& logon) const {
+    if (!SplitAuditAddress(audit.Text("remoteAddress"), logon.address, logon.port)) return "from no address";
+    return own.contains(logon.address) ? "from the controller's own address" : nullptr;
 }
+
+namespace {
+
+// Of a computer that passed a logon on the controller knows the account; elsewhere there is only what the client says,
+// of which LDAP has nothing but the controller's own name.
+std::string_view Workstation(const auto& audit, std::string_view service) {
+    if (service == "LDAP") return {};
+    std::string_view name = audit.Text(service == "SamLogon" ? "netlogonTrustAccount" : "workstation");
+    if (service == "SamLogon" && name.ends_with('$')) name.remove_suffix(1);
+    name.remove_prefix(std::min(name.find_first_not_of('\\'), name.size()));
+    return name;
+}
+
+// Whether the user is at the computer that passed the logon on: at its console or desktop, and that computer a
+// workstation or member server by the account of its channel, no controller of a trusting domain.
+bool IsAtComputer(const auto& audit, std::string_view logonType) {
+    return (logonType == "2" || logonType == "10" || logonType == "11") &&
+           audit.Text("netlogonSecureChannelType") == "2";
+}
+
+}  // namespace
 
 // Only what the account became is the controller's word: the client's claims come along in client* and mapped*.
-LINE_READER::RESULT SAMBA_AUDIT::ReadAuthentication(const json& fields, LOGON& logon, std::string& reason) {
-    if (MemberText(fields, "status") != "NT_STATUS_OK") return SKIPPED;
-    logon.account = MemberText(fields, "becameAccount");
-    logon.domain = MemberText(fields, "becameDomain");
-    logon.sid = MemberText(fields, "becameSid");
-    if (logon.account.empty() || logon.sid == Anonymous) return SKIPPED;
-    if (!ComesFromElsewhere(fields, logon)) return SKIPPED;
-    logon.type = MemberText(fields, "logonType");
-    const std::string id = MemberText(fields, "logonId");
+LINE_READER::RESULT SAMBA_AUDIT::ReadAuthentication(const AUDIT& audit, LOGON& logon, std::string& reason) {
+    const auto skip = [&](const char* why) { return reason = why, SKIPPED; };
+    if (audit.Text("status") != "NT_STATUS_OK") return skip("a logon that failed");
+    logon.account = audit.Text("becameAccount");
+    logon.domain = audit.Text("becameDomain");
+    logon.sid = audit.Text("becameSid");
+    if (logon.account.empty() || logon.sid == Anonymous) return skip("a logon of no account");
+    if (const char* const why = WhyNotFrom(audit, logon)) return skip(why);
+    logon.type = audit.Text("logonType");
+    const std::string_view id = audit.Text("logonId");
     if (!ParseSid(logon.sid) || !ParseNumber(logon.type, MAXDWORD) || (!id.empty() && !IsLogonId(id))) {
         reason = "a SID, logon type or logon ID that is none";
         return UNREADABLE;
     }
-    if (!id.empty()) logon.id = "0x" + id;
+    if (!id.empty()) logon.id.replace(2, std::string::npos, id);
     logon.guid = NoGuid;
-    const std::string service = MemberText(fields, "serviceDescription");
+    const std::string_view service = audit.Text("serviceDescription");
     const bool kdc = service == "Kerberos KDC", passedOn = service == "SamLogon";
-    if (passedOn && !IsAtComputer(fields, logon.type)) return SKIPPED;
-    logon.workstation = Workstation(fields, service);
+    if (passedOn && !IsAtComputer(audit, logon.type)) return skip("passed on by another server");
+    logon.workstation = Workstation(audit, service);
     logon.process = kdc ? "Kerberos" : passedOn ? "NtLmSsp" : service.substr(0, 64);
     logon.package = kdc ? "Kerberos" : service == "LDAP" ? "Negotiate" : "NTLM";
-    if (MemberText(fields, "passwordType") == "NTLMv2") logon.ntlm = "NTLM V2";
+    if (audit.Text("passwordType") == "NTLMv2") logon.ntlm = "NTLM V2";
     // A simple bind is an application's look at a password: the user's own session may still follow.
     logon.ownSession = logon.type == "2" || logon.type == "3" || logon.type == "10" || logon.type == "11";
     if (kdc && SeenWithin(logon, RepeatSeconds)) {
         Remember(logon);
-        return SKIPPED;
+        return skip("a ticket that was asked for twice");
     }
     if (logon.ownSession) Remember(logon);
     return RECORD;
 }
 
-LINE_READER::RESULT SAMBA_AUDIT::ReadAuthorization(const json& fields, LOGON& logon, std::string& reason) {
-    if (MemberText(fields, "authType") != "krb5") return SKIPPED;  // any other has an Authentication of its own
-    logon.account = MemberText(fields, "account");
-    logon.domain = MemberText(fields, "domain");
-    logon.sid = MemberText(fields, "sid");
-    if (logon.account.empty() || logon.sid == Anonymous) return SKIPPED;
-    if (!ComesFromElsewhere(fields, logon)) return SKIPPED;
+LINE_READER::RESULT SAMBA_AUDIT::ReadAuthorization(const AUDIT& audit, LOGON& logon, std::string& reason) {
+    const auto skip = [&](const char* why) { return reason = why, SKIPPED; };
+    if (audit.Text("authType") != "krb5") return skip("a session that its logon stands for");
+    logon.account = audit.Text("account");
+    logon.domain = audit.Text("domain");
+    logon.sid = audit.Text("sid");
+    if (logon.account.empty() || logon.sid == Anonymous) return skip("a session of no account");
+    if (const char* const why = WhyNotFrom(audit, logon)) return skip(why);
     if (!ParseSid(logon.sid)) {
         reason = "a SID that is none";
         return UNREADABLE;
     }
-    const bool known = SeenWithin(logon, SessionSeconds);
-    if (known) return SKIPPED;
-    const std::string session = MemberText(fields, "sessionId");
+    if (SeenWithin(logon, SessionSeconds)) return skip("a session of a logon a moment ago");
+    const std::string_view session = audit.Text("sessionId");
     logon.process = logon.package = "Kerberos";
-    logon.guid = session.size() == 36 ? "{" + session + "}" : NoGuid;
+    logon.guid = session.size() == 36 ? "{" + std::string(session) + "}" : NoGuid;
     Remember(logon);
     return RECORD;
 }
@@ -198,7 +222,9 @@ void SAMBA_AUDIT::Remember(const LOGON& logon) {
         std::erase_if(seen, [&](const auto& each) { return std::abs(logon.time - each.second.time) > SessionSeconds; });
         if (seen.size() >= MostSeen) seen.clear();
     }
-    seen[logon.Key()] = {logon.sid, logon.time};
+    ACCOUNT_SEEN& account = seen[logon.Key()];
+    account.sid = logon.sid;
+    account.time = logon.time;
 }
 
 }  // namespace tools::feed

@@ -6,6 +6,7 @@
 #include <unordered_map>
 #include <unordered_set>
 
+#include "tools/feed/json_fields.h"
 #include "tools/feed/source.h"
 
 namespace tools::feed {
@@ -23,15 +24,19 @@ class SAMBA_AUDIT final : public LINE_READER {
 public:
     static constexpr long long SessionSeconds = 60, RepeatSeconds = 2;
 
+    SAMBA_AUDIT();
+
     RESULT Read(std::string_view line, win32::NEW_EVENT& event, std::string& reason) override;
     size_t Memory() const override { return 16 * 1024 * 1024; }  // SessionSeconds of a busy controller
 
 private:
     struct LOGON;
-    RESULT ReadAuthentication(const nlohmann::json& fields, LOGON& logon, std::string& reason);
-    RESULT ReadAuthorization(const nlohmann::json& fields, LOGON& logon, std::string& reason);
-    void LearnOwnAddress(const nlohmann::json& fields);
-    bool ComesFromElsewhere(const nlohmann::json& fields, LOGON& logon) const;
+    class AUDIT;
+    RESULT ReadAuthentication(const AUDIT& audit, LOGON& logon, std::string& reason);
+    RESULT ReadAuthorization(const AUDIT& audit, LOGON& logon, std::string& reason);
+    void LearnOwnAddress(const AUDIT& audit);
+    const char* WhyNotFrom(const AUDIT& audit, LOGON& logon) const;
+    void Fill(const LOGON& logon, win32::NEW_EVENT& event) const;
     bool SeenWithin(const LOGON& logon, long long seconds) const;
     void Remember(const LOGON& logon);
 
@@ -40,6 +45,8 @@ private:
         std::string sid;
         long long time;  // seconds since 1970, by the audit's clock
     };
+    JSON_FIELDS fields;                                  // of the line
+    const std::u16string computer;                       // this one
     std::unordered_map<std::string, ACCOUNT_SEEN> seen;  // by address: the last user; apart, the last computer
     std::unordered_set<std::string> own;                 // the controller's addresses, as far as lines have shown them
 };

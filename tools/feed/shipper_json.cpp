@@ -1,12 +1,11 @@
 #include "tools/feed/shipper_json.h"
 
 #include <algorithm>
-#include <map>
+#include <array>
+#include <charconv>
 
 #include "tools/common/values.h"
 #include "win32/text/utf.h"
-
-using nlohmann::json;
 
 namespace tools::feed {
 namespace {
@@ -88,76 +87,91 @@ const POSITIONS* NamesOf(unsigned long long id) {
     }
 }
 
-constexpr size_t MostValues = 2000;
+// The first of the names that has a value.
+std::string_view First(const JSON_FIELDS& fields, std::initializer_list<const char*> names) {
+    for (const char* each : names)
+        if (const std::string_view text = fields.Text(each); !text.empty()) return text;
+    return {};
+}
 
-// The object's scalars by their dotted names: {"a":{"b":1}} and {"a.b":1} are the same here.
-class FIELDS {
+// Where the event's values stand: each in its place in a list, or by their names, before which shippers put one of
+// these. Events whose values have no names are shipped as param1, param2, ...
+class EVENT_VALUES {
 public:
-    explicit FIELDS(const json& object) { Gather(object, "", 0); }
-
-    bool TooMany() const { return values.size() > MostValues; }  // not all are here
-
-    // The first of the names that has a value.
-    std::string First(std::initializer_list<const char*> names) const {
-        for (const char* each : names)
-            if (const auto found = values.find(each); found != values.end() && !found->second.empty())
-                return found->second;
-        return {};
+    explicit EVENT_VALUES(const JSON_FIELDS& ofLine) : fields(ofLine), list(fields.List("StringInserts")) {
+        if (list.empty()) list = fields.List("string_inserts");
+        if (!list.empty()) return;
+        for (const std::string_view each : {"winlog.event_data.", "event_data.", "Event.EventData.", "EventData.", ""})
+            if (fields.HasPrefix(each)) prefixes[count++] = each;
     }
 
-    // The event's value: where shippers put it, in this order.
-    std::string Value(const std::string& name) const {
-        for (const char* place : {"winlog.event_data.", "event_data.", "Event.EventData.", "EventData.", ""})
-            if (const auto found = values.find(place + name); found != values.end()) return found->second;
-        return {};
+    size_t Count(const POSITIONS& names) const { return list.empty() ? names.size() : list.size(); }
+
+    // `name` may be two, parted by a bar.
+    JSON_VALUE Value(size_t at, std::string_view name) {
+        if (!list.empty()) return list[at];
+        const size_t bar = std::min(name.find('|'), name.size());
+        JSON_VALUE value = Named(name.substr(0, bar));
+        if (value.text.empty() && bar < name.size()) value = Named(name.substr(bar + 1));
+        return value.text.empty() ? Named("param" + std::to_string(at + 1)) : value;
     }
 
 private:
-    void Gather(const json& object, const std::string& prefix, int depth) {
-        constexpr int MostNested = 6;
-        constexpr size_t LongestName = 200;
-        for (const auto& [name, value] : object.items()) {
-            if (TooMany()) return;
-            if (prefix.size() + name.size() > LongestName) continue;  // longer than any that is asked for
-            if (value.is_array() && (name.ends_with("keywords") || name.ends_with("Keywords"))) {
-                std::string& words = values[prefix + name];
-                for (const json& each : value) words += (words.empty() ? "" : ",") + ScalarText(each);
-            } else if (value.is_object()) {
-                if (depth < MostNested) Gather(value, prefix + name + ".", depth + 1);
-            } else if (std::string text = ScalarText(value); !text.empty()) {
-                values[prefix + name] = std::move(text);
-            }
+    JSON_VALUE Named(std::string_view name) {
+        for (size_t i = 0; i < count; ++i) {
+            dotted.assign(prefixes[i]).append(name);
+            if (const JSON_VALUE value = fields.Value(dotted); !value.text.empty()) return value;
         }
+        return {};
     }
 
-    std::map<std::string, std::string> values;
+    const JSON_FIELDS& fields;
+    std::span<const JSON_VALUE> list;
+    std::array<std::string_view, 5> prefixes;
+    size_t count = 0;
+    std::string dotted;
 };
 
-// The strings in position, "-" where there is none; empty when the object has no value of the event at all. Events
-// whose values have no names are shipped as param1, param2, ...
-std::vector<std::u16string> Strings(const FIELDS& fields, const POSITIONS& names) {
-    std::vector<std::u16string> strings;
+// Numbers that Windows shows in hexadecimal digits: shippers that know their type, but not their form, write decimals.
+bool IsHexadecimal(std::string_view name) {
+    name = name.substr(0, name.find('|'));
+    return name.ends_with("LogonId") || name.ends_with("ProcessId");
+}
+
+void AssignValue(std::u16string& string, const JSON_VALUE& value, std::string_view name) {
+    if (value.kind == JSON_KIND::NUMBER && IsHexadecimal(name))
+        if (const auto number = ParseNumber(value.text, ~0ull)) {
+            std::array<char, 18> digits = {'0', 'x'};
+            const auto end = std::to_chars(digits.data() + 2, digits.data() + digits.size(), *number, 16).ptr;
+            return win32::AssignUtf16(string, std::string_view(digits.data(), end));
+        }
+    win32::AssignUtf16(string, value.text.empty() ? "-" : value.text);
+}
+
+// The strings in position, "-" where there is none. False: there is no value of the event at all.
+bool FillStrings(const JSON_FIELDS& fields, const POSITIONS& names, win32::NEW_EVENT& event) {
+    EVENT_VALUES values(fields);
     bool any = false;
-    for (const std::string_view both : names) {
-        const size_t bar = std::min(both.find('|'), both.size());
-        std::string value = fields.Value(std::string(both.substr(0, bar)));
-        if (value.empty() && bar < both.size()) value = fields.Value(std::string(both.substr(bar + 1)));
-        if (value.empty()) value = fields.Value("param" + std::to_string(strings.size() + 1));
-        any = any || !value.empty();
-        strings.push_back(win32::ToUtf16(value.empty() ? "-" : value));
+    event.Begin(values.Count(names));
+    for (size_t i = 0; i < event.strings.size(); ++i) {
+        const std::string_view name = i < names.size() ? names[i] : "";
+        const JSON_VALUE value = values.Value(i, name);
+        any = any || !value.text.empty();
+        AssignValue(event.strings[i], value, name);
     }
-    if (!any) strings.clear();
-    return strings;
+    return any;
 }
 
-bool IsSecurityLog(const FIELDS& fields) {
-    const std::string log = fields.First({"winlog.channel", "log_name", "Event.System.Channel", "Channel", "LogName"});
-    return log.empty() || win32::SameName(win32::ToUtf16(log), u"Security");
-}
+bool IsSecurityLog(std::string_view log) { return log.empty() || win32::SameName(win32::ToUtf16(log), u"Security"); }
 
-bool IsFailure(const FIELDS& fields) {
-    if (fields.First({"event.outcome"}) == "failure" || fields.First({"EventType"}) == "AUDIT_FAILURE") return true;
-    const std::string keywords = fields.First({"winlog.keywords", "keywords", "Event.System.Keywords", "Keywords"});
+bool IsFailure(const JSON_FIELDS& fields) {
+    if (fields.Text("event.outcome") == "failure" || fields.Text("EventType") == "AUDIT_FAILURE") return true;
+    std::string keywords;
+    for (const char* name : {"winlog.keywords", "keywords", "Event.System.Keywords", "Keywords"}) {
+        keywords = fields.Text(name);
+        for (const JSON_VALUE& each : fields.List(name)) keywords.append(keywords.empty() ? "" : ",").append(each.text);
+        if (!keywords.empty()) break;
+    }
     constexpr unsigned long long AuditFailure = 0x0010000000000000;
     // The bits as a number, of which shippers write the topmost as a sign, too.
     const bool negative = keywords.starts_with('-');
@@ -166,50 +180,70 @@ bool IsFailure(const FIELDS& fields) {
     return keywords.find("Audit Failure") != std::string::npos;
 }
 
+LINE_READER::RESULT SkipEvent(unsigned long long id, std::string& reason) {
+    reason = "event " + std::to_string(id) + ", which is no logon";
+    return LINE_READER::SKIPPED;
+}
+
+constexpr const char* AnotherLog = "an event of another log";
+
 }  // namespace
 
+SHIPPER_JSON::SHIPPER_JSON() : computer(OwnComputerName()) {}
+
 LINE_READER::RESULT SHIPPER_JSON::Read(std::string_view line, win32::NEW_EVENT& event, std::string& reason) {
-    constexpr std::string_view ByteOrderMark = "\xEF\xBB\xBF";
-    if (line.starts_with(ByteOrderMark)) line.remove_prefix(ByteOrderMark.size());
-    if (line.find_first_not_of(" \t\r") == std::string_view::npos) return SKIPPED;
-    const json object = ParseObject(line);
-    if (object.is_discarded()) {
-        reason = "not a JSON object";
-        return UNREADABLE;
-    }
-    const FIELDS fields(object);
-    if (fields.TooMany()) {
-        reason = "more than " + std::to_string(MostValues) + " values";
-        return UNREADABLE;
-    }
-    const std::string idText =
-        fields.First({"winlog.event_id", "event_id", "Event.System.EventID", "EventID", "EventId", "Id", "event.code"});
+    if (line.find_first_not_of(" \t\r") == std::string_view::npos) return reason = "a blank line", SKIPPED;
+    if (!fields.Read(line, reason)) return UNREADABLE;
+    if (const std::string_view xml = fields.Text("System"); xml.starts_with("<Event"))
+        return ReadXml(xml, event, reason);
+    const std::string_view idText = First(
+        fields, {"winlog.event_id", "event_id", "Event.System.EventID", "EventID", "EventId", "Id", "event.code"});
     const auto id = ParseNumber(idText, MAXDWORD);
     if (!id) {
         reason = idText.empty() ? "no event ID" : "an event ID that is no number";
         return UNREADABLE;
     }
     const POSITIONS* const names = NamesOf(*id);
-    if (names == nullptr || !IsSecurityLog(fields)) return SKIPPED;
+    if (names == nullptr) return SkipEvent(*id, reason);
+    if (!IsSecurityLog(
+            First(fields, {"winlog.channel", "log_name", "Event.System.Channel", "Channel", "channel", "LogName"})))
+        return reason = AnotherLog, SKIPPED;
     const auto time =
-        ParseShippedTime(fields.First({"@timestamp", "winlog.time_created", "TimeCreated", "TimeCreated.SystemTime",
-                                       "Event.System.TimeCreated.SystemTime", "EventTime"}));
-    event = {};
-    event.strings = Strings(fields, *names);
-    if (!time || event.strings.empty()) {
+        ParseShippedTime(First(fields, {"@timestamp", "winlog.time_created", "TimeCreated", "TimeCreated.SystemTime",
+                                        "Event.System.TimeCreated.SystemTime", "EventTime", "timestamp"}));
+    if (!FillStrings(fields, *names, event) || !time) {
         reason = time ? "none of the event's values" : "no usable time";
         return UNREADABLE;
     }
     event.id = static_cast<DWORD>(*id);
     event.type = IsFailure(fields) ? EVENTLOG_AUDIT_FAILURE : EVENTLOG_AUDIT_SUCCESS;
     event.generated = *time;
-    event.written = win32::SecondsNow();
-    const std::string source = fields.First(
-        {"winlog.provider_name", "source_name", "Event.System.Provider.Name", "SourceName", "ProviderName"});
-    const std::string computer = fields.First({"winlog.computer_name", "computer_name", "Event.System.Computer",
-                                               "Computer", "Hostname", "MachineName", "host.name"});
-    event.source = source.empty() ? u"Microsoft-Windows-Security-Auditing" : win32::ToUtf16(source.substr(0, 256));
-    event.computer = computer.empty() ? OwnComputerName() : win32::ToUtf16(computer.substr(0, 256));
+    const std::string_view source = First(fields, {"winlog.provider_name", "source_name", "Event.System.Provider.Name",
+                                                   "SourceName", "ProviderName", "provider_name"});
+    const std::string_view host = First(fields, {"winlog.computer_name", "computer_name", "Event.System.Computer",
+                                                 "Computer", "computer", "Hostname", "MachineName", "host.name"});
+    win32::AssignUtf16(event.source, source.empty() ? "Microsoft-Windows-Security-Auditing" : source.substr(0, 256));
+    event.computer = computer;
+    if (!host.empty()) win32::AssignUtf16(event.computer, host.substr(0, 256));
+    return RECORD;
+}
+
+// The XML may be of the event's System part alone: then the values are in the list beside it.
+LINE_READER::RESULT SHIPPER_JSON::ReadXml(std::string_view xml, win32::NEW_EVENT& event, std::string& reason) {
+    if (!xmlParser.Parse(xml, {}, event)) {
+        reason = "the event's XML: " + xmlParser.Reason();
+        return UNREADABLE;
+    }
+    const POSITIONS* const names = NamesOf(event.id);
+    if (names == nullptr) return SkipEvent(event.id, reason);
+    if (!IsSecurityLog(xmlParser.Channel())) return reason = AnotherLog, SKIPPED;
+    if (!event.strings.empty()) return RECORD;
+    win32::NEW_EVENT values;
+    if (!FillStrings(fields, *names, values)) {
+        reason = "none of the event's values";
+        return UNREADABLE;
+    }
+    event.strings.swap(values.strings);
     return RECORD;
 }
 

@@ -5,8 +5,6 @@
 
 #include "tools/common/values.h"
 
-using nlohmann::json;
-
 namespace tools::feed {
 
 size_t LINES::Feed(std::string_view bytes, LINE_TAKER& taker) {
@@ -43,27 +41,6 @@ void LINES::End(LINE_TAKER& taker) {
     pending = 0;
 }
 
-json ParseObject(std::string_view line) {
-    if (line.size() > MaxLineBytes) return json(json::value_t::discarded);
-    json object = json::parse(line, nullptr, false);
-    if (!object.is_object()) return json(json::value_t::discarded);
-    return object;
-}
-
-std::string ScalarText(const json& value) {
-    if (value.is_number() || value.is_boolean()) return value.dump();
-    if (!value.is_string()) return {};
-    std::string text = value.get_ref<const std::string&>();
-    for (size_t nul = text.find('\0'); nul != std::string::npos; nul = text.find('\0', nul))
-        text.replace(nul, 1, "\xEF\xBF\xBD");
-    return text;
-}
-
-std::string MemberText(const json& object, const char* name) {
-    const auto found = object.find(name);
-    return found == object.end() ? std::string() : ScalarText(*found);
-}
-
 namespace {
 
 // Seconds, or what is too large for them thousandths, millionths or billionths, with or without a fraction or exponent.
@@ -86,8 +63,11 @@ std::optional<DWORD> ParseShippedTime(std::string_view text) {
     std::string iso(text.substr(0, 64));
     constexpr size_t DateEnd = 10;  // of YYYY-MM-DD
     if (iso.size() > DateEnd && iso[DateEnd] == ' ') iso[DateEnd] = 'T';
-    const size_t sign = iso.size() > 5 ? iso.size() - 5 : 0;  // of +hhmm
-    if (sign > DateEnd && (iso[sign] == '+' || iso[sign] == '-')) iso.insert(sign + 3, ":");
+    const size_t sign = iso.find_last_of("+-");  // of an offset from UTC, which may stand apart, and without a colon
+    if (sign != std::string::npos && sign > DateEnd) {
+        if (iso.size() - sign == 5) iso.insert(sign + 3, ":");
+        if (iso[sign - 1] == ' ') iso.erase(sign - 1, 1);
+    }
     return ParseIsoTime(iso);
 }
 

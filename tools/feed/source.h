@@ -4,7 +4,6 @@
 
 #include <windows.h>
 
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -47,12 +46,12 @@ public:
     enum RESULT {
         RECORD,      // `event` is to be written
         SKIPPED,     // understood, and nothing for the log
-        UNREADABLE,  // `reason` says why
+        UNREADABLE,  // not understood
     };
 
     virtual ~LINE_READER() = default;
 
-    // Takes one line without its end. Throws only when memory runs out.
+    // Takes one line without its end. Unless it is a RECORD, `reason` says why. Throws only when memory runs out.
     virtual RESULT Read(std::string_view line, win32::NEW_EVENT& event, std::string& reason) = 0;
 
     // How many bytes of lines before the place where a feed goes on this reader wants to see again, to know what it
@@ -60,19 +59,9 @@ public:
     virtual size_t Memory() const { return 0; }
 };
 
-// One JSON object; discarded when the text is anything else. Never throws for what the text holds.
-nlohmann::json ParseObject(std::string_view line);
-
-// A scalar as text: numbers in decimal, true and false as words; empty for null, arrays and objects. A NUL, at which a
-// record's text would end early and name another account, becomes U+FFFD.
-std::string ScalarText(const nlohmann::json& value);
-
-// The member's scalar as text; empty when there is no such member.
-std::string MemberText(const nlohmann::json& object, const char* name);
-
-// Seconds since 1970 of a time as log shippers write it: ISO 8601 with T or a blank, offsets with or without a colon
-// (without any it is UTC); /Date(ms)/; a number of seconds, milliseconds, microseconds or nanoseconds, with a
-// fraction or not (cut off).
+// Seconds since 1970 of a time as log shippers write it: ISO 8601 with T or a blank, offsets with or without a colon,
+// a blank before them or not (without any it is UTC); /Date(ms)/; a number of seconds, milliseconds, microseconds or
+// nanoseconds, with a fraction or not (cut off).
 std::optional<DWORD> ParseShippedTime(std::string_view text);
 
 }  // namespace tools::feed

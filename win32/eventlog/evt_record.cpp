@@ -1,5 +1,6 @@
 #include "win32/eventlog/evt_record.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "win32/sync/file_time.h"
@@ -46,14 +47,28 @@ bool StringsAreSound(const EVENTLOGRECORD& record, const BYTE* bytes, DWORD end)
     return CountNuls(bytes + record.StringOffset, end - record.StringOffset) >= record.NumStrings;
 }
 
-void PutText(BYTES& record, const std::u16string& text) {
-    const size_t units = std::min(text.find(u'\0'), text.size());
-    const BYTE* bytes = reinterpret_cast<const BYTE*>(text.data());
-    record.insert(record.end(), bytes, bytes + 2 * units);
-    record.insert(record.end(), 2, 0);
-}
+size_t UnitsOf(const std::u16string& text) { return std::min(text.find(u'\0'), text.size()); }
 
-void Align(BYTES& record) { record.resize((record.size() + 3) / 4 * 4); }
+// Writes into memory of the right size, which is all 0.
+class BYTES_WRITER {
+public:
+    explicit BYTES_WRITER(BYTES& into) : begin(into.data()), at(into.data() + RecordFixedBytes) {}
+
+    void PutText(const std::u16string& text) {
+        const size_t bytes = 2 * UnitsOf(text);
+        std::memcpy(at, text.data(), bytes);
+        at += bytes + 2;
+    }
+    void Put(const BYTES& bytes) { at = std::copy(bytes.begin(), bytes.end(), at); }
+    void Align() { at = begin + (Offset() + 3) / 4 * 4; }
+    DWORD Offset() const { return static_cast<DWORD>(at - begin); }
+
+private:
+    BYTE* const begin;
+    BYTE* at;
+};
+
+size_t AlignedSize(size_t bytes) { return (bytes + 3) / 4 * 4; }
 
 }  // namespace
 
@@ -69,29 +84,44 @@ bool IsWholeRecord(const BYTE* bytes, size_t available) {
            (record.DataLength == 0 || Inside(record.DataOffset, record.DataLength, end));
 }
 
+void NEW_EVENT::Begin(size_t stringCount) {
+    id = 0;
+    type = EVENTLOG_SUCCESS;
+    category = 0;
+    generated = 0;
+    written = SecondsNow();
+    source.clear();
+    computer.clear();
+    strings.resize(stringCount);
+    sid.clear();
+    data.clear();
+}
+
 bool BuildRecord(const NEW_EVENT& event, BYTES& record) {
-    size_t total = 2 * RecordFixedBytes + 2 * (event.source.size() + event.computer.size()) + event.sid.size();
-    total += event.data.size();
-    for (const std::u16string& text : event.strings) total += 2 * text.size() + 2;
+    const size_t names = 2 * (UnitsOf(event.source) + UnitsOf(event.computer)) + 4;
+    size_t total = AlignedSize(AlignedSize(RecordFixedBytes + names) + event.sid.size());
+    for (const std::u16string& text : event.strings) total += 2 * UnitsOf(text) + 2;
+    total = AlignedSize(total + event.data.size()) + sizeof(DWORD);
     if (event.strings.size() > 0xFFFF || total > MaxRecordBytes) return FailWith(ERROR_INVALID_PARAMETER);
 
-    record.assign(RecordFixedBytes, 0);
-    PutText(record, event.source);
-    PutText(record, event.computer);
-    Align(record);
+    record.clear();
+    record.resize(total);
+    BYTES_WRITER writer(record);
+    writer.PutText(event.source);
+    writer.PutText(event.computer);
+    writer.Align();
     EVENTLOGRECORD fixed = {};
     fixed.UserSidLength = static_cast<DWORD>(event.sid.size());
-    fixed.UserSidOffset = static_cast<DWORD>(record.size());
-    record.insert(record.end(), event.sid.begin(), event.sid.end());
-    Align(record);
-    fixed.StringOffset = static_cast<DWORD>(record.size());
-    for (const std::u16string& text : event.strings) PutText(record, text);
+    fixed.UserSidOffset = writer.Offset();
+    writer.Put(event.sid);
+    writer.Align();
+    fixed.StringOffset = writer.Offset();
+    for (const std::u16string& text : event.strings) writer.PutText(text);
     fixed.DataLength = static_cast<DWORD>(event.data.size());
-    fixed.DataOffset = static_cast<DWORD>(record.size());
-    record.insert(record.end(), event.data.begin(), event.data.end());
-    Align(record);
+    fixed.DataOffset = writer.Offset();
+    writer.Put(event.data);
 
-    fixed.Length = static_cast<DWORD>(record.size() + sizeof(DWORD));
+    fixed.Length = static_cast<DWORD>(total);
     fixed.Reserved = EvtSignature;
     fixed.TimeGenerated = event.generated;
     fixed.TimeWritten = event.written;
@@ -100,8 +130,7 @@ bool BuildRecord(const NEW_EVENT& event, BYTES& record) {
     fixed.NumStrings = static_cast<WORD>(event.strings.size());
     fixed.EventCategory = event.category;
     std::memcpy(record.data(), &fixed, sizeof(fixed));
-    const BYTE* length = reinterpret_cast<const BYTE*>(&fixed.Length);
-    record.insert(record.end(), length, length + sizeof(DWORD));
+    std::memcpy(record.data() + total - sizeof(DWORD), &fixed.Length, sizeof(DWORD));
     return true;
 }
 

@@ -15,7 +15,8 @@ namespace win32 {
 // `bytes` must be aligned to 4.
 bool IsWholeRecord(const BYTE* bytes, size_t available);
 
-// What goes into a new record. Texts end at their first NUL.
+// What goes into a new record. Texts end at their first NUL. One object may serve for one event after another: so the
+// memory of its texts is used again.
 struct NEW_EVENT {
     DWORD id = 0;
     WORD type = EVENTLOG_SUCCESS;
@@ -24,6 +25,10 @@ struct NEW_EVENT {
     std::u16string source, computer;
     std::vector<std::u16string> strings;
     BYTES sid, data;
+
+    // As for an event that is written now, of which nothing is known yet but how many strings it may have, which stand
+    // as they were until they are assigned.
+    void Begin(size_t stringCount);
 };
 
 // The record's bytes, its number left 0: the writer gives that. False, with last error ERROR_INVALID_PARAMETER: too

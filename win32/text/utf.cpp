@@ -40,13 +40,25 @@ std::string ToUtf8(std::u16string_view text) {
 }
 
 std::u16string ToUtf16(std::string_view text) {
+    std::u16string units;
+    AssignUtf16(units, text);
+    return units;
+}
+
+void AssignUtf16(std::u16string& into, std::string_view text) {
     const int32_t bytes = Checked(text.size());
-    std::u16string units(text.size(), u'\0');
+    into.resize(text.size());
+    unsigned char seen = 0;
+    for (size_t i = 0; i < text.size(); ++i) {
+        const auto byte = static_cast<unsigned char>(text[i]);
+        into[i] = byte;
+        seen |= byte;
+    }
+    if (seen < 0x80) return;
     int32_t length = 0;
     UErrorCode status = U_ZERO_ERROR;
-    u_strFromUTF8WithSub(units.data(), bytes, &length, text.data(), bytes, Replacement, nullptr, &status);
-    units.resize(U_SUCCESS(status) ? static_cast<size_t>(length) : 0);
-    return units;
+    u_strFromUTF8WithSub(into.data(), bytes, &length, text.data(), bytes, Replacement, nullptr, &status);
+    into.resize(U_SUCCESS(status) ? static_cast<size_t>(length) : 0);
 }
 
 bool SameName(std::u16string_view a, std::u16string_view b) {
