@@ -355,8 +355,8 @@ end
 
 local function ShowPair(pair, tree, answers)
     if not answers then
-        if pair.answer then tree:add(field.answerIn, pair.answer):set_generated() end
-        if pair.tooSoon then tree:add_proto_expert_info(note.unanswered) end
+        if pair and pair.answer then tree:add(field.answerIn, pair.answer):set_generated() end
+        if pair and pair.tooSoon then tree:add_proto_expert_info(note.unanswered) end
     elseif pair then
         tree:add(field.requestIn, pair.request):set_generated()
         tree:add(field.time, Seconds(pair.took)):set_generated()
