@@ -17,7 +17,7 @@ from wire import encode  # noqa: E402
 
 HOST, HTTP_PORT = "127.48.0.1", 8306
 parser = argparse.ArgumentParser()
-parser.add_argument("--identities", type=int, default=200_000)
+parser.add_argument("--identities", type=int, default=50_000)
 parser.add_argument("--agents", type=int, default=10, help="connections")
 parser.add_argument("--groups", type=int, default=20, help="of each user")
 options = parser.parse_args()
