@@ -25,7 +25,7 @@
 namespace {
 
 namespace fs = std::filesystem;
-constexpr const char* ServerAddress = "127.46.0.1";  // a loopback address of its own: the agent's ports are fixed
+constexpr const char* ServerAddress = "127.74.0.1";  // a loopback address of its own: the agent's ports are fixed
 
 struct OPTIONS {
     long agents = 100, rate = 1000, seconds = 60;

@@ -14,7 +14,7 @@ EXAMPLES = os.path.realpath(f"{os.path.dirname(__file__)}/../../packaging/exampl
 
 
 class Broker(MachineTest):
-    address = "127.47.0.1"
+    address = "127.71.0.1"
 
     @staticmethod
     def user(ident):
