@@ -25,7 +25,7 @@
 namespace {
 
 namespace fs = std::filesystem;
-constexpr const char* ServerAddress = "127.46.0.1";  // a loopback address of its own: the agent's ports are fixed
+constexpr const char* ServerAddress = "127.74.0.1";  // a loopback address of its own: the agent's ports are fixed
 
 struct OPTIONS {
     long agents = 100, rate = 1000, seconds = 60;
@@ -244,8 +244,9 @@ bool Measure(const OPTIONS& options) {
     std::atomic<long> reported{0};
     std::thread reader(ReadReports, StartServer(options), std::ref(logons), std::ref(reported));
     MakeMachines(options);
-    std::printf("%ld agents, %ld logons a second for %ld s, %s; load average before %.3s\n", options.agents,
-                options.rate, options.seconds, options.secure ? "TLS" : "plain TCP", FileText("/proc/loadavg").c_str());
+    const std::string load = FileText("/proc/loadavg");
+    std::printf("%ld agents, %ld logons a second for %ld s, %s; load average before %s\n", options.agents, options.rate,
+                options.seconds, options.secure ? "TLS" : "plain TCP", load.substr(0, load.find(' ')).c_str());
     const USE before;
     const double latest = WriteLogons(options, logons);
     for (int i = 0; i < 3000 && reported < static_cast<long>(logons.size());

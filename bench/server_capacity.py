@@ -15,9 +15,9 @@ from concurrent.futures import ThreadPoolExecutor
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.realpath(__file__)), "../tests/system"))
 from wire import encode  # noqa: E402
 
-HOST, HTTP_PORT = "127.48.0.1", 8306
+HOST, HTTP_PORT = "127.73.0.1", 8306
 parser = argparse.ArgumentParser()
-parser.add_argument("--identities", type=int, default=200_000)
+parser.add_argument("--identities", type=int, default=50_000)
 parser.add_argument("--agents", type=int, default=10, help="connections")
 parser.add_argument("--groups", type=int, default=20, help="of each user")
 options = parser.parse_args()

@@ -90,16 +90,30 @@ local function Stream()
 end
 
 -- Reading. A message is read into a list of items { field, at, size } before anything is shown, since its end may still be missing.
--- What ends the reading early is thrown as a table.
+-- Then the reading, a coroutine, waits where it is; what is damaged so that the fields cannot be followed ends it with an error.
 
 local READER = {}
 READER.__index = READER
 
-local function NewReader(tvb) return setmetatable({ tvb = tvb, have = tvb:captured_len(), at = 0, items = {} }, READER) end
+-- what: the reading.
+local function NewReader(start, what)
+    return setmetatable({ start = start, have = 0, at = 0, wanted = 0, items = {}, reading = coroutine.create(what) }, READER)
+end
+
+-- Reads on with the message's bytes, of which there may be more than before. Afterwards it is `whole`, or `wanted` says how many bytes
+-- it must have to get further, or `damage` what ended it.
+function READER:ReadOn(tvb)
+    self.tvb, self.have = tvb, tvb:captured_len()
+    if self.have < self.wanted then return end
+    local fine, result = coroutine.resume(self.reading, self)
+    if not fine and type(result) ~= "table" then error(result, 0) end
+    self.wanted, self.damage = fine and result or nil, not fine and result or nil
+    self.whole = fine and not result
+end
 
 -- rest: how many bytes at least must follow these.
 function READER:Need(size, rest)
-    if self.at + size > self.have then error({ wanted = self.at + size + (rest or 0) }) end
+    while self.at + size > self.have do coroutine.yield(self.at + size + (rest or 0)) end
 end
 
 function READER:Add(what, size, rest)
@@ -161,7 +175,7 @@ function READER:Groups()
     local count, counted = self:Number(field.groupCount, 2)
     if count == 0 then return end
     local start, item = self:Number(field.groupStart, 1, 0)
-    if start ~= 0 then error({ damage = "the groups do not begin with a 0 byte", item = item }) end
+    if start ~= 0 then error({ text = "the groups do not begin with a 0 byte", item = item }) end
     self:Need(1)
     if Kinds[self.tvb(self.at, 1):uint()] and (self.at + 1) % 65536 == self.stated then
         return self:Mark(counted, note.noGroups, "%u groups are counted, but not sent", count)
@@ -182,7 +196,7 @@ function READER:Request()
     maskItem.mask = true
     local user, computer = bit.band(mask, 0x01C0), bit.band(mask, 0x0038)
     if mask - user - computer ~= 0x0E06 or user % 0x01C0 ~= 0 or computer % 0x0038 ~= 0 then
-        error({ damage = "the field mask is unknown", item = maskItem })
+        error({ text = "the field mask is unknown", item = maskItem })
     end
     self:Number(field.constant14, 1, 0x02)
     self:Number(field.constant15, 2, 0)
@@ -193,7 +207,7 @@ function READER:Request()
     elseif version == 6 then
         self.address = self:Add(field.ipv6, 16)
     elseif version ~= 0 then
-        error({ damage = "the address version is unknown", item = versionItem })
+        error({ text = "the address version is unknown", item = versionItem })
     end
     self:Number(field.agentTag, 1, 0x13)
     for _, what in ipairs({ "agentMajor", "agentMinor", "agentPatch", "osCode", "osMajor", "osMinor" }) do self:Add(field[what], 1) end
@@ -205,20 +219,25 @@ function READER:Request()
     if not self.kind then self:Mark(item, note.value, "%#x is no kind of report", kind) end
 end
 
+function READER:Answer()
+    self:Header(AnswerCode)
+    self:Number(field.status, 4)
+end
+
 -- Where a message ends.
 
 local function BeginsRequest(tvb, at) return tvb:captured_len() >= at + 6 and tvb(at + 2, 4):uint() == Format * 65536 + RequestCode end
 
 -- Whether the fields that are missing may still come: not when the request ends with the length that it states.
-local function MayGoOn(reader, wanted)
-    local stated = reader.stated
+local function MayGoOn(reader)
+    local stated, wanted = reader.stated, reader.wanted
     if wanted > MostBytes then return false end
     return reader.have < HeaderBytes or wanted <= stated or reader.have ~= stated and not BeginsRequest(reader.tvb, stated)
 end
 
--- Where a request ends that has nothing more to come. whole: all its fields are there.
-local function EndOf(reader, whole)
-    local stated, at, have = reader.stated, reader.at, reader.have
+-- Where a request ends that has nothing more to come.
+local function EndOf(reader)
+    local stated, at, have, whole = reader.stated, reader.at, reader.have, reader.whole
     local fits = stated >= HeaderBytes and stated <= have
     if whole and (stated == at % 65536 or reader.kind and BeginsRequest(reader.tvb, at)) then return at end
     if fits and (stated == have or BeginsRequest(reader.tvb, stated)) then return stated end
@@ -226,49 +245,42 @@ local function EndOf(reader, whole)
 end
 
 -- Reads one request. Gives the reader with its `size`; nothing when more is to come before, in whole segments, since where they end
--- tells something. The fields of an unfinished one are not walked through before they can have got further.
+-- tells something.
 local function ReadRequest(tvb, stream, patient)
-    local reader = NewReader(tvb)
-    local start, unfinished = tvb(0, math.min(HeaderBytes, reader.have)):raw(), stream.unfinished
-    if patient and unfinished and unfinished.start == start and reader.have < unfinished.wanted and
-       MayGoOn({ tvb = tvb, have = reader.have, stated = unfinished.stated }, unfinished.wanted) then
-        return nil
-    end
-    local whole, problem = pcall(reader.Request, reader)
-    if not whole and type(problem) ~= "table" then error(problem, 0) end
+    local start, reader = tvb(0, math.min(HeaderBytes, tvb:captured_len())):raw(), stream.unfinished
+    if not reader or reader.start ~= start or tvb:captured_len() < reader.have then reader = NewReader(start, READER.Request) end
+    reader:ReadOn(tvb)
     stream.unfinished = nil
-    local wanted = not whole and problem.wanted
-    if wanted and MayGoOn(reader, wanted) then
+    if reader.wanted and MayGoOn(reader) then
         if patient then
-            if reader.have >= HeaderBytes then stream.unfinished = { start = start, wanted = wanted, stated = reader.stated } end
+            stream.unfinished = reader
             return nil
         end
         reader:Mark(reader.items[#reader.items] or reader, note.cut, "The rest is not in the capture")
         reader.size = reader.have
         return reader
     end
-    if wanted then
-        reader:Mark(reader.items[1], note.length, "The length is stated as %u, the fields take %u at least", reader.stated, wanted)
-    elseif not whole then
-        reader:Mark(problem.item, note.value, "%s", problem.damage)
+    local first, says = reader.items[1], "The length is stated as %u, the fields take %u"
+    if reader.wanted then
+        reader:Mark(first, note.length, says .. " at least", reader.stated, reader.wanted)
+    elseif reader.damage then
+        reader:Mark(reader.damage.item, note.value, "%s", reader.damage.text)
     elseif reader.stated ~= reader.at % 65536 then
-        reader:Mark(reader.items[1], note.length, "The length is stated as %u, the fields take %u", reader.stated, reader.at)
+        reader:Mark(first, note.length, says, reader.stated, reader.at)
     end
-    reader.size = EndOf(reader, whole)
+    reader.size = EndOf(reader)
     return reader
 end
 
 -- The same for an answer. The agent takes all that comes at once for one, and so does this when the length is not that of an answer.
 local function ReadAnswer(tvb, patient)
-    local reader = NewReader(tvb)
-    local may = reader.have == 1 and tvb(0, 1):uint() == 0 or reader.have > 1 and tvb(0, 2):uint() == AnswerBytes
-    if may and reader.have < AnswerBytes and patient then return nil end
-    local whole = pcall(function()
-        reader:Header(AnswerCode)
-        reader:Number(field.status, 4)
-    end)
-    reader.kind, reader.size = "answer", may and whole and AnswerBytes or reader.have
-    if not may or not whole then
+    local have = tvb:captured_len()
+    local may = have == 1 and tvb(0, 1):uint() == 0 or have > 1 and tvb(0, 2):uint() == AnswerBytes
+    if may and have < AnswerBytes and patient then return nil end
+    local reader = NewReader(nil, READER.Answer)
+    reader:ReadOn(tvb)
+    reader.kind, reader.size = "answer", may and reader.whole and AnswerBytes or have
+    if not may or not reader.whole then
         local text = "%u bytes, stated as %u; an answer takes " .. AnswerBytes
         reader:Mark(reader.items[1] or reader, note.length, text, reader.size, reader.stated or 0)
     end
@@ -355,8 +367,8 @@ end
 
 local function ShowPair(pair, tree, answers)
     if not answers then
-        if pair.answer then tree:add(field.answerIn, pair.answer):set_generated() end
-        if pair.tooSoon then tree:add_proto_expert_info(note.unanswered) end
+        if pair and pair.answer then tree:add(field.answerIn, pair.answer):set_generated() end
+        if pair and pair.tooSoon then tree:add_proto_expert_info(note.unanswered) end
     elseif pair then
         tree:add(field.requestIn, pair.request):set_generated()
         tree:add(field.time, Seconds(pair.took)):set_generated()

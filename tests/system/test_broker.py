@@ -1,7 +1,7 @@
 """The way of the reports into a Redis stream and out of it, by the examples that the package ships."""
-import contextlib
 import json
 import os
+import pathlib
 import signal
 import socket
 import subprocess
@@ -14,7 +14,7 @@ EXAMPLES = os.path.realpath(f"{os.path.dirname(__file__)}/../../packaging/exampl
 
 
 class Broker(MachineTest):
-    address = "127.47.0.1"
+    address = "127.71.0.1"
 
     @staticmethod
     def user(ident):
@@ -81,10 +81,8 @@ class Broker(MachineTest):
         self.until(lambda: len(self.streamed()) >= 500, "reports of two feeds at once")
         self.assertEqual(list(range(500)), self.streamed())
 
-        def seen():
-            texts = [open(f"{self.root}/{each}", encoding="utf-8") for each in os.listdir(self.root) if each.startswith("seen")]
-            with contextlib.ExitStack() as stack:  # the last line of a killed one may not be whole
-                return {line.rstrip("\n") for text in texts for line in stack.enter_context(text) if line.endswith("\n")}
+        def seen():  # the last line of a killed one may not be whole
+            return {line for file in pathlib.Path(self.root).glob("seen*") for line in file.read_text("utf-8").split("\n")[:-1]}
 
         for enough in (50, 500):
             with open(f"{self.root}/seen{enough}", "wb") as output:

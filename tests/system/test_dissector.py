@@ -119,7 +119,7 @@ def changed(message, at, value):
 
 
 class Dissector(MachineTest):
-    address, behind = "127.45.0.1", "127.45.0.2"
+    address, behind = "127.72.0.1", "127.72.0.2"
 
     def check(self, shown, wire):
         """What is shown of a request beside its own decoding."""
