@@ -283,8 +283,8 @@ bool HTTP_SERVER::Open(const HTTP_OPTIONS& wanted, std::string& error) {
                             const char*, size_t*, void**) -> MHD_Result {
         try {
             return static_cast<PARTS*>(cls)->Request(connection, path, method);
-        } catch (const std::bad_alloc&) {
-            return MHD_NO;  // the connection ends
+        } catch (const std::exception&) {  // out of memory
+            return MHD_NO;                 // the connection ends
         }
     };
     parts->daemon = MHD_start_daemon(
