@@ -23,7 +23,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         reader.Append(stream.subspan(at, std::min(piece, stream.size() - at)));
         PARSED result;
         while ((result = reader.Next(request)) == PARSED::Whole) {
-            if (ParseRequest(stream.subspan(done), again, wanted, reason) != PARSED::Whole) std::abort();
+            std::vector<FIELD> fields;
+            if (ParseRequest(stream.subspan(done), again, wanted, reason, &fields) != PARSED::Whole) std::abort();
+            if (fields.size() < MaxFields && fields.back().at + fields.back().length != again.length) std::abort();
             if (again.length != request.length || Line(again) != Line(request)) std::abort();
             if (TextLine(request).find('\n') != std::string::npos) std::abort();
             if (!request.groups.empty() && request.groups.size() != request.groupsStated) std::abort();

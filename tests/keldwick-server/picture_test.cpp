@@ -92,6 +92,12 @@ TEST_F(PICTURE_TEST, AClaimEndsWhenItIsNotHeardOfForTheTimeToLive) {
     picture.Expire(At(14));
     EXPECT_EQ("10.0.0.5 ann from 2", Shown());
     EXPECT_EQ(1u, picture.Totals().expired);
+    Report(one, 14, u"bob", KIND::Logon, "10.0.0.7");
+    Report(two, 16, u"bob", KIND::Logon, "10.0.0.7");
+    Report(two, 20, u"ann", KIND::Heartbeat);
+    Report(two, 20, u"bob", KIND::Logoff, "10.0.0.7");
+    picture.Expire(At(25));
+    EXPECT_EQ("10.0.0.5 ann from 2", Shown()) << "when the younger claim is withdrawn, the older one counts";
 }
 
 TEST_F(PICTURE_TEST, WhoWasNotHeardOfForLongestGoesFirst) {
@@ -103,6 +109,17 @@ TEST_F(PICTURE_TEST, WhoWasNotHeardOfForLongestGoesFirst) {
     EXPECT_EQ(4u, picture.Reports().size());
     EXPECT_EQ(nullptr, picture.Report(1));
     EXPECT_EQ("10.0.0.2", picture.Report(2)->address);
+
+    PICTURE crowded;
+    crowded.Connected(one);
+    for (uint32_t user = 0; user < 1000; ++user) {
+        REPORT report;
+        report.request.kind = KIND::Heartbeat;
+        report.request.user = {static_cast<char16_t>(0x4E00 + user)};
+        report.request.address = "10.0.0.1";
+        crowded.Reported(one, std::move(report));
+    }
+    EXPECT_EQ(256u, crowded.Identities().size()) << "at one address";
 
     PICTURE small({.identityBytes = 100'000, .reportBytes = 100'000});
     for (uint64_t number = 1; number <= 500; ++number) {

@@ -135,8 +135,8 @@ class Browser:
             self.press(letter)
 
     def click(self, selector):
-        x, y = self.run(f"(() => {{ const box = document.querySelector({json.dumps(selector)}).getBoundingClientRect();"
-                        "return [box.x + box.width / 2, box.y + box.height / 2]; })()")
+        x, y = self.run(f"(() => {{ const one = document.querySelector({json.dumps(selector)}); one.scrollIntoView({{block: 'nearest'}});"
+                        "const box = one.getBoundingClientRect(); return [box.x + box.width / 2, box.y + box.height / 2]; })()")
         for kind in ("mousePressed", "mouseReleased"):
             self.call("Input.dispatchMouseEvent", type=kind, x=x, y=y, button="left", clickCount=1)
 

@@ -22,6 +22,7 @@ namespace {
 using CLOCK = std::chrono::steady_clock;
 
 constexpr unsigned MostOfOneAddress = 96;
+constexpr unsigned KeptFree = 32;  // of both, for those who ask: of who says nothing, the one that came first goes
 constexpr size_t MostStreams = 48;
 constexpr size_t MostStreamsOfOneAddress = 24;
 constexpr size_t MostEventsWaiting = 64;
@@ -56,6 +57,8 @@ struct VISIT {
     int fd = -1;
     std::string address;
     CLOCK::time_point deadline;
+    bool asks = false;  // a request of it is being answered
+    bool over = false;  // it has been ended, and is about to go
 };
 
 // Without the port that may follow, and the brackets of an IPv6 address.
@@ -162,12 +165,29 @@ std::unique_ptr<VISIT> NewVisit(MHD_Connection* connection) {
     return visit;
 }
 
+// Ends the connection that has been silent for longest: among those of the address when these are many, among all when
+// all are.
+void MakeRoom(std::set<VISIT*>& visits, const std::string& address) {
+    const auto isOfAddress = [&](const VISIT* visit) { return visit->address == address; };
+    const bool many = std::count_if(visits.begin(), visits.end(), isOfAddress) > MostOfOneAddress - KeptFree;
+    if (!many && visits.size() <= HTTP_SERVER::MostConnections - KeptFree) return;
+    VISIT* silent = nullptr;
+    for (VISIT* visit : visits) {
+        if (visit->asks || visit->over || (many && !isOfAddress(visit))) continue;
+        if (silent == nullptr || visit->deadline < silent->deadline) silent = visit;
+    }
+    if (silent == nullptr) return;
+    shutdown(silent->fd, SHUT_RDWR);
+    silent->over = true;
+}
+
 void Visited(void* cls, MHD_Connection* connection, void** context, MHD_ConnectionNotificationCode what) {
     auto& visits = *static_cast<std::set<VISIT*>*>(cls);
     if (what == MHD_CONNECTION_NOTIFY_STARTED) {
         VISIT* const visit = NewVisit(connection).release();
         *context = visit;
         visits.insert(visit);
+        MakeRoom(visits, visit->address);
     } else {
         const std::unique_ptr<VISIT> owner(static_cast<VISIT*>(*context));
         visits.erase(owner.get());
@@ -175,7 +195,9 @@ void Visited(void* cls, MHD_Connection* connection, void** context, MHD_Connecti
 }
 
 void Answered(void*, MHD_Connection* connection, void**, MHD_RequestTerminationCode) {
-    VisitOf(connection).deadline = CLOCK::now() + RequestTime;
+    VISIT& visit = VisitOf(connection);
+    visit.deadline = CLOCK::now() + RequestTime;
+    visit.asks = false;
 }
 
 }  // namespace
@@ -201,7 +223,9 @@ API_ANSWER HTTP_SERVER::PARTS::AnswerTo(MHD_Connection* connection, const std::s
 }
 
 MHD_Result HTTP_SERVER::PARTS::Request(MHD_Connection* connection, const char* path, const char* method) {
-    VisitOf(connection).deadline = CLOCK::now() + AnswerTime;
+    VISIT& visit = VisitOf(connection);
+    visit.deadline = CLOCK::now() + AnswerTime;
+    visit.asks = true;
     if (std::strcmp(method, "GET") != 0 && std::strcmp(method, "HEAD") != 0)
         return Reply(connection, {405, "text/plain; charset=utf-8", "Only GET and HEAD are answered.\n"});
     API_ANSWER answer = AnswerTo(connection, path);
@@ -283,8 +307,8 @@ bool HTTP_SERVER::Open(const HTTP_OPTIONS& wanted, std::string& error) {
                             const char*, size_t*, void**) -> MHD_Result {
         try {
             return static_cast<PARTS*>(cls)->Request(connection, path, method);
-        } catch (const std::bad_alloc&) {
-            return MHD_NO;  // the connection ends
+        } catch (const std::exception&) {  // out of memory
+            return MHD_NO;                 // the connection ends
         }
     };
     parts->daemon = MHD_start_daemon(

@@ -115,8 +115,8 @@ void PAGE::Run() {
     for (;;) {
         pollfd wanted[] = {{told.Get(), POLLIN, 0}, {http.Descriptor(), POLLIN, 0}};
         const auto pause = std::chrono::ceil<std::chrono::milliseconds>(next - CLOCK::now()).count();
-        const int due = static_cast<int>(std::max<long>(pause, 0)), http_due = http.WaitMs();
-        poll(wanted, std::size(wanted), http_due < 0 ? due : std::min(due, http_due));
+        const int due = static_cast<int>(std::max<long>(pause, 0)), httpDue = http.WaitMs();
+        poll(wanted, std::size(wanted), httpDue < 0 ? due : std::min(due, httpDue));
         eventfd_t count = 0;
         if (eventfd_read(told.Get(), &count) == 0) {
             TakeNews();

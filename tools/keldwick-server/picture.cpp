@@ -11,6 +11,7 @@ namespace tools {
 namespace {
 
 constexpr size_t MostClaims = 64;          // of one identity
+constexpr size_t MostUsers = 256;          // at one address
 constexpr size_t MostGone = 64;            // agents that are still shown
 constexpr size_t MostRefusedBytes = 4096;  // kept of a refused request
 constexpr size_t ClaimBytes = 256;         // with its share of the agent's state
@@ -137,7 +138,7 @@ void PICTURE::Take(const CONNECTION& from, const REQUEST& request, TIME when) {
     }
     if (identity == identities.end()) identity = Add(request.address, userKey, when);
     ++version;
-    identity->heard = when;
+    Heard(*identity, when);
     Describe(*identity, request);
     CLAIM* claim = ClaimOf(*identity, from);
     if (claim == nullptr) {
@@ -152,13 +153,20 @@ void PICTURE::Take(const CONNECTION& from, const REQUEST& request, TIME when) {
     std::rotate(identity->claims.begin() + (claim - identity->claims.data()),
                 identity->claims.begin() + (claim - identity->claims.data()) + 1, identity->claims.end());
     EndClaimsBefore(*identity, when - limit.timeToLive);
-    identities.splice(identities.end(), identities, identity);
     Recount(*identity);
     while (identities.size() > limit.identities || (identityBytes > limit.identityBytes && identities.size() > 1)) {
         ++totals.dropped;
-        Remove(identities.begin());
+        RemoveOldest();
     }
 }
+
+void PICTURE::Heard(IDENTITY& identity, TIME when) {
+    byHeard.erase({identity.heard, identity.number});
+    identity.heard = when;
+    byHeard.insert({when, identity.number});
+}
+
+void PICTURE::RemoveOldest() { Remove(byNumber.at(byHeard.begin()->second)); }
 
 PICTURE::POSITION PICTURE::Find(const std::string& address, const std::string& userKey) {
     const auto there = byAddress.find(address);
@@ -169,13 +177,18 @@ PICTURE::POSITION PICTURE::Find(const std::string& address, const std::string& u
 }
 
 PICTURE::POSITION PICTURE::Add(const std::string& address, const std::string& userKey, TIME when) {
+    std::vector<POSITION>& there = byAddress[address];
+    if (there.size() >= MostUsers) {
+        ++totals.dropped;
+        Remove(there.front());
+    }
     const POSITION identity = identities.emplace(identities.end());
     identity->number = ++lastIdentity;
     identity->address = address;
     identity->addressKey = AddressKey(address);
     identity->userKey = userKey;
     identity->since = when;
-    byAddress[address].push_back(identity);
+    there.push_back(identity);
     byNumber[identity->number] = identity;
     return identity;
 }
@@ -221,7 +234,10 @@ void PICTURE::Withdraw(POSITION identity, const CONNECTION& from) {
     ++version;
     Release(from.number);
     identity->claims.erase(identity->claims.begin() + (claim - identity->claims.data()));
-    if (identity->claims.empty()) Remove(identity);
+    if (identity->claims.empty())
+        Remove(identity);
+    else
+        Heard(*identity, identity->claims.back().heard);
 }
 
 void PICTURE::EndClaimsBefore(IDENTITY& identity, TIME time) {
@@ -239,6 +255,7 @@ void PICTURE::Remove(POSITION identity) {
     std::erase(there->second, identity);
     if (there->second.empty()) byAddress.erase(there);
     byNumber.erase(identity->number);
+    byHeard.erase({identity->heard, identity->number});
     identityBytes -= identity->bytes;
     identities.erase(identity);
 }
@@ -262,9 +279,9 @@ void PICTURE::Recount(IDENTITY& identity) {
 }
 
 void PICTURE::Expire(TIME now) {
-    while (!identities.empty() && identities.front().heard + limit.timeToLive < now) {
+    while (!byHeard.empty() && byHeard.begin()->first + limit.timeToLive < now) {
         ++totals.expired;
-        Remove(identities.begin());
+        RemoveOldest();
     }
 }
 

@@ -13,6 +13,7 @@
 #include <deque>
 #include <list>
 #include <map>
+#include <set>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -91,7 +92,7 @@ public:
     // Ends what was not heard of for the time to live.
     void Expire(TIME now);
 
-    const IDENTITIES& Identities() const { return identities; }               // the one last heard of last
+    const IDENTITIES& Identities() const { return identities; }
     const IDENTITY* Identity(uint64_t number) const;                          // null: there is none any more
     const std::map<uint64_t, AGENT_STATE>& Agents() const { return agents; }  // by the connection's number
     const AGENT_STATE* Agent(uint64_t connection) const;
@@ -112,6 +113,8 @@ private:
     void Take(const CONNECTION& from, const REQUEST& request, TIME when);
     POSITION Find(const std::string& address, const std::string& userKey);
     POSITION Add(const std::string& address, const std::string& userKey, TIME when);
+    void Heard(IDENTITY& identity, TIME when);
+    void RemoveOldest();
     void Describe(IDENTITY& identity, const REQUEST& request);
     CLAIM* ClaimOf(IDENTITY& identity, const CONNECTION& from);
     void Withdraw(POSITION identity, const CONNECTION& from);
@@ -127,6 +130,7 @@ private:
     IDENTITIES identities;
     std::unordered_map<std::string, std::vector<POSITION>> byAddress;
     std::unordered_map<uint64_t, POSITION> byNumber;
+    std::set<std::pair<TIME, uint64_t>> byHeard;  // with the number
     std::map<uint64_t, AGENT_STATE> agents;
     std::deque<uint64_t> gone;  // agents that are neither connected nor have a claim
     std::deque<KEPT_REPORT> reports;

@@ -68,10 +68,8 @@ void Sort(std::vector<const IDENTITY*>& found, const QUERY& query) {
 }  // namespace
 
 bool VIEWS::MayWork(CLOCK::time_point now) {
-    if (now - second >= std::chrono::seconds(1)) {
-        second = now;
-        worked = {};
-    }
+    worked -= std::min<CLOCK::duration>(worked, (now - looked) * WorkEachSecond.count() / 1000);
+    looked = now;
     return worked < WorkEachSecond;
 }
 

@@ -46,8 +46,8 @@ private:
     void Make(const PICTURE& picture, VIEW& view, CLOCK::time_point now);
 
     std::list<VIEW> views;  // the one last used first
-    CLOCK::time_point second;
-    CLOCK::duration worked{};  // in that second
+    CLOCK::time_point looked;
+    CLOCK::duration worked{};  // and not yet made up for by then
 };
 
 }  // namespace tools

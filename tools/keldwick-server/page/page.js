@@ -249,9 +249,10 @@ async function showReport(report) {
 // ---- the last reports ----
 
 const REPORTS_SHOWN = 100;
-const reports = {list: [], newest: 0, held: false, waiting: 0};
+const reports = {list: [], newest: 0, held: false, waiting: 0, early: null};
 
 function takeReports(list) {  // the newest first
+  if (reports.early) return void reports.early.push(list);  // those before them are on the way
   const fresh = list.filter((report) => report.number > reports.newest);
   if (!fresh.length) return;
   reports.newest = fresh[0].number;
@@ -378,10 +379,14 @@ async function begin(event) {
   $("reports").replaceChildren();
   reports.list = [];
   reports.newest = 0;
+  reports.early = [];
   table.shownVersion = 0;
   takeState(JSON.parse(event.data));
-  takeReports((await fetchJson("/api/reports?limit=" + REPORTS_SHOWN)).reports);
-  showAgents();
+  const kept = await fetchJson("/api/reports?limit=" + REPORTS_SHOWN).catch(() => ({reports: []}));
+  const early = reports.early;
+  reports.early = null;
+  for (const list of [kept.reports, ...early]) takeReports(list);
+  showAgents().catch(() => {});
 }
 
 function listen() {
