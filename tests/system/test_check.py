@@ -73,6 +73,27 @@ class Check(MachineTest):
         self.until(lambda: "ended by DebugOutput" in self.status(), "the log is ended")
         self.tell(self.found()[1], "agent's log", "warning", "ended")
 
+    def test_a_second_agent_waits_for_the_first(self):
+        self.prepare("tcp")
+        self.serve("--tls-port", "0")
+        first = self.start("-L")
+        second = self.start("-L", wait=False)
+        self.until_logged("Uable to open the \"Security\" event log.")
+        self.assertIn("Error code = 32.", self.log())
+        self.assertIn(f"process {first.pid} follows", self.error_of(second))
+        self.tell(self.found()[1], "agent", "warning", f"process {first.pid} and process {second.pid}")
+        for others in (["-X"], ["-REPORT_IDENTITY"]):  # these read no log
+            done = subprocess.run([f"{BIN}/keldwick", "-L", *others], env={**os.environ, "KELDWICK_ROOT": self.root},
+                                  capture_output=True, text=True, timeout=60)
+            self.assertEqual((0, -1), (done.returncode, done.stderr.find("Not followed")), done)
+        self.assertEqual(1, self.log().count("Error code = 32."))
+
+    def error_of(self, agent):
+        for line in agent.stderr:
+            if "Not followed" in line:
+                return line
+        return ""
+
     def test_what_is_wrong_with_a_server_is_said(self):
         self.prepare("auto")
         self.tell(self.found()[1], "identity server", "failed", "refused")
