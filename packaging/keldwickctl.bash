@@ -7,7 +7,7 @@ _keldwickctl_words() {
         init) echo '--server --protocol --help' ;;
         check) echo '--json --exchange --address' ;;
         status) echo '--json --check --prometheus' ;;
-        identities) echo '--json' ;;
+        identities) echo '--json --user --address --watch' ;;
         settings) echo 'list get set delete' ;;
         events) echo 'write import list clear' ;;
         feed) echo 'samba-audit xml json' ;;

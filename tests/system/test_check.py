@@ -73,6 +73,23 @@ class Check(MachineTest):
         self.until(lambda: "ended by DebugOutput" in self.status(), "the log is ended")
         self.tell(self.found()[1], "agent's log", "warning", "ended")
 
+    def test_identities_are_chosen_and_watched(self):
+        self.prepare("tcp")
+        self.serve("--tls-port", "0")
+        self.start()
+        self.until(lambda: "as of" in subprocess.run([f"{BIN}/keldwickctl", "--root", self.root, "identities"],
+                                                     capture_output=True, text=True).stdout, "the agent follows the log")
+        watch = subprocess.Popen([f"{BIN}/keldwickctl", "--root", self.root, "identities", "--watch", "--user", "corp\\an"],
+                                 stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        self.agents.append(watch)
+        for user, address in (("ann", "10.1.0.7"), ("bob", "10.1.0.8"), ("anna", "10.2.0.7")):
+            self.logon(user, address, "WS1")
+        self.until_logged("Logon reported", 3)
+        self.assertEqual({"10.1.0.7", "10.2.0.7"}, {watch.stdout.readline().split()[1] for _ in range(2)})
+        shown = self.ctl("identities", "--address", "10.1.0.0/16", "--user", "BOB")
+        self.assertRegex(shown, r"(?m)\A10\.1\.0\.8 +\S+Z  until \S+Z  CORP\\bob .*\n1 identity, as of")
+        self.ctl("identities", "--address", "10.1", code=2)
+
     def test_a_second_agent_waits_for_the_first(self):
         self.prepare("tcp")
         self.serve("--tls-port", "0")
