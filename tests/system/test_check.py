@@ -1,11 +1,15 @@
 """keldwickctl check and status: what an administrator is told when something is wrong."""
 import json
 import os
+import re
+import shutil
 import socket
 import subprocess
 import unittest
 
 from machine import BIN, MachineTest
+
+EXAMPLES = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../packaging/examples")
 
 
 class Check(MachineTest):
@@ -72,6 +76,31 @@ class Check(MachineTest):
         self.ctl("settings", "set", "DebugOutput", "debugger")
         self.until(lambda: "ended by DebugOutput" in self.status(), "the log is ended")
         self.tell(self.found()[1], "agent's log", "warning", "ended")
+
+    @unittest.skipUnless(shutil.which("promtool"), "promtool is not installed")
+    def test_the_alert_rules_and_the_dashboard_ask_for_figures_that_there_are(self):
+        rules = f"{EXAMPLES}/keldwick-alerts.yml"
+        done = subprocess.run(["promtool", "check", "rules", rules], capture_output=True, text=True, timeout=60)
+        self.assertEqual(0, done.returncode, done)
+        self.assertIn("SUCCESS", done.stdout)
+        self.prepare("tcp")
+        self.serve("--tls-port", "0")
+        self.start()
+        with open(f"{self.root}/audit.jsonl", "w", encoding="utf-8"):
+            self.ctl("feed", "json", f"{self.root}/audit.jsonl", "--once", "--name", "f")
+        figures = set()
+
+        def complete():
+            figures.update(re.findall(r"(?m)^keldwick_\w+", self.ctl("status", "--prometheus", "-")))
+            return {"keldwick_identities", "keldwick_feed_up"} <= figures
+        self.until(complete, "the agent and the feed have figures")
+        for example in (rules, f"{EXAMPLES}/keldwick-dashboard.json"):
+            with open(example, encoding="utf-8") as file:
+                text = file.read()
+            asked = set(re.findall(r"\bkeldwick_\w+", text))
+            self.assertTrue(asked)
+            self.assertEqual(set(), asked - figures, example)
+        json.loads(text)
 
     def test_identities_are_chosen_and_watched(self):
         self.prepare("tcp")
