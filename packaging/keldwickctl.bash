@@ -1,30 +1,32 @@
-# Completion of keldwickctl's command line for bash.
+# Completion of the three programs' command lines for bash. What may follow is asked of the program's own --help, so that it
+# is what this version knows; only words for values stand here.
 
-# The words that may stand after the commands so far (options and their values left out).
-_keldwickctl_words() {
-    case "$*" in
-        '') echo 'init check status identities settings events feed directory --root --version --help' ;;
-        init) echo '--server --protocol --help' ;;
-        check) echo '--json --exchange --address' ;;
-        status) echo '--json --check --prometheus' ;;
-        identities) echo '--json' ;;
-        settings) echo 'list get set delete' ;;
-        events) echo 'write import list clear' ;;
-        feed) echo 'samba-audit xml json' ;;
-        'feed '*) echo '--log --name --once' ;;
-        directory) echo 'lookup check' ;;
-        'settings set') echo "--type $(_keldwickctl_settings)" ;;
-        'settings get' | 'settings delete') _keldwickctl_settings ;;
-        'settings set IdentProtocol') echo 'auto tcps tcp' ;;
-        'events write') echo '--id --log --type --source --computer --time --data --' ;;
-        'events import') echo '--log' ;;
-        'events list') echo '--log --last --json' ;;
-        'events clear') echo '--log' ;;
-        'directory lookup') echo '--json' ;;
-    esac
+# The commands and long options in keldwickctl's or keldwick-server's help.
+_keldwick_help_words() {
+    "$@" --help 2>/dev/null | awk '
+        /^[A-Z]/ { commands = $1 == "Subcommands:" }
+        commands && /^  [a-z]/ { print $1 }
+        /^  (-[a-z],)?--/ { sub(/^-[a-z],/, "", $1); print $1 }'
 }
 
 _keldwickctl_settings() { echo 'IdentServer IdentProtocol AdServer Heartbeat LogonTTL DebugOutput Shutdown'; }
+
+# The words that a value may have, after the option or the commands before it.
+_keldwickctl_values() {
+    case $1 in
+        --log) echo 'Security Application' ;;
+        --protocol) echo 'auto tcps tcp' ;;
+        --type)
+            case " ${COMP_WORDS[*]} " in
+                *' write '*) echo 'error warning information audit-success audit-failure' ;;
+                *) echo 'sz dword qword binary multi_sz expand_sz' ;;
+            esac
+            ;;
+        'settings get' | 'settings set' | 'settings delete') _keldwickctl_settings ;;
+        'settings set IdentProtocol') echo 'auto tcps tcp' ;;
+        'settings set DebugOutput') echo 'log,append log,append,verbose log,rename,verbose,ad,tcp' ;;
+    esac
+}
 
 _keldwickctl() {
     local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]} said=() i
@@ -32,26 +34,47 @@ _keldwickctl() {
     case $previous in
         --prometheus) mapfile -t COMPREPLY < <(compgen -f -- "$current") && return ;;
         --root) mapfile -t COMPREPLY < <(compgen -d -- "$current") && return ;;
-        --log) mapfile -t COMPREPLY < <(compgen -W 'Security Application' -- "$current") && return ;;
-        --protocol) mapfile -t COMPREPLY < <(compgen -W 'auto tcps tcp' -- "$current") && return ;;
-        --type)
-            local types='sz dword qword binary multi_sz expand_sz'
-            [[ " ${COMP_WORDS[*]} " == *' write '* ]] && types='error warning information audit-success audit-failure'
-            mapfile -t COMPREPLY < <(compgen -W "$types" -- "$current") && return
+        --log | --protocol | --type)
+            mapfile -t COMPREPLY < <(compgen -W "$(_keldwickctl_values "$previous")" -- "$current") && return
             ;;
-        --server | --id | --source | --computer | --time | --data | --last | --name) return ;;
+        --server | --id | --source | --computer | --time | --since | --data | --last | --name | --user | --address) return ;;
     esac
     for ((i = 1; i < COMP_CWORD; ++i)); do
         case ${COMP_WORDS[i]} in
-            --root | --log | --protocol | --type | --server | --last | --name | --prometheus) ((++i)) ;;
+            --root | --log | --protocol | --type | --server | --last | --name | --prometheus | --user | --address | --since) ((++i)) ;;
             -*) ;;
             *) said+=("${COMP_WORDS[i]}") ;;
         esac
     done
-    mapfile -t COMPREPLY < <(compgen -W "$(_keldwickctl_words "${said[@]}")" -- "$current")
-    if [[ ${said[*]} =~ ^('events import'|'feed samba-audit'|'feed json')$ && $current != -* ]]; then
+    local words="${said[*]}"
+    mapfile -t COMPREPLY < <(compgen -W "$(_keldwickctl_values "$words")
+        $(_keldwick_help_words "${COMP_WORDS[0]}" "${said[@]}")" -- "$current")
+    if [[ $words =~ ^('events import'|'feed samba-audit'|'feed json')$ && $current != -* ]]; then
         mapfile -t -O "${#COMPREPLY[@]}" COMPREPLY < <(compgen -f -- "$current")
     fi
 }
 
+_keldwick() {
+    local current=${COMP_WORDS[COMP_CWORD]} words
+    COMPREPLY=()
+    case ${COMP_WORDS[COMP_CWORD - 1]} in
+        -PROTOCOL) words='AUTO TCPS TCP' ;;
+        -SERVER | -AD_SERVER | -USER_NAME | -COMPUTER_NAME) return ;;
+        *) words=$("${COMP_WORDS[0]}" --help 2>/dev/null | awk '/^  -/ { for (i = 1; i <= NF && $i ~ /^-/; ++i) print $i }') ;;
+    esac
+    mapfile -t COMPREPLY < <(compgen -W "$words" -- "$current")
+}
+
+_keldwick_server() {
+    local current=${COMP_WORDS[COMP_CWORD]}
+    COMPREPLY=()
+    case ${COMP_WORDS[COMP_CWORD - 1]} in
+        --cert | --key | --state) mapfile -t COMPREPLY < <(compgen -f -- "$current") ;;
+        --host | --tcp-port | --tls-port | --status) ;;
+        *) mapfile -t COMPREPLY < <(compgen -W "$(_keldwick_help_words "${COMP_WORDS[0]}")" -- "$current") ;;
+    esac
+}
+
 complete -F _keldwickctl keldwickctl
+complete -F _keldwick keldwick
+complete -F _keldwick_server keldwick-server

@@ -1,14 +1,19 @@
 // The program's entry on Linux: brings the arguments into the program's form, answers --help and --version, and runs
 // it.
+#include <sys/stat.h>
 #include <windows.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <string>
 #include <vector>
 
 #include "platform/string.h"
 #include "platform/version_numbers.h"
+#include "service/command_line.h"
 #include "service/entry.h"
+#include "win32/files/machine_root.h"
 #include "win32/files/standard_stream.h"
 #include "win32/services/exit_status.h"
 #include "win32/services/last_words.h"
@@ -50,7 +55,8 @@ constexpr const char* Usage =
     "\n"
     "  --help  --version       this text, the version\n"
     "\n"
-    "The machine root is the folder named by KELDWICK_ROOT, else the program's own.\n";
+    "The machine root is the folder named by KELDWICK_ROOT; else the current folder, or the\n"
+    "program's own when only that holds registry.reg. keldwickctl init makes one.\n";
 
 // These two alone have a second hyphen. True: the program's work is done.
 bool AnswerQuestion(const char* argument) {
@@ -67,6 +73,27 @@ bool AnswerQuestion(const char* argument) {
     return false;
 }
 
+// Without the registry's file there is no machine root, and nothing may be made in the folder. A wrong argument comes
+// first: the program says what is wrong with it, and makes nothing either.
+bool IsRootMissing(const std::vector<WCHAR*>& arguments) {
+    keldwick::COMMAND_LINE trial;
+    if (keldwick::ParseCommandLine(trial, arguments.data(), static_cast<DWORD>(arguments.size())) != nullptr)
+        return false;
+    struct stat about;
+    const std::string file = win32::MachinePath(win32::RegistryFile);
+    return stat(file.c_str(), &about) != 0 && (errno == ENOENT || errno == ENOTDIR);
+}
+
+// One line: which root, which file, which command.
+int FailNoSettings(const char* missing) {
+    const std::string root = win32::MachineRoot();
+    std::fprintf(stderr,
+                 "keldwick: the machine root %s has no %s: make it by \"keldwickctl --root %s init\", or name another "
+                 "by KELDWICK_ROOT\n",
+                 root.c_str(), missing, root.c_str());
+    return keldwick::EXIT_NO_SETTINGS_KEY;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -79,7 +106,9 @@ int main(int argc, char** argv) {
     static auto& texts = *new std::vector<keldwick::STRING>(argv, argv + argc);
     static auto& arguments = *new std::vector<WCHAR*>;
     for (keldwick::STRING& text : texts) arguments.push_back(text.Buffer());
+    if (IsRootMissing(arguments)) return FailNoSettings("registry.reg");
     // A service's own exit code reaches the manager as the process's.
     const int code = keldwick::RunProgram(argc, arguments.data());
+    if (code == keldwick::EXIT_NO_SETTINGS_KEY) return FailNoSettings("settings key in its registry.reg");
     return code != 0 ? code : win32::ServiceExitStatus();
 }

@@ -7,6 +7,7 @@
 
 #include "tests/support/temporary_root.h"
 #include "tools/common/failure.h"
+#include "tools/keldwickctl/identities.h"
 
 namespace tools {
 namespace {
@@ -36,6 +37,24 @@ TEST(Status, TheConnectionIsTheAgentsOwnToAServersPort) {
         EXPECT_EQ(c.found, found ? found->address + " " + std::to_string(found->port) + " " + found->over : "")
             << c.lines;
     }
+}
+
+TEST(Status, ANetHoldsTheAddressesThatShareItsBits) {
+    const struct {
+        const char *net, *address;
+        bool holds;
+    } cases[] = {
+        {"10.1.2.3", "10.1.2.3", true},          {"10.1.2.3", "10.1.2.4", false},
+        {"10.1.0.0/16", "10.1.255.1", true},     {"10.1.0.0/16", "10.2.0.1", false},
+        {"10.1.2.128/25", "10.1.2.200", true},   {"10.1.2.128/25", "10.1.2.100", false},
+        {"10.1.2.3/32", "10.1.2.3", true},       {"0.0.0.0/0", "192.0.2.1", true},
+        {"2001:db8::/33", "2001:db8:1::", true}, {"2001:db8::/33", "2001:db8:8000::", false},
+        {"0.0.0.0/0", "2001:db8::1", false},     {"::/0", "-", false},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(c.holds, ParseNet(c.net).value().Holds(c.address)) << c.net << " " << c.address;
+    for (const char* const none : {"", "host", "10.1.2.3/33", "10.1.2/24", "::/129", "10.0.0.0/", "10.0.0.0/-1"})
+        EXPECT_FALSE(ParseNet(none)) << none;
 }
 
 TEST(Status, ALineOfTheListThatHasNoEndIsNotTakenIntoMemory) {

@@ -1,11 +1,15 @@
 """keldwickctl check and status: what an administrator is told when something is wrong."""
 import json
 import os
+import re
+import shutil
 import socket
 import subprocess
 import unittest
 
 from machine import BIN, MachineTest
+
+EXAMPLES = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../packaging/examples")
 
 
 class Check(MachineTest):
@@ -72,6 +76,69 @@ class Check(MachineTest):
         self.ctl("settings", "set", "DebugOutput", "debugger")
         self.until(lambda: "ended by DebugOutput" in self.status(), "the log is ended")
         self.tell(self.found()[1], "agent's log", "warning", "ended")
+
+    @unittest.skipUnless(shutil.which("promtool"), "promtool is not installed")
+    def test_the_alert_rules_and_the_dashboard_ask_for_figures_that_there_are(self):
+        rules = f"{EXAMPLES}/keldwick-alerts.yml"
+        done = subprocess.run(["promtool", "check", "rules", rules], capture_output=True, text=True, timeout=60)
+        self.assertEqual(0, done.returncode, done)
+        self.assertIn("SUCCESS", done.stdout)
+        self.prepare("tcp")
+        self.serve("--tls-port", "0")
+        self.start()
+        with open(f"{self.root}/audit.jsonl", "w", encoding="utf-8"):
+            self.ctl("feed", "json", f"{self.root}/audit.jsonl", "--once", "--name", "f")
+        figures = set()
+
+        def complete():
+            figures.update(re.findall(r"(?m)^keldwick_\w+", self.ctl("status", "--prometheus", "-")))
+            return {"keldwick_identities", "keldwick_feed_up"} <= figures
+        self.until(complete, "the agent and the feed have figures")
+        for example in (rules, f"{EXAMPLES}/keldwick-dashboard.json"):
+            with open(example, encoding="utf-8") as file:
+                text = file.read()
+            asked = set(re.findall(r"\bkeldwick_\w+", text))
+            self.assertTrue(asked)
+            self.assertEqual(set(), asked - figures, example)
+        json.loads(text)
+
+    def test_identities_are_chosen_and_watched(self):
+        self.prepare("tcp")
+        self.serve("--tls-port", "0")
+        self.start()
+        self.until(lambda: "as of" in subprocess.run([f"{BIN}/keldwickctl", "--root", self.root, "identities"],
+                                                     capture_output=True, text=True).stdout, "the agent follows the log")
+        watch = subprocess.Popen([f"{BIN}/keldwickctl", "--root", self.root, "identities", "--watch", "--user", "corp\\an"],
+                                 stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        self.agents.append(watch)
+        for user, address in (("ann", "10.1.0.7"), ("bob", "10.1.0.8"), ("anna", "10.2.0.7")):
+            self.logon(user, address, "WS1")
+        self.until_logged("Logon reported", 3)
+        self.assertEqual({"10.1.0.7", "10.2.0.7"}, {watch.stdout.readline().split()[1] for _ in range(2)})
+        shown = self.ctl("identities", "--address", "10.1.0.0/16", "--user", "BOB")
+        self.assertRegex(shown, r"(?m)\A10\.1\.0\.8 +\S+Z  until \S+Z  CORP\\bob .*\n1 identity, as of")
+        self.ctl("identities", "--address", "10.1", code=2)
+
+    def test_a_second_agent_waits_for_the_first(self):
+        self.prepare("tcp")
+        self.serve("--tls-port", "0")
+        first = self.start("-L")
+        second = self.start("-L", wait=False)
+        self.until_logged("Uable to open the \"Security\" event log.")
+        self.assertIn("Error code = 32.", self.log())
+        self.assertIn(f"process {first.pid} follows", self.error_of(second))
+        self.tell(self.found()[1], "agent", "warning", f"process {first.pid} and process {second.pid}")
+        for others in (["-X"], ["-REPORT_IDENTITY"]):  # these read no log
+            done = subprocess.run([f"{BIN}/keldwick", "-L", *others], env={**os.environ, "KELDWICK_ROOT": self.root},
+                                  capture_output=True, text=True, timeout=60)
+            self.assertEqual((0, -1), (done.returncode, done.stderr.find("Not followed")), done)
+        self.assertEqual(1, self.log().count("Error code = 32."))
+
+    def error_of(self, agent):
+        for line in agent.stderr:
+            if "Not followed" in line:
+                return line
+        return ""
 
     def test_what_is_wrong_with_a_server_is_said(self):
         self.prepare("auto")

@@ -102,6 +102,12 @@ class Package(unittest.TestCase):
             self.assertEqual("", self.inside("sh", "-c", 'ls -d "$@" 2>/dev/null || true', "sh", ROOT, "/etc/keldwick", *left))
             self.inside("dpkg", "--status", "keldwick", code=1)
 
+    def test_the_links_of_its_pages_lead_to_what_is_there(self):
+        self.install(self.package)
+        links = self.inside("sh", "-c", r"cd /usr/share/doc/keldwick && grep -oh ']([^)#:]*)' *.md | tr -d ']()' | sort -u").split()
+        self.assertIn("running.md", links)
+        self.inside("sh", "-c", 'cd /usr/share/doc/keldwick && ls -d "$@" >/dev/null', "sh", *links)
+
     @unittest.skipUnless(shutil.which("systemd-analyze"), "systemd-analyze is not installed")
     def test_systemd_takes_the_units(self):
         self.install(self.package)
@@ -118,16 +124,34 @@ class Package(unittest.TestCase):
 
 
 class Completion(unittest.TestCase):
-    def test_completion_knows_the_commands(self):
-        for words, wanted in ((["ev"], "events"), (["events", "im"], "import"), (["--root", "/tmp", "settings", "se"], "set"),
-                              (["settings", "set", "Heart"], "Heartbeat"), (["events", "list", "--log", "S"], "Security"),
-                              (["init", "--protocol", "tcps"], "tcps"), (["directory", ""], "lookup check"),
-                              (["settings", "set", "IdentProtocol", "a"], "auto"), (["init", "--server", ""], ""),
-                              (["feed", "sam"], "samba-audit"), (["feed", "xml", "--on"], "--once")):
-            with self.subTest(words=words):
-                script = (f'. {PACKAGING}/keldwickctl.bash; COMP_WORDS=(keldwickctl "$@"); COMP_CWORD=$#; _keldwickctl; '
-                          'echo "${COMPREPLY[*]}"')
-                said = subprocess.run(["bash", "-c", script, "bash", *words], capture_output=True, text=True, check=True)
+    environment = {**os.environ, "PATH": f"{BIN}:{os.environ['PATH']}"}
+    cases = (("keldwickctl", ["ev"], "events"), ("keldwickctl", ["events", "im"], "import"),
+             ("keldwickctl", ["--root", "/tmp", "settings", "se"], "set"), ("keldwickctl", ["settings", "set", "Heart"], "Heartbeat"),
+             ("keldwickctl", ["events", "list", "--log", "S"], "Security"), ("keldwickctl", ["init", "--protocol", "tcps"], "tcps"),
+             ("keldwickctl", ["directory", "l"], "lookup"), ("keldwickctl", ["settings", "set", "IdentProtocol", "a"], "auto"),
+             ("keldwickctl", ["init", "--server", ""], ""), ("keldwickctl", ["feed", "sam"], "samba-audit"),
+             ("keldwickctl", ["feed", "xml", "--on"], "--once"), ("keldwickctl", ["check", "--ex"], "--exchange"),
+             ("keldwick", ["-REPORT_I"], "-REPORT_IDENTITY"), ("keldwick", ["-A", "-AD_"], "-AD_SERVER"),
+             ("keldwick", ["-PROTOCOL", "TCPS"], "TCPS"), ("keldwick", ["-SERVER", ""], ""),
+             ("keldwick-server", ["--tls"], "--tls-port"), ("keldwick-server", ["--host", ""], ""))
+
+    def test_bash_knows_what_may_follow(self):
+        for program, words, wanted in self.cases:
+            with self.subTest(program=program, words=words):
+                script = (f'. {PACKAGING}/keldwickctl.bash; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); '
+                          '$(complete -p "$1" | sed "s/.*-F \\([^ ]*\\).*/\\1/"); echo "${COMPREPLY[*]}"')
+                said = subprocess.run(["bash", "-c", script, "bash", program, *words], capture_output=True, text=True, check=True,
+                                      env=self.environment)
+                self.assertEqual(wanted, said.stdout.strip(), said.stderr)
+
+    @unittest.skipUnless(shutil.which("zsh"), "zsh is not installed")
+    def test_zsh_knows_what_may_follow(self):
+        script = (f'compadd() {{ [[ $1 == -- ]] && shift; print -l -- ${{(M)@:#$words[CURRENT]*}} }}; _files() {{ }}; '
+                  f'words=("$@"); CURRENT=$#; . {PACKAGING}/_keldwick')
+        for program, words, wanted in self.cases:
+            with self.subTest(program=program, words=words):
+                said = subprocess.run(["zsh", "-fc", script, "zsh", program, *words], capture_output=True, text=True,
+                                      env=self.environment)
                 self.assertEqual(wanted, said.stdout.strip(), said.stderr)
 
 

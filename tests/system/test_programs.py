@@ -1,5 +1,6 @@
 """The programs' outside: exit codes, single clear lines, the registry values a run leaves."""
 import os
+import shutil
 import socket
 import subprocess
 import unittest
@@ -25,9 +26,45 @@ class Programs(MachineTest):
                 self.assertIn("Vantorel Keldwick Warning", error)
                 self.assertIn(f"Invalid command line argument:  \"{shown}\"", error)
 
+    def test_without_a_machine_root_one_line_names_it_and_nothing_is_made(self):
+        for root in (f"{self.root}/mistyped", self.root):
+            self.root = root
+            code, _, error = self.run_program("keldwick", "-X")
+            self.assertEqual((3, 1), (code, error.count("\n")), error)
+            for part in (f"{root} has no registry.reg", f"keldwickctl --root {root} init"):
+                self.assertIn(part, error)
+            self.assertEqual(2, self.run_program("keldwick", "-BOGUS")[0])
+        self.assertFalse(os.path.exists(self.home) and os.listdir(self.home))
+
     def test_without_a_settings_key_the_agent_ends_with_3(self):
-        os.makedirs(f"{self.root}/eventlog")
-        self.assertEqual(3, self.run_program("keldwick", "-X")[0])
+        self.ctl("init")
+        with open(f"{self.root}/registry.reg", "w", encoding="utf-8") as file:
+            file.write("Windows Registry Editor Version 5.00\r\n")
+        code, _, error = self.run_program("keldwick", "-X")
+        self.assertEqual(3, code)
+        self.assertIn(f"{self.root} has no settings key in its registry.reg", error)
+
+    def test_all_programs_take_the_same_root(self):
+        programs = f"{self.root}/programs"
+        os.mkdir(programs)
+        for name in ("keldwick", "keldwickctl"):
+            os.link(os.path.realpath(f"{BIN}/{name}"), f"{programs}/{name}") if os.stat(BIN).st_dev == os.stat(self.root).st_dev else \
+                shutil.copy(f"{BIN}/{name}", programs)
+        environment = {each: value for each, value in os.environ.items() if each != "KELDWICK_ROOT"}
+
+        def run(folder, name, *arguments):
+            os.makedirs(folder, exist_ok=True)
+            return subprocess.run([f"{programs}/{name}", *arguments], cwd=folder, env=environment, capture_output=True, text=True,
+                                  timeout=60)
+        here, elsewhere = f"{self.root}/here", f"{self.root}/elsewhere"
+        self.assertIn(f"{here} is ready", run(here, "keldwickctl", "init", "--server", "here").stdout)
+        self.assertIn(f"the machine root {elsewhere} has", run(elsewhere, "keldwick", "-X").stderr)
+        run(programs, "keldwickctl", "init", "--server", "programs")
+        for folder, server in ((here, "here"), (programs, "programs"), (elsewhere, "programs")):
+            with self.subTest(folder=folder):
+                self.assertEqual(f"{server}\n", run(folder, "keldwickctl", "settings", "get", "IdentServer").stdout)
+                self.assertEqual(0, run(folder, "keldwick", "-X", "-AD_SERVER", server).returncode)
+                self.assertEqual(f"{server}\n", run(folder, "keldwickctl", "settings", "get", "AdServer").stdout)
 
     def test_without_an_identity_server_initialisation_fails_with_1010(self):
         self.ctl("init")

@@ -1,6 +1,8 @@
 // The event-log calls: positions, codes, the circle, clearing, resizing, notification.
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <filesystem>
 
@@ -39,6 +41,52 @@ TEST_F(EVENT_LOG_CALLS, AChangedMaxSizeKeepsTheNewestRecordsAndTheReadersPlace) 
         EXPECT_LE(std::filesystem::file_size(Path()), size);
         EXPECT_GT(std::filesystem::file_size(Path()), size / 2);
     }
+}
+
+// Another process that has the log open until it is killed, as an agent may be.
+class OTHER_FOLLOWER {
+public:
+    OTHER_FOLLOWER() {
+        int ready[2];
+        if (pipe(ready) != 0) std::abort();
+        child = fork();
+        if (child == 0) {
+            const char opened = OpenEventLogW(nullptr, u"sECURITY") != nullptr ? 1 : 0;
+            if (write(ready[1], &opened, 1) == 1) pause();
+            _exit(1);
+        }
+        char opened = 0;
+        EXPECT_TRUE(read(ready[0], &opened, 1) == 1 && opened == 1);
+        for (const int unused : ready) close(unused);
+    }
+    ~OTHER_FOLLOWER() {
+        kill(child, SIGKILL);
+        waitpid(child, nullptr, 0);
+    }
+    pid_t child = -1;
+};
+
+TEST_F(EVENT_LOG_CALLS, OneProcessAtATimeOpensALog) {
+    MakeLog();
+    {
+        const OTHER_FOLLOWER other;
+        testing::internal::CaptureStderr();
+        for (int times = 0; times < 2; ++times)
+            EXPECT_EQ(DWORD{ERROR_SHARING_VIOLATION}, ErrorOf(OpenLog() != nullptr));
+        ASSERT_TRUE(ClearLogFile(Path(), SmallestLog));
+        EXPECT_EQ(DWORD{ERROR_SHARING_VIOLATION}, ErrorOf(OpenLog() != nullptr)) << "a cleared log is the same";
+        EXPECT_EQ(1u,
+                  Times(testing::internal::GetCapturedStderr(), "process " + std::to_string(other.child) + " follows"));
+        EXPECT_TRUE(Append(1, 1)) << "it is free to be written";
+    }
+    {
+        const LOG log = OpenLog(), again = OpenLog();
+        EXPECT_TRUE(log && again) << "the other has ended, and one process may open it twice";
+    }
+    std::filesystem::remove(Path() + ".lock");
+    std::filesystem::create_symlink(root.Path("elsewhere"), Path() + ".lock");
+    EXPECT_EQ(DWORD{ERROR_CANT_ACCESS_FILE}, ErrorOf(OpenLog() != nullptr));
+    EXPECT_FALSE(std::filesystem::exists(root.Path("elsewhere")));
 }
 
 TEST_F(EVENT_LOG_CALLS, ALogWhoseNameCannotBeLookedAtIsReadOn) {

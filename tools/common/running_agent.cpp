@@ -53,8 +53,9 @@ std::optional<std::string> EnvironmentOf(const fs::path& process, std::string_vi
 // The root that the agent of that process works in.
 std::string RootOf(const fs::path& process, const std::string& program) {
     const std::string named = EnvironmentOf(process, "KELDWICK_ROOT").value_or("");
-    if (named.empty()) return fs::path(program).parent_path().string();
-    return (fs::path(LinkTarget(process / "cwd")) / named).string();
+    const std::string current = LinkTarget(process / "cwd");
+    if (named.empty()) return win32::DefaultRoot(current, fs::path(program).parent_path().string());
+    return (fs::path(current) / named).string();
 }
 
 int64_t BootTime() {

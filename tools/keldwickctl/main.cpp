@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <iostream>
 #include <string>
 #include <vector>
@@ -22,16 +21,6 @@ std::string VersionText() {
     using keldwick::VERSION_NUMBERS;
     return "keldwickctl " + std::to_string(VERSION_NUMBERS::Major) + "." + std::to_string(VERSION_NUMBERS::Minor) +
            "." + std::to_string(VERSION_NUMBERS::Revision) + " build " + std::to_string(VERSION_NUMBERS::Build);
-}
-
-// --root wins over KELDWICK_ROOT; without either the current folder is the machine root.
-void ChooseRoot(const std::string& root) {
-    const char* const named = std::getenv("KELDWICK_ROOT");
-    if (!root.empty()) {
-        setenv("KELDWICK_ROOT", root.c_str(), 1);
-    } else if (named == nullptr || *named == '\0') {
-        setenv("KELDWICK_ROOT", std::filesystem::current_path().c_str(), 1);
-    }
 }
 
 // The parser asks for a command before it says that it does not know the one that was given.
@@ -62,13 +51,17 @@ int Finish() {
 int Run(int argc, char** argv) {
     CLI::App app("Makes, feeds, shows and sets up a Keldwick machine root.", "keldwickctl");
     std::string root;
-    app.add_option("--root", root, "the machine root (else KELDWICK_ROOT, else the current folder)")
+    app.add_option("--root", root,
+                   "the machine root (else KELDWICK_ROOT, else the current folder, or the program's own when only that "
+                   "holds registry.reg)")
         ->type_name("DIR")
         ->check([](const std::string& text) { return text.empty() ? "must name a folder" : ""; });
     app.set_version_flag("--version", VersionText());
     app.require_subcommand(1);
     app.fallthrough();
-    app.parse_complete_callback([&] { ChooseRoot(root); });
+    app.parse_complete_callback([&] {
+        if (!root.empty()) setenv("KELDWICK_ROOT", root.c_str(), 1);
+    });
     try {
         AddInitCommand(app);
         AddSettingsCommands(app);

@@ -208,6 +208,8 @@ void AddAgent(FIGURES& out, const STATUS& status) {
             agent && agent->connection ? 1 : 0);
     out.Add("polls", "gauge", "Whether the agent looks for changed files once a second, for want of inotify.",
             agent ? FIGURE(agent->polls) : FIGURE());
+    out.Add("log_written", "gauge", "Whether the agent writes its log, Keldwick.log.",
+            agent ? FIGURE(agent->log == AGENT_LOG::OPEN) : FIGURE());
     if (const auto& figures = status.figures) {
         out.Add("identities", "gauge", "Identities it keeps alive.", figures->identities);
         out.Add("service_tickets", "gauge", "Service tickets it remembers.", figures->tickets);

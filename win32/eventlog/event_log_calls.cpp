@@ -10,8 +10,10 @@
 
 #include "win32/eventlog/evt_reader.h"
 #include "win32/eventlog/evt_writer.h"
+#include "win32/eventlog/log_claim.h"
 #include "win32/eventlog/log_names.h"
 #include "win32/files/file_watch.h"
+#include "win32/files/machine_root.h"
 #include "win32/files/root_files.h"
 #include "win32/security/accounts.h"
 #include "win32/sync/kernel_object.h"
@@ -89,7 +91,10 @@ struct OPEN_LOG final : KERNEL_OBJECT {
     std::mutex& lock = shared->lock;  // guards the rest
     EVT_READER& reader = shared->reader;
     std::unique_ptr<LOG_NOTIFICATION> notification;
+    std::shared_ptr<LOG_CLAIM> claim;  // null: the log is not the machine root's
 };
+
+bool IsOfMachineRoot(const std::string& path) { return path.starts_with(MachinePath(EventLogFolder) + "/"); }
 
 BOOL Result(DWORD error) { return error == ERROR_SUCCESS ? TRUE : FailWith(error); }
 
@@ -119,7 +124,10 @@ HANDLE WINAPI OpenEventLogW(LPCWSTR server, LPCWSTR name) {
     if (path.empty()) return nullptr;
     const auto log = std::make_shared<win32::OPEN_LOG>();
     log->name = name;
-    if (log->reader.Open(path)) return win32::NewHandle(log);
+    if (log->reader.Open(path)) {
+        if (win32::IsOfMachineRoot(path) && !(log->claim = win32::LOG_CLAIM::Take(path))) return nullptr;
+        return win32::NewHandle(log);
+    }
     // The Security log needs a privilege, and says so.
     if (GetLastError() == ERROR_ACCESS_DENIED && win32::SameName(name, u"Security"))
         SetLastError(ERROR_PRIVILEGE_NOT_HELD);

@@ -19,22 +19,38 @@ bool IsSeparator(char unit) { return unit == '\\' || unit == '/'; }
 
 bool IsLetter(char unit) { return (unit >= 'A' && unit <= 'Z') || (unit >= 'a' && unit <= 'z'); }
 
+std::string Tidied(const fs::path& path) {
+    std::string folder = path.lexically_normal().string();
+    while (!folder.empty() && folder.back() == '/') folder.pop_back();
+    return folder;
+}
+
 }  // namespace
+
+std::string DefaultRoot(const std::string& current, const std::string& programs) {
+    const auto isRoot = [](const std::string& folder) {
+        std::error_code error;
+        return !folder.empty() && fs::exists(fs::path(folder) / RegistryFile, error);
+    };
+    return current.empty() || (!isRoot(current) && isRoot(programs)) ? programs : current;
+}
 
 std::string MachineRoot() {
     const char* named = std::getenv("KELDWICK_ROOT");
+    if (named == nullptr || *named == '\0') {
+        static const std::string chosen = [] {
+            std::error_code error;
+            const std::string current = fs::current_path(error).string();
+            return Tidied(DefaultRoot(current, fs::read_symlink("/proc/self/exe", error).parent_path().string()));
+        }();
+        return chosen;
+    }
     // Asked for several times in every report: an absolute name is made tidy once.
     static thread_local std::string lastName, lastFolder;
-    if (named != nullptr && *named == '/' && lastName == named) return lastFolder;
+    if (*named == '/' && lastName == named) return lastFolder;
     std::error_code error;
-    fs::path root;
-    if (named != nullptr && *named != '\0')
-        root = fs::absolute(named, error);
-    else
-        root = fs::read_symlink("/proc/self/exe", error).parent_path();
-    std::string folder = root.lexically_normal().string();
-    while (!folder.empty() && folder.back() == '/') folder.pop_back();
-    if (named != nullptr && *named == '/') {
+    std::string folder = Tidied(fs::absolute(named, error));
+    if (*named == '/') {
         lastFolder = folder;
         lastName = named;  // last: without memory for the folder it is asked for again
     }

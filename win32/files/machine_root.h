@@ -9,9 +9,13 @@
 
 namespace win32 {
 
-// KELDWICK_ROOT, or the folder of the running program when that is not set; absolute, without a trailing slash.
-// Read from the environment at every call, so that tests can move it.
+// KELDWICK_ROOT; when that is not set, DefaultRoot of the current folder and the program's at the first call. Absolute,
+// without a trailing slash. The environment is read at every call, so that tests can move it.
 std::string MachineRoot();
+
+// The root of a program that runs in `current` and whose file lies in `programs`: the current folder, unless that is no
+// machine root, because it holds no registry.reg, and the program's own is one.
+std::string DefaultRoot(const std::string& current, const std::string& programs);
 
 // A path below the machine root: MachineRoot() + "/" + name.
 std::string MachinePath(std::string_view name);
