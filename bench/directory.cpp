@@ -23,8 +23,8 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstdio>
 #include <condition_variable>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <deque>
@@ -235,10 +235,11 @@ void CompareWithBareLoop(const std::string& user, const std::string& uri, std::c
         loops.push_back(MillisecondsSince(loop));
     }
     const double report = Median(reports), loop = Median(loops);
-    std::printf("%-12s +%.1f ms: report %8.2f ms (%zu searches, %u bytes sent), one by one %8.2f ms (%zu), ratio %.2f "
-                "(medians of %zu)\n",
-                user.c_str(), static_cast<double>(delay.count()) / 1000, report, recorded.size(), reporter.Length(),
-                loop, bare.Count(), report / loop, reports.size());
+    std::printf(
+        "%-12s +%.1f ms: report %8.2f ms (%zu searches, %u bytes sent), one by one %8.2f ms (%zu), ratio %.2f "
+        "(medians of %zu)\n",
+        user.c_str(), static_cast<double>(delay.count()) / 1000, report, recorded.size(), reporter.Length(), loop,
+        bare.Count(), report / loop, reports.size());
     std::fflush(stdout);
 }
 
@@ -273,7 +274,8 @@ void Carry(int from, int to, std::chrono::microseconds delay) {
         do {
             count = recv(from, bytes, sizeof bytes, 0);
             const std::lock_guard guard(lock);
-            parts.push_back({CLOCK::now() + delay, std::string(bytes, static_cast<size_t>(std::max<ssize_t>(count, 0)))});
+            parts.push_back(
+                {CLOCK::now() + delay, std::string(bytes, static_cast<size_t>(std::max<ssize_t>(count, 0)))});
             more.notify_one();
         } while (count > 0);
     });

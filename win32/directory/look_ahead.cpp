@@ -15,6 +15,7 @@ constexpr size_t MaxKeptBytes = size_t{16} << 20;  // by one report; a server ma
 constexpr size_t MaxDnBytes = 4096;                // longer ones are not asked for either
 constexpr size_t BytesOfReading = 256;             // beside its texts, about
 constexpr size_t MaxSent = 63;                     // one less than a connection takes: the next question may be another
+constexpr size_t MaxSentBytes = 16384;             // of their DNs: a server that sends much reads little meanwhile
 
 // A report's questions come from one thread.
 struct THREAD_REPORT {
@@ -121,6 +122,7 @@ void LOOK_AHEAD::Stop() {
     if (readsOn != nullptr) std::exchange(readsOn, nullptr)->ldap.SendAnswersTo(nullptr);
     for (const auto& [number, reading] : sent) reading->second.state = READING::STATE::OVER;
     sent.clear();
+    sentBytes = 0;
 }
 
 bool LOOK_AHEAD::GiveBack(CONNECTION& used) {
@@ -151,11 +153,12 @@ bool LOOK_AHEAD::Send(READINGS::value_type& reading) {
     reading.second.state = READING::STATE::SENT;
     reading.second.number = *number;
     sent[*number] = &reading;
+    sentBytes += reading.first.size();
     return true;
 }
 
 void LOOK_AHEAD::SendWaiting() {
-    while (!waiting.empty() && sent.size() < MaxSent && bytes < MaxKeptBytes) {
+    while (!waiting.empty() && sent.size() < MaxSent && sentBytes < MaxSentBytes && bytes < MaxKeptBytes) {
         if (waiting.front()->second.state == READING::STATE::WAITING && !Send(*waiting.front())) break;
         waiting.pop_front();
     }
@@ -163,7 +166,9 @@ void LOOK_AHEAD::SendWaiting() {
 
 void LOOK_AHEAD::Arrived(int number, DIRECTORY_ENTRY* entry) {
     const auto answered = sent.find(number);
+    if (answered == sent.end()) return;  // asked for by a report before this one
     READING& reading = answered->second->second;
+    sentBytes -= answered->second->first.size();
     sent.erase(answered);
     reading.state = READING::STATE::OVER;
     const size_t size = entry != nullptr ? entry->Bytes() : 0;

@@ -83,7 +83,8 @@ private:
     READINGS readings;      // by DN, each once
     std::deque<READINGS::value_type*> waiting;
     std::unordered_map<int, READINGS::value_type*> sent;
-    size_t bytes = 0;  // of what is kept
+    size_t sentBytes = 0;  // of the DNs of what is sent
+    size_t bytes = 0;      // of what is kept
 };
 
 }  // namespace win32
