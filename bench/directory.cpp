@@ -1,8 +1,8 @@
 // What the directory costs a report: a logon with user, computer and the user's groups looked up in a real domain,
 // beside the very same LDAP searches made back to back by a bare loop on one open connection; and reports while the
-// directory is dead.
+// directory is dead, unless the number of rounds is given.
 //
-//     KELDWICK_ROOT=FOLDER bench_directory [USER COMPUTER]      CORP\nested and CORP\WS01 when they are not given
+//     KELDWICK_ROOT=FOLDER bench_directory [USER COMPUTER [ROUNDS]]   CORP\nested and CORP\WS01 when they are not given
 //
 // The folder's settings name the directory's socket (Linux\DirectoryUri, ldapi://...); tests/system/samba-dc starts,
 // populates and nests one. Reports go out as in the agent: over plain TCP on loopback to a server that only answers,
@@ -46,7 +46,7 @@ namespace {
 using CLOCK = std::chrono::steady_clock;
 
 constexpr const char* ServerAddress = "127.48.0.1";
-constexpr int Rounds = 300;
+constexpr int DefaultRounds = 300;
 constexpr std::chrono::seconds RateTime{2}, DeadTime{25};  // the latter sees two pauses of 10 s end
 
 double MillisecondsSince(CLOCK::time_point begin) {
@@ -177,7 +177,7 @@ RATE ReportsWithin(REPORTER& reporter, std::chrono::seconds time) {
     return rate;
 }
 
-void CompareWithBareLoop(REPORTER& reporter, const std::string& uri) {
+void CompareWithBareLoop(REPORTER& reporter, const std::string& uri, int rounds) {
     std::vector<SEARCH> searches;
     reporter.Report();  // connects
     recording = &searches;
@@ -186,7 +186,7 @@ void CompareWithBareLoop(REPORTER& reporter, const std::string& uri) {
     if (searches.size() < 3) Fail("the directory does not answer: see keldwickctl directory check");
     BARE_LOOP bare(uri, searches);
     std::vector<double> reports, loops;
-    for (int round = 0; round < Rounds; ++round) {
+    for (int round = 0; round < rounds; ++round) {
         reports.push_back(reporter.Report());
         const auto begin = CLOCK::now();
         bare.Run();
@@ -194,7 +194,7 @@ void CompareWithBareLoop(REPORTER& reporter, const std::string& uri) {
     }
     const double report = Median(reports), loop = Median(loops);
     std::printf("a report, %zu searches, %u bytes sent:   %7.2f ms (median of %d)\n", searches.size(),
-                reporter.Length(), report, Rounds);
+                reporter.Length(), report, rounds);
     std::printf("the searches alone, bare loop:          %7.2f ms\n", loop);
     std::printf("ratio:                                  %7.2f\n", report / loop);
 }
@@ -274,8 +274,8 @@ int main(int argc, char** argv) {
         keldwick::CurrentSession = &session;
         if (!session.PersistentConnect()) Fail("no connection to its own server");
         REPORTER reporter(argc > 2 ? argv[1] : "CORP\\nested", argc > 2 ? argv[2] : "CORP\\WS01");
-        CompareWithBareLoop(reporter, uri);
-        ReportWithDeadDirectory(reporter);
+        CompareWithBareLoop(reporter, uri, argc > 3 ? std::max(1, std::atoi(argv[3])) : DefaultRounds);
+        if (argc <= 3) ReportWithDeadDirectory(reporter);
         session.Disconnect();
     }
     server.join();
