@@ -1,8 +1,8 @@
 // Logons a second, end to end: the real agent (log on, default mode) follows a Security log into which logons are
 // imported and reports each to a bare server, beside a bare client that plays the same bytes against the same server on
-// the same two cores.
+// the same cores: the server on the first and its client on the second, or both on the first.
 //
-//     bench_end_to_end [--logons N] [--tls]
+//     bench_end_to_end [--logons N] [--tls] [--one-core]
 //
 // Prints both rates and their ratio. The server answers 14 bytes to each request and does nothing else.
 #include <openssl/ec.h>
@@ -13,11 +13,13 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <sched.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <csignal>
@@ -133,6 +135,14 @@ sockaddr_in Address(bool secure) {
     return address;
 }
 
+// This process and what it starts from now on. A machine with one core has no second.
+void StayOnCore(unsigned core) {
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    CPU_SET(std::min(core, std::thread::hardware_concurrency() - 1), &set);
+    if (sched_setaffinity(0, sizeof set, &set) != 0) Fail("choosing a core");
+}
+
 pid_t StartServer(bool secure, TALLY& tally) {
     const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const int on = 1;
@@ -143,6 +153,7 @@ pid_t StartServer(bool secure, TALLY& tally) {
     const pid_t child = fork();
     if (child == 0) {
         signal(SIGPIPE, SIG_IGN);
+        StayOnCore(0);
         SSL_CTX* context = secure ? ServerContext() : nullptr;
         while (true) {
             LINK link(accept(listener, nullptr, nullptr), context, true);
@@ -223,17 +234,21 @@ double RunAgent(const std::string& bin, bool secure, long count, TALLY& tally) {
 int main(int argc, char** argv) {
     long count = 20000;
     bool secure = false;
+    unsigned clientCore = 1;
     for (int i = 1; i < argc; ++i) {
         if (std::string(argv[i]) == "--tls")
             secure = true;
+        else if (std::string(argv[i]) == "--one-core")
+            clientCore = 0;
         else if (std::string(argv[i]) == "--logons" && i + 1 < argc)
             count = std::atol(argv[++i]);
         else {
-            std::fprintf(stderr, "usage: bench_end_to_end [--logons N] [--tls]\n");
+            std::fprintf(stderr, "usage: bench_end_to_end [--logons N] [--tls] [--one-core]\n");
             return 2;
         }
     }
     signal(SIGPIPE, SIG_IGN);
+    StayOnCore(clientCore);
     const std::string bin = fs::read_symlink("/proc/self/exe").parent_path();
     void* shared = mmap(nullptr, 2 * sizeof(TALLY), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     TALLY* tallies = new (shared) TALLY[2];

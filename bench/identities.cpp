@@ -1,5 +1,6 @@
-// What the size of the logon table costs: a repeated logon and a logon at a new address with 100 and with 1,000,000
-// identities, a sweep over the latter, the memory of one identity, and the list that is written for others to look at.
+// What the size of the logon table costs: a repeated logon and a logon at a new address with 100 to 1,000,000 identities,
+// each beside those with 100, a sweep over the most, the memory of one identity, and the list that is written for others
+// to look at.
 //
 //     bench_identities
 //
@@ -39,7 +40,8 @@ using namespace keldwick;
 namespace {
 
 constexpr const char* ServerAddress = "127.45.0.1";
-constexpr DWORD Many = 1000000, Few = 100;
+constexpr DWORD Sizes[] = {100, 1000, 10000, 100000, 1000000};
+constexpr DWORD Few = Sizes[0];
 
 double Seconds(std::chrono::steady_clock::time_point since) {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - since).count();
@@ -173,23 +175,26 @@ int main() {
         const COMMAND_LINE options;
         EVENT_LOG log(options, {});
 
-        Fill(log, 0, Few);
-        const double repeatedFew = Measure(log, Repeated(Few));
-        const double listFew = WriteList(log);
-        const double newFew = Measure(log, New(11));
-        const struct mallinfo2 before = mallinfo2();
-        const DWORD had = log.Identities().Logons().Count();
-        Fill(log, Few, Many);
-        const struct mallinfo2 after = mallinfo2();
-        const double perIdentity =
-            static_cast<double>(after.uordblks + after.hblkhd - before.uordblks - before.hblkhd) /
-            static_cast<double>(log.Identities().Logons().Count() - had);
-        const double repeatedMany = Measure(log, Repeated(Many));
-        const double newMany = Measure(log, New(12));
-        std::printf("repeated logon:      %6.2f us with %u identities, %6.2f us with %u, ratio %.2f\n", repeatedFew,
-                    Few, repeatedMany, Many, repeatedMany / repeatedFew);
-        std::printf("logon, new address:  %6.2f us with %u identities, %6.2f us with %u, ratio %.2f\n", newFew, Few,
-                    newMany, Many, newMany / newFew);
+        double repeatedFew = 0, newFew = 0, listFew = 0, perIdentity = 0;
+        BYTE net = 11;
+        for (DWORD size : Sizes) {
+            const DWORD from = size == Few ? 0 : size / 10;
+            const struct mallinfo2 before = mallinfo2();
+            const DWORD had = log.Identities().Logons().Count();
+            Fill(log, from, size);
+            const struct mallinfo2 after = mallinfo2();
+            perIdentity = static_cast<double>(after.uordblks + after.hblkhd - before.uordblks - before.hblkhd) /
+                          static_cast<double>(log.Identities().Logons().Count() - had);
+            const double repeated = Measure(log, Repeated(size));
+            if (size == Few) {
+                repeatedFew = repeated;
+                listFew = WriteList(log);
+            }
+            const double atNew = Measure(log, New(net++));
+            if (size == Few) newFew = atNew;
+            std::printf("%7u identities: repeated logon %6.2f us, ratio %.2f; logon at a new address %6.2f us, ratio %.2f\n",
+                        size, repeated, repeated / repeatedFew, atNew, atNew / newFew);
+        }
         const auto start = std::chrono::steady_clock::now();
         log.Identities().Sweep();
         std::printf("sweep over %u:  %.0f ms\n", log.Identities().Logons().Count(), Seconds(start) * 1000);

@@ -1,17 +1,24 @@
-// Records that no handler wants (Kerberos service tickets, 4769), beside a bare walk over the same records in memory.
+// Records that no handler wants (Kerberos service tickets, 4769), in memory beside a bare walk over them, and from the
+// log's file to "not wanted" beside a read of its bytes by pread and a walk.
 //
 //     bench_unwanted_records
 #include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <new>
+#include <string>
 
 #include "eventlog/event_log.h"
 #include "identity/handlers.h"
 #include "service/command_line.h"
+#include "win32/eventlog/evt_format.h"
 #include "win32/eventlog/evt_record.h"
+#include "win32/eventlog/evt_writer.h"
 
 namespace {
 
@@ -87,8 +94,87 @@ void Dispatch(benchmark::State& state) {
     state.counters["allocations"] = static_cast<double>(allocations - before);
 }
 
+constexpr size_t LogBuffers = 512;  // 32 MiB
+
+// A Security log full of them in a machine root of its own; removed at the end.
+class LOG {
+public:
+    LOG() {
+        setenv("KELDWICK_ROOT", root.c_str(), 1);
+        std::filesystem::create_directories(root + "/eventlog");
+        win32::EVT_WRITER writer;
+        const std::vector<DWORD> buffer = Records();
+        bool written = writer.Open(path, win32::DefaultMaxSize);
+        for (size_t i = 0; i < LogBuffers; ++i)
+            Walk(buffer, [&](const EVENTLOGRECORD& record) { written = written && writer.Append(record); });
+        if (!written || !writer.Flush()) std::abort();
+    }
+    ~LOG() { std::filesystem::remove_all(root); }
+    LOG(const LOG&) = delete;
+    LOG& operator=(const LOG&) = delete;
+
+    const std::string root = std::filesystem::temp_directory_path() / ("keldwick-bench-" + std::to_string(getpid()));
+    const std::string path = root + "/eventlog/Security.evt";
+};
+
+void PreadWalk(benchmark::State& state) {
+    const LOG log;
+    const int file = open(log.path.c_str(), O_RDONLY | O_CLOEXEC);
+    std::vector<BYTE> buffer(BufferBytes);
+    int64_t records = 0;
+    DWORD sum = 0;
+    for (auto _ : state) {
+        off_t at = win32::EvtHeaderBytes;
+        for (ssize_t have; (have = pread(file, buffer.data(), buffer.size(), at)) > 0;) {
+            const BYTE* next = buffer.data();
+            const BYTE* const end = next + have;
+            while (static_cast<size_t>(end - next) >= sizeof(EVENTLOGRECORD)) {
+                EVENTLOGRECORD record;
+                std::memcpy(&record, next, sizeof record);
+                if (record.Length < sizeof record || record.Length > static_cast<size_t>(end - next)) break;
+                sum += record.EventID;
+                ++records;
+                next += record.Length;
+            }
+            if (next == buffer.data()) break;  // the record that ends the file
+            at += next - buffer.data();
+        }
+        benchmark::DoNotOptimize(sum);
+    }
+    close(file);
+    state.SetItemsProcessed(records);
+}
+
+void FromFile(benchmark::State& state) {
+    using namespace keldwick;
+    const LOG file;
+    const COMMAND_LINE options;
+    RECORD_COUNTERS counters;
+    std::vector<DWORD> buffer(BufferBytes / sizeof(DWORD));
+    int64_t records = 0;
+    for (auto _ : state) {
+        EVENT_LOG log(options, EventHandlers);
+        const HANDLE handle = OpenEventLogW(nullptr, TEXT("Security"));
+        DWORD have = 0, needed = 0;
+        while (ReadEventLogW(handle, EVENTLOG_SEQUENTIAL_READ | EVENTLOG_FORWARDS_READ, 0, buffer.data(),
+                             static_cast<DWORD>(BufferBytes), &have, &needed)) {
+            const BYTE* const bytes = reinterpret_cast<const BYTE*>(buffer.data());
+            for (DWORD at = 0; at < have; ++records) {
+                const auto& record = *reinterpret_cast<const EVENTLOGRECORD*>(bytes + at);
+                log.DispatchRecord(record, counters);
+                at += record.Length;
+            }
+        }
+        CloseEventLog(handle);
+        benchmark::DoNotOptimize(counters);
+    }
+    state.SetItemsProcessed(records);
+}
+
 BENCHMARK(BareWalk);
 BENCHMARK(Dispatch);
+BENCHMARK(PreadWalk);
+BENCHMARK(FromFile);
 
 }  // namespace
 
