@@ -9,14 +9,15 @@ _keldwickctl_words() {
         identities) echo '--json' ;;
         settings) echo 'list get set delete' ;;
         events) echo 'write import list clear' ;;
-        feed) echo 'samba-audit xml json' ;;
-        'feed '*) echo '--log --name --once' ;;
+        feed) echo 'samba-audit xml json forget' ;;
+        'feed forget') ;;
+        'feed '*) echo '--log --name --once --dry-run' ;;
         directory) echo 'lookup check' ;;
         'settings set') echo "--type $(_keldwickctl_settings)" ;;
         'settings get' | 'settings delete') _keldwickctl_settings ;;
         'settings set IdentProtocol') echo 'auto tcps tcp' ;;
         'events write') echo '--id --log --type --source --computer --time --data --' ;;
-        'events import') echo '--log' ;;
+        'events import') echo '--log --since --dry-run --wait' ;;
         'events list') echo '--log --last --json' ;;
         'events clear') echo '--log' ;;
         'directory lookup') echo '--json' ;;
@@ -38,11 +39,11 @@ _keldwickctl() {
             [[ " ${COMP_WORDS[*]} " == *' write '* ]] && types='error warning information audit-success audit-failure'
             mapfile -t COMPREPLY < <(compgen -W "$types" -- "$current") && return
             ;;
-        --server | --id | --source | --computer | --time | --data | --last | --name) return ;;
+        --server | --id | --source | --computer | --time | --data | --last | --name | --since) return ;;
     esac
     for ((i = 1; i < COMP_CWORD; ++i)); do
         case ${COMP_WORDS[i]} in
-            --root | --log | --protocol | --type | --server | --last | --name | --prometheus) ((++i)) ;;
+            --root | --log | --protocol | --type | --server | --last | --name | --since | --prometheus) ((++i)) ;;
             -*) ;;
             *) said+=("${COMP_WORDS[i]}") ;;
         esac
