@@ -2,6 +2,7 @@
 // SOURCE is xml (Windows event XML), json (log shippers) or samba (the audit lines of a domain controller).
 #include "tests/support/agent.h"
 #include "tools/common/event_xml.h"
+#include "tools/common/verdicts.h"
 #include "tools/feed/samba_audit.h"
 #include "tools/feed/shipper_json.h"
 
@@ -70,6 +71,19 @@ std::vector<std::string> Names() {
     return names;
 }
 
+// Of each logon that would be reported, how its report begins and what stands in it.
+std::vector<std::pair<std::string, std::string>> Foretold(const EVENTS& events) {
+    tools::VERDICTS verdicts;
+    std::vector<std::pair<std::string, std::string>> logons;
+    for (const win32::NEW_EVENT& event : events) {
+        win32::BYTES record;
+        EXPECT_TRUE(win32::BuildRecord(event, record));
+        const tools::VERDICT verdict = verdicts.Of(*reinterpret_cast<const EVENTLOGRECORD*>(record.data()));
+        if (verdict.reported) logons.emplace_back("logon " + verdict.user + " ", " at " + verdict.at);
+    }
+    return logons;
+}
+
 class RECORDED : public AGENT, public testing::WithParamInterface<std::string> {};
 
 TEST_P(RECORDED, EventsGiveTheirReports) {
@@ -89,6 +103,13 @@ TEST_P(RECORDED, EventsGiveTheirReports) {
     Run("IdentServer=" + Server() + " IdentProtocol=dword:2", "08:02:00");
     for (std::string& report : reports) report.erase(0, 9);  // the time
     EXPECT_EQ(LinesOf(Content(Folder / (GetParam() + ".reports"))), reports);
+    std::erase_if(reports, [](const std::string& report) { return !report.starts_with("logon "); });
+    const auto foretold = Foretold(events);
+    ASSERT_EQ(reports.size(), foretold.size()) << "what a dry run says";
+    for (size_t i = 0; i < reports.size(); ++i)
+        EXPECT_TRUE(reports[i].starts_with(foretold[i].first) &&
+                    reports[i].find(foretold[i].second) != std::string::npos)
+            << reports[i] << " is not what a dry run says: " << foretold[i].first << foretold[i].second;
 }
 
 INSTANTIATE_TEST_SUITE_P(, RECORDED, testing::ValuesIn(Names()), [](const auto& name) { return name.param; });

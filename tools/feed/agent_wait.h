@@ -30,6 +30,7 @@ public:
     // looked at again. A long wait is reported. Throws COMMAND_ERROR when the log cannot be read.
     bool Holds(LOG& log, bool held);
 
+    void Expect() { awaited = true; }    // an agent, whether or not one was seen
     void GiveUp() { trouble.Forget(); }  // on a wait that goes on
 
     // What is to be waited for before more is written, in words. Null: nothing; so for an agent that may not be looked

@@ -40,6 +40,20 @@ void FEED::Run(INPUT& input) {
     std::printf("%llu records written to the %s log, %llu skipped, %llu unreadable.\n", counts.records,
                 options.log.c_str(), counts.skipped, counts.unreadable);
     input.Check();
+    if (options.once) CheckReadable();
+}
+
+// For one who tries a source: what is wrong with it.
+void FEED::CheckReadable() {
+    const COUNTS& counts = intake.Counts();
+    if (counts.unreadable == 0) return;
+    const std::string what =
+        "could be read; the first: " + intake.FirstFault() + ". They are kept in " + files.Path("aside");
+    if (counts.records + counts.skipped == 0) {
+        std::fflush(stdout);
+        throw COMMAND_ERROR("nothing " + what);
+    }
+    console.Say("not all " + what);
 }
 
 FEED::NEXT FEED::Step(INPUT& input, bool ready) {

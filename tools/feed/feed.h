@@ -32,6 +32,7 @@ namespace tools::feed {
 struct OPTIONS {
     std::string source, file, log = "Security", name;  // file: absolute, empty for standard input
     bool once = false;                                 // ends when it has read what is there
+    bool dryRun = false;                               // not the feed's business: nothing is fed
     int progressSeconds = 30;  // of a backlog without a pause, between two lines that say how far it is
 };
 
@@ -64,6 +65,7 @@ private:
     bool Flush();
     bool HoldFor(HOLD why, CLOCK::duration pause);
     void Leave();
+    void CheckReadable();
     void Mark(const INPUT& input);
     bool IsMarkDue() const { return marks.Due() <= CLOCK::now(); }
     bool IsLast() const { return options.once || stopped; }  // no later attempt will come

@@ -33,7 +33,6 @@ private:
 
 void INTAKE::TakeLine(std::string_view line) {
     ++lines;
-    std::string reason;
     switch (reader->Read(line, event, reason)) {
         case LINE_READER::RECORD:
             Put(line);
@@ -64,14 +63,13 @@ void INTAKE::Unreadable(const std::string& what) {
 }
 
 void INTAKE::Put(std::string_view line) {
-    std::string reason;
     if (!log.Take(event, reason)) return SetAside(reason, line);
     ++counts.records;
 }
 
-void INTAKE::SetAside(const std::string& reason, std::string_view line) {
-    ++counts.unreadable;
-    aside.Keep(reason, line);
+void INTAKE::SetAside(const std::string& why, std::string_view line) {
+    if (counts.unreadable++ == 0) firstFault = why;
+    aside.Keep(why, line);
 }
 
 FOLLOWED_INPUT::FOLLOWED_INPUT(const OPTIONS& given, LINE_READER& reader, const MARKS& marks, INTAKE& into,

@@ -38,15 +38,17 @@ public:
     unsigned long long Lines() const { return lines; }  // or events
     const COUNTS& Counts() const { return counts; }     // of this run
     void SetCounts(const COUNTS& back) { counts = back; }
+    const std::string& FirstFault() const { return firstFault; }  // why the first unreadable one is that
 
 private:
     void Put(std::string_view line);
-    void SetAside(const std::string& reason, std::string_view line);
+    void SetAside(const std::string& why, std::string_view line);
 
     LINE_READER* const reader;
     LOG& log;
     ASIDE aside;
     win32::NEW_EVENT event;
+    std::string reason, firstFault;
     COUNTS counts;
     unsigned long long lines = 0;
 };

@@ -17,6 +17,7 @@ MARKS::MARKS(const OPTIONS& given, const STATE_FILE& feedsFiles, LOG& feedsLog, 
     std::string damage;
     files.Load(state, damage);
     if (!damage.empty()) console.Say(damage);
+    if (state.HasReadNothing() && (state.file != options.file || state.log != options.log)) state = {};
     if (!state.file.empty() && state.file != options.file) RefuseName("follows " + state.file);
     if (!state.log.empty() && state.log != options.log) RefuseName("writes to the " + state.log + " log");
     // A stream has no place to go back to: what comes is new, though it look the same. A file that was not there
@@ -29,7 +30,8 @@ MARKS::MARKS(const OPTIONS& given, const STATE_FILE& feedsFiles, LOG& feedsLog, 
 }
 
 void MARKS::RefuseName(const std::string& why) const {
-    throw COMMAND_ERROR("the feed " + options.name + " " + why + "; --name gives this one its own name");
+    throw COMMAND_ERROR("the feed " + options.name + " " + why + "; --name gives this one its own name, feed forget " +
+                        options.name + " ends that one");
 }
 
 // One that fails is tried again at its time, however pressing it is.

@@ -142,6 +142,17 @@ bool IsRunning(const std::string& name) {
     return file && fcntl(file.Get(), F_OFD_GETLK, &other) == 0 && other.l_type != F_UNLCK;
 }
 
+void Forget(const std::string& name) {
+    constexpr const char* Kept[] = {"state", "state.damaged", "aside", "aside.old"};
+    const auto isThere = [&](const char* kind) { return access(FilePath(name, kind).c_str(), F_OK) == 0; };
+    if (!IsFeedName(name) || std::none_of(std::begin(Kept), std::end(Kept), isThere))
+        throw COMMAND_ERROR("there is no feed " + name + " (status names those that there are)");
+    const STATE_FILE held(name);  // as one that follows a file: no other runs beside it
+    for (const char* kind : Kept)
+        if (!win32::RemoveRootFile(FilePath(name, kind)) && errno != ENOENT)
+            FailFile("cannot remove " + FilePath(name, kind));
+}
+
 std::string FilePath(const std::string& name, const char* kind) {
     return win32::MachinePath("feed/" + name + "." + kind);
 }

@@ -37,6 +37,8 @@ struct STATE : COUNTS, POSITION {  // the counts of all runs
     unsigned long long nextRecord = 0;  // the first record after the log's last when the position was right
     unsigned long long behind = 0;
     std::string saved;  // when, ISO; set by Load only
+
+    bool HasReadNothing() const { return records + skipped + unreadable == 0; }
 };
 
 std::string FilePath(const std::string& name, const char* kind);  // of NAME.kind in the folder
@@ -88,6 +90,10 @@ private:
 };
 
 bool IsFeedName(const std::string& name);
+
+// Removes all files of the feed but its locks, which whoever waits for them has open. Throws COMMAND_ERROR: there is no
+// such feed, it runs, or they cannot be removed.
+void Forget(const std::string& name);
 
 // What a feed could not read, kept for a look at it: NAME.aside and, of what came before, NAME.aside.old.
 //

@@ -1,35 +1,65 @@
-#include "tools/keldwickctl/events.h"
-#include "win32/sync/descriptor.h"
-
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <array>
-#include <cerrno>
+#include <chrono>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
+#include <memory>
+#include <optional>
 #include <string_view>
-#include <vector>
 
 #include "tools/common/event_logs.h"
 #include "tools/common/event_xml.h"
 #include "tools/common/failure.h"
+#include "tools/common/running_agent.h"
 #include "tools/common/safe_text.h"
-#include "tools/keldwickctl/commands.h"
+#include "tools/common/values.h"
+#include "tools/feed/agent_wait.h"
+#include "tools/feed/log.h"
+#include "tools/keldwickctl/byte_source.h"
+#include "tools/keldwickctl/dry_run.h"
+#include "tools/keldwickctl/events.h"
+#include "win32/eventlog/log_names.h"
+#include "win32/text/utf.h"
 
 namespace tools {
 namespace {
 
-constexpr size_t ChunkBytes = 64 * 1024;
 constexpr DWORD EventsPerProgress = 5000;
+
+// The agent reports what comes after it has begun to follow the log, which is a circle.
+class AGENT_PACE {
+public:
+    explicit AGENT_PACE(const std::string& name) : log(name), agent(console, std::chrono::hours(24 * 365)) {
+        agent.Expect();
+        FindAgent();  // throws when it may not be looked at
+    }
+
+    // Waits while the agent does not follow the log, or has more than half of it to read.
+    void Wait() {
+        bool ready = false;
+        for (feed::TROUBLE waits(console, "the wait for the agent is over");; waits.Begin(reason)) {
+            const char* const why = agent.ReasonToWait(log);
+            if (why == nullptr) return waits.End();
+            reason = std::string("waiting for the agent, which ") + why;
+            if (signals.Wait(-1, std::chrono::steady_clock::now() + feed::AGENT_WAIT::Pause, ready))
+                throw COMMAND_ERROR("stopped while " + reason);
+        }
+    }
+
+private:
+    const feed::STOP_SIGNALS signals;
+    feed::CONSOLE console{30, false};
+    feed::LOG log;
+    feed::AGENT_WAIT agent;
+    std::string reason;
+};
 
 // Writes what it is given to a log, counts and names what is unreadable, and shows progress on a terminal.
 class LOG_SINK final : public EVENT_SINK {
 public:
-    explicit LOG_SINK(const std::string& log) : name(log) {
+    LOG_SINK(const std::string& log, bool waitsForAgent) : name(log) {
         OpenWriter(writer, log);
+        if (waitsForAgent) pace = std::make_unique<AGENT_PACE>(log);
+        if (pace) Await();
         terminal = isatty(STDERR_FILENO) == 1;
     }
 
@@ -45,6 +75,8 @@ public:
                         GetLastError());
         }
         if (++events % EventsPerProgress == 0) ShowProgress();
+        ahead += taken.Length;
+        if (pace && ahead >= unseen) Await();
     }
 
     void Unreadable(const std::string& what) override {
@@ -54,9 +86,7 @@ public:
     }
 
     void Finish() {
-        if (!writer.Flush())
-            FailCommand("cannot write to the " + name + " log after " + std::to_string(writer.Written()) + " events",
-                        GetLastError());
+        Flush();
         ClearProgress();
         std::printf("%lu event%s imported into the %s log.\n", static_cast<unsigned long>(writer.Written()),
                     writer.Written() == 1 ? "" : "s", name.c_str());
@@ -67,6 +97,18 @@ public:
     }
 
 private:
+    void Flush() {
+        if (!writer.Flush())
+            FailCommand("cannot write to the " + name + " log after " + std::to_string(writer.Written()) + " events",
+                        GetLastError());
+    }
+    void Await() {
+        Flush();
+        ClearProgress();
+        pace->Wait();
+        ahead = 0;
+        unseen = win32::LogMaxSize(win32::ToUtf16(name)) / 8;
+    }
     void ShowProgress() {
         if (!terminal) return;
         std::fprintf(stderr, "\r%llu events ...", events);
@@ -80,65 +122,10 @@ private:
     const std::string name;
     win32::EVT_WRITER writer;
     win32::BYTES record;
+    std::unique_ptr<AGENT_PACE> pace;  // null: nothing waits for the agent
+    size_t ahead = 0, unseen = 0;      // bytes written since it was looked at, and how many may be
     unsigned long long events = 0, unreadable = 0;
     bool terminal = false, shown = false;
-};
-
-// The bytes of the source: a file, or standard input, copied to a file without a name when it must be read out of
-// order.
-class SOURCE {
-public:
-    explicit SOURCE(const std::string& path) : name(path == "-" ? "standard input" : path) {
-        file = win32::DESCRIPTOR(path == "-" ? dup(STDIN_FILENO) : open(path.c_str(), O_RDONLY | O_CLOEXEC));
-        struct stat about;
-        if (!file || fstat(file.Get(), &about) != 0) Fail();
-        if (S_ISDIR(about.st_mode)) throw COMMAND_ERROR("cannot read " + name + ": it is a folder");
-        head.resize(ChunkBytes);
-        head.resize(Fill(head.data(), head.size()));
-    }
-    const std::string& Name() const { return name; }
-    std::string_view Head() const { return {head.data(), head.size()}; }
-
-    // The next bytes in order, the head first; empty at the end.
-    std::string_view Next() {
-        if (!headGiven) {
-            headGiven = true;
-            return Head();
-        }
-        head.resize(ChunkBytes);
-        head.resize(Fill(head.data(), head.size()));
-        return Head();
-    }
-
-    // A path under which the bytes can be read in any order while this object lives.
-    std::string SeekablePath(const std::string& path) {
-        if (path != "-") return path;
-        std::FILE* copy = std::tmpfile();  // no name, gone with the process
-        if (copy == nullptr) Fail();
-        for (std::string_view bytes = Next(); !bytes.empty(); bytes = Next())
-            if (std::fwrite(bytes.data(), 1, bytes.size(), copy) != bytes.size()) Fail();
-        if (std::fflush(copy) != 0) Fail();
-        return "/proc/self/fd/" + std::to_string(fileno(copy));
-    }
-
-private:
-    size_t Fill(char* bytes, size_t count) {
-        size_t done = 0;
-        while (done < count) {
-            const ssize_t got = read(file.Get(), bytes + done, count - done);
-            if (got < 0 && errno == EINTR) continue;
-            if (got < 0) Fail();
-            if (got == 0) break;
-            done += static_cast<size_t>(got);
-        }
-        return done;
-    }
-    [[noreturn]] void Fail() const { throw COMMAND_ERROR("cannot read " + name + ": " + std::strerror(errno)); }
-
-    const std::string name;
-    win32::DESCRIPTOR file;
-    std::vector<char> head;
-    bool headGiven = false;
 };
 
 enum KIND { EVTX, EVT, XML, OTHER };
@@ -184,24 +171,69 @@ void ImportEvt(const std::string& path, EVENT_SINK& sink) {
     }
 }
 
-}  // namespace
-
-void ImportEvents(const std::string& path, const std::string& log) {
-    SOURCE source(path);
+void ReadEvents(BYTE_SOURCE& source, const std::string& path, EVENT_SINK& sink) {
     const KIND kind = KindOf(source.Head());
     if (source.Head().empty()) throw COMMAND_ERROR(source.Name() + " is empty");
     if (kind == OTHER) throw COMMAND_ERROR(source.Name() + " holds neither event XML nor an .evtx or .evt file");
-    LOG_SINK sink(log);
-    if (kind == EVTX) {
-        ImportEvtx(source.SeekablePath(path), sink);
-    } else if (kind == EVT) {
-        ImportEvt(source.SeekablePath(path), sink);
-    } else {
-        EVENT_XML_STREAM stream(sink);
-        for (std::string_view bytes = source.Next(); !bytes.empty(); bytes = source.Next()) stream.Feed(bytes);
-        stream.Finish();
+    if (kind == EVTX) return ImportEvtx(source.SeekablePath(path), sink);
+    if (kind == EVT) return ImportEvt(source.SeekablePath(path), sink);
+    EVENT_XML_STREAM stream(sink);
+    for (std::string_view bytes = source.Next(); !bytes.empty(); bytes = source.Next()) stream.Feed(bytes);
+    stream.Finish();
+}
+
+// Passes on what is not older than a time.
+class SINCE_SINK final : public EVENT_SINK {
+public:
+    SINCE_SINK(EVENT_SINK& into, DWORD time) : sink(into), since(time) {}
+    void Take(const win32::NEW_EVENT& event) override {
+        IsOlder(event.generated) ? ++older : (sink.Take(event), older);
     }
-    sink.Finish();
+    void TakeRecord(const EVENTLOGRECORD& record) override {
+        IsOlder(record.TimeGenerated) ? ++older : (sink.TakeRecord(record), older);
+    }
+    void Unreadable(const std::string& what) override { sink.Unreadable(what); }
+    unsigned long long Older() const { return older; }
+
+private:
+    bool IsOlder(DWORD generated) const { return generated < since; }
+
+    EVENT_SINK& sink;
+    const DWORD since;
+    unsigned long long older = 0;
+};
+
+void WarnOfNoFollower(const std::string& log) {
+    if (!IsAgentsLog(LogPath(log))) return;
+    std::optional<AGENT_PROCESS> agent;
+    try {
+        agent = FindAgent();
+    } catch (const COMMAND_ERROR&) {
+        return;  // it may not be looked at: nothing is known
+    }
+    if (agent && agent->nextRecord) return;
+    std::fprintf(stderr,
+                 "keldwickctl: no agent follows the %s log now, and none will report these events: it reports what "
+                 "comes after it has begun to follow the log (--wait waits for that)\n",
+                 log.c_str());
+}
+
+}  // namespace
+
+void ImportEvents(const IMPORT_OPTIONS& options) {
+    BYTE_SOURCE source(options.file);
+    const auto import = [&](auto&& into) {
+        SINCE_SINK sink(into, options.since);
+        ReadEvents(source, options.file, sink);
+        if (sink.Older() > 0)
+            std::printf("%llu event%s older than %s left out.\n", sink.Older(), sink.Older() == 1 ? "" : "s",
+                        IsoTime(options.since).c_str());
+        into.Finish();
+    };
+    if (options.dryRun) return import(DRY_RUN(options.log));
+    const bool waits = options.wait && IsAgentsLog(LogPath(options.log));
+    if (!waits) WarnOfNoFollower(options.log);
+    import(LOG_SINK(options.log, waits));
 }
 
 }  // namespace tools

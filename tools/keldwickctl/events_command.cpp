@@ -212,13 +212,20 @@ void AddWrite(CLI::App* events) {
 }
 
 void AddImport(CLI::App* events) {
-    const auto file = std::make_shared<std::string>();
-    const auto log = std::make_shared<std::string>("Security");
+    const auto options = std::make_shared<IMPORT_OPTIONS>();
+    const auto since = std::make_shared<std::string>();
     CLI::App* const import = events->add_subcommand(
         "import", "Appends the events of an .evtx file, of event XML, or of an .evt file, told apart by content.");
-    import->add_option("FILE", *file, "the file; - is standard input")->required();
-    AddLog(import, *log);
-    import->callback([file, log] { ImportEvents(*file, *log);
+    import->add_option("FILE", options->file, "the file; - is standard input")->required();
+    AddLog(import, options->log);
+    import->add_option("--since", *since, "leave out what happened before, like 2026-11-16T08:00:12Z")
+        ->type_name("ISO")
+        ->check(Checked(ParseIsoTime, "a time like 2026-11-16T08:00:12Z"));
+    import->add_flag("--dry-run", options->dryRun, "show what the agent would report and why not; write nothing");
+    import->add_flag("--wait", options->wait, "wait until the agent follows the log, and go no faster than it reads");
+    import->callback([options, since] {
+        if (!since->empty()) options->since = *ParseIsoTime(*since);
+    ImportEvents(*options);
 });
 }  // namespace
 

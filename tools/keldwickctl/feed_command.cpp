@@ -1,4 +1,5 @@
-// keldwickctl feed: samba-audit, xml, json.
+// keldwickctl feed: samba-audit, xml, json, forget.
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
@@ -7,6 +8,7 @@
 #include "tools/feed/samba_audit.h"
 #include "tools/feed/shipper_json.h"
 #include "tools/keldwickctl/commands.h"
+#include "tools/keldwickctl/dry_run.h"
 #include "win32/files/standard_stream.h"
 
 namespace tools {
@@ -25,6 +27,8 @@ CLI::App* AddSource(CLI::App* parent, const OPTIONS& options, const char* source
             return feed::IsFeedName(name) ? "" : "must be letters, digits, _ . -, at most 64, and begin with no dot";
         });
     command->add_flag("--once", options->once, "read what is there, and end");
+    command->add_flag("--dry-run", options->dryRun,
+                      "show what of it the agent would report and why not; write nothing");
     return command;
 }
 
@@ -37,8 +41,9 @@ void AddSambaAudit(CLI::App* parent) {
         AddSource(parent, options, "samba-audit", "Follows the auth_json_audit log of a Samba domain controller.");
     command->add_option("FILE", options->file, "the log")->required();
     command->callback([options] {
-        MakeAbsolute(options->file);
         feed::SAMBA_AUDIT reader;
+        if (options->dryRun) return DryRunLines(options->file, options->log, reader);
+        MakeAbsolute(options->file);
         feed::FollowFile(*options, reader);
     });
 }
@@ -47,7 +52,7 @@ void AddXml(CLI::App* parent) {
     const auto options = std::make_shared<feed::OPTIONS>();
     CLI::App* const command =
         AddSource(parent, options, "xml", "Takes Windows event XML from standard input as it comes.");
-    command->callback([options] { feed::ReadEventXml(*options); });
+    command->callback([options] { options->dryRun ? DryRunXml(options->log) : feed::ReadEventXml(*options); });
 }
 
 void AddJson(CLI::App* parent) {
@@ -58,12 +63,24 @@ void AddJson(CLI::App* parent) {
     command->add_option("FILE", options->file, "the file to follow; - is standard input")->capture_default_str();
     command->callback([options] {
         feed::SHIPPER_JSON reader;
+        if (options->dryRun) return DryRunLines(options->file, options->log, reader);
         if (options->file == "-") {
             options->file.clear();
             return feed::ReadLines(*options, reader);
         }
         MakeAbsolute(options->file);
         feed::FollowFile(*options, reader);
+    });
+}
+
+void AddForget(CLI::App* parent) {
+    const auto name = std::make_shared<std::string>();
+    CLI::App* const command = parent->add_subcommand(
+        "forget", "Forgets a feed that does not run: its FILE, its place, its counts and what it kept aside.");
+    command->add_option("NAME", *name, "the feed's name, as status shows it")->required();
+    command->callback([name] {
+        feed::Forget(*name);
+        std::printf("The feed %s is forgotten.\n", name->c_str());
     });
 }
 
@@ -76,6 +93,7 @@ void AddFeedCommands(CLI::App& app) {
     AddSambaAudit(group);
     AddXml(group);
     AddJson(group);
+    AddForget(group);
 }
 
 }  // namespace tools
