@@ -19,7 +19,8 @@ inline void AnswerEverything(int listener) {
     for (ssize_t count; (count = recv(connection, request, sizeof request, 0)) > 0;) {
         if (size == 0) std::memcpy(first, request, sizeof first);
         size += static_cast<size_t>(count);
-        if (size % 65536 != (first[0] << 8 | first[1]) || recv(connection, request, 1, MSG_PEEK | MSG_DONTWAIT) > 0)
+        if (size % 65536 != (size_t{first[0]} << 8 | first[1]) ||
+            recv(connection, request, 1, MSG_PEEK | MSG_DONTWAIT) > 0)
             continue;
         size = 0;
         unsigned char answer[14] = {0, 14, 0, 3, 0x80, 0x10};

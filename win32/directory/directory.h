@@ -1,5 +1,6 @@
 // The directory as the layer's COM objects ask it: one interface to a server (LDAP) or a file (LDIF). Texts are UTF-8
-// here. Answers about accounts are never cached; the forest's domains are those of when the connection was opened.
+// here. Answers about accounts serve one report and are never cached; the forest's domains are those of when the
+// connection was opened.
 #pragma once
 
 #include <windows.h>
