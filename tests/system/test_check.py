@@ -177,6 +177,7 @@ class Check(MachineTest):
         os.chmod(f"{self.root}/registry.reg", 0o600)
         done = subprocess.run([f"{BIN}/keldwickctl", "--root", self.root, "status"], capture_output=True, text=True, user=65534)
         self.assertEqual(0, done.returncode, done)
+        self.assertRegex(done.stdout, r"(?m)^agent +not known")
         self.assertIn("not known        may not look at process", done.stdout)
         self.assertIn("last event", done.stdout)
 

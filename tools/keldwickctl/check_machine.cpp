@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <sys/timex.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -127,7 +128,11 @@ void CheckRoot(CHECK_LINES& lines) {
     if (stat(file.c_str(), &registry) != 0 && errno == ENOENT)
         return lines.Fail("machine root", "there is no " + file,
                           "keldwickctl --root " + root + " init, or name another root");
-    if (CheckFiles(lines, machineRoot, owner)) lines.Ok("machine root", root + ", of " + UserName(owner.st_uid));
+    if (geteuid() != 0 && geteuid() != owner.st_uid)
+        lines.Warn("machine root", root + " is " + UserName(owner.st_uid) + "'s: not all can be looked at",
+                   "run this as root or as " + UserName(owner.st_uid));
+    else if (CheckFiles(lines, machineRoot, owner))
+        lines.Ok("machine root", root + ", of " + UserName(owner.st_uid));
     CheckRoom(lines, root);
 }
 
@@ -250,6 +255,8 @@ void CheckEventLog(CHECK_LINES& lines, const std::vector<AGENT_PROCESS>& agents)
     const int64_t now = std::time(nullptr);
     const std::optional<DWORD> next = agents.empty() ? std::nullopt : agents.front().nextRecord;
     const LOG_USE use = MeasureLog(reader, next, now);
+    struct stat about;  // the events may be older than their record
+    const int64_t written = stat(reader.Path().c_str(), &about) == 0 ? about.st_mtime : now;
     const DWORD size = win32::LogMaxSize(u"Security");
     const std::optional<int64_t> left = SecondsToOvertake(use, size, now);
 
@@ -262,8 +269,8 @@ void CheckEventLog(CHECK_LINES& lines, const std::vector<AGENT_PROCESS>& agents)
         lines.Warn("event log", found + ": that is in the future", "set the clock of this machine or of the source");
     else if (left && *left < Hour)
         lines.Warn("event log", found, "give the log a larger MaxSize (docs/running.md)");
-    else if (use.newest < now - Day)
-        lines.Warn("event log", found + "; nothing was written for " + DurationText(now - use.newest),
+    else if (written < now - Day)
+        lines.Warn("event log", found + "; nothing was written for " + DurationText(now - written),
                    "is its source, a feed for instance, running?");
     else
         lines.Ok("event log", found);

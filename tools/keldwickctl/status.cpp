@@ -1,6 +1,7 @@
 #include "tools/keldwickctl/status.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -114,15 +115,10 @@ void LookAtFigures(STATUS& status) {
 }
 
 void LookAtAgent(STATUS& status) {
+    status.agentKnown = false;
     status.agent = FindAgent();
+    status.agentKnown = true;
     if (status.agent && !status.agent->connection) status.noConnection = ReadConnectionFailure(status.agent->pid);
-}
-
-// There are none at all where this user may look for them: this is no machine root.
-void RequireSettings(const std::string& root) {
-    struct stat about;
-    if (stat(win32::MachinePath(win32::RegistryFile).c_str(), &about) == 0 || errno == EACCES) return;
-    throw COMMAND_ERROR("there is no settings key in " + root + "; \"keldwickctl init\" makes it");
 }
 
 void LookAtRegistry(STATUS& status) {
@@ -157,9 +153,12 @@ STATUS ReadStatus() {
     STATUS status;
     status.root = win32::MachineRoot();
     status.now = std::time(nullptr);
-    RequireSettings(status.root);
-    for (const auto look :
-         {LookAtAgent, LookAtRegistry, LookAtSecurityLog, LookAtFigures, LookForLastError, LookAtFeeds}) {
+    const std::string registry = win32::MachinePath(win32::RegistryFile);
+    if (access(registry.c_str(), R_OK) != 0 && errno == EACCES)
+        status.troubles.push_back("may not read " + registry);
+    else
+        LookAtRegistry(status);
+    for (const auto look : {LookAtAgent, LookAtSecurityLog, LookAtFigures, LookForLastError, LookAtFeeds}) {
         try {
             look(status);
         } catch (const COMMAND_ERROR& error) {  // the rest is worth knowing all the more

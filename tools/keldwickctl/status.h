@@ -33,6 +33,7 @@ struct STATUS {
     std::string root;
     int64_t now = 0;
     std::optional<AGENT_PROCESS> agent;
+    bool agentKnown = true;                   // false: one may run, but this user may not look at it
     std::string server, protocol;             // as set
     std::optional<IDENTITY_HEADING> figures;  // the agent's own; nothing: it does not run, or has shown none yet
     std::optional<LOGGED_EVENT> lastEvent;    // the Security log's newest
@@ -46,7 +47,8 @@ struct STATUS {
     std::vector<std::string> troubles;  // what could not be looked at, and why
 };
 
-// Reads what this user may read; the rest is among the troubles. Throws COMMAND_ERROR where there are no settings.
+// Reads what this user may read; the rest is among the troubles. Throws COMMAND_ERROR where there are no settings,
+// or none that can be used.
 STATUS ReadStatus();
 
 // Whether the agent runs and is connected to its identity server.

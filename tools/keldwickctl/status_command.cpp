@@ -38,7 +38,7 @@ std::string ConnectionText(const STATUS& status) {
 
 // What becomes of what the agent has to say.
 const char* LogState(const STATUS& status) {
-    if (!status.agent) return "not written, as no agent runs";
+    if (!status.agent) return status.agentKnown ? "not written, as no agent runs" : "written or not, that is not known";
     if (status.agent->log == AGENT_LOG::OPEN) return "being written";
     if (status.agent->log == AGENT_LOG::GONE)
         return "not written: the agent writes a file that was deleted or moved away";
@@ -91,7 +91,8 @@ std::string StatusAsText(const STATUS& status) {
     std::string text = "machine root     " + SafeText(status.root) + "\nagent            ";
     text += status.agent
                 ? "running since " + Time(status.agent->since) + ", process " + std::to_string(status.agent->pid)
-                : "not running";
+            : status.agentKnown ? "not running"
+                                : "not known";
     text +=
         "\nidentity server  " + (status.server.empty() ? "not set" : SafeText(status.server) + ", " + status.protocol);
     if (status.agent) {
@@ -116,7 +117,8 @@ std::string StatusAsText(const STATUS& status) {
 std::string StatusAsJson(const STATUS& status) {
     nlohmann::ordered_json object;
     object["root"] = status.root;
-    object["running"] = status.agent.has_value();
+    object["running"] = nullptr;
+    if (status.agentKnown) object["running"] = status.agent.has_value();
     object["pid"] = status.agent ? nlohmann::ordered_json(status.agent->pid) : nlohmann::ordered_json();
     object["since"] = status.agent ? nlohmann::ordered_json(Time(status.agent->since)) : nlohmann::ordered_json();
     object["server"] = status.server;
@@ -201,6 +203,7 @@ private:
 
 void AddAgent(FIGURES& out, const STATUS& status) {
     const auto& agent = status.agent;
+    if (!status.agentKnown) return;
     out.Add("up", "gauge", "Whether the agent runs.", agent ? 1 : 0);
     out.Add("start_time_seconds", "gauge", "When the agent started, since 1970.",
             agent ? FIGURE(agent->since) : FIGURE());
