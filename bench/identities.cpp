@@ -1,6 +1,6 @@
-// What the size of the logon table costs: a repeated logon and a logon at a new address with 100 to 1,000,000 identities,
-// each beside those with 100, a sweep over the most, the memory of one identity, and the list that is written for others
-// to look at.
+// What the size of the logon table costs: a repeated logon and a logon at a new address with 100 to 1,000,000
+// identities, each beside those with 100, a sweep over the most, the memory of one identity, and the list that is
+// written for others to look at.
 //
 //     bench_identities
 //
@@ -192,8 +192,9 @@ int main() {
             }
             const double atNew = Measure(log, New(net++));
             if (size == Few) newFew = atNew;
-            std::printf("%7u identities: repeated logon %6.2f us, ratio %.2f; logon at a new address %6.2f us, ratio %.2f\n",
-                        size, repeated, repeated / repeatedFew, atNew, atNew / newFew);
+            std::printf(
+                "%7u identities: repeated logon %6.2f us, ratio %.2f; logon at a new address %6.2f us, ratio %.2f\n",
+                size, repeated, repeated / repeatedFew, atNew, atNew / newFew);
         }
         const auto start = std::chrono::steady_clock::now();
         log.Identities().Sweep();

@@ -1,5 +1,7 @@
 #include "diagnostics/debug_line.h"
 
+#include <algorithm>
+
 namespace keldwick {
 namespace {
 
@@ -22,8 +24,23 @@ void AppendFormatted(LINE_BUFFER& line, FORMAT<ARGUMENTS...> format, const ARGUM
     line.AppendFormat(format.Text(), FormatArguments(arguments...));
 }
 
-void AppendPrefix(const DEBUG_STATE& state, LINE_BUFFER& line) {
-    AppendFormatted(line, TEXT("%s(%lu.%lu) "), state.prefix, GetCurrentProcessId(), GetCurrentThreadId());
+// Appends the part as it was last, or as `make` makes it.
+template <typename MAKE>
+void AppendPart(LINE_BUFFER& line, LINE_PART& part, bool same, MAKE make) {
+    if (same && part.length != 0) return line.Append({part.text, part.length});
+    const size_t before = line.View().size();
+    make();
+    const std::string_view made = line.View().substr(std::min(before, line.View().size()));
+    part.length = line.Failed() || made.size() > sizeof part.text ? 0 : made.copy(part.text, sizeof part.text);
+}
+
+void AppendPrefix(DEBUG_STATE& state, LINE_BUFFER& line) {
+    LINE_PART& last = state.lastPrefix;
+    const DWORD process = GetCurrentProcessId(), thread = GetCurrentThreadId();
+    AppendPart(line, last, last.process == process && last.thread == thread,
+               [&] { AppendFormatted(line, TEXT("%s(%lu.%lu) "), state.prefix, process, thread); });
+    last.process = process;
+    last.thread = thread;
 }
 
 // The time that a line carries, read into `now`; null when it carries none.
@@ -33,10 +50,19 @@ const SYSTEMTIME* ReadTime(const DEBUG_STATE& state, bool framed, SYSTEMTIME& no
     return &now;
 }
 
-void AppendTime(LINE_BUFFER& line, const SYSTEMTIME& now) {
+// Whether they show the same.
+bool SameSecond(const SYSTEMTIME& a, const SYSTEMTIME& b) {
+    return a.wSecond == b.wSecond && a.wMinute == b.wMinute && a.wHour == b.wHour && a.wDay == b.wDay &&
+           a.wMonth == b.wMonth && a.wYear == b.wYear;
+}
+
+void AppendTime(DEBUG_STATE& state, LINE_BUFFER& line, const SYSTEMTIME& now) {
     const WORD hour = now.wHour % 12 == 0 ? WORD(12) : static_cast<WORD>(now.wHour % 12);
-    AppendFormatted(line, TEXT("%04u/%02u/%02u %02u:%02u:%02u %cM "), now.wYear, now.wMonth, now.wDay, hour,
-                    now.wMinute, now.wSecond, now.wHour < 12 ? 'A' : 'P');
+    AppendPart(line, state.lastTime, SameSecond(state.lastTime.time, now), [&] {
+        AppendFormatted(line, TEXT("%04u/%02u/%02u %02u:%02u:%02u %cM "), now.wYear, now.wMonth, now.wDay, hour,
+                        now.wMinute, now.wSecond, now.wHour < 12 ? 'A' : 'P');
+    });
+    state.lastTime.time = now;
 }
 
 // How many line breaks at the start of the message go before everything else.
@@ -65,11 +91,11 @@ void AppendText(LINE_BUFFER& line, std::string_view text, const LINE_FORM& form)
 }
 
 // False: there is no memory for the line.
-bool Compose(const DEBUG_STATE& state, LINE_BUFFER& line, std::string_view message, const LINE_FORM& form) {
+bool Compose(DEBUG_STATE& state, LINE_BUFFER& line, std::string_view message, const LINE_FORM& form) {
     line.Clear();
     const size_t breaks = form.prefix ? LeadingBreaks(message) : 0;
     AppendText(line, message.substr(0, breaks), form);
-    if (form.time != nullptr) AppendTime(line, *form.time);
+    if (form.time != nullptr) AppendTime(state, line, *form.time);
     if (form.prefix) AppendPrefix(state, line);
     AppendText(line, message.substr(breaks), form);
     line.Append(form.end);

@@ -32,6 +32,15 @@ struct DEFERRED_LINE {
 };
 using DEFERRED_LINES = std::vector<DEFERRED_LINE>;
 
+// A part of the last line, which most lines after it have as well.
+struct LINE_PART {
+    char text[160];
+    size_t length = 0;  // 0: there is none yet
+    // What it was made of:
+    SYSTEMTIME time{};
+    DWORD process = 0, thread = 0;
+};
+
 struct LOG_FILE_STATE {
     STRING folder;  // ends with a backslash, or is empty for the current directory
     STRING baseName{TEXT("Debug")};
@@ -54,6 +63,7 @@ struct DEBUG_STATE {
     std::vector<std::unique_ptr<DEFERRED_LINES>> deferred;  // those of all threads
     LINE_BUFFER message;                                    // of the line being printed
     LINE_BUFFER composed;                                   // ... as one sink gets it
+    LINE_PART lastTime, lastPrefix;
 
     DEBUG_STATE() : deferredSlot(TlsAlloc()) {}
 };

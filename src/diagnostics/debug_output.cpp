@@ -98,15 +98,14 @@ void WriteDeferred(DEBUG_STATE& state, DEFERRED_LINES* lines) {
     lines->clear();
 }
 
-// Formats the line and hands it on, under the lock.
-void PrintWanted(DEBUG_STATE& state, DWORD flags, const WCHAR* format, FORMAT_ARGUMENTS arguments,
-                 std::initializer_list<TEXT_VIEW> before = {}) {
+// Hands on the line that `format` puts into the buffer it is given, under the lock.
+template <typename FORMATTING>
+void PrintWanted(DEBUG_STATE& state, DWORD flags, FORMATTING format) {
     const ERROR_CODE error;
     state.message.Clear();
-    for (const TEXT_VIEW text : before) state.message.AppendWide(text);
-    state.message.AppendFormat(format, arguments);
-    if (state.message.Failed()) return;
-    if ((flags & DEBUG_DEFER) != 0 && (flags & DeferOverruled) == 0) {
+    if (!WithinMemory([&] { format(state.message); }) || state.message.Failed()) {
+        // There is no memory for the line.
+    } else if ((flags & DEBUG_DEFER) != 0 && (flags & DeferOverruled) == 0) {
         WithinMemory([&] { Defer(state, flags); });
     } else {
         WriteDeferred(state, ThreadLines(state));
@@ -144,15 +143,18 @@ void DebugPrintV(DWORD flags, const WCHAR* format, FORMAT_ARGUMENTS arguments,
                  std::initializer_list<TEXT_VIEW> before) {
     DEBUG_STATE& state = DebugState();
     const LOCK_GUARD guard(state.lock);
-    if (IsWanted(state, flags)) PrintWanted(state, flags, format, arguments, before);
+    if (!IsWanted(state, flags)) return;
+    PrintWanted(state, flags, [&](LINE_BUFFER& line) {
+        for (const TEXT_VIEW text : before) line.AppendWide(text);
+        line.AppendFormat(format, arguments);
+    });
 }
 
 void DebugPrintErrorV(DWORD flags, const ERROR_CODE& error, const WCHAR* format, FORMAT_ARGUMENTS arguments) {
     DEBUG_STATE& state = DebugState();
     const LOCK_GUARD guard(state.lock);
     if (IsWanted(state, flags)) {
-        WithinMemory(
-            [&] { PrintWanted(state, flags, TEXT("%s"), FormatArguments(FormatErrorV(error, format, arguments))); });
+        PrintWanted(state, flags, [&](LINE_BUFFER& line) { AppendError(line, error, format, arguments); });
     }
     error.Restore();  // for the caller
 }
@@ -161,7 +163,7 @@ void DebugPrintNarrowV(DWORD flags, const char* format, FORMAT_ARGUMENTS argumen
     DEBUG_STATE& state = DebugState();
     const LOCK_GUARD guard(state.lock);
     if (!IsWanted(state, flags)) return;
-    WithinMemory([&] { PrintWanted(state, flags, STRING(format).Text(), arguments); });
+    PrintWanted(state, flags, [&](LINE_BUFFER& line) { line.AppendFormat(STRING(format).Text(), arguments); });
 }
 
 void DebuggerPrintV(bool withPrefix, const WCHAR* format, FORMAT_ARGUMENTS arguments) {
@@ -194,6 +196,7 @@ void SetDebugOutputPrefix(const WCHAR* prefix) {
     DEBUG_STATE& state = DebugState();
     const LOCK_GUARD guard(state.lock);
     WithinMemory([&] { state.prefix.Assign(TEXT_VIEW(prefix).substr(0, MaxPrefix)); });
+    state.lastPrefix = {};
 }
 
 DWORD DebugOutputActive() {

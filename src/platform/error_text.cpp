@@ -55,14 +55,23 @@ STRING ErrorText(const ERROR_CODE& error) {
     return DirectoryErrorText(static_cast<HRESULT>(error.Get()));
 }
 
+void AppendError(LINE_BUFFER& line, const ERROR_CODE& error, const WCHAR* format, FORMAT_ARGUMENTS arguments) {
+    const size_t before = line.View().size();
+    line.AppendFormat(format, arguments);
+    const std::string_view message = line.View().substr(std::min(before, line.View().size()));
+    line.Append(message.ends_with(' ') ? "" : ". ");
+    line.AppendWide(ErrorText(error).View());
+    const bool decimal = error.Form() == ERROR_CODE::FORM::DECIMAL;
+    line.AppendFormat(decimal ? TEXT(". Error code = %lu.") : TEXT(". Error code = %#lx."),
+                      FormatArguments(error.Get()));
+}
+
 STRING FormatErrorV(const ERROR_CODE& error, const WCHAR* format, FORMAT_ARGUMENTS arguments) {
-    STRING message;
-    message.FormatV(format, arguments);
-    const WCHAR* const link = message.LastChar() == ' ' ? TEXT("") : TEXT(". ");
-    const STRING text = ErrorText(error);
-    return error.Form() == ERROR_CODE::FORM::DECIMAL
-               ? FormatString(TEXT("%s%s%s. Error code = %lu."), message, link, text, error.Get())
-               : FormatString(TEXT("%s%s%s. Error code = %#lx."), message, link, text, error.Get());
+    LINE_BUFFER line;
+    AppendError(line, error, format, arguments);
+    const char* const text = line.Terminated();
+    if (text == nullptr || line.Failed()) throw STRING_NO_MEMORY{static_cast<DWORD>(line.View().size())};
+    return STRING(text);
 }
 
 STRING DirectoryErrorText(HRESULT result) {

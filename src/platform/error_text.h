@@ -3,6 +3,7 @@
 
 #include <windows.h>
 
+#include "platform/line_buffer.h"
 #include "platform/string.h"
 
 namespace keldwick {
@@ -42,8 +43,9 @@ STRING ErrorText(const ERROR_CODE& error);  // as its form wants it
 bool LoadErrorText(STRING& text, DWORD code, HMODULE module = nullptr);
 
 // The message, completed by the error's text and code: "MESSAGE. TEXT. Error code = 5.". After a message that ends in a
-// blank, as the indentation of a new line is one, the text follows at once.
+// blank, as the indentation of a new line is one, the text follows at once. Appended to a line, or as a string.
 STRING FormatErrorV(const ERROR_CODE& error, const WCHAR* format, FORMAT_ARGUMENTS arguments);
+void AppendError(LINE_BUFFER& line, const ERROR_CODE& error, const WCHAR* format, FORMAT_ARGUMENTS arguments);
 template <typename... ARGUMENTS>
 STRING FormatError(const ERROR_CODE& error, FORMAT<ARGUMENTS...> format, const ARGUMENTS&... arguments) {
     return FormatErrorV(error, format.Text(), FormatArguments(arguments...));

@@ -1,5 +1,6 @@
 #include "platform/line_buffer.h"
 
+#include <cstdint>
 #include <cstring>
 
 namespace keldwick {
@@ -36,6 +37,19 @@ char* PutUnit(char* at, WCHAR unit) {
     return at;
 }
 
+// Four units at a time up to the first four that are not all ASCII. Gives how many were copied.
+size_t CopyAscii(char* to, TEXT_VIEW from) {
+    static_assert(sizeof(WCHAR) == 2);
+    size_t done = 0;
+    for (; from.size() - done >= 4; done += 4) {
+        uint64_t units;
+        std::memcpy(&units, from.data() + done, sizeof units);
+        if ((units & 0xFF80FF80FF80FF80) != 0) break;
+        for (size_t i = 0; i < 4; ++i) to[done + i] = static_cast<char>(from[done + i]);
+    }
+    return done;
+}
+
 }  // namespace
 
 void LINE_BUFFER::Clear() {
@@ -68,7 +82,9 @@ const char* LINE_BUFFER::Terminated() {
 void LINE_BUFFER::PutWide(TEXT_VIEW piece) {
     char* at = Reserve((piece.size() + 1) * MaxBytesOfUnit);  // and for a half that waits
     if (at == nullptr) return;
-    for (const WCHAR unit : piece) {
+    const size_t plain = lead == 0 ? CopyAscii(at, piece) : 0;
+    at += plain;
+    for (const WCHAR unit : piece.substr(plain)) {
         if (lead != 0) {
             const WCHAR first = lead;
             lead = 0;
