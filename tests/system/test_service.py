@@ -162,6 +162,7 @@ class Service(MachineTest):
             self.assertEqual(0, json.loads(file.read())["identities"], "nobody is left in the file")
 
     def test_without_inotify_it_looks_by_itself_and_status_shows_it(self):
+        self.addCleanup(Server(self.address).close)
         self.prepare()
         limit = 'echo 0 > /proc/sys/user/max_inotify_instances && exec "$0" "$@"'
         through = ("unshare", "--user", "--map-root-user", "sh", "-c", limit)
