@@ -64,11 +64,13 @@ foreach(test ${system_tests})
     ENVIRONMENT "KELDWICK_BIN=${CMAKE_RUNTIME_OUTPUT_DIRECTORY};PYTHONDONTWRITEBYTECODE=1")
 endforeach()
 
-# A minute of every kind of trouble with a fixed seed; `tests/system/soak.py --help` for more of it.
-add_library(moved_clock MODULE ${PROJECT_SOURCE_DIR}/tests/system/moved_clock.cpp)
+# The clock of a program under wine.
+add_library(moved_clock MODULE ${PROJECT_SOURCE_DIR}/tests/windows/moved_clock.cpp)
 set_target_properties(moved_clock PROPERTIES LIBRARY_OUTPUT_DIRECTORY ${CMAKE_RUNTIME_OUTPUT_DIRECTORY})
 target_compile_options(moved_clock PRIVATE -fno-sanitize=all)
 target_link_options(moved_clock PRIVATE -fno-sanitize=all)
+
+# A minute of every kind of trouble with a fixed seed; `tests/system/soak.py --help` for more of it.
 add_test(NAME system/soak COMMAND Python3::Interpreter -m unittest -v soak
   WORKING_DIRECTORY ${PROJECT_SOURCE_DIR}/tests/system)
 set_tests_properties(system/soak PROPERTIES LABELS system TIMEOUT 600

@@ -1,97 +1,81 @@
-#include <gtest/gtest.h>
-
 #include "directory/directory_object.h"
 #include "directory/dn.h"
 #include "directory/groups.h"
 #include "directory/name_translation.h"
-#include "tests/support/wrapped_calls.h"
+#include "tests/support/agent.h"
 
 namespace keldwick {
 
 namespace {
 
-using LINES = std::vector<std::string>;
-
-// S-1-5-21-1-2-3-1104
-const std::string UserSid("\1\5\0\0\0\0\0\5\x15\0\0\0\1\0\0\0\2\0\0\0\3\0\0\0\x50\4\0\0", 28);
-
-class DIRECTORY_TEST : public testing::Test {
+class DIRECTORY_TEST : public SESSION {
 protected:
-    void AddUser(const FAKE_DIRECTORY::OBJECT& user) {
-        directory.names[{ADS_NAME_TYPE_NT4, u"CORP\\ann", ADS_NAME_TYPE_1779}] = u"CN=Ann";
-        directory.objects[u"LDAP://CN=Ann"] = user;
-    }
-    void AddGroupObject(const std::u16string& name, const std::vector<std::u16string>& memberOf) {
-        directory.names[{ADS_NAME_TYPE_1779, u"CN=" + name, ADS_NAME_TYPE_NT4}] = u"CORP\\" + name;
-        directory.objects[u"LDAP://CN=" + name] = {.memberOf = memberOf};
-    }
     // "DOMAIN=DN" of each entry.
-    static LINES Listed(const GROUP_LIST& list) {
+    LINES Listed() const {
         LINES entries;
         for (const GROUP& group : list)
             entries.push_back(std::string(STRING_UTF8(group.domain).Text()) + "=" + STRING_UTF8(group.dn).Text());
         return entries;
     }
 
-    DEBUG_LINES lines;
-    FAKE_DIRECTORY directory;
     GROUP_LIST list;
 };
 
 TEST_F(DIRECTORY_TEST, GroupsComeDepthFirstAndCirclesEnd) {
-    AddUser({.memberOf = {u"CN=A", u"CN=C"}, .primaryGroupId = 513, .sid = UserSid});
-    directory.names[{ADS_NAME_TYPE_SID_OR_SID_HISTORY_NAME, u"S-1-5-21-1-2-3-513", ADS_NAME_TYPE_1779}] = u"CN=Users";
-    AddGroupObject(u"Users", {});
-    AddGroupObject(u"A", {u"CN=B", u"cn=a"});
-    AddGroupObject(u"B", {u"CN=A"});
-    AddGroupObject(u"C", {u"CN=B"});
+    MakeDirectory(R"(dn: CN=Ann,DC=corp|sAMAccountName: ann|memberOf: CN=A,DC=corp|memberOf: CN=C,DC=corp|
+primaryGroupID: 513|objectSid: S-1-5-21-1-2-3-1104
+dn: CN=Users,DC=corp|sAMAccountName: Users|objectSid: S-1-5-21-1-2-3-513
+dn: CN=A,DC=corp|sAMAccountName: A|memberOf: CN=B,DC=corp|memberOf: cn=a,DC=corp
+dn: CN=B,DC=corp|sAMAccountName: B|memberOf: CN=A,DC=corp
+dn: CN=C,DC=corp|sAMAccountName: C|memberOf: CN=B,DC=corp
+)");
     EXPECT_TRUE(GetGroups(u"CORP\\ann", list, nullptr));
-    EXPECT_EQ((LINES{"CORP\\Users=CN=Users", "CORP\\A=CN=A", "CORP\\B=CN=B", "CORP\\C=CN=C"}), Listed(list));
-    EXPECT_EQ(0, directory.live);
+    EXPECT_EQ(
+        (LINES{"CORP\\Users=CN=Users,DC=corp", "CORP\\A=CN=A,DC=corp", "CORP\\B=CN=B,DC=corp", "CORP\\C=CN=C,DC=corp"}),
+        Listed());
 }
 
 TEST_F(DIRECTORY_TEST, AGroupThatCannotBeOpenedFailsTheWalkButIsListed) {
-    AddUser({.memberOf = {u"CN=Gone/West"}});
+    MakeDirectory("dn: CN=Ann,DC=corp|sAMAccountName: ann|memberOf: CN=Gone/West,DC=corp\n");
     EXPECT_FALSE(GetGroups(u"CORP\\ann", list, nullptr));
-    EXPECT_EQ((LINES{"=CN=Gone/West"}), Listed(list));
-    EXPECT_EQ(0, directory.live);
+    EXPECT_EQ(LINES{"=CN=Gone/West,DC=corp"}, Listed());
 }
 
 TEST_F(DIRECTORY_TEST, NestingDeeperThanAnyStackIsWalked) {
     constexpr DWORD depth = 20000;
-    const auto name = [](DWORD level) { return std::u16string(FormatString(u"%lu", level).Text()); };
-    AddUser({.memberOf = {u"CN=0"}});
-    for (DWORD i = 0; i < depth; ++i) AddGroupObject(name(i), {u"CN=" + name(i + 1)});
-    AddGroupObject(name(depth), {});
+    std::string entries = "dn: CN=Ann,DC=corp|sAMAccountName: ann|memberOf: CN=0,DC=corp\n";
+    for (DWORD i = 0; i < depth; ++i)
+        entries += "dn: CN=" + std::to_string(i) + ",DC=corp|memberOf: CN=" + std::to_string(i + 1) + ",DC=corp\n";
+    MakeDirectory(entries + "dn: CN=" + std::to_string(depth) + ",DC=corp\n");
     EXPECT_TRUE(GetGroups(u"CORP\\ann", list, nullptr));
     EXPECT_EQ(depth + 1, list.Count());
 }
 
 TEST_F(DIRECTORY_TEST, APrimaryGroupOfADamagedSidIsLeftOut) {
-    for (const std::string& sid : {std::string(), UserSid.substr(0, 27), std::string("\1\xFF\0\0\0\0\0\5", 8)}) {
-        AddUser({.primaryGroupId = 513, .sid = sid});
+    for (const char* const sid : {"", "|objectSid:: AQU=", "|objectSid:: Af8AAAAAAAU="}) {
+        MakeDirectory("dn: CN=Ann,DC=corp|sAMAccountName: ann|primaryGroupID: 513" + std::string(sid) + "\n");
         EXPECT_TRUE(GetGroups(u"CORP\\ann", list, nullptr));
         EXPECT_EQ(0u, list.Count());
-        EXPECT_EQ(0, directory.live);
     }
 }
 
 TEST_F(DIRECTORY_TEST, ABindingDecidesWhereAndAsWhomALookUpGoes) {
+    MakeDirectory("dn: CN=Ann,DC=corp|sAMAccountName: ann\n");
     STRING dn;
     DIRECTORY_BINDING binding;
-    Nt4NameToDn(u"a", dn, &binding);
+    EXPECT_TRUE(Nt4NameToDn(u"CORP\\ann", dn, &binding));
+    SetBindingServer(binding, u"no host");
+    EXPECT_FALSE(Nt4NameToDn(u"CORP\\ann", dn, &binding)) << "the server is asked by its name";
     SetBindingServer(binding, u"dc1");
-    Nt4NameToDn(u"a", dn, &binding);
+    EXPECT_TRUE(Nt4NameToDn(u"CORP\\ann", dn, &binding));
     COM_POINTER<IADs> object;
-    EXPECT_FALSE(OpenDirectoryObject(u"User", u"CN=Ann", IID_IADs, object.Put(), &binding));
+    EXPECT_TRUE(OpenDirectoryObject(u"User", u"CN=Ann,DC=corp", IID_IADs, object.Put(), &binding));
     SetBindingServer(binding, u"dc1", u"X\\CORP\\adm", u"secret");
-    Nt4NameToDn(u"a", dn, &binding);
-    EXPECT_FALSE(OpenDirectoryObject(u"User", u"CN=Ann", IID_IADs, object.Put(), &binding));
-    EXPECT_FALSE(OpenDirectoryObject(u"User", u"CN=Ann", IID_IADs, object.Put(), nullptr));
-    EXPECT_EQ(
-        (LINES{"Init 3 null", "Init 2 dc1", "Open LDAP://dc1/CN=Ann null null 513", "InitEx 2 dc1 adm X\\CORP secret",
-               "Open LDAP://dc1/CN=Ann X\\CORP\\adm secret 513", "Open LDAP://CN=Ann null null 1"}),
-        directory.calls);
+    EXPECT_TRUE(OpenDirectoryObject(u"User", u"CN=Ann,DC=corp", IID_IADs, object.Put(), &binding));
+    EXPECT_TRUE(OpenDirectoryObject(u"User", u"CN=Ann,DC=corp", IID_IADs, object.Put(), nullptr));
+    EXPECT_EQ((LINES{"LDAP://dc1/CN=Ann,DC=corp null null 513", "LDAP://dc1/CN=Ann,DC=corp X\\CORP\\adm secret 513",
+                     "LDAP://CN=Ann,DC=corp null null 1"}),
+              DirectoryPaths());
 }
 
 TEST(DnTest, TheOuPathIsCutOutOfADn) {

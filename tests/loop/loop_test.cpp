@@ -10,13 +10,6 @@ using testing::ElementsAre;
 
 class LOOP : public AGENT {
 protected:
-    LOOP() {
-        for (const auto& [account, computer] : {std::pair{u"ann", u"PC9$"}, {u"bob", u"PC8$"}}) {
-            for (const std::u16string name : {account, computer})
-                directory.names[{ADS_NAME_TYPE_DOMAIN_SIMPLE, name + u"@CORP.EX", ADS_NAME_TYPE_NT4}] =
-                    u"CORP\\" + name;
-        }
-    }
     // Over plain TCP to server 0, with more settings.
     static std::string Plain(const std::string& more = "") {
         return "IdentServer=" + Server() + " IdentProtocol=dword:2 " + more;
@@ -61,15 +54,20 @@ TEST_F(LOOP, TheTimeThatAHeartbeatTakesCountsForTheOnesAfterIt) {
 }
 
 TEST_F(LOOP, ATicketOfOverAMinuteNamesNoComputer) {
+    MakeDirectory(
+        "dn: CN=A,DC=corp|sAMAccountName: ann\ndn: CN=B,DC=corp|sAMAccountName: bob\n"
+        "dn: CN=9,DC=corp|sAMAccountName: PC9$\ndn: CN=8,DC=corp|sAMAccountName: PC8$\n");
     Serve();
     WriteAt("08:01:10", {Event(673, Ticket673)});
-    WriteAt("08:01:30", {Event(673, With(Ticket673, {{0, u"bob@CORP.EX"}, {2, u"PC8$"}}))});
+    WriteAt("08:01:30", {Event(673, With(Ticket673, {{0, u"bob@CORP.EXAMPLE"}, {2, u"PC8$"}}))});
     WriteAt("08:02:20", {Event(540, Logon540), Event(540, With(Logon540, {{0, u"bob"}}))});
     LINES statistics;
     for (const char* time : {"08:02:14", "08:02:16"}) At(time, [&] { statistics.push_back(Statistics()); });
     Run(Plain(), "08:03:00");
-    EXPECT_THAT(reports, ElementsAre("08:02:20 logon CORP\\ann at 10.0.0.5", "08:02:20 logoff CORP\\ann at 10.0.0.5",
-                                     "08:02:20 logon CORP\\bob on CORP\\PC8 at 10.0.0.5"));
+    const std::string annThen = "CORP\\ann (CN=A,DC=corp) at 10.0.0.5";
+    EXPECT_THAT(reports,
+                ElementsAre("08:02:20 logon " + annThen, "08:02:20 logoff " + annThen,
+                            "08:02:20 logon CORP\\bob (CN=B,DC=corp) on CORP\\PC8 (CN=8,DC=corp) at 10.0.0.5"));
     EXPECT_THAT(statistics, ElementsAre("0 0", "0 1"));
 }
 
@@ -112,9 +110,8 @@ TEST_F(LOOP, AServerThatWasGoneGetsWhatHappenedMeanwhile) {
 TEST_F(LOOP, AnotherServerIsTakenAtOnceAndAProtocolWithIt) {
     std::string reason;
     const tools::TLS_CONTEXT tls = tools::NewServerContext("", "", reason);
-    directory.names[{ADS_NAME_TYPE_NT4, u"CORP\\ann", ADS_NAME_TYPE_1779}] = u"CN=Ann";
-    directory.names[{ADS_NAME_TYPE_1779, u"CN=G", ADS_NAME_TYPE_NT4}] = u"CORP\\G";
-    directory.objects = {{u"LDAP://CN=Ann", {.memberOf = {u"CN=G"}}}, {u"LDAP://CN=G", {}}};
+    MakeDirectory(
+        "dn: CN=Ann,DC=corp|sAMAccountName: ann|memberOf: CN=G,DC=corp\ndn: CN=G,DC=corp|sAMAccountName: G\n");
     Serve();
     Serve(1, tls.get());
     WriteAt("08:01:00", {ann});
@@ -123,11 +120,13 @@ TEST_F(LOOP, AnotherServerIsTakenAtOnceAndAProtocolWithIt) {
     At("08:04:00", [] { Set(TEXT("IdentServer"), STRING(SCRIPTED_SERVER::Host(1).c_str()).Text()); });
     WriteAt("08:05:00", {LogonOf(u"ann", u"10.0.0.7")});
     Run(Plain("LogonTTL=dword:3C"), "08:33:00");
-    const std::string withDn = " logon CORP\\ann (CN=Ann) on CORP\\PC1 at 10.0.0.";
-    EXPECT_THAT(reports,
-                ElementsAre("08:01:00" + withDn + "5 [1 CORP\\G (CN=G)]", "08:03:00 logon " + bobThere,
-                            "08:05:00 #1" + withDn + "7",
-                            "08:31:15 #1 heartbeat CORP\\ann (CN=Ann) on CORP\\PC1 at 10.0.0.5 [1 CORP\\G (CN=G)]"));
+    const std::string withDn = " logon CORP\\ann (CN=Ann,DC=corp) on CORP\\PC1 at 10.0.0.";
+    EXPECT_THAT(
+        reports,
+        ElementsAre(
+            "08:01:00" + withDn + "5 [1 CORP\\G (CN=G,DC=corp)]", "08:03:00 logon " + bobThere,
+            "08:05:00 #1" + withDn + "7",
+            "08:31:15 #1 heartbeat CORP\\ann (CN=Ann,DC=corp) on CORP\\PC1 at 10.0.0.5 [1 CORP\\G (CN=G,DC=corp)]"));
     EXPECT_EQ(1u, DEBUG_LINES::Count(lines.Seen(), "Identity Server changed to \"" + SCRIPTED_SERVER::Host(1) + "\""));
 }
 
@@ -177,20 +176,17 @@ TEST_F(LOOP, AConnectionSendsAtOnceAndNoticesADeadPeer) {
 // ---- The directory ----
 
 TEST_F(LOOP, AnotherDirectoryServerIsAskedFromTheNextReport) {
-    const auto name = [](const std::u16string& dn) {
-        return FAKE_DIRECTORY::NAMES{{{ADS_NAME_TYPE_NT4, u"CORP\\ann", ADS_NAME_TYPE_1779}, dn}};
-    };
-    directory.names = name(u"CN=Ann,DC=all");
-    directory.namesOfServer = {{u"dc1", name(u"CN=Ann,DC=one")}, {u"dc2", name(u"CN=Ann,DC=two")}};
+    MakeDirectory("dn: CN=Ann,DC=corp|sAMAccountName: ann\n");
+    DirectoryPaths().clear();
     Serve();
     for (const char* time : {"08:01:00", "08:03:00", "08:05:00"})
         WriteAt(time, {LogonOf(u"ann", u"10.0.0." + std::u16string(1, time[4]))});
     At("08:02:00", [] { Set(TEXT("AdServer"), TEXT("dc2")); });
     At("08:04:00", [] { Set(TEXT("AdServer"), TEXT("")); });
     Run(Plain("AdServer='dc1'"), "08:06:00");
-    EXPECT_THAT(reports, ElementsAre("08:01:00 logon CORP\\ann (CN=Ann,DC=one) on CORP\\PC1 at 10.0.0.1",
-                                     "08:03:00 logon CORP\\ann (CN=Ann,DC=two) on CORP\\PC1 at 10.0.0.3",
-                                     "08:05:00 logon CORP\\ann (CN=Ann,DC=all) on CORP\\PC1 at 10.0.0.5"));
+    EXPECT_THAT(DirectoryPaths(),
+                ElementsAre("LDAP://dc1/CN=Ann,DC=corp null null 513", "LDAP://dc2/CN=Ann,DC=corp null null 513",
+                            "LDAP://CN=Ann,DC=corp null null 1"));
 }
 
 // ---- The log ----

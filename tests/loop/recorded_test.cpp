@@ -87,16 +87,9 @@ std::vector<std::pair<std::string, std::string>> Foretold(const EVENTS& events) 
 class RECORDED : public AGENT, public testing::WithParamInterface<std::string> {};
 
 TEST_P(RECORDED, EventsGiveTheirReports) {
-    const auto knows = [this](LONG kind, const WCHAR* name, LONG wanted, const WCHAR* found) {
-        directory.names[{kind, name, wanted}] = found;
-    };
-    knows(ADS_NAME_TYPE_NT4, u"CORP\\ann", ADS_NAME_TYPE_1779, u"CN=Ann,OU=Sales,DC=corp");
-    knows(ADS_NAME_TYPE_NT4, u"CORP\\WS7$", ADS_NAME_TYPE_1779, u"CN=WS7,OU=Desks,DC=corp");
-    knows(ADS_NAME_TYPE_1779, u"CN=Staff,DC=corp", ADS_NAME_TYPE_NT4, u"CORP\\Staff");
-    knows(ADS_NAME_TYPE_DOMAIN_SIMPLE, u"ann@CORP.EXAMPLE", ADS_NAME_TYPE_NT4, u"CORP\\ann");
-    knows(ADS_NAME_TYPE_DOMAIN_SIMPLE, u"WS7$@CORP.EXAMPLE", ADS_NAME_TYPE_NT4, u"CORP\\WS7$");
-    directory.objects = {{u"LDAP://CN=Ann,OU=Sales,DC=corp", {.memberOf = {u"CN=Staff,DC=corp"}}},
-                         {u"LDAP://CN=Staff,DC=corp", {}}};
+    MakeDirectory(
+        "dn: CN=Ann,OU=Sales,DC=corp|sAMAccountName: ann|memberOf: CN=Staff,DC=corp\n"
+        "dn: CN=WS7,OU=Desks,DC=corp|sAMAccountName: WS7$\ndn: CN=Staff,DC=corp|sAMAccountName: Staff\n");
     const EVENTS events = EventsOf(GetParam());
     Serve();
     At("08:01:00", [&] { Write(events); });

@@ -20,6 +20,7 @@
 #include "service/service_main.h"
 #include "service/settings.h"
 #include "service/stop.h"
+#include "tests/support/entry_lines.h"
 #include "tests/support/network_quiet.h"
 #include "tests/support/registry_text.h"
 #include "tests/support/scripted_server.h"
@@ -75,6 +76,13 @@ protected:
             reports.push_back(Time() + (number == 0 ? " " : " #" + std::to_string(number) + " ") + ReportText(request));
             return script(request);
         });
+    }
+    // The directory: the domain CORP, which is corp.example in DNS and DC=corp, with these entries (see Entries).
+    void MakeDirectory(const std::string& entries) const {
+        root.Write("directory.ldif",
+                   Entries("dn: CN=C,CN=Partitions,CN=Configuration,DC=corp|nCName: DC=corp|dnsRoot: corp.example|"
+                           "nETBIOSName: CORP\n" +
+                           entries));
     }
     void EndServer(int number = 0) { servers[number].reset(); }
     static std::string Server(int number = 0) { return "'" + SCRIPTED_SERVER::Host(number) + "'"; }
@@ -189,7 +197,6 @@ protected:
     }
 
     TEMPORARY_ROOT root;
-    FAKE_DIRECTORY directory;
     std::map<int, std::unique_ptr<SCRIPTED_SERVER>> servers;
     LINES requests;  // their bytes
     LINES reports;   // "HH:MM:SS #SERVER REPORT" in the order of their arrival; the number of server 0 is left out
@@ -227,6 +234,8 @@ private:
 class SESSION : public AGENT {
 protected:
     SESSION() {
+        CoInitialize(nullptr);
+        DirectoryPaths().clear();
         StopEvent = stop.Get();
         SettingsChangedEvent = changed.Get();
         Settings.identServer = STRING(SCRIPTED_SERVER::Host().c_str());
@@ -239,6 +248,7 @@ protected:
         CurrentSession = nullptr;
         session.reset();
         StopEvent = SettingsChangedEvent = nullptr;
+        CoUninitialize();
     }
 
     const HANDLE_OWNER stop{CreateEventW(nullptr, TRUE, FALSE, nullptr)};

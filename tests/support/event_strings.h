@@ -25,7 +25,7 @@ inline const STRINGS Logon528 = {u"ann", u"CORP", u"(0x0,0x1)", u"10", u"", u"",
 inline const STRINGS Logoff538 = {u"ann", u"CORP", u"(0x0,0x1)", u"5"};
 inline const STRINGS Logon540 = {u"ann", u"CORP", u"(0x0,0x1)", u"3", u"", u"",         u"", u"",
                                  u"-",   u"-",    u"-",         u"-", u"", u"10.0.0.5", u"0"};
-inline const STRINGS Ticket673 = {u"ann@CORP.EX", u"CORP.EX", u"PC9$", u"", u"", u"", u"10.0.0.5", u"-"};
+inline const STRINGS Ticket673 = {u"ann@CORP.EXAMPLE", u"CORP.EXAMPLE", u"PC9$", u"", u"", u"", u"10.0.0.5", u"-"};
 
 // An event that the domain controller DC1 has written.
 inline win32::NEW_EVENT Event(DWORD id, const STRINGS& strings) {

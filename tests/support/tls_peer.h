@@ -7,7 +7,6 @@
 #include <signal.h>
 
 #include <algorithm>
-#include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
@@ -102,15 +101,8 @@ inline std::string Records(SSL* session, const std::function<void()>& talk) {
     return {bytes, count};
 }
 
-// ---- Floods: a client need not answer a request for a new handshake, so it can be sent any number of them ----
-
-inline std::string HelloRequests(size_t count) {  // in the first handshake
-    std::string records;
-    while (count-- > 0) records += std::string("\x16\x03\x03\0\x04\0\0\0\0", 9);
-    return records;
-}
-
-inline void AskForHandshakes(SSL* session, int count) {  // after it
+// A client need not answer a request for a new handshake, so it can be sent any number of them.
+inline void AskForHandshakes(SSL* session, int count) {
     while (count-- > 0) {
         SSL_renegotiate(session);
         SSL_do_handshake(session);
@@ -133,12 +125,4 @@ inline bool Pour(const ACCEPTED& peer, const std::string& bytes) {
         done += static_cast<size_t>(sent);
     }
     return true;
-}
-
-// Pours the bytes again and again, for four seconds at most. True: the client has gone before.
-inline bool FloodUntilGone(const ACCEPTED& peer, const std::string& bytes) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(4);
-    while (std::chrono::steady_clock::now() < end)
-        if (!Pour(peer, bytes)) return true;
-    return false;
 }

@@ -1,5 +1,5 @@
 // The calls that the tests of the agent make fail, answer or look at, each defined once for their program. Its
-// wrapped-calls.txt names them. Those of the clock and of the directory stand in virtual_clock.h and fake_directory.h.
+// wrapped-calls.txt names them. Those of the clock stand in virtual_clock.h.
 #pragma once
 
 #include <netdb.h>
@@ -14,9 +14,9 @@
 #include <string>
 #include <vector>
 
+#include "directory/com.h"
 #include "tests/support/debug_lines.h"
 #include "tests/support/fail_call.h"
-#include "tests/support/fake_directory.h"
 #include "tests/support/virtual_clock.h"
 
 WRAP_CALL(HANDLE, CreateEventW, (LPSECURITY_ATTRIBUTES s, BOOL m, BOOL i, LPCWSTR n), (s, m, i, n))
@@ -44,6 +44,12 @@ struct SAID {
 inline SAID& Said() {
     static auto& said = *new SAID;  // threads of the agent may outlive static objects
     return said;
+}
+
+// Of each object of the directory that was opened: its path, as whom and how.
+inline std::vector<std::string>& DirectoryPaths() {
+    static auto& paths = *new std::vector<std::string>;
+    return paths;
 }
 
 // The name server of the tests; the system answers for numeric addresses alone.
@@ -132,6 +138,14 @@ int __real_win32_getaddrinfo(const char* node, const char* service, const addrin
     if (!name.empty()) return lstrcpyW(host, name.c_str()), 0;
     WSASetLastError(WSAHOST_NOT_FOUND);
     return WSAHOST_NOT_FOUND;
+}
+
+HRESULT __real_ADsOpenObject(LPCWSTR path, LPCWSTR user, LPCWSTR password, DWORD flags, REFIID iid, void** object);
+[[gnu::used]] inline HRESULT __wrap_ADsOpenObject(LPCWSTR path, LPCWSTR user, LPCWSTR password, DWORD flags, REFIID iid,
+                                                  void** object) {
+    const auto text = [](LPCWSTR given) { return given != nullptr ? Narrow(given) : "null"; };
+    DirectoryPaths().push_back(text(path) + " " + text(user) + " " + text(password) + " " + std::to_string(flags));
+    return __real_ADsOpenObject(path, user, password, flags, iid, object);
 }
 
 // ReportServiceEvent: every report, those that the source's own limit would keep from the event log included.

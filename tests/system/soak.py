@@ -3,65 +3,288 @@
 after each step that what was written is reported exactly once or is known not to be, that `identities` is right, and that
 descriptors, threads and memory do not grow. The seed decides everything but the timing, so that a run can be repeated."""
 import argparse
+import collections
 import contextlib
+import json
 import os
 import random
 import re
+import select
 import shutil
 import signal
+import socket
 import struct
 import subprocess
 import sys
 import time
 import unittest
 
-from soak_machine import HOSTS, LOOK_UP, PATIENCE, Machine
-from soak_model import Violation
+os.environ.setdefault("KELDWICK_BIN", os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../build/dev/bin"))
 
-KNOWN = "CN=Known,OU=Staff,DC=corp,DC=example"
-DIRECTORY = f"""dn: CN=CORP,CN=Partitions,CN=Configuration,DC=corp,DC=example
-nCName: DC=corp,DC=example
-dnsRoot: corp.example
-nETBIOSName: CORP
+from machine import BIN, MachineTest, xml
+from soak_model import Messages, Model, Record, Violation
+from test_feeds import LOG_SIZE, authentication
+from wire import Server, answer, certificate
 
-dn: {KNOWN}
-objectClass: user
-sAMAccountName: known
-objectSid: S-1-5-21-1-2-3-1104
-"""
+NET = f"127.61.{os.getpid() % 250}."  # so that several may run side by side
+HOSTS = (NET + "1", NET + "2")        # identity servers
+
+
+class Machine(MachineTest):
+    """The real programs with what they meet. Writes records, waits, and compares what is to be seen with the model."""
+    patience = 60
+
+    def setUp(self):
+        super().setUp()
+        self.random, self.number, self.asked, self.slow = random.Random(OPTIONS.seed), 0, set(), 0.0
+        self.agent = self.feed = self.baseline = None
+        self.servers, self.script, self.protocol, self.host = {}, collections.deque(), 0, HOSTS[0]
+        self.audit, self.said = f"{self.root}/audit.jsonl", f"{self.root}/agent.err"
+        self.model, self.log_messages, self.heard = Model(), Messages(self.said), []
+        self.manager = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self.addCleanup(self.manager.close)
+        self.manager.bind(f"{self.root}/notify")
+        for name in (self.audit, self.said):
+            open(name, "w").close()
+        self.tls = certificate(self.root)
+        self.addCleanup(lambda: [self.end_server(host) for host in list(self.servers)])
+        for host in HOSTS:
+            self.serve(host)
+        self.prepare(protocol="auto", server=self.host)
+        for name, value in (("DebugOutput", "0x103"), ("LogonTTL", "1440"), ("Heartbeat", "1440")):
+            self.ctl("settings", "set", name, value)
+        self.ctl("settings", "set", "--type", "dword", LOG_SIZE, str(128 * 1024))
+        self.start_feed()
+        self.start_agent()
+
+    def run_program(self, name, *arguments):
+        with open(self.said if name == "keldwick" else f"{self.root}/feed.err", "ab") as errors:
+            program = subprocess.Popen([f"{BIN}/{name}", *arguments], stderr=errors, stdout=subprocess.DEVNULL, env={
+                **os.environ, "KELDWICK_ROOT": self.root, "NOTIFY_SOCKET": f"{self.root}/notify",
+                "ASAN_OPTIONS": os.environ.get("ASAN_OPTIONS", "") + ":quarantine_size_mb=1"})
+        self.agents.append(program)
+        return program
+
+    def start_agent(self):
+        """As a service, whose manager hears what it is told."""
+        while select.select([self.manager], [], [], 0)[0]:
+            self.manager.recv(4096)
+        follows, self.baseline = self.model.follows, None
+        self.agent = self.run_program("keldwick")
+        self.until(lambda: self.model.follows > follows, "the agent follows the log")
+        self.resume()
+
+    def start_feed(self):
+        self.feed = self.run_program("keldwickctl", "feed", "samba-audit", self.audit)
+
+    def serve(self, host):
+        self.servers[host] = Server(host, tls_files=self.tls, reply=self.reply)
+
+    def end_server(self, host):
+        with self.model.answering:
+            self.servers.pop(host).close()
+
+    def die(self):
+        self.model.trouble = True
+        self.end_server(self.host)
+
+    def reply(self, connection, _request, fields):
+        """Answers as the script says next. What became of a good answer is known only after it."""
+        verdict, whole = self.script.popleft() if self.script else "good", answer(fields["id"])
+        request = fields["kind"], fields["user"][0], fields["address"]
+        if verdict in ("good", "slow"):
+            time.sleep(self.slow if verdict == "slow" else 0)
+            with self.model.answering:
+                try:
+                    connection.sendall(whole)
+                    self.model.received.append(("good", *request))
+                except OSError:
+                    self.model.received.append(("lost", *request))
+            return
+        with self.model.answering:
+            self.model.received.append((verdict, *request))
+        if verdict == "late":
+            time.sleep(20.7)
+        if verdict == "split":
+            connection.sendall(whole[:5])
+            time.sleep(0.003)
+        said = {"late": whole, "split": whole[5:], "closing": whole, "garbage": b"\xff" * 14, "foreign": answer(fields["id"] + 1)}
+        connection.sendall(said.get(verdict, b""))  # to "stalls", nothing
+        if verdict == "resets":
+            connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+            connection.close()
+        elif verdict in ("closing", "closes"):
+            connection.shutdown(socket.SHUT_RDWR)
+
+    # What is written.
+
+    def new(self, source, count=1, **changes):
+        """Records of new people at one of few addresses, so that most replace somebody."""
+        records = []
+        for _ in range(count):
+            self.number += 1
+            fields = {"user": f"CORP\\u{self.number}", "ip": f"10.5.0.{self.random.randrange(1, 60)}",
+                      "computer": f"CORP\\WS{self.number}", "source": source, **changes}
+            records.append(Record(**fields))
+        return records
+
+    def again(self, source):
+        """Somebody who is there logs on once more; once between two waits, since renewals show not which event they are of."""
+        there = sorted(set(self.model.table) - self.asked)
+        if not there or self.random.random() > 0.3:
+            return self.new(source)
+        ip = self.random.choice(there)
+        self.asked.add(ip)
+        return self.new(source, ip=ip, user=self.model.table[ip][0])
+
+    def write(self, records, unheard=False):
+        """Straight into the log, by one import. Unheard: nobody follows, so none of them may ever be reported."""
+        events = ""
+        for record in records:
+            events += xml(record.user.split("\\")[1], record.ip, record.computer.split("\\")[1])
+            if not unheard:
+                self.model.wrote(record)
+        self.ctl("events", "import", "-", text=f"<Events>{events}</Events>")
+
+    def say(self, records):
+        """By the controller's audit log, which the feed follows."""
+        with open(self.audit, "a", encoding="utf-8") as file:
+            for record in records:
+                self.model.wrote(record)
+                file.write(authentication(record.user.split("\\")[1], record.ip, workstation=record.computer.split("\\")[1]))
+
+    def burst(self, count):
+        """Logons by both ways, some of people who are there, and one that is nobody's."""
+        for source, put in (("feed", self.say), ("log", self.write)):
+            put([record for _ in range(count // 2)
+                 for record in (self.again(source) if self.model.gap is None else self.new(source))])
+        self.write(self.new("log", user="CORP\\WS9$"), unheard=True)
+
+    # Waiting and checking.
+
+    def listen(self):
+        for text in self.log_messages.new():
+            self.heard.append(text)
+            self.model.hear(text)
+        for server in self.servers.values():
+            while not server.requests.empty():
+                fields = server.requests.get()[1]
+                if "bad" in fields:
+                    raise Violation(f"a request cannot be decoded: {fields['bad']}")
+
+    def wait(self, condition, patience):
+        end = time.monotonic() + patience
+        while time.monotonic() < end:
+            self.listen()
+            if condition():
+                return True
+            if self.agent.poll() is not None and not self.model.trouble:
+                raise Violation(f"the agent ended with {self.agent.returncode}")
+            time.sleep(0.01)
+        return False
+
+    def until(self, condition, what):
+        if not self.wait(condition, self.patience):
+            raise Violation(f"never came within {self.patience} s: {what}")
+
+    def until_heard(self, text, since):
+        self.until(lambda: any(text in each for each in self.heard[since:]), text)
+
+    def may_lose(self, records=None):
+        """From here to resume() records may be lost as one run; so may these, or else what the feed has yet to write."""
+        self.model.open_gap([each for each in self.model.pending if each.source == "feed"] if records is None else records)
+
+    def resume(self):
+        """Closes the gap as soon as a record is reported again."""
+        if self.model.gap is None:
+            self.may_lose()
+        end = time.monotonic() + self.patience
+        probe = []
+        while not probe or not self.wait(lambda: probe[0].outcome, 1):
+            if time.monotonic() > end:
+                raise Violation("the agent does not go on")
+            probe = self.new("log")
+            self.write(probe)
+        gap = self.model.close_gap()
+        self.model.trouble = False
+        self.settle()
+        self.model.settle_gap(gap)
+
+    def settle(self, probes=True):
+        """Until everything that must have an outcome has one."""
+        if probes:
+            self.write(self.new("log"))
+            self.say(self.new("feed"))
+        self.until(lambda: not self.model.missing(), f"the outcome of one of {len(self.model.missing())} records")
+        self.asked.clear()
+
+    def until_same(self, what, wanted, got):
+        """Both are asked until they agree."""
+        self.assertTrue(self.wait(lambda: wanted() == got(), 80), f"{what}: {wanted()} wanted, {got()} found")
+
+    def check_identities(self):
+        """The list is right within 80 s even if its last writing took long."""
+        def listed():
+            identities = map(json.loads, self.ctl("identities", "--json").splitlines())
+            return {each["address"]: (each["user"], each["computer"]) for each in identities}
+        self.until_same("identities", lambda: self.model.table, listed)
+
+    def check(self):
+        self.script.clear()
+        self.settle()
+        self.until_same("requests that messages tell of", lambda: len(self.model.received), lambda: self.model.heard)
+        self.check_identities()
+        if self.baseline is None:
+            self.baseline = self.resources()
+        self.until_same("descriptors, threads, memory to spare", lambda: (*self.baseline[:2], True),
+                        lambda: (*self.resources()[:2], self.resources()[2] <= self.baseline[2] + self.margin()))
+
+    def resources(self):
+        kinds = collections.Counter()
+        for each in os.listdir(f"/proc/{self.agent.pid}/fd"):
+            with contextlib.suppress(FileNotFoundError):
+                kinds[re.sub(r"\d+", "N", os.readlink(f"/proc/{self.agent.pid}/fd/{each}"))] += 1
+        with open(f"/proc/{self.agent.pid}/status") as file:
+            status = dict(line.split(":", 1) for line in file)
+        return kinds, int(status["Threads"]), int(status["VmRSS"].split()[0])
+
+    def margin(self):
+        """KiB that the memory may grow; sanitizers keep what was freed."""
+        with open(f"/proc/{self.agent.pid}/status") as file:
+            reserved = int(re.search(r"VmSize:\s+(\d+)", file.read())[1])
+        return 256 * 1024 if reserved > 1 << 30 else 1024  # nothing else reserves a tebibyte
+
+    def poke(self):
+        """Ends the agent's pause between two attempts: another protocol, which every server speaks."""
+        self.protocol = 0 if self.protocol else 1
+        self.may_lose()
+        self.ctl("settings", "set", "IdentProtocol", str(self.protocol))
+        self.resume()
 
 
 class Soak(Machine):
-    def step_logons(self):
-        self.burst(30)
-
     def step_server_dies(self):
         self.slow = 0.02
         self.script.extend(["slow"] * 20)
         self.burst(12)
         time.sleep(self.random.random() / 5)
-        self.die(self.host)
+        self.die()
         self.write(self.new("log", 6))
         time.sleep(self.random.random())
         self.script.clear()
         self.serve(self.host)
         self.poke()
 
-    def step_server_stalls(self):
-        self.script.append("stalls")
-        self.burst(6)
-
-    def step_server_answers_late(self):
+    def step_server_answers_slowly(self):
         self.slow = self.random.uniform(0.2, 1.5)
         self.script.extend(["slow", "good", "slow"])
         self.burst(6)
 
-    def step_server_answers_too_late(self):
-        self.script.append("late")
-        self.burst(6)
-
     def step_server_answers_wrongly(self):
-        for verdict in self.random.sample(["garbage", "foreign", "split", "closing", "closes", "resets"], 6):
+        verdicts = ["garbage", "foreign", "split", "closing", "closes", "resets"]
+        if OPTIONS.minutes >= 3:
+            verdicts += ["stalls", "late"]  # each takes more than twenty seconds
+        for verdict in self.random.sample(verdicts, len(verdicts)):
             self.script.append(verdict)
             self.burst(4)
             self.settle()
@@ -75,10 +298,17 @@ class Soak(Machine):
         self.until_heard(f"Connected to Identity server = \"{self.host}\"", since)
         self.resume()
 
-    def step_protocol_changes(self):
-        self.burst(6)
-        self.settle()
-        self.poke()
+    def step_settings_by_hand_in_pieces(self):
+        since, minutes, path = len(self.heard), self.random.randrange(1000, 2000), f"{self.root}/registry.reg"
+        with open(path) as file:
+            text = re.sub(r'"Heartbeat"=dword:\w+', f'"Heartbeat"=dword:{minutes:08x}', file.read())
+        cut = self.random.randrange(1, self.random.choice([120, len(text)]))  # 120: before the settings' own key is whole
+        with open(path, "w") as file:
+            file.write(text[:cut])
+            file.flush()
+            time.sleep(self.random.choice([0.002, 0.05, 0.3]))
+            file.write(text[cut:])
+        self.until_heard(f"Heartbeat interval = {minutes} (minutes)", since)
 
     def step_log_cleared(self):
         self.burst(6)
@@ -95,160 +325,25 @@ class Soak(Machine):
             self.burst(120)
             self.settle()
 
-    @contextlib.contextmanager
-    def agent_asleep(self):
-        """Stopped when it writes nothing: the list's next writing waits for a hundred times as long as the last took."""
-        self.check_identities()
-        os.kill(self.agent.pid, signal.SIGSTOP)
-        yield
-        os.kill(self.agent.pid, signal.SIGCONT)
-
     def step_log_laps_the_agent(self):
         """More than the log holds while the agent sleeps: the oldest are lost, the last are not."""
-        with self.agent_asleep():
-            self.may_lose()
-            self.write(self.new("log", 580))
-            gap = self.model.close_gap()
-            self.write(self.new("log", 20))
+        self.check_identities()  # the list's next writing waits for a hundred times as long as the last took
+        os.kill(self.agent.pid, signal.SIGSTOP)
+        self.may_lose()
+        self.write(self.new("log", 580))
+        gap = self.model.close_gap()
+        self.write(self.new("log", 20))
+        os.kill(self.agent.pid, signal.SIGCONT)
         self.settle()
         self.model.settle_gap(gap)
 
-    def step_log_damaged(self):
-        """A record that the agent has not read yet is broken: it is lost, its neighbours are not."""
-        with self.agent_asleep():
-            self.write(self.new("log", 3))
-            broken = self.new("log")
-            self.may_lose()
-            self.write(broken)
-            gap = self.model.close_gap()
-            self.write(self.new("log", 3))
-            with open(f"{self.root}/eventlog/Security.evt", "r+b") as file:
-                data = file.read()
-                begin = data.rfind(b"LfLe", 0, data.find((broken[0].user.split("\\")[1] + "\0").encode("utf-16-le"))) - 4
-                if begin > 0:  # else it lies across the ring's end
-                    file.seek(begin + self.random.choice([0, 4, 8, struct.unpack_from("<I", data, begin)[0] - 4]))
-                    file.write(b"\xa5" * 4)
-        self.settle()
-        self.model.settle_gap(gap)
-
-    def taken_up(self, ttl, heartbeat, since):
-        self.until_same("LogonTTL, Heartbeat", lambda: (ttl * 60, heartbeat * 60), lambda: (self.model.ttl, self.model.heartbeat), 20)
-        if any(text.startswith(("Ident server changed", "Identity protocol changed")) for text in self.heard[since:]):
-            raise Violation("a setting that nobody touched has changed")
-
-    def step_settings_by_tool(self):
-        since, ttl, heartbeat = len(self.heard), self.random.randrange(10, 30), self.random.randrange(3, 9)
-        self.ctl("settings", "set", "LogonTTL", str(ttl))
-        self.ctl("settings", "set", "Heartbeat", str(heartbeat))
-        self.burst(6)
-        self.taken_up(ttl, heartbeat, since)
-
-    def step_settings_by_hand_in_pieces(self):
-        self.step_settings_by_tool()
-        self.model.allowed = ("registry.reg, line",)  # the half of a file
-        since, ttl, path = len(self.heard), self.random.randrange(30, 60), f"{self.root}/registry.reg"
-        if self.random.random() < 0.5:
-            self.move_clock(61)  # the agent writes its statistics meanwhile
-            self.write(self.new("log"))
-        with open(path) as file:
-            text = re.sub(r'"LogonTTL"=dword:\w+', f'"LogonTTL"=dword:{ttl:08x}', file.read())
-        cut = self.random.randrange(1, self.random.choice([120, len(text)]))  # 120: before the settings' own key is whole
-        held, pause = self.random.random() < 0.5, self.random.choice([0.002, 0.05, 0.3])
-        with open(path, "w") as file, open(path, "a") if held else contextlib.nullcontext():
-            file.write(text[:cut])
-            file.close()
-            time.sleep(pause)
-            with open(path, "a") as rest:
-                rest.write(text[cut:])
-        self.taken_up(ttl, self.model.heartbeat // 60, since)
-        kept = re.compile(r'^"(?!Logons|ServiceTickets).*', re.M)
-        with open(path) as file:
-            if lost := set(kept.findall(text)) - set(kept.findall(file.read())):
-                raise Violation(f"settings were lost: {lost}")
-        self.listen()
-        self.model.allowed = ()
-        self.step_settings_by_tool()
-
-    def step_directory_goes(self):
-        path = f"{self.root}/directory.ldif"
-        for there in (True, False, True):
-            if there:
-                with open(path + ".new", "w") as file:
-                    file.write(DIRECTORY)
-                os.rename(path + ".new", path)
-            else:
-                os.unlink(path)
-            self.write(self.new("log", user="CORP\\known", ip=self.lone_address(6), dn=KNOWN if there else ""))
-            self.settle()
-        os.unlink(path)
-
-    def step_name_server_goes(self):
-        if self.name_server is None:
-            return
-        for silent in (False, True, False):
-            self.name_server.silent, begun, records = silent, time.monotonic(), []
-            for _ in range(8):
-                ip = self.lone_address(7)
-                records += self.new("log", ip=ip, computer="" if silent else "CORP\\pc-" + ip[3:].replace(".", "-"))
-            self.write(records, workstation="-")
-            self.settle()
-            if silent and time.monotonic() - begun > 4 * LOOK_UP:
-                raise Violation(f"8 logons took {time.monotonic() - begun:.1f} s while the name server is silent")
-            if silent:
-                time.sleep(10.5 + LOOK_UP)  # then it is asked again
-
-    def next_sweep(self, seconds):
-        """Moves the clock, and waits for the sweep that is due then."""
-        sweeps = self.model.sweeps
-        self.move_clock(seconds)
-        self.burst(4)
-        self.until(lambda: self.model.sweeps > sweeps, "a sweep", 20)
-        self.settle()
-
-    def step_clock_forward_to_heartbeats(self):
-        self.step_settings_by_tool()
-        self.next_sweep(self.model.heartbeat + 70)
-        self.next_sweep(70)  # none is due
-
-    def step_clock_forward_to_expiry(self):
-        for _ in range(2):  # who logs on in between stays
-            self.next_sweep(self.model.ttl * 3 // 5)
-            self.burst(16)
-            self.settle()
-        self.next_sweep(70)
-        self.until_same("statistics", lambda: self.model.swept_size,
-                        lambda: int(self.ctl("settings", "get", "Statistics\\Logons").split()[0]), 5)
-
-    def step_clock_back(self):
-        self.next_sweep(3 * 3600)
-        self.next_sweep(-self.random.randrange(600, 7200))
-
-    def step_disk_full(self):
-        """What cannot be written is not reported; all else is as before when there is room again."""
-        if not self.small_disk:
-            return
-        self.settle()
-        self.model.allowed = ("Unable to write the list", "Unable to set registry")
-        with open(f"{self.root}/filler", "wb", buffering=0) as file, contextlib.suppress(OSError):
-            while file.write(b"x" * 65536):
-                pass
-        self.say(self.new("feed", 3))
-        record = self.new("log")
-        if self.write(record, code=None) != 0:
-            self.model.pending.remove(record[0])
-        self.ctl("settings", "set", "LogonTTL", "45", code=None)
-        self.move_clock(61)
-        time.sleep(self.random.random() * 2)
-        os.unlink(f"{self.root}/filler")
-        self.step_settings_by_tool()
-        self.settle()
-        self.model.allowed = ()
-
-    def away(self, mark):
+    def away(self, killed):
         """The agent is gone: what the log holds then is nobody's, but a feed waits for the next agent."""
-        self.received.add(mark)
+        self.listen()
+        self.model.ended(killed)
         self.write(self.new("log", 4), unheard=True)
         self.say(self.new("feed", 4))
+        self.start_agent()
 
     def step_agent_killed(self):
         self.burst(10)
@@ -258,29 +353,27 @@ class Soak(Machine):
         self.agent.wait()
         time.sleep(0.3)  # what was on its way arrives
         self.may_lose(list(self.model.pending))
-        self.away("killed")
-        self.start_agent()
+        self.away(True)
 
     def step_agent_stopped(self):
         """What waits then is told to be unreported, record by record."""
         self.burst(6)
         self.settle()
         if dead := self.random.random() < 0.5:
-            self.die(self.host)
+            self.die()
             self.write(self.new("log", 5))
             time.sleep(self.random.random())
-        self.model.stopping, begun = True, time.monotonic()
+        self.model.trouble, begun = True, time.monotonic()
         if self.random.random() < 0.5:
             self.agent.terminate()
         else:
             self.ctl("settings", "set", "Shutdown", "1")
-        if self.agent.wait(PATIENCE) != 0 or time.monotonic() - begun > 5:
+        if self.agent.wait(self.patience) != 0 or time.monotonic() - begun > 5:
             raise Violation(f"a stop ended with {self.agent.returncode} after {time.monotonic() - begun:.1f} s")
         self.settle(probes=False)
-        self.away("ended")
         if dead:
             self.serve(self.host)
-        self.start_agent()
+        self.away(False)
 
     def step_feed_killed(self):
         """It marks its place once a second: most of what it wrote comes before it again."""
@@ -299,72 +392,34 @@ class Soak(Machine):
         os.rename(self.audit, self.audit + ".1")
         self.say(self.new("feed", 5))
 
-    # The run.
-
-    def run(self, minutes, only=()):
+    def test_trouble_breaks_no_promise(self):
         """Every step once, in the seed's order, then again in another, until the time is over."""
-        begun, number, deck, cards = time.monotonic(), 0, [], random.Random(self.seed)
-        steps = sorted(name for name in dir(self) if name.startswith("step_") and (not only or name[5:] in only))
-        if minutes < 3 and not only:
-            steps = [name for name in steps if name not in ("step_server_stalls", "step_server_answers_too_late")]
-            self.out("    left out in so short a run: the steps that wait for an answer of 20 s")
-        self.prepare()
-        self.check()
-        while number < len(steps) or time.monotonic() - begun < minutes * 60:
-            deck = deck or cards.sample(steps, len(steps))
-            name, number = deck.pop(), number + 1
-            self.random = random.Random(f"{self.seed} {number}")
-            self.out(f"{time.monotonic() - begun:7.1f} s  step {number}: {name[5:].replace('_', ' ')}")
-            getattr(self, name)()
+        begun, number, deck, cards = time.monotonic(), 0, [], random.Random(OPTIONS.seed)
+        steps = sorted(name for name in dir(self) if name.startswith("step_") and OPTIONS.only in ("", name[5:]))
+        print(f"seed {OPTIONS.seed}", flush=True)
+        try:
             self.check()
-            if os.path.getsize(f"{self.root}/Keldwick.log") > 4 << 20:
-                os.truncate(f"{self.root}/Keldwick.log", 0)
-                self.model.last_reported = ""
-        self.out(f"{number} steps, {self.number} records, {self.model.sweeps} sweeps; " +
-                 ", ".join(f"{count} {what}" for what, count in self.model.counts.items()))
+            while number < len(steps) or time.monotonic() - begun < OPTIONS.minutes * 60:
+                deck = deck or cards.sample(steps, len(steps))
+                name, number = deck.pop(), number + 1
+                self.random = random.Random(f"{OPTIONS.seed} {number}")
+                print(f"{time.monotonic() - begun:7.1f} s  step {number}: {name[5:].replace('_', ' ')}", flush=True)
+                getattr(self, name)()
+                self.check()
+        except AssertionError:
+            print("\n".join(["the agent:", *self.heard[-20:], "the servers:", *map(str, self.model.received[-8:])]))
+            print("the machine root:", shutil.copytree(self.root, self.root + ".kept", ignore_dangling_symlinks=True,
+                                                       ignore=shutil.ignore_patterns("notify")))
+            raise
+        print(f"{number} steps, {self.number} records; {dict(self.model.counts)}")
 
 
-def main(arguments):
+OPTIONS = argparse.Namespace(minutes=1, seed=7, only="")
+
+if __name__ == "__main__":
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--minutes", type=float, default=1, help="at least; every step is gone through once")
     parser.add_argument("--seed", type=int, default=int(time.time()))
-    parser.add_argument("--only", action="append", default=[], metavar="STEP", help="only these steps; may be repeated")
-    options = parser.parse_args(arguments)
-    if "SOAK_PRIVATE" not in os.environ:  # mounts of its own, where that is permitted
-        for more in ([], ["--map-root-user"]):
-            command = ["unshare", "--mount", "--propagation", "private", *more]
-            if shutil.which("unshare") and subprocess.run([*command, "true"], stderr=subprocess.DEVNULL).returncode == 0:
-                os.environ["SOAK_PRIVATE"] = "1"
-                os.execvp(command[0], [*command, sys.executable, os.path.abspath(__file__), *arguments, "--seed", str(options.seed)])
-    print(f"seed {options.seed}", flush=True)
-    soak, code = Soak(options.seed, lambda text: print(text, flush=True)), 1
-    try:
-        soak.run(options.minutes, options.only)
-        code = 0
-    except Violation as violation:
-        print(f"VIOLATION (seed {options.seed}): {violation}"[:3000])
-        for text in soak.heard[-20:]:
-            print("the agent:", re.sub(r"\s+", " ", text))
-        for verdict, fields in soak.received.items[max(0, soak.received.at - 5):soak.received.at + 3]:
-            print("a server:", verdict, fields and {name: fields.get(name) for name in ("id", "kind", "user", "address")})
-    finally:
-        soak.end()
-        if code == 0:
-            shutil.rmtree(soak.work, ignore_errors=True)
-        else:
-            shutil.copytree(soak.root, f"{soak.work}/root.kept", ignore_dangling_symlinks=True)
-            print(f"the run's folder: {soak.work}")
-        if "SOAK_PRIVATE" in os.environ:
-            subprocess.run(["umount", "-l", soak.root], capture_output=True)
-    return code
-
-
-class SoakTest(unittest.TestCase):
-    def test_a_minute_of_trouble_breaks_no_promise(self):
-        done = subprocess.run([sys.executable, os.path.abspath(__file__), "--minutes", "1", "--seed", "7"], text=True,
-                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
-        self.assertEqual(0, done.returncode, done.stdout)
-
-
-if __name__ == "__main__":
-    sys.exit(main(sys.argv[1:]))
+    parser.add_argument("--only", default="", metavar="STEP", help="only this step")
+    OPTIONS = parser.parse_args()
+    unittest.main(argv=sys.argv[:1])

@@ -8,33 +8,6 @@ import unittest
 from machine import PATIENCE, MachineTest
 from wire import Server, answer
 
-LDIF = """dn: CN=CORP,CN=Partitions,CN=Configuration,DC=corp,DC=example
-nCName: DC=corp,DC=example
-dnsRoot: corp.example
-nETBIOSName: CORP
-
-dn: CN=Ann Archer,OU=Sales,OU=West,DC=corp,DC=example
-sAMAccountName: ann
-objectSid: S-1-5-21-1-2-3-1104
-primaryGroupID: 513
-memberOf: CN=Inner,DC=corp,DC=example
-
-dn: CN=WS01,OU=Desks,DC=corp,DC=example
-sAMAccountName: WS01$
-objectSid: S-1-5-21-1-2-3-1105
-
-dn: CN=Domain Users,DC=corp,DC=example
-sAMAccountName: Domain Users
-objectSid: S-1-5-21-1-2-3-513
-
-dn: CN=Inner,DC=corp,DC=example
-sAMAccountName: inner
-memberOf: CN=Out/er,DC=corp,DC=example
-
-dn: CN=Out/er,DC=corp,DC=example
-sAMAccountName: outer
-"""
-
 
 class ManualReports(MachineTest):
     address = "127.47.0.1"
@@ -99,19 +72,6 @@ class ManualReports(MachineTest):
                 address = self.local_address()
                 self.assertEqual([wanted], [(request["user"][0], request["computer"][0]) for request in got])
                 self.assertIn(self.names(address, *wanted), self.log())
-
-    def test_what_the_directory_knows_is_on_the_wire(self):
-        with open(f"{self.root}/directory.ldif", "w", encoding="utf-8") as file:
-            file.write(LDIF)
-        got = self.report("-REPORT_LOGOFF", "-USER_NAME", "CORP\\ann", "-COMPUTER_NAME", "CORP\\WS01", server=self.serve())
-        self.local_address()
-        self.assertEqual(["logon", "logoff"], [request["kind"] for request in got])
-        for request in got:
-            self.assertEqual(("CORP\\ann", "CN=Ann Archer,OU=Sales,OU=West,DC=corp,DC=example", "Sales.West"), request["user"])
-            self.assertEqual(("CORP\\WS01", "CN=WS01,OU=Desks,DC=corp,DC=example", "Desks"), request["computer"])
-            self.assertEqual([("CORP\\Domain Users", "CN=Domain Users,DC=corp,DC=example"),
-                              ("CORP\\inner", "CN=Inner,DC=corp,DC=example"),
-                              ("CORP\\outer", "CN=Out/er,DC=corp,DC=example")], request["groups"])
 
     def test_a_refused_heartbeat_keeps_no_logoff_back_but_a_refused_logon_ends_the_run(self):
         refused = []

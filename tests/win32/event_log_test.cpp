@@ -99,24 +99,6 @@ TEST_F(EVENT_LOG_CALLS, ALogWhoseNameCannotBeLookedAtIsReadOn) {
     EXPECT_EQ(Range(3, 3), ReadOnce(reader.get(), Forwards).ids);
 }
 
-TEST_F(EVENT_LOG_CALLS, AManualResetEventWakesOneWaitForEachChangeAndThenNoMore) {
-    MakeLog();
-    const LOG log = OpenLog();
-    const OWNED_HANDLE changed(ManualEvent());
-    ASSERT_TRUE(NotifyChangeEventLog(log.get(), changed));
-    DWORD seen = 0;
-    for (DWORD id = 1; id <= 20; ++id) {
-        ASSERT_TRUE(Append(id, 1));
-        ASSERT_TRUE(IsSet(changed, SoonEnough));
-        seen += static_cast<DWORD>(ReadAll(log.get(), Forwards).ids.size());
-    }
-    EXPECT_EQ(20u, seen);
-    EXPECT_FALSE(IsSet(changed)) << "the wake-up was used up";
-    ASSERT_TRUE(ClearLogFile(Path(), SmallestLog));
-    EXPECT_TRUE(IsSet(changed, SoonEnough));
-    EXPECT_EQ(DWORD{ERROR_EVENTLOG_FILE_CHANGED}, ReadOnce(log.get(), Forwards).error);
-}
-
 TEST_F(EVENT_LOG_CALLS, ALockThatAnotherKeepsFailsReadsAndWritesInTime) {
     MakeLog(3);
     const LOG log = OpenLog();

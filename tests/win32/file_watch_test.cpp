@@ -43,28 +43,6 @@ protected:
     }
 };
 
-TEST_F(FileWatch, EveryWayToChangeAFileIsTold) {
-    namespace fs = std::filesystem;
-    const std::string path = root.Path("watched"), aside = root.Path("aside");
-    SIGNALLED_WATCH watch(path), barrier(root.Path("barrier"));
-    const auto write = [&](const char* text) { root.Write("watched", text); };
-    const std::pair<const char*, std::function<void()>> cases[] = {
-        {"created and written", [&] { write("one"); }},
-        {"written in place", [&] { write("two"); }},
-        {"replaced by a rename", [&] { root.Write("aside", "three"), fs::rename(aside, path); }},
-        {"written after the rename", [&] { write("four"); }},
-        {"renamed away", [&] { fs::rename(path, aside); }},
-        {"created in its place", [&] { write("five"); }},
-        {"written, the new one", [&] { write("six"); }},
-        {"removed", [&] { fs::remove(path); }},
-    };
-    for (const auto& [name, act] : cases) {
-        // The second call comes with a later batch of events: what went before the first has then been told.
-        for (int i = 0; i < 2; ++i) ASSERT_TRUE(barrier.Tells([&] { root.Write("barrier", "x"); }));
-        EXPECT_TRUE(watch.Tells(act)) << name;
-    }
-}
-
 TEST_F(FileWatch, WhatInotifyRefusesIsPolledAndSaidOnce) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");  // the process says it once
     const struct {

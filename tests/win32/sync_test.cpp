@@ -1,9 +1,5 @@
 // What the layer's events and threads do beyond the calls.
 #include <process.h>
-#include <pthread.h>
-#include <sched.h>
-
-#include <atomic>
 
 #include "tests/support/no_descriptors.h"
 #include "tests/win32/fixture.h"
@@ -43,26 +39,6 @@ TEST(Threads, ThatCannotBeStartedAreReported) {
         EXPECT_EQ(ERROR_TOO_MANY_OPEN_FILES, GetLastError());
     }
     EXPECT_EQ("Keldwick: a thread cannot be started: Too many open files\n", testing::internal::GetCapturedStderr());
-}
-
-std::atomic<int> cleanedUp;
-
-// What a library does that keeps something for each thread; slowly.
-void CleanUp(void* slot) {
-    for (int i = 0; i < 1000; ++i) sched_yield();
-    ++cleanedUp;
-    if (cleanedUp < 2) pthread_setspecific(*static_cast<pthread_key_t*>(slot), slot);
-}
-
-TEST(Threads, AreGoneWithAllThatLibrariesKeepForThemWhenSignalled) {
-    pthread_key_t key;
-    ASSERT_EQ(0, pthread_key_create(&key, CleanUp));
-    const auto leave = [](void* slot) -> unsigned {
-        return static_cast<unsigned>(pthread_setspecific(*static_cast<pthread_key_t*>(slot), slot));
-    };
-    EXPECT_TRUE(IsSet(OWNED_HANDLE(Start(leave, &key)), SoonEnough));
-    EXPECT_EQ(2, cleanedUp);
-    pthread_key_delete(key);
 }
 
 }  // namespace
