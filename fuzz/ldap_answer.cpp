@@ -84,6 +84,7 @@ struct SERVER {
                    "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Vantorel Systems\\Keldwick\\Linux]\r\n\"DirectoryUri\"=\"" +
                        uri + "\"\r\n\"DirectoryCaFile\"=\"/none\"\r\n");
         ldap.entries["CN=Ann,DC=corp"] = {{"sAMAccountName", {"ann"}}, {"memberOf", {"CN=G,DC=corp"}}};
+        ldap.entries["CN=G,DC=corp"] = {{"sAMAccountName", {"g"}}, {"memberOf", {"CN=Ann,DC=corp", "CN=H"}}};
     }
 };
 
@@ -139,6 +140,10 @@ void OpenObject(const std::u16string& user) {
         if (read != (std::find(types.begin(), types.end(), value.vt) != types.end())) std::abort();
         VariantClear(&value);
     }
+    IADs* group = nullptr;  // fetched ahead by now, or asked for by itself
+    if (SUCCEEDED(OpenDirectoryPath(u"LDAP://CN=G,DC=corp", user.c_str(), u"p", ADS_SECURE_AUTHENTICATION, IID_IADs,
+                                    reinterpret_cast<void**>(&group))))
+        group->Release();
     object->Release();
 }
 

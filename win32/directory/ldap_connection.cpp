@@ -375,9 +375,9 @@ int LDAP_CONNECTION::Send(const std::string& base, int scope, const std::string&
 }
 
 // Takes the messages of all searches as they come, until the one of that number is answered: the library would hold
-// whatever a server sends. The time that an answer may take begins again with each answer to a search sent ahead: a
-// server that takes its time for each is as good as one that is asked one by one. Result: the library's code,
-// LDAP_DECODING_ERROR for more than was asked for.
+// whatever a server sends. The time that an answer may take begins again with each answer to what was sent before, 63
+// at most: a server that takes its time for each is as good as one that is asked one by one. Result: the library's
+// code, LDAP_DECODING_ERROR for more than was asked for.
 int LDAP_CONNECTION::Receive(int number, std::vector<DIRECTORY_ENTRY>& found) {
     auto end = std::chrono::steady_clock::now() + LdapAnswerTime;
     for (;;) {
@@ -403,7 +403,7 @@ int LDAP_CONNECTION::Receive(int number, std::vector<DIRECTORY_ENTRY>& found) {
             if (receiver) receiver(answered, isThere ? &answer.found[0] : nullptr);
             if (answered == number) return LDAP_SUCCESS;
             if (broken) return LDAP_SERVER_DOWN;
-            end = std::chrono::steady_clock::now() + LdapAnswerTime;
+            if (answered < number) end = std::chrono::steady_clock::now() + LdapAnswerTime;
         } else if (answered == number) {
             found = std::move(answer.found);
             return code;

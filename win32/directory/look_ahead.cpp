@@ -67,7 +67,7 @@ bool LOOK_AHEAD::IsAskedAgain(const std::string& name) {
 }
 
 void LOOK_AHEAD::KeepFound(const std::string& key, const DIRECTORY_ENTRY& entry) {
-    if (IsPart(entry)) return;
+    if (IsPart(entry) || entry.Bytes() > MaxKeptBytes) return;
     report.found = std::make_shared<LOOK_AHEAD>(key);
     report.found->given = entry;
 }
@@ -89,19 +89,21 @@ void LOOK_AHEAD::Hold(const std::shared_ptr<LOOK_AHEAD>& held) { report.held = h
 HRESULT LOOK_AHEAD::Take(OPEN_CONNECTION& asked, const std::string& dn, DIRECTORY_ENTRY& entry) {
     if (dn.empty()) return S_FALSE;
     if (dn != givenFor && dn != given.dn) {
-        READING* const reading = Add(dn);
-        if (reading == nullptr) return S_FALSE;
-        READINGS::value_type& place = *readings.find(dn);
-        if (reading->state == READING::STATE::WAITING && (&asked != readsOn || !Send(place))) return S_FALSE;
-        if (reading->state == READING::STATE::SENT) {
-            const HRESULT result = asked.ldap.Await(reading->number);
+        READINGS::value_type* const known = Add(dn);
+        if (known == nullptr) return S_FALSE;
+        READING& reading = known->second;
+        const bool isReading = &asked == readsOn;
+        if (reading.state == READING::STATE::WAITING && (!isReading || !Send(*known)))
+            reading.state = READING::STATE::OVER;
+        if (reading.state == READING::STATE::SENT && isReading) {
+            const HRESULT result = asked.ldap.Await(reading.number);
             if (FAILED(result)) return result;
         }
-        if (reading->state != READING::STATE::ARRIVED) return S_FALSE;
-        reading->state = READING::STATE::OVER;
-        bytes -= std::exchange(reading->bytes, 0);
+        if (reading.state != READING::STATE::ARRIVED) return S_FALSE;
+        reading.state = READING::STATE::OVER;
+        bytes -= std::exchange(reading.bytes, 0);
         givenFor = dn;
-        given = std::exchange(reading->entry, {});
+        given = std::exchange(reading.entry, {});
     }
     entry = given;
     return S_OK;
@@ -131,13 +133,13 @@ bool LOOK_AHEAD::GiveBack(CONNECTION& used) {
     return true;
 }
 
-LOOK_AHEAD::READING* LOOK_AHEAD::Add(const std::string& dn) {
-    if (const auto known = readings.find(dn); known != readings.end()) return &known->second;
+LOOK_AHEAD::READINGS::value_type* LOOK_AHEAD::Add(const std::string& dn) {
+    if (const auto known = readings.find(dn); known != readings.end()) return &*known;
     if (dn.size() > MaxDnBytes || bytes + dn.size() + BytesOfReading > MaxKeptBytes) return nullptr;
     bytes += dn.size() + BytesOfReading;
-    READINGS::value_type& added = *readings.try_emplace(dn).first;
-    waiting.push_back(&added);
-    return &added.second;
+    READINGS::value_type* const added = &*readings.try_emplace(dn).first;
+    waiting.push_back(added);
+    return added;
 }
 
 void LOOK_AHEAD::AddGroupsOf(const DIRECTORY_ENTRY& object) {

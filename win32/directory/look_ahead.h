@@ -68,7 +68,7 @@ private:
     };
     using READINGS = std::unordered_map<std::string, READING>;
 
-    READING* Add(const std::string& dn);
+    READINGS::value_type* Add(const std::string& dn);  // null: it would be too much
     void AddGroupsOf(const DIRECTORY_ENTRY& object);
     bool Send(READINGS::value_type& reading);
     void SendWaiting();
