@@ -48,6 +48,12 @@ class ServerTest(unittest.TestCase):
                 left -= len(got)
         self.assertEqual(0, left)
 
+    def until(self, condition):
+        end = time.monotonic() + PATIENCE
+        while not condition():
+            self.assertLess(time.monotonic(), end)
+            time.sleep(0.01)
+
     def logon(self, number, kind="logon"):
         name = f"user{number:05}"
         return encode(number + 1, f"10.0.{number >> 8}.{number & 255}", (f"CORP\\{name}", f"CN={name},OU=People", "OU=People"),
@@ -210,15 +216,14 @@ class Http(ServerTest):
                 except OSError:
                     pass  # it was ended to make room
             self.report(*map(self.logon, range(3000)))
-            until = time.monotonic() + PATIENCE
-            while json.loads(self.get("/api/identities?limit=1", source=stranger)[1])["total"] < 3000:
-                self.assertLess(time.monotonic(), until)
+            self.until(lambda: json.loads(self.get("/api/identities?limit=1", source=stranger)[1])["total"] >= 3000)
         finally:
             for each in clients:
                 each.close()
 
     def test_what_programs_ask_for_fits_together(self):
         self.report(*map(self.logon, range(40)), *(self.logon(number, "heartbeat") for number in range(5)))
+        self.until(lambda: self.get("/api/agents")[1].count('"reports":45,') == 1)  # the page learns of them after their answers
         answer = json.loads(self.get("/api/identities?search=user000&sort=address&order=asc&limit=7&offset=14")[1])
         self.assertEqual([f"CORP\\user{number:05}" for number in range(14, 21)], [each["user"] for each in answer["identities"]])
         self.assertEqual(21, answer["next"])

@@ -93,7 +93,9 @@ class Programs(MachineTest):
         for program, arguments, wanted in (
                 ("keldwickctl", ["nonsense"], 2), ("keldwickctl", ["settings", "get", "IdentServer"], 1),
                 ("keldwickctl", ["events", "import", f"{self.root}/missing.evtx"], 1),
-                ("keldwick-server", ["--tcp-port", "x"], 2), ("keldwick-server", ["--cert", "/missing"], 1)):
+                ("keldwick-server", ["--tcp-port", "x"], 2), ("keldwick-server", ["--cert", "/missing"], 1),
+                ("keldwick-server", ["--http", "0"], 2), ("keldwick-server", ["--http", "localhost:8306"], 2),
+                ("keldwick-server", ["--http", "::1:8306"], 2), ("keldwick-server", ["--http-name", "who.example"], 2)):
             with self.subTest(program=program, arguments=arguments):
                 code, _, error = self.run_program(program, *arguments)
                 self.assertEqual(wanted, code, error)

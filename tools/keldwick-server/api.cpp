@@ -20,7 +20,7 @@ constexpr size_t BriefText = 256;
 constexpr size_t MostSearch = 200;     // bytes that are searched for
 constexpr size_t MostFieldBytes = 64;  // shown of one field
 constexpr size_t MostFieldText = 1024;
-constexpr size_t MostNewReports = 50;  // in one event
+constexpr size_t MostNewReports = 25;  // in one event
 constexpr int SecondsAtFirst = 120;
 constexpr size_t MostAgents = 1000;
 

@@ -147,7 +147,9 @@ int Serve(int count, char** texts) {
     const std::string place = "listening on " + arguments.server.host + " port ";
     if (server.TcpPort() != 0) Complain(place + std::to_string(server.TcpPort()) + " (TCP)");
     if (server.TlsPort() != 0) Complain(place + std::to_string(server.TlsPort()) + " (TLS)");
-    if (page) Complain("the page is at " + page->Url());
+    const std::string& host = arguments.http.host;
+    const bool own = host.starts_with("127.") || host == "::1";
+    if (page) Complain("the page is at " + page->Url() + (own ? "" : "; whoever reaches it sees who is where"));
     server.Run(stop.Get());
     return 0;
 }

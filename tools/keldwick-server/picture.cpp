@@ -26,9 +26,9 @@ std::string AddressKey(const std::string& address) {
 
 // Whether it was another text.
 bool Assign(std::string& text, std::u16string_view value) {
-    std::string converted = win32::ToUtf8(value);
+    const std::string converted = win32::ToUtf8(value);
     if (converted == text) return false;
-    text = std::move(converted);
+    text = std::string(converted);  // with no more memory than it needs
     return true;
 }
 
