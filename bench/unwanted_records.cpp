@@ -104,7 +104,7 @@ public:
         std::filesystem::create_directories(root + "/eventlog");
         win32::EVT_WRITER writer;
         const std::vector<DWORD> buffer = Records();
-        bool written = writer.Open(path, win32::DefaultMaxSize);
+        bool written = win32::CreateLogFile(path, win32::DefaultMaxSize) && writer.Open(path, win32::DefaultMaxSize);
         for (size_t i = 0; i < LogBuffers; ++i)
             Walk(buffer, [&](const EVENTLOGRECORD& record) { written = written && writer.Append(record); });
         if (!written || !writer.Flush()) std::abort();
