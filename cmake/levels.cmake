@@ -49,7 +49,7 @@ keldwick_level(protocol FOLDER protocol LINKS agent_directory agent_component)
 keldwick_level(identity_tables FOLDER identity LINKS agent_protocol FILES identities identity_file identity_tables)
 keldwick_level(eventlog FOLDER eventlog LINKS agent_identity_tables PRIVATE record_dump)
 keldwick_level(identity_handlers FOLDER identity LINKS agent_eventlog PRIVATE logon_steps
-  FILES account_logon handlers local_logon logon logon_steps service_ticket)
+  FILES account_logon handlers local_logon logon logon_steps logon_strings service_ticket)
 keldwick_level(service FOLDER service LINKS agent_identity_handlers PRIVATE initialize service_main service_worker threads
   FILES entry initialize service_main service_worker threads)
 

@@ -38,8 +38,8 @@ class Feeds(MachineTest):
         super().setUp()
         self.file = f"{self.root}/audit.jsonl"
 
-    def feed(self, *arguments, stdin=subprocess.PIPE):
-        process = subprocess.Popen([f"{BIN}/keldwickctl", "--root", self.root, "feed", *arguments], stdin=stdin,
+    def feed(self, *arguments, stdin=subprocess.PIPE, command="feed"):
+        process = subprocess.Popen([f"{BIN}/keldwickctl", "--root", self.root, command, *arguments], stdin=stdin,
                                    stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
         self.agents.append(process)
         return process
@@ -143,6 +143,24 @@ class Feeds(MachineTest):
         feed = self.feed("samba-audit", self.file)
         self.assertEqual(hosts, [self.server.next()["address"] for _ in hosts])
         self.assertIn("2000 records written", self.end(feed))
+        self.shut_down(agent)
+
+    def test_an_import_waits_for_the_agent_and_goes_no_faster_than_it_reads(self):
+        self.ctl("init", "--server", self.address)
+        self.ctl("settings", "set", "--type", "dword", LOG_SIZE, "65536")  # room for some 120 records
+        self.ctl("events", "clear")
+        hosts = [f"10.2.0.{number}" for number in range(250)] * 2
+        with open(self.file, "w", encoding="utf-8") as file:
+            file.write("".join(xml(f"u{number}", host) for number, host in enumerate(hosts)))
+        waiting = self.feed("import", "--wait", self.file, command="events")
+        self.hear(waiting, "waiting for the agent, which does not run")
+        agent = self.serve()
+        for number, host in enumerate(hosts):
+            if number >= 250:
+                self.assertEqual("logoff", self.server.next()["kind"])
+            self.assertEqual(("logon", host), [(got["kind"], got["address"]) for got in [self.server.next()]][0])
+        said, _ = waiting.communicate(timeout=PATIENCE)
+        self.assertIn("500 events imported", said)
         self.shut_down(agent)
 
     def test_what_comes_while_the_agent_does_not_follow_waits_for_it_through_rotation(self):

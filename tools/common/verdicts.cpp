@@ -1,7 +1,7 @@
 #include "tools/common/verdicts.h"
 
 #include "directory/name_translation.h"
-#include "identity/logon_steps.h"
+#include "identity/logon_strings.h"
 #include "platform/ip_address.h"
 #include "win32/text/utf.h"
 

@@ -2,9 +2,11 @@
 
 #include <simdjson.h>
 
+#include <algorithm>
+#include <bit>
+#include <cstdint>
 #include <cstring>
 #include <deque>
-#include <functional>
 #include <new>
 #include <vector>
 
@@ -17,9 +19,20 @@ namespace ondemand = simdjson::ondemand;
 
 constexpr size_t MostNamed = 6;      // objects within each other whose values have names
 constexpr size_t LongestName = 200;  // bytes; longer than any that is asked for
-constexpr size_t Slots = 4096;       // a power of 2, well above the most values
+constexpr size_t Slots = 4096;       // as HashOf gives numbers; well above the most values
 
 std::string_view Trimmed(std::string_view token) { return token.substr(0, token.find_last_not_of(" \t\r\n") + 1); }
+
+// Of a name's length, first and last bytes, which tell all that are asked for apart but a few.
+size_t HashOf(std::string_view name) {
+    constexpr size_t Width = sizeof(uint64_t);
+    uint64_t first = 0, last = 0;
+    const size_t bytes = std::min(name.size(), Width);
+    std::memcpy(&first, name.data(), bytes);
+    std::memcpy(&last, name.data() + name.size() - bytes, bytes);
+    const uint64_t mixed = (first ^ std::rotl(last, 23) ^ name.size()) * 0x9E3779B97F4A7C15;
+    return static_cast<size_t>(mixed >> 52);
+}
 
 size_t DigitsAt(std::string_view text, size_t at) {
     size_t end = at;
@@ -225,7 +238,7 @@ JSON_FIELDS::READER::FAULT JSON_FIELDS::READER::ReadName(ondemand::field& field,
 
 // The slot of that name, or the free one that it may take.
 size_t JSON_FIELDS::READER::SlotOf(std::string_view name) const {
-    size_t at = std::hash<std::string_view>()(name) % Slots;
+    size_t at = HashOf(name);
     while (slots[at].turn == turn && Name(entries[slots[at].entry]) != name) at = (at + 1) % Slots;
     return at;
 }

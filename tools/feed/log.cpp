@@ -53,22 +53,20 @@ void LOG::RecogniseFrom(unsigned long long nextRecord) {
 }
 
 bool LOG::Take(const win32::NEW_EVENT& event, std::string& reason) {
-    win32::BYTES record;
-    if (!win32::BuildRecord(event, record)) {
+    if (!win32::BuildRecord(event, built)) {
         reason = "larger than a record may be";
         return false;
     }
-    const auto& built = *reinterpret_cast<const EVENTLOGRECORD*>(record.data());
-    if (Recognise(built)) return true;
-    if (gathered && !writer.Append(built)) {
+    const auto& record = *reinterpret_cast<const EVENTLOGRECORD*>(built.data());
+    if (Recognise(record)) return true;
+    if (gathered && !writer.Append(record)) {
         if (GetLastError() == ERROR_LOG_FILE_FULL) {
             reason = "larger than the log may be";
             return false;
         }
         gathered = false;  // Flush tries again, and reports it
     }
-    bytes += record.size();
-    batch.push_back(std::move(record));
+    batch.insert(batch.end(), built.begin(), built.end());
     return true;
 }
 
@@ -89,15 +87,17 @@ bool LOG::Recognise(const EVENTLOGRECORD& record) {
 bool LOG::Flush() {
     if (batch.empty()) return true;
     TakeSize();
-    for (size_t i = 0; !gathered && i < batch.size(); ++i)
-        if (!writer.Append(*reinterpret_cast<const EVENTLOGRECORD*>(batch[i].data()))) return false;
+    for (size_t at = 0; !gathered && at < batch.size();) {
+        const auto& each = *reinterpret_cast<const EVENTLOGRECORD*>(batch.data() + at);
+        if (!writer.Append(each)) return false;
+        at += each.Length;
+    }
     gathered = writer.Flush();
     if (!gathered) return false;
+    unmarked += batch.size();
+    sincePosition += batch.size();
+    unlooked += batch.size();
     batch.clear();
-    unmarked += bytes;
-    sincePosition += bytes;
-    unlooked += bytes;
-    bytes = 0;
     return true;
 }
 

@@ -23,13 +23,13 @@ public:
     // Adds to the batch. False: no record can hold it, or the log could not; `reason` says which.
     bool Take(const win32::NEW_EVENT& event, std::string& reason);
 
-    bool Full() const { return !Empty() && bytes >= maxBatchBytes; }  // Flush before the next Take
+    bool Full() const { return !Empty() && batch.size() >= maxBatchBytes; }  // Flush before the next Take
     bool Empty() const { return batch.empty(); }
 
     // Writes the batch. False: last error says why, the log is as it was, and the batch is kept for the next try.
     bool Flush();
 
-    void Drop() { batch.clear(), bytes = 0; }  // instead of writing it, at the end
+    void Drop() { batch.clear(); }  // instead of writing it, at the end
 
     // So much was written since the last mark that it may be driven out of the log before it could be recognised.
     bool IsMarkPressing() const { return unmarked >= logBytes / 4; }
@@ -38,7 +38,7 @@ public:
 
     // So much goes into the log with the next Flush, and went there since NoteLook, that the circle might overtake a
     // reader.
-    bool IsLookDue() const { return unlooked + bytes >= logBytes / 8; }
+    bool IsLookDue() const { return unlooked + batch.size() >= logBytes / 8; }
     void NoteLook() { unlooked = 0; }
 
     // How much of the log's largest size, 0 to 1, the records from that number on take. Throws COMMAND_ERROR.
@@ -58,8 +58,8 @@ private:
     const std::string name, path;
     size_t logBytes = 0, maxBatchBytes = 0;  // the log's largest size, and what the writer surely writes as a whole
     win32::EVT_WRITER writer;
-    std::vector<win32::BYTES> batch;
-    size_t bytes = 0;                                      // of the batch
+    win32::BYTES built;                                    // the record that is taken
+    win32::BYTES batch;                                    // whole records, one after another
     size_t unmarked = 0, sincePosition = 0, unlooked = 0;  // bytes written since
     bool gathered = true;                                  // the writer holds the batch
     std::unordered_map<size_t, unsigned> known;            // records in the log that may come again, by their content

@@ -79,8 +79,6 @@ bool SplitAuditAddress(std::string_view text, std::string& address, std::string&
            inet_pton(v4 || isMapped ? AF_INET : AF_INET6, address.c_str(), bytes.data()) == 1 && bytes != unspecified;
 }
 
-SAMBA_AUDIT::SAMBA_AUDIT() : computer(OwnComputerName()) {}
-
 LINE_READER::RESULT SAMBA_AUDIT::Read(std::string_view line, win32::NEW_EVENT& event, std::string& reason) {
     const size_t indent = std::min(line.find_first_not_of(" \t\r"), line.size());
     line.remove_prefix(indent);
@@ -103,7 +101,7 @@ LINE_READER::RESULT SAMBA_AUDIT::Read(std::string_view line, win32::NEW_EVENT& e
     return result;
 }
 
-void SAMBA_AUDIT::Fill(const LOGON& logon, win32::NEW_EVENT& event) const {
+void SAMBA_AUDIT::Fill(const LOGON& logon, win32::NEW_EVENT& event) {
     const std::string_view strings[] = {
         "S-1-0-0",     "-",        "-",        "0x0",         logon.sid,     logon.account,
         logon.domain,  logon.id,   logon.type, logon.process, logon.package, logon.workstation,
@@ -116,6 +114,7 @@ void SAMBA_AUDIT::Fill(const LOGON& logon, win32::NEW_EVENT& event) const {
     event.category = LogonCategory;
     event.generated = static_cast<DWORD>(logon.time);
     event.source = u"Microsoft-Windows-Security-Auditing";
+    if (computer.empty()) computer = OwnComputerName();
     event.computer = computer;
     for (size_t i = 0; i < std::size(strings); ++i)
         win32::AssignUtf16(event.strings[i], strings[i].empty() ? "-" : strings[i]);

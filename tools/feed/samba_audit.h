@@ -24,8 +24,6 @@ class SAMBA_AUDIT final : public LINE_READER {
 public:
     static constexpr long long SessionSeconds = 60, RepeatSeconds = 2;
 
-    SAMBA_AUDIT();
-
     RESULT Read(std::string_view line, win32::NEW_EVENT& event, std::string& reason) override;
     size_t Memory() const override { return 16 * 1024 * 1024; }  // SessionSeconds of a busy controller
 
@@ -36,7 +34,7 @@ private:
     RESULT ReadAuthorization(const AUDIT& audit, LOGON& logon, std::string& reason);
     void LearnOwnAddress(const AUDIT& audit);
     const char* WhyNotFrom(const AUDIT& audit, LOGON& logon) const;
-    void Fill(const LOGON& logon, win32::NEW_EVENT& event) const;
+    void Fill(const LOGON& logon, win32::NEW_EVENT& event);
     bool SeenWithin(const LOGON& logon, long long seconds) const;
     void Remember(const LOGON& logon);
 
@@ -46,7 +44,7 @@ private:
         long long time;  // seconds since 1970, by the audit's clock
     };
     JSON_FIELDS fields;                                  // of the line
-    const std::u16string computer;                       // this one
+    std::u16string computer;                             // this one, once it was asked for
     std::unordered_map<std::string, ACCOUNT_SEEN> seen;  // by address: the last user; apart, the last computer
     std::unordered_set<std::string> own;                 // the controller's addresses, as far as lines have shown them
 };

@@ -189,8 +189,6 @@ constexpr const char* AnotherLog = "an event of another log";
 
 }  // namespace
 
-SHIPPER_JSON::SHIPPER_JSON() : computer(OwnComputerName()) {}
-
 LINE_READER::RESULT SHIPPER_JSON::Read(std::string_view line, win32::NEW_EVENT& event, std::string& reason) {
     if (line.find_first_not_of(" \t\r") == std::string_view::npos) return reason = "a blank line", SKIPPED;
     if (!fields.Read(line, reason)) return UNREADABLE;
@@ -223,6 +221,7 @@ LINE_READER::RESULT SHIPPER_JSON::Read(std::string_view line, win32::NEW_EVENT& 
     const std::string_view host = First(fields, {"winlog.computer_name", "computer_name", "Event.System.Computer",
                                                  "Computer", "computer", "Hostname", "MachineName", "host.name"});
     win32::AssignUtf16(event.source, source.empty() ? "Microsoft-Windows-Security-Auditing" : source.substr(0, 256));
+    if (host.empty() && computer.empty()) computer = OwnComputerName();
     event.computer = computer;
     if (!host.empty()) win32::AssignUtf16(event.computer, host.substr(0, 256));
     return RECORD;

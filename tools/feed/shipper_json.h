@@ -12,8 +12,6 @@ namespace tools::feed {
 // are 4624, 4634, 528, 538, 540 and 673 of the Security log; any other event is skipped.
 class SHIPPER_JSON final : public LINE_READER {
 public:
-    SHIPPER_JSON();
-
     RESULT Read(std::string_view line, win32::NEW_EVENT& event, std::string& reason) override;
 
 private:
@@ -21,7 +19,7 @@ private:
 
     JSON_FIELDS fields;  // of the line
     EVENT_XML_PARSER xmlParser;
-    const std::u16string computer;  // this one
+    std::u16string computer;  // this one, once it was asked for
 };
 
 }  // namespace tools::feed

@@ -5,6 +5,7 @@
 #include <memory>
 #include <optional>
 #include <string_view>
+#include <thread>
 
 #include "tools/common/event_logs.h"
 #include "tools/common/event_xml.h"
@@ -35,18 +36,15 @@ public:
 
     // Waits while the agent does not follow the log, or has more than half of it to read.
     void Wait() {
-        bool ready = false;
         for (feed::TROUBLE waits(console, "the wait for the agent is over");; waits.Begin(reason)) {
             const char* const why = agent.ReasonToWait(log);
             if (why == nullptr) return waits.End();
             reason = std::string("waiting for the agent, which ") + why;
-            if (signals.Wait(-1, std::chrono::steady_clock::now() + feed::AGENT_WAIT::Pause, ready))
-                throw COMMAND_ERROR("stopped while " + reason);
+            std::this_thread::sleep_for(feed::AGENT_WAIT::Pause);
         }
     }
 
 private:
-    const feed::STOP_SIGNALS signals;
     feed::CONSOLE console{30, false};
     feed::LOG log;
     feed::AGENT_WAIT agent;
