@@ -64,6 +64,12 @@ foreach(test ${system_tests})
     ENVIRONMENT "KELDWICK_BIN=${CMAKE_RUNTIME_OUTPUT_DIRECTORY};PYTHONDONTWRITEBYTECODE=1")
 endforeach()
 
+# Loaded by the tests under wine, to move the agent's clock.
+add_library(moved_clock MODULE ${PROJECT_SOURCE_DIR}/tests/system/moved_clock.cpp)
+set_target_properties(moved_clock PROPERTIES LIBRARY_OUTPUT_DIRECTORY ${CMAKE_RUNTIME_OUTPUT_DIRECTORY})
+target_compile_options(moved_clock PRIVATE -fno-sanitize=all)
+target_link_options(moved_clock PRIVATE -fno-sanitize=all)
+
 # A minute of every kind of trouble with a fixed seed; `tests/system/soak.py --help` for more of it.
 add_test(NAME system/soak COMMAND Python3::Interpreter -m unittest -v soak
   WORKING_DIRECTORY ${PROJECT_SOURCE_DIR}/tests/system)

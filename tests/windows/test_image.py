@@ -85,6 +85,18 @@ class Image(unittest.TestCase):
         self.assertLess(20, len(found))
         self.assertEqual(listed("message_table.inc", "KELDWICK_MESSAGE", r"0x[0-9A-F]{8}"), found)
 
+    def test_the_version_is_the_listed_one(self):
+        listed_values = listed("version.inc", "KELDWICK_VERSION_VALUE", r'"\w+"')
+        (table,) = [entry.StringTable for entry in self.image.FileInfo[0] if entry.Key == b"StringFileInfo"]
+        self.assertEqual({name.strip('"'): text for name, text in listed_values.items()},
+                         {name.decode(): text.decode() for name, text in table[0].entries.items()})
+        self.assertEqual(b"040904B0", table[0].LangID)
+        with open(f"{SOURCE}/platform/version_numbers.h", encoding="ascii") as file:
+            numbers = [int(number) for number in re.findall(r"DWORD \w+ = (\d+);", file.read())]
+        fixed = self.image.VS_FIXEDFILEINFO[0]
+        for high, low in ((fixed.FileVersionMS, fixed.FileVersionLS), (fixed.ProductVersionMS, fixed.ProductVersionLS)):
+            self.assertEqual(numbers, [high >> 16, high & 0xFFFF, low >> 16, low & 0xFFFF])
+
     def test_the_manifest_asks_for_the_true_version_long_paths_and_no_rights(self):
         ((number, data),) = self.resources("RT_MANIFEST")
         self.assertEqual(1, number)

@@ -1,6 +1,7 @@
 """Logons, from the record in the log to the bytes at the server, by the program with a log of the test's own
 (event_log_double.cpp), which the tool on Linux writes."""
 import os
+import struct
 import subprocess
 import unittest
 
@@ -20,6 +21,8 @@ class Logons(WineTest):
         self.server = Server(self.address)
         self.addCleanup(self.server.close)
         self.ctl("init")
+        self.clock = f"{self.home}/clock"
+        self.forward(0)
         self.write(4608, "-")  # an old record
 
     def ctl(self, *arguments):
@@ -32,9 +35,13 @@ class Logons(WineTest):
         self.write(4624, "S-1-0-0", "-", "-", "0x0", "S-1-5-21-1-2-3-1104", user, "CORP", "0x1", "3", "K", "K", "WS1", "{0}", "-",
                    "-", "0", "0x0", "-", address, "1")
 
-    def follow(self):
-        self.set(IdentServer=self.address, IdentProtocol=2, DebugOutput=LOG_VERBOSE)
-        agent = self.start_agent("-A")
+    def forward(self, minutes):
+        with open(self.clock, "r+b" if os.path.exists(self.clock) else "wb") as file:
+            file.write(struct.pack("<q", minutes * 60))
+
+    def follow(self, **settings):
+        self.set(IdentServer=self.address, IdentProtocol=2, DebugOutput=LOG_VERBOSE, **settings)
+        agent = self.start_agent("-A", KELDWICK_TEST_CLOCK=self.clock, LD_PRELOAD=f"{LINUX}/libmoved_clock.so")
         self.until_logged("PositionToEnd: FORWARDS")
         return agent
 
@@ -48,13 +55,21 @@ class Logons(WineTest):
         self.assertEqual(0, agent.wait(30))
         self.assertTrue(self.server.requests.empty())
 
-    def test_another_users_logon_replaces_the_one_before(self):
-        agent = self.follow()
+    def test_a_logon_lives_is_renewed_followed_and_expires(self):
+        agent = self.follow(Heartbeat=20, LogonTTL=60)
         self.logon("ann", "10.9.8.7")
         self.reported("logon", "ann", "10.9.8.7")
         self.logon("bob", "10.9.8.7")
         self.reported("logoff", "ann", "10.9.8.7")
         self.reported("logon", "bob", "10.9.8.7")
+        sweeps = self.log().count("Updating statistics")
+        self.forward(21)
+        self.write(4608, "-")  # wakes the worker, whose sweep is due
+        self.reported("heartbeat", "bob", "10.9.8.7")
+        self.until_logged("Updating statistics", sweeps + 1)
+        self.forward(82)  # 61 after the heartbeat
+        self.write(4608, "-")
+        self.until_logged('Logon expired: User name = "CORP\\bob", IP address = "10.9.8.7"')
         self.stop(agent)
 
     def test_a_cleared_log_is_followed_on(self):

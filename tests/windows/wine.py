@@ -87,9 +87,9 @@ class WineTest(AgentTest):
                          "code", "!errorlevel!", code=None)
         return int(re.search(r"code (\d+)", text)[1])
 
-    def start_agent(self, *arguments):
+    def start_agent(self, *arguments, **environment):
         agent = subprocess.Popen([*self.machine, f"{WINE}/wine64", f"C:\\Keldwick\\{self.programs[0]}.exe", *arguments],
-                                 env=self.environment, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                                 env={**self.environment, **environment}, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
                                  stderr=subprocess.DEVNULL)
         self.agents.append(agent)
         return agent
