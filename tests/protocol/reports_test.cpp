@@ -119,6 +119,18 @@ TEST_F(REPORT, OnlyAWholeAnswerToThisRequestCounts) {
     EXPECT_EQ("IdentityReportLogon request status = 263", lines.Take().back());
 }
 
+TEST_F(REPORT, AnAnswerTooLateSpoilsTheNextExchangeAndNoOther) {
+    AnswerEach(0, [](const std::string&) { return ""; });
+    EXPECT_FALSE(Report());
+    EXPECT_EQ("08:00:20", Time());
+    const std::string late = SCRIPTED_SERVER::GoodAnswer(Sent());
+    session->DataIn(late.data(), static_cast<int>(late.size()));
+    AnswerEach(0, [](const std::string& r) { return SCRIPTED_SERVER::GoodAnswer(r); });
+    EXPECT_FALSE(IdentityReportHeartbeat(request));
+    EXPECT_EQ("IdentityReportHeartbeat request response length = 28; 14 expected", lines.Take().back());
+    EXPECT_TRUE(IdentityReportHeartbeat(request));
+}
+
 TEST_F(REPORT, AStopOrALostConnectionEndsItAtOnce) {
     AnswerEach(0, [](const std::string&) { return ""; });
     At("08:00:05", [this] { servers[0]->HangUp(); });

@@ -69,6 +69,19 @@ TEST_F(RootFiles, ASecondNameThatGoesBeforeTheCheckDoesNotPassForTheOnlyOne) {
     EXPECT_EQ(ENOENT, errno);
 }
 
+TEST_F(RootFiles, AFileReplacedWhileItIsOpenedIsOpenedAgain) {
+    root.Write("Keldwick.log", "old");
+    afterOpen = [&, done = false]() mutable {
+        if (std::exchange(done, true)) return;
+        root.Write("fresh", "new");
+        fs::rename(root.Path("fresh"), file);
+    };
+    const win32::DESCRIPTOR opened(win32::OpenRootFile(file, O_RDONLY));
+    char bytes[4] = {};
+    EXPECT_EQ(3, read(opened.Get(), bytes, sizeof(bytes)));
+    EXPECT_STREQ("new", bytes);
+}
+
 TEST_F(RootFiles, AFolderMayBeALinkOfRootsOrOnesOwnOnly) {
     fs::create_directory_symlink(elsewhere.Path(""), root.Path("link"));
     root.Write("folder/plain", "");
