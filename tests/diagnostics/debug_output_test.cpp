@@ -1,8 +1,6 @@
 // Lines: which are wanted, how the sinks get them, and in which order.
 #include "diagnostics/debug_output.h"
 
-#include <thread>
-
 #include "tests/support/agent.h"
 
 namespace keldwick {
@@ -68,26 +66,6 @@ TEST_F(DebugOutput, AnyTextReachesTheLogAsUtf8) {
     EXPECT_EQ("\r\n\r\nKDWK: 100%s \xC3\xBC\xF0\x9F\x98\x80\r\n<\xEF\xBF\xBD>\xEF\xBF\xBD\r\n" +
                   std::string(70000, 'y') + "\r\n",
               Log());
-}
-
-TEST_F(DebugOutput, LinesOfManyThreadsStayWhole) {
-    SetDebugOutputMode(0x2);
-    constexpr int Threads = 4, Lines = 100;
-    std::vector<std::thread> threads;
-    for (int t = 0; t < Threads; ++t) {
-        threads.emplace_back([t] {
-            for (int i = 0; i < Lines; ++i) {
-                DebugPrintMasked(DEBUG_DEFER | DEBUG_RAW, TEXT("<%d"), t);
-                DebugPrintMasked(DEBUG_RAW, TEXT("%d>"), t);
-                if (i % 10 == t) SetDebugOutputMode(i % 20 == t ? 0x402 : 0x2);
-            }
-        });
-    }
-    for (std::thread& thread : threads) thread.join();
-    const std::string text = Log();
-    EXPECT_EQ(8u * Threads * Lines, text.size());
-    for (size_t at = 0; at < text.size(); at += 8)
-        ASSERT_EQ(std::string("<") + text[at + 1] + "\r\n" + text[at + 1] + ">\r\n", text.substr(at, 8));
 }
 
 TEST_F(DebugOutput, PrintingKeepsTheLastError) {

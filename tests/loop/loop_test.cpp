@@ -73,15 +73,6 @@ TEST_F(LOOP, ATicketOfOverAMinuteNamesNoComputer) {
 
 // ---- The server ----
 
-TEST_F(LOOP, AnAnswerIsAwaitedTwentySeconds) {
-    Serve();
-    AnswerEach(0, [](const std::string&) { return ""; });
-    WriteAt("08:01:00", {ann, bob, ann});
-    Run(Plain(), "08:03:00");
-    EXPECT_THAT(reports,
-                ElementsAre("08:01:00 logon " + annThere, "08:01:20 logon " + bobThere, "08:01:40 logon " + annThere));
-}
-
 TEST_F(LOOP, AUserWhoseLogoffFailsIsReplacedAllTheSame) {
     Serve();
     AnswerEach(0, [](const std::string& request) {
@@ -206,6 +197,18 @@ TEST_F(LOOP, ALogThatCannotBeReadIsTriedAgainAfterAMinute) {
     WriteAt("08:04:20", {bob});
     Run(Plain(), "08:05:00");
     EXPECT_THAT(reports, ElementsAre("08:02:10 logon " + annThere, "08:04:20 logon " + bobThere));
+}
+
+TEST_F(LOOP, TheDaysLogIsRenamedAtEachMidnight) {
+    Serve();
+    WriteAt("21:59:50", {ann});  // ten seconds before midnight
+    WriteAt("22:00:10", {bob});
+    Run(Plain(), "+22:00:20");
+    const std::string before = root.Read("Keldwick_2026-03-10.log"), after = root.Read("Keldwick_2026-03-11.log");
+    const auto has = [](const std::string& log, const char* text) { return log.find(text) != log.npos; };
+    EXPECT_TRUE(has(before, "Running as application") && has(before, "CORP\\ann") && !has(before, "CORP\\bob"));
+    EXPECT_TRUE(!has(after, "Running as application") && has(after, "2026/03/11 12:00:10 AM") &&
+                has(after, "CORP\\bob"));
 }
 
 }  // namespace

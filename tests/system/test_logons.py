@@ -2,14 +2,14 @@
 import unittest
 
 from machine import MachineTest
-from wire import Server, certificate
+from wire import Server
 
 
 class Logons(MachineTest):
     address = "127.41.0.1"
 
-    def serve(self, **options):
-        server = Server(self.address, **options)
+    def serve(self):
+        server = Server(self.address)
         self.addCleanup(server.close)
         return server
 
@@ -32,16 +32,6 @@ class Logons(MachineTest):
         self.shut_down(agent)
         self.assertIn("Stopping Service: Reason = Registry value \"Shutdown\" set", self.messages())
         self.assertIn("Uninitializing service", self.messages())
-
-    def test_over_tls_the_same_logon_goes_out_and_automatic_prefers_it(self):
-        server = self.serve(tls_files=certificate(self.root))
-        self.prepare(protocol="auto")
-        agent = self.start()
-        self.assertEqual("tls", server.accepted.get(timeout=5))
-        self.logon("ann", "2001:db8::7", "WS1")
-        got = server.next()
-        self.assertEqual(("logon", "2001:db8::7", "CORP\\ann"), (got["kind"], got["address"], got["user"][0]))
-        self.shut_down(agent)
 
     def test_names_that_an_attacker_chose_arrive_whole(self):
         server = self.serve()

@@ -8,10 +8,10 @@ import tempfile
 import time
 import unittest
 
-from machine import BIN, PATIENCE
+from machine import PATIENCE
 from test_feeds import authentication, shipped, xml
+from test_package import build_package
 
-HERE = os.path.dirname(os.path.abspath(__file__))
 INIT = "/lib/systemd/systemd"
 OVERLAY = """mount -t tmpfs tmpfs "$1" && mkdir "$1/upper" "$1/work" "$1/copy" &&
 mount -t overlay overlay -o "lowerdir=/,upperdir=$1/upper,workdir=$1/work" "$1/copy" &&
@@ -37,9 +37,7 @@ class BootedMachine(unittest.TestCase):
     def setUpClass(cls):
         cls.folder = tempfile.mkdtemp(prefix="keldwick-systemd-")
         cls.addClassCleanup(shutil.rmtree, cls.folder, ignore_errors=True)
-        package = subprocess.run([f"{HERE}/../../packaging/build-deb", BIN, cls.folder], check=True, capture_output=True,
-                                 text=True, timeout=300, env={**os.environ, "DPKG_DEB_COMPRESSOR_TYPE": "gzip",
-                                                              "DPKG_DEB_COMPRESSOR_LEVEL": "1"}).stdout.strip()
+        package = build_package(cls.folder)
         mounts = f"{cls.folder}/mounts"
         os.mkdir(mounts)
         os.mkdir(f"{cls.folder}/kept")

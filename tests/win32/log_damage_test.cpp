@@ -79,6 +79,24 @@ TEST_F(DAMAGE, EachHarmLeavesTheOtherRecordsReadableAndTheNextAppendWorks) {
         }
 }
 
+TEST_F(DAMAGE, AnAppendCutOffAtAnyByteGivesTheOldOrTheNewRecord) {
+    MakeLog(3);
+    const FILE_BYTES before = Bytes();
+    ASSERT_TRUE(Append(4, 1));
+    const FILE_BYTES after = Bytes();
+    const size_t from = Number(before, HeaderEnd), length = after.size() - before.size();
+    for (size_t reached = 0; reached <= after.size() - from; ++reached) {  // the header was not written any more
+        SCOPED_TRACE(reached);
+        FILE_BYTES bytes = before;
+        bytes.resize(std::max(before.size(), from + reached));
+        bytes.replace(from, reached, after, from, reached);
+        root.Write("eventlog/Security.evt", bytes);
+        ASSERT_TRUE(Append(5, 1));
+        const std::vector<DWORD> whole = {1, 2, 3, 4, 5}, torn = {1, 2, 3, 5};
+        ASSERT_EQ(reached >= length ? whole : torn, ReadAll(OpenLog().get(), Forwards).ids);
+    }
+}
+
 TEST_F(DAMAGE, ARecordWithTheNextNumberIsReadOnceEachWay) {
     MakeLog(4);
     FILE_BYTES bytes = Bytes();

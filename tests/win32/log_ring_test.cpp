@@ -84,19 +84,6 @@ protected:
     size_t longest = 200;
 };
 
-TEST_F(RING, OneBufferEachWayReachesTheEndOfAWrappedLog) {
-    MakeLog();
-    ASSERT_EQ(428u, AsRecord(MakeRecord(1, 159)).Length);
-    ASSERT_TRUE(Append(1, 170, SmallestLog, 159));
-    const LOG log = OpenLog();
-    const NUMBERS skipped = ReadOnce(log.get(), Backwards).numbers;
-    EXPECT_EQ(152u, skipped.size());
-    EXPECT_EQ(Reversed(skipped), ReadOnce(log.get(), Forwards).numbers);
-    EXPECT_EQ(DWORD{ERROR_HANDLE_EOF}, ReadOnce(log.get(), Forwards).error);
-    ASSERT_TRUE(Append(171, 3, SmallestLog, 159));
-    EXPECT_EQ(Range(171, 173), ReadOnce(log.get(), Forwards).ids);
-}
-
 TEST_F(RING, BothWaysSeeTheSameRecordsWhateverBecameOfTheLog) {
     for (unsigned seed = 1; seed <= 60; ++seed) {
         SCOPED_TRACE(seed);

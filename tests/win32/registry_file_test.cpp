@@ -13,6 +13,15 @@ namespace {
 
 using RegistryFile = MACHINE_TEST;
 
+TEST_F(RegistryFile, AnEditByHandIsSeenAtOnce) {
+    root.Write(File, Heartbeat(0));
+    const KEY key;
+    for (int i = 0; i < 10; ++i) {  // the same size, and more than one within a tick of the file system's clock
+        root.Write(File, Heartbeat(i));
+        EXPECT_EQ(i, Number(key, u"Heartbeat"));
+    }
+}
+
 TEST_F(RegistryFile, OneThatDoesNotParseChangesNothingAndIsComplainedAboutOnce) {
     const std::string broken = Settings("\"Heartbeat\"=dword:oops\n");
     root.Write(File, Heartbeat(7));

@@ -1,7 +1,8 @@
 // What the layer's events and threads do beyond the calls.
 #include <process.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
-#include "tests/support/no_descriptors.h"
 #include "tests/win32/fixture.h"
 #include "win32/sync/kernel_object.h"
 
@@ -33,11 +34,15 @@ TEST(Events, AManualOneStaysSetAndAnAutomaticOneOrAPulseIsTakenOnce) {
 
 TEST(Threads, ThatCannotBeStartedAreReported) {
     testing::internal::CaptureStderr();
-    {
-        const NO_DESCRIPTORS shortage;
-        EXPECT_EQ(nullptr, Start([](void*) -> unsigned { return 0; }, nullptr));
-        EXPECT_EQ(ERROR_TOO_MANY_OPEN_FILES, GetLastError());
-    }
+    rlimit before{};
+    getrlimit(RLIMIT_NOFILE, &before);
+    const int lowestFree = dup(STDIN_FILENO);
+    close(lowestFree);
+    const rlimit none{static_cast<rlim_t>(lowestFree), before.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+    EXPECT_EQ(nullptr, Start([](void*) -> unsigned { return 0; }, nullptr));
+    EXPECT_EQ(ERROR_TOO_MANY_OPEN_FILES, GetLastError());
+    setrlimit(RLIMIT_NOFILE, &before);
     EXPECT_EQ("Keldwick: a thread cannot be started: Too many open files\n", testing::internal::GetCapturedStderr());
 }
 
