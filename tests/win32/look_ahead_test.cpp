@@ -208,9 +208,11 @@ TEST_F(LookAhead, NeverMoreThanSixtyFourSearchesAreUnderWay) {
     EXPECT_LE(asked, 2 + 64);
     user.Release();
     server.Answer([&](const QUESTION& question) -> ANSWER {
-        return {std::exchange(withheld, "") + Good(question).bytes};  // what the next report has not asked for
+        if (!question.base.starts_with("<SID=")) return Good(question);
+        return {std::exchange(withheld, "") + Good(question).bytes};  // what this report has not asked for
     });
-    EXPECT_EQ(Walk(false), Walk(true));
+    const TEXTS found = Walk(true);
+    EXPECT_EQ(Walk(false), found);
 }
 
 // Each group names a hundred more by long names. A server that sends much does not read meanwhile.
