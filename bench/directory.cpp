@@ -2,8 +2,10 @@
 // beside the searches for the same names and objects made one after another by a bare loop on one open connection; and
 // reports while the directory is dead.
 //
-//     KELDWICK_ROOT=FOLDER bench_directory [USER ...]      CORP\nested, CORP\some and CORP\many when none is given
+//     KELDWICK_ROOT=FOLDER bench_directory [--seconds N] [USER ...]
 //
+// Users are CORP\nested, CORP\some and CORP\many when none is given. With --seconds each is compared so long, once at
+// least, and there is no dead directory.
 // The folder's settings name the directory's socket (Linux\DirectoryUri, ldapi://...); tests/system/samba-dc starts,
 // populates, nests and crowds one. Each user is reported without a delay and with one of half a millisecond, which a
 // process between the two puts on each way that a question goes. Reports go out as in the agent: over plain TCP on
@@ -56,7 +58,13 @@ using CLOCK = std::chrono::steady_clock;
 
 constexpr const char* ServerAddress = "127.48.0.1";
 constexpr const char* Computer = "CORP\\WS01";
-constexpr std::chrono::seconds CompareTime{8};  // for each user and delay
+
+// For each user and delay.
+struct EFFORT {
+    std::chrono::seconds time{8};
+    size_t atLeast = 5;
+};
+
 constexpr std::chrono::microseconds Delay{500};
 constexpr std::chrono::seconds RateTime{2}, DeadTime{25};  // the latter sees two pauses of 10 s end
 
@@ -219,7 +227,8 @@ std::vector<SEARCH> OneByOne(const std::string& user, const std::vector<SEARCH>&
     return searches;
 }
 
-void CompareWithBareLoop(const std::string& user, const std::string& uri, std::chrono::microseconds delay) {
+void CompareWithBareLoop(const std::string& user, const std::string& uri, std::chrono::microseconds delay,
+                         const EFFORT& effort) {
     REPORTER reporter(user, Computer);
     std::vector<SEARCH> recorded;
     reporter.Report();  // connects
@@ -228,7 +237,7 @@ void CompareWithBareLoop(const std::string& user, const std::string& uri, std::c
     recording = nullptr;
     BARE_LOOP bare(uri, OneByOne(user, recorded));
     std::vector<double> reports, loops;
-    for (const auto begin = CLOCK::now(); CLOCK::now() - begin < CompareTime || reports.size() < 5;) {
+    for (const auto begin = CLOCK::now(); CLOCK::now() - begin < effort.time || reports.size() < effort.atLeast;) {
         reports.push_back(reporter.Report());
         const auto loop = CLOCK::now();
         bare.Run();
@@ -359,7 +368,9 @@ std::string DirectorySocket() {
 }  // namespace
 
 int main(int argc, char** argv) {
-    std::vector<std::string> users(argv + 1, argv + argc);
+    const bool isShort = argc > 2 && std::string(argv[1]) == "--seconds";
+    const EFFORT effort = isShort ? EFFORT{std::chrono::seconds(std::atoi(argv[2])), 1} : EFFORT{};
+    std::vector<std::string> users(argv + (isShort ? 3 : 1), argv + argc);
     if (users.empty()) users = {"CORP\\nested", "CORP\\some", "CORP\\many"};
     const std::string direct = DirectorySocket();
     const std::string root = std::filesystem::temp_directory_path() / ("keldwick-bench-" + std::to_string(getpid()));
@@ -383,10 +394,10 @@ int main(int argc, char** argv) {
             const std::pair<std::string, std::chrono::microseconds> ways[] = {{direct, {}}, {root + "/relay", Delay}};
             for (const auto& [path, delay] : ways) {
                 UseSettings(root, SocketUri(path));
-                CompareWithBareLoop(user, SocketUri(path), delay);
+                CompareWithBareLoop(user, SocketUri(path), delay, effort);
             }
         }
-        ReportWithDeadDirectory(root);
+        if (!isShort) ReportWithDeadDirectory(root);
         session.Disconnect();
     }
     server.join();

@@ -5,7 +5,7 @@ import math
 
 WIDTH, HEIGHT = 460, 320
 LEFT, RIGHT, TOP, BOTTOM = 62, 28, 40, 52
-COLOURS = ("#1b6ca8", "#c2571a")
+COLOURS = ("#1b6ca8", "#c2571a", "#5aa0d0", "#e0a070")
 
 
 @dataclasses.dataclass
