@@ -285,7 +285,8 @@ TEST(JSON_FIELDS, ALineIsTakenAsAWholeOrRefused) {
                                     std::string("{\"a\":\"b}"),
                                     lists("1", JSON_FIELDS::MostDepth),
                                     lists("1", 5000),
-                                    std::string(R"({"a":{"b":[1}})")})
+                                    std::string(R"({"a":{"b":[1}})"),
+                                    std::string(R"({"": "b": ""\ud800x"00"}})")})
         EXPECT_FALSE(fields.Read(line, reason)) << line.substr(0, 100);
     EXPECT_EQ("", fields.Text("a")) << "nothing of a line that was refused";
 }

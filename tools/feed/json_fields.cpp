@@ -204,6 +204,8 @@ JSON_FIELDS::READER::FAULT JSON_FIELDS::READER::ReadList(ondemand::array array, 
 
 JSON_FIELDS::READER::FAULT JSON_FIELDS::READER::ReadScalar(ondemand::value value, std::string_view token,
                                                            JSON_VALUE& read) {
+    const char next = token.data()[token.size()];  // what stands after it, which the parser may skip unseen
+    if (next != ',' && next != '}' && next != ']') return NO_OBJECT;
     token = Trimmed(token);
     read = {token, JSON_KIND::NUMBER};
     if (token[0] != '"') {
