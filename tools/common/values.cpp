@@ -98,6 +98,8 @@ std::string IsoTime(DWORD seconds) {
     return text.data();
 }
 
+std::string TimeText(int64_t seconds) { return IsoTime(static_cast<DWORD>(seconds)); }
+
 std::string DurationText(int64_t seconds) {
     constexpr int64_t minute = 60, hour = 60 * minute, day = 24 * hour;
     if (seconds < 2 * minute) return std::to_string(seconds) + " s";

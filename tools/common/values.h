@@ -20,6 +20,7 @@ std::optional<WORD> EventTypeOf(std::string_view name);
 // offset it is UTC. Seconds since 1970; nothing: not a time, or not within 1970 to 2106.
 std::optional<DWORD> ParseIsoTime(std::string_view text);
 std::string IsoTime(DWORD seconds);
+std::string TimeText(int64_t seconds);  // the same of a longer number
 
 // A length of time as a person says it, in its largest unit: "40 s", "5 min", "3 h", "12 days".
 std::string DurationText(int64_t seconds);

@@ -33,8 +33,6 @@ namespace {
 constexpr int64_t Minute = 60, Hour = 60 * Minute, Day = 24 * Hour;
 constexpr unsigned long long MiB = 1024 * 1024;
 
-std::string Time(int64_t seconds) { return IsoTime(static_cast<DWORD>(seconds)); }
-
 std::string Count(size_t count, const std::string& one) {
     return std::to_string(count) + " " + one + (count == 1 ? "" : "s");
 }
@@ -200,13 +198,14 @@ void CheckAgent(CHECK_LINES& lines, const std::vector<AGENT_PROCESS>& agents) {
                    "only one follows the log; stop the other");
     if (!agent.connection) {
         const CONNECTION_FAILURE failure = ReadConnectionFailure(agent.pid);
-        const std::string reason = ReasonText(failure), when = failure.time != 0 ? " (" + Time(failure.time) + ")" : "";
+        const std::string reason = ReasonText(failure),
+                          when = failure.time != 0 ? " (" + TimeText(failure.time) + ")" : "";
         return lines.Fail("agent", process + " has no connection" + (reason.empty() ? "" : ": " + reason + when),
                           "see the identity server below");
     }
     if (!agent.nextRecord)
         return lines.Fail("agent", process + " does not follow the Security log", "its log, Keldwick.log, says why");
-    lines.Ok("agent", process + ", since " + Time(agent.since) + ", connected over " + agent.connection->over);
+    lines.Ok("agent", process + ", since " + TimeText(agent.since) + ", connected over " + agent.connection->over);
 }
 
 // ---- The Security log ----
@@ -260,7 +259,7 @@ void CheckEventLog(CHECK_LINES& lines, const std::vector<AGENT_PROCESS>& agents)
     const DWORD size = win32::LogMaxSize(u"Security");
     const std::optional<int64_t> left = SecondsToOvertake(use, size, now);
 
-    std::string found = Count(numbers.count, "record") + ", the newest of " + Time(use.newest);
+    std::string found = Count(numbers.count, "record") + ", the newest of " + TimeText(use.newest);
     if (next) found += "; " + Count(use.waiting, "record") + " to read";
     if (left)
         found +=
@@ -309,7 +308,7 @@ void CheckAgentsLog(CHECK_LINES& lines, const std::vector<AGENT_PROCESS>& agents
     const std::string kept = (mode & DEBUG_MODE_OVERWRITE) == 0 || (mode & DEBUG_MODE_RENAME) != 0
                                  ? ""
                                  : "; a start overwrites it (" + advice + " keeps it)";
-    lines.Ok("agent's log", (there ? path + ", written " + Time(about.st_mtime) : "none yet") + kept);
+    lines.Ok("agent's log", (there ? path + ", written " + TimeText(about.st_mtime) : "none yet") + kept);
 }
 
 // ---- Feeds and clock ----
@@ -344,9 +343,9 @@ void CheckClock(CHECK_LINES& lines) {
     const int64_t now = std::time(nullptr);
     if (state < 0) throw COMMAND_ERROR("cannot ask for the clock's state: " + win32::FileFault(errno));
     if (state == TIME_ERROR)
-        return lines.Warn("clock", Time(now) + ", not synchronised with a time server",
+        return lines.Warn("clock", TimeText(now) + ", not synchronised with a time server",
                           "identities expire by this clock: run chrony or systemd-timesyncd");
-    lines.Ok("clock", Time(now) + ", synchronised");
+    lines.Ok("clock", TimeText(now) + ", synchronised");
 }
 
 }  // namespace tools

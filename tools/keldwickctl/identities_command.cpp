@@ -29,8 +29,6 @@ struct IDENTITIES_OPTIONS {
     std::string user, address;
 };
 
-std::string Time(int64_t seconds) { return IsoTime(static_cast<DWORD>(seconds)); }
-
 // The text and blanks up to that many characters.
 std::string Column(const std::string& text, size_t width) {
     const std::string shown = SafeText(text);
@@ -48,8 +46,8 @@ int64_t Expiry(const LISTED_IDENTITY& identity, int64_t ttlMs) {
 void ShowAsText(const LISTED_IDENTITY& identity, int64_t ttlMs, const std::string& change) {
     constexpr size_t addressWidth = 15, userWidth = 24, changeWidth = 6;
     std::printf("%s%s  %s  until %s  %s  %s\n", change.empty() ? "" : Column(change, changeWidth + 2).c_str(),
-                Column(identity.address, addressWidth).c_str(), Time(identity.logon).c_str(),
-                Time(Expiry(identity, ttlMs)).c_str(), Column(identity.user, userWidth).c_str(),
+                Column(identity.address, addressWidth).c_str(), TimeText(identity.logon).c_str(),
+                TimeText(Expiry(identity, ttlMs)).c_str(), Column(identity.user, userWidth).c_str(),
                 identity.computer.empty() ? "-" : Column(identity.computer, 0).c_str());
 }
 
@@ -57,7 +55,7 @@ void ShowAsJson(const LISTED_IDENTITY& identity, int64_t ttlMs, const std::strin
     nlohmann::ordered_json object;
     if (!change.empty()) object["change"] = change;
     object.update({{"address", identity.address}, {"user", identity.user}, {"computer", identity.computer}});
-    object.update({{"logon", Time(identity.logon)}, {"expires", Time(Expiry(identity, ttlMs))}});
+    object.update({{"logon", TimeText(identity.logon)}, {"expires", TimeText(Expiry(identity, ttlMs))}});
     std::printf("%s\n", SafeJson(object).c_str());
 }
 
@@ -150,7 +148,7 @@ void ShowIdentities(const IDENTITIES_OPTIONS& options) {
     }
     if (!options.json)
         std::printf("%lld identit%s, as of %s\n", static_cast<long long>(shown), shown == 1 ? "y" : "ies",
-                    Time(heading.written).c_str());
+                    TimeText(heading.written).c_str());
 }
 
 // 4 or 16 bytes; empty: no address.

@@ -16,12 +16,10 @@
 namespace tools {
 namespace {
 
-std::string Time(int64_t seconds) { return IsoTime(static_cast<DWORD>(seconds)); }
-
 std::string FiguresText(const std::optional<IDENTITY_HEADING>& figures) {
     if (!figures) return "\nidentities       not known yet";
     return "\nidentities       " + std::to_string(figures->identities) + "; service tickets " +
-           std::to_string(figures->tickets) + "; as of " + Time(figures->written) + "\nreports          answered " +
+           std::to_string(figures->tickets) + "; as of " + TimeText(figures->written) + "\nreports          answered " +
            std::to_string(figures->answered) + "; failed " + std::to_string(figures->failed) + "; sent again " +
            std::to_string(figures->retried);
 }
@@ -33,7 +31,7 @@ std::string ConnectionText(const STATUS& status) {
     const std::string reason = ReasonText(status.noConnection);
     const int64_t time = status.noConnection.time;
     return "; no connection" + (reason.empty() ? ", and the agent's log does not say why" : ": " + SafeText(reason)) +
-           (time != 0 ? " (" + Time(time) + ")" : "");
+           (time != 0 ? " (" + TimeText(time) + ")" : "");
 }
 
 // What becomes of what the agent has to say.
@@ -55,7 +53,7 @@ std::string BehindText(const STATUS& status) {
     if (!status.behind) return "the log is not being read";
     if (*status.behind == 0) return "nothing waits";
     return std::to_string(*status.behind) + " wait" + (*status.behind == 1 ? "s" : "") +
-           (status.behindSince ? ", the first since " + Time(*status.behindSince) : "");
+           (status.behindSince ? ", the first since " + TimeText(*status.behindSince) : "");
 }
 
 // Names of feeds are letters, digits and the like.
@@ -90,7 +88,7 @@ nlohmann::ordered_json OrNull(const std::optional<VALUE>& value) {
 std::string StatusAsText(const STATUS& status) {
     std::string text = "machine root     " + SafeText(status.root) + "\nagent            ";
     text += status.agent
-                ? "running since " + Time(status.agent->since) + ", process " + std::to_string(status.agent->pid)
+                ? "running since " + TimeText(status.agent->since) + ", process " + std::to_string(status.agent->pid)
             : status.agentKnown ? "not running"
                                 : "not known";
     text +=
@@ -101,7 +99,7 @@ std::string StatusAsText(const STATUS& status) {
     }
     text += "\nlast event       ";
     text += status.lastEvent
-                ? "record " + std::to_string(status.lastEvent->number) + ", " + Time(status.lastEvent->time)
+                ? "record " + std::to_string(status.lastEvent->number) + ", " + TimeText(status.lastEvent->time)
                 : "none";
     if (status.agent) text += "; " + BehindText(status);
     if (status.agent && status.agent->polls) text += "\nchanged files    looked for once a second: no inotify";
@@ -120,7 +118,7 @@ std::string StatusAsJson(const STATUS& status) {
     object["running"] = nullptr;
     if (status.agentKnown) object["running"] = status.agent.has_value();
     object["pid"] = status.agent ? nlohmann::ordered_json(status.agent->pid) : nlohmann::ordered_json();
-    object["since"] = status.agent ? nlohmann::ordered_json(Time(status.agent->since)) : nlohmann::ordered_json();
+    object["since"] = status.agent ? nlohmann::ordered_json(TimeText(status.agent->since)) : nlohmann::ordered_json();
     object["server"] = status.server;
     object["protocol"] = status.protocol;
     object["connection"] = nullptr;
@@ -134,7 +132,7 @@ std::string StatusAsJson(const STATUS& status) {
         object["no_connection"] = {{"tls", status.noConnection.tls},
                                    {"tcp", status.noConnection.plain},
                                    {"line", status.noConnection.line},
-                                   {"time", status.noConnection.time != 0 ? Time(status.noConnection.time) : ""}};
+                                   {"time", status.noConnection.time != 0 ? TimeText(status.noConnection.time) : ""}};
     const auto figure = [&status](int64_t IDENTITY_HEADING::*member) {
         return status.figures ? nlohmann::ordered_json((*status.figures).*member) : nlohmann::ordered_json();
     };
@@ -143,13 +141,14 @@ std::string StatusAsJson(const STATUS& status) {
     object["reports_answered"] = figure(&IDENTITY_HEADING::answered);
     object["reports_failed"] = figure(&IDENTITY_HEADING::failed);
     object["reports_retried"] = figure(&IDENTITY_HEADING::retried);
-    object["as_of"] = status.figures ? nlohmann::ordered_json(Time(status.figures->written)) : nlohmann::ordered_json();
+    object["as_of"] =
+        status.figures ? nlohmann::ordered_json(TimeText(status.figures->written)) : nlohmann::ordered_json();
     object["last_event"] = nullptr;
     if (status.lastEvent)
-        object["last_event"] = {{"record", status.lastEvent->number}, {"time", Time(status.lastEvent->time)}};
+        object["last_event"] = {{"record", status.lastEvent->number}, {"time", TimeText(status.lastEvent->time)}};
     object["behind"] = OrNull(status.behind);
     object["behind_since"] =
-        status.behindSince ? nlohmann::ordered_json(Time(*status.behindSince)) : nlohmann::ordered_json();
+        status.behindSince ? nlohmann::ordered_json(TimeText(*status.behindSince)) : nlohmann::ordered_json();
     object["polls"] = status.agent ? nlohmann::ordered_json(status.agent->polls) : nlohmann::ordered_json();
     object["last_error"] = nullptr;
     if (!status.lastErrorJson.empty())
