@@ -1,6 +1,7 @@
 // The event log of a test build: the calls that read it, over the file Security.evt beside the program, which the test
-// writes, and the one that writes it, into the file reported. wine has these calls, but its logs are always empty. Linked ahead of the import library, whose
-// pointers these are; the program itself knows nothing of it. The file's ring is not to have gone round.
+// writes, and the one that writes it, into the file reported. wine has these calls, but its logs are always empty.
+// Linked ahead of the import library, whose pointers these are; the program itself knows nothing of it. The file's ring
+// is not to have gone round.
 #include <windows.h>
 
 #include <algorithm>
