@@ -186,12 +186,14 @@ private:
     }
 
     static inline std::atomic<VIRTUAL_CLOCK*> current{nullptr};
-    static inline std::mutex mutex;  // over what follows
-    static inline std::condition_variable changed;
-    static inline std::map<HANDLE, TIMER> timers;     // of every test: a thread of the agent's may outlive one
-    static inline std::set<HANDLE> threads;           // open handles of them
-    static inline std::map<HANDLE, int> waiting;      // how many other threads wait for it
-    static inline std::map<HANDLE, unsigned> rounds;  // how often one took its signal and came back to wait
+    // Never destroyed: a thread of the agent's may outlive its test, and the tests.
+    static inline auto& mutex = *new std::mutex;  // over what follows
+    static inline auto& changed = *new std::condition_variable;
+    static inline auto& timers = *new std::map<HANDLE, TIMER>;  // of every test
+    static inline auto& threads = *new std::set<HANDLE>;        // open handles of them
+    static inline auto& waiting = *new std::map<HANDLE, int>;   // how many other threads wait for it
+    static inline auto& rounds =
+        *new std::map<HANDLE, unsigned>;  // how often one took its signal and came back to wait
 
     const std::thread::id mover = std::this_thread::get_id();
     std::atomic<TIME> now;
