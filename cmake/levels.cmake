@@ -53,9 +53,10 @@ keldwick_level(identity_handlers FOLDER identity LINKS agent_eventlog PRIVATE lo
 keldwick_level(service FOLDER service LINKS agent_identity_handlers PRIVATE initialize service_main service_worker threads
   FILES entry initialize service_main service_worker threads)
 
-# Several files at once (CMAKE_UNITY_BUILD) suit all levels except one: each handler's file names its event's strings
-# alike. A tool that prints is not to get the event source, with its thread, as well.
-set_target_properties(agent_identity_handlers PROPERTIES UNITY_BUILD OFF)
+# Several files at once (CMAKE_UNITY_BUILD) suit all levels except these: each handler's file names its event's strings
+# alike; and a tool that takes one file of the others is not to get the event source as well, whose thread starts before
+# the tool has blocked the signals that end it.
+set_target_properties(agent_state agent_protocol agent_eventlog agent_identity_handlers PROPERTIES UNITY_BUILD OFF)
 set_source_files_properties(src/diagnostics/event_source.cpp src/diagnostics/service_events.cpp
   PROPERTIES SKIP_UNITY_BUILD_INCLUSION ON)
 
