@@ -22,10 +22,11 @@
 namespace win32 {
 namespace {
 
-constexpr DWORD AlreadyRunning = 1056;    // ERROR_SERVICE_ALREADY_RUNNING
-constexpr DWORD ProcessAborted = 1067;    // ERROR_PROCESS_ABORTED
-constexpr DWORD NotInThisProgram = 1083;  // ERROR_SERVICE_NOT_IN_EXE
-constexpr DWORD MaxEndMs = 5000;          // for what ServiceMain does after its report of SERVICE_STOPPED
+constexpr DWORD AlreadyRunning = 1056;          // ERROR_SERVICE_ALREADY_RUNNING
+constexpr DWORD ProcessAborted = 1067;          // ERROR_PROCESS_ABORTED
+constexpr DWORD NotInThisProgram = 1083;        // ERROR_SERVICE_NOT_IN_EXE
+constexpr useconds_t FailurePauseUs = 100'000;  // after a call that failed
+constexpr DWORD MaxEndMs = 5000;                // for what ServiceMain does after its report of SERVICE_STOPPED
 
 // What the process was started with, without the program's name: the unit's arguments.
 std::vector<std::u16string> ProcessArguments() {
@@ -129,17 +130,20 @@ unsigned WINAPI SERVICE::ServiceThread(LPVOID argument) {
     return 0;
 }
 
+// Goes on when a call of its own fails: the process ends with the dispatcher, and takes away what the service works
+// with.
 void SERVICE::DispatchUntilStopped(STOP_SIGNALS& signals) {
     WATCHDOG watchdog;
     while (!Stopped()) {
         pollfd polled[] = {{signals.Descriptor(), POLLIN, 0}, {changed.Get(), POLLIN, 0}};
-        if (poll(polled, 2, watchdog.PeriodMs()) < 0 && errno != EINTR) return;
+        if (poll(polled, 2, watchdog.PeriodMs()) < 0 && errno != EINTR) usleep(FailurePauseUs);
         if (signals.Take()) {
             const std::lock_guard guard(lock);
             stopWanted = true;
         }
         uint64_t changes;
-        if (read(changed.Get(), &changes, sizeof(changes)) < 0 && errno != EAGAIN && errno != EINTR) return;
+        if (read(changed.Get(), &changes, sizeof(changes)) < 0 && errno != EAGAIN && errno != EINTR)
+            usleep(FailurePauseUs);
         PassOnStop();
         if (thread != 0) watchdog.Look(thread);
     }
