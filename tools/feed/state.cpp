@@ -30,8 +30,12 @@ unsigned long long Number(const json& object, const char* name) {
     return found->get<unsigned long long>();
 }
 
-json PlaceObject(const PLACE& place) {
-    return {{"device", place.device}, {"inode", place.inode}, {"offset", place.offset}, {"tail", place.tail}};
+// Objects are filled member by member: the library's constructor from a list loses what it has when memory ends.
+void AddPlace(const PLACE& place, json& object) {
+    object["device"] = place.device;
+    object["inode"] = place.inode;
+    object["offset"] = place.offset;
+    object["tail"] = place.tail;
 }
 
 PLACE ReadPlace(const json& object) {
@@ -56,15 +60,21 @@ void ReadState(const json& object, STATE& state) {
 }
 
 std::string StateText(const STATE& state) {
-    json object = {{"source", state.source},   {"file", state.file},
-                   {"log", state.log},         {"records", state.records},
-                   {"skipped", state.skipped}, {"unreadable", state.unreadable},
-                   {"behind", state.behind},   {"nextRecord", state.nextRecord},
-                   {"written", state.written}, {"saved", IsoTime(win32::SecondsNow())}};
+    json object = json::object();
+    object["source"] = state.source;
+    object["file"] = state.file;
+    object["log"] = state.log;
+    object["records"] = state.records;
+    object["skipped"] = state.skipped;
+    object["unreadable"] = state.unreadable;
+    object["behind"] = state.behind;
+    object["nextRecord"] = state.nextRecord;
+    object["written"] = state.written;
+    object["saved"] = IsoTime(win32::SecondsNow());
     if (!state.places.empty()) {
-        object.update(PlaceObject(state.places.back()));
-        object["earlier"] = json::array();
-        for (size_t i = 0; i + 1 < state.places.size(); ++i) object["earlier"].push_back(PlaceObject(state.places[i]));
+        AddPlace(state.places.back(), object);
+        json& earlier = object["earlier"] = json::array();
+        for (size_t i = 0; i + 1 < state.places.size(); ++i) AddPlace(state.places[i], earlier.emplace_back(json::object()));
     }
     return object.dump(1, ' ', true, json::error_handler_t::replace) + "\n";
 }
