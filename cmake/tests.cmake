@@ -50,7 +50,7 @@ keldwick_tests(win32 LABEL layer FOLDERS win32 win32/interfaces LIBRARIES keldwi
 # The agent, in parts and assembled under a moved clock.
 set_source_files_properties(${PROJECT_SOURCE_DIR}/tests/loop/recorded_test.cpp PROPERTIES
   COMPILE_DEFINITIONS RECORDED_FOLDER="${PROJECT_SOURCE_DIR}/tests/loop/recorded")
-keldwick_tests(agent LABEL agent FOLDERS ${agent_folders} loop LIBRARIES ctl_commands server_parts)
+keldwick_tests(agent LABEL agent FOLDERS ${agent_folders} loop LIBRARIES tool_feed server_parts)
 keldwick_tests(tools LABEL tools FOLDERS keldwickctl keldwick-server LIBRARIES ctl_commands server_parts)
 
 # System tests: tests/system/test_*.py, Python's unittest, against the built programs.
@@ -97,11 +97,9 @@ if(CMAKE_SYSTEM_PROCESSOR STREQUAL "x86_64")
   list(REMOVE_DUPLICATES lines)
   list(TRANSFORM lines PREPEND "-Wl,--wrap=")
   foreach(program keldwick keldwickctl)
-    get_target_property(sources ${program} SOURCES)
     get_target_property(libraries ${program} LINK_LIBRARIES)
-    add_executable(${program}_faults ${sources} tests/faults/fail_calls.cpp)
-    target_include_directories(${program}_faults PRIVATE ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/src
-      ${PROJECT_BINARY_DIR}/faults)
+    add_executable(${program}_faults $<TARGET_OBJECTS:${program}> tests/faults/fail_calls.cpp)
+    target_include_directories(${program}_faults PRIVATE ${PROJECT_SOURCE_DIR} ${PROJECT_BINARY_DIR}/faults)
     target_include_directories(${program}_faults SYSTEM PRIVATE ${PROJECT_SOURCE_DIR}/win32/include)
     target_link_options(${program}_faults PRIVATE ${lines})
     target_link_libraries(${program}_faults PRIVATE ${libraries})

@@ -74,7 +74,8 @@ std::string StateText(const STATE& state) {
     if (!state.places.empty()) {
         AddPlace(state.places.back(), object);
         json& earlier = object["earlier"] = json::array();
-        for (size_t i = 0; i + 1 < state.places.size(); ++i) AddPlace(state.places[i], earlier.emplace_back(json::object()));
+        for (size_t i = 0; i + 1 < state.places.size(); ++i)
+            AddPlace(state.places[i], earlier.emplace_back(json::object()));
     }
     return object.dump(1, ' ', true, json::error_handler_t::replace) + "\n";
 }

@@ -91,7 +91,7 @@ private:
 
 bool IsFeedName(const std::string& name);
 
-// Removes all files of the feed but its locks, which whoever waits for them has open. Throws COMMAND_ERROR: there is no
+// Removes all files of the feed but its locks, which a waiting process has open. Throws COMMAND_ERROR: there is no
 // such feed, it runs, or they cannot be removed.
 void Forget(const std::string& name);
 

@@ -149,7 +149,7 @@ int Serve(int count, char** texts) {
     if (server.TlsPort() != 0) Complain(place + std::to_string(server.TlsPort()) + " (TLS)");
     const std::string& host = arguments.http.host;
     const bool own = host.starts_with("127.") || host == "::1";
-    if (page) Complain("the page is at " + page->Url() + (own ? "" : "; whoever reaches it sees who is where"));
+    if (page) Complain("the page is at " + page->Url() + (own ? "" : "; everyone who reaches it sees who is where"));
     server.Run(stop.Get());
     return 0;
 }

@@ -46,13 +46,13 @@ PAGE::~PAGE() {
         const std::lock_guard guard(lock);
         over = true;
     }
-    eventfd_write(told.Get(), 1);
+    eventfd_write(wake.Get(), 1);
     thread.join();
 }
 
 bool PAGE::Open(const HTTP_OPTIONS& options, std::function<void(const std::string&)> complain, std::string& error) {
-    told = win32::DESCRIPTOR(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-    if (!told) {
+    wake = win32::DESCRIPTOR(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!wake) {
         error = std::string("cannot serve the page: ") + std::strerror(errno);
         return false;
     }
@@ -82,7 +82,7 @@ void PAGE::Tell(NEWS&& news) {
     if (over) return;
     waitingBytes += BytesOf(news);
     waiting.push_back(std::move(news));
-    if (waiting.size() == 1) eventfd_write(told.Get(), 1);
+    if (waiting.size() == 1) eventfd_write(wake.Get(), 1);
 }
 
 void PAGE::TakeNews() {
@@ -113,12 +113,12 @@ void PAGE::Tick() {
 void PAGE::Run() {
     CLOCK::time_point next = CLOCK::now() + EventPause;
     for (;;) {
-        pollfd wanted[] = {{told.Get(), POLLIN, 0}, {http.Descriptor(), POLLIN, 0}};
+        pollfd wanted[] = {{wake.Get(), POLLIN, 0}, {http.Descriptor(), POLLIN, 0}};
         const auto pause = std::chrono::ceil<std::chrono::milliseconds>(next - CLOCK::now()).count();
         const int due = static_cast<int>(std::max<long>(pause, 0)), httpDue = http.WaitMs();
         poll(wanted, std::size(wanted), httpDue < 0 ? due : std::min(due, httpDue));
         eventfd_t count = 0;
-        if (eventfd_read(told.Get(), &count) == 0) {
+        if (eventfd_read(wake.Get(), &count) == 0) {
             TakeNews();
             const std::lock_guard guard(lock);
             if (over) return;

@@ -1,4 +1,4 @@
-// The page of the server: a thread of its own that keeps the picture and serves it over HTTP, so that whoever looks at
+// The page of the server: a thread of its own that keeps the picture and serves it over HTTP, so that looking at
 // it delays no agent's answer. The server's thread hands over what happens; it waits only when the page is far behind.
 #pragma once
 
@@ -51,7 +51,7 @@ private:
     PICTURE picture;
     API api;
     HTTP_SERVER http;
-    win32::DESCRIPTOR told;  // readable when there is news, or the end
+    win32::DESCRIPTOR wake;  // readable when there is news, or the end
     std::mutex lock;         // over the rest
     std::condition_variable room;
     std::vector<NEWS> waiting;

@@ -49,7 +49,7 @@ struct FIELD {
     size_t at, length;  // in bytes; of a text with its count
     std::string value;  // UTF-8
 };
-constexpr size_t MaxFields = 1000;  // the fields after these are not told
+constexpr size_t MaxFields = 1000;  // the fields after these are not read
 
 // Looks at the first request in the bytes. fields: receives those that were read, the wrong one of a malformed request
 // last.

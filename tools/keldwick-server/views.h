@@ -1,5 +1,5 @@
-// The identities searched and sorted, as somebody looks at them. A list is kept for a while, so that scrolling through
-// it costs nothing, and only a share of the time goes into making new ones, whoever asks for how many.
+// The identities searched and sorted, for one who looks at them. A list is kept for a while, so that scrolling through
+// it costs nothing, and only a share of the time goes into making new ones, however many are asked for.
 #pragma once
 
 #include <chrono>

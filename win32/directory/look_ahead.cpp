@@ -25,7 +25,7 @@ struct THREAD_REPORT {
 };
 thread_local THREAD_REPORT report;
 
-// A long attribute of which a part is missing: whoever wants it must read the rest.
+// A long attribute of which a part is missing: its reader must ask for the rest.
 bool IsPart(const DIRECTORY_ENTRY& entry) {
     for (const auto& [name, values] : entry.attributes)
         if (ParseRange(name)) return true;

@@ -55,7 +55,8 @@ public:
     // Nothing more is fetched; what has arrived still serves.
     void Stop();
 
-    // The connection on which it reads, between two questions: nobody else may take the answers. False: it is not that.
+    // The connection on which it reads, between two questions: no other reader may take the answers. False: it is not
+    // that.
     CONNECTION TakeConnection() { return std::move(connection); }
     bool GiveBack(CONNECTION& used);
 

@@ -35,13 +35,13 @@ bool Holds(const EVT_FILE& file, const EVT_STATE& state) {
 
 // Takes the four places from an end-of-file record, if they hold.
 bool Adopt(const EVT_FILE& file, const EVT_END& end, EVT_STATE& state) {
-    EVT_STATE told = state;
-    told.start = end.start;
-    told.end = end.end;
-    told.current = end.current;
-    told.oldest = end.start == end.end ? 0 : end.oldest;
-    if (!Holds(file, told)) return false;
-    state = told;
+    EVT_STATE claimed = state;
+    claimed.start = end.start;
+    claimed.end = end.end;
+    claimed.current = end.current;
+    claimed.oldest = end.start == end.end ? 0 : end.oldest;
+    if (!Holds(file, claimed)) return false;
+    state = claimed;
     return true;
 }
 

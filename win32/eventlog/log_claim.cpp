@@ -46,7 +46,7 @@ std::shared_ptr<LOG_CLAIM> LOG_CLAIM::Take(const std::string& logFile) {
     const std::lock_guard guard(lock);
     std::weak_ptr<LOG_CLAIM>& known = claims[logFile];
     if (auto own = known.lock()) return own;
-    constexpr mode_t ownersAlone = 0600;  // whoever can open it can keep the agent from its log
+    constexpr mode_t ownersAlone = 0600;  // a process that can open it can keep the agent from its log
     const std::string path = logFile + ".lock";
     DESCRIPTOR file(OpenRootFile(path, O_RDWR | O_CREAT, ownersAlone));
     if (!file && (!CannotBeMade(errno) || access(path.c_str(), F_OK) == 0)) {
