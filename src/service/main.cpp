@@ -13,6 +13,7 @@
 #include "platform/version_numbers.h"
 #include "service/command_line.h"
 #include "service/entry.h"
+#include "service/settings.h"
 #include "win32/files/machine_root.h"
 #include "win32/files/standard_stream.h"
 #include "win32/services/exit_status.h"
@@ -84,6 +85,12 @@ bool IsRootMissing(const std::vector<WCHAR*>& arguments) {
     return stat(file.c_str(), &about) != 0 && (errno == ENOENT || errno == ENOTDIR);
 }
 
+// Where it cannot be opened for another reason, the layer has said why.
+bool IsSettingsKeyMissing() {
+    keldwick::REG_KEY key;
+    return RegOpenKeyExW(HKEY_LOCAL_MACHINE, keldwick::SettingsKeyPath, 0, KEY_READ, key.Put()) == ERROR_FILE_NOT_FOUND;
+}
+
 // One line: which root, which file, which command.
 int FailNoSettings(const char* missing) {
     const std::string root = win32::MachineRoot();
@@ -109,6 +116,7 @@ int main(int argc, char** argv) {
     if (IsRootMissing(arguments)) return FailNoSettings("registry.reg");
     // A service's own exit code reaches the manager as the process's.
     const int code = keldwick::RunProgram(argc, arguments.data());
-    if (code == keldwick::EXIT_NO_SETTINGS_KEY) return FailNoSettings("settings key in its registry.reg");
+    if (code == keldwick::EXIT_NO_SETTINGS_KEY && IsSettingsKeyMissing())
+        return FailNoSettings("settings key in its registry.reg");
     return code != 0 ? code : win32::ServiceExitStatus();
 }

@@ -38,11 +38,14 @@ class Programs(MachineTest):
 
     def test_without_a_settings_key_the_agent_ends_with_3(self):
         self.ctl("init")
-        with open(f"{self.root}/registry.reg", "w", encoding="utf-8") as file:
-            file.write("Windows Registry Editor Version 5.00\r\n")
-        code, _, error = self.run_program("keldwick", "-X")
-        self.assertEqual(3, code)
-        self.assertIn(f"{self.root} has no settings key in its registry.reg", error)
+        for first, cause, missing in (("Windows Registry Editor Version 5.00", f"{self.root} has no settings key", True),
+                                      ("nonsense", "line 1: ", False)):
+            with open(f"{self.root}/registry.reg", "w", encoding="utf-8") as file:
+                file.write(first + "\r\n")
+            code, _, error = self.run_program("keldwick", "-X")
+            self.assertEqual(3, code)
+            self.assertIn(cause, error)
+            self.assertEqual(missing, "has no settings key" in error, error)
 
     def test_all_programs_take_the_same_root(self):
         programs = f"{self.root}/programs"

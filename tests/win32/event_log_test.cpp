@@ -66,6 +66,24 @@ public:
     pid_t child = -1;
 };
 
+// As another process sees it; 0: none.
+pid_t HolderOf(const std::string& lockFile) {
+    int answer[2];
+    if (pipe(answer) != 0) std::abort();
+    const pid_t child = fork();
+    if (child == 0) {
+        struct flock all {};
+        all.l_type = F_WRLCK;
+        if (fcntl(open(lockFile.c_str(), O_RDWR), F_GETLK, &all) != 0 || all.l_type == F_UNLCK) all.l_pid = 0;
+        _exit(write(answer[1], &all.l_pid, sizeof(pid_t)) == sizeof(pid_t) ? 0 : 1);
+    }
+    pid_t holder = -1;
+    EXPECT_EQ(sizeof(pid_t), read(answer[0], &holder, sizeof(pid_t)));
+    waitpid(child, nullptr, 0);
+    for (const int unused : answer) close(unused);
+    return holder;
+}
+
 TEST_F(EVENT_LOG_CALLS, OneProcessAtATimeOpensALog) {
     MakeLog();
     {
@@ -79,14 +97,17 @@ TEST_F(EVENT_LOG_CALLS, OneProcessAtATimeOpensALog) {
                   Times(testing::internal::GetCapturedStderr(), "process " + std::to_string(other.child) + " follows"));
         EXPECT_TRUE(Append(1, 1)) << "it is free to be written";
     }
+    const std::string lock = Path() + ".lock";
+    std::filesystem::remove(lock);
+    std::filesystem::create_symlink(root.Path("elsewhere"), lock);
+    EXPECT_EQ(DWORD{ERROR_CANT_ACCESS_FILE}, ErrorOf(OpenLog() != nullptr));
+    EXPECT_FALSE(std::filesystem::exists(root.Path("elsewhere")));
+    std::filesystem::remove(lock);
     {
         const LOG log = OpenLog(), again = OpenLog();
         EXPECT_TRUE(log && again) << "the other has ended, and one process may open it twice";
     }
-    std::filesystem::remove(Path() + ".lock");
-    std::filesystem::create_symlink(root.Path("elsewhere"), Path() + ".lock");
-    EXPECT_EQ(DWORD{ERROR_CANT_ACCESS_FILE}, ErrorOf(OpenLog() != nullptr));
-    EXPECT_FALSE(std::filesystem::exists(root.Path("elsewhere")));
+    EXPECT_EQ(getpid(), HolderOf(lock)) << "a cleared log is closed and opened again";
 }
 
 TEST_F(EVENT_LOG_CALLS, ALogWhoseNameCannotBeLookedAtIsReadOn) {

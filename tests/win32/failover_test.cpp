@@ -118,6 +118,28 @@ TEST_F(Failover, PartsThatDoNotFitTogetherAreNoAnswer) {
     EXPECT_EQ(0, second.Asked());
 }
 
+TEST_F(Failover, TheRestOfAReportIsNotFetchedAhead) {
+    for (const std::string& group : groups) second.entries[group] = {{"memberOf", {"CN=S1", "CN=S2", "CN=S3"}}};
+    first.Answer([&](const QUESTION& question) -> ANSWER {
+        return question.base.starts_with("CN=G") ? ANSWER{"", true} : first.GoodAnswer(question);
+    });
+    DIRECTORY_ENTRY entry;
+    const std::unique_ptr<DIRECTORY> user = Open();
+    EXPECT_EQ(S_OK, user->Read(Ann, Wanted, entry));
+    const std::shared_ptr<void> held = user->ExpectGroupsOf(entry);
+    TEXTS asked;
+    second.Answer([&](const QUESTION& question) -> ANSWER {
+        if (question.base.find(',') == std::string::npos && !question.base.empty()) asked.push_back(question.base);
+        return second.GoodAnswer(question);
+    });
+    for (const std::string& dn : groups) {
+        const std::unique_ptr<DIRECTORY> group = Open();
+        EXPECT_EQ(S_OK, group->Read(dn, Wanted, entry));
+        group->ExpectGroupsOf(entry);
+    }
+    EXPECT_EQ(groups, asked) << "what a group's object leads to goes with it, before it is asked for";
+}
+
 TEST_F(Failover, EachDeadServerIsSpokenOfOnce) {
     testing::internal::CaptureStderr();
     const std::string hosts[] = {first.Host(), second.Host()};

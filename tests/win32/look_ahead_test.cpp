@@ -148,6 +148,15 @@ TEST_F(LookAhead, WhatIsFetchedServesOneReportOnly) {
     server.entries[GroupDn(2)][0].second = {"renamed"};
     EXPECT_EQ(Walk(false), Walk(true));
     EXPECT_THAT(walk.said, testing::Contains(testing::HasSubstr("CORP\\renamed")));
+    // A name that was asked for again is not opened: it is found with its object once, not at every report.
+    int wide = 0;
+    server.Answer([&](const QUESTION& question) {
+        wide += question.wanted.size() == 4;
+        return Good(question);
+    });
+    for (int i = 0; i < 5; ++i) Translate(ADS_NAME_TYPE_NT4, "CORP\\ann", ADS_NAME_TYPE_1779);
+    EXPECT_EQ(1, wide);
+    Walk(true);
     // Found to be opened, but another question comes first.
     for (int i = 0; i < 2; ++i) Translate(ADS_NAME_TYPE_NT4, "CORP\\ann", ADS_NAME_TYPE_1779);
     Translate(ADS_NAME_TYPE_NT4, "CORP\\g1", ADS_NAME_TYPE_1779);

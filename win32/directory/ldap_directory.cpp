@@ -79,7 +79,7 @@ public:
     HRESULT Find(const std::string& base, const char* attribute, const std::string& value,
                  const ATTRIBUTE_NAMES& wanted, std::vector<DIRECTORY_ENTRY>& found) override {
         const std::string filter = "(" + std::string(attribute) + "=" + FilterText(value) + ")";
-        isWide = LOOK_AHEAD::IsAskedAgain(key + base + filter) && LOOK_AHEAD::Covers(wanted);
+        isWide = LOOK_AHEAD::WillBeOpened(base + filter) && LOOK_AHEAD::Covers(wanted);
         const HRESULT result = Ask([&](OPEN_CONNECTION& asked) {
             const auto search = [&](const ATTRIBUTE_NAMES& names) {
                 return asked.ldap.Search(base, LDAP_CONNECTION::SCOPE::SUBTREE, filter, names, MaxFound, found);
@@ -109,6 +109,7 @@ public:
 
     std::shared_ptr<void> ExpectGroupsOf(const DIRECTORY_ENTRY& object) override {
         if (!connection || (ahead && ahead->Key() != key)) return nullptr;
+        if (!ahead && LOOK_AHEAD::IsHeld()) return nullptr;  // of another server, which failed within this report
         if (!ahead) ahead = std::make_shared<LOOK_AHEAD>(key);
         LOOK_AHEAD::Hold(ahead);
         ahead->Expect(*connection, object);

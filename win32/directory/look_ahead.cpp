@@ -20,6 +20,7 @@ constexpr size_t MaxSentBytes = 16384;             // of their DNs: a server tha
 // A report's questions come from one thread.
 struct THREAD_REPORT {
     std::string lastName;
+    bool opens = true;  // what it found by name
     std::shared_ptr<LOOK_AHEAD> found;
     std::weak_ptr<LOOK_AHEAD> held;
 };
@@ -59,11 +60,11 @@ LOOK_AHEAD::~LOOK_AHEAD() {
     if (connection) LDAP_POOL::Current().GiveBack(key, std::move(connection));
 }
 
-bool LOOK_AHEAD::IsAskedAgain(const std::string& name) {
-    report.found.reset();
-    const bool isAgain = report.held.expired() && report.lastName == name;
+bool LOOK_AHEAD::WillBeOpened(const std::string& name) {
+    if (std::exchange(report.found, nullptr)) report.opens = false;
+    const bool isAgain = report.lastName == name;
     report.lastName = name;
-    return isAgain;
+    return isAgain && report.opens && !IsHeld();
 }
 
 void LOOK_AHEAD::KeepFound(const std::string& key, const DIRECTORY_ENTRY& entry) {
@@ -72,6 +73,8 @@ void LOOK_AHEAD::KeepFound(const std::string& key, const DIRECTORY_ENTRY& entry)
     report.found->given = entry;
 }
 
+bool LOOK_AHEAD::IsHeld() { return !report.held.expired(); }
+
 std::shared_ptr<LOOK_AHEAD> LOOK_AHEAD::Open(const std::string& key) {
     std::shared_ptr<LOOK_AHEAD> held = report.held.lock();
     return held && held->key == key ? held : nullptr;
@@ -79,8 +82,9 @@ std::shared_ptr<LOOK_AHEAD> LOOK_AHEAD::Open(const std::string& key) {
 
 std::shared_ptr<LOOK_AHEAD> LOOK_AHEAD::OpenOrFound(const std::string& key, const std::string& dn) {
     report.lastName.clear();
+    report.opens = true;
     const std::shared_ptr<LOOK_AHEAD> found = std::exchange(report.found, nullptr);
-    if (!report.held.expired()) return Open(key);
+    if (IsHeld()) return Open(key);
     return found && found->key == key && found->given.dn == dn ? found : nullptr;
 }
 

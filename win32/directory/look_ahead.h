@@ -32,10 +32,12 @@ public:
 
     // ---- What this thread's report has asked ----
 
-    // Whether the name is the one that was asked for last, too: it will be opened. Drops what was found before it.
-    static bool IsAskedAgain(const std::string& name);
+    // Whether the name is the one that was asked for last, too. False after names were found with their objects and
+    // these not opened, until an object is opened. Drops what was found before it.
+    static bool WillBeOpened(const std::string& name);
     // The entry was found in the answer to that; it serves the next question only.
     static void KeepFound(const std::string& key, const DIRECTORY_ENTRY& entry);
+    static bool IsHeld();
     // The one whose objects are held, or null.
     static std::shared_ptr<LOOK_AHEAD> Open(const std::string& key);
     // Before an entry is read: the same, or what was found by the last question when that is the entry's.

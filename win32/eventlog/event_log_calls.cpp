@@ -91,7 +91,6 @@ struct OPEN_LOG final : KERNEL_OBJECT {
     std::mutex& lock = shared->lock;  // guards the rest
     EVT_READER& reader = shared->reader;
     std::unique_ptr<LOG_NOTIFICATION> notification;
-    std::shared_ptr<LOG_CLAIM> claim;  // null: the log is not the machine root's
 };
 
 bool IsOfMachineRoot(const std::string& path) { return path.starts_with(MachinePath(EventLogFolder) + "/"); }
@@ -125,7 +124,7 @@ HANDLE WINAPI OpenEventLogW(LPCWSTR server, LPCWSTR name) {
     const auto log = std::make_shared<win32::OPEN_LOG>();
     log->name = name;
     if (log->reader.Open(path)) {
-        if (win32::IsOfMachineRoot(path) && !(log->claim = win32::LOG_CLAIM::Take(path))) return nullptr;
+        if (win32::IsOfMachineRoot(path) && !win32::ClaimLog(path)) return nullptr;
         return win32::NewHandle(log);
     }
     // The Security log needs a privilege, and says so.

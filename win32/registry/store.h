@@ -26,10 +26,10 @@ public:
     REG_STORE& operator=(const REG_STORE&) = delete;
 
     // The tree as the file holds it now; costs one stat while the file is unchanged, and nothing while inotify says so
-    // of a file that is watched. A file that vanished, cannot be
-    // read, does not parse or whose writer may not be done leaves the last good tree in force. Null: there never was
-    // one; `error` then says why (ERROR_BADDB: it does not parse; ERROR_SHARING_VIOLATION: another program writes it,
-    // and has gone on doing so for seconds). No file at all is an empty registry.
+    // of a file that is watched. A file that vanished, cannot be read, does not parse or whose writer may not be done
+    // leaves the last good tree in force. Null: there never was one; `error` then says why (ERROR_BADDB: it does not
+    // parse; ERROR_SHARING_VIOLATION: another program writes it, and has gone on doing so for seconds). No file at all
+    // is an empty registry.
     std::shared_ptr<const REG_TREE> Tree(DWORD* error = nullptr);
 
     // Changes the file: read afresh under the lock file, changed by `edit`, written beside and renamed over the old; an
