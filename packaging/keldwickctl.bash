@@ -69,7 +69,7 @@ _keldwick_server() {
     local current=${COMP_WORDS[COMP_CWORD]}
     COMPREPLY=()
     case ${COMP_WORDS[COMP_CWORD - 1]} in
-        --cert | --key | --state) mapfile -t COMPREPLY < <(compgen -f -- "$current") ;;
+        --cert | --key | --key-log | --state) mapfile -t COMPREPLY < <(compgen -f -- "$current") ;;
         --host | --tcp-port | --tls-port | --status) ;;
         *) mapfile -t COMPREPLY < <(compgen -W "$(_keldwick_help_words "${COMP_WORDS[0]}")" -- "$current") ;;
     esac

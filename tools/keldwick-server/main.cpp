@@ -55,6 +55,8 @@ std::optional<int> ParseArguments(int count, char** texts, ARGUMENTS& arguments)
                                                     "certificate (PEM); without it, a self-signed one is made");
     app.add_option("--key", arguments.server.keyFile, "its private key (PEM), when it is not in the same file")
         ->needs(certificate);
+    app.add_option("--key-log", arguments.server.keyLogFile,
+                   "append the keys of TLS sessions to this file: who has it can read what was captured");
     app.add_option("--status", arguments.server.status, "status in every answer")->capture_default_str();
     app.add_flag("--json", arguments.json, "print each request as a JSON object: its fields, when it came, from where");
     CLI::Option* const http =
@@ -71,6 +73,8 @@ std::optional<int> ParseArguments(int count, char** texts, ARGUMENTS& arguments)
         app.parse(count, texts);
         if (!TakePlace(arguments)) throw CLI::ValidationError("--http: not a port, ADDRESS:PORT or [ADDRESS]:PORT");
         arguments.picture.timeToLive = std::chrono::minutes(minutes);
+        if (!arguments.server.keyLogFile.empty() && tlsPort == 0)
+            throw CLI::ValidationError("--key-log: TLS is not served");
         if (tcpPort == 0 && tlsPort == 0) throw CLI::ValidationError("both ports are 0: there is nothing to serve");
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? 0 : ExitUsage;

@@ -43,7 +43,7 @@ bool SERVER::Open(const SERVER_OPTIONS& wanted, std::string& error) {
     if (options.tlsPort || !options.certificateFile.empty()) {
         std::string reason;
         tls = NewServerContext(options.certificateFile, options.keyFile, reason);
-        if (!tls) {
+        if (!tls || (!options.keyLogFile.empty() && !LogKeys(tls.get(), options.keyLogFile, reason))) {
             error = "cannot use TLS: " + reason;
             return false;
         }

@@ -17,6 +17,7 @@ struct SERVER_OPTIONS {
     std::string host = "127.0.0.1";
     std::optional<uint16_t> tcpPort, tlsPort;  // absent: not served; 0: the system chooses
     std::string certificateFile, keyFile;      // empty: a self-signed certificate of its own
+    std::string keyLogFile;                    // of the keys of TLS, see LogKeys; empty: none
     uint32_t status = 0;                       // in every answer
     size_t otherDescriptors = 0;               // that other parts of the process may need
 };

@@ -1,5 +1,6 @@
 #include "tools/keldwick-server/server_tls.h"
 
+#include <fcntl.h>
 #include <openssl/err.h>
 #include <openssl/rand.h>
 #include <openssl/x509v3.h>
@@ -7,6 +8,8 @@
 
 #include <cerrno>
 #include <cstring>
+
+#include "win32/sync/descriptor.h"
 
 namespace tools {
 namespace {
@@ -85,7 +88,26 @@ bool UseFiles(SSL_CTX* context, const std::string& certificateFile, const std::s
     return true;
 }
 
+win32::DESCRIPTOR keyLog;
+
+// A key that cannot be written is missed by the one who reads the capture; the session goes on.
+void WriteKeys(const SSL*, const char* line) {
+    const std::string text = std::string(line) + '\n';
+    [[maybe_unused]] const ssize_t written = write(keyLog.Get(), text.data(), text.size());
+}
+
 }  // namespace
+
+bool LogKeys(SSL_CTX* context, const std::string& file, std::string& reason) {
+    constexpr mode_t ownersAlone = 0600;
+    keyLog = win32::DESCRIPTOR(open(file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW, ownersAlone));
+    if (!keyLog) {
+        reason = file + ": " + std::strerror(errno);
+        return false;
+    }
+    SSL_CTX_set_keylog_callback(context, WriteKeys);
+    return true;
+}
 
 TLS_CONTEXT NewServerContext(const std::string& certificateFile, const std::string& keyFile, std::string& reason) {
     ERR_clear_error();

@@ -17,4 +17,9 @@ using TLS_CONTEXT = std::unique_ptr<SSL_CTX, CONTEXT_FREER>;
 // in memory only. keyFile: PEM; empty: the key is in the certificate's file. Null, with the reason, when it cannot be.
 TLS_CONTEXT NewServerContext(const std::string& certificateFile, const std::string& keyFile, std::string& reason);
 
+// Appends the keys of each session of the context to the file, which only its owner may read, in the format that is
+// known as SSLKEYLOGFILE: a line for each secret. They decrypt what was captured. False, with the reason, when the file
+// cannot be opened. One file in a process.
+bool LogKeys(SSL_CTX* context, const std::string& file, std::string& reason);
+
 }  // namespace tools
