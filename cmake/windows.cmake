@@ -54,12 +54,20 @@ if(KELDWICK_TESTS)
   target_link_libraries(tests_interfaces PRIVATE ws2_32)
   target_link_options(tests_interfaces PRIVATE -static -s)
 
+  set(machine ${PROJECT_BINARY_DIR}/machine)  # made once, and copied by each test
   file(GLOB tests CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/tests/windows/test_*.py)
-  foreach(test ${tests})
-    cmake_path(GET test STEM name)
-    add_test(NAME windows/${name} COMMAND ${SYSTEM_PYTHON} -m unittest -v ${name}
-      WORKING_DIRECTORY ${PROJECT_SOURCE_DIR}/tests/windows)
-    set_tests_properties(windows/${name} PROPERTIES LABELS windows TIMEOUT 300 ENVIRONMENT
-      "KELDWICK_WINDOWS_BIN=${CMAKE_RUNTIME_OUTPUT_DIRECTORY};KELDWICK_BIN=${KELDWICK_LINUX_BIN};PYTHONDONTWRITEBYTECODE=1")
+  list(TRANSFORM tests REPLACE "^.*/(.*)\\.py$" "\\1")
+  foreach(name ${tests})
+    add_test(NAME windows/${name} COMMAND ${SYSTEM_PYTHON} -m unittest -v ${name})
+    set_tests_properties(windows/${name} PROPERTIES FIXTURES_REQUIRED machine)
   endforeach()
+  set_tests_properties(windows/test_image PROPERTIES FIXTURES_REQUIRED "")
+  add_test(NAME windows/make_machine COMMAND ${SYSTEM_PYTHON} wine.py)
+  add_test(NAME windows/remove_machine COMMAND ${CMAKE_COMMAND} -E rm -rf ${machine})
+  set_tests_properties(windows/make_machine PROPERTIES FIXTURES_SETUP machine)
+  set_tests_properties(windows/remove_machine PROPERTIES FIXTURES_CLEANUP machine)
+  list(TRANSFORM tests PREPEND windows/)
+  set_tests_properties(${tests} windows/make_machine PROPERTIES LABELS windows TIMEOUT 300
+    WORKING_DIRECTORY ${PROJECT_SOURCE_DIR}/tests/windows ENVIRONMENT
+    "KELDWICK_WINDOWS_BIN=${CMAKE_RUNTIME_OUTPUT_DIRECTORY};KELDWICK_BIN=${KELDWICK_LINUX_BIN};KELDWICK_WINE_TEMPLATE=${machine};PYTHONDONTWRITEBYTECODE=1")
 endif()

@@ -1,5 +1,6 @@
 """A Windows machine of a test's own: a wine prefix below a temporary folder, with the built Keldwick.exe in C:\\Keldwick,
-settings through `reg` and the service through `sc`, as an administrator would."""
+settings through `reg` and the service through `sc`, as an administrator would. Run as a program it makes the machine that
+the tests then copy, in the folder KELDWICK_WINE_TEMPLATE; without one each test makes its own."""
 import os
 import re
 import shutil
@@ -13,8 +14,9 @@ sys.path.insert(0, os.path.join(HERE, "../system"))
 from machine import AgentTest
 
 BIN = os.environ["KELDWICK_WINDOWS_BIN"]
+TEMPLATE = os.environ.get("KELDWICK_WINE_TEMPLATE", "")
 WINE = "/usr/lib/wine"
-KEY = "HKLM\\SOFTWARE\\Vantorel Systems\\Keldwick"
+KEY = "HKEY_LOCAL_MACHINE\\SOFTWARE\\Vantorel Systems\\Keldwick"
 ADDRESS = "10.20.30.40"  # what the machine's name stands for: no loopback address, as an agent reports none
 PATIENCE = 60
 
@@ -25,8 +27,12 @@ class WineTest(AgentTest):
 
     @classmethod
     def setUpClass(cls):
-        cls.folder = tempfile.mkdtemp(prefix="keldwick-wine-")
+        copied = os.path.isdir(TEMPLATE)
+        cls.folder = tempfile.mkdtemp(prefix="keldwick-wine-", dir=os.path.dirname(TEMPLATE) or None)
         cls.addClassCleanup(shutil.rmtree, cls.folder, ignore_errors=True)
+        if copied:  # the libraries, which nothing writes, without copying them
+            shutil.copytree(TEMPLATE, f"{cls.folder}/prefix", symlinks=True,
+                            copy_function=lambda old, new: (os.link if old.endswith(".dll") else shutil.copy2)(old, new))
         with open(f"{cls.folder}/hosts", "w", encoding="ascii") as file:
             file.write(f"127.0.0.1 localhost one.example\n{ADDRESS} {socket.gethostname()}\n")
         rights = [] if os.geteuid() == 0 else ["--user", "--map-root-user"]
@@ -40,7 +46,8 @@ class WineTest(AgentTest):
                                       stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
         cls.addClassCleanup(cls.end_machine)
         assert cls.keeper.stdout.readline().startswith(b"up")
-        cls.wine("reg", "add", "HKCU\\Software\\Wine", "/v", "Version", "/d", "win10", "/f")
+        if not copied:
+            cls.wine("reg", "add", "HKCU\\Software\\Wine", "/v", "Version", "/d", "win10", "/f")
         cls.home = f"{cls.folder}/prefix/drive_c/Keldwick"
 
     @classmethod
@@ -50,7 +57,8 @@ class WineTest(AgentTest):
 
     @classmethod
     def end_machine(cls):
-        subprocess.run([f"{WINE}/wineserver", "-k"], env=cls.environment, check=False)
+        for step in ("-k", "-w"):  # end, and wait until all is written
+            subprocess.run([f"{WINE}/wineserver", step], env=cls.environment, check=False)
         cls.keeper.stdin.close()
         cls.keeper.stdout.close()
         cls.keeper.wait()
@@ -75,12 +83,16 @@ class WineTest(AgentTest):
         for program in self.programs:
             shutil.copy(f"{BIN}/{program}.exe", self.home)
 
+    def bring_in(self, *lines):
+        """Brings lines of a .reg file into the registry, in one run of one program."""
+        with open(f"{self.folder}/prefix/drive_c/settings.reg", "w", encoding="utf-16", newline="\r\n") as file:
+            file.write("\n".join(("Windows Registry Editor Version 5.00", *lines, "")))
+        self.wine("reg", "import", "C:\\settings.reg")
+
     def set(self, **values):
         """Settings: numbers and texts."""
-        self.wine("reg", "add", KEY, "/f")
-        for name, value in values.items():
-            kind = "REG_DWORD" if isinstance(value, int) else "REG_SZ"
-            self.wine("reg", "add", KEY, "/v", name, "/t", kind, "/d", str(value), "/f")
+        self.bring_in(f"[{KEY}]", *(f'"{name}"=' + (f"dword:{value:x}" if isinstance(value, int) else f'"{value}"')
+                                 for name, value in values.items()))
 
     def get(self, name, below=""):
         found = re.search(rf"^ +{name} +REG_\w+ +(.*)$", self.wine("reg", "query", KEY + below, "/v", name, code=None), re.M)
@@ -106,3 +118,11 @@ class WineTest(AgentTest):
         """(state, exit code, the service's own code)"""
         text = self.service("query")
         return tuple(int(re.search(rf"{field} +: (\d+)", text)[1]) for field in ("STATE", "WIN32_EXIT_CODE", "SERVICE_EXIT_CODE"))
+
+
+if __name__ == "__main__":
+    shutil.rmtree(TEMPLATE, ignore_errors=True)
+    WineTest.setUpClass()
+    WineTest.end_machine()
+    os.rename(f"{WineTest.folder}/prefix", TEMPLATE)
+    WineTest.doClassCleanups()
