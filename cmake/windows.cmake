@@ -35,7 +35,7 @@ keldwick_executable(keldwick Keldwick)
 set(KELDWICK_LINUX_BIN ${PROJECT_SOURCE_DIR}/build/asan/bin CACHE PATH "The Linux programs that the tests compare with")
 if(KELDWICK_TESTS)
   enable_testing()
-  keldwick_executable(keldwick_with_log KeldwickWithLog tests/windows/event_log_double.cpp)
+  keldwick_executable(keldwick_with_log KeldwickWithLog tests/windows/event_log_double.cpp tests/windows/refused_status.cpp)
   add_executable(tls_client tests/windows/tls_client.cpp)  # what the Linux tests of the TLS engine drive
   target_include_directories(tls_client PRIVATE src)
   target_link_libraries(tls_client PRIVATE agent_component)

@@ -1,8 +1,10 @@
 """Keldwick.exe as an administrator of a Windows machine has it: options, exit codes, service, settings, reports."""
 import os
+import re
 import subprocess
 import tempfile
 import unittest
+from concurrent.futures import ThreadPoolExecutor
 
 from wine import ADDRESS, WineTest
 from wire import Server, certificate
@@ -11,6 +13,7 @@ LOG_VERBOSE_TCP = 0x502
 
 
 class Program(WineTest):
+    programs = ["Keldwick", "KeldwickWithLog"]
     address = "127.53.0.1"
 
     def serve(self, **options):
@@ -32,14 +35,16 @@ class Program(WineTest):
                            env={**os.environ, "KELDWICK_ROOT": root})
 
     def test_exit_codes_are_those_of_each_way_to_end(self):
-        # Without an option the dispatcher gives 1063, and so it is an application.
-        for settings, arguments, code in ((None, ("-A",), 3), ({}, (), 1010), ({}, ("-X",), 1010), ({}, ("-NONSENSE",), 2),
-                                          ({}, ("-SERVER",), 2), ({}, ("-X", "-SERVER", "a.example"), 0)):
-            with self.subTest(settings=settings, arguments=arguments):
-                self.wine("reg", "delete", "HKLM\\SOFTWARE\\Vantorel Systems\\Keldwick", "/f", code=None)
-                if settings is not None:
-                    self.set()
-                self.assertEqual(code, self.run_agent(*arguments))
+        # Without an option it asks the dispatcher, which takes ten seconds to give 1063: so it is an application.
+        self.assertEqual(3, self.run_agent("-A"))
+        self.set()
+        with ThreadPoolExecutor() as beside:
+            asking = beside.submit(self.run_agent)
+            for arguments, code in ((("-X",), 1010), (("-NONSENSE",), 2), (("-SERVER",), 2)):
+                with self.subTest(arguments=arguments):
+                    self.assertEqual(code, self.run_agent(*arguments))
+            self.assertEqual(1010, asking.result())
+        self.assertEqual(0, self.run_agent("-X", "-SERVER", "a.example"))
 
     def test_options_are_kept_as_settings(self):
         self.set(IdentServer="old.example")
@@ -106,6 +111,24 @@ class Program(WineTest):
             self.assertIn("Stopping Service: Reason = SERVICE_CONTROL_STOP", self.messages())
         finally:
             self.service("delete", code=None)
+
+    def test_a_state_that_the_manager_refuses_is_the_services_code_3(self):
+        self.serve()
+        self.set(IdentServer=self.address, IdentProtocol=2)
+        os.mkdir(f"{self.home}/eventlog")
+        self.service("create", "binPath=", "C:\\Keldwick\\KeldwickWithLog.exe")
+        self.addCleanup(self.service, "delete", code=None)
+        for times, state in enumerate((2, 4, 1), 1):  # starting, running, stopped
+            with self.subTest(state=state):
+                with open(f"{self.home}/refused", "w", encoding="ascii") as file:
+                    file.write(str(state))
+                self.service("start", code=None)
+                if state == 1:
+                    self.until(lambda: self.service_state() == (4, 0, 0), "the service runs")
+                    self.service("stop", code=None)
+                self.until(lambda: self.service_state() == (1, 1066, 3), "the service's code 3")
+                with open(f"{self.home}/eventlog/reported", encoding="ascii") as reported:
+                    self.assertEqual(times, len(re.findall(r"^1 c000000b\|.+\|13$", reported.read(), re.M)))
 
 
 if __name__ == "__main__":
