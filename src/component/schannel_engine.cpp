@@ -136,6 +136,9 @@ DWORD CheckCertificate(PCCERT_CONTEXT certificate, WCHAR* host) {
     CERT_CHAIN_POLICY_STATUS status{};
     status.cbSize = sizeof status;
     if (!CertVerifyCertificateChainPolicy(CERT_CHAIN_POLICY_SSL, chain.Get(), &policy, &status)) return GetLastError();
+    // Windows calls a chain without its end an error of the policy; others may leave it at the chain's own status.
+    if (status.dwError == ERROR_SUCCESS && (chain->TrustStatus.dwErrorStatus & CERT_TRUST_IS_PARTIAL_CHAIN))
+        return static_cast<DWORD>(CERT_E_CHAINING);
     return status.dwError;
 }
 

@@ -1,5 +1,5 @@
-// The service manager of a test build: refuses the state whose number the file "refused" beside the program holds, once.
-// All others go to the system. Linked ahead of the import library, whose pointer this is.
+// The service manager of a test build: refuses the state whose number the file "refused" beside the program holds,
+// once. All others go to the system. Linked ahead of the import library, whose pointer this is.
 #include <windows.h>
 
 #include <cstdio>

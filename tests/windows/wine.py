@@ -18,6 +18,7 @@ TEMPLATE = os.environ.get("KELDWICK_WINE_TEMPLATE", "")
 WINE = "/usr/lib/wine"
 KEY = "HKEY_LOCAL_MACHINE\\SOFTWARE\\Vantorel Systems\\Keldwick"
 ADDRESS = "10.20.30.40"  # what the machine's name stands for: no loopback address, as an agent reports none
+HOST, HOST_ADDRESS = "identity.example", "127.56.0.1"
 PATIENCE = 60
 
 
@@ -34,7 +35,7 @@ class WineTest(AgentTest):
             shutil.copytree(TEMPLATE, f"{cls.folder}/prefix", symlinks=True,
                             copy_function=lambda old, new: (os.link if old.endswith(".dll") else shutil.copy2)(old, new))
         with open(f"{cls.folder}/hosts", "w", encoding="ascii") as file:
-            file.write(f"127.0.0.1 localhost one.example\n{ADDRESS} {socket.gethostname()}\n")
+            file.write(f"127.0.0.1 localhost one.example\n{ADDRESS} {socket.gethostname()}\n{HOST_ADDRESS} {HOST}\n")
         rights = [] if os.geteuid() == 0 else ["--user", "--map-root-user"]
         cls.machine = ["unshare", *rights, "--mount", "--propagation", "private", "sh", "-c",
                        'mount --bind "$0" /etc/hosts && exec "$@"', f"{cls.folder}/hosts"]
