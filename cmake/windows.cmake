@@ -62,6 +62,7 @@ if(KELDWICK_TESTS)
     set_tests_properties(windows/${name} PROPERTIES FIXTURES_REQUIRED machine)
   endforeach()
   set_tests_properties(windows/test_image PROPERTIES FIXTURES_REQUIRED "")
+  set_tests_properties(windows/test_program windows/test_logons PROPERTIES COST 60)  # begin first
   add_test(NAME windows/make_machine COMMAND ${SYSTEM_PYTHON} wine.py)
   add_test(NAME windows/remove_machine COMMAND ${CMAKE_COMMAND} -E rm -rf ${machine})
   set_tests_properties(windows/make_machine PROPERTIES FIXTURES_SETUP machine)
@@ -69,5 +70,5 @@ if(KELDWICK_TESTS)
   list(TRANSFORM tests PREPEND windows/)
   set_tests_properties(${tests} windows/make_machine PROPERTIES LABELS windows TIMEOUT 300
     WORKING_DIRECTORY ${PROJECT_SOURCE_DIR}/tests/windows ENVIRONMENT
-    "KELDWICK_WINDOWS_BIN=${CMAKE_RUNTIME_OUTPUT_DIRECTORY};KELDWICK_BIN=${KELDWICK_LINUX_BIN};KELDWICK_WINE_TEMPLATE=${machine};PYTHONDONTWRITEBYTECODE=1")
+    "KELDWICK_WINDOWS_BIN=${CMAKE_RUNTIME_OUTPUT_DIRECTORY};KELDWICK_BIN=${KELDWICK_LINUX_BIN};PYTHONDONTWRITEBYTECODE=1;KELDWICK_WINE_TEMPLATE=${machine}")
 endif()
