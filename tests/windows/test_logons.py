@@ -8,10 +8,9 @@ import tempfile
 import time
 import unittest
 
-from wine import HERE, WineTest
+from wine import HERE, LINUX, WineTest
 from wire import Server
 
-LINUX = os.environ["KELDWICK_BIN"]
 LOG_VERBOSE = 0x102
 
 

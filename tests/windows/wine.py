@@ -14,6 +14,7 @@ sys.path.insert(0, os.path.join(HERE, "../system"))
 from machine import AgentTest
 
 BIN = os.environ["KELDWICK_WINDOWS_BIN"]
+LINUX = os.environ["KELDWICK_BIN"]
 TEMPLATE = os.environ.get("KELDWICK_WINE_TEMPLATE", "")
 WINE = "/usr/lib/wine"
 KEY = "HKEY_LOCAL_MACHINE\\SOFTWARE\\Vantorel Systems\\Keldwick"
@@ -104,6 +105,15 @@ class WineTest(AgentTest):
         text = self.wine("cmd", "/v:on", "/c", "start", "/wait", "C:\\Keldwick\\Keldwick.exe", *arguments, "&", "echo",
                          "code", "!errorlevel!", code=None)
         return int(re.search(r"code (\d+)", text)[1])
+
+    def on_linux(self, *arguments, **variables):
+        """Runs the agent on Linux to its end, in a machine root below the folder. Gives its log."""
+        root = f"{self.folder}/linux"
+        for command in (["keldwickctl", "--root", root, "init"], ["keldwick", *arguments]):
+            subprocess.run([*self.machine, f"{LINUX}/{command[0]}", *command[1:]], check=True, capture_output=True,
+                           timeout=PATIENCE, env={**os.environ, "KELDWICK_ROOT": root, **variables})
+        with open(f"{root}/Keldwick.log", encoding="utf-8", newline="") as file:
+            return file.read().replace("\r\n", "\n")
 
     def start_agent(self, *arguments):
         agent = subprocess.Popen([*self.machine, f"{WINE}/wine64", f"C:\\Keldwick\\{self.programs[0]}.exe", *arguments],
