@@ -137,7 +137,7 @@ class Page(ServerTest):
         self.assertEqual([None, 0], self.browser.run(
             "[window.hit ?? null, document.querySelectorAll('main img, main script, dialog script, dialog img, main b:not(.status)').length]"))
 
-    def test_logoffs_and_refusals_are_marked_and_laid_out(self):
+    def test_logoffs_and_refusals_are_marked(self):
         browser = self.browser
         self.report(self.logon(1), self.logon(1, "logoff"))
         with socket.create_connection((HOST, 1306), timeout=PATIENCE) as stranger:
@@ -147,14 +147,6 @@ class Page(ServerTest):
         browser.click("#reports .refused button")
         browser.until("document.querySelector('#details .wrong')")
         self.assertIn("the format is not 3", browser.run("document.querySelector('#details .wrong').innerText"))
-        browser.press("Escape")
-        browser.press("r")
-        browser.press("Tab")
-        browser.press("Enter")
-        browser.until("document.querySelector('#details-title').textContent.startsWith('logoff')")
-        fields = browser.run("[...document.querySelectorAll('#details .fields tbody tr')].map(row => row.innerText)")
-        self.assertTrue(any("CN=user00001,OU=People" in field for field in fields), fields)
-        self.assertIn("logoff", fields[-1])
         self.assertEqual(["rgb(168, 93, 0)", "rgb(192, 43, 43)"], browser.run(
             "['logoff', 'refused'].map(kind => getComputedStyle(document.querySelector(`#reports .${kind} .kind`)).color)"))
 
