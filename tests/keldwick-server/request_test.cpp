@@ -95,18 +95,15 @@ TEST(RequestReader, LengthsBeyond65535AreFoundByTheFields) {
 }
 
 TEST(RequestReader, RefusesEveryWrongField) {
-    const struct {
-        const char* name;
-        size_t at;
-        uint8_t value;
-    } cases[] = {{"length too small", 1, 0},     {"length one too large", 1, 35}, {"format", 3, 2},
-                 {"message code", 5, 0x11},      {"half a user block", 13, 0x46}, {"unknown mask bit", 10, 1},
-                 {"missing mask bit", 13, 0x04}, {"first constant", 14, 3},       {"last constant", 18, 0},
-                 {"address version", 19, 5},     {"version tag", 24, 0x12},       {"report kind", 33, 0x22}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
+    const std::tuple<const char*, size_t, uint8_t> cases[] = {
+        {"length too small", 1, 0},     {"length one too large", 1, 35}, {"format", 3, 2},
+        {"message code", 5, 0x11},      {"half a user block", 13, 0x46}, {"unknown mask bit", 10, 1},
+        {"missing mask bit", 13, 0x04}, {"first constant", 14, 3},       {"last constant", 18, 0},
+        {"address version", 19, 5},     {"version tag", 24, 0x12},       {"report kind", 33, 0x22}};
+    for (const auto& [name, at, value] : cases) {
+        SCOPED_TRACE(name);
         BYTES bytes = REQUEST_BYTES().Get();
-        bytes[c.at] = c.value;
+        bytes[at] = value;
         const READ read = ReadOne(bytes);
         EXPECT_EQ(PARSED::Malformed, read.result);
         EXPECT_FALSE(read.reason.empty());
