@@ -167,23 +167,5 @@ TEST_F(PICTURE_TEST, IdentitiesAreSearchedAndSorted) {
     }
 }
 
-TEST(Layout, EveryByteBelongsToOneField) {
-    BYTES wrong = FullRequest().Get();
-    wrong.back() = 7;
-    for (const BYTES& bytes : {FullRequest().Get(), REQUEST_BYTES().Get(), wrong, BYTES(100, 1), BYTES(1, 0)}) {
-        REQUEST request;
-        size_t wanted = 0;
-        std::string reason;
-        std::vector<FIELD> fields;
-        const PARSED result = ParseRequest(bytes, request, wanted, reason, &fields);
-        size_t end = 0;
-        for (const FIELD& field : fields) {
-            EXPECT_EQ(end, field.at) << field.name;
-            end += field.length;
-        }
-        EXPECT_TRUE(result == PARSED::Whole ? end == bytes.size() : end <= bytes.size());
-    }
-}
-
 }  // namespace
 }  // namespace tools

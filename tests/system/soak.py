@@ -253,18 +253,6 @@ class Soak(Machine):
         self.slow, self.slow_answers = self.random.uniform(0.2, 1.5), 2
         self.burst(6)
 
-    def step_settings_by_hand_in_pieces(self):
-        since, minutes, path = len(self.heard), self.random.randrange(1000, 2000), f"{self.root}/registry.reg"
-        with open(path) as file:
-            text = re.sub(r'"Heartbeat"=dword:\w+', f'"Heartbeat"=dword:{minutes:08x}', file.read())
-        cut = self.random.randrange(1, self.random.choice([120, len(text)]))  # 120: before the settings' own key is whole
-        with open(path, "w") as file:
-            file.write(text[:cut])
-            file.flush()
-            time.sleep(self.random.choice([0.002, 0.05, 0.3]))
-            file.write(text[cut:])
-        self.until_heard(f"Heartbeat interval = {minutes} (minutes)", since)
-
     def step_log_cleared(self):
         self.burst(6)
         self.settle()

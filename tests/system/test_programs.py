@@ -69,17 +69,6 @@ class Programs(MachineTest):
         self.assertEqual(3, done.returncode)
         self.assertIn(f"{self.root} has no settings key in its registry.reg", done.stderr)
 
-    def test_a_configure_only_run_writes_its_options_into_the_registry(self):
-        self.ctl("init", "--server", "old")
-        self.ctl("settings", "set", "Shutdown", "2")
-        done = self.run_program("keldwick", "-X", "-SERVER", "new.example", "-PROTOCOL", "tcps", "-AD_SERVER", "dc9", "-D")
-        self.assertEqual(0, done.returncode, done)
-        values = self.ctl("settings", "list")
-        for name, value in (("IdentServer", "new.example"), ("AdServer", "dc9"), ("IdentProtocol", "1"), ("Shutdown", "0"),
-                            ("DebugOutput", "1")):
-            self.assertRegex(values, rf"(?m)^{name}\b.*{value}")
-        self.assertIn("Stopping Service: Reason = stopping worker thread", self.log())
-
 
 if __name__ == "__main__":
     unittest.main()
