@@ -19,8 +19,8 @@ using win32::DESCRIPTOR;
 
 BYTES Answer(uint32_t id, uint32_t status = 0) {
     BYTES answer = {0, 14, 0, 3, 0x80, 0x10};
-    for (const uint32_t number : {id, status})
-        for (int shift = 24; shift >= 0; shift -= 8) answer.push_back(static_cast<uint8_t>(number >> shift));
+    Add(answer, id, 4);
+    Add(answer, status, 4);
     return answer;
 }
 
@@ -96,11 +96,9 @@ public:
     }
     BYTES Hear(size_t count) const {
         BYTES bytes(count);
-        size_t heard = 0;
-        for (ssize_t got = 1; heard < count && got > 0; heard += got > 0 ? static_cast<size_t>(got) : 0)
-            got = session ? SSL_read(session.get(), bytes.data() + heard, static_cast<int>(count - heard))
-                          : recv(fd.Get(), bytes.data() + heard, count - heard, 0);
-        bytes.resize(heard);
+        const ssize_t heard = session ? SSL_read(session.get(), bytes.data(), static_cast<int>(count))
+                                      : recv(fd.Get(), bytes.data(), count, MSG_WAITALL);
+        bytes.resize(static_cast<size_t>(std::max<ssize_t>(heard, 0)));
         return bytes;
     }
     void Finish() const { shutdown(fd.Get(), SHUT_WR); }

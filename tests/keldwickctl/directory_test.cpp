@@ -123,36 +123,35 @@ TEST_F(DirectoryCommand, ACutOffListOfGroupsIsNotComplete) {
 
 TEST_F(DirectoryCommand, CheckIncludesTheServerThatAdServerNames) {
     LDAP_SERVER usual, named;
-    const auto use = [&](const std::string& server) {
-        Set("\"AdServer\"=" + server, "\"DirectoryUri\"=\"ldap://" + usual.Host() + "\"");
+    const std::string toUsual = "connect to ldap://" + usual.Host(), toNamed = "connect to ldap://" + named.Host();
+    const std::string host = '"' + named.Host() + '"';
+    const std::string expanded =  // "ldaps://d", which the agent takes
+        "hex(2):6c,00,64,00,61,00,70,00,73,00,3a,00,2f,00,2f,00,64,00,00,00";
+    const struct {
+        std::string server;
+        bool usualLives, namedLives;
+        std::vector<std::string> wanted;  // of its output
+        int exitCode = 1;
+    } cases[] = {
+        {host, true, true, {toUsual, "AdServer names: ldap://" + named.Host(), toNamed}, 0},
+        {host, true, false, {toNamed, "0x8007203a"}},
+        {"\"ldaps://dc1\"", true, true, {"ldaps://d", "AdServer"}},
+        {expanded, true, true, {"ldaps://d", "AdServer"}},
+        {"\"\"", true, false, {toUsual}, 0},
+        {host, false, true, {toUsual}},  // names of service tickets are asked of the usual one
     };
-    const auto check = [] { return Run({"directory", "check"}); };
-    use("\"" + named.Host() + "\"");
-    OUTCOME shown = check();
-    EXPECT_EQ(0, shown.exitCode) << shown.error;
-    EXPECT_THAT(shown.out, AllOf(HasSubstr("connect to ldap://" + usual.Host()),
-                                 HasSubstr("AdServer names: ldap://" + named.Host()),
-                                 HasSubstr("connect to ldap://" + named.Host())));
-    named.Die();
-    shown = check();
-    EXPECT_EQ(1, shown.exitCode);
-    EXPECT_THAT(shown.error, AllOf(HasSubstr("connect to ldap://" + named.Host()), HasSubstr("0x8007203a")));
-    const std::string expanded =
-        "hex(2):6c,00,64,00,61,00,70,00,73,00,3a,00,2f,00,2f,00,64,00,00,00";  // the agent takes it
-    for (const std::string& wrong : {std::string("\"ldaps://dc1\""), expanded}) {
-        use(wrong);
-        shown = check();
-        EXPECT_EQ(1, shown.exitCode);
-        EXPECT_THAT(shown.error, AllOf(HasSubstr("ldaps://d"), HasSubstr("AdServer")));
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.server);
+        usual.Die();
+        named.Die();
+        if (c.usualLives) usual.Live();
+        if (c.namedLives) named.Live();
+        Set("\"AdServer\"=" + c.server, "\"DirectoryUri\"=\"ldap://" + usual.Host() + "\"");
+        const OUTCOME shown = Run({"directory", "check"});
+        EXPECT_EQ(c.exitCode, shown.exitCode) << shown.error;
+        for (const std::string& each : c.wanted)
+            EXPECT_THAT(c.exitCode == 0 ? shown.out : shown.error, HasSubstr(each));
     }
-    use("\"\"");
-    EXPECT_EQ(0, check().exitCode);
-    named.Live();
-    use("\"" + named.Host() + "\"");
-    usual.Die();
-    shown = check();
-    EXPECT_EQ(1, shown.exitCode) << "names of service tickets are asked of the usual one";
-    EXPECT_THAT(shown.error, HasSubstr("connect to ldap://" + usual.Host()));
 }
 
 }  // namespace

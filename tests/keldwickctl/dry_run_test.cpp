@@ -74,21 +74,6 @@ rubbish
     EXPECT_THAT(run("feed json --dry-run --log Application").out, HasSubstr("in a log that the agent does not read"));
 }
 
-TEST(EVENTS, AnImportLeavesOutWhatIsOlderAndSaysThatNobodyFollows) {
-    const TEMPORARY_ROOT root;
-    ASSERT_EQ(0, RunKeldwickctl(root, Words("init")).exitCode);
-    const std::string event = "<Event><System><EventID>4624</EventID><TimeCreated SystemTime='2026-11-16T08:00:1";
-    root.Write("x.xml", event + "2Z'/></System></Event>" + event + "3Z'/></System></Event>");
-    const auto import = [&](const char* options) { return RunKeldwickctl(root, Words(options, {root.Path("x.xml")})); };
-    EXPECT_THAT(import("events import --dry-run").out, HasSubstr("\n         2  not reported: too few strings\n"));
-    EXPECT_EQ("", RunKeldwickctl(root, Words("events list")).out);
-    const OUTCOME outcome = import("events import --since 2026-11-16T08:00:13Z");
-    EXPECT_EQ("1 event older than 2026-11-16T08:00:13Z left out.\n1 event imported into the Security log.\n",
-              outcome.out);
-    EXPECT_THAT(outcome.error, HasSubstr("no agent follows the Security log now"));
-    EXPECT_EQ("", import("events import --log Application").error);
-}
-
 TEST(FEED, ANameIsFreeUntilSomethingWasReadAndAgainWhenItIsForgotten) {
     const TEMPORARY_ROOT root;
     ASSERT_EQ(0, RunKeldwickctl(root, Words("init")).exitCode);

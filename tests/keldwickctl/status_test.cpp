@@ -18,9 +18,7 @@ TEST(Status, TheConnectionIsTheAgentsOwnToAServersPort) {
         return "   0: 0100007F:C001 " + remote + " " + state + " 00000000:00000000 00:00000000 00000000  0  0 " +
                inode + " 1 0000000000000000 20 4 30 10 -1\n";
     };
-    const struct {
-        std::string lines, found;
-    } cases[] = {
+    const std::pair<std::string, std::string> cases[] = {
         {line("0100007F:051A", "01", "77"), "127.0.0.1 1306 TCP"},
         {line("0101A8C0:051C", "01", "77"), "192.168.1.1 1308 TLS"},
         {line("B80D0120000000000000000001000000:051C", "01", "77"), "2001:db8::1 1308 TLS"},
@@ -31,19 +29,15 @@ TEST(Status, TheConnectionIsTheAgentsOwnToAServersPort) {
         {"   0: rubbish\n\n", ""},
         {"", ""},
     };
-    for (const auto& c : cases) {
-        std::istringstream table(heading + c.lines);
+    for (const auto& [lines, wanted] : cases) {
+        std::istringstream table(heading + lines);
         const auto found = ServerConnection(table, {"77", "78"});
-        EXPECT_EQ(c.found, found ? found->address + " " + std::to_string(found->port) + " " + found->over : "")
-            << c.lines;
+        EXPECT_EQ(wanted, found ? found->address + " " + std::to_string(found->port) + " " + found->over : "") << lines;
     }
 }
 
 TEST(Status, ANetHoldsTheAddressesThatShareItsBits) {
-    const struct {
-        const char *net, *address;
-        bool holds;
-    } cases[] = {
+    const std::tuple<const char*, const char*, bool> cases[] = {
         {"10.1.2.3", "10.1.2.3", true},          {"10.1.2.3", "10.1.2.4", false},
         {"10.1.0.0/16", "10.1.255.1", true},     {"10.1.0.0/16", "10.2.0.1", false},
         {"10.1.2.128/25", "10.1.2.200", true},   {"10.1.2.128/25", "10.1.2.100", false},
@@ -51,8 +45,8 @@ TEST(Status, ANetHoldsTheAddressesThatShareItsBits) {
         {"2001:db8::/33", "2001:db8:1::", true}, {"2001:db8::/33", "2001:db8:8000::", false},
         {"0.0.0.0/0", "2001:db8::1", false},     {"::/0", "-", false},
     };
-    for (const auto& c : cases)
-        EXPECT_EQ(c.holds, ParseNet(c.net).value().Holds(c.address)) << c.net << " " << c.address;
+    for (const auto& [net, address, holds] : cases)
+        EXPECT_EQ(holds, ParseNet(net).value().Holds(address)) << net << " " << address;
     for (const char* const none : {"", "host", "10.1.2.3/33", "10.1.2/24", "::/129", "10.0.0.0/", "10.0.0.0/-1"})
         EXPECT_FALSE(ParseNet(none)) << none;
 }

@@ -1,12 +1,11 @@
-"""A headless browser of the tests' own, driven through its DevTools protocol over a WebSocket."""
+"""A headless browser of the tests' own, driven through its DevTools protocol over a pair of pipes."""
 import base64
 import itertools
 import json
 import os
+import select
 import shutil
 import signal
-import socket
-import struct
 import subprocess
 import tempfile
 import time
@@ -17,80 +16,46 @@ class Browser:
     `complaints` holds what the page logged as an error or threw."""
 
     def __init__(self, patience=30):
-        self.patience, self.ids, self.buffer, self.complaints = patience, itertools.count(1), b"", []
+        self.patience, self.ids, self.heard, self.complaints, self.session = patience, itertools.count(1), b"", [], None
         self.folder = tempfile.mkdtemp(prefix="keldwick-browser-")
-        self.process = subprocess.Popen(
-            ["chromium-headless-shell", "--headless", "--no-sandbox", "--disable-gpu", "--no-first-run",
-             "--disable-background-networking", "--remote-debugging-port=0", "--force-color-profile=srgb",
-             f"--user-data-dir={self.folder}", "about:blank"], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
-            start_new_session=True)
+        self.process = subprocess.Popen(  # it reads messages from descriptor 3 and writes them to 4
+            ["sh", "-c", 'exec "$@" 3<&0 4>&1 >/dev/null', "sh", "chromium-headless-shell", "--headless", "--no-sandbox",
+             "--disable-gpu", "--no-first-run", "--disable-background-networking", "--remote-debugging-pipe",
+             "--force-color-profile=srgb", f"--user-data-dir={self.folder}", "about:blank"],
+            stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, start_new_session=True)
         try:
-            self.connect()
+            page = next(one for one in self.call("Target.getTargets")["targetInfos"] if one["type"] == "page")
+            self.session = self.call("Target.attachToTarget", targetId=page["targetId"], flatten=True)["sessionId"]
+            for domain in ("Page", "Runtime", "Log"):
+                self.call(f"{domain}.enable")
         except BaseException:
             self.close()
             raise
 
-    def connect(self):
-        end, place = time.monotonic() + self.patience, ""
-        while "\n" not in place:
-            if time.monotonic() > end or self.process.poll() is not None:
-                raise RuntimeError("the browser does not start")
-            time.sleep(0.02)
-            if os.path.exists(f"{self.folder}/DevToolsActivePort"):
-                with open(f"{self.folder}/DevToolsActivePort", encoding="ascii") as file:
-                    place = file.read()
-        port, path = place.split("\n")[:2]
-        self.socket = socket.create_connection(("127.0.0.1", int(port)), timeout=self.patience)
-        key = base64.b64encode(os.urandom(16)).decode()
-        self.socket.sendall(f"GET {path} HTTP/1.1\r\nHost: 127.0.0.1\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
-                            f"Sec-WebSocket-Key: {key}\r\nSec-WebSocket-Version: 13\r\n\r\n".encode())
-        while b"\r\n\r\n" not in self.buffer:
-            self.buffer += self.socket.recv(4096)
-        head, self.buffer = self.buffer.split(b"\r\n\r\n", 1)
-        if b" 101 " not in head:
-            raise RuntimeError(head.decode())
-        self.session = None
-        page = next(one for one in self.call("Target.getTargets")["targetInfos"] if one["type"] == "page")
-        self.session = self.call("Target.attachToTarget", targetId=page["targetId"], flatten=True)["sessionId"]
-        for domain in ("Page", "Runtime", "Log"):
-            self.call(f"{domain}.enable")
-
     def close(self):
-        if hasattr(self, "socket"):
-            self.socket.close()
         os.killpg(self.process.pid, signal.SIGKILL)  # Debian's program is a script that starts the browser
-        self.process.wait()
+        self.process.communicate()
         shutil.rmtree(self.folder, ignore_errors=True)
 
-    def take(self, count):
-        while len(self.buffer) < count:
-            piece = self.socket.recv(1 << 20)
-            if not piece:
-                raise RuntimeError("the browser has ended")
-            self.buffer += piece
-        taken, self.buffer = self.buffer[:count], self.buffer[count:]
-        return taken
-
     def receive(self):
-        message, last = b"", False
-        while not last:
-            first, size = self.take(2)
-            last = bool(first & 0x80)
-            if size >= 126:
-                size = struct.unpack(*((">H", self.take(2)) if size == 126 else (">Q", self.take(8))))[0]
-            message += self.take(size)
+        while b"\0" not in self.heard:
+            ready = select.select([self.process.stdout], [], [], self.patience)[0]
+            piece = os.read(self.process.stdout.fileno(), 1 << 20) if ready else b""
+            if not piece:
+                raise RuntimeError("the browser has ended or hangs")
+            self.heard += piece
+        message, self.heard = self.heard.split(b"\0", 1)
         return json.loads(message)
 
     def call(self, method, **parameters):
-        ident = next(self.ids)
-        text = json.dumps({"id": ident, "method": method, "params": parameters,
-                           **({"sessionId": self.session} if self.session else {})}).encode()
-        size = struct.pack(">BBH", 0x81, 0xFE, len(text)) if 125 < len(text) < 65536 else \
-            struct.pack(">BB", 0x81, 0x80 | len(text)) if len(text) < 126 else struct.pack(">BBQ", 0x81, 0xFF, len(text))
-        self.socket.sendall(size + b"\0\0\0\0" + text)  # masked with zeros
+        asked = {"id": next(self.ids), "method": method, "params": parameters}
+        if self.session:
+            asked["sessionId"] = self.session
+        self.process.stdin.write(json.dumps(asked).encode() + b"\0")
+        self.process.stdin.flush()
         while True:
             message = self.receive()
-            if message.get("id") == ident:
+            if message.get("id") == asked["id"]:
                 if "error" in message:
                     raise RuntimeError(f"{method}: {message['error']}")
                 return message["result"]
@@ -113,8 +78,8 @@ class Browser:
                 raise AssertionError(f"never came: {what or script}\n{self.run('document.body.innerText')[:2000]}")
             time.sleep(0.02)
 
-    def size(self, width, height, mobile=False, scale=1):
-        self.call("Emulation.setDeviceMetricsOverride", width=width, height=height, deviceScaleFactor=scale, mobile=mobile)
+    def size(self, width, height, mobile=False):
+        self.call("Emulation.setDeviceMetricsOverride", width=width, height=height, deviceScaleFactor=1, mobile=mobile)
 
     def scheme(self, name):
         self.call("Emulation.setEmulatedMedia", features=[{"name": "prefers-color-scheme", "value": name}])
@@ -123,11 +88,11 @@ class Browser:
         self.call("Page.navigate", url=url)
         self.until("document.readyState == 'complete'")
 
-    def press(self, key, text=None):
+    def press(self, key):
         """One key, as a person presses it."""
+        text = key if len(key) == 1 else "\r" if key == "Enter" else ""
         common = {"key": key, "code": key, "windowsVirtualKeyCode": {"Enter": 13, "Escape": 27, "Tab": 9}.get(key, 0)}
-        text = text or (key if len(key) == 1 else "\r" if key == "Enter" else None)
-        self.call("Input.dispatchKeyEvent", type="keyDown", **common, **({"text": text} if text else {}))
+        self.call("Input.dispatchKeyEvent", type="keyDown", text=text, **common)
         self.call("Input.dispatchKeyEvent", type="keyUp", **common)
 
     def type(self, text):

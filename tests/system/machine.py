@@ -1,5 +1,6 @@
 """A machine root of a test's own with the built programs: settings and events through keldwickctl, the agent as a process,
 its log as messages."""
+import json
 import os
 import re
 import shutil
@@ -7,6 +8,8 @@ import subprocess
 import tempfile
 import time
 import unittest
+
+from wire import Server
 
 BIN = os.environ["KELDWICK_BIN"]
 STAMP = re.compile(r"^\d{4}/\d\d/\d\d \d\d:\d\d:\d\d [AP]M KDWK: \(\d+\.\d+\) ", re.M)
@@ -64,19 +67,47 @@ class MachineTest(AgentTest):
         self.addCleanup(shutil.rmtree, self.root, ignore_errors=True)
         super().setUp()
 
-    def ctl(self, *arguments, code=0, text=None):
-        done = subprocess.run([f"{BIN}/keldwickctl", "--root", self.root, *arguments], input=text, capture_output=True,
-                              text=True, timeout=60)
-        self.assertEqual(code, done.returncode, f"keldwickctl {arguments}: {done.stdout}{done.stderr}")
-        return done.stdout if code == 0 else done.stderr
+    def run_program(self, name, *arguments, **options):
+        """Runs a built program in the machine root to its end."""
+        return subprocess.run([f"{BIN}/{name}", *arguments], capture_output=True, text=True, timeout=60,
+                              env={**os.environ, "KELDWICK_ROOT": self.root}, **options)
 
-    def start(self, *arguments, wait=True, through=()):
+    def begin(self, *command, **options):
+        """Starts a program in the machine root; it is ended with the test."""
+        environment = {**os.environ, "KELDWICK_ROOT": self.root, **options.pop("env", {})}
+        self.agents.append(subprocess.Popen(command, **{"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, "text": True,
+                                                        "env": environment, **options}))
+        return self.agents[-1]
+
+    def ctl(self, *arguments, code=0, text=None):
+        """What keldwickctl prints when it ends with that code."""
+        done = self.run_program("keldwickctl", *arguments, input=text)
+        self.assertEqual(code, done.returncode, f"keldwickctl {arguments}: {done.stdout}{done.stderr}")
+        return done.stdout if code == 0 else done.stdout + done.stderr
+
+    def ctl_json(self, *arguments):
+        return json.loads(self.ctl(*arguments, "--json"))
+
+    def ctl_lines(self, *arguments):
+        return [json.loads(line) for line in self.ctl(*arguments, "--json").splitlines()]
+
+    def serve(self, address=None, **options):
+        """An identity server of the tests' own."""
+        server = Server(address or self.address, **options)
+        self.addCleanup(server.close)
+        return server
+
+    def keldwick_server(self, *options, tls=0, **streams):
+        """The reference server, which takes plain TCP, and TLS at that port."""
+        server = self.begin(f"{BIN}/keldwick-server", "--host", self.address, "--tls-port", str(tls), *options, **streams)
+        self.assertIn("listening", server.stderr.readline())
+        return server
+
+    def start(self, *arguments, wait=True, through=(), **options):
         """Starts the agent with verbose lines; with wait, until it follows the Security log from after its last record.
         `through`: the command that starts it."""
         follows = self.log().count("PositionToEnd: FORWARDS")
-        agent = subprocess.Popen([*through, f"{BIN}/keldwick", *arguments], env={**os.environ, "KELDWICK_ROOT": self.root},
-                                 stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
-        self.agents.append(agent)
+        agent = self.begin(*through, f"{BIN}/keldwick", *arguments, **options)
         if wait:
             self.until(lambda: self.log().count("PositionToEnd: FORWARDS") > follows, "the agent follows the log")
         return agent
@@ -86,10 +117,10 @@ class MachineTest(AgentTest):
         self.ctl("init", "--server", server or self.address, "--protocol", protocol)
         self.ctl("events", "write", "--id", "4608", "--", "-")
 
-    def logon(self, user, ip, workstation="-", kind="3", domain="CORP", subject="S-1-0-0", sid="S-1-5-21-1-2-3-1104"):
+    def logon(self, user, ip, workstation="-"):
         self.ctl("events", "write", "--id", "4624", "--source", "Microsoft-Windows-Security-Auditing", "--computer",
-                 "DC1.corp.example", "--", subject, "-", "-", "0x0", sid, user, domain, "0x1a2b", kind, "NtLmSsp", "NTLM",
-                 workstation, "{0}", "-", "-", "0", "0x0", "-", ip, "49152")
+                 "DC1.corp.example", "--", "S-1-0-0", "-", "-", "0x0", "S-1-5-21-1-2-3-1104", user, "CORP", "0x1a2b", "3",
+                 "NtLmSsp", "NTLM", workstation, "{0}", "-", "-", "0", "0x0", "-", ip, "49152")
 
     def shut_down(self, agent):
         self.ctl("settings", "set", "Shutdown", "1")

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Runs the agent, a feed and keldwickctl against scripted identity servers while things go wrong around them, and checks
+"""Runs the agent, a feed and keldwickctl against a scripted identity server while things go wrong around them, and checks
 after each step that what was written is reported exactly once or is known not to be, that `identities` is right, and that
 descriptors, threads and memory do not grow. The seed decides everything but the timing, so that a run can be repeated."""
 import argparse
@@ -24,21 +24,19 @@ os.environ.setdefault("KELDWICK_BIN", os.path.join(os.path.dirname(os.path.abspa
 from machine import BIN, MachineTest, xml
 from soak_model import Messages, Model, Record, Violation
 from test_feeds import LOG_SIZE, authentication
-from wire import Server, answer, certificate
-
-NET = f"127.61.{os.getpid() % 250}."  # so that several may run side by side
-HOSTS = (NET + "1", NET + "2")        # identity servers
+from wire import answer, certificate
 
 
 class Machine(MachineTest):
     """The real programs with what they meet. Writes records, waits, and compares what is to be seen with the model."""
     patience = 60
+    address = f"127.61.{os.getpid() % 250}.1"  # so that several may run side by side
 
     def setUp(self):
         super().setUp()
         self.random, self.number, self.asked, self.slow = random.Random(OPTIONS.seed), 0, set(), 0.0
         self.agent = self.feed = self.baseline = None
-        self.servers, self.script, self.protocol, self.host = {}, collections.deque(), 0, HOSTS[0]
+        self.slow_answers, self.protocol = 0, 0
         self.audit, self.said = f"{self.root}/audit.jsonl", f"{self.root}/agent.err"
         self.model, self.log_messages, self.heard = Model(), Messages(self.said), []
         self.manager = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
@@ -47,74 +45,52 @@ class Machine(MachineTest):
         for name in (self.audit, self.said):
             open(name, "w").close()
         self.tls = certificate(self.root)
-        self.addCleanup(lambda: [self.end_server(host) for host in list(self.servers)])
-        for host in HOSTS:
-            self.serve(host)
-        self.prepare(protocol="auto", server=self.host)
+        self.live()
+        self.prepare(protocol="auto")
         for name, value in (("DebugOutput", "0x103"), ("LogonTTL", "1440"), ("Heartbeat", "1440")):
             self.ctl("settings", "set", name, value)
         self.ctl("settings", "set", "--type", "dword", LOG_SIZE, str(128 * 1024))
         self.start_feed()
         self.start_agent()
 
-    def run_program(self, name, *arguments):
+    def launch(self, name, *arguments):
         with open(self.said if name == "keldwick" else f"{self.root}/feed.err", "ab") as errors:
-            program = subprocess.Popen([f"{BIN}/{name}", *arguments], stderr=errors, stdout=subprocess.DEVNULL, env={
-                **os.environ, "KELDWICK_ROOT": self.root, "NOTIFY_SOCKET": f"{self.root}/notify",
+            return self.begin(f"{BIN}/{name}", *arguments, stderr=errors, stdout=subprocess.DEVNULL, env={
+                "NOTIFY_SOCKET": f"{self.root}/notify",
                 "ASAN_OPTIONS": os.environ.get("ASAN_OPTIONS", "") + ":quarantine_size_mb=1"})
-        self.agents.append(program)
-        return program
 
     def start_agent(self):
         """As a service, whose manager hears what it is told."""
         while select.select([self.manager], [], [], 0)[0]:
             self.manager.recv(4096)
         follows, self.baseline = self.model.follows, None
-        self.agent = self.run_program("keldwick")
+        self.agent = self.launch("keldwick")
         self.until(lambda: self.model.follows > follows, "the agent follows the log")
         self.resume()
 
     def start_feed(self):
-        self.feed = self.run_program("keldwickctl", "feed", "samba-audit", self.audit)
+        self.feed = self.launch("keldwickctl", "feed", "samba-audit", self.audit)
 
-    def serve(self, host):
-        self.servers[host] = Server(host, tls_files=self.tls, reply=self.reply)
-
-    def end_server(self, host):
-        with self.model.answering:
-            self.servers.pop(host).close()
+    def live(self):
+        self.server = self.serve(tls_files=self.tls, reply=self.reply)
 
     def die(self):
         self.model.trouble = True
-        self.end_server(self.host)
+        with self.model.answering:
+            self.server.close()
 
     def reply(self, connection, _request, fields):
-        """Answers as the script says next. What became of a good answer is known only after it."""
-        verdict, whole = self.script.popleft() if self.script else "good", answer(fields["id"])
+        """What became of an answer is known only after it."""
+        if self.slow_answers > 0:
+            self.slow_answers -= 1
+            time.sleep(self.slow)
         request = fields["kind"], fields["user"][0], fields["address"]
-        if verdict in ("good", "slow"):
-            time.sleep(self.slow if verdict == "slow" else 0)
-            with self.model.answering:
-                try:
-                    connection.sendall(whole)
-                    self.model.received.append(("good", *request))
-                except OSError:
-                    self.model.received.append(("lost", *request))
-            return
         with self.model.answering:
-            self.model.received.append((verdict, *request))
-        if verdict == "late":
-            time.sleep(20.7)
-        if verdict == "split":
-            connection.sendall(whole[:5])
-            time.sleep(0.003)
-        said = {"late": whole, "split": whole[5:], "closing": whole, "garbage": b"\xff" * 14, "foreign": answer(fields["id"] + 1)}
-        connection.sendall(said.get(verdict, b""))  # to "stalls", nothing
-        if verdict == "resets":
-            connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
-            connection.close()
-        elif verdict in ("closing", "closes"):
-            connection.shutdown(socket.SHUT_RDWR)
+            try:
+                connection.sendall(answer(fields["id"]))
+                self.model.received.append(("good", *request))
+            except OSError:
+                self.model.received.append(("lost", *request))
 
     # What is written.
 
@@ -166,11 +142,10 @@ class Machine(MachineTest):
         for text in self.log_messages.new():
             self.heard.append(text)
             self.model.hear(text)
-        for server in self.servers.values():
-            while not server.requests.empty():
-                fields = server.requests.get()[1]
-                if "bad" in fields:
-                    raise Violation(f"a request cannot be decoded: {fields['bad']}")
+        while not self.server.requests.empty():
+            fields = self.server.requests.get()[1]
+            if "bad" in fields:
+                raise Violation(f"a request cannot be decoded: {fields['bad']}")
 
     def wait(self, condition, patience):
         end = time.monotonic() + patience
@@ -230,7 +205,7 @@ class Machine(MachineTest):
         self.until_same("identities", lambda: self.model.table, listed)
 
     def check(self):
-        self.script.clear()
+        self.slow_answers = 0
         self.settle()
         self.until_same("requests that messages tell of", lambda: len(self.model.received), lambda: self.model.heard)
         self.check_identities()
@@ -264,51 +239,19 @@ class Machine(MachineTest):
 
 class Soak(Machine):
     def step_server_dies(self):
-        self.slow = 0.02
-        self.script.extend(["slow"] * 20)
+        self.slow, self.slow_answers = 0.02, 20
         self.burst(12)
         time.sleep(self.random.random() / 5)
         self.die()
         self.write(self.new("log", 6))
         time.sleep(self.random.random())
-        self.script.clear()
-        self.serve(self.host)
+        self.slow_answers = 0
+        self.live()
         self.poke()
 
     def step_server_answers_slowly(self):
-        self.slow = self.random.uniform(0.2, 1.5)
-        self.script.extend(["slow", "good", "slow"])
+        self.slow, self.slow_answers = self.random.uniform(0.2, 1.5), 2
         self.burst(6)
-
-    def step_server_answers_wrongly(self):
-        verdicts = ["garbage", "foreign", "split", "closing", "closes", "resets"]
-        if OPTIONS.minutes >= 3:
-            verdicts += ["stalls", "late"]  # each takes more than twenty seconds
-        for verdict in self.random.sample(verdicts, len(verdicts)):
-            self.script.append(verdict)
-            self.burst(4)
-            self.settle()
-
-    def step_server_changes(self):
-        self.burst(6)
-        since, self.host = len(self.heard), HOSTS[1 - HOSTS.index(self.host)]
-        self.may_lose(list(self.model.pending))
-        self.ctl("settings", "set", "IdentServer", self.host)
-        self.burst(6)
-        self.until_heard(f"Connected to Identity server = \"{self.host}\"", since)
-        self.resume()
-
-    def step_settings_by_hand_in_pieces(self):
-        since, minutes, path = len(self.heard), self.random.randrange(1000, 2000), f"{self.root}/registry.reg"
-        with open(path) as file:
-            text = re.sub(r'"Heartbeat"=dword:\w+', f'"Heartbeat"=dword:{minutes:08x}', file.read())
-        cut = self.random.randrange(1, self.random.choice([120, len(text)]))  # 120: before the settings' own key is whole
-        with open(path, "w") as file:
-            file.write(text[:cut])
-            file.flush()
-            time.sleep(self.random.choice([0.002, 0.05, 0.3]))
-            file.write(text[cut:])
-        self.until_heard(f"Heartbeat interval = {minutes} (minutes)", since)
 
     def step_log_cleared(self):
         self.burst(6)
@@ -372,7 +315,7 @@ class Soak(Machine):
             raise Violation(f"a stop ended with {self.agent.returncode} after {time.monotonic() - begun:.1f} s")
         self.settle(probes=False)
         if dead:
-            self.serve(self.host)
+            self.live()
         self.away(False)
 
     def step_feed_killed(self):

@@ -9,8 +9,6 @@ from machine import STAMP
 
 QUOTED = re.compile(r'"([^"]*)"')
 LOGON, LOGOFF = "logon", "logoff"
-ANSWERED = ("good", "late", "split", "closing")  # what the server may have said to a report that counts as answered
-SPOILING = ("late", "split", "closing")          # what may cost the next report, too
 # What no trouble of this kind explains.
 NEVER = ("thread abnormal exit", "Wait failed", "Terminating", "wait result", "Invalid", "Insufficient", "Failed to reallocate",
          "Unable to load registry", "Unable to read the", "Uable to", "Unable to write the list", "Unable to set registry",
@@ -42,7 +40,6 @@ class Model:
         self.received = []      # (verdict, kind, user, address) of each request
         self.heard = 0          # of these, the agent's messages have come to
         self.trouble = False    # a server is gone, or the agent stops: that explains a report that fails
-        self.spoilt = False     # so does what the server did before
         self.follows = 0
         self.counts = collections.Counter()
 
@@ -118,11 +115,10 @@ class Model:
             verdict, *got = self.received[self.heard] if self.heard < len(self.received) else (None,)
         came = got == [kind, user, ip]
         self.heard += came
-        if answered and not (came and verdict in ANSWERED):
+        if answered and not (came and verdict == "good"):
             raise Violation(f"the {kind} of {user} at {ip} counts as answered; the servers have {verdict} {got}")
-        if not answered and not (self.trouble or self.spoilt or came and (answered is None or verdict != "good")):
+        if not answered and not (self.trouble or came and (answered is None or verdict != "good")):
             raise Violation(f"the {kind} of {user} at {ip} failed without a reason; the servers have {verdict} {got}")
-        self.spoilt = came and verdict in SPOILING
 
     def match(self, user, ip, outcome, computer=None):
         same = [record for record in self.pending if (record.user, record.ip) == (user, ip)]
@@ -137,7 +133,7 @@ class Model:
         """The agent is gone and all it said was heard. One request of a killed one may be on its way without a word of it."""
         if len(self.received) - self.heard > killed:
             raise Violation(f"requests that no message tells of: {self.received[self.heard:]}")
-        self.heard, self.owed, self.trouble, self.spoilt = len(self.received), None, False, False
+        self.heard, self.owed, self.trouble = len(self.received), None, False
         self.table.clear()
 
 

@@ -7,7 +7,7 @@ import socket
 import subprocess
 import unittest
 
-from machine import BIN, MachineTest
+from machine import MachineTest
 from wire import encode
 
 EXAMPLES = os.path.realpath(f"{os.path.dirname(__file__)}/../../packaging/examples")
@@ -20,11 +20,6 @@ class Broker(MachineTest):
     def user(ident):
         return f"CORP\\{ident} '\" \\ \u202e\n"
 
-    def begin(self, *words, output=subprocess.DEVNULL):
-        program = subprocess.Popen(words, stdout=output, stderr=subprocess.PIPE, text=True)
-        self.agents.append(program)
-        return program
-
     def end(self, program, how=signal.SIGKILL):
         program.send_signal(how)
         program.communicate()
@@ -32,7 +27,7 @@ class Broker(MachineTest):
 
     def redis(self):
         program = self.begin("redis-server", "--port", "0", "--unixsocket", f"{self.root}/redis", "--dir", self.root, "--save", "",
-                             "--appendonly", "yes")
+                             "--appendonly", "yes", stdout=subprocess.DEVNULL)
         self.until(lambda: self.ask("PING") == "PONG", "Redis answers")
         return program
 
@@ -46,8 +41,7 @@ class Broker(MachineTest):
     def report(self, first, last):
         """keldwick-server writes these reports into the file, where it goes on."""
         with open(self.reports, "ab") as output:
-            server = self.begin(f"{BIN}/keldwick-server", "--host", self.address, "--tls-port", "0", "--json", output=output)
-        self.assertIn("listening", server.stderr.readline())
+            server = self.keldwick_server("--json", stdout=output)
         with socket.create_connection((self.address, 1306)) as link:
             for ident in range(first, last):
                 link.sendall(encode(ident, "10.9.8.7", (self.user(ident), "", ""), ("CORP\\WS1", "", "")))
@@ -86,7 +80,7 @@ class Broker(MachineTest):
 
         for enough in (50, 500):
             with open(f"{self.root}/seen{enough}", "wb") as output:
-                consumer = self.begin(f"{EXAMPLES}/redis-consumer.py", f"unix://{self.root}/redis", output=output)
+                consumer = self.begin(f"{EXAMPLES}/redis-consumer.py", f"unix://{self.root}/redis", stdout=output)
             self.until(lambda: len(seen()) >= enough, "reports at the consumer")
             if enough == 500:
                 self.until(lambda: self.ask("XPENDING", "keldwick", "example").startswith("0"), "acknowledgements")

@@ -3,11 +3,14 @@ import json
 import os
 import re
 import shutil
+import signal
 import socket
 import subprocess
+import time
 import unittest
+from datetime import datetime
 
-from machine import BIN, MachineTest
+from machine import BIN, PATIENCE, MachineTest
 
 EXAMPLES = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../packaging/examples")
 
@@ -17,8 +20,7 @@ class Check(MachineTest):
 
     def found(self, *options):
         """The exit code, and of each thing checked the worst result with what was found."""
-        done = subprocess.run([f"{BIN}/keldwickctl", "--root", self.root, "check", "--json", *options], capture_output=True,
-                              text=True, timeout=60)
+        done = self.run_program("keldwickctl", "check", "--json", *options)
         checks = json.loads(done.stdout)["checks"]
         order = ["ok", "warning", "failed"]
         worst = {each["check"]: each for each in sorted(checks, key=lambda each: order.index(each["result"]))}
@@ -28,30 +30,12 @@ class Check(MachineTest):
         self.assertEqual(result, found[what][0], found)
         self.assertIn(text, found[what][1])
 
-    def status(self, *options, code=0):
-        done = subprocess.run([f"{BIN}/keldwickctl", "--root", self.root, "status", *options], capture_output=True, text=True,
-                              timeout=60)
-        self.assertEqual(code, done.returncode, done)
-        return done.stdout
-
-    def serve(self, *options):
-        server = subprocess.Popen([f"{BIN}/keldwick-server", "--host", self.address, *options], stdout=subprocess.PIPE,
-                                  stderr=subprocess.PIPE, text=True)
-        self.agents.append(server)
-        for _ in range(1 if options else 2):  # it listens at a port, and says so
-            self.assertIn("listening", server.stderr.readline())
-        return server
-
-    def test_nothing_is_made_where_there_is_no_machine_root(self):
-        code, found = self.found()
-        self.assertEqual(1, code)
-        self.tell(found, "machine root", "failed", f"there is no {self.root}/registry.reg")
-        self.assertEqual([], os.listdir(self.root))
-
     def test_a_server_that_answers_is_ok_and_its_loss_is_told(self):
         self.prepare("auto")
-        server = self.serve()
-        self.start("-L")
+        self.assertFalse(self.ctl_json("status")["running"])
+        server = self.keldwick_server(tls=1308)
+        agent = self.start("-L")
+        self.until(lambda: self.ctl_json("status")["connection"], "a connection")
         code, found = self.found("--exchange", "--address", "127.0.0.1")
         self.assertIn(code, (0, 3), found)  # the clock of a container may be nobody's
         for what, text in (("machine root", self.root), ("agent", "connected over TLS"), ("event log", "1 record, the newest of"),
@@ -59,14 +43,28 @@ class Check(MachineTest):
                            ("agent's log", "Keldwick.log")):
             self.tell(found, what, "ok", text)
         self.tell(found, "directory", "warning", "none is set")
-        self.assertIn("over TLS (no groups)", self.status("--check"))
-        self.assertIn("being written", self.status())
+        status = self.ctl_json("status")
+        self.assertEqual((True, agent.pid, self.address, "auto", {"address": self.address, "port": 1308, "over": "TLS", "groups": False}),
+                         tuple(status[key] for key in ("running", "pid", "server", "protocol", "connection")))
+        self.assertLess(abs(datetime.fromisoformat(status["since"]).timestamp() - time.time()), PATIENCE)
+        self.assertRegex(self.ctl("status", "--check"), rf"(?s)process {agent.pid}.*over TLS \(no groups\).*being written")
+
+        self.logon("cleo", "10.0.0.8")
+        self.until(lambda: self.ctl_json("status")["behind"] == 0, "the agent has read the first logon")
+        agent.send_signal(signal.SIGSTOP)
+        for user in ("ann", "bob"):
+            self.logon(user, "10.0.0.7")
+        status = self.ctl_json("status")
+        self.assertEqual((4, 2), (status["last_event"]["record"], status["behind"]), status)
+        self.assertLessEqual(status["behind_since"], status["last_event"]["time"])
+        agent.send_signal(signal.SIGCONT)
+        self.until(lambda: self.ctl_json("status")["behind"] == 0, "the agent catches up")
 
         server.terminate()
         server.wait()
         self.ctl("settings", "set", "IdentServer", "nowhere.invalid")
         self.until_logged("failed")
-        shown = self.status("--check", code=3)
+        shown = self.ctl("status", "--check", code=3)
         self.assertRegex(shown, r'no connection: TLS: "nowhere.invalid": The host was not found')
         code, found = self.found()
         self.assertEqual(1, code)
@@ -74,7 +72,7 @@ class Check(MachineTest):
         self.tell(found, "agent", "failed", "nowhere.invalid")
 
         self.ctl("settings", "set", "DebugOutput", "debugger")
-        self.until(lambda: "ended by DebugOutput" in self.status(), "the log is ended")
+        self.until(lambda: "ended by DebugOutput" in self.ctl("status"), "the log is ended")
         self.tell(self.found()[1], "agent's log", "warning", "ended")
 
     @unittest.skipUnless(shutil.which("promtool"), "promtool is not installed")
@@ -83,8 +81,8 @@ class Check(MachineTest):
         done = subprocess.run(["promtool", "check", "rules", rules], capture_output=True, text=True, timeout=60)
         self.assertEqual(0, done.returncode, done)
         self.assertIn("SUCCESS", done.stdout)
-        self.prepare("tcp")
-        self.serve("--tls-port", "0")
+        self.prepare()
+        self.keldwick_server()
         self.start()
         with open(f"{self.root}/audit.jsonl", "w", encoding="utf-8"):
             self.ctl("feed", "json", f"{self.root}/audit.jsonl", "--once", "--name", "f")
@@ -102,51 +100,56 @@ class Check(MachineTest):
             self.assertEqual(set(), asked - figures, example)
         json.loads(text)
 
-    def test_identities_are_chosen_and_watched(self):
-        self.prepare("tcp")
-        self.serve("--tls-port", "0")
-        self.start()
-        self.until(lambda: "as of" in subprocess.run([f"{BIN}/keldwickctl", "--root", self.root, "identities"],
-                                                     capture_output=True, text=True).stdout, "the agent follows the log")
-        watch = subprocess.Popen([f"{BIN}/keldwickctl", "--root", self.root, "identities", "--watch", "--user", "corp\\an"],
-                                 stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
-        self.agents.append(watch)
-        for user, address in (("ann", "10.1.0.7"), ("bob", "10.1.0.8"), ("anna", "10.2.0.7")):
-            self.logon(user, address, "WS1")
-        self.until_logged("Logon reported", 3)
+    def test_identities_are_listed_chosen_watched_and_gone_with_the_agent(self):
+        self.prepare()
+        self.keldwick_server()
+        self.assertIn("no agent runs", self.ctl("identities", code=1))
+        agent = self.start("-L")
+        self.until(lambda: self.ctl_json("status")["identities"] == 0, "the agent shows itself")
+        watch = self.begin(f"{BIN}/keldwickctl", "identities", "--watch", "--user", "corp\\an")
+        for each in (("ann", "10.1.0.7", "PC1"), ('b"\x1b[2J\\', "2001:db8::1"), ("anna", "10.2.0.7", "PC2")):
+            self.logon(*each)
         self.assertEqual({"10.1.0.7", "10.2.0.7"}, {watch.stdout.readline().split()[1] for _ in range(2)})
-        shown = self.ctl("identities", "--address", "10.1.0.0/16", "--user", "BOB")
-        self.assertRegex(shown, r"(?m)\A10\.1\.0\.8 +\S+Z  until \S+Z  CORP\\bob .*\n1 identity, as of")
+        self.logon("cleo", "10.1.0.7", "PC1")
+        self.until(lambda: self.ctl_json("status")["reports_answered"] == 5, "four logons and a logoff")
+        found = self.ctl_lines("identities")
+        self.assertEqual([("2001:db8::1", 'CORP\\b"\x1b[2J\\', ""), ("10.2.0.7", "CORP\\anna", "CORP\\PC2"),
+                          ("10.1.0.7", "CORP\\cleo", "CORP\\PC1")],
+                         [tuple(entry[key] for key in ("address", "user", "computer")) for entry in found])
+        for entry in found:
+            logon, expires = (datetime.fromisoformat(entry[key]).timestamp() for key in ("logon", "expires"))
+            self.assertLess(abs(logon - time.time()), PATIENCE)
+            self.assertEqual(12 * 60, expires - logon)
+        self.assertRegex(self.ctl("identities"), r'CORP\\b"\\u001b\[2J\\  (?s:.*)\n3 identities, as of ')
+        self.assertRegex(self.ctl("identities", "--address", "10.1.0.0/16", "--user", "CLEO"),
+                         r"\A10\.1\.0\.7 +\S+Z  until \S+Z  CORP\\cleo .*\n1 identity, as of")
         self.ctl("identities", "--address", "10.1", code=2)
+        self.shut_down(agent)
+        with open(f"{self.root}/Keldwick.identities", encoding="utf-8") as file:
+            self.assertEqual(0, json.loads(file.read())["identities"], "nobody is left in the file")
 
     def test_a_second_agent_waits_for_the_first(self):
-        self.prepare("tcp")
-        self.serve("--tls-port", "0")
+        self.prepare()
+        self.keldwick_server()
         first = self.start("-L")
         second = self.start("-L", wait=False)
         self.until_logged("Uable to open the \"Security\" event log.")
         self.assertIn("Error code = 32.", self.log())
-        self.assertIn(f"process {first.pid} follows", self.error_of(second))
+        refusal = next(line for line in second.stderr if "Not followed" in line)
+        self.assertIn(f"process {first.pid} follows", refusal)
         self.tell(self.found()[1], "agent", "warning", f"process {first.pid} and process {second.pid}")
-        for others in (["-X"], ["-REPORT_IDENTITY"]):  # these read no log
-            done = subprocess.run([f"{BIN}/keldwick", "-L", *others], env={**os.environ, "KELDWICK_ROOT": self.root},
-                                  capture_output=True, text=True, timeout=60)
+        for other in ("-X", "-REPORT_IDENTITY"):  # these read no log
+            done = self.run_program("keldwick", "-L", other)
             self.assertEqual((0, -1), (done.returncode, done.stderr.find("Not followed")), done)
         self.assertEqual(1, self.log().count("Error code = 32."))
-
-    def error_of(self, agent):
-        for line in agent.stderr:
-            if "Not followed" in line:
-                return line
-        return ""
 
     def test_what_is_wrong_with_a_server_is_said(self):
         self.prepare("auto")
         self.tell(self.found()[1], "identity server", "failed", "refused")
         with socket.create_server((self.address, 1308)) as plain:
             plain.settimeout(10)
-            self.serve("--tls-port", "0")
-            client = subprocess.Popen([f"{BIN}/keldwickctl", "--root", self.root, "check"], stdout=subprocess.PIPE, text=True)
+            self.keldwick_server()
+            client = self.begin(f"{BIN}/keldwickctl", "check")
             peer, _ = plain.accept()
             peer.recv(1)
             peer.sendall(b"220 this is no TLS\r\n")
@@ -156,30 +159,28 @@ class Check(MachineTest):
         self.assertRegex(shown, r"(?m)^ok +identity server +plain TCP, port 1306: connected")
 
     def test_files_and_settings_that_cannot_work_are_named(self):
-        self.prepare("tcp")
+        self.prepare()
         self.ctl("settings", "set", "--type", "sz", "Heartbeat", "10")
         self.ctl("settings", "set", "--type", "dword", "Hartbeat", "10")
         self.ctl("settings", "set", "IdentServer", "id.example:1306")
         os.rename(f"{self.root}/eventlog/Security.evt", f"{self.root}/there.evt")
         os.symlink(f"{self.root}/there.evt", f"{self.root}/eventlog/Security.evt")
-        shown = subprocess.run([f"{BIN}/keldwickctl", "--root", self.root, "check"], capture_output=True, text=True, timeout=60)
-        self.assertEqual(1, shown.returncode)
+        shown = self.ctl("check", code=1)
         for line in (r"warning +settings +Heartbeat = 10: is of type sz", r"warning +settings +the agent reads no value Hartbeat",
                      r"failed +settings +IdentServer = id.example:1306: .*the ports are fixed",
                      r"failed +machine root +.*/eventlog/Security.evt: .* is a link"):
-            self.assertRegex(shown.stdout, rf"(?m)^{line}")
+            self.assertRegex(shown, rf"(?m)^{line}")
 
     @unittest.skipUnless(os.geteuid() == 0, "only root can be another user")
     def test_another_user_sees_what_he_may(self):
-        self.prepare("tcp")
+        self.prepare()
         self.start(wait=False)
         os.chmod(self.root, 0o711)
         os.chmod(f"{self.root}/registry.reg", 0o600)
-        done = subprocess.run([f"{BIN}/keldwickctl", "--root", self.root, "status"], capture_output=True, text=True, user=65534)
+        done = self.run_program("keldwickctl", "status", user=65534)
         self.assertEqual(0, done.returncode, done)
-        self.assertRegex(done.stdout, r"(?m)^agent +not known")
-        self.assertIn("not known        may not look at process", done.stdout)
-        self.assertIn("last event", done.stdout)
+        for said in ("agent +not known", ".*not known        may not look at process", ".*last event"):
+            self.assertRegex(done.stdout, rf"(?m)^{said}")
 
 
 if __name__ == "__main__":

@@ -2,8 +2,8 @@
 here from the bytes that a relay saw, so that no right to capture is needed and the segments are as each test wants them."""
 import json
 import os
-import queue
 import random
+import select
 import socket
 import struct
 import subprocess
@@ -12,49 +12,27 @@ import time
 import unittest
 
 from machine import MachineTest
-from wire import Server, answer, certificate, decode, encode
+from wire import answer, certificate, decode, encode
 
 SCRIPT = os.path.realpath(f"{os.path.dirname(__file__)}/../../packaging/wireshark/keldwick.lua")
 EXPERTS = ("wrong_length", "wrong_value", "stray", "cut", "groups_not_sent", "unasked", "late", "pieces", "unanswered")
 
 
-class Relay:
-    """Passes one port's connections on, and keeps (stream, from the client, bytes, time) of what passes."""
+def relay(address, target, port):
+    """Passes one connection on to the same port at target. Gives the list of (stream, from the client, bytes, time) that pass."""
+    seen, listener = [], socket.create_server((address, port))
 
-    def __init__(self, address, target, port):
-        self.seen, self.streams, self.target = queue.Queue(), 0, (target, port)
-        self.listener = socket.create_server((address, port))
-        self.sockets = [self.listener]
-        threading.Thread(target=self.accept, daemon=True).start()
+    def run():
+        with listener, listener.accept()[0] as client, socket.create_connection((target, port)) as server:
+            other, data = {client: server, server: client}, b"-"
+            while data:
+                source = select.select(list(other), [], [])[0][0]
+                if data := source.recv(65536):
+                    seen.append((1, source is client, data, time.time()))
+                    other[source].sendall(data)
 
-    def accept(self):
-        try:
-            while True:
-                client, _ = self.listener.accept()
-                server = socket.create_connection(self.target)
-                self.streams += 1
-                self.sockets += [client, server]
-                for source, sink, up in ((client, server, True), (server, client, False)):
-                    threading.Thread(target=self.pump, args=(self.streams, source, sink, up), daemon=True).start()
-        except OSError:
-            pass
-
-    def pump(self, stream, source, sink, up):
-        try:
-            while data := source.recv(65536):
-                self.seen.put((stream, up, data, time.time()))
-                sink.sendall(data)
-            sink.shutdown(socket.SHUT_WR)
-        except OSError:
-            pass
-
-    def close(self):
-        self.listener.shutdown(socket.SHUT_RDWR)
-        for each in self.sockets:
-            each.close()
-
-    def exchange(self):
-        return [self.seen.get() for _ in range(self.seen.qsize())]
+    threading.Thread(target=run, daemon=True).start()
+    return seen
 
 
 def capture(path, exchange, port, segment=1448, keep=65535):
@@ -138,13 +116,11 @@ class Dissector(MachineTest):
         for protocol, port in (("tcp", 1306), ("tcps", 1308)):
             with self.subTest(protocol=protocol):
                 keys, wires = f"{self.root}/keys", []
-                server = Server(self.behind, tls_files=certificate(self.root) if port == 1308 else None,
-                                reply=lambda link, wire, fields: (wires.append(wire), link.sendall(answer(fields["id"], 7))))
-                self.addCleanup(server.close)
+                server = self.serve(self.behind, tls_files=certificate(self.root) if port == 1308 else None,
+                                    reply=lambda link, wire, fields: (wires.append(wire), link.sendall(answer(fields["id"], 7))))
                 if server.tls:
                     server.tls.keylog_filename = keys
-                relay = Relay(self.address, self.behind, port)
-                self.addCleanup(relay.close)
+                exchange = relay(self.address, self.behind, port)
                 self.prepare(protocol)
                 agent = self.start()
                 for user, ip in (("ann", "10.9.8.7"), ("bob", "10.9.8.7"), ("\U0001F980 \u202e", "2001:db8::7")):
@@ -152,7 +128,7 @@ class Dissector(MachineTest):
                 self.until(lambda: len(wires) == 4, "four requests")
                 self.shut_down(agent)
                 server.close()
-                capture(f"{self.root}/real", relay.exchange(), port)
+                capture(f"{self.root}/real", exchange, port)
                 for passes in ((), ("-2",)):
                     shown = messages(f"{self.root}/real", "-o", f"tls.keylog_file:{keys}", *passes)[0]
                     self.assertEqual(8, len(shown))

@@ -139,24 +139,18 @@ class Completion(unittest.TestCase):
              ("keldwick", ["-PROTOCOL", "TCPS"], "TCPS"), ("keldwick", ["-SERVER", ""], ""),
              ("keldwick-server", ["--tls"], "--tls-port"), ("keldwick-server", ["--host", ""], ""))
 
-    def test_bash_knows_what_may_follow(self):
-        for program, words, wanted in self.cases:
-            with self.subTest(program=program, words=words):
-                script = (f'. {PACKAGING}/keldwickctl.bash; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); '
-                          '$(complete -p "$1" | sed "s/.*-F \\([^ ]*\\).*/\\1/"); echo "${COMPREPLY[*]}"')
-                said = subprocess.run(["bash", "-c", script, "bash", program, *words], capture_output=True, text=True, check=True,
-                                      env=self.environment)
-                self.assertEqual(wanted, said.stdout.strip(), said.stderr)
+    shells = {"bash": f'. {PACKAGING}/keldwickctl.bash; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); '
+                      '$(complete -p "$1" | sed "s/.*-F \\([^ ]*\\).*/\\1/"); echo "${COMPREPLY[*]}"',
+              "zsh": 'compadd() { [[ $1 == -- ]] && shift; print -l -- ${(M)@:#$words[CURRENT]*} }; _files() { }; '
+                     f'words=("$@"); CURRENT=$#; . {PACKAGING}/_keldwick'}
 
-    @unittest.skipUnless(shutil.which("zsh"), "zsh is not installed")
-    def test_zsh_knows_what_may_follow(self):
-        script = (f'compadd() {{ [[ $1 == -- ]] && shift; print -l -- ${{(M)@:#$words[CURRENT]*}} }}; _files() {{ }}; '
-                  f'words=("$@"); CURRENT=$#; . {PACKAGING}/_keldwick')
-        for program, words, wanted in self.cases:
-            with self.subTest(program=program, words=words):
-                said = subprocess.run(["zsh", "-fc", script, "zsh", program, *words], capture_output=True, text=True,
-                                      env=self.environment)
-                self.assertEqual(wanted, said.stdout.strip(), said.stderr)
+    def test_the_shells_know_what_may_follow(self):
+        for shell in filter(shutil.which, self.shells):
+            for program, words, wanted in self.cases:
+                with self.subTest(shell=shell, program=program, words=words):
+                    said = subprocess.run([shell, "-c", self.shells[shell], shell, program, *words], capture_output=True, text=True,
+                                          env=self.environment)
+                    self.assertEqual(wanted, said.stdout.strip(), said.stderr)
 
 
 if __name__ == "__main__":

@@ -6,7 +6,7 @@ import threading
 import unittest
 
 from machine import MachineTest, xml
-from wire import Server, answer
+from wire import answer
 
 REPORTS = 300
 # One look for a close, one send, one wait, one receive, and one write for each of the six lines in the log.
@@ -32,8 +32,7 @@ class SystemCalls(MachineTest):
             imported.wait(30)
             connection.sendall(answer(fields["id"]))
 
-        server = Server(self.address, reply=reply)
-        self.addCleanup(server.close)
+        self.serve(reply=reply)
         self.prepare()
         agent = self.start(through=["strace", "-E", "ASAN_OPTIONS=detect_leaks=0", "-f", "-o", f"{self.root}/trace"])
         events = "".join(xml(f"user{i}", f"10.0.{i // 250}.{i % 250 + 1}") for i in range(REPORTS))

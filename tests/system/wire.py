@@ -80,32 +80,25 @@ class Server:
     """Serves one loopback address on the agent's two ports. `reply(connection, request, fields)` decides what happens to
     each request; the default answers it. Requests come out of `next()`, in order."""
 
-    def __init__(self, address, plain=True, tls_files=None, reply=None):
-        self.address, self.requests, self.reply = address, queue.Queue(), reply or self.default_reply
-        self.accepted = queue.Queue()
-        self.closing, self.listeners, self.connections = False, [], []
-        self.tls = None
+    def __init__(self, address, tls_files=None, reply=None):
+        self.address, self.requests, self.accepted = address, queue.Queue(), queue.Queue()
+        self.reply = reply or (lambda connection, _request, fields: connection.sendall(answer(fields["id"])))
+        self.listeners, self.connections, self.tls = [], [], None
         if tls_files:
             self.tls = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
             self.tls.load_cert_chain(*tls_files)
-        for port, wanted in ((1306, plain), (1308, tls_files)):
-            if wanted:
-                listener = socket.create_server((address, port))
-                self.listeners.append(listener)
-                threading.Thread(target=self.accept, args=(listener, port == 1308), daemon=True).start()
-
-    @staticmethod
-    def default_reply(connection, _request, fields):
-        connection.sendall(answer(fields["id"]))
+        for port in (1306, 1308) if tls_files else (1306,):
+            self.listeners.append(socket.create_server((address, port)))
+            threading.Thread(target=self.accept, args=(self.listeners[-1], port == 1308), daemon=True).start()
 
     def accept(self, listener, secure):
-        while not self.closing:
-            try:
+        try:
+            while True:
                 connection, _ = listener.accept()
                 connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
-            except OSError:
-                return
-            threading.Thread(target=self.serve, args=(connection, secure), daemon=True).start()
+                threading.Thread(target=self.serve, args=(connection, secure), daemon=True).start()
+        except OSError:
+            pass
 
     def serve(self, connection, secure):
         try:
@@ -142,7 +135,6 @@ class Server:
 
     def close(self):
         """Connections are closed by those who serve them: their descriptors must not be another's while they write."""
-        self.closing = True
         for socket_ in self.listeners + self.connections:
             try:
                 socket_.shutdown(socket.SHUT_RDWR)
