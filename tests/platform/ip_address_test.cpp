@@ -27,7 +27,13 @@ TEST(IpAddress, TextsAndWhatTheyMean) {
         {TEXT("-"), 0, false, ""},
         {TEXT(""), 0, false, ""},
         {TEXT("10.0.0.256"), 0, false, ""},
+        {TEXT("10.0.0.5 "), 0, false, ""},
+        {TEXT("10.0.0.08"), 0, false, ""},
+        {TEXT("4294967296"), 0, false, ""},
         {TEXT("::g"), 0, false, ""},
+        {TEXT("1::2::3"), 0, false, ""},
+        {TEXT("[::1"), 0, false, ""},
+        {TEXT("fe80::1%eth0"), 0, false, ""},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(Narrow(c.text));

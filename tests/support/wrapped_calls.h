@@ -7,9 +7,7 @@
 #include <winsock2.h>
 #include <ws2tcpip.h>
 
-#include <condition_variable>
 #include <initializer_list>
-#include <map>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -17,6 +15,7 @@
 #include "directory/com.h"
 #include "tests/support/debug_lines.h"
 #include "tests/support/fail_call.h"
+#include "tests/support/name_server.h"
 #include "tests/support/virtual_clock.h"
 
 WRAP_CALL(HANDLE, CreateEventW, (LPSECURITY_ATTRIBUTES s, BOOL m, BOOL i, LPCWSTR n), (s, m, i, n))
@@ -52,55 +51,8 @@ inline std::vector<std::string>& DirectoryPaths() {
     return paths;
 }
 
-// The name server of the tests; the system answers for numeric addresses alone.
-struct NAME_SERVER {
-    std::map<std::string, std::vector<std::string>> addresses;  // of names; all others are not found
-    std::u16string name;                                        // of every address; empty: none has one
-    int questions = 0;
-
-    // Dead, it keeps whoever asks waiting until it is revived.
-    void Die() {
-        const std::lock_guard guard(lock);
-        dead = true;
-        questions = 0;
-    }
-    void AwaitQuestions(int count) {
-        std::unique_lock guard(lock);
-        changed.wait_for(guard, Patience, [&] { return hanging >= count; });
-    }
-    // Once so many questions wait; they have been answered afterwards.
-    void Revive(int count) {
-        AwaitQuestions(count);
-        std::unique_lock guard(lock);
-        dead = false;
-        changed.notify_all();
-        changed.wait(guard, [&] { return hanging == 0; });
-    }
-    std::vector<std::string> Ask(const std::string& host = "") {
-        std::unique_lock guard(lock);
-        ++questions;
-        ++hanging;
-        changed.notify_all();
-        changed.wait_for(guard, Patience, [&] { return !dead; });
-        --hanging;
-        changed.notify_all();
-        const auto found = addresses.find(host);
-        return found != addresses.end() ? found->second : std::vector<std::string>();
-    }
-
-private:
-    static constexpr std::chrono::seconds Patience{15};  // so that who waits in vain fails and does not hang
-    std::mutex lock;
-    std::condition_variable changed;
-    int hanging = 0;
-    bool dead = false;
-};
-inline NAME_SERVER& NameServer() {
-    static auto& server = *new NAME_SERVER;
-    return server;
-}
-
-// What the name server knows, found by a call that takes numeric addresses.
+// What the name server knows, as the system answers for numeric addresses alone, found by a call that takes numeric
+// addresses.
 template <typename CALL>
 int FindAddresses(CALL real, const char* node, const char* service, const addrinfo& hints, addrinfo** result) {
     addrinfo numeric = hints;

@@ -1,20 +1,21 @@
 // Names translated and objects opened through the Windows interfaces, out of a directory of two domains.
-#include <adshlp.h>
-
 #include <tuple>
 
+#include "directory/com.h"
+#include "directory/name_translation.h"
 #include "tests/support/entry_lines.h"
 #include "tests/win32/fixture.h"
 #include "win32/text/utf.h"
 
+using namespace keldwick;
 using win32::ToUtf16;
 using win32::ToUtf8;
 
 namespace {
 
 constexpr HRESULT NotFound = HRESULT(0x80072116u), NotUnique = HRESULT(0x80072117u), NoMapping = HRESULT(0x80072118u);
-constexpr LONG Dn = ADS_NAME_TYPE_1779, Nt4 = ADS_NAME_TYPE_NT4, Simple = ADS_NAME_TYPE_DOMAIN_SIMPLE,
-               Sid = ADS_NAME_TYPE_SID_OR_SID_HISTORY_NAME;
+constexpr DWORD Dn = ADS_NAME_TYPE_1779, Nt4 = ADS_NAME_TYPE_NT4, Simple = ADS_NAME_TYPE_DOMAIN_SIMPLE,
+                Sid = ADS_NAME_TYPE_SID_OR_SID_HISTORY_NAME;
 
 const std::string TwoDomains = Entries(
     R"(dn: CN=CORP,CN=Partitions,CN=Configuration,DC=corp|nCName: DC=corp|dnsRoot: corp.example|nETBIOSName: CORP
@@ -40,34 +41,19 @@ protected:
 
     using NAME = std::pair<HRESULT, std::string>;
 
-    static IADsNameTranslate* Create() {
-        void* translator = nullptr;
-        EXPECT_EQ(S_OK, CoCreateInstance(CLSID_NameTranslate, nullptr, CLSCTX_INPROC_SERVER, IID_IADsNameTranslate,
-                                         &translator));
-        return static_cast<IADsNameTranslate*>(translator);
-    }
-
-    static NAME Translate(LONG from, std::string_view name, LONG to) {
-        IADsNameTranslate* const translator = Create();
-        const std::u16string wide = ToUtf16(name);
-        const BSTR input = SysAllocStringLen(wide.data(), static_cast<UINT>(wide.size()));
-        BSTR output = nullptr;
-        HRESULT result = translator->Init(ADS_NAME_INITTYPE_GC, nullptr);
-        if (SUCCEEDED(result)) result = translator->Set(from, input);
-        if (SUCCEEDED(result)) result = translator->Get(to, &output);
-        NAME answer{result, output ? ToUtf8({output, SysStringLen(output)}) : ""};
-        SysFreeString(input);
-        SysFreeString(output);
-        EXPECT_EQ(0u, translator->Release());
-        return answer;
+    static NAME Translate(DWORD from, std::string_view name, DWORD to, const DIRECTORY_BINDING* binding = nullptr) {
+        STRING translated;
+        HRESULT result = S_OK;
+        TranslateName(from, ToUtf16(name).c_str(), to, translated, result, binding);
+        return {result, ToUtf8(translated.View())};
     }
 };
 
 TEST_F(Directory, TranslatesEveryKindOfNameThatIsAskedFor) {
     const struct {
-        LONG from;
+        DWORD from;
         const char* name;
-        LONG to;
+        DWORD to;
         const char* wanted;
     } cases[] = {
         {Nt4, "corp\\ANN", Dn, "CN=Ann,OU=Ops\\, all,DC=corp"},     {Nt4, "EU\\ann", Dn, "CN=Ann,DC=eu,DC=corp"},
@@ -77,13 +63,13 @@ TEST_F(Directory, TranslatesEveryKindOfNameThatIsAskedFor) {
     };
     for (const auto& c : cases) EXPECT_EQ((NAME{S_OK, c.wanted}), Translate(c.from, c.name, c.to)) << c.name;
     using NAMES = std::vector<std::string>;
-    const std::tuple<HRESULT, LONG, NAMES, LONG> refused[] = {
+    const std::tuple<HRESULT, DWORD, NAMES, DWORD> refused[] = {
         {NotUnique, Simple, {"both@mail.example"}, Nt4},
         {NotUnique, Nt4, {"CORP\\twin"}, Dn},
         {NotFound, Simple, {"ann", std::string(1000, '@')}, Nt4},
         {NotFound, Sid, {"S-1-5-21-1-2-3-9", "S-1-5-21-"}, Dn},
         {NotFound, Nt4, {"NONE\\ann", "CORP\\else", "ann", "CORP\\", "", "CORP\\*", "CORP\\*)(objectClass=*"}, Dn},
-        {NotFound, Nt4, {{"CORP\\ann\0", 9}, "CORP\\a\\ann", "CORP\\" + std::string(1000, 'a')}, Dn},
+        {NotFound, Nt4, {"CORP\\a\\ann", "CORP\\" + std::string(1000, 'a')}, Dn},
         {NotFound, Dn, {std::string(100000, 'a'), "CN=Nobody,DC=corp", ""}, Nt4},
         {NoMapping, Dn, {"OU=Ops\\, all,DC=corp", "CN=Elsewhere,DC=other"}, Nt4},
         {E_NOTIMPL, 4, {"CORP\\ann"}, Dn},
@@ -107,13 +93,9 @@ TEST_F(Directory, TheFilesChangesShowAtOnceAndABrokenFileChangesNothing) {
 
 TEST_F(Directory, AServerThatIsNoHostsNameIsSpokenOfOnce) {
     testing::internal::CaptureStderr();
-    for (int i = 0; i < 2; ++i) {
-        IADsNameTranslate* const translator = Create();
-        const BSTR server = SysAllocString(u"ldaps://dc1");
-        EXPECT_EQ(E_INVALIDARG, translator->Init(ADS_NAME_INITTYPE_SERVER, server));
-        SysFreeString(server);
-        translator->Release();
-    }
+    DIRECTORY_BINDING binding;
+    SetBindingServer(binding, u"ldaps://dc1");
+    for (int i = 0; i < 2; ++i) EXPECT_EQ((NAME{E_INVALIDARG, ""}), Translate(Nt4, "CORP\\ann", Dn, &binding));
     const std::string said = testing::internal::GetCapturedStderr();
     EXPECT_EQ(1u, Times(said, "\"ldaps://dc1\"")) << said;
 }

@@ -1,5 +1,4 @@
-// Directory exports, and the texts of a directory: DNs, filters, paths.
-#include "win32/directory/directory_text.h"
+// Directory exports.
 #include "win32/directory/ldif_file.h"
 
 #include <gtest/gtest.h>
@@ -66,45 +65,6 @@ TEST(Ldif, NamesTheLineThatItCannotRead) {
     }
     for (const std::string base64 : {"QQ*=", "QQ=", "====", "QQ==QQ=="})
         EXPECT_FALSE(LDIF_DATA::Parse("dn: CN=a\nv:: " + base64 + "\n", error)) << base64;
-}
-
-TEST(DirectoryText, EqualDnsHaveEqualComponents) {
-    using PARTS = std::vector<std::string>;
-    const std::pair<const char*, PARTS> cases[] = {
-        {"", {}},
-        {" cn = Ann Archer , dc=X ", {"cn=ann archer", "dc=x"}},
-        {"CN=Smith\\2C Team,DC=x", {"cn=smith, team", "dc=x"}},
-        {"CN=a\\+b\\\"\\\\\\20,DC=x", {"cn=a+b\"\\ ", "dc=x"}},
-        {"CN=a+UID=7,DC=x", {"cn=a+uid=7", "dc=x"}},
-        {"CN=\xC3\x84,DC=x", {"cn=\xC3\xA4", "dc=x"}},
-    };
-    for (const auto& [dn, wanted] : cases) EXPECT_EQ(std::optional(wanted), SplitDn(dn)) << dn;
-    for (const char* dn : {"CN=a,", "a", "=a", "CN=a\\", "CN=a\\2", "CN=a\\2x", "<SID=S-1-5-21-1>"})
-        EXPECT_FALSE(SplitDn(dn)) << dn;
-    EXPECT_TRUE(IsAtOrBelow(*SplitDn("CN=a,DC=b,DC=c"), *SplitDn("dc=B,dc=C")));
-    EXPECT_FALSE(IsAtOrBelow(*SplitDn("CN=a,DC=bb,DC=c"), *SplitDn("DC=b,DC=c")));
-    EXPECT_FALSE(IsAtOrBelow(*SplitDn("DC=c"), *SplitDn("DC=b,DC=c")));
-}
-
-TEST(DirectoryText, NothingInAFilterValueMeansMoreThanItself) {
-    EXPECT_EQ("WS-01$", FilterText("WS-01$"));
-    EXPECT_EQ("\\2A\\29\\28objectClass=\\2A", FilterText("*)(objectClass=*"));
-    EXPECT_EQ("a\\5Cb\\00c\\C3\\A4", FilterText({"a\\b\0c\xC3\xA4", 7}));
-}
-
-TEST(DirectoryText, PathsAreTakenApartAtThePlainSlashOnly) {
-    const std::tuple<const char*, const char*, const char*> cases[] = {
-        {"//dc1.x:389/CN=a,DC=x", "dc1.x:389", "CN=a,DC=x"},
-        {"//CN=Ops\\/Net,DC=x", "", "CN=Ops/Net,DC=x"},
-        {"//[::1]/CN=a\\/b\\,c\\\\\\/d", "[::1]", "CN=a/b\\,c\\\\/d"},
-    };
-    for (const auto& [path, server, dn] : cases) {
-        const auto parsed = ParseAdsPath(path);
-        ASSERT_TRUE(parsed && parsed->server == server) << path;
-        EXPECT_EQ(dn, parsed->dn);
-    }
-    for (const char* path : {"//dc1/CN=a/b", "//evil@host?x/CN=a", "/CN=a", "//dc1", "//", "//<SID=0105>"})
-        EXPECT_FALSE(ParseAdsPath(path)) << path;
 }
 
 }  // namespace

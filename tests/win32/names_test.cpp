@@ -9,7 +9,6 @@
 
 namespace {
 
-constexpr int MaxLookups = 16;       // under way
 constexpr ULONGLONG Pause = 10'000;  // after a look-up that got no answer
 
 INT LookUp() {
@@ -25,41 +24,21 @@ class NameInfo : public MACHINE_TEST {
 protected:
     NameInfo() { SetTimeout("14"); }
     ~NameInfo() override {
-        Revive();
+        nameServerResult = 0;
+        nameServerDelay = 0;
+        NameServer().Revive(0);
         ticksAhead += Pause;
         AwaitName();
     }
     void SetTimeout(const std::string& hexMs) const { LinuxSettings("NameLookupTimeout=dword:" + hexMs); }
-    static void Die() {
-        const std::lock_guard guard(nameServer.lock);
-        nameServer.dead = true;
-    }
-    static void Revive() {
-        {
-            const std::lock_guard guard(nameServer.lock);
-            nameServer.dead = false;
-            nameServer.result = 0;
-            nameServer.duration = 0;
-            nameServer.changed.notify_all();
-        }
-        WaitForWaiting(0);
-    }
-    static void WaitForWaiting(int count) {
-        std::unique_lock guard(nameServer.lock);
-        nameServer.changed.wait(guard, [=] { return nameServer.waiting == count; });
-    }
     static void AwaitName() {
         while (LookUp() != 0) std::this_thread::yield();
     }
-    static int Asked() {
-        const std::lock_guard guard(nameServer.lock);
-        return std::exchange(nameServer.asked, 0);
-    }
+    static int Asked() { return NameServer().questions.exchange(0); }
 };
 
 TEST_F(NameInfo, ADeadNameServerIsNotAskedForTenSeconds) {
-    Die();
-    Asked();
+    NameServer().Die();
     EXPECT_EQ(WSATRY_AGAIN, LookUp());
     EXPECT_EQ(1, Asked());
     for (const ULONGLONG moved : {ULONGLONG{0}, Pause - 1000}) {
@@ -73,13 +52,13 @@ TEST_F(NameInfo, ADeadNameServerIsNotAskedForTenSeconds) {
     EXPECT_EQ(1, Asked()) << "after the pause";
     EXPECT_EQ(WSATRY_AGAIN, LookUp());
     EXPECT_EQ(0, Asked()) << "one look-up a pause";
-    Revive();
+    NameServer().Revive(1);
     AwaitName();
     EXPECT_LT(GetTickCount64() - again, Pause) << "the late answer ends the pause";
 }
 
 TEST_F(NameInfo, AfterThePauseALookUpWaitsForAMomentOnly) {
-    Die();
+    NameServer().Die();
     EXPECT_EQ(WSATRY_AGAIN, LookUp());
     SetTimeout("4E20");
     ticksAhead += Pause;
@@ -96,24 +75,12 @@ TEST_F(NameInfo, OnlyASlowFailureOfTheNameServerBeginsThePause) {
         int asked;  // for two look-ups
     } cases[] = {{EAI_AGAIN, 0, 2}, {EAI_NONAME, 5000, 2}, {EAI_AGAIN, 1000, 1}};
     for (const auto& one : cases) {
-        nameServer.result = one.result;
-        nameServer.duration = one.duration;
+        nameServerResult = one.result;
+        nameServerDelay = one.duration;
         Asked();
         for (int i = 0; i < 2; ++i) EXPECT_NE(0, LookUp());
         EXPECT_EQ(one.asked, Asked()) << one.result << " after " << one.duration;
     }
-}
-
-TEST_F(NameInfo, ADeadNameServerCostsABoundedNumberOfThreads) {
-    Die();
-    for (int i = 0; i < MaxLookups; ++i) {
-        EXPECT_EQ(WSATRY_AGAIN, LookUp());
-        ticksAhead += Pause;
-    }
-    WaitForWaiting(MaxLookups);
-    Asked();
-    EXPECT_EQ(WSATRY_AGAIN, LookUp());
-    EXPECT_EQ(0, Asked());
 }
 
 }  // namespace

@@ -28,31 +28,22 @@ protected:
 };
 
 TEST_F(RootFiles, OnlyAPlainFileWithOneNameIsOpened) {
-    const struct {
-        std::function<void()> lay;
-        int error;
-        const char* reason;
-    } things[] = {
-        {[&] { fs::create_symlink(victim, file); }, ELOOP, " is a link; in a machine root only plain files are opened"},
-        {[&] { fs::create_symlink(elsewhere.Path("new"), file); }, ELOOP,
-         " is a link; in a machine root only plain files are opened"},
-        {[&] { fs::create_hard_link(victim, file); }, ELOOP,
-         " has another name, by a hard link; in a machine root only files with one are opened"},
-        {[&] { mkfifo(file.c_str(), 0666); }, ELOOP, " is a pipe; in a machine root only plain files are opened"},
-        {[&] { fs::create_directory(file); }, EISDIR, nullptr},
+    const std::pair<std::function<void()>, int> things[] = {
+        {[&] { fs::create_symlink(victim, file); }, ELOOP},
+        {[&] { fs::create_symlink(elsewhere.Path("new"), file); }, ELOOP},
+        {[&] { fs::create_hard_link(victim, file); }, ELOOP},
+        {[&] { mkfifo(file.c_str(), 0666); }, ELOOP},
+        {[&] { fs::create_directory(file); }, EISDIR},
     };
-    for (const auto& thing : things) {
-        thing.lay();
+    for (const auto& [lay, error] : things) {
+        lay();
         for (const int flags : {O_RDONLY, O_WRONLY | O_APPEND, O_RDWR | O_CREAT, O_WRONLY | O_CREAT}) {
-            SCOPED_TRACE(testing::Message() << (thing.reason != nullptr ? thing.reason : "folder") << flags);
+            SCOPED_TRACE(flags);
             errno = 0;
             EXPECT_EQ(-1, win32::OpenRootFile(file, flags, 0600));
-            EXPECT_EQ(thing.error, errno);
-            if (thing.reason != nullptr) {
-                EXPECT_EQ(file + thing.reason, win32::FileFault(errno));
-            }
+            EXPECT_EQ(error, errno);
         }
-        const DWORD refused = thing.error == ELOOP ? ERROR_CANT_ACCESS_FILE : ERROR_ACCESS_DENIED;
+        const DWORD refused = error == ELOOP ? ERROR_CANT_ACCESS_FILE : ERROR_ACCESS_DENIED;
         for (const DWORD disposition : {CREATE_ALWAYS, OPEN_ALWAYS, OPEN_EXISTING})
             EXPECT_EQ(refused, ErrorOf(Create(GENERIC_WRITE, disposition) != INVALID_HANDLE_VALUE)) << disposition;
         EXPECT_EQ(ERROR_FILE_EXISTS, ErrorOf(Create(GENERIC_WRITE, CREATE_NEW) != INVALID_HANDLE_VALUE));

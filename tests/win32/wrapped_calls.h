@@ -4,13 +4,12 @@
 #include <windows.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <functional>
-#include <mutex>
 #include <string>
 
-// The errors with which calls fail, unless 0.
-inline std::atomic<int> fsyncError{0}, renameError{0}, inotifyInitError{0}, inotifyWatchError{0};
+#include "tests/support/name_server.h"
+
+inline std::atomic<int> inotifyWatchError{0};  // with which inotify_add_watch fails, unless 0
 
 inline std::function<void()> whileSyncing, whileWaiting;  // called once: at an fsync, at a wait for another writer
 inline std::function<void()> afterOpen;                   // called after each openat that gives a file
@@ -19,17 +18,8 @@ inline long long bytesBeforeDeath = -1;                   // what pwrite still w
 // GetTickCount64 is so far ahead, and goes on by so much with each call. A thread that waits for it in poll notices.
 inline std::atomic<ULONGLONG> ticksAhead{0}, ticksPerCall{0};
 
-// The name server, by getnameinfo: it can be dead, slow, answer with an error or with a name.
-struct NAME_SERVER {
-    std::mutex lock;
-    std::condition_variable changed;
-    bool dead = false;
-    int waiting = 0;  // look-ups under way
-    int asked = 0;
-    int result = 0;
-    ULONGLONG duration = 0;  // by which a look-up moves the clock, in milliseconds
-    std::string name = "ws1.example";
-};
-inline NAME_SERVER nameServer;
+// Of getnameinfo, once NameServer() has answered: its result, and by how many milliseconds it moves the clock.
+inline std::atomic<int> nameServerResult{0};
+inline std::atomic<ULONGLONG> nameServerDelay{0};
 
 inline std::string directoryServersInDns;  // "HOST:PORT HOST:PORT", best first

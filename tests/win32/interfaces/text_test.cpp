@@ -1,37 +1,9 @@
-// Texts by the calls alone: comparison and conversion.
-#include <cstdlib>
-
+// Conversion of texts by the calls alone.
 #include "tests/win32/fixture.h"
 
 namespace {
 
-// The orders below are those of US English, whatever the user of this machine speaks. Set before anything is compared.
-[[maybe_unused]] const int pinned = setenv("LC_ALL", "en_US.UTF-8", 1);
-
 using namespace std::string_literals;
-
-int Sign(int value) { return value < 0 ? -1 : value > 0 ? 1 : 0; }
-
-TEST(Compare, CaseCountsOnlyWhenAskedFor) {
-    const struct {
-        const char16_t *a, *b;
-        int exact, ignoreCase;  // lstrcmpW, lstrcmpiW
-    } cases[] = {{u"", u"", 0, 0},
-                 {u"", u"a", -1, -1},
-                 {u"KRBTGT", u"krbtgt", 1, 0},
-                 {u"a", u"B", -1, -1},
-                 {u"\u00C9ric", u"\u00E9RIC", 1, 0},
-                 {u"e\u0301", u"\u00E9", 0, 0},
-                 {u"Zo\u00EB", u"Zoe", 1, 1},
-                 {nullptr, u"", -1, -1}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(&c - cases);
-        EXPECT_EQ(c.exact, Sign(lstrcmpW(c.a, c.b)));
-        EXPECT_EQ(-c.exact, Sign(lstrcmpW(c.b, c.a)));
-        EXPECT_EQ(c.ignoreCase, Sign(lstrcmpiW(c.a, c.b)));
-        EXPECT_EQ(-c.ignoreCase, Sign(lstrcmpiW(c.b, c.a)));
-    }
-}
 
 // Both calls of the usual pattern: the size, then the text.
 template <typename TEXT, typename CONVERT>
