@@ -88,7 +88,8 @@ class Page(ServerTest):
         browser.until("document.querySelector('#live').textContent == 'live'")
 
     def tearDown(self):
-        self.assertEqual([], self.browser.complaints, "nothing was thrown, and no policy was broken")
+        thrown = [each for each in self.browser.complaints if "503" not in each]  # which a server with sanitizers may answer: the page asks again
+        self.assertEqual([], thrown, "nothing was thrown, and no policy was broken")
 
     def search(self, text, *addresses):
         """Types the text and waits until the identities at the addresses are left, in that order; gives their rows."""

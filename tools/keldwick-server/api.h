@@ -38,7 +38,7 @@ private:
 
     const PICTURE& picture;
     VIEWS views;
-    WORK_SHARE answers{std::chrono::milliseconds(200)};  // making them, once they are found
+    WORK_SHARE answers{std::chrono::milliseconds(400)};  // making them, once they are found
     uint64_t toldReport = 0, toldVersion = 0;
     int64_t toldSecond = 0;
 };

@@ -32,8 +32,14 @@ function ago(iso) {
 const peer = (from) => (from.address.includes(":") ? `[${from.address}]` : from.address) + ":" + from.port;
 const number = new Intl.NumberFormat("en").format;
 
+const pause = (ms) => new Promise((done) => setTimeout(done, ms));
+
 async function fetchJson(path, signal) {
-  const answer = await fetch(path, {signal});
+  let answer = await fetch(path, {signal});
+  while (answer.status === 503) {  // others ask for too much at present
+    await pause(1000);
+    answer = await fetch(path, {signal});
+  }
   const body = await answer.json();
   if (!answer.ok) throw new Error(body.error || answer.statusText);
   return body;
@@ -498,7 +504,8 @@ function start() {
   $("details").addEventListener("click", (event) => { if (event.target === $("details")) $("details").close(); });
   for (const button of document.querySelectorAll("nav button")) button.addEventListener("click", () => showPart(button.dataset.shows));
   for (const button of document.querySelectorAll("[data-sort]")) button.addEventListener("click", () => sortBy(button.dataset.sort));
-  $("search").addEventListener("input", search);
+  let typing = 0;
+  $("search").addEventListener("input", () => { clearTimeout(typing); typing = setTimeout(search, 150); });
   $("scroller").addEventListener("scroll", () => requestAnimationFrame(showTable), {passive: true});
   $("scroller").addEventListener("keydown", tableKey);
   $("scroller").addEventListener("click", (event) => {
