@@ -13,6 +13,9 @@ while True:
     start = "0" if entries and start == "0" else ">"
     for key, fields in entries:
         if fields:  # otherwise the stream had to let it go
-            report = json.loads(fields[b"report"])
-            print(*(ascii(report[each]) for each in ("kind", "address", "user", "computer")), flush=True)
+            try:
+                report = json.loads(fields[b"report"])
+                print(*(ascii(report[each]) for each in ("kind", "address", "user", "computer")), flush=True)
+            except (ValueError, KeyError, TypeError):  # a line that was not written whole, when the disk was full
+                print("unreadable", ascii(fields.get(b"report")), flush=True)
         link.xack("keldwick", group, key)

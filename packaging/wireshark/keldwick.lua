@@ -417,13 +417,21 @@ local function ShowOne(tvb, pinfo, tree, stream)
     return reader.size
 end
 
+-- What to wait for: a segment, or, once no segment's end tells anything more, all that is known to be missing. A long request is not put
+-- together again with each of its segments then.
+local function Missing(stream, have)
+    local reader = stream.unfinished
+    if not reader or have < 65536 + HeaderBytes then return DESEGMENT_ONE_MORE_SEGMENT end
+    return math.max(reader.wanted - have, 1)
+end
+
 function keldwick.dissector(tvb, pinfo, tree)
     pinfo.cols.protocol = "Keldwick"
     local stream, at = Stream(), 0
     while at < tvb:captured_len() do
         local taken = ShowOne(tvb(at):tvb(), pinfo, tree, stream)
         if not taken then
-            pinfo.desegment_offset, pinfo.desegment_len = at, DESEGMENT_ONE_MORE_SEGMENT
+            pinfo.desegment_offset, pinfo.desegment_len = at, Missing(stream, tvb:captured_len() - at)
             break
         end
         at = at + taken

@@ -1,5 +1,6 @@
 #include "tools/keldwick-server/picture.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
@@ -15,6 +16,7 @@ using KIND = REQUEST::KIND;
 constexpr TIME Start{std::chrono::hours(24 * 365 * 50)};
 
 TIME At(int minutes) { return Start + std::chrono::minutes(minutes); }
+MOMENT Moment(int minutes) { return MOMENT(std::chrono::minutes(minutes)); }
 
 CONNECTION Agent(uint64_t number, const char* address = "10.1.0.1") {
     return {number, address, static_cast<uint16_t>(4000 + number), false, Start};
@@ -27,11 +29,11 @@ protected:
                 const char* address = "10.0.0.5") {
         if (picture.Agent(from.number) == nullptr) picture.Connected(from);
         REPORT report;
-        report.request.user = user;
+        report.request.user = report.request.computer = user;
         report.request.address = address;
         report.request.kind = kind;
         report.when = At(minute);
-        picture.Reported(from, std::move(report));
+        picture.Reported(from, std::move(report), Moment(minute));
     }
     void End(const CONNECTION& from, int minute) { picture.Ended(from, {{}, false, {}, At(minute)}); }
     std::string Shown() {
@@ -89,16 +91,16 @@ TEST_F(PICTURE_TEST, AClaimEndsWhenItIsNotHeardOfForTheTimeToLive) {
     Report(one, 3, u"eve", KIND::Logon, "10.0.0.6");
     Report(two, 11, u"ann", KIND::Heartbeat);
     EXPECT_EQ("10.0.0.5 ann from 2, 10.0.0.6 eve from 1", Shown());
-    picture.Expire(At(13));
+    picture.Expire(Moment(13));
     EXPECT_EQ("10.0.0.5 ann from 2, 10.0.0.6 eve from 1", Shown());
-    picture.Expire(At(14));
+    picture.Expire(Moment(14));
     EXPECT_EQ("10.0.0.5 ann from 2", Shown());
     EXPECT_EQ(1u, picture.Totals().expired);
     Report(one, 14, u"bob", KIND::Logon, "10.0.0.7");
     Report(two, 16, u"bob", KIND::Logon, "10.0.0.7");
     Report(two, 20, u"ann", KIND::Heartbeat);
     Report(two, 20, u"bob", KIND::Logoff, "10.0.0.7");
-    picture.Expire(At(25));
+    picture.Expire(Moment(25));
     EXPECT_EQ("10.0.0.5 ann from 2", Shown()) << "when the younger claim is withdrawn, the older one counts";
 }
 
@@ -114,14 +116,15 @@ TEST_F(PICTURE_TEST, WhoWasNotHeardOfForLongestGoesFirst) {
 
     PICTURE crowded;
     crowded.Connected(one);
-    for (uint32_t user = 0; user < 1000; ++user) {
+    for (int at = 0; at < 1000; ++at) {
         REPORT report;
         report.request.kind = KIND::Heartbeat;
-        report.request.user = {static_cast<char16_t>(0x4E00 + user)};
+        report.request.user = {static_cast<char16_t>(0x4E00 + (at % 200 == 0 ? 0 : at))};
         report.request.address = "10.0.0.1";
-        crowded.Reported(one, std::move(report));
+        crowded.Reported(one, std::move(report), Moment(at));
     }
     EXPECT_EQ(256u, crowded.Identities().size()) << "at one address";
+    EXPECT_EQ("\u4E00", crowded.Identities().front().user) << "who is heard of again and again stays";
 
     PICTURE small({.identityBytes = 100'000, .reportBytes = 100'000});
     for (uint64_t number = 1; number <= 500; ++number) {
@@ -130,7 +133,7 @@ TEST_F(PICTURE_TEST, WhoWasNotHeardOfForLongestGoesFirst) {
         report.request.address = "10.0.0." + std::to_string(number % 250);
         report.bytes.resize(3000);
         small.Connected(Agent(number));
-        small.Reported(Agent(number), std::move(report));
+        small.Reported(Agent(number), std::move(report), {});
         small.Ended(Agent(number), {"", false, {}, Start});
         EXPECT_LE(small.IdentityBytes(), 100'000u);
         EXPECT_LE(small.Reports().size(), 34u);
@@ -149,7 +152,10 @@ TEST_F(PICTURE_TEST, IdentitiesAreSearchedAndSorted) {
     } cases[] = {{{}, "fe80::1 10.0.0.3 10.0.0.20 "},
                  {{{"sort", "address"}, {"order", "asc"}}, "10.0.0.3 10.0.0.20 fe80::1 "},
                  {{{"sort", "user"}, {"order", "asc"}}, "10.0.0.3 fe80::1 10.0.0.20 "},
+                 {{{"sort", "computer"}, {"order", "asc"}}, "10.0.0.3 fe80::1 10.0.0.20 "},
                  {{{"search", "ZOË"}}, "10.0.0.20 "},
+                 {{{"search", std::string(600, ' ') + 'a'}}, "400"},
+                 {{{"search", "1 2 3 4 5 6 7 8 9"}}, "400"},
                  {{{"search", " corp 10.0.0. "}, {"sort", "heard"}}, "10.0.0.3 10.0.0.20 "},
                  {{{"search", "corp zoë adam"}}, ""},
                  {{{"offset", "1"}, {"limit", "1"}}, "10.0.0.3 "},
@@ -165,6 +171,17 @@ TEST_F(PICTURE_TEST, IdentitiesAreSearchedAndSorted) {
             addresses += each.value("address", "") + ' ';
         EXPECT_EQ(c.addresses, addresses) << answer->body;
     }
+}
+
+TEST(Events, ARefusalIsToldThoughManyReportsFollowIt) {
+    PICTURE busy;
+    API api(busy);
+    busy.Ended(Agent(1), {"no agent", true, {}, At(0)});
+    for (int i = 0; i < 40; ++i) busy.Reported(Agent(2), {}, {});
+    EXPECT_THAT(api.NextEvent(At(0)), testing::HasSubstr("no agent"));
+    const auto earlier = std::chrono::floor<std::chrono::seconds>(At(-60)).time_since_epoch().count();
+    EXPECT_THAT(api.NextEvent(At(-60)), testing::HasSubstr("\"at\":" + std::to_string(earlier)))
+        << "the clock was set back";
 }
 
 }  // namespace

@@ -128,14 +128,14 @@ TEST(ReportLine, NamesCanNeitherBreakTheLineNorTheJson) {
     request.length = 99;
     request.user = u"a\"\n\r\x1B[2J\u0085\u2028\u202E";
     request.user += u'\xD800';
-    request.user += u"\U0001F600\u00E4";
+    request.user += u"\U0001F600\u00E4\u00AD\u3164\U000E0041";
     EXPECT_EQ(
         "logon     #0  10.0.0.5  user \"a\\u0022\\u000a\\u000d\\u001b[2J\\u0085\\u2028\\u202e\xEF\xBF\xBD"
-        "\xF0\x9F\x98\x80\xC3\xA4\"  99 bytes",
+        "\xF0\x9F\x98\x80\xC3\xA4\\u00ad\\u3164\\udb40\\udc41\"  99 bytes",
         TextLine(request));
     EXPECT_NE(std::string::npos, JsonLine({}, {request, {}, {}})
                                      .find("\"user\":\"a\\\"\\n\\r\\u001b[2J\\u0085\\u2028\\u202e\xEF\xBF\xBD"
-                                           "\xF0\x9F\x98\x80\xC3\xA4\""));
+                                           "\xF0\x9F\x98\x80\xC3\xA4\\u00ad\\u3164\\udb40\\udc41\""));
 }
 
 }  // namespace

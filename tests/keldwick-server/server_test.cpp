@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <sys/eventfd.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 
 #include <csignal>
@@ -33,11 +34,11 @@ BYTES Request(uint32_t id) {
 // A server that runs on a thread of its own.
 class RUNNING {
 public:
-    explicit RUNNING(uint32_t status = 0)
+    explicit RUNNING(uint32_t status = 0, std::chrono::milliseconds patience = SERVER_OPTIONS().patience)
         : server({[this](const CONNECTION& from) { EXPECT_EQ(++connections, from.number); },
                   [this](const CONNECTION& from, const REPORT& report) {
                       ids.push_back(report.request.id);
-                      EXPECT_EQ("127.0.0.1", from.address);
+                      EXPECT_EQ("127.", from.address.substr(0, 4));
                       EXPECT_EQ(report.request.length, report.bytes.size());
                   },
                   [this](const CONNECTION& from, const ENDING& end) {
@@ -48,6 +49,8 @@ public:
         SERVER_OPTIONS options;
         options.tcpPort = options.tlsPort = 0;
         options.status = status;
+        options.patience = patience;
+        options.unfinishedBytes = 900'000;
         std::string error;
         EXPECT_TRUE(server.Open(options, error)) << error;
         thread = std::thread([this] { server.Run(stop.Get()); });
@@ -73,9 +76,12 @@ private:
 // A client; what it says and hears goes over TLS when it is a secure one.
 class VISITOR {
 public:
-    explicit VISITOR(int port, bool secure = false) : fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    explicit VISITOR(int port, bool secure = false, const char* source = "127.0.0.1")
+        : fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
         sockaddr_in address{};
         address.sin_family = AF_INET;
+        inet_pton(AF_INET, source, &address.sin_addr);
+        EXPECT_EQ(0, bind(fd.Get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)));
         address.sin_port = htons(static_cast<uint16_t>(port));
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         EXPECT_EQ(0, connect(fd.Get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)));
@@ -174,6 +180,7 @@ TEST(Server, StrangersDisturbNobodyElse) {
     EXPECT_TRUE(good.Hear(1).empty()) << "and the connection ends";
     server.Stop();
     EXPECT_EQ(2 * strange.size() + 1, server.ids.size());
+    EXPECT_EQ(2 * strange.size() - 2 + 1, server.complaints.size()) << "who says nothing at all is worth no line";
     size_t unreadable = 0;
     for (const std::string& complaint : server.complaints) {
         EXPECT_EQ(0u, complaint.find("127.0.0.1:")) << complaint;
@@ -182,6 +189,65 @@ TEST(Server, StrangersDisturbNobodyElse) {
     }
     EXPECT_EQ(unreadable, server.refusals) << "who just ended is not refused";
     EXPECT_THAT(server.complaints.back(), testing::HasSubstr("malformed request: the format is not 3"));
+}
+
+TEST(Server, WhoDoesNotGoOnIsEndedAndWhoIsSilentStays) {
+    RUNNING server(0, std::chrono::seconds(1));
+    const VISITOR silent(server.TcpPort()), waits(server.TlsPort(), true);
+    for (const VISITOR* each : {&silent, &waits}) {
+        each->Say(Request(1));
+        EXPECT_EQ(Answer(1), each->Hear(14));
+    }
+    const BYTES whole = Request(2), half(whole.begin(), whole.end() - 1);
+    const VISITOR unfinished(server.TcpPort()), noHandshake(server.TlsPort(), false), secure(server.TlsPort(), true);
+    unfinished.Say(half);
+    secure.Say(half);
+    for (const VISITOR* each : {&unfinished, &noHandshake, &secure}) EXPECT_TRUE(each->Hear(1).empty());
+    for (const VISITOR* each : {&silent, &waits}) {
+        each->Say(Request(3));
+        EXPECT_EQ(Answer(3), each->Hear(14));
+    }
+    server.Stop();
+    EXPECT_THAT(server.complaints, testing::UnorderedElementsAre(testing::HasSubstr("too long for a request"),
+                                                                 testing::HasSubstr("too long for a request"),
+                                                                 testing::HasSubstr("too long for its TLS handshake")));
+}
+
+TEST(Server, TheLargestUnfinishedRequestGoesWhenAllAreTooMuch) {
+    RUNNING server;
+    REQUEST_BYTES large;
+    large.groupCount = 100;
+    large.groups.assign(9, {std::u16string(60'000, u'x'), u""});
+    BYTES bytes = large.Get();
+    bytes.resize(bytes.size() - 500'000);
+    const VISITOR small(server.TcpPort()), larger(server.TcpPort());
+    small.Say({bytes.begin(), bytes.begin() + 400'000});
+    larger.Say(bytes);
+    EXPECT_TRUE(larger.Hear(1).empty());
+    const VISITOR other(server.TcpPort());
+    other.Say(Request(1));
+    EXPECT_EQ(Answer(1), other.Hear(14));
+    server.Stop();
+    EXPECT_THAT(server.complaints, testing::ElementsAre(testing::HasSubstr("too much memory")));
+}
+
+TEST(Server, OneAddressGetsHalfOfTheConnections) {
+    rlimit before{};
+    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &before));
+    const rlimit few{80, before.rlim_max};  // 48 clients and 32 others
+    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &few));
+    RUNNING server;
+    setrlimit(RLIMIT_NOFILE, &before);
+    std::vector<std::unique_ptr<VISITOR>> crowd;
+    for (int i = 0; i < 40; ++i) crowd.push_back(std::make_unique<VISITOR>(server.TcpPort()));
+    EXPECT_TRUE(crowd.back()->Hear(1).empty());
+    const VISITOR neighbour(server.TcpPort(), false, "127.95.0.2");
+    neighbour.Say(Request(1));
+    EXPECT_EQ(Answer(1), neighbour.Hear(14));
+    crowd.clear();
+    server.Stop();
+    EXPECT_EQ(16u, server.complaints.size());
+    EXPECT_THAT(server.complaints.at(0), testing::HasSubstr("half of all connections"));
 }
 
 TEST(Server, AHandshakeThatStopsHalfwayIsNotServedInCircles) {

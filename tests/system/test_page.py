@@ -10,9 +10,9 @@ from machine import PATIENCE, MachineTest
 from wire import encode
 
 HOST, PORT = "127.81.0.1", 8306
-HOSTILE = ("<img src=x onerror=\"window.hit=1\">", "<script>window.hit=2</script>", "\u202egnp.exe\u2066\u200b", "\"'&amp;${1}`\\",
+HOSTILE = ("<img src=x onerror=\"window.hit=1\">", "<script>window.hit=2</script>", "\u202egnp.exe\u2066\u200b\u3164\U000e0041", "\"'&amp;${1}`\\",
            "</span><b>bold", "javascript:window.hit=3")
-SHOWN = ("<img src=x onerror=\"window.hit=1\">", "<script>window.hit=2</script>", "\\u202egnp.exe\\u2066\\u200b", "\"'&amp;${1}`\\",
+SHOWN = ("<img src=x onerror=\"window.hit=1\">", "<script>window.hit=2</script>", "\\u202egnp.exe\\u2066\\u200b\\u3164\\udb40\\udc41", "\"'&amp;${1}`\\",
          "</span><b>bold", "javascript:window.hit=3")
 
 
@@ -67,7 +67,8 @@ class Page(ServerTest):
         browser.until("document.querySelector('#live').textContent == 'live'")
 
     def tearDown(self):
-        self.assertEqual([], self.browser.complaints, "nothing was thrown, and no policy was broken")
+        thrown = [each for each in self.browser.complaints if "503" not in each]  # which a server with sanitizers may answer: the page asks again
+        self.assertEqual([], thrown, "nothing was thrown, and no policy was broken")
         self.browser.open("about:blank")
 
     def search(self, text, *addresses):
@@ -148,6 +149,28 @@ class Page(ServerTest):
         browser.click("[data-shows=reports]")
         browser.until("document.querySelector('#reports li')?.getBoundingClientRect().width > 300")
 
+    def test_a_page_out_of_view_takes_no_stream(self):
+        browser = self.browser
+        for text in ("not in view", "live") * 7:  # a browser has six connections to one server
+            browser.run(f"Object.defineProperty(document, 'hidden', {{value: {str(text != 'live').lower()}, configurable: true}}), "
+                        "document.dispatchEvent(new Event('visibilitychange'))")
+            browser.until(f"document.querySelector('#live').textContent == '{text}'")
+
+    def test_what_is_left_out_is_counted_and_the_clock_may_be_set(self):
+        browser = self.browser
+        self.report(self.user(1))
+        browser.until("!reports.early && reports.list.length")
+        self.assertEqual("and 9 more", browser.run(
+            "takeReports([{...reports.list[0], number: reports.newest + 10}]), document.querySelector('#reports .gap').textContent"))
+        browser.until("seconds.size")
+        self.assertLessEqual(browser.run("takeSeconds([{...[...seconds.values()][0], at: 1e10}], Date.now()), chart.last"), time.time())
+        browser.run("""(first => Promise.all([begin(first), begin(first)]))({data: JSON.stringify({
+            time: new Date(), seconds: [], version: 1, identities: 0, connections: 0, logons: 0, logoffs: 0, refusals: 0})})""")
+        browser.until("!reports.early")
+        self.search("1 2 3 4 5 6 7 8 9")
+        browser.until("document.querySelector('#nobody').textContent.includes('at most 8 words')")
+        browser.complaints.clear()  # the answers to that search
+
     def test_the_page_comes_back_with_the_server(self):
         self.server.terminate()
         self.assertEqual(0, self.server.wait(PATIENCE))
@@ -169,6 +192,13 @@ class Http(ServerTest):
                 self.assertEqual(status, self.get("/api/reports", headers)[0])
         self.assertEqual(405, self.get("/api/reports", method="DELETE")[0])
         self.assertEqual(404, self.get("/../etc/passwd")[0])
+        connection = http.client.HTTPConnection(HOST, PORT, timeout=PATIENCE)
+        self.addCleanup(connection.close)
+        for status, body in ((200, None), (200, None), (413, b"x" * 100_000)):
+            connection.request("GET", "/metrics", body=body)
+            answer = connection.getresponse()
+            self.assertEqual((status, status == 413), (answer.status, answer.getheader("Connection") == "close"))
+            answer.read()
 
     def test_silent_clients_and_readers_that_do_not_read_keep_nobody_out(self):
         stranger, clients = "127.81.0.66", []

@@ -1,5 +1,7 @@
 #include "tools/common/safe_text.h"
 
+#include <unicode/uchar.h>
+#include <unicode/utf16.h>
 #include <unicode/utf8.h>
 
 #include <cstdio>
@@ -8,10 +10,20 @@
 namespace tools {
 namespace {
 
-// Controls, line and paragraph separators, marks of direction, and what has no width.
+// Controls, line and paragraph separators, and what shows nothing: marks of direction, fillers, tags.
 bool IsUnsafe(UChar32 c) {
-    return c < 0x20 || (c >= 0x7F && c < 0xA0) || (c >= 0x200B && c <= 0x200F) || (c >= 0x2028 && c <= 0x202E) ||
-           (c >= 0x2060 && c <= 0x206F) || c == 0x061C || c == 0xFEFF;
+    if (c < 0xA0) return c < 0x20 || c >= 0x7F;
+    return c == 0x2028 || c == 0x2029 || u_hasBinaryProperty(c, UCHAR_DEFAULT_IGNORABLE_CODE_POINT);
+}
+
+void AppendEscaped(UChar32 c, std::string& text) {
+    char escaped[16];
+    if (U_IS_BMP(c))
+        std::snprintf(escaped, sizeof(escaped), "\\u%04x", static_cast<unsigned>(c));
+    else
+        std::snprintf(escaped, sizeof(escaped), "\\u%04x\\u%04x", static_cast<unsigned>(U16_LEAD(c)),
+                      static_cast<unsigned>(U16_TRAIL(c)));
+    text += escaped;
 }
 
 }  // namespace
@@ -26,9 +38,7 @@ std::string SafeText(std::string_view text) {
         if (c < 0) {
             safe += "\xEF\xBF\xBD";
         } else if (IsUnsafe(c)) {
-            char escaped[12];
-            std::snprintf(escaped, sizeof(escaped), "\\u%04x", static_cast<unsigned>(c));
-            safe += escaped;
+            AppendEscaped(c, safe);
         } else {
             safe += text.substr(begin, at - begin);
         }

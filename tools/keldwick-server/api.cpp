@@ -17,12 +17,15 @@ constexpr unsigned long long UsualRows = 100;
 constexpr size_t EnoughBytes = size_t{1} << 20;  // of names in one answer: no further row is added
 constexpr size_t BriefGroups = 4;
 constexpr size_t BriefText = 256;
-constexpr size_t MostSearch = 200;     // bytes that are searched for
+constexpr size_t MostSearch = 600;  // bytes: the 200 UTF-16 units that the page takes have no more
+constexpr size_t MostWords = 8;
 constexpr size_t MostFieldBytes = 64;  // shown of one field
 constexpr size_t MostFieldText = 1024;
-constexpr size_t MostNewReports = 25;  // in one event
+constexpr size_t MostNewReports = 25;  // in one event; and
+constexpr size_t MostRefusals = 100;   // refusals, which come besides
 constexpr int SecondsAtFirst = 120;
 constexpr size_t MostAgents = 1000;
+constexpr const char* TooMuch = "too much is asked for at once: ask again in a second";
 
 int64_t SecondsSince1970(TIME time) {
     return std::chrono::floor<std::chrono::seconds>(time).time_since_epoch().count();
@@ -54,7 +57,7 @@ JSON AgentObject(const AGENT_STATE& agent) {
 }
 
 // brief: as a row of a table has room for.
-JSON IdentityObject(const PICTURE& picture, const IDENTITY& identity, bool brief, TIME now) {
+JSON IdentityObject(const PICTURE& picture, const IDENTITY& identity, bool brief) {
     const size_t most = brief ? BriefText : std::string::npos;
     JSON object = {{"number", identity.number},
                    {"address", identity.address},
@@ -75,13 +78,33 @@ JSON IdentityObject(const PICTURE& picture, const IDENTITY& identity, bool brief
     }
     for (const CLAIM& claim : identity.claims) {
         const AGENT_STATE* const agent = picture.Agent(claim.connection);
-        if (agent == nullptr || claim.heard + picture.TimeToLive() < now) continue;
+        if (agent == nullptr || !picture.Lives(claim)) continue;
         JSON from = AgentObject(*agent);
         from["since"] = IsoTime(claim.since);
         from["heard"] = IsoTime(claim.heard);
         object["from"].push_back(std::move(from));
     }
     return object;
+}
+
+API_ANSWER Rows(const PICTURE& picture, const VIEWS::LIST& list, uint64_t offset, uint64_t limit, bool brief,
+                TIME now) {
+    const std::vector<uint64_t>& found = list.numbers;
+    JSON rows = JSON::array();
+    size_t at = std::min<uint64_t>(offset, found.size()), bytes = 0;
+    for (const size_t end = at + std::min<uint64_t>(limit, found.size() - at); at < end && bytes < EnoughBytes; ++at) {
+        const IDENTITY* const identity = picture.Identity(found[at]);
+        if (identity == nullptr && !brief) continue;
+        rows.push_back(identity == nullptr ? JSON() : IdentityObject(picture, *identity, brief));
+        if (identity != nullptr && !brief) bytes += identity->bytes;
+    }
+    return Answer({{"time", IsoTime(now)},
+                   {"version", list.version},
+                   {"total", picture.Identities().size()},
+                   {"matching", found.size()},
+                   {"offset", offset},
+                   {"next", at < found.size() ? JSON(at) : JSON()},
+                   {"identities", std::move(rows)}});
 }
 
 JSON KeptObject(const KEPT_REPORT& report) {
@@ -151,7 +174,8 @@ API_ANSWER Agents(const PICTURE& picture) {
         object["identities"] = one->second.claims;
         list.push_back(std::move(object));
     }
-    return Answer({{"agents", std::move(list)}});
+    const size_t more = picture.Agents().size() - list.size();
+    return Answer({{"agents", std::move(list)}, {"more", more}});
 }
 
 std::string Metrics(const PICTURE& picture) {
@@ -233,19 +257,28 @@ std::optional<uint64_t> NumberBelow(const std::string& path, const std::string& 
 
 std::optional<API_ANSWER> API::Get(const std::string& path, const PARAMETERS& parameters, TIME now) {
     if (path == "/api/identities") return Identities(parameters, now);
-    if (path == "/api/reports") return Reports(picture, parameters);
-    if (path == "/api/agents") return Agents(picture);
+    if (path == "/api/reports") return Limited([&] { return Reports(picture, parameters); });
+    if (path == "/api/agents") return Limited([&] { return Agents(picture); });
     if (path == "/metrics") return API_ANSWER{200, "text/plain; version=0.0.4; charset=utf-8", Metrics(picture)};
     if (const auto number = NumberBelow(path, "/api/reports/")) {
         const KEPT_REPORT* const report = picture.Report(*number);
-        return report != nullptr ? Answer(LaidOut(*report)) : Problem(404, "this report is not kept any more");
+        if (report == nullptr) return Problem(404, "this report is not kept any more");
+        return Limited([&] { return Answer(LaidOut(*report)); });
     }
     if (const auto number = NumberBelow(path, "/api/identities/")) {
         const IDENTITY* const identity = picture.Identity(*number);
-        return identity != nullptr ? Answer(IdentityObject(picture, *identity, false, now))
-                                   : Problem(404, "nobody is there any more");
+        if (identity == nullptr) return Problem(404, "nobody is there any more");
+        return Limited([&] { return Answer(IdentityObject(picture, *identity, false)); });
     }
     return {};
+}
+
+API_ANSWER API::Limited(const std::function<API_ANSWER()>& make) {
+    if (!answers.Left(WORK_SHARE::CLOCK::now())) return Problem(503, TooMuch);
+    const auto start = ProcessorTime();
+    API_ANSWER answer = make();
+    answers.Take(ProcessorTime() - start);
+    return answer;
 }
 
 API_ANSWER API::Identities(const PARAMETERS& parameters, TIME now) {
@@ -260,27 +293,13 @@ API_ANSWER API::Identities(const PARAMETERS& parameters, TIME now) {
     if (!limit || !offset) return Problem(400, "limit (at most 1000) and offset must be numbers");
     if (!by) return Problem(400, "sort must be since, heard, user, computer or address");
     if (order != "asc" && order != "desc") return Problem(400, "order must be asc or desc");
-    const QUERY query{Cut(text("search", ""), MostSearch), *by, order == "desc"};
+    const std::string search = text("search", "");
+    QUERY query{search.size() <= MostSearch ? WordsOf(search) : std::vector<std::string>(), *by, order == "desc"};
+    if (search.size() > MostSearch || query.words.size() > MostWords)
+        return Problem(400, "search takes at most 8 words and 600 bytes");
     const VIEWS::LIST* const list = views.Find(picture, query, VIEWS::CLOCK::now());
-    if (list == nullptr) return Problem(503, "too many searches at once: ask again in a second");
-    const std::vector<uint64_t>& found = list->numbers;
-    JSON rows = JSON::array();
-    const bool brief = text("brief", "") == "1";
-    size_t at = static_cast<size_t>(std::min<unsigned long long>(*offset, found.size())), bytes = 0;
-    for (const size_t end = at + static_cast<size_t>(std::min<unsigned long long>(*limit, found.size() - at));
-         at < end && bytes < EnoughBytes; ++at) {
-        const IDENTITY* const identity = picture.Identity(found[at]);
-        if (identity == nullptr && !brief) continue;
-        rows.push_back(identity == nullptr ? JSON() : IdentityObject(picture, *identity, brief, now));
-        if (identity != nullptr && !brief) bytes += identity->bytes;
-    }
-    return Answer({{"time", IsoTime(now)},
-                   {"version", list->version},
-                   {"total", picture.Identities().size()},
-                   {"matching", found.size()},
-                   {"offset", *offset},
-                   {"next", at < found.size() ? JSON(at) : JSON()},
-                   {"identities", std::move(rows)}});
+    if (list == nullptr) return Problem(503, TooMuch);
+    return Limited([&] { return Rows(picture, *list, *offset, *limit, text("brief", "") == "1", now); });
 }
 
 std::string API::FirstEvent(TIME now) const {
@@ -291,11 +310,17 @@ std::string API::NextEvent(TIME now) {
     const uint64_t last = picture.Reports().empty() ? 0 : picture.Reports().back().number;
     const int64_t second = SecondsSince1970(now);
     if (last == toldReport && picture.Version() == toldVersion && second == toldSecond) return {};
-    JSON state = State(picture, now, std::max(toldSecond, second - SecondsAtFirst));
+    const int64_t first = second - SecondsAtFirst;  // of those that were told, unless the clock was set back
+    JSON state = State(picture, now, toldSecond > second ? first : std::max(toldSecond, first));
     JSON list = JSON::array();
-    for (auto report = picture.Reports().rbegin();
-         report != picture.Reports().rend() && report->number > toldReport && list.size() < MostNewReports; ++report)
+    size_t any = MostNewReports, refused = MostRefusals;
+    for (auto report = picture.Reports().rbegin(); report != picture.Reports().rend() && report->number > toldReport;
+         ++report) {
+        size_t& left = report->refused ? refused : any;
+        if (left == 0) continue;
+        --left;
         list.push_back(KeptObject(*report));
+    }
     state["reports"] = std::move(list);
     toldReport = last;
     toldVersion = picture.Version();

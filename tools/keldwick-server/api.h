@@ -2,6 +2,7 @@
 // of the page's stream. Knows nothing of connections.
 #pragma once
 
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -32,10 +33,12 @@ public:
     std::string NextEvent(TIME now);
 
 private:
+    API_ANSWER Limited(const std::function<API_ANSWER()>& make);
     API_ANSWER Identities(const PARAMETERS& parameters, TIME now);
 
     const PICTURE& picture;
     VIEWS views;
+    WORK_SHARE answers{std::chrono::milliseconds(400)};  // making them, once they are found
     uint64_t toldReport = 0, toldVersion = 0;
     int64_t toldSecond = 0;
 };

@@ -36,8 +36,9 @@ CLIENT::~CLIENT() {
 bool CLIENT::Serve(uint32_t status, const SEEN& seen) {
     static std::array<uint8_t, ReadBytes> buffer;  // one thread serves all clients
     if (!shaken && !session) return false;
-    if (!shaken && !Handshake()) return end.complaint.empty();
+    if (!shaken && !Handshake()) return !ended;
     stalled = false;
+    if (Owes() == nullptr) progress = CLOCK::now();
     bool goesOn = Flush();
     for (int round = 0; goesOn && !ended && !stalled && round < MaxReadsPerRound; ++round) {
         if (answers.size() > MaxAnswersWaiting) break;
@@ -51,10 +52,15 @@ bool CLIENT::Serve(uint32_t status, const SEEN& seen) {
         if (!session && count < buffer.size()) stalled = true;
         if (session && SSL_has_pending(session.get()) == 0) stalled = true;
     }
+    if (!reports.empty()) progress = CLOCK::now();
     for (REPORT& report : reports) seen(connection, std::move(report));
     reports.clear();
     if (ended && end.complaint.empty() && reader.Held() != 0) end.complaint = "ended in the middle of a request";
     return goesOn && !(ended && answers.empty());
+}
+
+const char* CLIENT::Owes() const {
+    return !shaken ? "its TLS handshake" : reader.Held() != 0 ? "a request" : !answers.empty() ? "an answer" : nullptr;
 }
 
 uint32_t CLIENT::Wanted() const {
@@ -64,7 +70,7 @@ uint32_t CLIENT::Wanted() const {
     return wanted;
 }
 
-// Whether it is done. Otherwise it goes on later, or the end.complaint says why not.
+// Whether it is done. Otherwise it goes on later, or the connection has ended.
 bool CLIENT::Handshake() {
     ERR_clear_error();
     switch (TlsResult(SSL_do_handshake(session.get()))) {
@@ -74,7 +80,9 @@ bool CLIENT::Handshake() {
         case RESULT::Stalled:
             break;
         case RESULT::Over:
-            if (end.complaint.empty()) end.complaint = "ended in the TLS handshake";
+            ended = true;
+            if (end.complaint.empty() && BIO_number_read(SSL_get_rbio(session.get())) != 0)
+                end.complaint = "ended in the TLS handshake";
             break;
     }
     return false;
@@ -121,7 +129,7 @@ CLIENT::RESULT CLIENT::TlsResult(int result) {
             return RESULT::Over;
         default: {
             const unsigned long error = ERR_peek_error();
-            if (ERR_GET_REASON(error) == SSL_R_UNEXPECTED_EOF_WHILE_READING && shaken) return RESULT::Over;
+            if (ERR_GET_REASON(error) == SSL_R_UNEXPECTED_EOF_WHILE_READING) return RESULT::Over;
             const char* reason = ERR_reason_error_string(error);
             Refuse(std::string("TLS: ") + (reason != nullptr ? reason : "unknown failure"));
             return RESULT::Over;
@@ -161,6 +169,7 @@ bool CLIENT::Flush() {
         result = Write(answers.data() + done, answers.size() - done, count);
         if (result == RESULT::Some) done += count;
     }
+    if (done != 0) progress = CLOCK::now();
     answers.erase(answers.begin(), answers.begin() + static_cast<std::ptrdiff_t>(done));
     return result != RESULT::Over;
 }

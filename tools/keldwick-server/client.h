@@ -3,6 +3,7 @@
 
 #include <openssl/ssl.h>
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -31,6 +32,18 @@ public:
     // Reads a bounded amount, answers every whole request with the status, and hands each to `seen` once its answer is
     // on the way. False: the connection is over; End says why when it did not just end.
     bool Serve(uint32_t status, const SEEN& seen);
+
+    using CLOCK = std::chrono::steady_clock;
+
+    // What the client has begun and not ended, which it last brought further at Progress: its handshake, a request, or
+    // taking its answers. Null: nothing.
+    const char* Owes() const;
+    CLOCK::time_point Progress() const { return progress; }
+
+    size_t Held() const { return reader.Held(); }  // bytes of an unfinished request
+
+    // Why it is ended from outside.
+    void Complain(std::string why) { end.complaint = std::move(why); }
 
     // What to wait for, as epoll's bits.
     uint32_t Wanted() const;
@@ -63,6 +76,7 @@ private:
     REQUEST_READER reader;
     std::vector<uint8_t> answers;
     std::vector<REPORT> reports;  // of this round
+    CLOCK::time_point progress = CLOCK::now();
     ENDING end;
 };
 

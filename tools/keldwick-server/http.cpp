@@ -99,6 +99,7 @@ struct HTTP_SERVER::PARTS {
     std::set<VISIT*> visits;
     size_t bytesOnTheWay = 0;
 
+    MHD_Result Begin(MHD_Connection* connection, const char* method);
     MHD_Result Request(MHD_Connection* connection, const char* path, const char* method);
     API_ANSWER AnswerTo(MHD_Connection* connection, const std::string& path) const;
     bool IsOwnName(const std::string& host) const;
@@ -222,12 +223,21 @@ API_ANSWER HTTP_SERVER::PARTS::AnswerTo(MHD_Connection* connection, const std::s
     return handlers.get(path, parameters).value_or(problem(404, "There is no such path."));
 }
 
-MHD_Result HTTP_SERVER::PARTS::Request(MHD_Connection* connection, const char* path, const char* method) {
+// When the headers have come. A request that is answered here is the connection's last, and its body is not read.
+MHD_Result HTTP_SERVER::PARTS::Begin(MHD_Connection* connection, const char* method) {
     VISIT& visit = VisitOf(connection);
     visit.deadline = CLOCK::now() + AnswerTime;
     visit.asks = true;
     if (std::strcmp(method, "GET") != 0 && std::strcmp(method, "HEAD") != 0)
         return Reply(connection, {405, "text/plain; charset=utf-8", "Only GET and HEAD are answered.\n"});
+    const std::string length = Header(connection, "Content-Length");
+    if (!Header(connection, "Transfer-Encoding").empty() || (!length.empty() && length != "0"))
+        return Reply(connection, {413, "text/plain; charset=utf-8", "No request may have a body.\n"});
+    return MHD_YES;
+}
+
+// When all of it has come.
+MHD_Result HTTP_SERVER::PARTS::Request(MHD_Connection* connection, const char* path, const char* method) {
     API_ANSWER answer = AnswerTo(connection, path);
     if (answer.status == 200 && std::strcmp(path, StreamPath) == 0 && std::strcmp(method, "GET") == 0)
         return BeginStream(connection);
@@ -304,9 +314,12 @@ bool HTTP_SERVER::Open(const HTTP_OPTIONS& wanted, std::string& error) {
         return false;
     }
     const auto request = [](void* cls, MHD_Connection* connection, const char* path, const char* method, const char*,
-                            const char*, size_t*, void**) -> MHD_Result {
+                            const char*, size_t*, void** context) -> MHD_Result {
+        auto& server = *static_cast<PARTS*>(cls);
         try {
-            return static_cast<PARTS*>(cls)->Request(connection, path, method);
+            if (*context != nullptr) return server.Request(connection, path, method);
+            *context = &server;  // until the next call, which is the last
+            return server.Begin(connection, method);
         } catch (const std::exception&) {  // out of memory
             return MHD_NO;                 // the connection ends
         }

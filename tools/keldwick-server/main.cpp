@@ -103,16 +103,26 @@ public:
 
     void operator()(const CONNECTION& from, const REPORT& report) {
         const std::string line = (json ? JsonLine(from, report) : TextLine(report.request)) + '\n';
-        const bool written = std::fwrite(line.data(), 1, line.size(), stdout) == line.size();
-        if (std::fflush(stdout) == 0 && written) return;
+        if (Write((broken ? "\n" : "") + line)) return;
         if (!failed) Complain(std::string("cannot print requests: ") + std::strerror(errno));
         failed = true;
-        std::clearerr(stdout);
     }
 
 private:
+    bool Write(std::string_view text) {
+        while (!text.empty()) {
+            const ssize_t count = write(STDOUT_FILENO, text.data(), text.size());
+            if (count < 0 && errno == EINTR) continue;
+            if (count < 0) return false;
+            broken = static_cast<size_t>(count) < text.size();
+            text.remove_prefix(static_cast<size_t>(count));
+        }
+        return true;
+    }
+
     const bool json;
     bool failed = false;  // said once; answering goes on
+    bool broken = false;  // the last line was not written whole
 };
 
 // page: null when there is none.

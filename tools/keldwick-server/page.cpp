@@ -95,7 +95,7 @@ void PAGE::TakeNews() {
     room.notify_all();
     for (NEWS& news : taken) {
         if (auto* const report = std::get_if<REPORT>(&news.what))
-            picture.Reported(news.from, std::move(*report));
+            picture.Reported(news.from, std::move(*report), CLOCK::now());
         else if (const auto* const end = std::get_if<ENDING>(&news.what))
             picture.Ended(news.from, *end);
         else
@@ -104,7 +104,7 @@ void PAGE::TakeNews() {
 }
 
 void PAGE::Tick() {
-    picture.Expire(Now());
+    picture.Expire(CLOCK::now());
     const std::string event = api.NextEvent(Now());
     if (!event.empty()) http.Send(event);
     http.EndOverdue();

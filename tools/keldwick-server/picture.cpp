@@ -66,7 +66,8 @@ void PICTURE::Connected(const CONNECTION& from) {
     agent.last = from.since;
 }
 
-void PICTURE::Reported(const CONNECTION& from, REPORT&& report) {
+void PICTURE::Reported(const CONNECTION& from, REPORT&& report, MOMENT now) {
+    present = now;
     const REQUEST& request = report.request;
     AGENT_STATE& agent = agents[from.number];
     agent.last = report.when;
@@ -138,7 +139,7 @@ void PICTURE::Take(const CONNECTION& from, const REQUEST& request, TIME when) {
     }
     if (identity == identities.end()) identity = Add(request.address, userKey, when);
     ++version;
-    Heard(*identity, when);
+    Heard(*identity, when, present);
     Describe(*identity, request);
     CLAIM* claim = ClaimOf(*identity, from);
     if (claim == nullptr) {
@@ -146,13 +147,14 @@ void PICTURE::Take(const CONNECTION& from, const REQUEST& request, TIME when) {
             Release(identity->claims.front().connection);
             identity->claims.erase(identity->claims.begin());
         }
-        claim = &identity->claims.emplace_back(CLAIM{from.number, when, when});
+        claim = &identity->claims.emplace_back(CLAIM{from.number, when, when, present});
         ++agents[from.number].claims;
     }
     claim->heard = when;
+    claim->renewed = present;
     std::rotate(identity->claims.begin() + (claim - identity->claims.data()),
                 identity->claims.begin() + (claim - identity->claims.data()) + 1, identity->claims.end());
-    EndClaimsBefore(*identity, when - limit.timeToLive);
+    EndOldClaims(*identity);
     Recount(*identity);
     while (identities.size() > limit.identities || (identityBytes > limit.identityBytes && identities.size() > 1)) {
         ++totals.dropped;
@@ -160,10 +162,11 @@ void PICTURE::Take(const CONNECTION& from, const REQUEST& request, TIME when) {
     }
 }
 
-void PICTURE::Heard(IDENTITY& identity, TIME when) {
-    byHeard.erase({identity.heard, identity.number});
+void PICTURE::Heard(IDENTITY& identity, TIME when, MOMENT renewed) {
+    byHeard.erase({identity.renewed, identity.number});
     identity.heard = when;
-    byHeard.insert({when, identity.number});
+    identity.renewed = renewed;
+    byHeard.insert({renewed, identity.number});
 }
 
 void PICTURE::RemoveOldest() { Remove(byNumber.at(byHeard.begin()->second)); }
@@ -180,7 +183,8 @@ PICTURE::POSITION PICTURE::Add(const std::string& address, const std::string& us
     std::vector<POSITION>& there = byAddress[address];
     if (there.size() >= MostUsers) {
         ++totals.dropped;
-        Remove(there.front());
+        Remove(*std::min_element(there.begin(), there.end(),
+                                 [](POSITION a, POSITION b) { return a->renewed < b->renewed; }));
     }
     const POSITION identity = identities.emplace(identities.end());
     identity->number = ++lastIdentity;
@@ -203,6 +207,7 @@ void PICTURE::Describe(IDENTITY& identity, const REQUEST& request) {
     changed |= Assign(identity.computerOu, request.computerOu);
     changed |= Assign(identity.groups, request.groups);
     if (!changed) return;
+    identity.computerKey = Folded(identity.computer);
     std::string text = identity.address;
     for (const std::string* part : {&identity.user, &identity.computer, &identity.userDn, &identity.computerDn})
         text += '\n' + *part;
@@ -237,12 +242,12 @@ void PICTURE::Withdraw(POSITION identity, const CONNECTION& from) {
     if (identity->claims.empty())
         Remove(identity);
     else
-        Heard(*identity, identity->claims.back().heard);
+        Heard(*identity, identity->claims.back().heard, identity->claims.back().renewed);
 }
 
-void PICTURE::EndClaimsBefore(IDENTITY& identity, TIME time) {
+void PICTURE::EndOldClaims(IDENTITY& identity) {
     std::erase_if(identity.claims, [&](const CLAIM& claim) {
-        if (claim.heard >= time) return false;
+        if (Lives(claim)) return false;
         Release(claim.connection);
         return true;
     });
@@ -255,7 +260,7 @@ void PICTURE::Remove(POSITION identity) {
     std::erase(there->second, identity);
     if (there->second.empty()) byAddress.erase(there);
     byNumber.erase(identity->number);
-    byHeard.erase({identity->heard, identity->number});
+    byHeard.erase({identity->renewed, identity->number});
     identityBytes -= identity->bytes;
     identities.erase(identity);
 }
@@ -270,15 +275,17 @@ void PICTURE::Release(uint64_t connection) {
 
 void PICTURE::Recount(IDENTITY& identity) {
     size_t bytes = sizeof(IDENTITY) + 200 + identity.claims.size() * ClaimBytes + identity.folded.capacity();
-    for (const std::string* text : {&identity.address, &identity.user, &identity.userDn, &identity.userOu,
-                                    &identity.computer, &identity.computerDn, &identity.computerOu, &identity.userKey})
+    for (const std::string* text :
+         {&identity.address, &identity.user, &identity.userDn, &identity.userOu, &identity.computer,
+          &identity.computerDn, &identity.computerOu, &identity.userKey, &identity.computerKey})
         bytes += text->capacity();
     for (const auto& [name, dn] : identity.groups) bytes += sizeof(name) + sizeof(dn) + name.capacity() + dn.capacity();
     identityBytes += bytes - identity.bytes;
     identity.bytes = bytes;
 }
 
-void PICTURE::Expire(TIME now) {
+void PICTURE::Expire(MOMENT now) {
+    present = now;
     while (!byHeard.empty() && byHeard.begin()->first + limit.timeToLive < now) {
         ++totals.expired;
         RemoveOldest();

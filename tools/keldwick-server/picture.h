@@ -39,9 +39,13 @@ struct AGENT_STATE {
     size_t claims = 0;
 };
 
+// Counts how long ago something was, whatever the system's clock is set to.
+using MOMENT = std::chrono::steady_clock::time_point;
+
 struct CLAIM {
     uint64_t connection = 0;  // its number
     TIME since, heard;
+    MOMENT renewed;  // when it was heard of
 };
 
 struct IDENTITY {
@@ -50,7 +54,8 @@ struct IDENTITY {
     std::vector<std::pair<std::string, std::string>> groups;                      // NT4 name, DN
     std::vector<CLAIM> claims;                                                    // the one last heard of last
     TIME since, heard;                                                            // first and last heard of
-    std::string userKey;                                                          // the user with letter case folded
+    MOMENT renewed;                                                               // when it was last heard of
+    std::string userKey, computerKey;                                             // the names with letter case folded
     std::string folded;      // its names and address with letter case folded, a line each: for searching
     std::string addressKey;  // sorts as addresses do
     size_t bytes = 0;        // of memory, roughly
@@ -86,11 +91,11 @@ public:
     explicit PICTURE(PICTURE_LIMITS limits = {}) : limit(limits) {}
 
     void Connected(const CONNECTION& from);
-    void Reported(const CONNECTION& from, REPORT&& report);
+    void Reported(const CONNECTION& from, REPORT&& report, MOMENT now);
     void Ended(const CONNECTION& from, const ENDING& end);
 
     // Ends what was not heard of for the time to live.
-    void Expire(TIME now);
+    void Expire(MOMENT now);
 
     const IDENTITIES& Identities() const { return identities; }
     const IDENTITY* Identity(uint64_t number) const;                          // null: there is none any more
@@ -104,6 +109,7 @@ public:
     size_t IdentityBytes() const { return identityBytes; }
     uint64_t Version() const { return version; }  // grows with every change of the identities
     std::chrono::seconds TimeToLive() const { return limit.timeToLive; }
+    bool Lives(const CLAIM& claim) const { return claim.renewed + limit.timeToLive >= present; }
 
     static constexpr int SecondsKept = 300;
 
@@ -113,12 +119,12 @@ private:
     void Take(const CONNECTION& from, const REQUEST& request, TIME when);
     POSITION Find(const std::string& address, const std::string& userKey);
     POSITION Add(const std::string& address, const std::string& userKey, TIME when);
-    void Heard(IDENTITY& identity, TIME when);
+    void Heard(IDENTITY& identity, TIME when, MOMENT renewed);
     void RemoveOldest();
     void Describe(IDENTITY& identity, const REQUEST& request);
     CLAIM* ClaimOf(IDENTITY& identity, const CONNECTION& from);
     void Withdraw(POSITION identity, const CONNECTION& from);
-    void EndClaimsBefore(IDENTITY& identity, TIME time);
+    void EndOldClaims(IDENTITY& identity);
     void Remove(POSITION identity);
     void Release(uint64_t connection);
     void Recount(IDENTITY& identity);
@@ -130,12 +136,13 @@ private:
     IDENTITIES identities;
     std::unordered_map<std::string, std::vector<POSITION>> byAddress;
     std::unordered_map<uint64_t, POSITION> byNumber;
-    std::set<std::pair<TIME, uint64_t>> byHeard;  // with the number
+    std::set<std::pair<MOMENT, uint64_t>> byHeard;  // when renewed, with the number
     std::map<uint64_t, AGENT_STATE> agents;
     std::deque<uint64_t> gone;  // agents that are neither connected nor have a claim
     std::deque<KEPT_REPORT> reports;
     std::array<SECOND, SecondsKept> seconds{};
     TOTALS totals;
+    MOMENT present;  // the latest that it was told
     size_t connected = 0, identityBytes = 0, reportBytes = 0;
     uint64_t lastIdentity = 0, lastReport = 0, version = 1;
 };

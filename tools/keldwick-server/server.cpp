@@ -73,8 +73,7 @@ void SERVER::Run(int stopDescriptor) {
     Watch(stopDescriptor, EPOLLIN);
     std::array<epoll_event, 64> events;
     for (;;) {
-        const int timeout = !buffered.empty() ? 0 : accepting ? -1 : RetryMs;
-        const int count = epoll_wait(poller.Get(), events.data(), static_cast<int>(events.size()), timeout);
+        const int count = epoll_wait(poller.Get(), events.data(), static_cast<int>(events.size()), WaitMs());
         if (count < 0 && errno != EINTR) return;
         if (count == 0 && !accepting) WatchListeners(true);
         for (int i = 0; i < count; ++i) {
@@ -90,7 +89,18 @@ void SERVER::Run(int stopDescriptor) {
             if (listener != listeners.end()) Accept(*listener);
         }
         ServeBuffered();
+        if (CLIENT::CLOCK::now() >= due) EndOverdue();
     }
+}
+
+int SERVER::WaitMs() const {
+    if (!buffered.empty()) return 0;
+    const auto now = CLIENT::CLOCK::now();
+    const auto left = due == CLIENT::CLOCK::time_point::max()
+                          ? -1
+                          : std::max<int64_t>(std::chrono::ceil<std::chrono::milliseconds>(due - now).count(), 0);
+    if (!accepting && (left < 0 || left > RetryMs)) return RetryMs;
+    return static_cast<int>(left);
 }
 
 void SERVER::Watch(int fd, uint32_t events) {
@@ -111,14 +121,24 @@ void SERVER::Accept(const LISTENER& listener) {
     const int on = 1, fd = taken.Get();
     setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
     CONNECTION connection;
-    connection.number = ++connections;
     connection.port = Numeric(address, connection.address);
     connection.secure = listener.secure;
     connection.since = std::chrono::system_clock::now();
+    if (ofAddress[connection.address] >= std::max<size_t>(mostClients / 2, 1)) {
+        ENDING end;
+        end.complaint = "not let in: half of all connections come from this address already";
+        end.when = connection.since;
+        output.ended(connection, end);
+        return;
+    }
+    EndWhenPeerIsGone(fd);
+    connection.number = ++connections;
+    ++ofAddress[connection.address];
     output.connected(connection);
     const auto added = clients.emplace(
         fd, std::make_unique<CLIENT>(std::move(taken), std::move(connection), listener.secure ? tls.get() : nullptr));
     Watch(fd, added.first->second->Wanted());
+    NoteDue(*added.first->second);
     if (clients.size() >= mostClients) WatchListeners(false);
 }
 
@@ -130,12 +150,45 @@ void SERVER::WatchListeners(bool on) {
 
 void SERVER::Serve(CLIENT& client) {
     const uint32_t before = client.Wanted();
-    if (!client.Serve(options.status, output.report)) {
+    unfinished -= client.Held();
+    const bool goesOn = client.Serve(options.status, output.report);
+    unfinished += client.Held();
+    if (!goesOn) {
         Drop(client.Descriptor());
         return;
     }
+    NoteDue(client);
     if (client.Wanted() != before) Watch(client.Descriptor(), client.Wanted());
     if (client.HasBuffered() && (client.Wanted() & EPOLLIN)) buffered.push_back(client.Descriptor());
+    if (unfinished > options.unfinishedBytes) EndLargest();
+}
+
+void SERVER::NoteDue(const CLIENT& client) {
+    if (client.Owes() != nullptr) due = std::min(due, client.Progress() + options.patience);
+}
+
+void SERVER::EndOverdue() {
+    const auto now = CLIENT::CLOCK::now();
+    std::vector<int> late;
+    for (const auto& [fd, client] : clients)
+        if (client->Owes() != nullptr && client->Progress() + options.patience <= now) late.push_back(fd);
+    for (const int fd : late) {
+        clients[fd]->Complain(std::string("took too long for ") + clients[fd]->Owes());
+        Drop(fd);
+    }
+    due = CLIENT::CLOCK::time_point::max();
+    for (const auto& client : clients) NoteDue(*client.second);
+    due =
+        std::max(due, now + options.patience / 30);  // however many there are, they are not looked through all the time
+}
+
+void SERVER::EndLargest() {
+    const auto largest = std::max_element(clients.begin(), clients.end(), [](const auto& a, const auto& b) {
+        return a.second->Held() < b.second->Held();
+    });
+    largest->second->Complain("unfinished requests took too much memory, and its own the most: " +
+                              std::to_string(largest->second->Held()) + " bytes");
+    Drop(largest->first);
 }
 
 void SERVER::ServeBuffered() {
@@ -150,6 +203,9 @@ void SERVER::Drop(int fd) {
     ENDING end = client->second->End();
     end.when = std::chrono::system_clock::now();
     output.ended(client->second->Connection(), end);
+    unfinished -= client->second->Held();
+    const auto ofThis = ofAddress.find(client->second->Connection().address);
+    if (--ofThis->second == 0) ofAddress.erase(ofThis);
     clients.erase(client);
     if (!accepting) WatchListeners(true);
 }

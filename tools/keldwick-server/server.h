@@ -20,6 +20,10 @@ struct SERVER_OPTIONS {
     std::string keyLogFile;                    // of the keys of TLS, see LogKeys; empty: none
     uint32_t status = 0;                       // in every answer
     size_t otherDescriptors = 0;               // that other parts of the process may need
+    // For a handshake, for a request from its first byte on, and for taking an answer.
+    std::chrono::milliseconds patience = std::chrono::seconds(30);
+    // Of all unfinished requests; beyond that the client with the largest is ended.
+    size_t unfinishedBytes = size_t{256} << 20;
 };
 
 class SERVER {
@@ -56,6 +60,10 @@ private:
     void Serve(CLIENT& client);
     void ServeBuffered();
     void Drop(int fd);
+    void NoteDue(const CLIENT& client);
+    void EndOverdue();
+    void EndLargest();
+    int WaitMs() const;
 
     const OUTPUT output;
     SERVER_OPTIONS options;
@@ -66,8 +74,11 @@ private:
     uint64_t connections = 0;  // so far
     bool accepting = true;
     std::vector<LISTENER> listeners;
-    std::unordered_map<int, std::unique_ptr<CLIENT>> clients;  // by descriptor
-    std::vector<int> buffered;                                 // clients to be served again without a wake-up
+    std::unordered_map<int, std::unique_ptr<CLIENT>> clients;          // by descriptor
+    std::unordered_map<std::string, size_t> ofAddress;                 // clients of each
+    size_t unfinished = 0;                                             // bytes of all unfinished requests
+    CLIENT::CLOCK::time_point due = CLIENT::CLOCK::time_point::max();  // until then nobody is overdue
+    std::vector<int> buffered;                                         // clients to be served again without a wake-up
 };
 
 }  // namespace tools

@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 
 #include <utility>
 
@@ -25,7 +26,6 @@ win32::DESCRIPTOR NewListener(const addrinfo& address) {
     return listens ? std::move(made) : win32::DESCRIPTOR();
 }
 
-// The port of the address; its host as text.
 uint16_t Numeric(const sockaddr_storage& address, std::string& host) {
     char text[INET6_ADDRSTRLEN] = "?";
     const bool six = address.ss_family == AF_INET6;
@@ -34,6 +34,17 @@ uint16_t Numeric(const sockaddr_storage& address, std::string& host) {
     inet_ntop(address.ss_family, six ? static_cast<const void*>(&in6.sin6_addr) : &in4.sin_addr, text, sizeof(text));
     host = text;
     return ntohs(six ? in6.sin6_port : in4.sin_port);
+}
+
+void EndWhenPeerIsGone(int fd) {
+    const struct {
+        int level, name, value;
+    } options[] = {{SOL_SOCKET, SO_KEEPALIVE, 1},
+                   {IPPROTO_TCP, TCP_KEEPIDLE, 60},   // s of silence until it is asked
+                   {IPPROTO_TCP, TCP_KEEPINTVL, 15},  // s until it is asked again
+                   {IPPROTO_TCP, TCP_KEEPCNT, 4},
+                   {IPPROTO_TCP, TCP_USER_TIMEOUT, 120'000}};  // ms that what was sent may wait to be confirmed
+    for (const auto& option : options) setsockopt(fd, option.level, option.name, &option.value, sizeof(option.value));
 }
 
 uint16_t PortOf(int fd) {

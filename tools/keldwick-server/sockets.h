@@ -26,6 +26,10 @@ win32::DESCRIPTOR NewListener(const addrinfo& address);
 // The port of the address; its host as text.
 uint16_t Numeric(const sockaddr_storage& address, std::string& host);
 
+// Ends a connection whose peer has gone without a word: after about two minutes, whether or not something is on the
+// way to it.
+void EndWhenPeerIsGone(int fd);
+
 // The port that the socket is bound to; 0 when it is to none.
 uint16_t PortOf(int fd);
 

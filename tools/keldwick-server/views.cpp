@@ -1,36 +1,14 @@
 #include "tools/keldwick-server/views.h"
 
-#include <cstring>
-#include <ctime>
-
 #include <algorithm>
+#include <cstring>
 
 namespace tools {
 namespace {
 
 constexpr size_t MostViews = 8;
-constexpr size_t MostWords = 8;
 constexpr auto Fresh = std::chrono::milliseconds(500);  // a list is as good as new
-constexpr auto WorkEachSecond = std::chrono::milliseconds(400);
-constexpr int CostShare = 5;  // a list is made again after that many times what it took
-
-// Of this thread: what others do on a busy machine is not work of this one.
-VIEWS::CLOCK::duration ProcessorTime() {
-    timespec time{};
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
-    return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
-}
-
-std::vector<std::string> Words(const std::string& search) {
-    const std::string folded = Folded(search);
-    std::vector<std::string> words;
-    for (size_t at = 0; at < folded.size() && words.size() < MostWords;) {
-        const size_t end = std::min(folded.find(' ', at), folded.size());
-        if (end > at) words.push_back(folded.substr(at, end - at));
-        at = end + 1;
-    }
-    return words;
-}
+constexpr int CostShare = 5;                            // a list is made again after that many times what it took
 
 bool Matches(const IDENTITY& identity, const std::vector<std::string>& words) {
     return std::all_of(words.begin(), words.end(), [&](const std::string& word) {
@@ -59,7 +37,7 @@ void Sort(std::vector<const IDENTITY*>& found, const QUERY& query) {
         case BY::User:
             return SortBy(found, down, [](const IDENTITY& one) -> const std::string& { return one.userKey; });
         case BY::Computer:
-            return SortBy(found, down, [](const IDENTITY& one) -> const std::string& { return one.computer; });
+            return SortBy(found, down, [](const IDENTITY& one) -> const std::string& { return one.computerKey; });
         case BY::Address:
             return SortBy(found, down, [](const IDENTITY& one) -> const std::string& { return one.addressKey; });
     }
@@ -67,18 +45,22 @@ void Sort(std::vector<const IDENTITY*>& found, const QUERY& query) {
 
 }  // namespace
 
-bool VIEWS::MayWork(CLOCK::time_point now) {
-    worked -= std::min<CLOCK::duration>(worked, (now - looked) * WorkEachSecond.count() / 1000);
-    looked = now;
-    return worked < WorkEachSecond;
+std::vector<std::string> WordsOf(const std::string& search) {
+    const std::string folded = Folded(search);
+    std::vector<std::string> words;
+    for (size_t at = 0; at < folded.size();) {
+        const size_t end = std::min(folded.find(' ', at), folded.size());
+        if (end > at) words.push_back(folded.substr(at, end - at));
+        at = end + 1;
+    }
+    return words;
 }
 
 void VIEWS::Make(const PICTURE& picture, VIEW& view, CLOCK::time_point now) {
     const auto start = ProcessorTime();
-    const std::vector<std::string> words = Words(view.query.search);
     std::vector<const IDENTITY*> found;
     for (const IDENTITY& identity : picture.Identities())
-        if (Matches(identity, words)) found.push_back(&identity);
+        if (Matches(identity, view.query.words)) found.push_back(&identity);
     Sort(found, view.query);
     view.list.numbers.clear();
     view.list.numbers.reserve(found.size());
@@ -86,7 +68,7 @@ void VIEWS::Make(const PICTURE& picture, VIEW& view, CLOCK::time_point now) {
     view.list.version = picture.Version();
     view.made = now;
     view.cost = ProcessorTime() - start;
-    worked += view.cost;
+    share.Take(view.cost);
 }
 
 const VIEWS::LIST* VIEWS::Find(const PICTURE& picture, const QUERY& query, CLOCK::time_point now) {
@@ -96,10 +78,10 @@ const VIEWS::LIST* VIEWS::Find(const PICTURE& picture, const QUERY& query, CLOCK
         VIEW& view = views.front();
         const bool good = view.list.version == picture.Version() ||
                           now - view.made < std::max<CLOCK::duration>(Fresh, CostShare * view.cost);
-        if (!good && MayWork(now)) Make(picture, view, now);
+        if (!good && share.Left(now)) Make(picture, view, now);
         return &view.list;
     }
-    if (!MayWork(now)) return nullptr;
+    if (!share.Left(now)) return nullptr;
     if (views.size() >= MostViews) views.pop_back();
     VIEW& view = views.emplace_front();
     view.query = query;

@@ -9,18 +9,22 @@
 #include <vector>
 
 #include "tools/keldwick-server/picture.h"
+#include "tools/keldwick-server/work_share.h"
 
 namespace tools {
 
 struct QUERY {
     enum class BY : uint8_t { Since, Heard, User, Computer, Address };
 
-    std::string search;  // words that must all be in a name or the address of the identity, in any case of letters
+    std::vector<std::string> words;  // with letter case folded, that must all be in what is searched of the identity
     BY by = BY::Since;
     bool descending = true;
 
     bool operator==(const QUERY&) const = default;
 };
+
+// The words of a search.
+std::vector<std::string> WordsOf(const std::string& search);
 
 class VIEWS {
 public:
@@ -42,12 +46,10 @@ private:
         CLOCK::duration cost{};
     };
 
-    bool MayWork(CLOCK::time_point now);
     void Make(const PICTURE& picture, VIEW& view, CLOCK::time_point now);
 
     std::list<VIEW> views;  // the one last used first
-    CLOCK::time_point looked;
-    CLOCK::duration worked{};  // and not yet made up for by then
+    WORK_SHARE share{std::chrono::milliseconds(400)};
 };
 
 }  // namespace tools

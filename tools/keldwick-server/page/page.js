@@ -13,8 +13,8 @@ function element(tag, className = "", ...children) {
 
 // The text with an escape in the place of what could turn it round or hide in it, as the server's lines have it.
 function visible(text) {
-  return text.replace(/[\u0000-\u001f\u007f-\u009f\u061c\u200b-\u200f\u2028-\u202e\u2060-\u206f\ufeff]/g,
-                      (c) => "\\u" + c.charCodeAt(0).toString(16).padStart(4, "0"));
+  const escaped = (unit) => "\\u" + unit.charCodeAt(0).toString(16).padStart(4, "0");
+  return text.replace(/[\u0000-\u001f\u007f-\u009f\u2028\u2029\p{Default_Ignorable_Code_Point}]/gu, (c) => c.split("").map(escaped).join(""));
 }
 
 function clock(iso) {
@@ -32,8 +32,14 @@ function ago(iso) {
 const peer = (from) => (from.address.includes(":") ? `[${from.address}]` : from.address) + ":" + from.port;
 const number = new Intl.NumberFormat("en").format;
 
+const pause = (ms) => new Promise((done) => setTimeout(done, ms));
+
 async function fetchJson(path, signal) {
-  const answer = await fetch(path, {signal});
+  let answer = await fetch(path, {signal});
+  while (answer.status === 503) {  // others ask for too much at present
+    await pause(1000);
+    answer = await fetch(path, {signal});
+  }
   const body = await answer.json();
   if (!answer.ok) throw new Error(body.error || answer.statusText);
   return body;
@@ -54,6 +60,7 @@ const table = {
   chosen: 0, chosenNumber: null,
   version: 0, shownVersion: 0, refreshed: 0,
   elements: new Map(),   // by index
+  problem: "",           // why the last request has no answer
 };
 
 const rowHeight = () => parseFloat(getComputedStyle(document.documentElement).getPropertyValue("--row"));
@@ -80,11 +87,20 @@ function askPage(page, again = false) {
     table.matching = answer.matching;
     table.total = answer.total;
     table.shownVersion = answer.version;
+    table.problem = "";
     follow();
     showTable();
   }).catch((error) => {
     if (view !== table.view || error.name === "AbortError") return;
-    setTimeout(() => { if (view === table.view) { table.asked.delete(page); showTable(); } }, 1000);
+    table.problem = error.message;
+    if (!table.pages.size) table.matching = 0;
+    showTable();
+    setTimeout(() => {
+      if (view !== table.view) return;
+      table.asked.delete(page);
+      if (!table.pages.size) askPage(page);
+      showTable();
+    }, 1000);
   });
 }
 
@@ -102,6 +118,7 @@ function newView() {
   for (const abort of table.asked.values()) abort.abort();
   table.asked.clear();
   table.pages.clear();
+  table.problem = "";
   table.chosen = 0;
   table.chosenNumber = null;
   $("scroller").scrollTop = 0;
@@ -165,7 +182,7 @@ function showTable() {
   $("table").setAttribute("aria-rowcount", table.matching + 1);
   $("found").textContent = table.search ? `${number(table.matching)} of ${number(table.total)}` : `${number(table.total)}`;
   $("nobody").hidden = table.matching !== 0;
-  $("nobody").textContent = table.search ? "Nobody matches." : "Nobody has been reported yet, or everybody has expired.";
+  $("nobody").textContent = table.problem || (table.search ? "Nobody matches." : "Nobody has been reported yet, or everybody has expired.");
   for (const button of document.querySelectorAll("[data-sort]")) {
     const mine = button.dataset.sort === table.sort;
     button.parentElement.setAttribute("aria-sort", !mine ? "none" : table.order === "asc" ? "ascending" : "descending");
@@ -255,9 +272,9 @@ function takeReports(list) {  // the newest first
   if (reports.early) return void reports.early.push(list);  // those before them are on the way
   const fresh = list.filter((report) => report.number > reports.newest);
   if (!fresh.length) return;
+  reports.waiting += reports.newest ? fresh[0].number - reports.newest : fresh.length;
   reports.newest = fresh[0].number;
   reports.list = [...fresh, ...reports.list].slice(0, REPORTS_SHOWN);
-  reports.waiting += fresh.length;
   if (!reports.held) showReports();
   else showHeld();
 }
@@ -267,7 +284,8 @@ function showHeld() {
   $("paused").textContent = `held while you look: ${number(reports.waiting)} more`;
 }
 
-function reportItem(report) {
+// older: the one that is shown after it.
+function reportItem(report, older) {
   const who = report.kind === "refused" ? report.reason : [report.user || report.computer || "–", report.address].filter(Boolean).join(" · ");
   const text = element("span", "", visible(who));
   if (report.status) text.append(element("b", "status", ` status ${report.status}`));
@@ -277,13 +295,15 @@ function reportItem(report) {
   button.addEventListener("click", () => showReport(report));
   const item = element("li", report.kind, button);
   item.dataset.number = report.number;
+  const missing = older ? report.number - older.number - 1 : 0;
+  if (missing) item.append(element("p", "gap", `and ${number(missing)} more`));
   return item;
 }
 
 // New ones come to the top, and as many leave at the end.
 function showReports() {
   const list = $("reports"), shown = Number(list.firstElementChild?.dataset.number ?? 0);
-  list.prepend(...reports.list.filter((report) => report.number > shown).map(reportItem));
+  list.prepend(...reports.list.flatMap((report, at, list) => (report.number > shown ? [reportItem(report, list[at + 1])] : [])));
   while (list.childElementCount > REPORTS_SHOWN) list.lastElementChild.remove();
   reports.waiting = 0;
   showHeld();
@@ -296,14 +316,18 @@ function holdReports(held) {
 
 // ---- agents ----
 
+const AGENTS_SHOWN = 200;
+
 async function showAgents() {
-  const {agents} = await fetchJson("/api/agents");
-  $("agents").replaceChildren(...agents.slice(0, 200).map((agent) => {
+  if (document.hidden) return;
+  const {agents, more} = await fetchJson("/api/agents");
+  const unshown = more + Math.max(0, agents.length - AGENTS_SHOWN);
+  $("agents").replaceChildren(...agents.slice(0, AGENTS_SHOWN).map((agent) => {
     const figures = `${number(agent.identities)} identities, ${number(agent.reports)} reports`;
     return element("li", agent.ended ? "gone" : "", element("span", "", `${peer(agent)} ${agent.transport}`),
                    element("span", "figures", agent.ended ? `gone ${clock(agent.ended)}` : `since ${clock(agent.connected)}`),
                    element("span", "", figures), element("span", "figures", `last ${ago(agent.last)} ago`));
-  }));
+  }), ...(unshown ? [element("li", "gap", `and ${number(unshown)} more`)] : []));
 }
 
 // ---- reports per second ----
@@ -313,10 +337,10 @@ const seconds = new Map();
 const KINDS = [["heartbeats", "heartbeat"], ["logons", "logon"], ["logoffs", "logoff"], ["refusals", "refused"]];
 const sum = (second) => KINDS.reduce((all, [name]) => all + (second ? second[name] : 0), 0);
 
-function takeSeconds(list) {
+function takeSeconds(list, now) {
   for (const second of list) seconds.set(second.at, second);
-  const last = Math.max(...seconds.keys()) - 1;  // the last one is not over yet
-  for (const at of seconds.keys()) if (at < last - SECONDS) seconds.delete(at);
+  const last = Math.floor(now / 1000) - 1;  // the present one is not over yet
+  for (const at of seconds.keys()) if (at < last - SECONDS || at > last + 1) seconds.delete(at);
   if (last !== chart.last) drawChart(last);
 }
 
@@ -360,11 +384,12 @@ function drawChart(last) {
 // ---- the stream ----
 
 function takeState(state) {
-  ahead = Date.parse(state.time) - Date.now();
+  const now = Date.parse(state.time);
+  ahead = now - Date.now();
   for (const name of ["identities", "connections", "logons", "logoffs", "refusals"]) $(name).textContent = number(state[name]);
   document.title = `Keldwick: ${number(state.identities)} identities`;
   table.version = state.version;
-  takeSeconds(state.seconds);
+  takeSeconds(state.seconds, now);
   refreshTable();
 }
 
@@ -379,18 +404,24 @@ async function begin(event) {
   $("reports").replaceChildren();
   reports.list = [];
   reports.newest = 0;
-  reports.early = [];
+  const early = reports.early = [];
   table.shownVersion = 0;
   takeState(JSON.parse(event.data));
   const kept = await fetchJson("/api/reports?limit=" + REPORTS_SHOWN).catch(() => ({reports: []}));
-  const early = reports.early;
+  if (early !== reports.early) return;  // it has begun again meanwhile
   reports.early = null;
   for (const list of [kept.reports, ...early]) takeReports(list);
   showAgents().catch(() => {});
 }
 
+let stream = null;
+
+// A page that is not in view has no stream: a browser has only six connections to one server.
 function listen() {
-  const stream = new EventSource("/api/stream");
+  stream?.close();
+  stream = null;
+  if (document.hidden) return live("not in view", "off");
+  const mine = stream = new EventSource("/api/stream");
   stream.addEventListener("first", begin);
   stream.addEventListener("next", (event) => {
     const state = JSON.parse(event.data);
@@ -399,9 +430,7 @@ function listen() {
   });
   stream.addEventListener("error", () => {
     live("connection lost, trying again", "off");
-    if (stream.readyState !== EventSource.CLOSED) return;
-    stream.close();
-    setTimeout(listen, 3000);
+    if (mine.readyState === EventSource.CLOSED) setTimeout(() => { if (stream === mine) listen(); }, 3000);
   });
 }
 
@@ -475,7 +504,8 @@ function start() {
   $("details").addEventListener("click", (event) => { if (event.target === $("details")) $("details").close(); });
   for (const button of document.querySelectorAll("nav button")) button.addEventListener("click", () => showPart(button.dataset.shows));
   for (const button of document.querySelectorAll("[data-sort]")) button.addEventListener("click", () => sortBy(button.dataset.sort));
-  $("search").addEventListener("input", search);
+  let typing = 0;
+  $("search").addEventListener("input", () => { clearTimeout(typing); typing = setTimeout(search, 150); });
   $("scroller").addEventListener("scroll", () => requestAnimationFrame(showTable), {passive: true});
   $("scroller").addEventListener("keydown", tableKey);
   $("scroller").addEventListener("click", (event) => {
@@ -493,6 +523,7 @@ function start() {
   addEventListener("resize", () => { measureChart(); showTable(); });
   showPart("identities");
   newView();
+  document.addEventListener("visibilitychange", listen);
   listen();
   setInterval(showTable, 1000);  // "heard of" grows by itself
   setInterval(() => showAgents().catch(() => {}), 5000);
