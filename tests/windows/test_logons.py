@@ -95,21 +95,6 @@ class Logons(WineTest):
         self.until_logged('Logon expired: User name = "CORP\\bob", IP address = "10.9.8.7"')
         self.stop(agent)
 
-    def test_its_start_and_its_stop_are_events_of_its_own(self):
-        self.stop(self.follow())
-        with open(f"{self.home}/eventlog/reported", encoding="ascii") as reported:
-            self.assertRegex(reported.read(), r"\A4 40000002\|[\d.]+ build .+\n4 40000003\|[\d.]+ build .+\|.*Shutdown.*\n\Z")
-
-    def test_a_cleared_log_is_followed_on(self):
-        agent = self.follow()
-        self.logon("ann", "2001:db8::7")
-        self.reported("logon", "ann", "2001:db8::7")
-        self.ctl("events", "clear")
-        self.until_logged("Security event log reopened")
-        self.until_logged("EVENT_LOG::Process: RecordCount", 2)
-        self.until_logged("OldestRecordNumber", 2)
-        self.stop(agent)
-
     def test_at_midnight_the_log_is_renamed_to_its_day(self):
         now = time.localtime()
         before = 24 * 60 - 10 - now.tm_hour * 60 - now.tm_min
@@ -127,7 +112,7 @@ class Logons(WineTest):
         self.stop(agent)
 
     def test_beside_an_agent_on_linux_both_report_the_same(self):
-        """From one log that both follow: recorded events, heartbeats, a log that was cleared."""
+        """From one log that both follow: recorded events, of which some are to be passed over, heartbeats, a log that was cleared."""
         others = Server("127.54.0.2")
         self.addCleanup(others.close)
         agent = self.follow(Heartbeat=20, LogonTTL=60)
@@ -163,14 +148,6 @@ class Logons(WineTest):
                     kinds.add(fields["kind"])
         self.assertEqual({"logon", "logoff", "heartbeat"}, kinds)
         self.assertTrue(others.requests.empty())
-        self.stop(agent)
-
-    def test_what_is_no_users_logon_from_elsewhere_is_not_reported(self):
-        agent = self.follow()
-        for user, address in (("WS9$", "10.0.0.9"), ("ann", "127.0.0.1"), ("ann", "-"), ("ann", "::1")):
-            self.logon(user, address)
-        self.logon("last", "10.0.0.10")
-        self.reported("logon", "last", "10.0.0.10")
         self.stop(agent)
 
 
