@@ -101,9 +101,10 @@ class Program(WineTest):
         os.mkdir(f"{self.home}/eventlog")
         self.service("create", "binPath=", "C:\\Keldwick\\KeldwickWithLog.exe")
         self.addCleanup(self.service, "delete", code=None)
-        events = []
-        # Each state, by its number, and the program's own events; only a service that may run says that it has started.
-        for state, expected in ((2, ["c000000b"]), (4, ["c000000b"]), (1, ["40000002", "40000003", "c000000b"])):
+        expected, refusal, version = "", r"1 c000000b\|.+\|13\n", r"\|1\.2\.5 build .+"
+        # Only a service that may run says that it has started.
+        for state, events in ((2, refusal), (4, refusal), (
+                1, rf"4 40000002{version}\n4 40000003{version}\|SERVICE_CONTROL_STOP\n{refusal}")):
             with self.subTest(state=state):
                 with open(f"{self.home}/refused", "w", encoding="ascii") as file:
                     file.write(str(state))
@@ -112,9 +113,9 @@ class Program(WineTest):
                     self.until(lambda: self.service_state() == (4, 0, 0), "the service runs")
                     self.service("stop", code=None)
                 self.until(lambda: self.service_state() == (1, 1066, 3), "the service's code 3")
-                events += expected
+                expected += events
                 with open(f"{self.home}/eventlog/reported", encoding="ascii") as reported:
-                    self.assertEqual(events, re.findall(r"^\d (\w+)\|", reported.read(), re.M))
+                    self.assertRegex(reported.read(), rf"\A{expected}\Z")
 
 
 if __name__ == "__main__":
