@@ -438,35 +438,5 @@ TEST_F(FOLLOWED, AReaderIsShownWhatWasReadBeforeAndNothingElse) {
     EXPECT_EQ(LINES{"three"}, Read(second));
 }
 
-// Root may read everything.
-void AsAnother(const std::function<void()>& act) {
-    const uid_t self = geteuid();
-    ASSERT_EQ(0, self == 0 ? seteuid(65534) : 0);
-    act();
-    ASSERT_EQ(0, seteuid(self));
-}
-
-TEST_F(FOLLOWED, AFileThatMayNotBeReadIsAskedForAgainOrNamed) {
-    Append("one\n");
-    FOLLOWER follower(Path()), later(Path());
-    follower.Resume({});
-    EXPECT_EQ(LINES{"one"}, Read(follower));
-    const POSITION position = follower.Position();
-    Move("", ".1");
-    Append("two\n");
-    chmod(root.Path("").c_str(), 0755);
-    chmod(Path().c_str(), 0);
-    AsAnother([&] { EXPECT_EQ(LINES(), Read(follower)); });
-    EXPECT_TRUE(follower.Refused());
-    chmod(Path().c_str(), 0644);
-    EXPECT_EQ(LINES{"two"}, Read(follower));
-    EXPECT_FALSE(follower.Refused());
-    chmod(Path(".1").c_str(), 0);
-    AsAnother([&] {
-        EXPECT_THAT([&] { later.Resume(position); },
-                    testing::ThrowsMessage<COMMAND_ERROR>(testing::StartsWith("cannot read " + Path(".1"))));
-    });
-}
-
 }  // namespace
 }  // namespace tools::feed

@@ -130,11 +130,8 @@ TEST(SAMBA_AUDIT, OneLogonIsOneRecord) {
         return Kdc(changes, "2026-11-16T" + time + "Z");
     };
     const std::string session = Authorization({}), ldap = Authorization({{"serviceDescription", "LDAP"}});
-    const struct {
-        const char* name;
-        std::vector<std::string> lines;
-        const char* records;  // a letter for each line: Record or skipped
-    } cases[] = {
+    // The lines, and of each whether it is a record.
+    const std::tuple<const char*, LINES, const char*> cases[] = {
         {"KDC, then its session", {at("08:00:10"), session, ldap}, "R--"},
         {"NTLM, then its session", {Authentication({}), session}, "R-"},
         {"another account's KDC", {at("08:00:10", bob), session}, "RR"},
@@ -155,12 +152,12 @@ TEST(SAMBA_AUDIT, OneLogonIsOneRecord) {
          {at("08:00:00"), at("08:00:10", computer), session, at("08:00:11", computer)},
          "RR--"},
     };
-    for (const auto& c : cases) {
+    for (const auto& [name, lines, wanted] : cases) {
         SAMBA_AUDIT reader;
         win32::NEW_EVENT event;
         std::string reason, records;
-        for (const std::string& line : c.lines) records += reader.Read(line, event, reason) == RECORD ? 'R' : '-';
-        EXPECT_EQ(c.records, records) << c.name << reason;
+        for (const std::string& line : lines) records += reader.Read(line, event, reason) == RECORD ? 'R' : '-';
+        EXPECT_EQ(wanted, records) << name << reason;
     }
 }
 

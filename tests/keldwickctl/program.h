@@ -28,8 +28,8 @@ struct OUTCOME {
 
 inline OUTCOME RunKeldwickctl(const TEMPORARY_ROOT& root, const WORDS& words) {
     // The test program stands beside it. No command takes that long.
-    std::string command =
-        "timeout -s KILL 20 " + std::filesystem::read_symlink("/proc/self/exe").replace_filename("keldwickctl").string();
+    std::string command = "timeout -s KILL 20 " +
+                          std::filesystem::read_symlink("/proc/self/exe").replace_filename("keldwickctl").string();
     for (std::string word : words) {
         for (size_t at = 0; (at = word.find('\'', at)) != word.npos; at += 4) word.replace(at, 1, "'\\''");
         command += " '" + word + "'";
