@@ -25,7 +25,6 @@ TEST_F(DebugOutput, ModeAndFlagsDecideWhoGetsALine) {
         bool log, debugger;
     } cases[] = {{0, 0, false, false},
                  {0x2, 0, true, false},
-                 {0x6, DEBUG_FORCE_DEBUGGER, true, true},
                  {0x1, 0, false, true},
                  {0, DEBUG_ERROR, true, true},
                  {0x2, DEBUG_TCP, false, false},
@@ -33,7 +32,6 @@ TEST_F(DebugOutput, ModeAndFlagsDecideWhoGetsALine) {
                  {0x402, DEBUG_TCP | DEBUG_VERBOSE, false, false},
                  {0, DEBUG_TCP | DEBUG_ERROR, false, false},
                  {0x400, DEBUG_TCP | DEBUG_FORCE_DEBUGGER, false, true},
-                 {0x1F03, DEBUG_CATEGORIES, true, true},
                  {0x11, 0, false, false}};  // there is no kernel debugger here
     for (const auto& c : cases) {
         SetDebugOutputMode(c.mode);

@@ -31,6 +31,7 @@ protected:
     LINES statistics;
 };
 
+// Beside what is recorded in tests/loop.
 TEST_F(EVENTS, OnlyAUsersOwnRemoteLogonIsReported) {
     MakeAccounts();
     const struct {
@@ -39,32 +40,13 @@ TEST_F(EVENTS, OnlyAUsersOwnRemoteLogonIsReported) {
         std::vector<CHANGES> dropped;
     } cases[] = {
         {4624, STRINGS(19), {{}}},
-        {4624,
-         Logon4624,
-         {{{8, u"3a"}},
-          {{0, u"S-1-5-18"}, {5, u"x%s$"}},
-          {{0, u"S-1-5-18"}},
-          {{4, u"s-1-5-7"}},
-          {{8, u"5"}},
-          {{8, u""}},
-          {{5, u"PC1$"}},
-          {{18, u"-"}},
-          {{18, u"::1"}}}},
+        {4624, Logon4624, {{{8, u""}}}},
         {4634, Logoff4634, {{}, {{4, u"x"}}, {{0, u"S-1-5-7"}}}},
         {528, STRINGS(14), {{}}},
         {528, Logon528, {{{3, u"?"}}, {{13, u"x"}}, {{13, u"127.0.0.1"}}}},
         {538, Logoff538, {{}, {{0, u"PC$"}}, {{3, u"-"}}, {{3, u"11"}}}},
         {540, STRINGS(14), {{}}},
-        {540,
-         Logon540,
-         {{{8, u"DC1$"}},
-          {{9, u"CORP"}},
-          {{10, u"(0x0,0x3E7)"}},
-          {{11, u"4"}},
-          {{0, u"PC$"}},
-          {{3, u"0x"}},
-          {{0, u""}, {1, u""}},
-          {{13, u"-"}}}},
+        {540, Logon540, {{{0, u"PC$"}}, {{3, u"0x"}}, {{0, u""}, {1, u""}}, {{13, u"-"}}}},
         {673, STRINGS(7), {{}}},
         {673,
          Ticket673,

@@ -190,7 +190,7 @@ TEST_F(LOOP, ALogThatCannotBeReadIsTriedAgainAfterAMinute) {
     WriteAt("08:02:10", {ann});
     std::optional<FAIL_CALL> failing;
     At("08:03:10", [&] {
-        failing.emplace(notifyChange, 0, ERROR_INVALID_HANDLE, 0, 1);
+        failing.emplace(notifyChange, 0, ERROR_INVALID_HANDLE, 1);
         ClearLog();
     });
     WriteAt("08:04:00", {LogonOf(u"cid", u"10.0.0.7")});  // before the agent follows the log again

@@ -1,8 +1,6 @@
 // The reports as they arrive at a server, and what the agent makes of its answers.
 #include "protocol/identity_reports.h"
 
-#include <cstring>
-
 #include "directory/name_translation.h"
 #include "platform/version.h"
 #include "protocol/pack_buffer.h"
@@ -83,18 +81,6 @@ TEST_F(REPORT, TheDirectoryGivesDnsOusAndGroups) {
     EXPECT_TRUE(Report(u"CORP\\ann", u"CORP\\pc"));
     EXPECT_EQ(Hex(names) + "000200" + Hex(groups) + "20", Hex(Sent(1).substr(31)));
     EXPECT_EQ(Hex(names) + "00020020", Hex(Sent().substr(31)));
-}
-
-TEST_F(REPORT, AHostileNameArrivesWholeItsLengthModulo65536) {
-    std::u16string name = u"CORP\\%s%n\n\xDC00";
-    name.resize(65540, u'x');
-    const size_t length = 34 + 2 * (name.size() + 3);
-    servers[0]->ExpectLength(length);
-    EXPECT_TRUE(Report(name.c_str()));
-    ASSERT_EQ(length, Sent().size());
-    EXPECT_EQ("0030", Hex(Sent().substr(0, 2)));  // 131,120 modulo 65,536
-    EXPECT_EQ("0004", Hex(Sent().substr(31, 2)));
-    EXPECT_EQ(0, std::memcmp(Sent().data() + 33, name.data(), 2 * name.size()));
 }
 
 TEST_F(REPORT, OnlyAWholeAnswerToThisRequestCounts) {

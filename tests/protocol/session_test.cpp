@@ -37,7 +37,6 @@ TEST_F(SESSION, OneMadeInAShortageConnectsAfterIt) {
         const FAIL_CALL shortage(CreateEventW_calls, 0, ERROR_TOO_MANY_OPEN_FILES);  // a timer is an event here, too
         session = std::make_unique<IDENTITY_PROTOCOL>();
         EXPECT_FALSE(session->Connect(Settings.identServer));
-        EXPECT_LT(1, shortage.Failed());
     }
     EXPECT_TRUE(session->Connect(Settings.identServer));
     EXPECT_FALSE(session->IsDisconnected());

@@ -1,7 +1,6 @@
 #include "service/settings.h"
 
 #include <fstream>
-#include <map>
 
 #include "tests/support/agent.h"
 
@@ -91,49 +90,39 @@ TEST_F(SettingsTest, AReloadTellsTheWorkerOnlyOfTheConnection) {
     EXPECT_EQ(0u, stops(" Shutdown=dword:3"));
 }
 
-std::vector<std::string> Split(const std::string& text, const std::string& separator) {
-    std::vector<std::string> parts;
-    for (size_t at = 0, end = 0; end != text.npos; at = end + separator.size()) {
-        end = text.find(separator, at);
-        parts.push_back(text.substr(at, end - at));
-    }
-    return parts;
-}
-
-// The lines of a file of the source.
-std::vector<std::string> LinesOf(const char* file) {
+// A file of the source.
+std::string Content(const char* file) {
     std::ifstream stream(std::filesystem::path(__FILE__).parent_path() / "../.." / file, std::ios::binary);
     EXPECT_TRUE(stream) << file;
-    return Split({std::istreambuf_iterator<char>(stream), {}}, "\n");
+    return {std::istreambuf_iterator<char>(stream), {}};
 }
 
 TEST(SettingTableTest, TheManualAndTheCompletionSayTheSame) {
-    std::map<std::string, std::pair<std::string, std::string>> manual;  // of each name, its type and its default
-    for (const char* const page : {"docs/running.md", "docs/directory.md"})
-        for (const std::string& line : LinesOf(page)) {
-            if (!line.starts_with("| `")) continue;
-            const auto cells = Split(line, " | ");
-            const auto names = Split(cells.at(0).substr(2), ", "), defaults = Split(cells.at(2 % cells.size()), ", ");
-            for (size_t i = 0; i < names.size(); ++i)
-                manual[names[i]] = {cells.at(1), defaults.at(std::min(i, defaults.size() - 1))};
+    const std::string manual = Content("docs/running.md") + Content("docs/directory.md");
+    const std::string script = Content("packaging/keldwickctl.bash");
+    const size_t begin = script.find("\n_keldwickctl_settings()");
+    const std::string list = script.substr(begin, script.find('\n', begin + 1) - begin);
+    // The row of a table that begins with the names of one or more settings.
+    const auto rowOf = [&](const std::string& name) -> std::string {
+        for (size_t at = 0; (at = manual.find("\n| `", at)) != manual.npos; ++at) {
+            const std::string row = manual.substr(at, manual.find('\n', at + 1) - at);
+            if (row.substr(0, row.find(" | ")).find("`" + name + "`") != row.npos) return row;
         }
-    std::string own;
+        return "none";
+    };
     for (const SETTING_INFO& setting : SettingTable) {
         const std::string path = Narrow(setting.name), name = path.substr(path.find('\\') + 1);
-        SCOPED_TRACE(path);
         if (path.starts_with("Statistics")) continue;  // the agent's to write
-        const auto& [type, byDefault] = manual["`" + name + "`"];
-        EXPECT_EQ(setting.type == REG_DWORD, type.starts_with("number"));
-        EXPECT_NE("", type);
-        EXPECT_TRUE(*setting.unit == 0 || type == std::string("number, ") + setting.unit);
-        EXPECT_TRUE(setting.byDefault == NoDefault || std::to_string(setting.byDefault) == Split(byDefault, ";")[0]);
-        if (name == path) own += name + " ";
+        const std::string row = rowOf(name), unit = setting.unit;
+        EXPECT_EQ(setting.type == REG_DWORD, row.find("` | number") != row.npos) << path << row;
+        EXPECT_NE(row.npos, row.find(unit.empty() ? "` | " : "` | number, " + unit + " | ")) << path << row;
+        if (setting.byDefault != NoDefault) {
+            EXPECT_NE(row.npos, row.find(std::to_string(setting.byDefault), row.find("` | "))) << path << row;
+        }
+        if (name == path) {
+            EXPECT_NE(list.npos, list.find(name)) << name;
+        }
     }
-    const auto script = LinesOf("packaging/keldwickctl.bash");
-    const auto list = std::find_if(script.begin(), script.end(),
-                                   [](const auto& line) { return line.starts_with("_keldwickctl_settings()"); });
-    ASSERT_NE(script.end(), list);
-    for (const std::string& name : Split(own, " ")) EXPECT_NE(list->npos, list->find(name)) << name;
 }
 
 }  // namespace

@@ -19,10 +19,9 @@ inline std::string Narrow(const keldwick::STRING& text) {
 
 class DEBUG_LINES {
 public:
-    // categories: of DEBUG_CATEGORIES, the ones that are wanted besides the lines without one.
-    explicit DEBUG_LINES(DWORD categories = 0) {
+    DEBUG_LINES() {
         Forget();
-        keldwick::SetDebugOutputMode(categories);
+        keldwick::SetDebugOutputMode(0);
         keldwick::SetDebugOutputHook(Take);
     }
     ~DEBUG_LINES() {

@@ -13,36 +13,28 @@
 
 struct CALL_PLAN {
     std::atomic<bool> active{false};
-    std::atomic<int> skip{0};    // calls that still go through first
-    std::atomic<int> count{-1};  // calls that then fail; -1: all
-    std::atomic<int> failed{0};  // calls that did fail
+    std::atomic<int> count{-1};  // calls that fail; -1: all
     std::atomic<uintptr_t> result{0};
     std::atomic<DWORD> error{0};
 
     bool Fires() {
-        if (!active) return false;
-        if (skip > 0 && skip-- > 0) return false;
-        if (count == 0) return false;
+        if (!active || count == 0) return false;
         if (count > 0) --count;
-        ++failed;
         return true;
     }
 };
 
 class FAIL_CALL {
 public:
-    FAIL_CALL(CALL_PLAN& wanted, uintptr_t result, DWORD error, int skip = 0, int count = -1) : plan(wanted) {
+    FAIL_CALL(CALL_PLAN& wanted, uintptr_t result, DWORD error, int count = -1) : plan(wanted) {
         plan.result = result;
         plan.error = error;
-        plan.skip = skip;
         plan.count = count;
-        plan.failed = 0;
         plan.active = true;
     }
     ~FAIL_CALL() { plan.active = false; }
     FAIL_CALL(const FAIL_CALL&) = delete;
     FAIL_CALL& operator=(const FAIL_CALL&) = delete;
-    int Failed() const { return plan.failed; }
 
 private:
     CALL_PLAN& plan;

@@ -41,8 +41,7 @@ public:
     }
 
     void Answer(SCRIPT with) { script = std::move(with); }
-    void ExpectLength(size_t bytes) { expectedLength = bytes; }  // of requests whose stated length is not their own
-    void Say(const std::string& bytes) {                         // to every client, unasked
+    void Say(const std::string& bytes) {  // to every client, unasked
         for (const auto& client : clients) client->Send(bytes);
     }
     void HangUp() { clients.clear(); }  // not while it answers
@@ -105,7 +104,7 @@ private:
             const auto byte = [&](size_t i) {
                 return static_cast<size_t>(static_cast<unsigned char>(client.bytes[i]));
             };
-            const size_t length = expectedLength != 0 ? expectedLength : byte(0) << 8 | byte(1);
+            const size_t length = byte(0) << 8 | byte(1);
             if (length < 10 || client.bytes.size() < length) return more && length >= 10;
             const std::string request = client.bytes.substr(0, length);
             client.bytes.erase(0, length);
@@ -117,5 +116,4 @@ private:
     const LISTENING listening;
     std::vector<std::unique_ptr<CLIENT>> clients;
     SCRIPT script;
-    size_t expectedLength = 0;
 };

@@ -92,11 +92,12 @@ public:
             for (const HANDLE handle : handles) ++waiting[handle];
         });
         const DWORD result = RealWait(handles, all, milliseconds);
-        const ERROR_PRESERVER error;
+        const DWORD error = GetLastError();
         Note([&] {
             for (const HANDLE handle : handles) --waiting[handle];
             taken = result < handles.size() ? handles[result] : nullptr;
         });
+        SetLastError(error);
         return result;
     }
 
@@ -134,11 +135,6 @@ private:
         TIME due = Never;
         TIME period = 0;
     };
-    struct ERROR_PRESERVER {
-        const DWORD error = GetLastError();
-        ~ERROR_PRESERVER() { SetLastError(error); }
-    };
-
     static DWORD RealWait(std::span<const HANDLE> handles, BOOL all, DWORD milliseconds) {
         return __real_WaitForMultipleObjects(static_cast<DWORD>(handles.size()), handles.data(), all, milliseconds);
     }
