@@ -47,9 +47,14 @@ bool StringsAreSound(const EVENTLOGRECORD& record, const BYTE* bytes, DWORD end)
     return CountNuls(bytes + record.StringOffset, end - record.StringOffset) >= record.NumStrings;
 }
 
-size_t UnitsOf(const std::u16string& text) { return std::min(text.find(u'\0'), text.size()); }
+// Those before the first NUL. That most texts hold none is found out faster than where one stands.
+size_t UnitsOf(const std::u16string& text) {
+    bool ends = false;
+    for (const char16_t unit : text) ends |= unit == 0;
+    return ends ? text.find(u'\0') : text.size();
+}
 
-// Writes into memory of the right size, which is all 0.
+// Writes into memory that is large enough and all 0.
 class BYTES_WRITER {
 public:
     explicit BYTES_WRITER(BYTES& into) : begin(into.data()), at(into.data() + RecordFixedBytes) {}
@@ -98,14 +103,13 @@ void NEW_EVENT::Begin(size_t stringCount) {
 }
 
 bool BuildRecord(const NEW_EVENT& event, BYTES& record) {
-    const size_t names = 2 * (UnitsOf(event.source) + UnitsOf(event.computer)) + 4;
-    size_t total = AlignedSize(AlignedSize(RecordFixedBytes + names) + event.sid.size());
-    for (const std::u16string& text : event.strings) total += 2 * UnitsOf(text) + 2;
-    total = AlignedSize(total + event.data.size()) + sizeof(DWORD);
-    if (event.strings.size() > 0xFFFF || total > MaxRecordBytes) return FailWith(ERROR_INVALID_PARAMETER);
+    const size_t names = 2 * (event.source.size() + event.computer.size()) + 4;
+    size_t most = AlignedSize(AlignedSize(RecordFixedBytes + names) + event.sid.size());
+    for (const std::u16string& text : event.strings) most += 2 * text.size() + 2;
+    most = AlignedSize(most + event.data.size()) + sizeof(DWORD);
 
     record.clear();
-    record.resize(total);
+    record.resize(most);
     BYTES_WRITER writer(record);
     writer.PutText(event.source);
     writer.PutText(event.computer);
@@ -120,6 +124,10 @@ bool BuildRecord(const NEW_EVENT& event, BYTES& record) {
     fixed.DataLength = static_cast<DWORD>(event.data.size());
     fixed.DataOffset = writer.Offset();
     writer.Put(event.data);
+    writer.Align();
+    const size_t total = writer.Offset() + sizeof(DWORD);
+    if (event.strings.size() > 0xFFFF || total > MaxRecordBytes) return FailWith(ERROR_INVALID_PARAMETER);
+    record.resize(total);
 
     fixed.Length = static_cast<DWORD>(total);
     fixed.Reserved = EvtSignature;
