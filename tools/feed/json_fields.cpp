@@ -98,7 +98,7 @@ private:
     FAULT ReadObject(ondemand::object object, size_t depth, bool named);
     FAULT ReadList(ondemand::array array, size_t depth, ENTRY* entry);
     FAULT ReadChild(ondemand::value value, char first, size_t depth, ENTRY* entry, bool named);
-    FAULT ReadScalar(ondemand::value value, std::string_view token, JSON_VALUE& read);
+    FAULT ReadScalar(ondemand::value& value, std::string_view token, JSON_VALUE& read);
     FAULT ReadName(ondemand::field& field, std::string_view& name) const;
     size_t SlotOf(std::string_view name) const;
     ENTRY& Enter(std::string_view name);
@@ -154,9 +154,10 @@ JSON_FIELDS::READER::FAULT JSON_FIELDS::READER::ReadAll(std::string_view line) {
 JSON_FIELDS::READER::FAULT JSON_FIELDS::READER::ReadObject(ondemand::object object, size_t depth, bool named) {
     const size_t pathBytes = path.size();
     for (auto each : object) {
-        ondemand::field field;
         std::string_view name;
-        if (std::move(each).get(field) != simdjson::SUCCESS || ReadName(field, name) != NONE) return NO_OBJECT;
+        if (each.error() != simdjson::SUCCESS) return NO_OBJECT;
+        ondemand::field&& field = std::move(each).value_unsafe();  // not copied: it was written a moment ago
+        if (ReadName(field, name) != NONE) return NO_OBJECT;
         if (++values > MostValues) return TOO_MANY;
         const std::string_view token = field.value().raw_json_token();
         if (token.empty()) return NO_OBJECT;
@@ -209,7 +210,7 @@ JSON_FIELDS::READER::FAULT JSON_FIELDS::READER::ReadList(ondemand::array array, 
     return NONE;
 }
 
-JSON_FIELDS::READER::FAULT JSON_FIELDS::READER::ReadScalar(ondemand::value value, std::string_view token,
+JSON_FIELDS::READER::FAULT JSON_FIELDS::READER::ReadScalar(ondemand::value& value, std::string_view token,
                                                            JSON_VALUE& read) {
     const char next = token.data()[token.size()];  // what stands after it, which the parser may skip unseen
     if (next != ',' && next != '}' && next != ']') return NO_OBJECT;
