@@ -9,19 +9,40 @@
 namespace win32 {
 namespace {
 
+typedef int16_t LANES __attribute__((vector_size(16)));
+
+// -1 for each of eight units of UTF-16 text that is NUL, 0 for the others.
+LANES NulsAt(const BYTE* bytes) {
+    LANES units;
+    std::memcpy(&units, bytes, sizeof(units));
+    return units == 0;
+}
+
 // Counts the NUL units of UTF-16 text, eight at a time: every record that is read passes here.
 size_t CountNuls(const BYTE* bytes, size_t count) {
-    typedef uint16_t LANES __attribute__((vector_size(16)));
-    LANES sums = {};  // no lane overflows: a record has fewer than 65535 times 16 bytes
+    LANES sums = {}, others = {};  // no lane overflows: a record has fewer than 32767 times 16 bytes
     size_t at = 0;
-    for (; at + sizeof(LANES) <= count; at += sizeof(LANES)) {
-        LANES units;
-        std::memcpy(&units, bytes + at, sizeof(units));
-        sums -= reinterpret_cast<LANES>(units == 0);
+    for (; at + 2 * sizeof(LANES) <= count; at += 2 * sizeof(LANES)) {
+        sums -= NulsAt(bytes + at);
+        others -= NulsAt(bytes + at + sizeof(LANES));
     }
-    size_t nuls = 0;
-    for (size_t lane = 0; lane < 8; ++lane) nuls += sums[lane];
-    for (; at + 2 <= count; at += 2) nuls += bytes[at] == 0 && bytes[at + 1] == 0;
+    sums += others;
+    if (at + sizeof(LANES) <= count) {
+        sums -= NulsAt(bytes + at);
+        at += sizeof(LANES);
+    }
+    size_t left = (count - at) / 2;
+    if (left > 0 && at > 0) {  // the last eight, of which the first were counted
+        constexpr LANES FromTheEnd = {8, 7, 6, 5, 4, 3, 2, 1};
+        sums -= NulsAt(bytes + at + 2 * left - sizeof(LANES)) & (FromTheEnd <= static_cast<int16_t>(left));
+        left = 0;
+    }
+    constexpr uint64_t Even = 0x0000FFFF0000FFFF;
+    uint64_t halves[2];
+    std::memcpy(halves, &sums, sizeof(halves));
+    uint64_t nuls = (halves[0] & Even) + (halves[0] >> 16 & Even) + (halves[1] & Even) + (halves[1] >> 16 & Even);
+    nuls = (nuls & MAXDWORD) + (nuls >> 32);
+    for (; left > 0; --left, at += 2) nuls += bytes[at] == 0 && bytes[at + 1] == 0;
     return nuls;
 }
 
