@@ -133,7 +133,9 @@ std::optional<win32::BYTES> ParseSid(std::string_view text) {
     constexpr unsigned long long LargestAuthority = 0xFFFFFFFFFFFF;  // six bytes
     if (!text.starts_with("S-1-") && !text.starts_with("s-1-")) return {};
     text.remove_prefix(4);
-    win32::BYTES sid = {1, 0};
+    win32::BYTES sid;
+    sid.reserve(8 + sizeof(DWORD) * MostSubAuthorities);
+    sid = {1, 0};
     for (bool authority = true;; authority = false) {
         const size_t end = std::min(text.find('-'), text.size());
         const auto number = ParseNumber(text.substr(0, end), authority ? LargestAuthority : MAXDWORD);

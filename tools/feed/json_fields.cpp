@@ -27,9 +27,13 @@ std::string_view Trimmed(std::string_view token) { return token.substr(0, token.
 size_t HashOf(std::string_view name) {
     constexpr size_t Width = sizeof(uint64_t);
     uint64_t first = 0, last = 0;
-    const size_t bytes = std::min(name.size(), Width);
-    std::memcpy(&first, name.data(), bytes);
-    std::memcpy(&last, name.data() + name.size() - bytes, bytes);
+    if (name.size() >= Width) {  // copies of a fixed size, which take one instruction each
+        std::memcpy(&first, name.data(), Width);
+        std::memcpy(&last, name.data() + name.size() - Width, Width);
+    } else {
+        std::memcpy(&first, name.data(), name.size());
+        last = first;
+    }
     const uint64_t mixed = (first ^ std::rotl(last, 23) ^ name.size()) * 0x9E3779B97F4A7C15;
     return static_cast<size_t>(mixed >> 52);
 }
@@ -84,16 +88,17 @@ public:
 
 private:
     enum FAULT { NONE, NO_OBJECT, TOO_MANY, TOO_DEEP };
-    struct SLOT {
-        unsigned turn = 0, entry = 0;
+    struct SLOT {  // small: all of them should stay near the processor
+        uint16_t turn = 0, entry = 0;
     };
+    static_assert(MostValues < Slots && MostValues <= UINT16_MAX);
 
     FAULT ReadAll(std::string_view line);
     void Forget();
     FAULT ReadObject(ondemand::object object, size_t depth, bool named);
     FAULT ReadList(ondemand::array array, size_t depth, ENTRY* entry);
     FAULT ReadChild(ondemand::value value, char first, size_t depth, ENTRY* entry, bool named);
-    FAULT ReadScalar(ondemand::value value, std::string_view token, JSON_VALUE& read);
+    FAULT ReadScalar(ondemand::value& value, std::string_view token, JSON_VALUE& read);
     FAULT ReadName(ondemand::field& field, std::string_view& name) const;
     size_t SlotOf(std::string_view name) const;
     ENTRY& Enter(std::string_view name);
@@ -105,7 +110,8 @@ private:
     std::vector<JSON_VALUE> items;
     std::deque<std::string> replaced;  // texts that held a NUL
     std::vector<SLOT> slots = std::vector<SLOT>(Slots);
-    unsigned turn = 0;  // of the slots: those of an earlier line are free
+    uint16_t turn = 0;     // of the slots: those of an earlier line are free
+    bool escapes = false;  // a back slash stands in the line
     size_t values = 0;
 };
 
@@ -135,6 +141,7 @@ JSON_FIELDS::READER::FAULT JSON_FIELDS::READER::ReadAll(std::string_view line) {
     padded.resize(line.size() + simdjson::SIMDJSON_PADDING);
     std::memcpy(padded.data(), line.data(), line.size());
     std::memset(padded.data() + line.size(), ' ', simdjson::SIMDJSON_PADDING);
+    escapes = line.find('\\') != std::string_view::npos;
     ondemand::document document;
     ondemand::object object;
     const auto error = parser.iterate(padded.data(), line.size(), padded.size()).get(document);
@@ -147,9 +154,10 @@ JSON_FIELDS::READER::FAULT JSON_FIELDS::READER::ReadAll(std::string_view line) {
 JSON_FIELDS::READER::FAULT JSON_FIELDS::READER::ReadObject(ondemand::object object, size_t depth, bool named) {
     const size_t pathBytes = path.size();
     for (auto each : object) {
-        ondemand::field field;
         std::string_view name;
-        if (std::move(each).get(field) != simdjson::SUCCESS || ReadName(field, name) != NONE) return NO_OBJECT;
+        if (each.error() != simdjson::SUCCESS) return NO_OBJECT;
+        ondemand::field&& field = std::move(each).value_unsafe();  // not copied: it was written a moment ago
+        if (ReadName(field, name) != NONE) return NO_OBJECT;
         if (++values > MostValues) return TOO_MANY;
         const std::string_view token = field.value().raw_json_token();
         if (token.empty()) return NO_OBJECT;
@@ -202,7 +210,7 @@ JSON_FIELDS::READER::FAULT JSON_FIELDS::READER::ReadList(ondemand::array array, 
     return NONE;
 }
 
-JSON_FIELDS::READER::FAULT JSON_FIELDS::READER::ReadScalar(ondemand::value value, std::string_view token,
+JSON_FIELDS::READER::FAULT JSON_FIELDS::READER::ReadScalar(ondemand::value& value, std::string_view token,
                                                            JSON_VALUE& read) {
     const char next = token.data()[token.size()];  // what stands after it, which the parser may skip unseen
     if (next != ',' && next != '}' && next != ']') return NO_OBJECT;
@@ -218,7 +226,7 @@ JSON_FIELDS::READER::FAULT JSON_FIELDS::READER::ReadScalar(ondemand::value value
     read.kind = JSON_KIND::TEXT;
     if (token.size() < 2 || token.back() != '"') return NO_OBJECT;
     read.text = token.substr(1, token.size() - 2);
-    if (read.text.find('\\') == std::string_view::npos) return NONE;  // as it stands: most texts
+    if (!escapes || read.text.find('\\') == std::string_view::npos) return NONE;  // as it stands: most texts
     if (value.get_string().get(read.text) != simdjson::SUCCESS) return NO_OBJECT;
     if (read.text.find('\0') == std::string_view::npos) return NONE;
     std::string& text = replaced.emplace_back(read.text);
@@ -234,7 +242,7 @@ JSON_FIELDS::READER::FAULT JSON_FIELDS::READER::ReadName(ondemand::field& field,
     const size_t left = static_cast<size_t>(padded.data() + padded.size() - begin);
     name = std::string_view(begin, left);
     name = name.substr(0, name.find('"'));
-    if (name.find('\\') == std::string_view::npos) return NONE;
+    if (!escapes || name.find('\\') == std::string_view::npos) return NONE;
     return field.unescaped_key().get(name) == simdjson::SUCCESS ? NONE : NO_OBJECT;
 }
 
@@ -250,7 +258,7 @@ JSON_FIELDS::READER::ENTRY& JSON_FIELDS::READER::Enter(std::string_view name) {
     names.append(path).append(name);
     const size_t at = SlotOf(std::string_view(names).substr(nameAt));
     if (slots[at].turn != turn) {
-        slots[at] = {turn, static_cast<unsigned>(entries.size())};
+        slots[at] = {turn, static_cast<uint16_t>(entries.size())};
         return entries.emplace_back(ENTRY{nameAt, names.size() - nameAt, {}});
     }
     names.resize(nameAt);

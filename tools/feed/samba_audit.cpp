@@ -123,8 +123,11 @@ void SAMBA_AUDIT::Fill(const LOGON& logon, win32::NEW_EVENT& event) {
 // The KDC does not say at which of the controller's addresses it was asked; other lines do.
 void SAMBA_AUDIT::LearnOwnAddress(const AUDIT& audit) {
     constexpr size_t mostOwn = 64;
+    const std::string_view local = audit.Text("localAddress");
+    if (local == learned) return;
+    learned = local;
     std::string address, port;
-    if (own.size() < mostOwn && SplitAuditAddress(audit.Text("localAddress"), address, port)) own.insert(address);
+    if (own.size() < mostOwn && SplitAuditAddress(local, address, port)) own.insert(address);
 }
 
 // From where the client asked. Not null: from nowhere, or from the controller itself, whose services, the agent's

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <ctime>
+#include <memory_resource>
 #include <string>
 #include <unordered_map>
 #include <unordered_set>
@@ -43,10 +44,13 @@ private:
         std::string sid;
         long long time;  // seconds since 1970, by the audit's clock
     };
-    JSON_FIELDS fields;                                  // of the line
-    std::u16string computer;                             // this one, once it was asked for
-    std::unordered_map<std::string, ACCOUNT_SEEN> seen;  // by address: the last user; apart, the last computer
-    std::unordered_set<std::string> own;                 // the controller's addresses, as far as lines have shown them
+    JSON_FIELDS fields;                           // of the line
+    std::u16string computer;                      // this one, once it was asked for
+    std::pmr::unsynchronized_pool_resource pool;  // side by side, what is seen is found and let go sooner
+    // By address: the last user; apart, the last computer.
+    std::pmr::unordered_map<std::string, ACCOUNT_SEEN> seen{&pool};
+    std::string learned;                  // the local address of the last line
+    std::unordered_set<std::string> own;  // the controller's addresses, as far as lines have shown them
 };
 
 // `ipv4:A:PORT` or `ipv6:A:PORT`, cut at the last colon. False: not an address, or the unspecified one.

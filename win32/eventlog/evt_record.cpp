@@ -9,19 +9,40 @@
 namespace win32 {
 namespace {
 
+typedef int16_t LANES __attribute__((vector_size(16)));
+
+// -1 for each of eight units of UTF-16 text that is NUL, 0 for the others.
+LANES NulsAt(const BYTE* bytes) {
+    LANES units;
+    std::memcpy(&units, bytes, sizeof(units));
+    return units == 0;
+}
+
 // Counts the NUL units of UTF-16 text, eight at a time: every record that is read passes here.
 size_t CountNuls(const BYTE* bytes, size_t count) {
-    typedef uint16_t LANES __attribute__((vector_size(16)));
-    LANES sums = {};  // no lane overflows: a record has fewer than 65535 times 16 bytes
+    LANES sums = {}, others = {};  // no lane overflows: a record has fewer than 32767 times 16 bytes
     size_t at = 0;
-    for (; at + sizeof(LANES) <= count; at += sizeof(LANES)) {
-        LANES units;
-        std::memcpy(&units, bytes + at, sizeof(units));
-        sums -= reinterpret_cast<LANES>(units == 0);
+    for (; at + 2 * sizeof(LANES) <= count; at += 2 * sizeof(LANES)) {
+        sums -= NulsAt(bytes + at);
+        others -= NulsAt(bytes + at + sizeof(LANES));
     }
-    size_t nuls = 0;
-    for (size_t lane = 0; lane < 8; ++lane) nuls += sums[lane];
-    for (; at + 2 <= count; at += 2) nuls += bytes[at] == 0 && bytes[at + 1] == 0;
+    sums += others;
+    if (at + sizeof(LANES) <= count) {
+        sums -= NulsAt(bytes + at);
+        at += sizeof(LANES);
+    }
+    size_t left = (count - at) / 2;
+    if (left > 0 && at > 0) {  // the last eight, of which the first were counted
+        constexpr LANES FromTheEnd = {8, 7, 6, 5, 4, 3, 2, 1};
+        sums -= NulsAt(bytes + at + 2 * left - sizeof(LANES)) & (FromTheEnd <= static_cast<int16_t>(left));
+        left = 0;
+    }
+    constexpr uint64_t Even = 0x0000FFFF0000FFFF;
+    uint64_t halves[2];
+    std::memcpy(halves, &sums, sizeof(halves));
+    uint64_t nuls = (halves[0] & Even) + (halves[0] >> 16 & Even) + (halves[1] & Even) + (halves[1] >> 16 & Even);
+    nuls = (nuls & MAXDWORD) + (nuls >> 32);
+    for (; left > 0; --left, at += 2) nuls += bytes[at] == 0 && bytes[at + 1] == 0;
     return nuls;
 }
 
@@ -47,9 +68,14 @@ bool StringsAreSound(const EVENTLOGRECORD& record, const BYTE* bytes, DWORD end)
     return CountNuls(bytes + record.StringOffset, end - record.StringOffset) >= record.NumStrings;
 }
 
-size_t UnitsOf(const std::u16string& text) { return std::min(text.find(u'\0'), text.size()); }
+// Those before the first NUL. That most texts hold none is found out faster than where one stands.
+size_t UnitsOf(const std::u16string& text) {
+    bool ends = false;
+    for (const char16_t unit : text) ends |= unit == 0;
+    return ends ? text.find(u'\0') : text.size();
+}
 
-// Writes into memory of the right size, which is all 0.
+// Writes into memory that is large enough and all 0.
 class BYTES_WRITER {
 public:
     explicit BYTES_WRITER(BYTES& into) : begin(into.data()), at(into.data() + RecordFixedBytes) {}
@@ -98,14 +124,13 @@ void NEW_EVENT::Begin(size_t stringCount) {
 }
 
 bool BuildRecord(const NEW_EVENT& event, BYTES& record) {
-    const size_t names = 2 * (UnitsOf(event.source) + UnitsOf(event.computer)) + 4;
-    size_t total = AlignedSize(AlignedSize(RecordFixedBytes + names) + event.sid.size());
-    for (const std::u16string& text : event.strings) total += 2 * UnitsOf(text) + 2;
-    total = AlignedSize(total + event.data.size()) + sizeof(DWORD);
-    if (event.strings.size() > 0xFFFF || total > MaxRecordBytes) return FailWith(ERROR_INVALID_PARAMETER);
+    const size_t names = 2 * (event.source.size() + event.computer.size()) + 4;
+    size_t most = AlignedSize(AlignedSize(RecordFixedBytes + names) + event.sid.size());
+    for (const std::u16string& text : event.strings) most += 2 * text.size() + 2;
+    most = AlignedSize(most + event.data.size()) + sizeof(DWORD);
 
     record.clear();
-    record.resize(total);
+    record.resize(most);
     BYTES_WRITER writer(record);
     writer.PutText(event.source);
     writer.PutText(event.computer);
@@ -120,6 +145,10 @@ bool BuildRecord(const NEW_EVENT& event, BYTES& record) {
     fixed.DataLength = static_cast<DWORD>(event.data.size());
     fixed.DataOffset = writer.Offset();
     writer.Put(event.data);
+    writer.Align();
+    const size_t total = writer.Offset() + sizeof(DWORD);
+    if (event.strings.size() > 0xFFFF || total > MaxRecordBytes) return FailWith(ERROR_INVALID_PARAMETER);
+    record.resize(total);
 
     fixed.Length = static_cast<DWORD>(total);
     fixed.Reserved = EvtSignature;
