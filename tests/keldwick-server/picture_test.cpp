@@ -5,7 +5,6 @@
 
 #include <nlohmann/json.hpp>
 
-#include "request_bytes.h"
 #include "tools/keldwick-server/api.h"
 
 namespace tools {

@@ -9,7 +9,6 @@
 #include <csignal>
 #include <thread>
 
-#include "request_bytes.h"
 #include "tools/keldwick-server/client.h"
 #include "win32/sync/descriptor.h"
 
@@ -18,17 +17,25 @@ namespace {
 
 using win32::DESCRIPTOR;
 
-BYTES Answer(uint32_t id, uint32_t status = 0) {
-    BYTES answer = {0, 14, 0, 3, 0x80, 0x10};
-    Add(answer, id, 4);
-    Add(answer, status, 4);
-    return answer;
+using BYTES = std::vector<uint8_t>;
+
+BYTES Answer(uint8_t id) { return {0, 14, 0, 3, 0x80, 0x10, 0, 0, 0, id, 0, 0, 0, 0}; }
+
+// It names nobody.
+BYTES Request(uint8_t id) {
+    return {0, 30, 0, 3, 0, 0x10, 0, 0, 0, id, 0, 0, 14, 6, 2, 0, 0, 0, 1, 0, 0x13, 1, 2, 5, 12, 10, 0, 0, 0, 0x20};
 }
 
-BYTES Request(uint32_t id) {
-    REQUEST_BYTES request;
-    request.id = id;
-    return request.Get();
+// Of a request with groups without end.
+BYTES Unfinished(size_t size) {
+    BYTES bytes = Request(2), group(2 + 2 * 65'535 + 2, 'x');  // one name as long as can be, one empty
+    group[0] = group[1] = 0xFF;
+    group[group.size() - 2] = group[group.size() - 1] = 0;
+    bytes[27] = bytes[28] = 0xFF;  // so many groups
+    bytes[29] = 0;
+    while (bytes.size() < size) bytes.insert(bytes.end(), group.begin(), group.end());
+    bytes.resize(size);
+    return bytes;
 }
 
 // A server that runs on a thread of its own.
@@ -115,82 +122,6 @@ private:
     std::unique_ptr<SSL, SSL_FREER> session;
 };
 
-TEST(Server, AnswersEachRequestOverBothTransportsWithTheStatus) {
-    RUNNING server(0xFFFFFFFF);
-    const VISITOR plain(server.TcpPort());
-    const VISITOR secure(server.TlsPort(), true);
-    for (uint32_t id = 1; id <= 3; ++id) {
-        plain.Say(Request(id));
-        EXPECT_EQ(Answer(id, 0xFFFFFFFF), plain.Hear(14));
-        secure.Say(Request(id + 100));
-        EXPECT_EQ(Answer(id + 100, 0xFFFFFFFF), secure.Hear(14));
-    }
-    server.Stop();
-    EXPECT_EQ((std::vector<uint32_t>{1, 101, 2, 102, 3, 103}), server.ids);
-    EXPECT_TRUE(server.complaints.empty());
-}
-
-TEST(Server, AllRequestsAreAnsweredThoughTheClientHasFinished) {
-    RUNNING server;
-    const VISITOR visitor(server.TcpPort());
-    BYTES together, answers;
-    constexpr uint32_t many = 20'000;  // more answers than are kept waiting
-    std::thread writer([&] {
-        for (uint32_t id = 1; id <= many; ++id) {
-            const BYTES bytes = Request(id);
-            together.insert(together.end(), bytes.begin(), bytes.end());
-        }
-        visitor.Say(together);
-        visitor.Finish();
-    });
-    for (uint32_t id = 1; id <= many; ++id) AppendAnswer(id, 0, answers);
-    EXPECT_TRUE(visitor.Hear(answers.size() + 1) == answers);
-    writer.join();
-    server.Stop();
-    EXPECT_EQ(many, server.ids.size());
-}
-
-TEST(Server, StrangersDisturbNobodyElse) {
-    RUNNING server;
-    const VISITOR steady(server.TcpPort());
-    const BYTES whole = FullRequest().Get();
-    const std::string http = "GET / HTTP/1.1\r\n\r\n", hello("\x16\x03\x01\0\5\1\0\0\1\0", 10);
-    const std::vector<BYTES> strange = {BYTES(),
-                                        BYTES(1, 0),
-                                        BYTES(100'000, 0),
-                                        BYTES(100'000, 0xFF),
-                                        BYTES(whole.begin(), whole.end() - 1),
-                                        BYTES(http.begin(), http.end()),
-                                        BYTES(hello.begin(), hello.end())};
-    for (size_t i = 0; i < strange.size(); ++i)
-        for (const int port : {server.TcpPort(), server.TlsPort()}) {
-            SCOPED_TRACE(i);
-            const VISITOR stranger(port);
-            stranger.Say(strange[i]);
-            stranger.Finish();
-            stranger.Hear(1000);
-            steady.Say(Request(77));
-            EXPECT_EQ(Answer(77), steady.Hear(14));
-        }
-    const VISITOR good(server.TcpPort());
-    BYTES goodThenBad = whole;
-    goodThenBad.insert(goodThenBad.end(), 40, 0xFF);
-    good.Say(goodThenBad);
-    EXPECT_EQ(Answer(2), good.Hear(14)) << "what came before the bad bytes is answered";
-    EXPECT_TRUE(good.Hear(1).empty()) << "and the connection ends";
-    server.Stop();
-    EXPECT_EQ(2 * strange.size() + 1, server.ids.size());
-    EXPECT_EQ(2 * strange.size() - 2 + 1, server.complaints.size()) << "who says nothing at all is worth no line";
-    size_t unreadable = 0;
-    for (const std::string& complaint : server.complaints) {
-        EXPECT_EQ(0u, complaint.find("127.0.0.1:")) << complaint;
-        for (const char* sign : {": malformed request: ", ": TLS: "})
-            unreadable += complaint.find(sign) != complaint.npos;
-    }
-    EXPECT_EQ(unreadable, server.refusals) << "who just ended is not refused";
-    EXPECT_THAT(server.complaints.back(), testing::HasSubstr("malformed request: the format is not 3"));
-}
-
 TEST(Server, WhoDoesNotGoOnIsEndedAndWhoIsSilentStays) {
     RUNNING server(0, std::chrono::seconds(1));
     const VISITOR silent(server.TcpPort()), waits(server.TlsPort(), true);
@@ -215,11 +146,7 @@ TEST(Server, WhoDoesNotGoOnIsEndedAndWhoIsSilentStays) {
 
 TEST(Server, TheLargestUnfinishedRequestGoesWhenAllAreTooMuch) {
     RUNNING server;
-    REQUEST_BYTES large;
-    large.groupCount = 100;
-    large.groups.assign(9, {std::u16string(60'000, u'x'), u""});
-    BYTES bytes = large.Get();
-    bytes.resize(bytes.size() - 500'000);
+    const BYTES bytes = Unfinished(580'000);
     const VISITOR small(server.TcpPort()), larger(server.TcpPort());
     small.Say({bytes.begin(), bytes.begin() + 400'000});
     larger.Say(bytes);
@@ -262,6 +189,22 @@ TEST(Server, AHandshakeThatStopsHalfwayIsNotServedInCircles) {
     ASSERT_EQ(8, send(stranger.Get(), half.data(), half.size(), 0));
     EXPECT_TRUE(client.Serve(0, [](const CONNECTION&, const REPORT&) {}));
     EXPECT_FALSE(client.HasBuffered());
+}
+
+TEST(RequestReader, ARequestWithoutEndIsCutOffBeforeItFillsTheMemory) {
+    constexpr size_t piece = 100'000;
+    const BYTES bytes = Unfinished(2 * MaxRequestBytes);
+    REQUEST_READER reader;
+    REQUEST request;
+    PARSED result = PARSED::Incomplete;
+    size_t most = 0;
+    for (size_t at = 0; at + piece <= bytes.size() && result == PARSED::Incomplete; at += piece) {
+        reader.Append(std::span(bytes).subspan(at, piece));
+        result = reader.Next(request);
+        most = std::max(most, reader.Held());
+    }
+    EXPECT_EQ(PARSED::Malformed, result);
+    EXPECT_LE(most, MaxRequestBytes + piece);
 }
 
 }  // namespace

@@ -269,7 +269,11 @@ const REPORTS_SHOWN = 100;
 const reports = {list: [], newest: 0, held: false, waiting: 0, early: null};
 
 function takeReports(list) {  // the newest first
-  if (reports.early) return void reports.early.push(list);  // those before them are on the way
+  if (reports.early) {  // those before them are on the way
+    reports.early.push(list);
+    if (reports.early.length > REPORTS_SHOWN) reports.early.shift();
+    return;
+  }
   const fresh = list.filter((report) => report.number > reports.newest);
   if (!fresh.length) return;
   reports.waiting += reports.newest ? fresh[0].number - reports.newest : fresh.length;
