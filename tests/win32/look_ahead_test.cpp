@@ -85,7 +85,7 @@ protected:
         return object;
     }
 
-    LDAP_SERVER server{root.Path("ldap")};
+    LDAP_SERVER server{root.Path("ldap")};  // whose buffers are small
 };
 
 TEST_F(LookAhead, AUsersGroupsAreAskedForAtOnceAndEachOnce) {
