@@ -41,6 +41,24 @@ TEST_F(DIRECTORY_TEST, AGroupThatCannotBeOpenedFailsTheWalkButIsListed) {
     EXPECT_EQ(LINES{"=CN=Gone/West,DC=corp"}, Listed());
 }
 
+TEST_F(DIRECTORY_TEST, NestingDeeperThanAnyStackIsWalked) {
+    constexpr DWORD depth = 20000;
+    std::string entries = "dn: CN=Ann,DC=corp|sAMAccountName: ann|memberOf: CN=0,DC=corp\n";
+    for (DWORD i = 0; i < depth; ++i)
+        entries += "dn: CN=" + std::to_string(i) + ",DC=corp|memberOf: CN=" + std::to_string(i + 1) + ",DC=corp\n";
+    MakeDirectory(entries + "dn: CN=" + std::to_string(depth) + ",DC=corp\n");
+    EXPECT_TRUE(GetGroups(u"CORP\\ann", list, nullptr));
+    EXPECT_EQ(depth + 1, list.Count());
+}
+
+TEST_F(DIRECTORY_TEST, APrimaryGroupOfADamagedSidIsLeftOut) {
+    for (const char* const sid : {"", "|objectSid:: AQU=", "|objectSid:: Af8AAAAAAAU="}) {
+        MakeDirectory("dn: CN=Ann,DC=corp|sAMAccountName: ann|primaryGroupID: 513" + std::string(sid) + "\n");
+        EXPECT_TRUE(GetGroups(u"CORP\\ann", list, nullptr));
+        EXPECT_EQ(0u, list.Count());
+    }
+}
+
 TEST_F(DIRECTORY_TEST, ABindingDecidesWhereAndAsWhomALookUpGoes) {
     MakeDirectory("dn: CN=Ann,DC=corp|sAMAccountName: ann\n");
     STRING dn;
