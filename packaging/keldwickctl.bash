@@ -46,6 +46,7 @@ _keldwickctl() {
         case ${COMP_WORDS[i]} in
             --root) root=(--root "${COMP_WORDS[++i]}") ;;
             --log | --protocol | --type | --server | --last | --name | --prometheus | --user | --address | --since) ((++i)) ;;
+            --id | --source | --computer | --time | --data) ((++i)) ;;
             -*) ;;
             *) said+=("${COMP_WORDS[i]}") ;;
         esac
