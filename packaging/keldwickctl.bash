@@ -9,6 +9,9 @@ _keldwick_help_words() {
         /^  (-[a-z],)?--/ { sub(/^-[a-z],/, "", $1); print $1 }'
 }
 
+# The names of the feeds that there are; the arguments are the program and the option --root, if given.
+_keldwickctl_feeds() { "$@" status 2>/dev/null | awk '$1 == "feed" && $2 ~ /^[A-Za-z0-9_.-]+,$/ { sub(/,$/, "", $2); print $2 }'; }
+
 _keldwickctl_settings() { echo 'IdentServer IdentProtocol AdServer Heartbeat LogonTTL DebugOutput Shutdown'; }
 
 # The words that a value may have, after the option or the commands before it.
@@ -29,7 +32,7 @@ _keldwickctl_values() {
 }
 
 _keldwickctl() {
-    local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]} said=() i
+    local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]} said=() root=() i
     COMPREPLY=()
     case $previous in
         --prometheus) mapfile -t COMPREPLY < <(compgen -f -- "$current") && return ;;
@@ -41,7 +44,9 @@ _keldwickctl() {
     esac
     for ((i = 1; i < COMP_CWORD; ++i)); do
         case ${COMP_WORDS[i]} in
-            --root | --log | --protocol | --type | --server | --last | --name | --prometheus | --user | --address | --since) ((++i)) ;;
+            --root) root=(--root "${COMP_WORDS[++i]}") ;;
+            --log | --protocol | --type | --server | --last | --name | --prometheus | --user | --address | --since) ((++i)) ;;
+            --id | --source | --computer | --time | --data) ((++i)) ;;
             -*) ;;
             *) said+=("${COMP_WORDS[i]}") ;;
         esac
@@ -49,7 +54,9 @@ _keldwickctl() {
     local words="${said[*]}"
     mapfile -t COMPREPLY < <(compgen -W "$(_keldwickctl_values "$words")
         $(_keldwick_help_words "${COMP_WORDS[0]}" "${said[@]}")" -- "$current")
-    if [[ $words =~ ^('events import'|'feed samba-audit'|'feed json')$ && $current != -* ]]; then
+    if [[ $words == 'feed forget' ]]; then
+        mapfile -t COMPREPLY < <(compgen -W "$(_keldwickctl_feeds "${COMP_WORDS[0]}" "${root[@]}")" -- "$current")
+    elif [[ $words =~ ^('events import'|'feed samba-audit'|'feed json')$ && $current != -* ]]; then
         mapfile -t -O "${#COMPREPLY[@]}" COMPREPLY < <(compgen -f -- "$current")
     fi
 }
@@ -69,8 +76,8 @@ _keldwick_server() {
     local current=${COMP_WORDS[COMP_CWORD]}
     COMPREPLY=()
     case ${COMP_WORDS[COMP_CWORD - 1]} in
-        --cert | --key | --key-log | --state) mapfile -t COMPREPLY < <(compgen -f -- "$current") ;;
-        --host | --tcp-port | --tls-port | --status) ;;
+        --cert | --key | --key-log) mapfile -t COMPREPLY < <(compgen -f -- "$current") ;;
+        --host | --tcp-port | --tls-port | --status | --http | --http-name | --time-to-live) ;;
         *) mapfile -t COMPREPLY < <(compgen -W "$(_keldwick_help_words "${COMP_WORDS[0]}")" -- "$current") ;;
     esac
 }

@@ -171,6 +171,26 @@ class Check(MachineTest):
                      r"failed +machine root +.*/eventlog/Security.evt: .* is a link"):
             self.assertRegex(shown, rf"(?m)^{line}")
 
+    def test_a_log_that_was_moved_or_deleted_is_not_taken_for_one_that_is_written(self):
+        self.prepare("tcp")
+        self.start("-L", wait=False)
+        self.until(lambda: "being written" in self.ctl("status"), "the agent writes its log")
+        moved = f"{self.root}/eventlog/old.log"
+        for away in (lambda: os.rename(f"{self.root}/Keldwick.log", moved), lambda: os.remove(moved)):
+            away()
+            self.assertRegex(self.ctl("status"), "log file .*not written: the agent writes a file that was deleted or moved away")
+        self.tell(self.found()[1], "agent's log", "warning", "deleted or moved away")
+
+    @unittest.skipUnless(os.geteuid() == 0, "only root can be another user")
+    def test_what_depends_on_settings_that_may_not_be_read_is_left_out(self):
+        self.prepare("tcp")
+        os.chmod(self.root, 0o711)
+        os.chmod(f"{self.root}/registry.reg", 0o600)
+        done = subprocess.run([f"{BIN}/keldwickctl", "--root", self.root, "check"], capture_output=True, text=True, user=65534)
+        self.assertRegex(done.stdout, r"(?m)^warning +machine root .*run this as root$")
+        self.assertRegex(done.stdout, r"(?m)^failed +settings ")
+        self.assertNotRegex(done.stdout, r"(?m)^\w+ +(directory|agent's log|identity server) ")
+
     @unittest.skipUnless(os.geteuid() == 0, "only root can be another user")
     def test_another_user_sees_what_he_may(self):
         self.prepare()

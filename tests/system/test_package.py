@@ -128,6 +128,34 @@ class Package(unittest.TestCase):
 
 
 class Completion(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        root = tempfile.mkdtemp(prefix="keldwick-system-")
+        cls.addClassCleanup(shutil.rmtree, root)
+        os.mkdir(f"{root}/feed")
+        for file in ("audit.lock", "audit.aside", "gone.lock"):
+            open(f"{root}/feed/{file}", "w").close()
+        cls.cases += (("keldwickctl", ["--root", root, "feed", "forget", ""], "audit"),
+                      ("keldwick-server", ["--key-l"], "--key-log"), ("keldwick-server", ["--http", ""], ""))
+
+    def valued(self, program, *commands):
+        """The options with a value that the help of the program and of all its commands shows."""
+        said = subprocess.run([f"{BIN}/{program}", *commands, "--help"], capture_output=True, text=True, check=True).stdout
+        options = set(re.findall(r"(?m)^  --([\w-]+) \S", said))
+        for command in re.findall(r"(?m)^  ([a-z][a-z-]*)  ", said.partition("Subcommands:")[2]):
+            options |= self.valued(program, *commands, command)
+        return options
+
+    def test_the_options_known_to_take_a_value_are_those_of_the_help(self):
+        for file, program, case in (
+                ("keldwickctl.bash", "keldwickctl", "case $previous in"), ("keldwickctl.bash", "keldwickctl", "case ${COMP_WORDS[i]} in"),
+                ("keldwickctl.bash", "keldwick-server", "case ${COMP_WORDS[COMP_CWORD - 1]} in"),
+                ("_keldwick", "keldwickctl", "case $previous in"), ("_keldwick", "keldwickctl", "case $words[i] in"),
+                ("_keldwick", "keldwick-server", "case $words[CURRENT-1] in")):
+            with self.subTest(file=file, case=case), open(f"{PACKAGING}/{file}", encoding="utf-8") as script:
+                patterns = re.findall(r"(?m)^\s+(--[^)]*)\)", script.read().rpartition(case)[2].partition("esac")[0])
+                self.assertEqual(self.valued(program), set(re.findall(r"[a-z][a-z-]*", " ".join(patterns))))
+
     environment = {**os.environ, "PATH": f"{BIN}:{os.environ['PATH']}"}
     cases = (("keldwickctl", ["ev"], "events"), ("keldwickctl", ["events", "im"], "import"),
              ("keldwickctl", ["--root", "/tmp", "settings", "se"], "set"), ("keldwickctl", ["settings", "set", "Heart"], "Heartbeat"),

@@ -31,7 +31,7 @@ constexpr const char* Established = "01";  // as the kernel's socket tables say 
 std::string LinkTarget(const fs::path& link) {
     std::error_code error;
     std::string target = fs::read_symlink(link, error).string();
-    constexpr std::string_view deleted = " (deleted)";  // a program or log that was replaced
+    constexpr std::string_view deleted = " (deleted)";  // a program that was replaced
     if (target.ends_with(deleted)) target.resize(target.size() - deleted.size());
     return target;
 }
@@ -84,6 +84,20 @@ bool IsSameFile(const fs::path& a, const fs::path& b) {
            first.st_ino == second.st_ino;
 }
 
+// A plain file that is open for appending alone, as the agent opens its log and nothing else, whatever the file is
+// called by now. Its standard streams may be such files, too.
+bool IsLogDescriptor(const fs::path& process, const std::string& descriptor) {
+    struct stat about;
+    if (ParseNumber(descriptor, INT32_MAX).value_or(0) <= STDERR_FILENO) return false;
+    if (stat((process / "fd" / descriptor).c_str(), &about) != 0 || !S_ISREG(about.st_mode)) return false;
+    std::ifstream file(process / "fdinfo" / descriptor);
+    int flags = 0;
+    for (std::string label; file >> label;)
+        if (label == "flags:" && file >> std::oct >> flags)
+            return (flags & (O_ACCMODE | O_APPEND)) == (O_WRONLY | O_APPEND);
+    return false;
+}
+
 void LookAtDescriptors(const fs::path& process, AGENT_PROCESS& agent) {
     std::set<std::string> sockets;
     const std::string log = AgentsOwnLogPath();
@@ -94,7 +108,7 @@ void LookAtDescriptors(const fs::path& process, AGENT_PROCESS& agent) {
         if (target.starts_with(socket)) sockets.insert(target.substr(socket.size(), target.size() - socket.size() - 1));
         if (IsSameFile(it->path(), log))
             agent.log = AGENT_LOG::OPEN;
-        else if (target == log && agent.log == AGENT_LOG::CLOSED)
+        else if (agent.log == AGENT_LOG::CLOSED && IsLogDescriptor(process, it->path().filename().string()))
             agent.log = AGENT_LOG::GONE;
     }
     for (const char* name : {"net/tcp", "net/tcp6"}) {
@@ -221,15 +235,15 @@ std::optional<IDENTITY_HEADING> IDENTITY_LIST::Open() {
     NextLine();
     try {
         const json object = json::parse(line);
-        const auto number = [&object](const char* name) { return object.at(name).get<int64_t>(); };
-        return IDENTITY_HEADING{static_cast<pid_t>(number("process")),
-                                number("written"),
-                                number("ttl"),
-                                number("identities"),
-                                number("tickets"),
-                                number("answered"),
-                                number("failed"),
-                                number("retried")};
+        const auto count = [&](const char* name) { return Number(object.at(name), INT64_MAX); };
+        return IDENTITY_HEADING{static_cast<pid_t>(Number(object.at("process"), INT32_MAX)),
+                                Number(object.at("written"), MAXDWORD),
+                                Number(object.at("ttl"), MAXDWORD),
+                                count("identities"),
+                                count("tickets"),
+                                count("answered"),
+                                count("failed"),
+                                count("retried")};
     } catch (const json::exception&) {
         FailDamaged();
     }
@@ -252,11 +266,16 @@ bool IDENTITY_LIST::Next(LISTED_IDENTITY& identity) {
         object.at("address").get_to(identity.address);
         object.at("user").get_to(identity.user);
         object.at("computer").get_to(identity.computer);
-        object.at("logon").get_to(identity.logon);
+        identity.logon = Number(object.at("logon"), MAXDWORD);
     } catch (const json::exception&) {
         FailDamaged();
     }
     return true;
+}
+
+int64_t IDENTITY_LIST::Number(const json& value, uint64_t most) const {
+    if (!value.is_number_unsigned() || value.get<uint64_t>() > most) FailDamaged();
+    return value.get<int64_t>();
 }
 
 void IDENTITY_LIST::FailDamaged() const {

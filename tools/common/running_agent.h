@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <istream>
 #include <memory>
+#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <set>
 #include <string>
@@ -92,6 +93,7 @@ public:
 
 private:
     bool NextLine();
+    int64_t Number(const nlohmann::json& value, uint64_t most) const;  // throws as for any other damage
     [[noreturn]] void FailDamaged() const;
 
     struct CLOSING {

@@ -23,6 +23,11 @@ std::string TypeRefusal(const WCHAR* text, bool personalOnly) {
 
 VERDICT Refused(const std::string& why) { return {false, why, {}, {}}; }
 
+// As the agent reports it.
+std::string ComputerOf(const WCHAR* domain, const WCHAR* computer) {
+    return Utf8(TrimDomainSuffix(QualifiedName(domain, computer).Text()).Text());
+}
+
 constexpr const char* OnBehalf = "made by a process on a user's behalf";
 constexpr const char* Computers = "a computer's account";
 
@@ -67,15 +72,15 @@ VERDICT VERDICTS::OfAccountLogon() {
     if (refusal.empty()) refusal = TypeRefusal(strings[8], true);
     if (refusal.empty() && IsComputerAccount(strings[5])) refusal = Computers;
     const bool named = *strings[11] != 0 && !EqualsText(strings[11], NothingGiven);
-    return ReportOrRenew(Logon(6, 5, 18, refusal, false), named ? Utf8(QualifiedName(strings[6], strings[11]).Text())
-                                                                : "the computer by the address's name");
+    return ReportOrRenew(Logon(6, 5, 18, refusal, false),
+                         named ? ComputerOf(strings[6], strings[11]) : "the computer by the address's name");
 }
 
 // Without a look at who is known at the address.
 VERDICT VERDICTS::OfLocalLogon() {
     VERDICT logon = Logon(1, 0, 13, TypeRefusal(strings[3], true), false);
     if (!logon.reported) return logon;
-    logon.why = "on " + Utf8(QualifiedName(strings[1], strings[6]).Text());
+    logon.why = "on " + ComputerOf(strings[1], strings[6]);
     users[place].push_back(TrimDomainSuffix(fullUser.Text()));
     return logon;
 }

@@ -31,7 +31,7 @@ MARKS::MARKS(const OPTIONS& given, const STATE_FILE& feedsFiles, LOG& feedsLog, 
 
 void MARKS::RefuseName(const std::string& why) const {
     throw COMMAND_ERROR("the feed " + options.name + " " + why + "; --name gives this one its own name, feed forget " +
-                        options.name + " ends that one");
+                        options.name + " frees the name once that one does not run");
 }
 
 // One that fails is tried again at its time, however pressing it is.

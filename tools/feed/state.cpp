@@ -23,12 +23,16 @@ namespace tools::feed {
 namespace {
 
 constexpr size_t MaxStateBytes = 64 * 1024;
+constexpr const char* KeptFiles[] = {"state", "state.damaged", "aside", "aside.old"};  // what is left of a feed's runs
 
-unsigned long long Number(const json& object, const char* name) {
+unsigned long long Number(const json& object, const char* name, unsigned long long most = UINT64_MAX) {
     const auto found = object.find(name);
-    if (found == object.end() || !found->is_number_unsigned()) throw COMMAND_ERROR(name);
-    return found->get<unsigned long long>();
+    if (found == object.end() || !found->is_number_unsigned() || found->get<uint64_t>() > most)
+        throw COMMAND_ERROR(name);
+    return found->get<uint64_t>();
 }
+
+unsigned long long CountOf(const json& object, const char* name) { return Number(object, name, INT64_MAX); }
 
 // Objects are filled member by member: the library's constructor from a list loses what it has when memory ends.
 void AddPlace(const PLACE& place, json& object) {
@@ -47,11 +51,11 @@ void ReadState(const json& object, STATE& state) {
     state.file = object.value("file", "");
     state.log = object.value("log", "");
     state.saved = object.value("saved", "");
-    state.behind = Number(object, "behind");
+    state.behind = CountOf(object, "behind");
     state.nextRecord = Number(object, "nextRecord");
-    state.records = Number(object, "records");
-    state.skipped = Number(object, "skipped");
-    state.unreadable = Number(object, "unreadable");
+    state.records = CountOf(object, "records");
+    state.skipped = CountOf(object, "skipped");
+    state.unreadable = CountOf(object, "unreadable");
     const auto earlier = object.find("earlier");
     if (earlier != object.end() && earlier->is_array())
         for (const json& each : *earlier) state.places.push_back(ReadPlace(each));
@@ -153,13 +157,16 @@ bool IsRunning(const std::string& name) {
     return file && fcntl(file.Get(), F_OFD_GETLK, &other) == 0 && other.l_type != F_UNLCK;
 }
 
+bool IsKept(const std::string& name) {
+    struct stat about;  // of a link itself: that there is one is damage, not nothing
+    const auto isThere = [&](const char* kind) { return lstat(FilePath(name, kind).c_str(), &about) == 0; };
+    return IsFeedName(name) && std::any_of(std::begin(KeptFiles), std::end(KeptFiles), isThere);
+}
+
 void Forget(const std::string& name) {
-    constexpr const char* Kept[] = {"state", "state.damaged", "aside", "aside.old"};
-    const auto isThere = [&](const char* kind) { return access(FilePath(name, kind).c_str(), F_OK) == 0; };
-    if (!IsFeedName(name) || std::none_of(std::begin(Kept), std::end(Kept), isThere))
-        throw COMMAND_ERROR("there is no feed " + name + " (status names those that there are)");
+    if (!IsKept(name)) throw COMMAND_ERROR("there is no feed " + name + " (status names those that there are)");
     const STATE_FILE held(name);  // as one that follows a file: no other runs beside it
-    for (const char* kind : Kept)
+    for (const char* kind : KeptFiles)
         if (!win32::RemoveRootFile(FilePath(name, kind)) && errno != ENOENT)
             FailFile("cannot remove " + FilePath(name, kind));
 }

@@ -45,6 +45,9 @@ std::string FilePath(const std::string& name, const char* kind);  // of NAME.kin
 
 bool IsRunning(const std::string& name);
 
+// Whether the feed has left anything that Forget removes; its locks stay and mean nothing.
+bool IsKept(const std::string& name);
+
 // False: there is no state. Throws COMMAND_ERROR when it cannot be read or is damaged.
 bool LoadState(const std::string& name, STATE& state);
 

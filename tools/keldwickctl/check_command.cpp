@@ -3,10 +3,12 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 
+#include "platform/ip_address.h"
 #include "tools/common/safe_text.h"
 #include "tools/keldwickctl/check.h"
 #include "tools/keldwickctl/commands.h"
 #include "win32/files/machine_root.h"
+#include "win32/text/utf.h"
 
 namespace tools {
 namespace {
@@ -14,12 +16,14 @@ namespace {
 constexpr const char* ResultWords[] = {"ok", "warning", "failed"};
 constexpr int ExitFailed = 1, ExitWarnings = 3;
 
-// A check that cannot be made has failed; the others are worth knowing all the more.
-void Make(CHECK_LINES& lines, const char* what, const std::function<void()>& check) {
+// A check that cannot be made has failed, and gives false; the others are worth knowing all the more.
+bool Make(CHECK_LINES& lines, const char* what, const std::function<void()>& check) {
     try {
         check();
+        return true;
     } catch (const COMMAND_ERROR& error) {
         lines.Fail(what, error.what(), "");
+        return false;
     }
 }
 
@@ -27,17 +31,19 @@ CHECK_LINES CheckEverything(const CHECK_OPTIONS& options) {
     CHECK_LINES lines;
     std::vector<AGENT_PROCESS> agents;
     Make(lines, "machine root", [&] { CheckRoot(lines); });
-    Make(lines, "settings", [&] { CheckSettings(lines); });
+    const bool settingsKnown = Make(lines, "settings", [&] { CheckSettings(lines); });
     Make(lines, "agent", [&] {
         agents = FindAgents();
         CheckAgent(lines, agents);
     });
     Make(lines, "event log", [&] { CheckEventLog(lines, agents); });
-    Make(lines, "agent's log", [&] { CheckAgentsLog(lines, agents); });
+    if (settingsKnown) Make(lines, "agent's log", [&] { CheckAgentsLog(lines, agents); });
     Make(lines, "feeds", [&] { CheckFeeds(lines); });
     Make(lines, "clock", [&] { CheckClock(lines); });
-    Make(lines, "identity server", [&] { CheckServer(lines, options.exchange); });
-    Make(lines, "directory", [&] { CheckDirectories(lines); });
+    if (settingsKnown) {
+        Make(lines, "identity server", [&] { CheckServer(lines, options.exchange); });
+        Make(lines, "directory", [&] { CheckDirectories(lines); });
+    }
     if (!options.address.empty()) Make(lines, "name server", [&] { CheckNameServer(lines, options.address); });
     return lines;
 }
@@ -84,7 +90,13 @@ void AddCheckCommand(CLI::App& app) {
     check->add_flag("--exchange", options->exchange,
                     "send the identity server a heartbeat (user keldwick-check at 127.0.0.1) and await its answer");
     check->add_option("--address", options->address, "an IP address whose name the name server is asked for")
-        ->type_name("A");
+        ->type_name("A")
+        ->check([](const std::string& text) {
+            keldwick::IP_ADDRESS address;
+            return keldwick::ParseAddress(address, win32::ToUtf16(text).c_str())
+                       ? ""
+                       : "is an IP address, not \"" + text + "\"";
+        });
     check->callback([options] { Check(*options); });
 }
 

@@ -124,11 +124,10 @@ void CheckRoot(CHECK_LINES& lines) {
     if (stat(root.c_str(), &owner) != 0) throw COMMAND_ERROR("cannot look at " + root + ": " + win32::FileFault(errno));
     const std::string file = win32::MachinePath(win32::RegistryFile);
     if (stat(file.c_str(), &registry) != 0 && errno == ENOENT)
-        return lines.Fail("machine root", "there is no " + file,
-                          "keldwickctl --root " + root + " init, or name another root");
+        return lines.Fail("machine root", "there is no " + file, InitCommand() + ", or name another root");
     if (geteuid() != 0 && geteuid() != owner.st_uid)
         lines.Warn("machine root", root + " is " + UserName(owner.st_uid) + "'s: not all can be looked at",
-                   "run this as root or as " + UserName(owner.st_uid));
+                   owner.st_uid == 0 ? "run this as root" : "run this as root or as " + UserName(owner.st_uid));
     else if (CheckFiles(lines, machineRoot, owner))
         lines.Ok("machine root", root + ", of " + UserName(owner.st_uid));
     CheckRoom(lines, root);
@@ -139,6 +138,12 @@ void CheckRoot(CHECK_LINES& lines) {
 namespace {
 
 bool HasDefaultsOnly(std::u16string_view name) { return name.starts_with(u"Statistics\\"); }  // the agent's to write
+
+void SayFault(CHECK_LINES& lines, const std::u16string& name, const win32::REG_VALUE& value, const std::string& fault) {
+    const std::string shown = win32::ToUtf8(name), text = shown + " = " + ExplainValue(name, value) + ": " + fault;
+    const std::string advice = "keldwickctl settings set '" + shown + "' VALUE";
+    win32::SameName(name, u"IdentServer") ? lines.Fail("settings", text, advice) : lines.Warn("settings", text, advice);
+}
 
 // How many values there are; each that has a fault is said.
 size_t CheckValues(CHECK_LINES& lines, const win32::REG_NODE& key, const std::u16string& path) {
@@ -152,14 +157,25 @@ size_t CheckValues(CHECK_LINES& lines, const win32::REG_NODE& key, const std::u1
             lines.Warn("settings", "the agent reads no value " + shown,
                        "mistyped? keldwickctl settings delete '" + shown + "'");
         } else if (!fault.empty()) {
-            const std::string text = shown + " = " + ExplainValue(name, value) + ": " + fault;
-            const std::string advice = "keldwickctl settings set '" + shown + "' VALUE";
-            win32::SameName(name, u"IdentServer") ? lines.Fail("settings", text, advice)
-                                                  : lines.Warn("settings", text, advice);
+            SayFault(lines, name, value, fault);
         }
     }
     for (const auto& [folded, child] : key.children) count += CheckValues(lines, *child, path + child->name + u'\\');
     return count;
+}
+
+void CheckLogSizes(CHECK_LINES& lines, const win32::REG_TREE& tree) {
+    for (const char16_t* const log : {u"Security", u"Application"}) {
+        const std::u16string name = LogSizeName(log);
+        win32::REG_PATH path;
+        if (!win32::SplitKeyPath(name, path)) continue;
+        const std::u16string valueName = path.back();
+        path.pop_back();
+        const win32::REG_NODE* const key = tree.Find(path);
+        const win32::REG_VALUE* const value = key != nullptr ? win32::FindValue(*key, valueName) : nullptr;
+        const std::string fault = value != nullptr ? SettingFault(name, *value) : "";
+        if (!fault.empty()) SayFault(lines, name, *value, fault);
+    }
 }
 
 DWORD MinutesOf(const keldwick::SETTING_INFO& setting) {
@@ -173,8 +189,9 @@ void CheckSettings(CHECK_LINES& lines) {
     const std::shared_ptr<const win32::REG_TREE> tree = win32::REG_STORE::Current().Tree(&error);
     if (!tree) FailRegistry("cannot read the settings", error);
     const win32::REG_NODE* const settings = tree->Find(SettingsPath());
-    if (settings == nullptr) return lines.Fail("settings", "there is no settings key", "keldwickctl init makes it");
+    if (settings == nullptr) return lines.Fail("settings", "there is no settings key", InitCommand() + " makes it");
     const size_t before = lines.Lines().size(), count = CheckValues(lines, *settings, u"");
+    CheckLogSizes(lines, *tree);
     if (win32::FindValue(*settings, u"IdentServer") == nullptr)
         lines.Fail("settings", "no identity server is set, and the agent does not start without one",
                    "keldwickctl settings set IdentServer HOST");
@@ -226,11 +243,11 @@ LOG_USE MeasureLog(win32::EVT_READER& reader, std::optional<DWORD> next, int64_t
         const int64_t time = record.TimeWritten;
         const bool isToday = time > now - Day, isUnread = next && record.RecordNumber >= *next;
         if (use.newest == 0) use.newest = time;
+        use.oldest = time;  // of one that is older, too: the quiet time after it counts
         if (!isToday && !isUnread) return false;
         if (isToday) use.today += record.Length;
         if (isUnread) use.unread += record.Length;
         use.waiting += isUnread ? 1 : 0;
-        use.oldest = time;
         return true;
     });
     if (error != ERROR_SUCCESS) FailCommand("cannot read the Security log", error);
@@ -267,7 +284,8 @@ void CheckEventLog(CHECK_LINES& lines, const std::vector<AGENT_PROCESS>& agents)
     if (use.newest > now + 5 * Minute)
         lines.Warn("event log", found + ": that is in the future", "set the clock of this machine or of the source");
     else if (left && *left < Hour)
-        lines.Warn("event log", found, "give the log a larger MaxSize (docs/running.md)");
+        lines.Warn("event log", found,
+                   "keldwickctl settings set '" + win32::ToUtf8(LogSizeName(u"Security")) + "' BYTES, more than now");
     else if (written < now - Day)
         lines.Warn("event log", found + "; nothing was written for " + DurationText(now - written),
                    "is its source, a feed for instance, running?");
@@ -305,9 +323,12 @@ void CheckAgentsLog(CHECK_LINES& lines, const std::vector<AGENT_PROCESS>& agents
     if (!agents.empty() && there && log == AGENT_LOG::CLOSED)
         return lines.Warn("agent's log", path + " has been ended: the running agent does not write it",
                           advice + ",verbose (another value than now) begins it again");
+    const bool unitMaySay = agents.empty() && StoredNumber(u"DebugOutput").value_or(0) == 0;
     const std::string kept = (mode & DEBUG_MODE_OVERWRITE) == 0 || (mode & DEBUG_MODE_RENAME) != 0
                                  ? ""
-                                 : "; a start overwrites it (" + advice + " keeps it)";
+                                 : std::string("; a start overwrites it") +
+                                       (unitMaySay ? " unless its unit says otherwise" : "") + " (" + advice +
+                                       " keeps it)";
     lines.Ok("agent's log", (there ? path + ", written " + TimeText(about.st_mtime) : "none yet") + kept);
 }
 
@@ -323,6 +344,11 @@ void CheckFeeds(CHECK_LINES& lines) {
         if (!feed.running && !feed.file.empty()) {
             lines.Warn(what, "does not run, " + behind + "; marked " + feed.marked,
                        "systemctl start keldwick-feed@" + feed.name);
+            continue;
+        }
+        if (feed.running && !feed.file.empty() && access(feed.file.c_str(), R_OK) != 0) {
+            lines.Warn(what, feed.file + ": " + win32::FileFault(errno),
+                       "mistyped? end the feed, then keldwickctl feed forget " + feed.name);
             continue;
         }
         const auto marked = ParseIsoTime(feed.marked);

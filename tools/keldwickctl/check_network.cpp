@@ -219,7 +219,10 @@ void CheckDirectories(CHECK_LINES& lines) {
         if (failure.empty())
             lines.Ok(what, steps.back().what);
         else if (steps.back().result == REGDB_E_CLASSNOTREG)
-            lines.Warn(what, "none is set: reports go out without DN, OU path and groups", "docs/directory.md");
+            lines.Warn(what,
+                       server.empty() ? "none is set: reports go out without DN, OU path and groups"
+                                      : server + " is not asked: " + steps.back().reason,
+                       "keldwickctl settings set 'Linux\\DirectoryUri' ldap://HOST, or more: directory.md");
         else
             lines.Fail(what, failure, "keldwickctl directory check shows each step");
     }

@@ -1,14 +1,19 @@
 #include "tools/keldwickctl/setting_faults.h"
 
 #include <arpa/inet.h>
+#include <sys/stat.h>
 
 #include <algorithm>
+#include <cctype>
+#include <cerrno>
 #include <cstdio>
 
 #include "diagnostics/debug_output.h"
 #include "service/settings.h"
 #include "tools/common/safe_text.h"
 #include "tools/keldwickctl/setting_values.h"
+#include "win32/directory/directory_settings.h"
+#include "win32/eventlog/evt_format.h"
 #include "win32/text/utf.h"
 
 namespace tools {
@@ -16,12 +21,28 @@ namespace {
 
 constexpr DWORD MaxMinutes = MAXDWORD / 60000;  // above, the milliseconds do not fit and wrap
 constexpr DWORD MaxLookupMs = 60000;
+constexpr std::string_view FilePrefix = "FILE:";  // which a keytab's name may begin with
 constexpr size_t MaxHostBytes = 253;
 
-bool IsAddress(std::string host) {
+constexpr size_t MaxZoneBytes = 15;  // an interface's name
+
+bool IsOfNames(unsigned char unit) { return std::isalnum(unit) != 0 || unit == '-' || unit == '_' || unit == '.'; }
+
+bool IsAddress(const std::string& host) {
     in6_addr address;
-    host.resize(std::min(host.size(), host.find('%')));  // an IPv6 address's zone
-    return inet_pton(AF_INET6, host.c_str(), &address) == 1 || inet_pton(AF_INET, host.c_str(), &address) == 1;
+    const size_t percent = host.find('%');
+    const bool zoned = percent != std::string::npos;
+    const std::string zone = zoned ? host.substr(percent + 1) : "";
+    if (zoned && (zone.empty() || zone.size() > MaxZoneBytes || !std::all_of(zone.begin(), zone.end(), IsOfNames)))
+        return false;
+    return inet_pton(AF_INET6, host.substr(0, percent).c_str(), &address) == 1 ||
+           inet_pton(AF_INET, host.c_str(), &address) == 1;
+}
+
+// Whether the last part of the name has digits only, as that of an IPv4 address has.
+bool EndsInNumber(const std::string& host) {
+    const std::string last = host.substr(host.rfind('.') + 1);
+    return !last.empty() && last.find_first_not_of("0123456789") == std::string::npos;
 }
 
 std::string ProtocolFault(DWORD number) {
@@ -66,6 +87,16 @@ std::string DirectoryServerFault(const std::string& host) {
     return "";
 }
 
+std::string UriFault(const std::string& uri) {
+    return uri.empty() || win32::IsDirectoryUri(uri) ? "" : "is not ldap://HOST, ldaps://HOST or ldapi://SOCKET";
+}
+
+std::string PathFault(const std::string& path) {
+    struct stat about;
+    const std::string plain = path.starts_with(FilePrefix) ? path.substr(FilePrefix.size()) : path;
+    return path.empty() || stat(plain.c_str(), &about) == 0 || errno != ENOENT ? "" : "there is no such file";
+}
+
 std::string IdentServerFault(const std::string& host) {
     return host.empty() ? "is empty: the agent has nowhere to report to" : HostFault(host);
 }
@@ -86,6 +117,10 @@ constexpr RULE Rules[] = {
     {u"DebugOutput", ModeFault},
     {u"Linux\\NameLookupTimeout", LookupFault},
     {u"Linux\\DirectoryStartTls", StartTlsFault},
+    {u"Linux\\DirectoryUri", nullptr, UriFault},
+    {u"Linux\\DirectoryPasswordFile", nullptr, PathFault},
+    {u"Linux\\DirectoryKeytab", nullptr, PathFault},
+    {u"Linux\\DirectoryCaFile", nullptr, PathFault},
 };
 
 // The agent reads no value of another type than the name's.
@@ -100,6 +135,16 @@ std::string TypeFault(const keldwick::SETTING_INFO& setting, const win32::REG_VA
            (hasDefault ? ", and takes " + std::to_string(setting.byDefault) + " at its next start" : "");
 }
 
+std::string LogSizeFault(const win32::REG_VALUE& value) {
+    const auto taken = [](DWORD bytes) { return "a log takes " + std::to_string(bytes) + " bytes"; };
+    const uint64_t size = NumberOf(value.data);
+    if (value.type != REG_DWORD || value.data.size() != sizeof(DWORD))
+        return std::string("is of type ") + TypeWord(value.type) + ", not dword: " + taken(win32::DefaultMaxSize);
+    if (size == 0) return "is 0: " + taken(win32::DefaultMaxSize);
+    if (size < win32::SmallestLog) return "is less than a log can have: " + taken(win32::SmallestLog);
+    return size > win32::LargestLog ? "is more than a log can have: " + taken(win32::LargestLog) : "";
+}
+
 }  // namespace
 
 std::string HostFault(const std::string& host) {
@@ -110,12 +155,16 @@ std::string HostFault(const std::string& host) {
         return "holds a blank or control character: no host has such a name";
     if (host.find_first_of("[]:") != std::string::npos)
         return "is neither a name nor an address: the ports are fixed, 1308 for TLS and 1306 for plain TCP";
-    if (host.find_first_of("/\\@,;\"'") != std::string::npos) return "is not a host's name";
+    const auto foreign = [](unsigned char unit) { return unit < 0x80 && !IsOfNames(unit); };
+    if (std::any_of(host.begin(), host.end(), foreign) || host.starts_with('.') || host.find("..") != std::string::npos)
+        return "is not a host's name";
+    if (EndsInNumber(host)) return "is neither a name nor an IPv4 address";
     if (host.size() > MaxHostBytes) return "is longer than a host's name can be";
     return "";
 }
 
 std::string SettingFault(std::u16string_view name, const win32::REG_VALUE& value) {
+    if (IsLogSize(name)) return LogSizeFault(value);
     const keldwick::SETTING_INFO* const setting = FindSetting(name);
     if (setting == nullptr) return "";
     if (std::string fault = TypeFault(*setting, value); !fault.empty()) return fault;

@@ -3,6 +3,7 @@
 #include "diagnostics/debug_output.h"
 #include "tools/common/safe_text.h"
 #include "tools/common/values.h"
+#include "win32/files/machine_root.h"
 #include "win32/registry/store.h"
 #include "win32/text/utf.h"
 
@@ -115,6 +116,16 @@ std::vector<std::u16string> TextsOf(const std::vector<BYTE>& data) {
 
 }  // namespace
 
+std::string InitCommand() {
+    const std::string root = win32::MachineRoot();
+    return "keldwickctl --root " + (root.empty() ? "/" : root) + " init";
+}
+
+std::string NoSettingsText() {
+    return "there is no settings key in " + win32::MachinePath(win32::RegistryFile) + "; \"" + InitCommand() +
+           "\" makes it, or name another root";
+}
+
 const win32::REG_PATH& SettingsPath() {
     static const win32::REG_PATH path = [] {
         win32::REG_PATH names;
@@ -131,7 +142,20 @@ const keldwick::SETTING_INFO* FindSetting(std::u16string_view name) {
     return nullptr;
 }
 
+std::u16string LogSizeName(std::u16string_view log) {
+    return u"HKEY_LOCAL_MACHINE\\SYSTEM\\CurrentControlSet\\services\\EventLog\\" + std::u16string(log) + u"\\MaxSize";
+}
+
+bool IsLogSize(std::u16string_view name) {
+    const std::u16string around = LogSizeName(u"");
+    const size_t before = around.rfind(u'\\');
+    if (name.size() < around.size()) return false;
+    const std::u16string_view log = name.substr(before, name.size() - around.size());
+    return log.find(u'\\') == log.npos && win32::SameName(name, LogSizeName(log));
+}
+
 std::optional<DWORD> SettingType(std::u16string_view name) {
+    if (IsLogSize(name)) return REG_DWORD;
     const keldwick::SETTING_INFO* const setting = FindSetting(name);
     return setting != nullptr ? std::optional(setting->type) : std::nullopt;
 }

@@ -16,12 +16,20 @@ struct SETTING_DATA {
     std::vector<BYTE> bytes;
 };
 
+std::string InitCommand();  // what makes the settings: the command with this machine root
+std::string NoSettingsText();
+
 const win32::REG_PATH& SettingsPath();  // HKEY_LOCAL_MACHINE\SOFTWARE\Vantorel Systems\Keldwick
 
 // The row of the table of all settings; null for a name that is not known.
 const keldwick::SETTING_INFO* FindSetting(std::u16string_view name);
 
-// The type that a value of this name has ("Heartbeat", "Linux\OsMajor"); nothing for a name that is not known.
+// The size of an event log, read by the layer: the name, in full, of its value.
+std::u16string LogSizeName(std::u16string_view log);
+bool IsLogSize(std::u16string_view name);
+
+// The type that a value of this name has ("Heartbeat", "Linux\OsMajor", a log's size); nothing for a name that is not
+// known.
 std::optional<DWORD> SettingType(std::u16string_view name);
 
 // "sz", "dword" ...; the number in hexadecimal for a type without a word.

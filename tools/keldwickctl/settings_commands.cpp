@@ -4,7 +4,6 @@
 #include "tools/keldwickctl/commands.h"
 #include "tools/keldwickctl/setting_faults.h"
 #include "tools/keldwickctl/setting_values.h"
-#include "win32/files/machine_root.h"
 #include "win32/registry/store.h"
 #include "win32/text/utf.h"
 
@@ -30,27 +29,30 @@ struct SETTING_OPTIONS {
     std::vector<std::string> values;
 };
 
-std::string RegistryFile() { return win32::MachinePath("registry.reg"); }
+constexpr std::u16string_view RootKey = u"HKEY_LOCAL_MACHINE\\";
 
-// "Linux\OsMajor" is the value OsMajor of the subkey Linux; a name that begins with a root key's is none of the
-// settings'.
+// "Linux\OsMajor" is the value OsMajor of the subkey Linux; a name that begins with a root key's need not be one of the
+// settings'. `whole` is the shortest form: below the settings key where the value lies there.
 struct SETTING_NAME {
     win32::REG_PATH key = SettingsPath();
     std::u16string whole, value;
 
     explicit SETTING_NAME(const std::string& text) : whole(FromArgument(text)) {
         const size_t slash = whole.rfind(u'\\');
-        if (whole.starts_with(u"HKEY_LOCAL_MACHINE\\")) key.clear();
+        if (win32::SameName(whole.substr(0, RootKey.size()), RootKey)) key.clear();
         value = slash == std::u16string::npos ? whole : whole.substr(slash + 1);
         const bool good = !value.empty() && value.size() <= win32::MaxValueNameUnits && win32::WritableName(value) &&
                           (slash == std::u16string::npos || win32::SplitKeyPath(whole.substr(0, slash), key));
         if (!good) throw CLI::ValidationError("\"" + text + "\" cannot be the name of a value");
+        const win32::REG_PATH& settings = SettingsPath();
+        if (key.size() < settings.size() || !std::equal(settings.begin(), settings.end(), key.begin(), win32::SameName))
+            return;
+        whole = value;
+        for (size_t i = key.size(); i > settings.size(); --i) whole.insert(0, key[i - 1] + u'\\');
     }
 };
 
-[[noreturn]] void FailNoSettings() {
-    throw COMMAND_ERROR("there is no settings key in " + RegistryFile() + "; \"keldwickctl init\" makes it");
-}
+[[noreturn]] void FailNoSettings() { throw COMMAND_ERROR(NoSettingsText()); }
 
 [[noreturn]] void FailNoValue(const std::string& name) {
     throw COMMAND_ERROR("there is no value \"" + name + "\" in the settings");

@@ -122,12 +122,15 @@ void LookAtAgent(STATUS& status) {
 }
 
 void LookAtRegistry(STATUS& status) {
+    const std::string registry = win32::MachinePath(win32::RegistryFile);
+    if (access(registry.c_str(), R_OK) != 0 && errno == EACCES) throw COMMAND_ERROR("may not read " + registry);
+    status.hasSettings = false;
     DWORD error = ERROR_SUCCESS;
     const std::shared_ptr<const win32::REG_TREE> tree = win32::REG_STORE::Current().Tree(&error);
     if (!tree) FailRegistry("cannot read the settings", error);
     const win32::REG_NODE* const settings = tree->Find(SettingsPath());
-    if (settings == nullptr)
-        throw COMMAND_ERROR("there is no settings key in " + status.root + "; \"keldwickctl init\" makes it");
+    if (settings == nullptr) throw COMMAND_ERROR(NoSettingsText());
+    status.hasSettings = true;
     if (const auto* server = win32::FindValue(*settings, u"IdentServer")) status.server = ShowValue(*server);
     const auto* protocol = win32::FindValue(*settings, u"IdentProtocol");
     const std::string number = protocol != nullptr ? ShowValue(*protocol) : "0";
@@ -142,9 +145,11 @@ std::vector<FEED_STATUS> ReadFeeds() {
     std::vector<std::string> names;
     if (!win32::ListRootFolder(folder, names) && errno != ENOENT)
         throw COMMAND_ERROR("cannot look into " + folder + ": " + win32::FileFault(errno));
-    for (const fs::path file : names)
-        if (file.extension() == ".lock" && feed::IsFeedName(file.stem().string()))
-            feeds.push_back(ReadFeed(file.stem().string()));
+    for (const fs::path file : names) {
+        const std::string name = file.stem().string();
+        if (file.extension() == ".lock" && feed::IsFeedName(name) && (feed::IsRunning(name) || feed::IsKept(name)))
+            feeds.push_back(ReadFeed(name));
+    }
     std::sort(feeds.begin(), feeds.end(), [](const auto& a, const auto& b) { return a.name < b.name; });
     return feeds;
 }
@@ -153,12 +158,8 @@ STATUS ReadStatus() {
     STATUS status;
     status.root = win32::MachineRoot();
     status.now = std::time(nullptr);
-    const std::string registry = win32::MachinePath(win32::RegistryFile);
-    if (access(registry.c_str(), R_OK) != 0 && errno == EACCES)
-        status.troubles.push_back("may not read " + registry);
-    else
-        LookAtRegistry(status);
-    for (const auto look : {LookAtAgent, LookAtSecurityLog, LookAtFigures, LookForLastError, LookAtFeeds}) {
+    for (const auto look :
+         {LookAtRegistry, LookAtAgent, LookAtSecurityLog, LookAtFigures, LookForLastError, LookAtFeeds}) {
         try {
             look(status);
         } catch (const COMMAND_ERROR& error) {  // the rest is worth knowing all the more

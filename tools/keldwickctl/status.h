@@ -32,6 +32,7 @@ struct LOGGED_EVENT {
 struct STATUS {
     std::string root;
     int64_t now = 0;
+    bool hasSettings = true;  // false: there are none, or none that can be used, as the troubles say
     std::optional<AGENT_PROCESS> agent;
     bool agentKnown = true;                   // false: one may run, but this user may not look at it
     std::string server, protocol;             // as set
@@ -47,8 +48,7 @@ struct STATUS {
     std::vector<std::string> troubles;  // what could not be looked at, and why
 };
 
-// Reads what this user may read; the rest is among the troubles. Throws COMMAND_ERROR where there are no settings,
-// or none that can be used.
+// Reads what this user may read and what can be used; the rest is among the troubles.
 STATUS ReadStatus();
 
 // Whether the agent runs and is connected to its identity server.

@@ -176,14 +176,14 @@ public:
         Put(name, "", *value);
     }
 
-    // One line for each feed; a feed's name needs no escapes. Feeds whose state is unknown are left out.
+    // One line for each feed; a feed's name needs no escapes. Feeds of which the figure is not known are left out.
     template <class VALUE>
     void AddOfFeeds(const std::vector<FEED_STATUS>& feeds, const char* name, const char* type, const char* help,
                     VALUE value) {
         if (feeds.empty()) return;
         Describe(name, type, help);
         for (const FEED_STATUS& feed : feeds) {
-            if (feed.damage.empty()) Put(name, "{feed=\"" + feed.name + "\"}", static_cast<int64_t>(value(feed)));
+            if (const FIGURE known = value(feed)) Put(name, "{feed=\"" + feed.name + "\"}", *known);
         }
     }
 
@@ -243,10 +243,13 @@ void AddFeeds(FIGURES& out, const std::vector<FEED_STATUS>& feeds) {
         {"feed_unreadable_total", "counter", "Lines that could not be read.", &FEED_STATUS::unreadable},
     };
     out.AddOfFeeds(feeds, "feed_up", "gauge", "Whether the feed runs.",
-                   [](const FEED_STATUS& feed) { return feed.running; });
+                   [](const FEED_STATUS& feed) { return FIGURE(feed.running); });
+    out.AddOfFeeds(feeds, "feed_stream", "gauge", "Whether it takes a stream, and runs only while one is connected.",
+                   [](const FEED_STATUS& feed) { return feed.marked.empty() ? FIGURE() : FIGURE(feed.file.empty()); });
     for (const auto& figure : figures)
-        out.AddOfFeeds(feeds, figure.name, figure.type, figure.help,
-                       [&](const FEED_STATUS& feed) { return feed.*figure.value; });
+        out.AddOfFeeds(feeds, figure.name, figure.type, figure.help, [&](const FEED_STATUS& feed) {
+            return feed.damage.empty() ? FIGURE(static_cast<int64_t>(feed.*figure.value)) : FIGURE();
+        });
 }
 
 }  // namespace
@@ -262,7 +265,7 @@ std::string StatusAsPrometheus(const STATUS& status) {
 
 namespace {
 
-constexpr int ExitNotWorking = 3;
+constexpr int ExitNoSettings = 1, ExitNotWorking = 3;
 
 struct STATUS_OPTIONS {
     bool json = false, check = false;
@@ -288,6 +291,7 @@ void ShowStatus(const STATUS_OPTIONS& options) {
     if (options.prometheus.empty() || options.json)
         std::printf("%s\n", (options.json ? StatusAsJson(status) : StatusAsText(status)).c_str());
     if (options.check && !IsWorking(status)) throw EXIT_STATUS{ExitNotWorking};
+    if (!options.check && !status.hasSettings) throw EXIT_STATUS{ExitNoSettings};
 }
 
 }  // namespace

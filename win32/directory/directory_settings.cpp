@@ -65,7 +65,9 @@ private:
     FILE_IDENTITY identity;
 };
 
-bool IsUri(const std::string& uri) {
+}  // namespace
+
+bool IsDirectoryUri(const std::string& uri) {
     const auto fits = [](char c) { return c > ' ' && c < 0x7F; };
     if (uri.size() > 1024 || !std::all_of(uri.begin(), uri.end(), fits)) return false;
     if (uri.starts_with("ldapi://")) return true;
@@ -77,6 +79,8 @@ bool IsUri(const std::string& uri) {
     }
     return false;
 }
+
+namespace {
 
 std::optional<LDAP_BIND> BindOf(const std::string& word, bool local) {
     const std::string lower = LowerName(word);
@@ -90,7 +94,7 @@ std::optional<LDAP_BIND> BindOf(const std::string& word, bool local) {
 std::string Complaint(const LDAP_SETTINGS& settings, bool bindKnown) {
     const bool plain = settings.uri.starts_with("ldap://") || settings.uri.empty();
     if (settings.uri.empty() && settings.domain.empty()) return "neither DirectoryUri nor DirectoryDomain is set";
-    if (!settings.uri.empty() && !IsUri(settings.uri))
+    if (!settings.uri.empty() && !IsDirectoryUri(settings.uri))
         return "DirectoryUri must be ldap://HOST, ldaps://HOST or ldapi://SOCKET, not \"" + settings.uri + "\"";
     if (!settings.domain.empty() && !IsServerName(settings.domain)) return "DirectoryDomain is not a DNS name";
     if (!bindKnown) return "DirectoryBind must be gssapi or simple, or, for an ldapi socket, none";

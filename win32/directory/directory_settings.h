@@ -33,6 +33,9 @@ struct LDAP_SETTINGS {
     bool startTls = false;
 };
 
+// Whether a directory may be named so: ldap://HOST, ldaps://HOST or ldapi://SOCKET.
+bool IsDirectoryUri(const std::string& uri);
+
 // Nothing: they do not make sense, and `complaint` says why in one sentence.
 std::optional<LDAP_SETTINGS> ReadLdapSettings(std::string& complaint);
 
