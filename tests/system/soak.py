@@ -5,7 +5,6 @@ descriptors, threads and memory do not grow. The seed decides everything but the
 import argparse
 import collections
 import contextlib
-import json
 import os
 import random
 import re
@@ -13,7 +12,6 @@ import select
 import shutil
 import signal
 import socket
-import struct
 import subprocess
 import sys
 import time
@@ -200,8 +198,7 @@ class Machine(MachineTest):
     def check_identities(self):
         """The list is right within 80 s even if its last writing took long."""
         def listed():
-            identities = map(json.loads, self.ctl("identities", "--json").splitlines())
-            return {each["address"]: (each["user"], each["computer"]) for each in identities}
+            return {each["address"]: (each["user"], each["computer"]) for each in self.ctl_lines("identities")}
         self.until_same("identities", lambda: self.model.table, listed)
 
     def check(self):
