@@ -3,7 +3,6 @@
 #pragma once
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -80,9 +79,9 @@ public:
     // As a process that ends: its connections are closed and nobody listens any more.
     void Die() {
         if (!thread.joinable()) return;
-        close(wake[1]);
+        shutdown(listener, SHUT_RDWR);
         thread.join();
-        for (const int descriptor : {listener, wake[0]}) close(descriptor);
+        close(listener);
     }
 
     int Asked() {  // searches since it was called last
@@ -191,24 +190,23 @@ private:
         listener = socket(address->sa_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
         const int on = 1;
         setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
-        if (bind(listener, address, size) != 0 || listen(listener, 16) != 0 || pipe2(wake, O_CLOEXEC) != 0)
-            std::abort();
+        if (bind(listener, address, size) != 0 || listen(listener, 16) != 0) std::abort();
         thread = std::thread([this] { Serve(); });
     }
 
     void Serve() {
         std::vector<CLIENT> clients;
         for (;;) {
-            std::vector<pollfd> polled{{wake[0], POLLIN, 0}, {listener, POLLIN, 0}};
+            std::vector<pollfd> polled{{listener, POLLIN, 0}};
             for (const CLIENT& client : clients) polled.push_back({client.socket, POLLIN, 0});
             if (poll(polled.data(), polled.size(), -1) < 0) continue;
-            if (polled[0].revents != 0) break;
+            if ((polled[0].revents & POLLHUP) != 0) break;  // it was shut down
             for (size_t i = clients.size(); i-- > 0;)
-                if (polled[i + 2].revents != 0 && !ServeClient(clients[i])) {
+                if (polled[i + 1].revents != 0 && !ServeClient(clients[i])) {
                     close(clients[i].socket);
                     clients.erase(clients.begin() + static_cast<ptrdiff_t>(i));
                 }
-            if (polled[1].revents != 0) clients.push_back({accept(listener, nullptr, nullptr), {}});
+            if (polled[0].revents != 0) clients.push_back({accept(listener, nullptr, nullptr), {}});
         }
         for (const CLIENT& client : clients) close(client.socket);
     }
@@ -235,8 +233,7 @@ private:
 
     int listener = -1;
     uint16_t port = 0;  // 0: any
-    int wake[2] = {-1, -1};
-    std::mutex lock;  // over what follows
+    std::mutex lock;    // over what follows
     SCRIPT script;
     int searches = 0;
     std::thread thread;

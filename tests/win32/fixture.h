@@ -9,13 +9,15 @@
 #include <utility>
 #include <vector>
 
-#include "tests/support/last_error.h"
 #include "tests/support/owned_handle.h"
 #include "tests/support/registry_text.h"
 #include "tests/support/temporary_root.h"
 #include "tests/win32/wrapped_calls.h"
 
 constexpr DWORD SoonEnough = 20'000;  // ms; for what must come: only a failing test takes this long
+
+// 0 for a call that succeeded, else its last error.
+inline DWORD ErrorOf(bool succeeded) { return succeeded ? 0 : GetLastError(); }
 
 inline HANDLE AutoEvent(bool set = false) { return CreateEventW(nullptr, FALSE, set, nullptr); }
 inline HANDLE ManualEvent(bool set = false) { return CreateEventW(nullptr, TRUE, set, nullptr); }

@@ -87,26 +87,10 @@ TEST_F(HalfWritten, EveryEditIsTakenWholeThoughStatisticsAreWritten) {
         SetNumber(statistics, u"Logons", static_cast<DWORD>(++count));
     };
     const std::pair<const char*, std::function<void(const std::string&)>> ways[] = {
-        {"in place, held",
-         [&](const std::string& first) {
-             PLACE_WRITER writer(file);
-             Meanwhile(), writer.Put(first), Meanwhile(), writer.Put(rest), Meanwhile();
-         }},
         {"a shell that opens it for each piece",
          [&](const std::string& first) {
              root.Write(File, first);
              whileWaiting = [&] { Append(rest); };
-             Meanwhile();
-         }},
-        {"moved aside and made in its place",
-         [&](const std::string& first) {
-             std::filesystem::rename(file, aside);
-             whileWaiting = [&] {
-                 PLACE_WRITER writer(file, O_EXCL);
-                 writer.Put(first);
-                 EXPECT_EQ(heartbeat, Number(key, u"Heartbeat"));
-                 writer.Put(rest);
-             };
              Meanwhile();
          }},
         {"renamed over it while statistics are written",

@@ -39,23 +39,23 @@ protected:
     std::string Path() const { return root.Path("eventlog/Security.evt"); }
 
     // With so many records, whose event IDs and numbers are 1, 2, ...
-    void MakeLog(DWORD records = 0, DWORD maxSize = SmallestLog) {
+    void MakeLog(DWORD records = 0) {
         std::filesystem::create_directories(root.Path("eventlog"));
-        ASSERT_TRUE(CreateLogFile(Path(), maxSize) && Append(1, records, maxSize));
+        ASSERT_TRUE(CreateLogFile(Path(), SmallestLog) && Append(1, records));
     }
 
     std::string Bytes() const { return root.Read("eventlog/Security.evt"); }
 
     // Appends records with event IDs first, first + 1, ...
-    bool Append(DWORD first, DWORD count, DWORD maxSize = SmallestLog, size_t textUnits = 20) {
+    bool Append(DWORD first, DWORD count) {
         EVT_WRITER writer;
-        if (!writer.Open(Path(), maxSize)) return false;
+        if (!writer.Open(Path(), SmallestLog)) return false;
         for (DWORD i = 0; i < count; ++i)
-            if (!writer.Append(AsRecord(MakeRecord(first + i, textUnits)))) return false;
+            if (!writer.Append(AsRecord(MakeRecord(first + i)))) return false;
         return writer.Flush();
     }
 
-    static LOG OpenLog(const char16_t* name = u"Security") { return LOG(OpenEventLogW(nullptr, name)); }
+    static LOG OpenLog() { return LOG(OpenEventLogW(nullptr, u"Security")); }
 
     struct READ {
         DWORD error = 0;

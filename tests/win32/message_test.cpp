@@ -23,7 +23,6 @@ TEST(OwnMessage, AWidthWrapsAtBlanksAndKeepsOnlyHardBreaks) {
         const char16_t *parameter, *result;
     } cases[] = {
         {0, u"a b", u"Invalid service start parameter = \"a b\".\r\n\r\n"},
-        {0, nullptr, u"Invalid service start parameter = \"(null)\".\r\n\r\n"},
         {255, u"a\r\nb", u"Invalid service start parameter = \"a b\".\r\n "},
         {20, u"a b", u"Invalid service\r\nstart parameter = \"a\r\nb\".\r\n "},
         {20, u"abcdefghijklmnopqrstuvwxyz",

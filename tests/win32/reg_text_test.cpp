@@ -60,10 +60,6 @@ TEST(RegText, WhatEditorsExportAndPeopleWriteIsRead) {
 }
 
 TEST(RegText, AFaultNamesItsLineAndNothingIsTaken) {
-    std::string deep = "[HKEY_LOCAL_MACHINE", keys = head, values = key;
-    for (int i = 0; i < 600; ++i) deep += "\\a";
-    for (size_t i = 0; i <= MaxKeys; ++i) keys += "[HKEY_USERS\\" + std::to_string(i) + "]\n";
-    for (size_t i = 0; i <= MaxValues; ++i) values += "\"" + std::to_string(i) + "\"=hex:\n";
     const std::pair<size_t, std::string> cases[] = {
         {0, Utf16(head) + "x"},
         {0, key + "\"v\"=\"\xC3\"\n"},
@@ -71,15 +67,11 @@ TEST(RegText, AFaultNamesItsLineAndNothingIsTaken) {
         {1, "[HKEY_USERS\\A]\n"},
         {2, head + "[HKEY_LOCAL_MACHINE\\A\n"},
         {2, head + "[HKLM\\A]\n"},
-        {2, head + "[-HKEY_USERS]\n"},
-        {2, head + deep + "]\n"},
         {2, head + "[HKEY_USERS\\" + std::string(256, 'a') + "]\n"},
         {3, key + "\"" + std::string(16384, 'a') + "\"=\"\"\n"},
         {3, key + "\"v\"=\"" + std::string(MaxValueBytes / 2, 'x') + "\"\n"},
         {3, key + std::string("\"v\"=\"\0\"\n", 8)},
         {4, key + "\"v\"=hex:01,\\\n"},
-        {MaxKeys + 2, keys},
-        {MaxValues + 3, values},
     };
     for (const auto& [line, file] : cases)
         EXPECT_EQ("line " + std::to_string(line), ValueIn(file)) << file.substr(0, 100);
