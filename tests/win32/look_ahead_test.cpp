@@ -129,23 +129,29 @@ TEST_F(LookAhead, WhatIsFetchedServesOneReportOnly) {
 }
 
 TEST_F(LookAhead, AFailureShowsAtItsOwnCall) {
-    enum HOW : char { HANGS_UP, TALKS_NONSENSE, SHOWS_NOTHING, GIVES_A_PART, CODE };
-    constexpr char noSuchObject = 32, referral = 10, busy = 51;
+    enum HOW : char { HANGS_UP, TALKS_NONSENSE, NEVER_ENDS, ANSWERS_A_BIND, SHOWS_NOTHING, GIVES_A_PART, CODE };
+    constexpr char noSuchObject = 32, referral = 10, access = 50, busy = 51;
     MakeAMemberOf(5);
     TEXTS failed = Listed({1, 2});
     failed[0] = "failed";
     failed.push_back("=" + GroupDn(3));
     for (const bool onlyAhead : {false, true})
-        for (const int how : {+HANGS_UP, +TALKS_NONSENSE, +SHOWS_NOTHING, +GIVES_A_PART, CODE + noSuchObject,
-                              CODE + referral, CODE + busy}) {
+        for (const int how : {+HANGS_UP, +TALKS_NONSENSE, +NEVER_ENDS, +ANSWERS_A_BIND, +SHOWS_NOTHING, +GIVES_A_PART,
+                              CODE + noSuchObject, CODE + referral, CODE + access, CODE + busy}) {
             SCOPED_TRACE(std::to_string(how) + (onlyAhead ? ", ahead" : ""));
             server.Answer([&](const QUESTION& question) -> ANSWER {
                 const bool isAhead = question.wanted.size() == 4;
                 if (question.base != GroupDn(3) || (onlyAhead && !isAhead)) return Good(question);
                 const std::string done = LDAP_SERVER::Done(question);
+                QUESTION bind = question;
+                bind.operation = LDAP_SERVER::BindRequest;
+                std::string many;
+                for (int i = 0; i < 100; ++i) many += LDAP_SERVER::Entry(question, GroupDn(3), {});
                 const std::string part = LDAP_SERVER::Entry(question, GroupDn(3), {{"memberOf;range=0-0", {Users}}});
                 if (how == HANGS_UP) return {"", true};
                 if (how == TALKS_NONSENSE) return {"HTTP/1.1 400 Bad Request\r\n\r\n", true};
+                if (how == NEVER_ENDS) return {many};
+                if (how == ANSWERS_A_BIND) return {LDAP_SERVER::Done(bind)};
                 if (how == SHOWS_NOTHING) return {done};
                 if (how == GIVES_A_PART) return {part + done};
                 return {LDAP_SERVER::Done(question, static_cast<char>(how - CODE))};
