@@ -120,8 +120,9 @@ void CheckRoom(CHECK_LINES& lines, const std::string& root) {
 
 void CheckRoot(CHECK_LINES& lines) {
     const std::string machineRoot = win32::MachineRoot(), root = machineRoot.empty() ? "/" : machineRoot;
-    struct stat owner, registry;
-    if (stat(root.c_str(), &owner) != 0) throw COMMAND_ERROR("cannot look at " + root + ": " + win32::FileFault(errno));
+    struct stat owner = {}, registry = {};
+    if (stat(root.c_str(), &owner) != 0 && errno != ENOENT)
+        throw COMMAND_ERROR("cannot look at " + root + ": " + win32::FileFault(errno));
     const std::string file = win32::MachinePath(win32::RegistryFile);
     if (stat(file.c_str(), &registry) != 0 && errno == ENOENT)
         return lines.Fail("machine root", "there is no " + file, InitCommand() + ", or name another root");
