@@ -13,10 +13,17 @@ using namespace keldwick;
 
 class TLS_CLIENT : public EVENT_RECORDER<EITHER_CLIENT> {
 public:
+    bool acceptsAll = true;
+    std::vector<std::string> authentications;  // "subject / issuer / status / accept"
+    std::vector<BYTE> certificate;
     std::string status;  // SSLStatus messages
 
-    int FireSSLServerAuthentication(const BYTE*, int, const char*, const char*, const char*, int* accept) override {
-        *accept = 1;
+    int FireSSLServerAuthentication(const BYTE* bytes, int count, const char* subject, const char* issuer,
+                                    const char* text, int* accept) override {
+        certificate.assign(bytes, bytes + count);
+        authentications.push_back(std::string(subject) + " / " + issuer + " / " + text + " / " +
+                                  std::to_string(*accept));
+        if (acceptsAll) *accept = 1;
         return 0;
     }
     int FireSSLStatus(const char* message) override {
@@ -60,6 +67,34 @@ TEST(SecureConnection, UsesTheEnabledVersionsAndNoOthers) {
         EXPECT_TRUE(client.Idle());
         client.Disconnect();
         EXPECT_EQ(Open + EVENTS({"DataIn", "Disconnected 0"}), client.events);
+    }
+}
+
+TEST(SecureConnection, SettingsThatAreNoneAreRefusedAndNoVersionIsNoConnection) {
+    TLS_CLIENT client;
+    for (const char* setting : {"", "SSLEnabledProtocols=", "SSLEnabledProtocols=1x", "SSLEnabledProtocols=99999999999",
+                                "Other=1", static_cast<const char*>(nullptr)})
+        EXPECT_EQ(WSAEINVAL, client.Config(setting));
+    EXPECT_EQ(0, client.Config("SSLEnabledProtocols=0"));
+    const LISTENING listening;
+    client.Connect("127.0.0.1", listening.Port());
+    ASSERT_TRUE(client.Await("Connected"));
+    EXPECT_EQ(Ended(WSAECONNABORTED, "Connected"), client.events);
+}
+
+TEST(SecureConnection, TheOwnerDecidesAboutTheCertificate) {
+    for (const bool accepts : {true, false}) {
+        PLAYED server(SERVER_KIND{.validTo = accepts ? -3600 : 3600}, Echo);
+        TLS_CLIENT client;
+        client.acceptsAll = accepts;
+        client.Connect("127.0.0.1", server.Port());
+        ASSERT_TRUE(client.Await(accepts ? "ReadyToSend" : "Disconnected"));
+        EXPECT_EQ(accepts ? Open : EVENTS({"Error 280", "Disconnected 280"}), client.events);
+        const std::string subject = "CN=identity.example / CN=identity.example / ";
+        EXPECT_EQ(EVENTS{subject + (OTHER_SYSTEM::Get() ? "error 0x800b0109 / 0" : "self-signed certificate / 0")},
+                  client.authentications);
+        const BYTE* place = client.certificate.data();
+        EXPECT_TRUE(CERTIFICATE(d2i_X509(nullptr, &place, static_cast<long>(client.certificate.size()))));
     }
 }
 
@@ -114,26 +149,52 @@ TEST(SecureConnection, EveryKindOfEndIsSeenAfterTheBytesBeforeIt) {
 }
 
 TEST(SecureConnection, AnEndThatArrivesWithBytesLeavesTimeToTakeThem) {
-    for (const bool clean : {true, false}) {
-        SCOPED_TRACE(clean ? "goodbye" : "garbage");
-        const EVENTS end = Ended(clean ? 0 : WSAECONNABORTED);
-        PLAYED server(SERVER_KIND{}, [&](SSL* session, ACCEPTED& peer) {
-            Hear(session, 7);
-            const auto talk = [&] {
-                Say(session, "answer");
-                if (clean) SSL_shutdown(session);
-            };
-            peer.Say(Records(session, talk) + (clean ? "" : "garbage garbage"));
-            peer.Hear(1 << 20);
-        });
-        TLS_CLIENT client;
-        ASSERT_TRUE(client.Opens(server.Port()));
-        EXPECT_EQ(0, client.SendText("request"));
-        EXPECT_EQ(EVENTS{"DataIn"}, client.Turn());
-        EXPECT_EQ(end, client.Turn());
-        EXPECT_EQ("answer", client.received);
-        EXPECT_TRUE(client.Idle());
-    }
+    for (const bool clean : {true, false})
+        for (const bool bySend : {false, true}) {
+            SCOPED_TRACE(std::string(clean ? "goodbye" : "garbage") + (bySend ? ", met by a send" : ""));
+            std::string heardAfterwards;
+            const EVENTS end = Ended(clean ? 0 : WSAECONNABORTED);
+            {
+                PLAYED server(SERVER_KIND{}, [&](SSL* session, ACCEPTED& peer) {
+                    Hear(session, 7);
+                    const auto talk = [&] {
+                        Say(session, "answer");
+                        if (clean) SSL_shutdown(session);
+                    };
+                    peer.Say(Records(session, talk) + (clean ? "" : "garbage garbage"));
+                    heardAfterwards = peer.Hear(1 << 20);
+                });
+                TLS_CLIENT client;
+                ASSERT_TRUE(client.Opens(server.Port()));
+                EXPECT_EQ(0, client.SendText("request"));
+                if (bySend) {
+                    EXPECT_TRUE(client.Signalled(15'000));
+                    EXPECT_EQ(clean ? WSAECONNRESET : WSAECONNABORTED, client.SendText("another"));
+                } else {
+                    EXPECT_EQ(EVENTS{"DataIn"}, client.Turn());
+                    EXPECT_EQ(end, client.Turn());
+                }
+                EXPECT_EQ(Open + EVENTS{"DataIn"} + end, client.events);
+                EXPECT_EQ("answer", client.received);
+                EXPECT_TRUE(client.Idle());
+            }
+            EXPECT_FALSE(heardAfterwards.starts_with("\x17")) << "a record of data went out into the end";
+        }
+}
+
+TEST(SecureConnection, LargeMessagesGoThroughWhole) {
+    const std::string large(3 << 20, 'x');
+    PLAYED server(SERVER_KIND{}, [&](SSL* session, ACCEPTED& peer) {
+        const std::string heard = Hear(session, large.size());
+        peer.Say(Records(session, [&] { Say(session, heard); }));
+        Hear(session, 1);
+    });
+    TLS_CLIENT client;
+    ASSERT_TRUE(client.Opens(server.Port()));
+    EXPECT_EQ(0, client.SendText(large));
+    EXPECT_TRUE(client.AwaitBytes(large.size()));
+    EXPECT_TRUE(client.received == large);
+    EXPECT_TRUE(client.Idle());
 }
 
 TEST(SecureConnection, ARenegotiationIsDeclinedAndTheConnectionGoesOn) {
@@ -151,7 +212,7 @@ TEST(SecureConnection, ARenegotiationIsDeclinedAndTheConnectionGoesOn) {
         TLS_CLIENT client;
         ASSERT_TRUE(client.Opens(server.Port()));
         EXPECT_EQ(0, client.SendText("request"));
-        EXPECT_TRUE(client.AwaitBytes(7)) << testing::PrintToString(client.events);
+        EXPECT_TRUE(client.AwaitBytes(7)) << testing::PrintToString(client.texts);
         EXPECT_EQ("request", client.received);
     }
     EXPECT_EQ(0, renegotiated);

@@ -14,15 +14,20 @@ template <typename BASE>
 class EVENT_RECORDER : public BASE {
 public:
     std::vector<std::string> events;
-    std::string received;  // of all DataIn events
+    std::vector<std::string> texts;  // descriptions, in the order of the events that carry one
+    std::string received;            // of all DataIn events
 
-    int FireConnected(int status, const char*) override { return Note("Connected " + std::to_string(status)); }
+    int FireConnected(int status, const char* text) override {
+        return Note("Connected " + std::to_string(status), text);
+    }
     int FireDataIn(const BYTE* bytes, int count) override {
         received.append(reinterpret_cast<const char*>(bytes), static_cast<size_t>(count));
         return Note("DataIn");
     }
-    int FireDisconnected(int status, const char*) override { return Note("Disconnected " + std::to_string(status)); }
-    int FireError(int code, const char*) override { return Note("Error " + std::to_string(code)); }
+    int FireDisconnected(int status, const char* text) override {
+        return Note("Disconnected " + std::to_string(status), text);
+    }
+    int FireError(int code, const char* text) override { return Note("Error " + std::to_string(code), text); }
     int FireReadyToSend() override { return Note("ReadyToSend"); }
 
     // Lets events through until one begins so. Nothing moves on but by the handle.
@@ -72,8 +77,9 @@ private:
         }
         return true;
     }
-    int Note(const std::string& what) {
+    int Note(const std::string& what, const char* text = nullptr) {
         events.push_back(what);
+        if (text != nullptr) texts.emplace_back(text);
         return 0;
     }
 };

@@ -16,6 +16,7 @@
 
 struct SERVER_KIND {
     int lowest = TLS1_2_VERSION, highest = TLS1_2_VERSION;
+    long validTo = 3600;  // seconds from now
 };
 
 template <auto FREE>
@@ -33,7 +34,7 @@ inline OWNED<SSL_CTX, SSL_CTX_free> NewServer(const SERVER_KIND& kind) {
     X509* const raw = certificate.get();
     ASN1_INTEGER_set(X509_get_serialNumber(raw), 1);
     X509_gmtime_adj(X509_getm_notBefore(raw), -7200);
-    X509_gmtime_adj(X509_getm_notAfter(raw), 3600);
+    X509_gmtime_adj(X509_getm_notAfter(raw), kind.validTo);
     X509_set_pubkey(raw, key.get());
     const auto* name = reinterpret_cast<const unsigned char*>("identity.example");
     X509_NAME_add_entry_by_txt(X509_get_subject_name(raw), "CN", MBSTRING_UTF8, name, -1, -1, 0);
@@ -53,8 +54,8 @@ public:
     using SCRIPT = std::function<void(ACCEPTED&)>;
     using TLS_SCRIPT = std::function<void(SSL*, ACCEPTED&)>;
 
-    explicit PLAYED(SCRIPT script)
-        : thread([this, play = std::move(script)] {
+    explicit PLAYED(SCRIPT script, const std::string& address = "127.0.0.1", int port = 0)
+        : listening(address, port), thread([this, play = std::move(script)] {
               sigset_t pipes;  // blocked: this thread's OpenSSL writes with write
               sigemptyset(&pipes);
               sigaddset(&pipes, SIGPIPE);
@@ -62,13 +63,15 @@ public:
               ACCEPTED peer = listening.Accept();
               play(peer);
           }) {}
-    PLAYED(const SERVER_KIND& kind, TLS_SCRIPT script)
-        : PLAYED([kind, play = std::move(script)](ACCEPTED& peer) {
-              const auto context = NewServer(kind);
-              const OWNED<SSL, SSL_free> session(SSL_new(context.get()));
-              SSL_set_fd(session.get(), peer.Get());
-              if (SSL_accept(session.get()) == 1) play(session.get(), peer);
-          }) {}
+    PLAYED(const SERVER_KIND& kind, TLS_SCRIPT script, const std::string& address = "127.0.0.1", int port = 0)
+        : PLAYED(
+              [kind, play = std::move(script)](ACCEPTED& peer) {
+                  const auto context = NewServer(kind);
+                  const OWNED<SSL, SSL_free> session(SSL_new(context.get()));
+                  SSL_set_fd(session.get(), peer.Get());
+                  if (SSL_accept(session.get()) == 1) play(session.get(), peer);
+              },
+              address, port) {}
     ~PLAYED() { thread.join(); }
     int Port() const { return listening.Port(); }
 

@@ -83,6 +83,24 @@ TEST_F(Failover, TheSameLookUpGoesOnToTheNextServer) {
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(9)) << "none of them is waited for";
 }
 
+TEST_F(Failover, AListInPartsIsReadAgainAsAWhole) {
+    const auto part = [](const QUESTION& question, const std::string& name, const TEXTS& members) {
+        return LDAP_SERVER::Entry(question, Ann, {{name, members}}) + LDAP_SERVER::Done(question);
+    };
+    first.Answer([&](const QUESTION& question) -> ANSWER {
+        if (question.base != Ann) return first.GoodAnswer(question);
+        if (question.wanted != TEXTS{"memberOf"}) return {"", true};
+        return {part(question, "memberOf;range=0-1", {"CN=G3", "CN=G1"})};
+    });
+    second.Answer([&](const QUESTION& question) -> ANSWER {
+        if (question.base != Ann) return second.GoodAnswer(question);
+        if (question.wanted == TEXTS{"memberOf"}) return {part(question, "memberOf;range=0-0", {"CN=G1"})};
+        EXPECT_EQ(TEXTS{"memberOf;range=1-*"}, question.wanted);
+        return {part(question, "memberOf;range=1-*", {"CN=G2", "CN=G3"})};
+    });
+    EXPECT_EQ(groups, Groups(*Open()));
+}
+
 TEST_F(Failover, PartsThatDoNotFitTogetherAreNoAnswer) {
     std::string part;
     first.Answer([&](const QUESTION& question) -> ANSWER {

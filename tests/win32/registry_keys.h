@@ -19,9 +19,9 @@ inline std::string Heartbeat(int64_t value) { return Settings("\"Heartbeat\"=dwo
 
 // A key of the local machine, made unless it is there.
 struct KEY {
-    explicit KEY(const char16_t* path = Path) {
+    explicit KEY(const char16_t* path = Path, REGSAM access = KEY_ALL_ACCESS) {
         EXPECT_EQ(ERROR_SUCCESS,
-                  RegCreateKeyExW(HKEY_LOCAL_MACHINE, path, 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key, nullptr));
+                  RegCreateKeyExW(HKEY_LOCAL_MACHINE, path, 0, nullptr, 0, access, nullptr, &key, nullptr));
     }
     ~KEY() { RegCloseKey(key); }
     operator HKEY() const { return key; }

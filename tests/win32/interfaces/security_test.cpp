@@ -5,8 +5,19 @@
 
 namespace {
 
-// "DOMAIN\account", by the local security authority.
+// Both calls of the usual pattern: "DOMAIN\account", or the error.
 std::u16string Lookup(PSID sid) {
+    DWORD accountUnits = 0, domainUnits = 0;
+    SID_NAME_USE use = SidTypeUnknown;
+    EXPECT_FALSE(LookupAccountSidW(nullptr, sid, nullptr, &accountUnits, nullptr, &domainUnits, &use));
+    if (GetLastError() == ERROR_NONE_MAPPED) return u"none";
+    std::u16string account(accountUnits, u'?'), domain(domainUnits, u'?');
+    EXPECT_TRUE(LookupAccountSidW(nullptr, sid, account.data(), &accountUnits, domain.data(), &domainUnits, &use));
+    return domain.substr(0, domainUnits) + u"\\" + account.substr(0, accountUnits);
+}
+
+// The same by the local security authority.
+std::u16string LsaLookup(PSID sid) {
     LSA_OBJECT_ATTRIBUTES attributes{};
     LSA_HANDLE policy = nullptr;
     EXPECT_EQ(0, LsaOpenPolicy(nullptr, &attributes, POLICY_LOOKUP_NAMES, &policy));
@@ -33,10 +44,12 @@ TEST(Accounts, TheAnonymousLogonAndNoOtherSidIsWellKnown) {
     PSID sid = nullptr;
     ASSERT_TRUE(AllocateAndInitializeSid(&authority, 1, 7, 0, 0, 0, 0, 0, 0, 0, &sid));
     EXPECT_EQ(u"NT AUTHORITY\\ANONYMOUS LOGON", Lookup(sid));
+    EXPECT_EQ(u"NT AUTHORITY\\ANONYMOUS LOGON", LsaLookup(sid));
     FreeSid(sid);
     for (const DWORD account : {1000u, 1001u}) {
         ASSERT_TRUE(AllocateAndInitializeSid(&authority, 5, 21, 1, 2, 3, account, 0, 0, 0, &sid));
         EXPECT_EQ(u"none", Lookup(sid)) << account;
+        EXPECT_EQ(u"none", LsaLookup(sid)) << account;
         FreeSid(sid);
     }
 }

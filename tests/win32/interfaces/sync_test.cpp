@@ -55,6 +55,9 @@ TEST(Timers, AreSignalledWhenDue) {
         }
         ASSERT_TRUE(Arm(timer, -10000, 1));
         for (int i = 0; i < 3; ++i) EXPECT_TRUE(IsSet(timer, SoonEnough)) << "it comes again after its period";
+        ASSERT_TRUE(Arm(timer, 0));
+        ASSERT_TRUE(Arm(timer, -Hour));
+        EXPECT_FALSE(IsSet(timer)) << "arming takes back a signal";
     }
 }
 
@@ -63,6 +66,11 @@ TEST(Timers, EndAWaitForSeveralObjectsHoweverTheyAreArmed) {
     const OWNED_HANDLE event(CreateEventW(nullptr, FALSE, FALSE, nullptr));
     const OWNED_HANDLE timer(CreateWaitableTimerW(nullptr, FALSE, nullptr));
     const HANDLE both[] = {event, timer};
+    ASSERT_TRUE(Arm(timer, -10000));
+    EXPECT_EQ(DWORD{WAIT_TIMEOUT}, WaitForMultipleObjects(2, both, TRUE, 20)) << "the event is missing";
+    SetEvent(event);
+    EXPECT_EQ(WAIT_OBJECT_0, WaitForMultipleObjects(2, both, TRUE, SoonEnough));
+    EXPECT_FALSE(IsSet(timer)) << "the wait for both took its signal";
     for (const LONGLONG former : {LONGLONG{-Hour}, LONGLONG{0}}) {  // the latter is a signal that arming takes back
         ASSERT_TRUE(Arm(timer, former));
         ASSERT_TRUE(Arm(timer, -Hour));

@@ -1,9 +1,37 @@
-// Conversion of texts by the calls alone.
+// Texts by the calls alone: comparison and conversion.
+#include <cstdlib>
+
 #include "tests/win32/fixture.h"
 
 namespace {
 
+// The orders below are those of US English, whatever the user of this machine speaks. Set before anything is compared.
+[[maybe_unused]] const int pinned = setenv("LC_ALL", "en_US.UTF-8", 1);
+
 using namespace std::string_literals;
+
+int Sign(int value) { return value < 0 ? -1 : value > 0 ? 1 : 0; }
+
+TEST(Compare, CaseCountsOnlyWhenAskedFor) {
+    const struct {
+        const char16_t *a, *b;
+        int exact, ignoreCase;  // lstrcmpW, lstrcmpiW
+    } cases[] = {{u"", u"", 0, 0},
+                 {u"", u"a", -1, -1},
+                 {u"KRBTGT", u"krbtgt", 1, 0},
+                 {u"a", u"B", -1, -1},
+                 {u"\u00C9ric", u"\u00E9RIC", 1, 0},
+                 {u"e\u0301", u"\u00E9", 0, 0},
+                 {u"Zo\u00EB", u"Zoe", 1, 1},
+                 {nullptr, u"", -1, -1}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(&c - cases);
+        EXPECT_EQ(c.exact, Sign(lstrcmpW(c.a, c.b)));
+        EXPECT_EQ(-c.exact, Sign(lstrcmpW(c.b, c.a)));
+        EXPECT_EQ(c.ignoreCase, Sign(lstrcmpiW(c.a, c.b)));
+        EXPECT_EQ(-c.ignoreCase, Sign(lstrcmpiW(c.b, c.a)));
+    }
+}
 
 // Both calls of the usual pattern: the size, then the text.
 template <typename TEXT, typename CONVERT>
@@ -14,26 +42,37 @@ TEXT Converted(CONVERT convert) {
 }
 
 TEST(Conversion, MalformedTextIsReplacedInBothDirections) {
-    const auto widen = [](const std::string& from) {
-        return Converted<std::u16string>([&](LPWSTR to, int room) {
-            return MultiByteToWideChar(CP_UTF8, 0, from.data(), static_cast<int>(from.size()), to, room);
-        });
+    struct CASE {
+        std::string utf8;
+        std::u16string utf16;
+        enum { Neither, Bytes, Units } wrong = Neither;  // which of both is malformed
     };
-    const auto narrow = [](const std::u16string& from) {
-        return Converted<std::string>([&](LPSTR to, int room) {
-            return WideCharToMultiByte(CP_UTF8, 0, from.data(), static_cast<int>(from.size()), to, room, nullptr,
-                                       nullptr);
-        });
-    };
-    const std::u16string whole = u"a\0\u00E9\u20AC\U0001F600"s;
-    EXPECT_EQ(whole, widen("a\0\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80"s));
-    EXPECT_EQ("a\0\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80"s, narrow(whole));
-    EXPECT_EQ("\xEF\xBF\xBD!", narrow({0xD83D, u'!'}));
-    const std::pair<const char*, const char16_t*> malformed[] = {{"a\377b", u"a\uFFFDb"},
-                                                                 {"a\xE2\x82", u"a\uFFFD"},
-                                                                 {"\xC0\x80", u"\uFFFD\uFFFD"},
-                                                                 {"\xED\xA0\x80", u"\uFFFD\uFFFD\uFFFD"}};
-    for (const auto& [bytes, text] : malformed) EXPECT_EQ(text, widen(bytes));
+    const CASE cases[] = {{"Anna"s, u"Anna"s},
+                          {"a\0b"s, u"a\0b"s},
+                          {"\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80", u"\u00E9\u20AC\U0001F600"},
+                          {"a\377b", u"a\uFFFDb", CASE::Bytes},
+                          {"a\xE2\x82", u"a\uFFFD", CASE::Bytes},
+                          {"\xC0\x80", u"\uFFFD\uFFFD", CASE::Bytes},
+                          {"\xED\xA0\x80", u"\uFFFD\uFFFD\uFFFD", CASE::Bytes},
+                          {"\xEF\xBF\xBD!", {0xD83D, u'!'}, CASE::Units}};
+    for (const CASE& c : cases) {
+        SCOPED_TRACE(c.utf8);
+        const int bytes = static_cast<int>(c.utf8.size()), units = static_cast<int>(c.utf16.size());
+        const auto widen = [&](LPWSTR to, int room) {
+            return MultiByteToWideChar(CP_UTF8, 0, c.utf8.data(), bytes, to, room);
+        };
+        const auto narrow = [&](LPSTR to, int room) {
+            return WideCharToMultiByte(CP_UTF8, 0, c.utf16.data(), units, to, room, nullptr, nullptr);
+        };
+        EXPECT_TRUE(c.wrong == CASE::Units || c.utf16 == Converted<std::u16string>(widen));
+        EXPECT_TRUE(c.wrong == CASE::Bytes || c.utf8 == Converted<std::string>(narrow));
+    }
+    for (const int room : {1, 2}) {
+        char text[] = "xxx";
+        EXPECT_EQ(0, WideCharToMultiByte(CP_UTF8, 0, u"a\u00E9", 2, text, room, nullptr, nullptr));
+        EXPECT_EQ(DWORD{ERROR_INSUFFICIENT_BUFFER}, GetLastError());
+        EXPECT_EQ('x', text[room]);
+    }
 }
 
 }  // namespace
