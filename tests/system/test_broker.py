@@ -88,16 +88,12 @@ class Broker(MachineTest):
             self.end(consumer)
         self.assertEqual({f"'logon' '10.9.8.7' {ascii(self.user(ident))} {ascii('CORP' + chr(92) + 'WS1')}" for ident in range(500)}, seen())
 
-
     def test_a_line_that_was_cut_costs_no_other(self):
         self.reports = f"{self.root}/reports"
         self.redis()
         with open(self.reports, "ab") as output:
-            server = subprocess.Popen([f"{BIN}/keldwick-server", "--host", self.address, "--tls-port", "0", "--json"], stdout=output,
-                                      stderr=subprocess.PIPE, text=True, restore_signals=False,
-                                      preexec_fn=lambda: signal.signal(signal.SIGXFSZ, signal.SIG_IGN))
-        self.agents.append(server)
-        self.assertIn("listening", server.stderr.readline())
+            server = self.keldwick_server("--json", stdout=output, restore_signals=False,
+                                          preexec_fn=lambda: signal.signal(signal.SIGXFSZ, signal.SIG_IGN))
         with socket.create_connection((self.address, 1306)) as link:
             for ident, room in enumerate((-1, 600, -1)):  # a disk that is full for a while
                 resource.prlimit(server.pid, resource.RLIMIT_FSIZE, (room, -1))
@@ -110,7 +106,7 @@ class Broker(MachineTest):
         self.end(server, signal.SIGTERM)
         self.feed()
         with open(f"{self.root}/seen", "w+b") as output:
-            self.begin(f"{EXAMPLES}/redis-consumer.py", f"unix://{self.root}/redis", output=output)
+            self.begin(f"{EXAMPLES}/redis-consumer.py", f"unix://{self.root}/redis", stdout=output)
         seen = pathlib.Path(f"{self.root}/seen")
         self.until(lambda: seen.read_text("utf-8").count("\n") == 3, "three lines")
         self.until(lambda: self.ask("XPENDING", "keldwick", "example").startswith("0"), "acknowledgements")

@@ -1,6 +1,5 @@
 """Keldwick.exe as an administrator of a Windows machine has it: options, exit codes, service, settings, reports."""
 import os
-import re
 import unittest
 from concurrent.futures import ThreadPoolExecutor
 
