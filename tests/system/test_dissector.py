@@ -11,7 +11,7 @@ import threading
 import time
 import unittest
 
-from machine import MachineTest
+from machine import BIN, MachineTest
 from wire import answer, certificate, decode, encode
 
 SCRIPT = os.path.realpath(f"{os.path.dirname(__file__)}/../../packaging/wireshark/keldwick.lua")
@@ -138,6 +138,22 @@ class Dissector(MachineTest):
                         self.assertTrue(0 <= float(answered["time"][0]) < 20, answered)
                         self.assertEqual(bool(passes), "response_in" in asked)
                 os.remove(f"{self.root}/Keldwick.log")
+
+    def test_the_keys_that_the_reference_server_logs_open_a_capture(self):
+        keys = f"{self.root}/keys"
+        server = self.begin(f"{BIN}/keldwick-server", "--host", self.behind, "--key-log", keys)
+        self.assertIn("listening", server.stderr.readline())
+        exchange = relay(self.address, self.behind, 1308)
+        self.prepare("tcps")
+        agent = self.start()
+        self.logon("ann", "10.9.8.7", "WS1")
+        self.until(lambda: "IdentityReportLogon request status = 0" in self.log(), "the answer")
+        self.shut_down(agent)
+        capture(f"{self.root}/real", exchange, 1308)
+        self.assertFalse(messages(f"{self.root}/real"), "without them nothing is seen")
+        shown = messages(f"{self.root}/real", "-o", f"tls.keylog_file:{keys}")[0]
+        self.assertEqual([(["0x20"], None), (None, ["0"])], [(each.get("kind"), each.get("status")) for each in shown], shown)
+        self.assertEqual(0o600, os.stat(keys).st_mode & 0o777)
 
     def test_damage_is_marked_and_costs_no_other_message(self):
         good, other, reply, next_reply = request(), request(3), Reply(answer(2)), Reply(answer(3))
