@@ -101,6 +101,14 @@ TEST(Record, IsWholeOnlyWhileEachOfItsPartsLiesInsideIt) {
         harm(*reinterpret_cast<EVENTLOGRECORD*>(bytes.data()));
         EXPECT_FALSE(IsWholeRecord(bytes.data(), bytes.size())) << name;
     }
+    for (size_t units = 0; units < 40; ++units) {  // from the text's begin to the record's end there is one NUL
+        event.strings = {std::u16string(units, u'x')};
+        event.data.assign(units % 2 == 0 ? 2 : 4, 1);
+        ASSERT_TRUE(BuildRecord(event, whole));
+        EXPECT_TRUE(IsWholeRecord(whole.data(), whole.size())) << units;
+        ++reinterpret_cast<EVENTLOGRECORD*>(whole.data())->NumStrings;
+        EXPECT_FALSE(IsWholeRecord(whole.data(), whole.size())) << units;
+    }
 }
 
 }  // namespace
