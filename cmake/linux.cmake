@@ -62,21 +62,21 @@ foreach(library ${libraries})
   target_link_libraries(${library} PUBLIC PkgConfig::ICU PkgConfig::SYSTEMD PkgConfig::LDAP OpenSSL::SSL Threads::Threads)
 endforeach()
 
-# Under sanitizers the tools are compiled without optimisation, with every check: most of their code comes from headers of
-# command lines and JSON, which take a third of the time then.
-set(tool_options "")
-if(CMAKE_CXX_FLAGS MATCHES "-fsanitize=")
-  set(tool_options -O0)
+# What the fuzz targets drive counts where it has been: -fsanitize=fuzzer-no-link, in words that suit a precompiled header.
+if(KELDWICK_FUZZ)
+  set(counted -fsanitize-coverage=inline-8bit-counters,indirect-calls,trace-cmp,pc-table)
+  set_source_files_properties(tools/keldwickctl/evtx_import.cpp PROPERTIES COMPILE_OPTIONS "${counted}")
+  get_property(levels GLOBAL PROPERTY KELDWICK_LEVELS)
+  list(TRANSFORM layer_folders PREPEND win32_ OUTPUT_VARIABLE layer)
+  foreach(library ${layer} ${levels} tool_common tool_feed server_parts)
+    target_compile_options(${library} PRIVATE ${counted})
+  endforeach()
 endif()
-foreach(library tool_common tool_feed ctl_commands server_parts)
-  target_compile_options(${library} PRIVATE ${tool_options})
-endforeach()
 
 # keldwick_program(NAME FOLDER LIBRARIES...): the program NAME from FOLDER/main.cpp.
 function(keldwick_program name folder)
   if(EXISTS ${PROJECT_SOURCE_DIR}/${folder}/main.cpp)
     add_executable(${name} ${folder}/main.cpp)
-    target_compile_options(${name} PRIVATE ${tool_options})
     target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/src)
     target_include_directories(${name} SYSTEM PRIVATE ${PROJECT_SOURCE_DIR}/win32/include)
     target_link_libraries(${name} PRIVATE ${ARGN})
@@ -86,6 +86,8 @@ endfunction()
 # The tools: what they share, the live sources on top of it, then the programs.
 target_link_libraries(tool_common PUBLIC keldwick_all EXPAT::EXPAT nlohmann_json::nlohmann_json)
 target_link_libraries(tool_feed PUBLIC tool_common PRIVATE PkgConfig::SIMDJSON)
+# Without optimisation the library checks how it is used, and that check does not survive a lack of memory (preset dev has it).
+target_compile_definitions(tool_feed PRIVATE $<$<CONFIG:None>:SIMDJSON_DEVELOPMENT_CHECKS=0>)
 if(TARGET ctl_commands)
   target_link_libraries(ctl_commands PUBLIC tool_feed PkgConfig::EVTX CLI11::CLI11)
 endif()

@@ -1,0 +1,27 @@
+# Headers that most files include, compiled once for all targets (KELDWICK_PRECOMPILE): those of the system, and for the tests
+# the test framework's as well. With what few files include it would cost more than it saves: each file compiles again what
+# such a header holds of inline functions.
+function(keldwick_precompiled name)
+  file(CONFIGURE OUTPUT ${PROJECT_BINARY_DIR}/${name}.cpp CONTENT "// nothing but the header\n")
+  add_library(${name} OBJECT ${PROJECT_BINARY_DIR}/${name}.cpp)
+  target_link_libraries(${name} PRIVATE windows_headers)
+  target_precompile_headers(${name} PRIVATE ${PROJECT_SOURCE_DIR}/cmake/precompiled.h ${ARGN})
+endfunction()
+
+get_property(targets DIRECTORY PROPERTY BUILDSYSTEM_TARGETS)
+keldwick_precompiled(precompiled_system)
+if(NOT WIN32)
+  keldwick_precompiled(precompiled_tests <gmock/gmock.h> <gtest/gtest.h>)
+  target_link_libraries(precompiled_tests PRIVATE GTest::gmock)
+endif()
+foreach(target ${targets})
+  get_target_property(type ${target} TYPE)
+  get_target_property(own ${target} PRECOMPILE_HEADERS)
+  if(type MATCHES "^(STATIC_LIBRARY|EXECUTABLE)$" AND NOT own)
+    set(header precompiled_system)
+    if(target MATCHES "^tests_")
+      set(header precompiled_tests)
+    endif()
+    target_precompile_headers(${target} REUSE_FROM ${header})
+  endif()
+endforeach()
