@@ -1,7 +1,7 @@
-// What most files include of the system, compiled once where KELDWICK_PRECOMPILE says so. Each file includes what it uses
-// all the same: the preset dev compiles it without this.
-#include <winsock2.h>
+// What most files include of the system, compiled once where KELDWICK_PRECOMPILE says so. Each file includes what it
+// uses all the same: the preset dev compiles it without this.
 #include <windows.h>
+#include <winsock2.h>
 
 #include <algorithm>
 #include <array>
