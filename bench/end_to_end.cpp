@@ -11,6 +11,7 @@
 #include <openssl/x509.h>
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sched.h>
@@ -168,17 +169,28 @@ double Rate(const TALLY& tally) {
     return static_cast<double>(tally.requests - 1) * 1e9 / static_cast<double>(tally.lastNs - tally.firstNs);
 }
 
-// The same bytes, by a client that does nothing else.
-double BareRate(bool secure, const TALLY& agents, long count, TALLY& tally) {
+// What the agent writes into its log for each report: so many entries, each with one write.
+constexpr int LogEntries = 6;
+
+// The same bytes, by a client that does nothing else, or that writes `entry` LogEntries times for each into a log of
+// its own (null: it does not).
+double BareRate(bool secure, const TALLY& agents, long count, TALLY& tally, const std::string* entry) {
     const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const sockaddr_in address = Address(secure);
     if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) Fail("connecting");
     SSL_CTX* context = secure ? SSL_CTX_new(TLS_client_method()) : nullptr;
     LINK link(fd, context, false);
     unsigned char answer[14];
-    for (long i = 0; i < count; ++i)
+    char name[] = "/tmp/keldwick-bench-log-XXXXXX";
+    const int log = entry != nullptr ? mkostemp(name, O_APPEND | O_CLOEXEC) : -1;
+    if (entry != nullptr && (log < 0 || unlink(name) != 0)) Fail("making a log");
+    for (long i = 0; i < count; ++i) {
+        for (int line = 0; entry != nullptr && line < LogEntries; ++line)
+            if (write(log, entry->data(), entry->size()) != static_cast<ssize_t>(entry->size())) Fail("writing a log");
         if (!link.Write(agents.firstRequest, agents.firstLength) || !link.ReadWhole(answer, sizeof answer))
             Fail("ping-pong");
+    }
+    if (log >= 0) close(log);
     return Rate(tally);
 }
 
@@ -205,8 +217,8 @@ double Microseconds(const timeval& time) {
 }
 
 // Runs the agent over `count` logons; the server's tally then holds its rate and the bytes of one request. Gives the
-// microseconds of processor time that the agent took for each.
-double RunAgent(const std::string& bin, bool secure, long count, TALLY& tally) {
+// microseconds of processor time that the agent took for each, and in logBytes those of its log for each.
+double RunAgent(const std::string& bin, bool secure, long count, TALLY& tally, double& logBytes) {
     const std::string root = fs::temp_directory_path() / ("keldwick-bench-" + std::to_string(getpid()));
     fs::create_directory(root);
     setenv("KELDWICK_ROOT", root.c_str(), 1);
@@ -224,6 +236,7 @@ double RunAgent(const std::string& bin, bool secure, long count, TALLY& tally) {
     int status = 0;
     rusage used{};
     wait4(agent, &status, 0, &used);
+    logBytes = static_cast<double>(fs::file_size(root + "/Keldwick.log")) / static_cast<double>(count);
     fs::remove_all(root);
     if (status != 0) Fail("the agent's exit");
     return (Microseconds(used.ru_utime) + Microseconds(used.ru_stime)) / static_cast<double>(count);
@@ -250,21 +263,26 @@ int main(int argc, char** argv) {
     signal(SIGPIPE, SIG_IGN);
     StayOnCore(clientCore);
     const std::string bin = fs::read_symlink("/proc/self/exe").parent_path();
-    void* shared = mmap(nullptr, 2 * sizeof(TALLY), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    TALLY* tallies = new (shared) TALLY[2];
+    void* shared = mmap(nullptr, 3 * sizeof(TALLY), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    TALLY* tallies = new (shared) TALLY[3];
+    const auto served = [&](TALLY& tally, auto run) {
+        const pid_t server = StartServer(secure, tally);
+        run();
+        kill(server, SIGTERM);
+        waitpid(server, nullptr, 0);
+    };
 
-    pid_t server = StartServer(secure, tallies[0]);
-    const double processor = RunAgent(bin, secure, count, tallies[0]);
-    kill(server, SIGTERM);
-    waitpid(server, nullptr, 0);
-    server = StartServer(secure, tallies[1]);
-    const double bare = BareRate(secure, tallies[0], count, tallies[1]);
-    kill(server, SIGTERM);
-    waitpid(server, nullptr, 0);
+    double processor = 0, logBytes = 0, bare = 0, logging = 0;
+    served(tallies[0], [&] { processor = RunAgent(bin, secure, count, tallies[0], logBytes); });
+    const std::string entry(static_cast<size_t>(logBytes / LogEntries), 'x');
+    served(tallies[1], [&] { bare = BareRate(secure, tallies[0], count, tallies[1], nullptr); });
+    served(tallies[2], [&] { logging = BareRate(secure, tallies[0], count, tallies[2], &entry); });
 
     const double agent = Rate(tallies[0]);
-    std::printf("%s, %ld logons of %d bytes: agent %.0f/s, bare ping-pong %.0f/s, ratio %.2f, processor %.1f us\n",
-                secure ? "TLS" : "plain TCP", count, tallies[0].firstLength.load(), agent, bare, agent / bare,
-                processor);
+    std::printf(
+        "%s, %ld logons of %d bytes: agent %.0f/s, bare ping-pong %.0f/s, ratio %.2f, processor %.1f us; "
+        "ping-pong with the log's %d writes of %zu bytes %.0f/s, ratio %.2f\n",
+        secure ? "TLS" : "plain TCP", count, tallies[0].firstLength.load(), agent, bare, agent / bare, processor,
+        LogEntries, entry.size(), logging, logging / bare);
     return 0;
 }
