@@ -1,9 +1,11 @@
 """A machine root of a test's own with the built programs: settings and events through keldwickctl, the agent as a process,
 its log as messages."""
+import contextlib
 import json
 import os
 import re
 import shutil
+import signal
 import subprocess
 import tempfile
 import time
@@ -12,6 +14,7 @@ import unittest
 from wire import Server
 
 BIN = os.environ["KELDWICK_BIN"]
+SOURCE = os.path.realpath(f"{os.path.dirname(__file__)}/../..")
 STAMP = re.compile(r"^\d{4}/\d\d/\d\d \d\d:\d\d:\d\d [AP]M KDWK: \(\d+\.\d+\) ", re.M)
 PATIENCE = 30  # seconds until a thing that must happen counts as missing; sanitizers are slow
 
@@ -19,10 +22,21 @@ EVENT = """<Event xmlns="http://schemas.microsoft.com/win/2004/08/events/event">
 <EventID>4624</EventID><TimeCreated SystemTime="2026-11-16T08:00:12.5Z"/><Computer>DC1</Computer></System><EventData>"""
 
 
+def logon_strings(user, address, workstation):
+    return ["S-1-0-0", "-", "-", "0x0", "S-1-5-21-1-2-3-1104", user, "CORP", "0x1a2b", "3", "NtLmSsp", "NTLM", workstation,
+            "{0}", "-", "-", "0", "0x0", "-", address, "49152"]
+
+
 def xml(user, address, workstation="WS1"):
-    strings = ["S-1-0-0", "-", "-", "0x0", "S-1-5-21-1-2-3-1104", user, "CORP", "0x1", "3", "K", "K", workstation, "{0}", "-",
-               "-", "0", "0x0", "-", address, "1"]
-    return EVENT + "".join(f"<Data>{each}</Data>" for each in strings) + "</EventData></Event>"
+    data = "".join(f"<Data>{each}</Data>" for each in logon_strings(user, address, workstation))
+    return f"{EVENT}{data}</EventData></Event>"
+
+
+def opened_by(process):
+    """What the descriptors of a process lead to."""
+    for each in os.listdir(f"/proc/{process.pid}/fd"):
+        with contextlib.suppress(FileNotFoundError):
+            yield os.readlink(f"/proc/{process.pid}/fd/{each}")
 
 
 class AgentTest(unittest.TestCase):
@@ -79,6 +93,14 @@ class MachineTest(AgentTest):
                                                         "env": environment, **options}))
         return self.agents[-1]
 
+    def end(self, program, how=signal.SIGTERM):
+        """Ends a program, which takes the wish as a good end. What it had printed, on both streams."""
+        program.send_signal(how)
+        said = program.communicate(timeout=PATIENCE)
+        self.agents.remove(program)
+        self.assertEqual(-how if how == signal.SIGKILL else 0, program.returncode, said)
+        return said
+
     def ctl(self, *arguments, code=0, text=None):
         """What keldwickctl prints when it ends with that code."""
         done = self.run_program("keldwickctl", *arguments, input=text)
@@ -119,8 +141,7 @@ class MachineTest(AgentTest):
 
     def logon(self, user, ip, workstation="-"):
         self.ctl("events", "write", "--id", "4624", "--source", "Microsoft-Windows-Security-Auditing", "--computer",
-                 "DC1.corp.example", "--", "S-1-0-0", "-", "-", "0x0", "S-1-5-21-1-2-3-1104", user, "CORP", "0x1a2b", "3",
-                 "NtLmSsp", "NTLM", workstation, "{0}", "-", "-", "0", "0x0", "-", ip, "49152")
+                 "DC1.corp.example", "--", *logon_strings(user, ip, workstation))
 
     def shut_down(self, agent):
         self.ctl("settings", "set", "Shutdown", "1")

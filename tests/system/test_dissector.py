@@ -238,7 +238,3 @@ class Dissector(MachineTest):
         begun = time.monotonic()
         self.assertGreater(len(messages(f"{self.root}/chance")), 350)
         self.assertLess(time.monotonic() - begun, 60)
-
-
-if __name__ == "__main__":
-    unittest.main()

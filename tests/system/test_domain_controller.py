@@ -263,7 +263,3 @@ class LiveLogons(InTheDomain):
         self.assertEqual((0, ""), (self.feed.returncode, complaint), said)
         self.assertIn("4 records written to the Security log", said, "a ticket and the session it opens are one logon")
         self.until(lambda: len(self.ctl("identities", "--json").splitlines()) == 4, "four are listed")
-
-
-if __name__ == "__main__":
-    unittest.main()

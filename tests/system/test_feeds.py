@@ -9,7 +9,7 @@ import threading
 import unittest
 from xml.sax.saxutils import escape
 
-from machine import BIN, PATIENCE, MachineTest, xml
+from machine import BIN, PATIENCE, MachineTest, opened_by, xml
 
 
 def authentication(user, address, **changes):
@@ -41,12 +41,6 @@ class Feeds(MachineTest):
 
     def feed(self, *arguments, stdin=subprocess.PIPE, command="feed"):
         return self.begin(f"{BIN}/keldwickctl", command, *arguments, stdin=stdin)
-
-    def end(self, process):
-        process.send_signal(signal.SIGTERM)
-        said, complaint = process.communicate(timeout=PATIENCE)
-        self.assertEqual(0, process.returncode, complaint)
-        return said
 
     def hear(self, feed, text):
         """The feed's next line on standard error, which must hold the text."""
@@ -82,11 +76,11 @@ class Feeds(MachineTest):
         os.rename(self.file, self.file + ".1")
         self.append(authentication("carl", "10.0.0.3"))
         self.expect("carl", "10.0.0.3")
-        self.assertIn("4 records written to the Security log, 1 skipped, 1 unreadable.", self.end(feed))
+        self.assertIn("4 records written to the Security log, 1 skipped, 1 unreadable.", self.end(feed)[0])
         self.append(authentication("dora", "10.0.0.4"))
         feed = self.feed("samba-audit", self.file)
         self.expect("dora", "10.0.0.4")
-        self.assertIn("1 records written", self.end(feed))
+        self.assertIn("1 records written", self.end(feed)[0])
         self.shut_down(agent)
         with open(f"{self.root}/feed/samba-audit.aside", encoding="utf-8") as aside:
             self.assertIn("\nrubbish\n", aside.read())
@@ -132,7 +126,7 @@ class Feeds(MachineTest):
         self.append("".join(authentication("bob", host) for host in hosts))  # nor does a feed
         feed = self.feed("samba-audit", self.file)
         self.assertEqual([kind for _ in hosts for kind in ("logoff", "logon")], [self.server.next()["kind"] for _ in hosts * 2])
-        self.assertIn("500 records written", self.end(feed))
+        self.assertIn("500 records written", self.end(feed)[0])
         self.shut_down(agent)
 
     def test_what_comes_while_the_agent_does_not_follow_waits_for_it_through_rotation(self):
@@ -145,7 +139,7 @@ class Feeds(MachineTest):
         for number in range(2, 5):
             os.rename(self.file, self.file + ".old")
             self.append(authentication("bob", f"10.0.0.{number}"))
-            self.until(lambda: f"{self.file}" in self.opened_by(feed), "the new file is held")
+            self.until(lambda: self.file in opened_by(feed), "the new file is held")
         self.server = self.serve()
         self.ctl("settings", "set", "IdentServer", self.address)  # ends the agent's pause
         self.expect("ann", "10.0.0.1")
@@ -161,22 +155,11 @@ class Feeds(MachineTest):
         self.append(authentication("dora", "10.0.0.6"))
         self.hear(feed, "is over")
         self.hear(feed, "waiting for the agent")
-        self.assertIn("5 records written", self.end(feed), "what waits is left to the next feed")
+        self.assertIn("5 records written", self.end(feed)[0], "what waits is left to the next feed")
         agent = self.start(wait=False)
         self.feed("samba-audit", self.file)
         self.expect("dora", "10.0.0.6")
         self.shut_down(agent)
-
-    @staticmethod
-    def opened_by(process):
-        folder = f"/proc/{process.pid}/fd"
-        opened = set()
-        for each in os.listdir(folder):
-            try:
-                opened.add(os.readlink(f"{folder}/{each}"))
-            except FileNotFoundError:
-                pass
-        return opened
 
     def test_however_a_stream_ends_what_it_has_sent_is_written(self):
         self.ctl("init", "--server", self.address)
@@ -234,7 +217,3 @@ class Feeds(MachineTest):
                                       (("xml", "--log", "Nope"), 1, "there is no Nope log")):
             with self.subTest(arguments=arguments):
                 self.assertIn(text, self.ctl("feed", *arguments, code=code, text=""))
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -179,7 +179,3 @@ class Completion(unittest.TestCase):
                     said = subprocess.run([shell, "-c", self.shells[shell], shell, program, *words], capture_output=True, text=True,
                                           env=self.environment)
                     self.assertEqual(wanted, said.stdout.strip(), said.stderr)
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -243,7 +243,3 @@ class Http(ServerTest):
         self.assertEqual(("heartbeat", report["length"]), (report["kind"], sum(field["length"] for field in laid["fields"])))
         checked = subprocess.run(["promtool", "check", "metrics"], input=self.get("/metrics")[1], text=True, capture_output=True)
         self.assertEqual((0, ""), (checked.returncode, checked.stdout + checked.stderr))
-
-
-if __name__ == "__main__":
-    unittest.main()

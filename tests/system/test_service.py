@@ -1,14 +1,22 @@
-"""The agent as a service: the test plays the service manager with a notify socket and signals."""
+"""The agent as a service: the test plays the service manager with a notify socket and signals. And the system calls that
+a report takes, counted by strace."""
+import collections
 import os
+import re
+import shutil
 import signal
 import socket
 import subprocess
+import threading
 import time
-import unittest
 
-from machine import PATIENCE, MachineTest
+from machine import PATIENCE, SOURCE, MachineTest, xml
+from wire import answer
 
-PACKAGING = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "packaging")
+REPORTS = 300
+# One look for a close, one send, one wait, one receive, and one write for each of the six lines in the log.
+A_REPORT = {"recvfrom": 2, "sendto": 1, "ppoll": 1, "write": 6}
+OTHERS = 0.2  # a report: reading the event log, and once a second a look at what inotify might not have told
 
 
 class Service(MachineTest):
@@ -45,7 +53,7 @@ class Service(MachineTest):
 
     def test_with_the_units_environment_the_log_of_a_crash_is_kept(self):
         self.prepare()
-        with open(f"{PACKAGING}/systemd/keldwick.service", encoding="utf-8") as unit:
+        with open(f"{SOURCE}/packaging/systemd/keldwick.service", encoding="utf-8") as unit:
             given = dict(line.strip().split("=", 2)[1:] for line in unit if line.startswith("Environment="))
         del given["KELDWICK_ROOT"]
         for times in (1, 2):
@@ -109,6 +117,30 @@ class Service(MachineTest):
         self.ctl("settings", "set", "Heartbeat", "44")
         self.until_logged("Heartbeat interval = 44 (minutes)")
 
+    def test_a_report_makes_those_of_its_exchange_and_its_log_lines(self):
+        trace = ("strace", "-E", "ASAN_OPTIONS=detect_leaks=0", "-f", "-o", f"{self.root}/trace")
+        if not shutil.which("strace") or subprocess.run([*trace, "true"], capture_output=True).returncode:
+            self.skipTest("strace may not trace here (ptrace is not permitted), or is not installed")
+        imported = threading.Event()
 
-if __name__ == "__main__":
-    unittest.main()
+        def reply(connection, _request, fields):
+            imported.wait(30)
+            connection.sendall(answer(fields["id"]))
+
+        self.serve(reply=reply)
+        self.prepare()
+        agent = self.start(through=trace)
+        events = "".join(xml(f"user{i}", f"10.0.{i // 250}.{i % 250 + 1}") for i in range(REPORTS))
+        self.ctl("events", "import", "-", text=f"<Events>{events}</Events>")
+        imported.set()
+        self.until_logged("Logon reported", REPORTS)
+        self.shut_down(agent)
+        with open(f"{self.root}/trace", encoding="utf-8", errors="replace") as file:
+            lines = file.read().splitlines()
+        worker = lines[0].split()[0]
+        calls = [call[1] for line in lines if (call := re.match(worker + r" +(\w+)\(", line))]
+        sent = [i for i, call in enumerate(calls) if call == "sendto"][-REPORTS:]  # before: look-ups of names
+        counts = collections.Counter(calls[sent[0]:sent[-1]])
+        a_report = {call: round(count / (REPORTS - 1), 2) for call, count in counts.items()}
+        self.assertEqual(A_REPORT, {call: round(a_report[call]) for call in A_REPORT}, a_report)
+        self.assertLess(sum(a_report.values()) - sum(A_REPORT.values()), OTHERS, a_report)

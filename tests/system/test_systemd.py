@@ -171,7 +171,3 @@ class BootedMachine(unittest.TestCase):
             self.until(lambda: self.container.poll() is not None, "the machine is off")
             with open(f"{self.folder}/kept/Keldwick.log", encoding="utf-8") as file:
                 self.assertIn("Stopping Service: Reason = SERVICE_CONTROL_SHUTDOWN", file.read())
-
-
-if __name__ == "__main__":
-    unittest.main()
