@@ -1,6 +1,7 @@
 """The agent as a service: the test plays the service manager with a notify socket and signals. And the system calls that
 a report takes, counted by strace."""
 import collections
+import fcntl
 import os
 import re
 import shutil
@@ -45,9 +46,8 @@ class Service(MachineTest):
         agent = self.run_service("-L", "-V")
         self.told("STATUS=Starting\nEXTEND_TIMEOUT_USEC=30000000", "READY=1\nSTATUS=Running")
         self.until_logged("Connect to Identity server")
-        agent.send_signal(signal.SIGTERM)
+        self.end(agent)
         self.told("STOPPING=1\nSTATUS=Stopping", "STOPPING=1\nSTATUS=Stopped")
-        self.assertEqual(0, agent.wait(PATIENCE))
         self.assertIn("Stopping Service: Reason = SERVICE_CONTROL_STOP", self.messages())
         self.assertIn("SERVICE_CONTROL_STOP", self.ctl("events", "list", "--log", "Application", "--json"))
 
@@ -59,8 +59,7 @@ class Service(MachineTest):
         for times in (1, 2):
             agent = self.run_service(**given)
             self.until_logged("Connect to Identity server", times)
-            agent.kill()
-            agent.wait(PATIENCE)
+            self.end(agent, signal.SIGKILL)
 
     def test_a_stop_that_comes_before_it_runs_is_not_lost(self):
         self.prepare()
@@ -68,8 +67,7 @@ class Service(MachineTest):
             with self.subTest(early):
                 agent = self.run_service()
                 self.told("STATUS=Starting\nEXTEND_TIMEOUT_USEC=30000000")
-                agent.send_signal(early)
-                self.assertEqual(0, agent.wait(PATIENCE))
+                self.end(agent, early)
                 self.told("READY=1\nSTATUS=Running", "STOPPING=1\nSTATUS=Stopping", "STOPPING=1\nSTATUS=Stopped")
 
     def test_the_watchdog_hears_of_an_agent_that_waits_for_its_server(self):
@@ -77,28 +75,21 @@ class Service(MachineTest):
         agent = self.run_service(WATCHDOG_USEC="400000")
         heard = [self.manager.recv(4096) for _ in range(8)]
         self.assertGreaterEqual(heard.count(b"WATCHDOG=1"), 6)
-        agent.send_signal(signal.SIGTERM)
-        self.assertEqual(0, agent.wait(PATIENCE))
+        self.end(agent)
 
     def test_a_reader_of_its_output_that_is_stuck_or_gone_stops_nothing(self):
         self.prepare()
         for reader in ("stuck", "gone"):
             with self.subTest(reader):
                 ours, its = os.pipe()
-                os.set_blocking(its, False)
-                while reader == "stuck":
-                    try:
-                        os.write(its, bytes(4096))
-                    except BlockingIOError:
-                        break
-                os.set_blocking(its, True)
                 if reader == "gone":
                     os.close(ours)
+                else:
+                    os.write(its, bytes(fcntl.fcntl(its, fcntl.F_GETPIPE_SZ)))
                 agent, begun = self.run_service("-D", "-L", "-V", stderr=its), time.monotonic()
                 self.told("STATUS=Starting\nEXTEND_TIMEOUT_USEC=30000000", "READY=1\nSTATUS=Running")
-                agent.send_signal(signal.SIGTERM)
+                self.end(agent)
                 self.told("STOPPING=1\nSTATUS=Stopping", "STOPPING=1\nSTATUS=Stopped")
-                self.assertEqual(0, agent.wait(PATIENCE))
                 self.assertLess(time.monotonic() - begun, 5, "a line that nobody reads costs no time")
                 self.assertTrue(os.get_blocking(its), "others share the stream")
                 os.close(its)
