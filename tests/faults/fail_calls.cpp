@@ -160,23 +160,22 @@ int64_t Now(clockid_t clock) {
     return Nanoseconds(now) + Offset();
 }
 
-// A timer whose time comes earlier when the clock is moved. Timers of the program that are not here are not moved.
+// A timer whose time comes earlier when the clock is moved, by its descriptor. Timers that are not here are not moved.
 struct ARMED {
-    int fd = -1;
-    int64_t due = 0;  // on the moved monotonic clock
-    itimerspec repeat{};
+    int64_t due = 0;  // on the moved monotonic clock; 0: not armed
+    timespec repeat{};
 };
 std::mutex ArmedLock;
-std::array<ARMED, 32> Armed;
+std::array<ARMED, 1024> Armed;
 
 void FireDueTimers() {
     const int64_t now = Now(CLOCK_MONOTONIC);
     const std::lock_guard guard(ArmedLock);
-    for (ARMED& timer : Armed) {
-        if (timer.fd < 0 || timer.due > now) continue;
-        itimerspec atOnce{timer.repeat.it_interval, {0, 1}};
-        __real_timerfd_settime(timer.fd, 0, &atOnce, nullptr);
-        timer.fd = -1;
+    for (size_t fd = 0; fd < Armed.size(); ++fd) {
+        if (Armed[fd].due == 0 || Armed[fd].due > now) continue;
+        const itimerspec atOnce{Armed[fd].repeat, {0, 1}};
+        __real_timerfd_settime(static_cast<int>(fd), 0, &atOnce, nullptr);
+        Armed[fd].due = 0;
     }
 }
 
@@ -248,19 +247,18 @@ int __wrap_poll(pollfd* polled, nfds_t count, int milliseconds) {
 int __wrap_timerfd_settime(int fd, int flags, const itimerspec* wanted, itimerspec* former) {
     if (FaultsFires("timerfd_settime", __builtin_return_address(0))) return static_cast<int>(FaultsResult);
     itimerspec real = *wanted;
-    ARMED timer{fd, Nanoseconds(wanted->it_value), *wanted};
-    const bool armed = timer.due != 0;
+    int64_t due = Nanoseconds(wanted->it_value);
     // An absolute time is one of the monotonic clock, or a wall-clock time (the file's rename at midnight), left alone.
-    const bool wallClock = (flags & TFD_TIMER_ABSTIME) != 0 && timer.due > Now(CLOCK_MONOTONIC) + 1'000'000 * Second;
-    if (armed && (flags & TFD_TIMER_ABSTIME) != 0 && !wallClock)
-        real.it_value = SpanOf(std::max<int64_t>(timer.due - Offset(), 1));
-    if ((flags & TFD_TIMER_ABSTIME) == 0) timer.due += Now(CLOCK_MONOTONIC);
+    const bool absolute = (flags & TFD_TIMER_ABSTIME) != 0;
+    if (absolute && due > Now(CLOCK_MONOTONIC) + 1'000'000 * Second)
+        due = 0;
+    else if (absolute && due != 0)
+        real.it_value = SpanOf(std::max<int64_t>(due - Offset(), 1));
+    else if (due != 0)
+        due += Now(CLOCK_MONOTONIC);
     {
         const std::lock_guard guard(ArmedLock);
-        for (ARMED& other : Armed)
-            if (other.fd == fd) other.fd = -1;
-        const auto room = std::find_if(Armed.begin(), Armed.end(), [](const ARMED& one) { return one.fd < 0; });
-        if (armed && !wallClock && room != Armed.end()) *room = timer;
+        if (static_cast<size_t>(fd) < Armed.size()) Armed[fd] = {due, wanted->it_interval};
     }
     return __real_timerfd_settime(fd, flags, &real, former);
 }

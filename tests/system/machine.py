@@ -10,6 +10,7 @@ import subprocess
 import tempfile
 import time
 import unittest
+from pathlib import Path
 
 from wire import Server
 
@@ -32,6 +33,10 @@ def xml(user, address, workstation="WS1"):
     return f"{EVENT}{data}</EventData></Event>"
 
 
+def text_of(path):
+    return Path(path).read_text("utf-8")
+
+
 def opened_by(process):
     """What the descriptors of a process lead to."""
     for each in os.listdir(f"/proc/{process.pid}/fd"):
@@ -49,8 +54,7 @@ class AgentTest(unittest.TestCase):
 
     def end_agents(self):
         for agent in self.agents:
-            if agent.poll() is None:
-                agent.kill()
+            agent.kill()  # unless it has ended
             agent.communicate()
 
     def until(self, condition, what):
@@ -63,11 +67,9 @@ class AgentTest(unittest.TestCase):
         self.until(lambda: self.log().count(text) >= times, text)
 
     def log(self):
-        try:
-            with open(f"{self.home}/Keldwick.log", encoding="utf-8", newline="") as file:
-                return file.read().replace("\r\n", "\n")
-        except FileNotFoundError:
-            return ""
+        with contextlib.suppress(FileNotFoundError):
+            return Path(f"{self.home}/Keldwick.log").read_bytes().decode().replace("\r\n", "\n")
+        return ""
 
     def messages(self):
         return [message.strip("\n") for message in STAMP.split(self.log())[1:]]

@@ -18,7 +18,7 @@ import unittest
 
 os.environ.setdefault("KELDWICK_BIN", os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../build/dev/bin"))
 
-from machine import BIN, MachineTest, opened_by, xml
+from machine import BIN, MachineTest, opened_by, text_of, xml
 from soak_model import Messages, Model, Record, Violation
 from test_feeds import LOG_SIZE, authentication
 from wire import answer, certificate
@@ -39,8 +39,7 @@ class Soak(MachineTest):
         self.manager = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
         self.addCleanup(self.manager.close)
         self.manager.bind(f"{self.root}/notify")
-        for name in (self.audit, self.said):
-            open(name, "w").close()
+        open(self.audit, "w").close()
         self.tls = certificate(self.root)
         self.live()
         self.prepare(protocol="auto")
@@ -192,9 +191,8 @@ class Soak(MachineTest):
 
     def check_identities(self):
         """The list is right within 80 s even if its last writing took long."""
-        def listed():
-            return {each["address"]: (each["user"], each["computer"]) for each in self.ctl_lines("identities")}
-        self.until_same("identities", lambda: self.model.table, listed)
+        self.until_same("identities", lambda: self.model.table, lambda: {
+            each["address"]: (each["user"], each["computer"]) for each in self.ctl_lines("identities")})
 
     def check(self):
         self.slow_answers = 0
@@ -209,8 +207,7 @@ class Soak(MachineTest):
     def resources(self):
         """Kinds of descriptors, threads, KiB of memory, and how many it may grow: sanitizers keep what was freed."""
         kinds = collections.Counter(re.sub(r"\d+", "N", each) for each in opened_by(self.agent))
-        with open(f"/proc/{self.agent.pid}/status") as file:
-            status = dict(line.split(":", 1) for line in file)
+        status = dict(line.split(":", 1) for line in text_of(f"/proc/{self.agent.pid}/status").splitlines())
         reserved, resident = (int(status[each].split()[0]) for each in ("VmSize", "VmRSS"))
         margin = 256 * 1024 if reserved > 1 << 30 else 1024  # nothing else reserves a tebibyte
         return kinds, int(status["Threads"]), resident, margin

@@ -73,12 +73,12 @@ def messages(path, *options):
     found = {}
     for packet in json.loads(tshark(path, "-T", "json", "--no-duplicate-keys", "-J", "keldwick tcp", *options)):
         layers = packet["_source"]["layers"]
-        for layer in [layers[name] for name in layers if name == "keldwick"]:
-            for one in layer if isinstance(layer, list) else [layer]:
-                fields = {}
-                flatten(one, fields)
-                fields["experts"] = sorted(set(EXPERTS) & set(fields))
-                found.setdefault(int(layers["tcp"]["tcp.stream"]), []).append(fields)
+        layer = layers.get("keldwick", [])
+        for one in layer if isinstance(layer, list) else [layer]:
+            fields = {}
+            flatten(one, fields)
+            fields["experts"] = sorted(set(EXPERTS) & set(fields))
+            found.setdefault(int(layers["tcp"]["tcp.stream"]), []).append(fields)
     return found
 
 

@@ -1,4 +1,5 @@
 """The server's page in a real browser, and the server's HTTP side before clients that are no browser."""
+import contextlib
 import http.client
 import json
 import socket
@@ -35,12 +36,10 @@ class ServerTest(MachineTest):
     def get(self, path, headers=None, method="GET", source="127.0.0.1"):
         """Status and body."""
         connection = http.client.HTTPConnection(HOST, PORT, timeout=PATIENCE, source_address=(source, 0))
-        try:
+        with contextlib.closing(connection):
             connection.request(method, path, headers=headers or {})
             answer = connection.getresponse()
             return answer.status, answer.read().decode()
-        finally:
-            connection.close()
 
 
 class Page(ServerTest):
@@ -192,28 +191,23 @@ class Http(ServerTest):
             answer.read()
 
     def test_silent_clients_and_readers_that_do_not_read_keep_nobody_out(self):
-        stranger, clients = "127.81.0.66", []
+        stranger, clients = "127.81.0.66", contextlib.ExitStack()
+        self.addCleanup(clients.close)
 
         def connect(count):
-            clients.extend(socket.create_connection((HOST, PORT), timeout=PATIENCE, source_address=(stranger, 0)) for _ in range(count))
-            return clients[-count:]
+            made = [socket.create_connection((HOST, PORT), PATIENCE, (stranger, 0)) for _ in range(count)]
+            return [clients.enter_context(each) for each in made]
 
-        try:
-            streams = connect(40)
-            for each in streams:
-                each.sendall(b"GET /api/stream HTTP/1.1\r\nHost: localhost\r\n\r\n")
-            heads = [each.recv(12) for each in streams]
-            self.assertEqual((24, 16), (heads.count(b"HTTP/1.1 200"), heads.count(b"HTTP/1.1 503")))
-            for each in connect(250):
-                try:
-                    each.sendall(b"GET")
-                except OSError:
-                    pass  # it was ended to make room
-            self.report(*map(self.user, range(3000)))
-            self.until(lambda: json.loads(self.get("/api/identities?limit=1", source=stranger)[1]).get("total", 0) >= 3000, "all identities")
-        finally:
-            for each in clients:
-                each.close()
+        streams = connect(40)
+        for each in streams:
+            each.sendall(b"GET /api/stream HTTP/1.1\r\nHost: localhost\r\n\r\n")
+        heads = [each.recv(12) for each in streams]
+        self.assertEqual((24, 16), (heads.count(b"HTTP/1.1 200"), heads.count(b"HTTP/1.1 503")))
+        for each in connect(250):
+            with contextlib.suppress(OSError):  # it was ended to make room
+                each.sendall(b"GET")
+        self.report(*map(self.user, range(3000)))
+        self.until(lambda: json.loads(self.get("/api/identities?limit=1", source=stranger)[1]).get("total", 0) >= 3000, "all identities")
 
     def test_what_programs_ask_for_fits_together(self):
         self.report(*map(self.user, range(40)), *(self.user(number, "heartbeat") for number in range(5)))

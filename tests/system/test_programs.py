@@ -9,7 +9,7 @@ import signal
 import socket
 import subprocess
 
-from machine import BIN, PATIENCE, SOURCE, MachineTest
+from machine import BIN, PATIENCE, SOURCE, MachineTest, text_of
 from wire import answer
 
 
@@ -63,24 +63,27 @@ class Programs(MachineTest):
                 ("keldwick-server", ["--http", "0"], 2, "--http"), ("keldwick-server", ["--http", "localhost:8306"], 2, "--http"),
                 ("keldwick-server", ["--http", "::1:8306"], 2, "--http"),
                 ("keldwick-server", ["--http-name", "who.example"], 2, "--http"),
+                ("keldwickctl", ["feed", "nothing"], 2, "there is no command"), ("keldwickctl", ["feed"], 2, "missing"),
+                ("keldwickctl", ["feed", "json", "--name", "../x"], 2, "must be letters"),
+                ("keldwickctl", ["feed", "samba-audit"], 2, "FILE"),
+                ("keldwickctl", ["feed", "samba-audit", "/nowhere/file", "--once"], 1, "there is no such file"),
+                ("keldwickctl", ["feed", "samba-audit", self.root, "--once"], 1, "not a regular file"),
+                ("keldwickctl", ["feed", "xml", "--log", "Nope"], 1, "there is no Nope log"),
                 *((program, ["--version"], 0, "1.2.5") for program in ("keldwick", "keldwickctl", "keldwick-server"))):
             with self.subTest(program=program, arguments=arguments):
-                done = self.run_program(program, *arguments)
+                done = self.run_program(program, *arguments, input="")
                 self.assertEqual(code, done.returncode, done)
                 self.assertIn(said, done.stdout + done.stderr)
-        for first, cause, missing in (("Windows Registry Editor Version 5.00", f"{self.root} has no settings key", True),
-                                      ("nonsense", "line 1: ", False)):
+        causes = (f"{self.root} has no settings key", "line 1: ")
+        for first, told in (("Windows Registry Editor Version 5.00", [True, False]), ("nonsense", [False, True])):
             with open(f"{self.root}/registry.reg", "w", encoding="utf-8") as file:
                 file.write(first + "\r\n")
             done = self.run_program("keldwick", "-X")
-            self.assertEqual(3, done.returncode)
-            self.assertIn(cause, done.stderr)
-            self.assertEqual(missing, "has no settings key" in done.stderr, done.stderr)
+            self.assertEqual((3, told), (done.returncode, [cause in done.stderr for cause in causes]), done)
 
     def test_each_option_sends_its_reports_of_one_identity_in_order(self):
-        account = pwd.getpwuid(os.geteuid()).pw_name
         computer = socket.gethostname().split(".")[0][:15].upper()
-        mine = f"{computer}\\{account}"
+        mine = f"{computer}\\{pwd.getpwuid(os.geteuid()).pw_name}"
         given = ("-USER_NAME", "corp.example\\ann", "-COMPUTER_NAME", "CORP\\WS01")
         both = ("-report_logoff", "/REPORT_HEARTBEAT")
         refused = []
@@ -118,8 +121,7 @@ class Programs(MachineTest):
                 self.assertEqual(bool(wrong), self.log().count("Unable to report "))
 
     def test_the_commands_of_readme_typed_by_hand_end_with_reports_on_the_screen(self):
-        with open(f"{SOURCE}/README.md", encoding="utf-8") as file:
-            block = re.search(r"^Or by hand.*\n\n((?:    .*\n|\n)+)", file.read(), re.M)[1]
+        block = re.search(r"^Or by hand.*\n\n((?:    .*\n|\n)+)", text_of(f"{SOURCE}/README.md"), re.M)[1]
         commands = [line.strip() for line in block.splitlines() if line.strip()]
         build = [line for line in commands if line.startswith(("packaging/", "cmake "))]
         self.assertEqual(2, len(build), commands)

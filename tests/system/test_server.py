@@ -11,7 +11,7 @@ import struct
 import subprocess
 import threading
 
-from machine import PATIENCE, SOURCE, MachineTest
+from machine import PATIENCE, SOURCE, MachineTest, text_of
 from wire import answer, encode
 
 FULL = encode(2, "10.0.0.5", ("CORP\\jdoe", "CN=J Doe", "OU=People"), ("CORP\\WS1", "CN=WS1", "OU=Desks"),
@@ -55,8 +55,7 @@ class ReferenceServer(MachineTest):
     def finish(self):
         """What it printed, and what it complained of."""
         _, complaints = self.end(self.server)
-        with open(self.reports, encoding="utf-8") as file:
-            return file.read(), complaints
+        return text_of(self.reports), complaints
 
     def test_each_request_is_answered_over_both_transports_and_printed_field_by_field(self):
         self.open("--json")
@@ -210,7 +209,7 @@ class ReferenceServer(MachineTest):
         self.end(self.server)
         self.feed()
         self.consume("seen")
-        seen = pathlib.Path(f"{self.root}/seen")
-        self.until(lambda: seen.read_text("utf-8").count("\n") == 3, "three lines")
+        seen = f"{self.root}/seen"
+        self.until(lambda: text_of(seen).count("\n") == 3, "three lines")
         self.until_acknowledged()
-        self.assertEqual(["'logon'", "unreadable", "'logon'"], [line.split()[0] for line in seen.read_text("utf-8").splitlines()])
+        self.assertEqual(["'logon'", "unreadable", "'logon'"], [line.split()[0] for line in text_of(seen).splitlines()])

@@ -11,7 +11,7 @@ import subprocess
 import threading
 import time
 
-from machine import PATIENCE, SOURCE, MachineTest, xml
+from machine import PATIENCE, SOURCE, MachineTest, text_of, xml
 from wire import answer
 
 REPORTS = 300
@@ -34,8 +34,7 @@ class Service(MachineTest):
         return self.start(*arguments, wait=False, stderr=stderr, env={"NOTIFY_SOCKET": f"{self.root}/notify", **environment})
 
     def told(self, *messages):
-        for message in messages:
-            self.assertEqual(message, self.manager.recv(4096).decode())
+        self.assertEqual(messages, tuple(self.manager.recv(4096).decode() for _ in messages))
 
     def test_starts_runs_and_stops_as_the_manager_is_told(self):
         self.ctl("init")  # no identity server: initialisation fails
@@ -53,8 +52,8 @@ class Service(MachineTest):
 
     def test_with_the_units_environment_the_log_of_a_crash_is_kept(self):
         self.prepare()
-        with open(f"{SOURCE}/packaging/systemd/keldwick.service", encoding="utf-8") as unit:
-            given = dict(line.strip().split("=", 2)[1:] for line in unit if line.startswith("Environment="))
+        unit = text_of(f"{SOURCE}/packaging/systemd/keldwick.service")
+        given = dict(line.split("=", 2)[1:] for line in unit.splitlines() if line.startswith("Environment="))
         del given["KELDWICK_ROOT"]
         for times in (1, 2):
             agent = self.run_service(**given)
@@ -126,8 +125,7 @@ class Service(MachineTest):
         imported.set()
         self.until_logged("Logon reported", REPORTS)
         self.shut_down(agent)
-        with open(f"{self.root}/trace", encoding="utf-8", errors="replace") as file:
-            lines = file.read().splitlines()
+        lines = text_of(f"{self.root}/trace").splitlines()
         worker = lines[0].split()[0]
         calls = [call[1] for line in lines if (call := re.match(worker + r" +(\w+)\(", line))]
         sent = [i for i, call in enumerate(calls) if call == "sendto"][-REPORTS:]  # before: look-ups of names
