@@ -177,10 +177,14 @@ class ReferenceServer(MachineTest):
         self.report(300, 400)
         self.redis()
         self.until(lambda: len(self.streamed()) >= 400, "reports of while Redis was away")
-        self.feed()
+        other = self.feed()
         self.until(lambda: self.ask("CLIENT", "LIST").count("id=") == 3, "two feeds beside this one who asks")
-        self.report(400, 500)
-        self.until(lambda: len(self.streamed()) >= 500, "reports of two feeds at once")
+        going, stopped = signal.SIGCONT, signal.SIGSTOP
+        for last, one, two in ((450, stopped, going), (475, going, stopped), (500, going, going)):
+            feed.send_signal(one)
+            other.send_signal(two)
+            self.report(len(self.streamed()), last)
+            self.until(lambda: len(self.streamed()) >= last, "reports of two feeds")
         self.assertEqual(list(range(500)), self.streamed())
 
         def seen():  # the last line of a killed one may not be whole
