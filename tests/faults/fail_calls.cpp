@@ -65,7 +65,6 @@ struct SITE_COUNT {
 struct SHARED {
     std::atomic<int64_t> clockOffset;  // nanoseconds
     std::atomic<uint64_t> fired;
-    uint64_t sites;
     uint64_t overflowed;
     SITE_COUNT counts[MostSites];
 };
@@ -78,43 +77,23 @@ struct PLAN {
     char error[16] = "";
 };
 
-std::atomic<bool> Begun = false;   // before main there is nobody to tell
+SHARED* Shared = nullptr;  // from main on: before it there is nobody to tell
+PLAN Plan;
+std::mutex CountLock;
 thread_local bool Inside = false;  // the harness's own calls do not count
 
-struct FAULTS {
-    SHARED* shared = nullptr;
-    PLAN plan;
-    std::mutex lock;
-
-    FAULTS() {
-        const bool before = std::exchange(Inside, true);
-        Map();
-        Inside = before;
+void ReadEnvironment() {
+    const char *const path = std::getenv("FAULTS_SHARED"), *const text = std::getenv("FAULTS_PLAN");
+    const int fd = path != nullptr ? ::open(path, O_RDWR | O_CLOEXEC) : -1;
+    if (fd < 0) return;
+    void* const mapped = mmap(nullptr, sizeof(SHARED), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    ::close(fd);
+    if (text != nullptr &&
+        sscanf(text, "%95s %lx %lu %lx %15s", Plan.call, &Plan.site, &Plan.skip, &Plan.result, Plan.error) != 5) {
+        fprintf(stderr, "FAULTS_PLAN is not understood: %s\n", text);
+        _exit(99);
     }
-
-private:
-    void Map() {
-        const char* const path = std::getenv("FAULTS_SHARED");
-        const int fd = path != nullptr ? ::open(path, O_RDWR | O_CLOEXEC) : -1;
-        if (fd < 0) return;
-        void* const mapped = mmap(nullptr, sizeof(SHARED), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-        ::close(fd);
-        if (mapped == MAP_FAILED) return;
-        const char* const text = std::getenv("FAULTS_PLAN");
-        if (text != nullptr &&
-            sscanf(text, "%95s %lx %lu %lx %15s", plan.call, &plan.site, &plan.skip, &plan.result, plan.error) != 5) {
-            fprintf(stderr, "FAULTS_PLAN is not understood: %s\n", text);
-            _exit(99);
-        }
-        shared = static_cast<SHARED*>(mapped);
-    }
-};
-
-// Made by the first call, whenever that is.
-FAULTS& Faults() {
-    alignas(FAULTS) static char memory[sizeof(FAULTS)];
-    static FAULTS& faults = *new (memory) FAULTS;
-    return faults;
+    if (mapped != MAP_FAILED) Shared = static_cast<SHARED*>(mapped);
 }
 
 struct STACK {
@@ -143,43 +122,34 @@ uint64_t SiteOf(const char* call, const STACK& stack) {
     return hash;
 }
 
-void Count(FAULTS& faults, const char* call, uint64_t site, const STACK& stack) {
-    const std::lock_guard guard(faults.lock);
-    SHARED& shared = *faults.shared;
+void Count(const char* call, uint64_t site, const STACK& stack) {
+    const std::lock_guard guard(CountLock);
     for (size_t step = 0; step < MostSites; ++step) {
-        SITE_COUNT& entry = shared.counts[(site + step) % MostSites];
+        SITE_COUNT& entry = Shared->counts[(site + step) % MostSites];
         if (entry.count == 0) {
             strncpy(entry.call, call, sizeof entry.call - 1);
             entry.site = site;
             std::copy(stack.frames.begin(), stack.frames.end(), entry.frames);
-            ++shared.sites;
         }
         if (entry.site == site) {
             ++entry.count;
             return;
         }
     }
-    ++shared.overflowed;
+    ++Shared->overflowed;
 }
 
-bool IsPlanned(FAULTS& faults, uint64_t site) {
-    if (site != faults.plan.site) return false;
-    const std::lock_guard guard(faults.lock);
-    if (faults.shared->fired != 0) return false;
-    if (faults.plan.skip > 0) {
-        --faults.plan.skip;
-        return false;
-    }
-    faults.shared->fired = 1;
+bool IsPlanned(uint64_t site) {
+    if (site != Plan.site) return false;
+    const std::lock_guard guard(CountLock);
+    if (Shared->fired != 0 || Plan.skip-- > 0) return false;
+    Shared->fired = 1;
     return true;
 }
 
 // ---- The clock ----
 
-int64_t Offset() {
-    const SHARED* const shared = Faults().shared;
-    return shared != nullptr ? shared->clockOffset.load() : 0;
-}
+int64_t Offset() { return Shared != nullptr ? Shared->clockOffset.load() : 0; }
 
 int64_t Nanoseconds(const timespec& time) { return time.tv_sec * Second + time.tv_nsec; }
 timespec SpanOf(int64_t nanoseconds) { return {nanoseconds / Second, nanoseconds % Second}; }
@@ -190,23 +160,22 @@ int64_t Now(clockid_t clock) {
     return Nanoseconds(now) + Offset();
 }
 
-// A timer whose time comes earlier when the clock is moved. Timers of the program that are not here are not moved.
+// A timer whose time comes earlier when the clock is moved, by its descriptor. Timers that are not here are not moved.
 struct ARMED {
-    int fd = -1;
-    int64_t due = 0;  // on the moved monotonic clock
-    itimerspec repeat{};
+    int64_t due = 0;  // on the moved monotonic clock; 0: not armed
+    timespec repeat{};
 };
 std::mutex ArmedLock;
-std::array<ARMED, 32> Armed;
+std::array<ARMED, 1024> Armed;
 
 void FireDueTimers() {
     const int64_t now = Now(CLOCK_MONOTONIC);
     const std::lock_guard guard(ArmedLock);
-    for (ARMED& timer : Armed) {
-        if (timer.fd < 0 || timer.due > now) continue;
-        itimerspec atOnce{timer.repeat.it_interval, {0, 1}};
-        __real_timerfd_settime(timer.fd, 0, &atOnce, nullptr);
-        timer.fd = -1;
+    for (size_t fd = 0; fd < Armed.size(); ++fd) {
+        if (Armed[fd].due == 0 || Armed[fd].due > now) continue;
+        const itimerspec atOnce{Armed[fd].repeat, {0, 1}};
+        __real_timerfd_settime(static_cast<int>(fd), 0, &atOnce, nullptr);
+        Armed[fd].due = 0;
     }
 }
 
@@ -215,41 +184,31 @@ void FireDueTimers() {
 extern "C" {
 
 int FaultsFires(const char* call, const void* caller) {
-    if (Inside || !Begun) return 0;
+    if (Inside || Shared == nullptr || (Plan.call[0] != '\0' && strcmp(call, Plan.call) != 0)) return 0;
     Inside = true;
     const int before = errno;
-    FAULTS& faults = Faults();
-    bool fires = false;
-    if (faults.shared != nullptr && (faults.plan.call[0] == '\0' || strcmp(call, faults.plan.call) == 0)) {
-        STACK stack;
-        stack.caller = reinterpret_cast<uintptr_t>(caller);
-        _Unwind_Backtrace(TakeFrame, &stack);
-        const uint64_t site = SiteOf(call, stack);
-        if (faults.plan.call[0] == '\0')
-            Count(faults, call, site, stack);
-        else
-            fires = IsPlanned(faults, site);
-    }
+    STACK stack;
+    stack.caller = reinterpret_cast<uintptr_t>(caller);
+    _Unwind_Backtrace(TakeFrame, &stack);
+    const uint64_t site = SiteOf(call, stack);
+    const bool fires = Plan.call[0] != '\0' && IsPlanned(site);
+    if (Plan.call[0] == '\0') Count(call, site, stack);
     errno = before;
-    if (fires) {
-        FaultsResult = faults.plan.result;
-        const std::string_view error = faults.plan.error;
-        if (error == "bad_alloc" || error == "thread") {
-            Inside = false;
-            if (error == "thread") throw std::system_error(EAGAIN, std::generic_category());
-            throw std::bad_alloc();
-        }
-        if (error[0] == 'w')
-            SetLastError(static_cast<DWORD>(atoi(faults.plan.error + 1)));
-        else if (error != "-")
-            errno = atoi(faults.plan.error);
-    }
     Inside = false;
-    return fires;
+    if (!fires) return 0;
+    FaultsResult = Plan.result;
+    const std::string_view error = Plan.error;
+    if (error == "thread") throw std::system_error(EAGAIN, std::generic_category());
+    if (error == "bad_alloc") throw std::bad_alloc();
+    if (error[0] == 'w')
+        SetLastError(static_cast<DWORD>(atoi(Plan.error + 1)));
+    else if (error != "-")
+        errno = atoi(Plan.error);
+    return 1;
 }
 
 int __wrap_main(int count, char** arguments) {
-    Begun = true;
+    ReadEnvironment();
     return __real_main(count, arguments);
 }
 
@@ -288,68 +247,59 @@ int __wrap_poll(pollfd* polled, nfds_t count, int milliseconds) {
 int __wrap_timerfd_settime(int fd, int flags, const itimerspec* wanted, itimerspec* former) {
     if (FaultsFires("timerfd_settime", __builtin_return_address(0))) return static_cast<int>(FaultsResult);
     itimerspec real = *wanted;
-    ARMED timer{fd, Nanoseconds(wanted->it_value), *wanted};
-    const bool armed = timer.due != 0;
+    int64_t due = Nanoseconds(wanted->it_value);
     // An absolute time is one of the monotonic clock, or a wall-clock time (the file's rename at midnight), left alone.
-    const bool wallClock = (flags & TFD_TIMER_ABSTIME) != 0 && timer.due > Now(CLOCK_MONOTONIC) + 1'000'000 * Second;
-    if (armed && (flags & TFD_TIMER_ABSTIME) != 0 && !wallClock)
-        real.it_value = SpanOf(std::max<int64_t>(timer.due - Offset(), 1));
-    if ((flags & TFD_TIMER_ABSTIME) == 0) timer.due += Now(CLOCK_MONOTONIC);
+    const bool absolute = (flags & TFD_TIMER_ABSTIME) != 0;
+    if (absolute && due > Now(CLOCK_MONOTONIC) + 1'000'000 * Second)
+        due = 0;
+    else if (absolute && due != 0)
+        real.it_value = SpanOf(std::max<int64_t>(due - Offset(), 1));
+    else if (due != 0)
+        due += Now(CLOCK_MONOTONIC);
     {
         const std::lock_guard guard(ArmedLock);
-        for (ARMED& other : Armed)
-            if (other.fd == fd) other.fd = -1;
-        const auto room = std::find_if(Armed.begin(), Armed.end(), [](const ARMED& one) { return one.fd < 0; });
-        if (armed && !wallClock && room != Armed.end()) *room = timer;
+        if (static_cast<size_t>(fd) < Armed.size()) Armed[fd] = {due, wanted->it_interval};
     }
     return __real_timerfd_settime(fd, flags, &real, former);
 }
 
-// A wrapper of any signature: asks, and either goes on to the real function with all its arguments or returns.
-#define FAULTS_CALL(NAME)                                    \
-    asm(".section .rodata\n"                                 \
-        ".Lname_" #NAME ": .string \"" #NAME                 \
-        "\"\n"                                               \
-        ".text\n"                                            \
-        ".globl __wrap_" #NAME                               \
-        "\n"                                                 \
-        ".type __wrap_" #NAME                                \
-        ",@function\n"                                       \
-        "__wrap_" #NAME                                      \
-        ":\n"                                                \
-        ".cfi_startproc\n"                                   \
-        "push %rbp\n"                                        \
-        ".cfi_def_cfa_offset 16\n"                           \
-        ".cfi_offset 6,-16\n"                                \
-        "mov %rsp,%rbp\n"                                    \
-        ".cfi_def_cfa_register 6\n"                          \
-        "sub $192,%rsp\n"                                    \
-        "mov %rdi,-8(%rbp)\nmov %rsi,-16(%rbp)\n"            \
-        "mov %rdx,-24(%rbp)\nmov %rcx,-32(%rbp)\n"           \
-        "mov %r8,-40(%rbp)\nmov %r9,-48(%rbp)\n"             \
-        "mov %rax,-56(%rbp)\n"                               \
-        "movups %xmm0,-80(%rbp)\nmovups %xmm1,-96(%rbp)\n"   \
-        "movups %xmm2,-112(%rbp)\nmovups %xmm3,-128(%rbp)\n" \
-        "lea .Lname_" #NAME                                  \
-        "(%rip),%rdi\n"                                      \
-        "mov 8(%rbp),%rsi\n"                                 \
-        "call FaultsFires\n"                                 \
-        "test %eax,%eax\n"                                   \
-        "mov -8(%rbp),%rdi\nmov -16(%rbp),%rsi\n"            \
-        "mov -24(%rbp),%rdx\nmov -32(%rbp),%rcx\n"           \
-        "mov -40(%rbp),%r8\nmov -48(%rbp),%r9\n"             \
-        "mov -56(%rbp),%rax\n"                               \
-        "movups -80(%rbp),%xmm0\nmovups -96(%rbp),%xmm1\n"   \
-        "movups -112(%rbp),%xmm2\nmovups -128(%rbp),%xmm3\n" \
-        "leave\n"                                            \
-        ".cfi_def_cfa 7,8\n"                                 \
-        "jnz 1f\n"                                           \
-        "jmp __real_" #NAME                                  \
-        "@PLT\n"                                             \
-        "1: mov FaultsResult(%rip),%rax\n"                   \
-        "ret\n"                                              \
-        ".cfi_endproc\n"                                     \
-        ".size __wrap_" #NAME ",.-__wrap_" #NAME "\n");
+// A wrapper of any signature without floating-point numbers: asks, and either goes on to the real function with all its
+// arguments or returns.
+asm(R"(
+    .macro FAULTS_CALL name
+    .pushsection .rodata
+.Lname_\name: .string "\name"
+    .popsection
+    .globl __wrap_\name
+    .type __wrap_\name, @function
+__wrap_\name:
+    .cfi_startproc
+    push %rbp
+    .cfi_def_cfa_offset 16
+    .cfi_offset 6, -16
+    mov %rsp, %rbp
+    .cfi_def_cfa_register 6
+    .irp argument, rdi, rsi, rdx, rcx, r8, r9, rax, r10
+    push %\argument
+    .endr
+    lea .Lname_\name(%rip), %rdi
+    mov 8(%rbp), %rsi
+    call FaultsFires
+    test %eax, %eax
+    .irp argument, r10, rax, r9, r8, rcx, rdx, rsi, rdi
+    pop %\argument
+    .endr
+    leave
+    .cfi_def_cfa 7, 8
+    jnz 1f
+    jmp __real_\name@PLT
+1:  mov FaultsResult(%rip), %rax
+    ret
+    .cfi_endproc
+    .size __wrap_\name, . - __wrap_\name
+    .endm
+)");
+#define FAULTS_CALL(NAME) asm("FAULTS_CALL " #NAME);
 #include "wrapped_calls.inc"
 }
 
@@ -360,17 +310,12 @@ void* operator new(size_t bytes) {
     if (void* const memory = __real_malloc(bytes)) return memory;
     throw std::bad_alloc();
 }
-void* operator new[](size_t bytes) {
-    if (FaultsFires("new", __builtin_return_address(0))) throw std::bad_alloc();
-    if (void* const memory = __real_malloc(bytes)) return memory;
-    throw std::bad_alloc();
-}
 void* operator new(size_t bytes, const std::nothrow_t&) noexcept {
     return FaultsFires("new(nothrow)", __builtin_return_address(0)) ? nullptr : __real_malloc(bytes);
 }
-void* operator new[](size_t bytes, const std::nothrow_t&) noexcept {
-    return FaultsFires("new(nothrow)", __builtin_return_address(0)) ? nullptr : __real_malloc(bytes);
-}
+// The same for arrays: not by a call of theirs, which would be the place that made the call.
+void* operator new[](size_t) __attribute__((alias("_Znwm")));
+void* operator new[](size_t, const std::nothrow_t&) noexcept __attribute__((alias("_ZnwmRKSt9nothrow_t")));
 void operator delete(void* memory) noexcept { std::free(memory); }
 void operator delete[](void* memory) noexcept { std::free(memory); }
 void operator delete(void* memory, size_t) noexcept { std::free(memory); }

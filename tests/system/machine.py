@@ -1,17 +1,21 @@
 """A machine root of a test's own with the built programs: settings and events through keldwickctl, the agent as a process,
 its log as messages."""
+import contextlib
 import json
 import os
 import re
 import shutil
+import signal
 import subprocess
 import tempfile
 import time
 import unittest
+from pathlib import Path
 
 from wire import Server
 
 BIN = os.environ["KELDWICK_BIN"]
+SOURCE = os.path.realpath(f"{os.path.dirname(__file__)}/../..")
 STAMP = re.compile(r"^\d{4}/\d\d/\d\d \d\d:\d\d:\d\d [AP]M KDWK: \(\d+\.\d+\) ", re.M)
 PATIENCE = 30  # seconds until a thing that must happen counts as missing; sanitizers are slow
 
@@ -19,10 +23,25 @@ EVENT = """<Event xmlns="http://schemas.microsoft.com/win/2004/08/events/event">
 <EventID>4624</EventID><TimeCreated SystemTime="2026-11-16T08:00:12.5Z"/><Computer>DC1</Computer></System><EventData>"""
 
 
+def logon_strings(user, address, workstation):
+    return ["S-1-0-0", "-", "-", "0x0", "S-1-5-21-1-2-3-1104", user, "CORP", "0x1a2b", "3", "NtLmSsp", "NTLM", workstation,
+            "{0}", "-", "-", "0", "0x0", "-", address, "49152"]
+
+
 def xml(user, address, workstation="WS1"):
-    strings = ["S-1-0-0", "-", "-", "0x0", "S-1-5-21-1-2-3-1104", user, "CORP", "0x1", "3", "K", "K", workstation, "{0}", "-",
-               "-", "0", "0x0", "-", address, "1"]
-    return EVENT + "".join(f"<Data>{each}</Data>" for each in strings) + "</EventData></Event>"
+    data = "".join(f"<Data>{each}</Data>" for each in logon_strings(user, address, workstation))
+    return f"{EVENT}{data}</EventData></Event>"
+
+
+def text_of(path):
+    return Path(path).read_text("utf-8")
+
+
+def opened_by(process):
+    """What the descriptors of a process lead to."""
+    for each in os.listdir(f"/proc/{process.pid}/fd"):
+        with contextlib.suppress(FileNotFoundError):
+            yield os.readlink(f"/proc/{process.pid}/fd/{each}")
 
 
 class AgentTest(unittest.TestCase):
@@ -35,8 +54,7 @@ class AgentTest(unittest.TestCase):
 
     def end_agents(self):
         for agent in self.agents:
-            if agent.poll() is None:
-                agent.kill()
+            agent.kill()  # unless it has ended
             agent.communicate()
 
     def until(self, condition, what):
@@ -49,11 +67,9 @@ class AgentTest(unittest.TestCase):
         self.until(lambda: self.log().count(text) >= times, text)
 
     def log(self):
-        try:
-            with open(f"{self.home}/Keldwick.log", encoding="utf-8", newline="") as file:
-                return file.read().replace("\r\n", "\n")
-        except FileNotFoundError:
-            return ""
+        with contextlib.suppress(FileNotFoundError):
+            return Path(f"{self.home}/Keldwick.log").read_bytes().decode().replace("\r\n", "\n")
+        return ""
 
     def messages(self):
         return [message.strip("\n") for message in STAMP.split(self.log())[1:]]
@@ -78,6 +94,14 @@ class MachineTest(AgentTest):
         self.agents.append(subprocess.Popen(command, **{"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, "text": True,
                                                         "env": environment, **options}))
         return self.agents[-1]
+
+    def end(self, program, how=signal.SIGTERM):
+        """Ends a program, which takes the wish as a good end. What it had printed, on both streams."""
+        program.send_signal(how)
+        said = program.communicate(timeout=PATIENCE)
+        self.agents.remove(program)
+        self.assertEqual(-how if how == signal.SIGKILL else 0, program.returncode, said)
+        return said
 
     def ctl(self, *arguments, code=0, text=None):
         """What keldwickctl prints when it ends with that code."""
@@ -119,8 +143,7 @@ class MachineTest(AgentTest):
 
     def logon(self, user, ip, workstation="-"):
         self.ctl("events", "write", "--id", "4624", "--source", "Microsoft-Windows-Security-Auditing", "--computer",
-                 "DC1.corp.example", "--", "S-1-0-0", "-", "-", "0x0", "S-1-5-21-1-2-3-1104", user, "CORP", "0x1a2b", "3",
-                 "NtLmSsp", "NTLM", workstation, "{0}", "-", "-", "0", "0x0", "-", ip, "49152")
+                 "DC1.corp.example", "--", *logon_strings(user, ip, workstation))
 
     def shut_down(self, agent):
         self.ctl("settings", "set", "Shutdown", "1")

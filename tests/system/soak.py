@@ -4,7 +4,6 @@ after each step that what was written is reported exactly once or is known not t
 descriptors, threads and memory do not grow. The seed decides everything but the timing, so that a run can be repeated."""
 import argparse
 import collections
-import contextlib
 import os
 import random
 import re
@@ -19,13 +18,13 @@ import unittest
 
 os.environ.setdefault("KELDWICK_BIN", os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../build/dev/bin"))
 
-from machine import BIN, MachineTest, xml
+from machine import BIN, MachineTest, opened_by, text_of, xml
 from soak_model import Messages, Model, Record, Violation
 from test_feeds import LOG_SIZE, authentication
 from wire import answer, certificate
 
 
-class Machine(MachineTest):
+class Soak(MachineTest):
     """The real programs with what they meet. Writes records, waits, and compares what is to be seen with the model."""
     patience = 60
     address = f"127.61.{os.getpid() % 250}.1"  # so that several may run side by side
@@ -40,8 +39,7 @@ class Machine(MachineTest):
         self.manager = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
         self.addCleanup(self.manager.close)
         self.manager.bind(f"{self.root}/notify")
-        for name in (self.audit, self.said):
-            open(name, "w").close()
+        open(self.audit, "w").close()
         self.tls = certificate(self.root)
         self.live()
         self.prepare(protocol="auto")
@@ -97,9 +95,8 @@ class Machine(MachineTest):
         records = []
         for _ in range(count):
             self.number += 1
-            fields = {"user": f"CORP\\u{self.number}", "ip": f"10.5.0.{self.random.randrange(1, 60)}",
-                      "computer": f"CORP\\WS{self.number}", "source": source, **changes}
-            records.append(Record(**fields))
+            records.append(Record(**{"user": f"CORP\\u{self.number}", "ip": f"10.5.0.{self.random.randrange(1, 60)}",
+                                     "computer": f"CORP\\WS{self.number}", "source": source, **changes}))
         return records
 
     def again(self, source):
@@ -160,9 +157,6 @@ class Machine(MachineTest):
         if not self.wait(condition, self.patience):
             raise Violation(f"never came within {self.patience} s: {what}")
 
-    def until_heard(self, text, since):
-        self.until(lambda: any(text in each for each in self.heard[since:]), text)
-
     def may_lose(self, records=None):
         """From here to resume() records may be lost as one run; so may these, or else what the feed has yet to write."""
         self.model.open_gap([each for each in self.model.pending if each.source == "feed"] if records is None else records)
@@ -197,9 +191,8 @@ class Machine(MachineTest):
 
     def check_identities(self):
         """The list is right within 80 s even if its last writing took long."""
-        def listed():
-            return {each["address"]: (each["user"], each["computer"]) for each in self.ctl_lines("identities")}
-        self.until_same("identities", lambda: self.model.table, listed)
+        self.until_same("identities", lambda: self.model.table, lambda: {
+            each["address"]: (each["user"], each["computer"]) for each in self.ctl_lines("identities")})
 
     def check(self):
         self.slow_answers = 0
@@ -209,32 +202,18 @@ class Machine(MachineTest):
         if self.baseline is None:
             self.baseline = self.resources()
         self.until_same("descriptors, threads, memory to spare", lambda: (*self.baseline[:2], True),
-                        lambda: (*self.resources()[:2], self.resources()[2] <= self.baseline[2] + self.margin()))
+                        lambda: (*(now := self.resources())[:2], now[2] <= self.baseline[2] + now[3]))
 
     def resources(self):
-        kinds = collections.Counter()
-        for each in os.listdir(f"/proc/{self.agent.pid}/fd"):
-            with contextlib.suppress(FileNotFoundError):
-                kinds[re.sub(r"\d+", "N", os.readlink(f"/proc/{self.agent.pid}/fd/{each}"))] += 1
-        with open(f"/proc/{self.agent.pid}/status") as file:
-            status = dict(line.split(":", 1) for line in file)
-        return kinds, int(status["Threads"]), int(status["VmRSS"].split()[0])
+        """Kinds of descriptors, threads, KiB of memory, and how many it may grow: sanitizers keep what was freed."""
+        kinds = collections.Counter(re.sub(r"\d+", "N", each) for each in opened_by(self.agent))
+        status = dict(line.split(":", 1) for line in text_of(f"/proc/{self.agent.pid}/status").splitlines())
+        reserved, resident = (int(status[each].split()[0]) for each in ("VmSize", "VmRSS"))
+        margin = 256 * 1024 if reserved > 1 << 30 else 1024  # nothing else reserves a tebibyte
+        return kinds, int(status["Threads"]), resident, margin
 
-    def margin(self):
-        """KiB that the memory may grow; sanitizers keep what was freed."""
-        with open(f"/proc/{self.agent.pid}/status") as file:
-            reserved = int(re.search(r"VmSize:\s+(\d+)", file.read())[1])
-        return 256 * 1024 if reserved > 1 << 30 else 1024  # nothing else reserves a tebibyte
+    # What goes wrong.
 
-    def poke(self):
-        """Ends the agent's pause between two attempts: another protocol, which every server speaks."""
-        self.protocol = 0 if self.protocol else 1
-        self.may_lose()
-        self.ctl("settings", "set", "IdentProtocol", str(self.protocol))
-        self.resume()
-
-
-class Soak(Machine):
     def step_server_dies(self):
         self.slow, self.slow_answers = 0.02, 20
         self.burst(12)
@@ -244,7 +223,10 @@ class Soak(Machine):
         time.sleep(self.random.random())
         self.slow_answers = 0
         self.live()
-        self.poke()
+        self.protocol = 0 if self.protocol else 1  # another, which every server speaks, ends the agent's pause
+        self.may_lose()
+        self.ctl("settings", "set", "IdentProtocol", str(self.protocol))
+        self.resume()
 
     def step_server_answers_slowly(self):
         self.slow, self.slow_answers = self.random.uniform(0.2, 1.5), 2
@@ -257,7 +239,7 @@ class Soak(Machine):
         self.may_lose()
         self.ctl("events", "clear")
         self.burst(6)
-        self.until_heard("Security event log reopened", since)
+        self.until(lambda: any("Security event log reopened" in each for each in self.heard[since:]), "it is reopened")
         self.resume()
 
     def step_log_wraps(self):
@@ -289,8 +271,7 @@ class Soak(Machine):
         self.burst(10)
         time.sleep(self.random.random() / 5)
         self.listen()
-        self.agent.kill()
-        self.agent.wait()
+        self.end(self.agent, signal.SIGKILL)
         time.sleep(0.3)  # what was on its way arrives
         self.may_lose(list(self.model.pending))
         self.away(True)
@@ -322,8 +303,7 @@ class Soak(Machine):
             self.settle(probes=False)
         self.say(self.new("feed", 40))
         time.sleep(self.random.random() / 10)
-        self.feed.kill()
-        self.feed.wait()
+        self.end(self.feed, signal.SIGKILL)
         self.say(self.new("feed", 5))
         self.start_feed()
 

@@ -9,12 +9,11 @@ import struct
 import subprocess
 import threading
 import time
-import unittest
 
-from machine import BIN, MachineTest
+from machine import BIN, SOURCE, MachineTest
 from wire import answer, certificate, decode, encode
 
-SCRIPT = os.path.realpath(f"{os.path.dirname(__file__)}/../../packaging/wireshark/keldwick.lua")
+SCRIPT = f"{SOURCE}/packaging/wireshark/keldwick.lua"
 EXPERTS = ("wrong_length", "wrong_value", "stray", "cut", "groups_not_sent", "unasked", "late", "pieces", "unanswered")
 
 
@@ -74,12 +73,12 @@ def messages(path, *options):
     found = {}
     for packet in json.loads(tshark(path, "-T", "json", "--no-duplicate-keys", "-J", "keldwick tcp", *options)):
         layers = packet["_source"]["layers"]
-        for layer in [layers[name] for name in layers if name == "keldwick"]:
-            for one in layer if isinstance(layer, list) else [layer]:
-                fields = {}
-                flatten(one, fields)
-                fields["experts"] = sorted(set(EXPERTS) & set(fields))
-                found.setdefault(int(layers["tcp"]["tcp.stream"]), []).append(fields)
+        layer = layers.get("keldwick", [])
+        for one in layer if isinstance(layer, list) else [layer]:
+            fields = {}
+            flatten(one, fields)
+            fields["experts"] = sorted(set(EXPERTS) & set(fields))
+            found.setdefault(int(layers["tcp"]["tcp.stream"]), []).append(fields)
     return found
 
 
@@ -112,23 +111,29 @@ class Dissector(MachineTest):
             self.assertEqual(fields.get(block, ()), parts)
         self.assertEqual(fields["groups"], list(zip(shown.get("group", []), shown.get("group.dn", []))))
 
+    def exchange(self, protocol, logons, answered):
+        """Captures what passes between the agent and the server while the logons are reported."""
+        port = 1306 if protocol == "tcp" else 1308
+        passed = relay(self.address, self.behind, port)
+        self.prepare(protocol)
+        agent = self.start()
+        for user, ip in logons:
+            self.logon(user, ip, "WS1")
+        self.until(answered, "the answers")
+        self.shut_down(agent)
+        capture(f"{self.root}/real", passed, port)
+
     def test_a_real_exchange_is_shown_as_it_was_sent(self):
-        for protocol, port in (("tcp", 1306), ("tcps", 1308)):
+        for protocol in ("tcp", "tcps"):
             with self.subTest(protocol=protocol):
                 keys, wires = f"{self.root}/keys", []
-                server = self.serve(self.behind, tls_files=certificate(self.root) if port == 1308 else None,
+                server = self.serve(self.behind, tls_files=certificate(self.root) if protocol == "tcps" else None,
                                     reply=lambda link, wire, fields: (wires.append(wire), link.sendall(answer(fields["id"], 7))))
                 if server.tls:
                     server.tls.keylog_filename = keys
-                exchange = relay(self.address, self.behind, port)
-                self.prepare(protocol)
-                agent = self.start()
-                for user, ip in (("ann", "10.9.8.7"), ("bob", "10.9.8.7"), ("\U0001F980 \u202e", "2001:db8::7")):
-                    self.logon(user, ip, "WS1")
-                self.until(lambda: len(wires) == 4, "four requests")
-                self.shut_down(agent)
+                logons = ("ann", "10.9.8.7"), ("bob", "10.9.8.7"), ("\U0001F980 \u202e", "2001:db8::7")
+                self.exchange(protocol, logons, lambda: len(wires) == 4)
                 server.close()
-                capture(f"{self.root}/real", exchange, port)
                 for passes in ((), ("-2",)):
                     shown = messages(f"{self.root}/real", "-o", f"tls.keylog_file:{keys}", *passes)[0]
                     self.assertEqual(8, len(shown))
@@ -143,13 +148,7 @@ class Dissector(MachineTest):
         keys = f"{self.root}/keys"
         server = self.begin(f"{BIN}/keldwick-server", "--host", self.behind, "--key-log", keys)
         self.assertIn("listening", server.stderr.readline())
-        exchange = relay(self.address, self.behind, 1308)
-        self.prepare("tcps")
-        agent = self.start()
-        self.logon("ann", "10.9.8.7", "WS1")
-        self.until(lambda: "IdentityReportLogon request status = 0" in self.log(), "the answer")
-        self.shut_down(agent)
-        capture(f"{self.root}/real", exchange, 1308)
+        self.exchange("tcps", [("ann", "10.9.8.7")], lambda: "IdentityReportLogon request status = 0" in self.log())
         self.assertFalse(messages(f"{self.root}/real"), "without them nothing is seen")
         shown = messages(f"{self.root}/real", "-o", f"tls.keylog_file:{keys}")[0]
         self.assertEqual([(["0x20"], None), (None, ["0"])], [(each.get("kind"), each.get("status")) for each in shown], shown)
@@ -238,7 +237,3 @@ class Dissector(MachineTest):
         begun = time.monotonic()
         self.assertGreater(len(messages(f"{self.root}/chance")), 350)
         self.assertLess(time.monotonic() - begun, 60)
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -7,10 +7,9 @@ import subprocess
 import tempfile
 import unittest
 
-from machine import BIN
+from machine import BIN, SOURCE, text_of
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-PACKAGING = f"{HERE}/../../packaging"
+PACKAGING = f"{SOURCE}/packaging"
 ROOT = "/var/lib/keldwick"
 OVERLAY = """mount -t tmpfs tmpfs "$1" && mkdir "$1/upper" "$1/work" "$1/copy" &&
 mount -t overlay overlay -o "lowerdir=/,upperdir=$1/upper,workdir=$1/work" "$1/copy" &&
@@ -65,8 +64,7 @@ class Package(unittest.TestCase):
     def newer(self):
         tree = f"{self.folder}/tree"
         subprocess.run(["dpkg-deb", "--raw-extract", self.package, tree], check=True)
-        with open(f"{tree}/DEBIAN/control", encoding="utf-8") as file:
-            control = file.read()
+        control = text_of(f"{tree}/DEBIAN/control")
         with open(f"{tree}/DEBIAN/control", "w", encoding="utf-8") as file:
             file.write(re.sub(r"(?m)^Version: .*", "Version: 99", control))
         package = f"{self.folder}/newer.deb"
@@ -156,7 +154,6 @@ class Completion(unittest.TestCase):
                 patterns = re.findall(r"(?m)^\s+(--[^)]*)\)", script.read().rpartition(case)[2].partition("esac")[0])
                 self.assertEqual(self.valued(program), set(re.findall(r"[a-z][a-z-]*", " ".join(patterns))))
 
-    environment = {**os.environ, "PATH": f"{BIN}:{os.environ['PATH']}"}
     cases = (("keldwickctl", ["ev"], "events"), ("keldwickctl", ["events", "im"], "import"),
              ("keldwickctl", ["--root", "/tmp", "settings", "se"], "set"), ("keldwickctl", ["settings", "set", "Heart"], "Heartbeat"),
              ("keldwickctl", ["events", "list", "--log", "S"], "Security"), ("keldwickctl", ["init", "--protocol", "tcps"], "tcps"),
@@ -177,9 +174,5 @@ class Completion(unittest.TestCase):
             for program, words, wanted in self.cases:
                 with self.subTest(shell=shell, program=program, words=words):
                     said = subprocess.run([shell, "-c", self.shells[shell], shell, program, *words], capture_output=True, text=True,
-                                          env=self.environment)
+                                          env={**os.environ, "PATH": f"{BIN}:{os.environ['PATH']}"})
                     self.assertEqual(wanted, said.stdout.strip(), said.stderr)
-
-
-if __name__ == "__main__":
-    unittest.main()

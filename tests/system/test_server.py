@@ -1,18 +1,25 @@
-"""The reference server as its clients see it: what it reads, answers, prints and refuses."""
+"""The reference server as its clients see it: what it reads, answers, prints and refuses. And the way of its reports into
+a Redis stream and out of it, by the examples that the package ships."""
 import json
+import os
+import pathlib
+import resource
+import signal
 import socket
 import ssl
 import struct
+import subprocess
 import threading
-import unittest
 
-from machine import PATIENCE, MachineTest
+from machine import PATIENCE, SOURCE, MachineTest, text_of
 from wire import answer, encode
 
 FULL = encode(2, "10.0.0.5", ("CORP\\jdoe", "CN=J Doe", "OU=People"), ("CORP\\WS1", "CN=WS1", "OU=Desks"),
               [("CORP\\Staff", "CN=Staff"), ("CORP\\All", "CN=All")])
 NAME = "a\"\n\r\x1b[2J\x85\u2028\u202e\ud800\U0001F600\u00E4\u00ad\u3164\U000e0041"
 READ = NAME.replace("\ud800", "\ufffd")
+USER = "CORP\\{} '\" \\ \u202e\n"
+EXAMPLES = f"{SOURCE}/packaging/examples"
 
 
 def bare(address=b"\4\x0a\0\0\5", groups=b"\0\0", kind=0x21):
@@ -24,9 +31,11 @@ def bare(address=b"\4\x0a\0\0\5", groups=b"\0\0", kind=0x21):
 class ReferenceServer(MachineTest):
     address = "127.82.0.1"
 
-    def open(self, *options):
-        with open(f"{self.root}/out", "wb") as output:
-            self.server = self.keldwick_server("--status", "4294967295", *options, tls=1308, stdout=output)
+    def open(self, *options, tls=1308, **streams):
+        """Starts the server, which goes on in the file that it writes its reports into."""
+        self.reports = f"{self.root}/reports"
+        with open(self.reports, "ab") as output:
+            self.server = self.keldwick_server("--status", "4294967295", *options, tls=tls, stdout=output, **streams)
 
     def connect(self, port=1306):
         link = socket.create_connection((self.address, port), timeout=PATIENCE)
@@ -45,12 +54,8 @@ class ReferenceServer(MachineTest):
 
     def finish(self):
         """What it printed, and what it complained of."""
-        self.server.terminate()
-        _, complaints = self.server.communicate(timeout=PATIENCE)
-        self.agents.remove(self.server)
-        self.assertEqual(0, self.server.returncode)
-        with open(f"{self.root}/out", encoding="utf-8") as file:
-            return file.read(), complaints
+        _, complaints = self.end(self.server)
+        return text_of(self.reports), complaints
 
     def test_each_request_is_answered_over_both_transports_and_printed_field_by_field(self):
         self.open("--json")
@@ -119,7 +124,96 @@ class ReferenceServer(MachineTest):
         with link.makefile("rb") as heard:
             self.assertTrue(heard.read() == b"".join(answer(ident, 0xFFFFFFFF) for ident in range(many)))
         writer.join()
+    # The way into a Redis stream and out of it.
 
+    def redis(self):
+        program = self.begin("redis-server", "--port", "0", "--unixsocket", f"{self.root}/redis", "--dir", self.root, "--save", "",
+                             "--appendonly", "yes", stdout=subprocess.DEVNULL)
+        self.until(lambda: self.ask("PING") == "PONG", "Redis answers")
+        return program
 
-if __name__ == "__main__":
-    unittest.main()
+    def ask(self, *words):
+        done = subprocess.run(["redis-cli", "-s", f"{self.root}/redis", *words], capture_output=True, text=True, timeout=10)
+        return done.stdout.strip()
+
+    def feed(self):
+        return self.begin(f"{EXAMPLES}/redis-feed.py", f"{self.root}/reports", f"unix://{self.root}/redis")
+
+    def consume(self, name):
+        with open(f"{self.root}/{name}", "wb") as output:
+            return self.begin(f"{EXAMPLES}/redis-consumer.py", f"unix://{self.root}/redis", stdout=output)
+
+    def until_acknowledged(self):
+        self.until(lambda: self.ask("XPENDING", "keldwick", "example").startswith("0"), "acknowledgements")
+
+    def send(self, link, ident):
+        link.sendall(encode(ident, "10.9.8.7", (USER.format(ident), "", ""), ("CORP\\WS1", "", "")))
+        self.assertEqual(answer(ident, 0xFFFFFFFF), link.recv(14))
+
+    def report(self, first, last):
+        self.open("--json")
+        link = self.connect()
+        for ident in range(first, last):
+            self.send(link, ident)
+        self.end(self.server)
+
+    def streamed(self):
+        """The IDs in the stream."""
+        return [json.loads(line)["id"] for line in self.ask("XRANGE", "keldwick", "-", "+").splitlines() if line.startswith("{")]
+
+    def test_each_report_comes_once_whoever_is_killed(self):
+        feed = self.feed()
+        self.assertIn("trying again", feed.stderr.readline())  # neither the file nor Redis is there
+        redis = self.redis()
+        self.report(0, 100)
+        self.until(lambda: len(self.streamed()) == 100, "reports of a feed that was first")
+        self.end(feed, signal.SIGKILL)
+        self.report(100, 200)
+        os.rename(self.reports, self.reports + ".1")
+        self.report(200, 300)
+        feed = self.feed()
+        self.until(lambda: len(self.streamed()) == 300, "reports of two files, of before the feed was started again")
+        self.end(redis, signal.SIGKILL)
+        self.report(300, 400)
+        self.redis()
+        self.until(lambda: len(self.streamed()) >= 400, "reports of while Redis was away")
+        other = self.feed()
+        self.until(lambda: self.ask("CLIENT", "LIST").count("id=") == 3, "two feeds beside this one who asks")
+        going, stopped = signal.SIGCONT, signal.SIGSTOP
+        for last, one, two in ((450, stopped, going), (475, going, stopped), (500, going, going)):
+            feed.send_signal(one)
+            other.send_signal(two)
+            self.report(len(self.streamed()), last)
+            self.until(lambda: len(self.streamed()) >= last, "reports of two feeds")
+        self.assertEqual(list(range(500)), self.streamed())
+
+        def seen():  # the last line of a killed one may not be whole
+            return {line for file in pathlib.Path(self.root).glob("seen*") for line in file.read_text("utf-8").split("\n")[:-1]}
+
+        for enough in (50, 500):
+            consumer = self.consume(f"seen{enough}")
+            self.until(lambda: len(seen()) >= enough, "reports at the consumer")
+            if enough == 500:
+                self.until_acknowledged()
+            self.end(consumer, signal.SIGKILL)
+        self.assertEqual({rf"'logon' '10.9.8.7' {ascii(USER.format(ident))} 'CORP\\WS1'" for ident in range(500)}, seen())
+
+    def test_a_line_that_was_cut_costs_no_other(self):
+        self.redis()
+        self.open("--json", tls=0, restore_signals=False,
+                  preexec_fn=lambda: signal.signal(signal.SIGXFSZ, signal.SIG_IGN))
+        link = self.connect()
+        for ident, room in enumerate((-1, 600, -1)):  # a disk that is full for a while
+            resource.prlimit(self.server.pid, resource.RLIMIT_FSIZE, (room, -1))
+            self.send(link, ident)
+            if room == 600:
+                self.assertIn("cannot print requests", self.server.stderr.readline())
+            else:
+                self.until(lambda: pathlib.Path(self.reports).read_bytes().endswith(b"}\n"), "a whole line")
+        self.end(self.server)
+        self.feed()
+        self.consume("seen")
+        seen = f"{self.root}/seen"
+        self.until(lambda: text_of(seen).count("\n") == 3, "three lines")
+        self.until_acknowledged()
+        self.assertEqual(["'logon'", "unreadable", "'logon'"], [line.split()[0] for line in text_of(seen).splitlines()])

@@ -27,11 +27,8 @@ NO_LEAK_CHECK = "ASAN_OPTIONS=detect_leaks=0"
 KEEP_LOG = "[Service]\nExecStopPost=+/bin/cp /var/lib/keldwick/Keldwick.log /kept\n"
 
 
-def may_boot():
-    return os.geteuid() == 0 and shutil.which("systemd-nspawn") and os.path.exists(INIT)
-
-
-@unittest.skipUnless(may_boot(), "needs root, systemd and systemd-nspawn")
+@unittest.skipUnless(os.geteuid() == 0 and shutil.which("systemd-nspawn") and os.path.exists(INIT),
+                     "needs root, systemd and systemd-nspawn")
 class BootedMachine(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
@@ -171,7 +168,3 @@ class BootedMachine(unittest.TestCase):
             self.until(lambda: self.container.poll() is not None, "the machine is off")
             with open(f"{self.folder}/kept/Keldwick.log", encoding="utf-8") as file:
                 self.assertIn("Stopping Service: Reason = SERVICE_CONTROL_SHUTDOWN", file.read())
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -1,5 +1,6 @@
 """An identity server of the tests' own, written from the protocol alone: decodes requests field by field and answers as a
 script tells it. It shares no code with the agent or the reference server."""
+import contextlib
 import queue
 import socket
 import ssl
@@ -92,13 +93,11 @@ class Server:
             threading.Thread(target=self.accept, args=(self.listeners[-1], port == 1308), daemon=True).start()
 
     def accept(self, listener, secure):
-        try:
+        with contextlib.suppress(OSError):
             while True:
                 connection, _ = listener.accept()
                 connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
                 threading.Thread(target=self.serve, args=(connection, secure), daemon=True).start()
-        except OSError:
-            pass
 
     def serve(self, connection, secure):
         try:
@@ -136,9 +135,7 @@ class Server:
     def close(self):
         """Connections are closed by those who serve them: their descriptors must not be another's while they write."""
         for socket_ in self.listeners + self.connections:
-            try:
+            with contextlib.suppress(OSError):
                 socket_.shutdown(socket.SHUT_RDWR)
-            except OSError:
-                pass
         for listener in self.listeners:
             listener.close()
