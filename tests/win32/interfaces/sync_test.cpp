@@ -108,7 +108,7 @@ TEST(Timers, AreSignalledWhenDue) {
 }
 
 TEST(Timers, EndAWaitForSeveralObjectsHoweverTheyAreArmed) {
-    const OWNED_HANDLE event(CreateEventW(nullptr, FALSE, FALSE, nullptr));
+    const OWNED_HANDLE event(AutoEvent());
     const OWNED_HANDLE timer(CreateWaitableTimerW(nullptr, FALSE, nullptr));
     const HANDLE both[] = {event, timer};
     ASSERT_TRUE(Arm(timer, -10000));
