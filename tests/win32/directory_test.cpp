@@ -59,18 +59,14 @@ protected:
 };
 
 TEST_F(Directory, TranslatesEveryKindOfNameThatIsAskedFor) {
-    const struct {
-        DWORD from;
-        const char* name;
-        DWORD to;
-        const char* wanted;
-    } cases[] = {
+    const std::tuple<DWORD, const char*, DWORD, const char*> cases[] = {
         {Nt4, "corp\\ANN", Dn, "CN=Ann,OU=Ops\\, all,DC=corp"},     {Nt4, "EU\\ann", Dn, "CN=Ann,DC=eu,DC=corp"},
         {Dn, "cn=ann, ou=ops\\2C all, dc=corp", Nt4, "CORP\\ann"},  {Dn, "CN=Ops/Net,DC=corp", Nt4, "CORP\\opsnet"},
         {Dn, "CN=Users,CN=Builtin,DC=corp", Nt4, "BUILTIN\\Users"}, {Simple, "ann@CORP.EXAMPLE", Nt4, "CORP\\ann"},
         {Simple, "ann.a@corp.example", Nt4, "CORP\\ann"},           {Sid, "S-1-5-21-4-5-6-1104", Nt4, "EU\\Ann"},
     };
-    for (const auto& c : cases) EXPECT_EQ((NAME{S_OK, c.wanted}), Translate(c.from, c.name, c.to)) << c.name;
+    for (const auto& [from, name, to, wanted] : cases)
+        EXPECT_EQ((NAME{S_OK, wanted}), Translate(from, name, to)) << name;
     using NAMES = std::vector<std::string>;
     const std::tuple<HRESULT, DWORD, NAMES, DWORD> refused[] = {
         {NotUnique, Simple, {"both@mail.example"}, Nt4},

@@ -11,6 +11,7 @@
 #include <memory>
 #include <numeric>
 #include <random>
+#include <tuple>
 
 #include "tests/win32/fixture.h"
 #include "tests/win32/other_process.h"
@@ -171,19 +172,16 @@ using DAMAGE = LOG_TEST;
 
 TEST_F(DAMAGE, AHarmedHeaderIsMadeOfTheRecordsOrTheLogIsRefused) {
     const auto noEnd = [](std::string& b) { Poke(b, b.size() - 36, 7); };
-    const struct {
-        bool opens;
-        const char* name;
-        std::function<void(std::string&)> act;
-    } harms[] = {{false, "empty file", [](auto& b) { b.clear(); }},
-                 {false, "header cut short", [](auto& b) { b.resize(47); }},
-                 {false, "wrong signature", [](auto& b) { b[4] = 'X'; }},
-                 {false, "wrong header size", [](auto& b) { Poke(b, 0, 0x31); }},
-                 {true, "start inside a record", [](auto& b) { Poke(b, HeaderStart, 52); }},
-                 {true, "end beyond the file", [](auto& b) { Poke(b, HeaderEnd, 0x7FFFFFF0); }},
-                 {true, "next number wrong", [](auto& b) { Poke(b, HeaderCurrent, 900); }},
-                 {true, "next number far off, no end", [&](auto& b) { noEnd(b), Poke(b, HeaderCurrent, 0xFFFFFFF0); }},
-                 {true, "end-of-file record overwritten", noEnd}};
+    const std::tuple<bool, const char*, std::function<void(std::string&)>> harms[] = {
+        {false, "empty file", [](auto& b) { b.clear(); }},
+        {false, "header cut short", [](auto& b) { b.resize(47); }},
+        {false, "wrong signature", [](auto& b) { b[4] = 'X'; }},
+        {false, "wrong header size", [](auto& b) { Poke(b, 0, 0x31); }},
+        {true, "start inside a record", [](auto& b) { Poke(b, HeaderStart, 52); }},
+        {true, "end beyond the file", [](auto& b) { Poke(b, HeaderEnd, 0x7FFFFFF0); }},
+        {true, "next number wrong", [](auto& b) { Poke(b, HeaderCurrent, 900); }},
+        {true, "next number far off, no end", [&](auto& b) { noEnd(b), Poke(b, HeaderCurrent, 0xFFFFFFF0); }},
+        {true, "end-of-file record overwritten", noEnd}};
     MakeLog(4);
     const std::string whole = Bytes();
     for (const auto& [opens, name, act] : harms) {

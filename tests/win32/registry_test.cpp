@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <tuple>
 
 #include "tests/win32/registry_keys.h"
 #include "win32/files/file_watch.h"
@@ -96,11 +97,7 @@ TEST(RegText, AFaultNamesItsLineAndNothingIsTaken) {
 }
 
 TEST(RegText, EveryValueComesBackByteForByte) {
-    const struct {
-        const char16_t* name;
-        DWORD type;
-        std::vector<BYTE> data;
-    } values[] = {
+    const std::tuple<const char16_t*, DWORD, std::vector<BYTE>> values[] = {
         {u"", REG_SZ, TextBytes(u"default")},
         {u"quotes \" and \\", REG_SZ, TextBytes(u"\"\\\t")},
         {u"empty", REG_SZ, {}},
@@ -116,15 +113,15 @@ TEST(RegText, EveryValueComesBackByteForByte) {
     };
     REG_TREE tree;
     REG_NODE& node = *tree.Make(TestKey);
-    for (const auto& value : values) ASSERT_TRUE(tree.SetValue(node, value.name, value.type, value.data));
+    for (const auto& [name, type, data] : values) ASSERT_TRUE(tree.SetValue(node, name, type, data));
     const std::string file = WriteRegText(tree);
     REG_TEXT_ERROR error;
     const std::optional<REG_TREE> back = ParseRegText(file, error);
     ASSERT_TRUE(back) << "line " << error.line << ": " << error.reason << "\n" << file;
     ASSERT_EQ(std::size(values), back->Find(TestKey)->values.size());
-    for (const auto& value : values) {
-        const REG_VALUE* const found = FindValue(*back->Find(TestKey), value.name);
-        EXPECT_TRUE(found && found->type == value.type && found->data == value.data) << value.type << "\n" << file;
+    for (const auto& [name, type, data] : values) {
+        const REG_VALUE* const found = FindValue(*back->Find(TestKey), name);
+        EXPECT_TRUE(found && found->type == type && found->data == data) << type << "\n" << file;
     }
     EXPECT_EQ(file, WriteRegText(*back));
 }

@@ -1,4 +1,6 @@
 // Texts: the program's own messages, and SIDs, from hostile hands too.
+#include <tuple>
+
 #include "resources/message_ids.h"
 #include "tests/win32/fixture.h"
 #include "win32/security/sid.h"
@@ -21,10 +23,7 @@ std::u16string Message(DWORD flags, DWORD id, const char16_t* insert = nullptr) 
 }
 
 TEST(OwnMessage, AWidthWrapsAtBlanksAndKeepsOnlyHardBreaks) {
-    const struct {
-        DWORD width;
-        const char16_t *parameter, *result;
-    } cases[] = {
+    const std::tuple<DWORD, const char16_t*, const char16_t*> cases[] = {
         {0, u"a b", u"Invalid service start parameter = \"a b\".\r\n\r\n"},
         {255, u"a\r\nb", u"Invalid service start parameter = \"a b\".\r\n "},
         {20, u"a b", u"Invalid service\r\nstart parameter = \"a\r\nb\".\r\n "},
@@ -32,8 +31,8 @@ TEST(OwnMessage, AWidthWrapsAtBlanksAndKeepsOnlyHardBreaks) {
          u"Invalid service\r\nstart parameter =\r\n\"abcdefghijklmnopqrs\r\ntuvwxyz\".\r\n "},
     };
     constexpr DWORD own = FORMAT_MESSAGE_FROM_HMODULE | FORMAT_MESSAGE_ARGUMENT_ARRAY;
-    for (const auto& c : cases)
-        EXPECT_EQ(c.result, Message(own | c.width, keldwick::MSG_START_PARAMETER, c.parameter)) << c.width;
+    for (const auto& [width, parameter, result] : cases)
+        EXPECT_EQ(result, Message(own | width, keldwick::MSG_START_PARAMETER, parameter)) << width;
     EXPECT_EQ(u"error 317", Message(own, 0x40000006));
 }
 
