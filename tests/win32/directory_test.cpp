@@ -1,15 +1,24 @@
-// Names translated and objects opened through the Windows interfaces, out of a directory of two domains.
+// Names translated and objects opened through the Windows interfaces, out of a directory of two domains; directory
+// exports; the directory's settings. What a good server answers is tested with a real domain controller in
+// tests/system.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
 #include <tuple>
 
 #include "directory/com.h"
 #include "directory/name_translation.h"
 #include "tests/support/entry_lines.h"
+#include "tests/support/peer.h"
 #include "tests/win32/fixture.h"
+#include "win32/directory/directory.h"
+#include "win32/directory/directory_settings.h"
+#include "win32/directory/ldif_file.h"
 #include "win32/text/utf.h"
 
 using namespace keldwick;
-using win32::ToUtf16;
-using win32::ToUtf8;
+using namespace win32;
 
 namespace {
 
@@ -50,18 +59,14 @@ protected:
 };
 
 TEST_F(Directory, TranslatesEveryKindOfNameThatIsAskedFor) {
-    const struct {
-        DWORD from;
-        const char* name;
-        DWORD to;
-        const char* wanted;
-    } cases[] = {
+    const std::tuple<DWORD, const char*, DWORD, const char*> cases[] = {
         {Nt4, "corp\\ANN", Dn, "CN=Ann,OU=Ops\\, all,DC=corp"},     {Nt4, "EU\\ann", Dn, "CN=Ann,DC=eu,DC=corp"},
         {Dn, "cn=ann, ou=ops\\2C all, dc=corp", Nt4, "CORP\\ann"},  {Dn, "CN=Ops/Net,DC=corp", Nt4, "CORP\\opsnet"},
         {Dn, "CN=Users,CN=Builtin,DC=corp", Nt4, "BUILTIN\\Users"}, {Simple, "ann@CORP.EXAMPLE", Nt4, "CORP\\ann"},
         {Simple, "ann.a@corp.example", Nt4, "CORP\\ann"},           {Sid, "S-1-5-21-4-5-6-1104", Nt4, "EU\\Ann"},
     };
-    for (const auto& c : cases) EXPECT_EQ((NAME{S_OK, c.wanted}), Translate(c.from, c.name, c.to)) << c.name;
+    for (const auto& [from, name, to, wanted] : cases)
+        EXPECT_EQ((NAME{S_OK, wanted}), Translate(from, name, to)) << name;
     using NAMES = std::vector<std::string>;
     const std::tuple<HRESULT, DWORD, NAMES, DWORD> refused[] = {
         {NotUnique, Simple, {"both@mail.example"}, Nt4},
@@ -98,6 +103,127 @@ TEST_F(Directory, AServerThatIsNoHostsNameIsSpokenOfOnce) {
     for (int i = 0; i < 2; ++i) EXPECT_EQ((NAME{E_INVALIDARG, ""}), Translate(Nt4, "CORP\\ann", Dn, &binding));
     const std::string said = testing::internal::GetCapturedStderr();
     EXPECT_EQ(1u, Times(said, "\"ldaps://dc1\"")) << said;
+}
+
+TEST(Ldif, ReadsWhatTheExportingToolsWrite) {
+    const std::pair<std::string, std::vector<std::string>> cases[] = {
+        // The file; the DN, then the values of "v".
+        {"dn: CN=a\nv: 1\nV: 2\n", {"CN=a", "1", "2"}},
+        {"dn: CN=\n a\nv\n : 1\n 2\n", {"CN=a", "12"}},
+        {"dn:: Q049w6Q=\nv:: AAH/\nv::QQ==\n", {"CN=\xC3\xA4", std::string("\0\x01\xFF", 3), "A"}},
+        {"dn: CN=a\nchangetype: add\nv;binary: 1\n", {"CN=a", "1"}},
+        {"dn: CN=a\nv;range=0-*: 1\nv;Range=0-*: 2\n", {"CN=a", "1", "2"}},
+        {"dn: CN=a\nv;range=2-*: 3\nx: y\nv;range=0-1: 1\nV;RANGE=0-1: 2\n", {"CN=a", "1", "2", "3"}},
+        {"dn: CN=a\nv: 1\n\nref: ldap://x\n\nsearch: 2\nresult: 0 Success\n", {"CN=a", "1"}},
+        {"\357\273\277dn: CN=a\nv: 1\n", {"CN=a", "1"}},
+        {{"\377\376d\0n\0:\0 \0C\0N\0=\0\344\0\n\0v\0:\0001\0", 26}, {"CN=\xC3\xA4", "1"}},
+    };
+    for (const auto& [file, wanted] : cases) {
+        SCOPED_TRACE(file);
+        LDIF_ERROR error;
+        const auto data = LDIF_DATA::Parse(file, error);
+        ASSERT_TRUE(data) << error.line << ": " << error.reason;
+        ASSERT_EQ(1u, data->Entries().size());
+        const auto* values = data->Entries()[0].Values("V");
+        ASSERT_NE(nullptr, values);
+        std::vector<std::string> got = *values;
+        got.insert(got.begin(), data->Entries()[0].dn);
+        EXPECT_EQ(wanted, got);
+    }
+}
+
+TEST(Ldif, AListOfWhichAPartIsMissingIsCutOff) {
+    for (const std::string parts : {"v;range=0-1: 1", "v;range=1-*: 2", "v;range=0-0: 1\nv;range=2-*: 3",
+                                    "v;range=0-1: 1\nv;range=1-*: 2", "v;range=0-0: 1\nV;Range=1-2: 2"}) {
+        LDIF_ERROR error;
+        const auto data = LDIF_DATA::Parse("dn: CN=a\n" + parts + "\nw;range=0-*: 1\n", error);
+        ASSERT_TRUE(data) << error.reason;
+        const DIRECTORY_ENTRY& entry = data->Entries()[0];
+        EXPECT_TRUE(IsCutOff(entry, "V")) << parts;
+        EXPECT_EQ(nullptr, entry.Values("v")) << parts;
+        EXPECT_FALSE(IsCutOff(entry, "w"));
+    }
+}
+
+TEST(Ldif, NamesTheLineThatItCannotRead) {
+    const std::pair<size_t, std::string> cases[] = {
+        {4, "dn: CN=a\n\n# x\nv\n"},
+        {1, "v: 1\ndn: CN=a\n"},
+        {3, "dn: CN=a,DC=x\n\ndn: cn=A, dc=X\nv: 1\n"},
+        {2, "dn: CN=a\nv:< file:///etc/shadow\n"},
+        {2, "dn: CN=a\nchangetype: delete\n"},
+        {2, {"dn: CN=a\nv: \0\n", 14}},
+        {2, "dn: CN=a\nobjectSid:: AQUAAAAAAAUVAAAA\n"},  // cut short
+        {2, "dn: CN=a\nobjectSid: S-1-5-4294967296\n"},
+    };
+    LDIF_ERROR error;
+    for (const auto& [line, file] : cases) {
+        EXPECT_FALSE(LDIF_DATA::Parse(file, error)) << file;
+        EXPECT_EQ(line, error.line) << error.reason << " in " << file;
+    }
+    for (const std::string base64 : {"QQ*=", "QQ=", "====", "QQ==QQ=="})
+        EXPECT_FALSE(LDIF_DATA::Parse("dn: CN=a\nv:: " + base64 + "\n", error)) << base64;
+}
+
+class LdapSettings : public MACHINE_TEST {
+protected:
+    void WritePassword(mode_t mode = 0600) const {
+        root.Write("password", "secret\r\nmore");
+        ASSERT_EQ(0, chmod(root.Path("password").c_str(), mode));
+    }
+    std::string Password() { return ReadPasswordFile(root.Path("password"), complaint).value_or("none"); }
+
+    std::string complaint;
+};
+
+TEST_F(LdapSettings, ThatDoNotFitTogetherAreRefusedWithAReason) {
+    const std::string plain = "DirectoryUri='ldap://dc' ", tls = "DirectoryUri='ldaps://dc:636' ",
+                      domain = "DirectoryDomain='corp.example' ", start = "DirectoryStartTls=dword:1 ",
+                      simple = "DirectoryBind='simple' ", user = "DirectoryUser='u' ",
+                      file = "DirectoryPasswordFile='/p' ", secret = simple + user + file;
+    const std::pair<const char*, std::string> cases[] = {
+        // A part of the reason; empty: the values are good.
+        {"", plain},
+        {"", tls + secret},
+        {"", plain + secret + start},
+        {"ldaps://", plain + secret},
+        {"DirectoryUser", tls + simple + file},
+        {"DirectoryPasswordFile", tls + simple + user},
+        {"gssapi", tls},
+        {"DirectoryUri", "DirectoryUri='ldap://user@dc/x?y'"},
+        {"DirectoryDomain", "DirectoryDomain='a/b'"},
+        {"neither", ""},
+    };
+    for (const auto& [reason, values] : cases) {
+        LinuxSettings(values);
+        complaint.clear();
+        EXPECT_EQ(*reason == '\0', ReadLdapSettings(complaint).has_value()) << complaint;
+        EXPECT_THAT(complaint, testing::HasSubstr(reason)) << values;
+    }
+}
+
+TEST_F(LdapSettings, RootSendsNoSecretThatTheRootsOwnerMayNotRead) {
+    if (geteuid() != 0) GTEST_SKIP() << "only root may read everything";
+    WritePassword(0640);
+    EXPECT_EQ("none", Password()) << "others may read it";
+    WritePassword();
+    ASSERT_EQ(0, chown(root.Path("").c_str(), 65534, 65534));
+    EXPECT_EQ("none", Password()) << "root's";
+    EXPECT_THAT(complaint, testing::HasSubstr("it must belong to the machine root's owner"));
+    ASSERT_EQ(0, chown(root.Path("password").c_str(), 65534, 65534));
+    EXPECT_EQ("secret", Password()) << complaint;
+}
+
+TEST_F(LdapSettings, AServerThatNeverFinishesTheHandshakeIsGivenUp) {
+    const LISTENING silent;
+    WritePassword();
+    LinuxSettings("DirectoryUri='ldaps://127.0.0.1:" + std::to_string(silent.Port()) +
+                  "' DirectoryBind='simple' DirectoryUser='ann' DirectoryPasswordFile='" + root.Path("password") + "'");
+    std::unique_ptr<DIRECTORY> directory;
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(DirectoryServerDown, OpenDirectory({}, directory));
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(30)) << "it is bounded at all";
+    EXPECT_GE(silent.Accept().Get(), 0);
 }
 
 }  // namespace

@@ -1,18 +1,21 @@
-// What the tests of the layer share: a machine root, its settings, and short ways to say what is expected.
+// What the tests of the layer share: a machine root, its settings, short ways to say what is expected, and what they
+// make of the calls of wrapped-calls.txt.
 #pragma once
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <windows.h>
 
+#include <atomic>
+#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "tests/support/name_server.h"
 #include "tests/support/owned_handle.h"
 #include "tests/support/registry_text.h"
 #include "tests/support/temporary_root.h"
-#include "tests/win32/wrapped_calls.h"
 
 constexpr DWORD SoonEnough = 20'000;  // ms; for what must come: only a failing test takes this long
 
@@ -41,3 +44,17 @@ protected:
 
     const TEMPORARY_ROOT root;
 };
+
+inline std::atomic<int> inotifyWatchError{0};             // with which inotify_add_watch fails, unless 0
+inline std::function<void()> whileSyncing, whileWaiting;  // called once: at an fsync, at a wait for another writer
+inline std::function<void()> afterOpen;                   // called after each openat that gives a file
+inline long long bytesBeforeDeath = -1;                   // what pwrite still writes; the rest is lost; -1: all
+
+// GetTickCount64 is so far ahead, and goes on by so much with each call. A thread that waits for it in poll notices.
+inline std::atomic<ULONGLONG> ticksAhead{0}, ticksPerCall{0};
+
+// Of getnameinfo, once NameServer() has answered: its result, and by how many milliseconds it moves the clock.
+inline std::atomic<int> nameServerResult{0};
+inline std::atomic<ULONGLONG> nameServerDelay{0};
+
+inline std::string directoryServersInDns;  // "HOST:PORT HOST:PORT", best first

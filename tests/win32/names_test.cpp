@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <thread>
+#include <tuple>
 
 #include "tests/win32/fixture.h"
 
@@ -69,17 +70,14 @@ TEST_F(NameInfo, AfterThePauseALookUpWaitsForAMomentOnly) {
 
 TEST_F(NameInfo, OnlyASlowFailureOfTheNameServerBeginsThePause) {
     SetTimeout("EA60");
-    const struct {
-        int result;
-        ULONGLONG duration;
-        int asked;  // for two look-ups
-    } cases[] = {{EAI_AGAIN, 0, 2}, {EAI_NONAME, 5000, 2}, {EAI_AGAIN, 1000, 1}};
-    for (const auto& one : cases) {
-        nameServerResult = one.result;
-        nameServerDelay = one.duration;
+    // The last is how often it is asked by two look-ups.
+    const std::tuple<int, ULONGLONG, int> cases[] = {{EAI_AGAIN, 0, 2}, {EAI_NONAME, 5000, 2}, {EAI_AGAIN, 1000, 1}};
+    for (const auto& [result, duration, asked] : cases) {
+        nameServerResult = result;
+        nameServerDelay = duration;
         Asked();
         for (int i = 0; i < 2; ++i) EXPECT_NE(0, LookUp());
-        EXPECT_EQ(one.asked, Asked()) << one.result << " after " << one.duration;
+        EXPECT_EQ(asked, Asked()) << result << " after " << duration;
     }
 }
 

@@ -1,4 +1,4 @@
-// Keys of a machine root, their numbers and their notification.
+// Keys of the local machine, their numbers and their notification.
 #pragma once
 
 #include <cstdint>
@@ -7,15 +7,6 @@
 
 const char16_t* const Path = u"SOFTWARE\\Vantorel Systems\\Keldwick";
 const char16_t* const Statistics = u"SOFTWARE\\Vantorel Systems\\Keldwick\\Statistics";
-inline const std::string File = "registry.reg";
-
-inline std::string Section(const std::string& key, const std::string& values) {
-    return "\n[HKEY_LOCAL_MACHINE\\SOFTWARE\\" + key + "]\n" + values;
-}
-inline std::string Settings(const std::string& values) {
-    return "Windows Registry Editor Version 5.00\n" + Section("Vantorel Systems\\Keldwick", values);
-}
-inline std::string Heartbeat(int64_t value) { return Settings("\"Heartbeat\"=dword:" + std::to_string(value) + "\n"); }
 
 // A key of the local machine, made unless it is there.
 struct KEY {

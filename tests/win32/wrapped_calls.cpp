@@ -1,5 +1,3 @@
-#include "tests/win32/wrapped_calls.h"
-
 #include <fcntl.h>
 #include <ldap.h>
 #include <netdb.h>
@@ -10,7 +8,8 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
-#include <utility>
+
+#include "tests/win32/fixture.h"
 
 namespace {
 

@@ -6,7 +6,6 @@ import re
 import ssl
 import struct
 import subprocess
-import unittest
 from pathlib import Path
 from ssl import TLSVersion as Version
 
@@ -91,7 +90,3 @@ class Certificates(WineTest):
                 logs, arrived = self.report("own", **options)
                 self.assertIn(f"done: {spoken}, " if spoken else "StatusCode = 10053,", logs[0])
                 self.assertEqual(2 if spoken else 0, arrived)
-
-
-if __name__ == "__main__":
-    unittest.main()

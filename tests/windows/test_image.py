@@ -19,17 +19,6 @@ def listed(file, macro, key):
     return {name: text.encode().decode("unicode_escape") for name, text in rows}
 
 
-def strings(block, data):
-    """Of a block of sixteen strings, each a length and its units, those that are not empty, by id."""
-    found, at = {}, 0
-    for number in range(16 * (block - 1), 16 * block):
-        units = struct.unpack_from("<H", data, at)[0]
-        if units:
-            found[str(number)] = data[at + 2:at + 2 + 2 * units].decode("utf-16-le")
-        at += 2 + 2 * units
-    return found
-
-
 def messages(data):
     """Blocks of (first id, last id, offset of their entries); an entry is its length, flags (1: UTF-16) and its text,
     filled up with NULs."""
@@ -60,23 +49,20 @@ class Image(unittest.TestCase):
                 place = language.data.struct
                 yield named.id, self.image.get_data(place.OffsetToData, place.Size)
 
-    def test_it_is_a_64_bit_window_program_that_needs_the_system_alone(self):
+    def test_it_is_a_protected_64_bit_window_program_that_needs_the_system_alone(self):
         self.assertEqual(pefile.MACHINE_TYPE["IMAGE_FILE_MACHINE_AMD64"], self.image.FILE_HEADER.Machine)
         self.assertEqual(pefile.SUBSYSTEM_TYPE["IMAGE_SUBSYSTEM_WINDOWS_GUI"], self.image.OPTIONAL_HEADER.Subsystem)
         needed = {entry.dll.decode().lower().removesuffix(".dll") for entry in self.image.DIRECTORY_ENTRY_IMPORT}
         self.assertEqual(set(), needed - SYSTEM)
-
-    def test_memory_is_protected(self):
-        flags = self.image.OPTIONAL_HEADER
         for flag in ("DYNAMIC_BASE", "HIGH_ENTROPY_VA", "NX_COMPAT"):
-            self.assertTrue(getattr(flags, f"IMAGE_DLLCHARACTERISTICS_{flag}"), flag)
+            self.assertTrue(getattr(self.image.OPTIONAL_HEADER, f"IMAGE_DLLCHARACTERISTICS_{flag}"), flag)
 
     def test_strings_are_the_listed_ones(self):
         found = {}
         for block, data in self.resources("RT_STRING"):
-            found |= strings(block, data)
+            pefile.parse_strings(data, 16 * (block - 1), found)
         self.assertLess(15, len(found))
-        self.assertEqual(listed("string_table.inc", "KELDWICK_STRING", r"\d+"), found)
+        self.assertEqual(listed("string_table.inc", "KELDWICK_STRING", r"\d+"), {str(key): found[key] for key in found})
 
     def test_messages_are_the_listed_ones(self):
         ((number, data),) = self.resources("RT_MESSAGETABLE")
@@ -102,7 +88,3 @@ class Image(unittest.TestCase):
         self.assertEqual(1, number)
         for text in (b"{8e0f7a12-bfb3-4fe8-b9a5-48fd50a15a9a}", b'level="asInvoker"', b">true</longPathAware>"):
             self.assertIn(text, data)
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -2,7 +2,6 @@
 import os
 import re
 import subprocess
-import unittest
 
 from wine import BIN, HERE, KEY, WineTest
 
@@ -78,7 +77,3 @@ class Installer(WineTest):
         self.assertEqual("127.55.0.1", self.get("IdentServer"))
         self.msiexec("/x", "REMOVESETTINGS=1", package="Newer.msi")
         self.assertFalse(self.installed())
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -4,11 +4,9 @@ import os
 import struct
 import subprocess
 import time
-import unittest
 from pathlib import Path
 
 from wine import HERE, LINUX, WineTest
-from wire import Server
 
 LOG_VERBOSE = 0x102
 
@@ -31,8 +29,7 @@ class Logons(WineTest):
 
     def setUp(self):
         super().setUp()
-        self.server = Server(self.address)
-        self.addCleanup(self.server.close)
+        self.server = self.serve()
         self.ctl("init")
         self.forward(0)
         self.write(4608, "-")  # an old record
@@ -104,8 +101,7 @@ class Logons(WineTest):
 
     def test_beside_an_agent_on_linux_both_report_the_same(self):
         """From one log that both follow: recorded events (some to be passed over), heartbeats, a cleared log."""
-        others = Server("127.54.0.2")
-        self.addCleanup(others.close)
+        others = self.serve("127.54.0.2")
         agent = self.follow(Heartbeat=20, LogonTTL=60)
         root, recorded = f"{self.folder}/linux", f"{self.folder}/recorded.xml"
         os.mkdir(root)
@@ -146,7 +142,3 @@ class Logons(WineTest):
         self.assertEqual({"logon", "logoff", "heartbeat"}, kinds)
         self.assertTrue(others.requests.empty())
         self.stop(agent)
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -1,10 +1,9 @@
 """Keldwick.exe as an administrator of a Windows machine has it: options, exit codes, service, settings, reports."""
 import os
-import unittest
 from concurrent.futures import ThreadPoolExecutor
 
 from wine import ADDRESS, WineTest
-from wire import Server, certificate
+from wire import certificate
 
 LOG_VERBOSE_TCP = 0x502
 
@@ -12,11 +11,6 @@ LOG_VERBOSE_TCP = 0x502
 class Program(WineTest):
     programs = ["Keldwick", "KeldwickWithLog"]
     address = "127.53.0.1"
-
-    def serve(self, **options):
-        server = Server(options.pop("address", self.address), **options)
-        self.addCleanup(server.close)
-        return server
 
     def test_exit_codes_are_those_of_each_way_to_end(self):
         # Without an option it asks the dispatcher, which takes ten seconds to give 1063: so it is an application.
@@ -115,7 +109,3 @@ class Program(WineTest):
                 expected += events
                 with open(f"{self.home}/eventlog/reported", encoding="ascii") as reported:
                     self.assertRegex(reported.read(), rf"\A{expected}\Z")
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -11,7 +11,7 @@ import tempfile
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, os.path.join(HERE, "../system"))
-from machine import AgentTest
+from machine import AgentTest, MachineTest
 
 BIN = os.environ["KELDWICK_WINDOWS_BIN"]
 LINUX = os.environ["KELDWICK_BIN"]
@@ -26,6 +26,7 @@ PATIENCE = 60
 class WineTest(AgentTest):
     programs = ["Keldwick"]
     patience = PATIENCE
+    serve = MachineTest.serve
 
     @classmethod
     def setUpClass(cls):
@@ -67,11 +68,15 @@ class WineTest(AgentTest):
 
     @classmethod
     def wine(cls, *command, code=0):
-        """Runs a Windows program to its end. Gives what it printed: into a file, since the programs that wine starts in the
-        background would keep a pipe open."""
+        """Runs a Windows program to its end. Gives what it printed."""
+        return cls.run_to_its_end([*cls.machine, f"{WINE}/wine64", *command], code)
+
+    @classmethod
+    def run_to_its_end(cls, command, code=0, patience=PATIENCE, **variables):
+        """It prints into a file, since the programs that wine starts in the background would keep a pipe open."""
         with tempfile.TemporaryFile() as output:
-            done = subprocess.run([*cls.machine, f"{WINE}/wine64", *command], env=cls.environment, stdin=subprocess.DEVNULL,
-                                  stdout=output, stderr=subprocess.STDOUT, timeout=PATIENCE)
+            done = subprocess.run(command, env={**cls.environment, **variables}, timeout=patience,
+                                  stdin=subprocess.DEVNULL, stdout=output, stderr=subprocess.STDOUT)
             output.seek(0)
             text = output.read().decode(errors="replace").replace("\r\n", "\n")
         assert code in (None, done.returncode), f"{command}: {done.returncode}, {text}"

@@ -11,81 +11,48 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <initializer_list>
-
-namespace {
 
 // The size, and where the fields after the first are.
-constexpr bool Same(std::initializer_list<size_t> found, std::initializer_list<size_t> wanted) {
-    return std::equal(found.begin(), found.end(), wanted.begin(), wanted.end());
-}
+#define AT(FIELD, PLACE) (offsetof(STRUCTURE, FIELD) == (PLACE))
+#define LAYOUT(NAME, SIZE, ...)                                      \
+    static_assert([] {                                               \
+        using STRUCTURE = NAME;                                      \
+        return std::min({sizeof(STRUCTURE) == (SIZE), __VA_ARGS__}); \
+    }())
 
-static_assert(Same({sizeof(FILETIME), offsetof(FILETIME, dwHighDateTime)}, {8, 4}));
-static_assert(Same({sizeof(SYSTEMTIME), offsetof(SYSTEMTIME, wMonth), offsetof(SYSTEMTIME, wDayOfWeek),
-                    offsetof(SYSTEMTIME, wDay), offsetof(SYSTEMTIME, wHour), offsetof(SYSTEMTIME, wMinute),
-                    offsetof(SYSTEMTIME, wSecond), offsetof(SYSTEMTIME, wMilliseconds)},
-                   {16, 2, 4, 6, 8, 10, 12, 14}));
-static_assert(Same({sizeof(LUID), offsetof(LUID, HighPart)}, {8, 4}));
-static_assert(Same({sizeof(GUID), offsetof(GUID, Data2), offsetof(GUID, Data3), offsetof(GUID, Data4)}, {16, 4, 6, 8}));
-static_assert(Same({sizeof(EVENTLOGRECORD), offsetof(EVENTLOGRECORD, Reserved), offsetof(EVENTLOGRECORD, RecordNumber),
-                    offsetof(EVENTLOGRECORD, TimeGenerated), offsetof(EVENTLOGRECORD, TimeWritten),
-                    offsetof(EVENTLOGRECORD, EventID), offsetof(EVENTLOGRECORD, EventType),
-                    offsetof(EVENTLOGRECORD, NumStrings), offsetof(EVENTLOGRECORD, EventCategory),
-                    offsetof(EVENTLOGRECORD, ReservedFlags), offsetof(EVENTLOGRECORD, ClosingRecordNumber),
-                    offsetof(EVENTLOGRECORD, StringOffset), offsetof(EVENTLOGRECORD, UserSidLength),
-                    offsetof(EVENTLOGRECORD, UserSidOffset), offsetof(EVENTLOGRECORD, DataLength),
-                    offsetof(EVENTLOGRECORD, DataOffset)},
-                   {56, 4, 8, 12, 16, 20, 24, 26, 28, 30, 32, 36, 40, 44, 48, 52}));
-static_assert(Same({sizeof(SERVICE_STATUS), offsetof(SERVICE_STATUS, dwCurrentState),
-                    offsetof(SERVICE_STATUS, dwControlsAccepted), offsetof(SERVICE_STATUS, dwWin32ExitCode),
-                    offsetof(SERVICE_STATUS, dwServiceSpecificExitCode), offsetof(SERVICE_STATUS, dwCheckPoint),
-                    offsetof(SERVICE_STATUS, dwWaitHint)},
-                   {28, 4, 8, 12, 16, 20, 24}));
-static_assert(Same({sizeof(SERVICE_TABLE_ENTRYW), offsetof(SERVICE_TABLE_ENTRYW, lpServiceProc)}, {16, 8}));
-static_assert(Same({sizeof(OSVERSIONINFOW), offsetof(OSVERSIONINFOW, dwMajorVersion),
-                    offsetof(OSVERSIONINFOW, dwMinorVersion), offsetof(OSVERSIONINFOW, dwBuildNumber),
-                    offsetof(OSVERSIONINFOW, dwPlatformId), offsetof(OSVERSIONINFOW, szCSDVersion)},
-                   {276, 4, 8, 12, 16, 20}));
-static_assert(Same({sizeof(OSVERSIONINFOEXW), offsetof(OSVERSIONINFOEXW, dwMajorVersion),
-                    offsetof(OSVERSIONINFOEXW, dwMinorVersion), offsetof(OSVERSIONINFOEXW, dwBuildNumber),
-                    offsetof(OSVERSIONINFOEXW, dwPlatformId), offsetof(OSVERSIONINFOEXW, szCSDVersion),
-                    offsetof(OSVERSIONINFOEXW, wServicePackMajor), offsetof(OSVERSIONINFOEXW, wServicePackMinor),
-                    offsetof(OSVERSIONINFOEXW, wSuiteMask), offsetof(OSVERSIONINFOEXW, wProductType),
-                    offsetof(OSVERSIONINFOEXW, wReserved)},
-                   {284, 4, 8, 12, 16, 20, 276, 278, 280, 282, 283}));
-static_assert(Same({sizeof(SID_IDENTIFIER_AUTHORITY)}, {6}));
-static_assert(Same({sizeof(LUID_AND_ATTRIBUTES), offsetof(LUID_AND_ATTRIBUTES, Attributes)}, {12, 8}));
-static_assert(Same({sizeof(TOKEN_PRIVILEGES), offsetof(TOKEN_PRIVILEGES, Privileges)}, {16, 4}));
-static_assert(Same({sizeof(SID_AND_ATTRIBUTES), offsetof(SID_AND_ATTRIBUTES, Attributes)}, {16, 8}));
-static_assert(Same({sizeof(TOKEN_USER)}, {16}));
-static_assert(Same({sizeof(LSA_UNICODE_STRING), offsetof(LSA_UNICODE_STRING, MaximumLength),
-                    offsetof(LSA_UNICODE_STRING, Buffer)},
-                   {16, 2, 8}));
-static_assert(Same({sizeof(LSA_OBJECT_ATTRIBUTES), offsetof(LSA_OBJECT_ATTRIBUTES, RootDirectory),
-                    offsetof(LSA_OBJECT_ATTRIBUTES, ObjectName), offsetof(LSA_OBJECT_ATTRIBUTES, Attributes),
-                    offsetof(LSA_OBJECT_ATTRIBUTES, SecurityDescriptor),
-                    offsetof(LSA_OBJECT_ATTRIBUTES, SecurityQualityOfService)},
-                   {48, 8, 16, 24, 32, 40}));
-static_assert(Same({sizeof(LSA_TRUST_INFORMATION), offsetof(LSA_TRUST_INFORMATION, Sid)}, {24, 16}));
-static_assert(Same({sizeof(LSA_REFERENCED_DOMAIN_LIST), offsetof(LSA_REFERENCED_DOMAIN_LIST, Domains)}, {16, 8}));
-static_assert(Same({sizeof(LSA_TRANSLATED_NAME), offsetof(LSA_TRANSLATED_NAME, Name),
-                    offsetof(LSA_TRANSLATED_NAME, DomainIndex)},
-                   {32, 8, 24}));
-static_assert(Same({sizeof(SAFEARRAYBOUND), offsetof(SAFEARRAYBOUND, lLbound)}, {8, 4}));
-static_assert(Same({sizeof(SAFEARRAY), offsetof(SAFEARRAY, fFeatures), offsetof(SAFEARRAY, cbElements),
-                    offsetof(SAFEARRAY, cLocks), offsetof(SAFEARRAY, pvData), offsetof(SAFEARRAY, rgsabound)},
-                   {32, 2, 4, 8, 16, 24}));
-static_assert(Same({sizeof(VARIANT), offsetof(VARIANT, lVal)}, {24, 8}));
-static_assert(Same({sizeof(WSADATA), offsetof(WSADATA, wHighVersion), offsetof(WSADATA, szDescription),
-                    offsetof(WSADATA, szSystemStatus)},
-                   {408, 2, 16, 273}));
-static_assert(Same({sizeof(WSANETWORKEVENTS), offsetof(WSANETWORKEVENTS, iErrorCode)}, {44, 4}));
-static_assert(Same({sizeof(ADDRINFOW), offsetof(ADDRINFOW, ai_family), offsetof(ADDRINFOW, ai_socktype),
-                    offsetof(ADDRINFOW, ai_protocol), offsetof(ADDRINFOW, ai_addrlen),
-                    offsetof(ADDRINFOW, ai_canonname), offsetof(ADDRINFOW, ai_addr), offsetof(ADDRINFOW, ai_next)},
-                   {48, 4, 8, 12, 16, 24, 32, 40}));
-static_assert(Same({sizeof(tcp_keepalive), offsetof(tcp_keepalive, keepalivetime),
-                    offsetof(tcp_keepalive, keepaliveinterval)},
-                   {12, 4, 8}));
-
-}  // namespace
+LAYOUT(FILETIME, 8, AT(dwHighDateTime, 4));
+LAYOUT(SYSTEMTIME, 16, AT(wMonth, 2), AT(wDayOfWeek, 4), AT(wDay, 6), AT(wHour, 8), AT(wMinute, 10), AT(wSecond, 12),
+       AT(wMilliseconds, 14));
+LAYOUT(LUID, 8, AT(HighPart, 4));
+LAYOUT(GUID, 16, AT(Data2, 4), AT(Data3, 6), AT(Data4, 8));
+LAYOUT(EVENTLOGRECORD, 56, AT(Reserved, 4), AT(RecordNumber, 8), AT(TimeGenerated, 12), AT(TimeWritten, 16),
+       AT(EventID, 20), AT(EventType, 24), AT(NumStrings, 26), AT(EventCategory, 28), AT(ReservedFlags, 30),
+       AT(ClosingRecordNumber, 32), AT(StringOffset, 36), AT(UserSidLength, 40), AT(UserSidOffset, 44),
+       AT(DataLength, 48), AT(DataOffset, 52));
+LAYOUT(SERVICE_STATUS, 28, AT(dwCurrentState, 4), AT(dwControlsAccepted, 8), AT(dwWin32ExitCode, 12),
+       AT(dwServiceSpecificExitCode, 16), AT(dwCheckPoint, 20), AT(dwWaitHint, 24));
+LAYOUT(SERVICE_TABLE_ENTRYW, 16, AT(lpServiceProc, 8));
+LAYOUT(OSVERSIONINFOW, 276, AT(dwMajorVersion, 4), AT(dwMinorVersion, 8), AT(dwBuildNumber, 12), AT(dwPlatformId, 16),
+       AT(szCSDVersion, 20));
+LAYOUT(OSVERSIONINFOEXW, 284, AT(dwMajorVersion, 4), AT(dwMinorVersion, 8), AT(dwBuildNumber, 12), AT(dwPlatformId, 16),
+       AT(szCSDVersion, 20), AT(wServicePackMajor, 276), AT(wServicePackMinor, 278), AT(wSuiteMask, 280),
+       AT(wProductType, 282), AT(wReserved, 283));
+LAYOUT(SID_IDENTIFIER_AUTHORITY, 6);
+LAYOUT(LUID_AND_ATTRIBUTES, 12, AT(Attributes, 8));
+LAYOUT(TOKEN_PRIVILEGES, 16, AT(Privileges, 4));
+LAYOUT(SID_AND_ATTRIBUTES, 16, AT(Attributes, 8));
+LAYOUT(TOKEN_USER, 16);
+LAYOUT(LSA_UNICODE_STRING, 16, AT(MaximumLength, 2), AT(Buffer, 8));
+LAYOUT(LSA_OBJECT_ATTRIBUTES, 48, AT(RootDirectory, 8), AT(ObjectName, 16), AT(Attributes, 24),
+       AT(SecurityDescriptor, 32), AT(SecurityQualityOfService, 40));
+LAYOUT(LSA_TRUST_INFORMATION, 24, AT(Sid, 16));
+LAYOUT(LSA_REFERENCED_DOMAIN_LIST, 16, AT(Domains, 8));
+LAYOUT(LSA_TRANSLATED_NAME, 32, AT(Name, 8), AT(DomainIndex, 24));
+LAYOUT(SAFEARRAYBOUND, 8, AT(lLbound, 4));
+LAYOUT(SAFEARRAY, 32, AT(fFeatures, 2), AT(cbElements, 4), AT(cLocks, 8), AT(pvData, 16), AT(rgsabound, 24));
+LAYOUT(VARIANT, 24, AT(lVal, 8));
+LAYOUT(WSADATA, 408, AT(wHighVersion, 2), AT(szDescription, 16), AT(szSystemStatus, 273));
+LAYOUT(WSANETWORKEVENTS, 44, AT(iErrorCode, 4));
+LAYOUT(ADDRINFOW, 48, AT(ai_family, 4), AT(ai_socktype, 8), AT(ai_protocol, 12), AT(ai_addrlen, 16),
+       AT(ai_canonname, 24), AT(ai_addr, 32), AT(ai_next, 40));
+LAYOUT(tcp_keepalive, 12, AT(keepalivetime, 4), AT(keepaliveinterval, 8));
