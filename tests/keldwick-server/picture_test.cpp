@@ -21,20 +21,24 @@ CONNECTION Agent(uint64_t number, const char* address = "10.1.0.1") {
     return {number, address, static_cast<uint16_t>(4000 + number), false, Start};
 }
 
+REPORT Made(const std::u16string& user, KIND kind, const std::string& address) {
+    REPORT report;
+    report.request.user = report.request.computer = user;
+    report.request.address = address;
+    report.request.kind = kind;
+    return report;
+}
+
 // What agents do, minute by minute, and what is shown of it: "ADDRESS USER from CONNECTION...", sorted by address.
 class PICTURE_TEST : public testing::Test {
 protected:
     void Report(const CONNECTION& from, int minute, const char16_t* user, KIND kind = KIND::Logon,
                 const char* address = "10.0.0.5") {
         if (picture.Agent(from.number) == nullptr) picture.Connected(from);
-        REPORT report;
-        report.request.user = report.request.computer = user;
-        report.request.address = address;
-        report.request.kind = kind;
+        REPORT report = Made(user, kind, address);
         report.when = At(minute);
         picture.Reported(from, std::move(report), Moment(minute));
     }
-    void End(const CONNECTION& from, int minute) { picture.Ended(from, {{}, false, {}, At(minute)}); }
     std::string Shown() {
         std::map<std::string, std::string> lines;
         for (const IDENTITY& identity : picture.Identities()) {
@@ -73,8 +77,7 @@ TEST_F(PICTURE_TEST, AnAgentThatComesBackGoesOnWithItsClaims) {
     const CONNECTION again = Agent(3), neighbour = Agent(4, "10.1.0.4");
     Report(again, 1, u"ann", KIND::Heartbeat);
     EXPECT_EQ("10.0.0.5 ann from 1 3, 10.0.0.6 eve from 1", Shown()) << "both are connected: two agents of one machine";
-    End(again, 2);
-    End(one, 2);
+    for (const CONNECTION& each : {again, one}) picture.Ended(each, {{}, false, {}, At(2)});
     const CONNECTION back = Agent(5);
     Report(neighbour, 3, u"eve", KIND::Logoff, "10.0.0.6");
     Report(back, 3, u"eve", KIND::Heartbeat, "10.0.0.6");
@@ -116,20 +119,15 @@ TEST_F(PICTURE_TEST, WhoWasNotHeardOfForLongestGoesFirst) {
     PICTURE crowded;
     crowded.Connected(one);
     for (int at = 0; at < 1000; ++at) {
-        REPORT report;
-        report.request.kind = KIND::Heartbeat;
-        report.request.user = {static_cast<char16_t>(0x4E00 + (at % 200 == 0 ? 0 : at))};
-        report.request.address = "10.0.0.1";
-        crowded.Reported(one, std::move(report), Moment(at));
+        const auto user = static_cast<char16_t>(0x4E00 + (at % 200 == 0 ? 0 : at));
+        crowded.Reported(one, Made({user}, KIND::Heartbeat, "10.0.0.1"), Moment(at));
     }
     EXPECT_EQ(256u, crowded.Identities().size()) << "at one address";
     EXPECT_EQ("\u4E00", crowded.Identities().front().user) << "who is heard of again and again stays";
 
     PICTURE small({.identityBytes = 100'000, .reportBytes = 100'000});
     for (uint64_t number = 1; number <= 500; ++number) {
-        REPORT report;
-        report.request.user = std::u16string(1000, u'x');
-        report.request.address = "10.0.0." + std::to_string(number % 250);
+        REPORT report = Made(std::u16string(1000, u'x'), KIND::Logon, "10.0.0." + std::to_string(number % 250));
         report.bytes.resize(3000);
         small.Connected(Agent(number));
         small.Reported(Agent(number), std::move(report), {});
@@ -145,30 +143,28 @@ TEST_F(PICTURE_TEST, IdentitiesAreSearchedAndSorted) {
     Report(one, 1, u"CORP\\adam", KIND::Logon, "10.0.0.3");
     Report(one, 2, u"CORP\\Adele", KIND::Logon, "fe80::1");
     API api(picture);
-    const struct {
-        std::map<std::string, std::string> asked;
-        std::string addresses;
-    } cases[] = {{{}, "fe80::1 10.0.0.3 10.0.0.20 "},
-                 {{{"sort", "address"}, {"order", "asc"}}, "10.0.0.3 10.0.0.20 fe80::1 "},
-                 {{{"sort", "user"}, {"order", "asc"}}, "10.0.0.3 fe80::1 10.0.0.20 "},
-                 {{{"sort", "computer"}, {"order", "asc"}}, "10.0.0.3 fe80::1 10.0.0.20 "},
-                 {{{"search", "ZOË"}}, "10.0.0.20 "},
-                 {{{"search", std::string(600, ' ') + 'a'}}, "400"},
-                 {{{"search", "1 2 3 4 5 6 7 8 9"}}, "400"},
-                 {{{"search", " corp 10.0.0. "}, {"sort", "heard"}}, "10.0.0.3 10.0.0.20 "},
-                 {{{"search", "corp zoë adam"}}, ""},
-                 {{{"offset", "1"}, {"limit", "1"}}, "10.0.0.3 "},
-                 {{{"offset", "99"}}, ""},
-                 {{{"limit", "1001"}}, "400"},
-                 {{{"order", "up"}}, "400"},
-                 {{{"sort", "shoe size"}}, "400"}};
-    for (const auto& c : cases) {
-        const auto answer = api.Get("/api/identities", c.asked, At(3));
+    const std::pair<std::map<std::string, std::string>, std::string> cases[] = {
+        {{}, "fe80::1 10.0.0.3 10.0.0.20 "},
+        {{{"sort", "address"}, {"order", "asc"}}, "10.0.0.3 10.0.0.20 fe80::1 "},
+        {{{"sort", "user"}, {"order", "asc"}}, "10.0.0.3 fe80::1 10.0.0.20 "},
+        {{{"sort", "computer"}, {"order", "asc"}}, "10.0.0.3 fe80::1 10.0.0.20 "},
+        {{{"search", "ZOË"}}, "10.0.0.20 "},
+        {{{"search", std::string(600, ' ') + 'a'}}, "400"},
+        {{{"search", "1 2 3 4 5 6 7 8 9"}}, "400"},
+        {{{"search", " corp 10.0.0. "}, {"sort", "heard"}}, "10.0.0.3 10.0.0.20 "},
+        {{{"search", "corp zoë adam"}}, ""},
+        {{{"offset", "1"}, {"limit", "1"}}, "10.0.0.3 "},
+        {{{"offset", "99"}}, ""},
+        {{{"limit", "1001"}}, "400"},
+        {{{"order", "up"}}, "400"},
+        {{{"sort", "shoe size"}}, "400"}};
+    for (const auto& [asked, expected] : cases) {
+        const auto answer = api.Get("/api/identities", asked, At(3));
         std::string addresses = answer->status == 200 ? "" : std::to_string(answer->status);
         const auto body = nlohmann::json::parse(answer->body, nullptr, false);
         for (const auto& each : body.value("identities", nlohmann::json::array()))
             addresses += each.value("address", "") + ' ';
-        EXPECT_EQ(c.addresses, addresses) << answer->body;
+        EXPECT_EQ(expected, addresses) << answer->body;
     }
 }
 

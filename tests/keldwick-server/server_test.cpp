@@ -15,11 +15,11 @@
 namespace tools {
 namespace {
 
+using testing::HasSubstr;
+using testing::UnorderedElementsAre;
 using win32::DESCRIPTOR;
 
 using BYTES = std::vector<uint8_t>;
-
-BYTES Answer(uint8_t id) { return {0, 14, 0, 3, 0x80, 0x10, 0, 0, 0, id, 0, 0, 0, 0}; }
 
 // It names nobody.
 BYTES Request(uint8_t id) {
@@ -41,40 +41,39 @@ BYTES Unfinished(size_t size) {
 // A server that runs on a thread of its own.
 class RUNNING {
 public:
-    explicit RUNNING(uint32_t status = 0, std::chrono::milliseconds patience = SERVER_OPTIONS().patience)
+    explicit RUNNING(std::chrono::milliseconds patience = SERVER_OPTIONS().patience)
         : server({[this](const CONNECTION& from) { EXPECT_EQ(++connections, from.number); },
-                  [this](const CONNECTION& from, const REPORT& report) {
-                      ids.push_back(report.request.id);
+                  [](const CONNECTION& from, const REPORT& report) {
                       EXPECT_EQ("127.", from.address.substr(0, 4));
                       EXPECT_EQ(report.request.length, report.bytes.size());
                   },
-                  [this](const CONNECTION& from, const ENDING& end) {
-                      if (!end.complaint.empty()) complaints.push_back(from.Peer() + ": " + end.complaint);
-                      if (end.refused) ++refusals;
+                  [this](const CONNECTION&, const ENDING& end) {
+                      if (!end.complaint.empty()) complaints.push_back(end.complaint);
                   }}) {
         std::signal(SIGPIPE, SIG_IGN);
         SERVER_OPTIONS options;
         options.tcpPort = options.tlsPort = 0;
-        options.status = status;
         options.patience = patience;
         options.unfinishedBytes = 900'000;
         std::string error;
         EXPECT_TRUE(server.Open(options, error)) << error;
         thread = std::thread([this] { server.Run(stop.Get()); });
     }
-    ~RUNNING() { Stop(); }
-    void Stop() {
-        if (!thread.joinable()) return;
+    ~RUNNING() {
+        if (thread.joinable()) Stop();
+    }
+    // What it complained of.
+    std::vector<std::string> Stop() {
         eventfd_write(stop.Get(), 1);
         thread.join();
+        return complaints;
     }
     int TcpPort() const { return server.TcpPort(); }
     int TlsPort() const { return server.TlsPort(); }
-    std::vector<uint32_t> ids;             // after Stop
-    std::vector<std::string> complaints;   // likewise
-    size_t connections = 0, refusals = 0;  // likewise
 
 private:
+    std::vector<std::string> complaints;
+    size_t connections = 0;
     SERVER server;
     DESCRIPTOR stop{eventfd(0, EFD_CLOEXEC)};
     std::thread thread;
@@ -95,17 +94,13 @@ public:
         const timeval patience{15, 0};
         setsockopt(fd.Get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
         if (!secure) return;
-        context.reset(SSL_CTX_new(TLS_client_method()));
-        session.reset(SSL_new(context.get()));
+        session.reset(SSL_new(TLS_CONTEXT(SSL_CTX_new(TLS_client_method())).get()));
         SSL_set_fd(session.get(), fd.Get());
         EXPECT_EQ(1, SSL_connect(session.get()));
     }
     void Say(const BYTES& bytes) const {
-        if (session) {
-            SSL_write(session.get(), bytes.data(), static_cast<int>(bytes.size()));
-        } else {
-            send(fd.Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
-        }
+        session ? void(SSL_write(session.get(), bytes.data(), static_cast<int>(bytes.size())))
+                : void(send(fd.Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL));
     }
     BYTES Hear(size_t count) const {
         BYTES bytes(count);
@@ -114,34 +109,29 @@ public:
         bytes.resize(static_cast<size_t>(std::max<ssize_t>(heard, 0)));
         return bytes;
     }
-    void Finish() const { shutdown(fd.Get(), SHUT_WR); }
+    void Exchange(uint8_t id) const {
+        Say(Request(id));
+        EXPECT_EQ((BYTES{0, 14, 0, 3, 0x80, 0x10, 0, 0, 0, id, 0, 0, 0, 0}), Hear(14));
+    }
 
 private:
     DESCRIPTOR fd;
-    TLS_CONTEXT context;
     std::unique_ptr<SSL, SSL_FREER> session;
 };
 
 TEST(Server, WhoDoesNotGoOnIsEndedAndWhoIsSilentStays) {
-    RUNNING server(0, std::chrono::seconds(1));
+    RUNNING server(std::chrono::seconds(1));
     const VISITOR silent(server.TcpPort()), waits(server.TlsPort(), true);
-    for (const VISITOR* each : {&silent, &waits}) {
-        each->Say(Request(1));
-        EXPECT_EQ(Answer(1), each->Hear(14));
-    }
+    for (const VISITOR* each : {&silent, &waits}) each->Exchange(1);
     const BYTES whole = Request(2), half(whole.begin(), whole.end() - 1);
     const VISITOR unfinished(server.TcpPort()), noHandshake(server.TlsPort(), false), secure(server.TlsPort(), true);
     unfinished.Say(half);
     secure.Say(half);
     for (const VISITOR* each : {&unfinished, &noHandshake, &secure}) EXPECT_TRUE(each->Hear(1).empty());
-    for (const VISITOR* each : {&silent, &waits}) {
-        each->Say(Request(3));
-        EXPECT_EQ(Answer(3), each->Hear(14));
-    }
-    server.Stop();
-    EXPECT_THAT(server.complaints, testing::UnorderedElementsAre(testing::HasSubstr("too long for a request"),
-                                                                 testing::HasSubstr("too long for a request"),
-                                                                 testing::HasSubstr("too long for its TLS handshake")));
+    for (const VISITOR* each : {&silent, &waits}) each->Exchange(3);
+    EXPECT_THAT(server.Stop(),
+                UnorderedElementsAre(HasSubstr("too long for a request"), HasSubstr("too long for a request"),
+                                     HasSubstr("too long for its TLS handshake")));
 }
 
 TEST(Server, TheLargestUnfinishedRequestGoesWhenAllAreTooMuch) {
@@ -151,11 +141,8 @@ TEST(Server, TheLargestUnfinishedRequestGoesWhenAllAreTooMuch) {
     small.Say({bytes.begin(), bytes.begin() + 400'000});
     larger.Say(bytes);
     EXPECT_TRUE(larger.Hear(1).empty());
-    const VISITOR other(server.TcpPort());
-    other.Say(Request(1));
-    EXPECT_EQ(Answer(1), other.Hear(14));
-    server.Stop();
-    EXPECT_THAT(server.complaints, testing::ElementsAre(testing::HasSubstr("too much memory")));
+    VISITOR(server.TcpPort()).Exchange(1);
+    EXPECT_THAT(server.Stop(), testing::ElementsAre(HasSubstr("too much memory")));
 }
 
 TEST(Server, OneAddressGetsHalfOfTheConnections) {
@@ -168,13 +155,9 @@ TEST(Server, OneAddressGetsHalfOfTheConnections) {
     std::vector<std::unique_ptr<VISITOR>> crowd;
     for (int i = 0; i < 40; ++i) crowd.push_back(std::make_unique<VISITOR>(server.TcpPort()));
     EXPECT_TRUE(crowd.back()->Hear(1).empty());
-    const VISITOR neighbour(server.TcpPort(), false, "127.95.0.2");
-    neighbour.Say(Request(1));
-    EXPECT_EQ(Answer(1), neighbour.Hear(14));
+    VISITOR(server.TcpPort(), false, "127.95.0.2").Exchange(1);
     crowd.clear();
-    server.Stop();
-    EXPECT_EQ(16u, server.complaints.size());
-    EXPECT_THAT(server.complaints.at(0), testing::HasSubstr("half of all connections"));
+    EXPECT_THAT(server.Stop(), AllOf(testing::SizeIs(16), testing::Each(HasSubstr("half of all connections"))));
 }
 
 TEST(Server, AHandshakeThatStopsHalfwayIsNotServedInCircles) {

@@ -128,12 +128,7 @@ rubbish
 }
 
 TEST(VERDICTS, TheFirstRuleThatRefusesALogonIsNamed) {
-    const struct {
-        DWORD id;
-        const STRINGS& strings;
-        CHANGES changes;
-        const char* verdict;
-    } cases[] = {
+    const std::tuple<DWORD, STRINGS, CHANGES, const char*> cases[] = {
         {4624, Logon4624, {{8, u"x"}, {0, u"S-1-5-18"}}, "-a logon type that is no number"},
         {4624, Logon4624, {{0, u"S-1-5-18"}, {4, u"S-1-5-7"}}, "-made by a process on a user's behalf"},
         {4624, Logon4624, {{4, u"s-1-5-7"}, {8, u"5"}}, "-an anonymous logon"},
@@ -156,11 +151,11 @@ TEST(VERDICTS, TheFirstRuleThatRefusesALogonIsNamed) {
         {538, Logoff538, {}, "-a logoff, which ends nothing"},
         {4688, Logoff538, {}, "-event 4688, which the agent does not read"},
     };
-    for (const auto& c : cases) {
+    for (const auto& [id, strings, changes, expected] : cases) {
         win32::BYTES record;
-        ASSERT_TRUE(win32::BuildRecord(Event(c.id, With(c.strings, c.changes)), record));
+        ASSERT_TRUE(win32::BuildRecord(Event(id, With(strings, changes)), record));
         const VERDICT verdict = VERDICTS().Of(*reinterpret_cast<const EVENTLOGRECORD*>(record.data()));
-        EXPECT_EQ(c.verdict, (verdict.reported ? "+" : "-") + verdict.why) << c.id;
+        EXPECT_EQ(expected, (verdict.reported ? "+" : "-") + verdict.why) << id;
     }
 }
 
@@ -233,10 +228,8 @@ TEST(AgentLog, TheReasonIsThatOfTheProcessSinceItWasConnectedLast) {
     const std::string connected = "Connected to Identity server = \"id\" ...",
                       failed = "Connect to Identity server = \"id\" failed",
                       lost = "IdentityReportLogon: disconnect recieved";
-    const struct {
-        std::string log, reason;
-        int64_t time;
-    } cases[] = {
+    // The log, the reason, and since when.
+    const std::tuple<std::string, std::string, int64_t> cases[] = {
         {"", "", 0},
         {at("09:00:00 AM", refused("IDENTITY_TCPS", "Refused.")) + at("12:00:01 PM", refused("IDENTITY_TCP", "Gone.")),
          "TLS: Refused; plain TCP: Gone", 1795608001},
@@ -251,10 +244,10 @@ TEST(AgentLog, TheReasonIsThatOfTheProcessSinceItWasConnectedLast) {
         {"KDWK: (812.1) " + failed + "\r\n", failed, 0},
         {"cut\r\n    Description = off\r\n\r\n    \r\n", "", 0},
     };
-    for (const auto& c : cases) {
-        const CONNECTION_FAILURE found = FindConnectionFailure(c.log, 812);
-        EXPECT_EQ(c.reason, ReasonText(found)) << c.log;
-        EXPECT_EQ(c.time, found.time) << c.log;
+    for (const auto& [log, reason, time] : cases) {
+        const CONNECTION_FAILURE found = FindConnectionFailure(log, 812);
+        EXPECT_EQ(reason, ReasonText(found)) << log;
+        EXPECT_EQ(time, found.time) << log;
     }
     unsetenv("TZ");
     tzset();

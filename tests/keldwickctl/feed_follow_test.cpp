@@ -45,7 +45,7 @@ class MODEL {
 public:
     enum WAY { NUMBERED, DATED, COPIED, COPIED_OVER, WAYS };  // over the copy before
 
-    MODEL(const std::string& file, WAY how) : path(file), way(how) { files.emplace_back(); }
+    MODEL(const std::string& file, WAY how) : way(how), path(file) { files.emplace_back(); }
 
     void Append(const std::string& text, size_t back = 0) {  // to the file, or one rotated so many times
         LOGGED& file = files[files.size() - 1 - back];
@@ -56,16 +56,14 @@ public:
         std::ofstream(NameOf(back), std::ios::binary | std::ios::app) << text;
         Touch(NameOf(back));
     }
-    bool IsCopied() const { return way >= COPIED; }
-    bool IsCopiedOver() const { return way == COPIED_OVER; }
-    bool EndsInALine() const { return files.back().half.empty(); }
-
-    void Rotate() {
-        if (!fs::exists(path)) return;
+    // A line is written last; if the file is renamed within one, after that.
+    void Rotate(const std::string& line) {
+        const bool endsLate = way < COPIED && !files.back().half.empty();
+        if (!endsLate) Append(line);
         for (size_t back = way == NUMBERED || way == COPIED ? files.size() - 1 : 0; back > 0; --back)
             fs::rename(NameOf(back), NameOf(back + 1));
         const std::string rotated = way == DATED ? path + "-" + std::to_string(20260000 + files.size()) : path + ".1";
-        if (IsCopied()) {
+        if (way >= COPIED) {
             fs::copy_file(path, rotated, fs::copy_options::overwrite_existing);
             Touch(rotated);
             fs::resize_file(path, 0);
@@ -74,6 +72,7 @@ public:
             fs::rename(path, rotated);
         }
         files.emplace_back();
+        if (endsLate) Append(line, 1);
     }
 
     // The next lines, at most so many.
@@ -90,7 +89,9 @@ public:
     void GoBack() {
         for (LOGGED& file : files) file.read = file.marked;
     }
-    bool IsKnown(size_t back) const { return back < files.size() && files[files.size() - 1 - back].known; }
+    bool IsRotatedOneKnown() const { return files.size() > 1 && files[files.size() - 2].known; }
+
+    const WAY way;
 
 private:
     struct LOGGED {
@@ -107,7 +108,6 @@ private:
     void Touch(const std::string& name) { fs::last_write_time(name, written += std::chrono::seconds(1)); }
 
     const std::string path;
-    const WAY way;
     std::deque<LOGGED> files;
     fs::file_time_type written = fs::file_time_type::clock::now() - std::chrono::hours(3);
 };
@@ -160,19 +160,15 @@ TEST_F(FOLLOWED, RandomRotationsAndRestartsCostNoLineAndDoubleNone) {
                     model.Append(
                         line.substr(0, 4 + line.size() / 8));  // with its number, or it would begin like others
                     break;
-                case ROTATE: {
-                    if (model.IsCopiedOver()) {  // what the next copy overwrites must have been read
+                case ROTATE:
+                    if (model.way == MODEL::COPIED_OVER) {  // what the next copy overwrites must have been read
                         read(std::string::npos);
                         mark();
                     }
-                    const bool endsLate = !model.IsCopied() && !model.EndsInALine();
-                    if (!endsLate) model.Append(line);
-                    model.Rotate();
-                    if (endsLate) model.Append(line, 1);
+                    model.Rotate(line);
                     break;
-                }
                 case LATE:
-                    if (model.IsCopied() || !model.IsKnown(1)) break;
+                    if (model.way >= MODEL::COPIED || !model.IsRotatedOneKnown()) break;
                     read(std::string::npos);
                     model.Append(line, 1);
                     read(std::string::npos);
