@@ -103,8 +103,6 @@ TEST_F(Check, WhatIsMissingOrNotKnownIsSaidAndNothingElse) {
                                                               : "\nnot known .*line 1"));
         EXPECT_EQ(3, Run("status --check").exitCode);
     }
-    EXPECT_THAT(Run("--root /nowhere check").out,
-                HasSubstr("no /nowhere/registry.reg; keldwickctl --root /nowhere init"));
 }
 
 TEST_F(Check, ADryRunShowsEachLineAndTheSumAndWritesNothing) {

@@ -1,5 +1,4 @@
-// What the importers make of event XML, .evtx and .evt: which events, which strings, and what they report as
-// unreadable.
+// What the importers make of event XML, .evtx and .evt: which events and strings, and what is unreadable.
 #include "tests/keldwickctl/program.h"
 #include "tools/common/event_xml.h"
 #include "tools/common/values.h"
