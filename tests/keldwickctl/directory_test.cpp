@@ -1,6 +1,4 @@
 // The directory's commands: what the agent would report of an account, and whether all that it asks can be asked.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <ldap.h>
 
 #include <nlohmann/json.hpp>

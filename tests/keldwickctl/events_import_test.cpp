@@ -1,7 +1,4 @@
-// What the importers make of event XML, .evtx and .evt: which events, which strings, and what they report as
-// unreadable.
-#include <gmock/gmock.h>
-
+// What the importers make of event XML, .evtx and .evt: which events and strings, and what is unreadable.
 #include "tests/keldwickctl/program.h"
 #include "tools/common/event_xml.h"
 #include "tools/common/values.h"
@@ -190,20 +187,21 @@ TEST(EVENT_VALUES, TimesSidsAndBytesAreTakenOrRefusedAsAWhole) {
     for (const char* bad : {"a", "0x", "gg", "1 "}) EXPECT_FALSE(ParseHex(bad)) << bad;
 }
 
-TEST(EVENTS, AnImportTakesWhatCanBeReadAndIsAskedFor) {
-    const TEMPORARY_ROOT root;
+class EVENTS : public MACHINE {};
+
+TEST_F(EVENTS, AnImportTakesWhatCanBeReadAndIsAskedFor) {
     const auto import = [&](const std::string& name, const char* options = "") {
-        return RunKeldwickctl(root, Words(std::string("events import ") + options, {root.Path(name)}));
+        return Run(std::string("events import ") + options, {root.Path(name)});
     };
-    ASSERT_EQ(0, RunKeldwickctl(root, Words("init")).exitCode);
+    ASSERT_EQ(0, Run("init").exitCode);
     root.Write("x.xml", Event(1) + "<Event>" + Event(4624));
     EXPECT_THAT(import("x.xml", "--dry-run").out, HasSubstr("\n         1  not reported: too few strings\n"));
-    EXPECT_EQ("", RunKeldwickctl(root, Words("events list")).out);
+    EXPECT_EQ("", Run("events list").out);
     OUTCOME outcome = import("x.xml");
     EXPECT_EQ(1, outcome.exitCode);
     EXPECT_THAT(outcome.error,
                 AllOf(HasSubstr("cut short by the next event\n"), HasSubstr("no agent follows the Security log now")));
-    outcome = RunKeldwickctl(root, Words("events list --last 1 --json"));
+    outcome = Run("events list --last 1 --json");
     EXPECT_THAT(outcome.out, HasSubstr(R"("record":2,"time":"2026-11-16T08:00:12Z","id":4624,)"));
     EXPECT_EQ("2 events imported into the Security log.\n", import("eventlog/Security.evt").out) << "into itself";
     std::string damaged = root.Read("eventlog/Security.evt");

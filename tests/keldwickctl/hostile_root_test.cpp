@@ -1,13 +1,8 @@
 // Root's commands in a machine root that another account owns, and what that account may have laid there.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <filesystem>
 #include <functional>
-#include <string>
-#include <tuple>
 
 #include "tests/keldwickctl/program.h"
 
@@ -18,15 +13,16 @@ namespace {
 
 constexpr uid_t Attacker = 65534;
 
-class HostileRoot : public testing::Test {
+class HostileRoot : public MACHINE {
 protected:
     void SetUp() override {
         if (geteuid() != 0) GTEST_SKIP() << "only root can work in another account's folder";
+        setenv("KELDWICK_ROOT", root.Path("").c_str(), 1);  // not the other one
         victim = elsewhere.Path("victim");
         elsewhere.Write("victim", "secret\n");
         ASSERT_EQ(0, chmod(victim.c_str(), 0600));
         ASSERT_EQ(0, chown(root.Path("").c_str(), Attacker, Attacker));
-        ASSERT_EQ(0, RunKeldwickctl(root, Words("init")).exitCode);
+        ASSERT_EQ(0, Run("init").exitCode);
     }
 
     std::tuple<uid_t, gid_t, mode_t, std::string> Victim() const {
@@ -40,7 +36,7 @@ protected:
         return std::distance(fs::directory_iterator(elsewhere.Path("")), fs::directory_iterator()) == 1;
     }
 
-    const TEMPORARY_ROOT elsewhere, root;
+    const TEMPORARY_ROOT elsewhere;
     std::string victim;
 };
 
@@ -72,7 +68,7 @@ TEST_F(HostileRoot, NothingLaidInAFilesPlaceIsTouchedOrWaitedFor) {
         {"status", "feed/f.state", true},
         {"directory lookup CORP\\ann", "directory.ldif", false},
     };
-    ASSERT_EQ(0, RunKeldwickctl(root, Words("feed json --name f")).exitCode);
+    ASSERT_EQ(0, Run("feed json --name f").exitCode);
     const auto before = Victim();
     for (const auto& [command, name, named] : cases) {
         for (const auto& [lay, reason] : things) {
@@ -84,7 +80,7 @@ TEST_F(HostileRoot, NothingLaidInAFilesPlaceIsTouchedOrWaitedFor) {
             if (fs::hard_link_count(victim) == 1) {
                 ASSERT_EQ(0, lchown(path.c_str(), Attacker, Attacker));
             }
-            const OUTCOME outcome = RunKeldwickctl(root, Words(command));
+            const OUTCOME outcome = Run(command);
             EXPECT_NE(-1, outcome.exitCode) << "it did not end";
             if (named) {
                 EXPECT_THAT(outcome.out + outcome.error, HasSubstr(path + reason));
@@ -105,11 +101,11 @@ TEST_F(HostileRoot, OnlyAnAdministratorsLinkOfAFolderIsFollowed) {
         {"status", "feed"},          {figures.c_str(), "exporter"}};
     for (const auto& [command, folder] : cases) {
         SCOPED_TRACE(testing::Message() << command << " " << folder);
-        ASSERT_EQ(0, RunKeldwickctl(root, Words("init")).exitCode);
+        ASSERT_EQ(0, Run("init").exitCode);
         fs::remove_all(root.Path(folder));
         fs::create_directory_symlink(elsewhere.Path(""), root.Path(folder));
         ASSERT_EQ(0, lchown(root.Path(folder).c_str(), Attacker, Attacker));
-        const OUTCOME outcome = RunKeldwickctl(root, Words(command));
+        const OUTCOME outcome = Run(command);
         EXPECT_THAT(outcome.out + outcome.error, HasSubstr(root.Path(folder) + " is a link of another account; "));
         EXPECT_TRUE(IsElsewhereAsItWas());
         fs::remove(root.Path(folder));
@@ -117,15 +113,14 @@ TEST_F(HostileRoot, OnlyAnAdministratorsLinkOfAFolderIsFollowed) {
     ASSERT_EQ(0, chown(elsewhere.Path("").c_str(), Attacker, Attacker));
     fs::remove_all(root.Path("eventlog"));
     fs::create_directory_symlink(elsewhere.Path(""), root.Path("eventlog"));  // root's own
-    for (const char* command : {"init", "events write --id 4624 -- one"})
-        EXPECT_EQ(0, RunKeldwickctl(root, Words(command)).exitCode);
+    for (const char* command : {"init", "events write --id 4624 -- one"}) EXPECT_EQ(0, Run(command).exitCode);
     struct stat log = {};
     EXPECT_EQ(0, stat(elsewhere.Path("Security.evt").c_str(), &log));
     EXPECT_EQ(Attacker, log.st_uid) << "the agent's, as the folder is";
 }
 
 TEST_F(HostileRoot, TheStatusTellsNothingOfWhatAFileHoldsThatAFeedsStateNames) {
-    ASSERT_EQ(0, RunKeldwickctl(root, Words("feed json --name f")).exitCode);
+    ASSERT_EQ(0, Run("feed json --name f").exitCode);
     struct stat about = {};
     ASSERT_EQ(0, stat(victim.c_str(), &about));
     const auto guess = [&](const char* fingerprint) {  // of the first letter
@@ -133,7 +128,7 @@ TEST_F(HostileRoot, TheStatusTellsNothingOfWhatAFileHoldsThatAFeedsStateNames) {
                    R"({"file":")" + victim + R"(","saved":"x","behind":99,"nextRecord":1,"records":0,)" +
                        R"("skipped":0,"unreadable":0,"offset":1,"device":)" + std::to_string(about.st_dev) +
                        ",\"inode\":" + std::to_string(about.st_ino) + ",\"tail\":" + fingerprint + "}");
-        return RunKeldwickctl(root, Words("status")).out;
+        return Run("status").out;
     };
     const std::string right = guess("12638206991764949794");  // of "s"
     EXPECT_THAT(right, HasSubstr(", 6 bytes behind"));

@@ -1,10 +1,6 @@
-#include "tests/keldwickctl/program.h"
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <algorithm>
-#include <filesystem>
+
+#include "tests/keldwickctl/program.h"
 
 namespace {
 
@@ -13,11 +9,11 @@ using testing::StartsWith;
 
 const std::string File = "registry.reg";
 
-class Keldwickctl : public testing::Test {
+class Keldwickctl : public MACHINE {
 protected:
     // The command works; gives what it printed.
     std::string Done(const std::string& command, const WORDS& more = {}) const {
-        const OUTCOME outcome = RunKeldwickctl(root, Words(command, more));
+        const OUTCOME outcome = Run(command, more);
         EXPECT_EQ(0, outcome.exitCode) << command << outcome.error;
         EXPECT_EQ("", outcome.error);
         return outcome.out;
@@ -26,15 +22,13 @@ protected:
 
     // The command ends with that code and one line that says why.
     std::string Refused(int exitCode, const std::string& command, const WORDS& more = {}) const {
-        const OUTCOME outcome = RunKeldwickctl(root, Words(command, more));
+        const OUTCOME outcome = Run(command, more);
         EXPECT_EQ(exitCode, outcome.exitCode) << command << testing::PrintToString(more);
         EXPECT_EQ("", outcome.out);
         EXPECT_THAT(outcome.error, StartsWith("keldwickctl: "));
         EXPECT_EQ(1, std::count(outcome.error.begin(), outcome.error.end(), '\n')) << outcome.error;
         return outcome.error;
     }
-
-    const TEMPORARY_ROOT root;
 };
 
 TEST_F(Keldwickctl, InitMakesAMachineRootAndKeepsOneThatIsThere) {
@@ -67,7 +61,7 @@ TEST_F(Keldwickctl, InitMakesAMachineRootAndKeepsOneThatIsThere) {
 
 TEST_F(Keldwickctl, ListsShowControlCharactersAndNeverSendThem) {
     Done("init --server id.example --protocol tcp");
-    RunKeldwickctl(root, Words("settings set AdServer", {"a\x1B[2J\nb"}));
+    Run("settings set AdServer", {"a\x1B[2J\nb"});
     Done("settings set --type sz", {"n\xE2\x80\xAE", "x"});
     EXPECT_EQ(
         "IdentServer    sz     id.example\n"
@@ -86,7 +80,7 @@ TEST_F(Keldwickctl, ListsShowControlCharactersAndNeverSendThem) {
 TEST_F(Keldwickctl, TheTypeFollowsTheName) {
     Done("init");
     const auto check = [&](const std::string& name, const WORDS& words, const char* stored, const char* shown) {
-        EXPECT_EQ(0, RunKeldwickctl(root, Words("settings set " + name, words)).exitCode);
+        EXPECT_EQ(0, Run("settings set " + name, words).exitCode);
         EXPECT_THAT(root.Read(File), HasSubstr(stored));
         EXPECT_EQ(shown, Get(name));
     };
@@ -117,34 +111,54 @@ TEST_F(Keldwickctl, TheTypeFollowsTheName) {
 
 TEST_F(Keldwickctl, AValueThatCannotWorkIsStoredWithAWarning) {
     Done("init");
-    const std::tuple<const char*, WORDS, const char*> cases[] = {
-        // null: there is nothing to warn of
+    const std::string key = "HKEY_LOCAL_MACHINE\\SOFTWARE\\Vantorel Systems\\Keldwick\\",
+                      size = "HKEY_local_machine\\system\\CurrentControlSet\\services\\EventLog\\Security\\MaxSize";
+    const std::tuple<std::string, WORDS, const char*> cases[] = {
+        // "": there is nothing to warn of
         {"IdentServer", {"id.example:1306"}, "the ports are fixed"},
-        {"IdentServer", {"http://id.example"}, "is a URL"},
+        {key + "IdentServer", {"http://y"}, "warning: IdentServer = http://y: is a URL"},
         {"IdentServer", {"id example"}, "blank"},
         {"IdentServer", {""}, "is empty"},
-        {"IdentServer", {"2001:db8::1"}, nullptr},
-        {"IdentServer", {"fe80::1%eth0"}, nullptr},
-        {"identserver", {"id.example"}, nullptr},
+        {"IdentServer", {"2001:db8::1"}, ""},
+        {"IdentServer", {"fe80::1%eth0"}, ""},
+        {"identserver", {"id.example"}, ""},
         {"IdentServer", {"7", "--type", "dword"}, "is of type dword, not sz"},
+        {"IdentServer", {"300.1.1.1"}, "neither a name nor an IPv4 address"},
+        {"IdentServer", {"1.2.3"}, "neither a name nor an IPv4 address"},
+        {"IdentServer", {"*.x"}, "is not a host's name"},
+        {"IdentServer", {"fe80::1%a b/.."}, "blank"},
+        {"IdentServer", {"10.0.0.1%eth0"}, "is not a host's name"},
+        {"IdentServer", {"h1.example.", "--type", "sz"}, ""},
         {"AdServer", {"ldap://dc1"}, "no URL"},
-        {"AdServer", {""}, nullptr},
+        {"AdServer", {""}, ""},
         {"IdentProtocol", {"3"}, "auto"},
         {"Heartbeat", {"0"}, "every minute"},
         {"Heartbeat", {"10", "--type", "sz"}, "takes 30 at its next start"},
-        {"LogonTTL", {"71582"}, nullptr},
+        {"LogonTTL", {"71582"}, ""},
         {"LogonTTL", {"71583"}, "takes 12 seconds"},
         {"Shutdown", {"3"}, "means nothing"},
         {"DebugOutput", {"verbose"}, "ends its log"},
         {"DebugOutput", {"log,0x2000"}, "mean nothing"},
-        {"DebugOutput", {"log,append,verbose"}, nullptr},
-        {"Linux\\NameLookupTimeout", {"60001"}, "60000 ms at most"},
+        {"DebugOutput", {"log,append,verbose"}, ""},
+        {key + "linux\\NameLookupTimeout", {"60001"}, "60000 ms at most"},
+        {"Linux\\DirectoryUri", {"nonsense"}, "is not ldap://HOST"},
+        {"Linux\\DirectoryUri", {"http://a b"}, "is not ldap://HOST"},
+        {"Linux\\DirectoryUri", {"ldaps://dc1.example:636"}, ""},
+        {"Linux\\DirectoryKeytab", {"/nonexistent"}, "no such file"},
+        {"Linux\\DirectoryKeytab", {"FILE:" + root.Path(File)}, ""},
+        {size, {"1"}, "less than a log can have: a log takes 65536 bytes"},
+        {size, {"4294967295"}, "a log takes 2147418112 bytes"},
+        {size, {"70000", "--type", "sz"}, "is of type sz, not dword"},
+        {size, {"131072"}, ""},
     };
     for (const auto& [name, value, warning] : cases) {
-        const OUTCOME outcome = RunKeldwickctl(root, Words(std::string("settings set ") + name, value));
-        EXPECT_EQ(0, outcome.exitCode) << name;
-        EXPECT_EQ(warning != nullptr, outcome.error.starts_with("keldwickctl: warning: ")) << name << outcome.error;
-        EXPECT_THAT(outcome.error, HasSubstr(warning != nullptr ? warning : "")) << testing::PrintToString(value);
+        WORDS words = {name};
+        words.insert(words.end(), value.begin(), value.end());
+        const OUTCOME outcome = Run("settings set", words);
+        EXPECT_EQ(0, outcome.exitCode) << name << outcome.error;
+        EXPECT_EQ(*warning == 0, outcome.error.empty()) << name << testing::PrintToString(value) << outcome.error;
+        EXPECT_THAT(outcome.error,
+                    AllOf(StartsWith(*warning == 0 ? "" : "keldwickctl: warning: "), HasSubstr(warning)));
     }
     EXPECT_THAT(Done("settings list"), HasSubstr("DebugOutput              dword  258 (0x102: log,append,verbose)\n"));
 }

@@ -1,12 +1,20 @@
 // The worker's loop: what reaches the identity servers, and when.
 #include "tests/support/agent.h"
 #include "tests/support/event_strings.h"
-#include "tools/keldwick-server/server_tls.h"
+#include "tests/support/tls_peer.h"
+#include "tools/common/event_xml.h"
+#include "tools/common/verdicts.h"
+#include "tools/feed/samba_audit.h"
+#include "tools/feed/shipper_json.h"
+#include "win32/text/utf.h"
 
 namespace keldwick {
 namespace {
 
+using testing::AllOf;
 using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Not;
 
 class LOOP : public AGENT {
 protected:
@@ -99,8 +107,7 @@ TEST_F(LOOP, AServerThatWasGoneGetsWhatHappenedMeanwhile) {
 }
 
 TEST_F(LOOP, AnotherServerIsTakenAtOnceAndAProtocolWithIt) {
-    std::string reason;
-    const tools::TLS_CONTEXT tls = tools::NewServerContext("", "", reason);
+    const auto tls = NewServer({});
     MakeDirectory(
         "dn: CN=Ann,DC=corp|sAMAccountName: ann|memberOf: CN=G,DC=corp\ndn: CN=G,DC=corp|sAMAccountName: G\n");
     Serve();
@@ -111,25 +118,18 @@ TEST_F(LOOP, AnotherServerIsTakenAtOnceAndAProtocolWithIt) {
     At("08:04:00", [] { Set(TEXT("IdentServer"), STRING(SCRIPTED_SERVER::Host(1).c_str()).Text()); });
     WriteAt("08:05:00", {LogonOf(u"ann", u"10.0.0.7")});
     Run(Plain("LogonTTL=dword:3C"), "08:33:00");
-    const std::string withDn = " logon CORP\\ann (CN=Ann,DC=corp) on CORP\\PC1 at 10.0.0.";
-    EXPECT_THAT(
-        reports,
-        ElementsAre(
-            "08:01:00" + withDn + "5 [1 CORP\\G (CN=G,DC=corp)]", "08:03:00 logon " + bobThere,
-            "08:05:00 #1" + withDn + "7",
-            "08:31:15 #1 heartbeat CORP\\ann (CN=Ann,DC=corp) on CORP\\PC1 at 10.0.0.5 [1 CORP\\G (CN=G,DC=corp)]"));
+    const std::string withDn = "CORP\\ann (CN=Ann,DC=corp) on CORP\\PC1 at 10.0.0.",
+                      group = " [1 CORP\\G (CN=G,DC=corp)]";
+    EXPECT_THAT(reports,
+                ElementsAre("08:01:00 logon " + withDn + "5" + group, "08:03:00 logon " + bobThere,
+                            "08:05:00 #1 logon " + withDn + "7", "08:31:15 #1 heartbeat " + withDn + "5" + group));
     EXPECT_EQ(1u, DEBUG_LINES::Count(lines.Seen(), "Identity Server changed to \"" + SCRIPTED_SERVER::Host(1) + "\""));
 }
 
 TEST_F(LOOP, TlsBefore11IsNotSpoken) {
-    std::string reason;
-    const tools::TLS_CONTEXT tls[] = {tools::NewServerContext("", "", reason), tools::NewServerContext("", "", reason)};
-    for (const int number : {0, 1}) {
-        SSL_CTX_set_min_proto_version(tls[number].get(), TLS1_VERSION);
-        SSL_CTX_set_max_proto_version(tls[number].get(), number == 0 ? TLS1_1_VERSION : TLS1_VERSION);
-        SSL_CTX_set_cipher_list(tls[number].get(), "DEFAULT:@SECLEVEL=0");
-        Serve(number, tls[number].get());
-    }
+    const auto old = NewServer({TLS1_VERSION, TLS1_1_VERSION}), older = NewServer({TLS1_VERSION, TLS1_VERSION});
+    Serve(0, old.get());
+    Serve(1, older.get());
     WriteAt("08:01:00", {ann});
     At("08:02:00", [] { Set(TEXT("IdentServer"), STRING(SCRIPTED_SERVER::Host(1).c_str()).Text()); });
     WriteAt("08:03:00", {bob});
@@ -155,9 +155,8 @@ TEST_F(LOOP, AConnectionSendsAtOnceAndNoticesADeadPeer) {
             EXPECT_NE(0, option(IPPROTO_TCP, TCP_NODELAY));
             EXPECT_NE(0, option(SOL_SOCKET, SO_KEEPALIVE));
             const int interval = option(IPPROTO_TCP, TCP_KEEPINTVL), probes = option(IPPROTO_TCP, TCP_KEEPCNT);
-            EXPECT_THAT(option(IPPROTO_TCP, TCP_KEEPIDLE) + interval * probes,
-                        testing::AllOf(testing::Ge(10), testing::Le(20)));
-            EXPECT_THAT(option(IPPROTO_TCP, TCP_USER_TIMEOUT), testing::AllOf(testing::Ge(10000), testing::Le(20000)));
+            EXPECT_THAT(option(IPPROTO_TCP, TCP_KEEPIDLE) + interval * probes, AllOf(testing::Ge(10), testing::Le(20)));
+            EXPECT_THAT(option(IPPROTO_TCP, TCP_USER_TIMEOUT), AllOf(testing::Ge(10000), testing::Le(20000)));
         }
     });
     Run(Plain(), "08:00:20");
@@ -204,12 +203,182 @@ TEST_F(LOOP, TheDaysLogIsRenamedAtEachMidnight) {
     WriteAt("21:59:50", {ann});  // ten seconds before midnight
     WriteAt("22:00:10", {bob});
     Run(Plain(), "+22:00:20");
-    const std::string before = root.Read("Keldwick_2026-03-10.log"), after = root.Read("Keldwick_2026-03-11.log");
-    const auto has = [](const std::string& log, const char* text) { return log.find(text) != log.npos; };
-    EXPECT_TRUE(has(before, "Running as application") && has(before, "CORP\\ann") && !has(before, "CORP\\bob"));
-    EXPECT_TRUE(!has(after, "Running as application") && has(after, "2026/03/11 12:00:10 AM") &&
-                has(after, "CORP\\bob"));
+    EXPECT_THAT(root.Read("Keldwick_2026-03-10.log"),
+                AllOf(HasSubstr("Running as application"), HasSubstr("CORP\\ann"), Not(HasSubstr("CORP\\bob"))));
+    EXPECT_THAT(
+        root.Read("Keldwick_2026-03-11.log"),
+        AllOf(Not(HasSubstr("Running as application")), HasSubstr("2026/03/11 12:00:10 AM"), HasSubstr("CORP\\bob")));
 }
+
+// ---- Answers that come late, in pieces, or not as they should ----
+
+constexpr size_t AnswerLength = 14, ReportsPerCase = 8;
+
+// A piece of the answer to the report of that number, said so long after the report to which it belongs has come.
+struct PIECE {
+    int milliseconds;
+    size_t report, from = 0, to = AnswerLength;
+};
+
+const struct {
+    const char* name;
+    std::map<size_t, std::vector<PIECE>> said;  // for that report, if not just its answer. Nothing: it times out
+    const char* outcomes;                       // of its reports, "-" for one that failed
+    int seconds;                                // from the first report to the last
+} Cases[] = {
+    {"in two pieces", {{3, {{0, 3, 0, 7}}}, {4, {{1, 3, 7}, {2, 4}}}}, "++--++++", 0},
+    {"in three pieces many seconds apart",
+     {{3, {{0, 3, 0, 5}, {7000, 3, 5, 10}, {14000, 3, 10}}}, {4, {{14001, 4}}}},
+     "++--++++",
+     14},
+    {"without its end", {{3, {{0, 3, 0, 7}}}}, "++-+++++", 0},
+    {"late", {{3, {}}, {4, {{0, 3}, {1, 4}}}}, "++--++++", 20},
+    {"late, in pieces and from a slow server", {{3, {}}, {4, {{0, 3, 0, 7}, {1, 3, 7}, {3001, 4}}}}, "++--++++", 23},
+    {"two that are late", {{3, {}}, {4, {}}, {5, {{0, 3}, {1, 4}, {2, 5}}}}, "++---+++", 40},
+    {"never", {{3, {}}, {4, {}}}, "++--++++", 40},
+    {"with each report a piece",
+     {{3, {{0, 3, 0, 3}}}, {4, {{0, 3, 3, 7}}}, {5, {{0, 3, 7}, {1, 4}, {2, 5}}}},
+     "++---+++",
+     20},
+    {"doubled", {{4, {{0, 3}, {1, 4}}}}, "+++-++++", 0},
+    {"that of an earlier report", {{4, {{0, 3}}}}, "+++-++++", 1},
+    {"always too short",
+     {{3, {{0, 3, 0, 2}}}, {4, {{0, 4, 0, 2}}}, {5, {{0, 5, 0, 2}}}, {6, {{0, 6, 0, 2}}}},
+     "++----++",
+     22},
+};
+
+TEST_F(LOOP, ALateOrBrokenAnswerFailsItsReportAndAtMostTheNext) {
+    SCRIPTED_SERVER& server = Serve();
+    LINES answers, times;
+    AnswerEach(0, [&](const std::string& request) {
+        const size_t first = answers.size() / ReportsPerCase * ReportsPerCase;
+        answers.push_back(SCRIPTED_SERVER::GoodAnswer(request));
+        times.push_back(Time());
+        const auto& said = Cases[first / ReportsPerCase].said;
+        const auto plan = said.find(answers.size() - first);
+        if (plan == said.end()) return answers.back();
+        std::string atOnce;
+        for (const PIECE& piece : plan->second) {
+            const auto say = [&, first, piece] {
+                return answers.at(first + piece.report - 1).substr(piece.from, piece.to - piece.from);
+            };
+            if (piece.milliseconds == 0)
+                atOnce += say();
+            else
+                clock.At(clock.Now() + piece.milliseconds * (VIRTUAL_CLOCK::Second / 1000),
+                         [&server, say] { server.Say(say()); });
+        }
+        return atOnce;
+    });
+    for (size_t i = 0; i < std::size(Cases); ++i) {
+        std::vector<win32::NEW_EVENT> logons;
+        for (size_t report = 1; report <= ReportsPerCase; ++report)
+            logons.push_back(
+                LogonOf(u"ann", win32::ToUtf16("10.0." + std::to_string(i) + "." + std::to_string(report))));
+        clock.At(Start + static_cast<VIRTUAL_CLOCK::TIME>(300 + 600 * i) * VIRTUAL_CLOCK::Second,
+                 [=, this] { Write(logons); });
+    }
+    Run(Plain("LogonTTL=dword:2"), "12:00:00");
+    std::string outcomes;
+    for (const std::string& line : lines.Take()) {
+        if (line.starts_with("IdentityReportLogon request status")) outcomes += '+';
+        if (line.starts_with("IdentityReportLogon request response length") || line.starts_with("Unexpected response"))
+            outcomes += '-';
+    }
+    ASSERT_EQ(std::size(Cases) * ReportsPerCase, outcomes.size());
+    ASSERT_EQ(outcomes.size(), times.size());
+    for (size_t first = 0; const auto& c : Cases) {
+        EXPECT_EQ(c.outcomes, outcomes.substr(first, ReportsPerCase)) << c.name;
+        EXPECT_EQ(c.seconds, SecondsOf(times[first + ReportsPerCase - 1]) - SecondsOf(times[first])) << c.name;
+        first += ReportsPerCase;
+    }
+}
+
+// ---- Recorded events ----
+
+// Each file of events, recorded/NAME.SOURCE, stands beside the reports that must come of it, recorded/NAME.reports.
+// SOURCE is xml (Windows event XML), json (log shippers) or samba (the audit lines of a domain controller).
+
+using EVENTS = std::vector<win32::NEW_EVENT>;
+
+LINES LinesOf(const std::filesystem::path& path) {
+    std::ifstream file(path);
+    EXPECT_TRUE(file) << path;
+    LINES lines;
+    for (std::string line; std::getline(file, line);) lines.push_back(line);
+    return lines;
+}
+
+EVENTS FromXml(const LINES& lines) {
+    struct : tools::EVENT_SINK {
+        EVENTS events;
+        void Take(const win32::NEW_EVENT& event) override { events.push_back(event); }
+        void TakeRecord(const EVENTLOGRECORD&) override { ADD_FAILURE(); }
+        void Unreadable(const std::string& what) override { ADD_FAILURE() << what; }
+    } sink;
+    tools::EVENT_XML_STREAM stream(sink);
+    for (const std::string& line : lines) stream.Feed(line + "\n");
+    stream.Finish();
+    return sink.events;
+}
+
+template <class READER>
+EVENTS FromLines(const LINES& lines) {
+    EVENTS events;
+    READER reader;
+    for (const std::string& line : lines) {
+        win32::NEW_EVENT event;
+        std::string reason;
+        const auto result = reader.Read(line, event, reason);
+        EXPECT_NE(tools::feed::LINE_READER::UNREADABLE, result) << reason;
+        if (result == tools::feed::LINE_READER::RECORD) events.push_back(event);
+    }
+    return events;
+}
+
+// The files of events.
+std::vector<std::filesystem::path> Files() {
+    std::vector<std::filesystem::path> files;
+    for (const auto& entry : std::filesystem::directory_iterator(RECORDED_FOLDER))
+        if (entry.path().extension() != ".reports") files.push_back(entry.path());
+    std::sort(files.begin(), files.end());
+    return files;
+}
+
+class RECORDED : public LOOP, public testing::WithParamInterface<std::filesystem::path> {};
+
+TEST_P(RECORDED, EventsGiveTheirReports) {
+    MakeDirectory(
+        "dn: CN=Ann,OU=Sales,DC=corp|sAMAccountName: ann|memberOf: CN=Staff,DC=corp\n"
+        "dn: CN=WS7,OU=Desks,DC=corp|sAMAccountName: WS7$\ndn: CN=Staff,DC=corp|sAMAccountName: Staff\n");
+    std::filesystem::path file = GetParam();
+    const LINES source = LinesOf(file);
+    const EVENTS events = file.extension() == ".xml"    ? FromXml(source)
+                          : file.extension() == ".json" ? FromLines<tools::feed::SHIPPER_JSON>(source)
+                                                        : FromLines<tools::feed::SAMBA_AUDIT>(source);
+    Serve();
+    At("08:01:00", [&] { Write(events); });
+    Run(Plain(), "08:02:00");
+    for (std::string& report : reports) report.erase(0, 9);  // the time
+    EXPECT_EQ(LinesOf(file.replace_extension(".reports")), reports);
+    // A dry run foretells the logons.
+    std::erase_if(reports, [](const std::string& report) { return !report.starts_with("logon "); });
+    tools::VERDICTS verdicts;
+    size_t foretold = 0;
+    for (const win32::NEW_EVENT& event : events) {
+        win32::BYTES record;
+        EXPECT_TRUE(win32::BuildRecord(event, record));
+        const tools::VERDICT verdict = verdicts.Of(*reinterpret_cast<const EVENTLOGRECORD*>(record.data()));
+        if (!verdict.reported) continue;
+        ASSERT_LT(foretold, reports.size());
+        EXPECT_THAT(reports[foretold++],
+                    AllOf(testing::StartsWith("logon " + verdict.user + " "), HasSubstr(" at " + verdict.at)));
+    }
+    EXPECT_EQ(foretold, reports.size());
+}
+
+INSTANTIATE_TEST_SUITE_P(, RECORDED, testing::ValuesIn(Files()), [](const auto& file) { return file.param.stem(); });
 
 }  // namespace
 }  // namespace keldwick
