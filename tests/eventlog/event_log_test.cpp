@@ -28,7 +28,7 @@ protected:
         VIRTUAL_CLOCK::TIME when = clock.Now();
         for (const auto& step : steps) clock.At(when += VIRTUAL_CLOCK::Second, step);
         clock.At(when + VIRTUAL_CLOCK::Second, [this] { SetEvent(stop.Get()); });
-        lines.Forget();
+        lines.Take();
         reports.clear();
         return log.Process(stop.Get(), changed.Get());
     }

@@ -136,7 +136,7 @@ TEST_F(SettingsTest, AReloadTellsTheWorkerOnlyOfTheConnection) {
     }
     const auto stops = [this](const std::string& change) {
         Make(Complete + change);
-        lines.Forget();
+        lines.Take();
         ReloadSettings();
         return DEBUG_LINES::Count(lines.Seen(), "Stopping Service: Reason = Registry value \"Shutdown\" set");
     };
