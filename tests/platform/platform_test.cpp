@@ -15,11 +15,7 @@ namespace {
 
 // In a string, and straight to UTF-8.
 TEST(Format, EveryConventionOfTheMessages) {
-    const struct {
-        const WCHAR* format;
-        std::vector<FORMAT_ARGUMENT> arguments;
-        const char* expected;
-    } cases[] = {
+    const std::tuple<const WCHAR*, std::vector<FORMAT_ARGUMENT>, std::string> cases[] = {
         {TEXT("%lu %u %ld %d"),
          {MAXDWORD, WORD(65535), LONG(INT_MIN), DWORD(MAXDWORD)},
          "4294967295 65535 -2147483648 -1"},
@@ -39,35 +35,30 @@ TEST(Format, EveryConventionOfTheMessages) {
         {TEXT("%cx%c%.2f%s"),
          {WCHAR(0xD83D), WCHAR(0xD83D), 1.0, TEXT("\x20AC")},
          "\xEF\xBF\xBDx\xEF\xBF\xBD"
-         "1.00\xE2\x82\xAC"},
-    };
-    for (const auto& c : cases) {
+         "1.00\xE2\x82\xAC"}};
+    for (const auto& [format, arguments, expected] : cases) {
         STRING text(TEXT("what was there before"));
-        text.FormatV(c.format, c.arguments);
-        EXPECT_EQ(c.expected, Narrow(text));
+        text.FormatV(format, arguments);
+        EXPECT_EQ(expected, Narrow(text));
         LINE_BUFFER line;
         line.Append("<");
-        line.AppendFormat(c.format, c.arguments);
+        line.AppendFormat(format, arguments);
         line.Append(">");
-        EXPECT_EQ("<" + std::string(c.expected) + ">", line.View());
+        EXPECT_EQ("<" + expected + ">", line.View());
     }
 }
 
 TEST(String, DigitsAreReadUpToTheFirstOtherUnit) {
-    const struct {
-        const WCHAR* text;
-        DWORD base;
-        ULONGLONG number;
-        const char* rest;
-    } cases[] = {{TEXT("12ab"), 10, 12, "ab"},
-                 {TEXT("aBg"), 16, 0xAB, "g"},
-                 {TEXT("-1"), 10, 0, "-1"},
-                 {TEXT("4294967295"), 10, MAXDWORD, ""},
-                 {TEXT("99999999999999999999999 "), 10, 1ull << 32, " "}};
-    for (const auto& c : cases) {
+    const std::tuple<const WCHAR*, DWORD, ULONGLONG, const char*> cases[] = {
+        {TEXT("12ab"), 10, 12, "ab"},
+        {TEXT("aBg"), 16, 0xAB, "g"},
+        {TEXT("-1"), 10, 0, "-1"},
+        {TEXT("4294967295"), 10, MAXDWORD, ""},
+        {TEXT("99999999999999999999999 "), 10, 1ull << 32, " "}};
+    for (const auto& [text, base, number, rest] : cases) {
         ULONGLONG read = 7;
-        EXPECT_EQ(c.rest, Narrow(ReadDigits(c.text, c.base, read)));
-        EXPECT_EQ(c.number, read);
+        EXPECT_EQ(rest, Narrow(ReadDigits(text, base, read)));
+        EXPECT_EQ(number, read);
     }
 }
 

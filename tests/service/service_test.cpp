@@ -83,16 +83,14 @@ TEST_F(SettingsTest, WhatIsMissingOrBadFallsBack) {
     const struct {
         std::string values, loaded;
         LINES events;  // which end with the code and the name of the value
-    } cases[] = {
-        {Complete, "ident 2 'dc1' 300000 420000", {}},
-        {"IdentServer='s' IdentProtocol=dword:7 Heartbeat=dword:0 LogonTTL=dword:1179f",
-         "s 0 '' 0 12704",  // the life wraps
-         {}},
-        {"", " 0 '' 1800000 720000", {" | 2 | IdentServer"}},
-        {"AdServer=dword:1 IdentServer=dword:1 IdentProtocol='2' Heartbeat='5'",
-         " 0 '' 1800000 720000",
-         {" | 1804 | AdServer", " | 1804 | IdentServer"}},
-    };
+    } cases[] = {{Complete, "ident 2 'dc1' 300000 420000", {}},
+                 {"IdentServer='s' IdentProtocol=dword:7 Heartbeat=dword:0 LogonTTL=dword:1179f",
+                  "s 0 '' 0 12704",  // the life wraps
+                  {}},
+                 {"", " 0 '' 1800000 720000", {" | 2 | IdentServer"}},
+                 {"AdServer=dword:1 IdentServer=dword:1 IdentProtocol='2' Heartbeat='5'",
+                  " 0 '' 1800000 720000",
+                  {" | 1804 | AdServer", " | 1804 | IdentServer"}}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.values);
         Settings.adServer.Clear();
@@ -110,19 +108,18 @@ TEST_F(SettingsTest, WhatIsMissingOrBadFallsBack) {
 TEST_F(SettingsTest, AReloadTellsTheWorkerOnlyOfTheConnection) {
     const struct {
         const char *change, *loaded;
-        bool tells = false;
-    } cases[] = {
-        {"", "ident 2 'dc1' 300000 420000"},
-        {" IdentProtocol=dword:7", "ident 0 'dc1' 300000 420000", true},
-        {" IdentServer='Ident'", "Ident 2 'dc1' 300000 420000", true},
-        {" IdentServer= LogonTTL=", "ident 2 'dc1' 300000 420000"},
-        {" AdServer='DC1'", "ident 2 'DC1' 300000 420000"},
-        {" AdServer= Heartbeat=", "ident 2 '' 300000 420000"},
-        {" AdServer=dword:1", "ident 2 'dc1' 300000 420000"},
-        {" Heartbeat=dword:6 LogonTTL=dword:8", "ident 2 'dc1' 360000 480000"},
-        {" Heartbeat='6' LogonTTL='8'", "ident 2 'dc1' 300000 420000"},
-        {" IdentServer='n' Shutdown=dword:1", "ident 2 'dc1' 300000 420000"},
-    };
+        bool tells = false, stops = false;
+    } cases[] = {{"", "ident 2 'dc1' 300000 420000"},
+                 {" IdentProtocol=dword:7", "ident 0 'dc1' 300000 420000", true},
+                 {" IdentServer='Ident'", "Ident 2 'dc1' 300000 420000", true},
+                 {" IdentServer= LogonTTL=", "ident 2 'dc1' 300000 420000"},
+                 {" AdServer='DC1'", "ident 2 'DC1' 300000 420000"},
+                 {" AdServer= Heartbeat=", "ident 2 '' 300000 420000"},
+                 {" AdServer=dword:1", "ident 2 'dc1' 300000 420000"},
+                 {" Heartbeat=dword:6 LogonTTL=dword:8", "ident 2 'dc1' 360000 480000"},
+                 {" Heartbeat='6' LogonTTL='8'", "ident 2 'dc1' 300000 420000"},
+                 {" IdentServer='n' Shutdown=dword:1", "ident 2 'dc1' 300000 420000", false, true},
+                 {" Shutdown=dword:3", "ident 2 'dc1' 300000 420000"}};
     const HANDLE_OWNER changed(CreateEventW(nullptr, FALSE, FALSE, nullptr));
     SettingsChangedEvent = changed.Get();
     for (const auto& c : cases) {
@@ -130,30 +127,19 @@ TEST_F(SettingsTest, AReloadTellsTheWorkerOnlyOfTheConnection) {
         Make(Complete);
         ASSERT_TRUE(LoadSettings());
         Make(Complete + c.change);
+        lines.Take();
         ReloadSettings();
+        const std::string stopping = "Stopping Service: Reason = Registry value \"Shutdown\" set";
+        EXPECT_EQ(c.stops ? 1u : 0u, DEBUG_LINES::Count(lines.Take(), stopping));
         EXPECT_EQ(c.loaded, Loaded());
         EXPECT_EQ(c.tells ? WAIT_OBJECT_0 : DWORD{WAIT_TIMEOUT}, WaitForSingleObject(changed.Get(), 0));
     }
-    const auto stops = [this](const std::string& change) {
-        Make(Complete + change);
-        lines.Take();
-        ReloadSettings();
-        return DEBUG_LINES::Count(lines.Seen(), "Stopping Service: Reason = Registry value \"Shutdown\" set");
-    };
-    EXPECT_EQ(1u, stops(" Shutdown=dword:1"));
-    EXPECT_EQ(0u, stops(" Shutdown=dword:3"));
-}
-
-// A file of the source.
-std::string Content(const char* file) {
-    std::ifstream stream(std::filesystem::path(__FILE__).parent_path() / "../.." / file, std::ios::binary);
-    EXPECT_TRUE(stream) << file;
-    return {std::istreambuf_iterator<char>(stream), {}};
 }
 
 TEST(SettingTableTest, TheManualAndTheCompletionSayTheSame) {
-    const std::string manual = Content("docs/running.md") + Content("docs/directory.md");
-    const std::string script = Content("packaging/keldwickctl.bash");
+    const std::filesystem::path source = std::filesystem::path(__FILE__).parent_path() / "../..";
+    const std::string manual = Content(source / "docs/running.md") + Content(source / "docs/directory.md");
+    const std::string script = Content(source / "packaging/keldwickctl.bash");
     const size_t begin = script.find("\n_keldwickctl_settings()");
     const std::string list = script.substr(begin, script.find('\n', begin + 1) - begin);
     // The row of a table that begins with the names of one or more settings.

@@ -146,6 +146,8 @@ inline std::vector<TCP_END> OpenTcpEnds() {
         socklen_t length = sizeof(info);
         if (getsockopt(descriptor, IPPROTO_TCP, TCP_INFO, &info, &length) != 0 || info.tcpi_state == TCP_LISTEN)
             continue;
+        const int now = 1;  // so that an acknowledgement is not held back
+        setsockopt(descriptor, IPPROTO_TCP, TCP_QUICKACK, &now, sizeof(now));
         ends.push_back({descriptor, info.tcpi_state, name(descriptor, getsockname), name(descriptor, getpeername)});
     }
     closedir(descriptors);
@@ -155,10 +157,6 @@ inline std::vector<TCP_END> OpenTcpEnds() {
 // False: bytes, an end or the beginning of a connection are still on the way, or were not yet accepted.
 inline bool NetworkIsQuiet() {
     const std::vector<TCP_END> ends = OpenTcpEnds();
-    for (const TCP_END& end : ends) {
-        const int now = 1;  // so that an acknowledgement is not held back
-        setsockopt(end.descriptor, IPPROTO_TCP, TCP_QUICKACK, &now, sizeof(now));
-    }
     return std::none_of(ends.begin(), ends.end(), [&](const TCP_END& end) {
         if (end.state == TCP_SYN_SENT) return true;
         if (end.state != TCP_ESTABLISHED && end.state != TCP_CLOSE_WAIT && end.state != TCP_FIN_WAIT1) return false;
