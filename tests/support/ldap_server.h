@@ -90,8 +90,12 @@ public:
     }
 
     static std::string Coded(unsigned char tag, const std::string& content) {
-        std::string length(1, '\x84');  // in four bytes, as Windows writes it
-        for (int shift = 24; shift >= 0; shift -= 8) length += static_cast<char>(content.size() >> shift);
+        std::string length;
+        for (size_t left = content.size(); left > 0; left >>= 8) length.insert(0, 1, static_cast<char>(left));
+        if (content.size() >= 0x80)
+            length.insert(0, 1, static_cast<char>(0x80 | length.size()));
+        else
+            length = std::string(1, static_cast<char>(content.size()));
         return static_cast<char>(tag) + length + content;
     }
     static std::string Message(const QUESTION& question, unsigned char operation, const std::string& content) {
