@@ -176,18 +176,16 @@ TEST_F(IDENTITY_LIST, GrowsOlderRatherThanWriteMoreBytes) {
             std::filesystem::remove(file);
         }
     };
-    const auto grow = [&](int more) {
-        while (more-- > 0) logons.Append();
-    };
     const auto replace = [&] { logons.Remove(logons.First()), logons.Append(); };
     const auto renew = [&] { logons.Renew(logons.First()); };
-    grow(1000);
+    while (logons.Count() < 1000) logons.Append();
     followWhile(renew);
     ASSERT_EQ(seconds / 60, writes);  // who is where has not changed
     followWhile(replace);
     ASSERT_LE(bytes, seconds * bytesASecond + size);
     EXPECT_GE(bytes, seconds * bytesASecond / 2);  // and no older than that
-    grow(80000);  // more than a minute's worth: this holds for the file that only tells that it is right, too
+    // More than a minute's worth: this holds for the file that only tells that it is right, too.
+    while (logons.Count() < 81000) logons.Append();
     followWhile(renew);
     EXPECT_LE(bytes, seconds * bytesASecond + size);
     EXPECT_GE(writes, 1u);

@@ -77,14 +77,13 @@ TEST(HeapBuffer, ABlockThatCannotGrowIsReplacedOrLeftEmpty) {
 
 TEST(ErrorTexts, AMessageIsEndedByTextAndCode) {
     const WCHAR* const name = TEXT("100%s");
-    const auto directory = ERROR_CODE::FromDirectory(static_cast<HRESULT>(0x80005000));
     EXPECT_EQ("Not 100%s. Access is denied. Error code = 5.", Narrow(FormatError(5, TEXT("Not %s"), name)));
     EXPECT_EQ("Not 100%s.\n    Access is denied. Error code = 5.", Narrow(FormatError(5, TEXT("Not %s.\n    "), name)));
-    EXPECT_EQ("No. Access is denied. Error code = 0x5.",
-              Narrow(FormatError({5, ERROR_CODE::FORM::HEXADECIMAL}, TEXT("No"))));
-    EXPECT_EQ("No. Bad pathname. Error code = 0x80005000.", Narrow(FormatError(directory, TEXT("No"))));
-    EXPECT_EQ("No. Unknown Active Directory error. Error code = 0x80005f12.",
-              Narrow(FormatError(ERROR_CODE::FromDirectory(static_cast<HRESULT>(0x80005F12)), TEXT("No"))));
+    const auto no = [](ERROR_CODE error) { return Narrow(FormatError(error, TEXT("No"))); };
+    const auto directory = [](DWORD code) { return ERROR_CODE::FromDirectory(static_cast<HRESULT>(code)); };
+    EXPECT_EQ("No. Access is denied. Error code = 0x5.", no({5, ERROR_CODE::FORM::HEXADECIMAL}));
+    EXPECT_EQ("No. Bad pathname. Error code = 0x80005000.", no(directory(0x80005000)));
+    EXPECT_EQ("No. Unknown Active Directory error. Error code = 0x80005f12.", no(directory(0x80005F12)));
 }
 
 TEST(RegistryValues, NumbersHaveFourBytesAndTextsAnyEnd) {

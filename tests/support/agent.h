@@ -58,11 +58,12 @@ protected:
     // ---- The world around the agent ----
 
     // An identity server, at Server(number). tls: see SCRIPTED_SERVER.
-    SCRIPTED_SERVER& Serve(int number = 0, SSL_CTX* tls = nullptr, int port = 0) {
+    SCRIPTED_SERVER& Serve(int number, SSL_CTX* tls, int port) {
         servers[number] = std::make_unique<SCRIPTED_SERVER>(number, tls, port);
         AnswerEach(number, [](const std::string& request) { return SCRIPTED_SERVER::GoodAnswer(request); });
         return *servers[number];
     }
+    SCRIPTED_SERVER& Serve(int number = 0, SSL_CTX* tls = nullptr) { return Serve(number, tls, tls ? 1308 : 1306); }
     // What the server sends for a request; every request is noted.
     void AnswerEach(int number, const SCRIPTED_SERVER::SCRIPT& script) {
         servers[number]->Answer([this, number, script](const std::string& request) {

@@ -28,8 +28,7 @@ public:
         keldwick::SetDebugOutputHook(nullptr);
         keldwick::SetDebugOutputMode(0);
     }
-    DEBUG_LINES(const DEBUG_LINES&) = delete;
-    DEBUG_LINES& operator=(const DEBUG_LINES&) = delete;
+    DEBUG_LINES(DEBUG_LINES&&) = delete;
 
     // What has been written since the last call, in order, as UTF-8.
     static std::vector<std::string> Take() {

@@ -35,8 +35,7 @@ public:
         plan.active = true;
     }
     ~FAIL_CALL() { plan.active = false; }
-    FAIL_CALL(const FAIL_CALL&) = delete;
-    FAIL_CALL& operator=(const FAIL_CALL&) = delete;
+    FAIL_CALL(FAIL_CALL&&) = delete;
 
 private:
     CALL_PLAN& plan;

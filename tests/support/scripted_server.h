@@ -25,12 +25,8 @@ public:
     using SCRIPT = std::function<std::string(const std::string& request)>;  // gives what is sent for a request
 
     // number: one of several, each at an address of its own. tls: of its connections, and it must outlive them; null:
-    // plain TCP. port 0: the one for that.
-    explicit SCRIPTED_SERVER(int number, SSL_CTX* tls = nullptr, int port = 0)
-        : context(tls),
-          listening(Host(number), port != 0        ? port
-                                  : tls != nullptr ? 1308
-                                                   : 1306) {
+    // plain TCP.
+    SCRIPTED_SERVER(int number, SSL_CTX* tls, int port) : context(tls), listening(Host(number), port) {
         std::signal(SIGPIPE, SIG_IGN);  // OpenSSL writes to clients that may have gone
     }
 
@@ -73,8 +69,6 @@ private:
             SSL_set_accept_state(session);
         }
         ~CLIENT() { SSL_free(session); }
-        CLIENT(const CLIENT&) = delete;
-        CLIENT& operator=(const CLIENT&) = delete;
 
         void Send(const std::string& answer) const {
             if (session != nullptr)

@@ -32,8 +32,6 @@ public:
     // world: lets everything outside the agent take a step, without waiting; false: there was nothing to do.
     VIRTUAL_CLOCK(TIME start, std::function<bool()> world) : now(start), step(std::move(world)) { current = this; }
     ~VIRTUAL_CLOCK() { current = nullptr; }
-    VIRTUAL_CLOCK(const VIRTUAL_CLOCK&) = delete;
-    VIRTUAL_CLOCK& operator=(const VIRTUAL_CLOCK&) = delete;
 
     static VIRTUAL_CLOCK* Current() { return current; }
     TIME Now() const { return now; }
@@ -177,11 +175,10 @@ private:
     // Never destroyed: a thread of the agent's may outlive its test, and the tests.
     static inline auto& mutex = *new std::mutex;  // over what follows
     static inline auto& changed = *new std::condition_variable;
-    static inline auto& timers = *new std::map<HANDLE, TIMER>;  // of every test
-    static inline auto& threads = *new std::set<HANDLE>;        // open handles of them
-    static inline auto& waiting = *new std::map<HANDLE, int>;   // how many other threads wait for it
-    static inline auto& rounds =
-        *new std::map<HANDLE, unsigned>;  // how often one took its signal and came back to wait
+    static inline auto& timers = *new std::map<HANDLE, TIMER>;     // of every test
+    static inline auto& threads = *new std::set<HANDLE>;           // open handles of them
+    static inline auto& waiting = *new std::map<HANDLE, int>;      // how many other threads wait for it
+    static inline auto& rounds = *new std::map<HANDLE, unsigned>;  // how often one came back from it to wait again
 
     const std::thread::id mover = std::this_thread::get_id();
     std::atomic<TIME> now;
