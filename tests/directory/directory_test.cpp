@@ -10,57 +10,51 @@ namespace {
 
 class DIRECTORY_TEST : public SESSION {
 protected:
-    // "DOMAIN=DN" of each entry.
-    LINES Listed() const {
-        LINES entries;
-        for (const GROUP& group : list)
-            entries.push_back(std::string(STRING_UTF8(group.domain).Text()) + "=" + STRING_UTF8(group.dn).Text());
-        return entries;
+    // Of a directory in which ann is: whether all her groups were found, and "DOMAIN=DN" of each that is listed.
+    LINES Groups(const std::string& entries) const {
+        MakeDirectory(entries);
+        GROUP_LIST list;
+        LINES listed{GetGroups(u"CORP\\ann", list, nullptr) ? "all" : "failed"};
+        for (const GROUP& group : list) listed.push_back(Narrow(group.domain) + "=" + Narrow(group.dn));
+        return listed;
     }
-
-    GROUP_LIST list;
+    const std::string ann = "dn: CN=Ann,DC=corp|sAMAccountName: ann";
 };
 
 TEST_F(DIRECTORY_TEST, GroupsComeDepthFirstAndCirclesEnd) {
-    MakeDirectory(R"(dn: CN=Ann,DC=corp|sAMAccountName: ann|memberOf: CN=A,DC=corp|memberOf: CN=C,DC=corp|
-primaryGroupID: 513|objectSid: S-1-5-21-1-2-3-1104
+    EXPECT_EQ(
+        (LINES{"all", "CORP\\Users=CN=Users,DC=corp", "CORP\\A=CN=A,DC=corp", "CORP\\B=CN=B,DC=corp",
+               "CORP\\C=CN=C,DC=corp"}),
+        Groups(ann +
+               R"(|memberOf: CN=A,DC=corp|memberOf: CN=C,DC=corp|primaryGroupID: 513|objectSid: S-1-5-21-1-2-3-1104
 dn: CN=Users,DC=corp|sAMAccountName: Users|objectSid: S-1-5-21-1-2-3-513
 dn: CN=A,DC=corp|sAMAccountName: A|memberOf: CN=B,DC=corp|memberOf: cn=a,DC=corp
 dn: CN=B,DC=corp|sAMAccountName: B|memberOf: CN=A,DC=corp
 dn: CN=C,DC=corp|sAMAccountName: C|memberOf: CN=B,DC=corp
-)");
-    EXPECT_TRUE(GetGroups(u"CORP\\ann", list, nullptr));
-    EXPECT_EQ(
-        (LINES{"CORP\\Users=CN=Users,DC=corp", "CORP\\A=CN=A,DC=corp", "CORP\\B=CN=B,DC=corp", "CORP\\C=CN=C,DC=corp"}),
-        Listed());
+)"));
 }
 
 TEST_F(DIRECTORY_TEST, AGroupThatCannotBeOpenedFailsTheWalkButIsListed) {
-    MakeDirectory("dn: CN=Ann,DC=corp|sAMAccountName: ann|memberOf: CN=Gone/West,DC=corp\n");
-    EXPECT_FALSE(GetGroups(u"CORP\\ann", list, nullptr));
-    EXPECT_EQ(LINES{"=CN=Gone/West,DC=corp"}, Listed());
+    EXPECT_EQ((LINES{"failed", "=CN=Gone/West,DC=corp"}), Groups(ann + "|memberOf: CN=Gone/West,DC=corp\n"));
 }
 
 TEST_F(DIRECTORY_TEST, NestingDeeperThanAnyStackIsWalked) {
-    constexpr DWORD depth = 6000;
-    std::string entries = "dn: CN=Ann,DC=corp|sAMAccountName: ann|memberOf: CN=0,DC=corp\n";
-    for (DWORD i = 0; i < depth; ++i)
+    constexpr size_t depth = 6000;
+    std::string entries = ann + "|memberOf: CN=0,DC=corp\n";
+    for (size_t i = 0; i < depth; ++i)
         entries += "dn: CN=" + std::to_string(i) + ",DC=corp|memberOf: CN=" + std::to_string(i + 1) + ",DC=corp\n";
-    MakeDirectory(entries + "dn: CN=" + std::to_string(depth) + ",DC=corp\n");
-    EXPECT_TRUE(GetGroups(u"CORP\\ann", list, nullptr));
-    EXPECT_EQ(depth + 1, list.Count());
+    const LINES listed = Groups(entries + "dn: CN=" + std::to_string(depth) + ",DC=corp\n");
+    EXPECT_EQ("all", listed[0]);
+    EXPECT_EQ(1 + depth + 1, listed.size());
 }
 
 TEST_F(DIRECTORY_TEST, APrimaryGroupOfADamagedSidIsLeftOut) {
-    for (const char* const sid : {"", "|objectSid:: AQU=", "|objectSid:: Af8AAAAAAAU="}) {
-        MakeDirectory("dn: CN=Ann,DC=corp|sAMAccountName: ann|primaryGroupID: 513" + std::string(sid) + "\n");
-        EXPECT_TRUE(GetGroups(u"CORP\\ann", list, nullptr));
-        EXPECT_EQ(0u, list.Count());
-    }
+    for (const char* const sid : {"", "|objectSid:: AQU=", "|objectSid:: Af8AAAAAAAU="})
+        EXPECT_EQ(LINES{"all"}, Groups(ann + "|primaryGroupID: 513" + sid + "\n"));
 }
 
 TEST_F(DIRECTORY_TEST, ABindingDecidesWhereAndAsWhomALookUpGoes) {
-    MakeDirectory("dn: CN=Ann,DC=corp|sAMAccountName: ann\n");
+    MakeDirectory(ann + "\n");
     STRING dn;
     DIRECTORY_BINDING binding;
     EXPECT_TRUE(Nt4NameToDn(u"CORP\\ann", dn, &binding));

@@ -1,9 +1,6 @@
 // The reader of the Security log, with the agent's own handlers, and the dumps.
 #include "eventlog/event_log.h"
 
-#include <filesystem>
-#include <fstream>
-
 #include "eventlog/record_dump.h"
 #include "identity/handlers.h"
 #include "tests/support/agent.h"
@@ -19,7 +16,6 @@ protected:
         EXPECT_TRUE(session->PersistentConnect());
         SetDebugOutputMode(DEBUG_VERBOSE);
     }
-    ~READER() override { CommandLine = COMMAND_LINE(); }
 
     // Opens the log and follows it: does a step each second, then stops. Gives how the following ended.
     DWORD Follow(const std::vector<std::function<void()>>& steps) {
@@ -28,7 +24,7 @@ protected:
         VIRTUAL_CLOCK::TIME when = clock.Now();
         for (const auto& step : steps) clock.At(when += VIRTUAL_CLOCK::Second, step);
         clock.At(when + VIRTUAL_CLOCK::Second, [this] { SetEvent(stop.Get()); });
-        lines.Forget();
+        lines.Take();
         reports.clear();
         return log.Process(stop.Get(), changed.Get());
     }

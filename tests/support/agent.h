@@ -4,13 +4,8 @@
 #pragma once
 
 #include <gmock/gmock.h>
-#include <windows.h>
-#include <winsock2.h>
-#include <ws2tcpip.h>
 
 #include <memory>
-#include <string>
-#include <vector>
 
 #include "diagnostics/log_file.h"
 #include "platform/registry_values.h"
@@ -21,7 +16,6 @@
 #include "service/settings.h"
 #include "service/stop.h"
 #include "tests/support/entry_lines.h"
-#include "tests/support/network_quiet.h"
 #include "tests/support/registry_text.h"
 #include "tests/support/scripted_server.h"
 #include "tests/support/temporary_root.h"
@@ -64,11 +58,12 @@ protected:
     // ---- The world around the agent ----
 
     // An identity server, at Server(number). tls: see SCRIPTED_SERVER.
-    SCRIPTED_SERVER& Serve(int number = 0, SSL_CTX* tls = nullptr, int port = 0) {
+    SCRIPTED_SERVER& Serve(int number, SSL_CTX* tls, int port) {
         servers[number] = std::make_unique<SCRIPTED_SERVER>(number, tls, port);
         AnswerEach(number, [](const std::string& request) { return SCRIPTED_SERVER::GoodAnswer(request); });
         return *servers[number];
     }
+    SCRIPTED_SERVER& Serve(int number = 0, SSL_CTX* tls = nullptr) { return Serve(number, tls, tls ? 1308 : 1306); }
     // What the server sends for a request; every request is noted.
     void AnswerEach(int number, const SCRIPTED_SERVER::SCRIPT& script) {
         servers[number]->Answer([this, number, script](const std::string& request) {
@@ -184,11 +179,7 @@ protected:
         const auto named = [](const std::u16string& name, const std::u16string& dn) {
             return Narrow(name.c_str()) + (dn.empty() ? "" : " (" + Narrow(dn.c_str()) + ")");
         };
-        using KIND = tools::REQUEST::KIND;
-        std::string text = request.kind == KIND::Logon    ? "logon "
-                           : request.kind == KIND::Logoff ? "logoff "
-                                                          : "heartbeat ";
-        text += named(request.user, request.userDn);
+        std::string text = tools::KindName(request.kind) + (" " + named(request.user, request.userDn));
         if (!request.computer.empty()) text += " on " + named(request.computer, request.computerDn);
         text += " at " + request.address;
         if (request.groupsStated != 0) text += " [" + std::to_string(request.groupsStated);
@@ -258,12 +249,8 @@ protected:
 
 }  // namespace keldwick
 
-extern "C" {
-
-BOOL __real_NotifyChangeEventLog(HANDLE log, HANDLE event);
-[[gnu::used]] inline BOOL __wrap_NotifyChangeEventLog(HANDLE log, HANDLE event) {
+WRAPPED(BOOL, NotifyChangeEventLog, (HANDLE log, HANDLE event)) {
     if (keldwick::notifyChange.Fires()) return FALSE;
     keldwick::AGENT::Registered(event);
     return __real_NotifyChangeEventLog(log, event);
-}
 }

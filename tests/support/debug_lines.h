@@ -20,7 +20,7 @@ inline std::string Narrow(const keldwick::STRING& text) {
 class DEBUG_LINES {
 public:
     DEBUG_LINES() {
-        Forget();
+        Take();
         keldwick::SetDebugOutputMode(0);
         keldwick::SetDebugOutputHook(Take);
     }
@@ -28,15 +28,13 @@ public:
         keldwick::SetDebugOutputHook(nullptr);
         keldwick::SetDebugOutputMode(0);
     }
-    DEBUG_LINES(const DEBUG_LINES&) = delete;
-    DEBUG_LINES& operator=(const DEBUG_LINES&) = delete;
+    DEBUG_LINES(DEBUG_LINES&&) = delete;
 
     // What has been written since the last call, in order, as UTF-8.
-    std::vector<std::string> Take() {
+    static std::vector<std::string> Take() {
         const std::lock_guard lock(mutex);
         return std::exchange(seen, {});
     }
-    void Forget() { Take(); }
     static std::vector<std::string> Seen() {
         const std::lock_guard lock(mutex);
         return seen;

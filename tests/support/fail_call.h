@@ -17,9 +17,11 @@ struct CALL_PLAN {
     std::atomic<uintptr_t> result{0};
     std::atomic<DWORD> error{0};
 
+    // Whether this call fails, with its last error set.
     bool Fires() {
         if (!active || count == 0) return false;
         if (count > 0) --count;
+        SetLastError(error);
         return true;
     }
 };
@@ -33,20 +35,20 @@ public:
         plan.active = true;
     }
     ~FAIL_CALL() { plan.active = false; }
-    FAIL_CALL(const FAIL_CALL&) = delete;
-    FAIL_CALL& operator=(const FAIL_CALL&) = delete;
+    FAIL_CALL(FAIL_CALL&&) = delete;
 
 private:
     CALL_PLAN& plan;
 };
 
-#define WRAP_CALL(RETURN, NAME, PARAMETERS, ARGUMENTS)                \
-    inline CALL_PLAN NAME##_calls;                                    \
-    extern "C" RETURN __real_##NAME PARAMETERS;                       \
-    extern "C" [[gnu::used]] inline RETURN __wrap_##NAME PARAMETERS { \
-        if (NAME##_calls.Fires()) {                                   \
-            SetLastError(NAME##_calls.error);                         \
-            return (RETURN)(NAME##_calls.result.load());              \
-        }                                                             \
-        return __real_##NAME ARGUMENTS;                               \
+// Begins the definition of what stands in for a call, where __real_NAME is the call itself.
+#define WRAPPED(RETURN, NAME, PARAMETERS)       \
+    extern "C" RETURN __real_##NAME PARAMETERS; \
+    extern "C" [[gnu::used]] inline RETURN __wrap_##NAME PARAMETERS
+
+#define WRAP_CALL(RETURN, NAME, PARAMETERS, ARGUMENTS)                         \
+    inline CALL_PLAN NAME##_calls;                                             \
+    WRAPPED(RETURN, NAME, PARAMETERS) {                                        \
+        if (NAME##_calls.Fires()) return (RETURN)(NAME##_calls.result.load()); \
+        return __real_##NAME ARGUMENTS;                                        \
     }

@@ -48,8 +48,6 @@ public:
         Listen(reinterpret_cast<const sockaddr*>(&address), sizeof(address));
     }
     ~LDAP_SERVER() { Die(); }
-    LDAP_SERVER(const LDAP_SERVER&) = delete;
-    LDAP_SERVER& operator=(const LDAP_SERVER&) = delete;
 
     std::string Host() const { return "127.0.0.1:" + std::to_string(port); }
 

@@ -5,8 +5,7 @@
 
 struct OWNED_HANDLE {
     OWNED_HANDLE(HANDLE owned) : handle(owned) {}
-    OWNED_HANDLE(const OWNED_HANDLE&) = delete;
-    OWNED_HANDLE& operator=(const OWNED_HANDLE&) = delete;
+    OWNED_HANDLE(OWNED_HANDLE&&) = delete;
     ~OWNED_HANDLE() { CloseHandle(handle); }
     operator HANDLE() const { return handle; }
     HANDLE handle;

@@ -1,10 +1,15 @@
 // An identity server inside the test program, on a loopback address of this process's own, whose answers a test
-// scripts. It cuts requests out of the stream by the length they state, and answers each. It moves only by Step.
+// scripts. It cuts requests out of the stream by the length they state, and answers each. It moves only by Step; what
+// is on the way between it and the agent can be waited for.
 #pragma once
 
+#include <dirent.h>
 #include <fcntl.h>
+#include <linux/sockios.h>
+#include <netinet/tcp.h>
 #include <openssl/ssl.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 
 #include <algorithm>
 #include <csignal>
@@ -20,12 +25,8 @@ public:
     using SCRIPT = std::function<std::string(const std::string& request)>;  // gives what is sent for a request
 
     // number: one of several, each at an address of its own. tls: of its connections, and it must outlive them; null:
-    // plain TCP. port 0: the one for that.
-    explicit SCRIPTED_SERVER(int number, SSL_CTX* tls = nullptr, int port = 0)
-        : context(tls),
-          listening(Host(number), port != 0        ? port
-                                  : tls != nullptr ? 1308
-                                                   : 1306) {
+    // plain TCP.
+    SCRIPTED_SERVER(int number, SSL_CTX* tls, int port) : context(tls), listening(Host(number), port) {
         std::signal(SIGPIPE, SIG_IGN);  // OpenSSL writes to clients that may have gone
     }
 
@@ -68,8 +69,6 @@ private:
             SSL_set_accept_state(session);
         }
         ~CLIENT() { SSL_free(session); }
-        CLIENT(const CLIENT&) = delete;
-        CLIENT& operator=(const CLIENT&) = delete;
 
         void Send(const std::string& answer) const {
             if (session != nullptr)
@@ -117,3 +116,48 @@ private:
     std::vector<std::unique_ptr<CLIENT>> clients;
     SCRIPT script;
 };
+
+// One end of a TCP connection that this process holds.
+struct TCP_END {
+    int descriptor;
+    int state;
+    uint64_t own, peer;  // addresses with ports
+};
+
+// Of IPv4 only.
+inline std::vector<TCP_END> OpenTcpEnds() {
+    std::vector<TCP_END> ends;
+    const auto name = [](int descriptor, auto call) {
+        sockaddr_in address{};
+        socklen_t length = sizeof(address);
+        call(descriptor, reinterpret_cast<sockaddr*>(&address), &length);
+        return uint64_t{address.sin_addr.s_addr} << 16 | address.sin_port;
+    };
+    DIR* const descriptors = opendir("/proc/self/fd");
+    while (const dirent* entry = readdir(descriptors)) {
+        const int descriptor = std::atoi(entry->d_name);  // 0 for "." and ".."
+        tcp_info info{};
+        socklen_t length = sizeof(info);
+        if (getsockopt(descriptor, IPPROTO_TCP, TCP_INFO, &info, &length) != 0 || info.tcpi_state == TCP_LISTEN)
+            continue;
+        const int now = 1;  // so that an acknowledgement is not held back
+        setsockopt(descriptor, IPPROTO_TCP, TCP_QUICKACK, &now, sizeof(now));
+        ends.push_back({descriptor, info.tcpi_state, name(descriptor, getsockname), name(descriptor, getpeername)});
+    }
+    closedir(descriptors);
+    return ends;
+}
+
+// False: bytes, an end or the beginning of a connection are still on the way, or were not yet accepted.
+inline bool NetworkIsQuiet() {
+    const std::vector<TCP_END> ends = OpenTcpEnds();
+    return std::none_of(ends.begin(), ends.end(), [&](const TCP_END& end) {
+        if (end.state == TCP_SYN_SENT) return true;
+        if (end.state != TCP_ESTABLISHED && end.state != TCP_CLOSE_WAIT && end.state != TCP_FIN_WAIT1) return false;
+        const bool paired =
+            std::any_of(ends.begin(), ends.end(), [&](const TCP_END& other) { return other.own == end.peer; });
+        int underWay = 0;
+        return (end.state == TCP_ESTABLISHED && !paired) ||
+               (ioctl(end.descriptor, SIOCOUTQ, &underWay) == 0 && underWay != 0);
+    });
+}

@@ -18,8 +18,7 @@ public:
         std::error_code ignored;
         std::filesystem::remove_all(folder, ignored);
     }
-    TEMPORARY_ROOT(const TEMPORARY_ROOT&) = delete;
-    TEMPORARY_ROOT& operator=(const TEMPORARY_ROOT&) = delete;
+    TEMPORARY_ROOT(TEMPORARY_ROOT&&) = delete;
 
     std::string Path(const std::string& name) const { return (folder / name).string(); }
 };

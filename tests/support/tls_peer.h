@@ -54,8 +54,8 @@ public:
     using SCRIPT = std::function<void(ACCEPTED&)>;
     using TLS_SCRIPT = std::function<void(SSL*, ACCEPTED&)>;
 
-    explicit PLAYED(SCRIPT script, const std::string& address = "127.0.0.1", int port = 0)
-        : listening(address, port), thread([this, play = std::move(script)] {
+    explicit PLAYED(SCRIPT script)
+        : thread([this, play = std::move(script)] {
               sigset_t pipes;  // blocked: this thread's OpenSSL writes with write
               sigemptyset(&pipes);
               sigaddset(&pipes, SIGPIPE);
@@ -63,15 +63,13 @@ public:
               ACCEPTED peer = listening.Accept();
               play(peer);
           }) {}
-    PLAYED(const SERVER_KIND& kind, TLS_SCRIPT script, const std::string& address = "127.0.0.1", int port = 0)
-        : PLAYED(
-              [kind, play = std::move(script)](ACCEPTED& peer) {
-                  const auto context = NewServer(kind);
-                  const OWNED<SSL, SSL_free> session(SSL_new(context.get()));
-                  SSL_set_fd(session.get(), peer.Get());
-                  if (SSL_accept(session.get()) == 1) play(session.get(), peer);
-              },
-              address, port) {}
+    PLAYED(const SERVER_KIND& kind, TLS_SCRIPT script)
+        : PLAYED([kind, play = std::move(script)](ACCEPTED& peer) {
+              const auto context = NewServer(kind);
+              const OWNED<SSL, SSL_free> session(SSL_new(context.get()));
+              SSL_set_fd(session.get(), peer.Get());
+              if (SSL_accept(session.get()) == 1) play(session.get(), peer);
+          }) {}
     ~PLAYED() { thread.join(); }
     int Port() const { return listening.Port(); }
 

@@ -19,17 +19,9 @@
 #include <thread>
 #include <utility>
 
-extern "C" {
-void __real_GetSystemTimeAsFileTime(LPFILETIME time);
-DWORD __real_WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL all, DWORD milliseconds);
-DWORD __real_WaitForSingleObject(HANDLE handle, DWORD milliseconds);
-HANDLE __real_CreateWaitableTimerW(LPSECURITY_ATTRIBUTES security, BOOL manualReset, LPCWSTR name);
-BOOL __real_SetWaitableTimer(HANDLE timer, const LARGE_INTEGER* due, LONG period, PTIMERAPCROUTINE routine,
-                             LPVOID argument, BOOL resume);
-BOOL __real_CloseHandle(HANDLE handle);
-uintptr_t __real__beginthreadex(void* security, unsigned stack, unsigned (*routine)(void*), void* argument,
-                                unsigned flags, unsigned* id);
-}
+#include "tests/support/fail_call.h"
+
+extern "C" DWORD __real_WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL all, DWORD milliseconds);
 
 // The thread that makes it is the one that moves it, by waiting; other threads wait in real time.
 class VIRTUAL_CLOCK {
@@ -40,8 +32,6 @@ public:
     // world: lets everything outside the agent take a step, without waiting; false: there was nothing to do.
     VIRTUAL_CLOCK(TIME start, std::function<bool()> world) : now(start), step(std::move(world)) { current = this; }
     ~VIRTUAL_CLOCK() { current = nullptr; }
-    VIRTUAL_CLOCK(const VIRTUAL_CLOCK&) = delete;
-    VIRTUAL_CLOCK& operator=(const VIRTUAL_CLOCK&) = delete;
 
     static VIRTUAL_CLOCK* Current() { return current; }
     TIME Now() const { return now; }
@@ -185,11 +175,10 @@ private:
     // Never destroyed: a thread of the agent's may outlive its test, and the tests.
     static inline auto& mutex = *new std::mutex;  // over what follows
     static inline auto& changed = *new std::condition_variable;
-    static inline auto& timers = *new std::map<HANDLE, TIMER>;  // of every test
-    static inline auto& threads = *new std::set<HANDLE>;        // open handles of them
-    static inline auto& waiting = *new std::map<HANDLE, int>;   // how many other threads wait for it
-    static inline auto& rounds =
-        *new std::map<HANDLE, unsigned>;  // how often one took its signal and came back to wait
+    static inline auto& timers = *new std::map<HANDLE, TIMER>;     // of every test
+    static inline auto& threads = *new std::set<HANDLE>;           // open handles of them
+    static inline auto& waiting = *new std::map<HANDLE, int>;      // how many other threads wait for it
+    static inline auto& rounds = *new std::map<HANDLE, unsigned>;  // how often one came back from it to wait again
 
     const std::thread::id mover = std::this_thread::get_id();
     std::atomic<TIME> now;
@@ -197,17 +186,14 @@ private:
     std::multimap<TIME, std::function<void()>> plan;
 };
 
-extern "C" {
-
-[[gnu::used]] inline void __wrap_GetSystemTimeAsFileTime(LPFILETIME time) {
+WRAPPED(void, GetSystemTimeAsFileTime, (LPFILETIME time)) {
     VIRTUAL_CLOCK* const clock = VIRTUAL_CLOCK::Current();
     if (clock == nullptr) return __real_GetSystemTimeAsFileTime(time);
     const auto units = static_cast<ULONGLONG>(clock->Look());
     *time = {static_cast<DWORD>(units), static_cast<DWORD>(units >> 32)};
 }
 
-[[gnu::used]] inline DWORD __wrap_WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL all,
-                                                         DWORD milliseconds) {
+WRAPPED(DWORD, WaitForMultipleObjects, (DWORD count, const HANDLE* handles, BOOL all, DWORD milliseconds)) {
     VIRTUAL_CLOCK* const clock = VIRTUAL_CLOCK::Current();
     if (clock == nullptr) return __real_WaitForMultipleObjects(count, handles, all, milliseconds);
     if (!clock->IsMovedByThisThread()) return VIRTUAL_CLOCK::WaitAsOther({handles, count}, all, milliseconds);
@@ -216,7 +202,7 @@ extern "C" {
     return clock->WaitAsWorker({handles, count}, milliseconds);
 }
 
-[[gnu::used]] inline DWORD __wrap_WaitForSingleObject(HANDLE handle, DWORD milliseconds) {
+WRAPPED(DWORD, WaitForSingleObject, (HANDLE handle, DWORD milliseconds)) {
     VIRTUAL_CLOCK* const clock = VIRTUAL_CLOCK::Current();
     if (clock == nullptr || !clock->IsMovedByThisThread() || milliseconds == 0 ||
         VIRTUAL_CLOCK::IsForThreads({&handle, 1}))
@@ -224,28 +210,26 @@ extern "C" {
     return clock->WaitAsWorker({&handle, 1}, milliseconds);
 }
 
-[[gnu::used]] inline HANDLE __wrap_CreateWaitableTimerW(LPSECURITY_ATTRIBUTES security, BOOL manualReset,
-                                                        LPCWSTR name) {
+WRAPPED(HANDLE, CreateWaitableTimerW, (LPSECURITY_ATTRIBUTES security, BOOL manualReset, LPCWSTR name)) {
     if (VIRTUAL_CLOCK::Current() == nullptr) return __real_CreateWaitableTimerW(security, manualReset, name);
     return VIRTUAL_CLOCK::CreateTimer(manualReset);
 }
 
-[[gnu::used]] inline BOOL __wrap_SetWaitableTimer(HANDLE timer, const LARGE_INTEGER* due, LONG period,
-                                                  PTIMERAPCROUTINE routine, LPVOID argument, BOOL resume) {
+WRAPPED(BOOL, SetWaitableTimer,
+        (HANDLE timer, const LARGE_INTEGER* due, LONG period, PTIMERAPCROUTINE routine, LPVOID argument, BOOL resume)) {
     VIRTUAL_CLOCK* const clock = VIRTUAL_CLOCK::Current();
     if (clock != nullptr && clock->SetTimer(timer, due->QuadPart, period)) return TRUE;
     return __real_SetWaitableTimer(timer, due, period, routine, argument, resume);
 }
 
-[[gnu::used]] inline BOOL __wrap_CloseHandle(HANDLE handle) {
+WRAPPED(BOOL, CloseHandle, (HANDLE handle)) {
     VIRTUAL_CLOCK::Closed(handle);
     return __real_CloseHandle(handle);
 }
 
-[[gnu::used]] inline uintptr_t __wrap__beginthreadex(void* security, unsigned stack, unsigned (*routine)(void*),
-                                                     void* argument, unsigned flags, unsigned* id) {
+WRAPPED(uintptr_t, _beginthreadex,
+        (void* security, unsigned stack, unsigned (*routine)(void*), void* argument, unsigned flags, unsigned* id)) {
     const uintptr_t thread = __real__beginthreadex(security, stack, routine, argument, flags, id);
     if (thread != 0) VIRTUAL_CLOCK::Started(reinterpret_cast<HANDLE>(thread));
     return thread;
-}
 }

@@ -65,26 +65,20 @@ int FindAddresses(CALL real, const char* node, const char* service, const addrin
     return end == result ? EAI_NONAME : 0;
 }
 
-extern "C" {
-
-int __real_getaddrinfo(const char* node, const char* service, const addrinfo* hints, addrinfo** result);
-[[gnu::used]] inline int __wrap_getaddrinfo(const char* node, const char* service, const addrinfo* hints,
-                                            addrinfo** result) {
+WRAPPED(int, getaddrinfo, (const char* node, const char* service, const addrinfo* hints, addrinfo** result)) {
     if (node == nullptr || (hints->ai_flags & AI_NUMERICHOST) != 0)
         return __real_getaddrinfo(node, service, hints, result);
     return FindAddresses(__real_getaddrinfo, node, service, *hints, result);
 }
 
 // Of the machine's own addresses, when the name server has some for the name "".
-int __real_win32_getaddrinfo(const char* node, const char* service, const addrinfo* hints, addrinfo** result);
-[[gnu::used]] inline int __wrap_win32_getaddrinfo(const char* node, const char* service, const addrinfo* hints,
-                                                  addrinfo** result) {
+WRAPPED(int, win32_getaddrinfo, (const char* node, const char* service, const addrinfo* hints, addrinfo** result)) {
     if (!NameServer().addresses.contains("")) return __real_win32_getaddrinfo(node, service, hints, result);
     return FindAddresses(__real_win32_getaddrinfo, node, service, *hints, result);
 }
 
 // Without the flag, an address without a name is its own name.
-[[gnu::used]] inline INT __wrap_GetNameInfoW(const SOCKADDR*, socklen_t, LPWSTR host, DWORD, LPWSTR, DWORD, INT flags) {
+WRAPPED(INT, GetNameInfoW, (const SOCKADDR*, socklen_t, LPWSTR host, DWORD, LPWSTR, DWORD, INT flags)) {
     NameServer().Ask();
     const std::u16string name = (flags & NI_NAMEREQD) == 0 ? u"192.0.2.99" : NameServer().name;
     if (!name.empty()) return lstrcpyW(host, name.c_str()), 0;
@@ -92,17 +86,16 @@ int __real_win32_getaddrinfo(const char* node, const char* service, const addrin
     return WSAHOST_NOT_FOUND;
 }
 
-HRESULT __real_ADsOpenObject(LPCWSTR path, LPCWSTR user, LPCWSTR password, DWORD flags, REFIID iid, void** object);
-[[gnu::used]] inline HRESULT __wrap_ADsOpenObject(LPCWSTR path, LPCWSTR user, LPCWSTR password, DWORD flags, REFIID iid,
-                                                  void** object) {
+WRAPPED(HRESULT, ADsOpenObject,
+        (LPCWSTR path, LPCWSTR user, LPCWSTR password, DWORD flags, REFIID iid, void** object)) {
     const auto text = [](LPCWSTR given) { return given != nullptr ? Narrow(given) : "null"; };
     DirectoryPaths().push_back(text(path) + " " + text(user) + " " + text(password) + " " + std::to_string(flags));
     return __real_ADsOpenObject(path, user, password, flags, iid, object);
 }
 
 // ReportServiceEvent: every report, those that the source's own limit would keep from the event log included.
-[[gnu::used]] inline void __wrap__ZN8keldwick18ReportServiceEventEtjSt16initializer_listIPKDsE(
-    WORD type, DWORD id, std::initializer_list<const WCHAR*> texts) {
+WRAPPED(void, _ZN8keldwick18ReportServiceEventEtjSt16initializer_listIPKDsE,
+        (WORD type, DWORD id, std::initializer_list<const WCHAR*> texts)) {
     char head[32];
     std::snprintf(head, sizeof head, "%u %08X:", type, id);
     std::string event = head;
@@ -110,12 +103,12 @@ HRESULT __real_ADsOpenObject(LPCWSTR path, LPCWSTR user, LPCWSTR password, DWORD
     Said().Add(Said().events, event);
 }
 
-[[gnu::used]] inline BOOL __wrap_ReportEventW(HANDLE, WORD, WORD, DWORD, PSID, WORD, DWORD, LPCWSTR*, LPVOID) {
+WRAPPED(BOOL, ReportEventW, (HANDLE, WORD, WORD, DWORD, PSID, WORD, DWORD, LPCWSTR*, LPVOID)) {
     ++Said().written;
     return TRUE;
 }
 
-[[gnu::used]] inline BOOL __wrap_SetServiceStatus(SERVICE_STATUS_HANDLE, LPSERVICE_STATUS status) {
+WRAPPED(BOOL, SetServiceStatus, (SERVICE_STATUS_HANDLE, LPSERVICE_STATUS status)) {
     Said().Add(Said().states,
                std::to_string(status->dwCurrentState) + " " + std::to_string(status->dwControlsAccepted) + "/" +
                    std::to_string(status->dwWin32ExitCode) + "/" + std::to_string(status->dwServiceSpecificExitCode));
@@ -123,5 +116,4 @@ HRESULT __real_ADsOpenObject(LPCWSTR path, LPCWSTR user, LPCWSTR password, DWORD
     return status->dwCurrentState != Said().refusedState;
 }
 
-[[gnu::used]] inline void __wrap_OutputDebugStringW(LPCWSTR text) { Said().Add(Said().debugger, Narrow(text)); }
-}
+WRAPPED(void, OutputDebugStringW, (LPCWSTR text)) { Said().Add(Said().debugger, Narrow(text)); }

@@ -1,14 +1,86 @@
-// The reports as they arrive at a server, and what the agent makes of its answers.
-#include "protocol/identity_reports.h"
+// The session: connecting, waiting, receiving; the reports as they arrive at a server, and what the agent makes of its
+// answers.
+#include <thread>
 
 #include "directory/name_translation.h"
 #include "platform/version.h"
+#include "protocol/identity_reports.h"
 #include "protocol/pack_buffer.h"
 #include "tests/support/agent.h"
 
 namespace keldwick {
-
 namespace {
+
+TEST_F(SESSION, AnAutomaticOneTriesTlsThenPlainAndSticksToWhatWorked) {
+    SetDebugOutputMode(DEBUG_TCP);
+    Settings.identProtocol = PROTOCOL_AUTO;
+    // Whether it tried TLS and whether it tried without.
+    const auto tried = [&] {
+        const LINES written = lines.Take();
+        const std::string to = "Connecting to Identity server = " + SCRIPTED_SERVER::Host() + ":1308 ";
+        return std::pair(DEBUG_LINES::Count(written, to + "(secure) ..."), DEBUG_LINES::Count(written, to + "..."));
+    };
+    EXPECT_FALSE(session->Connect(Settings.identServer));
+    EXPECT_TRUE(session->IsDisconnected());
+    EXPECT_EQ(std::pair(size_t{1}, size_t{1}), tried());
+    Serve();
+    EXPECT_TRUE(session->Connect(Settings.identServer));
+    EXPECT_EQ(TRANSPORT::PLAIN, session->Selector());
+    EndServer();
+    lines.Take();
+    EXPECT_FALSE(session->Connect(Settings.identServer));
+    EXPECT_EQ(std::pair(size_t{0}, size_t{1}), tried());
+    Settings.identProtocol = PROTOCOL_TCPS;
+    EXPECT_FALSE(session->Connect(Settings.identServer));
+    EXPECT_EQ(std::pair(size_t{1}, size_t{0}), tried());
+}
+
+TEST_F(SESSION, OneMadeInAShortageConnectsAfterIt) {
+    Serve();
+    {
+        const FAIL_CALL shortage(CreateEventW_calls, 0, ERROR_TOO_MANY_OPEN_FILES);  // a timer is an event here, too
+        session = std::make_unique<IDENTITY_PROTOCOL>();
+        EXPECT_FALSE(session->Connect(Settings.identServer));
+    }
+    EXPECT_TRUE(session->Connect(Settings.identServer));
+    EXPECT_FALSE(session->IsDisconnected());
+}
+
+TEST_F(SESSION, AnAttemptThatIsGivenUpIsClosed) {
+    Serve(0, nullptr, 1308);  // which takes the beginning of TLS for that of a request
+    Settings.identProtocol = PROTOCOL_TCPS;
+    EXPECT_FALSE(session->Connect(Settings.identServer));
+    EXPECT_EQ("08:00:20", Time());
+    LetTheWorldMove();
+    EXPECT_EQ(0u, servers[0]->Clients());
+}
+
+TEST_F(SESSION, NoServerFillsTheMemory) {
+    const std::string flood(300000, 'x');
+    for (int i = 0; i < 10; ++i) session->DataIn(flood.data(), static_cast<int>(flood.size()));
+    std::span<const BYTE> bytes;
+    ASSERT_TRUE(session->ReceiveResponse(bytes));
+    EXPECT_EQ(size_t{1} << 20, bytes.size());
+}
+
+// In real time.
+TEST(SessionWait, AnotherThreadWakesTheWaiter) {
+    const DEBUG_LINES lines;
+    const HANDLE_OWNER stop(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    StopEvent = stop.Get();
+    {
+        IDENTITY_PROTOCOL session;
+        for (int round = 0; round < 20; ++round) {  // some before it waits, most after
+            std::thread other([&] { session.DataIn("abc", 3); });
+            std::span<const BYTE> bytes;
+            const bool received = session.ReceiveResponse(bytes);
+            other.join();
+            ASSERT_TRUE(received);
+            ASSERT_EQ(3u, bytes.size());
+        }
+    }
+    StopEvent = nullptr;
+}
 
 std::string Hex(const std::string& bytes) {
     STRING text;
@@ -84,25 +156,23 @@ TEST_F(REPORT, TheDirectoryGivesDnsOusAndGroups) {
 }
 
 TEST_F(REPORT, OnlyAWholeAnswerToThisRequestCounts) {
-    const struct {
-        std::function<void(std::string&)> spoil;
-        bool result;
-    } cases[] = {
-        {[](std::string& answer) { answer.replace(0, 4, "\xFF\xFF\xFF\xFF"); }, true},
-        {[](std::string& answer) { answer.pop_back(); }, false},
-        {[](std::string& answer) { answer[4] = 0; }, false},
-        {[](std::string& answer) { ++answer[9]; }, false},
-        {[](std::string& answer) { answer[12] = 1; }, true},
-    };
-    for (const auto& c : cases) {
+    const std::string name = "IdentityReportLogon request";
+    const std::string unexpected = "Unexpected response for " + name + ": Code: request = 0x1000, response = ";
+    const std::pair<std::string, std::function<void(std::string&)>> cases[] = {
+        {name + " status = 7", [](std::string& answer) { answer.replace(0, 4, "\xFF\xFF\xFF\xFF"); }},
+        {name + " response length = 13; 14 expected", [](std::string& answer) { answer.pop_back(); }},
+        {unexpected + "0x1000; ID: ", [](std::string& answer) { answer[4] = 0; }},
+        {unexpected + "0x1080; ID: ", [](std::string& answer) { ++answer[9]; }},
+        {name + " status = 263", [](std::string& answer) { answer[12] = 1; }}};
+    for (const auto& [told, spoil] : cases) {
         AnswerEach(0, [&](const std::string& r) {
             std::string answer = SCRIPTED_SERVER::GoodAnswer(r, 7);
-            c.spoil(answer);
+            spoil(answer);
             return answer;
         });
-        EXPECT_EQ(c.result, Report());
+        EXPECT_EQ(told.find("status") != told.npos, Report());
+        EXPECT_THAT(lines.Take().back(), testing::StartsWith(told));
     }
-    EXPECT_EQ("IdentityReportLogon request status = 263", lines.Take().back());
 }
 
 TEST_F(REPORT, AnAnswerTooLateSpoilsTheNextExchangeAndNoOther) {
@@ -125,7 +195,7 @@ TEST_F(REPORT, AStopOrALostConnectionEndsItAtOnce) {
     EXPECT_EQ("08:00:05", Time());
     EXPECT_FALSE(Report());
     EXPECT_EQ("08:00:10", Time());
-    lines.Forget();
+    lines.Take();
     EXPECT_FALSE(Report());
     EXPECT_THAT(lines.Seen(), testing::Each(testing::Not(testing::HasSubstr("IADs"))))
         << "nothing is looked up for what cannot be sent";
@@ -134,7 +204,7 @@ TEST_F(REPORT, AStopOrALostConnectionEndsItAtOnce) {
 TEST_F(REPORT, ASendThatFailsIsTriedThreeTimes) {
     session->Disconnect();
     session->SetDisconnected(false);  // as if: the component has no connection to send over
-    lines.Forget();
+    lines.Take();
     BYTE bytes[34] = {};
     EXPECT_FALSE(SendRequest(u"IdentityReportLogoff", bytes, sizeof(bytes)));
     ASSERT_EQ(3u, lines.Seen().size());
@@ -144,28 +214,29 @@ TEST_F(REPORT, ASendThatFailsIsTriedThreeTimes) {
 // ---- Pieces ----
 
 TEST(TrimDomainSuffixTest, TheDomainsLastLabelGoes) {
-    EXPECT_TRUE(TrimDomainSuffix(nullptr).IsEmpty());
-    for (const WCHAR* whole : {u"", u"j.doe", u"CORP\\j.doe"})
-        EXPECT_EQ(TEXT_VIEW(whole), TrimDomainSuffix(whole).View());
-    EXPECT_EQ(TEXT_VIEW(u"corp.example\\jdoe"), TrimDomainSuffix(u"corp.example.com\\jdoe").View());
-    EXPECT_EQ(TEXT_VIEW(u"a.b\\c\\e"), TrimDomainSuffix(u"a.b\\c.d\\e").View());
-    EXPECT_EQ(TEXT_VIEW(u"\\x"), TrimDomainSuffix(u".\\x").View());
+    const std::pair<const WCHAR*, TEXT_VIEW> cases[] = {{nullptr, u""},
+                                                        {u"", u""},
+                                                        {u"j.doe", u"j.doe"},
+                                                        {u"CORP\\j.doe", u"CORP\\j.doe"},
+                                                        {u"corp.example.com\\jdoe", u"corp.example\\jdoe"},
+                                                        {u"a.b\\c.d\\e", u"a.b\\c\\e"},
+                                                        {u".\\x", u"\\x"}};
+    for (const auto& [name, trimmed] : cases) EXPECT_EQ(trimmed, TrimDomainSuffix(name).View());
 }
 
 TEST_F(REPORT, TheOsCodeFollowsVersionAndKindOfSystem) {
     const struct {
-        DWORD major, minor;
+        char major, minor;
         BYTE server, workstation;
     } cases[] = {{11, 0, 12, 12}, {6, 4, 10, 11}, {6, 3, 10, 11}, {6, 2, 9, 8}, {6, 1, 6, 7},
                  {6, 0, 5, 4},    {5, 2, 1, 2},   {5, 1, 1, 2},   {5, 0, 0, 0}, {4, 9, 0, 0}};
-    for (const auto& c : cases) {
+    for (const auto& c : cases)
         for (const bool workstation : {false, true}) {
-            MakeSettings("OsMajor=dword:" + Hex({static_cast<char>(c.major)}) + " OsMinor=dword:" +
-                             Hex({static_cast<char>(c.minor)}) + " OsProductType=dword:" + (workstation ? "1" : "3"),
+            MakeSettings("OsMajor=dword:" + Hex({c.major}) + " OsMinor=dword:" + Hex({c.minor}) +
+                             " OsProductType=dword:" + (workstation ? "1" : "3"),
                          "\\Linux");
-            EXPECT_EQ(workstation ? c.workstation : c.server, OsCode()) << c.major << "." << c.minor;
+            EXPECT_EQ(workstation ? c.workstation : c.server, OsCode()) << +c.major << "." << +c.minor;
         }
-    }
 }
 
 TEST(PackBufferTest, ItemsAreWrittenOneAfterTheOther) {
@@ -184,5 +255,4 @@ TEST(PackBufferTest, ItemsAreWrittenOneAfterTheOther) {
 }
 
 }  // namespace
-
 }  // namespace keldwick
