@@ -50,7 +50,7 @@ keldwick_tests(win32 LABEL layer FOLDERS win32 win32/interfaces LIBRARIES keldwi
 # The agent, in parts and assembled under a moved clock.
 set_source_files_properties(${PROJECT_SOURCE_DIR}/tests/loop/loop_test.cpp PROPERTIES
   COMPILE_DEFINITIONS RECORDED_FOLDER="${PROJECT_SOURCE_DIR}/tests/loop/recorded")
-keldwick_tests(agent LABEL agent FOLDERS ${agent_folders} loop LIBRARIES tool_feed server_parts)
+keldwick_tests(agent LABEL agent FOLDERS ${agent_folders} loop LIBRARIES tool_feed server_protocol)
 keldwick_tests(tools LABEL tools FOLDERS keldwickctl keldwick-server LIBRARIES ctl_commands server_parts)
 
 # System tests: tests/system/test_*.py, Python's unittest, against the built programs.
