@@ -6,7 +6,11 @@ set -euo pipefail
 cd "$(dirname "$0")"
 
 step() { printf '\n== %s (%ss)\n' "$1" "$SECONDS"; }
-build() { cmake --preset "$1" >/dev/null && cmake --build --preset "$1" -- "${@:2}" | tail -n 1; }
+build() {
+    cmake --preset "$1" >/dev/null
+    cmake --build --preset "$1" -- "${@:2}" >"build/$1/build.log" || { tail -n 60 "build/$1/build.log"; exit 1; }
+    tail -n 1 "build/$1/build.log"
+}
 
 step "Packages"
 packaging/install-build-packages test

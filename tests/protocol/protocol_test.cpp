@@ -165,7 +165,7 @@ TEST_F(REPORT, OnlyAWholeAnswerToThisRequestCounts) {
         {unexpected + "0x1080; ID: ", [](std::string& answer) { ++answer[9]; }},
         {name + " status = 263", [](std::string& answer) { answer[12] = 1; }}};
     for (const auto& [told, spoil] : cases) {
-        AnswerEach(0, [&](const std::string& r) {
+        AnswerEach(0, [&spoil = spoil](const std::string& r) {
             std::string answer = SCRIPTED_SERVER::GoodAnswer(r, 7);
             spoil(answer);
             return answer;
