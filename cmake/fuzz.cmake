@@ -10,3 +10,8 @@ foreach(source ${targets})
   target_link_libraries(fuzz_${name} PRIVATE ctl_commands server_parts keldwick_all)
   add_dependencies(fuzz-targets fuzz_${name})
 endforeach()
+# The same short runs each time.
+if(KELDWICK_TESTS)
+  add_test(NAME fuzz COMMAND ${PROJECT_SOURCE_DIR}/fuzz/run-briefly ${CMAKE_RUNTIME_OUTPUT_DIRECTORY})
+  set_tests_properties(fuzz PROPERTIES LABELS fuzz TIMEOUT 400 COST 850)
+endif()

@@ -109,7 +109,9 @@ class WineTest(AgentTest):
         """Runs the agent to its end. Gives its exit code, of which wine itself hands on the lowest byte alone."""
         text = self.wine("cmd", "/v:on", "/c", "start", "/wait", "C:\\Keldwick\\Keldwick.exe", *arguments, "&", "echo",
                          "code", "!errorlevel!", code=None)
-        return int(re.search(r"code (\d+)", text)[1])
+        found = re.search(r"code (\d+)", text)
+        assert found, f"{arguments}: no exit code in {text!r}"
+        return int(found[1])
 
     def on_linux(self, *arguments, **variables):
         """Runs the agent on Linux to its end, in a machine root below the folder. Gives its log."""
