@@ -50,8 +50,10 @@ inline std::function<void()> whileSyncing, whileWaiting;  // called once: at an 
 inline std::function<void()> afterOpen;                   // called after each openat that gives a file
 inline long long bytesBeforeDeath = -1;                   // what pwrite still writes; the rest is lost; -1: all
 
-// GetTickCount64 is so far ahead, and goes on by so much with each call. A thread that waits for it in poll notices.
-inline std::atomic<ULONGLONG> ticksAhead{0}, ticksPerCall{0};
+// GetTickCount64 is so far ahead, which a thread that waits for it in poll notices, and this thread's calls move it so
+// much.
+inline std::atomic<ULONGLONG> ticksAhead{0};
+inline thread_local ULONGLONG ticksPerCall = 0;
 
 // Of getnameinfo, once NameServer() has answered: its result, and by how many milliseconds it moves the clock.
 inline std::atomic<int> nameServerResult{0};
