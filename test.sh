@@ -19,17 +19,19 @@ step "Layout of the source"
 cmake --preset asan >/dev/null
 cmake --build --preset asan --target format-check -- --quiet
 
-step "Keldwick.exe"
-build windows
-
-step "The layer and the agent under the thread sanitizer"
+step "Keldwick.exe, and the tests for the thread sanitizer"
+build windows &
+exe=$!
 build tsan tests_win32 tests_agent
-# The longest of them have one thread.
-ctest --preset tsan -L 'layer|agent' -E 'RING|NestingDeeper' --no-tests=error >build/tsan/ctest.log || { cat build/tsan/ctest.log; exit 1; }
-grep 'tests passed' build/tsan/ctest.log
+wait "$exe"
 
-step "The programs and the tests with the address and undefined-behaviour sanitizers"
+step "The programs and the tests with the address and undefined-behaviour sanitizers, and the layer and the agent under the thread sanitizer"
+# The longest tests of the layer and the agent have one thread.
+ctest --preset tsan -L 'layer|agent' -E 'RING|NestingDeeper' --no-tests=error >build/tsan/ctest.log &
+threads=$!
 build asan
+wait "$threads" || { cat build/tsan/ctest.log; exit 1; }
+grep 'tests passed' build/tsan/ctest.log
 
 step "The whole suite and short runs of the fuzz targets, and Keldwick.exe under wine"
 ctest --preset windows --no-tests=error >build/windows/ctest.log &  # it waits more than it works
