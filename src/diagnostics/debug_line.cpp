@@ -43,26 +43,26 @@ void AppendPrefix(DEBUG_STATE& state, LINE_BUFFER& line) {
     last.thread = thread;
 }
 
-// The time that a line carries, read into `now`; null when it carries none.
-const SYSTEMTIME* ReadTime(const DEBUG_STATE& state, bool framed, SYSTEMTIME& now) {
+// The time that a line carries, in `now`; null when it carries none.
+const TIME_STAMP* ReadTime(const DEBUG_STATE& state, bool framed, TIME_STAMP& now) {
     if (!framed || (state.mode & DEBUG_MODE_NO_TIME_STAMP) != 0) return nullptr;
-    GetLocalTime(&now);
+    now = TIME_STAMP::Now();
     return &now;
 }
 
-// Whether they show the same.
-bool SameSecond(const SYSTEMTIME& a, const SYSTEMTIME& b) {
-    return a.wSecond == b.wSecond && a.wMinute == b.wMinute && a.wHour == b.wHour && a.wDay == b.wDay &&
-           a.wMonth == b.wMonth && a.wYear == b.wYear;
+void AppendLocalTime(LINE_BUFFER& line, const TIME_STAMP& now) {
+    SYSTEMTIME fields;
+    if (!now.ToLocal().ToFields(fields)) return;
+    const WORD hour = fields.wHour % 12 == 0 ? WORD(12) : static_cast<WORD>(fields.wHour % 12);
+    AppendFormatted(line, TEXT("%04u/%02u/%02u %02u:%02u:%02u %cM "), fields.wYear, fields.wMonth, fields.wDay, hour,
+                    fields.wMinute, fields.wSecond, fields.wHour < 12 ? 'A' : 'P');
 }
 
-void AppendTime(DEBUG_STATE& state, LINE_BUFFER& line, const SYSTEMTIME& now) {
-    const WORD hour = now.wHour % 12 == 0 ? WORD(12) : static_cast<WORD>(now.wHour % 12);
-    AppendPart(line, state.lastTime, SameSecond(state.lastTime.time, now), [&] {
-        AppendFormatted(line, TEXT("%04u/%02u/%02u %02u:%02u:%02u %cM "), now.wYear, now.wMonth, now.wDay, hour,
-                        now.wMinute, now.wSecond, now.wHour < 12 ? 'A' : 'P');
-    });
-    state.lastTime.time = now;
+// Local time changes its offset between two seconds, never within one.
+void AppendTime(DEBUG_STATE& state, LINE_BUFFER& line, const TIME_STAMP& now) {
+    const LONGLONG second = now.Units() / (1000 * TIME_STAMP::UnitsPerMillisecond);
+    AppendPart(line, state.lastTime, state.lastTime.second == second, [&] { AppendLocalTime(line, now); });
+    state.lastTime.second = second;
 }
 
 // How many line breaks at the start of the message go before everything else.
@@ -74,7 +74,7 @@ size_t LeadingBreaks(std::string_view message) {
 // The parts of a line that differ from sink to sink.
 struct LINE_FORM {
     bool prefix;
-    const SYSTEMTIME* time;  // null: none
+    const TIME_STAMP* time;  // null: none
     std::string_view end;
     bool wholeBreaks = false;  // each line feed that has no carriage return before it is given one
 };
@@ -132,8 +132,8 @@ void WriteLine(DEBUG_STATE& state, DWORD flags, std::string_view message) {
     const bool ended = (flags & DEBUG_NO_LINE_END) == 0;
     const bool debugger = ((state.mode & DEBUG_MODE_DEBUGGER) | (flags & DEBUG_FORCE_DEBUGGER)) != 0;
     const bool logFile = ((state.mode & DEBUG_MODE_LOG) | (flags & DEBUG_FORCE_LOG)) != 0;
-    SYSTEMTIME now;
-    const SYSTEMTIME* const time = ReadTime(state, framed, now);
+    TIME_STAMP now;
+    const TIME_STAMP* const time = ReadTime(state, framed, now);
     LINE_BUFFER& line = state.composed;
     if (state.hook != nullptr && Compose(state, line, message, {false, nullptr, {}})) {
         WithinMemory([&] { ToHook(state, line); });
@@ -165,7 +165,7 @@ void WriteDebuggerLine(DEBUG_STATE& state, bool withPrefix, const WCHAR* format,
         text.FormatV(format, arguments);  // which may be a string-table id
         LINE_BUFFER message, line;
         message.AppendWide(text.View());
-        SYSTEMTIME now;
+        TIME_STAMP now;
         const LINE_FORM form{withPrefix, ReadTime(state, withPrefix, now),
                              withPrefix ? DebuggerLineEnd : std::string_view()};
         if (!message.Failed() && Compose(state, line, message.View(), form)) ToDebugger(state, line);

@@ -10,8 +10,10 @@
 #include <vector>
 
 #include "diagnostics/debug_output.h"
+#include "platform/error_text.h"
 #include "platform/handles.h"
 #include "platform/line_buffer.h"
+#include "platform/time_stamp.h"
 
 namespace keldwick {
 
@@ -37,7 +39,7 @@ struct LINE_PART {
     char text[160];
     size_t length = 0;  // 0: there is none yet
     // What it was made of:
-    SYSTEMTIME time{};
+    LONGLONG second = 0;  // since 1601, UTC
     DWORD process = 0, thread = 0;
 };
 
@@ -64,6 +66,7 @@ struct DEBUG_STATE {
     LINE_BUFFER message;                                    // of the line being printed
     LINE_BUFFER composed;                                   // ... as one sink gets it
     LINE_PART lastTime, lastPrefix;
+    ERROR_TAIL lastError;
 
     DEBUG_STATE() : deferredSlot(TlsAlloc()) {}
 };

@@ -107,9 +107,7 @@ STRING TrimDomainSuffix(const WCHAR* name) {
     const size_t domainEnd = whole.rfind(backslash);
     if (domainEnd == whole.npos) return STRING(whole);
     const size_t suffix = whole.substr(0, domainEnd).rfind(fullStop);
-    STRING trimmed(whole.substr(0, suffix != whole.npos ? suffix : domainEnd));
-    trimmed.Append(whole.substr(domainEnd));
-    return trimmed;
+    return STRING::Join({whole.substr(0, suffix != whole.npos ? suffix : domainEnd), whole.substr(domainEnd)});
 }
 
 }  // namespace keldwick

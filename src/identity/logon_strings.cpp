@@ -83,6 +83,6 @@ bool IsComputerAccount(const WCHAR* name) {
     return !text.empty() && text.back() == TEXT('$');
 }
 
-STRING QualifiedName(const WCHAR* domain, const WCHAR* name) { return FormatString(TEXT("%s\\%s"), domain, name); }
+STRING QualifiedName(const WCHAR* domain, const WCHAR* name) { return STRING::Join({domain, TEXT("\\"), name}); }
 
 }  // namespace keldwick

@@ -55,15 +55,30 @@ STRING ErrorText(const ERROR_CODE& error) {
     return DirectoryErrorText(static_cast<HRESULT>(error.Get()));
 }
 
-void AppendError(LINE_BUFFER& line, const ERROR_CODE& error, const WCHAR* format, FORMAT_ARGUMENTS arguments) {
+void AppendError(LINE_BUFFER& line, const ERROR_CODE& error, const WCHAR* format, FORMAT_ARGUMENTS arguments,
+                 ERROR_TAIL* last) {
     const size_t before = line.View().size();
     line.AppendFormat(format, arguments);
     const std::string_view message = line.View().substr(std::min(before, line.View().size()));
     line.Append(message.ends_with(' ') ? "" : ". ");
-    line.AppendWide(ErrorText(error).View());
+    if (last != nullptr && last->IsOf(error)) return line.Append({last->text, last->length});
+    const size_t start = line.View().size();
+    const STRING text = ErrorText(error);
+    line.AppendWide(text.View());
     const bool decimal = error.Form() == ERROR_CODE::FORM::DECIMAL;
     line.AppendFormat(decimal ? TEXT(". Error code = %lu.") : TEXT(". Error code = %#lx."),
                       FormatArguments(error.Get()));
+    if (last != nullptr && !line.Failed() && !text.IsEmpty()) last->Keep(error, line.View().substr(start));
+}
+
+bool ERROR_TAIL::IsOf(const ERROR_CODE& error) const {
+    return length != 0 && code == error.Get() && form == error.Form();
+}
+
+void ERROR_TAIL::Keep(const ERROR_CODE& error, std::string_view tail) {
+    length = tail.size() <= sizeof text ? tail.copy(text, sizeof text) : 0;
+    code = error.Get();
+    form = error.Form();
 }
 
 STRING FormatErrorV(const ERROR_CODE& error, const WCHAR* format, FORMAT_ARGUMENTS arguments) {

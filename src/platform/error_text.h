@@ -42,10 +42,23 @@ STRING ErrorText(const ERROR_CODE& error);  // as its form wants it
 // The same into a string; false, and the string empty, when there is no text.
 bool LoadErrorText(STRING& text, DWORD code, HMODULE module = nullptr);
 
+// The end of the last message about an error, kept for the next one: what fails for one report fails for the next, too.
+struct ERROR_TAIL {
+    char text[256];     // "TEXT. Error code = 5."
+    size_t length = 0;  // 0: there is none yet
+    DWORD code = 0;
+    ERROR_CODE::FORM form{};
+
+    bool IsOf(const ERROR_CODE& error) const;
+    void Keep(const ERROR_CODE& error, std::string_view tail);  // one that is too long is not kept
+};
+
 // The message, completed by the error's text and code: "MESSAGE. TEXT. Error code = 5.". After a message that ends in a
-// blank, as the indentation of a new line is one, the text follows at once. Appended to a line, or as a string.
+// blank, as the indentation of a new line is one, the text follows at once. Appended to a line (`last`: null, or what the
+// caller keeps between such calls), or as a string.
 STRING FormatErrorV(const ERROR_CODE& error, const WCHAR* format, FORMAT_ARGUMENTS arguments);
-void AppendError(LINE_BUFFER& line, const ERROR_CODE& error, const WCHAR* format, FORMAT_ARGUMENTS arguments);
+void AppendError(LINE_BUFFER& line, const ERROR_CODE& error, const WCHAR* format, FORMAT_ARGUMENTS arguments,
+                 ERROR_TAIL* last = nullptr);
 template <typename... ARGUMENTS>
 STRING FormatError(const ERROR_CODE& error, FORMAT<ARGUMENTS...> format, const ARGUMENTS&... arguments) {
     return FormatErrorV(error, format.Text(), FormatArguments(arguments...));

@@ -37,17 +37,34 @@ char* PutUnit(char* at, WCHAR unit) {
     return at;
 }
 
-// Four units at a time up to the first four that are not all ASCII. Gives how many were copied.
-size_t CopyAscii(char* to, TEXT_VIEW from) {
+constexpr size_t Step = 8;  // units that are copied at once
+
+// False: they are not all ASCII, and nothing was copied. The vectors are an extension that both compilers have.
+bool CopyStep(char* to, const WCHAR* from) {
+    using UNITS = uint16_t __attribute__((vector_size(Step * 2)));
+    using BYTES = uint8_t __attribute__((vector_size(Step)));
     static_assert(sizeof(WCHAR) == 2);
+    uint64_t halves[2];
+    std::memcpy(halves, from, sizeof halves);
+    if (((halves[0] | halves[1]) & 0xFF80FF80FF80FF80) != 0) return false;
+    UNITS units;
+    std::memcpy(&units, from, sizeof units);
+    const auto bytes = __builtin_convertvector(units, BYTES);
+    std::memcpy(to, &bytes, sizeof bytes);
+    return true;
+}
+
+// Copies units from the start that are ASCII, whole steps if not all are. Gives how many.
+size_t CopyAscii(char* to, TEXT_VIEW from) {
     size_t done = 0;
-    for (; from.size() - done >= 4; done += 4) {
-        uint64_t units;
-        std::memcpy(&units, from.data() + done, sizeof units);
-        if ((units & 0xFF80FF80FF80FF80) != 0) break;
-        for (size_t i = 0; i < 4; ++i) to[done + i] = static_cast<char>(from[done + i]);
+    if (from.size() < Step) {
+        for (; done < from.size() && from[done] < 0x80; ++done) to[done] = static_cast<char>(from[done]);
+        return done;
     }
-    return done;
+    for (; from.size() - done >= Step; done += Step)
+        if (!CopyStep(to + done, from.data() + done)) return done;
+    const size_t last = from.size() - Step;  // overlaps what was copied
+    return CopyStep(to + last, from.data() + last) ? from.size() : done;
 }
 
 }  // namespace

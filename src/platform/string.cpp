@@ -109,13 +109,21 @@ void STRING::AssignUtf8(const char* text, DWORD bytes) {
     Adopt(wide, static_cast<DWORD>(units));
 }
 
+STRING STRING::Join(std::initializer_list<TEXT_VIEW> texts) {
+    STRING joined;
+    size_t units = 0;
+    for (const TEXT_VIEW text : texts) units += text.size();
+    if (units == 0) return joined;
+    WCHAR* const whole = Allocate(units);
+    WCHAR* to = whole;
+    for (const TEXT_VIEW text : texts) to = std::copy(text.begin(), text.end(), to);
+    *to = 0;
+    joined.Adopt(whole, static_cast<DWORD>(units));
+    return joined;
+}
+
 void STRING::Append(TEXT_VIEW text) {
-    if (text.empty()) return;
-    WCHAR* const longer = Allocate(length + text.size());
-    if (length != 0) std::memcpy(longer, buffer, length * sizeof(WCHAR));
-    std::memcpy(longer + length, text.data(), text.size() * sizeof(WCHAR));
-    longer[length + text.size()] = 0;
-    Adopt(longer, length + static_cast<DWORD>(text.size()));
+    if (!text.empty()) *this = Join({View(), text});
 }
 
 void STRING::Grow(DWORD units) {

@@ -3,6 +3,8 @@
 // allocated throws STRING_NO_MEMORY and leaves the string as it was; nothing else is thrown. Not shared by threads.
 #pragma once
 
+#include <initializer_list>
+
 #include "platform/format.h"
 
 namespace keldwick {
@@ -67,6 +69,7 @@ public:
     explicit STRING(DWORD units) { Resize(units); }  // that many 0 units: a receive buffer of fixed size
     explicit STRING(const STRING_UTF8& text);
     explicit STRING(const char* utf8);  // NUL-terminated; null gives the empty text
+    static STRING Join(std::initializer_list<TEXT_VIEW> texts);  // one after the other
     // Texts of error codes, formats and resources: ErrorText, FormatString, LoadResourceString.
 
     using STRING_STORAGE::Assign;

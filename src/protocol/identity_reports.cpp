@@ -54,8 +54,7 @@ void LookUpUser(PRINCIPAL& user, const DIRECTORY_BINDING& binding, GROUP_FIELDS&
 }
 
 void LookUpComputer(PRINCIPAL& computer, const DIRECTORY_BINDING& binding) {
-    constexpr WCHAR computerAccountMark = 36;  // a dollar sign
-    LookUp(computer, FormatString(TEXT("%s%c"), computer.name, computerAccountMark).Text(), binding);
+    LookUp(computer, STRING::Join({computer.name.View(), TEXT("$")}).Text(), binding);  // the mark of computer accounts
     DebugPrintMasked(DEBUG_VERBOSE, TEXT("IdentityReportLogon:\n    Computer DN = \"%s\",\n    Computer OU = \"%s\""),
                      computer.dn, computer.ou);
 }

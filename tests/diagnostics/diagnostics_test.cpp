@@ -69,6 +69,17 @@ TEST_F(DebugOutput, PrintingKeepsTheLastError) {
     EXPECT_EQ("KDWK: x\r\nKDWK: No y. Access is denied. Error code = 5.\r\n", Log());
 }
 
+TEST_F(DebugOutput, AnErrorEndsInItsOwnTextWhateverCameBefore) {
+    SetDebugOutputMode(0x40002);
+    std::string expected;
+    for (const ERROR_CODE& error : {ERROR_CODE(5), ERROR_CODE(2), ERROR_CODE(2), ERROR_CODE(0xE0001234), ERROR_CODE(2),
+                                    ERROR_CODE(2, ERROR_CODE::FORM::HEXADECIMAL), ERROR_CODE::FromDirectory(2)}) {
+        DebugPrintError(error, TEXT("No"));
+        expected += "KDWK: " + Narrow(FormatError(error, TEXT("No"))) + "\r\n";
+    }
+    EXPECT_EQ(expected, Log());
+}
+
 class LogFile : public AGENT {};
 
 TEST_F(LogFile, TheFirstOpenTreatsAnExistingFileAsTheModeSays) {

@@ -46,6 +46,13 @@ TEST(Format, EveryConventionOfTheMessages) {
         line.Append(">");
         EXPECT_EQ("<" + expected + ">", line.View());
     }
+    for (size_t at = 0; at <= 20; ++at) {  // one letter that is not ASCII, or none, in a long text or a short one
+        std::u16string text(at % 2 == 0 ? 20 : 7, 'a');
+        if (at < text.size()) text[at] = 0xE9;
+        LINE_BUFFER line;
+        line.AppendWide(text);
+        EXPECT_EQ(Narrow(text.c_str()), line.View());
+    }
 }
 
 TEST(String, DigitsAreReadUpToTheFirstOtherUnit) {

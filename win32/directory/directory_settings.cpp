@@ -11,6 +11,7 @@
 #include <mutex>
 #include <set>
 #include <system_error>
+#include <utility>
 
 #include "win32/directory/directory_text.h"
 #include "win32/files/file_watch.h"
@@ -34,31 +35,34 @@ std::string Setting(const char16_t* name) {
 // One file of the machine root that is looked at with every name.
 class LOOKED_AT_FILE {
 public:
-    std::optional<FILE_IDENTITY> Identity(const std::string& now) {
+    explicit LOOKED_AT_FILE(std::string_view fileName) : name(fileName) {}
+
+    std::optional<FILE_IDENTITY> Identity() {
         const std::lock_guard guard(lock);
-        if (path != now) watch.reset();  // another machine root
-        if (!watch || !watch->Holds(mark)) Look(now);
+        const std::string* const now = &MachineRoot();
+        if (std::exchange(root, now) != now) watch.reset();
+        if (!watch || !watch->Holds(mark)) Look(MachinePath(name));
         errno = failure;
         return failure == 0 ? std::optional(identity) : std::nullopt;
     }
 
 private:
-    void Look(const std::string& now) {
-        path = now;
-        if (!watch && LinuxSettingsAreWatched()) Watch();
+    void Look(const std::string& path) {
+        if (!watch && LinuxSettingsAreWatched()) Watch(path);
         if (watch) mark = watch->Mark();
         struct stat status;
         failure = stat(path.c_str(), &status) == 0 ? 0 : errno;
         if (failure == 0) identity = IdentityOf(status);
     }
 
-    void Watch() try {
+    void Watch(const std::string& path) try {
         watch = std::make_unique<FILE_WATCH>(path, [] {});
     } catch (const std::system_error&) {  // no thread: it is looked at each time
     }
 
+    const std::string_view name;
     std::mutex lock;
-    std::string path;
+    const std::string* root = nullptr;
     std::unique_ptr<FILE_WATCH> watch;
     FILE_WATCH::MARK mark;
     int failure = 0;
@@ -180,8 +184,8 @@ DIRECTORY_BACKEND ConfiguredBackend() {
 std::string LdifPath() { return MachinePath(DirectoryFile); }
 
 std::optional<FILE_IDENTITY> LdifIdentity() {
-    static LOOKED_AT_FILE& file = *new LOOKED_AT_FILE;
-    return file.Identity(LdifPath());
+    static LOOKED_AT_FILE& file = *new LOOKED_AT_FILE(DirectoryFile);
+    return file.Identity();
 }
 
 std::optional<LDAP_SETTINGS> ReadLdapSettings(std::string& complaint) {

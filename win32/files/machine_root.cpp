@@ -3,6 +3,9 @@
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
+#include <mutex>
+#include <set>
+#include <utility>
 
 #include "win32/text/utf.h"
 
@@ -25,6 +28,14 @@ std::string Tidied(const fs::path& path) {
     return folder;
 }
 
+// The one object that holds this folder's name; it lives as long as the process.
+const std::string& Kept(std::string folder) {
+    static std::mutex lock;
+    static auto* const folders = new std::set<std::string>;
+    const std::lock_guard guard(lock);
+    return *folders->insert(std::move(folder)).first;
+}
+
 }  // namespace
 
 std::string DefaultRoot(const std::string& current, const std::string& programs) {
@@ -35,7 +46,7 @@ std::string DefaultRoot(const std::string& current, const std::string& programs)
     return current.empty() || (!isRoot(current) && isRoot(programs)) ? programs : current;
 }
 
-std::string MachineRoot() {
+const std::string& MachineRoot() {
     const char* named = std::getenv("KELDWICK_ROOT");
     if (named == nullptr || *named == '\0') {
         static const std::string chosen = [] {
@@ -46,18 +57,20 @@ std::string MachineRoot() {
         return chosen;
     }
     // Asked for several times in every report: an absolute name is made tidy once.
-    static thread_local std::string lastName, lastFolder;
-    if (*named == '/' && lastName == named) return lastFolder;
+    static thread_local std::string lastName;
+    static thread_local const std::string* lastFolder = nullptr;
+    if (lastFolder != nullptr && lastName == named) return *lastFolder;
     std::error_code error;
-    std::string folder = Tidied(fs::absolute(named, error));
+    const std::string& folder = Kept(Tidied(fs::absolute(named, error)));
     if (*named == '/') {
-        lastFolder = folder;
-        lastName = named;  // last: without memory for the folder it is asked for again
+        lastFolder = nullptr;  // until the name is there: without memory for it the folder is asked for again
+        lastName = named;
+        lastFolder = &folder;
     }
     return folder;
 }
 
-std::string MachinePath(std::string_view name) { return MachineRoot().append("/").append(name); }
+std::string MachinePath(std::string_view name) { return std::string(MachineRoot()).append("/").append(name); }
 
 std::string EventLogPath(std::string_view log) {
     return MachinePath(EventLogFolder).append("/").append(log).append(EventLogExtension);

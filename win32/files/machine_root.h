@@ -10,8 +10,9 @@
 namespace win32 {
 
 // KELDWICK_ROOT; when that is not set, DefaultRoot of the current folder and the program's at the first call. Absolute,
-// without a trailing slash. The environment is read at every call, so that tests can move it.
-std::string MachineRoot();
+// without a trailing slash. The environment is read at every call, so that tests can move it. The same folder is always
+// the same object, which lives as long as the process.
+const std::string& MachineRoot();
 
 // The root of a program that runs in `current` and whose file lies in `programs`: the current folder, unless that is no
 // machine root, because it holds no registry.reg, and the program's own is one.

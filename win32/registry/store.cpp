@@ -38,12 +38,17 @@ constexpr std::chrono::milliseconds MinPause = 10ms, MaxPause = 1s;  // between 
 REG_STORE& REG_STORE::Current() {
     // Never destroyed: the watcher thread may be in one at any time.
     static std::mutex guard;
-    static auto* const stores = new std::map<std::string, std::unique_ptr<REG_STORE>>;
-    const std::string file = MachinePath(RegistryFile);
+    static auto* const stores = new std::map<const std::string*, std::unique_ptr<REG_STORE>>;
+    static thread_local const std::string* lastRoot = nullptr;
+    static thread_local REG_STORE* last = nullptr;
+    const std::string& root = MachineRoot();
+    if (&root == lastRoot) return *last;
     const std::lock_guard locked(guard);
-    std::unique_ptr<REG_STORE>& store = (*stores)[file];
-    if (!store) store = std::make_unique<REG_STORE>(file);
-    return *store;
+    std::unique_ptr<REG_STORE>& store = (*stores)[&root];
+    if (!store) store = std::make_unique<REG_STORE>(MachinePath(RegistryFile));
+    lastRoot = &root;
+    last = store.get();
+    return *last;
 }
 
 REG_STORE::REG_STORE(std::string file) : path(std::move(file)) {}
