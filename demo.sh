@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Sets everything up and shows the main job: a small office logs on, the agent reports each logon to an identity server.
-# Needs Debian 12 and root or sudo (for packages); ends by itself and leaves nothing behind but build/. `./demo.sh --page`
+# Needs Debian 12 and root or sudo (for packages); ends by itself and leaves nothing except build/. `./demo.sh --page`
 # leaves the server's page running, for a browser, until Ctrl-C.
 set -euo pipefail
 cd "$(dirname "$0")"

@@ -29,7 +29,7 @@ extern "C" int LLVMFuzzerInitialize(int* count, char*** arguments);
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 extern "C" const char* __lsan_default_suppressions();
 
-// The LDAP library forgets a request, 4,276 bytes, when the message that bears its number cannot be read behind the
+// The LDAP library forgets a request, 4,276 bytes, when the message that bears its number cannot be read after the
 // number: a program of nothing but a search and an unbind loses as much, and abandoning the search does not help.
 extern "C" const char* __lsan_default_suppressions() { return "leak:liblber"; }
 

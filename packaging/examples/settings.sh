@@ -4,7 +4,7 @@ set -e
 export KELDWICK_ROOT=/var/lib/keldwick
 
 keldwickctl settings set IdentServer identity.example.net
-# TLS only. Groups do not go over TLS, and TLS authenticates no one; with tcp the groups go, readable for whoever listens. auto
+# TLS only. Groups do not go over TLS, and TLS authenticates no one; with tcp the groups go, readable for anyone who listens. auto
 # tries TLS first, and keeps to what worked until the agent is restarted. A change applies at the next connection.
 keldwickctl settings set IdentProtocol tcps
 keldwickctl settings set Heartbeat 10       # minutes between two reports of the same identity

@@ -1,6 +1,6 @@
 -- The identity protocol for Wireshark and tshark: TCP port 1306 and, with the session's keys, TLS port 1308. Another port: "Decode As".
 --
--- A request states its length modulo 65,536, so its fields tell where it ends. When they reach beyond the stated length, either the
+-- A request states its length modulo 65,536, so its fields show where it ends. When they reach beyond the stated length, either the
 -- request is a long one or something in it is damaged: it is damaged when the bytes of a segment end exactly where it should
 -- end, or when the next request begins there.
 
@@ -245,7 +245,7 @@ local function EndOf(reader)
 end
 
 -- Reads one request. Gives the reader with its `size`; nothing when more is to come before, in whole segments, since where they end
--- tells something.
+-- shows something.
 local function ReadRequest(tvb, stream, patient)
     local start, reader = tvb(0, math.min(HeaderBytes, tvb:captured_len())):raw(), stream.unfinished
     if not reader or reader.start ~= start or tvb:captured_len() < reader.have then reader = NewReader(start, READER.Request) end
@@ -381,7 +381,7 @@ end
 
 local KnownPorts = { [1306] = true, [1308] = true }
 
--- The side with a known port is the server; without one the code tells.
+-- The side with a known port is the server; without one the code decides.
 local function IsAnswer(tvb, pinfo)
     if KnownPorts[pinfo.src_port] ~= KnownPorts[pinfo.dst_port] then return KnownPorts[pinfo.src_port] end
     return tvb:captured_len() >= 6 and tvb(4, 2):uint() == AnswerCode
@@ -417,7 +417,7 @@ local function ShowOne(tvb, pinfo, tree, stream)
     return reader.size
 end
 
--- What to wait for: a segment, or, once no segment's end tells anything more, all that is known to be missing. A long request is not put
+-- What to wait for: a segment, or, once no segment's end shows anything more, all that is known to be missing. A long request is not put
 -- together again with each of its segments then.
 local function Missing(stream, have)
     local reader = stream.unfinished

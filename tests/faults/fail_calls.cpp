@@ -1,12 +1,12 @@
 // Linked into a copy of a program whose calls are to be counted and made to fail: each function named in calls.txt is
-// wrapped by the linker, and memory comes from the operators below. What happens is told by two variables of the
+// wrapped by the linker, and memory comes from the operators below. What happens is set by two variables of the
 // environment (tests/faults/run sets them):
 //
 //     FAULTS_SHARED   a file that is mapped: the counts, and the clock's offset, which the driver moves
 //     FAULTS_PLAN     "CALL SITE N RESULT ERROR": the N-th call (from 0) of CALL from SITE gives RESULT, and sets errno
 //                     to ERROR or, for a call of Windows ("w5"), the last error. Without a plan calls are only counted.
 //
-// A site is a call with the innermost return addresses in the program itself, so that the same call counts anew when
+// A site is a call with the innermost return addresses in the program itself, so that the same call counts again when
 // something else led to it.
 #include <poll.h>
 #include <sys/mman.h>
@@ -77,7 +77,7 @@ struct PLAN {
     char error[16] = "";
 };
 
-SHARED* Shared = nullptr;  // from main on: before it there is nobody to tell
+SHARED* Shared = nullptr;  // from main on: before it no one reads it
 PLAN Plan;
 std::mutex CountLock;
 thread_local bool Inside = false;  // the harness's own calls do not count

@@ -184,7 +184,7 @@ TEST_F(IDENTITY_LIST, GrowsOlderRatherThanWriteMoreBytes) {
     followWhile(replace);
     ASSERT_LE(bytes, seconds * bytesASecond + size);
     EXPECT_GE(bytes, seconds * bytesASecond / 2);  // and no older than that
-    // More than a minute's worth: this holds for the file that only tells that it is right, too.
+    // More than a minute's worth: this holds for the file that only says that it is right, too.
     while (logons.Count() < 81000) logons.Append();
     followWhile(renew);
     EXPECT_LE(bytes, seconds * bytesASecond + size);

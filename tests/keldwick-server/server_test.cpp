@@ -25,7 +25,7 @@ using win32::DESCRIPTOR;
 
 using BYTES = std::vector<uint8_t>;
 
-// It names nobody.
+// It names no one.
 BYTES Request(uint8_t id) {
     return {0, 30, 0, 3, 0, 0x10, 0, 0, 0, id, 0, 0, 14, 6, 2, 0, 0, 0, 1, 0, 0x13, 1, 2, 5, 12, 10, 0, 0, 0, 0x20};
 }
@@ -245,9 +245,9 @@ TEST_F(PICTURE_TEST, WhatEachAgentReportsIsKeptApartAndTheUnionShown) {
     Report(two, 2, u"CORP\\bob");
     EXPECT_EQ("10.0.0.5 CORP\\bob from 2, 10.0.0.5 corp\\ANN from 1", Shown()) << "another agent's claim stands";
     Report(one, 3, u"CORP\\bob", KIND::Heartbeat);
-    EXPECT_EQ("10.0.0.5 CORP\\bob from 2 1, 10.0.0.5 corp\\ANN from 1", Shown()) << "a heartbeat replaces nobody";
+    EXPECT_EQ("10.0.0.5 CORP\\bob from 2 1, 10.0.0.5 corp\\ANN from 1", Shown()) << "a heartbeat replaces no one";
     Report(two, 4, u"CORP\\ann", KIND::Logoff);
-    EXPECT_EQ("10.0.0.5 CORP\\bob from 2 1, 10.0.0.5 corp\\ANN from 1", Shown()) << "nobody logs off for another agent";
+    EXPECT_EQ("10.0.0.5 CORP\\bob from 2 1, 10.0.0.5 corp\\ANN from 1", Shown()) << "no one logs off for another agent";
     Report(one, 5, u"CORP\\ann", KIND::Logoff);
     Report(one, 5, u"CORP\\bob", KIND::Logoff);
     Report(two, 6, u"CORP\\bob", KIND::Logoff);

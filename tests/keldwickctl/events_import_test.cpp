@@ -50,7 +50,7 @@ std::string Utf16(const std::string& text, bool big) {
     return bytes;
 }
 
-// Events and complaints of a text, whether it comes at once or in pieces; a complaint is told by its beginning.
+// Events and complaints of a text, whether it comes at once or in pieces; a complaint is known by its beginning.
 void Check(const char* name, const std::string& xml, const std::vector<DWORD>& ids,
            const std::vector<std::string>& unreadable = {}) {
     for (const size_t step : {size_t{65536}, size_t{7}, size_t{1}}) {

@@ -38,7 +38,7 @@ struct COLLECTING final : LINE_TAKER {
 };
 
 // A log as its writers and what rotates it make it, and what a follower must give of it: each line once, in the order
-// of the files, the oldest first. Times of writing are set, a second apart, so that they tell the files' order.
+// of the files, the oldest first. Times of writing are set, a second apart, so that they show the files' order.
 class MODEL {
 public:
     enum WAY { NUMBERED, DATED, COPIED, COPIED_OVER, WAYS };  // over the copy before

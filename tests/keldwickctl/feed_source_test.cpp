@@ -162,7 +162,7 @@ TEST(SAMBA_AUDIT, OneLogonIsOneRecord) {
     }
 }
 
-// The event's ID and its strings, but for those that nothing is known of, with their positions.
+// The event's ID and its strings, except those that nothing is known of, with their positions.
 std::string StringsOf(const std::string& line) {
     const READ<SHIPPER_JSON> read(line);
     EXPECT_EQ(RECORD, read.result) << read.reason;

@@ -87,7 +87,7 @@ protected:
         clock.At(Start + (SecondsOf(time) - StartSeconds) * VIRTUAL_CLOCK::Second, std::move(action));
     }
 
-    // Appends events to the Security log in one go. A running agent that follows it is told of it before this returns.
+    // Appends events to the Security log in one go. A running agent that follows it hears of it before this returns.
     void Write(const std::vector<win32::NEW_EVENT>& events) {
         ChangeLog([&] {
             win32::EVT_WRITER writer;

@@ -74,7 +74,7 @@ public:
         port = ntohs(address.sin_port);
     }
 
-    // As a process that ends: its connections are closed and nobody listens any more.
+    // As a process that ends: its connections are closed and nothing listens any more.
     void Die() {
         if (!thread.joinable()) return;
         shutdown(listener, SHUT_RDWR);

@@ -14,7 +14,7 @@ struct NAME_SERVER {
     std::u16string name;                                        // of every address; empty: none has one
     std::atomic<int> questions = 0;
 
-    // Dead, it keeps whoever asks waiting until it is revived.
+    // Dead, it keeps those who ask waiting until it is revived.
     void Die() {
         const std::lock_guard guard(lock);
         dead = true;

@@ -6,7 +6,7 @@
 #include <sstream>
 #include <string>
 
-// The key with these values: "Name='text' Other=dword:1", of one name the last; without text behind its "=", no such
+// The key with these values: "Name='text' Other=dword:1", of one name the last; without text after its "=", no such
 // value.
 inline std::string RegistryText(const std::string& key, const std::string& values) {
     std::map<std::string, std::string> settings;

@@ -111,7 +111,7 @@ inline void AskForHandshakes(SSL* session, int count) {
 inline bool Pour(const ACCEPTED& peer, const std::string& bytes) {
     constexpr size_t bit = 32768;
     const timeval patience{10, 0};
-    const int room = 16384;  // so that what was sent was read, but for a little
+    const int room = 16384;  // so that nearly all that was sent was read
     setsockopt(peer.Get(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof(patience));
     setsockopt(peer.Get(), SOL_SOCKET, SO_SNDBUF, &room, sizeof(room));
     std::string passed(1 << 20, 0);

@@ -35,7 +35,7 @@ public:
 
     static VIRTUAL_CLOCK* Current() { return current; }
     TIME Now() const { return now; }
-    TIME Look() { return now += perLook; }  // what the agent is told
+    TIME Look() { return now += perLook; }  // what the agent gets
     void Set(TIME time) { now = time; }     // forward or back; nothing happens meanwhile
     std::atomic<TIME> perLook{0};           // by which the clock goes on whenever the agent looks at it
     bool IsMovedByThisThread() const { return std::this_thread::get_id() == mover; }

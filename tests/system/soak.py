@@ -56,7 +56,7 @@ class Soak(MachineTest):
                 "ASAN_OPTIONS": os.environ.get("ASAN_OPTIONS", "") + ":quarantine_size_mb=1"})
 
     def start_agent(self):
-        """As a service, whose manager hears what it is told."""
+        """As a service, whose manager hears what it reports."""
         while select.select([self.manager], [], [], 0)[0]:
             self.manager.recv(4096)
         follows, self.baseline = self.model.follows, None
@@ -91,7 +91,7 @@ class Soak(MachineTest):
     # What is written.
 
     def new(self, source, count=1, **changes):
-        """Records of new people at one of few addresses, so that most replace somebody."""
+        """Records of new people at one of few addresses, so that most replace someone."""
         records = []
         for _ in range(count):
             self.number += 1
@@ -100,7 +100,7 @@ class Soak(MachineTest):
         return records
 
     def again(self, source):
-        """Somebody who is there logs on once more; once between two waits, since renewals show not which event they are of."""
+        """A user who is there logs on once more; once between two waits, since renewals show not which event they are of."""
         there = sorted(set(self.model.table) - self.asked)
         if not there or self.random.random() > 0.3:
             return self.new(source)
@@ -109,7 +109,7 @@ class Soak(MachineTest):
         return self.new(source, ip=ip, user=self.model.table[ip][0])
 
     def write(self, records, unheard=False):
-        """Straight into the log, by one import. Unheard: nobody follows, so none of them may ever be reported."""
+        """Straight into the log, by one import. Unheard: no agent follows, so none of them may ever be reported."""
         events = ""
         for record in records:
             events += xml(record.user.split("\\")[1], record.ip, record.computer.split("\\")[1])
@@ -125,7 +125,7 @@ class Soak(MachineTest):
                 file.write(authentication(record.user.split("\\")[1], record.ip, workstation=record.computer.split("\\")[1]))
 
     def burst(self, count):
-        """Logons by both ways, some of people who are there, and one that is nobody's."""
+        """Logons by both ways, some of people who are there, and one that is no user's."""
         for source, put in (("feed", self.say), ("log", self.write)):
             put([record for _ in range(count // 2)
                  for record in (self.again(source) if self.model.gap is None else self.new(source))])
@@ -197,7 +197,7 @@ class Soak(MachineTest):
     def check(self):
         self.slow_answers = 0
         self.settle()
-        self.until_same("requests that messages tell of", lambda: len(self.model.received), lambda: self.model.heard)
+        self.until_same("requests that messages name", lambda: len(self.model.received), lambda: self.model.heard)
         self.check_identities()
         if self.baseline is None:
             self.baseline = self.resources()
@@ -260,7 +260,7 @@ class Soak(MachineTest):
         self.model.settle_gap(gap)
 
     def away(self, killed):
-        """The agent is gone: what the log holds then is nobody's, but a feed waits for the next agent."""
+        """The agent is gone: what the log holds then is no one's, but a feed waits for the next agent."""
         self.listen()
         self.model.ended(killed)
         self.write(self.new("log", 4), unheard=True)
@@ -277,7 +277,7 @@ class Soak(MachineTest):
         self.away(True)
 
     def step_agent_stopped(self):
-        """What waits then is told to be unreported, record by record."""
+        """What waits then is said to be unreported, record by record."""
         self.burst(6)
         self.settle()
         if dead := self.random.random() < 0.5:

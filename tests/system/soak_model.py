@@ -1,4 +1,4 @@
-"""What the agent owes for the records that were written, told from what the servers received and from its own messages, in
+"""What the agent owes for the records that were written, derived from what the servers received and from its own messages, in
 their order. Any difference is a Violation."""
 import collections
 import re
@@ -132,7 +132,7 @@ class Model:
     def ended(self, killed):
         """The agent is gone and all it said was heard. One request of a killed one may be on its way without a word of it."""
         if len(self.received) - self.heard > killed:
-            raise Violation(f"requests that no message tells of: {self.received[self.heard:]}")
+            raise Violation(f"requests that no message names: {self.received[self.heard:]}")
         self.heard, self.owed, self.trouble = len(self.received), None, False
         self.table.clear()
 

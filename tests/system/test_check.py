@@ -1,4 +1,4 @@
-"""keldwickctl check and status: what an administrator is told when something is wrong."""
+"""keldwickctl check and status: what an administrator reads when something is wrong."""
 import json
 import os
 import re
@@ -35,7 +35,7 @@ class Check(MachineTest):
         agent = self.start("-L")
         self.until(lambda: self.ctl_json("status")["connection"], "a connection")
         code, found = self.found("--exchange", "--address", "127.0.0.1")
-        self.assertIn(code, (0, 3), found)  # the clock of a container may be nobody's
+        self.assertIn(code, (0, 3), found)  # no one may set the clock of a container
         for what, text in (("machine root", self.root), ("agent", "connected over TLS"), ("event log", "1 record, the newest of"),
                            ("identity server", "TLS"), ("exchange", "was answered, status 0"), ("name server", "localhost"),
                            ("agent's log", "Keldwick.log")):
@@ -119,7 +119,7 @@ class Check(MachineTest):
                          r"\A10\.1\.0\.7 +\S+Z  until \S+Z  CORP\\cleo .*\n1 identity, as of")
         self.ctl("identities", "--address", "10.1", code=2)
         self.shut_down(agent)
-        self.assertEqual(0, json.loads(text_of(f"{self.root}/Keldwick.identities"))["identities"], "nobody is left in it")
+        self.assertEqual(0, json.loads(text_of(f"{self.root}/Keldwick.identities"))["identities"], "no one is left in it")
 
     def test_a_second_agent_waits_for_the_first(self):
         self.prepare()

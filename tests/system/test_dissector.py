@@ -182,7 +182,7 @@ class Dissector(MachineTest):
             ("an answer too long", [good, Reply(reply + b"x"), other, next_reply], [[], [], ["wrong_length"], [], []]),
             ("an answer's length turned round", [good, Reply(b"\x0e\0" + reply[2:])], [[], ["wrong_length"]]),
             ("an answer's code", [good, Reply(answer(2, code=0x10))], [[], ["wrong_value"]]),
-            ("an answer nobody asked for", [good, Reply(answer(9))], [[], ["unasked"]]),
+            ("an answer that was not asked for", [good, Reply(answer(9))], [[], ["unasked"]]),
             ("an answer in pieces", [good, Reply(reply[:9]), Reply(reply[9:])], [[], ["pieces"]]),
             ("an answer to the request before", [good, other, reply, next_reply], [[], ["unanswered"], ["late"], []]),
             ("an answer after 21 seconds", [good, 21, reply], [[], ["late"]]),

@@ -85,7 +85,7 @@ class Feeds(MachineTest):
         agent = self.start(wait=False)
         self.append(authentication("ann", "10.0.0.1"))
         self.feed("samba-audit", self.file)
-        self.assertEqual("CORP\\ann", server.next(timeout=10)["user"][0])  # it looks of its own accord after 15 s
+        self.assertEqual("CORP\\ann", server.next(timeout=10)["user"][0])  # it looks by itself after 15 s
         self.shut_down(agent)
 
     def test_an_import_waits_for_the_agent_and_goes_no_faster_than_it_reads(self):

@@ -1,5 +1,5 @@
 """The programs' outside: exit codes, single clear lines, the registry values a run leaves; one identity sent by hand, from
-the options -REPORT_... to the bytes at the server and the log; what README tells to type, typed as it stands."""
+the options -REPORT_... to the bytes at the server and the log; the commands of README, typed as they stand."""
 import json
 import os
 import pwd

@@ -23,7 +23,7 @@ EXAMPLES = f"{SOURCE}/packaging/examples"
 
 
 def bare(address=b"\4\x0a\0\0\5", groups=b"\0\0", kind=0x21):
-    """A request that names nobody, as a logoff."""
+    """A request that names no one, as a logoff."""
     body = struct.pack(">I", 0xE06) + b"\2\0\0\0\1" + address + b"\x13\1\2\5\x0c\x0a\0" + groups + bytes([kind])
     return struct.pack(">HHHI", len(body) + 10, 3, 0x10, 9) + body
 

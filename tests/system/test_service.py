@@ -17,7 +17,7 @@ from wire import answer
 REPORTS = 300
 # One look for a close, one send, one wait, one receive, and one write for each of the six lines in the log.
 A_REPORT = {"recvfrom": 2, "sendto": 1, "ppoll": 1, "write": 6}
-OTHERS = 0.2  # a report: reading the event log, and once a second a look at what inotify might not have told
+OTHERS = 0.2  # a report: reading the event log, and once a second a look at what inotify might not have reported
 
 
 class Service(MachineTest):
@@ -89,7 +89,7 @@ class Service(MachineTest):
                 self.told("STATUS=Starting\nEXTEND_TIMEOUT_USEC=30000000", "READY=1\nSTATUS=Running")
                 self.end(agent)
                 self.told("STOPPING=1\nSTATUS=Stopping", "STOPPING=1\nSTATUS=Stopped")
-                self.assertLess(time.monotonic() - begun, 5, "a line that nobody reads costs no time")
+                self.assertLess(time.monotonic() - begun, 5, "a line that no one reads costs no time")
                 self.assertTrue(os.get_blocking(its), "others share the stream")
                 os.close(its)
                 if reader == "stuck":

@@ -1,5 +1,5 @@
 // Files: those that other processes hold, what may stand in a machine root under the name of a file of it and what
-// becomes of it, and changes, told by inotify or found by looking.
+// becomes of it, and changes, reported by inotify or found by looking.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -173,7 +173,7 @@ TEST_F(RootFiles, OnlyWhatRootHasMadeGoesToTheFoldersOwner) {
 // Sets the event at each change.
 struct SIGNALLED_WATCH {
     explicit SIGNALLED_WATCH(const std::string& path) : watch(path, [this] { SetEvent(changed); }) {}
-    // Whether it tells of what the act changes.
+    // Whether it reports what the act changes.
     bool Tells(const std::function<void()>& act) {
         ResetEvent(changed);
         act();

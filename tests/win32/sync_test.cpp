@@ -1,5 +1,5 @@
 // What events and threads do beyond the calls, the watchdog's measure, and the end by an exception. What a service
-// manager is told is tested in tests/system.
+// manager hears is tested in tests/system.
 #include <process.h>
 #include <sys/resource.h>
 #include <unistd.h>

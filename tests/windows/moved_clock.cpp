@@ -49,7 +49,7 @@ extern "C" time_t time(time_t* out) noexcept {
     return now.tv_sec;
 }
 
-// The kernel is told an absolute time by its own clock; one long ago stays one.
+// The kernel gets an absolute time by its own clock; one long ago stays one.
 extern "C" int timerfd_settime(int fd, int flags, const itimerspec* wanted, itimerspec* old) noexcept {
     itimerspec due = *wanted;
     if ((flags & TFD_TIMER_ABSTIME) != 0 && due.it_value.tv_sec > Offset()) due.it_value.tv_sec -= Offset();

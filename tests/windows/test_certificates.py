@@ -1,5 +1,5 @@
 """Servers with certificates of every kind, as Keldwick.exe and the agent on Linux see them: both report to each that shows one, and
-log the same but for the words of their systems."""
+log the same except for the words of their systems."""
 import hashlib
 import os
 import re

@@ -12,7 +12,7 @@ LOG_VERBOSE = 0x102
 
 
 def without_system(message):
-    """A request but for the version of the system that the agent runs on."""
+    """A request without the version of the system that the agent runs on."""
     at = 24 + {0: 0, 4: 4, 6: 16}[message[19]]
     return message[:at] + message[at + 3:]
 
