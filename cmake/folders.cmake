@@ -1,12 +1,12 @@
-# One static library a folder: keldwick_folder(NAME FOLDER [INCLUDE...]) makes library NAME from every .cpp below FOLDER,
+# One library a folder: keldwick_folder(NAME TYPE FOLDER [INCLUDE...]) makes library NAME from every .cpp below FOLDER,
 # main.cpp left out (the programs add it themselves). INCLUDE: the include directories, in place of all there are.
-function(keldwick_folder name folder)
+function(keldwick_folder name type folder)
   file(GLOB_RECURSE sources CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/${folder}/*.cpp)
   list(FILTER sources EXCLUDE REGEX "/main\\.cpp$")
   if(NOT sources)
     return()
   endif()
-  add_library(${name} STATIC ${sources})
+  add_library(${name} ${type} ${sources})
   if(ARGN)
     target_include_directories(${name} PRIVATE ${ARGN})
   else()

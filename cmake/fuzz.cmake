@@ -7,7 +7,7 @@ foreach(source ${targets})
   target_include_directories(fuzz_${name} PRIVATE ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/src)
   target_include_directories(fuzz_${name} SYSTEM PRIVATE ${PROJECT_SOURCE_DIR}/win32/include)
   target_link_options(fuzz_${name} PRIVATE -fsanitize=fuzzer)
-  target_link_libraries(fuzz_${name} PRIVATE ctl_commands server_parts keldwick_all)
+  target_link_libraries(fuzz_${name} PRIVATE ctl_commands server_parts agent_service)
   add_dependencies(fuzz-targets fuzz_${name})
 endforeach()
 # The same short runs each time.

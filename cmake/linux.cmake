@@ -16,39 +16,35 @@ pkg_check_modules(SIMDJSON REQUIRED IMPORTED_TARGET simdjson)
 add_library(windows_headers INTERFACE)
 target_include_directories(windows_headers SYSTEM INTERFACE ${PROJECT_SOURCE_DIR}/win32/include)
 
-# The layer: libraries that call each other, and so are one link group. Its own headers, win32/FOLDER/..., are not for
-# the levels of src/.
+# The layer: its folders call each other, and so are one library. Its own headers, win32/FOLDER/..., are not for the
+# levels of src/.
 set(layer_folders text sync files registry eventlog services security directory sockets)
 set(layer_headers ${PROJECT_BINARY_DIR}/levels/layer)
 file(MAKE_DIRECTORY ${layer_headers})
 file(CREATE_LINK ${PROJECT_SOURCE_DIR}/win32 ${layer_headers}/win32 SYMBOLIC)
-set(members "")
+add_library(win32_layer STATIC)
 foreach(folder ${layer_folders})
-  keldwick_folder(win32_${folder} win32/${folder} ${layer_headers})
+  keldwick_folder(win32_${folder} OBJECT win32/${folder} ${layer_headers})
   target_link_libraries(win32_${folder} PUBLIC agent_resources OpenSSL::Crypto)
-  list(APPEND members win32_${folder})
+  target_link_libraries(win32_layer PUBLIC win32_${folder})
 endforeach()
+set_target_properties(win32_layer PROPERTIES LINKER_LANGUAGE CXX)
 # Where several files are compiled as one (CMAKE_UNITY_BUILD), these stay apart: two of sockets/ stand between two
 # families of headers whose macros have the same names, and the tests move the clock of sync/ at the border of its file.
 set_target_properties(win32_sync PROPERTIES UNITY_BUILD OFF)
 set_source_files_properties(win32/sockets/name_info.cpp win32/sockets/socket_error.cpp
   PROPERTIES SKIP_UNITY_BUILD_INCLUSION ON)
-list(JOIN members "," members)
-add_library(win32_layer INTERFACE)
-target_link_libraries(win32_layer INTERFACE "$<LINK_GROUP:RESCAN,${members}>")
 
 set(KELDWICK_OF_ANOTHER_PLATFORM schannel_engine)
 include(cmake/levels.cmake)
 
-# The whole agent, and the folders of its tests.
+# The folders of the agent's tests.
 set(agent_folders resources platform diagnostics eventlog identity directory protocol component service)
-add_library(keldwick_all INTERFACE)
-target_link_libraries(keldwick_all INTERFACE agent_service)
 
-keldwick_folder(tool_common tools/common)
-keldwick_folder(tool_feed tools/feed)
-keldwick_folder(ctl_commands tools/keldwickctl)
-keldwick_folder(server_parts tools/keldwick-server)
+keldwick_folder(tool_common STATIC tools/common)
+keldwick_folder(tool_feed STATIC tools/feed)
+keldwick_folder(ctl_commands STATIC tools/keldwickctl)
+keldwick_folder(server_parts STATIC tools/keldwick-server)
 # What the agent's tests need of the reference server: its side of the protocol.
 set(server_side tools/keldwick-server/request.cpp tools/keldwick-server/server_tls.cpp)
 add_library(server_protocol STATIC ${server_side})
@@ -93,18 +89,18 @@ function(keldwick_program name folder)
 endfunction()
 
 # The tools: what they share, the live sources on top of it, then the programs.
-target_link_libraries(tool_common PUBLIC keldwick_all EXPAT::EXPAT nlohmann_json::nlohmann_json)
+target_link_libraries(tool_common PUBLIC agent_service EXPAT::EXPAT nlohmann_json::nlohmann_json)
 target_link_libraries(tool_feed PUBLIC tool_common PRIVATE PkgConfig::SIMDJSON)
 # Without optimisation the library checks how it is used, and that check does not survive a lack of memory (preset dev has it).
 target_compile_definitions(tool_feed PRIVATE $<$<CONFIG:None>:SIMDJSON_DEVELOPMENT_CHECKS=0>)
 if(TARGET ctl_commands)
   target_link_libraries(ctl_commands PUBLIC tool_feed PkgConfig::EVTX CLI11::CLI11)
 endif()
-target_link_libraries(server_protocol PUBLIC keldwick_all)
+target_link_libraries(server_protocol PUBLIC agent_service)
 if(TARGET server_parts)
   target_link_libraries(server_parts PUBLIC server_protocol tool_common PkgConfig::HTTP OpenSSL::SSL OpenSSL::Crypto CLI11::CLI11)
 endif()
-keldwick_program(keldwick src/service keldwick_all)
+keldwick_program(keldwick src/service agent_service)
 keldwick_program(keldwickctl tools/keldwickctl ctl_commands)
 keldwick_program(keldwick-server tools/keldwick-server server_parts)
 

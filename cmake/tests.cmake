@@ -46,7 +46,7 @@ function(keldwick_tests prefix)
     DISCOVERY_TIMEOUT 60 PROPERTIES LABELS "${arg_LABEL}" TIMEOUT 120)
 endfunction()
 
-keldwick_tests(win32 LABEL layer FOLDERS win32 win32/interfaces LIBRARIES keldwick_all)
+keldwick_tests(win32 LABEL layer FOLDERS win32 win32/interfaces LIBRARIES agent_service)
 # The agent, in parts and assembled under a moved clock.
 set_source_files_properties(${PROJECT_SOURCE_DIR}/tests/loop/loop_test.cpp PROPERTIES
   COMPILE_DEFINITIONS RECORDED_FOLDER="${PROJECT_SOURCE_DIR}/tests/loop/recorded")
