@@ -9,7 +9,6 @@ namespace keldwick {
 namespace {
 
 constexpr DWORD ReadBufferBytes = 65536;
-constexpr DWORD OpenRetryMs = 60000;
 constexpr DWORD WakeUpMs = 15000;  // bounds the delay of heartbeats and expiries
 constexpr ULONGLONG SweepMs = 60000;
 constexpr DWORD ReadForwards = EVENTLOG_SEQUENTIAL_READ | EVENTLOG_FORWARDS_READ;
@@ -65,7 +64,7 @@ bool EVENT_LOG::Open(const WCHAR* name) {
             return true;
         }
         DebugPrintError(ERROR_CODE(), TEXT("Uable to open the \"%s\" event log"), name);
-        const DWORD result = WaitForSingleObject(StopEvent, OpenRetryMs);
+        const DWORD result = WaitForSingleObject(StopEvent, RetryPauseMs);
         if (result == WAIT_TIMEOUT) continue;
         if (result != WAIT_OBJECT_0) StopService(TEXT("open event log wait failure"));
         return false;

@@ -18,7 +18,6 @@ IDENTITY_PROTOCOL* CurrentSession = nullptr;
 namespace {
 
 constexpr DWORD LockSpins = 5000;
-constexpr DWORD ReconnectPauseMs = 60000;
 constexpr DWORD ResponseTimeoutSeconds = 20;
 constexpr DWORD NearTimeoutMs = 1000;
 
@@ -309,7 +308,7 @@ bool IDENTITY_PROTOCOL::PersistentConnect() {
 // The pause after a failed attempt, cut short by changed settings. False: no further attempt is to be made.
 bool IDENTITY_PROTOCOL::AwaitNextRound() {
     const HANDLE handles[] = {StopEvent, SettingsChangedEvent};
-    const DWORD result = WaitForMultipleObjects(PAUSE_COUNT, handles, FALSE, ReconnectPauseMs);
+    const DWORD result = WaitForMultipleObjects(PAUSE_COUNT, handles, FALSE, RetryPauseMs);
     const ERROR_CODE error;
     switch (result) {
         case WAIT_OBJECT_0 + PAUSE_STOP:

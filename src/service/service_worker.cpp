@@ -18,7 +18,6 @@ namespace keldwick {
 namespace {
 
 constexpr const WCHAR* LogName = TEXT("Security");
-constexpr DWORD UnreadableLogPauseMs = 60000;
 
 // What the worker does after a piece of its work.
 enum class NEXT { PROCESS, RECONNECT, LEAVE };
@@ -52,8 +51,7 @@ void EnableSecurityPrivilege() {
 NEXT PauseAndReopen(IDENTITY_PROTOCOL& session, EVENT_LOG& log) {
     enum SLOT : DWORD { STOP = WAIT_OBJECT_0, SETTINGS_CHANGED };
     const HANDLE events[] = {StopEvent, SettingsChangedEvent};
-    const DWORD result =
-        WaitForMultipleObjects(static_cast<DWORD>(std::size(events)), events, FALSE, UnreadableLogPauseMs);
+    const DWORD result = WaitForMultipleObjects(static_cast<DWORD>(std::size(events)), events, FALSE, RetryPauseMs);
     switch (result) {
         case STOP:
             DebugPrint(TEXT("Service stop signaled"));

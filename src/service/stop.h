@@ -15,6 +15,9 @@ extern std::atomic<HANDLE> StopEvent;             // manual reset; once signalle
 extern std::atomic<HANDLE> SettingsNotifyEvent;   // auto reset; the settings key changed
 extern std::atomic<HANDLE> SettingsChangedEvent;  // auto reset; the identity server or the protocol changed
 
+// The pause before what the worker cannot do without (the event log, the identity server) is tried again.
+constexpr DWORD RetryPauseMs = 60000;
+
 // Logs the reason, reports the "stopped" event unless a stop was asked for before, and signals StopEvent. Any thread
 // may call it, any number of times; before StopEvent exists it only logs.
 void StopService(const WCHAR* reason);
