@@ -1,5 +1,5 @@
 # Keldwick.exe, from the same levels as the agent on Linux, here over Windows' own headers and libraries: the proof that
-# the layer in win32/ tells the truth about types, constants and signatures, and that no level includes what stands above it.
+# the layer in win32/ declares types, constants and signatures as Windows does, and that no level includes what stands above it.
 find_program(SYSTEM_PYTHON python3 PATHS /usr/bin NO_DEFAULT_PATH REQUIRED)  # Debian's, whose packages the tests use
 find_program(MESSAGE_COMPILER NAMES x86_64-w64-mingw32-windmc REQUIRED)
 enable_language(RC)

@@ -1,4 +1,4 @@
-// What the agent's own log, Keldwick.log, tells of its connection: the lines of one process, from the end back.
+// What the agent's own log, Keldwick.log, says about its connection: the lines of one process, from the end back.
 #pragma once
 
 #include <sys/types.h>
@@ -11,7 +11,7 @@ namespace tools {
 // Why there is no connection.
 struct CONNECTION_FAILURE {
     std::string tls, plain;  // each way's latest reason; empty: it has not failed since the connection was there
-    std::string line;        // the latest line that tells of the loss or the failure
+    std::string line;        // the latest line about the loss or the failure
     int64_t time = 0;        // of that line, seconds since 1970; 0: the lines have no time
 
     bool IsEmpty() const { return line.empty(); }

@@ -267,7 +267,7 @@ std::optional<API_ANSWER> API::Get(const std::string& path, const PARAMETERS& pa
     }
     if (const auto number = NumberBelow(path, "/api/identities/")) {
         const IDENTITY* const identity = picture.Identity(*number);
-        if (identity == nullptr) return Problem(404, "nobody is there any more");
+        if (identity == nullptr) return Problem(404, "no one is there any more");
         return Limited([&] { return Answer(IdentityObject(picture, *identity, false)); });
     }
     return {};
@@ -312,7 +312,7 @@ std::string API::NextEvent(TIME now) {
     const uint64_t last = picture.Reports().empty() ? 0 : picture.Reports().back().number;
     const int64_t second = SecondsSince1970(now);
     if (last == toldReport && picture.Version() == toldVersion && second == toldSecond) return {};
-    const int64_t first = second - SecondsAtFirst;  // of those that were told, unless the clock was set back
+    const int64_t first = second - SecondsAtFirst;  // of those that were counted, unless the clock was set back
     JSON state = State(picture, now, toldSecond > second ? first : std::max(toldSecond, first));
     JSON list = JSON::array();
     size_t any = MostNewReports, refused = MostRefusals;

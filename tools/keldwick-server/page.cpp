@@ -76,7 +76,7 @@ size_t PAGE::BytesOf(const NEWS& news) {
     return NewsBytes + (report != nullptr ? 3 * report->bytes.size() : 0);  // as bytes and as text
 }
 
-void PAGE::Tell(NEWS&& news) {
+void PAGE::Add(NEWS&& news) {
     std::unique_lock guard(lock);
     room.wait(guard, [&] { return over || waitingBytes < MostWaitingBytes; });
     if (over) return;

@@ -1,5 +1,6 @@
 // The page of the server: a thread of its own that keeps the picture and serves it over HTTP, so that looking at
-// it delays no agent's answer. The server's thread hands over what happens; it waits only when the page is far behind.
+// it delays no agent's answer. The server's thread hands over what happens; it waits only when too much is waiting here
+// already.
 #pragma once
 
 #include <condition_variable>
@@ -30,9 +31,9 @@ public:
     std::string Url() const { return http.Url(); }
 
     // From the server's thread.
-    void Connected(const CONNECTION& from) { Tell({from, std::monostate()}); }
-    void Reported(const CONNECTION& from, REPORT&& report) { Tell({from, std::move(report)}); }
-    void Ended(const CONNECTION& from, const ENDING& end) { Tell({from, end}); }
+    void Connected(const CONNECTION& from) { Add({from, std::monostate()}); }
+    void Reported(const CONNECTION& from, REPORT&& report) { Add({from, std::move(report)}); }
+    void Ended(const CONNECTION& from, const ENDING& end) { Add({from, end}); }
 
     static constexpr size_t Descriptors = HTTP_SERVER::MostConnections + 8;  // that it needs at most
 
@@ -42,7 +43,7 @@ private:
         std::variant<std::monostate, REPORT, ENDING> what;  // none: it has connected
     };
 
-    void Tell(NEWS&& news);
+    void Add(NEWS&& news);
     void Run();
     void TakeNews();
     void Tick();

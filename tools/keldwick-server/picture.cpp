@@ -124,7 +124,7 @@ void PICTURE::Forget(uint64_t connection) {
 }
 
 void PICTURE::Take(const CONNECTION& from, const REQUEST& request, TIME when) {
-    if (request.address.empty()) return;  // nobody is anywhere by it
+    if (request.address.empty()) return;  // it places no one
     const std::string userKey = Folded(win32::ToUtf8(request.user));
     if (request.kind == REQUEST::KIND::Logon) {
         const auto there = byAddress.find(request.address);

@@ -142,7 +142,7 @@ private:
     std::deque<KEPT_REPORT> reports;
     std::array<SECOND, SecondsKept> seconds{};
     TOTALS totals;
-    MOMENT present;  // the latest that it was told
+    MOMENT present;  // the latest that it was given
     size_t connected = 0, identityBytes = 0, reportBytes = 0;
     uint64_t lastIdentity = 0, lastReport = 0, version = 1;
 };

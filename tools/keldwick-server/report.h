@@ -1,4 +1,4 @@
-// What the server tells about its clients: who they are, what they reported, how they ended.
+// What the server reports about its clients: who they are, what they reported, how they ended.
 #pragma once
 
 #include <chrono>
@@ -12,7 +12,7 @@ namespace tools {
 
 using TIME = std::chrono::system_clock::time_point;
 
-// One connection of one agent: nothing in the protocol tells agents apart but the connections that they report over.
+// One connection of one agent: in the protocol only the connections that they report over distinguish agents.
 struct CONNECTION {
     uint64_t number = 0;  // 1, 2, 3 ... in the order in which they came
     std::string address;  // of the other end, as text

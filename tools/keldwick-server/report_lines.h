@@ -19,7 +19,7 @@ std::string TextLine(const REQUEST& request);
 // escaped.
 std::string JsonLine(const CONNECTION& from, const REPORT& report);
 
-// The same object, and the part of it that tells from where.
+// The same object, and the part of it that says from where.
 nlohmann::ordered_json ReportObject(const CONNECTION& from, const REPORT& report);
 nlohmann::ordered_json ConnectionObject(const CONNECTION& from);
 

@@ -77,7 +77,7 @@ private:
     std::unordered_map<int, std::unique_ptr<CLIENT>> clients;          // by descriptor
     std::unordered_map<std::string, size_t> ofAddress;                 // clients of each
     size_t unfinished = 0;                                             // bytes of all unfinished requests
-    CLIENT::CLOCK::time_point due = CLIENT::CLOCK::time_point::max();  // until then nobody is overdue
+    CLIENT::CLOCK::time_point due = CLIENT::CLOCK::time_point::max();  // until then no client is overdue
     std::vector<int> buffered;                                         // clients to be served again without a wake-up
 };
 

@@ -215,7 +215,7 @@ void AddImport(CLI::App* events) {
     const auto options = std::make_shared<IMPORT_OPTIONS>();
     const auto since = std::make_shared<std::string>();
     CLI::App* const import = events->add_subcommand(
-        "import", "Appends the events of an .evtx file, of event XML, or of an .evt file, told apart by content.");
+        "import", "Appends the events of an .evtx file, of event XML, or of an .evt file, recognised by content.");
     import->add_option("FILE", options->file, "the file; - is standard input")->required();
     AddLog(import, options->log);
     import->add_option("--since", *since, "leave out what happened before, like 2026-11-16T08:00:12Z")

@@ -105,7 +105,7 @@ struct LOOKUP {
 };
 
 // ---- Threads ----
-// The C library cannot be told to give up on a name server, so each look-up that might wait for one has a thread of its
+// The C library cannot be made to give up on a name server, so each look-up that might wait for one has a thread of its
 // own, which is left to itself when its answer is no longer wanted.
 
 constexpr int MaxLookups = 16;  // under way; with that many hanging, the next one fails at once instead
