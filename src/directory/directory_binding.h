@@ -1,4 +1,4 @@
-// Where and how a look-up reaches the directory. Made afresh for each report.
+// Where and how a look-up reaches the directory. Each report makes a new one.
 #pragma once
 
 #include "directory/com.h"

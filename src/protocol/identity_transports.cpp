@@ -2,14 +2,13 @@
 
 #include "diagnostics/debug_output.h"
 #include "protocol/identity_protocol.h"
+#include "service/settings.h"
 
 namespace keldwick {
 
 namespace {
 
 constexpr DWORD ConnectTimeoutSeconds = 20;
-constexpr int PlainPort = 1306;
-constexpr int SecurePort = 1308;
 constexpr DWORD EnabledProtocols = 0x0F00;   // TLS 1.1 (0x300) and TLS 1.2 (0xC00), client and server bits
 constexpr int CertificateNotVerified = 280;  // the component's code
 

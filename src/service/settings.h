@@ -14,6 +14,10 @@ namespace keldwick {
 constexpr const WCHAR* SettingsKeyPath = TEXT("SOFTWARE\\Vantorel Systems\\Keldwick");
 constexpr const WCHAR* SettingsKeyFullName = TEXT("HKEY_LOCAL_MACHINE\\SOFTWARE\\Vantorel Systems\\Keldwick");
 
+// The ports of every identity server; no setting changes them.
+constexpr int PlainPort = 1306;
+constexpr int SecurePort = 1308;
+
 // One value below the settings key. The table is all that the agent, keldwickctl, its completion and the manual know of
 // the values; those below Linux are read by the Windows interfaces on Linux.
 constexpr DWORD NoDefault = MAXDWORD;

@@ -8,8 +8,6 @@
 namespace tools {
 namespace {
 
-constexpr const char* AgentsLogFile = "eventlog/Security.evt";  // in the machine root
-
 [[noreturn]] void Fail(const char* act, const std::string& log, DWORD code) {
     FailCommand(std::string("cannot ") + act + " the " + log + " log", code);
 }
@@ -25,9 +23,9 @@ std::string LogPath(const std::string& log) {
     return path;
 }
 
-bool IsAgentsLog(const std::string& path) { return path.ends_with(std::string("/") + AgentsLogFile); }
+bool IsAgentsLog(const std::string& path) { return path == AgentsLogPath(); }
 
-std::string AgentsLogPath() { return win32::MachinePath(AgentsLogFile); }
+std::string AgentsLogPath() { return win32::EventLogPath("Security"); }
 
 void OpenWriter(win32::EVT_WRITER& writer, const std::string& log) {
     if (!writer.Open(LogPath(log), win32::LogMaxSize(win32::ToUtf16(log)))) Fail("open", log, GetLastError());

@@ -13,6 +13,7 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
+#include "service/settings.h"
 #include "tools/common/event_logs.h"
 #include "tools/common/failure.h"
 #include "tools/common/values.h"
@@ -139,8 +140,8 @@ std::optional<AGENT_CONNECTION> ServerOf(const std::string& text) {
         std::memcpy(address.s6_addr + at / 2, &word, sizeof(word));
     }
     AGENT_CONNECTION server{"", static_cast<WORD>(hex(text.substr(colon + 1))), ""};
-    if (server.port != TcpPort && server.port != TlsPort) return std::nullopt;
-    server.over = server.port == TlsPort ? "TLS" : "TCP";
+    if (server.port != keldwick::PlainPort && server.port != keldwick::SecurePort) return std::nullopt;
+    server.over = server.port == keldwick::SecurePort ? "TLS" : "TCP";
     const bool mapped = colon == 32 && IN6_IS_ADDR_V4MAPPED(&address);
     char shown[INET6_ADDRSTRLEN] = "";
     inet_ntop(colon == 8 || mapped ? AF_INET : AF_INET6, address.s6_addr + (mapped ? 12 : 0), shown, sizeof(shown));

@@ -18,8 +18,6 @@
 
 namespace tools {
 
-constexpr WORD TcpPort = 1306, TlsPort = 1308;  // of an identity server
-
 struct AGENT_CONNECTION {
     std::string address;
     WORD port;

@@ -7,6 +7,9 @@
 #include <cstdio>
 #include <utility>
 
+#include "win32/security/sid.h"
+#include "win32/text/numbers.h"
+
 namespace tools {
 namespace {
 
@@ -51,12 +54,6 @@ bool TakeZone(std::string_view text, int& offset) {
     if (!TakeDigits(text, 2, ':', hours) || !TakeDigits(text, 2, 0, minutes) || !text.empty()) return false;
     offset = sign * (hours * 60 + minutes) * 60;
     return hours < 24 && minutes < 60;
-}
-
-int HexValue(char digit) {
-    if (digit >= '0' && digit <= '9') return digit - '0';
-    if (digit >= 'a' && digit <= 'f') return digit - 'a' + 10;
-    return digit >= 'A' && digit <= 'F' ? digit - 'A' + 10 : -1;
 }
 
 }  // namespace
@@ -112,7 +109,7 @@ std::optional<win32::BYTES> ParseHex(std::string_view text) {
     if (text.size() % 2 != 0) return {};
     win32::BYTES bytes;
     for (size_t i = 0; i < text.size(); i += 2) {
-        const int high = HexValue(text[i]), low = HexValue(text[i + 1]);
+        const int high = win32::HexDigit(text[i]), low = win32::HexDigit(text[i + 1]);
         if (high < 0 || low < 0) return {};
         bytes.push_back(static_cast<BYTE>(high << 4 | low));
     }
@@ -121,31 +118,15 @@ std::optional<win32::BYTES> ParseHex(std::string_view text) {
 
 std::string HexDigits(const BYTE* bytes, size_t count) {
     std::string text;
-    for (size_t i = 0; i < count; ++i) {
-        text += "0123456789abcdef"[bytes[i] >> 4];
-        text += "0123456789abcdef"[bytes[i] & 15];
-    }
+    for (size_t i = 0; i < count; ++i) win32::AppendHex(text, bytes[i]);
     return text;
 }
 
 std::optional<win32::BYTES> ParseSid(std::string_view text) {
-    constexpr size_t MostSubAuthorities = 15;
-    constexpr unsigned long long LargestAuthority = 0xFFFFFFFFFFFF;  // six bytes
-    if (!text.starts_with("S-1-") && !text.starts_with("s-1-")) return {};
-    text.remove_prefix(4);
-    win32::BYTES sid;
-    sid.reserve(8 + sizeof(DWORD) * MostSubAuthorities);
-    sid = {1, 0};
-    for (bool authority = true;; authority = false) {
-        const size_t end = std::min(text.find('-'), text.size());
-        const auto number = ParseNumber(text.substr(0, end), authority ? LargestAuthority : MAXDWORD);
-        if (!number || (!authority && sid[1] == MostSubAuthorities)) return {};
-        if (!authority) ++sid[1];
-        for (int i = 0; i < (authority ? 6 : 4); ++i)  // the authority is big-endian, the rest is not
-            sid.push_back(static_cast<BYTE>(*number >> 8 * (authority ? 5 - i : i)));
-        if (end == text.size()) return sid;
-        text.remove_prefix(end + 1);
-    }
+    const auto sid = win32::SID_VALUE::FromText(text);
+    if (!sid) return {};
+    const std::string bytes = sid->Bytes();
+    return win32::BYTES(bytes.begin(), bytes.end());
 }
 
 std::optional<unsigned long long> ParseNumber(std::string_view text, unsigned long long limit) {

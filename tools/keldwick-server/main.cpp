@@ -9,6 +9,7 @@
 #include <exception>
 #include <optional>
 
+#include "service/settings.h"
 #include "tools/common/safe_text.h"
 #include "tools/keldwick-server/page.h"
 #include "tools/keldwick-server/report_lines.h"
@@ -40,7 +41,7 @@ bool TakePlace(ARGUMENTS& arguments) {
 
 // Nothing: go on with the arguments; otherwise the exit code.
 std::optional<int> ParseArguments(int count, char** texts, ARGUMENTS& arguments) {
-    unsigned tcpPort = 1306, tlsPort = 1308;
+    unsigned tcpPort = keldwick::PlainPort, tlsPort = keldwick::SecurePort;
     CLI::App app("The reference identity server: answers the agent's reports and prints one line for each.",
                  "keldwick-server");
     app.set_version_flag("--version", "keldwick-server 1.2.5");

@@ -51,11 +51,12 @@ bool IsWritableBy(const struct stat& owner, const struct stat& file) {
 }
 
 // The files that the agent must be able to write. False: one is not as it should be, which was said.
-bool CheckFiles(CHECK_LINES& lines, const std::string& root, const struct stat& owner) {
+bool CheckFiles(CHECK_LINES& lines, const struct stat& owner) {
+    const std::string registry = win32::MachinePath(win32::RegistryFile);
     bool good = true;
-    for (const char* const name : {"registry.reg", "registry.reg.lock", "Keldwick.log", "Keldwick.identities",
-                                   "eventlog", "eventlog/Security.evt", "eventlog/Application.evt"}) {
-        const std::string path = root + "/" + name;
+    for (const std::string& path :
+         {registry, registry + ".lock", AgentsOwnLogPath(), IdentitiesPath(), win32::MachinePath(win32::EventLogFolder),
+          AgentsLogPath(), win32::EventLogPath("Application")}) {
         struct stat about;
         if (stat(path.c_str(), &about) != 0) {
             if (errno == ENOENT) continue;
@@ -129,7 +130,7 @@ void CheckRoot(CHECK_LINES& lines) {
     if (geteuid() != 0 && geteuid() != owner.st_uid)
         lines.Warn("machine root", root + " is " + UserName(owner.st_uid) + "'s: not all can be looked at",
                    owner.st_uid == 0 ? "run this as root" : "run this as root or as " + UserName(owner.st_uid));
-    else if (CheckFiles(lines, machineRoot, owner))
+    else if (CheckFiles(lines, owner))
         lines.Ok("machine root", root + ", of " + UserName(owner.st_uid));
     CheckRoom(lines, root);
 }

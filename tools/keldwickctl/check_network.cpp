@@ -8,6 +8,7 @@
 #include "platform/host_names.h"
 #include "protocol/identity_request.h"
 #include "service/command_line.h"
+#include "service/settings.h"
 #include "tools/common/agent_log.h"
 #include "tools/common/failure.h"
 #include "tools/keldwickctl/check.h"
@@ -127,7 +128,7 @@ private:
     std::string version, certificate;
 };
 
-// A heartbeat of nobody at the loopback address.
+// A heartbeat without a user at the loopback address.
 keldwick::IDENTITY_REQUEST Heartbeat() {
     keldwick::IDENTITY_REQUEST request;
     keldwick::IP_ADDRESS address;
@@ -150,10 +151,10 @@ void CheckExchange(CHECK_LINES& lines, PROBE& probe, const std::string& over) {
 // The addresses that the name has, the first of which is tried first.
 bool CheckServerName(CHECK_LINES& lines, const std::string& server) {
     keldwick::SOCKET_ADDRESS numeric;
-    if (keldwick::NumericAddress(server, TcpPort, numeric)) return true;
+    if (keldwick::NumericAddress(server, keldwick::PlainPort, numeric)) return true;
     const auto ended = std::make_shared<keldwick::HANDLE_OWNER>(CreateEventW(nullptr, TRUE, FALSE, nullptr));
     int error = 0;
-    const auto lookup = keldwick::NAME_LOOKUP::Start(server, TcpPort, ended, error);
+    const auto lookup = keldwick::NAME_LOOKUP::Start(server, keldwick::PlainPort, ended, error);
     std::vector<keldwick::SOCKET_ADDRESS> found;
     if (lookup) {
         WaitForSingleObject(ended->Get(), static_cast<DWORD>(std::chrono::milliseconds(Patience).count()));
@@ -170,8 +171,8 @@ bool CheckServerName(CHECK_LINES& lines, const std::string& server) {
     return true;
 }
 
-const std::string OverTls = "TLS, port " + std::to_string(TlsPort),
-                  OverTcp = "plain TCP, port " + std::to_string(TcpPort);
+const std::string OverTls = "TLS, port " + std::to_string(keldwick::SecurePort),
+                  OverTcp = "plain TCP, port " + std::to_string(keldwick::PlainPort);
 
 }  // namespace
 
@@ -184,7 +185,8 @@ void CheckServer(CHECK_LINES& lines, bool exchange) {
     const bool tlsAlone = protocol == keldwick::PROTOCOL_TCPS, plainAlone = protocol == keldwick::PROTOCOL_TCP;
     TLS_PROBE tls;
     PROBE plain;
-    const bool overTls = !plainAlone && tls.Open(server, TlsPort), overTcp = !tlsAlone && plain.Open(server, TcpPort);
+    const bool overTls = !plainAlone && tls.Open(server, keldwick::SecurePort),
+               overTcp = !tlsAlone && plain.Open(server, keldwick::PlainPort);
     const std::string advice =
         "is the server up, and the port open? keldwickctl settings set IdentProtocol names another";
 

@@ -6,6 +6,7 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 
+#include "service/settings.h"
 #include "tools/common/failure.h"
 #include "tools/common/safe_text.h"
 #include "tools/common/values.h"
@@ -27,7 +28,7 @@ std::string FiguresText(const std::optional<IDENTITY_HEADING>& figures) {
 std::string ConnectionText(const STATUS& status) {
     if (const auto& connection = status.agent->connection)
         return "; connected to " + connection->address + " port " + std::to_string(connection->port) + " over " +
-               connection->over + (connection->port == TlsPort ? " (no groups)" : "");
+               connection->over + (connection->port == keldwick::SecurePort ? " (no groups)" : "");
     const std::string reason = ReasonText(status.noConnection);
     const int64_t time = status.noConnection.time;
     return "; no connection" + (reason.empty() ? ", and the agent's log does not say why" : ": " + SafeText(reason)) +
@@ -125,7 +126,7 @@ std::string StatusAsJson(const STATUS& status) {
     if (status.agent && status.agent->connection) {
         const AGENT_CONNECTION& connection = *status.agent->connection;
         object["connection"] = {{"address", connection.address}, {"port", connection.port}, {"over", connection.over}};
-        object["connection"]["groups"] = connection.port != TlsPort;
+        object["connection"]["groups"] = connection.port != keldwick::SecurePort;
     }
     object["no_connection"] = nullptr;
     if (!status.noConnection.IsEmpty())
