@@ -60,7 +60,7 @@ void AppendLocalTime(LINE_BUFFER& line, const TIME_STAMP& now) {
 
 // Local time changes its offset between two seconds, never within one.
 void AppendTime(DEBUG_STATE& state, LINE_BUFFER& line, const TIME_STAMP& now) {
-    const LONGLONG second = now.Units() / (1000 * TIME_STAMP::UnitsPerMillisecond);
+    const LONGLONG second = now.Units() / TIME_STAMP::UnitsPerSecond;
     AppendPart(line, state.lastTime, state.lastTime.second == second, [&] { AppendLocalTime(line, now); });
     state.lastTime.second = second;
 }

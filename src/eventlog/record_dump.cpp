@@ -5,6 +5,7 @@
 #include "eventlog/event_log.h"
 #include "eventlog/event_record.h"
 #include "platform/registry_values.h"
+#include "platform/time_stamp.h"
 #include "resources/message_ids.h"
 
 namespace keldwick {
@@ -144,14 +145,8 @@ constexpr DWORD HeldAndRaw = DEBUG_DEFER | DEBUG_RAW;
 
 // Seconds since 1970, UTC, as local time.
 STRING TimeText(DWORD secondsSince1970) {
-    constexpr ULONGLONG secondsFrom1601To1970 = 11644473600ull;
-    constexpr ULONGLONG unitsPerSecond = 10000000;  // of 100 ns
-    const ULONGLONG units = (secondsSince1970 + secondsFrom1601To1970) * unitsPerSecond;
-    const FILETIME utc{static_cast<DWORD>(units), static_cast<DWORD>(units >> 32)};
-    FILETIME local{};
     SYSTEMTIME fields{};
-    FileTimeToLocalFileTime(&utc, &local);
-    FileTimeToSystemTime(&local, &fields);
+    TIME_STAMP::FromUnixSeconds(secondsSince1970).ToLocal().ToFields(fields);
     return FormatString(TEXT("%d/%d/%d %.2d:%.2d:%.2d"), fields.wMonth, fields.wDay, fields.wYear, fields.wHour,
                         fields.wMinute, fields.wSecond);
 }

@@ -19,8 +19,7 @@ constexpr LONGLONG ShareOfTime = 100;  // one part in so many may go into writin
 constexpr LONGLONG BytesPerSecond = 32768;
 
 // An unchanged file is written again this often: a recent time shows that it is right.
-constexpr LONGLONG UnitsPerSecond = 1000 * TIME_STAMP::UnitsPerMillisecond;
-constexpr LONGLONG RefreshUnits = 60 * UnitsPerSecond;
+constexpr LONGLONG RefreshUnits = 60 * TIME_STAMP::UnitsPerSecond;
 
 // The path beside the program file: its own name with another extension. Empty when that is not known.
 STRING PathOf(const WCHAR* extension) {
@@ -33,12 +32,7 @@ STRING PathOf(const WCHAR* extension) {
     return path;
 }
 
-ULONGLONG SecondsSince1970(const TIME_STAMP& time) {
-    constexpr ULONGLONG secondsBefore1970 = 11644473600;  // file times begin in 1601
-    return static_cast<ULONGLONG>(time.Units()) / UnitsPerSecond - secondsBefore1970;
-}
-
-// Names come from events, and whoever tries to log on can put anything there.
+// Names come from events, and an attacker who tries to log on can put anything there.
 void AppendQuoted(std::string& text, const STRING& value) {
     constexpr std::string_view digits = "0123456789abcdef";
     const STRING_UTF8 utf8(value);
@@ -60,12 +54,12 @@ void AppendEntry(std::string& text, const LOGON_ENTRY& entry) {
     AppendQuoted(text += "{\"address\":", entry.request.AddressText());
     AppendQuoted(text += ",\"user\":", entry.request.UserName());
     AppendQuoted(text += ",\"computer\":", entry.request.ComputerName());
-    text += ",\"logon\":" + std::to_string(SecondsSince1970(entry.logonTime)) + "}\n";
+    text += ",\"logon\":" + std::to_string(entry.logonTime.UnixSeconds()) + "}\n";
 }
 
 std::string Heading(const LOGON_TABLE& logons, const SERVICE_TICKET_TABLE& tickets, const TIME_STAMP& now) {
     return "{\"process\":" + std::to_string(GetCurrentProcessId()) +
-           ",\"written\":" + std::to_string(SecondsSince1970(now)) +
+           ",\"written\":" + std::to_string(now.UnixSeconds()) +
            ",\"ttl\":" + std::to_string(Settings.logonTtl.load()) +
            ",\"identities\":" + std::to_string(logons.Count()) + ",\"tickets\":" + std::to_string(tickets.Count()) +
            ",\"answered\":" + std::to_string(ReportCounts.answered) +
@@ -114,7 +108,7 @@ IDENTITY_FILE::VERSION IDENTITY_FILE::VersionOf(const LOGON_TABLE& logons, const
 LONGLONG IDENTITY_FILE::UnitsToDue(const VERSION& current) const {
     const LONGLONG age = TIME_STAMP::Now().Units() - writtenAt.Units();
     const LONGLONG pause = current == written ? RefreshUnits : std::min(ShareOfTime * writingUnits, RefreshUnits);
-    const LONGLONG bytesPause = writtenBytes * UnitsPerSecond / BytesPerSecond;
+    const LONGLONG bytesPause = writtenBytes * TIME_STAMP::UnitsPerSecond / BytesPerSecond;
     return age < 0 ? 0 : std::max(pause, bytesPause) - age;
 }
 

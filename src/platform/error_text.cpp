@@ -28,6 +28,7 @@ constexpr DWORD DirectoryResults[] = {
     0x80005000, 0x80005001, 0x80005002, 0x80005003, 0x80005004, 0x80005005, 0x80005006, 0x80005007, 0x80005008,
     0x80005009, 0x8000500A, 0x8000500B, 0x8000500C, 0x8000500D, 0x8000500E, 0x8000500F, 0x80005010, 0x80005014,
 };
+static_assert(StringDirectoryFirst + std::size(DirectoryResults) == StringUnknownDirectoryError);
 
 }  // namespace
 

@@ -2,6 +2,12 @@
 
 namespace keldwick {
 
+namespace {
+
+constexpr ULONGLONG SecondsTo1970 = 11644473600;  // from 1601, when file times begin
+
+}  // namespace
+
 TIME_STAMP TIME_STAMP::Now() {
     FILETIME now;
     GetSystemTimeAsFileTime(&now);
@@ -11,6 +17,14 @@ TIME_STAMP TIME_STAMP::Now() {
 TIME_STAMP TIME_STAMP::FromFileTime(const FILETIME& time) {
     const ULONGLONG value = static_cast<ULONGLONG>(time.dwHighDateTime) << 32 | time.dwLowDateTime;
     return TIME_STAMP(static_cast<LONGLONG>(value), KIND::FileTime);
+}
+
+TIME_STAMP TIME_STAMP::FromUnixSeconds(ULONGLONG seconds) {
+    return TIME_STAMP(static_cast<LONGLONG>(seconds + SecondsTo1970) * UnitsPerSecond, KIND::FileTime);
+}
+
+ULONGLONG TIME_STAMP::UnixSeconds() const {
+    return static_cast<ULONGLONG>(units) / static_cast<ULONGLONG>(UnitsPerSecond) - SecondsTo1970;
 }
 
 TIME_STAMP TIME_STAMP::FromFields(const SYSTEMTIME& fields) {

@@ -13,10 +13,12 @@ public:
         Interval = 2,  // negative: a relative due time, as waitable timers take it
     };
     static constexpr LONGLONG UnitsPerMillisecond = 10000;
+    static constexpr LONGLONG UnitsPerSecond = 1000 * UnitsPerMillisecond;
 
     TIME_STAMP() = default;
     static TIME_STAMP Now();
     static TIME_STAMP FromFileTime(const FILETIME& time);
+    static TIME_STAMP FromUnixSeconds(ULONGLONG seconds);    // since 1970, UTC
     static TIME_STAMP FromFields(const SYSTEMTIME& fields);  // of the zero time when the fields are none
     static TIME_STAMP Interval(LONGLONG units) { return TIME_STAMP(units, KIND::Interval); }
     static TIME_STAMP IntervalMs(LONGLONG ms) { return Interval(ms * UnitsPerMillisecond); }
@@ -25,6 +27,7 @@ public:
     LONGLONG Units() const { return units; }
     LARGE_INTEGER DueTime() const;  // as SetWaitableTimer takes it
     FILETIME FileTime() const;
+    ULONGLONG UnixSeconds() const;  // of an absolute time, since 1970
 
     void Add(LONGLONG offset);  // in units; a file time becomes an absolute time
     void AddMs(LONGLONG ms) { Add(ms * UnitsPerMillisecond); }

@@ -7,6 +7,7 @@
 
 #include "diagnostics/debug_output.h"
 #include "platform/error_text.h"
+#include "platform/time_stamp.h"
 #include "service/command_line.h"
 #include "service/settings.h"
 #include "service/stop.h"
@@ -162,8 +163,7 @@ void IDENTITY_PROTOCOL::MakeHandles() {
 
 bool IDENTITY_PROTOCOL::ArmTimer(DWORD seconds) {
     MakeHandles();
-    LARGE_INTEGER due;
-    due.QuadPart = -static_cast<LONGLONG>(seconds) * 10'000'000;  // relative, in 100-ns units
+    const LARGE_INTEGER due = TIME_STAMP::Interval(-LONGLONG{seconds} * TIME_STAMP::UnitsPerSecond).DueTime();
     return SetWaitableTimer(timer.Get(), &due, static_cast<LONG>(seconds * 1000), nullptr, nullptr, FALSE) != FALSE;
 }
 

@@ -23,7 +23,7 @@ constexpr size_t Slots = 4096;       // as HashOf gives numbers; well above the 
 
 std::string_view Trimmed(std::string_view token) { return token.substr(0, token.find_last_not_of(" \t\r\n") + 1); }
 
-// Of a name's length, first and last bytes, which tell all that are asked for apart but a few.
+// Of a name's length, first and last bytes: few of the names that are asked for share them.
 size_t HashOf(std::string_view name) {
     constexpr size_t Width = sizeof(uint64_t);
     uint64_t first = 0, last = 0;

@@ -30,8 +30,8 @@ public:
 
     // For what is asked of the file often: what was found out about it after Mark holds as long as Holds says so,
     // which costs no system call. A change counts before any watch is called, and so before anyone whom its call
-    // wakes. A mark is good for a second, since not every file system tells of every change, and for nothing where
-    // inotify does not tell of this file.
+    // wakes. A mark is good for a second, since not every file system reports every change, and for nothing where
+    // inotify does not report this file.
     struct MARK {
         uint64_t changes = 0;
         std::chrono::milliseconds at{};  // since the machine was started

@@ -157,8 +157,8 @@ HANDLE WINAPI CreateFileW(LPCWSTR path, DWORD access, DWORD share, LPSECURITY_AT
     }
     const HANDLE handle = NewFile(std::move(file), made, share, disposition);
     if (handle == nullptr) return INVALID_HANDLE_VALUE;
-    const bool tells = disposition == CREATE_ALWAYS || disposition == OPEN_ALWAYS;
-    SetLastError(tells && !made ? ERROR_ALREADY_EXISTS : ERROR_SUCCESS);
+    const bool reports = disposition == CREATE_ALWAYS || disposition == OPEN_ALWAYS;
+    SetLastError(reports && !made ? ERROR_ALREADY_EXISTS : ERROR_SUCCESS);
     return handle;
 }
 

@@ -95,7 +95,7 @@ std::optional<FILE_WATCH::MARK> REG_STORE::Mark() {
     return watch ? std::optional(watch->Mark()) : std::nullopt;
 }
 
-// Whether inotify has told of no change since then.
+// Whether inotify has reported no change since then.
 bool REG_STORE::Holds() {
     const std::lock_guard guard(watching);
     return watch && mark && watch->Holds(*mark);

@@ -32,7 +32,7 @@ public:
     // is an empty registry.
     std::shared_ptr<const REG_TREE> Tree(DWORD* error = nullptr);
 
-    // Changes the file: read afresh under the lock file, changed by `edit`, written beside and renamed over the old; an
+    // Changes the file: read again under the lock file, changed by `edit`, written beside and renamed over the old; an
     // edit that changes nothing writes nothing. `edit` is called again with another tree when another program changed
     // the file meanwhile.
     // Gives what `edit` gives (anything but ERROR_SUCCESS writes nothing), or why the file could not be changed:
