@@ -8,6 +8,7 @@
 
 #include <random>
 
+#include "tests/support/registry_text.h"
 #include "tests/support/temporary_root.h"
 #include "tools/common/event_logs.h"
 #include "tools/common/failure.h"
@@ -264,6 +265,26 @@ TEST_F(FOLLOWED, APlaceIsBeforeHalfALineAndAnyLineEndsSomewhere) {
     EXPECT_EQ((LINES{"half", std::string(MaxLineBytes, 'm'), "too long: xxx", "end"}), Read(follower));
 }
 
+TEST_F(FOLLOWED, AFileThatMayNotBeReadIsAskedForAgainButNotAtTheStart) {
+    const std::shared_ptr<void> asRoot(nullptr, [](void*) { seteuid(getuid()); });  // again at the end
+    if (geteuid() == 0 && (chown(root.Path("").c_str(), 65534, 0) != 0 || seteuid(65534) != 0)) FAIL();
+    Append("one\n");
+    FOLLOWER follower(Path()), another(Path());
+    follower.Resume({});
+    EXPECT_EQ(LINES{"one"}, Read(follower));
+    Move("", ".1");
+    Append("two\n");
+    fs::permissions(Path(), fs::perms::none);
+    EXPECT_EQ(LINES(), Read(follower));
+    EXPECT_TRUE(follower.Refused());
+    EXPECT_THROW(another.Resume({}), COMMAND_ERROR);
+    fs::permissions(Path(), fs::perms::owner_read);
+    fs::permissions(Path(".1"), fs::perms::none);
+    EXPECT_THROW(another.Resume(follower.Position()), COMMAND_ERROR) << "it is not read from its beginning";
+    EXPECT_EQ(LINES{"two"}, Read(follower));
+    EXPECT_FALSE(follower.Refused());
+}
+
 // Feeds lines through the whole command: a line is a record's only string.
 class FEEDING : public FOLLOWED {
 protected:
@@ -388,6 +409,15 @@ TEST_F(FEEDING, ANewRecordDoesNotEndTheRecognitionOfOldOnes) {
     after.RecogniseFrom(1);
     for (int i = 0; i < 100; ++i) ASSERT_TRUE(Write(after, u"another"));
     EXPECT_FALSE(after.IsRecognising()) << "all that was written must have come";
+}
+
+TEST_F(FEEDING, ALogKeepsToTheSizeThatItWasGivenMeanwhile) {
+    LOG log("Security");
+    root.Write("registry.reg",
+               RegistryText("HKEY_LOCAL_MACHINE\\SYSTEM\\CurrentControlSet\\services\\EventLog\\Security",
+                            "MaxSize=dword:10000"));
+    for (int i = 0; i < 20; ++i) ASSERT_TRUE(Take(log, u"a", std::u16string(10000, u'x')) && log.Flush());
+    EXPECT_EQ(65536u, fs::file_size(root.Path("eventlog/Security.evt")));
 }
 
 TEST_F(FEEDING, ABatchThatDidNotFitTheDiskIsWrittenOnceWhenItFits) {

@@ -170,6 +170,9 @@ TEST_F(Keldwickctl, WhatCannotBeDoneIsOneAndWrongUsageIsTwo) {
     Done("init");
     const std::string before = root.Read(File);
     EXPECT_THAT(Refused(1, "settings get AdServer"), HasSubstr("\"AdServer\""));
+    root.Write("x.evt", root.Read("eventlog/Security.evt"));
+    for (const char* name : {"../x", "/x", ".", ""})
+        EXPECT_THAT(Refused(1, "events list --log", {name}), HasSubstr("name")) << name;
     for (const char* wrong :
          {"", "settings", "nonsense", "--nonsense settings list", "init --protocol udp", "settings get",
           "settings set Heartbeat", "settings set Heartbeat soon", "settings set Heartbeat 4294967296",

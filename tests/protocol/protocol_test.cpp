@@ -7,6 +7,7 @@
 #include "protocol/identity_reports.h"
 #include "protocol/pack_buffer.h"
 #include "tests/support/agent.h"
+#include "tests/support/tls_peer.h"
 
 namespace keldwick {
 namespace {
@@ -20,16 +21,21 @@ TEST_F(SESSION, AnAutomaticOneTriesTlsThenPlainAndSticksToWhatWorked) {
         const std::string to = "Connecting to Identity server = " + SCRIPTED_SERVER::Host() + ":1308 ";
         return std::pair(DEBUG_LINES::Count(written, to + "(secure) ..."), DEBUG_LINES::Count(written, to + "..."));
     };
-    EXPECT_FALSE(session->Connect(Settings.identServer));
-    EXPECT_TRUE(session->IsDisconnected());
-    EXPECT_EQ(std::pair(size_t{1}, size_t{1}), tried());
-    Serve();
-    EXPECT_TRUE(session->Connect(Settings.identServer));
-    EXPECT_EQ(TRANSPORT::PLAIN, session->Selector());
-    EndServer();
-    lines.Take();
-    EXPECT_FALSE(session->Connect(Settings.identServer));
-    EXPECT_EQ(std::pair(size_t{0}, size_t{1}), tried());
+    const auto context = NewServer({});
+    for (const bool secure : {true, false}) {
+        session = std::make_unique<IDENTITY_PROTOCOL>();
+        EXPECT_FALSE(session->Connect(Settings.identServer));
+        EXPECT_TRUE(session->IsDisconnected());
+        EXPECT_EQ(std::pair(size_t{1}, size_t{1}), tried());
+        Serve(0, secure ? context.get() : nullptr);
+        EXPECT_TRUE(session->Connect(Settings.identServer));
+        EXPECT_EQ(secure ? TRANSPORT::TLS : TRANSPORT::PLAIN, session->Selector());
+        lines.Take();
+        Serve(0, secure ? nullptr : context.get());
+        EXPECT_FALSE(session->Connect(Settings.identServer));
+        EXPECT_EQ(std::pair(size_t{secure}, size_t{!secure}), tried());
+        EndServer();
+    }
     Settings.identProtocol = PROTOCOL_TCPS;
     EXPECT_FALSE(session->Connect(Settings.identServer));
     EXPECT_EQ(std::pair(size_t{1}, size_t{0}), tried());

@@ -58,6 +58,12 @@ TEST_F(NameInfo, ADeadNameServerIsNotAskedForTenSeconds) {
     EXPECT_LT(GetTickCount64() - again, Pause) << "the late answer ends the pause";
 }
 
+TEST_F(NameInfo, ADeadNameServerHoldsABoundedNumberOfThreads) {
+    NameServer().Die();
+    for (int i = 0; i < 40; ++i, ticksAhead += Pause) EXPECT_EQ(WSATRY_AGAIN, LookUp());
+    EXPECT_THAT(Asked(), testing::AllOf(testing::Gt(1), testing::Le(16)));
+}
+
 TEST_F(NameInfo, AfterThePauseALookUpWaitsForAMomentOnly) {
     NameServer().Die();
     EXPECT_EQ(WSATRY_AGAIN, LookUp());
