@@ -272,7 +272,8 @@ class Soak(MachineTest):
         time.sleep(self.random.random() / 5)
         self.listen()
         self.end(self.agent, signal.SIGKILL)
-        time.sleep(0.3)  # what was on its way arrives
+        while any(connection.fileno() >= 0 for connection in self.server.connections):  # what is on its way arrives
+            time.sleep(0.01)
         self.may_lose(list(self.model.pending))
         self.away(True)
 
