@@ -139,6 +139,7 @@ TEST_F(REPORT, ALogonIsEncodedByteForByte) {
     };
     for (const auto& c : cases) {
         EXPECT_TRUE(Report(c.user, c.computer, c.ip));
+        EXPECT_EQ(Narrow(c.ip), Narrow(request.AddressText()));
         std::string sent = Sent();
         EXPECT_EQ(Hex(sent), Hex(std::string(request.request.As<char>(), request.Length())));
         sent.replace(6, 4, "????");  // the ID
