@@ -87,7 +87,8 @@ TEST_F(Check, AFeedsNameIsFreeUntilSomethingWasReadAndAgainWhenItIsForgotten) {
     EXPECT_EQ(0, Run("feed forget json").exitCode);
     EXPECT_FALSE(std::filesystem::exists(root.Path("feed/json.aside")));
     EXPECT_EQ("1 records written to the Security log, 0 skipped, 0 unreadable.\n", feed("right").out);
-    EXPECT_THAT(Run("feed json --once --log Application", {root.Path("right")}).error, HasSubstr("writes to the Security"));
+    EXPECT_THAT(Run("feed json --once --log Application", {root.Path("right")}).error,
+                HasSubstr("writes to the Security"));
     for (const char* none : {"feed forget other", "feed forget ../feed/json"}) EXPECT_EQ(1, Run(none).exitCode) << none;
 }
 

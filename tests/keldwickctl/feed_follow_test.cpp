@@ -345,6 +345,23 @@ TEST_F(FEEDING, ACrashBetweenWritingAndMarkingNeitherLosesNorDoubles) {
     EXPECT_EQ(LINES{"e"}, Logged()) << "a log that was cleared meanwhile takes what came";
 }
 
+TEST_F(FEEDING, NoPlaceIsMarkedBeforeAllThatIsWrittenHasComeAgain) {
+    Append("a\n");
+    Feed();
+    LOG killed("Security"), log("Security");
+    ASSERT_TRUE(Write(killed, u"b") && Write(killed, u"c"));
+    const std::string before = State();
+    const STATE_FILE files("test");
+    CONSOLE console(30, true);
+    MARKS marks(options, files, log, console);
+    for (const char16_t* again : {u"b", u"c"}) {
+        EXPECT_EQ(before, State());
+        ASSERT_TRUE(Write(log, again));
+        marks.Mark(marks.Position(), 0, {}, true);
+    }
+    EXPECT_THAT(State(), HasSubstr("\"nextRecord\": 4"));
+}
+
 TEST_F(FEEDING, WhatIsKeptAsideIsBoundedAndTheNewestIsThere) {
     fs::create_directory(root.Path("feed"));
     ASIDE aside("kept");
@@ -418,6 +435,8 @@ TEST_F(FEEDING, ALogKeepsToTheSizeThatItWasGivenMeanwhile) {
                             "MaxSize=dword:10000"));
     for (int i = 0; i < 20; ++i) ASSERT_TRUE(Take(log, u"a", std::u16string(10000, u'x')) && log.Flush());
     EXPECT_EQ(65536u, fs::file_size(root.Path("eventlog/Security.evt")));
+    EXPECT_EQ(1, log.UnreadShare(1)) << "all of it, though that record is gone";
+    EXPECT_EQ(0, log.UnreadShare(100)) << "of a log that was cleared since";
 }
 
 TEST_F(FEEDING, ABatchThatDidNotFitTheDiskIsWrittenOnceWhenItFits) {
