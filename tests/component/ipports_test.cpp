@@ -1,10 +1,6 @@
 // The clients over plain TCP and over TLS. Each one's events are written down, and its event and its limit alone drive
 // it.
-#include <algorithm>
-#include <atomic>
 #include <future>
-#include <memory>
-#include <thread>
 
 #include "either_client.h"
 #include "tests/support/owned_handle.h"

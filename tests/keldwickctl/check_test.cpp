@@ -54,6 +54,10 @@ TEST_F(Check, AFeedIsListedAsLongAsItRunsOrLeftSomething) {
     std::filesystem::create_symlink("/nowhere", root.Path("feed/link.state"));
     const feed::STATE_FILE runs("file");
     const std::string shown = Run("status").out, figures = Run("status --prometheus -").out;
+    for (const char* second : {"feed json --name file", "feed json --once --name file /nowhere", "feed forget file"})
+        EXPECT_THAT(Run(second).error, HasSubstr("the feed file is running already"));
+    const feed::STATE_FILE beside("stream", feed::KIND::STREAM);
+    EXPECT_EQ(0, Run("feed json --name stream").exitCode) << "streams run beside each other";
     EXPECT_THAT(shown, Not(HasSubstr("gone")));
     EXPECT_THAT(shown, AllOf(HasSubstr("file, running; /nowhere"), HasSubstr("stream, not running; records 7"),
                              HasSubstr("link, not running; "),

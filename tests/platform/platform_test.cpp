@@ -1,7 +1,6 @@
 // Texts, numbers in them, error texts, the buffer, registry values, addresses and names of hosts.
 #include <climits>
 #include <cstring>
-#include <thread>
 
 #include "platform/error_text.h"
 #include "platform/format.h"

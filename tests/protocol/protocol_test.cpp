@@ -1,6 +1,5 @@
 // The session: connecting, waiting, receiving; the reports as they arrive at a server, and what the agent makes of its
 // answers.
-#include <thread>
 
 #include "directory/name_translation.h"
 #include "platform/version.h"

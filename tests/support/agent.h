@@ -5,8 +5,6 @@
 
 #include <gmock/gmock.h>
 
-#include <memory>
-
 #include "diagnostics/log_file.h"
 #include "platform/registry_values.h"
 #include "protocol/identity_protocol.h"

@@ -15,7 +15,6 @@
 #include <csignal>
 #include <functional>
 #include <memory>
-#include <string>
 #include <vector>
 
 #include "tests/support/peer.h"

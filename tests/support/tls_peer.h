@@ -1,7 +1,6 @@
 // A server that speaks TLS, and one that only pretends to, each playing a script on one connection.
 #pragma once
 
-#include <gtest/gtest.h>
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
 #include <signal.h>
@@ -9,7 +8,6 @@
 #include <algorithm>
 #include <functional>
 #include <memory>
-#include <string>
 #include <thread>
 
 #include "tests/support/peer.h"

@@ -2,10 +2,7 @@
 // action when its worker would block with nothing signalled and nothing on the way to it.
 #pragma once
 
-#include <windows.h>
-
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>

@@ -3,14 +3,10 @@
 #pragma once
 
 #include <netdb.h>
-#include <windows.h>
 #include <winsock2.h>
 #include <ws2tcpip.h>
 
 #include <initializer_list>
-#include <mutex>
-#include <string>
-#include <vector>
 
 #include "directory/com.h"
 #include "tests/support/debug_lines.h"

@@ -120,8 +120,6 @@ class Page(ServerTest):
         self.browser.click("#reports .refused button")
         self.browser.until("document.querySelector('#details .wrong')")
         self.assertIn("the format is not 3", self.browser.run("document.querySelector('#details .wrong').innerText"))
-        self.assertEqual(["rgb(168, 93, 0)", "rgb(192, 43, 43)"], self.browser.run(
-            "['logoff', 'refused'].map(kind => getComputedStyle(document.querySelector(`#reports .${kind} .kind`)).color)"))
 
     def test_light_dark_and_a_phone(self):
         back = "getComputedStyle(document.body).backgroundColor"

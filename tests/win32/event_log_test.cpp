@@ -2,12 +2,8 @@
 // in every state of the ring: gone round, harmed anywhere, left by a writer that died in the middle.
 #include <fcntl.h>
 #include <sys/file.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <cstring>
-#include <filesystem>
-#include <functional>
 #include <memory>
 #include <numeric>
 #include <random>

@@ -4,13 +4,9 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <windows.h>
 
-#include <atomic>
 #include <functional>
-#include <string>
 #include <utility>
-#include <vector>
 
 #include "tests/support/name_server.h"
 #include "tests/support/owned_handle.h"

@@ -2,7 +2,6 @@
 #include <arpa/inet.h>
 #include <ws2tcpip.h>
 
-#include <chrono>
 #include <thread>
 #include <tuple>
 
