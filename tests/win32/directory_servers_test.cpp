@@ -1,9 +1,7 @@
 // Directory servers. Of several of one domain some fail: at the next question, in the middle of an answer, or all of
 // them. What a report will ask of one is fetched ahead while the objects that lead to it are held: the report is as if
 // each thing had been asked for by itself, whatever the server does.
-#include <chrono>
 #include <numeric>
-#include <thread>
 
 #include "directory/com.h"
 #include "directory/directory_object.h"

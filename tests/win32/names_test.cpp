@@ -34,7 +34,6 @@ protected:
     static void AwaitName() {
         while (LookUp() != 0) std::this_thread::yield();
     }
-    // How often it was asked since the last call, once so many questions wait there.
     static int Asked(int waiting = 0) {
         NameServer().AwaitQuestions(waiting);
         return NameServer().questions.exchange(0);

@@ -4,7 +4,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <filesystem>
 #include <tuple>
 
 #include "tests/win32/registry_keys.h"
