@@ -17,6 +17,8 @@
 namespace tools::feed {
 namespace {
 
+constexpr size_t WriteBackBytes = size_t{2} << 20;
+
 // What makes two records the same one: all but number and times.
 size_t ContentKey(const EVENTLOGRECORD& record) {
     const auto* const bytes = reinterpret_cast<const char*>(&record);
@@ -97,8 +99,17 @@ bool LOG::Flush() {
     unmarked += batch.size();
     sincePosition += batch.size();
     unlooked += batch.size();
+    unsent += batch.size();
     batch.clear();
+    if (unsent >= WriteBackBytes) StartWriteBack();
     return true;
+}
+
+// The disk writes while more lines are read, and Sync has less to wait for. Where this cannot be had, it waits longer.
+void LOG::StartWriteBack() {
+    const win32::DESCRIPTOR file(win32::OpenRootFile(path, O_RDONLY));
+    if (file) sync_file_range(file.Get(), 0, 0, SYNC_FILE_RANGE_WRITE);
+    unsent = 0;
 }
 
 double LOG::UnreadShare(DWORD nextRecord) const {

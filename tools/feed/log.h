@@ -53,6 +53,7 @@ public:
 
 private:
     void TakeSize();
+    void StartWriteBack();
     bool Recognise(const EVENTLOGRECORD& record);
 
     const std::string name, path;
@@ -61,6 +62,7 @@ private:
     win32::BYTES built;                                    // the record that is taken
     win32::BYTES batch;                                    // whole records, one after another
     size_t unmarked = 0, sincePosition = 0, unlooked = 0;  // bytes written since
+    size_t unsent = 0;                                     // ... since the disk was last asked to take them
     bool gathered = true;                                  // the writer holds the batch
     std::unordered_map<size_t, unsigned> known;            // records in the log that may come again, by their content
     unsigned missed = 0;                                   // records since the last that was recognised
