@@ -216,5 +216,19 @@ TEST_F(EVENTS, AnImportTakesWhatCanBeReadAndIsAskedFor) {
     EXPECT_EQ("", import("new.xml", "--since 2026-11-16T08:00:12Z --log Application").error);
 }
 
+TEST_F(EVENTS, AWrittenRecordHasEachStringAsItStands) {
+    ASSERT_EQ(0, Run("init").exitCode);
+    WORDS strings = {"[a,b]", "--id", "-", "--", "x y"};
+    strings.resize(256, "#");
+    EXPECT_EQ(0, Run("events write --id 7 --", strings).exitCode);
+    const std::string listed = Run("events list --json").out;
+    EXPECT_THAT(listed, HasSubstr(R"("strings":["[a,b]","--id","-","--","x y","#","#")"));
+    EXPECT_EQ(251, std::count(listed.begin(), listed.end(), '#'));
+    strings.push_back("#");
+    EXPECT_EQ(2, Run("events write --id 7 --", strings).exitCode) << "more than 256";
+    EXPECT_EQ(listed, Run("events list --json").out);
+    EXPECT_THAT(Run("events write --help").out, AllOf(HasSubstr("-- [STRING ...]"), HasSubstr("at most 256")));
+}
+
 }  // namespace
 }  // namespace tools

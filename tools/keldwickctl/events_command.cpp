@@ -169,12 +169,13 @@ class WRITE_HELP final : public CLI::Formatter {
     }
 };
 
-// One positional for each string: a single one for all of them would take "[a,b]" apart.
-std::vector<CLI::Option*> AddStrings(CLI::App* write) {
+// One positional for each string: a single one for all of them would take "[a,b]" apart. No more than there are words
+// left on the command line, since the parser compares each with all others.
+std::vector<CLI::Option*> AddStrings(CLI::App* write, size_t wordsLeft) {
     constexpr size_t MostStrings = 256;
     std::vector<CLI::Option*> strings;
     strings.push_back(write->add_option("STRING")->description("the replacement strings, after -- (at most 256)"));
-    while (strings.size() < MostStrings)
+    while (strings.size() < std::min(wordsLeft, MostStrings))
         strings.push_back(write->add_option("STRING" + std::to_string(strings.size() + 1))->group(""));
     for (CLI::Option* each : strings) each->type_name("...")->expected(1);
     return strings;
@@ -202,10 +203,11 @@ void AddWrite(CLI::App* events) {
     write->add_option("--data", options->data, "the record's data, two digits a byte")
         ->type_name("HEX")
         ->check(Checked(ParseHex, "pairs of hexadecimal digits"));
-    const std::vector<CLI::Option*> strings = AddStrings(write);
+    const auto strings = std::make_shared<std::vector<CLI::Option*>>();
+    write->preparse_callback([write, strings](size_t wordsLeft) { *strings = AddStrings(write, wordsLeft); });
     write->formatter(std::make_shared<WRITE_HELP>());
     write->callback([options, strings] {
-        for (const CLI::Option* each : strings)
+        for (const CLI::Option* each : *strings)
             if (each->count() > 0) options->strings.push_back(each->results().front());
         Write(*options);
     });
