@@ -8,6 +8,7 @@
 //
 // A site is a call with the innermost return addresses in the program itself, so that the same call counts again when
 // something else led to it.
+#include <elf.h>
 #include <poll.h>
 #include <sys/mman.h>
 #include <sys/timerfd.h>
@@ -58,7 +59,7 @@ struct SITE_COUNT {
     char call[96];
     uint64_t site;
     uint64_t count;
-    uint64_t frames[Depth];  // offsets in the program
+    uint64_t frames[Depth];  // addresses as in the program's file
 };
 
 // The mapped file; tests/faults/run knows this layout.
@@ -103,13 +104,19 @@ struct STACK {
     std::array<uint64_t, Depth> frames{};
 };
 
+// How far the program lies from the addresses in its file.
+uintptr_t Displacement() {
+    const auto* const header = reinterpret_cast<const Elf64_Ehdr*>(&__executable_start);
+    return header->e_type == ET_DYN ? reinterpret_cast<uintptr_t>(header) : 0;
+}
+
 _Unwind_Reason_Code TakeFrame(_Unwind_Context* context, void* memory) {
     STACK& stack = *static_cast<STACK*>(memory);
     const uintptr_t at = _Unwind_GetIP(context);
     stack.reached = stack.reached || at == stack.caller;
     const auto begin = reinterpret_cast<uintptr_t>(&__executable_start), end = reinterpret_cast<uintptr_t>(&etext);
     if (!stack.reached || at < begin || at >= end) return _URC_NO_REASON;
-    stack.frames[stack.count++] = at - begin;
+    stack.frames[stack.count++] = at - Displacement();
     return stack.count < Depth ? _URC_NO_REASON : _URC_END_OF_STACK;
 }
 
@@ -167,11 +174,12 @@ struct ARMED {
 };
 std::mutex ArmedLock;
 std::array<ARMED, 1024> Armed;
+size_t ArmedEnd = 0;  // no descriptor from here on was ever armed
 
 void FireDueTimers() {
     const int64_t now = Now(CLOCK_MONOTONIC);
     const std::lock_guard guard(ArmedLock);
-    for (size_t fd = 0; fd < Armed.size(); ++fd) {
+    for (size_t fd = 0; fd < ArmedEnd; ++fd) {
         if (Armed[fd].due == 0 || Armed[fd].due > now) continue;
         const itimerspec atOnce{Armed[fd].repeat, {0, 1}};
         __real_timerfd_settime(static_cast<int>(fd), 0, &atOnce, nullptr);
@@ -258,7 +266,11 @@ int __wrap_timerfd_settime(int fd, int flags, const itimerspec* wanted, itimersp
         due += Now(CLOCK_MONOTONIC);
     {
         const std::lock_guard guard(ArmedLock);
-        if (static_cast<size_t>(fd) < Armed.size()) Armed[fd] = {due, wanted->it_interval};
+        const auto place = static_cast<size_t>(fd);
+        if (place < Armed.size()) {
+            Armed[place] = {due, wanted->it_interval};
+            ArmedEnd = std::max(ArmedEnd, place + 1);
+        }
     }
     return __real_timerfd_settime(fd, flags, &real, former);
 }
