@@ -200,8 +200,14 @@ TEST_F(LOOP, ALogThatCannotBeReadIsTriedAgainAfterAMinute) {
 
 TEST_F(LOOP, TheDaysLogIsRenamedAtEachMidnight) {
     Serve();
+    // Leaves out hours in which nothing happens.
+    const auto goOnAt = [this](const char* time) {
+        clock.Set(Start + (SecondsOf(time) - SecondsOf("08:00:00")) * VIRTUAL_CLOCK::Second);
+    };
+    goOnAt("21:55:00");
     WriteAt("21:59:50", {ann});  // ten seconds before midnight
     WriteAt("22:00:10", {bob});
+    At("22:05:00", [=] { goOnAt("+21:55:00"); });
     Run(Plain(), "+22:00:20");
     EXPECT_THAT(root.Read("Keldwick_2026-03-10.log"),
                 AllOf(HasSubstr("Running as application"), HasSubstr("CORP\\ann"), Not(HasSubstr("CORP\\bob"))));
