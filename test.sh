@@ -11,6 +11,11 @@ build() {
     cmake --build --preset "$1" -- "${@:2}" >"build/$1/build.log" || { tail -n 60 "build/$1/build.log"; exit 1; }
     tail -n 1 "build/$1/build.log"
 }
+# begin COMMAND...: runs it beside what follows, until `finish`. When the script ends before that, so does the command.
+beside=
+begin() { set -m; "$@" </dev/null & set +m; beside=$!; }
+finish() { wait "$beside" && beside=; }
+trap '[ -z "$beside" ] || kill -- "-$beside" 2>/dev/null || true' EXIT
 
 step "Packages"
 packaging/install-build-packages test
@@ -20,22 +25,19 @@ cmake --preset asan >/dev/null
 cmake --build --preset asan --target format-check -- --quiet
 
 step "Keldwick.exe, and the tests for the thread sanitizer"
-build windows &
-exe=$!
+begin build windows
 build tsan tests_win32 tests_agent
-wait "$exe"
+finish
 
 step "The programs and the tests with the address and undefined-behaviour sanitizers, and the layer and the agent under the thread sanitizer"
 # The longest tests of the layer and the agent have one thread.
-ctest --preset tsan -L 'layer|agent' -E 'RING|NestingDeeper' --no-tests=error >build/tsan/ctest.log &
-threads=$!
+begin ctest --preset tsan -L 'layer|agent' -E 'RING|NestingDeeper' --no-tests=error >build/tsan/ctest.log
 build asan
-wait "$threads" || { cat build/tsan/ctest.log; exit 1; }
+finish || { cat build/tsan/ctest.log; exit 1; }
 grep 'tests passed' build/tsan/ctest.log
 
 step "The whole suite and short runs of the fuzz targets, and Keldwick.exe under wine"
-ctest --preset windows --no-tests=error >build/windows/ctest.log &  # it waits more than it works
-wine=$!
-ctest --preset asan --no-tests=error || { kill "$wine" 2>/dev/null; exit 1; }
-wait "$wine" || { cat build/windows/ctest.log; exit 1; }
+begin ctest --preset windows --no-tests=error >build/windows/ctest.log  # it waits more than it works
+ctest --preset asan --no-tests=error
+finish || { cat build/windows/ctest.log; exit 1; }
 grep 'tests passed' build/windows/ctest.log
