@@ -154,9 +154,8 @@ void DebugPrintErrorV(DWORD flags, const ERROR_CODE& error, const WCHAR* format,
     DEBUG_STATE& state = DebugState();
     const LOCK_GUARD guard(state.lock);
     if (IsWanted(state, flags)) {
-        PrintWanted(state, flags, [&](LINE_BUFFER& line) {
-            AppendError(line, error, format, arguments, &state.lastError);
-        });
+        PrintWanted(state, flags,
+                    [&](LINE_BUFFER& line) { AppendError(line, error, format, arguments, &state.lastError); });
     }
     error.Restore();  // for the caller
 }

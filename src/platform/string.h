@@ -69,7 +69,9 @@ public:
     explicit STRING(DWORD units) { Resize(units); }  // that many 0 units: a receive buffer of fixed size
     explicit STRING(const STRING_UTF8& text);
     explicit STRING(const char* utf8);  // NUL-terminated; null gives the empty text
-    static STRING Join(std::initializer_list<TEXT_VIEW> texts);  // one after the other
+
+    // The texts one after the other.
+    static STRING Join(std::initializer_list<TEXT_VIEW> texts);
     // Texts of error codes, formats and resources: ErrorText, FormatString, LoadResourceString.
 
     using STRING_STORAGE::Assign;

@@ -19,8 +19,8 @@ DIRECTORY_BACKEND ConfiguredBackend();
 // directory.ldif in the machine root.
 std::string LdifPath();
 
-// Another for each of its states; nothing: it cannot be looked at, and errno says why. Costs one stat, and nothing while
-// inotify reports no change to a process that stays.
+// Another for each of its states; nothing: it cannot be looked at, and errno says why. Costs one stat, and nothing
+// while inotify reports no change to a process that stays.
 std::optional<FILE_IDENTITY> LdifIdentity();
 
 enum class LDAP_BIND { NONE, SIMPLE, GSSAPI };
