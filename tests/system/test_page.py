@@ -107,6 +107,7 @@ class Page(ServerTest):
             self.browser.until("document.querySelector('#details').open")
             self.assertEqual(9, self.browser.run("document.querySelector('#details').innerText").count(shown), shown)
             self.browser.press("Escape")
+            self.browser.until("!document.querySelector('#details').open")
             self.browser.press("ArrowDown")
         self.assertEqual([None, 0], self.browser.run(
             "[window.hit ?? null, document.querySelectorAll('main img, main script, dialog script, dialog img, main b:not(.status)').length]"))
