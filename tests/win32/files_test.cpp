@@ -28,6 +28,18 @@ HANDLE Open(const std::string& path, DWORD access, DWORD share = Shared, DWORD d
 
 using HostFiles = MACHINE_TEST;
 
+TEST(MachineRootOf, AFolderIsOneObjectHoweverItIsNamed) {
+    unsetenv("KELDWICK_ROOT");
+    const std::string& chosen = MachineRoot();
+    for (const std::string& name : {std::string(), chosen, chosen + "/", chosen + "/x/.."}) {
+        setenv("KELDWICK_ROOT", name.c_str(), 1);
+        EXPECT_EQ(&chosen, &MachineRoot()) << name;
+    }
+    setenv("KELDWICK_ROOT", "/another", 1);
+    EXPECT_EQ("/another", MachineRoot());
+    unsetenv("KELDWICK_ROOT");
+}
+
 TEST_F(HostFiles, OneThatAnotherProcessHoldsIsMovedOrDeletedOnlyWhenShared) {
     const std::string log = root.Path("log"), other = root.Path("new"), old = root.Path("log.old");
     const auto moves = [](const std::string& from, const std::string& to, DWORD flags = 0) {

@@ -49,11 +49,11 @@ std::string DefaultRoot(const std::string& current, const std::string& programs)
 const std::string& MachineRoot() {
     const char* named = std::getenv("KELDWICK_ROOT");
     if (named == nullptr || *named == '\0') {
-        static const std::string chosen = [] {
+        static const std::string& chosen = Kept([] {
             std::error_code error;
             const std::string current = fs::current_path(error).string();
             return Tidied(DefaultRoot(current, fs::read_symlink("/proc/self/exe", error).parent_path().string()));
-        }();
+        }());
         return chosen;
     }
     // Asked for several times in every report: an absolute name is made tidy once.
