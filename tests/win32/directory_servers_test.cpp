@@ -74,7 +74,9 @@ protected:
     }
     static TEXTS Groups(DIRECTORY& directory) {
         DIRECTORY_ENTRY entry;
+        const auto begin = std::chrono::steady_clock::now();
         const HRESULT result = directory.Read(Ann, Wanted, entry);
+        EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(9)) << "an answer is waited for 10 s";
         if (FAILED(result)) return {std::to_string(static_cast<unsigned>(result))};
         return *entry.Values("memberOf");
     }
@@ -84,7 +86,6 @@ protected:
 };
 
 TEST_F(Failover, TheSameLookUpGoesOnToTheNextServer) {
-    const auto begin = std::chrono::steady_clock::now();
     for (const int how : {HangsUp, TalksNonsense, ClaimsTwoGigabytes, NeverEnds, AnswersABind, Unavailable})
         for (const bool kept : {false, true}) {
             SCOPED_TRACE(std::to_string(how) + (kept ? ", kept" : ""));
@@ -103,7 +104,6 @@ TEST_F(Failover, TheSameLookUpGoesOnToTheNextServer) {
     const std::unique_ptr<DIRECTORY> directory = Open();
     first.Die();
     EXPECT_EQ(groups, Groups(*directory));
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(9)) << "none of them is waited for";
 }
 
 TEST_F(Failover, AListInPartsIsReadAgainAsAWhole) {
