@@ -66,6 +66,7 @@ std::optional<SID_VALUE> SID_VALUE::FromText(std::string_view text) {
     if (!text.starts_with(prefix) && !text.starts_with("s-1-")) return std::nullopt;
     text.remove_prefix(prefix.size());
     if (!TakeAuthority(text, value.authority)) return std::nullopt;
+    value.subs.reserve(MaxSubAuthorities);  // a feed reads a SID for each line
     while (!text.empty()) {
         DWORD sub = 0;
         if (!text.starts_with('-') || value.subs.size() == MaxSubAuthorities) return std::nullopt;
