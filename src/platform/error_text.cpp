@@ -51,9 +51,27 @@ STRING ErrorText(DWORD code, HMODULE module) {
     return text;
 }
 
+namespace {
+
+// The code's own text; empty when it has none, or when there was no memory to find it.
+STRING OwnText(const ERROR_CODE& error) {
+    if (error.Form() == ERROR_CODE::FORM::DIRECTORY) {
+        const auto* const found = std::find(std::begin(DirectoryResults), std::end(DirectoryResults), error.Get());
+        if (found != std::end(DirectoryResults))
+            return LoadResourceString(static_cast<WORD>(StringDirectoryFirst + (found - DirectoryResults)));
+    }
+    return ErrorText(error.Get());
+}
+
+STRING TextOfNone(const ERROR_CODE& error) {
+    return error.Form() == ERROR_CODE::FORM::DIRECTORY ? LoadResourceString(StringUnknownDirectoryError) : STRING();
+}
+
+}  // namespace
+
 STRING ErrorText(const ERROR_CODE& error) {
-    if (error.Form() != ERROR_CODE::FORM::DIRECTORY) return ErrorText(error.Get());
-    return DirectoryErrorText(static_cast<HRESULT>(error.Get()));
+    STRING own = OwnText(error);
+    return own.IsEmpty() ? TextOfNone(error) : own;
 }
 
 void AppendError(LINE_BUFFER& line, const ERROR_CODE& error, const WCHAR* format, FORMAT_ARGUMENTS arguments,
@@ -64,12 +82,12 @@ void AppendError(LINE_BUFFER& line, const ERROR_CODE& error, const WCHAR* format
     line.Append(message.ends_with(' ') ? "" : ". ");
     if (last != nullptr && last->IsOf(error)) return line.Append({last->text, last->length});
     const size_t start = line.View().size();
-    const STRING text = ErrorText(error);
-    line.AppendWide(text.View());
+    const STRING own = OwnText(error);
+    line.AppendWide((own.IsEmpty() ? TextOfNone(error) : own).View());
     const bool decimal = error.Form() == ERROR_CODE::FORM::DECIMAL;
     line.AppendFormat(decimal ? TEXT(". Error code = %lu.") : TEXT(". Error code = %#lx."),
                       FormatArguments(error.Get()));
-    if (last != nullptr && !line.Failed() && !text.IsEmpty()) last->Keep(error, line.View().substr(start));
+    if (last != nullptr && !line.Failed() && !own.IsEmpty()) last->Keep(error, line.View().substr(start));
 }
 
 bool ERROR_TAIL::IsOf(const ERROR_CODE& error) const {
@@ -90,14 +108,6 @@ STRING FormatErrorV(const ERROR_CODE& error, const WCHAR* format, FORMAT_ARGUMEN
     return STRING(text);
 }
 
-STRING DirectoryErrorText(HRESULT result) {
-    const auto* const found =
-        std::find(std::begin(DirectoryResults), std::end(DirectoryResults), static_cast<DWORD>(result));
-    if (found != std::end(DirectoryResults)) {
-        return LoadResourceString(static_cast<WORD>(StringDirectoryFirst + (found - DirectoryResults)));
-    }
-    STRING text = ErrorText(static_cast<DWORD>(result));
-    return text.IsEmpty() ? LoadResourceString(StringUnknownDirectoryError) : text;
-}
+STRING DirectoryErrorText(HRESULT result) { return ErrorText(ERROR_CODE::FromDirectory(result)); }
 
 }  // namespace keldwick
