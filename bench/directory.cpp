@@ -198,6 +198,19 @@ RATE ReportsWithin(REPORTER& reporter, std::chrono::seconds time) {
     return rate;
 }
 
+// That of the primary group, as it stands in a search for it or, with other groups, in a filter; empty: none.
+std::string FirstSidAsked(const std::vector<SEARCH>& searches) {
+    const std::string inFilter = "(|(objectSid=";
+    for (const SEARCH& search : searches) {
+        if (search.base.starts_with("<SID=")) return search.base;
+        if (!search.filter.starts_with(inFilter)) continue;
+        std::string digits = search.filter.substr(inFilter.size(), search.filter.find(')') - inFilter.size());
+        std::erase(digits, '\\');
+        return "<SID=" + digits + ">";
+    }
+    return {};
+}
+
 // What is asked for a report, each name and each object by a search of its own.
 std::vector<SEARCH> OneByOne(const std::string& user, const std::vector<SEARCH>& recorded) {
     const std::vector<std::string> ofName{"sAMAccountName", "objectSid"},
@@ -206,8 +219,7 @@ std::vector<SEARCH> OneByOne(const std::string& user, const std::vector<SEARCH>&
     const auto read = [&](const std::string& dn, const std::vector<std::string>& attributes) {
         searches.push_back({dn, "(objectClass=*)", LDAP_SCOPE_BASE, 64, attributes});
     };
-    const auto isFind = [](const SEARCH& search) { return search.scope == LDAP_SCOPE_SUBTREE; };
-    const auto isSid = [](const SEARCH& search) { return search.base.starts_with("<SID="); };
+    const auto isFind = [](const SEARCH& search) { return search.filter.starts_with("(sAMAccountName="); };
     const keldwick::DIRECTORY_BINDING binding;
     const std::u16string name = win32::ToUtf16(user);
     keldwick::STRING dn;
@@ -216,10 +228,11 @@ std::vector<SEARCH> OneByOne(const std::string& user, const std::vector<SEARCH>&
         Fail("the directory does not know " + user + ": see keldwickctl directory check");
     for (const SEARCH& search : recorded)
         if (isFind(search)) searches.push_back({search.base, search.filter, search.scope, search.limit, ofName});
-    const auto sid = std::find_if(recorded.begin(), recorded.end(), isSid);
-    if (searches.size() != 3 || sid == recorded.end()) Fail("a report asks for other names than it used to");
+    const std::string sid = FirstSidAsked(recorded);
+    if (searches.size() != 2 || sid.empty()) Fail("a report asks for other names than it used to");
+    searches.push_back(searches[0]);  // the agent asks for the user twice
     read(win32::ToUtf8(dn.View()), ofObject);
-    read(sid->base, ofName);
+    read(sid, ofName);
     for (const keldwick::GROUP& group : groups) {
         read(win32::ToUtf8(group.dn.View()), ofName);
         read(win32::ToUtf8(group.dn.View()), ofObject);

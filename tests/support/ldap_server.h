@@ -9,6 +9,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <functional>
 #include <map>
@@ -31,6 +32,8 @@ public:
         unsigned char operation = 0;      // BindRequest, SearchRequest ...
         std::string base;                 // of a search
         std::string attribute, value;     // of its filter, when that asks for equality
+        std::vector<std::string> anyOf;   // the values, when it asks for that of any of these
+        bool wantsSids = false;           // of what DNs name
         std::vector<std::string> wanted;  // attributes
     };
     struct ANSWER {
@@ -115,23 +118,56 @@ public:
                        Coded(Enumerated, std::string(1, code)) + Coded(Octets, "") + Coded(Octets, ""));
     }
 
-    // The entry at the base, or the one with the value that is asked for.
+    // The entry at the base, or those with the values that are asked for.
     ANSWER GoodAnswer(const QUESTION& question) const {
         constexpr char noSuchObject = 32;
         if (question.operation != SearchRequest) return {Done(question)};
+        if (!question.anyOf.empty()) {
+            std::string found;
+            for (const auto& [dn, attributes] : entries)
+                if (dn.ends_with(question.base) && IsIn(question.anyOf, First(attributes, question.attribute)))
+                    found += Shown(question, dn);
+            return {found + Done(question)};
+        }
         if (!question.attribute.empty()) {
             for (const auto& [dn, attributes] : entries)
                 for (const auto& [name, values] : attributes)
                     if (name == question.attribute && values[0] == question.value)
-                        return {Entry(question, dn, attributes) + Done(question)};
+                        return {Shown(question, dn) + Done(question)};
             return {Done(question)};
         }
         const auto found = entries.find(question.base);
         if (found == entries.end()) return {Done(question, noSuchObject)};
-        return {Entry(question, found->first, found->second) + Done(question)};
+        return {Shown(question, question.base) + Done(question)};
+    }
+
+    // The entry of that DN. With the SIDs of what DNs name, if these are wanted and it has one.
+    std::string Shown(const QUESTION& question, const std::string& dn) const {
+        ATTRIBUTES attributes = entries.at(dn);
+        for (auto& [name, values] : attributes)
+            for (std::string& value : values)
+                if (name == "memberOf" && question.wantsSids) value = Extended(value);
+        return Entry(question, question.wantsSids ? Extended(dn) : dn, attributes);
     }
 
 private:
+    static std::string First(const ATTRIBUTES& attributes, const std::string& wanted) {
+        for (const auto& [name, values] : attributes)
+            if (name == wanted && !values.empty()) return values[0];
+        return {};
+    }
+    static bool IsIn(const std::vector<std::string>& texts, const std::string& text) {
+        return std::find(texts.begin(), texts.end(), text) != texts.end();
+    }
+    std::string Extended(const std::string& dn) const {
+        const auto entry = entries.find(dn);
+        const std::string sid = entry != entries.end() ? First(entry->second, "objectSid") : "";
+        if (sid.empty()) return dn;
+        std::string hex;
+        for (const unsigned char byte : sid) hex += {"0123456789ABCDEF"[byte >> 4], "0123456789ABCDEF"[byte & 15]};
+        return "<GUID=00112233445566778899aabbccddeeff>;<SID=" + hex + ">;" + dn;
+    }
+
     struct CLIENT {
         int socket;
         std::string bytes;
@@ -163,7 +199,7 @@ private:
     }
 
     static QUESTION Read(std::string_view message) {
-        constexpr unsigned char equality = 0xA3;
+        constexpr unsigned char equality = 0xA3, any = 0xA1;
         constexpr int notNeeded = 5;  // scope, aliases, limits of size and time, types only
         QUESTION question;
         question.id = TakeText(message);
@@ -174,11 +210,19 @@ private:
         std::string_view rest = operation->content;
         question.base = TakeText(rest);
         for (int i = 0; i < notNeeded; ++i) Take(rest);
-        if (const auto filter = Take(rest); filter && filter->tag == equality) {
-            std::string_view parts = filter->content;
+        const auto takeEquality = [&](std::string_view parts) {
             question.attribute = TakeText(parts);
             question.value = TakeText(parts);
-        }
+        };
+        const auto filter = Take(rest);
+        if (filter && filter->tag == equality) takeEquality(filter->content);
+        if (filter && filter->tag == any)
+            for (std::string_view parts = filter->content; !parts.empty();) {
+                const auto part = Take(parts);
+                takeEquality(part ? part->content : std::string_view());
+                question.anyOf.push_back(question.value);
+            }
+        question.wantsSids = message.find("1.2.840.113556.1.4.529") != message.npos;
         if (const auto list = Take(rest))
             for (std::string_view names = list->content; !names.empty();) question.wanted.push_back(TakeText(names));
         return question;

@@ -267,10 +267,10 @@ TEST_F(LookAhead, AUsersGroupsAreAskedForAtOnceAndEachOnce) {
     std::vector<int> numbers(groups);
     std::iota(numbers.begin(), numbers.end(), 1);
     numbers.insert(numbers.begin() + 1, 99);
-    Find(u"CORP\\none");  // connects
+    Open(Users);  // names that are found are opened
     server.Asked();
     EXPECT_EQ(Listed(numbers), List());
-    EXPECT_EQ(2 + 1 + groups + 1, server.Asked()) << "the name twice, the primary group, the groups and theirs";
+    EXPECT_EQ(1 + 1 + groups + 1, server.Asked()) << "the name, the primary group, the groups and theirs";
 }
 
 TEST_F(LookAhead, WhatIsFetchedServesOneReportOnly) {
@@ -279,21 +279,27 @@ TEST_F(LookAhead, WhatIsFetchedServesOneReportOnly) {
     AddGroup(1, {GroupDn(3)});
     AddGroup(3, {});
     EXPECT_EQ(Listed({1, 3, 2}), List());
-    // A name that was asked for again is not opened: it is found with its object once, not at every report.
-    int wide = 0;
+    int plain = 0, wide = 0;
     server.Answer([&](const QUESTION& question) {
-        wide += question.wanted.size() == 4;
+        ++(question.wanted.size() == 4 ? wide : plain);
         return Good(question);
     });
-    for (int i = 0; i < 5; ++i) Find(u"CORP\\ann");
-    EXPECT_EQ(1, wide);
-    List();
-    for (int i = 0; i < 2; ++i) Find(u"CORP\\ann");  // found to be opened, but another question comes first
-    Find(u"CORP\\g1");
+    // A name serves twice, for a moment, and what has not been opened is asked for again.
+    for (int i = 0; i < 3; ++i) Find(u"CORP\\ann");
+    EXPECT_EQ(2, wide);
+    ticksAhead += 1000;
+    Find(u"CORP\\ann");
+    EXPECT_EQ(3, wide);
+    Find(u"CORP\\none");
     server.entries[Ann].back().second = {GroupDn(3)};
     GROUP_LIST list;
     EXPECT_TRUE(AddObjectGroups(Open(Ann).Get(), u"CN=Ann,DC=corp", list, nullptr));
     EXPECT_EQ(1u, list.Count());
+    // Names that are never opened are not found with their objects for ever.
+    plain = wide = 0;
+    for (int i = 0; i < 10; ++i) Find(i % 2 == 0 ? u"CORP\\ann" : u"CORP\\g1");
+    EXPECT_EQ(4, wide);
+    EXPECT_EQ(6, plain);
 }
 
 TEST_F(LookAhead, AFailureShowsAtItsOwnCall) {
@@ -340,6 +346,130 @@ TEST_F(LookAhead, NeverMoreThanSixtyFourSearchesAreUnderWay) {
     std::vector<int> numbers(200);
     std::iota(numbers.begin(), numbers.end(), 1);
     EXPECT_EQ(Listed(numbers), List());
+}
+
+// Groups whose SIDs the server tells.
+class LookAheadBySid : public LookAhead {
+protected:
+    LookAheadBySid() {
+        server.entries[Users].push_back({"objectSid", {Sid(513)}});
+        Open(Users);  // names that are found are opened
+    }
+
+    static std::string Sid(unsigned char number, unsigned char high = 0) {
+        return std::string("\x01\x02\x00\x00\x00\x00\x00\x05\x15\x00\x00\x00", 12) +
+               std::string{static_cast<char>(number), static_cast<char>(high), 0, 0};
+    }
+    static std::string Sid(int number) {
+        return Sid(static_cast<unsigned char>(number & 255), static_cast<unsigned char>(number >> 8));
+    }
+    void AddGroup(int number, const TEXTS& memberOf) {
+        LookAhead::AddGroup(number, memberOf);
+        server.entries[GroupDn(number)].push_back({"objectSid", {Sid(number)}});
+    }
+    void MakeAMemberOf(int groups) {
+        for (int i = 1; i <= groups; ++i) {
+            AddGroup(i, {});
+            server.entries[Ann].back().second.push_back(GroupDn(i));
+        }
+    }
+    // Ann is in the first, and each in the next.
+    TEXTS Chain(int length) {
+        std::vector<int> numbers(static_cast<size_t>(length));
+        std::iota(numbers.begin(), numbers.end(), 1);
+        for (const int number : numbers) AddGroup(number, {});
+        for (int i = 1; i < length; ++i) AddGroup(i, {GroupDn(i + 1)});
+        server.entries[Ann].back().second = {GroupDn(1)};
+        return Listed(numbers);
+    }
+};
+
+TEST_F(LookAheadBySid, ManyGroupsAreFoundWithOneSearchBelowTheirDomain) {
+    constexpr int groups = 70;
+    MakeAMemberOf(groups);
+    for (int i = 1; i <= groups; ++i) AddGroup(i, {GroupDn(99), Users});
+    AddGroup(99, {});
+    const std::string east = "CN=East,DC=east,DC=corp", elsewhere = "CN=Elsewhere,OU=a\\,DC=b,DC=other";
+    for (const std::string& dn : {east, elsewhere}) {
+        const int number = dn == east ? 300 : 301;
+        server.entries[dn] = {{"sAMAccountName", {"g" + std::to_string(number)}}, {"objectSid", {Sid(number)}}};
+        server.entries[Ann].back().second.push_back(dn);
+        server.entries[Ann].back().second.push_back(GroupDn(number));
+        AddGroup(number, {});
+        server.entries[GroupDn(number)].back().second = {Sid(number + 10)};
+    }
+    std::vector<int> numbers(groups);
+    std::iota(numbers.begin(), numbers.end(), 1);
+    numbers.insert(numbers.begin() + 1, 99);
+    TEXTS listed = Listed(numbers);
+    listed.insert(listed.end(),
+                  {"CORP\\g300=" + east, "CORP\\g300=" + GroupDn(300), "=" + elsewhere, "CORP\\g301=" + GroupDn(301)});
+    server.Asked();
+    EXPECT_EQ(listed, List());
+    EXPECT_EQ(1 + 3 + 4 + 1, server.Asked()) << "the name, 71 groups, one here and one there, the group of all";
+}
+
+TEST_F(LookAheadBySid, WhatASearchForManyDoesNotBringIsAskedForByItself) {
+    MakeAMemberOf(5);
+    const auto entryOf = [&](const QUESTION& question, int number, int sid) {
+        LDAP_SERVER::ATTRIBUTES attributes = server.entries[GroupDn(number)];
+        attributes.back().second = {Sid(sid)};
+        return LDAP_SERVER::Entry(question, GroupDn(number), attributes);
+    };
+    const std::function<std::string(const QUESTION&)> answers[] = {
+        [&](const QUESTION& question) { return entryOf(question, 4, 4); },
+        [&](const QUESTION& question) { return entryOf(question, 2, 3) + entryOf(question, 3, 2); },
+        [&](const QUESTION& question) { return entryOf(question, 2, 2) + entryOf(question, 1, 2); },
+        [&](const QUESTION& question) { return entryOf(question, 2, 400) + entryOf(question, 5, 5); },
+        [&](const QUESTION& question) { return LDAP_SERVER::Entry(question, GroupDn(1), {}); },
+    };
+    const TEXTS listed = Listed({1, 2, 3, 4, 5});
+    for (const auto& answer : answers) {
+        server.Answer([&](const QUESTION& question) -> ANSWER {
+            return question.anyOf.empty() ? Good(question) : ANSWER{answer(question) + LDAP_SERVER::Done(question)};
+        });
+        EXPECT_EQ(listed, List()) << "answer " << &answer - answers;
+    }
+    for (const int how : {HangsUp, TalksNonsense, NeverEnds, AnswersABind, Nothing, Referral, NoSuchObject, Busy}) {
+        server.Answer(
+            [&](const QUESTION& question) { return question.anyOf.empty() ? Good(question) : Fail(how, question); });
+        testing::internal::CaptureStderr();
+        UseOtherSettings();
+        EXPECT_EQ(listed, List()) << how;
+        testing::internal::GetCapturedStderr();
+    }
+}
+
+TEST_F(LookAheadBySid, WhereGroupsAreNestedDeeplyTheirSidsAreAskedForTogether) {
+    const TEXTS listed = Chain(20);
+    const std::string part = Sid(7), nonsense("\x01\x0f", 2), none = Sid(4000);
+    TEXTS all{Sid(513)};
+    for (int i = 1; i <= 20; ++i) all.push_back(Sid(i));
+    struct {
+        TEXTS told;
+        int first, next;  // searches of the first report and of one after it
+    } const cases[] = {
+        // the name, the first level, three more, all SIDs, their groups; what paid is asked for at once
+        {all, 1 + 1 + 3 + 1 + 1, 1 + 1 + 1 + 1},
+        {{}, 1 + 1 + 19 + 1, 1 + 1 + 19 + 1},
+        // the fifth with the seventh, the sixth with the eighth, the others
+        {{part, nonsense, none, ""}, 1 + 1 + 3 + 1 + 1 + 1 + 12, 1 + 1 + 3 + 1 + 1 + 1 + 12},
+    };
+    for (const auto& [told, first, next] : cases) {
+        server.Answer([&, sids = told](const QUESTION& question) -> ANSWER {
+            if (question.wanted != TEXTS{"tokenGroups"}) return Good(question);
+            EXPECT_EQ(Ann, question.base);
+            return {Whole(question, Ann, {{"tokenGroups", sids}})};
+        });
+        server.Asked();
+        EXPECT_EQ(listed, List());
+        EXPECT_EQ(first, server.Asked());
+        EXPECT_EQ(listed, List());
+        EXPECT_EQ(next, server.Asked());
+    }
+    const TEXTS few = Chain(3);
+    EXPECT_EQ(few, List());
+    EXPECT_EQ(1 + 1 + 2, server.Asked()) << "few levels are not worth it";
 }
 
 // Each group names a hundred more by long names. A server that sends much does not read meanwhile.

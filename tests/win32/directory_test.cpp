@@ -14,6 +14,7 @@
 #include "tests/win32/fixture.h"
 #include "win32/directory/directory.h"
 #include "win32/directory/directory_settings.h"
+#include "win32/directory/directory_text.h"
 #include "win32/directory/ldif_file.h"
 #include "win32/text/utf.h"
 
@@ -103,6 +104,35 @@ TEST_F(Directory, AServerThatIsNoHostsNameIsSpokenOfOnce) {
     for (int i = 0; i < 2; ++i) EXPECT_EQ((NAME{E_INVALIDARG, ""}), Translate(Nt4, "CORP\\ann", Dn, &binding));
     const std::string said = testing::internal::GetCapturedStderr();
     EXPECT_EQ(1u, Times(said, "\"ldaps://dc1\"")) << said;
+}
+
+TEST(DirectoryText, ExtendedDnsAndDomains) {
+    const std::string guid = "<GUID=0102>;", sid = "<SID=0101000000000005120000AB>",
+                      lower = "<SID=0101000000000005120000ab>";
+    const std::tuple<std::string, std::string, std::string> extended[] = {
+        {guid + sid + ";CN=A,DC=b", lower, "CN=A,DC=b"},
+        {sid + ";" + guid + "CN=A", lower, "CN=A"},
+        {"CN=A" + sid + ";", "", "CN=A" + sid + ";"},
+        {guid + "CN=A", "", "CN=A"},
+        {guid + sid, "", sid},
+        {"<>;<SID>;<SID=>;<SID=01>;<SID=010100000000000512000x>;CN=A", "", "CN=A"},
+        {"<SID=" + std::string(16, '0') + ">;<SID=" + std::string(138, '1') + ">;<SID=" + std::string(17, '1') + ">;",
+         "<SID=0000000000000000>", ""},
+        {"<", "", "<"},
+        {"", "", ""},
+    };
+    for (const auto& [text, itsSid, dn] : extended) {
+        const EXTENDED_DN parsed = ParseExtendedDn(text);
+        EXPECT_EQ(itsSid, parsed.sid) << text;
+        EXPECT_EQ(dn, parsed.dn) << text;
+    }
+    const std::pair<std::string, std::string> domains[] = {{"CN=A,OU=B,DC=c,DC=d", "DC=c,DC=d"},
+                                                           {"dc=c", "dc=c"},
+                                                           {"CN=A\\,DC=b,dc=C", "dc=C"},
+                                                           {"CN=aDC=b", ""},
+                                                           {"CN=A,DC", ""},
+                                                           {"", ""}};
+    for (const auto& [dn, domain] : domains) EXPECT_EQ(domain, DomainPart(dn)) << dn;
 }
 
 TEST(Ldif, ReadsWhatTheExportingToolsWrite) {

@@ -23,8 +23,15 @@ size_t DIRECTORY_ENTRY::Bytes() const {
     size_t bytes = dn.size();
     for (const auto& [name, values] : attributes)
         for (const std::string& value : values) bytes += value.size() + sizeof(value);
+    for (const std::string& sid : groupSids) bytes += sid.size() + sizeof(sid);
     return bytes;
 }
+
+DIRECTORY_DOMAIN::DIRECTORY_DOMAIN(const DIRECTORY_ENTRY& partition)
+    : dn(partition.First("nCName")),
+      dnsName(partition.First("dnsRoot")),
+      netbiosName(partition.First("nETBIOSName")),
+      components(SplitDn(dn).value_or(std::vector<std::string>())) {}
 
 HRESULT OpenDirectory(const DIRECTORY_TARGET& target, std::unique_ptr<DIRECTORY>& directory) {
     const std::string complaint = target.server.empty() ? "" : ServerComplaint(target.server);

@@ -28,21 +28,26 @@ constexpr HRESULT DirectoryLogonFailure = HRESULT(0x8007052Eu);   // ERROR_LOGON
 constexpr HRESULT DirectoryTimeout = HRESULT(0x800705B4u);        // ERROR_TIMEOUT
 constexpr HRESULT DirectoryDecodingError = HRESULT(0x8007203Du);  // ERROR_DS_DECODING_ERROR
 
-// A domain of the forest, as its partition's entry names it.
-struct DIRECTORY_DOMAIN {
-    std::string dn;           // nCName
-    std::string dnsName;      // dnsRoot
-    std::string netbiosName;  // nETBIOSName
-};
-
 struct DIRECTORY_ENTRY {
     std::string dn;
     std::vector<std::pair<std::string, std::vector<std::string>>> attributes;  // values are bytes
+    std::vector<std::string> groupSids = {};  // SidDn of each value of memberOf, at its place; empty, none: not known
 
     // Null: the entry has no such attribute. The name's letter case does not count.
     const std::vector<std::string>* Values(std::string_view attribute) const;
     std::string_view First(std::string_view attribute) const;  // the first value; empty: there is none
     size_t Bytes() const;                                      // of memory that its texts take, about
+};
+
+// A domain of the forest, as its partition's entry names it.
+struct DIRECTORY_DOMAIN {
+    std::string dn;           // nCName
+    std::string dnsName;      // dnsRoot
+    std::string netbiosName;  // nETBIOSName
+
+    std::vector<std::string> components;  // SplitDn of the DN; none: it is no DN
+
+    explicit DIRECTORY_DOMAIN(const DIRECTORY_ENTRY& partition);
 };
 
 using ATTRIBUTE_NAMES = std::vector<const char*>;

@@ -19,6 +19,18 @@ std::string ComponentPart(const LDAPAVA& part) {
     return LowerName({part.la_attr.bv_val, part.la_attr.bv_len}) + '=' + ToUtf8(FoldName(ToUtf16(value)));
 }
 
+using PARSED_DN = std::unique_ptr<LDAPRDN[], decltype(&ldap_dnfree)>;
+
+// False: it is not a DN. The empty one may become null.
+bool Parse(std::string_view dn, PARSED_DN& parsed) {
+    const std::string text(dn);
+    LDAPDN components = nullptr;
+    if (text.find('\0') != text.npos || ldap_str2dn(text.c_str(), &components, LDAP_DN_FORMAT_LDAPV3) != LDAP_SUCCESS)
+        return false;
+    parsed.reset(components);
+    return true;
+}
+
 // The first slash that no backslash stands before.
 size_t FindPlainSlash(std::string_view text) {
     for (size_t i = 0; i < text.size(); ++i) {
@@ -26,6 +38,13 @@ size_t FindPlainSlash(std::string_view text) {
         if (text[i] == '\\') ++i;
     }
     return text.npos;
+}
+
+bool IsSidInHex(std::string_view digits) {
+    constexpr size_t least = 2 * 8, most = 2 * 68;  // without sub-authorities, and with fifteen
+    const auto isHex = [](char c) { return HexDigit(static_cast<unsigned char>(c)) >= 0; };
+    return digits.size() >= least && digits.size() <= most && digits.size() % 2 == 0 &&
+           std::all_of(digits.begin(), digits.end(), isHex);
 }
 
 std::string UnescapeSlashes(std::string_view text) {
@@ -50,11 +69,8 @@ std::string LowerName(std::string_view name) {
 }
 
 std::optional<std::vector<std::string>> SplitDn(std::string_view dn) {
-    const std::string text(dn);
-    LDAPDN parsed = nullptr;
-    if (text.find('\0') != text.npos || ldap_str2dn(text.c_str(), &parsed, LDAP_DN_FORMAT_LDAPV3) != LDAP_SUCCESS)
-        return std::nullopt;
-    const std::unique_ptr<LDAPRDN[], decltype(&ldap_dnfree)> owner(parsed, ldap_dnfree);
+    PARSED_DN parsed(nullptr, ldap_dnfree);
+    if (!Parse(dn, parsed)) return std::nullopt;
     std::vector<std::string> components;
     for (size_t i = 0; parsed != nullptr && parsed[i] != nullptr; ++i) {
         std::string& component = components.emplace_back();
@@ -64,10 +80,38 @@ std::optional<std::vector<std::string>> SplitDn(std::string_view dn) {
     return components;
 }
 
+bool IsDn(std::string_view text) {
+    PARSED_DN parsed(nullptr, ldap_dnfree);
+    return Parse(text, parsed) && parsed != nullptr && parsed[0] != nullptr;
+}
+
 std::string SidDn(std::string_view sid) {
     std::string dn = "<SID=";
     for (const char byte : sid) AppendHex(dn, static_cast<unsigned char>(byte));
     return dn + ">";
+}
+
+EXTENDED_DN ParseExtendedDn(std::string_view text) {
+    constexpr std::string_view sidBegin = "<SID=", end = ">;";
+    EXTENDED_DN parsed;
+    while (text.starts_with('<')) {
+        const size_t length = text.find(end);
+        if (length == text.npos) break;
+        const std::string_view part = text.substr(0, length);
+        if (part.starts_with(sidBegin) && IsSidInHex(part.substr(sidBegin.size())))
+            parsed.sid = std::string(sidBegin) + LowerName(part.substr(sidBegin.size())) + '>';
+        text.remove_prefix(length + end.size());
+    }
+    parsed.dn = text;
+    return parsed;
+}
+
+std::string_view DomainPart(std::string_view dn) {
+    for (size_t at = 0; at < dn.size(); ++at) {
+        const bool begins = at == 0 || (dn[at - 1] == ',' && (at == 1 || dn[at - 2] != '\\'));
+        if (begins && LowerName(dn.substr(at, 3)) == "dc=") return dn.substr(at);
+    }
+    return {};
 }
 
 bool IsAtOrBelow(const std::vector<std::string>& dn, const std::vector<std::string>& base) {
@@ -102,8 +146,7 @@ std::optional<ADS_PATH> ParseAdsPath(std::string_view path) {
     }
     if (FindPlainSlash(path) != path.npos) return std::nullopt;
     parsed.dn = UnescapeSlashes(path);
-    const std::optional<std::vector<std::string>> components = SplitDn(parsed.dn);
-    if (!components || components->empty()) return std::nullopt;
+    if (!IsDn(parsed.dn)) return std::nullopt;
     return parsed;
 }
 

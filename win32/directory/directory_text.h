@@ -16,8 +16,21 @@ std::string LowerName(std::string_view name);
 // components.
 std::optional<std::vector<std::string>> SplitDn(std::string_view dn);
 
+// Whether it is one, with a component at least.
+bool IsDn(std::string_view text);
+
 // The name "<SID=...>" of the object with that SID, in its binary form, by which a server reads it as by a DN.
 std::string SidDn(std::string_view sid);
+
+// A DN as a domain controller gives it when it is asked for extended ones, "<GUID=hex>;<SID=hex>;DN".
+struct EXTENDED_DN {
+    std::string sid;  // SidDn; empty: none stands there
+    std::string dn;
+};
+EXTENDED_DN ParseExtendedDn(std::string_view text);  // of a plain DN, that alone
+
+// Its components from the first "DC=" on, which name the domain; empty: it has none.
+std::string_view DomainPart(std::string_view dn);
 
 // Whether the DN is the base or lies below it; of both the components.
 bool IsAtOrBelow(const std::vector<std::string>& dn, const std::vector<std::string>& base);

@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <sys/time.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -13,6 +14,8 @@
 #include <mutex>
 #include <system_error>
 #include <thread>
+
+#include "win32/directory/directory_text.h"
 
 namespace win32 {
 
@@ -24,6 +27,11 @@ constexpr size_t MaxMessageBytes = size_t{16} << 20;  // of one entry
 constexpr size_t MaxAnswerBytes = size_t{64} << 20;   // of all the values of an answer
 constexpr size_t MaxAheadBytes = size_t{1} << 20;     // the same of one that was asked for ahead
 constexpr size_t MaxAhead = 64;                       // searches under way
+
+// Controls of a domain controller: with each DN comes the object's SID; no referrals to the domains below are put
+// together, which are never followed.
+constexpr const char* ExtendedDnControl = "1.2.840.113556.1.4.529";
+constexpr const char* DomainScopeControl = "1.2.840.113556.1.4.1339";
 
 constexpr HRESULT OperationsError = HRESULT(0x80072020u);     // ERROR_DS_OPERATIONS_ERROR
 constexpr HRESULT TimeLimitExceeded = HRESULT(0x80072022u);   // ERROR_DS_TIMELIMIT_EXCEEDED
@@ -125,22 +133,56 @@ std::vector<std::string> ValuesOf(LDAP* ldap, LDAPMessage* message, const char* 
     return values;
 }
 
+// Its values, or those of a part of it, are the DNs of an object's groups.
+bool NamesGroups(std::string_view attribute) { return LowerName(attribute).starts_with("memberof"); }
+
+void TakeSids(std::vector<std::string>& dns, std::vector<std::string>& sids) {
+    for (std::string& dn : dns) {
+        EXTENDED_DN parsed = ParseExtendedDn(dn);
+        sids.push_back(std::move(parsed.sid));
+        dn = std::move(parsed.dn);
+    }
+}
+
 DIRECTORY_ENTRY EntryOf(LDAP* ldap, LDAPMessage* message) {
     DIRECTORY_ENTRY entry;
     char* const dn = ldap_get_dn(ldap, message);
-    if (dn != nullptr) entry.dn = dn;
+    if (dn != nullptr) entry.dn = ParseExtendedDn(dn).dn;
     ldap_memfree(dn);
     BerElement* position = nullptr;
     for (char* name = ldap_first_attribute(ldap, message, &position); name != nullptr;
          name = ldap_next_attribute(ldap, message, position)) {
         entry.attributes.emplace_back(name, ValuesOf(ldap, message, name));
+        if (NamesGroups(name)) TakeSids(entry.attributes.back().second, entry.groupSids);
         ldap_memfree(name);
     }
     ber_free(position, 0);
     return entry;
 }
 
+// What a search asks of the server beside its question; a server that does not know it leaves it.
+class CONTROLS {
+public:
+    void Add(const char* oid) {
+        controls[count].ldctl_oid = const_cast<char*>(oid);  // the library does not write to it
+        list[count] = &controls[count];
+        ++count;
+    }
+    LDAPControl** Get() { return list; }
+
+private:
+    LDAPControl controls[2] = {};
+    LDAPControl* list[3] = {};  // up to a null
+    size_t count = 0;
+};
+
 using MESSAGE = std::unique_ptr<LDAPMessage, int (*)(LDAPMessage*)>;
+
+int NumberOf(LDAP_CONNECTION::SCOPE scope) {
+    return scope == LDAP_CONNECTION::SCOPE::BASE       ? LDAP_SCOPE_BASE
+           : scope == LDAP_CONNECTION::SCOPE::CHILDREN ? LDAP_SCOPE_ONELEVEL
+                                                       : LDAP_SCOPE_SUBTREE;
+}
 
 bool UsesTls(const LDAP_ACCESS& access) { return access.startTls || access.uri.starts_with("ldaps://"); }
 
@@ -367,8 +409,11 @@ int LDAP_CONNECTION::Send(const std::string& base, int scope, const std::string&
     std::vector<char*> names;  // the library does not write to them
     for (const char* name : wanted) names.push_back(const_cast<char*>(name));
     names.push_back(nullptr);
+    CONTROLS controls;
+    if (scope != LDAP_SCOPE_BASE) controls.Add(DomainScopeControl);
+    if (std::any_of(wanted.begin(), wanted.end(), NamesGroups)) controls.Add(ExtendedDnControl);
     timeval time = TimeValue(LdapAnswerTime);
-    const int code = ldap_search_ext(state->ldap, base.c_str(), scope, filter.c_str(), names.data(), 0, nullptr,
+    const int code = ldap_search_ext(state->ldap, base.c_str(), scope, filter.c_str(), names.data(), 0, controls.Get(),
                                      nullptr, &time, limit, &number);
     if (code == LDAP_SUCCESS) unanswered[number] = {static_cast<size_t>(limit), isAhead, {}, 0};
     return code;
@@ -399,8 +444,8 @@ int LDAP_CONNECTION::Receive(int number, std::vector<DIRECTORY_ENTRY>& found) {
         if (code < 0 && !isDropped) return code;
         if (code == LDAP_SIZELIMIT_EXCEEDED) code = LDAP_SUCCESS;
         if (answer.isAhead) {
-            const bool isThere = code == LDAP_SUCCESS && !answer.found.empty();
-            if (receiver) receiver(answered, isThere ? &answer.found[0] : nullptr);
+            if (code != LDAP_SUCCESS) answer.found.clear();
+            if (receiver) receiver(answered, answer.found);
             if (answered == number) return LDAP_SUCCESS;
             if (broken) return LDAP_SERVER_DOWN;
             if (answered < number) end = std::chrono::steady_clock::now() + LdapAnswerTime;
@@ -414,21 +459,19 @@ int LDAP_CONNECTION::Receive(int number, std::vector<DIRECTORY_ENTRY>& found) {
 HRESULT LDAP_CONNECTION::Search(const std::string& base, SCOPE scope, const std::string& filter,
                                 const ATTRIBUTE_NAMES& wanted, int limit, std::vector<DIRECTORY_ENTRY>& found) {
     found.clear();
-    const int scopeNumber = scope == SCOPE::BASE       ? LDAP_SCOPE_BASE
-                            : scope == SCOPE::CHILDREN ? LDAP_SCOPE_ONELEVEL
-                                                       : LDAP_SCOPE_SUBTREE;
     const NO_PIPE_SIGNAL quiet;
     int number = 0;
-    int code = Send(base, scopeNumber, filter, wanted, limit, false, number);
+    int code = Send(base, NumberOf(scope), filter, wanted, limit, false, number);
     if (code == LDAP_SUCCESS) code = Receive(number, found);
     return code == LDAP_SUCCESS ? S_OK : Fail(code);
 }
 
-std::optional<int> LDAP_CONNECTION::ReadAhead(const std::string& dn, const ATTRIBUTE_NAMES& wanted) {
+std::optional<int> LDAP_CONNECTION::SearchAhead(const std::string& base, SCOPE scope, const std::string& filter,
+                                                const ATTRIBUTE_NAMES& wanted) {
     if (broken || unanswered.size() >= MaxAhead) return std::nullopt;
     const NO_PIPE_SIGNAL quiet;
     int number = 0;
-    const int code = Send(dn, LDAP_SCOPE_BASE, AnyEntry, wanted, MaxFound, true, number);
+    const int code = Send(base, NumberOf(scope), filter, wanted, MaxFound, true, number);
     if (code == LDAP_SUCCESS) return number;
     Fail(code);
     return std::nullopt;

@@ -50,11 +50,12 @@ public:
     HRESULT Search(const std::string& base, SCOPE scope, const std::string& filter, const ATTRIBUTE_NAMES& wanted,
                    int limit, std::vector<DIRECTORY_ENTRY>& found);
 
-    // Sends a search for the entry with that DN whose answer is not waited for here. It comes, in whatever call takes
-    // it off the wire, to the receiver, which may send more: the entry, or null when there is none to be had this way.
-    // Result: its number; nothing: it was not sent, since 64 are under way or the connection is of no more use.
-    using RECEIVER = std::function<void(int number, DIRECTORY_ENTRY* entry)>;
-    std::optional<int> ReadAhead(const std::string& dn, const ATTRIBUTE_NAMES& wanted);
+    // Sends a search whose answer is not waited for here. It comes, in whatever call takes it off the wire, to the
+    // receiver, which may send more: the entries, MaxFound at most, or none when it cannot be had this way. Result: its
+    // number; nothing: it was not sent, since 64 are under way or the connection is of no more use.
+    using RECEIVER = std::function<void(int number, std::vector<DIRECTORY_ENTRY>& found)>;
+    std::optional<int> SearchAhead(const std::string& base, SCOPE scope, const std::string& filter,
+                                   const ATTRIBUTE_NAMES& wanted);
     void SendAnswersTo(RECEIVER to);  // null: those still to come are dropped
     bool ReadsAhead() const { return receiver != nullptr; }
 

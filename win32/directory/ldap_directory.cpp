@@ -79,7 +79,8 @@ public:
     HRESULT Find(const std::string& base, const char* attribute, const std::string& value,
                  const ATTRIBUTE_NAMES& wanted, std::vector<DIRECTORY_ENTRY>& found) override {
         const std::string filter = "(" + std::string(attribute) + "=" + FilterText(value) + ")";
-        isWide = LOOK_AHEAD::WillBeOpened(base + filter) && LOOK_AHEAD::Covers(wanted);
+        if (LOOK_AHEAD::IsFoundAlready(key, base + filter, found) && LOOK_AHEAD::Covers(wanted)) return S_OK;
+        isWide = LOOK_AHEAD::FindsObjects() && LOOK_AHEAD::Covers(wanted);
         const HRESULT result = Ask([&](OPEN_CONNECTION& asked) {
             const auto search = [&](const ATTRIBUTE_NAMES& names) {
                 return asked.ldap.Search(base, LDAP_CONNECTION::SCOPE::SUBTREE, filter, names, MaxFound, found);
@@ -89,7 +90,7 @@ public:
             isWide = false;
             return search(wanted);
         });
-        if (SUCCEEDED(result) && isWide && found.size() == 1) LOOK_AHEAD::KeepFound(key, found[0]);
+        if (SUCCEEDED(result) && isWide && found.size() == 1) LOOK_AHEAD::KeepFound(key, base + filter, found[0]);
         return result;
     }
 
@@ -207,9 +208,7 @@ HRESULT SearchDomains(LDAP_CONNECTION& connection, std::vector<DIRECTORY_DOMAIN>
     if (FAILED(result)) return result;
     domains.clear();
     for (const DIRECTORY_ENTRY& entry : found)
-        if (!entry.First("nCName").empty())
-            domains.push_back({std::string(entry.First("nCName")), std::string(entry.First("dnsRoot")),
-                               std::string(entry.First("nETBIOSName"))});
+        if (!entry.First("nCName").empty()) domains.emplace_back(entry);
     return S_OK;
 }
 

@@ -220,9 +220,7 @@ bool LDIF_DATA::Add(DIRECTORY_ENTRY entry) {
     for (const char* name : Indexed)
         if (const std::vector<std::string>* values = entry.Values(name))
             for (const std::string& value : *values) byValue.emplace(IndexKey(name, value), entries.size());
-    if (!entry.First("nCName").empty() && !entry.First("nETBIOSName").empty())
-        domains.push_back({std::string(entry.First("nCName")), std::string(entry.First("dnsRoot")),
-                           std::string(entry.First("nETBIOSName"))});
+    if (!entry.First("nCName").empty() && !entry.First("nETBIOSName").empty()) domains.emplace_back(entry);
     entries.push_back(std::move(entry));
     return true;
 }

@@ -5,6 +5,7 @@
 
 #include "win32/directory/directory_text.h"
 #include "win32/security/sid.h"
+#include "win32/sync/file_time.h"
 #include "win32/text/numbers.h"
 
 namespace win32 {
@@ -15,14 +16,23 @@ constexpr size_t MaxKeptBytes = size_t{16} << 20;  // by one report; a server ma
 constexpr size_t MaxDnBytes = 4096;                // longer ones are not asked for either
 constexpr size_t BytesOfReading = 256;             // beside its texts, about
 constexpr size_t MaxSent = 63;                     // one less than a connection takes: the next question may be another
-constexpr size_t MaxSentBytes = 16384;             // of their DNs: a server that sends much reads little meanwhile
+constexpr size_t MaxSentBytes = 16384;             // of them: a server that sends much reads little meanwhile
+constexpr size_t MaxBatch = 32;                    // groups found with one search
+constexpr unsigned UsualLevels = 3;                // of groups in one another
+constexpr size_t FewGroups = 4;                    // at such a level
+constexpr const char* AllGroups = "tokenGroups";   // an object's security groups and theirs, as binary SIDs
+
+constexpr unsigned MaxNotOpened = 4;               // of a report one name is opened, others are not
+constexpr std::chrono::seconds ServesAgainFor{1};  // longer than a report has between its first two questions
 
 // A report's questions come from one thread.
 struct THREAD_REPORT {
-    std::string lastName;
-    bool opens = true;  // what it found by name
+    unsigned notOpened = MaxNotOpened;  // names that were found with their objects, in a row
     std::shared_ptr<LOOK_AHEAD> found;
+    std::string foundName;  // empty: it has served a second time
+    std::chrono::milliseconds foundAt{};
     std::weak_ptr<LOOK_AHEAD> held;
+    bool isDeep = false;  // the last one that asked for groups, by their nesting
 };
 thread_local THREAD_REPORT report;
 
@@ -44,6 +54,19 @@ std::string PrimaryGroupSid(const DIRECTORY_ENTRY& object) {
     return sid;
 }
 
+// Finds what has one of their SIDs, which are hexadecimal digits in their names.
+template <class BATCH>
+std::string FilterOf(const BATCH& batch) {
+    std::string filter = "(|";
+    for (const auto* const reading : batch) {
+        filter += "(objectSid=";
+        for (size_t at = reading->sid.find('=') + 1; at + 2 < reading->sid.size(); at += 2)
+            filter += '\\' + reading->sid.substr(at, 2);
+        filter += ')';
+    }
+    return filter + ')';
+}
+
 }  // namespace
 
 const ATTRIBUTE_NAMES LOOK_AHEAD::Attributes{"sAMAccountName", "objectSid", "memberOf", "primaryGroupID"};
@@ -60,17 +83,26 @@ LOOK_AHEAD::~LOOK_AHEAD() {
     if (connection) LDAP_POOL::Current().GiveBack(key, std::move(connection));
 }
 
-bool LOOK_AHEAD::WillBeOpened(const std::string& name) {
-    if (std::exchange(report.found, nullptr)) report.opens = false;
-    const bool isAgain = report.lastName == name;
-    report.lastName = name;
-    return isAgain && report.opens && !IsHeld();
-}
+bool LOOK_AHEAD::FindsObjects() { return report.notOpened < MaxNotOpened && !IsHeld(); }
 
-void LOOK_AHEAD::KeepFound(const std::string& key, const DIRECTORY_ENTRY& entry) {
+void LOOK_AHEAD::KeepFound(const std::string& key, const std::string& name, const DIRECTORY_ENTRY& entry) {
+    ++report.notOpened;
     if (IsPart(entry) || entry.Bytes() > MaxKeptBytes) return;
     report.found = std::make_shared<LOOK_AHEAD>(key);
     report.found->given = entry;
+    report.foundName = name;
+    report.foundAt = Uptime();
+}
+
+bool LOOK_AHEAD::IsFoundAlready(const std::string& key, const std::string& name, std::vector<DIRECTORY_ENTRY>& found) {
+    const bool isSame = report.found && report.found->key == key && report.foundName == name &&
+                        Uptime() - report.foundAt < ServesAgainFor;
+    report.foundName.clear();
+    if (isSame)
+        found.assign(1, report.found->given);
+    else
+        report.found.reset();
+    return isSame;
 }
 
 bool LOOK_AHEAD::IsHeld() { return !report.held.expired(); }
@@ -81,8 +113,7 @@ std::shared_ptr<LOOK_AHEAD> LOOK_AHEAD::Open(const std::string& key) {
 }
 
 std::shared_ptr<LOOK_AHEAD> LOOK_AHEAD::OpenOrFound(const std::string& key, const std::string& dn) {
-    report.lastName.clear();
-    report.opens = true;
+    report.notOpened = 0;
     const std::shared_ptr<LOOK_AHEAD> found = std::exchange(report.found, nullptr);
     if (IsHeld()) return Open(key);
     return found && found->key == key && found->given.dn == dn ? found : nullptr;
@@ -93,41 +124,52 @@ void LOOK_AHEAD::Hold(const std::shared_ptr<LOOK_AHEAD>& held) { report.held = h
 HRESULT LOOK_AHEAD::Take(OPEN_CONNECTION& asked, const std::string& dn, DIRECTORY_ENTRY& entry) {
     if (dn.empty()) return S_FALSE;
     if (dn != givenFor && dn != given.dn) {
-        READINGS::value_type* const known = Add(dn);
-        if (known == nullptr) return S_FALSE;
-        READING& reading = known->second;
-        const bool isReading = &asked == readsOn;
-        if (reading.state == READING::STATE::WAITING && (!isReading || !Send(*known)))
-            reading.state = READING::STATE::OVER;
-        if (reading.state == READING::STATE::SENT && isReading) {
-            const HRESULT result = asked.ldap.Await(reading.number);
-            if (FAILED(result)) return result;
-        }
-        if (reading.state != READING::STATE::ARRIVED) return S_FALSE;
-        reading.state = READING::STATE::OVER;
-        bytes -= std::exchange(reading.bytes, 0);
+        READING* const reading = Add(dn, {}, {}, 0);
+        if (reading == nullptr) return S_FALSE;
+        const HRESULT result = AwaitReading(asked, *reading);
+        if (FAILED(result)) return result;
+        if (reading->state != READING::STATE::ARRIVED) return S_FALSE;
+        reading->state = READING::STATE::OVER;
+        bytes -= std::exchange(reading->bytes, 0);
         givenFor = dn;
-        given = std::exchange(reading.entry, {});
+        given = std::exchange(reading->entry, {});
     }
     entry = given;
     return S_OK;
 }
 
+// What waits behind others is sent by itself: the caller wants it now.
+HRESULT LOOK_AHEAD::AwaitReading(OPEN_CONNECTION& asked, READING& reading) {
+    const bool isReading = &asked == readsOn;
+    if (isReading && reading.state == READING::STATE::WAITING && allGroups) {
+        const HRESULT result = asked.ldap.Await(*allGroups);
+        if (FAILED(result)) return result;
+    }
+    if (reading.state == READING::STATE::WAITING && (!isReading || !Send({&reading})))
+        reading.state = READING::STATE::OVER;
+    return isReading && reading.state == READING::STATE::SENT ? asked.ldap.Await(reading.number) : S_OK;
+}
+
 void LOOK_AHEAD::Expect(OPEN_CONNECTION& asked, const DIRECTORY_ENTRY& object) {
     if (readsOn == nullptr && !isStopped) {
         readsOn = &asked;
-        asked.ldap.SendAnswersTo([this](int number, DIRECTORY_ENTRY* entry) { Arrived(number, entry); });
+        asked.ldap.SendAnswersTo([this](int number, std::vector<DIRECTORY_ENTRY>& found) { Arrived(number, found); });
     }
     if (readsOn != &asked) return;
-    AddGroupsOf(object);
+    const bool isFirst = readings.empty();
+    if (isFirst) opened = object.dn;
+    AddGroupsOf(object, 1);
     SendWaiting();
+    if (isFirst && std::exchange(report.isDeep, false)) AskForAllGroups();
 }
 
 void LOOK_AHEAD::Stop() {
     isStopped = true;
     if (readsOn != nullptr) std::exchange(readsOn, nullptr)->ldap.SendAnswersTo(nullptr);
-    for (const auto& [number, reading] : sent) reading->second.state = READING::STATE::OVER;
+    for (const auto& [number, search] : sent)
+        for (READING* const reading : search.batch) reading->state = READING::STATE::OVER;
     sent.clear();
+    allGroups.reset();
     sentBytes = 0;
 }
 
@@ -137,55 +179,143 @@ bool LOOK_AHEAD::GiveBack(CONNECTION& used) {
     return true;
 }
 
-LOOK_AHEAD::READINGS::value_type* LOOK_AHEAD::Add(const std::string& dn) {
-    if (const auto known = readings.find(dn); known != readings.end()) return &*known;
-    if (dn.size() > MaxDnBytes || bytes + dn.size() + BytesOfReading > MaxKeptBytes) return nullptr;
+// The reading of that name or that SID, which is made if there is none yet. Null: it would be too much.
+LOOK_AHEAD::READING* LOOK_AHEAD::Add(const std::string& dn, const std::string& sid, std::string_view domain,
+                                     unsigned level) {
+    if (const auto known = names.find(dn); known != names.end()) return known->second;
+    if (dn.empty() || dn.size() > MaxDnBytes || bytes + dn.size() + BytesOfReading > MaxKeptBytes) return nullptr;
     bytes += dn.size() + BytesOfReading;
-    READINGS::value_type* const added = &*readings.try_emplace(dn).first;
-    waiting.push_back(added);
-    return added;
+    READING* reading = nullptr;
+    if (const auto known = names.find(sid); !sid.empty() && known != names.end()) reading = known->second;
+    if (reading == nullptr) {
+        reading = &readings.emplace_back();
+        reading->dn = dn;
+        reading->sid = sid;
+        reading->domain = domain;
+        reading->level = level;
+        waiting.push_back(reading);
+        if (!sid.empty()) names[sid] = reading;
+    }
+    return names[dn] = reading;
 }
 
-void LOOK_AHEAD::AddGroupsOf(const DIRECTORY_ENTRY& object) {
+void LOOK_AHEAD::AddGroupsOf(const DIRECTORY_ENTRY& object, unsigned level) {
     const std::string sid = PrimaryGroupSid(object);
-    if (!sid.empty()) Add(SidDn(sid));
-    if (const std::vector<std::string>* const groups = object.Values("memberOf"))
-        for (const std::string& dn : *groups) Add(dn);
+    if (!sid.empty()) Add(SidDn(sid), SidDn(sid), DomainPart(object.dn), level);
+    const std::vector<std::string>* const groups = object.Values("memberOf");
+    for (size_t i = 0; groups != nullptr && i < groups->size(); ++i) {
+        const std::string& dn = (*groups)[i];
+        Add(dn, i < object.groupSids.size() ? object.groupSids[i] : std::string(), DomainPart(dn), level);
+    }
 }
 
-bool LOOK_AHEAD::Send(READINGS::value_type& reading) {
-    const std::optional<int> number = readsOn->ldap.ReadAhead(reading.first, Attributes);
+// The first that waits and, if it is found by its SID, those after it that are found so below the same DN.
+LOOK_AHEAD::BATCH LOOK_AHEAD::NextBatch() {
+    BATCH batch;
+    for (; !waiting.empty() && batch.size() < MaxBatch; waiting.pop_front()) {
+        READING& next = *waiting.front();
+        if (next.state != READING::STATE::WAITING) continue;
+        const bool fits = !next.sid.empty() && !next.domain.empty();
+        if (!batch.empty() && (!fits || next.domain != batch[0]->domain)) break;
+        batch.push_back(&next);
+        if (fits) continue;
+        waiting.pop_front();
+        break;
+    }
+    return batch;
+}
+
+bool LOOK_AHEAD::Send(const BATCH& batch) {
+    const bool isOne = batch.size() == 1;
+    const std::string& base = isOne ? batch[0]->dn : batch[0]->domain;
+    const std::string filter = isOne ? AnyEntry : FilterOf(batch);
+    const auto scope = isOne ? LDAP_CONNECTION::SCOPE::BASE : LDAP_CONNECTION::SCOPE::SUBTREE;
+    const std::optional<int> number = readsOn->ldap.SearchAhead(base, scope, filter, Attributes);
     if (!number) return false;
-    reading.second.state = READING::STATE::SENT;
-    reading.second.number = *number;
-    sent[*number] = &reading;
-    sentBytes += reading.first.size();
+    for (READING* const reading : batch) {
+        reading->state = READING::STATE::SENT;
+        reading->number = *number;
+    }
+    sent[*number] = {batch, base.size() + filter.size()};
+    sentBytes += sent[*number].bytes;
     return true;
 }
 
 void LOOK_AHEAD::SendWaiting() {
-    while (!waiting.empty() && sent.size() < MaxSent && sentBytes < MaxSentBytes && bytes < MaxKeptBytes) {
-        if (waiting.front()->second.state == READING::STATE::WAITING && !Send(*waiting.front())) break;
-        waiting.pop_front();
+    while (!allGroups && sent.size() < MaxSent && sentBytes < MaxSentBytes && bytes < MaxKeptBytes) {
+        const BATCH batch = NextBatch();
+        if (batch.empty()) break;
+        if (Send(batch)) continue;
+        waiting.insert(waiting.begin(), batch.begin(), batch.end());
+        break;
     }
 }
 
-void LOOK_AHEAD::Arrived(int number, DIRECTORY_ENTRY* entry) {
+void LOOK_AHEAD::Arrived(int number, std::vector<DIRECTORY_ENTRY>& found) {
+    if (number == allGroups) {
+        allGroups.reset();
+        AddAllGroups(found);
+        SendWaiting();
+        return;
+    }
     const auto answered = sent.find(number);
     if (answered == sent.end()) return;  // asked for by a report before this one
-    READING& reading = answered->second->second;
-    sentBytes -= answered->second->first.size();
+    const SEARCH search = std::move(answered->second);
     sent.erase(answered);
-    reading.state = READING::STATE::OVER;
-    const size_t size = entry != nullptr ? entry->Bytes() : 0;
-    if (entry != nullptr && !IsPart(*entry) && bytes + size <= MaxKeptBytes) {
-        AddGroupsOf(*entry);
-        bytes += size;
-        reading.bytes = size;
-        reading.entry = std::move(*entry);
-        reading.state = READING::STATE::ARRIVED;
+    sentBytes -= search.bytes;
+    for (READING* const reading : search.batch) reading->state = READING::STATE::OVER;
+    for (DIRECTORY_ENTRY& entry : found) {
+        READING* const reading = AnsweredBy(entry, search.batch);
+        if (reading != nullptr) Keep(*reading, entry);
     }
+    const bool isNestedDeeply = IsNestedDeeply();
     SendWaiting();
+    if (isNestedDeeply) AskForAllGroups();
+}
+
+// Null: it was not asked for, or has come already.
+LOOK_AHEAD::READING* LOOK_AHEAD::AnsweredBy(const DIRECTORY_ENTRY& entry, const BATCH& batch) const {
+    READING* reading = batch[0];
+    if (batch.size() > 1) {
+        const auto known = names.find(SidDn(entry.First("objectSid")));
+        if (known == names.end()) return nullptr;
+        reading = known->second;
+        const bool isNamed = reading->dn == entry.dn || reading->dn == reading->sid;
+        if (!isNamed || reading->number != batch[0]->number) return nullptr;
+    }
+    return reading->state == READING::STATE::OVER ? reading : nullptr;
+}
+
+void LOOK_AHEAD::Keep(READING& reading, DIRECTORY_ENTRY& entry) {
+    const size_t size = entry.Bytes() + entry.dn.size();
+    if (IsPart(entry) || bytes + size > MaxKeptBytes) return;
+    AddGroupsOf(entry, reading.level + 1);
+    names.try_emplace(entry.dn, &reading);
+    bytes += size;
+    reading.bytes = size;
+    reading.entry = std::move(entry);
+    reading.state = READING::STATE::ARRIVED;
+}
+
+// Whether the last answer is all that was waited for, and what it leads to is a little more, once more.
+bool LOOK_AHEAD::IsNestedDeeply() const {
+    return sent.empty() && !waiting.empty() && waiting.size() <= FewGroups && waiting.front()->level > UsualLevels;
+}
+
+void LOOK_AHEAD::AskForAllGroups() {
+    if (opened.empty()) return;
+    below = DomainPart(opened);
+    allGroups =
+        readsOn->ldap.SearchAhead(std::exchange(opened, {}), LDAP_CONNECTION::SCOPE::BASE, AnyEntry, {AllGroups});
+}
+
+void LOOK_AHEAD::AddAllGroups(const std::vector<DIRECTORY_ENTRY>& found) {
+    const std::vector<std::string>* const sids = found.empty() ? nullptr : found[0].Values(AllGroups);
+    if (sids == nullptr) return;
+    const size_t known = readings.size();
+    for (const std::string& sid : *sids)
+        if (SID_VALUE::FromBytes(sid)) Add(SidDn(sid), SidDn(sid), below, 1);
+    report.isDeep = readings.size() - known > UsualLevels;
 }
 
 }  // namespace win32

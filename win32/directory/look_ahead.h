@@ -1,9 +1,14 @@
 // What a report will ask of a server next, fetched before it is asked for.
 //
 // The order of the questions is given: a user's name, the same name again, the user's object and, while that is held,
-// the name and the object of each group, every group followed at once by its own. So a name that is asked for twice in
-// a row will be opened, and its second answer brings the object; and the groups of an object that is opened are read
-// many at once, then theirs.
+// the name and the object of each group, every group followed at once by its own. So a name is found with its object,
+// as long as names that were found are opened, and serves these three questions; and the groups of an object that is
+// opened are read many at once, then theirs.
+//
+// Those whose SIDs the server has told are found by these, up to 32 with one search: a search costs a domain controller
+// as much as a few entries of it. Where groups are nested deeper than most are, each level would be known only when the
+// one before it has arrived; there the server is asked for the SIDs of all that the user belongs to, and if that has
+// paid for one report, at once for the next.
 //
 // An answer serves one report: it is dropped with the object that led to it or, before there is one, with the next
 // question. What does not arrive this way, or arrives as a failure, is asked for by itself, as if nothing had been
@@ -32,11 +37,14 @@ public:
 
     // ---- What this thread's report has asked ----
 
-    // Whether the name is the one that was asked for last, too. False after names were found with their objects and
-    // these not opened, until an object is opened. Drops what was found before it.
-    static bool WillBeOpened(const std::string& name);
-    // The entry was found in the answer to that; it serves the next question only.
-    static void KeepFound(const std::string& key, const DIRECTORY_ENTRY& entry);
+    // Whether names are to be found with their objects: an object has been opened, and names have not been found in
+    // vain too often since.
+    static bool FindsObjects();
+    // The entry, with its object, is the one that the name means. It serves the next question and, if that is for the
+    // same name, the one after that.
+    static void KeepFound(const std::string& key, const std::string& name, const DIRECTORY_ENTRY& entry);
+    // Whether that is so, a moment ago; gives the entry.
+    static bool IsFoundAlready(const std::string& key, const std::string& name, std::vector<DIRECTORY_ENTRY>& found);
     static bool IsHeld();
     // The one whose objects are held, or null.
     static std::shared_ptr<LOOK_AHEAD> Open(const std::string& key);
@@ -65,29 +73,48 @@ public:
 private:
     struct READING {
         enum class STATE { WAITING, SENT, ARRIVED, OVER } state = STATE::WAITING;
-        int number = 0;         // while it is SENT
+        std::string dn;         // as it was named first: a DN, or SidDn of a group that is known by its SID alone
+        std::string sid;        // SidDn; empty: not known
+        std::string domain;     // the DN below which it is found by its SID
+        unsigned level = 0;     // how many searches one after another led to it
+        int number = 0;         // of its search, while it is SENT
         DIRECTORY_ENTRY entry;  // when it has ARRIVED
         size_t bytes = 0;       // its
     };
-    using READINGS = std::unordered_map<std::string, READING>;
+    using BATCH = std::vector<READING*>;  // what one search is to bring
+    struct SEARCH {
+        BATCH batch;
+        size_t bytes;  // of its question
+    };
 
-    READINGS::value_type* Add(const std::string& dn);  // null: it would be too much
-    void AddGroupsOf(const DIRECTORY_ENTRY& object);
-    bool Send(READINGS::value_type& reading);
+    READING* Add(const std::string& dn, const std::string& sid, std::string_view domain, unsigned level);
+    void AddGroupsOf(const DIRECTORY_ENTRY& object, unsigned level);
+    BATCH NextBatch();
+    bool Send(const BATCH& batch);
     void SendWaiting();
-    void Arrived(int number, DIRECTORY_ENTRY* entry);
+    void Arrived(int number, std::vector<DIRECTORY_ENTRY>& found);
+    READING* AnsweredBy(const DIRECTORY_ENTRY& entry, const BATCH& batch) const;
+    void Keep(READING& reading, DIRECTORY_ENTRY& entry);
+    bool IsNestedDeeply() const;
+    void AskForAllGroups();
+    void AddAllGroups(const std::vector<DIRECTORY_ENTRY>& found);
+    HRESULT AwaitReading(OPEN_CONNECTION& asked, READING& reading);
 
     const std::string key;
     CONNECTION connection;
     OPEN_CONNECTION* readsOn = nullptr;
     bool isStopped = false;
-    std::string givenFor;   // the DN that was asked for last
-    DIRECTORY_ENTRY given;  // and what was answered: an object follows its name
-    READINGS readings;      // by DN, each once
-    std::deque<READINGS::value_type*> waiting;
-    std::unordered_map<int, READINGS::value_type*> sent;
-    size_t sentBytes = 0;  // of the DNs of what is sent
-    size_t bytes = 0;      // of what is kept
+    std::string givenFor;                             // the DN that was asked for last
+    DIRECTORY_ENTRY given;                            // and what was answered: an object follows its name
+    std::deque<READING> readings;                     // each once
+    std::unordered_map<std::string, READING*> names;  // DNs and SidDns
+    std::deque<READING*> waiting;
+    std::unordered_map<int, SEARCH> sent;
+    std::string opened;  // the DN of the object that was opened first; empty: all its groups have been asked for
+    std::optional<int> allGroups;  // the search for their SIDs, while it is under way
+    std::string below;             // the part of that DN below which these are found
+    size_t sentBytes = 0;          // of the questions that are sent
+    size_t bytes = 0;              // of what is kept
 };
 
 }  // namespace win32

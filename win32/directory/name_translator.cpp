@@ -49,8 +49,7 @@ public:
 
 private:
     HRESULT ByDn(const std::string& name, DIRECTORY_ACCOUNT& account) {
-        const auto components = SplitDn(name);
-        if (!components || components->empty()) return DirectoryNotFound;
+        if (!IsDn(name)) return DirectoryNotFound;
         return Take(directory.Read(name, wanted, account.entry), account);
     }
 
@@ -126,10 +125,10 @@ private:
         const DIRECTORY_DOMAIN* innermost = nullptr;
         size_t depth = 0;
         for (const DIRECTORY_DOMAIN& domain : domains) {
-            const auto base = SplitDn(domain.dn);
-            if (!components || !base || base->size() <= depth || !IsAtOrBelow(*components, *base)) continue;
+            const std::vector<std::string>& base = domain.components;
+            if (!components || base.size() <= depth || !IsAtOrBelow(*components, base)) continue;
             innermost = &domain;
-            depth = base->size();
+            depth = base.size();
         }
         return innermost;
     }

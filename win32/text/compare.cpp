@@ -156,6 +156,6 @@ int WINAPI LCMapStringW(LCID, DWORD flags, LPCWSTR text, int units, LPWSTR key, 
 
 LCID WINAPI GetThreadLocale() {
     constexpr LCID usEnglish = 0x0409;
-    const LCID locale = uloc_getLCID(UserLocale().c_str());
+    static const LCID locale = uloc_getLCID(UserLocale().c_str());
     return locale != 0 ? locale : usEnglish;
 }
