@@ -17,7 +17,8 @@ constexpr size_t MaxDnBytes = 4096;                // longer ones are not asked 
 constexpr size_t BytesOfReading = 256;             // beside its texts, about
 constexpr size_t MaxSent = 63;                     // one less than a connection takes: the next question may be another
 constexpr size_t MaxSentBytes = 16384;             // of them: a server that sends much reads little meanwhile
-constexpr size_t MaxBatch = 32;                    // groups found with one search
+constexpr size_t MaxBatch = 32;                    // groups found with one search; twice as many are under way
+constexpr size_t FirstBatch = 8;                   // with the first of several: the sooner there is work on some
 constexpr unsigned UsualLevels = 3;                // of groups in one another
 constexpr size_t FewGroups = 4;                    // at such a level
 constexpr const char* AllGroups = "tokenGroups";   // an object's security groups and theirs, as binary SIDs
@@ -124,7 +125,7 @@ void LOOK_AHEAD::Hold(const std::shared_ptr<LOOK_AHEAD>& held) { report.held = h
 HRESULT LOOK_AHEAD::Take(OPEN_CONNECTION& asked, const std::string& dn, DIRECTORY_ENTRY& entry) {
     if (dn.empty()) return S_FALSE;
     if (dn != givenFor && dn != given.dn) {
-        READING* const reading = Add(dn, {}, {}, 0);
+        READING* const reading = Add(dn, {}, {}, 0, nullptr);
         if (reading == nullptr) return S_FALSE;
         const HRESULT result = AwaitReading(asked, *reading);
         if (FAILED(result)) return result;
@@ -170,7 +171,7 @@ void LOOK_AHEAD::Stop() {
         for (READING* const reading : search.batch) reading->state = READING::STATE::OVER;
     sent.clear();
     allGroups.reset();
-    sentBytes = 0;
+    sentBytes = sentReadings = 0;
 }
 
 bool LOOK_AHEAD::GiveBack(CONNECTION& used) {
@@ -179,9 +180,9 @@ bool LOOK_AHEAD::GiveBack(CONNECTION& used) {
     return true;
 }
 
-// The reading of that name or that SID, which is made if there is none yet. Null: it would be too much.
+// The reading of that name or that SID, which is made, and `added`, if there is none yet. Null: it would be too much.
 LOOK_AHEAD::READING* LOOK_AHEAD::Add(const std::string& dn, const std::string& sid, std::string_view domain,
-                                     unsigned level) {
+                                     unsigned level, BATCH* added) {
     if (const auto known = names.find(dn); known != names.end()) return known->second;
     if (dn.empty() || dn.size() > MaxDnBytes || bytes + dn.size() + BytesOfReading > MaxKeptBytes) return nullptr;
     bytes += dn.size() + BytesOfReading;
@@ -193,26 +194,30 @@ LOOK_AHEAD::READING* LOOK_AHEAD::Add(const std::string& dn, const std::string& s
         reading->sid = sid;
         reading->domain = domain;
         reading->level = level;
-        waiting.push_back(reading);
         if (!sid.empty()) names[sid] = reading;
+        if (added != nullptr) added->push_back(reading);
     }
     return names[dn] = reading;
 }
 
+// They go before what waits: an object's groups are asked for before those beside it.
 void LOOK_AHEAD::AddGroupsOf(const DIRECTORY_ENTRY& object, unsigned level) {
+    BATCH added;
     const std::string sid = PrimaryGroupSid(object);
-    if (!sid.empty()) Add(SidDn(sid), SidDn(sid), DomainPart(object.dn), level);
+    if (!sid.empty()) Add(SidDn(sid), SidDn(sid), DomainPart(object.dn), level, &added);
     const std::vector<std::string>* const groups = object.Values("memberOf");
     for (size_t i = 0; groups != nullptr && i < groups->size(); ++i) {
         const std::string& dn = (*groups)[i];
-        Add(dn, i < object.groupSids.size() ? object.groupSids[i] : std::string(), DomainPart(dn), level);
+        Add(dn, i < object.groupSids.size() ? object.groupSids[i] : std::string(), DomainPart(dn), level, &added);
     }
+    waiting.insert(waiting.begin(), added.begin(), added.end());
 }
 
 // The first that waits and, if it is found by its SID, those after it that are found so below the same DN.
 LOOK_AHEAD::BATCH LOOK_AHEAD::NextBatch() {
+    const size_t limit = sent.empty() && waiting.size() > MaxBatch ? FirstBatch : MaxBatch;
     BATCH batch;
-    for (; !waiting.empty() && batch.size() < MaxBatch; waiting.pop_front()) {
+    for (; !waiting.empty() && batch.size() < limit; waiting.pop_front()) {
         READING& next = *waiting.front();
         if (next.state != READING::STATE::WAITING) continue;
         const bool fits = !next.sid.empty() && !next.domain.empty();
@@ -238,11 +243,13 @@ bool LOOK_AHEAD::Send(const BATCH& batch) {
     }
     sent[*number] = {batch, base.size() + filter.size()};
     sentBytes += sent[*number].bytes;
+    sentReadings += batch.size();
     return true;
 }
 
 void LOOK_AHEAD::SendWaiting() {
-    while (!allGroups && sent.size() < MaxSent && sentBytes < MaxSentBytes && bytes < MaxKeptBytes) {
+    while (!allGroups && sent.size() < MaxSent && sentReadings - sent.size() < MaxBatch && sentBytes < MaxSentBytes &&
+           bytes < MaxKeptBytes) {
         const BATCH batch = NextBatch();
         if (batch.empty()) break;
         if (Send(batch)) continue;
@@ -263,11 +270,14 @@ void LOOK_AHEAD::Arrived(int number, std::vector<DIRECTORY_ENTRY>& found) {
     const SEARCH search = std::move(answered->second);
     sent.erase(answered);
     sentBytes -= search.bytes;
+    sentReadings -= search.batch.size();
     for (READING* const reading : search.batch) reading->state = READING::STATE::OVER;
     for (DIRECTORY_ENTRY& entry : found) {
         READING* const reading = AnsweredBy(entry, search.batch);
         if (reading != nullptr) Keep(*reading, entry);
     }
+    for (auto reading = search.batch.rbegin(); reading != search.batch.rend(); ++reading)
+        if ((*reading)->state == READING::STATE::ARRIVED) AddGroupsOf((*reading)->entry, (*reading)->level + 1);
     const bool isNestedDeeply = IsNestedDeeply();
     SendWaiting();
     if (isNestedDeeply) AskForAllGroups();
@@ -289,7 +299,6 @@ LOOK_AHEAD::READING* LOOK_AHEAD::AnsweredBy(const DIRECTORY_ENTRY& entry, const 
 void LOOK_AHEAD::Keep(READING& reading, DIRECTORY_ENTRY& entry) {
     const size_t size = entry.Bytes() + entry.dn.size();
     if (IsPart(entry) || bytes + size > MaxKeptBytes) return;
-    AddGroupsOf(entry, reading.level + 1);
     names.try_emplace(entry.dn, &reading);
     bytes += size;
     reading.bytes = size;
@@ -312,10 +321,11 @@ void LOOK_AHEAD::AskForAllGroups() {
 void LOOK_AHEAD::AddAllGroups(const std::vector<DIRECTORY_ENTRY>& found) {
     const std::vector<std::string>* const sids = found.empty() ? nullptr : found[0].Values(AllGroups);
     if (sids == nullptr) return;
-    const size_t known = readings.size();
+    BATCH added;
     for (const std::string& sid : *sids)
-        if (SID_VALUE::FromBytes(sid)) Add(SidDn(sid), SidDn(sid), below, 1);
-    report.isDeep = readings.size() - known > UsualLevels;
+        if (SID_VALUE::FromBytes(sid)) Add(SidDn(sid), SidDn(sid), below, 1, &added);
+    waiting.insert(waiting.end(), added.begin(), added.end());
+    report.isDeep = added.size() > UsualLevels;
 }
 
 }  // namespace win32

@@ -87,7 +87,7 @@ private:
         size_t bytes;  // of its question
     };
 
-    READING* Add(const std::string& dn, const std::string& sid, std::string_view domain, unsigned level);
+    READING* Add(const std::string& dn, const std::string& sid, std::string_view domain, unsigned level, BATCH* added);
     void AddGroupsOf(const DIRECTORY_ENTRY& object, unsigned level);
     BATCH NextBatch();
     bool Send(const BATCH& batch);
@@ -113,6 +113,7 @@ private:
     std::string opened;  // the DN of the object that was opened first; empty: all its groups have been asked for
     std::optional<int> allGroups;  // the search for their SIDs, while it is under way
     std::string below;             // the part of that DN below which these are found
+    size_t sentReadings = 0;       // of all searches
     size_t sentBytes = 0;          // of the questions that are sent
     size_t bytes = 0;              // of what is kept
 };
