@@ -128,7 +128,7 @@ TEST(DirectoryText, ExtendedDnsAndDomains) {
     }
     const std::pair<std::string, std::string> domains[] = {{"CN=A,OU=B,DC=c,DC=d", "DC=c,DC=d"},
                                                            {"dc=c", "dc=c"},
-                                                           {"CN=A\\,DC=b,dc=C", "dc=C"},
+                                                           {"CN=A\\,DC=b\\\\,dc=C", "dc=C"},
                                                            {"CN=aDC=b", ""},
                                                            {"CN=A,DC", ""},
                                                            {"", ""}};

@@ -107,9 +107,11 @@ EXTENDED_DN ParseExtendedDn(std::string_view text) {
 }
 
 std::string_view DomainPart(std::string_view dn) {
+    bool begins = true;
     for (size_t at = 0; at < dn.size(); ++at) {
-        const bool begins = at == 0 || (dn[at - 1] == ',' && (at == 1 || dn[at - 2] != '\\'));
         if (begins && LowerName(dn.substr(at, 3)) == "dc=") return dn.substr(at);
+        begins = dn[at] == ',';
+        if (dn[at] == '\\') ++at;  // what follows stands for itself
     }
     return {};
 }
