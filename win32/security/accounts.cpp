@@ -76,9 +76,9 @@ std::u16string ComputerName() {
 
 SID_VALUE UserSid(uid_t user) {
     if (user > MaxMappedId) return {UnixAuthority, {UnixUsers, user}};
-    std::vector<DWORD> subs = MachineSid().Subs();
-    subs.push_back(FirstRelativeId + user * 2);
-    return {NtAuthority, subs};
+    SID_VALUE sid = MachineSid();
+    sid.Append(FirstRelativeId + user * 2);
+    return sid;
 }
 
 std::optional<ACCOUNT> FindAccount(const SID_VALUE& sid) {

@@ -23,7 +23,6 @@ struct SID_HEADER {
 static_assert(sizeof(SID_HEADER) == 8);
 
 constexpr BYTE SidRevision = 1;
-constexpr BYTE MaxSubAuthorities = 15;
 constexpr int AuthorityDigits = 12;  // of an authority that is written in hexadecimal
 
 size_t LengthOf(const SID_HEADER& header) { return sizeof(header) + header.count * sizeof(DWORD); }
@@ -40,16 +39,20 @@ bool TakeAuthority(std::string_view& text, uint64_t& authority) {
 
 }  // namespace
 
+SID_VALUE::SID_VALUE(uint64_t identifierAuthority, std::initializer_list<DWORD> subAuthorities)
+    : authority(identifierAuthority) {
+    for (const DWORD sub : subAuthorities) Append(sub);
+}
+
 std::optional<SID_VALUE> SID_VALUE::At(const void* sid) {
     if (sid == nullptr) return std::nullopt;
     SID_HEADER header;
     memcpy(&header, sid, sizeof(header));
-    if (header.revision != SidRevision || header.count > MaxSubAuthorities) return std::nullopt;
+    if (header.revision != SidRevision || header.count > MaxSubs) return std::nullopt;
     SID_VALUE value;
     for (const BYTE byte : header.authority) value.authority = value.authority << 8 | byte;
-    value.subs.resize(header.count);
-    if (header.count > 0)
-        memcpy(value.subs.data(), static_cast<const BYTE*>(sid) + sizeof(header), header.count * sizeof(DWORD));
+    value.count = header.count;
+    memcpy(value.subs.data(), static_cast<const BYTE*>(sid) + sizeof(header), header.count * sizeof(DWORD));
     return value;
 }
 
@@ -66,22 +69,20 @@ std::optional<SID_VALUE> SID_VALUE::FromText(std::string_view text) {
     if (!text.starts_with(prefix) && !text.starts_with("s-1-")) return std::nullopt;
     text.remove_prefix(prefix.size());
     if (!TakeAuthority(text, value.authority)) return std::nullopt;
-    value.subs.reserve(MaxSubAuthorities);  // a feed reads a SID for each line
     while (!text.empty()) {
         DWORD sub = 0;
-        if (!text.starts_with('-') || value.subs.size() == MaxSubAuthorities) return std::nullopt;
+        if (!text.starts_with('-')) return std::nullopt;
         text.remove_prefix(1);
-        if (!TakeNumber(text, sub)) return std::nullopt;
-        value.subs.push_back(sub);
+        if (!TakeNumber(text, sub) || !value.Append(sub)) return std::nullopt;
     }
     return value;
 }
 
 std::string SID_VALUE::Bytes() const {
-    SID_HEADER header{SidRevision, static_cast<BYTE>(subs.size()), {}};
+    SID_HEADER header{SidRevision, static_cast<BYTE>(count), {}};
     for (int i = 0; i < 6; ++i) header.authority[i] = static_cast<BYTE>(authority >> (40 - 8 * i));
     std::string bytes(reinterpret_cast<const char*>(&header), sizeof(header));
-    return bytes.append(reinterpret_cast<const char*>(subs.data()), subs.size() * sizeof(DWORD));
+    return bytes.append(reinterpret_cast<const char*>(subs.data()), count * sizeof(DWORD));
 }
 
 std::string SID_VALUE::Text() const {
@@ -89,14 +90,20 @@ std::string SID_VALUE::Text() const {
     const char* const format = authority > MAXDWORD ? "S-1-0x%012llX" : "S-1-%llu";
     snprintf(number, sizeof(number), format, static_cast<unsigned long long>(authority));
     std::string text = number;
-    for (const DWORD sub : subs) text += "-" + std::to_string(sub);
+    for (const DWORD sub : Subs()) text += "-" + std::to_string(sub);
     return text;
 }
 
 SID_VALUE SID_VALUE::Domain() const {
     SID_VALUE domain = *this;
-    if (!domain.subs.empty()) domain.subs.pop_back();
+    if (count > 0) domain.subs[--domain.count] = 0;
     return domain;
+}
+
+bool SID_VALUE::Append(DWORD sub) {
+    if (count == MaxSubs) return false;
+    subs[count++] = sub;
+    return true;
 }
 
 }  // namespace win32

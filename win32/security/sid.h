@@ -3,11 +3,13 @@
 
 #include <windows.h>
 
+#include <array>
 #include <cstdint>
+#include <initializer_list>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
-#include <vector>
 
 namespace win32 {
 
@@ -15,9 +17,10 @@ constexpr uint64_t NtAuthority = 5;
 
 class SID_VALUE {
 public:
+    static constexpr size_t MaxSubs = 15;
+
     SID_VALUE() = default;
-    SID_VALUE(uint64_t identifierAuthority, std::vector<DWORD> subAuthorities)
-        : authority(identifierAuthority), subs(std::move(subAuthorities)) {}
+    SID_VALUE(uint64_t identifierAuthority, std::initializer_list<DWORD> subAuthorities);  // MaxSubs at most
 
     // The SID at that address, whose bytes are there as far as it says itself; nothing: null or malformed.
     static std::optional<SID_VALUE> At(const void* sid);
@@ -32,12 +35,16 @@ public:
     // The SID without its last sub-authority: its domain. A SID without sub-authorities stays itself.
     SID_VALUE Domain() const;
 
-    const std::vector<DWORD>& Subs() const { return subs; }
+    // False: it has MaxSubs sub-authorities already.
+    bool Append(DWORD sub);
+
+    std::span<const DWORD> Subs() const { return {subs.data(), count}; }
     bool operator==(const SID_VALUE&) const = default;
 
 private:
     uint64_t authority = 0;
-    std::vector<DWORD> subs;
+    DWORD count = 0;
+    std::array<DWORD, MaxSubs> subs = {};  // 0 where there are none
 };
 
 }  // namespace win32
