@@ -243,6 +243,19 @@ TEST(Record, IsWholeOnlyWhileEachOfItsPartsLiesInsideIt) {
     }
 }
 
+TEST(Record, HoldsItsTextsUpToTheirFirstNul) {
+    using namespace std::string_literals;
+    NEW_EVENT event, cut;
+    event.source = u"Source\0more"s;
+    cut.source = u"Source";
+    event.strings = {u"one"s, u"\0more"s, u"two\0"s, u"three"s};
+    cut.strings = {u"one", u"", u"two", u"three"};
+    event.data = cut.data = {1, 2, 3};
+    BYTES record, wanted;
+    ASSERT_TRUE(BuildRecord(event, record) && BuildRecord(cut, wanted));
+    EXPECT_EQ(wanted, record);
+}
+
 NUMBERS Reversed(const NUMBERS& numbers) { return {numbers.rbegin(), numbers.rend()}; }
 
 class RING : public LOG_TEST {

@@ -68,28 +68,33 @@ bool StringsAreSound(const EVENTLOGRECORD& record, const BYTE* bytes, DWORD end)
     return CountNuls(bytes + record.StringOffset, end - record.StringOffset) >= record.NumStrings;
 }
 
-// Those before the first NUL. That most texts hold none is found out faster than where one stands.
-size_t UnitsOf(const std::u16string& text) {
-    bool ends = false;
-    for (const char16_t unit : text) ends |= unit == 0;
-    return ends ? text.find(u'\0') : text.size();
-}
-
 // Writes into memory that is large enough and all 0.
 class BYTES_WRITER {
 public:
     explicit BYTES_WRITER(BYTES& into) : begin(into.data()), at(into.data() + RecordFixedBytes) {}
 
-    void PutText(const std::u16string& text) {
-        const size_t bytes = 2 * UnitsOf(text);
-        std::memcpy(at, text.data(), bytes);
-        at += bytes + 2;
+    // Up to its first NUL.
+    void PutText(const std::u16string& text) { PutUnits(text, std::min(text.find(u'\0'), text.size())); }
+    // That none of them holds a NUL, as it nearly always is, is found out of all of them at once.
+    void PutTexts(const std::vector<std::u16string>& texts) {
+        BYTE* const first = at;
+        for (const std::u16string& text : texts) PutUnits(text, text.size());
+        const auto bytes = static_cast<size_t>(at - first);
+        if (bytes <= MaxRecordBytes && CountNuls(first, bytes) == texts.size()) return;
+        std::fill(first, at, BYTE{0});
+        at = first;
+        for (const std::u16string& text : texts) PutText(text);
     }
     void Put(const BYTES& bytes) { at = std::copy(bytes.begin(), bytes.end(), at); }
     void Align() { at = begin + (Offset() + 3) / 4 * 4; }
     DWORD Offset() const { return static_cast<DWORD>(at - begin); }
 
 private:
+    void PutUnits(const std::u16string& text, size_t count) {
+        std::memcpy(at, text.data(), 2 * count);
+        at += 2 * count + 2;
+    }
+
     BYTE* const begin;
     BYTE* at;
 };
@@ -141,7 +146,7 @@ bool BuildRecord(const NEW_EVENT& event, BYTES& record) {
     writer.Put(event.sid);
     writer.Align();
     fixed.StringOffset = writer.Offset();
-    for (const std::u16string& text : event.strings) writer.PutText(text);
+    writer.PutTexts(event.strings);
     fixed.DataLength = static_cast<DWORD>(event.data.size());
     fixed.DataOffset = writer.Offset();
     writer.Put(event.data);
