@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 
 #include "tools/feed/samba_audit.h"
+#include "tools/feed/seen_accounts.h"
 #include "tools/feed/shipper_json.h"
 #include "win32/text/utf.h"
 
@@ -159,6 +160,29 @@ TEST(SAMBA_AUDIT, OneLogonIsOneRecord) {
         std::string reason, records;
         for (const std::string& line : lines) records += reader.Read(line, event, reason) == RECORD ? 'R' : '-';
         EXPECT_EQ(wanted, records) << name << reason;
+    }
+}
+
+TEST(SEEN_ACCOUNTS, AFullTableDropsWhatIsOldAndEverythingWhenNothingIs) {
+    constexpr long long Now = 1000, Old = Now - 61, Seconds = 60;
+    const auto place = [](size_t i) { return std::to_string(i) + "$"; };
+    const auto who = [](size_t i) { return win32::SID_VALUE(win32::NtAuthority, {21, static_cast<DWORD>(i)}); };
+    for (const size_t old : {size_t{0}, SEEN_ACCOUNTS::Most - 1000}) {
+        SEEN_ACCOUNTS seen;
+        const auto known = [&](size_t i) { return seen.IsLast(place(i), who(i), i < old ? Old : Now, 0); };
+        for (size_t i = 0; i < SEEN_ACCOUNTS::Most; ++i) seen.Note(place(i), who(i), i < old ? Old : Now, Seconds);
+        size_t all = 0, recent = 0, left = 0;
+        for (size_t i = 0; i < SEEN_ACCOUNTS::Most; ++i) all += known(i);
+        EXPECT_EQ(SEEN_ACCOUNTS::Most, all);
+        EXPECT_FALSE(seen.IsLast(place(1), who(2), Now, Now));
+        seen.Note("new", who(1), Now, Seconds);
+        for (size_t i = 0; i < SEEN_ACCOUNTS::Most; ++i) {
+            left += known(i);
+            recent += i >= old && known(i);
+        }
+        EXPECT_EQ(old == 0 ? 0 : SEEN_ACCOUNTS::Most - old, recent);
+        EXPECT_EQ(recent, left);
+        EXPECT_TRUE(seen.IsLast("new", who(1), Now, 0));
     }
 }
 

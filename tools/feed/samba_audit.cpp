@@ -10,44 +10,28 @@
 #include "win32/text/utf.h"
 
 namespace tools::feed {
+namespace {
+
+constexpr DWORD LogonEvent = 4624;
+constexpr WORD LogonCategory = 12544;  // the audit subcategory Logon
+constexpr std::string_view Anonymous = "S-1-5-7";
+constexpr std::string_view NoGuid = "{00000000-0000-0000-0000-000000000000}";
+
+}  // namespace
 
 // The texts are the line's.
 struct SAMBA_AUDIT::LOGON {
     long long time = 0;  // seconds since 1970, by the audit's clock
-    std::string_view sid, account, domain, type = "3", process, package, workstation, ntlm = "-";
-    std::string id = "0x0", guid, address, port;
+    std::string_view sid, account, domain, type = "3", process, package, workstation, ntlm = "-", guid = NoGuid;
+    std::string id = "0x0", address, port, session;
+    win32::SID_VALUE who;
     bool ownSession = false;  // a session of this account at this address may follow that belongs to it
 
     // One user at an address; a computer's account beside, which opens sessions of its own all the time.
     std::string Key() const { return account.ends_with('$') ? address + '$' : address; }
 };
 
-// What the line says of a logon: the members of the object that is named as its type.
-class SAMBA_AUDIT::AUDIT {
-public:
-    AUDIT(const JSON_FIELDS& ofLine, std::string_view type) : fields(ofLine), name(type) {
-        name += '.';
-        prefix = name.size();
-    }
-    std::string_view Text(std::string_view member) const {
-        name.resize(prefix);
-        name += member;
-        return fields.Text(name);
-    }
-
-private:
-    const JSON_FIELDS& fields;
-    mutable std::string name;
-    size_t prefix;
-};
-
 namespace {
-
-constexpr DWORD LogonEvent = 4624;
-constexpr WORD LogonCategory = 12544;  // the audit subcategory Logon
-constexpr size_t MostSeen = 200000;    // addresses
-constexpr std::string_view Anonymous = "S-1-5-7";
-constexpr const char* NoGuid = "{00000000-0000-0000-0000-000000000000}";
 
 // As a logon ID stands in the lines: hexadecimal digits without a prefix.
 bool IsLogonId(std::string_view text) {
@@ -85,18 +69,19 @@ LINE_READER::RESULT SAMBA_AUDIT::Read(std::string_view line, win32::NEW_EVENT& e
     if (line.empty() || IsLogText(line, indent)) return reason = "no audit line", SKIPPED;
     if (!fields.Read(line, reason)) return UNREADABLE;
     const std::string_view type = fields.Text("type");
-    if (type != "Authentication" && type != "Authorization") return reason = "an audit line of another type", SKIPPED;
+    const bool authenticates = type == "Authentication";
+    if (!authenticates && type != "Authorization") return reason = "an audit line of another type", SKIPPED;
     const auto time = ParseShippedTime(fields.Text("timestamp"));
-    if (!time || fields.Value(type).kind != JSON_KIND::OBJECT) {
+    const JSON_VALUE said = authenticates ? fields.Value("Authentication") : fields.Value("Authorization");
+    if (!time || said.kind != JSON_KIND::OBJECT) {
         reason = time ? "without its fields" : "without a usable time stamp";
         return UNREADABLE;
     }
-    const AUDIT audit(fields, type);
-    LearnOwnAddress(audit);
+    LearnOwnAddress(authenticates ? fields.Text("Authentication.localAddress")
+                                  : fields.Text("Authorization.localAddress"));
     LOGON logon;
     logon.time = *time;
-    const RESULT result =
-        type == "Authentication" ? ReadAuthentication(audit, logon, reason) : ReadAuthorization(audit, logon, reason);
+    const RESULT result = authenticates ? ReadAuthentication(logon, reason) : ReadAuthorization(logon, reason);
     if (result == RECORD) Fill(logon, event);
     return result;
 }
@@ -121,9 +106,8 @@ void SAMBA_AUDIT::Fill(const LOGON& logon, win32::NEW_EVENT& event) {
 }
 
 // The KDC does not say at which of the controller's addresses it was asked; other lines do.
-void SAMBA_AUDIT::LearnOwnAddress(const AUDIT& audit) {
+void SAMBA_AUDIT::LearnOwnAddress(std::string_view local) {
     constexpr size_t mostOwn = 64;
-    const std::string_view local = audit.Text("localAddress");
     if (local == learned) return;
     learned = local;
     std::string address, port;
@@ -132,8 +116,8 @@ void SAMBA_AUDIT::LearnOwnAddress(const AUDIT& audit) {
 
 // From where the client asked. Not null: from nowhere, or from the controller itself, whose services, the agent's
 // look-ups among them, log on at their own machine's address all the time.
-const char* SAMBA_AUDIT::WhyNotFrom(const AUDIT& audit, LOGON& logon) const {
-    if (!SplitAuditAddress(audit.Text("remoteAddress"), logon.address, logon.port)) return "from no address";
+const char* SAMBA_AUDIT::WhyNotFrom(std::string_view remote, LOGON& logon) const {
+    if (!SplitAuditAddress(remote, logon.address, logon.port)) return "from no address";
     return own.contains(logon.address) ? "from the controller's own address" : nullptr;
 }
 
@@ -141,9 +125,10 @@ namespace {
 
 // Of a computer that passed a logon on the controller knows the account; elsewhere there is only what the client says,
 // of which LDAP has nothing but the controller's own name.
-std::string_view Workstation(const auto& audit, std::string_view service) {
+std::string_view Workstation(const JSON_FIELDS& fields, std::string_view service) {
     if (service == "LDAP") return {};
-    std::string_view name = audit.Text(service == "SamLogon" ? "netlogonTrustAccount" : "workstation");
+    std::string_view name = service == "SamLogon" ? fields.Text("Authentication.netlogonTrustAccount")
+                                                  : fields.Text("Authentication.workstation");
     if (service == "SamLogon" && name.ends_with('$')) name.remove_suffix(1);
     name.remove_prefix(std::min(name.find_first_not_of('\\'), name.size()));
     return name;
@@ -151,37 +136,38 @@ std::string_view Workstation(const auto& audit, std::string_view service) {
 
 // Whether the user is at the computer that passed the logon on: at its console or desktop, and that computer a
 // workstation or member server by the account of its channel, no controller of a trusting domain.
-bool IsAtComputer(const auto& audit, std::string_view logonType) {
+bool IsAtComputer(const JSON_FIELDS& fields, std::string_view logonType) {
     return (logonType == "2" || logonType == "10" || logonType == "11") &&
-           audit.Text("netlogonSecureChannelType") == "2";
+           fields.Text("Authentication.netlogonSecureChannelType") == "2";
 }
 
 }  // namespace
 
 // Only what the account became is the controller's word: the client's claims come along in client* and mapped*.
-LINE_READER::RESULT SAMBA_AUDIT::ReadAuthentication(const AUDIT& audit, LOGON& logon, std::string& reason) {
+LINE_READER::RESULT SAMBA_AUDIT::ReadAuthentication(LOGON& logon, std::string& reason) {
     const auto skip = [&](const char* why) { return reason = why, SKIPPED; };
-    if (audit.Text("status") != "NT_STATUS_OK") return skip("a logon that failed");
-    logon.account = audit.Text("becameAccount");
-    logon.domain = audit.Text("becameDomain");
-    logon.sid = audit.Text("becameSid");
+    if (fields.Text("Authentication.status") != "NT_STATUS_OK") return skip("a logon that failed");
+    logon.account = fields.Text("Authentication.becameAccount");
+    logon.domain = fields.Text("Authentication.becameDomain");
+    logon.sid = fields.Text("Authentication.becameSid");
     if (logon.account.empty() || logon.sid == Anonymous) return skip("a logon of no account");
-    if (const char* const why = WhyNotFrom(audit, logon)) return skip(why);
-    logon.type = audit.Text("logonType");
-    const std::string_view id = audit.Text("logonId");
-    if (!ParseSid(logon.sid) || !ParseNumber(logon.type, MAXDWORD) || (!id.empty() && !IsLogonId(id))) {
+    if (const char* const why = WhyNotFrom(fields.Text("Authentication.remoteAddress"), logon)) return skip(why);
+    logon.type = fields.Text("Authentication.logonType");
+    const std::string_view id = fields.Text("Authentication.logonId");
+    const auto who = win32::SID_VALUE::FromText(logon.sid);
+    if (!who || !ParseNumber(logon.type, MAXDWORD) || (!id.empty() && !IsLogonId(id))) {
         reason = "a SID, logon type or logon ID that is none";
         return UNREADABLE;
     }
+    logon.who = *who;
     if (!id.empty()) logon.id.replace(2, std::string::npos, id);
-    logon.guid = NoGuid;
-    const std::string_view service = audit.Text("serviceDescription");
+    const std::string_view service = fields.Text("Authentication.serviceDescription");
     const bool kdc = service == "Kerberos KDC", passedOn = service == "SamLogon";
-    if (passedOn && !IsAtComputer(audit, logon.type)) return skip("passed on by another server");
-    logon.workstation = Workstation(audit, service);
+    if (passedOn && !IsAtComputer(fields, logon.type)) return skip("passed on by another server");
+    logon.workstation = Workstation(fields, service);
     logon.process = kdc ? "Kerberos" : passedOn ? "NtLmSsp" : service.substr(0, 64);
     logon.package = kdc ? "Kerberos" : service == "LDAP" ? "Negotiate" : "NTLM";
-    if (audit.Text("passwordType") == "NTLMv2") logon.ntlm = "NTLM V2";
+    if (fields.Text("Authentication.passwordType") == "NTLMv2") logon.ntlm = "NTLM V2";
     // A simple bind is an application's look at a password: the user's own session may still follow.
     logon.ownSession = logon.type == "2" || logon.type == "3" || logon.type == "10" || logon.type == "11";
     if (kdc && SeenWithin(logon, RepeatSeconds)) {
@@ -192,41 +178,32 @@ LINE_READER::RESULT SAMBA_AUDIT::ReadAuthentication(const AUDIT& audit, LOGON& l
     return RECORD;
 }
 
-LINE_READER::RESULT SAMBA_AUDIT::ReadAuthorization(const AUDIT& audit, LOGON& logon, std::string& reason) {
+LINE_READER::RESULT SAMBA_AUDIT::ReadAuthorization(LOGON& logon, std::string& reason) {
     const auto skip = [&](const char* why) { return reason = why, SKIPPED; };
-    if (audit.Text("authType") != "krb5") return skip("a session that its logon stands for");
-    logon.account = audit.Text("account");
-    logon.domain = audit.Text("domain");
-    logon.sid = audit.Text("sid");
+    if (fields.Text("Authorization.authType") != "krb5") return skip("a session that its logon stands for");
+    logon.account = fields.Text("Authorization.account");
+    logon.domain = fields.Text("Authorization.domain");
+    logon.sid = fields.Text("Authorization.sid");
     if (logon.account.empty() || logon.sid == Anonymous) return skip("a session of no account");
-    if (const char* const why = WhyNotFrom(audit, logon)) return skip(why);
-    if (!ParseSid(logon.sid)) {
+    if (const char* const why = WhyNotFrom(fields.Text("Authorization.remoteAddress"), logon)) return skip(why);
+    const auto who = win32::SID_VALUE::FromText(logon.sid);
+    if (!who) {
         reason = "a SID that is none";
         return UNREADABLE;
     }
+    logon.who = *who;
     if (SeenWithin(logon, SessionSeconds)) return skip("a session of a logon a moment ago");
-    const std::string_view session = audit.Text("sessionId");
+    const std::string_view session = fields.Text("Authorization.sessionId");
     logon.process = logon.package = "Kerberos";
-    logon.guid = session.size() == 36 ? "{" + std::string(session) + "}" : NoGuid;
+    if (session.size() == 36) logon.guid = logon.session.append("{").append(session) += '}';
     Remember(logon);
     return RECORD;
 }
 
-// Either way in time: a clock that was set back makes nothing older than it is.
 bool SAMBA_AUDIT::SeenWithin(const LOGON& logon, long long seconds) const {
-    const auto found = seen.find(logon.Key());
-    return found != seen.end() && found->second.sid == logon.sid &&
-           std::abs(logon.time - found->second.time) <= seconds;
+    return seen.IsLast(logon.Key(), logon.who, logon.time, seconds);
 }
 
-void SAMBA_AUDIT::Remember(const LOGON& logon) {
-    if (seen.size() >= MostSeen) {
-        std::erase_if(seen, [&](const auto& each) { return std::abs(logon.time - each.second.time) > SessionSeconds; });
-        if (seen.size() >= MostSeen) seen.clear();
-    }
-    ACCOUNT_SEEN& account = seen[logon.Key()];
-    account.sid = logon.sid;
-    account.time = logon.time;
-}
+void SAMBA_AUDIT::Remember(const LOGON& logon) { seen.Note(logon.Key(), logon.who, logon.time, SessionSeconds); }
 
 }  // namespace tools::feed

@@ -1,13 +1,11 @@
 // The auth_json_audit lines of a Samba Active Directory domain controller as 4624 records.
 #pragma once
 
-#include <ctime>
-#include <memory_resource>
 #include <string>
-#include <unordered_map>
 #include <unordered_set>
 
 #include "tools/feed/json_fields.h"
+#include "tools/feed/seen_accounts.h"
 #include "tools/feed/source.h"
 
 namespace tools::feed {
@@ -30,25 +28,19 @@ public:
 
 private:
     struct LOGON;
-    class AUDIT;
-    RESULT ReadAuthentication(const AUDIT& audit, LOGON& logon, std::string& reason);
-    RESULT ReadAuthorization(const AUDIT& audit, LOGON& logon, std::string& reason);
-    void LearnOwnAddress(const AUDIT& audit);
-    const char* WhyNotFrom(const AUDIT& audit, LOGON& logon) const;
+    RESULT ReadAuthentication(LOGON& logon, std::string& reason);
+    RESULT ReadAuthorization(LOGON& logon, std::string& reason);
+    void LearnOwnAddress(std::string_view local);
+    const char* WhyNotFrom(std::string_view remote, LOGON& logon) const;
     void Fill(const LOGON& logon, win32::NEW_EVENT& event);
     bool SeenWithin(const LOGON& logon, long long seconds) const;
     void Remember(const LOGON& logon);
 
-    // An account is known by its SID; the name's letter case may differ from one service to the next.
-    struct ACCOUNT_SEEN {
-        std::string sid;
-        long long time;  // seconds since 1970, by the audit's clock
-    };
-    JSON_FIELDS fields;                           // of the line
-    std::u16string computer;                      // this one, once it was asked for
-    std::pmr::unsynchronized_pool_resource pool;  // side by side, what is seen is found and let go sooner
-    // By address: the last user; apart, the last computer.
-    std::pmr::unordered_map<std::string, ACCOUNT_SEEN> seen{&pool};
+    JSON_FIELDS fields;       // of the line
+    std::u16string computer;  // this one, once it was asked for
+    // By address: the last user; apart, the last computer. An account is known by its SID; the name's letter case may
+    // differ from one service to the next.
+    SEEN_ACCOUNTS seen;
     std::string learned;                  // the local address of the last line
     std::unordered_set<std::string> own;  // the controller's addresses, as far as lines have shown them
 };
