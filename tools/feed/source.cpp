@@ -44,22 +44,21 @@ void LINES::End(LINE_TAKER& taker) {
 namespace {
 
 // Seconds, or what is too large for them thousandths, millionths or billionths, with or without a fraction or exponent.
-// False: no number.
-bool ParseEpoch(std::string_view text, std::optional<DWORD>& time) {
+std::optional<DWORD> ParseEpoch(std::string_view text) {
     double number = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
     const bool whole = error == std::errc() && end == text.data() + text.size();
-    if (!whole || text[0] < '1' || text[0] > '9') return false;
+    if (!whole || text[0] < '1' || text[0] > '9') return {};
     for (int steps = 0; number > MAXDWORD && steps < 3; ++steps) number /= 1000;
-    if (number <= MAXDWORD) time = static_cast<DWORD>(number);
-    return true;
+    if (number > MAXDWORD) return {};
+    return static_cast<DWORD>(number);
 }
 
 }  // namespace
 
 std::optional<DWORD> ParseShippedTime(std::string_view text) {
     if (text.starts_with("/Date(") && text.ends_with(")/")) text = text.substr(6, text.size() - 8);
-    if (std::optional<DWORD> time; ParseEpoch(text, time)) return time;
+    if (text.find(':') == std::string_view::npos) return ParseEpoch(text);  // each form with a date has one
     std::string iso(text.substr(0, 64));
     constexpr size_t DateEnd = 10;  // of YYYY-MM-DD
     if (iso.size() > DateEnd && iso[DateEnd] == ' ') iso[DateEnd] = 'T';
