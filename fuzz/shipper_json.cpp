@@ -1,5 +1,6 @@
 // The readers of the live sources on any line: shippers' JSON and the audit log. What becomes a record must be one.
 // What is taken as an object must be one for another parser, too.
+#include <algorithm>
 #include <cstdlib>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -31,6 +32,24 @@ void CheckObject(std::string_view line) {
     if (taken != object && (taken || reason == "not a JSON object")) std::abort();
 }
 
+// Each of the first lines must be read as it is by itself.
+void CheckLines(std::string_view lines) {
+    JSON_FIELDS fields;
+    for (int left = 8; left > 0 && !lines.empty(); --left) {
+        const std::string_view line = lines.substr(0, lines.find('\n'));
+        lines.remove_prefix(std::min(line.size() + 1, lines.size()));
+        JSON_FIELDS fresh;
+        std::string reason, freshReason;
+        if (fields.Read(line, reason) != fresh.Read(line, freshReason) || reason != freshReason) std::abort();
+        for (const std::string_view name : {"a", "b", "c", "a.b", "a.c", "b.c", "a.b.c", "type", "timestamp"}) {
+            const JSON_VALUE value = fields.Value(name), wanted = fresh.Value(name);
+            if (value.text != wanted.text || value.kind != wanted.kind) std::abort();
+            if (fields.List(name).size() != fresh.List(name).size()) std::abort();
+            if (fields.HasPrefix(name) != fresh.HasPrefix(name)) std::abort();
+        }
+    }
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -40,5 +59,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Read(shipped, line, 1);
     Read(audit, line, 27);
     if (size < 300) CheckObject(line);
+    if (size < 1000) CheckLines(line);
     return 0;
 }

@@ -245,6 +245,40 @@ TEST(JSON_FIELDS, ALineIsTakenAsAWholeOrRefused) {
     EXPECT_EQ("", fields.Text("a")) << "nothing of a line that was refused";
 }
 
+TEST(JSON_FIELDS, ALineIsReadAsByItselfWhateverTheLineBeforeItWas) {
+    const LINES lines = {
+        R"({"a":{"b":1},"c":2})",
+        R"({"a":3,"b":4,"c":5})",
+        R"({"a":{"c":6}})",
+        R"({"a":{},"b":{"c":7},"c":8})",
+        R"({"a":{"b":9},"b":{"c":10},"a":{"c":11}})",
+        R"({"a.b":[12,13],"c":[]})",
+        R"({"a":{"b":14},"a":{"b":[15],"c":16}})",
+        R"({"c":17,"a":{"b":{"c":18}}})",
+        R"({"a":{"b":19},"c\\u0064":20})",
+        R"({"a":{"b":21},"c\u0064":22})",
+        R"({"a":{"b":23},"c":24)",
+        R"({"a":{"b":{"a":[{"c":25}]}}})",
+        "{}",
+    };
+    const auto shown = [](JSON_FIELDS& fields, const std::string& line) {
+        std::string reason, all = fields.Read(line, reason) ? "" : reason;
+        for (const char* const name : {"a", "b", "c", "d", "a.b", "a.c", "b.c", "a.b.c", "a.b.a", "cd", "c\\u0064"}) {
+            const JSON_VALUE value = fields.Value(name);
+            all.append(" ").append(value.text) += static_cast<char>('0' + static_cast<int>(value.kind));
+            for (const JSON_VALUE& each : fields.List(name)) all.append(",").append(each.text);
+            if (fields.HasPrefix(name)) all += '*';
+        }
+        return all;
+    };
+    for (const std::string& before : lines)
+        for (const std::string& line : lines) {
+            JSON_FIELDS fields, fresh;
+            shown(fields, before);
+            EXPECT_EQ(shown(fresh, line), shown(fields, line)) << before << " then " << line;
+        }
+}
+
 TEST(SHIPPER_JSON, OtherEventsAreSkippedAndWhatIsNoEventIsNamed) {
     const std::string time = R"({"EventTime":"2026-11-16T08:00:12Z",)", user = R"(,"TargetUserName":"x"})";
     std::string many = time + R"("EventID":4634)" + user;

@@ -19,23 +19,13 @@ namespace ondemand = simdjson::ondemand;
 
 constexpr size_t MostNamed = 6;      // objects within each other whose values have names
 constexpr size_t LongestName = 200;  // bytes; longer than any that is asked for
-constexpr size_t Slots = 4096;       // as HashOf gives numbers; well above the most values
+constexpr size_t Slots = 4096;       // well above the most values
 
-std::string_view Trimmed(std::string_view token) { return token.substr(0, token.find_last_not_of(" \t\r\n") + 1); }
-
-// Of a name's length, first and last bytes: few of the names that are asked for share them.
-size_t HashOf(std::string_view name) {
-    constexpr size_t Width = sizeof(uint64_t);
-    uint64_t first = 0, last = 0;
-    if (name.size() >= Width) {  // copies of a fixed size, which take one instruction each
-        std::memcpy(&first, name.data(), Width);
-        std::memcpy(&last, name.data() + name.size() - Width, Width);
-    } else {
-        std::memcpy(&first, name.data(), name.size());
-        last = first;
-    }
-    const uint64_t mixed = (first ^ std::rotl(last, 23) ^ name.size()) * 0x9E3779B97F4A7C15;
-    return static_cast<size_t>(mixed >> 52);
+std::string_view Trimmed(std::string_view token) {
+    while (!token.empty() &&
+           (token.back() == ' ' || token.back() == '\t' || token.back() == '\r' || token.back() == '\n'))
+        token.remove_suffix(1);
+    return token;
 }
 
 size_t DigitsAt(std::string_view text, size_t at) {
@@ -69,48 +59,58 @@ bool IsNumber(std::string_view text) {
 
 // The parser checks UTF-8, quotes and control characters when it begins, and what stands between values as it goes;
 // each value is looked at here, since it checks none that it is not asked for.
+//
+// Most lines of a file have the same names in the same order. So the entries of a line stay, and the next line takes
+// them over one after another for as long as its names are theirs: those are neither put together nor looked up again.
 class JSON_FIELDS::READER {
 public:
     bool Read(std::string_view line, std::string& reason);
 
     struct ENTRY {
         size_t nameAt, nameBytes;  // in `names`
+        size_t parent;             // the object that it is a member of: an entry's number, or Whole
+        bool isPlain;              // its own name has no back slash
         JSON_VALUE value;
         size_t firstItem = 0, items = 0;
     };
-    const ENTRY* Find(std::string_view name) const;
+    const ENTRY* Find(const JSON_NAME& name) const;
     std::span<const JSON_VALUE> Items(const ENTRY& entry) const {
         return {items.data() + entry.firstItem, entry.items};
     }
     std::string_view Name(const ENTRY& entry) const { return {names.data() + entry.nameAt, entry.nameBytes}; }
 
-    std::vector<ENTRY> entries;
+    std::vector<ENTRY> entries;  // while a line is read, at their end those of the line before
 
 private:
     enum FAULT { NONE, NO_OBJECT, TOO_MANY, TOO_DEEP };
     struct SLOT {  // small: all of them should stay near the processor
         uint16_t turn = 0, entry = 0;
     };
+    static constexpr int HashShift = 64 - std::countr_zero(Slots);
     static_assert(MostValues < Slots && MostValues <= UINT16_MAX);
+    // Instead of an entry's number: of the whole line; of what has no entry, since its name is too long or too deep.
+    static constexpr size_t Whole = SIZE_MAX, Unnamed = SIZE_MAX - 1;
 
     FAULT ReadAll(std::string_view line);
-    void Forget();
-    FAULT ReadObject(ondemand::object object, size_t depth, bool named);
+    void KeepEntries(size_t count);
+    FAULT ReadObject(ondemand::object object, size_t depth, size_t self);
     FAULT ReadList(ondemand::array array, size_t depth, ENTRY* entry);
-    FAULT ReadChild(ondemand::value value, char first, size_t depth, ENTRY* entry, bool named);
+    FAULT ReadChild(ondemand::value value, char first, size_t depth, ENTRY* entry, size_t self);
     FAULT ReadScalar(ondemand::value& value, std::string_view token, JSON_VALUE& read);
     FAULT ReadName(ondemand::field& field, std::string_view& name) const;
-    size_t SlotOf(std::string_view name) const;
-    ENTRY& Enter(std::string_view name);
+    bool IsNext(const char* name, size_t parent) const;
+    size_t SlotOf(const JSON_NAME& name) const;
+    size_t PrefixBytes(size_t parent) const { return parent == Whole ? 0 : entries[parent].nameBytes + 1; }
+    size_t Enter(std::string_view name, size_t parent);
 
     ondemand::parser parser;
     std::string padded;  // the line, and what the parser may read beyond it
-    std::string path;    // of the object that is read, with a dot at its end
     std::string names;
+    size_t taken = 0;  // entries that this line has so far, the first ones
     std::vector<JSON_VALUE> items;
     std::deque<std::string> replaced;  // texts that held a NUL
     std::vector<SLOT> slots = std::vector<SLOT>(Slots);
-    uint16_t turn = 0;     // of the slots: those of an earlier line are free
+    uint16_t turn = 1;     // of the slots: those of an earlier turn are free
     bool escapes = false;  // a back slash stands in the line
     size_t values = 0;
 };
@@ -122,22 +122,23 @@ bool JSON_FIELDS::READER::Read(std::string_view line, std::string& reason) {
     if (fault == NO_OBJECT) reason = "not a JSON object";
     if (fault == TOO_MANY) reason = "more than " + std::to_string(MostValues) + " values";
     if (fault == TOO_DEEP) reason = "objects or lists nested too deep";
-    if (fault != NONE) Forget();
+    KeepEntries(fault == NONE ? taken : 0);
     return fault == NONE;
 }
 
-void JSON_FIELDS::READER::Forget() {
-    path.clear();
-    names.clear();
-    items.clear();
-    entries.clear();
-    replaced.clear();
-    values = 0;
+// Drops all entries but the first ones.
+void JSON_FIELDS::READER::KeepEntries(size_t count) {
+    if (count == entries.size()) return;
+    names.resize(entries[count].nameAt);
+    entries.resize(count);
     if (++turn == 0) slots.assign(Slots, {}), ++turn;
+    for (size_t i = 0; i < count; ++i) slots[SlotOf(Name(entries[i]))] = {turn, static_cast<uint16_t>(i)};
 }
 
 JSON_FIELDS::READER::FAULT JSON_FIELDS::READER::ReadAll(std::string_view line) {
-    Forget();
+    taken = values = 0;
+    items.clear();
+    replaced.clear();
     padded.resize(line.size() + simdjson::SIMDJSON_PADDING);
     std::memcpy(padded.data(), line.data(), line.size());
     std::memset(padded.data() + line.size(), ' ', simdjson::SIMDJSON_PADDING);
@@ -147,28 +148,29 @@ JSON_FIELDS::READER::FAULT JSON_FIELDS::READER::ReadAll(std::string_view line) {
     const auto error = parser.iterate(padded.data(), line.size(), padded.size()).get(document);
     if (error == simdjson::MEMALLOC) throw std::bad_alloc();
     if (error != simdjson::SUCCESS || document.get_object().get(object) != simdjson::SUCCESS) return NO_OBJECT;
-    const FAULT fault = ReadObject(object, 1, true);
+    const FAULT fault = ReadObject(object, 1, Whole);
     return fault == NONE && document.current_location().error() != simdjson::OUT_OF_BOUNDS ? NO_OBJECT : fault;
 }
 
-JSON_FIELDS::READER::FAULT JSON_FIELDS::READER::ReadObject(ondemand::object object, size_t depth, bool named) {
-    const size_t pathBytes = path.size();
+// `self`: the object's entry, by its number.
+JSON_FIELDS::READER::FAULT JSON_FIELDS::READER::ReadObject(ondemand::object object, size_t depth, size_t self) {
     for (auto each : object) {
-        std::string_view name;
         if (each.error() != simdjson::SUCCESS) return NO_OBJECT;
         ondemand::field&& field = std::move(each).value_unsafe();  // not copied: it was written a moment ago
-        if (ReadName(field, name) != NONE) return NO_OBJECT;
+        std::string_view name;
+        const bool isNext = IsNext(field.key().raw(), self);
+        if (!isNext && ReadName(field, name) != NONE) return NO_OBJECT;
         if (++values > MostValues) return TOO_MANY;
         const std::string_view token = field.value().raw_json_token();
         if (token.empty()) return NO_OBJECT;
-        ENTRY* const entry = named && pathBytes + name.size() <= LongestName ? &Enter(name) : nullptr;
+        const size_t number = isNext ? taken++ : Enter(name, self);
+        ENTRY* const entry = number != Unnamed ? &entries[number] : nullptr;
+        if (entry != nullptr) entry->items = 0;
         const bool isChild = token[0] == '{' || token[0] == '[';
-        const bool namesMore = entry != nullptr && token[0] == '{' && depth <= MostNamed;
-        if (namesMore) path.append(name) += '.';
         JSON_VALUE unnamed;
-        const FAULT fault = isChild ? ReadChild(field.value(), token[0], depth, entry, namesMore)
-                                    : ReadScalar(field.value(), token, entry != nullptr ? entry->value : unnamed);
-        path.resize(pathBytes);
+        const FAULT fault =
+            isChild ? ReadChild(field.value(), token[0], depth, entry, depth <= MostNamed ? number : Unnamed)
+                    : ReadScalar(field.value(), token, entry != nullptr ? entry->value : unnamed);
         if (fault != NONE) return fault;
     }
     return NONE;
@@ -176,12 +178,12 @@ JSON_FIELDS::READER::FAULT JSON_FIELDS::READER::ReadObject(ondemand::object obje
 
 // An object or a list. What the entry points at may move as soon as a value is entered.
 JSON_FIELDS::READER::FAULT JSON_FIELDS::READER::ReadChild(ondemand::value value, char first, size_t depth, ENTRY* entry,
-                                                          bool named) {
+                                                          size_t self) {
     if (depth >= MostDepth) return TOO_DEEP;
     if (first == '{') {
-        if (entry != nullptr) entry->value.kind = JSON_KIND::OBJECT;
+        if (entry != nullptr) entry->value = {{}, JSON_KIND::OBJECT};
         ondemand::object object;
-        return value.get_object().get(object) == simdjson::SUCCESS ? ReadObject(object, depth + 1, named) : NO_OBJECT;
+        return value.get_object().get(object) == simdjson::SUCCESS ? ReadObject(object, depth + 1, self) : NO_OBJECT;
     }
     ondemand::array array;
     return value.get_array().get(array) == simdjson::SUCCESS ? ReadList(array, depth + 1, entry) : NO_OBJECT;
@@ -189,7 +191,7 @@ JSON_FIELDS::READER::FAULT JSON_FIELDS::READER::ReadChild(ondemand::value value,
 
 JSON_FIELDS::READER::FAULT JSON_FIELDS::READER::ReadList(ondemand::array array, size_t depth, ENTRY* entry) {
     if (entry != nullptr) {
-        entry->value.kind = JSON_KIND::LIST;
+        entry->value = {{}, JSON_KIND::LIST};
         entry->firstItem = items.size();
     }
     for (auto each : array) {
@@ -201,7 +203,7 @@ JSON_FIELDS::READER::FAULT JSON_FIELDS::READER::ReadList(ondemand::array array, 
         const bool isChild = token[0] == '{' || token[0] == '[';
         JSON_VALUE item;
         const FAULT fault =
-            isChild ? ReadChild(value, token[0], depth, nullptr, false) : ReadScalar(value, token, item);
+            isChild ? ReadChild(value, token[0], depth, nullptr, Unnamed) : ReadScalar(value, token, item);
         if (fault != NONE) return fault;
         if (entry == nullptr) continue;
         items.push_back(item);
@@ -246,29 +248,40 @@ JSON_FIELDS::READER::FAULT JSON_FIELDS::READER::ReadName(ondemand::field& field,
     return field.unescaped_key().get(name) == simdjson::SUCCESS ? NONE : NO_OBJECT;
 }
 
+// Whether the member of that object whose name begins there is the next one of the line before. A name without a back
+// slash stands as it is, up to the next quote.
+bool JSON_FIELDS::READER::IsNext(const char* name, size_t parent) const {
+    if (taken == entries.size() || entries[taken].parent != parent || !entries[taken].isPlain) return false;
+    const std::string_view known = Name(entries[taken]).substr(PrefixBytes(parent));
+    const size_t left = static_cast<size_t>(padded.data() + padded.size() - name);
+    return known.size() < left && name[known.size()] == '"' && std::memcmp(name, known.data(), known.size()) == 0;
+}
+
 // The slot of that name, or the free one that it may take.
-size_t JSON_FIELDS::READER::SlotOf(std::string_view name) const {
-    size_t at = HashOf(name);
-    while (slots[at].turn == turn && Name(entries[slots[at].entry]) != name) at = (at + 1) % Slots;
+size_t JSON_FIELDS::READER::SlotOf(const JSON_NAME& name) const {
+    size_t at = name.hash >> HashShift;
+    while (slots[at].turn == turn && Name(entries[slots[at].entry]) != name.text) at = (at + 1) % Slots;
     return at;
 }
 
-JSON_FIELDS::READER::ENTRY& JSON_FIELDS::READER::Enter(std::string_view name) {
+// The entry of that member of the object, an earlier one of the line if it has the same name. Unnamed: it has none.
+size_t JSON_FIELDS::READER::Enter(std::string_view name, size_t parent) {
+    if (parent == Unnamed || PrefixBytes(parent) + name.size() > LongestName) return Unnamed;
+    KeepEntries(taken);
     const size_t nameAt = names.size();
-    names.append(path).append(name);
-    const size_t at = SlotOf(std::string_view(names).substr(nameAt));
-    if (slots[at].turn != turn) {
-        slots[at] = {turn, static_cast<uint16_t>(entries.size())};
-        return entries.emplace_back(ENTRY{nameAt, names.size() - nameAt, {}});
+    if (parent != Whole) names.append(names, entries[parent].nameAt, entries[parent].nameBytes) += '.';
+    names += name;
+    SLOT& slot = slots[SlotOf(std::string_view(names).substr(nameAt))];
+    if (slot.turn != turn) {
+        entries.push_back({nameAt, names.size() - nameAt, parent, name.find('\\') == std::string_view::npos, {}});
+        slot = {turn, static_cast<uint16_t>(taken)};
+        return taken++;
     }
     names.resize(nameAt);
-    ENTRY& entry = entries[slots[at].entry];
-    entry.value = {};
-    entry.items = 0;
-    return entry;
+    return slot.entry;
 }
 
-const JSON_FIELDS::READER::ENTRY* JSON_FIELDS::READER::Find(std::string_view name) const {
+const JSON_FIELDS::READER::ENTRY* JSON_FIELDS::READER::Find(const JSON_NAME& name) const {
     const size_t at = SlotOf(name);
     return slots[at].turn == turn ? &entries[slots[at].entry] : nullptr;
 }
@@ -278,12 +291,12 @@ JSON_FIELDS::~JSON_FIELDS() = default;
 
 bool JSON_FIELDS::Read(std::string_view line, std::string& reason) { return reader->Read(line, reason); }
 
-JSON_VALUE JSON_FIELDS::Value(std::string_view name) const {
+JSON_VALUE JSON_FIELDS::Value(const JSON_NAME& name) const {
     const READER::ENTRY* const entry = reader->Find(name);
     return entry != nullptr ? entry->value : JSON_VALUE();
 }
 
-std::span<const JSON_VALUE> JSON_FIELDS::List(std::string_view name) const {
+std::span<const JSON_VALUE> JSON_FIELDS::List(const JSON_NAME& name) const {
     const READER::ENTRY* const entry = reader->Find(name);
     return entry != nullptr ? reader->Items(*entry) : std::span<const JSON_VALUE>();
 }

@@ -88,8 +88,8 @@ const POSITIONS* NamesOf(unsigned long long id) {
 }
 
 // The first of the names that has a value.
-std::string_view First(const JSON_FIELDS& fields, std::initializer_list<const char*> names) {
-    for (const char* each : names)
+std::string_view First(const JSON_FIELDS& fields, std::initializer_list<JSON_NAME> names) {
+    for (const JSON_NAME& each : names)
         if (const std::string_view text = fields.Text(each); !text.empty()) return text;
     return {};
 }
@@ -120,7 +120,7 @@ private:
     JSON_VALUE Named(std::string_view name) {
         for (size_t i = 0; i < count; ++i) {
             dotted.assign(prefixes[i]).append(name);
-            if (const JSON_VALUE value = fields.Value(dotted); !value.text.empty()) return value;
+            if (const JSON_VALUE value = fields.Value(std::string_view(dotted)); !value.text.empty()) return value;
         }
         return {};
     }
@@ -167,7 +167,7 @@ bool IsSecurityLog(std::string_view log) { return log.empty() || win32::SameName
 bool IsFailure(const JSON_FIELDS& fields) {
     if (fields.Text("event.outcome") == "failure" || fields.Text("EventType") == "AUDIT_FAILURE") return true;
     std::string keywords;
-    for (const char* name : {"winlog.keywords", "keywords", "Event.System.Keywords", "Keywords"}) {
+    for (const JSON_NAME name : {"winlog.keywords", "keywords", "Event.System.Keywords", "Keywords"}) {
         keywords = fields.Text(name);
         for (const JSON_VALUE& each : fields.List(name)) keywords.append(keywords.empty() ? "" : ",").append(each.text);
         if (!keywords.empty()) break;
