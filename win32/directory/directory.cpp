@@ -22,8 +22,8 @@ std::string_view DIRECTORY_ENTRY::First(std::string_view attribute) const {
 size_t DIRECTORY_ENTRY::Bytes() const {
     size_t bytes = dn.size();
     for (const auto& [name, values] : attributes)
-        for (const std::string& value : values) bytes += value.size() + sizeof(value);
-    for (const std::string& sid : groupSids) bytes += sid.size() + sizeof(sid);
+        for (const std::string& value : values) bytes += value.size() + sizeof(std::string);
+    for (const std::string& sid : groupSids) bytes += sid.size() + sizeof(std::string);
     return bytes;
 }
 
