@@ -56,8 +56,8 @@ struct DEBUG_STATE {
     static constexpr DWORD LockSpins = 5000;
 
     CRITICAL_SECTION_OWNER lock{LockSpins};
-    DWORD mode = 0;
-    bool closed = false;  // at process end: the mode stays 0
+    std::atomic<DWORD>& mode = CurrentDebugMode;  // changed under the lock
+    bool closed = false;                          // at process end: the mode stays 0
     STRING prefix;
     DEBUG_OUTPUT_HOOK hook = nullptr;
     LOG_FILE_STATE log;

@@ -65,7 +65,7 @@ PRINTED_NAMES CompleteNames() {
 
 // Whether any sink wants a line with those flags.
 bool IsWanted(const DEBUG_STATE& state, DWORD flags) {
-    if ((flags & DEBUG_CATEGORIES & ~state.mode) != 0) return false;
+    if (!HasDebugCategories(flags)) return false;
     return (flags & DEBUG_ERROR) != 0 || (state.mode & SinkModes) != 0 || state.hook != nullptr;
 }
 
@@ -134,6 +134,8 @@ const PROCESS_END ProcessEnd;
 
 }  // namespace
 
+constinit std::atomic<DWORD> CurrentDebugMode{0};
+
 DEBUG_STATE& DebugState() {
     static DEBUG_STATE& state = *new DEBUG_STATE;
     return state;
@@ -150,7 +152,8 @@ void DebugPrintV(DWORD flags, const WCHAR* format, FORMAT_ARGUMENTS arguments,
     });
 }
 
-void DebugPrintErrorV(DWORD flags, const ERROR_CODE& error, const WCHAR* format, FORMAT_ARGUMENTS arguments) {
+void DebugPrintErrorV(DWORD flags, const ERROR_CODE& error, const WCHAR* format,
+                      FORMAT_ARGUMENTS arguments) {
     DEBUG_STATE& state = DebugState();
     const LOCK_GUARD guard(state.lock);
     if (IsWanted(state, flags)) {

@@ -5,6 +5,7 @@
 
 #include <windows.h>
 
+#include <atomic>
 #include <initializer_list>
 
 #include "platform/error_text.h"
@@ -40,6 +41,15 @@ constexpr DWORD DEBUG_ERROR = DEBUG_FORCE_DEBUGGER | DEBUG_FORCE_LOG;
 
 void SetDebugOutputMode(DWORD mode);  // closes the log file when the new mode has no "Log"; ignored at process end
 DWORD DebugOutputMode();
+
+// The mode, for a look that takes no lock; SetDebugOutputMode alone changes it.
+extern std::atomic<DWORD> CurrentDebugMode;
+
+// Whether the mode has all categories of a line with those flags: without them no sink wants it.
+inline bool HasDebugCategories(DWORD flags) {
+    return (flags & DEBUG_CATEGORIES & ~CurrentDebugMode.load(std::memory_order_relaxed)) == 0;
+}
+
 DWORD DebugOutputActive();  // its low byte is 1 when "Debugger", "Log" or "Console" is set
 
 // Names one of the free categories (0x200 or 0x400). Without effect on FormatDebugOutputMode once that was used.
@@ -53,7 +63,8 @@ STRING FormatDebugOutputMode(DWORD mode);
 // The printing calls that the templates make. `before`: texts that the line begins with, as they stand.
 void DebugPrintV(DWORD flags, const WCHAR* format, FORMAT_ARGUMENTS arguments,
                  std::initializer_list<TEXT_VIEW> before = {});
-void DebugPrintErrorV(DWORD flags, const ERROR_CODE& error, const WCHAR* format, FORMAT_ARGUMENTS arguments);
+void DebugPrintErrorV(DWORD flags, const ERROR_CODE& error, const WCHAR* format,
+                      FORMAT_ARGUMENTS arguments);
 void DebugPrintNarrowV(DWORD flags, const char* format, FORMAT_ARGUMENTS arguments);
 void DebuggerPrintV(bool withPrefix, const WCHAR* format, FORMAT_ARGUMENTS arguments);
 void InternalPrintV(const WCHAR* format, FORMAT_ARGUMENTS arguments);
@@ -64,7 +75,7 @@ void DebugPrint(FORMAT<ARGUMENTS...> format, const ARGUMENTS&... arguments) {
 }
 template <typename... ARGUMENTS>
 void DebugPrintMasked(DWORD flags, FORMAT<ARGUMENTS...> format, const ARGUMENTS&... arguments) {
-    DebugPrintV(flags, format.Text(), FormatArguments(arguments...));
+    if (HasDebugCategories(flags)) DebugPrintV(flags, format.Text(), FormatArguments(arguments...));
 }
 
 // A line about a failed call, which FormatError ends. Afterwards the error's code is the thread's last error.
@@ -89,7 +100,7 @@ public:
     }
     template <typename... ARGUMENTS>
     void PrintMasked(DWORD flags, FORMAT<ARGUMENTS...> format, const ARGUMENTS&... arguments) const {
-        DebugPrintV(flags, format.Text(), FormatArguments(arguments...), {prefix});
+        if (HasDebugCategories(flags)) DebugPrintV(flags, format.Text(), FormatArguments(arguments...), {prefix});
     }
     // After an empty line.
     template <typename... ARGUMENTS>
