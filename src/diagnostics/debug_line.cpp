@@ -80,14 +80,10 @@ struct LINE_FORM {
 };
 
 void AppendText(LINE_BUFFER& line, std::string_view text, const LINE_FORM& form) {
-    while (form.wholeBreaks && !text.empty()) {
-        const size_t at = text.find('\n');
-        line.Append(text.substr(0, at));
-        if (at == std::string_view::npos) return;
-        line.Append(line.View().ends_with('\r') ? "\n" : "\r\n");
-        text.remove_prefix(at + 1);
-    }
-    line.Append(text);
+    if (form.wholeBreaks)
+        line.AppendWholeBreaks(text);
+    else
+        line.Append(text);
 }
 
 // False: there is no memory for the line.

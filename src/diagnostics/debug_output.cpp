@@ -141,7 +141,7 @@ DEBUG_STATE& DebugState() {
     return state;
 }
 
-void DebugPrintV(DWORD flags, const WCHAR* format, FORMAT_ARGUMENTS arguments,
+void DebugPrintV(DWORD flags, const FORMAT_TEXT<WCHAR>& format, FORMAT_ARGUMENTS arguments,
                  std::initializer_list<TEXT_VIEW> before) {
     DEBUG_STATE& state = DebugState();
     const LOCK_GUARD guard(state.lock);
@@ -152,7 +152,7 @@ void DebugPrintV(DWORD flags, const WCHAR* format, FORMAT_ARGUMENTS arguments,
     });
 }
 
-void DebugPrintErrorV(DWORD flags, const ERROR_CODE& error, const WCHAR* format,
+void DebugPrintErrorV(DWORD flags, const ERROR_CODE& error, const FORMAT_TEXT<WCHAR>& format,
                       FORMAT_ARGUMENTS arguments) {
     DEBUG_STATE& state = DebugState();
     const LOCK_GUARD guard(state.lock);
@@ -163,11 +163,11 @@ void DebugPrintErrorV(DWORD flags, const ERROR_CODE& error, const WCHAR* format,
     error.Restore();  // for the caller
 }
 
-void DebugPrintNarrowV(DWORD flags, const char* format, FORMAT_ARGUMENTS arguments) {
+void DebugPrintNarrowV(DWORD flags, const FORMAT_TEXT<char>& format, FORMAT_ARGUMENTS arguments) {
     DEBUG_STATE& state = DebugState();
     const LOCK_GUARD guard(state.lock);
     if (!IsWanted(state, flags)) return;
-    PrintWanted(state, flags, [&](LINE_BUFFER& line) { line.AppendFormat(STRING(format).Text(), arguments); });
+    PrintWanted(state, flags, [&](LINE_BUFFER& line) { line.AppendFormat(STRING(format.start).Text(), arguments); });
 }
 
 void DebuggerPrintV(bool withPrefix, const WCHAR* format, FORMAT_ARGUMENTS arguments) {

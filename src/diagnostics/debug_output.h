@@ -61,11 +61,11 @@ STRING FormatDebugOutputMode(DWORD mode);
 // ---- Lines ----
 
 // The printing calls that the templates make. `before`: texts that the line begins with, as they stand.
-void DebugPrintV(DWORD flags, const WCHAR* format, FORMAT_ARGUMENTS arguments,
+void DebugPrintV(DWORD flags, const FORMAT_TEXT<WCHAR>& format, FORMAT_ARGUMENTS arguments,
                  std::initializer_list<TEXT_VIEW> before = {});
-void DebugPrintErrorV(DWORD flags, const ERROR_CODE& error, const WCHAR* format,
+void DebugPrintErrorV(DWORD flags, const ERROR_CODE& error, const FORMAT_TEXT<WCHAR>& format,
                       FORMAT_ARGUMENTS arguments);
-void DebugPrintNarrowV(DWORD flags, const char* format, FORMAT_ARGUMENTS arguments);
+void DebugPrintNarrowV(DWORD flags, const FORMAT_TEXT<char>& format, FORMAT_ARGUMENTS arguments);
 void DebuggerPrintV(bool withPrefix, const WCHAR* format, FORMAT_ARGUMENTS arguments);
 void InternalPrintV(const WCHAR* format, FORMAT_ARGUMENTS arguments);
 
@@ -137,7 +137,7 @@ void DebugPrintNarrowMasked(DWORD flags, FORMAT_NARROW<ARGUMENTS...> format, con
 // Straight to the debugger, whatever the mode: a line, or (Raw) the formatted text alone.
 template <typename... ARGUMENTS>
 void DebuggerPrint(FORMAT<ARGUMENTS...> format, const ARGUMENTS&... arguments) {
-    DebuggerPrintV(true, format.Text(), FormatArguments(arguments...));
+    DebuggerPrintV(true, format.Text().start, FormatArguments(arguments...));
 }
 template <typename... ARGUMENTS>
 void DebuggerPrint(WORD stringId, const ARGUMENTS&... arguments) {
@@ -145,17 +145,17 @@ void DebuggerPrint(WORD stringId, const ARGUMENTS&... arguments) {
 }
 template <typename... ARGUMENTS>
 void DebuggerPrintRaw(FORMAT<ARGUMENTS...> format, const ARGUMENTS&... arguments) {
-    DebuggerPrintV(false, format.Text(), FormatArguments(arguments...));
+    DebuggerPrintV(false, format.Text().start, FormatArguments(arguments...));
 }
 
 // The debug output about itself, to the debugger: its progress, when the mode has "Internal", and its failures, always.
 template <typename... ARGUMENTS>
 void InternalPrint(FORMAT<ARGUMENTS...> format, const ARGUMENTS&... arguments) {
-    InternalPrintV(format.Text(), FormatArguments(arguments...));
+    InternalPrintV(format.Text().start, FormatArguments(arguments...));
 }
 template <typename... ARGUMENTS>
 void DebugOutputError(FORMAT<ARGUMENTS...> format, const ARGUMENTS&... arguments) {
-    DebuggerPrintV(true, format.Text(), FormatArguments(arguments...));
+    DebuggerPrintV(true, format.Text().start, FormatArguments(arguments...));
 }
 
 // ---- The rest ----

@@ -74,8 +74,8 @@ STRING ErrorText(const ERROR_CODE& error) {
     return own.IsEmpty() ? TextOfNone(error) : own;
 }
 
-void AppendError(LINE_BUFFER& line, const ERROR_CODE& error, const WCHAR* format, FORMAT_ARGUMENTS arguments,
-                 ERROR_TAIL* last) {
+void AppendError(LINE_BUFFER& line, const ERROR_CODE& error, const FORMAT_TEXT<WCHAR>& format,
+                 FORMAT_ARGUMENTS arguments, ERROR_TAIL* last) {
     const size_t before = line.View().size();
     line.AppendFormat(format, arguments);
     const std::string_view message = line.View().substr(std::min(before, line.View().size()));
@@ -100,7 +100,7 @@ void ERROR_TAIL::Keep(const ERROR_CODE& error, std::string_view tail) {
     form = error.Form();
 }
 
-STRING FormatErrorV(const ERROR_CODE& error, const WCHAR* format, FORMAT_ARGUMENTS arguments) {
+STRING FormatErrorV(const ERROR_CODE& error, const FORMAT_TEXT<WCHAR>& format, FORMAT_ARGUMENTS arguments) {
     LINE_BUFFER line;
     AppendError(line, error, format, arguments);
     const char* const text = line.Terminated();

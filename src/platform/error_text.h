@@ -56,9 +56,9 @@ struct ERROR_TAIL {
 // The message, completed by the error's text and code: "MESSAGE. TEXT. Error code = 5.". After a message that ends in a
 // blank, as the indentation of a new line is one, the text follows at once. Appended to a line (`last`: null, or what
 // the caller keeps between such calls), or as a string.
-STRING FormatErrorV(const ERROR_CODE& error, const WCHAR* format, FORMAT_ARGUMENTS arguments);
-void AppendError(LINE_BUFFER& line, const ERROR_CODE& error, const WCHAR* format, FORMAT_ARGUMENTS arguments,
-                 ERROR_TAIL* last = nullptr);
+STRING FormatErrorV(const ERROR_CODE& error, const FORMAT_TEXT<WCHAR>& format, FORMAT_ARGUMENTS arguments);
+void AppendError(LINE_BUFFER& line, const ERROR_CODE& error, const FORMAT_TEXT<WCHAR>& format,
+                 FORMAT_ARGUMENTS arguments, ERROR_TAIL* last = nullptr);
 template <typename... ARGUMENTS>
 STRING FormatError(const ERROR_CODE& error, FORMAT<ARGUMENTS...> format, const ARGUMENTS&... arguments) {
     return FormatErrorV(error, format.Text(), FormatArguments(arguments...));

@@ -155,45 +155,58 @@ bool Convert(SINK& sink, const FORMAT_CONVERSION& conversion, const FORMAT_ARGUM
     }
 }
 
+// Where the next conversion stands, or the format's end.
+template <typename UNIT>
+const UNIT* NextPercent(const FORMAT_TEXT<UNIT>& format, const UNIT* at, size_t used, size_t arguments) {
+    const UNIT* const end = format.start + format.length;
+    if (format.percents == nullptr) return std::find(at, end, static_cast<UNIT>('%'));
+    return used < arguments ? format.start + format.percents[used] : end;
+}
+
 // Arguments that no conversion asks for are not looked at, as printf leaves them.
 template <typename UNIT, typename SINK>
-bool Run(SINK& sink, const UNIT* format, FORMAT_ARGUMENTS arguments) {
-    size_t used = 0;
-    while (*format != 0) {
-        const UNIT* const start = format;
-        while (*format != 0 && *format != static_cast<UNIT>('%')) ++format;
-        sink.Put(start, static_cast<size_t>(format - start));
-        if (*format == 0) break;
-        const FORMAT_CONVERSION conversion = ReadConversion(++format);
+bool Run(SINK& sink, const FORMAT_TEXT<UNIT>& format, FORMAT_ARGUMENTS arguments) {
+    const UNIT* at = format.start;
+    for (size_t used = 0;;) {
+        const UNIT* const percent = NextPercent(format, at, used, arguments.size());
+        sink.Put(at, static_cast<size_t>(percent - at));
+        if (percent == format.start + format.length) return true;
+        at = percent + 1;
+        const FORMAT_CONVERSION conversion = ReadConversion(at);
         if (conversion.letter == '%') {
             sink.Fill('%', 1);
         } else if (used == arguments.size() || !Convert<UNIT>(sink, conversion, arguments[used++])) {
             return false;
         }
     }
-    return true;
 }
 
 template <typename UNIT>
-size_t Measure(const UNIT* format, FORMAT_ARGUMENTS arguments) {
+size_t Measure(const FORMAT_TEXT<UNIT>& format, FORMAT_ARGUMENTS arguments) {
     COUNTING_SINK<UNIT> sink;
     return Run(sink, format, arguments) ? sink.count : FormatFailed;
 }
 
 template <typename UNIT>
-void Write(UNIT* to, const UNIT* format, FORMAT_ARGUMENTS arguments) {
+void Write(UNIT* to, const FORMAT_TEXT<UNIT>& format, FORMAT_ARGUMENTS arguments) {
     WRITING_SINK<UNIT> sink{to};
     Run(sink, format, arguments);
 }
 
 }  // namespace
 
-size_t MeasureFormat(const WCHAR* format, FORMAT_ARGUMENTS arguments) { return Measure(format, arguments); }
-size_t MeasureFormat(const char* format, FORMAT_ARGUMENTS arguments) { return Measure(format, arguments); }
-void WriteFormat(WCHAR* to, const WCHAR* format, FORMAT_ARGUMENTS arguments) { Write(to, format, arguments); }
-void WriteFormat(char* to, const char* format, FORMAT_ARGUMENTS arguments) { Write(to, format, arguments); }
+size_t MeasureFormat(const FORMAT_TEXT<WCHAR>& format, FORMAT_ARGUMENTS arguments) {
+    return Measure(format, arguments);
+}
+size_t MeasureFormat(const FORMAT_TEXT<char>& format, FORMAT_ARGUMENTS arguments) { return Measure(format, arguments); }
+void WriteFormat(WCHAR* to, const FORMAT_TEXT<WCHAR>& format, FORMAT_ARGUMENTS arguments) {
+    Write(to, format, arguments);
+}
+void WriteFormat(char* to, const FORMAT_TEXT<char>& format, FORMAT_ARGUMENTS arguments) {
+    Write(to, format, arguments);
+}
 
-bool LINE_BUFFER::AppendFormat(const WCHAR* format, FORMAT_ARGUMENTS arguments) {
+bool LINE_BUFFER::AppendFormat(const FORMAT_TEXT<WCHAR>& format, FORMAT_ARGUMENTS arguments) {
     const size_t before = length;
     LINE_SINK sink{*this};
     const bool fits = Run(sink, format, arguments);

@@ -117,6 +117,20 @@ private:
 
 using FORMAT_ARGUMENTS = std::span<const FORMAT_ARGUMENT>;
 
+// A format's text, and what the compiler knows about a literal one.
+template <typename UNIT>
+struct FORMAT_TEXT {
+    constexpr FORMAT_TEXT(const UNIT* text)  // NOLINT(google-explicit-constructor)
+        : start(text), length(std::char_traits<UNIT>::length(text)) {}
+    constexpr FORMAT_TEXT(const UNIT* text, size_t units, const uint16_t* places)
+        : start(text), length(units), percents(places) {}
+
+    const UNIT* start;  // ends with a NUL
+    size_t length;      // without it
+    // Where the percent signs stand, of which each argument has one; null: they are to be looked for.
+    const uint16_t* percents = nullptr;
+};
+
 // One "%..." of a format, as read by ReadConversion.
 struct FORMAT_CONVERSION {
     bool left = false, plus = false, blank = false, alternate = false, zero = false;
@@ -155,6 +169,11 @@ constexpr FORMAT_CONVERSION ReadConversion(const UNIT*& at) {
     FORMAT_CONVERSION result;
     const auto is = [&at](char c) { return *at == static_cast<UNIT>(c); };
     const auto digit = [&at] { return *at >= static_cast<UNIT>('0') && *at <= static_cast<UNIT>('9'); };
+    if (is('s')) {  // most are
+        ++at;
+        result.letter = 's';
+        return result;
+    }
     for (;; ++at) {
         if (is('-'))
             result.left = true;
@@ -228,14 +247,25 @@ void AFormatDoesNotFitItsArguments();  // never defined: what the compiler names
 template <typename UNIT, FORMAT_KIND text, typename... ARGUMENTS>
 class CHECKED_FORMAT {
 public:
-    consteval CHECKED_FORMAT(const UNIT* literal) : format(literal) {  // NOLINT(google-explicit-constructor)
+    consteval CHECKED_FORMAT(const UNIT* literal)  // NOLINT(google-explicit-constructor)
+        : format(literal), length(std::char_traits<UNIT>::length(literal)) {
         const std::array<FORMAT_TYPE, sizeof...(ARGUMENTS)> types{FormatTypeOf<ARGUMENTS>()...};
-        if (!FormatFits<UNIT>(literal, text, types)) AFormatDoesNotFitItsArguments();
+        if (!FormatFits<UNIT>(literal, text, types) || length > UINT16_MAX) AFormatDoesNotFitItsArguments();
+        size_t found = 0;
+        for (size_t at = 0; at < length; ++at) {
+            if (literal[at] != static_cast<UNIT>('%')) continue;
+            if (found < percents.size()) percents[found] = static_cast<uint16_t>(at);
+            ++found;
+        }
+        plain = found == percents.size();
     }
-    constexpr const UNIT* Text() const { return format; }
+    constexpr FORMAT_TEXT<UNIT> Text() const { return {format, length, plain ? percents.data() : nullptr}; }
 
 private:
     const UNIT* format;
+    size_t length;
+    std::array<uint16_t, sizeof...(ARGUMENTS)> percents{};
+    bool plain = false;  // each percent sign belongs to an argument, none stands for itself
 };
 
 template <typename... ARGUMENTS>
@@ -256,10 +286,10 @@ std::array<FORMAT_ARGUMENT, sizeof...(ARGUMENTS)> FormatArguments(const ARGUMENT
 constexpr size_t FormatFailed = static_cast<size_t>(-1);
 
 // The length of the formatted text in units, without terminator; FormatFailed where the format does not fit.
-size_t MeasureFormat(const WCHAR* format, FORMAT_ARGUMENTS arguments);
-size_t MeasureFormat(const char* format, FORMAT_ARGUMENTS arguments);
+size_t MeasureFormat(const FORMAT_TEXT<WCHAR>& format, FORMAT_ARGUMENTS arguments);
+size_t MeasureFormat(const FORMAT_TEXT<char>& format, FORMAT_ARGUMENTS arguments);
 // Writes exactly as many units as MeasureFormat counted, no terminator.
-void WriteFormat(WCHAR* to, const WCHAR* format, FORMAT_ARGUMENTS arguments);
-void WriteFormat(char* to, const char* format, FORMAT_ARGUMENTS arguments);
+void WriteFormat(WCHAR* to, const FORMAT_TEXT<WCHAR>& format, FORMAT_ARGUMENTS arguments);
+void WriteFormat(char* to, const FORMAT_TEXT<char>& format, FORMAT_ARGUMENTS arguments);
 
 }  // namespace keldwick

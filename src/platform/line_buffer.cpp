@@ -1,5 +1,6 @@
 #include "platform/line_buffer.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 
@@ -84,6 +85,23 @@ void LINE_BUFFER::Append(std::string_view bytes) {
     length += bytes.size();
 }
 
+void LINE_BUFFER::AppendWholeBreaks(std::string_view bytes) {
+    EndWide();
+    char* at = Reserve(2 * bytes.size());
+    if (at == nullptr) return;
+    const char* const end = bytes.data() + bytes.size();
+    for (const char* from = bytes.data(); from != end;) {
+        const void* const feed = std::memchr(from, '\n', static_cast<size_t>(end - from));
+        const char* const stop = feed != nullptr ? static_cast<const char*>(feed) : end;
+        at = std::copy(from, stop, at);
+        if (stop == end) break;
+        if (at == block.As<char>() || at[-1] != '\r') *at++ = '\r';
+        *at++ = '\n';
+        from = stop + 1;
+    }
+    length = static_cast<size_t>(at - block.As<char>());
+}
+
 void LINE_BUFFER::AppendWide(TEXT_VIEW text) {
     PutWide(text);
     EndWide();
@@ -97,6 +115,7 @@ const char* LINE_BUFFER::Terminated() {
 }
 
 void LINE_BUFFER::PutWide(TEXT_VIEW piece) {
+    if (piece.empty()) return;
     char* at = Reserve((piece.size() + 1) * MaxBytesOfUnit);  // and for a half that waits
     if (at == nullptr) return;
     const size_t plain = lead == 0 ? CopyAscii(at, piece) : 0;

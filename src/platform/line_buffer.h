@@ -13,11 +13,12 @@ class LINE_BUFFER {
 public:
     void Clear();
     void Append(std::string_view bytes);
-    void AppendWide(TEXT_VIEW text);  // as UTF-8; half of a surrogate pair becomes U+FFFD
+    void AppendWholeBreaks(std::string_view bytes);  // each line feed without a carriage return before it gets one
+    void AppendWide(TEXT_VIEW text);                 // as UTF-8; half of a surrogate pair becomes U+FFFD
 
     // Formats straight to UTF-8, in one pass over format and arguments. False: the format does not fit its arguments,
     // and nothing was appended.
-    bool AppendFormat(const WCHAR* format, FORMAT_ARGUMENTS arguments);
+    bool AppendFormat(const FORMAT_TEXT<WCHAR>& format, FORMAT_ARGUMENTS arguments);
 
     std::string_view View() const { return {block.As<char>(), length}; }
     const char* Terminated();  // null when there is no memory

@@ -77,7 +77,7 @@ void STRING_STORAGE<UNIT>::Clear() {
 }
 
 template <typename UNIT>
-void STRING_STORAGE<UNIT>::FormatInto(const UNIT* format, FORMAT_ARGUMENTS arguments) {
+void STRING_STORAGE<UNIT>::FormatInto(const FORMAT_TEXT<UNIT>& format, FORMAT_ARGUMENTS arguments) {
     const size_t needed = MeasureFormat(format, arguments);
     if (needed == 0 || needed == FormatFailed) return Adopt(nullptr, 0);
     UNIT* const formatted = Allocate(needed);

@@ -51,7 +51,7 @@ protected:
         buffer = nullptr;
         length = 0;
     }
-    void FormatInto(const UNIT* format, FORMAT_ARGUMENTS arguments);
+    void FormatInto(const FORMAT_TEXT<UNIT>& format, FORMAT_ARGUMENTS arguments);
 
     UNIT* buffer = nullptr;
     DWORD length = 0;
@@ -130,7 +130,7 @@ public:
 template <typename... ARGUMENTS>
 STRING FormatString(FORMAT<ARGUMENTS...> format, const ARGUMENTS&... arguments) {
     STRING text;
-    text.FormatV(format.Text(), FormatArguments(arguments...));
+    text.Format(format, arguments...);
     return text;
 }
 
