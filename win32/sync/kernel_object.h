@@ -8,6 +8,9 @@
 #include <limits>
 #include <memory>
 #include <mutex>
+#include <type_traits>
+#include <typeinfo>
+#include <utility>
 
 namespace win32 {
 
@@ -65,9 +68,12 @@ bool RemoveHandle(HANDLE handle);
 // The object of a handle as a T, or null with ERROR_INVALID_HANDLE when it is of another kind.
 template <typename T>
 std::shared_ptr<T> ObjectAs(HANDLE handle) {
-    std::shared_ptr<T> object = std::dynamic_pointer_cast<T>(ObjectOf(handle));
-    if (!object) SetLastError(ERROR_INVALID_HANDLE);
-    return object;
+    static_assert(std::is_final_v<T>);
+    std::shared_ptr<KERNEL_OBJECT> object = ObjectOf(handle);
+    const KERNEL_OBJECT* const found = object.get();
+    if (found != nullptr && typeid(*found) == typeid(T)) return std::static_pointer_cast<T>(std::move(object));
+    SetLastError(ERROR_INVALID_HANDLE);
+    return nullptr;
 }
 
 // Signals an event object as SetEvent does; false when the object is not an event. For notifications of the layer,

@@ -42,6 +42,8 @@ private:
     timespec span{};
 };
 
+// A wait for at most so many objects: most are for a few, and need not clear the places of many.
+template <size_t LIMIT>
 class WAIT {
 public:
     WAIT() = default;
@@ -109,8 +111,6 @@ public:
     }
 
 private:
-    static constexpr size_t Limit = MAXIMUM_WAIT_OBJECTS;
-
     void Add(pollfd wanted, DWORD object) {
         owner[polls] = object;
         polled[polls++] = wanted;
@@ -164,11 +164,23 @@ private:
     nfds_t polls = 0;
     int64_t firstDue = KERNEL_OBJECT::Never;
     int64_t missingDue = KERNEL_OBJECT::Never;  // of the object in `missing`
-    std::array<std::shared_ptr<KERNEL_OBJECT>, Limit> objects;
-    std::array<pollfd, 2 * Limit> polled, missing;
-    std::array<int64_t, Limit> due;
-    std::array<DWORD, 2 * Limit> owner;  // the object of each polled descriptor
+    std::array<std::shared_ptr<KERNEL_OBJECT>, LIMIT> objects;
+    std::array<pollfd, 2 * LIMIT> polled, missing;
+    std::array<int64_t, LIMIT> due;
+    std::array<DWORD, 2 * LIMIT> owner;  // the object of each polled descriptor
 };
+
+template <size_t LIMIT>
+DWORD WaitFor(const HANDLE* handles, DWORD count, bool all, DWORD milliseconds) {
+    WAIT<LIMIT> wait;
+    if (!wait.Prepare(handles, count)) return WAIT_FAILED;
+    if (!all) return wait.Any(milliseconds);
+    if (wait.SameObjectTwice()) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return WAIT_FAILED;
+    }
+    return wait.All(milliseconds);
+}
 
 }  // namespace
 }  // namespace win32
@@ -178,14 +190,9 @@ DWORD WINAPI WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL all
         SetLastError(ERROR_INVALID_PARAMETER);
         return WAIT_FAILED;
     }
-    win32::WAIT wait;
-    if (!wait.Prepare(handles, count)) return WAIT_FAILED;
-    if (!all) return wait.Any(milliseconds);
-    if (wait.SameObjectTwice()) {
-        SetLastError(ERROR_INVALID_PARAMETER);
-        return WAIT_FAILED;
-    }
-    return wait.All(milliseconds);
+    constexpr DWORD Few = 4;
+    return count <= Few ? win32::WaitFor<Few>(handles, count, all != FALSE, milliseconds)
+                        : win32::WaitFor<MAXIMUM_WAIT_OBJECTS>(handles, count, all != FALSE, milliseconds);
 }
 
 DWORD WINAPI WaitForSingleObject(HANDLE handle, DWORD milliseconds) {
