@@ -27,21 +27,32 @@ constexpr DWORD PACK_NETWORK_ORDER =
 
 // One item; make it with the functions below. It borrows what it points to.
 struct PACK_ITEM {
-    DWORD code;  // a PACK_CODE and flags
+    PACK_CODE code;
+    DWORD flags = 0;
+    size_t length = 0;  // bytes that it takes in the buffer
     DWORD value = 0;
     const void* bytes = nullptr;
-    DWORD length = 0;  // of bytes, in bytes; in UTF-16 units for a text
     DWORD* position = nullptr;
 };
 
-PACK_ITEM PackSkip(DWORD count);
-PACK_ITEM PackText(std::basic_string_view<WCHAR> text);
-PACK_ITEM PackByte(BYTE value);
-PACK_ITEM PackBytes(const void* bytes, DWORD length);  // null: none
-PACK_ITEM PackWord(WORD value, DWORD flags = 0);
-PACK_ITEM PackDword(DWORD value, DWORD flags = 0);
-PACK_ITEM PackPosition(DWORD& position);
-PACK_ITEM PackSkipItems(DWORD count);
+inline PACK_ITEM PackSkip(DWORD count) { return {.code = PACK_CODE::SKIP_BYTES, .length = count}; }
+inline PACK_ITEM PackText(std::basic_string_view<WCHAR> text) {
+    return {.code = PACK_CODE::TEXT_UNITS, .length = text.size() * sizeof(WCHAR), .bytes = text.data()};
+}
+inline PACK_ITEM PackByte(BYTE value) {
+    return {.code = PACK_CODE::BYTE_VALUE, .length = sizeof(value), .value = value};
+}
+inline PACK_ITEM PackBytes(const void* bytes, DWORD length) {  // null: none
+    return {.code = PACK_CODE::BYTES, .length = bytes != nullptr ? length : 0, .bytes = bytes};
+}
+inline PACK_ITEM PackWord(WORD value, DWORD flags = 0) {
+    return {.code = PACK_CODE::WORD_VALUE, .flags = flags, .length = sizeof(value), .value = value};
+}
+inline PACK_ITEM PackDword(DWORD value, DWORD flags = 0) {
+    return {.code = PACK_CODE::DWORD_VALUE, .flags = flags, .length = sizeof(value), .value = value};
+}
+inline PACK_ITEM PackPosition(DWORD& position) { return {.code = PACK_CODE::RECORD_POSITION, .position = &position}; }
+inline PACK_ITEM PackSkipItems(DWORD count) { return {.code = PACK_CODE::SKIP_ITEMS, .value = count}; }
 
 // Fills the buffer with the items, resizing it to exactly their size. Gives its bytes; null when there are none or
 // memory ran out, and then the buffer is empty.
