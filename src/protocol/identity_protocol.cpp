@@ -176,18 +176,20 @@ bool IDENTITY_PROTOCOL::IsNear() {
 DWORD IDENTITY_PROTOCOL::NextSignal() {
     const HANDLE handles[SLOT_COUNT] = {StopEvent, wakeEvent.Get(), timer.Get(), Active().EventHandle()};
     const DWORD count = handles[SLOT_COMPONENT] != nullptr ? SLOT_COUNT : SLOT_COMPONENT;
-    const DWORD limit = IsNear() ? NearTimeoutMs : Active().WaitLimit();
-    const auto setWaiting = [this](bool value) {
+    DWORD limit = Active().WaitLimit();
+    bool waits = false;
+    {
         const LOCK_GUARD guard(lock);
-        isWaiting = value && !woken;
-        return isWaiting;
-    };
-    if (!setWaiting(true)) {
+        if (isReceiving && isNear) limit = NearTimeoutMs;
+        waits = isWaiting = !woken;
+    }
+    if (!waits) {
         const DWORD stop = WaitForSingleObject(StopEvent, 0);
         return stop == WAIT_TIMEOUT ? WAIT_OBJECT_0 + SLOT_WAKE : stop;
     }
     const DWORD signal = WaitForMultipleObjects(count, handles, FALSE, limit);
-    setWaiting(false);
+    const LOCK_GUARD guard(lock);
+    isWaiting = false;
     return signal;
 }
 
@@ -246,14 +248,13 @@ WAIT_RESULT IDENTITY_PROTOCOL::Wait(DWORD seconds, SESSION_EVENTS wanted) {
 
 bool IDENTITY_PROTOCOL::ReceiveResponse(std::span<const BYTE>& bytes) {
     Active().SetTimeout(ComponentTimeoutSeconds);
-    const auto setReceiving = [this](bool value) {
+    {
         const LOCK_GUARD guard(lock);
-        isReceiving = value;
-    };
-    setReceiving(true);
+        isReceiving = true;
+    }
     const WAIT_RESULT result = Wait(ResponseTimeoutSeconds, SESSION_DATA_IN);
-    setReceiving(false);
     const LOCK_GUARD guard(lock);
+    isReceiving = false;
     const bool inPieces = result == WAIT_RESULT::TIMED_OUT && incomplete;
     if (result != WAIT_RESULT::ARRIVED && !inPieces) return false;
     if (inPieces && owed % ResponseLength != 0) {  // the rest will not come; whole responses still may
