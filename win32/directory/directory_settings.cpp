@@ -37,9 +37,9 @@ class LOOKED_AT_FILE {
 public:
     explicit LOOKED_AT_FILE(std::string_view fileName) : name(fileName) {}
 
-    std::optional<FILE_IDENTITY> Identity() {
+    std::optional<FILE_IDENTITY> Identity(const std::string& machineRoot) {
         const std::lock_guard guard(lock);
-        const std::string* const now = &MachineRoot();
+        const std::string* const now = &machineRoot;
         if (std::exchange(root, now) != now) watch.reset();
         if (!watch || !watch->Holds(mark)) Look(MachinePath(name));
         errno = failure;
@@ -156,10 +156,10 @@ CHECKED_LDAP_SETTINGS ReadCheckedSettings() {
 
 // Settings are asked for with every name: they are read again only when the registry has changed.
 template <typename SETTINGS>
-const SETTINGS& Current(SETTINGS (*read)()) {
+const SETTINGS& Current(SETTINGS (*read)(), const std::string& root) {
     static thread_local std::shared_ptr<const void> lastVersion;
     static thread_local SETTINGS settings;
-    if (const auto version = LinuxSettingsVersion(); !version || version != lastVersion) {
+    if (const auto version = LinuxSettingsVersion(root); !version || version != lastVersion) {
         settings = read();
         lastVersion = version;
     }
@@ -172,24 +172,27 @@ bool MayOwnSecret(uid_t owner) {
     return other ? owner == *other : owner == 0 || owner == geteuid();
 }
 
+std::optional<FILE_IDENTITY> LdifIdentityIn(const std::string& root) {
+    static LOOKED_AT_FILE& file = *new LOOKED_AT_FILE(DirectoryFile);
+    return file.Identity(root);
+}
+
 }  // namespace
 
 DIRECTORY_BACKEND ConfiguredBackend() {
-    const BACKEND_SETTINGS& settings = Current(ReadBackendSettings);
+    const std::string& root = MachineRoot();
+    const BACKEND_SETTINGS& settings = Current(ReadBackendSettings, root);
     if (settings.chosen) return *settings.chosen;
-    if (LdifIdentity()) return DIRECTORY_BACKEND::LDIF;
+    if (LdifIdentityIn(root)) return DIRECTORY_BACKEND::LDIF;
     return settings.serverNamed ? DIRECTORY_BACKEND::LDAP : DIRECTORY_BACKEND::NONE;
 }
 
 std::string LdifPath() { return MachinePath(DirectoryFile); }
 
-std::optional<FILE_IDENTITY> LdifIdentity() {
-    static LOOKED_AT_FILE& file = *new LOOKED_AT_FILE(DirectoryFile);
-    return file.Identity();
-}
+std::optional<FILE_IDENTITY> LdifIdentity() { return LdifIdentityIn(MachineRoot()); }
 
 std::optional<LDAP_SETTINGS> ReadLdapSettings(std::string& complaint) {
-    const CHECKED_LDAP_SETTINGS& current = Current(ReadCheckedSettings);
+    const CHECKED_LDAP_SETTINGS& current = Current(ReadCheckedSettings, MachineRoot());
     complaint = current.complaint;
     return complaint.empty() ? std::optional(current.settings) : std::nullopt;
 }

@@ -16,7 +16,7 @@ std::optional<REG_VALUE> LinuxValue(const char16_t* name) {
 
 }  // namespace
 
-std::shared_ptr<const void> LinuxSettingsVersion() { return REG_STORE::Current().Tree(); }
+std::shared_ptr<const void> LinuxSettingsVersion(const std::string& root) { return REG_STORE::Of(root).Tree(); }
 
 bool LinuxSettingsAreWatched() { return REG_STORE::Current().IsWatched(); }
 

@@ -14,8 +14,9 @@ namespace win32 {
 std::optional<DWORD> LinuxNumber(const char16_t* name);
 std::optional<std::u16string> LinuxText(const char16_t* name);
 
-// What the values above were read from: while it stays the same pointer, they are the same.
-std::shared_ptr<const void> LinuxSettingsVersion();
+// What the values above are read from in that machine root, as MachineRoot has given it: while it stays the same
+// pointer, they are the same.
+std::shared_ptr<const void> LinuxSettingsVersion(const std::string& root);
 
 // Whether this process watches the registry's file, as one that stays does.
 bool LinuxSettingsAreWatched();

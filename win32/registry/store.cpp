@@ -35,13 +35,14 @@ constexpr std::chrono::milliseconds MinPause = 10ms, MaxPause = 1s;  // between 
 
 }  // namespace
 
-REG_STORE& REG_STORE::Current() {
+REG_STORE& REG_STORE::Current() { return Of(MachineRoot()); }
+
+REG_STORE& REG_STORE::Of(const std::string& root) {
     // Never destroyed: the watcher thread may be in one at any time.
     static std::mutex guard;
     static auto* const stores = new std::map<const std::string*, std::unique_ptr<REG_STORE>>;
     static thread_local const std::string* lastRoot = nullptr;
     static thread_local REG_STORE* last = nullptr;
-    const std::string& root = MachineRoot();
     if (&root == lastRoot) return *last;
     const std::lock_guard locked(guard);
     std::unique_ptr<REG_STORE>& store = (*stores)[&root];

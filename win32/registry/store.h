@@ -17,8 +17,10 @@ namespace win32 {
 
 class REG_STORE {
 public:
-    // The store of the machine root that is in force now. It lives as long as the process.
+    // The store of the machine root that is in force now, or of a root that MachineRoot has given. It lives as long as
+    // the process.
     static REG_STORE& Current();
+    static REG_STORE& Of(const std::string& root);
 
     explicit REG_STORE(std::string file);
     ~REG_STORE();
