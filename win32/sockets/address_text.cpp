@@ -39,10 +39,11 @@ std::optional<uint16_t> Port(const std::string& rest) {
 
 // One to four numbers with dots between, as inet_aton takes them, then perhaps with a port.
 bool ParseIpv4(const std::string& text, sockaddr_in& address) {
-    const size_t colon = std::min(text.find(':'), text.size());
-    const std::optional<uint16_t> port = Port(text.substr(colon));
     address = {};
     address.sin_family = AF_INET;
+    if (inet_pton(AF_INET, text.c_str(), &address.sin_addr) == 1) return true;  // as most are, and found out quickly
+    const size_t colon = std::min(text.find(':'), text.size());
+    const std::optional<uint16_t> port = Port(text.substr(colon));
     address.sin_port = htons(port.value_or(0));
     return port && inet_aton(text.substr(0, colon).c_str(), &address.sin_addr) != 0;
 }
