@@ -130,6 +130,8 @@ TEST(DirectoryText, ExtendedDnsAndDomains) {
                                                            {"dc=c", "dc=c"},
                                                            {"CN=A\\,DC=b\\\\,dc=C", "dc=C"},
                                                            {"CN=aDC=b", ""},
+                                                           {"CN=A, DC=b,DC=c", "DC=b,DC=c"},
+                                                           {"CN=A; dc=b", "dc=b"},
                                                            {"CN=A,DC", ""},
                                                            {"", ""}};
     for (const auto& [dn, domain] : domains) EXPECT_EQ(domain, DomainPart(dn)) << dn;

@@ -21,8 +21,10 @@ std::string_view DIRECTORY_ENTRY::First(std::string_view attribute) const {
 
 size_t DIRECTORY_ENTRY::Bytes() const {
     size_t bytes = dn.size();
-    for (const auto& [name, values] : attributes)
+    for (const auto& [name, values] : attributes) {
+        bytes += name.size() + sizeof(std::string) + sizeof(values);
         for (const std::string& value : values) bytes += value.size() + sizeof(std::string);
+    }
     for (const std::string& sid : groupSids) bytes += sid.size() + sizeof(std::string);
     return bytes;
 }

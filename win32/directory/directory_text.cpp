@@ -110,7 +110,7 @@ std::string_view DomainPart(std::string_view dn) {
     bool begins = true;
     for (size_t at = 0; at < dn.size(); ++at) {
         if (begins && LowerName(dn.substr(at, 3)) == "dc=") return dn.substr(at);
-        begins = dn[at] == ',';
+        begins = dn[at] == ',' || dn[at] == ';' || (begins && dn[at] == ' ');
         if (dn[at] == '\\') ++at;  // what follows stands for itself
     }
     return {};

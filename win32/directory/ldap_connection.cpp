@@ -14,6 +14,7 @@
 #include <mutex>
 #include <system_error>
 #include <thread>
+#include <utility>
 
 #include "win32/directory/directory_text.h"
 
@@ -124,40 +125,56 @@ void UseKeytab(const std::string& keytab) {
     setenv("KRB5CCNAME", "MEMORY:keldwick", 1);
 }
 
-std::vector<std::string> ValuesOf(LDAP* ldap, LDAPMessage* message, const char* name) {
-    std::vector<std::string> values;
-    berval** const bytes = ldap_get_values_len(ldap, message, name);
-    for (size_t i = 0; bytes != nullptr && bytes[i] != nullptr; ++i)
-        values.emplace_back(bytes[i]->bv_val, bytes[i]->bv_len);
-    ldap_value_free_len(bytes);
-    return values;
-}
-
-// Its values, or those of a part of it, are the DNs of an object's groups.
+// Of the attribute or of a part of it: its values are the DNs of an object's groups.
 bool NamesGroups(std::string_view attribute) { return LowerName(attribute).starts_with("memberof"); }
 
-void TakeSids(std::vector<std::string>& dns, std::vector<std::string>& sids) {
+// Leaves the plain DNs. The SIDs, at their places.
+std::vector<std::string> TakeSids(std::vector<std::string>& dns) {
+    std::vector<std::string> sids;
     for (std::string& dn : dns) {
         EXTENDED_DN parsed = ParseExtendedDn(dn);
         sids.push_back(std::move(parsed.sid));
         dn = std::move(parsed.dn);
     }
+    return sids;
 }
 
-DIRECTORY_ENTRY EntryOf(LDAP* ldap, LDAPMessage* message) {
-    DIRECTORY_ENTRY entry;
-    char* const dn = ldap_get_dn(ldap, message);
-    if (dn != nullptr) entry.dn = ParseExtendedDn(dn).dn;
-    ldap_memfree(dn);
+// Reads one attribute; false: there is no further one, or it would take more memory than there is room.
+bool ReadAttribute(LDAP* ldap, LDAPMessage* message, BerElement* position, DIRECTORY_ENTRY& entry, size_t& room,
+                   bool& isTooLarge) {
+    berval name{}, *values = nullptr;
+    if (ldap_get_attribute_ber(ldap, message, position, &name, &values) != LDAP_SUCCESS || name.bv_val == nullptr)
+        return false;
+    const std::unique_ptr<berval, void (*)(void*)> owner(values, ber_memfree);  // their bytes lie in the message
+    const auto take = [&](const berval& bytes) {
+        const size_t taken = bytes.bv_len + 2 * sizeof(std::string);  // twice: a group has a SID, too
+        isTooLarge = taken > room;
+        room -= isTooLarge ? 0 : taken;
+        return std::string(bytes.bv_val, isTooLarge ? 0 : bytes.bv_len);
+    };
+    std::vector<std::string>& texts = entry.attributes.emplace_back(take(name), std::vector<std::string>()).second;
+    for (const berval* value = values; value != nullptr && value->bv_val != nullptr && !isTooLarge; ++value)
+        texts.push_back(take(*value));
+    return !isTooLarge;
+}
+
+// In one walk over the message: to ask for values by their attribute's name is a walk for each, over names that the
+// server chooses. What cannot be read ends it. False: the entry takes more memory than there is room.
+bool ReadEntry(LDAP* ldap, LDAPMessage* message, size_t room, DIRECTORY_ENTRY& entry) {
     BerElement* position = nullptr;
-    for (char* name = ldap_first_attribute(ldap, message, &position); name != nullptr;
-         name = ldap_next_attribute(ldap, message, position)) {
-        entry.attributes.emplace_back(name, ValuesOf(ldap, message, name));
-        if (NamesGroups(name)) TakeSids(entry.attributes.back().second, entry.groupSids);
-        ldap_memfree(name);
+    berval dn{};
+    if (ldap_get_dn_ber(ldap, message, &position, &dn) != LDAP_SUCCESS) return true;
+    const std::unique_ptr<BerElement, void (*)(BerElement*)> owner(position, [](BerElement* one) { ber_free(one, 0); });
+    if (dn.bv_val != nullptr) entry.dn = ParseExtendedDn({dn.bv_val, dn.bv_len}).dn;
+    bool isTooLarge = false, hasGroups = false;
+    while (ReadAttribute(ldap, message, position, entry, room, isTooLarge)) {
+        auto& [name, values] = entry.attributes.back();
+        if (!NamesGroups(name)) continue;
+        std::vector<std::string> sids = TakeSids(values);
+        const bool isWhole = name.find(';') == name.npos;
+        if (isWhole && !std::exchange(hasGroups, true)) entry.groupSids = std::move(sids);
     }
-    ber_free(position, 0);
-    return entry;
+    return !isTooLarge;
 }
 
 // What a search asks of the server beside its question; a server that does not know it leaves it.
@@ -284,7 +301,7 @@ struct LDAP_CONNECTION::HANDLE_STATE {
         if (kind == LDAP_RES_SEARCH_REFERENCE || kind == LDAP_RES_INTERMEDIATE) return false;
         code = LDAP_DECODING_ERROR;
         if (kind != LDAP_RES_SEARCH_ENTRY) return true;
-        answer.found.push_back(EntryOf(ldap, message));
+        if (!ReadEntry(ldap, message, MaxAnswerBytes - answer.bytes, answer.found.emplace_back())) return true;
         answer.bytes += answer.found.back().Bytes();
         if (answer.found.size() > answer.limit || answer.bytes > MaxAnswerBytes) return true;
         code = LDAP_RESULTS_TOO_LARGE;
@@ -424,7 +441,7 @@ int LDAP_CONNECTION::Send(const std::string& base, int scope, const std::string&
 // at most: a server that takes its time for each is as good as one that is asked one by one. Result: the library's
 // code, LDAP_DECODING_ERROR for more than was asked for.
 int LDAP_CONNECTION::Receive(int number, std::vector<DIRECTORY_ENTRY>& found) {
-    auto end = std::chrono::steady_clock::now() + LdapAnswerTime;
+    auto end = std::chrono::steady_clock::now() + Patience();
     for (;;) {
         const auto left = std::chrono::duration_cast<std::chrono::microseconds>(end - std::chrono::steady_clock::now());
         timeval time{left.count() / 1'000'000, left.count() % 1'000'000};
@@ -433,6 +450,7 @@ int LDAP_CONNECTION::Receive(int number, std::vector<DIRECTORY_ENTRY>& found) {
         const MESSAGE message(taken, ldap_msgfree);
         int code = LDAP_TIMEOUT;
         if (kind < 0) ldap_get_option(state->ldap, LDAP_OPT_RESULT_CODE, &code);
+        if (kind == 0) isLateAhead = Patience() == LdapAheadTime;
         if (kind <= 0) return code;
         const auto asked = unanswered.find(ldap_msgid(taken));
         if (asked == unanswered.end()) continue;  // the server's own word, or the rest of what was enough
@@ -448,7 +466,7 @@ int LDAP_CONNECTION::Receive(int number, std::vector<DIRECTORY_ENTRY>& found) {
             if (receiver) receiver(answered, answer.found);
             if (answered == number) return LDAP_SUCCESS;
             if (broken) return LDAP_SERVER_DOWN;
-            if (answered < number) end = std::chrono::steady_clock::now() + LdapAnswerTime;
+            if (answered < number) end = std::chrono::steady_clock::now() + Patience();
         } else if (answered == number) {
             found = std::move(answer.found);
             return code;
@@ -480,6 +498,12 @@ std::optional<int> LDAP_CONNECTION::SearchAhead(const std::string& base, SCOPE s
 void LDAP_CONNECTION::SendAnswersTo(RECEIVER to) {
     receiver = std::move(to);
     for (auto& [number, answer] : unanswered) answer.found.clear();
+}
+
+// A server may answer in order: what was sent ahead stands before the question, too.
+std::chrono::seconds LDAP_CONNECTION::Patience() const {
+    const auto isAhead = [](const auto& search) { return search.second.isAhead; };
+    return std::any_of(unanswered.begin(), unanswered.end(), isAhead) ? LdapAheadTime : LdapAnswerTime;
 }
 
 HRESULT LDAP_CONNECTION::Await(int number) {

@@ -17,6 +17,7 @@ namespace win32 {
 
 constexpr std::chrono::seconds LdapConnectTime{5};
 constexpr std::chrono::seconds LdapAnswerTime{10};
+constexpr std::chrono::seconds LdapAheadTime{3};  // while answers are owed that no caller has asked for
 
 constexpr const char* AnyEntry = "(objectClass=*)";
 constexpr int MaxFound = 64;  // entries of one name: more than one is already too many
@@ -62,7 +63,8 @@ public:
     // Returns when the search of that number, sent ahead, has been answered. Fails when the connection does.
     HRESULT Await(int number);
 
-    bool IsBroken() const { return broken; }  // no further search can succeed
+    bool IsBroken() const { return broken; }          // no further search can succeed
+    bool IsLateAhead() const { return isLateAhead; }  // it has broken since what was sent ahead took too long
     const std::string& Reason() const { return reason; }
     const std::string& Identity() const { return identity; }  // after Bind, for a person
     const std::string& ConfigurationDn() const { return configurationDn; }
@@ -82,11 +84,12 @@ private:
              bool isAhead, int& number);
     int Receive(int number, std::vector<DIRECTORY_ENTRY>& found);
     HRESULT Fail(int code);
+    std::chrono::seconds Patience() const;
 
     std::shared_ptr<HANDLE_STATE> state;         // shared with a step that was given up and has not ended yet
     std::unordered_map<int, ANSWER> unanswered;  // searches, by their number
     RECEIVER receiver;
-    bool broken = false;
+    bool broken = false, isLateAhead = false;
     std::string reason, identity, configurationDn;
 };
 

@@ -80,7 +80,8 @@ public:
                  const ATTRIBUTE_NAMES& wanted, std::vector<DIRECTORY_ENTRY>& found) override {
         const std::string filter = "(" + std::string(attribute) + "=" + FilterText(value) + ")";
         if (LOOK_AHEAD::IsFoundAlready(key, base + filter, found) && LOOK_AHEAD::Covers(wanted)) return S_OK;
-        isWide = LOOK_AHEAD::FindsObjects() && LOOK_AHEAD::Covers(wanted);
+        const bool isComputer = value.ends_with('$');  // which is asked for once, and not opened
+        isWide = !isComputer && LOOK_AHEAD::FindsObjects() && LOOK_AHEAD::Covers(wanted);
         const HRESULT result = Ask([&](OPEN_CONNECTION& asked) {
             const auto search = [&](const ATTRIBUTE_NAMES& names) {
                 return asked.ldap.Search(base, LDAP_CONNECTION::SCOPE::SUBTREE, filter, names, MaxFound, found);
@@ -124,7 +125,8 @@ private:
         HRESULT result = DirectoryServerDown;
         while (connection) {
             result = question(*connection);
-            if (!connection->ldap.IsBroken() && result != DirectoryServerDown) return result;
+            const bool isAnswer = !connection->ldap.IsBroken() && result != DirectoryServerDown;
+            if (SUCCEEDED(result) || isAnswer) return result;
             result = Reconnect(result);
         }
         return result;
@@ -133,7 +135,9 @@ private:
     // After a failure: to the same server once more when its kept connection turns out to be closed, or when more was
     // asked than the question, else to the next. Fails, without a connection, when none is left.
     HRESULT Reconnect(HRESULT failure) {
-        const bool isMoreAsked = (isWide || connection->ldap.ReadsAhead()) && failure != DirectoryTimeout;
+        const bool isLate = connection->ldap.IsLateAhead();
+        const bool isMoreAsked = isLate || ((isWide || connection->ldap.ReadsAhead()) && failure != DirectoryTimeout);
+        if (isLate) LOOK_AHEAD::Pause();
         const bool isKeptOneClosed = !isFresh && failure == DirectoryServerDown;
         const bool isBroken = connection->ldap.IsBroken();
         if (ahead && isBroken) ahead->Stop();

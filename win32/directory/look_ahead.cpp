@@ -23,8 +23,9 @@ constexpr unsigned UsualLevels = 3;                // of groups in one another
 constexpr size_t FewGroups = 4;                    // at such a level
 constexpr const char* AllGroups = "tokenGroups";   // an object's security groups and theirs, as binary SIDs
 
-constexpr unsigned MaxNotOpened = 4;               // of a report one name is opened, others are not
-constexpr std::chrono::seconds ServesAgainFor{1};  // longer than a report has between its first two questions
+constexpr unsigned MaxNotOpened = 4;                      // of a report one name is opened, others are not
+constexpr std::chrono::milliseconds ServesAgainFor{100};  // a report has less between its first two questions
+constexpr std::chrono::minutes PauseTime{10};
 
 // A report's questions come from one thread.
 struct THREAD_REPORT {
@@ -34,6 +35,7 @@ struct THREAD_REPORT {
     std::chrono::milliseconds foundAt{};
     std::weak_ptr<LOOK_AHEAD> held;
     bool isDeep = false;  // the last one that asked for groups, by their nesting
+    std::chrono::milliseconds pausesUntil{};
 };
 thread_local THREAD_REPORT report;
 
@@ -46,10 +48,10 @@ bool IsPart(const DIRECTORY_ENTRY& entry) {
 
 // The SID, in its binary form, of the object's primary group; empty: it has none.
 std::string PrimaryGroupSid(const DIRECTORY_ENTRY& object) {
-    constexpr size_t header = 8;
     const std::optional<LONG> group = ToNumber<LONG>(object.First("primaryGroupID"));
     std::string sid(object.First("objectSid"));
-    if (!group || sid.size() < header + sizeof(DWORD)) return {};
+    const std::optional<SID_VALUE> parsed = SID_VALUE::FromBytes(sid);
+    if (!group || !parsed || parsed->Subs().empty()) return {};
     for (size_t i = 0; i < sizeof(DWORD); ++i)
         sid[sid.size() - sizeof(DWORD) + i] = static_cast<char>(static_cast<DWORD>(*group) >> (8 * i));
     return sid;
@@ -120,6 +122,8 @@ std::shared_ptr<LOOK_AHEAD> LOOK_AHEAD::OpenOrFound(const std::string& key, cons
     return found && found->key == key && found->given.dn == dn ? found : nullptr;
 }
 
+void LOOK_AHEAD::Pause() { report.pausesUntil = Uptime() + PauseTime; }
+
 void LOOK_AHEAD::Hold(const std::shared_ptr<LOOK_AHEAD>& held) { report.held = held; }
 
 HRESULT LOOK_AHEAD::Take(OPEN_CONNECTION& asked, const std::string& dn, DIRECTORY_ENTRY& entry) {
@@ -129,7 +133,8 @@ HRESULT LOOK_AHEAD::Take(OPEN_CONNECTION& asked, const std::string& dn, DIRECTOR
         if (reading == nullptr) return S_FALSE;
         const HRESULT result = AwaitReading(asked, *reading);
         if (FAILED(result)) return result;
-        if (reading->state != READING::STATE::ARRIVED) return S_FALSE;
+        const bool isIt = dn == reading->dn || dn == reading->entry.dn;  // of two DNs that have one SID
+        if (reading->state != READING::STATE::ARRIVED || !isIt) return S_FALSE;
         reading->state = READING::STATE::OVER;
         bytes -= std::exchange(reading->bytes, 0);
         givenFor = dn;
@@ -152,7 +157,7 @@ HRESULT LOOK_AHEAD::AwaitReading(OPEN_CONNECTION& asked, READING& reading) {
 }
 
 void LOOK_AHEAD::Expect(OPEN_CONNECTION& asked, const DIRECTORY_ENTRY& object) {
-    if (readsOn == nullptr && !isStopped) {
+    if (readsOn == nullptr && !isStopped && Uptime() >= report.pausesUntil) {
         readsOn = &asked;
         asked.ldap.SendAnswersTo([this](int number, std::vector<DIRECTORY_ENTRY>& found) { Arrived(number, found); });
     }
@@ -297,9 +302,8 @@ LOOK_AHEAD::READING* LOOK_AHEAD::AnsweredBy(const DIRECTORY_ENTRY& entry, const 
 }
 
 void LOOK_AHEAD::Keep(READING& reading, DIRECTORY_ENTRY& entry) {
-    const size_t size = entry.Bytes() + entry.dn.size();
+    const size_t size = entry.Bytes();
     if (IsPart(entry) || bytes + size > MaxKeptBytes) return;
-    names.try_emplace(entry.dn, &reading);
     bytes += size;
     reading.bytes = size;
     reading.entry = std::move(entry);

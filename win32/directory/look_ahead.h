@@ -50,6 +50,8 @@ public:
     static std::shared_ptr<LOOK_AHEAD> Open(const std::string& key);
     // Before an entry is read: the same, or what was found by the last question when that is the entry's.
     static std::shared_ptr<LOOK_AHEAD> OpenOrFound(const std::string& key, const std::string& dn);
+    // A server takes long for what it is asked ahead: this thread's reports ask for each thing by itself for a while.
+    static void Pause();
     static void Hold(const std::shared_ptr<LOOK_AHEAD>& held);  // from now on it is the one that is open
 
     // ---- This one ----

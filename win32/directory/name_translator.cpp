@@ -121,8 +121,9 @@ private:
 
     // The innermost domain that the DN lies in.
     const DIRECTORY_DOMAIN* DomainOf(const std::string& dn) const {
+        const std::string_view end = DomainPart(dn);
         for (const DIRECTORY_DOMAIN& domain : domains)
-            if (domain.dn == DomainPart(dn)) return &domain;  // as nearly always
+            if (domain.dn == end) return &domain;  // as nearly always
         const auto components = SplitDn(dn);
         const DIRECTORY_DOMAIN* innermost = nullptr;
         size_t depth = 0;
