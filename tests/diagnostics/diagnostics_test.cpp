@@ -77,6 +77,7 @@ TEST_F(DebugOutput, AnErrorEndsInItsOwnTextWhateverCameBefore) {
         DebugPrintError(error, TEXT("No"));
         expected += "KDWK: " + Narrow(FormatError(error, TEXT("No"))) + "\r\n";
     }
+    EXPECT_EQ(expected, Log());
     for (int failed = 1; failed <= 3; ++failed) {  // what memory ran out for is not kept
         DebugPrintError(5, TEXT("Between"));
         {

@@ -46,6 +46,7 @@ TEST(Format, EveryConventionOfTheMessages) {
         EXPECT_EQ("<" + expected + ">", line.View());
     }
     EXPECT_EQ("10% of 20, 30", Narrow(FormatString(TEXT("%lu%% of %lu, %lu"), 10, 20, 30)));
+    EXPECT_EQ("10 of 20!", Narrow(FormatString(TEXT("%lu of %s!"), 10, TEXT("20"))));
     for (size_t at = 0; at <= 20; ++at) {  // one letter that is not ASCII, or none, in a long text or a short one
         std::u16string text(at % 2 == 0 ? 20 : 7, 'a');
         if (at < text.size()) text[at] = 0xE9;
