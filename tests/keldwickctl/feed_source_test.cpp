@@ -258,6 +258,8 @@ TEST(JSON_FIELDS, ALineIsReadAsByItselfWhateverTheLineBeforeItWas) {
         R"({"a":{"b":19},"c\\u0064":20})",
         R"({"a":{"b":21},"c\u0064":22})",
         R"({"a":{"b":23},"c":24)",
+        R"({"a\":\"b":26})",
+        R"({"a":"b","c":27})",
         R"({"a":{"b":{"a":[{"c":25}]}}})",
         "{}",
     };

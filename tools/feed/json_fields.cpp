@@ -69,7 +69,7 @@ public:
     struct ENTRY {
         size_t nameAt, nameBytes;  // in `names`
         size_t parent;             // the object that it is a member of: an entry's number, or Whole
-        bool isPlain;              // its own name has no back slash
+        bool isPlain;              // its own name has neither quote nor back slash
         JSON_VALUE value;
         size_t firstItem = 0, items = 0;
     };
@@ -248,8 +248,8 @@ JSON_FIELDS::READER::FAULT JSON_FIELDS::READER::ReadName(ondemand::field& field,
     return field.unescaped_key().get(name) == simdjson::SUCCESS ? NONE : NO_OBJECT;
 }
 
-// Whether the member of that object whose name begins there is the next one of the line before. A name without a back
-// slash stands as it is, up to the next quote.
+// Whether the member of that object whose name begins there is the next one of the line before. A plain name stands in
+// a line as it is, up to the next quote; one with a quote might be taken for a name, its colon and what follows.
 bool JSON_FIELDS::READER::IsNext(const char* name, size_t parent) const {
     if (taken == entries.size() || entries[taken].parent != parent || !entries[taken].isPlain) return false;
     const std::string_view known = Name(entries[taken]).substr(PrefixBytes(parent));
@@ -273,7 +273,8 @@ size_t JSON_FIELDS::READER::Enter(std::string_view name, size_t parent) {
     names += name;
     SLOT& slot = slots[SlotOf(std::string_view(names).substr(nameAt))];
     if (slot.turn != turn) {
-        entries.push_back({nameAt, names.size() - nameAt, parent, name.find('\\') == std::string_view::npos, {}});
+        const bool isPlain = name.find_first_of("\"\\") == std::string_view::npos;
+        entries.push_back({nameAt, names.size() - nameAt, parent, isPlain, {}});
         slot = {turn, static_cast<uint16_t>(taken)};
         return taken++;
     }
