@@ -41,7 +41,7 @@ public:
         const std::lock_guard guard(lock);
         const std::string* const now = &machineRoot;
         if (std::exchange(root, now) != now) watch.reset();
-        if (!watch || !watch->Holds(mark)) Look(MachinePath(name));
+        if (!watch || !watch->Holds(mark)) Look(PathIn(machineRoot, name));
         errno = failure;
         return failure == 0 ? std::optional(identity) : std::nullopt;
     }

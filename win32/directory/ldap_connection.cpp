@@ -139,9 +139,9 @@ std::vector<std::string> TakeSids(std::vector<std::string>& dns) {
     return sids;
 }
 
-// Reads one attribute; false: there is no further one, or it would take more memory than there is room.
-bool ReadAttribute(LDAP* ldap, LDAPMessage* message, BerElement* position, DIRECTORY_ENTRY& entry, size_t& room,
-                   bool& isTooLarge) {
+// Takes one attribute; false: there is no further one, or it would take more memory than there is room.
+bool ParseAttribute(LDAP* ldap, LDAPMessage* message, BerElement* position, DIRECTORY_ENTRY& entry, size_t& room,
+                    bool& isTooLarge) {
     berval name{}, *values = nullptr;
     if (ldap_get_attribute_ber(ldap, message, position, &name, &values) != LDAP_SUCCESS || name.bv_val == nullptr)
         return false;
@@ -160,14 +160,14 @@ bool ReadAttribute(LDAP* ldap, LDAPMessage* message, BerElement* position, DIREC
 
 // In one walk over the message: to ask for values by their attribute's name is a walk for each, over names that the
 // server chooses. What cannot be read ends it. False: the entry takes more memory than there is room.
-bool ReadEntry(LDAP* ldap, LDAPMessage* message, size_t room, DIRECTORY_ENTRY& entry) {
+bool ParseEntry(LDAP* ldap, LDAPMessage* message, size_t room, DIRECTORY_ENTRY& entry) {
     BerElement* position = nullptr;
     berval dn{};
     if (ldap_get_dn_ber(ldap, message, &position, &dn) != LDAP_SUCCESS) return true;
     const std::unique_ptr<BerElement, void (*)(BerElement*)> owner(position, [](BerElement* one) { ber_free(one, 0); });
     if (dn.bv_val != nullptr) entry.dn = ParseExtendedDn({dn.bv_val, dn.bv_len}).dn;
     bool isTooLarge = false, hasGroups = false;
-    while (ReadAttribute(ldap, message, position, entry, room, isTooLarge)) {
+    while (ParseAttribute(ldap, message, position, entry, room, isTooLarge)) {
         auto& [name, values] = entry.attributes.back();
         if (!NamesGroups(name)) continue;
         std::vector<std::string> sids = TakeSids(values);
@@ -301,7 +301,7 @@ struct LDAP_CONNECTION::HANDLE_STATE {
         if (kind == LDAP_RES_SEARCH_REFERENCE || kind == LDAP_RES_INTERMEDIATE) return false;
         code = LDAP_DECODING_ERROR;
         if (kind != LDAP_RES_SEARCH_ENTRY) return true;
-        if (!ReadEntry(ldap, message, MaxAnswerBytes - answer.bytes, answer.found.emplace_back())) return true;
+        if (!ParseEntry(ldap, message, MaxAnswerBytes - answer.bytes, answer.found.emplace_back())) return true;
         answer.bytes += answer.found.back().Bytes();
         if (answer.found.size() > answer.limit || answer.bytes > MaxAnswerBytes) return true;
         code = LDAP_RESULTS_TOO_LARGE;

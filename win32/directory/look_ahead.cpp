@@ -14,7 +14,8 @@ namespace {
 
 constexpr size_t MaxKeptBytes = size_t{16} << 20;  // by one report; a server may name groups without end
 constexpr size_t MaxDnBytes = 4096;                // longer ones are not asked for either
-constexpr size_t BytesOfReading = 256;             // beside its texts, about
+constexpr size_t BytesOfReading = 512;             // beside its DN, about
+constexpr size_t CopiesOfDn = 3;                   // as a name, of its reading, and the end of it
 constexpr size_t MaxSent = 63;                     // one less than a connection takes: the next question may be another
 constexpr size_t MaxSentBytes = 16384;             // of them: a server that sends much reads little meanwhile
 constexpr size_t MaxBatch = 32;                    // groups found with one search; twice as many are under way
@@ -189,8 +190,9 @@ bool LOOK_AHEAD::GiveBack(CONNECTION& used) {
 LOOK_AHEAD::READING* LOOK_AHEAD::Add(const std::string& dn, const std::string& sid, std::string_view domain,
                                      unsigned level, BATCH* added) {
     if (const auto known = names.find(dn); known != names.end()) return known->second;
-    if (dn.empty() || dn.size() > MaxDnBytes || bytes + dn.size() + BytesOfReading > MaxKeptBytes) return nullptr;
-    bytes += dn.size() + BytesOfReading;
+    const size_t cost = CopiesOfDn * dn.size() + BytesOfReading;
+    if (dn.empty() || dn.size() > MaxDnBytes || bytes + cost > MaxKeptBytes) return nullptr;
+    bytes += cost;
     READING* reading = nullptr;
     if (const auto known = names.find(sid); !sid.empty() && known != names.end()) reading = known->second;
     if (reading == nullptr) {

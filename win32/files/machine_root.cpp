@@ -70,7 +70,11 @@ const std::string& MachineRoot() {
     return folder;
 }
 
-std::string MachinePath(std::string_view name) { return std::string(MachineRoot()).append("/").append(name); }
+std::string PathIn(const std::string& root, std::string_view name) {
+    return std::string(root).append("/").append(name);
+}
+
+std::string MachinePath(std::string_view name) { return PathIn(MachineRoot(), name); }
 
 std::string EventLogPath(std::string_view log) {
     return MachinePath(EventLogFolder).append("/").append(log).append(EventLogExtension);

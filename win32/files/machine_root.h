@@ -18,7 +18,8 @@ const std::string& MachineRoot();
 // machine root, because it holds no registry.reg, and the program's own is one.
 std::string DefaultRoot(const std::string& current, const std::string& programs);
 
-// A path below the machine root: MachineRoot() + "/" + name.
+// A path below that machine root, and below the one in force: root + "/" + name.
+std::string PathIn(const std::string& root, std::string_view name);
 std::string MachinePath(std::string_view name);
 
 // The layer's own files and folders there.

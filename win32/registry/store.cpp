@@ -46,7 +46,7 @@ REG_STORE& REG_STORE::Of(const std::string& root) {
     if (&root == lastRoot) return *last;
     const std::lock_guard locked(guard);
     std::unique_ptr<REG_STORE>& store = (*stores)[&root];
-    if (!store) store = std::make_unique<REG_STORE>(std::string(root).append("/").append(RegistryFile));
+    if (!store) store = std::make_unique<REG_STORE>(PathIn(root, RegistryFile));
     lastRoot = &root;
     last = store.get();
     return *last;
