@@ -5,8 +5,12 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <atomic>
+#include <thread>
 
+#include <atomic>
 #include <random>
+#include <thread>
 
 #include "tests/support/registry_text.h"
 #include "tests/support/temporary_root.h"
@@ -325,6 +329,20 @@ protected:
 
     OPTIONS options = {"json", root.Path("audit"), "Security", "test", true};
 };
+
+TEST_F(FEEDING, ALogThatIsClearedWhileItIsLookedAtIsOpenedAgain) {
+    LOG log("Security");
+    constexpr int looks = 3000;
+    std::atomic<int> look{0};
+    std::thread clearing([&] {  // once during each look, at most
+        for (int last = 0; last < looks; last = look) {
+            while (look == last) std::this_thread::yield();
+            ClearLog("Security");
+        }
+    });
+    while (++look < looks) EXPECT_NO_THROW(log.NextRecord());
+    clearing.join();
+}
 
 TEST_F(FEEDING, ACrashBetweenWritingAndMarkingNeitherLosesNorDoubles) {
     Append("a\n");

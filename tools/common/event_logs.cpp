@@ -40,10 +40,14 @@ void ClearLog(const std::string& log) {
 }
 
 LOG_NUMBERS OpenReaderWithNumbers(win32::EVT_READER& reader, const std::string& log) {
-    OpenReader(reader, log);
+    constexpr int mostTries = 100;  // a log that is cleared between the two calls is opened again
     LOG_NUMBERS numbers;
-    if (const DWORD error = reader.Numbers(numbers.current, numbers.oldest, numbers.count)) Fail("read", log, error);
-    return numbers;
+    for (int tries = 1;; ++tries) {
+        OpenReader(reader, log);
+        const DWORD error = reader.Numbers(numbers.current, numbers.oldest, numbers.count);
+        if (error == ERROR_SUCCESS) return numbers;
+        if (error != ERROR_EVENTLOG_FILE_CHANGED || tries == mostTries) Fail("read", log, error);
+    }
 }
 
 }  // namespace tools
