@@ -50,6 +50,7 @@
 #include "service/settings.h"
 #include "service/stop.h"
 #include "win32/directory/directory_settings.h"
+#include "win32/files/machine_root.h"
 #include "win32/text/utf.h"
 
 namespace {
@@ -341,6 +342,7 @@ void UseSettings(const std::string& root, const std::string& uri) {
                                              "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Vantorel Systems\\Keldwick\\Linux]\n"
                                           << (uri.empty() ? "" : "\"DirectoryUri\"=\"" + uri + "\"\n");
     setenv("KELDWICK_ROOT", root.c_str(), 1);
+    win32::ForgetMachineRoot();
 }
 
 std::string SocketUri(const std::string& path) {

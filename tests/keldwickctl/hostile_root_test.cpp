@@ -18,6 +18,7 @@ protected:
     void SetUp() override {
         if (geteuid() != 0) GTEST_SKIP() << "only root can work in another account's folder";
         setenv("KELDWICK_ROOT", root.Path("").c_str(), 1);  // not the other one
+        win32::ForgetMachineRoot();
         victim = elsewhere.Path("victim");
         elsewhere.Write("victim", "secret\n");
         ASSERT_EQ(0, chmod(victim.c_str(), 0600));

@@ -4,6 +4,7 @@
 #include <cstdlib>
 
 #include "tests/support/folder.h"
+#include "win32/files/machine_root.h"
 
 class TEMPORARY_ROOT : public FOLDER {
 public:
@@ -12,9 +13,11 @@ public:
         if (mkdtemp(name.data()) == nullptr) std::abort();
         folder = name;
         setenv("KELDWICK_ROOT", name.c_str(), 1);
+        win32::ForgetMachineRoot();
     }
     ~TEMPORARY_ROOT() {
         unsetenv("KELDWICK_ROOT");
+        win32::ForgetMachineRoot();
         std::error_code ignored;
         std::filesystem::remove_all(folder, ignored);
     }

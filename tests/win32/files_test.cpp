@@ -29,15 +29,18 @@ HANDLE Open(const std::string& path, DWORD access, DWORD share = Shared, DWORD d
 using HostFiles = MACHINE_TEST;
 
 TEST(MachineRootOf, AFolderIsOneObjectHoweverItIsNamed) {
-    unsetenv("KELDWICK_ROOT");
-    const std::string& chosen = MachineRoot();
-    for (const std::string& name : {std::string(), chosen, chosen + "/", chosen + "/x/.."}) {
+    const auto named = [](const std::string& name) -> const std::string& {
         setenv("KELDWICK_ROOT", name.c_str(), 1);
-        EXPECT_EQ(&chosen, &MachineRoot()) << name;
-    }
-    setenv("KELDWICK_ROOT", "/another", 1);
-    EXPECT_EQ("/another", MachineRoot());
+        ForgetMachineRoot();
+        return MachineRoot();
+    };
+    const std::string& chosen = named("");
+    for (const std::string& name : {chosen, chosen + "/", chosen + "/x/.."}) EXPECT_EQ(&chosen, &named(name)) << name;
+    EXPECT_EQ("/another", named("/another"));
     unsetenv("KELDWICK_ROOT");
+    EXPECT_EQ("/another", MachineRoot());
+    ForgetMachineRoot();
+    EXPECT_EQ(&chosen, &MachineRoot());
 }
 
 TEST_F(HostFiles, OneThatAnotherProcessHoldsIsMovedOrDeletedOnlyWhenShared) {

@@ -3,6 +3,7 @@
 #include "platform/version_numbers.h"
 #include "tools/common/safe_text.h"
 #include "tools/keldwickctl/commands.h"
+#include "win32/files/machine_root.h"
 #include "win32/services/last_words.h"
 
 #include <algorithm>
@@ -60,7 +61,9 @@ int Run(int argc, char** argv) {
     app.require_subcommand(1);
     app.fallthrough();
     app.parse_complete_callback([&] {
-        if (!root.empty()) setenv("KELDWICK_ROOT", root.c_str(), 1);
+        if (root.empty()) return;
+        setenv("KELDWICK_ROOT", root.c_str(), 1);
+        win32::ForgetMachineRoot();
     });
     try {
         AddInitCommand(app);

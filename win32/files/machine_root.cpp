@@ -1,6 +1,7 @@
 #include "win32/files/machine_root.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <filesystem>
 #include <mutex>
@@ -36,6 +37,17 @@ const std::string& Kept(std::string folder) {
     return *folders->insert(std::move(folder)).first;
 }
 
+std::string NamedRoot() {
+    const char* const named = std::getenv("KELDWICK_ROOT");
+    std::error_code error;
+    if (named != nullptr && *named != '\0') return Tidied(fs::absolute(named, error));
+    const std::string current = fs::current_path(error).string();
+    return Tidied(DefaultRoot(current, fs::read_symlink("/proc/self/exe", error).parent_path().string()));
+}
+
+// Asked for several times in every report: the environment, which takes its time, is asked once.
+constinit std::atomic<const std::string*> inForce{nullptr};
+
 }  // namespace
 
 std::string DefaultRoot(const std::string& current, const std::string& programs) {
@@ -47,28 +59,12 @@ std::string DefaultRoot(const std::string& current, const std::string& programs)
 }
 
 const std::string& MachineRoot() {
-    const char* named = std::getenv("KELDWICK_ROOT");
-    if (named == nullptr || *named == '\0') {
-        static const std::string& chosen = Kept([] {
-            std::error_code error;
-            const std::string current = fs::current_path(error).string();
-            return Tidied(DefaultRoot(current, fs::read_symlink("/proc/self/exe", error).parent_path().string()));
-        }());
-        return chosen;
-    }
-    // Asked for several times in every report: an absolute name is made tidy once.
-    static thread_local std::string lastName;
-    static thread_local const std::string* lastFolder = nullptr;
-    if (lastFolder != nullptr && lastName == named) return *lastFolder;
-    std::error_code error;
-    const std::string& folder = Kept(Tidied(fs::absolute(named, error)));
-    if (*named == '/') {
-        lastFolder = nullptr;  // until the name is there: without memory for it the folder is asked for again
-        lastName = named;
-        lastFolder = &folder;
-    }
-    return folder;
+    const std::string* root = inForce.load(std::memory_order_acquire);
+    if (root == nullptr) inForce.store(root = &Kept(NamedRoot()), std::memory_order_release);
+    return *root;
 }
+
+void ForgetMachineRoot() { inForce = nullptr; }
 
 std::string PathIn(const std::string& root, std::string_view name) {
     return std::string(root).append("/").append(name);

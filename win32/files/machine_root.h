@@ -9,10 +9,11 @@
 
 namespace win32 {
 
-// KELDWICK_ROOT; when that is not set, DefaultRoot of the current folder and the program's at the first call. Absolute,
-// without a trailing slash. The environment is read at every call, so that tests can move it. The same folder is always
-// the same object, which lives as long as the process.
+// KELDWICK_ROOT; when that is not set, DefaultRoot of the current folder and the program's. Absolute, without a
+// trailing slash. It is chosen at the first call, and again at the first one after ForgetMachineRoot, which is for who
+// has changed the environment. The same folder is always the same object, which lives as long as the process.
 const std::string& MachineRoot();
+void ForgetMachineRoot();
 
 // The root of a program that runs in `current` and whose file lies in `programs`: the current folder, unless that is no
 // machine root, because it holds no registry.reg, and the program's own is one.
