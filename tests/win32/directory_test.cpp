@@ -12,10 +12,12 @@
 #include "tests/support/entry_lines.h"
 #include "tests/support/peer.h"
 #include "tests/win32/fixture.h"
+#include "tests/win32/registry_keys.h"
 #include "win32/directory/directory.h"
 #include "win32/directory/directory_settings.h"
 #include "win32/directory/directory_text.h"
 #include "win32/directory/ldif_file.h"
+#include "win32/files/file_watch.h"
 #include "win32/text/utf.h"
 
 using namespace keldwick;
@@ -232,6 +234,30 @@ TEST_F(LdapSettings, ThatDoNotFitTogetherAreRefusedWithAReason) {
         EXPECT_EQ(*reason == '\0', ReadLdapSettings(complaint).has_value()) << complaint;
         EXPECT_THAT(complaint, testing::HasSubstr(reason)) << values;
     }
+}
+
+TEST_F(LdapSettings, WhatThisProcessChangesCountsAtOnce) {
+    const KEY key(u"SOFTWARE\\Vantorel Systems\\Keldwick\\Linux");
+    const OWNED_HANDLE changed = AutoEvent();
+    ASSERT_EQ(ERROR_SUCCESS, Arm(key, changed));  // from now on the file is watched
+    const OWNED_HANDLE busy = ManualEvent(), end = ManualEvent();
+    const FILE_WATCH blocking(root.Path("blocking"), [&] {  // until then no change is told
+        SetEvent(busy);
+        WaitForSingleObject(end, SoonEnough);
+    });
+    for (int i = 0; i < 4; ++i) {
+        if (i == 2) {
+            root.Write("blocking", "x");
+            ASSERT_TRUE(IsSet(busy, SoonEnough));
+        }
+        const std::u16string uri = i % 2 == 0 ? u"ldap://dc" : u"";
+        const auto bytes = static_cast<DWORD>(2 * (uri.size() + 1));
+        ASSERT_EQ(ERROR_SUCCESS,
+                  RegSetValueExW(key, u"DirectoryUri", 0, REG_SZ, reinterpret_cast<const BYTE*>(uri.c_str()), bytes));
+        for (int asked = 0; asked < 3; ++asked)
+            EXPECT_EQ(uri.empty() ? DIRECTORY_BACKEND::NONE : DIRECTORY_BACKEND::LDAP, ConfiguredBackend()) << i;
+    }
+    SetEvent(end);
 }
 
 TEST_F(LdapSettings, RootSendsNoSecretThatTheRootsOwnerMayNotRead) {

@@ -40,13 +40,24 @@ public:
     std::optional<FILE_IDENTITY> Identity(const std::string& machineRoot) {
         const std::lock_guard guard(lock);
         const std::string* const now = &machineRoot;
-        if (std::exchange(root, now) != now) watch.reset();
-        if (!watch || !watch->Holds(mark)) Look(PathIn(machineRoot, name));
+        if (std::exchange(root, now) != now) Forget();
+        if (!mark.Holds()) Look(PathIn(machineRoot, name));
         errno = failure;
         return failure == 0 ? std::optional(identity) : std::nullopt;
     }
 
+    // As long as it holds, Identity gives what it gives from now on.
+    FILE_WATCH::MARK Mark() {
+        const std::lock_guard guard(lock);
+        return mark;
+    }
+
 private:
+    void Forget() {
+        watch.reset();
+        mark = {};
+    }
+
     void Look(const std::string& path) {
         if (!watch && LinuxSettingsAreWatched()) Watch(path);
         if (watch) mark = watch->Mark();
@@ -172,24 +183,40 @@ bool MayOwnSecret(uid_t owner) {
     return other ? owner == *other : owner == 0 || owner == geteuid();
 }
 
-std::optional<FILE_IDENTITY> LdifIdentityIn(const std::string& root) {
+LOOKED_AT_FILE& LdifFile() {
     static LOOKED_AT_FILE& file = *new LOOKED_AT_FILE(DirectoryFile);
-    return file.Identity(root);
+    return file;
+}
+
+DIRECTORY_BACKEND BackendIn(const std::string& root) {
+    const BACKEND_SETTINGS& settings = Current(ReadBackendSettings, root);
+    if (settings.chosen) return *settings.chosen;
+    if (LdifFile().Identity(root)) return DIRECTORY_BACKEND::LDIF;
+    return settings.serverNamed ? DIRECTORY_BACKEND::LDAP : DIRECTORY_BACKEND::NONE;
 }
 
 }  // namespace
 
+// Asked for several times in every report: by what it depends on it is known that it is still the same.
 DIRECTORY_BACKEND ConfiguredBackend() {
+    struct LOOK {
+        const std::string* root = nullptr;
+        FILE_WATCH::MARK settings, ldif;
+        DIRECTORY_BACKEND found{};
+    };
+    static thread_local LOOK last;
     const std::string& root = MachineRoot();
-    const BACKEND_SETTINGS& settings = Current(ReadBackendSettings, root);
-    if (settings.chosen) return *settings.chosen;
-    if (LdifIdentityIn(root)) return DIRECTORY_BACKEND::LDIF;
-    return settings.serverNamed ? DIRECTORY_BACKEND::LDAP : DIRECTORY_BACKEND::NONE;
+    const auto now = Uptime();
+    if (last.root == &root && last.settings.Holds(now) && last.ldif.Holds(now)) return last.found;
+    LOOK look{&root, LinuxSettingsMark(root), LdifFile().Mark()};  // marked before it is looked at
+    look.found = BackendIn(root);
+    last = std::move(look);
+    return last.found;
 }
 
 std::string LdifPath() { return MachinePath(DirectoryFile); }
 
-std::optional<FILE_IDENTITY> LdifIdentity() { return LdifIdentityIn(MachineRoot()); }
+std::optional<FILE_IDENTITY> LdifIdentity() { return LdifFile().Identity(MachineRoot()); }
 
 std::optional<LDAP_SETTINGS> ReadLdapSettings(std::string& complaint) {
     const CHECKED_LDAP_SETTINGS& current = Current(ReadCheckedSettings, MachineRoot());

@@ -50,6 +50,7 @@ struct FILE_WATCH::STATE {
     std::function<void()> changed;
     std::atomic<uint64_t> changes{1};  // that inotify has told of
     std::atomic<bool> polled = false;  // written under the watcher's lock
+    std::atomic<bool> gone = false;    // nothing counts changes any more
 
     std::mutex running;  // held during a call of `changed`
     bool alive = true;   // guarded by `running`
@@ -253,6 +254,7 @@ FILE_WATCH::FILE_WATCH(const std::string& path, std::function<void()> changed) {
 }
 
 FILE_WATCH::~FILE_WATCH() {
+    state->gone = true;
     STATE::WATCHER::Instance().Remove(state);
     const std::lock_guard guard(state->running);
     state->alive = false;
@@ -262,10 +264,15 @@ void FILE_WATCH::CallAfter(std::chrono::milliseconds pause) {
     STATE::WATCHER::Instance().CallAt(state, Uptime() + pause);
 }
 
-FILE_WATCH::MARK FILE_WATCH::Mark() const { return {state->changes, Uptime()}; }
+FILE_WATCH::MARK FILE_WATCH::Mark() const { return MARK(state); }
 
-bool FILE_WATCH::Holds(const MARK& mark) const {
-    return mark.changes == state->changes && !state->polled && Uptime() - mark.at < MarkTime;
+void FILE_WATCH::Changed() { ++state->changes; }
+
+FILE_WATCH::MARK::MARK(std::shared_ptr<const STATE> of)
+    : state(std::move(of)), changes(state->changes), end(Uptime() + MarkTime) {}
+
+bool FILE_WATCH::MARK::Holds(std::chrono::milliseconds now) const {
+    return state && changes == state->changes && !state->polled && !state->gone && now < end;
 }
 
 }  // namespace win32

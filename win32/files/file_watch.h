@@ -8,6 +8,8 @@
 #include <memory>
 #include <string>
 
+#include "win32/sync/file_time.h"
+
 namespace win32 {
 
 // The watcher thread's name in /proc/PID/task/*/comm once inotify does not do all of its work.
@@ -28,20 +30,33 @@ public:
 
     void CallAfter(std::chrono::milliseconds pause);  // once, whether anything changes or not
 
-    // For what is asked of the file often: what was found out about it after Mark holds as long as Holds says so,
-    // which costs no system call. A change counts before any watch is called, and so before anyone whom its call
-    // wakes. A mark is good for a second, since not every file system reports every change, and for nothing where
-    // inotify does not report this file.
-    struct MARK {
-        uint64_t changes = 0;
-        std::chrono::milliseconds at{};  // since the machine was started
-    };
+    // For what is asked of the file often: what was found out about it after Mark holds as long as the mark does, which
+    // costs no system call and no lock to ask. A change counts before any watch is called, and so before anyone whom
+    // its call wakes. A mark is good for a second, since not every file system reports every change, and for nothing
+    // where inotify does not report this file or after the watch has gone.
+    class MARK;
     MARK Mark() const;
-    bool Holds(const MARK& mark) const;
+
+    // Ends what was marked: the caller has changed the file itself, which inotify may report a little later.
+    void Changed();
 
 private:
     struct STATE;
     std::shared_ptr<STATE> state;
+};
+
+class FILE_WATCH::MARK {
+public:
+    MARK() = default;  // holds never
+    bool Holds(std::chrono::milliseconds now = Uptime()) const;
+
+private:
+    friend class FILE_WATCH;
+    explicit MARK(std::shared_ptr<const STATE> of);
+
+    std::shared_ptr<const STATE> state;
+    uint64_t changes = 0;
+    std::chrono::milliseconds end{};  // of its second
 };
 
 }  // namespace win32

@@ -18,6 +18,8 @@ std::optional<REG_VALUE> LinuxValue(const char16_t* name) {
 
 std::shared_ptr<const void> LinuxSettingsVersion(const std::string& root) { return REG_STORE::Of(root).Tree(); }
 
+FILE_WATCH::MARK LinuxSettingsMark(const std::string& root) { return REG_STORE::Of(root).Mark(); }
+
 bool LinuxSettingsAreWatched() { return REG_STORE::Current().IsWatched(); }
 
 std::optional<DWORD> LinuxNumber(const char16_t* name) {

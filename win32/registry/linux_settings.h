@@ -8,6 +8,8 @@
 #include <optional>
 #include <string>
 
+#include "win32/files/file_watch.h"
+
 namespace win32 {
 
 // The value as it stands in the registry now; nothing when it is absent or of another type.
@@ -17,6 +19,9 @@ std::optional<std::u16string> LinuxText(const char16_t* name);
 // What the values above are read from in that machine root, as MachineRoot has given it: while it stays the same
 // pointer, they are the same.
 std::shared_ptr<const void> LinuxSettingsVersion(const std::string& root);
+
+// As long as it holds, the values of that machine root are what they are from now on.
+FILE_WATCH::MARK LinuxSettingsMark(const std::string& root);
 
 // Whether this process watches the registry's file, as one that stays does.
 bool LinuxSettingsAreWatched();

@@ -83,29 +83,28 @@ std::shared_ptr<const REG_TREE> REG_STORE::Tree(DWORD* error) {
 bool REG_STORE::Fresh() {
     struct stat status;
     if (!known) return false;
-    if (Holds()) return true;
+    if (mark.Holds()) return true;
     if (recent) return false;
-    const auto before = Mark();
+    FILE_WATCH::MARK before = NewMark();
     if (stat(path.c_str(), &status) != 0 || IdentityOf(status) != identity) return false;
-    mark = before;
+    mark = std::move(before);
     return true;
 }
 
-std::optional<FILE_WATCH::MARK> REG_STORE::Mark() {
-    const std::lock_guard guard(watching);
-    return watch ? std::optional(watch->Mark()) : std::nullopt;
+FILE_WATCH::MARK REG_STORE::Mark() {
+    const std::lock_guard guard(lock);
+    return known ? mark : FILE_WATCH::MARK();
 }
 
-// Whether inotify has reported no change since then.
-bool REG_STORE::Holds() {
+FILE_WATCH::MARK REG_STORE::NewMark() {
     const std::lock_guard guard(watching);
-    return watch && mark && watch->Holds(*mark);
+    return watch ? watch->Mark() : FILE_WATCH::MARK();
 }
 
 void REG_STORE::Load() {
     FOUND found;
     known = false;
-    mark = Mark();
+    mark = NewMark();
     loadError = Look(found);
     if (loadError == ERROR_BADDB) Know(found.identity);
     if (loadError != ERROR_SUCCESS) return;
@@ -242,6 +241,8 @@ DWORD REG_STORE::TryChange(const std::function<DWORD(REG_TREE&)>& edit) {
     if (const DWORD error = Replace(after, found, written); error != ERROR_SUCCESS) return error;
     const std::lock_guard guard(lock);
     Take(std::move(found.tree), written);
+    const std::lock_guard watchGuard(watching);
+    if (watch) watch->Changed();
     return ERROR_SUCCESS;
 }
 

@@ -34,6 +34,9 @@ public:
     // is an empty registry.
     std::shared_ptr<const REG_TREE> Tree(DWORD* error = nullptr);
 
+    // As long as it holds, Tree gives what it gives from now on; the default, where no watch says so.
+    FILE_WATCH::MARK Mark();
+
     // Changes the file: read again under the lock file, changed by `edit`, written beside and renamed over the old; an
     // edit that changes nothing writes nothing. `edit` is called again with another tree when another program changed
     // the file meanwhile.
@@ -58,8 +61,7 @@ private:
     struct FOUND;
 
     bool Fresh();
-    std::optional<FILE_WATCH::MARK> Mark();
-    bool Holds();
+    FILE_WATCH::MARK NewMark();
     void Load();
     void Know(const FILE_IDENTITY& read);
     void Take(REG_TREE read, const FILE_IDENTITY& of);
@@ -82,13 +84,13 @@ private:
     std::mutex writing;  // one writer of this process at a time; taken before `lock`
     std::mutex lock;     // guards everything below
     std::shared_ptr<const REG_TREE> tree;
-    FILE_IDENTITY identity, taken;         // of what was last read, good or bad, and of what the tree was read from
-    FILE_IDENTITY seen;                    // when it was last looked at, read or not
-    TIME seenAt{};                         // when it became that
-    TIME waitingSince{};                   // since when another writer may not be done; 0: none is known
-    TIME waitedAt{};                       // of the last look that found so
-    bool known = false;                    // `identity` holds
-    std::optional<FILE_WATCH::MARK> mark;  // of the watch, before the file was last found to be that
+    FILE_IDENTITY identity, taken;  // of what was last read, good or bad, and of what the tree was read from
+    FILE_IDENTITY seen;             // when it was last looked at, read or not
+    TIME seenAt{};                  // when it became that
+    TIME waitingSince{};            // since when another writer may not be done; 0: none is known
+    TIME waitedAt{};                // of the last look that found so
+    bool known = false;             // `identity` holds
+    FILE_WATCH::MARK mark;          // of the watch, before the file was last found to be that
     bool recent = false;  // read so soon after it was written that the same times need not mean the same bytes
     DWORD loadError = ERROR_SUCCESS;
     std::string problem, takenProblem;
