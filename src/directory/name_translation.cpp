@@ -107,7 +107,8 @@ STRING TrimDomainSuffix(const WCHAR* name) {
     const size_t domainEnd = whole.rfind(backslash);
     if (domainEnd == whole.npos) return STRING(whole);
     const size_t suffix = whole.substr(0, domainEnd).rfind(fullStop);
-    return STRING::Join({whole.substr(0, suffix != whole.npos ? suffix : domainEnd), whole.substr(domainEnd)});
+    if (suffix == whole.npos) return STRING(whole);
+    return STRING::Join({whole.substr(0, suffix), whole.substr(domainEnd)});
 }
 
 }  // namespace keldwick

@@ -188,8 +188,7 @@ DWORD IDENTITY_PROTOCOL::NextSignal() {
         return stop == WAIT_TIMEOUT ? WAIT_OBJECT_0 + SLOT_WAKE : stop;
     }
     const DWORD signal = WaitForMultipleObjects(count, handles, FALSE, limit);
-    const LOCK_GUARD guard(lock);
-    isWaiting = false;
+    isWaiting = false;  // an event that comes too late ends the next wait early, in which nothing is found
     return signal;
 }
 
@@ -248,10 +247,7 @@ WAIT_RESULT IDENTITY_PROTOCOL::Wait(DWORD seconds, SESSION_EVENTS wanted) {
 
 bool IDENTITY_PROTOCOL::ReceiveResponse(std::span<const BYTE>& bytes) {
     Active().SetTimeout(ComponentTimeoutSeconds);
-    {
-        const LOCK_GUARD guard(lock);
-        isReceiving = true;
-    }
+    isReceiving = true;
     const WAIT_RESULT result = Wait(ResponseTimeoutSeconds, SESSION_DATA_IN);
     const LOCK_GUARD guard(lock);
     isReceiving = false;

@@ -107,15 +107,15 @@ private:
     HANDLE_OWNER timer;
     std::vector<BYTE> response;  // given by the last ReceiveResponse
     std::atomic<bool> disconnected{true};
+    std::atomic<bool> isReceiving{false};  // the user waits for a response
+    std::atomic<bool> isWaiting{false};    // the user, for the wake event among others; becomes true under the lock
 
     // ---- Under the lock ----
     SESSION_EVENTS pending = 0;
-    bool woken = false;      // something was added since the user last looked
-    bool isWaiting = false;  // the user, for the wake event among others
+    bool woken = false;  // something was added since the user last looked
     std::vector<BYTE> received;
     DWORD lastRequestId = 0;
     size_t owed = 0;                // bytes of responses to the requests sent over this connection that have not come
-    bool isReceiving = false;       // the user waits for a response
     bool incomplete = false;        // an earlier response has come in part, or once more
     bool isNear = false;            // the wait for what is missing is one second
     bool leavesUnfinished = false;  // the server has left a response incomplete, and sent no whole one since
