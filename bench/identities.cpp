@@ -54,8 +54,8 @@ std::string IpText(DWORD i, BYTE net) {
            std::to_string(i & 255);
 }
 
-// Which of the 2^20 addresses the identity of a number has: so spread that few identities have addresses of the same lengths
-// as many.
+// Which of the 2^20 addresses the identity of a number has: so spread that few identities have addresses of the same
+// lengths as many.
 DWORD Spread(DWORD i) { return i * 0x9E3779B1u & 0xFFFFF; }
 
 // The record of one 4624 logon, aligned as in a read buffer.

@@ -74,8 +74,10 @@ std::optional<std::vector<std::string>> SplitDn(std::string_view dn) {
     std::vector<std::string> components;
     for (size_t i = 0; parsed != nullptr && parsed[i] != nullptr; ++i) {
         std::string& component = components.emplace_back();
-        for (size_t part = 0; parsed[i][part] != nullptr; ++part)
-            component += (part > 0 ? "+" : "") + ComponentPart(*parsed[i][part]);
+        for (size_t part = 0; parsed[i][part] != nullptr; ++part) {
+            if (part > 0) component += '+';
+            component += ComponentPart(*parsed[i][part]);
+        }
     }
     return components;
 }
