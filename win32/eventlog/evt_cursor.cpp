@@ -10,7 +10,6 @@ namespace {
 constexpr DWORD FirstChunk = 1024;  // the next record is all that most look at; a walk goes on with larger ones
 constexpr DWORD ChunkBytes = 64 * 1024;
 constexpr int MaxWitnesses = 16;  // records looked at to find out whether a number is right
-constexpr DWORD SmallestRecord = RecordFixedBytes + sizeof(DWORD);
 
 // While it searches its way out of damage the cursor checks the bytes of every candidate; so that a file made of
 // nothing but false beginnings costs no more than a walk or two, candidates above a page are passed over once this is
@@ -19,6 +18,14 @@ constexpr unsigned long long SearchBudget = 256ull * 1024 * 1024;  // bytes
 constexpr DWORD CheapRecord = 4096;
 
 }  // namespace
+
+void EVT_CURSOR::Keep(DWORD position, std::span<const BYTE> bytes, std::span<const BYTE> after) {
+    chunk.reserve(bytes.size() + after.size());
+    chunk.assign(bytes.begin(), bytes.end());
+    chunk.insert(chunk.end(), after.begin(), after.end());
+    first = position;
+    loaded = static_cast<DWORD>(chunk.size());
+}
 
 bool EVT_CURSOR::Load(DWORD position, DWORD count) {
     if (position >= first && position - first <= loaded && count <= loaded - (position - first)) return true;
@@ -93,7 +100,7 @@ const EVENTLOGRECORD* EVT_CURSOR::Find(DWORD& position, DWORD number, DWORD& dam
         const DWORD its = record->RecordNumber, after = position + record->Length;
         if (its == number || (its > number && its < state.current && BorneOut(its, after, number))) {
             damage += damaged;
-            return At(position);
+            return its == number ? record : At(position);
         }
         damaged = true;
         position = after;

@@ -1,6 +1,8 @@
 // Walks the records of a loaded .evt file, over filler and damage.
 #pragma once
 
+#include <span>
+
 #include "win32/eventlog/evt_file.h"
 
 namespace win32 {
@@ -9,6 +11,9 @@ class EVT_CURSOR {
 public:
     // The file must stay open and under the caller's lock while the cursor is used.
     EVT_CURSOR(const EVT_FILE& from, const EVT_STATE& in) : file(from), state(in) {}
+
+    // What was read at that position, in two pieces, is not read again.
+    void Keep(DWORD position, std::span<const BYTE> bytes, std::span<const BYTE> after);
 
     // The whole record at that position, or null: filler, damage, or the end. The record is valid until the next call.
     const EVENTLOGRECORD* At(DWORD position);

@@ -3,11 +3,13 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 
 #include "win32/files/file_lock.h"
 #include "win32/files/root_files.h"
@@ -67,15 +69,32 @@ bool EVT_FILE::Open(const std::string& path, bool writable) {
     return true;
 }
 
+// What the path names now: this open file, about which it tells, or another, or none. Of a name that cannot be looked
+// at nothing is known.
+EVT_FILE::NAMED EVT_FILE::WhatIsNamed(struct stat& about) const {
+    if (stat(name.c_str(), &about) != 0) return errno == ENOENT ? ANOTHER : UNSEEN;
+    return about.st_ino == file && about.st_dev == device ? THIS : ANOTHER;
+}
+
 bool EVT_FILE::Replaced() const {
-    struct stat named;
-    if (stat(name.c_str(), &named) != 0) return errno == ENOENT;  // of a name that cannot be looked at nothing is known
-    return named.st_ino != file || named.st_dev != device;
+    struct stat about;
+    return WhatIsNamed(about) == ANOTHER;
 }
 
 bool EVT_FILE::Load(EVT_STATE& state) {
     struct stat about;
-    if (fstat(fd.Get(), &about) != 0) return FailWithErrno();
+    return fstat(fd.Get(), &about) == 0 ? LoadAs(about, state) : FailWithErrno();
+}
+
+bool EVT_FILE::LoadNamed(EVT_STATE& state, bool& replaced) {
+    struct stat about;
+    const NAMED named = WhatIsNamed(about);
+    replaced = named == ANOTHER;
+    if (replaced) return false;
+    return named == THIS ? LoadAs(about, state) : Load(state);
+}
+
+bool EVT_FILE::LoadAs(const struct stat& about, EVT_STATE& state) {
     const DWORD size = static_cast<DWORD>(std::min<long long>(about.st_size, LargestLog)) / 4 * 4;
     EVT_HEADER header;
     if (!ReadAt(0, &header, sizeof(header)) || !SoundHeader(header)) return FailWith(ERROR_EVENTLOG_FILE_CORRUPT);
@@ -141,6 +160,23 @@ bool EVT_FILE::ReadRing(const EVT_STATE& state, DWORD position, BYTE* bytes, DWO
     const DWORD straight = offset < state.ringEnd ? std::min(count, state.ringEnd - offset) : count;
     if (!ReadAt(offset, bytes, straight)) return false;
     return straight == count || ReadAt(EvtHeaderBytes, bytes + straight, count - straight);
+}
+
+bool EVT_FILE::ReadRing(const EVT_STATE& state, DWORD position, BYTE* bytes, DWORD count, BYTE* after,
+                        DWORD& following) const {
+    const DWORD offset = state.OffsetOf(position);
+    const DWORD straight = offset < state.ringEnd ? state.ringEnd - offset : count;
+    const DWORD most = straight > count ? std::min({following, straight - count, state.Used() - position - count}) : 0;
+    following = 0;
+    if (most > 0) {
+        const iovec parts[] = {{bytes, count}, {after, most}};
+        const ssize_t got = preadv(fd.Get(), parts, std::size(parts), static_cast<off_t>(offset));
+        if (got >= static_cast<ssize_t>(count)) {
+            following = static_cast<DWORD>(got) - count;
+            return true;
+        }
+    }
+    return ReadRing(state, position, bytes, count);
 }
 
 bool EVT_FILE::ReadAt(DWORD offset, void* bytes, size_t count) const {

@@ -9,6 +9,8 @@
 #include "win32/eventlog/evt_format.h"
 #include "win32/sync/descriptor.h"
 
+struct stat;
+
 namespace win32 {
 
 // How often one call follows a log that another process replaces meanwhile, before it gives up.
@@ -50,6 +52,8 @@ public:
     // the header is stale, and the truth is searched in the records themselves. Changes nothing in the file. False,
     // ERROR_EVENTLOG_FILE_CORRUPT: not an .evt file, or not to be made sense of. Call it under a lock.
     bool Load(EVT_STATE& state);
+    // The same, and whether the file has been replaced (false then, too), from one look at it, by its name.
+    bool LoadNamed(EVT_STATE& state, bool& replaced);
 
     // Writes header and end-of-file record. Only for writable files under the exclusive lock.
     bool StoreHeader(const EVT_STATE& state) { return Write(HeaderOf(state)); }
@@ -57,6 +61,9 @@ public:
 
     // Bytes of the ring from a logical position on; position + count <= Used().
     bool ReadRing(const EVT_STATE& state, DWORD position, BYTE* bytes, DWORD count) const;
+    // The same, and with the same call up to `following` of the bytes after them: sets how many.
+    bool ReadRing(const EVT_STATE& state, DWORD position, BYTE* bytes, DWORD count, BYTE* after,
+                  DWORD& following) const;
     bool ReadAt(DWORD offset, void* bytes, size_t count) const;   // all of them, or false (ERROR_HANDLE_EOF: too short)
     bool WriteAt(DWORD offset, const void* bytes, size_t count);  // all of them, or false
     DWORD Size() const;                                           // bytes; 0xFFFFFFFF for more
@@ -70,6 +77,9 @@ public:
 
 private:
     friend class EVT_LOCK;
+    enum NAMED { THIS, ANOTHER, UNSEEN };
+    NAMED WhatIsNamed(struct stat& about) const;
+    bool LoadAs(const struct stat& about, EVT_STATE& state);
     bool Agrees(const EVT_HEADER& header, DWORD size) const;
     bool Write(const EVT_HEADER& header) { return WriteAt(0, &header, sizeof(header)); }
 

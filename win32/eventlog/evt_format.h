@@ -44,6 +44,7 @@ constexpr DWORD EvtHeaderBytes = sizeof(EVT_HEADER);  // the ring begins here
 constexpr DWORD EvtEndBytes = sizeof(EVT_END);
 constexpr DWORD RecordFixedBytes = sizeof(EVENTLOGRECORD);  // never split by the ring's end
 static_assert(sizeof(EVENTLOGRECORD) == 56);
+constexpr DWORD SmallestRecord = RecordFixedBytes + sizeof(DWORD);  // the length stands again at a record's end
 
 constexpr DWORD MaxReadBytes = 0x7FFFF;    // the largest buffer ReadEventLogW accepts, by its documentation
 constexpr DWORD MaxRecordBytes = 0x7FFFC;  // the largest record that fits it

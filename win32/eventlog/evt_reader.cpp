@@ -9,6 +9,7 @@ namespace win32 {
 namespace {
 
 constexpr DWORD Continued = MAXDWORD;  // between the functions here only: the log stands in another file now
+constexpr DWORD BytesBeyond = 1024;  // read with a buffer-full: most often the rest of the record that its end cuts off
 
 // The bytes of the whole records that the buffer begins with, numbered from `number` on, which then is the next one.
 DWORD CountWhole(const BYTE* buffer, DWORD bytes, DWORD& number, DWORD end) {
@@ -40,12 +41,13 @@ bool EVT_READER::Open(const std::string& path) {
 }
 
 DWORD EVT_READER::Enter() {
-    if (file.Replaced()) {
+    bool replaced = false;
+    if (!file.LoadNamed(state, replaced)) {
+        if (!replaced) return GetLastError();
         EVT_HEADER header;
         return file.ReadAt(0, &header, sizeof(header)) && (header.flags & EvtContinued) ? Continued
                                                                                         : ERROR_EVENTLOG_FILE_CHANGED;
     }
-    if (!file.Load(state)) return GetLastError();
     if (!settled) return ERROR_SUCCESS;
     if (next > state.current) return ERROR_EVENTLOG_FILE_CHANGED;  // the numbers began again in the same file
     if (state.oldest == 0) {
@@ -112,9 +114,12 @@ DWORD EVT_READER::ReadForwards(BYTE* buffer, DWORD bytes, DWORD& bytesRead, DWOR
     EVT_CURSOR cursor(file, state);
     if (next != state.current && position < state.Used()) {
         const DWORD count = std::min(bytes / 4 * 4, state.Used() - position);
-        if (!file.ReadRing(state, position, buffer, count)) return GetLastError();
+        BYTE after[BytesBeyond];
+        DWORD following = BytesBeyond;
+        if (!file.ReadRing(state, position, buffer, count, after, following)) return GetLastError();
         bytesRead = CountWhole(buffer, count, next, state.current);
         position += bytesRead;
+        cursor.Keep(position, {buffer + bytesRead, count - bytesRead}, {after, following});
         while ((record = cursor.Find(position, next, damage)) != nullptr && record->Length <= bytes - bytesRead) {
             std::memcpy(buffer + bytesRead, record, record->Length);
             bytesRead += record->Length;
