@@ -18,32 +18,32 @@ LANES NulsAt(const BYTE* bytes) {
     return units == 0;
 }
 
-// Counts the NUL units of UTF-16 text, eight at a time: every record that is read passes here.
+// Counts the NUL units of UTF-16 text that stands in a record, after its fixed part: every record that is read passes
+// here. So 32 bytes before the text may be looked at, and no lane overflows: a record has fewer than 32768 times 16.
 size_t CountNuls(const BYTE* bytes, size_t count) {
-    LANES sums = {}, others = {};  // no lane overflows: a record has fewer than 32767 times 16 bytes
-    size_t at = 0;
-    for (; at + 2 * sizeof(LANES) <= count; at += 2 * sizeof(LANES)) {
-        sums -= NulsAt(bytes + at);
-        others -= NulsAt(bytes + at + sizeof(LANES));
+    constexpr size_t Step = 2 * sizeof(LANES);
+    static_assert(Step <= RecordFixedBytes && MaxRecordBytes / sizeof(LANES) <= INT16_MAX);
+    LANES sums = {};
+    const BYTE* const end = bytes + count / 2 * 2;
+    size_t left = count / 2 * 2;
+    for (; left >= 2 * Step; left -= 2 * Step, bytes += 2 * Step)
+        sums -= (NulsAt(bytes) + NulsAt(bytes + sizeof(LANES))) +
+                (NulsAt(bytes + Step) + NulsAt(bytes + Step + sizeof(LANES)));
+    if (left >= Step) {
+        sums -= NulsAt(bytes) + NulsAt(bytes + sizeof(LANES));
+        left -= Step;
     }
-    sums += others;
-    if (at + sizeof(LANES) <= count) {
-        sums -= NulsAt(bytes + at);
-        at += sizeof(LANES);
-    }
-    size_t left = (count - at) / 2;
-    if (left > 0 && at > 0) {  // the last eight, of which the first were counted
-        constexpr LANES FromTheEnd = {8, 7, 6, 5, 4, 3, 2, 1};
-        sums -= NulsAt(bytes + at + 2 * left - sizeof(LANES)) & (FromTheEnd <= static_cast<int16_t>(left));
-        left = 0;
-    }
+    // The last sixteen, of which those before the ones left were counted or are none of the text.
+    constexpr LANES FromTheEnd = {8, 7, 6, 5, 4, 3, 2, 1};
+    const auto units = static_cast<int16_t>(left / 2);
+    sums -= (NulsAt(end - Step) & (FromTheEnd + 8 <= units)) + (NulsAt(end - sizeof(LANES)) & (FromTheEnd <= units));
+
     constexpr uint64_t Even = 0x0000FFFF0000FFFF;
     uint64_t halves[2];
     std::memcpy(halves, &sums, sizeof(halves));
-    uint64_t nuls = (halves[0] & Even) + (halves[0] >> 16 & Even) + (halves[1] & Even) + (halves[1] >> 16 & Even);
-    nuls = (nuls & MAXDWORD) + (nuls >> 32);
-    for (; left > 0; --left, at += 2) nuls += bytes[at] == 0 && bytes[at + 1] == 0;
-    return nuls;
+    const uint64_t lanes = halves[0] + halves[1];
+    const uint64_t pairs = (lanes & Even) + (lanes >> 16 & Even);
+    return (pairs & MAXDWORD) + (pairs >> 32);
 }
 
 // The two names end before the strings, or before the record's end when it has none.
@@ -104,10 +104,10 @@ size_t AlignedSize(size_t bytes) { return (bytes + 3) / 4 * 4; }
 }  // namespace
 
 bool IsWholeRecord(const BYTE* bytes, size_t available) {
-    if (available < RecordFixedBytes + sizeof(DWORD)) return false;
+    if (available < SmallestRecord) return false;
     const EVENTLOGRECORD& record = *reinterpret_cast<const EVENTLOGRECORD*>(bytes);
     const DWORD length = record.Length;
-    if (record.Reserved != EvtSignature || length < RecordFixedBytes + sizeof(DWORD) || length % 4 != 0) return false;
+    if (record.Reserved != EvtSignature || length < SmallestRecord || length % 4 != 0) return false;
     if (length > available || length > MaxRecordBytes) return false;
     const DWORD end = length - sizeof(DWORD);
     if (*reinterpret_cast<const DWORD*>(bytes + end) != length) return false;
