@@ -5,6 +5,7 @@
 
 #include <windows.h>
 
+#include <cstdint>
 #include <span>
 
 #include "eventlog/event_record.h"
@@ -81,7 +82,8 @@ private:
 
     const COMMAND_LINE& options;
     const std::span<const EVENT_HANDLER> handlers;
-    STRING logName;  // the name of the latest successful Open
+    uint64_t marks = 0;  // of their event IDs: no handler has one whose mark is not among them
+    STRING logName;      // the name of the latest successful Open
     EVENT_LOG_OWNER handle;
     REPLACEMENT_STRINGS strings;               // of the record being dispatched
     TIME_STAMP lastSweep = TIME_STAMP::Now();  // the end of the last sweep; at first the reader's beginning
