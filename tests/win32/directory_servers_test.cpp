@@ -539,11 +539,12 @@ TEST_F(LookAheadBySid, WhereGroupsAreNestedDeeplyTheirSidsAreAskedForTogether) {
         TEXTS told;
         int first, next;  // searches of the first report and of one after it
     } const cases[] = {
-        // the name, the first level, three more, all SIDs, their groups; what paid is asked for at once
-        {all, 1 + 1 + 3 + 1 + 1, 1 + 1 + 1 + 1},
+        // the name, the first level, three more, all SIDs, their groups; what paid is asked for at once, and the groups
+        // with two searches
+        {all, 1 + 1 + 3 + 1 + 1, 1 + 1 + 1 + 2},
         {{}, 1 + 1 + 19 + 1, 1 + 1 + 19 + 1},
-        // the fifth with the seventh, the sixth with the eighth, the others
-        {{part, nonsense, none, ""}, 1 + 1 + 3 + 1 + 1 + 1 + 12, 1 + 1 + 3 + 1 + 1 + 1 + 12},
+        // the seventh beside the fifth, without the SID of the eighth
+        {{part, nonsense, none, ""}, 1 + 1 + 3 + 1 + 16, 1 + 1 + 3 + 1 + 16},
     };
     for (const auto& [told, first, next] : cases) {
         server.Answer([&, sids = told](const QUESTION& question) -> ANSWER {
@@ -560,6 +561,41 @@ TEST_F(LookAheadBySid, WhereGroupsAreNestedDeeplyTheirSidsAreAskedForTogether) {
     const TEXTS few = Chain(3);
     EXPECT_EQ(few, List());
     EXPECT_EQ(1 + 1 + 2, server.Asked()) << "few levels are not worth it";
+}
+
+// The server tells the SIDs of security groups only. What these are in comes by DNs alone, while they are under way.
+TEST_F(LookAheadBySid, GroupsAmongTheToldAreNotAskedForTwiceAndOthersOnce) {
+    Chain(20);
+    const std::string builtin("\x01\x02\x00\x00\x00\x00\x00\x05\x20\x00\x00\x00\x21\x02\x00\x00", 16);
+    for (const int i : {100, 101, 102}) AddGroup(i, {});  // 100 of BUILTIN, 101 and 102 are not told
+    server.entries[GroupDn(100)].back().second = {builtin};
+    server.entries[Users].push_back({"memberOf", {GroupDn(100)}});
+    AddGroup(3, {GroupDn(4), GroupDn(101)});
+    AddGroup(12, {GroupDn(13), GroupDn(101)});
+    AddGroup(101, {GroupDn(102), GroupDn(20)});
+    std::vector<int> numbers(20);
+    std::iota(numbers.begin(), numbers.end(), 1);
+    numbers.insert(numbers.end(), {101, 102});
+    TEXTS listed = Listed(numbers);
+    listed.insert(listed.begin() + 2, "BUILTIN\\g100=" + GroupDn(100));
+    TEXTS all{Sid(513)}, firstTold, withSids;
+    for (int i = 1; i <= 20; ++i) all.push_back(Sid(i));
+    all.push_back(builtin);
+    server.Answer([&](const QUESTION& question) -> ANSWER {
+        if (question.wanted == TEXTS{"tokenGroups"}) return {Whole(question, Ann, {{"tokenGroups", all}})};
+        if (firstTold.empty() && question.anyOf.size() > 2) firstTold = question.anyOf;
+        if (question.wantsSids) withSids.push_back(question.base);
+        return Good(question);
+    });
+    EXPECT_EQ(listed, List());
+    firstTold.clear();
+    withSids.clear();
+    server.Asked();
+    EXPECT_EQ(listed, List());
+    EXPECT_EQ(1 + 1 + 1 + 2 + 1 + 1, server.Asked()) << "the name, the first level, all SIDs, their groups, two others";
+    EXPECT_EQ(8u, firstTold.size());
+    EXPECT_EQ(builtin, firstTold.empty() ? "" : firstTold[0]);
+    EXPECT_EQ((TEXTS{"DC=corp", "DC=corp", GroupDn(101), GroupDn(102)}), withSids);
 }
 
 // Each group names a hundred more by long names. A server that sends much does not read meanwhile.

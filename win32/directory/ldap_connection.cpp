@@ -422,13 +422,13 @@ HRESULT LDAP_CONNECTION::ReadRoot() {
 }
 
 int LDAP_CONNECTION::Send(const std::string& base, int scope, const std::string& filter, const ATTRIBUTE_NAMES& wanted,
-                          int limit, bool isAhead, int& number) {
+                          int limit, bool isAhead, bool withSids, int& number) {
     std::vector<char*> names;  // the library does not write to them
     for (const char* name : wanted) names.push_back(const_cast<char*>(name));
     names.push_back(nullptr);
     CONTROLS controls;
     if (scope != LDAP_SCOPE_BASE) controls.Add(DomainScopeControl);
-    if (std::any_of(wanted.begin(), wanted.end(), NamesGroups)) controls.Add(ExtendedDnControl);
+    if (withSids && std::any_of(wanted.begin(), wanted.end(), NamesGroups)) controls.Add(ExtendedDnControl);
     timeval time = TimeValue(LdapAnswerTime);
     const int code = ldap_search_ext(state->ldap, base.c_str(), scope, filter.c_str(), names.data(), 0, controls.Get(),
                                      nullptr, &time, limit, &number);
@@ -479,17 +479,17 @@ HRESULT LDAP_CONNECTION::Search(const std::string& base, SCOPE scope, const std:
     found.clear();
     const NO_PIPE_SIGNAL quiet;
     int number = 0;
-    int code = Send(base, NumberOf(scope), filter, wanted, limit, false, number);
+    int code = Send(base, NumberOf(scope), filter, wanted, limit, false, true, number);
     if (code == LDAP_SUCCESS) code = Receive(number, found);
     return code == LDAP_SUCCESS ? S_OK : Fail(code);
 }
 
 std::optional<int> LDAP_CONNECTION::SearchAhead(const std::string& base, SCOPE scope, const std::string& filter,
-                                                const ATTRIBUTE_NAMES& wanted) {
+                                                const ATTRIBUTE_NAMES& wanted, bool withSids) {
     if (broken || unanswered.size() >= MaxAhead) return std::nullopt;
     const NO_PIPE_SIGNAL quiet;
     int number = 0;
-    const int code = Send(base, NumberOf(scope), filter, wanted, MaxFound, true, number);
+    const int code = Send(base, NumberOf(scope), filter, wanted, MaxFound, true, withSids, number);
     if (code == LDAP_SUCCESS) return number;
     Fail(code);
     return std::nullopt;

@@ -53,10 +53,11 @@ public:
 
     // Sends a search whose answer is not waited for here. It comes, in whatever call takes it off the wire, to the
     // receiver, which may send more: the entries, MaxFound at most, or none when it cannot be had this way. Result: its
-    // number; nothing: it was not sent, since 64 are under way or the connection is of no more use.
+    // number; nothing: it was not sent, since 64 are under way or the connection is of no more use. With SIDs the
+    // server names them beside the DNs of groups.
     using RECEIVER = std::function<void(int number, std::vector<DIRECTORY_ENTRY>& found)>;
     std::optional<int> SearchAhead(const std::string& base, SCOPE scope, const std::string& filter,
-                                   const ATTRIBUTE_NAMES& wanted);
+                                   const ATTRIBUTE_NAMES& wanted, bool withSids);
     void SendAnswersTo(RECEIVER to);  // null: those still to come are dropped
     bool ReadsAhead() const { return receiver != nullptr; }
 
@@ -81,7 +82,7 @@ private:
     };
 
     int Send(const std::string& base, int scope, const std::string& filter, const ATTRIBUTE_NAMES& wanted, int limit,
-             bool isAhead, int& number);
+             bool isAhead, bool withSids, int& number);
     int Receive(int number, std::vector<DIRECTORY_ENTRY>& found);
     HRESULT Fail(int code);
     std::chrono::seconds Patience() const;

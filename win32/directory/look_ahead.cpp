@@ -20,6 +20,7 @@ constexpr size_t MaxSent = 63;                     // one less than a connection
 constexpr size_t MaxSentBytes = 16384;             // of them: a server that sends much reads little meanwhile
 constexpr size_t MaxBatch = 32;                    // groups found with one search; twice as many are under way
 constexpr size_t FirstBatch = 8;                   // with the first of several: the sooner there is work on some
+constexpr size_t OneBatch = 2 * FirstBatch;        // so many are not worth two
 constexpr unsigned UsualLevels = 3;                // of groups in one another
 constexpr size_t FewGroups = 4;                    // at such a level
 constexpr const char* AllGroups = "tokenGroups";   // an object's security groups and theirs, as binary SIDs
@@ -130,9 +131,10 @@ void LOOK_AHEAD::Hold(const std::shared_ptr<LOOK_AHEAD>& held) { report.held = h
 HRESULT LOOK_AHEAD::Take(OPEN_CONNECTION& asked, const std::string& dn, DIRECTORY_ENTRY& entry) {
     if (dn.empty()) return S_FALSE;
     if (dn != givenFor && dn != given.dn) {
-        READING* const reading = Add(dn, {}, {}, 0, nullptr);
+        READING* reading = Add(dn, {}, {}, 0, nullptr);
         if (reading == nullptr) return S_FALSE;
-        const HRESULT result = AwaitReading(asked, *reading);
+        HRESULT result = AwaitTold(asked, dn, reading);
+        if (SUCCEEDED(result)) result = AwaitReading(asked, *reading);
         if (FAILED(result)) return result;
         const bool isIt = dn == reading->dn || dn == reading->entry.dn;  // of two DNs that have one SID
         if (reading->state != READING::STATE::ARRIVED || !isIt) return S_FALSE;
@@ -145,6 +147,20 @@ HRESULT LOOK_AHEAD::Take(OPEN_CONNECTION& asked, const std::string& dn, DIRECTOR
     return S_OK;
 }
 
+// The reading of that DN: one of which nothing else is known may be among the told, whose DNs come with their answers.
+HRESULT LOOK_AHEAD::AwaitTold(OPEN_CONNECTION& asked, const std::string& dn, READING*& reading) {
+    while (&asked == readsOn && told > 0 && reading->sid.empty() && reading->state == READING::STATE::WAITING) {
+        std::optional<int> first;
+        for (const auto& [number, search] : sent)
+            if (search.batch[0]->isTold && (!first || number < *first)) first = number;
+        if (!first) break;
+        const HRESULT result = asked.ldap.Await(*first);
+        if (FAILED(result)) return result;
+        reading = names.at(dn);
+    }
+    return S_OK;
+}
+
 // What waits behind others is sent by itself: the caller wants it now.
 HRESULT LOOK_AHEAD::AwaitReading(OPEN_CONNECTION& asked, READING& reading) {
     const bool isReading = &asked == readsOn;
@@ -152,8 +168,10 @@ HRESULT LOOK_AHEAD::AwaitReading(OPEN_CONNECTION& asked, READING& reading) {
         const HRESULT result = asked.ldap.Await(*allGroups);
         if (FAILED(result)) return result;
     }
-    if (reading.state == READING::STATE::WAITING && (!isReading || !Send({&reading})))
+    if (reading.state == READING::STATE::WAITING && (!isReading || !Send({&reading}))) {
         reading.state = READING::STATE::OVER;
+        told -= reading.isTold ? 1 : 0;
+    }
     return isReading && reading.state == READING::STATE::SENT ? asked.ldap.Await(reading.number) : S_OK;
 }
 
@@ -166,8 +184,10 @@ void LOOK_AHEAD::Expect(OPEN_CONNECTION& asked, const DIRECTORY_ENTRY& object) {
     const bool isFirst = readings.empty();
     if (isFirst) opened = object.dn;
     AddGroupsOf(object, 1);
-    SendWaiting();
-    if (isFirst && std::exchange(report.isDeep, false)) AskForAllGroups();
+    const bool isDeep = isFirst && std::exchange(report.isDeep, false);
+    if (isDeep && waiting.size() <= FewGroups) AskForAllGroups();  // the server is at these when their SIDs arrive
+    if (isFirst || !allGroups) SendWaiting();
+    if (isDeep) AskForAllGroups();
 }
 
 void LOOK_AHEAD::Stop() {
@@ -177,6 +197,7 @@ void LOOK_AHEAD::Stop() {
         for (READING* const reading : search.batch) reading->state = READING::STATE::OVER;
     sent.clear();
     allGroups.reset();
+    told = 0;
     sentBytes = sentReadings = 0;
 }
 
@@ -217,18 +238,22 @@ void LOOK_AHEAD::AddGroupsOf(const DIRECTORY_ENTRY& object, unsigned level) {
         const std::string& dn = (*groups)[i];
         Add(dn, i < object.groupSids.size() ? object.groupSids[i] : std::string(), DomainPart(dn), level, &added);
     }
-    waiting.insert(waiting.begin(), added.begin(), added.end());
+    const auto isPlaced = [&](const READING* group) { return told == 0 || !group->sid.empty(); };
+    const auto unplaced = std::stable_partition(added.begin(), added.end(), isPlaced);
+    mayBeTold.insert(mayBeTold.end(), unplaced, added.end());
+    waiting.insert(waiting.begin(), added.begin(), unplaced);
 }
 
 // The first that waits and, if it is found by its SID, those after it that are found so below the same DN.
 LOOK_AHEAD::BATCH LOOK_AHEAD::NextBatch() {
-    const size_t limit = sent.empty() && waiting.size() > MaxBatch ? FirstBatch : MaxBatch;
+    const size_t limit = sentReadings <= FewGroups && waiting.size() > OneBatch ? FirstBatch : MaxBatch;
     BATCH batch;
     for (; !waiting.empty() && batch.size() < limit; waiting.pop_front()) {
         READING& next = *waiting.front();
         if (next.state != READING::STATE::WAITING) continue;
         const bool fits = !next.sid.empty() && !next.domain.empty();
-        if (!batch.empty() && (!fits || next.domain != batch[0]->domain)) break;
+        const bool isAlike = batch.empty() || (next.domain == batch[0]->domain && next.isTold == batch[0]->isTold);
+        if (!batch.empty() && !(fits && isAlike)) break;
         batch.push_back(&next);
         if (fits) continue;
         waiting.pop_front();
@@ -242,7 +267,7 @@ bool LOOK_AHEAD::Send(const BATCH& batch) {
     const std::string& base = isOne ? batch[0]->dn : batch[0]->domain;
     const std::string filter = isOne ? AnyEntry : FilterOf(batch);
     const auto scope = isOne ? LDAP_CONNECTION::SCOPE::BASE : LDAP_CONNECTION::SCOPE::SUBTREE;
-    const std::optional<int> number = readsOn->ldap.SearchAhead(base, scope, filter, Attributes);
+    const std::optional<int> number = readsOn->ldap.SearchAhead(base, scope, filter, Attributes, !batch[0]->isTold);
     if (!number) return false;
     for (READING* const reading : batch) {
         reading->state = READING::STATE::SENT;
@@ -255,7 +280,7 @@ bool LOOK_AHEAD::Send(const BATCH& batch) {
 }
 
 void LOOK_AHEAD::SendWaiting() {
-    while (!allGroups && sent.size() < MaxSent && sentReadings - sent.size() < MaxBatch && sentBytes < MaxSentBytes &&
+    while (sent.size() < MaxSent && sentReadings - sent.size() < MaxBatch && sentBytes < MaxSentBytes &&
            bytes < MaxKeptBytes) {
         const BATCH batch = NextBatch();
         if (batch.empty()) break;
@@ -283,11 +308,28 @@ void LOOK_AHEAD::Arrived(int number, std::vector<DIRECTORY_ENTRY>& found) {
         READING* const reading = AnsweredBy(entry, search.batch);
         if (reading != nullptr) Keep(*reading, entry);
     }
+    if (search.batch[0]->isTold) TakeTold(search.batch);
     for (auto reading = search.batch.rbegin(); reading != search.batch.rend(); ++reading)
         if ((*reading)->state == READING::STATE::ARRIVED) AddGroupsOf((*reading)->entry, (*reading)->level + 1);
     const bool isNestedDeeply = IsNestedDeeply();
-    SendWaiting();
+    if (!allGroups) SendWaiting();
     if (isNestedDeeply) AskForAllGroups();
+}
+
+// Their DNs are known now. When there are no more of them, what others are in and is none of them waits as well.
+void LOOK_AHEAD::TakeTold(const BATCH& batch) {
+    told -= batch.size();
+    for (READING* const reading : batch) {
+        if (reading->state != READING::STATE::ARRIVED) continue;
+        READING*& named = names[reading->entry.dn];
+        if (named == nullptr) bytes += reading->entry.dn.size();
+        if (named == nullptr || named->state == READING::STATE::WAITING) named = reading;
+    }
+    if (told > 0) return;
+    const auto hasCome = [&](const READING* group) { return names.at(group->dn) != group; };
+    std::erase_if(mayBeTold, hasCome);
+    waiting.insert(waiting.begin(), mayBeTold.begin(), mayBeTold.end());
+    mayBeTold.clear();
 }
 
 // Null: it was not asked for, or has come already.
@@ -320,16 +362,22 @@ bool LOOK_AHEAD::IsNestedDeeply() const {
 void LOOK_AHEAD::AskForAllGroups() {
     if (opened.empty()) return;
     below = DomainPart(opened);
-    allGroups =
-        readsOn->ldap.SearchAhead(std::exchange(opened, {}), LDAP_CONNECTION::SCOPE::BASE, AnyEntry, {AllGroups});
+    allGroups = readsOn->ldap.SearchAhead(std::exchange(opened, {}), LDAP_CONNECTION::SCOPE::BASE, AnyEntry,
+                                          {AllGroups}, false);
 }
 
 void LOOK_AHEAD::AddAllGroups(const std::vector<DIRECTORY_ENTRY>& found) {
     const std::vector<std::string>* const sids = found.empty() ? nullptr : found[0].Values(AllGroups);
     if (sids == nullptr) return;
     BATCH added;
-    for (const std::string& sid : *sids)
-        if (SID_VALUE::FromBytes(sid)) Add(SidDn(sid), SidDn(sid), below, 1, &added);
+    for (const bool isBuiltin : {true, false})  // of those the primary group is in one, as a rule, and comes first
+        for (const std::string& sid : *sids) {
+            if (sid.starts_with(BuiltinSids) != isBuiltin || !SID_VALUE::FromBytes(sid)) continue;
+            READING* const group = Add(SidDn(sid), SidDn(sid), below, 1, &added);
+            if (group == nullptr || group->state != READING::STATE::WAITING || group->isTold) continue;
+            group->isTold = true;
+            ++told;
+        }
     waiting.insert(waiting.end(), added.begin(), added.end());
     report.isDeep = added.size() > UsualLevels;
 }

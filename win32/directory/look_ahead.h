@@ -8,7 +8,8 @@
 // Those whose SIDs the server has told are found by these, up to 32 with one search: a search costs a domain controller
 // as much as a few entries of it. Where groups are nested deeper than most are, each level would be known only when the
 // one before it has arrived; there the server is asked for the SIDs of all that the user belongs to, and if that has
-// paid for one report, at once for the next.
+// paid for one report, at once for the next. Such groups are read without the SIDs of those that they are in, which
+// cost a domain controller as much again: these are among them, or wait until the last of them has arrived.
 //
 // An answer serves one report: it is dropped with the object that led to it or, before there is one, with the next
 // question. What does not arrive this way, or arrives as a failure, is asked for by itself, as if nothing had been
@@ -78,6 +79,7 @@ private:
         std::string dn;         // as it was named first: a DN, or SidDn of a group that is known by its SID alone
         std::string sid;        // SidDn; empty: not known
         std::string domain;     // the DN below which it is found by its SID
+        bool isTold = false;    // the server has told its SID with those of all groups
         unsigned level = 0;     // how many searches one after another led to it
         int number = 0;         // of its search, while it is SENT
         DIRECTORY_ENTRY entry;  // when it has ARRIVED
@@ -100,6 +102,8 @@ private:
     bool IsNestedDeeply() const;
     void AskForAllGroups();
     void AddAllGroups(const std::vector<DIRECTORY_ENTRY>& found);
+    void TakeTold(const BATCH& batch);
+    HRESULT AwaitTold(OPEN_CONNECTION& asked, const std::string& dn, READING*& reading);
     HRESULT AwaitReading(OPEN_CONNECTION& asked, READING& reading);
 
     const std::string key;
@@ -115,6 +119,8 @@ private:
     std::string opened;  // the DN of the object that was opened first; empty: all its groups have been asked for
     std::optional<int> allGroups;  // the search for their SIDs, while it is under way
     std::string below;             // the part of that DN below which these are found
+    size_t told = 0;               // readings that wait or are sent
+    BATCH mayBeTold;               // what is named by a DN alone meanwhile
     size_t sentReadings = 0;       // of all searches
     size_t sentBytes = 0;          // of the questions that are sent
     size_t bytes = 0;              // of what is kept

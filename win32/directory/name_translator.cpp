@@ -20,8 +20,6 @@ struct DIRECTORY_ACCOUNT {
     std::optional<DIRECTORY_DOMAIN> domain;  // nothing: none of the forest's domains holds it
 };
 
-constexpr std::string_view BuiltinSids("\x01\x02\x00\x00\x00\x00\x00\x05\x20\x00\x00\x00", 12);  // S-1-5-32-...
-
 bool SameText(std::string_view a, std::string_view b) { return SameName(ToUtf16(a), ToUtf16(b)); }
 
 // Finds the account that a name of one type (ADS_NAME_TYPE_...) means. DirectoryNotFound, DirectoryNotUnique, E_NOTIMPL

@@ -15,6 +15,8 @@ namespace win32 {
 
 constexpr uint64_t NtAuthority = 5;
 
+constexpr std::string_view BuiltinSids("\x01\x02\x00\x00\x00\x00\x00\x05\x20\x00\x00\x00", 12);  // S-1-5-32-...
+
 class SID_VALUE {
 public:
     static constexpr size_t MaxSubs = 15;
