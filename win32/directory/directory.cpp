@@ -8,9 +8,8 @@
 namespace win32 {
 
 const std::vector<std::string>* DIRECTORY_ENTRY::Values(std::string_view attribute) const {
-    const std::string wanted = LowerName(attribute);
     for (const auto& [name, values] : attributes)
-        if (LowerName(name) == wanted) return &values;
+        if (IsSameAttribute(name, attribute)) return &values;
     return nullptr;
 }
 

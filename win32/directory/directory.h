@@ -50,6 +50,9 @@ struct DIRECTORY_DOMAIN {
     explicit DIRECTORY_DOMAIN(const DIRECTORY_ENTRY& partition);
 };
 
+// A forest's, as they were read; never null.
+using DIRECTORY_DOMAINS = std::shared_ptr<const std::vector<DIRECTORY_DOMAIN>>;
+
 using ATTRIBUTE_NAMES = std::vector<const char*>;
 
 // Used by one thread at a time.
@@ -57,7 +60,7 @@ class DIRECTORY {
 public:
     virtual ~DIRECTORY() = default;
 
-    virtual HRESULT Domains(std::vector<DIRECTORY_DOMAIN>& domains) = 0;
+    virtual HRESULT Domains(DIRECTORY_DOMAINS& domains) = 0;
 
     // The entries at and below `base` whose attribute equals the value: none, one or, where it is not unique, some.
     virtual HRESULT Find(const std::string& base, const char* attribute, const std::string& value,

@@ -61,9 +61,9 @@ bool CheckServer(CHECK& check, const LDAP_ACCESS& access) {
     }) && check.Step("read the server's own entry", [&](DIRECTORY_STEP& step) {
         return explained(step, connection.ReadRoot());
     }) && check.Step("read the forest's domains", [&](DIRECTORY_STEP& step) {
-        std::vector<DIRECTORY_DOMAIN> domains;
+        DIRECTORY_DOMAINS domains;
         const HRESULT result = SearchDomains(connection, domains);
-        if (SUCCEEDED(result)) CountDomains(domains, step);
+        if (SUCCEEDED(result)) CountDomains(*domains, step);
         return explained(step, result);
     });
 }
@@ -91,10 +91,10 @@ void CheckLdif(CHECK& check) {
     if (!good) return;
     check.Step("find the forest's domains", [](DIRECTORY_STEP& step) {
         std::unique_ptr<DIRECTORY> directory;
-        std::vector<DIRECTORY_DOMAIN> domains;
+        DIRECTORY_DOMAINS domains;
         HRESULT result = OpenLdifDirectory(directory);
         if (SUCCEEDED(result)) result = directory->Domains(domains);
-        if (SUCCEEDED(result)) CountDomains(domains, step);
+        if (SUCCEEDED(result)) CountDomains(*domains, step);
         return result;
     });
 }

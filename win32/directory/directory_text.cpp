@@ -13,6 +13,8 @@ namespace win32 {
 
 namespace {
 
+char Lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c | 0x20) : c; }
+
 // One AVA (attribute and value assertion) in the form in which equal ones are equal texts.
 std::string ComponentPart(const LDAPAVA& part) {
     const std::string_view value(part.la_value.bv_val, part.la_value.bv_len);
@@ -48,6 +50,7 @@ bool IsSidInHex(std::string_view digits) {
 }
 
 std::string UnescapeSlashes(std::string_view text) {
+    if (text.find('\\') == text.npos) return std::string(text);
     std::string plain;
     for (size_t i = 0; i < text.size(); ++i) {
         if (text[i] == '\\' && i + 1 < text.size()) {
@@ -63,9 +66,12 @@ std::string UnescapeSlashes(std::string_view text) {
 
 std::string LowerName(std::string_view name) {
     std::string lower(name);
-    for (char& c : lower)
-        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c | 0x20);
+    std::transform(lower.begin(), lower.end(), lower.begin(), Lower);
     return lower;
+}
+
+bool IsSameAttribute(std::string_view a, std::string_view b) {
+    return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](char x, char y) { return Lower(x) == Lower(y); });
 }
 
 std::optional<std::vector<std::string>> SplitDn(std::string_view dn) {
@@ -83,8 +89,12 @@ std::optional<std::vector<std::string>> SplitDn(std::string_view dn) {
 }
 
 bool IsDn(std::string_view text) {
+    thread_local std::string last;  // that was one: a group's is asked for its name, and again for its object
+    if (!text.empty() && text == last) return true;
     PARSED_DN parsed(nullptr, ldap_dnfree);
-    return Parse(text, parsed) && parsed != nullptr && parsed[0] != nullptr;
+    if (!Parse(text, parsed) || parsed == nullptr || parsed[0] == nullptr) return false;
+    last = text;
+    return true;
 }
 
 std::string SidDn(std::string_view sid) {
@@ -111,7 +121,7 @@ EXTENDED_DN ParseExtendedDn(std::string_view text) {
 std::string_view DomainPart(std::string_view dn) {
     bool begins = true;
     for (size_t at = 0; at < dn.size(); ++at) {
-        if (begins && LowerName(dn.substr(at, 3)) == "dc=") return dn.substr(at);
+        if (begins && IsSameAttribute(dn.substr(at, 3), "dc=")) return dn.substr(at);
         begins = dn[at] == ',' || dn[at] == ';' || (begins && dn[at] == ' ');
         if (dn[at] == '\\') ++at;  // what follows stands for itself
     }

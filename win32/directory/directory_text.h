@@ -10,6 +10,7 @@ namespace win32 {
 
 // ASCII letters to lower case: for names of attributes.
 std::string LowerName(std::string_view name);
+bool IsSameAttribute(std::string_view a, std::string_view b);
 
 // One DN's components, leaf first, in a form in which equal ones are equal texts: attribute in lower case, escapes
 // undone, values folded, blanks around them gone. Nothing: it is not a DN as RFC 4514 writes it. The empty DN has no

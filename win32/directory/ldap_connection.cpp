@@ -126,7 +126,10 @@ void UseKeytab(const std::string& keytab) {
 }
 
 // Of the attribute or of a part of it: its values are the DNs of an object's groups.
-bool NamesGroups(std::string_view attribute) { return LowerName(attribute).starts_with("memberof"); }
+bool NamesGroups(std::string_view attribute) {
+    constexpr std::string_view memberOf = "memberOf";
+    return IsSameAttribute(attribute.substr(0, memberOf.size()), memberOf);
+}
 
 // Leaves the plain DNs. The SIDs, at their places.
 std::vector<std::string> TakeSids(std::vector<std::string>& dns) {

@@ -70,7 +70,7 @@ public:
 
     HRESULT Open() { return OpenFrom(0, DirectoryServerDown); }
 
-    HRESULT Domains(std::vector<DIRECTORY_DOMAIN>& domains) override {
+    HRESULT Domains(DIRECTORY_DOMAINS& domains) override {
         if (!connection) return DirectoryServerDown;
         domains = connection->domains;
         return S_OK;
@@ -204,15 +204,16 @@ private:
 
 }  // namespace
 
-HRESULT SearchDomains(LDAP_CONNECTION& connection, std::vector<DIRECTORY_DOMAIN>& domains) {
+HRESULT SearchDomains(LDAP_CONNECTION& connection, DIRECTORY_DOMAINS& domains) {
     std::vector<DIRECTORY_ENTRY> found;
     const HRESULT result =
         connection.Search("CN=Partitions," + connection.ConfigurationDn(), LDAP_CONNECTION::SCOPE::CHILDREN,
                           "(nETBIOSName=*)", {"nCName", "dnsRoot", "nETBIOSName"}, MaxDomains, found);
     if (FAILED(result)) return result;
-    domains.clear();
+    std::vector<DIRECTORY_DOMAIN> read;
     for (const DIRECTORY_ENTRY& entry : found)
-        if (!entry.First("nCName").empty()) domains.emplace_back(entry);
+        if (!entry.First("nCName").empty()) read.emplace_back(entry);
+    domains = std::make_shared<const std::vector<DIRECTORY_DOMAIN>>(std::move(read));
     return S_OK;
 }
 

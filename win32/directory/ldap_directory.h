@@ -18,6 +18,6 @@ HRESULT OpenLdapDirectory(const DIRECTORY_TARGET& target, std::unique_ptr<DIRECT
 HRESULT FindLdapServers(const DIRECTORY_TARGET& target, std::vector<LDAP_ACCESS>& servers, std::string& complaint);
 
 // The forest's domains, from the partitions container.
-HRESULT SearchDomains(LDAP_CONNECTION& connection, std::vector<DIRECTORY_DOMAIN>& domains);
+HRESULT SearchDomains(LDAP_CONNECTION& connection, DIRECTORY_DOMAINS& domains);
 
 }  // namespace win32

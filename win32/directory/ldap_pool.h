@@ -18,7 +18,7 @@ std::string KeyOf(const LDAP_ACCESS& access);
 // A connection with what it takes to ask by it.
 struct OPEN_CONNECTION {
     LDAP_CONNECTION ldap;
-    std::vector<DIRECTORY_DOMAIN> domains;
+    DIRECTORY_DOMAINS domains;
     const std::chrono::milliseconds since = Uptime();
 };
 using CONNECTION = std::unique_ptr<OPEN_CONNECTION>;

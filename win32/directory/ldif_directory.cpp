@@ -86,8 +86,8 @@ class LDIF_DIRECTORY final : public DIRECTORY {
 public:
     explicit LDIF_DIRECTORY(LDIF_POINTER read) : data(std::move(read)) {}
 
-    HRESULT Domains(std::vector<DIRECTORY_DOMAIN>& domains) override {
-        domains = data->Domains();
+    HRESULT Domains(DIRECTORY_DOMAINS& domains) override {
+        domains = {data, &data->Domains()};
         return S_OK;
     }
 

@@ -16,8 +16,9 @@ namespace {
 constexpr UINT MaxNameUnits = 4096;  // longer than any DN that a directory takes
 
 struct DIRECTORY_ACCOUNT {
-    DIRECTORY_ENTRY entry;                   // with sAMAccountName and objectSid
-    std::optional<DIRECTORY_DOMAIN> domain;  // nothing: none of the forest's domains holds it
+    DIRECTORY_ENTRY entry;                     // with sAMAccountName and objectSid
+    const DIRECTORY_DOMAIN* domain = nullptr;  // of `domains`; null: none of the forest's holds it
+    DIRECTORY_DOMAINS domains = {};
 };
 
 bool SameText(std::string_view a, std::string_view b) { return SameName(ToUtf16(a), ToUtf16(b)); }
@@ -55,7 +56,7 @@ private:
         const size_t backslash = name.find('\\');
         if (backslash == name.npos) return DirectoryNotFound;
         const std::string domain = name.substr(0, backslash);
-        for (const DIRECTORY_DOMAIN& known : domains)
+        for (const DIRECTORY_DOMAIN& known : *domains)
             if (SameText(known.netbiosName, domain))
                 return InDomain(known, "sAMAccountName", name.substr(backslash + 1), account);
         return DirectoryNotFound;
@@ -65,7 +66,7 @@ private:
     HRESULT ByAccountAtDomain(const std::string& name, DIRECTORY_ACCOUNT& account) {
         const size_t at = name.rfind('@');
         if (at == name.npos) return DirectoryNotFound;
-        for (const DIRECTORY_DOMAIN& known : domains) {
+        for (const DIRECTORY_DOMAIN& known : *domains) {
             if (!SameText(known.dnsName, name.substr(at + 1))) continue;
             const HRESULT result = InDomain(known, "sAMAccountName", name.substr(0, at), account);
             if (result != DirectoryNotFound) return result;
@@ -75,7 +76,7 @@ private:
 
     HRESULT ByPrincipalName(const std::string& name, DIRECTORY_ACCOUNT& account) {
         HRESULT result = DirectoryNotFound;
-        for (const DIRECTORY_DOMAIN& known : domains) {
+        for (const DIRECTORY_DOMAIN& known : *domains) {
             DIRECTORY_ACCOUNT candidate;
             const HRESULT found = InDomain(known, "userPrincipalName", name, candidate);
             if (found == DirectoryNotFound || found == DirectoryReferral) continue;
@@ -106,26 +107,28 @@ private:
         if (found.empty()) return DirectoryNotFound;
         if (found.size() > 1) return DirectoryNotUnique;
         account.entry = std::move(found[0]);
-        account.domain = domain;
+        account.domain = &domain;
+        account.domains = domains;
         return S_OK;
     }
 
     HRESULT Take(HRESULT read, DIRECTORY_ACCOUNT& account) const {
         if (read == DirectoryNoSuchObject || read == DirectoryInvalidDn) return DirectoryNotFound;
         if (FAILED(read)) return read;
-        if (const DIRECTORY_DOMAIN* domain = DomainOf(account.entry.dn)) account.domain = *domain;
+        account.domain = DomainOf(account.entry.dn);
+        account.domains = domains;
         return S_OK;
     }
 
     // The innermost domain that the DN lies in.
     const DIRECTORY_DOMAIN* DomainOf(const std::string& dn) const {
         const std::string_view end = DomainPart(dn);
-        for (const DIRECTORY_DOMAIN& domain : domains)
+        for (const DIRECTORY_DOMAIN& domain : *domains)
             if (domain.dn == end) return &domain;  // as nearly always
         const auto components = SplitDn(dn);
         const DIRECTORY_DOMAIN* innermost = nullptr;
         size_t depth = 0;
-        for (const DIRECTORY_DOMAIN& domain : domains) {
+        for (const DIRECTORY_DOMAIN& domain : *domains) {
             const std::vector<std::string>& base = domain.components;
             if (!components || base.size() <= depth || !IsAtOrBelow(*components, base)) continue;
             innermost = &domain;
@@ -136,7 +139,7 @@ private:
 
     DIRECTORY& directory;
     const ATTRIBUTE_NAMES wanted{"sAMAccountName", "objectSid"};
-    std::vector<DIRECTORY_DOMAIN> domains;
+    DIRECTORY_DOMAINS domains;
 };
 
 bool IsBuiltin(const DIRECTORY_ACCOUNT& account) { return account.entry.First("objectSid").starts_with(BuiltinSids); }
