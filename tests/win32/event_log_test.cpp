@@ -254,6 +254,13 @@ TEST(Record, HoldsItsTextsUpToTheirFirstNul) {
     BYTES record, wanted;
     ASSERT_TRUE(BuildRecord(event, record) && BuildRecord(cut, wanted));
     EXPECT_EQ(wanted, record);
+    // So many at places alike that their count needs more than the bits of one lane.
+    std::u16string many(262140, u'x');
+    for (size_t unit = 2; unit < many.size(); unit += 4) many[unit] = u'\0';
+    event.strings = {many, u""};
+    cut.strings = {u"xx", u""};
+    ASSERT_TRUE(BuildRecord(event, record) && BuildRecord(cut, wanted));
+    EXPECT_EQ(wanted, record);
 }
 
 NUMBERS Reversed(const NUMBERS& numbers) { return {numbers.rbegin(), numbers.rend()}; }
