@@ -188,8 +188,7 @@ LOOKED_AT_FILE& LdifFile() {
     return file;
 }
 
-DIRECTORY_BACKEND BackendIn(const std::string& root) {
-    const BACKEND_SETTINGS& settings = Current(ReadBackendSettings, root);
+DIRECTORY_BACKEND BackendBy(const BACKEND_SETTINGS& settings, const std::string& root) {
     if (settings.chosen) return *settings.chosen;
     if (LdifFile().Identity(root)) return DIRECTORY_BACKEND::LDIF;
     return settings.serverNamed ? DIRECTORY_BACKEND::LDAP : DIRECTORY_BACKEND::NONE;
@@ -209,7 +208,9 @@ DIRECTORY_BACKEND ConfiguredBackend() {
     const auto now = Uptime();
     if (last.root == &root && last.settings.Holds(now) && last.ldif.Holds(now)) return last.found;
     LOOK look{&root, LinuxSettingsMark(root), LdifFile().Mark()};  // marked before it is looked at
-    look.found = BackendIn(root);
+    const BACKEND_SETTINGS& settings = Current(ReadBackendSettings, root);
+    if (settings.chosen) look.ldif = look.settings;  // the file decides nothing
+    look.found = BackendBy(settings, root);
     last = std::move(look);
     return last.found;
 }
