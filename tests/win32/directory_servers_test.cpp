@@ -543,8 +543,8 @@ TEST_F(LookAheadBySid, WhereGroupsAreNestedDeeplyTheirSidsAreAskedForTogether) {
         // with two searches
         {all, 1 + 1 + 3 + 1 + 1, 1 + 1 + 1 + 2},
         {{}, 1 + 1 + 19 + 1, 1 + 1 + 19 + 1},
-        // the seventh beside the fifth, without the SID of the eighth
-        {{part, nonsense, none, ""}, 1 + 1 + 3 + 1 + 16, 1 + 1 + 3 + 1 + 16},
+        // the fifth and the seventh together, without the SIDs of the others
+        {{part, nonsense, none, ""}, 1 + 1 + 3 + 1 + 1 + 14, 1 + 1 + 3 + 1 + 1 + 14},
     };
     for (const auto& [told, first, next] : cases) {
         server.Answer([&, sids = told](const QUESTION& question) -> ANSWER {
@@ -579,12 +579,14 @@ TEST_F(LookAheadBySid, GroupsAmongTheToldAreNotAskedForTwiceAndOthersOnce) {
     TEXTS listed = Listed(numbers);
     listed.insert(listed.begin() + 2, "BUILTIN\\g100=" + GroupDn(100));
     TEXTS all{Sid(513)}, firstTold, withSids;
+    int withoutSids = 0;
     for (int i = 1; i <= 20; ++i) all.push_back(Sid(i));
     all.push_back(builtin);
     server.Answer([&](const QUESTION& question) -> ANSWER {
         if (question.wanted == TEXTS{"tokenGroups"}) return {Whole(question, Ann, {{"tokenGroups", all}})};
         if (firstTold.empty() && question.anyOf.size() > 2) firstTold = question.anyOf;
         if (question.wantsSids) withSids.push_back(question.base);
+        if (!question.wantsSids && question.anyOf.size() > 2) ++withoutSids;
         return Good(question);
     });
     EXPECT_EQ(listed, List());
@@ -596,6 +598,12 @@ TEST_F(LookAheadBySid, GroupsAmongTheToldAreNotAskedForTwiceAndOthersOnce) {
     EXPECT_EQ(8u, firstTold.size());
     EXPECT_EQ(builtin, firstTold.empty() ? "" : firstTold[0]);
     EXPECT_EQ((TEXTS{"DC=corp", "DC=corp", GroupDn(101), GroupDn(102)}), withSids);
+    for (int i = 0; i < 400; ++i) all.push_back(Sid(5000 + i));
+    withoutSids = 0;
+    server.Asked();
+    EXPECT_EQ(listed, List());
+    EXPECT_EQ(0, withoutSids) << "nothing waits for so many";
+    EXPECT_GE(1 + 1 + 1 + 422 / 32 + 8, server.Asked());
 }
 
 // Each group names a hundred more by long names. A server that sends much does not read meanwhile.

@@ -1,6 +1,7 @@
 #include "win32/directory/look_ahead.h"
 
 #include <algorithm>
+#include <set>
 #include <utility>
 
 #include "win32/directory/directory_text.h"
@@ -21,6 +22,7 @@ constexpr size_t MaxSentBytes = 16384;             // of them: a server that sen
 constexpr size_t MaxBatch = 32;                    // groups found with one search; twice as many are under way
 constexpr size_t FirstBatch = 8;                   // with the first of several: the sooner there is work on some
 constexpr size_t OneBatch = 2 * FirstBatch;        // so many are not worth two
+constexpr size_t MostTold = FirstBatch + MaxBatch;  // that are read as such: all are under way at once
 constexpr unsigned UsualLevels = 3;                // of groups in one another
 constexpr size_t FewGroups = 4;                    // at such a level
 constexpr const char* AllGroups = "tokenGroups";   // an object's security groups and theirs, as binary SIDs
@@ -148,13 +150,16 @@ HRESULT LOOK_AHEAD::Take(OPEN_CONNECTION& asked, const std::string& dn, DIRECTOR
 }
 
 // The reading of that DN: one of which nothing else is known may be among the told, whose DNs come with their answers.
+// What is under way now is waited for, and nothing that is sent meanwhile.
 HRESULT LOOK_AHEAD::AwaitTold(OPEN_CONNECTION& asked, const std::string& dn, READING*& reading) {
-    while (&asked == readsOn && told > 0 && reading->sid.empty() && reading->state == READING::STATE::WAITING) {
-        std::optional<int> first;
-        for (const auto& [number, search] : sent)
-            if (search.batch[0]->isTold && (!first || number < *first)) first = number;
-        if (!first) break;
-        const HRESULT result = asked.ldap.Await(*first);
+    const auto mayBeAmongThem = [&] { return reading->sid.empty() && reading->state == READING::STATE::WAITING; };
+    if (&asked != readsOn || told == 0 || !mayBeAmongThem()) return S_OK;
+    std::set<int> underWay;
+    for (const auto& [number, search] : sent)
+        if (search.batch[0]->isTold) underWay.insert(number);
+    for (const int number : underWay) {
+        if (!mayBeAmongThem()) break;
+        const HRESULT result = asked.ldap.Await(number);
         if (FAILED(result)) return result;
         reading = names.at(dn);
     }
@@ -170,7 +175,7 @@ HRESULT LOOK_AHEAD::AwaitReading(OPEN_CONNECTION& asked, READING& reading) {
     }
     if (reading.state == READING::STATE::WAITING && (!isReading || !Send({&reading}))) {
         reading.state = READING::STATE::OVER;
-        told -= reading.isTold ? 1 : 0;
+        if (isReading && reading.isTold) --told;
     }
     return isReading && reading.state == READING::STATE::SENT ? asked.ldap.Await(reading.number) : S_OK;
 }
@@ -371,15 +376,18 @@ void LOOK_AHEAD::AddAllGroups(const std::vector<DIRECTORY_ENTRY>& found) {
     if (sids == nullptr) return;
     BATCH added;
     for (const bool isBuiltin : {true, false})  // of those the primary group is in one, as a rule, and comes first
-        for (const std::string& sid : *sids) {
-            if (sid.starts_with(BuiltinSids) != isBuiltin || !SID_VALUE::FromBytes(sid)) continue;
-            READING* const group = Add(SidDn(sid), SidDn(sid), below, 1, &added);
-            if (group == nullptr || group->state != READING::STATE::WAITING || group->isTold) continue;
-            group->isTold = true;
-            ++told;
-        }
-    waiting.insert(waiting.end(), added.begin(), added.end());
+        for (const std::string& sid : *sids)
+            if (sid.starts_with(BuiltinSids) == isBuiltin && SID_VALUE::FromBytes(sid))
+                Add(SidDn(sid), SidDn(sid), below, 1, &added);
     report.isDeep = added.size() > UsualLevels;
+    BATCH alike = added;
+    if (waiting.size() <= FewGroups)  // with which they are found together
+        for (READING* const group : waiting)
+            if (group->state == READING::STATE::WAITING && !group->sid.empty()) alike.push_back(group);
+    waiting.insert(waiting.end(), added.begin(), added.end());
+    if (alike.size() > MostTold) return;
+    for (READING* const group : alike) group->isTold = true;
+    told = alike.size();
 }
 
 }  // namespace win32

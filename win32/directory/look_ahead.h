@@ -8,8 +8,9 @@
 // Those whose SIDs the server has told are found by these, up to 32 with one search: a search costs a domain controller
 // as much as a few entries of it. Where groups are nested deeper than most are, each level would be known only when the
 // one before it has arrived; there the server is asked for the SIDs of all that the user belongs to, and if that has
-// paid for one report, at once for the next. Such groups are read without the SIDs of those that they are in, which
-// cost a domain controller as much again: these are among them, or wait until the last of them has arrived.
+// paid for one report, at once for the next. Such groups, where they are not many, are read without the SIDs of those
+// that they are in, which cost a domain controller as much again: these are among them, or wait until the last of them
+// has arrived. By its DN alone a group is taken for what the server says it is, as when it is asked for by itself.
 //
 // An answer serves one report: it is dropped with the object that led to it or, before there is one, with the next
 // question. What does not arrive this way, or arrives as a failure, is asked for by itself, as if nothing had been
@@ -79,7 +80,7 @@ private:
         std::string dn;         // as it was named first: a DN, or SidDn of a group that is known by its SID alone
         std::string sid;        // SidDn; empty: not known
         std::string domain;     // the DN below which it is found by its SID
-        bool isTold = false;    // the server has told its SID with those of all groups
+        bool isTold = false;    // its SID was told with those of all groups, and is read as such
         unsigned level = 0;     // how many searches one after another led to it
         int number = 0;         // of its search, while it is SENT
         DIRECTORY_ENTRY entry;  // when it has ARRIVED
