@@ -23,9 +23,9 @@ constexpr size_t MaxBatch = 32;                    // groups found with one sear
 constexpr size_t FirstBatch = 8;                   // with the first of several: the sooner there is work on some
 constexpr size_t OneBatch = 2 * FirstBatch;        // so many are not worth two
 constexpr size_t MostTold = FirstBatch + MaxBatch;  // that are read as such: all are under way at once
-constexpr unsigned UsualLevels = 3;                // of groups in one another
-constexpr size_t FewGroups = 4;                    // at such a level
-constexpr const char* AllGroups = "tokenGroups";   // an object's security groups and theirs, as binary SIDs
+constexpr unsigned UsualLevels = 3;                 // of groups in one another
+constexpr size_t FewGroups = 4;                     // at such a level
+constexpr const char* AllGroups = "tokenGroups";    // an object's security groups and theirs, as binary SIDs
 
 constexpr unsigned MaxNotOpened = 4;                      // of a report one name is opened, others are not
 constexpr std::chrono::milliseconds ServesAgainFor{100};  // a report has less between its first two questions

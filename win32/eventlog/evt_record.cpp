@@ -41,7 +41,8 @@ size_t CountNuls(const BYTE* bytes, size_t count) {
     constexpr uint64_t Even = 0x0000FFFF0000FFFF;
     uint64_t halves[2];
     std::memcpy(halves, &sums, sizeof(halves));
-    const uint64_t pairs = (halves[0] & Even) + (halves[0] >> 16 & Even) + (halves[1] & Even) + (halves[1] >> 16 & Even);
+    const uint64_t pairs =
+        (halves[0] & Even) + (halves[0] >> 16 & Even) + (halves[1] & Even) + (halves[1] >> 16 & Even);
     return (pairs & MAXDWORD) + (pairs >> 32);
 }
 
