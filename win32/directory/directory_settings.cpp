@@ -188,15 +188,15 @@ LOOKED_AT_FILE& LdifFile() {
     return file;
 }
 
-DIRECTORY_BACKEND BackendBy(const BACKEND_SETTINGS& settings, const std::string& root) {
-    if (settings.chosen) return *settings.chosen;
+// Where no setting names one.
+DIRECTORY_BACKEND BackendFound(const BACKEND_SETTINGS& settings, const std::string& root) {
     if (LdifFile().Identity(root)) return DIRECTORY_BACKEND::LDIF;
     return settings.serverNamed ? DIRECTORY_BACKEND::LDAP : DIRECTORY_BACKEND::NONE;
 }
 
 }  // namespace
 
-// Asked for several times in every report: by what it depends on it is known that it is still the same.
+// Asked for several times in every report: what was found last holds as long as the marks of both files do.
 DIRECTORY_BACKEND ConfiguredBackend() {
     struct LOOK {
         const std::string* root = nullptr;
@@ -210,7 +210,7 @@ DIRECTORY_BACKEND ConfiguredBackend() {
     LOOK look{&root, LinuxSettingsMark(root), LdifFile().Mark()};  // marked before it is looked at
     const BACKEND_SETTINGS& settings = Current(ReadBackendSettings, root);
     if (settings.chosen) look.ldif = look.settings;  // the file decides nothing
-    look.found = BackendBy(settings, root);
+    look.found = settings.chosen ? *settings.chosen : BackendFound(settings, root);
     last = std::move(look);
     return last.found;
 }
