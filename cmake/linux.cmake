@@ -18,7 +18,7 @@ target_include_directories(windows_headers SYSTEM INTERFACE ${PROJECT_SOURCE_DIR
 
 # The layer: its folders call each other, and so are one library. Its own headers, win32/FOLDER/..., are not for the
 # levels of src/.
-set(layer_folders text sync files registry eventlog services security directory sockets)
+set(layer_folders text memory sync files registry eventlog services security directory sockets)
 set(layer_headers ${PROJECT_BINARY_DIR}/levels/layer)
 file(MAKE_DIRECTORY ${layer_headers})
 file(CREATE_LINK ${PROJECT_SOURCE_DIR}/win32 ${layer_headers}/win32 SYMBOLIC)

@@ -213,6 +213,14 @@ LCID WINAPI GetThreadLocale();
 #define LPTR (LMEM_FIXED | LMEM_ZEROINIT)
 HLOCAL WINAPI LocalAlloc(UINT flags, SIZE_T bytes);
 HLOCAL WINAPI LocalFree(HLOCAL memory);  // null on success
+#define MEM_COMMIT 0x00001000
+#define MEM_RESERVE 0x00002000
+#define MEM_RELEASE 0x00008000
+#define PAGE_READWRITE 0x04
+// Pages of zeros to read and write, anywhere: the address null, the type MEM_RESERVE | MEM_COMMIT, the protection
+// PAGE_READWRITE. Null: the last error.
+LPVOID WINAPI VirtualAlloc(LPVOID address, SIZE_T bytes, DWORD type, DWORD protection);
+BOOL WINAPI VirtualFree(LPVOID address, SIZE_T bytes, DWORD type);  // the whole: bytes 0, type MEM_RELEASE
 
 // ---- Time ---------------------------------------------------------------------------------------------------------
 
