@@ -6,7 +6,6 @@
 //
 // Handlers run as in the agent: a real session over loopback to a server that only answers, the log file on.
 #include <arpa/inet.h>
-#include <malloc.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
@@ -18,6 +17,7 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <memory>
 #include <random>
 #include <string>
@@ -45,6 +45,14 @@ constexpr DWORD Few = Sizes[0];
 
 double Seconds(std::chrono::steady_clock::time_point since) {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - since).count();
+}
+
+// What the process has in memory of its own.
+double MemoryBytes() {
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);)
+        if (line.starts_with("RssAnon:")) return std::stod(line.substr(line.find_first_of("0123456789"))) * 1024;
+    return 0;
 }
 
 std::u16string Wide(const std::string& text) { return {text.begin(), text.end()}; }
@@ -183,12 +191,10 @@ int main() {
         BYTE net = 11;
         for (DWORD size : Sizes) {
             const DWORD from = size == Few ? 0 : size / 10;
-            const struct mallinfo2 before = mallinfo2();
+            const double before = MemoryBytes();
             const DWORD had = log.Identities().Logons().Count();
             Fill(log, from, size);
-            const struct mallinfo2 after = mallinfo2();
-            perIdentity = static_cast<double>(after.uordblks + after.hblkhd - before.uordblks - before.hblkhd) /
-                          static_cast<double>(log.Identities().Logons().Count() - had);
+            perIdentity = (MemoryBytes() - before) / static_cast<double>(log.Identities().Logons().Count() - had);
             const double repeated = Measure(log, Repeated(size));
             if (size == Few) {
                 repeatedFew = repeated;

@@ -47,7 +47,7 @@ keldwick_level(state FOLDER service LINKS agent_platform FILES command_line debu
 keldwick_level(directory FOLDER directory LINKS agent_state)
 keldwick_level(component FOLDER component LINKS agent_state)
 keldwick_level(protocol FOLDER protocol LINKS agent_directory agent_component)
-keldwick_level(identity_tables FOLDER identity LINKS agent_protocol FILES identities identity_file identity_tables)
+keldwick_level(identity_tables FOLDER identity LINKS agent_protocol FILES identities identity_file identity_tables logon_index)
 keldwick_level(eventlog FOLDER eventlog LINKS agent_identity_tables PRIVATE record_dump)
 keldwick_level(identity_handlers FOLDER identity LINKS agent_eventlog PRIVATE logon_steps
   FILES account_logon handlers local_logon logon logon_steps logon_strings service_ticket)

@@ -1,7 +1,6 @@
 #include "identity/identity_tables.h"
 
-#include <cstring>
-#include <random>
+#include <utility>
 
 #include "platform/string.h"
 
@@ -9,24 +8,10 @@ namespace keldwick {
 
 namespace {
 
-constexpr size_t FirstBucketCount = 64;
+STORED_ADDRESS Stored(const IP_ADDRESS& address) { return {AddressVersion(address), AddressBytes(address)}; }
 
-constexpr DWORD AddressLengthOf(BYTE version) { return version == 4 ? 4 : 16; }
-
-uint64_t RandomSeed() {
-    std::random_device device;
-    return static_cast<uint64_t>(device()) << 32 | device();
-}
-
-// Mixes one word in. Which words fall together depends on the state before, and so on the seed.
-uint64_t Mix(uint64_t state, uint64_t word) {
-    state = (state ^ word) * 0x9E3779B97F4A7C15u;  // 2^64 divided by the golden ratio
-    return state ^ state >> 32;
-}
-
-bool HasAddress(const LOGON_ENTRY& entry, BYTE version, const BYTE* bytes) {
-    return entry.request.AddressVersion() == version &&
-           std::memcmp(entry.request.AddressBytes(), bytes, AddressLengthOf(version)) == 0;
+STORED_ADDRESS AddressOf(const LOGON_ENTRY* entry) {
+    return {entry->request.AddressVersion(), entry->request.AddressBytes()};
 }
 
 size_t KeyOf(const WCHAR* userName, const WCHAR* ipAddress) {
@@ -37,14 +22,11 @@ size_t KeyOf(const WCHAR* userName, const WCHAR* ipAddress) {
 
 // ---- Logons ----
 
-LOGON_TABLE::LOGON_TABLE() : seed(RandomSeed()) {}
-
 LOGON_TABLE::~LOGON_TABLE() { Clear(); }
 
 LOGON_ENTRY* LOGON_TABLE::Find(const IP_ADDRESS& address) const {
-    const BYTE version = AddressVersion(address);
-    const BYTE* const bytes = AddressBytes(address);
-    return version != 0 && bytes != nullptr ? Head(version, bytes) : nullptr;
+    const LOGON_INDEX::SLOT* const slot = index.Find(Stored(address));
+    return slot != nullptr ? slot->entry : nullptr;
 }
 
 LOGON_ENTRY* LOGON_TABLE::Append() {
@@ -59,18 +41,31 @@ LOGON_ENTRY* LOGON_TABLE::Append() {
 }
 
 void LOGON_TABLE::Index(LOGON_ENTRY* entry) {
-    const BYTE* const bytes = entry->request.AddressBytes();
-    if (bytes == nullptr || entry->nextSame != nullptr) return;
-    LOGON_ENTRY* const head = Head(entry->request.AddressVersion(), bytes);
-    if (head == nullptr) {
+    const STORED_ADDRESS address = AddressOf(entry);
+    if (address.version == 0 || entry->nextSame != nullptr) return;
+    const LOGON_INDEX::SLOT* const slot = index.Find(address);
+    if (slot == nullptr) {
         entry->nextSame = entry->previousSame = entry;
-        LinkHead(entry);
+        index.Put(address, entry, entry->request.UserName());
         return;
     }
-    entry->nextSame = head;
-    entry->previousSame = head->previousSame;
+    entry->nextSame = slot->entry;
+    entry->previousSame = slot->entry->previousSame;
     entry->previousSame->nextSame = entry;
-    head->previousSame = entry;
+    slot->entry->previousSame = entry;
+}
+
+void LOGON_TABLE::Unindex(LOGON_ENTRY* entry) {
+    if (entry->nextSame == nullptr) return;
+    const STORED_ADDRESS address = AddressOf(entry);
+    if (entry->nextSame == entry) {
+        index.Remove(address);
+    } else if (index.Find(address)->entry == entry) {
+        index.Put(address, entry->nextSame, entry->nextSame->request.UserName());
+    }
+    entry->previousSame->nextSame = entry->nextSame;
+    entry->nextSame->previousSame = entry->previousSame;
+    entry->nextSame = nullptr;
 }
 
 void LOGON_TABLE::Remove(LOGON_ENTRY* entry) {
@@ -82,7 +77,32 @@ void LOGON_TABLE::Remove(LOGON_ENTRY* entry) {
     delete entry;
 }
 
-void LOGON_TABLE::Renew(LOGON_ENTRY* entry) { entry->logonTime = TIME_STAMP::Now(); }
+bool LOGON_TABLE::Renew(const IP_ADDRESS& address, const STRING& userName) {
+    const STORED_ADDRESS stored = Stored(address);
+    index.Expect(stored);
+    const FILETIME now = TIME_STAMP::Now().FileTime();
+    LOGON_INDEX::SLOT* const slot = index.Find(stored);
+    if (slot == nullptr) return false;
+    if (!slot->HasName(userName) && !slot->entry->request.HasUserName(userName)) return false;
+    slot->renewed = now;
+    renewed = true;
+    return true;
+}
+
+// Gives the entries the logon times that the index has for them.
+void LOGON_TABLE::Settle() const {
+    if (!renewed) return;
+    index.ForEach([](LOGON_INDEX::SLOT& slot) {
+        if (slot.renewed.dwHighDateTime == 0) return;
+        slot.entry->logonTime = TIME_STAMP::FromFileTime(std::exchange(slot.renewed, {}));
+    });
+    renewed = false;
+}
+
+LOGON_ENTRY* LOGON_TABLE::First() const {
+    Settle();
+    return first;
+}
 
 void LOGON_TABLE::Clear() {
     changes += count;
@@ -93,72 +113,8 @@ void LOGON_TABLE::Clear() {
     }
     last = nullptr;
     count = 0;
-    buckets.reset();
-    bucketCount = headCount = 0;
-}
-
-// ---- The index of the logons ----
-
-size_t LOGON_TABLE::BucketOf(BYTE version, const BYTE* bytes) const {
-    uint64_t hash = Mix(seed, version);
-    const DWORD length = AddressLengthOf(version);
-    for (DWORD i = 0; i < length; i += sizeof(DWORD)) {
-        DWORD word;
-        std::memcpy(&word, bytes + i, sizeof(word));
-        hash = Mix(hash, word);
-    }
-    return static_cast<size_t>(hash) & (bucketCount - 1);
-}
-
-// The oldest indexed entry of that address.
-LOGON_ENTRY* LOGON_TABLE::Head(BYTE version, const BYTE* bytes) const {
-    if (bucketCount == 0) return nullptr;
-    LOGON_ENTRY* entry = buckets[BucketOf(version, bytes)];
-    while (entry != nullptr && !HasAddress(*entry, version, bytes)) entry = entry->nextInBucket;
-    return entry;
-}
-
-void LOGON_TABLE::LinkHead(LOGON_ENTRY* entry) {
-    if (headCount >= bucketCount) GrowBuckets();
-    LOGON_ENTRY*& bucket = buckets[BucketOf(entry->request.AddressVersion(), entry->request.AddressBytes())];
-    entry->nextInBucket = bucket;
-    entry->heads = true;
-    bucket = entry;
-    ++headCount;
-}
-
-void LOGON_TABLE::UnlinkHead(LOGON_ENTRY* entry) {
-    LOGON_ENTRY** link = &buckets[BucketOf(entry->request.AddressVersion(), entry->request.AddressBytes())];
-    while (*link != entry) link = &(*link)->nextInBucket;
-    *link = entry->nextInBucket;
-    entry->heads = false;
-    --headCount;
-}
-
-void LOGON_TABLE::Unindex(LOGON_ENTRY* entry) {
-    if (entry->nextSame == nullptr) return;
-    if (entry->heads) {
-        UnlinkHead(entry);
-        if (entry->nextSame != entry) LinkHead(entry->nextSame);
-    }
-    entry->previousSame->nextSame = entry->nextSame;
-    entry->nextSame->previousSame = entry->previousSame;
-    entry->nextSame = nullptr;
-}
-
-void LOGON_TABLE::GrowBuckets() {
-    const size_t oldCount = bucketCount;
-    const std::unique_ptr<LOGON_ENTRY*[]> old = std::move(buckets);
-    bucketCount = oldCount == 0 ? FirstBucketCount : 2 * oldCount;
-    buckets = std::make_unique<LOGON_ENTRY*[]>(bucketCount);
-    headCount = 0;
-    for (size_t i = 0; i < oldCount; ++i) {
-        for (LOGON_ENTRY* entry = old[i]; entry != nullptr;) {
-            LOGON_ENTRY* const next = entry->nextInBucket;
-            LinkHead(entry);
-            entry = next;
-        }
-    }
+    index.Clear();
+    renewed = false;
 }
 
 // ---- Service tickets ----

@@ -10,6 +10,7 @@
 #include <memory>
 #include <unordered_map>
 
+#include "identity/logon_index.h"
 #include "platform/ip_address.h"
 #include "platform/string.h"
 #include "platform/time_stamp.h"
@@ -22,7 +23,7 @@ namespace keldwick {
 // A logon that the identity server has accepted, or one that is just being reported.
 class LOGON_ENTRY {
 public:
-    TIME_STAMP logonTime;      // the time-to-live counts from here
+    TIME_STAMP logonTime;      // the time-to-live counts from here; right once First has been asked for
     TIME_STAMP heartbeatTime;  // of the creation or of the last heartbeat
     IDENTITY_REQUEST request;
 
@@ -30,16 +31,14 @@ private:
     friend class LOGON_TABLE;
     LOGON_ENTRY* previous = nullptr;  // in insertion order
     LOGON_ENTRY* next = nullptr;
-    // Entries of one address form a ring, oldest first; only the oldest stands in its bucket's chain.
-    LOGON_ENTRY* nextSame = nullptr;  // null: not in the index
+    // Entries of one address form a ring, oldest first; the index has the oldest.
+    LOGON_ENTRY* nextSame = nullptr;  // null: in no ring
     LOGON_ENTRY* previousSame = nullptr;
-    LOGON_ENTRY* nextInBucket = nullptr;
-    bool heads = false;  // stands in a bucket's chain
 };
 
 class LOGON_TABLE {
 public:
-    LOGON_TABLE();
+    LOGON_TABLE() = default;
     ~LOGON_TABLE();
     LOGON_TABLE(const LOGON_TABLE&) = delete;
     LOGON_TABLE& operator=(const LOGON_TABLE&) = delete;
@@ -59,30 +58,26 @@ public:
 
     void Clear();
 
-    // Starts the entry's time-to-live again.
-    void Renew(LOGON_ENTRY* entry);
+    // Starts again the time-to-live of the entry that Find gives, if that is the user's, ignoring case; false: it is
+    // not, or there is none.
+    bool Renew(const IP_ADDRESS& address, const STRING& userName);
 
     DWORD Count() const { return count; }
     ULONGLONG Changes() const { return changes; }  // entries that came or went, ever
-    LOGON_ENTRY* First() const { return first; }   // the oldest; null: the table is empty
+    // The oldest; null: the table is empty. The logon times of all entries are right from here on until the next Renew.
+    LOGON_ENTRY* First() const;
     static LOGON_ENTRY* Next(const LOGON_ENTRY* entry) { return entry->next; }
 
 private:
-    size_t BucketOf(BYTE version, const BYTE* bytes) const;
-    LOGON_ENTRY* Head(BYTE version, const BYTE* bytes) const;
-    void LinkHead(LOGON_ENTRY* entry);
-    void UnlinkHead(LOGON_ENTRY* entry);
     void Unindex(LOGON_ENTRY* entry);
-    void GrowBuckets();
+    void Settle() const;
 
     LOGON_ENTRY* first = nullptr;
     LOGON_ENTRY* last = nullptr;
     DWORD count = 0;
     ULONGLONG changes = 0;
-    std::unique_ptr<LOGON_ENTRY*[]> buckets;
-    size_t bucketCount = 0;  // a power of two, or 0
-    size_t headCount = 0;    // addresses in the index
-    const uint64_t seed;     // random, so that an attacker cannot choose addresses that share a bucket
+    LOGON_INDEX index;
+    mutable bool renewed = false;  // there are logon times in the index that the entries have not got
 };
 
 // ---- Service tickets ----

@@ -10,13 +10,12 @@ bool ParseEventAddress(const DEBUG_PREFIX& handler, const WCHAR* ipText, IP_ADDR
 
 bool RenewOrReplace(LOGON_TABLE& logons, const IP_ADDRESS& address, const WCHAR* ipText, const STRING& userName) {
     constexpr DEBUG_PREFIX handler(TEXT("Do_EVENT_ACCOUNT_LOGON:"));  // whichever handler it is
-    LOGON_ENTRY* const known = logons.Find(address);
-    if (known == nullptr) return false;
-    if (known->request.HasUserName(userName)) {
-        logons.Renew(known);
+    if (logons.Renew(address, userName)) {
         handler.Print(TEXT(" Reset TTL,\n    User name = \"%s\",\n    IP Address = \"%s\""), userName, ipText);
         return true;
     }
+    LOGON_ENTRY* const known = logons.Find(address);
+    if (known == nullptr) return false;
     handler.Print(TEXT(" User name changed \n    from \"%s\" to \"%s\" for IP address %s"), known->request.UserName(),
                   userName, ipText);
     IdentityReportLogoff(known->request);

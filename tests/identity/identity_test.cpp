@@ -177,8 +177,14 @@ TEST_F(IDENTITY_LIST, GrowsOlderRatherThanWriteMoreBytes) {
         }
     };
     const auto replace = [&] { logons.Remove(logons.First()), logons.Append(); };
-    const auto renew = [&] { logons.Renew(logons.First()); };
-    while (logons.Count() < 1000) logons.Append();
+    IP_ADDRESS address;
+    const STRING user(u"CORP\\ann");
+    ASSERT_TRUE(ParseAddress(address, u"10.0.0.1"));
+    const auto renew = [&] { EXPECT_TRUE(logons.Renew(address, user)); };
+    while (logons.Count() < 999) logons.Append();
+    LOGON_ENTRY* const entry = logons.Append();
+    ASSERT_TRUE(entry->request.Encode(address, {user, {}, {}}, {}, {}));
+    logons.Index(entry);
     followWhile(renew);
     ASSERT_EQ(seconds / 60, writes);  // who is where has not changed
     followWhile(replace);
@@ -191,53 +197,120 @@ TEST_F(IDENTITY_LIST, GrowsOlderRatherThanWriteMoreBytes) {
     EXPECT_GE(writes, 1u);
 }
 
-IP_ADDRESS Address(const WCHAR* text) {
+// ---- The tables ----
+
+IP_ADDRESS Address(const std::u16string& text) {
     IP_ADDRESS address;
-    EXPECT_TRUE(ParseAddress(address, text));
+    EXPECT_TRUE(ParseAddress(address, text.c_str()));
     return address;
 }
 
-// An entry whose request holds nothing but the address, or nothing for an empty text.
-LOGON_ENTRY* Add(LOGON_TABLE& table, const WCHAR* text) {
-    LOGON_ENTRY* const entry = table.Append();
-    if (*text != 0) {
-        const IP_ADDRESS address = Address(text);
-        HEAP_BUFFER& request = entry->request.request;
-        EXPECT_TRUE(request.Resize(1 + AddressLength(address)));
-        request.Data()[0] = AddressVersion(address);
-        std::copy_n(AddressBytes(address), AddressLength(address), request.Data() + 1);
-        entry->request.addressPosition = 0;
-    }
-    table.Index(entry);
-    return entry;
-}
+// A table beside a plain list of what it holds.
+class LOGONS : public AGENT {
+protected:
+    struct HELD {
+        std::u16string address, user;
+        LOGON_ENTRY* entry;
+        VIRTUAL_CLOCK::TIME logon;
+    };
 
-// Adds and removes at random among few addresses, so that many are held twice, and compares every answer.
-TEST(LogonTableTest, TheFirstInInsertionOrderIsFoundAfterAnyChange) {
-    std::minstd_rand random(1);
-    const WCHAR* const addresses[] = {u"10.0.0.1", u"10.0.0.2", u"a00:1::", u"fe80::1", u""};
-    LOGON_TABLE table;
-    std::list<std::pair<const WCHAR*, LOGON_ENTRY*>> reference;
-    for (int step = 0; step < 20000; ++step) {
-        const WCHAR* const address = addresses[random() % std::size(addresses)];
-        if (reference.size() < 40 && random() % 2 == 0) {
-            reference.emplace_back(address, Add(table, address));
-        } else if (!reference.empty()) {
-            const auto removed = std::next(reference.begin(), static_cast<long>(random() % reference.size()));
-            table.Remove(removed->second);
-            reference.erase(removed);
+    // As a report leaves it; without an address nothing was encoded.
+    void Add(const std::u16string& address, const std::u16string& user) {
+        LOGON_ENTRY* const entry = table.Append();
+        if (!address.empty()) {
+            EXPECT_TRUE(entry->request.Encode(Address(address), {STRING(user.c_str()), {}, {}}, {}, {}));
         }
-        ASSERT_EQ(reference.size(), table.Count());
+        table.Index(entry);
+        held.push_back({address, user, entry, clock.Now()});
+    }
+    std::list<HELD>::iterator FirstAt(const std::u16string& address) {
+        return std::find_if(held.begin(), held.end(), [&](const HELD& each) { return each.address == address; });
+    }
+    void ExpectFound(const std::u16string& address) {
+        if (address.empty()) return;
+        const auto first = FirstAt(address);
+        ASSERT_EQ(first == held.end() ? nullptr : first->entry, table.Find(Address(address)));
+    }
+    // In the order in which they came, each with its time.
+    void ExpectAll() const {
+        ASSERT_EQ(held.size(), table.Count());
         const LOGON_ENTRY* listed = table.First();
-        for (const auto& [wanted, entry] : reference) {
-            ASSERT_EQ(entry, listed);
+        for (const HELD& each : held) {
+            ASSERT_EQ(each.entry, listed);
+            ASSERT_EQ(each.logon, listed->logonTime.Units());
             listed = LOGON_TABLE::Next(listed);
         }
         ASSERT_EQ(nullptr, listed);
-        if (*address == 0) continue;
-        const auto first =
-            std::find_if(reference.begin(), reference.end(), [&](const auto& held) { return held.first == address; });
-        ASSERT_EQ(first == reference.end() ? nullptr : first->second, table.Find(Address(address))) << step;
+    }
+
+    LOGON_TABLE table;
+    std::list<HELD> held;
+};
+
+// Among so few addresses that many are held twice and lie in one another's places.
+TEST_F(LOGONS, TheFirstInInsertionOrderIsFoundAndRenewedAfterAnyChange) {
+    std::minstd_rand random(1);
+    const std::u16string users[] = {u"CORP\\ann", u"CORP\\J\u00fcrgen", u"CORP\\\u0141ukasz", u""};
+    std::vector<std::u16string> addresses = {u""};
+    for (int i = 0; i < 80; ++i) {
+        const std::string number = std::to_string(i);
+        const std::u16string wide(number.begin(), number.end());
+        addresses.insert(addresses.end(), {u"10.0.0." + wide, u"a00:" + wide + u"::", u"fe80::" + wide});
+    }
+    for (int step = 0; step < 30000; ++step) {
+        SCOPED_TRACE(step);
+        const std::u16string& address = addresses[random() % addresses.size()];
+        const std::u16string& user = users[random() % std::size(users)];
+        clock.Set(clock.Now() + 1);
+        if (random() % 2 == 0 && !address.empty()) {
+            const auto known = FirstAt(address);
+            const bool same = known != held.end() && known->user == user;
+            ASSERT_EQ(same, table.Renew(Address(address), STRING(user.c_str())));
+            if (same) known->logon = clock.Now();
+        } else if (random() % 400 > held.size()) {
+            Add(address, user);
+        } else if (!held.empty()) {
+            const auto removed = std::next(held.begin(), static_cast<long>(random() % held.size()));
+            const std::u16string freed = removed->address;
+            table.Remove(removed->entry);
+            held.erase(removed);
+            ExpectFound(freed);
+        }
+        ExpectFound(address);
+        if (step % 100 == 0) ExpectAll();
+        if (step == 20000) table.Clear(), held.clear();
+    }
+    for (const std::u16string& address : addresses) ExpectFound(address);
+}
+
+TEST_F(LOGONS, AUserIsTheSameWhateverTheNamesCaseLengthAndLetters) {
+    const std::u16string a29(29, u'a'), a30(30, u'a'), a300(300, u'a');
+    const struct {
+        std::u16string held, asked;
+        bool same;
+    } cases[] = {{u"CORP\\Ann", u"CORP\\Ann", true},
+                 {u"CORP\\Ann", u"corp\\aNN", true},
+                 {u"CORP\\Ann", u"CORP\\Anna", false},
+                 {u"CORP\\Ann", u"CORP\\An", false},
+                 {u"CORP\\Ann", u"", false},
+                 {u"", u"", true},
+                 {u"J\u00fcrgen", u"J\u00fcrgen", true},
+                 {u"J\u00fcrgen", u"J\u00dcRGEN", true},
+                 {u"J\u00fcrgen", u"J\u01fcrgen", false},  // as low bytes these are alike
+                 {u"\u01fc", u"\u00fc", false},
+                 {u"\u0141ukasz", u"\u0142ukasz", true},
+                 {a30, a30, true},
+                 {a29, a30, false},
+                 {a30, a30 + u"b", false},
+                 {a30 + u"b", a30 + u"b", true},
+                 {a30 + u"b", a30 + u"c", false},
+                 {a300, a300, true},
+                 {a300, a300.substr(256), false}};  // nor by a length's low byte
+    for (const auto& c : cases) {
+        SCOPED_TRACE(&c - cases);
+        Add(u"10.0.0.1", c.held);
+        EXPECT_EQ(c.same, table.Renew(Address(u"10.0.0.1"), STRING(c.asked.c_str())));
+        table.Clear();
     }
 }
 
