@@ -1,6 +1,8 @@
 #include "identity/logon_index.h"
 
+#include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <new>
 #include <random>
 #include <utility>
@@ -34,22 +36,16 @@ STORED_ADDRESS::STORED_ADDRESS(BYTE addressVersion, const BYTE* addressBytes) {
 }
 
 bool LOGON_INDEX::SLOT::HasName(const STRING& userName) const {
-    if (nameLength != userName.Length()) return false;
-    const WCHAR* const text = userName.Text();
-    for (DWORD i = 0; i < nameLength; ++i)
-        if (text[i] != name[i]) return false;
-    return true;
+    const TEXT_VIEW text = userName.View();
+    return nameLength != NotHeld && std::equal(text.begin(), text.end(), name, name + nameLength);
 }
 
 void LOGON_INDEX::SLOT::SetName(const STRING& userName) {
-    nameLength = NotHeld;
-    if (userName.Length() > sizeof(name)) return;
-    for (DWORD i = 0; i < userName.Length(); ++i) {
-        const WCHAR unit = userName.Text()[i];
-        if (unit > 0xFF) return;
-        name[i] = static_cast<BYTE>(unit);
-    }
-    nameLength = static_cast<BYTE>(userName.Length());
+    const TEXT_VIEW text = userName.View();
+    const bool fits = text.size() <= std::size(name) &&
+                      std::all_of(text.begin(), text.end(), [](WCHAR unit) { return unit <= 0xFF; });
+    nameLength = fits ? static_cast<BYTE>(text.size()) : NotHeld;
+    if (fits) std::transform(text.begin(), text.end(), name, [](WCHAR unit) { return static_cast<BYTE>(unit); });
 }
 
 LOGON_INDEX::LOGON_INDEX() : seed(RandomSeed()) {}
