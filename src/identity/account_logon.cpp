@@ -94,11 +94,12 @@ STRING ComputerNameOf(const REPLACEMENT_STRINGS& strings) {
 void Do_EVENT_ACCOUNT_LOGON(const EVENTLOGRECORD& record, EVENT_LOG& log, const REPLACEMENT_STRINGS& strings) {
     if (!IsOwnLogon(record, strings)) return;
     const WCHAR* const ipText = strings[LOGON::IpAddress];
+    LOGON_TABLE& logons = log.Identities().Logons();
+    logons.Expect(ipText);
     IP_ADDRESS address;
     if (!ParseEventAddress(Logon, ipText, address)) return;
     if (IsLoopback(address)) return Logon.Print(TEXT("\n    Ignoring loopback IP address = %s"), ipText);
     const STRING userName = QualifiedName(strings[LOGON::TargetDomainName], strings[LOGON::TargetUserName]);
-    LOGON_TABLE& logons = log.Identities().Logons();
     if (RenewOrReplace(logons, address, ipText, userName)) return;
 
     NEW_LOGON logon(logons);  // its times are those of now, however long the name of the address takes

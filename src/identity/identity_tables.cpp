@@ -10,6 +10,19 @@ namespace {
 
 STORED_ADDRESS Stored(const IP_ADDRESS& address) { return {AddressVersion(address), AddressBytes(address)}; }
 
+// Of a text "a.b.c.d" in decimal, or none. No more than a guess at what the system makes of the text.
+STORED_ADDRESS PlainAddress(const WCHAR* text) {
+    BYTE bytes[4];
+    for (BYTE& byte : bytes) {
+        ULONGLONG value = 0;
+        const WCHAR* const end = ReadDigits(text, 10, value);
+        if (end == text || value > 0xFF || *end != (&byte == bytes + 3 ? 0 : TEXT('.'))) return {};
+        byte = static_cast<BYTE>(value);
+        text = end + 1;
+    }
+    return {4, bytes};
+}
+
 STORED_ADDRESS AddressOf(const LOGON_ENTRY* entry) {
     return {entry->request.AddressVersion(), entry->request.AddressBytes()};
 }
@@ -23,6 +36,8 @@ size_t KeyOf(const WCHAR* userName, const WCHAR* ipAddress) {
 // ---- Logons ----
 
 LOGON_TABLE::~LOGON_TABLE() { Clear(); }
+
+void LOGON_TABLE::Expect(const WCHAR* ipText) const { index.Expect(PlainAddress(ipText)); }
 
 LOGON_ENTRY* LOGON_TABLE::Find(const IP_ADDRESS& address) const {
     const LOGON_INDEX::SLOT* const slot = index.Find(Stored(address));
@@ -78,10 +93,8 @@ void LOGON_TABLE::Remove(LOGON_ENTRY* entry) {
 }
 
 bool LOGON_TABLE::Renew(const IP_ADDRESS& address, const STRING& userName) {
-    const STORED_ADDRESS stored = Stored(address);
-    index.Expect(stored);
-    const FILETIME now = TIME_STAMP::Now().FileTime();
-    LOGON_INDEX::SLOT* const slot = index.Find(stored);
+    const FILETIME now = TIME_STAMP::Now().FileTime();  // first: to read the clock would wait for the slot
+    LOGON_INDEX::SLOT* const slot = index.Find(Stored(address));
     if (slot == nullptr) return false;
     if (!slot->HasName(userName) && !slot->entry->request.HasUserName(userName)) return false;
     slot->renewed = now;

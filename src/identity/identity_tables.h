@@ -46,6 +46,10 @@ public:
     // The oldest entry whose stored address equals the given one, or null. Entries not yet in the index are not found.
     LOGON_ENTRY* Find(const IP_ADDRESS& address) const;
 
+    // Asks memory for what the table has of an address, which is looked for soon. Of any text: what is no address of
+    // version 4 in its usual form does nothing.
+    void Expect(const WCHAR* ipText) const;
+
     // A new last entry, both times now, its request empty. The table owns it.
     LOGON_ENTRY* Append();
 

@@ -89,10 +89,11 @@ void Do_EVENT_LOGON(const EVENTLOGRECORD&, EVENT_LOG& log, const REPLACEMENT_STR
     const WCHAR* const ipText = strings[LOGON::SourceAddress];
     const WCHAR* const logonId = strings[LOGON::LogonId];
     if (EqualsText(ipText, NothingGiven)) return Logon.Print(TEXT(" No IP Address."));
+    IDENTITIES& identities = log.Identities();
+    identities.Logons().Expect(ipText);
     IP_ADDRESS address;
     if (!ParseEventAddress(Logon, ipText, address)) return;
     const STRING userName = QualifiedName(strings[LOGON::DomainName], strings[LOGON::UserName]);
-    IDENTITIES& identities = log.Identities();
     if (RenewOrReplace(identities.Logons(), address, ipText, userName)) return;
     SERVICE_TICKET_ENTRY* const ticket = identities.Tickets().Find(userName.Text(), ipText);
     if (ticket == nullptr)

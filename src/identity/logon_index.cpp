@@ -70,7 +70,7 @@ size_t LOGON_INDEX::PlaceOf(const STORED_ADDRESS& address) const {
 }
 
 void LOGON_INDEX::Expect(const STORED_ADDRESS& address) const {
-    if (count != 0) __builtin_prefetch(&Slot(HomeOf(address)));
+    if (count != 0 && address.version != 0) __builtin_prefetch(&Slot(HomeOf(address)));
 }
 
 LOGON_INDEX::SLOT* LOGON_INDEX::Find(const STORED_ADDRESS& address) const {
