@@ -51,7 +51,8 @@ void LOGON_INDEX::SLOT::SetName(const STRING& userName) {
 LOGON_INDEX::LOGON_INDEX() : seed(RandomSeed()) {}
 
 // By words of 32 bits: a product of 64 carries each of their bits into its upper half, and that falls on the lower one,
-// of which the place is taken. So addresses that follow one another lie apart.
+// of which the place is taken. The seed comes in once more at the end: what addresses that differ little have in common
+// then does not show in their places.
 size_t LOGON_INDEX::HomeOf(const STORED_ADDRESS& address) const {
     uint64_t hash = Mix(seed, address.version);
     for (DWORD i = 0; i < LengthOf(address.version); i += sizeof(DWORD)) {
@@ -59,7 +60,7 @@ size_t LOGON_INDEX::HomeOf(const STORED_ADDRESS& address) const {
         std::memcpy(&word, address.bytes + i, sizeof(word));
         hash = Mix(hash, word);
     }
-    return static_cast<size_t>(hash) & (count - 1);
+    return static_cast<size_t>(Mix(hash, seed)) & (count - 1);
 }
 
 // Where the address is, or else the free slot where it would be. There must be slots.

@@ -321,6 +321,32 @@ TEST_F(LOGONS, AUserIsTheSameWhateverTheNamesCaseLengthAndLetters) {
     }
 }
 
+// Else a look-up would walk over many: a table with so few of its places in use has no long row of them.
+TEST(LogonIndexTest, AddressesThatDifferLittleLieApart) {
+    constexpr int count = 800, longest = 100;
+    const std::pair<BYTE, int> counters[] = {{4, 3}, {4, 1}, {6, 15}, {6, 8}, {6, 5}};  // version, the byte that counts
+    for (const auto& [version, low] : counters) {
+        SCOPED_TRACE(low);
+        LOGON_INDEX index;
+        LOGON_ENTRY entry;
+        for (int i = 0; i < count; ++i) {
+            BYTE bytes[16] = {10, 0, 0, 1};
+            bytes[low] = static_cast<BYTE>(i);
+            bytes[low - 1] = static_cast<BYTE>(i >> 8);
+            index.Put({version, bytes}, &entry, STRING());
+        }
+        int row = 0, slots = 0;
+        const LOGON_INDEX::SLOT* last = nullptr;
+        index.ForEach([&](const LOGON_INDEX::SLOT& slot) {
+            row = last != nullptr && &slot == last + 1 ? row + 1 : 1;
+            last = &slot;
+            ++slots;
+            ASSERT_LT(row, longest);
+        });
+        EXPECT_EQ(count, slots);
+    }
+}
+
 TEST(ServiceTicketTableTest, TheOldestTicketIsFoundIgnoringCase) {
     SERVICE_TICKET_TABLE table;
     SERVICE_TICKET_ENTRY* const first = table.Append(STRING(u"CORP\\Jürgen"), STRING(u"CORP\\A"), u"fe80::AB");
