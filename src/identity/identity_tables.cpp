@@ -93,11 +93,10 @@ void LOGON_TABLE::Remove(LOGON_ENTRY* entry) {
 }
 
 bool LOGON_TABLE::Renew(const IP_ADDRESS& address, const STRING& userName) {
-    const FILETIME now = TIME_STAMP::Now().FileTime();  // first: to read the clock would wait for the slot
     LOGON_INDEX::SLOT* const slot = index.Find(Stored(address));
     if (slot == nullptr) return false;
     if (!slot->HasName(userName) && !slot->entry->request.HasUserName(userName)) return false;
-    slot->renewed = now;
+    slot->renewed = TIME_STAMP::Now().FileTime();
     renewed = true;
     return true;
 }

@@ -1,6 +1,7 @@
 #include "identity/logon_index.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstring>
 #include <iterator>
 #include <new>
@@ -50,9 +51,9 @@ void LOGON_INDEX::SLOT::SetName(const STRING& userName) {
 
 LOGON_INDEX::LOGON_INDEX() : seed(RandomSeed()) {}
 
-// By words of 32 bits: a product of 64 carries each of their bits into its upper half, and that falls on the lower one,
-// of which the place is taken. The seed comes in once more at the end: what addresses that differ little have in common
-// then does not show in their places.
+// By words of 32 bits, each of whose bits a product of 64 carries into its upper half. The seed comes in once more at
+// the end: what addresses that differ little have in common then does not show in their places. The place is the upper
+// bits, so that a table that grows is filled in the order of its places.
 size_t LOGON_INDEX::HomeOf(const STORED_ADDRESS& address) const {
     uint64_t hash = Mix(seed, address.version);
     for (DWORD i = 0; i < LengthOf(address.version); i += sizeof(DWORD)) {
@@ -60,7 +61,7 @@ size_t LOGON_INDEX::HomeOf(const STORED_ADDRESS& address) const {
         std::memcpy(&word, address.bytes + i, sizeof(word));
         hash = Mix(hash, word);
     }
-    return static_cast<size_t>(Mix(hash, seed)) & (count - 1);
+    return static_cast<size_t>(Mix(hash, seed) >> std::countl_zero(uint64_t{count} - 1));
 }
 
 // Where the address is, or else the free slot where it would be. There must be slots.
