@@ -380,6 +380,16 @@ std::string DirectorySocket() {
     return path;
 }
 
+// As the agent does: whoever does not follow the settings has to look at their file before each question.
+void FollowSettings() {
+    static keldwick::REG_KEY key;
+    static const HANDLE changed = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+    if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, keldwick::SettingsKeyPath, 0, KEY_READ, key.Put()) != ERROR_SUCCESS ||
+        RegNotifyChangeKeyValue(key.Get(), FALSE, REG_NOTIFY_CHANGE_LAST_SET, changed, TRUE) != ERROR_SUCCESS) {
+        Fail("its own settings cannot be followed");
+    }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -409,6 +419,7 @@ int main(int argc, char** argv) {
             const std::pair<std::string, std::chrono::microseconds> ways[] = {{direct, {}}, {root + "/relay", Delay}};
             for (const auto& [path, delay] : ways) {
                 UseSettings(root, SocketUri(path));
+                FollowSettings();
                 CompareWithBareLoop(user, SocketUri(path), delay, effort);
             }
         }
