@@ -7,7 +7,6 @@
 
 #include <cstddef>
 #include <list>
-#include <memory>
 #include <unordered_map>
 
 #include "identity/logon_index.h"

@@ -82,19 +82,23 @@ LOGON_INDEX::SLOT* LOGON_INDEX::Find(const STORED_ADDRESS& address) const {
 }
 
 void LOGON_INDEX::Put(const STORED_ADDRESS& address, LOGON_ENTRY* entry, const STRING& userName) {
-    if (4 * used >= 3 * count) Grow();
-    SLOT& slot = Slot(PlaceOf(address));
-    if (slot.entry == nullptr) ++used;
-    slot.entry = entry;
-    slot.renewed = {};
-    slot.address = address;
-    slot.SetName(userName);
+    SLOT* slot = Find(address);
+    if (slot == nullptr) {
+        if (4 * used >= 3 * count) Grow();
+        slot = &Slot(PlaceOf(address));
+        ++used;
+    }
+    slot->entry = entry;
+    slot->renewed = {};
+    slot->address = address;
+    slot->SetName(userName);
 }
 
 // What would not be found behind the free slot moves into it.
 void LOGON_INDEX::Remove(const STORED_ADDRESS& address) {
-    if (Find(address) == nullptr) return;
-    size_t gap = PlaceOf(address);
+    const SLOT* const slot = Find(address);
+    if (slot == nullptr) return;
+    auto gap = static_cast<size_t>(slot - slots.Get());
     for (size_t at = After(gap); Slot(at).entry != nullptr; at = After(at)) {
         const size_t fromHome = (at - HomeOf(Slot(at).address)) & (count - 1);
         const size_t fromGap = (at - gap) & (count - 1);

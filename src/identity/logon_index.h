@@ -51,7 +51,7 @@ public:
     // The slot of the address, or null. It stays valid until the next change of the index.
     SLOT* Find(const STORED_ADDRESS& address) const;
 
-    // Puts the entry there for the address, in place of the one that was, if any.
+    // Puts the entry there for the address, in place of the one that was, if any, which needs no memory.
     void Put(const STORED_ADDRESS& address, LOGON_ENTRY* entry, const STRING& userName);
 
     // Takes out the entry of the address, if there is one.

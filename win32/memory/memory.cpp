@@ -12,7 +12,6 @@ namespace {
 
 constexpr size_t HugePage = size_t{2} << 20;
 
-// Before each area lies a page with the length of its mapping, from that page to the area's end.
 size_t PageSize() {
     static const auto size = static_cast<size_t>(sysconf(_SC_PAGESIZE));
     return size;
@@ -34,8 +33,8 @@ HLOCAL WINAPI LocalFree(HLOCAL memory) {
     return nullptr;
 }
 
-// The kernel is asked for huge pages in a large area, and each must begin at a multiple of its size. What the mapping
-// has beside the area is given back.
+// Before each area lies a page with the length of both. The kernel is asked for huge pages in a large area, and each
+// must begin at a multiple of its size. What the mapping has beside that is given back.
 LPVOID WINAPI VirtualAlloc(LPVOID address, SIZE_T bytes, DWORD type, DWORD protection) {
     if (address != nullptr || bytes == 0 || type != (MEM_RESERVE | MEM_COMMIT) || protection != PAGE_READWRITE) {
         return win32::NullWith(ERROR_INVALID_PARAMETER);
