@@ -1,4 +1,4 @@
-// Memory by the page.
+// Memory by the page, as the kernel gives it.
 #include <fcntl.h>
 #include <unistd.h>
 
